@@ -1,0 +1,95 @@
+#include "Bench.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include <cJSON.h>
+#include <windows.h>
+
+namespace {
+
+bool Meets(double value, const std::string &goal) {
+    std::istringstream words(goal);
+    std::string comparison;
+    double bound = 0;
+    words >> comparison >> bound;
+    if (comparison == "<=")
+        return value <= bound;
+    if (comparison == "<")
+        return value < bound;
+    if (comparison == ">=")
+        return value >= bound;
+    return false;
+}
+
+}  // namespace
+
+double Now() {
+    LARGE_INTEGER frequency;
+    LARGE_INTEGER count;
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&count);
+    return static_cast<double>(count.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+std::vector<double> MedianTimes(int rounds, const std::vector<std::function<double()>> &jobs) {
+    std::vector<std::vector<double>> times(jobs.size());
+    for (int round = -1; round < rounds; ++round)
+        for (std::size_t job = 0; job < jobs.size(); ++job) {
+            const double time = jobs[job]();
+            if (round >= 0)
+                times[job].push_back(time);
+        }
+    std::vector<double> medians;
+    for (std::vector<double> &all : times) {
+        const auto middle = all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2);
+        std::nth_element(all.begin(), middle, all.end());
+        std::printf("# %.2f ms\n", *middle * 1e3);
+        medians.push_back(*middle);
+    }
+    return medians;
+}
+
+void Report::Add(const std::string &row, double value, const std::string &unit, const std::string &goal) {
+    m_rows.push_back({row, value, unit, goal, Meets(value, goal)});
+}
+
+void Report::Add(const std::string &row, double value, const std::string &unit) {
+    m_rows.push_back({row, value, unit, "", true});
+}
+
+void Report::Print() const {
+    std::size_t width = 0;
+    for (const Row &row : m_rows)
+        width = std::max(width, row.row.size());
+    for (const Row &row : m_rows)
+        std::printf("%-*s  %10.3f %-22s %-8s %s\n", static_cast<int>(width), row.row.c_str(), row.value,
+                    row.unit.c_str(), row.goal.c_str(),
+                    row.goal.empty() ? ""
+                    : row.met        ? "met"
+                                     : "NOT MET");
+}
+
+bool Report::WriteJson(const std::string &path) const {
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> array(cJSON_CreateArray(), &cJSON_Delete);
+    for (const Row &row : m_rows) {
+        cJSON *const object = cJSON_CreateObject();
+        cJSON_AddItemToArray(array.get(), object);
+        cJSON_AddStringToObject(object, "row", row.row.c_str());
+        cJSON_AddNumberToObject(object, "value", row.value);
+        cJSON_AddStringToObject(object, "unit", row.unit.c_str());
+        cJSON_AddStringToObject(object, "goal", row.goal.c_str());
+        cJSON_AddBoolToObject(object, "met", row.met);
+    }
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_Print(array.get()), &cJSON_free);
+    std::ofstream file(path, std::ios::binary);
+    file << text.get() << '\n';
+    return static_cast<bool>(file.flush());
+}
+
+bool Report::AllMet() const {
+    return std::all_of(m_rows.begin(), m_rows.end(), [](const Row &row) { return row.met; });
+}

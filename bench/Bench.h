@@ -1,0 +1,39 @@
+// What benchmarks share: timing, medians, and the report with its goals.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// Seconds on the processor's steady counter.
+double Now();
+
+/// How long each call of the jobs takes, in seconds: the jobs take turns, `rounds` times after one
+/// round to warm up, and the median of each is the result.
+std::vector<double> MedianTimes(int rounds, const std::vector<std::function<double()>> &jobs);
+
+/// The rows of a run. Every row is a ratio of two figures of the same run, or says that it is not.
+class Report {
+public:
+    /// A row with a goal.
+    /// @param goal  a comparison such as "<= 2.5".
+    void Add(const std::string &row, double value, const std::string &unit, const std::string &goal);
+    /// A row that is told only.
+    void Add(const std::string &row, double value, const std::string &unit);
+
+    /// Prints the rows as a table.
+    void Print() const;
+    /// Writes the rows as a JSON array. @return false when the file can't be written.
+    bool WriteJson(const std::string &path) const;
+    bool AllMet() const;
+
+private:
+    struct Row {
+        std::string row;
+        double value;
+        std::string unit;
+        std::string goal;
+        bool met;
+    };
+    std::vector<Row> m_rows;
+};

@@ -1,0 +1,173 @@
+#include "ConnMetricsBench.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Clock.h"
+#include "ConnMetricsFloor.h"
+#include "FunctionSet.h"
+#include "LuaBench.h"
+
+namespace {
+
+constexpr int kRounds = 15;
+
+// Keys and texts of the shape that scripts give: a kind of connection, and what is known of it.
+constexpr const char *kTraffic = R"(
+    local function key(i) return ('198.51.100.%d:%d|service-%05d.exe'):format(i % 254 + 1, 1024 + i % 500, i) end
+    local function text(i)
+        return ('flags\t%d\npid\t%d\ndst_port\t%d\ntls_version\t771\ncipher\t%d\ncontainer_type\t0\n' ..
+            'process\tservice-%05d.exe\nserver\thost-%d.example.org'):format(i % 4096, i, i % 65536, 49195 + i % 9, i, i % 700)
+    end
+    keys, texts = {}, {}
+    for i = 1, 15000 do keys[i], texts[i] = key(i), text(i) end
+    -- the order in which connections come is not the order of the keys
+    math.randomseed(7)
+    order = {}
+    for i = 1, 10000 do order[i] = i end
+    for i = 10000, 2, -1 do local j = math.random(i) order[i], order[j] = order[j], order[i] end
+    shuffled = {}
+    for i = 1, 10000 do shuffled[i] = keys[order[i]] end
+    function fill(add, first, last) for i = first, last do add(keys[i], texts[i], 1) end end
+)";
+
+/// The module in a Lua state, with a clock that is put forward by hand.
+class ModuleBench {
+public:
+    ModuleBench() : m_core(std::make_shared<Simulator::Core>()), m_functions(m_core) {
+        Simulator::InstallClock(m_functions, m_core->clock);
+        m_core->clock.Step();
+        lua.Run("package.cpath = '.\\\\?.dll' require 'fc' f = SLB.filter");
+        m_functions.Attach(GetModuleHandleW(L"fc.dll"), {"_time64"});
+        lua.Run("peer = dofile 'ConnMetricsPeer.lua'");
+        lua_register(lua, "read_only", ReadArgumentsOnly);
+        lua_register(lua, "prepare", PrepareRows);
+        lua_register(lua, "build", BuildPreparedRows);
+        lua.Run(kTraffic);
+    }
+
+    void LetTheFoldComeDue() { m_core->clock.Advance(std::chrono::seconds(61)); }
+
+    void Fold() {
+        LetTheFoldComeDue();
+        lua.Run("f.UpdateConnMetrics()");
+    }
+
+    void Empty() {
+        Fold();
+        lua.Run("f.GetConnMetrics()");
+    }
+
+    LuaBench lua;
+
+private:
+    std::shared_ptr<Simulator::Core> m_core;
+    Simulator::FunctionSet m_functions;
+};
+
+void BenchPresentKeys(ModuleBench &bench, Report &report) {
+    bench.Empty();
+    bench.lua.Run("fill(f.AddToConnMetrics, 1, 10000) fill(peer.add, 1, 10000)");
+    const auto loop = [&bench](const std::string &function) {
+        return bench.lua.Time(
+            "local add, keys, text = " + function +
+            ", shuffled, texts[1] for _ = 1, 20 do for i = 1, 10000 do add(keys[i], text, 1) end end");
+    };
+    const auto times = MedianTimes(kRounds, {[&] { return loop("f.AddToConnMetrics"); },
+                                             [&] { return loop("peer.add"); }, [&] { return loop("read_only"); }});
+    report.Add("AddToConnMetrics, present key of 10,000, to pure Lua", times[0] / times[1], "time ratio", "< 1");
+    report.Add("AddToConnMetrics, present key of 10,000, to reading the arguments", times[0] / times[2], "time ratio",
+               "<= 2.5");
+    bench.Empty();
+}
+
+void BenchNewKeys(ModuleBench &bench, Report &report) {
+    const auto times = MedianTimes(kRounds, {[&] {
+                                                 bench.Empty();
+                                                 return bench.lua.Time("fill(f.AddToConnMetrics, 1, 10000)");
+                                             },
+                                             [&] {
+                                                 bench.lua.Run("peer.clear()");
+                                                 return bench.lua.Time("fill(peer.add, 1, 10000)");
+                                             }});
+    report.Add("AddToConnMetrics, new keys up to 10,000, to pure Lua", times[0] / times[1], "time ratio", "<= 3");
+    bench.Empty();
+}
+
+struct PlainValue {
+    std::wstring text;
+    std::uint32_t count;
+};
+using PlainMap = std::map<std::wstring, PlainValue>;
+
+PlainMap PlainEntries(ModuleBench &bench, int first, int last) {
+    PlainMap map;
+    lua_State *const L = bench.lua;
+    for (int i = first; i <= last; ++i) {
+        lua_getglobal(L, "keys");
+        lua_rawgeti(L, -1, i);
+        lua_getglobal(L, "texts");
+        lua_rawgeti(L, -1, i);
+        const std::string key = lua_tostring(L, -3);
+        const std::string text = lua_tostring(L, -1);
+        lua_pop(L, 4);
+        map.emplace(std::wstring(key.begin(), key.end()), PlainValue{std::wstring(text.begin(), text.end()), 1});
+    }
+    return map;
+}
+
+/// The merge as it is told: look up, add or insert a copy while there is room, then empty the source.
+double TimePlainMerge(PlainMap merged, PlainMap staging) {
+    const double start = Now();
+    for (const auto &[key, value] : staging) {
+        const auto found = merged.find(key);
+        if (found != merged.end())
+            found->second.count += value.count;
+        else if (merged.size() < 10000)
+            merged.emplace(key, value);
+    }
+    staging.clear();
+    return Now() - start;
+}
+
+void BenchFold(ModuleBench &bench, Report &report) {
+    const PlainMap plainMerged = PlainEntries(bench, 1, 10000);
+    const PlainMap plainStaging = PlainEntries(bench, 5001, 15000);
+    const auto times = MedianTimes(kRounds, {[&] {
+                                                 bench.Empty();
+                                                 bench.lua.Run("fill(f.AddToConnMetrics, 1, 10000)");
+                                                 bench.Fold();
+                                                 bench.lua.Run("fill(f.AddToConnMetrics, 5001, 15000)");
+                                                 bench.LetTheFoldComeDue();
+                                                 return bench.lua.Time("f.UpdateConnMetrics()");
+                                             },
+                                             [&] { return TimePlainMerge(plainMerged, plainStaging); }});
+    report.Add("UpdateConnMetrics, 10,000 onto 10,000, to plain std::map", times[0] / times[1], "time ratio", "<= 1.5");
+    bench.Empty();
+}
+
+void BenchRows(ModuleBench &bench, Report &report) {
+    bench.lua.Run("peer.clear() fill(peer.add, 1, 10000) prepare(peer.rows())");
+    const auto times = MedianTimes(kRounds, {[&] {
+                                                 bench.lua.Run("fill(f.AddToConnMetrics, 1, 10000)");
+                                                 bench.Fold();
+                                                 return bench.lua.Time("assert(#f.GetConnMetrics() == 10000)");
+                                             },
+                                             [&] { return bench.lua.Time("assert(#peer.rows() == 10000)"); },
+                                             [&] { return bench.lua.Time("assert(#build() == 10000)"); }});
+    report.Add("GetConnMetrics, 10,000 rows, pure Lua to it", times[1] / times[0], "times faster", ">= 4");
+    report.Add("GetConnMetrics, 10,000 rows, to building them from ready values", times[0] / times[2], "time ratio",
+               "<= 1.6");
+}
+
+}  // namespace
+
+void BenchConnMetrics(Report &report) {
+    ModuleBench bench;
+    BenchPresentKeys(bench, report);
+    BenchNewKeys(bench, report);
+    BenchFold(bench, report);
+    BenchRows(bench, report);
+}

@@ -1,0 +1,53 @@
+#include "LuaBench.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "Bench.h"
+
+namespace {
+
+void Load(lua_State *L, const std::string &code) {
+    if (luaL_loadbuffer(L, code.data(), code.size(), "=bench") == LUA_OK)
+        return;
+    std::fprintf(stderr, "bench: %s\n", lua_tostring(L, -1));
+    std::exit(2);
+}
+
+void Call(lua_State *L, int results) {
+    if (lua_pcall(L, 0, results, 0) == LUA_OK)
+        return;
+    std::fprintf(stderr, "bench: %s\n", lua_tostring(L, -1));
+    std::exit(2);
+}
+
+}  // namespace
+
+LuaBench::LuaBench() : m_state(luaL_newstate()) {
+    luaL_openlibs(m_state);
+}
+
+void LuaBench::Run(const std::string &code) {
+    Load(m_state, code);
+    Call(m_state, 0);
+}
+
+double LuaBench::Time(const std::string &code) {
+    Load(m_state, code);
+    lua_gc(m_state, LUA_GCCOLLECT, 0);
+    // Where in a job the collector comes by depends on what else is alive, not on the job.
+    lua_gc(m_state, LUA_GCSTOP, 0);
+    const double start = Now();
+    Call(m_state, 0);
+    const double time = Now() - start;
+    lua_gc(m_state, LUA_GCRESTART, 0);
+    return time;
+}
+
+double LuaBench::Number(const std::string &expression) {
+    Load(m_state, "return " + expression);
+    Call(m_state, 1);
+    const double number = lua_tonumber(m_state, -1);
+    lua_pop(m_state, 1);
+    return number;
+}

@@ -1,0 +1,28 @@
+// Measuring in a Lua state: the same loop around different functions.
+#pragma once
+
+#include <string>
+
+#include <lua.hpp>
+
+#include "BlockPool.h"
+
+class LuaBench {
+public:
+    LuaBench();
+    ~LuaBench() { lua_close(m_state); }
+    LuaBench(const LuaBench &) = delete;
+    LuaBench &operator=(const LuaBench &) = delete;
+
+    operator lua_State *() const { return m_state; }
+
+    /// Runs code; an error ends the program with its message.
+    void Run(const std::string &code);
+    /// Seconds that a chunk takes with the garbage collector at rest; what came before is collected first.
+    double Time(const std::string &code);
+    double Number(const std::string &expression);
+
+private:
+    BlockPool m_pool;  ///< Outlives the state.
+    lua_State *m_state;
+};

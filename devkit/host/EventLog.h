@@ -1,0 +1,48 @@
+// What the agent would do with traces, events and notifications: here they are printed and kept.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "vta_core_control.h"
+
+/// An agent event or a notification. All texts are UTF-8.
+struct HostEvent {
+    enum class Kind { Event, UserNotification, RebootNotification };
+    Kind kind;
+    int number;  ///< Of the event; severity of a user notification; reason of a reboot notification.
+    int logId;   ///< Of an event that was logged, else 0.
+    std::string format;
+    std::string text;
+    std::string detail;
+};
+
+/// Lower case, as scripts and the events file have it.
+const char *KindName(HostEvent::Kind kind);
+
+/// Prints to the standard error output and keeps all events. Any thread.
+class EventLog : public VtaCore::Control::Observer {
+public:
+    /// @param print  also print what happens.
+    void SetPrinting(bool print) { m_print = print; }
+
+    void OnTrace(const VtaCore::Control::TraceLine &trace) override;
+    void OnEvent(const VtaCore::Control::Event &event) override;
+    void OnNotification(const VtaCore::Control::Notification &notification) override;
+
+    std::vector<HostEvent> All() const;
+    /// Those that no earlier call has returned.
+    std::vector<HostEvent> TakeNew();
+
+    /// All events as a JSON array.
+    std::string AsJson() const;
+
+private:
+    void Keep(HostEvent event);
+
+    bool m_print = true;
+    mutable std::mutex m_lock;
+    std::vector<HostEvent> m_events;
+    std::size_t m_taken = 0;
+};

@@ -1,0 +1,195 @@
+// The driver behind the stand-in for vti, for scripts.
+#include "HostState.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "LuaEdge.h"
+#include "vti_control.h"
+
+namespace {
+
+// The fields of host.driver.
+
+bool PushBoolean(lua_State *L, bool value) {
+    lua_pushboolean(L, value ? 1 : 0);
+    return true;
+}
+
+bool PushNumber(lua_State *L, int value) {
+    lua_pushinteger(L, value);
+    return true;
+}
+
+/// Works on the driver under its lock. The work must not raise Lua errors.
+template <typename Work>
+auto WithDriver(const Work &work) {
+    const std::lock_guard<std::mutex> guard(Vti::Lock());
+    return work(Vti::TheDriver());
+}
+
+bool PushCalls(lua_State *L) {
+    const std::vector<std::string> calls = WithDriver([](const Vti::Driver &driver) { return driver.calls; });
+    return PushProtected(L, [&calls](lua_State *state) {
+        lua_createtable(state, static_cast<int>(calls.size()), 0);
+        int index = 0;
+        for (const std::string &call : calls) {
+            lua_pushlstring(state, call.data(), call.size());
+            lua_rawseti(state, -2, ++index);
+        }
+    });
+}
+
+bool PushVersion(lua_State *L) {
+    const std::string version = WithDriver([](const Vti::Driver &driver) { return driver.version; });
+    return PushText(L, version);
+}
+
+template <typename Value>
+Value Read(Value Vti::Driver::*field) {
+    return WithDriver([field](const Vti::Driver &driver) { return driver.*field; });
+}
+
+void SetFlag(lua_State *L, bool Vti::Driver::*field) {
+    luaL_checktype(L, 3, LUA_TBOOLEAN);
+    const bool value = lua_toboolean(L, 3) != 0;
+    WithDriver([field, value](Vti::Driver &driver) { driver.*field = value; });
+}
+
+struct Field {
+    const char *name;
+    bool (*push)(lua_State *L);  ///< False where it has left an error on the stack.
+    void (*set)(lua_State *L);   ///< From the value at index 3; null where it can only be read.
+};
+
+constexpr Field kFields[] = {
+    {"present", [](lua_State *L) { return PushBoolean(L, Read(&Vti::Driver::present)); },
+     [](lua_State *L) { SetFlag(L, &Vti::Driver::present); }},
+    {"available", [](lua_State *L) { return PushBoolean(L, Read(&Vti::Driver::available)); },
+     [](lua_State *L) { SetFlag(L, &Vti::Driver::available); }},
+    {"version", PushVersion,
+     [](lua_State *L) {
+         const std::string_view version = CheckText(L, 3);
+         WithDriver([version](Vti::Driver &driver) { driver.version = version; });
+     }},
+    {"open_handles", [](lua_State *L) { return PushNumber(L, Read(&Vti::Driver::openHandles)); }, nullptr},
+    {"trace_level", [](lua_State *L) { return PushNumber(L, Read(&Vti::Driver::traceLevel)); }, nullptr},
+    {"calls", PushCalls, nullptr},
+};
+
+const Field &FindField(lua_State *L) {
+    const char *name = luaL_checkstring(L, 2);
+    for (const Field &field : kFields)
+        if (std::strcmp(field.name, name) == 0)
+            return field;
+    luaL_error(L, "host.driver has no field '%s'", name);
+    return kFields[0];  // not reached: luaL_error does not return
+}
+
+int GetField(lua_State *L) {
+    return FindField(L).push(L) ? 1 : lua_error(L);
+}
+
+int SetField(lua_State *L) {
+    const Field &field = FindField(L);
+    if (field.set == nullptr)
+        return luaL_error(L, "host.driver.%s can only be read", field.name);
+    field.set(L);
+    return 0;
+}
+
+// Its functions.
+
+/// The index of a filter variable at the stack index 1.
+std::size_t CheckVariable(lua_State *L) {
+    const lua_Integer index = luaL_checkinteger(L, 1);
+    luaL_argcheck(L, index >= 0 && index < 174, 1, "filter variables have the numbers 0 to 173");
+    return static_cast<std::size_t>(index);
+}
+
+/// The number at the index, rounded down, from 0 to the limit.
+double CheckCount(lua_State *L, int index, double limit) {
+    const lua_Number number = std::floor(luaL_checknumber(L, index));
+    luaL_argcheck(L, number >= 0 && number <= limit, index, "number out of range");
+    return number;
+}
+
+/// Lua: value = host.driver.get_variable(index)
+int GetVariable(lua_State *L) {
+    const std::size_t index = CheckVariable(L);
+    lua_pushnumber(L, WithDriver([index](const Vti::Driver &driver) { return driver.variables[index]; }));
+    return 1;
+}
+
+/// Lua: host.driver.set_variable(index, value)
+int SetVariable(lua_State *L) {
+    const std::size_t index = CheckVariable(L);
+    const auto value = static_cast<std::uint32_t>(CheckCount(L, 2, 4294967295.0));
+    WithDriver([index, value](Vti::Driver &driver) { driver.variables[index] = value; });
+    return 0;
+}
+
+/// Lua: host.driver.set_counters{c1, ..., c10}. What a monitored port has counted; missing ones are 0.
+int SetCounters(lua_State *L) {
+    constexpr double maxExact = 9007199254740992.0;  // 2 to the power of 53
+    luaL_checktype(L, 1, LUA_TTABLE);
+    std::array<std::uint64_t, 10> counters{};
+    luaL_argcheck(L, lua_rawlen(L, 1) <= counters.size(), 1, "at most ten counters");
+    for (std::size_t i = 0; i < lua_rawlen(L, 1); ++i) {
+        lua_rawgeti(L, 1, static_cast<int>(i + 1));
+        counters[i] = static_cast<std::uint64_t>(CheckCount(L, -1, maxExact));
+        lua_pop(L, 1);
+    }
+    WithDriver([&counters](Vti::Driver &driver) { driver.scanCounters = counters; });
+    return 0;
+}
+
+/// Lua: host.driver.set_fault(operation, status, text). The operation fails until clear_faults.
+int SetFault(lua_State *L) {
+    const std::string_view operation = CheckText(L, 1);
+    const auto status = static_cast<std::int32_t>(luaL_checkinteger(L, 2));
+    const std::string_view text = CheckText(L, 3);
+    WithDriver([&](Vti::Driver &driver) {
+        driver.faults[std::string(operation)] = {status, std::string(text), -1, 0};
+    });
+    return 0;
+}
+
+/// Lua: host.driver.clear_faults()
+int ClearFaults(lua_State *) {
+    WithDriver([](Vti::Driver &driver) { driver.faults.clear(); });
+    return 0;
+}
+
+/// Lua: host.driver.trace(level, source, file, line, text). The library traces a line.
+int TraceLine(lua_State *L) {
+    const auto level = static_cast<std::int32_t>(luaL_checkinteger(L, 1));
+    const char *source = luaL_checkstring(L, 2);
+    const char *file = luaL_checkstring(L, 3);
+    const auto line = static_cast<std::int32_t>(luaL_checkinteger(L, 4));
+    const char *text = luaL_checkstring(L, 5);
+    Vti::Trace(level, source, file, line, text);
+    return 0;
+}
+
+}  // namespace
+
+void AddDriverFunctions(lua_State *L, HostState &host) {
+    constexpr luaL_Reg driverFunctions[] = {
+        {"get_variable", GetVariable},
+        {"set_variable", SetVariable},
+        {"set_counters", SetCounters},
+        {"set_fault", SetFault},
+        {"clear_faults", ClearFaults},
+        {"trace", TraceLine},
+        {nullptr, nullptr},
+    };
+    constexpr luaL_Reg fieldFunctions[] = {{"__index", GetField}, {"__newindex", SetField}, {nullptr, nullptr}};
+
+    lua_newtable(L);
+    AddFunctions(L, host, driverFunctions);
+    lua_newtable(L);
+    AddFunctions(L, host, fieldFunctions);
+    lua_setmetatable(L, -2);
+    lua_setfield(L, -2, "driver");
+}

@@ -1,0 +1,43 @@
+// What the host program holds for a script, and how it comes into the global table `host`.
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include <lua.hpp>
+
+#include "Clock.h"
+#include "EventLog.h"
+#include "Options.h"
+#include "ZipFile.h"
+#include "vta_core.h"
+
+struct HostState {
+    Options options;
+    EventLog events;
+    Clock clock;
+    std::unique_ptr<VtaCore::CDom> dom;
+    std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
+};
+
+/// The state, in a function that AddFunctions has registered.
+inline HostState &HostOf(lua_State *L) {
+    return *static_cast<HostState *>(lua_touserdata(L, lua_upvalueindex(1)));
+}
+
+/// Adds functions to the table on top of the stack.
+/// @param functions  ends with a null entry.
+void AddFunctions(lua_State *L, HostState &host, const luaL_Reg *functions);
+
+// Each adds its subject's functions to the table on top of the stack.
+void AddDomFunctions(lua_State *L, HostState &host);
+void AddDriverFunctions(lua_State *L, HostState &host);
+void AddHandleFunctions(lua_State *L, HostState &host);
+void AddZipFunctions(lua_State *L, HostState &host);
+void AddJsonFunctions(lua_State *L, HostState &host);
+void AddClockFunctions(lua_State *L, HostState &host);
+void AddEventFunctions(lua_State *L, HostState &host);
+
+/// Makes the global table `host`, lets require find the modules beside the program, and opens files
+/// by names in UTF-8. Raises Lua errors.
+void OpenHostTable(lua_State *L, HostState &host);

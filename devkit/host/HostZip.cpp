@@ -1,0 +1,63 @@
+// Diagnostic packages, for scripts.
+#include "HostState.h"
+
+#include "LuaEdge.h"
+#include "Text.h"
+#include "slb3_control.h"
+
+namespace {
+
+constexpr const char *kZipTypeName = "SLB.wx.ZipOutputStream";
+
+/// Opens the package and keeps it; null when its file can't be made.
+VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path) {
+    std::unique_ptr<ZipFile> zip = ZipFile::Create(wxString(ToWide(path)));
+    if (zip == nullptr)
+        return nullptr;
+    VtaCore::CZipOutputStream *stream = &zip->Stream();
+    host.zips[stream] = std::move(zip);
+    return stream;
+}
+
+/// The object that a userdata of the binder holds; null for anything else, and when it is gone.
+const void *ObjectOf(lua_State *L, int index) {
+    const auto *instance = static_cast<const SLB3::SlbInstance *>(lua_touserdata(L, index));
+    if (instance == nullptr || lua_rawlen(L, index) < sizeof *instance || instance->resolve == nullptr)
+        return nullptr;
+    const SLB3::SlbInstanceView view{instance, instance + 1};
+    return instance->resolve(&view);
+}
+
+/// Lua: zip = host.zip(path). A new zip file, for the module's functions that write a package.
+int NewZip(lua_State *L) {
+    const std::string_view path = CheckText(L, 1);
+    VtaCore::CZipOutputStream *stream = OpenZip(HostOf(L), path);
+    if (stream == nullptr)
+        return luaL_error(L, "cannot write %s", path.data());
+    SLB3::Control::PushInstance(L, kZipTypeName, stream);
+    return 1;
+}
+
+/// Lua: host.close_zip(zip). Ends the file; zips that are still open are ended with the program.
+int CloseZip(lua_State *L) {
+    HostState &host = HostOf(L);
+    const auto open = host.zips.find(ObjectOf(L, 1));
+    luaL_argcheck(L, open != host.zips.end(), 1, "an open zip of host.zip expected");
+    SLB3::Control::ForgetObject(L, 1);
+    const bool closed = open->second->Close();
+    host.zips.erase(open);
+    if (!closed)
+        return luaL_error(L, "the zip could not be written completely");
+    return 0;
+}
+
+}  // namespace
+
+void AddZipFunctions(lua_State *L, HostState &host) {
+    constexpr luaL_Reg functions[] = {
+        {"zip", NewZip},
+        {"close_zip", CloseZip},
+        {nullptr, nullptr},
+    };
+    AddFunctions(L, host, functions);
+}

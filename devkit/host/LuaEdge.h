@@ -1,0 +1,45 @@
+// Between Lua, whose errors jump over C++ frames, and objects that have destructors.
+#pragma once
+
+#include <string_view>
+
+#include <lua.hpp>
+
+/// Calls build(L), which pushes one value and owns nothing itself, so that an error in Lua comes back
+/// here instead of jumping over the caller's objects.
+/// @return true with the value on the stack, or false with the error; the caller ends its objects and
+///         then calls lua_error.
+template <typename Build>
+[[nodiscard]] bool PushProtected(lua_State *L, const Build &build) {
+    const lua_CFunction call = [](lua_State *state) {
+        (*static_cast<const Build *>(lua_topointer(state, 1)))(state);
+        return 1;
+    };
+    lua_pushcfunction(L, call);
+    lua_pushlightuserdata(L, const_cast<Build *>(&build));
+    return lua_pcall(L, 1, 1, 0) == LUA_OK;
+}
+
+/// PushProtected for a text.
+[[nodiscard]] inline bool PushText(lua_State *L, std::string_view text) {
+    return PushProtected(L, [text](lua_State *state) { lua_pushlstring(state, text.data(), text.size()); });
+}
+
+/// The text argument at the index; raises the Lua library's error where it is none.
+inline std::string_view CheckText(lua_State *L, int index) {
+    std::size_t length = 0;
+    const char *text = luaL_checklstring(L, index, &length);
+    return {text, length};
+}
+
+/// Sets a text field of the table on top of the stack.
+inline void SetField(lua_State *L, const char *name, std::string_view text) {
+    lua_pushlstring(L, text.data(), text.size());
+    lua_setfield(L, -2, name);
+}
+
+/// Sets a number field of the table on top of the stack.
+inline void SetField(lua_State *L, const char *name, int number) {
+    lua_pushinteger(L, number);
+    lua_setfield(L, -2, name);
+}

@@ -1,0 +1,146 @@
+#include "Options.h"
+
+#include <cwchar>
+
+namespace {
+
+struct Switch {
+    const wchar_t *name;
+    bool Options::*field;
+};
+
+constexpr Switch kSwitches[] = {
+    {L"--help", &Options::help},   {L"-h", &Options::help},        {L"--version", &Options::version},
+    {L"--quiet", &Options::quiet}, {L"-i", &Options::interactive},
+};
+
+using TakeValue = bool (*)(Options &options, const std::wstring &value);
+
+struct Setting {
+    const wchar_t *name;
+    const wchar_t *value;  ///< What the value is, for messages.
+    TakeValue take;        ///< Yields false for a value that can't be.
+};
+
+bool TakeText(std::wstring &field, const std::wstring &value) {
+    field = value;
+    return !value.empty();
+}
+
+bool TakeFast(Options &options, const std::wstring &value) {
+    constexpr unsigned long maxFactor = 1'000'000;
+    if (value.empty() || value.find_first_not_of(L"0123456789") != std::wstring::npos || value.size() > 7)
+        return false;
+    const unsigned long factor = std::wcstoul(value.c_str(), nullptr, 10);
+    options.fast = static_cast<unsigned>(factor);
+    return factor >= 1 && factor <= maxFactor;
+}
+
+const Setting kSettings[] = {
+    {L"--trace", L"the name of a component, or * for all",
+     [](Options &options, const std::wstring &value) { return TakeText(options.traces.emplace_back(), value); }},
+    {L"--events", L"the name of the JSON file to write",
+     [](Options &options, const std::wstring &value) { return TakeText(options.eventsFile, value); }},
+    {L"--settings", L"the name of the file that keeps the settings",
+     [](Options &options, const std::wstring &value) { return TakeText(options.settingsFile, value); }},
+    {L"--fast", L"how many times faster the clock runs, from 1 to 1000000", TakeFast},
+};
+
+const Setting *FindSetting(const std::wstring &name) {
+    for (const Setting &setting : kSettings)
+        if (name == setting.name)
+            return &setting;
+    return nullptr;
+}
+
+bool TakeSwitch(Options &options, const std::wstring &name) {
+    for (const Switch &known : kSwitches) {
+        if (name == known.name) {
+            options.*known.field = true;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool IsOption(const std::wstring &argument) {
+    return argument.size() > 1 && argument[0] == L'-';
+}
+
+/// Takes the option at `next`, and its value, which may be joined with '=' or be the next argument.
+bool TakeOption(Options &options, const std::vector<std::wstring> &arguments, std::size_t &next, std::wstring &error) {
+    const std::wstring &argument = arguments[next++];
+    if (TakeSwitch(options, argument))
+        return true;
+
+    const std::size_t equals = argument.find(L'=');
+    const std::wstring name = argument.substr(0, equals);
+    const Setting *setting = FindSetting(name);
+    if (setting == nullptr) {
+        error = L"unknown option '" + argument + L"'; fc-host --help lists the options";
+        return false;
+    }
+    std::wstring value;
+    if (equals != std::wstring::npos)
+        value = argument.substr(equals + 1);
+    else if (next < arguments.size())
+        value = arguments[next++];
+    if (setting->take(options, value))
+        return true;
+    error = L"option " + name + L" needs a value: " + setting->value;
+    if (!value.empty())
+        error += L"; '" + value + L"' is none";
+    return false;
+}
+
+/// Whether the options agree with each other.
+bool IsComplete(const Options &options, std::wstring &error) {
+    if (options.help || options.version)
+        return true;
+    if (options.script.empty() && !options.interactive)
+        error = L"no script is given: fc-host SCRIPT runs one, fc-host -i opens a prompt, fc-host --help tells more";
+    else if (!options.script.empty() && options.interactive)
+        error = L"-i opens a prompt and runs no script; leave out either -i or '" + options.script + L"'";
+    return error.empty();
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(const std::vector<std::wstring> &arguments, std::wstring &error) {
+    Options options;
+    std::size_t next = 0;
+    while (next < arguments.size() && IsOption(arguments[next])) {
+        if (arguments[next] == L"--") {
+            ++next;
+            break;
+        }
+        if (!TakeOption(options, arguments, next, error))
+            return std::nullopt;
+    }
+    if (next < arguments.size())
+        options.script = arguments[next++];
+    while (next < arguments.size())
+        options.arguments.push_back(arguments[next++]);
+    if (!IsComplete(options, error))
+        return std::nullopt;
+    return options;
+}
+
+const char *HelpText() {
+    return "Runs Lua scripts against fc.dll, as the agent would.\n"
+           "\n"
+           "  fc-host [options] SCRIPT [ARGUMENTS...]\n"
+           "  fc-host [options] -i\n"
+           "\n"
+           "  -i                 opens a prompt instead of running a script\n"
+           "  --fast N           runs on a simulated clock that is N times faster\n"
+           "  --trace COMPONENT  prints the trace of a component, * for all; may be repeated\n"
+           "  --quiet            prints neither traces nor events\n"
+           "  --events FILE      writes all events and notifications to a JSON file at the end\n"
+           "  --settings FILE    keeps the agent's settings in a file\n"
+           "  --help, --version\n"
+           "\n"
+           "A script finds the module with require \"fc\" and the agent's side in the global table host.\n"
+           "It ends with status 0, with 1 after an error in the script, with 2 when it can't be run, and\n"
+           "with the integer that the script returns or gives to os.exit.\n";
+}

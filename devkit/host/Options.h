@@ -1,0 +1,26 @@
+// The command line of fc-host.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct Options {
+    bool help = false;
+    bool version = false;
+    bool quiet = false;        ///< No trace lines and events on the console.
+    bool interactive = false;  ///< A prompt instead of a script.
+    unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0 is the real clock.
+    std::vector<std::wstring> traces;
+    std::wstring eventsFile;    ///< Empty: none.
+    std::wstring settingsFile;  ///< Empty: settings are kept in memory.
+    std::wstring script;
+    std::vector<std::wstring> arguments;  ///< Of the script.
+};
+
+/// @param arguments  without the program's own name.
+/// @param error      says what is wrong and what to do, when nothing is returned.
+std::optional<Options> ParseOptions(const std::vector<std::wstring> &arguments, std::wstring &error);
+
+/// What --help prints.
+const char *HelpText();

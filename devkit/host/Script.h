@@ -1,0 +1,30 @@
+// Runs Lua code for the program.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <lua.hpp>
+
+/// The exit status of the program after an error in a script.
+constexpr int kScriptFailed = 1;
+
+struct Script {
+    std::string name;     ///< For messages, UTF-8.
+    std::string content;  ///< Of the file, with a byte order mark or a first line for a shell, if any.
+    std::vector<std::string> arguments;
+};
+
+/// Runs the script with its arguments; an error goes to the standard error output with a traceback.
+/// @return the status for the program: the integer that the script returns, 0 where it returns none,
+///         kScriptFailed after an error.
+[[nodiscard]] int RunScript(lua_State *L, const Script &script);
+
+/// Reads lines from the standard input and runs each; the values of expressions are printed, and errors
+/// too. Ends with the input.
+void RunPrompt(lua_State *L);
+
+/// Calls the function on top of the stack, which takes the argument as a light userdata and yields one
+/// value. @return true with the value on the stack; false after an error, which is then reported.
+[[nodiscard]] bool CallReporting(lua_State *L, const void *argument);

@@ -1,0 +1,17 @@
+#include "ZipFile.h"
+
+#include <wx/filename.h>
+
+std::unique_ptr<ZipFile> ZipFile::Create(const wxString &path) {
+    const wxLogNull quiet;  // the caller tells of the failure
+    (void)wxFileName(path).Mkdir(wxS_DIR_DEFAULT, wxPATH_MKDIR_FULL);
+    std::unique_ptr<ZipFile> zip(new ZipFile(path));
+    if (!zip->m_file.IsOk())
+        return nullptr;
+    return zip;
+}
+
+bool ZipFile::Close() {
+    const bool closed = m_zip.Close();
+    return m_file.Close() && closed;
+}

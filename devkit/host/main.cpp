@@ -1,0 +1,165 @@
+// fc-host: runs Lua scripts against fc.dll, as the agent would.
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include <windows.h>
+#include <fcntl.h>
+#include <io.h>
+#include <wx/init.h>
+
+#include "Files.h"
+#include "HostState.h"
+#include "LuaEdge.h"
+#include "Program.h"
+#include "Script.h"
+#include "Text.h"
+
+namespace {
+
+constexpr int kCannotRun = 2;
+
+/// Never destroyed: threads of the module may use it until the process ends.
+HostState &TheHost() {
+    static HostState &host = *new HostState;
+    return host;
+}
+
+struct CloseLua {
+    void operator()(lua_State *L) const { lua_close(L); }
+};
+using LuaPtr = std::unique_ptr<lua_State, CloseLua>;
+
+int Complain(const std::string &message) {
+    (void)std::fprintf(stderr, "fc-host: %s\n", message.c_str());
+    return kCannotRun;
+}
+
+/// UTF-8, and line ends as they are written.
+void PrepareConsole() {
+    (void)SetConsoleOutputCP(CP_UTF8);
+    (void)SetConsoleCP(CP_UTF8);
+    (void)_setmode(_fileno(stdout), _O_BINARY);
+    (void)_setmode(_fileno(stderr), _O_BINARY);
+}
+
+bool WriteEvents(const HostState &host) {
+    if (host.options.eventsFile.empty())
+        return true;
+    std::string error;
+    if (WriteWholeFile(host.options.eventsFile, host.events.AsJson(), error))
+        return true;
+    (void)Complain(error);
+    return false;
+}
+
+/// What has to happen however the program ends: a script may call os.exit.
+void EndHost() {
+    HostState &host = TheHost();
+    VtaCore::Control::SetObserver(nullptr);
+    host.zips.clear();
+    (void)WriteEvents(host);
+}
+
+void StartHost(HostState &host) {
+    host.events.SetPrinting(!host.options.quiet);
+    VtaCore::Control::SetObserver(&host.events);
+    for (const std::wstring &component : host.options.traces)
+        VtaCore::Control::EnableTrace(wxString(component), true);
+    host.dom = std::make_unique<VtaCore::CDom>(wxString(host.options.settingsFile));
+    (void)std::atexit(EndHost);
+}
+
+void SetArgumentTable(lua_State *L, const Script &script) {
+    lua_createtable(L, static_cast<int>(script.arguments.size()), 1);
+    lua_pushlstring(L, script.name.data(), script.name.size());
+    lua_rawseti(L, -2, 0);
+    int index = 0;
+    for (const std::string &argument : script.arguments) {
+        lua_pushlstring(L, argument.data(), argument.size());
+        lua_rawseti(L, -2, ++index);
+    }
+    lua_setglobal(L, "arg");
+}
+
+/// Lua: takes the script as light userdata; makes all that a script finds.
+int OpenState(lua_State *L) {
+    luaL_openlibs(L);
+    OpenHostTable(L, TheHost());
+    SetArgumentTable(L, *static_cast<const Script *>(lua_topointer(L, 1)));
+    lua_pushboolean(L, 1);
+    return 1;
+}
+
+int RunLua(const Options &options, const Script &script) {
+    const LuaPtr L(luaL_newstate());
+    if (L == nullptr)
+        return Complain("no memory for Lua");
+    lua_pushcfunction(L.get(), OpenState);
+    if (!CallReporting(L.get(), &script))
+        return kCannotRun;
+    lua_pop(L.get(), 1);
+    if (!options.interactive)
+        return RunScript(L.get(), script);
+    RunPrompt(L.get());
+    return 0;
+}
+
+/// The script's file; for the prompt there is none.
+bool ReadScript(const Options &options, Script &script, std::string &error) {
+    script.name = ToUtf8(options.script);
+    for (const std::wstring &argument : options.arguments)
+        script.arguments.push_back(ToUtf8(argument));
+    if (options.interactive)
+        return true;
+    std::optional<std::string> content = ReadWholeFile(options.script, error);
+    if (!content)
+        return false;
+    script.content = std::move(*content);
+    return true;
+}
+
+void PrintVersion() {
+    (void)std::printf("fc-host %s, %s, %s\n", FC_VERSION, LUA_RELEASE, ToUtf8(wxString(wxVERSION_STRING)).c_str());
+}
+
+int Run(const Options &options) {
+    std::wstring missing;
+    if (!FindLibraries(missing))
+        return Complain(ToUtf8(missing));
+    Script script;
+    std::string error;
+    if (!ReadScript(options, script, error))
+        return Complain(error);
+
+    if (!wxInitialize())  // not undone, for the same threads
+        return Complain("wxWidgets could not be initialised");
+    HostState &host = TheHost();
+    host.options = options;
+    // Before the script has run, so that a name that can't be written is no surprise afterwards.
+    if (!WriteEvents(host))
+        return kCannotRun;
+    if (options.fast > 0)
+        host.clock.StartFast(options.fast);
+    StartHost(host);
+    return RunLua(options, script);
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t **argv) {
+    PrepareConsole();
+    std::wstring error;
+    const std::optional<Options> options = ParseOptions(std::vector<std::wstring>(argv + 1, argv + argc), error);
+    if (!options)
+        return Complain(ToUtf8(error));
+    if (options->help) {
+        (void)std::fputs(HelpText(), stdout);
+        return 0;
+    }
+    if (options->version) {
+        PrintVersion();
+        return 0;
+    }
+    return Run(*options);
+}

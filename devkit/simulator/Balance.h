@@ -1,0 +1,235 @@
+// What watched modules have made and not given back: memory, handles, registry keys, libraries, files.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <windows.h>
+
+#include "CallScope.h"
+#include "GuardedHeap.h"
+#include "Lock.h"
+#include "PrivateHeap.h"
+
+namespace Simulator {
+
+class FunctionSet;
+
+/// The kinds that the balance knows by itself. A model may count others under names of its own.
+namespace Kind {
+inline constexpr char kBlock[] = "block";
+inline constexpr char kHandle[] = "handle";
+inline constexpr char kKey[] = "key";
+inline constexpr char kLibrary[] = "library";
+inline constexpr char kFind[] = "find handle";
+inline constexpr char kFile[] = "file";
+}  // namespace Kind
+
+/// One thing that is there.
+struct BalanceItem {
+    const char *kind = "";
+    std::uintptr_t value = 0;    ///< The address, handle or key.
+    std::size_t size = 0;        ///< Bytes, of a block.
+    std::uint64_t sequence = 0;  ///< Its number among all that were made.
+    const char *function = "";   ///< What made it.
+    const void *caller = nullptr;
+    DWORD thread = 0;
+};
+
+struct BalanceSnapshot {
+    std::size_t blocks = 0;
+    std::size_t bytes = 0;
+    std::size_t peakBytes = 0;       ///< The most since recording began, or since ResetPeak.
+    std::uint64_t sequence = 0;      ///< That of the next thing made.
+    std::vector<BalanceItem> items;  ///< All that is there, by sequence; blocks are among them.
+
+    [[nodiscard]] std::size_t Count(std::string_view kind) const;
+};
+
+/// A planned failure of an allocation. Any thread.
+class AllocationFault {
+public:
+    [[nodiscard]] bool Hit() const { return m_hit; }
+
+private:
+    friend class Balance;
+    unsigned m_nth = 0;
+    unsigned m_seen = 0;
+    HMODULE m_module = nullptr;
+    DWORD m_thread = 0;
+    std::atomic<bool> m_hit{false};
+};
+using AllocationFaultHandle = std::shared_ptr<AllocationFault>;
+
+/// There is one, since the replacements of malloc and free know no object; it lasts as long as the process.
+/// Counted is what modules do that the functions of InstallBalance are attached to, and no more: a block that
+/// a watched module frees but that was made elsewhere goes to the real function. All that allocate for one another
+/// should be watched: the module under test, the libraries it shares the C runtime with, the program itself.
+/// Any thread.
+class Balance {
+public:
+    [[nodiscard]] static Balance &Instance();
+
+    /// Forgets everything but guarded blocks, and records from now on.
+    void Start();
+    /// Records nothing new. What is guarded can still be freed.
+    void Stop();
+
+    [[nodiscard]] BalanceSnapshot Take() const;
+    void ResetPeak();
+    /// What was made after `before` and is there in `after`.
+    [[nodiscard]] static std::vector<BalanceItem> Left(const BalanceSnapshot &before, const BalanceSnapshot &after);
+    /// A line for each thing that is left, and for each that was there before and has gone; empty if neither.
+    [[nodiscard]] std::string Difference(const BalanceSnapshot &before, const BalanceSnapshot &after) const;
+
+    /// Makes the n-th allocation from now on fail, n from 1: null, errno ENOMEM, or std::bad_alloc of an operator new.
+    /// @param module  counts only those that this watched module asks for itself, by the C runtime or (MinGW)
+    ///                operator new; null for all.
+    /// @param thread  counts only those of this thread; 0 for all.
+    AllocationFaultHandle FailAllocation(unsigned nth, HMODULE module = nullptr, DWORD thread = 0);
+    void CancelAllocationFaults();
+
+    /// Puts new blocks of the C runtime's heap on the guarded heap.
+    void Guard(const GuardedHeap::Options &options);
+    /// Puts new blocks where they belong. Those that are guarded stay so until they are freed.
+    void StopGuarding();
+    [[nodiscard]] std::size_t GuardedBlocks() const;
+
+    /// For models: counts a thing that a call has made, or given back.
+    /// @param kind      and
+    /// @param function  stay valid for the life of the process.
+    void Opened(const char *kind, std::uintptr_t value, const char *function);
+    /// @return false if it is not known.
+    bool Closed(const char *kind, std::uintptr_t value);
+
+    /// Names the module in differences also after it was unloaded.
+    void Remember(HMODULE module);
+
+    // For the replacements of the memory functions.
+    struct Request {
+        const char *function;
+        std::size_t size;
+        const void *caller;
+        std::size_t alignment = 0;  ///< 0 for that of malloc.
+        bool guardable = true;
+    };
+    /// @param real  makes the block on the real heap.
+    template <class Real>
+    void *Allocate(const Request &request, Real real) {
+        if (!m_recording || InsideSimulator::Here())
+            return real();
+        if (FailsByPlan(request.caller))
+            return nullptr;
+        const bool guarded = m_guarding && request.guardable && request.alignment <= GuardedHeap::kPage;
+        void *block = guarded ? m_guarded.Allocate(request.size, request.alignment) : real();
+        if (block != nullptr)
+            Record(block, request, guarded);
+        return block;
+    }
+    /// @param real  frees a block that is not guarded.
+    template <class Real>
+    void Free(void *block, Real real) {
+        Block known;
+        if (block != nullptr && Forget(block, known) && known.guarded)
+            m_guarded.Free(block, known.size);
+        else
+            real(block);
+    }
+    /// @param real  changes the size of a block that is not guarded, and
+    /// @param make  makes one, both on the real heap.
+    /// @param end   frees one there.
+    template <class Real, class Make, class End>
+    void *Reallocate(void *block, const Request &request, Real real, Make make, End end) {
+        Block known;
+        if (block == nullptr)
+            return Allocate(request, make);
+        if (!Find(block, known))
+            return real();
+        if (known.guarded || (m_guarding && request.guardable))
+            return Move(block, known.size, request, make, end);
+        if (!InsideSimulator::Here() && FailsByPlan(request.caller))
+            return nullptr;
+        Forget(block, known);
+        void *moved = real();
+        if (moved != nullptr)
+            Record(moved, request, false);
+        else if (request.size != 0)
+            Restore(block, known);
+        return moved;
+    }
+    /// The size of a guarded block.
+    [[nodiscard]] bool GuardedSize(void *block, std::size_t &size) const;
+
+private:
+    struct Block {
+        std::size_t size = 0;
+        std::uint64_t sequence = 0;
+        const char *function = "";
+        const void *caller = nullptr;
+        DWORD thread = 0;
+        bool guarded = false;
+    };
+    struct Module {
+        std::uintptr_t base;
+        std::size_t size;
+        std::string name;
+    };
+    template <class K, class V>
+    using PrivatePair = PrivateAllocator<std::pair<const K, V>>;
+    using Blocks = std::unordered_map<void *, Block, std::hash<void *>, std::equal_to<>, PrivatePair<void *, Block>>;
+    using ItemKey = std::pair<std::string_view, std::uintptr_t>;
+    using Items = std::multimap<ItemKey, BalanceItem, std::less<>, PrivatePair<ItemKey, BalanceItem>>;
+
+    Balance() = default;
+    [[nodiscard]] bool FailsByPlan(const void *caller);
+    void Record(void *block, const Request &request, bool guarded);
+    void Restore(void *block, const Block &known);
+    void InsertLocked(void *block, const Block &known);
+    bool Forget(void *block, Block &known);
+    void ForgetLocked(Blocks::iterator place);
+    bool Find(void *block, Block &known) const;
+    [[nodiscard]] std::string Line(char sign, const BalanceItem &item) const;
+    [[nodiscard]] std::string Place(const void *caller) const;
+
+    template <class Make, class End>
+    void *Move(void *block, std::size_t oldSize, const Request &request, Make make, End end) {
+        void *moved = request.size == 0 ? nullptr : Allocate(request, make);
+        if (moved != nullptr)
+            std::memcpy(moved, block, std::min(oldSize, request.size));
+        if (moved != nullptr || request.size == 0)
+            Free(block, end);
+        return moved;
+    }
+
+    mutable Lock m_lock;
+    std::atomic<bool> m_recording{false};
+    std::atomic<bool> m_guarding{false};
+    std::atomic<bool> m_hasFaults{false};
+    GuardedHeap m_guarded;
+    Blocks m_blocks;
+    Items m_items;
+    std::vector<Module> m_modules;
+    std::vector<AllocationFaultHandle> m_faults;
+    std::uint64_t m_sequence = 1;
+    std::size_t m_bytes = 0;
+    std::size_t m_peakBytes = 0;
+    std::size_t m_guardedBlocks = 0;
+};
+
+/// Watches malloc, calloc, realloc, free, _msize, _strdup, _wcsdup, _aligned_malloc, _aligned_realloc,
+/// _aligned_free, HeapAlloc, HeapReAlloc, HeapFree and (MinGW) operator new; these are in no journal. Further events,
+/// mutexes, semaphores, threads, processes, files, find handles, registry keys and libraries.
+void InstallBalance(FunctionSet &functions, Balance &balance);
+/// The names of the memory functions among them.
+[[nodiscard]] std::set<std::string> MemoryFunctionNames();
+
+}  // namespace Simulator

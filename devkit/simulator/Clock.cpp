@@ -1,0 +1,203 @@
+#include "Clock.h"
+
+#include <algorithm>
+
+#include "CallScope.h"
+
+namespace Simulator {
+
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+/// Between 1601 and 1970.
+constexpr Interval kUnixEpoch = seconds(11'644'473'600);
+/// A waiting thread looks at the clock so often, since mode and time may be changed meanwhile.
+constexpr DWORD kLongestSliceMs = 50;
+constexpr DWORD kSteppedSliceMs = 1;
+
+std::int64_t CounterFrequency() {
+    LARGE_INTEGER frequency{};
+    QueryPerformanceFrequency(&frequency);
+    return frequency.QuadPart;
+}
+const std::int64_t counterFrequency = CounterFrequency();
+
+/// value * to / from without overflow.
+std::int64_t Rescale(std::int64_t value, std::int64_t from, std::int64_t to) {
+    return value / from * to + value % from * to / from;
+}
+
+Interval RealNow() {
+    const InsideSimulator inside;
+    LARGE_INTEGER counter{};
+    QueryPerformanceCounter(&counter);
+    return Interval(Rescale(counter.QuadPart, counterFrequency, Interval::period::den));
+}
+
+Interval RealWall() {
+    const InsideSimulator inside;
+    FILETIME time{};
+    GetSystemTimeAsFileTime(&time);
+    return Interval(static_cast<std::int64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime);
+}
+
+bool IsAlive(DWORD threadId) {
+    const HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, threadId);
+    if (thread == nullptr)
+        return false;
+    const bool alive = WaitForSingleObject(thread, 0) == WAIT_TIMEOUT;
+    CloseHandle(thread);
+    return alive;
+}
+
+}  // namespace
+
+Clock::Clock() : m_realBase(RealNow()), m_base(m_realBase) {
+    const InsideSimulator inside;
+    m_wallOffset = RealWall() - m_base;
+    m_tickOffset = milliseconds(GetTickCount64()) - m_base;
+}
+
+Interval Clock::NowLocked() const {
+    return m_base + (m_factor == 0 ? Interval() : (RealNow() - m_realBase) * m_factor);
+}
+
+Interval Clock::Now() const {
+    const LockGuard guard(m_lock);
+    return NowLocked();
+}
+
+void Clock::RebaseLocked() {
+    m_base = NowLocked();
+    m_realBase = RealNow();
+}
+
+void Clock::RunFast(unsigned factor) {
+    const LockGuard guard(m_lock);
+    RebaseLocked();
+    m_factor = std::max(factor, 1U);
+}
+
+void Clock::Step(AutoAdvance autoAdvance) {
+    const LockGuard guard(m_lock);
+    RebaseLocked();
+    m_factor = 0;
+    m_autoAdvance = autoAdvance;
+}
+
+void Clock::Advance(Interval by) {
+    const LockGuard guard(m_lock);
+    m_base += by;
+}
+
+void Clock::AdvanceTo(Interval time) {
+    const LockGuard guard(m_lock);
+    m_base += std::max(time - NowLocked(), Interval());
+}
+
+void Clock::SetWallClock(std::uint64_t fileTime) {
+    const LockGuard guard(m_lock);
+    m_wallOffset = Interval(static_cast<std::int64_t>(fileTime)) - NowLocked();
+}
+
+void Clock::SetWallClockUnix(std::int64_t unixSeconds) {
+    SetWallClock(static_cast<std::uint64_t>((seconds(unixSeconds) + kUnixEpoch).count()));
+}
+
+void Clock::SetTick(std::uint64_t ms) {
+    const LockGuard guard(m_lock);
+    m_tickOffset = milliseconds(ms) - NowLocked();
+}
+
+std::uint64_t Clock::TickMs() const {
+    const LockGuard guard(m_lock);
+    return static_cast<std::uint64_t>(duration_cast<milliseconds>(NowLocked() + m_tickOffset).count());
+}
+
+std::uint64_t Clock::WallFileTime() const {
+    const LockGuard guard(m_lock);
+    return static_cast<std::uint64_t>((NowLocked() + m_wallOffset).count());
+}
+
+std::int64_t Clock::WallUnix() const {
+    return duration_cast<seconds>(Interval(static_cast<std::int64_t>(WallFileTime())) - kUnixEpoch).count();
+}
+
+std::int64_t Clock::PerformanceCounter() const {
+    return Rescale(Now().count(), Interval::period::den, counterFrequency);
+}
+
+void Clock::SleepFor(DWORD ms) {
+    const InsideSimulator inside;
+    Wait(ms, Purpose::Sleep, [](DWORD realMs) -> DWORD {
+        ::Sleep(realMs);
+        return WAIT_TIMEOUT;
+    });
+}
+
+Clock::Slice Clock::SliceUntil(Interval deadline) const {
+    const LockGuard guard(m_lock);
+    const Interval left = deadline - NowLocked();
+    if (left <= Interval() || m_ended)
+        return {0, true};
+    if (m_factor == 0)
+        return {kSteppedSliceMs, false};
+    const auto realMs = std::chrono::ceil<milliseconds>(left / m_factor).count();
+    return {static_cast<DWORD>(std::clamp<std::int64_t>(realMs, 1, kLongestSliceMs)), false};
+}
+
+DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {
+    if (timeoutMs == 0 || timeoutMs == INFINITE)
+        return real(timeoutMs);
+
+    const InsideSimulator inside;
+    Interval deadline{};
+    AutoAdvance autoAdvance = AutoAdvance::None;
+    {
+        const LockGuard guard(m_lock);
+        deadline = NowLocked() + milliseconds(timeoutMs);
+        autoAdvance = m_factor == 0 ? m_autoAdvance : AutoAdvance::None;
+        m_waiting.insert(GetCurrentThreadId());
+    }
+    DWORD result = WAIT_TIMEOUT;
+    if (purpose == Purpose::Wait && autoAdvance == AutoAdvance::SleepsAndWaits)
+        result = real(kGraceMs);
+    if (result == WAIT_TIMEOUT) {
+        if (autoAdvance == AutoAdvance::SleepsAndWaits ||
+            (purpose == Purpose::Sleep && autoAdvance == AutoAdvance::Sleeps))
+            AdvanceTo(deadline);
+        for (bool last = false; !last && result == WAIT_TIMEOUT;) {
+            const Slice slice = SliceUntil(deadline);
+            result = real(slice.realMs);
+            last = slice.last;
+        }
+    }
+    const LockGuard guard(m_lock);
+    m_waiting.erase(m_waiting.find(GetCurrentThreadId()));
+    return result;
+}
+
+std::size_t Clock::Waiting() const {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    return static_cast<std::size_t>(std::count_if(m_waiting.begin(), m_waiting.end(), IsAlive));
+}
+
+bool Clock::AwaitWaiting(std::size_t threads, DWORD realTimeoutMs) const {
+    const InsideSimulator inside;
+    for (const ULONGLONG begin = GetTickCount64(); Waiting() < threads; ::Sleep(1)) {
+        if (GetTickCount64() - begin > realTimeoutMs)
+            return false;
+    }
+    return true;
+}
+
+void Clock::End() {
+    const LockGuard guard(m_lock);
+    m_ended = true;
+}
+
+}  // namespace Simulator

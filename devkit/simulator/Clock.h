@@ -1,0 +1,102 @@
+// Simulated time: a steady clock, and a wall clock that can be set apart from it.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <set>
+
+#include "Lock.h"
+
+namespace Simulator {
+
+class FunctionSet;
+
+/// The resolution of the system's file times.
+using Interval = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+
+/// Starts at the real time and speed. Redirected are the ticks, the performance counter, the readings of
+/// the wall clock, the sleeps, and the waits with a timeout (see InstallClock). Any thread.
+class Clock {
+public:
+    /// What makes a stepped clock advance by itself.
+    enum class AutoAdvance {
+        None,            ///< Advance alone.
+        Sleeps,          ///< A sleep puts the clock forward to its end, and returns at once.
+        SleepsAndWaits,  ///< So does a wait with a timeout whose handles stay unsignalled for kGraceMs.
+    };
+    static constexpr DWORD kGraceMs = 20;
+
+    Clock();
+
+    /// Time runs so many times faster than in reality, from 1; sleeps and timeouts take as much less.
+    void RunFast(unsigned factor);
+    /// Time stands still until it is advanced.
+    void Step(AutoAdvance autoAdvance = AutoAdvance::None);
+    /// Puts time forward, in any mode. Those whose time has come wake up within some real milliseconds.
+    void Advance(Interval by);
+
+    /// Sets the wall clock, also backwards; ticks and waits do not notice.
+    /// @param fileTime  100 ns units since 1601, UTC.
+    void SetWallClock(std::uint64_t fileTime);
+    /// @param seconds  since 1970, UTC.
+    void SetWallClockUnix(std::int64_t seconds);
+    /// Sets what GetTickCount64 answers; GetTickCount is its lower half.
+    void SetTick(std::uint64_t milliseconds);
+
+    [[nodiscard]] std::uint64_t TickMs() const;
+    [[nodiscard]] std::uint64_t WallFileTime() const;
+    [[nodiscard]] std::int64_t WallUnix() const;
+    [[nodiscard]] std::int64_t PerformanceCounter() const;
+
+    /// Waits for simulated milliseconds, on behalf of a delayed call.
+    void SleepFor(DWORD milliseconds);
+
+    enum class Purpose { Sleep, Wait };
+    /// Waits as the mode has it.
+    /// @param timeoutMs  simulated milliseconds. 0 and INFINITE are handed to `real` as they are.
+    /// @param real       waits for some real milliseconds; WAIT_TIMEOUT if nothing else ended the wait.
+    DWORD Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
+
+    /// Number of living threads that wait for a time to come.
+    [[nodiscard]] std::size_t Waiting() const;
+    /// Until at least so many do, so that a test knows whom it advances for.
+    /// @return false if it took longer than so many real milliseconds.
+    [[nodiscard]] bool AwaitWaiting(std::size_t threads, DWORD realTimeoutMs) const;
+
+    /// Ends all waits, as if their time had come. For the end of a simulation.
+    void End();
+
+private:
+    struct Slice {
+        DWORD realMs;
+        bool last;
+    };
+    [[nodiscard]] Interval NowLocked() const;
+    [[nodiscard]] Interval Now() const;
+    void RebaseLocked();
+    void AdvanceTo(Interval time);
+    [[nodiscard]] Slice SliceUntil(Interval deadline) const;
+
+    mutable Lock m_lock;
+    unsigned m_factor = 1;  ///< 0 when stepped.
+    AutoAdvance m_autoAdvance = AutoAdvance::None;
+    bool m_ended = false;
+    Interval m_realBase;
+    Interval m_base;
+    Interval m_wallOffset{};
+    Interval m_tickOffset{};
+    std::multiset<DWORD> m_waiting;
+};
+
+/// Puts the clock under these functions: Sleep, SleepEx, WaitForSingleObject, WaitForSingleObjectEx,
+/// WaitForMultipleObjects, WaitForMultipleObjectsEx, GetTickCount, GetTickCount64, GetSystemTimeAsFileTime,
+/// GetSystemTimePreciseAsFileTime, GetSystemTime, GetLocalTime, QueryPerformanceCounter and _time64.
+///
+/// What a module's constructors read of the time while it is loaded passes by its own import table, unless
+/// it was named to FunctionSet::AttachWhenLoaded. Otherwise redirect the C runtime, from which they have it:
+/// Attach(GetModuleHandleW(L"msvcrt.dll"), {"GetSystemTimeAsFileTime"}). With Wine's msvcrt, too, this is an
+/// import like any other. Name the function: all of the runtime's imports are not meant.
+void InstallClock(FunctionSet &functions, Clock &clock);
+
+}  // namespace Simulator

@@ -1,0 +1,97 @@
+// What goes wrong: plans that fail, hang or delay chosen calls of redirected functions.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Event.h"
+#include "Lock.h"
+
+namespace Simulator {
+
+/// What to do with one call.
+struct Verdict {
+    bool fails = false;
+    DWORD code = 0;
+    DWORD delayMs = 0;  ///< Of the simulated clock.
+    /// Those to wait for; they hold no lock, so that the waiting thread may be ended from outside.
+    std::vector<std::shared_ptr<const Event>> hangs;
+};
+
+/// One plan, as a test sees it. Any thread.
+class FaultPlan {
+public:
+    /// Whether a call has met the plan; for a call that hangs, from its start.
+    [[nodiscard]] bool Hit() const { return Hits() != 0; }
+    [[nodiscard]] unsigned Hits() const { return m_hits; }
+    /// The function of the first call that met the plan; empty before.
+    [[nodiscard]] std::string HitFunction() const;
+    /// @param timeoutMs  real milliseconds.
+    [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.Wait(timeoutMs); }
+    /// Ends the plan, and lets go what hangs by it: those calls then do their work.
+    void Release();
+
+private:
+    friend class Faults;
+
+    enum class Kind { Fail, Hang, Delay };
+    Kind m_kind = Kind::Fail;
+    std::set<std::string> m_functions;  ///< Empty for all that can fail.
+    unsigned m_nth = 0;                 ///< From 1; 0 for every call.
+    DWORD m_value = 0;                  ///< Code, or milliseconds.
+    unsigned m_seen = 0;
+    mutable Lock m_lock;
+    std::string m_hitFunction;
+    std::atomic<unsigned> m_hits{0};
+    Event m_hit;
+    std::shared_ptr<Event> m_released = std::make_shared<Event>();
+};
+using FaultPlanHandle = std::shared_ptr<FaultPlan>;
+
+/// The plans of one simulation. A plan counts calls from its making on and stays until Clear or its
+/// Release. All plans see each call; the first that fails it decides the code. Any thread.
+class Faults {
+public:
+    /// Fails the n-th call, n from 1. How a function fails is part of its description (FailureValues.h).
+    /// @param code  an error of Windows, an HRESULT or an errno, as the function has it.
+    FaultPlanHandle FailNth(const std::string &function, unsigned nth, DWORD code);
+    FaultPlanHandle FailEvery(const std::string &function, DWORD code);
+    /// The n-th call among these functions.
+    FaultPlanHandle FailNthOf(const std::set<std::string> &functions, unsigned nth, DWORD code);
+    /// The n-th call among all functions that can fail.
+    FaultPlanHandle FailNthOfAny(unsigned nth, DWORD code);
+    /// Hangs the call until its thread is ended or the plan is released.
+    FaultPlanHandle HangNth(const std::string &function, unsigned nth);
+    FaultPlanHandle HangEvery(const std::string &function);
+    /// Lets the call do its work only after so many milliseconds of the simulated clock.
+    FaultPlanHandle DelayNth(const std::string &function, unsigned nth, DWORD delayMs);
+    FaultPlanHandle DelayEvery(const std::string &function, DWORD delayMs);
+
+    /// Releases every plan that hangs calls.
+    void ReleaseHung();
+    /// Releases and forgets all plans. Counts stay.
+    void Clear();
+
+    /// Calls since the beginning.
+    [[nodiscard]] unsigned Calls(const std::string &function) const;
+    /// Calls since the beginning, of functions that can fail.
+    [[nodiscard]] unsigned FailableCalls() const;
+
+    /// Counts a call and says what becomes of it.
+    [[nodiscard]] Verdict Ask(const std::string &function, bool canFail);
+
+private:
+    FaultPlanHandle Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value);
+
+    mutable Lock m_lock;
+    std::vector<FaultPlanHandle> m_plans;
+    std::map<std::string, unsigned> m_calls;
+    unsigned m_failableCalls = 0;
+};
+
+}  // namespace Simulator

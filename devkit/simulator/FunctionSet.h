@@ -1,0 +1,108 @@
+// The functions that are simulated, and the modules they are put under.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Function.h"
+#include "ImportTable.h"
+
+namespace Simulator {
+
+/// A replacement by itself, which the common way of journal and faults does not concern.
+struct SimulatedFunction {
+    std::string library;
+    std::string name;
+    void *replacement = nullptr;
+};
+
+/// To redirect one function with a model of its own:
+///     SIMULATOR_FUNCTION(GetSystemMetrics, "USER32.dll", ReturnsZero);              // in a header or .cpp
+///     functions.Put<GetSystemMetrics>([&machine](const auto &next, int index) {
+///         return index == SM_REMOTESESSION ? machine.remoteSession : next(index);
+///     });
+/// and to have it in the journal and the fault plans only: functions.PassThrough<GetSystemMetrics>().
+///
+/// Once per process at a time. GetProcAddress is simulated from the start: a module that it is redirected in
+/// gets the replacements from it. All from one thread, but for the replaced functions themselves.
+class FunctionSet {
+public:
+    /// @param core  must be owned by a shared pointer already.
+    explicit FunctionSet(std::shared_ptr<Core> core);
+    /// Restores all import tables.
+    ~FunctionSet();
+    FunctionSet(const FunctionSet &) = delete;
+    FunctionSet &operator=(const FunctionSet &) = delete;
+
+    /// Journal and faults, then the real function or the layers that are put on it.
+    template <class F>
+    void PassThrough() {
+        if (Knows(F::name))
+            return;
+        const InsideSimulator inside;
+        F::Begin(m_core);
+        Add({F::library, F::name, reinterpret_cast<void *>(&F::Replacement)}, &F::End);
+    }
+    /// Puts a layer on the function, around those of the same depth that are there.
+    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must not block
+    ///               otherwise than in `next` or by the clock.
+    template <class F>
+    void Put(typename F::Layer layer, Depth depth = Depth::Machine) {
+        PassThrough<F>();
+        const InsideSimulator inside;
+        F::Add(depth, std::move(layer));
+    }
+    /// @throws std::logic_error  if there is a function of that name.
+    void Add(SimulatedFunction function);
+
+    [[nodiscard]] bool Knows(std::string_view name) const;
+    [[nodiscard]] std::set<std::string> Names() const;
+
+    /// Redirects the functions in the module's import table, by name, and again after it was unloaded and
+    /// loaded anew. A function that is added later is redirected then. Do not attach the C runtime, or
+    /// other libraries of the system, without naming functions.
+    /// @param names  only these; empty for all.
+    /// @return the number of entries that lead to replacements now.
+    std::size_t Attach(HMODULE module, const std::set<std::string> &names = {});
+    /// Attaches a module whenever it is loaded, before its constructors run.
+    /// @param baseName  such as L"fc.dll".
+    void AttachWhenLoaded(const std::wstring &baseName);
+    /// Is told of every module before it is attached, under the loader's lock if it was awaited. One at most.
+    void OnAttach(std::function<void(HMODULE)> observer) { m_onAttach = std::move(observer); }
+    /// Restores the module's entries.
+    void Detach(HMODULE module);
+    /// Leaves the entries of these functions redirected beyond this object's end; the replacements must be
+    /// able to live with that.
+    void Abandon(const std::set<std::string> &names);
+
+private:
+    struct Entry {
+        SimulatedFunction function;
+        void (*end)();
+    };
+    struct Attached {
+        std::set<std::string> wanted;
+        std::map<void **, SlotRedirection> slots;
+    };
+    void Add(SimulatedFunction function, void (*end)());
+    [[nodiscard]] bool IsAwaited(const std::wstring &baseName) const;
+    [[nodiscard]] FARPROC ReplacementFor(HMODULE library, const char *name, FARPROC real) const;
+    void PutGetProcAddress();
+
+    mutable Lock m_lock;
+    std::shared_ptr<Core> m_core;
+    std::map<std::string, Entry, std::less<>> m_functions;
+    std::map<HMODULE, Attached> m_modules;
+    std::set<std::wstring> m_whenLoaded;  ///< In lower case.
+    std::function<void(HMODULE)> m_onAttach;
+    void *m_loadNotification = nullptr;
+
+    friend struct LoadNotification;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,49 @@
+// Blocks of memory that fault where a program goes beyond them or uses them after it freed them.
+#pragma once
+
+#include <cstddef>
+
+#include "Lock.h"
+
+namespace Simulator {
+
+/// Each block ends at the end of a page, and the page after it is closed. Freed pages are closed for good: their
+/// memory is given back, their addresses are never used again. Any thread.
+///
+/// Up to alignment - 1 bytes lie between a block and the closed page. They are filled with a pattern that is
+/// looked at when the block is freed; if it was changed the process ends with a message and kDamaged.
+class GuardedHeap {
+public:
+    struct Options {
+        /// A power of two up to the size of a page. 1 puts every block right before its closed page, which code that
+        /// was compiled for the alignment of malloc may not stand.
+        std::size_t alignment = 16;
+        /// When all of these addresses are used, freed ones included, the process ends with a message and kUsedUp.
+        /// A block needs its pages and one more.
+        std::size_t addressSpaceBytes = std::size_t{16} << 30;
+    };
+    static constexpr unsigned kDamaged = 101;
+    static constexpr unsigned kUsedUp = 102;
+
+    /// For blocks that are made from now on.
+    void Use(const Options &options);
+
+    /// @param alignment  0 for that of the options.
+    /// @return filled with a pattern; null only if the system has no memory for the pages.
+    [[nodiscard]] void *Allocate(std::size_t size, std::size_t alignment);
+    /// @param size  as it was allocated.
+    void Free(void *block, std::size_t size);
+
+    static constexpr std::size_t kPage = 4096;
+
+private:
+    [[nodiscard]] char *TakePages(std::size_t bytes);
+
+    Lock m_lock;
+    Options m_options;
+    char *m_next = nullptr;
+    char *m_end = nullptr;
+    std::size_t m_reserved = 0;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,148 @@
+// Counts what the functions for handles, keys, files and libraries make and give back.
+#include "Balance.h"
+
+#include "FunctionSet.h"
+#include "WindowsFunctions.h"
+
+namespace Simulator {
+
+void InstallMemoryFunctions(FunctionSet &functions);
+
+namespace {
+
+template <class T>
+std::uintptr_t Word(T value) {
+    if constexpr (std::is_pointer_v<T>)
+        return reinterpret_cast<std::uintptr_t>(value);
+    else
+        return static_cast<std::uintptr_t>(value);
+}
+
+/// The predefined keys are nobody's to close.
+bool IsPredefined(HKEY key) {
+    return (Word(key) & 0x80000000U) != 0;
+}
+
+/// Functions that return what they make.
+template <class F>
+void CountReturned(FunctionSet &functions, Balance &balance, const char *kind) {
+    functions.Put<F>(
+        [&balance, kind](const auto &next, auto... arguments) {
+            const auto made = next(arguments...);
+            if (F::Failure::Succeeded(made))
+                balance.Opened(kind, Word(made), F::name);
+            return made;
+        },
+        Depth::Watch);
+}
+
+/// Functions that take what they give back. It is forgotten before: afterwards its value may be another's already.
+template <class F>
+void CountGivenBack(FunctionSet &functions, Balance &balance, const char *kind) {
+    functions.Put<F>(
+        [&balance, kind](const auto &next, auto made) {
+            const bool known = balance.Closed(kind, Word(made));
+            const auto result = next(made);
+            if (known && !F::Failure::Succeeded(result))
+                balance.Opened(kind, Word(made), F::name);
+            return result;
+        },
+        Depth::Watch);
+}
+
+void CountHandles(FunctionSet &functions, Balance &balance) {
+    CountReturned<System::CreateEventW>(functions, balance, Kind::kHandle);
+    CountReturned<System::CreateMutexW>(functions, balance, Kind::kHandle);
+    CountReturned<System::CreateSemaphoreW>(functions, balance, Kind::kHandle);
+    CountReturned<System::CreateFileW>(functions, balance, Kind::kHandle);
+    CountReturned<System::CreateThread>(functions, balance, Kind::kHandle);
+    CountReturned<System::OpenThread>(functions, balance, Kind::kHandle);
+    CountReturned<System::OpenProcess>(functions, balance, Kind::kHandle);
+    CountReturned<System::_beginthreadex>(functions, balance, Kind::kHandle);
+    functions.Put<System::OpenProcessToken>(
+        [&balance](const auto &next, HANDLE process, DWORD access, HANDLE *token) {
+            const BOOL opened = next(process, access, token);
+            if (opened)
+                balance.Opened(Kind::kHandle, Word(*token), System::OpenProcessToken::name);
+            return opened;
+        },
+        Depth::Watch);
+    functions.Put<System::DuplicateHandle>(
+        [&balance](const auto &next, HANDLE from, HANDLE handle, HANDLE to, HANDLE *copy, auto... rest) {
+            const BOOL done = next(from, handle, to, copy, rest...);
+            if (done && copy != nullptr && to == GetCurrentProcess())
+                balance.Opened(Kind::kHandle, Word(*copy), System::DuplicateHandle::name);
+            return done;
+        },
+        Depth::Watch);
+    CountGivenBack<System::CloseHandle>(functions, balance, Kind::kHandle);
+    CountReturned<System::FindFirstFileW>(functions, balance, Kind::kFind);
+    CountGivenBack<System::FindClose>(functions, balance, Kind::kFind);
+}
+
+void CountKeys(FunctionSet &functions, Balance &balance) {
+    const auto count = [&balance](LSTATUS status, const HKEY *key, const char *function) {
+        if (status == ERROR_SUCCESS && !IsPredefined(*key))
+            balance.Opened(Kind::kKey, Word(*key), function);
+        return status;
+    };
+    functions.Put<System::RegOpenKeyExW>(
+        [count](const auto &next, HKEY parent, LPCWSTR path, DWORD options, REGSAM access, HKEY *key) {
+            return count(next(parent, path, options, access, key), key, System::RegOpenKeyExW::name);
+        },
+        Depth::Watch);
+    functions.Put<System::RegCreateKeyExW>(
+        [count](const auto &next, HKEY parent, LPCWSTR path, DWORD reserved, LPWSTR type, DWORD options, REGSAM access,
+                auto *security, HKEY *key, DWORD *disposition) {
+            return count(next(parent, path, reserved, type, options, access, security, key, disposition), key,
+                         System::RegCreateKeyExW::name);
+        },
+        Depth::Watch);
+    functions.Put<System::RegConnectRegistryW>(
+        [count](const auto &next, LPCWSTR machine, HKEY root, HKEY *key) {
+            return count(next(machine, root, key), key, System::RegConnectRegistryW::name);
+        },
+        Depth::Watch);
+    CountGivenBack<System::RegCloseKey>(functions, balance, Kind::kKey);
+}
+
+void CountLibraries(FunctionSet &functions, Balance &balance) {
+    CountReturned<System::LoadLibraryW>(functions, balance, Kind::kLibrary);
+    CountReturned<System::LoadLibraryA>(functions, balance, Kind::kLibrary);
+    CountReturned<System::LoadLibraryExW>(functions, balance, Kind::kLibrary);
+    functions.Put<System::GetModuleHandleExW>(
+        [&balance](const auto &next, DWORD flags, LPCWSTR name, HMODULE *module) {
+            const BOOL found = next(flags, name, module);
+            if (found && (flags & GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT) == 0)
+                balance.Opened(Kind::kLibrary, Word(*module), System::GetModuleHandleExW::name);
+            return found;
+        },
+        Depth::Watch);
+    CountGivenBack<System::FreeLibrary>(functions, balance, Kind::kLibrary);
+}
+
+void CountFiles(FunctionSet &functions, Balance &balance) {
+    CountReturned<System::fopen>(functions, balance, Kind::kFile);
+    CountReturned<System::_wfopen>(functions, balance, Kind::kFile);
+    functions.Put<System::fopen_s>(
+        [&balance](const auto &next, FILE **file, const char *path, const char *mode) {
+            const errno_t error = next(file, path, mode);
+            if (error == 0)
+                balance.Opened(Kind::kFile, Word(*file), System::fopen_s::name);
+            return error;
+        },
+        Depth::Watch);
+    CountGivenBack<System::fclose>(functions, balance, Kind::kFile);
+}
+
+}  // namespace
+
+void InstallBalance(FunctionSet &functions, Balance &balance) {
+    InstallMemoryFunctions(functions);
+    CountHandles(functions, balance);
+    CountKeys(functions, balance);
+    CountLibraries(functions, balance);
+    CountFiles(functions, balance);
+}
+
+}  // namespace Simulator

@@ -1,0 +1,43 @@
+// The record of redirected calls.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Lock.h"
+
+namespace Simulator {
+
+struct JournalEntry {
+    std::string function;
+    std::string arguments;  ///< As ArgumentText prints them, in UTF-8.
+    DWORD thread = 0;
+};
+
+/// Every redirected call in the order in which the calls came in. Any thread.
+class Journal {
+public:
+    void Add(std::string function, std::string arguments);
+
+    /// What came in since the last Take, oldest first; the record is empty afterwards.
+    [[nodiscard]] std::vector<JournalEntry> Take();
+    [[nodiscard]] std::vector<JournalEntry> Entries() const;
+    /// How often the function is in the record.
+    [[nodiscard]] std::size_t Count(const std::string &function) const;
+    /// The functions in the record, in the order of the calls, as often as they were called.
+    [[nodiscard]] std::vector<std::string> Names() const;
+    /// One line per call: thread, function(arguments).
+    [[nodiscard]] std::string Text() const;
+
+    /// Leaves a function out from now on: for those that are called without end.
+    void Mute(const std::string &function);
+    [[nodiscard]] bool Wants(const std::string &function) const;
+
+private:
+    mutable Lock m_lock;
+    std::vector<JournalEntry> m_entries;
+    std::set<std::string> m_muted;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,22 @@
+// A lock for std::lock_guard. std::mutex is no choice here: libwinpthread allocates for it through an import
+// table that may be redirected.
+#pragma once
+
+#include <mutex>
+
+#include <windows.h>
+
+namespace Simulator {
+
+/// Not recursive. A thread must not be ended from outside while it holds one: nothing that waits does.
+class Lock {
+public:
+    void lock() { AcquireSRWLockExclusive(&m_lock); }
+    void unlock() { ReleaseSRWLockExclusive(&m_lock); }
+
+private:
+    SRWLOCK m_lock = SRWLOCK_INIT;
+};
+using LockGuard = std::lock_guard<Lock>;
+
+}  // namespace Simulator

@@ -1,0 +1,38 @@
+#include "PrivateHeap.h"
+
+#include <windows.h>
+
+#include "Function.h"
+
+namespace Simulator {
+
+namespace {
+
+template <class F>
+F *Kernel32(F *, const char *name) {
+    return reinterpret_cast<F *>(reinterpret_cast<void *>(FindRealFunction("KERNEL32.dll", name)));
+}
+
+struct Heap {
+    HANDLE handle = HeapCreate(0, 0, 0);
+    decltype(&::HeapAlloc) allocate = Kernel32(&::HeapAlloc, "HeapAlloc");
+    decltype(&::HeapFree) release = Kernel32(&::HeapFree, "HeapFree");
+};
+
+/// Lives as long as the process: the books are kept until its very end.
+const Heap &TheHeap() {
+    static const Heap heap;
+    return heap;
+}
+
+}  // namespace
+
+void *PrivateAllocate(std::size_t size) {
+    return TheHeap().allocate(TheHeap().handle, 0, size);
+}
+
+void PrivateFree(void *block) {
+    TheHeap().release(TheHeap().handle, 0, block);
+}
+
+}  // namespace Simulator

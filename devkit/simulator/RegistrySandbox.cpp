@@ -1,0 +1,229 @@
+#include "RegistrySandbox.h"
+
+#include <algorithm>
+#include <cstring>
+#include <system_error>
+
+#include "ArgumentText.h"
+#include "CallScope.h"
+
+namespace Simulator {
+
+namespace {
+
+constexpr wchar_t kParent[] = L"fc-devkit";
+
+void Check(LSTATUS status, const char *what) {
+    if (status != ERROR_SUCCESS)
+        throw std::system_error(static_cast<int>(status), std::system_category(), what);
+}
+
+UniqueKey Create(HKEY parent, const std::wstring &path) {
+    HKEY key = nullptr;
+    Check(RegCreateKeyExW(parent, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr),
+          "RegCreateKeyExW");
+    return UniqueKey(key);
+}
+
+UniqueKey Open(HKEY parent, const std::wstring &path) {
+    HKEY key = nullptr;
+    return UniqueKey(RegOpenKeyExW(parent, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS ? key : nullptr);
+}
+
+struct Value {
+    std::wstring name;
+    DWORD type = REG_NONE;
+    std::vector<std::uint8_t> bytes;
+};
+
+std::optional<Value> Query(HKEY root, const std::wstring &path, const std::wstring &name) {
+    const UniqueKey key = Open(root, path);
+    Value value{name, REG_NONE, {}};
+    DWORD size = 0;
+    if (!key || RegQueryValueExW(key.get(), name.c_str(), nullptr, &value.type, nullptr, &size) != ERROR_SUCCESS)
+        return std::nullopt;
+    value.bytes.resize(size);
+    if (RegQueryValueExW(key.get(), name.c_str(), nullptr, nullptr, value.bytes.data(), &size) != ERROR_SUCCESS)
+        return std::nullopt;
+    return value;
+}
+
+std::wstring AsText(const std::vector<std::uint8_t> &bytes) {
+    std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
+    if (!text.empty() && text.back() == L'\0')
+        text.pop_back();
+    return text;
+}
+
+DWORD AsDword(const std::vector<std::uint8_t> &bytes) {
+    DWORD value = 0;
+    std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof value));
+    return value;
+}
+
+std::vector<std::wstring> SubkeyNames(HKEY key) {
+    std::vector<std::wstring> names;
+    wchar_t name[256];
+    for (DWORD length = 256; RegEnumKeyExW(key, static_cast<DWORD>(names.size()), name, &length, nullptr, nullptr,
+                                           nullptr, nullptr) == ERROR_SUCCESS;
+         length = 256)
+        names.emplace_back(name, length);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<Value> Values(HKEY key) {
+    DWORD longestName = 0;
+    DWORD largest = 0;
+    Check(RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &longestName, &largest,
+                           nullptr, nullptr),
+          "RegQueryInfoKeyW");
+    std::vector<Value> values;
+    std::wstring name(longestName + 1, L'\0');
+    std::vector<std::uint8_t> bytes(largest);
+    for (;;) {
+        DWORD length = longestName + 1;
+        DWORD size = largest;
+        DWORD type = REG_NONE;
+        if (RegEnumValueW(key, static_cast<DWORD>(values.size()), name.data(), &length, nullptr, &type, bytes.data(),
+                          &size) != ERROR_SUCCESS)
+            break;
+        values.push_back({name.substr(0, length), type, {bytes.begin(), bytes.begin() + size}});
+    }
+    std::sort(values.begin(), values.end(), [](const Value &a, const Value &b) { return a.name < b.name; });
+    return values;
+}
+
+std::string Line(const Value &value) {
+    std::string line = '"' + Utf8(value.name) + '"';
+    if (value.type == REG_DWORD)
+        return line + " dword " + std::to_string(AsDword(value.bytes)) + "\n";
+    if (value.type == REG_SZ || value.type == REG_EXPAND_SZ)
+        return line + (value.type == REG_SZ ? " text \"" : " expandable \"") + Utf8(AsText(value.bytes)) + "\"\n";
+    constexpr char digits[] = "0123456789abcdef";
+    line += " type " + std::to_string(value.type) + ":";
+    for (const std::uint8_t byte : value.bytes)
+        line.append({' ', digits[byte >> 4], digits[byte & 15]});
+    return line + "\n";
+}
+
+void AppendTree(std::string &text, HKEY root, const std::wstring &path) {
+    const UniqueKey key = Open(root, path);
+    if (!key)
+        return;
+    text += "[" + Utf8(path) + "]\n";
+    for (const Value &value : Values(key.get()))
+        text += Line(value);
+    for (const std::wstring &name : SubkeyNames(key.get())) {
+        std::wstring below = path;
+        if (!below.empty())
+            below += L'\\';
+        below += name;
+        AppendTree(text, root, below);
+    }
+}
+
+}  // namespace
+
+void KeyCloser::operator()(HKEY key) const {
+    const InsideSimulator inside;
+    RegCloseKey(key);
+}
+
+RegistrySandbox::RegistrySandbox() {
+    const InsideSimulator inside;
+    static unsigned number = 0;
+    m_path = std::wstring(kParent) + L"\\" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++number);
+
+    HKEY software = nullptr;
+    Check(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_ALL_ACCESS, &software), "RegOpenKeyExW");
+    m_software.reset(software);
+    RegDeleteTreeW(m_software.get(), m_path.c_str());  // left by a process that had this number before
+    m_machineRoot = Create(m_software.get(), m_path + L"\\machine");
+    m_userRoot = Create(m_software.get(), m_path + L"\\user");
+    Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_machineRoot.get()), "RegOverridePredefKey");
+    Check(RegOverridePredefKey(HKEY_CURRENT_USER, m_userRoot.get()), "RegOverridePredefKey");
+}
+
+RegistrySandbox::~RegistrySandbox() {
+    const InsideSimulator inside;
+    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+    RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
+    m_machineRoot.reset();
+    m_userRoot.reset();
+    RegDeleteTreeW(m_software.get(), m_path.c_str());
+    RegDeleteKeyW(m_software.get(), kParent);  // fails while other sandboxes are there
+}
+
+void RegistrySandbox::PutKey(HKEY root, const std::wstring &path) {
+    const InsideSimulator inside;
+    Create(root, path);
+}
+
+void RegistrySandbox::PutBytes(HKEY root, const std::wstring &path, const std::wstring &name, DWORD type,
+                               const std::vector<std::uint8_t> &bytes) {
+    const InsideSimulator inside;
+    const UniqueKey key = Create(root, path);
+    Check(RegSetValueExW(key.get(), name.c_str(), 0, type, bytes.data(), static_cast<DWORD>(bytes.size())),
+          "RegSetValueExW");
+}
+
+void RegistrySandbox::PutDword(HKEY root, const std::wstring &path, const std::wstring &name, DWORD value) {
+    const InsideSimulator inside;
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(&value);
+    PutBytes(root, path, name, REG_DWORD, {bytes, bytes + sizeof value});
+}
+
+void RegistrySandbox::PutText(HKEY root, const std::wstring &path, const std::wstring &name, const std::wstring &value,
+                              DWORD type) {
+    const InsideSimulator inside;
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(value.c_str());
+    PutBytes(root, path, name, type, {bytes, bytes + (value.size() + 1) * sizeof(wchar_t)});
+}
+
+void RegistrySandbox::PutTexts(HKEY root, const std::wstring &path, const std::wstring &name,
+                               const std::vector<std::wstring> &values) {
+    const InsideSimulator inside;
+    std::wstring all;
+    for (const std::wstring &value : values)
+        all += value + L'\0';
+    PutText(root, path, name, all, REG_MULTI_SZ);
+}
+
+void RegistrySandbox::Remove(HKEY root, const std::wstring &path) {
+    const InsideSimulator inside;
+    const LSTATUS status = RegDeleteTreeW(root, path.c_str());
+    if (status != ERROR_FILE_NOT_FOUND)
+        Check(status, "RegDeleteTreeW");
+}
+
+bool RegistrySandbox::HasKey(HKEY root, const std::wstring &path) const {
+    const InsideSimulator inside;
+    return Open(root, path) != nullptr;
+}
+
+std::optional<DWORD> RegistrySandbox::Dword(HKEY root, const std::wstring &path, const std::wstring &name) const {
+    const InsideSimulator inside;
+    const std::optional<Value> value = Query(root, path, name);
+    if (!value || value->type != REG_DWORD)
+        return std::nullopt;
+    return AsDword(value->bytes);
+}
+
+std::optional<std::wstring> RegistrySandbox::Text(HKEY root, const std::wstring &path, const std::wstring &name) const {
+    const InsideSimulator inside;
+    const std::optional<Value> value = Query(root, path, name);
+    if (!value || (value->type != REG_SZ && value->type != REG_EXPAND_SZ))
+        return std::nullopt;
+    return AsText(value->bytes);
+}
+
+std::string RegistrySandbox::Tree(HKEY root, const std::wstring &path) const {
+    const InsideSimulator inside;
+    std::string text;
+    AppendTree(text, root, path);
+    return text;
+}
+
+}  // namespace Simulator

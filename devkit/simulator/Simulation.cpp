@@ -1,0 +1,46 @@
+#include "Simulation.h"
+
+#include "WindowsFunctions.h"
+
+namespace Simulator {
+
+namespace {
+
+std::shared_ptr<Core> MakeCore() {
+    const InsideSimulator inside;
+    return std::make_shared<Core>();
+}
+
+}  // namespace
+
+Simulation::Simulation(const SimulationParts &parts)
+    : m_core(MakeCore()), m_counts(parts.balance), m_functions(m_core) {
+    InstallClock(m_functions, m_core->clock);
+    if (parts.registry) {
+        m_registry.emplace();
+        InstallRegistry(m_functions);
+    }
+    if (parts.folders) {
+        m_folders.emplace();
+        InstallFiles(m_functions);
+        InstallFolders(m_functions, *m_folders);
+        InstallMappedPaths(m_functions, *m_folders);
+    }
+    if (parts.balance) {
+        Balance &balance = Balance::Instance();
+        InstallBalance(m_functions, balance);
+        m_functions.OnAttach([&balance](HMODULE module) { balance.Remember(module); });
+        balance.Start();
+    }
+}
+
+Simulation::~Simulation() {
+    if (!m_counts)
+        return;
+    Balance &balance = Balance::Instance();
+    balance.Stop();
+    if (balance.GuardedBlocks() != 0)
+        m_functions.Abandon(MemoryFunctionNames());
+}
+
+}  // namespace Simulator

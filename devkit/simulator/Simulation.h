@@ -1,0 +1,60 @@
+// The simulated Windows as a whole.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "Balance.h"
+#include "FunctionSet.h"
+#include "RegistrySandbox.h"
+#include "SystemFolders.h"
+
+namespace Simulator {
+
+/// What of it is wanted. Journal, faults and clock always are there; the clock starts as the real one.
+struct SimulationParts {
+    bool registry = true;  ///< A registry of its own, and the registry functions in journal and faults.
+    bool folders = true;   ///< Folders of its own, mapped paths, and the file functions in journal and faults.
+    bool balance = true;   ///< Counts memory, handles, keys, files, libraries.
+};
+
+/// Owns the parts. One per process at a time; later models build on `Functions()`.
+///     Simulation simulation;
+///     simulation.Attach(GetModuleHandleW(L"fc.dll"));
+///     const auto plan = simulation.GetFaults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);
+class Simulation {
+public:
+    explicit Simulation(const SimulationParts &parts = {});
+    /// Lets go what hangs and waits, and restores all import tables; only those of the memory functions stay,
+    /// without effect, while guarded blocks are there that have to be freed some day.
+    ~Simulation();
+    Simulation(const Simulation &) = delete;
+    Simulation &operator=(const Simulation &) = delete;
+
+    [[nodiscard]] FunctionSet &Functions() { return m_functions; }
+    [[nodiscard]] Journal &GetJournal() { return m_core->journal; }
+    [[nodiscard]] Faults &GetFaults() { return m_core->faults; }
+    [[nodiscard]] Clock &GetClock() { return m_core->clock; }
+    /// @throws std::bad_optional_access  if the part is not wanted.
+    [[nodiscard]] RegistrySandbox &GetRegistry() { return m_registry.value(); }
+    [[nodiscard]] SystemFolders &GetFolders() { return m_folders.value(); }
+    [[nodiscard]] Balance &GetBalance() { return Balance::Instance(); }
+
+    /// See FunctionSet.
+    std::size_t Attach(HMODULE module, const std::set<std::string> &names = {}) {
+        return m_functions.Attach(module, names);
+    }
+    void AttachWhenLoaded(const std::wstring &baseName) { m_functions.AttachWhenLoaded(baseName); }
+    void Detach(HMODULE module) { m_functions.Detach(module); }
+
+private:
+    std::shared_ptr<Core> m_core;
+    std::optional<RegistrySandbox> m_registry;
+    std::optional<SystemFolders> m_folders;
+    bool m_counts;
+    FunctionSet m_functions;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,29 @@
+#include "WindowsFunctions.h"
+
+#include "FunctionSet.h"
+
+namespace Simulator {
+
+namespace {
+
+template <class... Fs>
+void PassThrough(FunctionSet &functions) {
+    (functions.PassThrough<Fs>(), ...);
+}
+
+}  // namespace
+
+void InstallRegistry(FunctionSet &functions) {
+    using namespace System;
+    PassThrough<RegOpenKeyExW, RegCreateKeyExW, RegConnectRegistryW, RegQueryValueExW, RegSetValueExW, RegCloseKey,
+                RegDeleteKeyW, RegDeleteValueW, RegEnumKeyExW, RegEnumValueW>(functions);
+}
+
+void InstallFiles(FunctionSet &functions) {
+    using namespace System;
+    PassThrough<CreateFileW, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
+                DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindClose, fopen, _wfopen, fopen_s,
+                _wfopen_s, fclose>(functions);
+}
+
+}  // namespace Simulator

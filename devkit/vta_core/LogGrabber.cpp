@@ -1,0 +1,33 @@
+// The log target that collects into a text.
+#include <mutex>
+
+#include "LiveObject.h"
+#include "vta_core.h"
+
+namespace VtaCore {
+
+struct CLogGrabber::Impl {
+    LiveObject live;
+    wxString &text;
+    wxLog *next;  ///< Null: records are not passed on.
+    bool withVerbose;
+    std::mutex mutex;
+};
+
+CLogGrabber::CLogGrabber(wxString &text, bool passOn, bool withVerbose)
+    : m_impl(new Impl{{}, text, passOn ? wxLog::GetActiveTarget() : nullptr, withVerbose, {}}) {}
+
+CLogGrabber::~CLogGrabber() {
+    delete m_impl;
+}
+
+void CLogGrabber::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {
+    if (level != wxLOG_Info || m_impl->withVerbose) {
+        const std::lock_guard lock(m_impl->mutex);
+        m_impl->text << message << '\n';
+    }
+    if (m_impl->next != nullptr)
+        m_impl->next->LogRecord(level, message, info);
+}
+
+}  // namespace VtaCore

@@ -1,0 +1,45 @@
+// The settings of a CDom: a JSON object, in a file or in memory only.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <cJSON.h>
+#include <wx/string.h>
+
+namespace VtaCore {
+
+struct JsonDeleter {
+    void operator()(cJSON *json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, JsonDeleter>;
+
+/// Flags are JSON booleans, texts JSON strings; values of other kinds that stand in the file stay
+/// there until they are replaced. Keys are UTF-8 and case-sensitive. Any thread.
+class SettingsStore {
+public:
+    /// @param path  the file, replaced as a whole at every change; empty: memory only.
+    ///              A file without a readable store in it is renamed to "PATH.broken" ("PATH.2.broken"
+    ///              and so on while there is such a file) and the store starts empty. A file that
+    ///              cannot be renamed either is left alone, and the store is in memory only.
+    explicit SettingsStore(const wxString &path);
+
+    /// @return false when there is no such key or its text is none of true, 1, false, 0; `flag` stays then.
+    bool GetFlag(const std::string &key, bool &flag) const;
+    void SetFlag(const std::string &key, bool flag);
+
+    /// The text; "true" or "false" for a flag; empty when there is no such key.
+    wxString GetText(const std::string &key) const;
+    void SetText(const std::string &key, const wxString &text);
+
+private:
+    void Put(const std::string &key, Json value);
+    void Save() const;
+
+    mutable std::mutex m_mutex;
+    wxString m_path;
+    Json m_root;
+};
+
+}  // namespace VtaCore

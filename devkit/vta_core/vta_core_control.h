@@ -1,0 +1,70 @@
+// What the host and the tests can do with the stand-in for vta_core beyond the agent's interface:
+// see what was traced, sent and shown, and set what the agent would decide.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "vta_core.h"
+
+namespace VtaCore::Control {
+
+/// So many trace lines, events and notifications each are kept; then the oldest goes for each new one.
+constexpr std::size_t kMaxRecords = 100'000;
+
+struct TraceLine {
+    wxString component;
+    std::string file;
+    int line;
+    std::string function;
+    wxString message;
+};
+
+struct Event {
+    int number;
+    int logId;        ///< 0 where the event was not logged.
+    wxString format;  ///< As the caller gave it.
+    wxString text;    ///< Formatted.
+};
+
+struct Notification {
+    enum class Kind { User, Reboot };
+    Kind kind;
+    int code;  ///< Severity of a user notification, reason of a reboot.
+    wxString text;
+    wxString detail;
+};
+
+/// Is told of everything as it happens, on the thread where it happens, one call at a time. It may call the
+/// library, but must not wait for a thread that traces, sends or shows something.
+class Observer {
+public:
+    virtual ~Observer() = default;
+    virtual void OnTrace(const TraceLine &) {}
+    virtual void OnEvent(const Event &) {}
+    virtual void OnNotification(const Notification &) {}
+};
+/// @param observer  null for none; must stay until it is replaced. When this returns on another thread than the
+///                  observer's, no call of the one before is under way. Any thread.
+VTA_CORE_API void SetObserver(Observer *observer);
+
+/// Switches a component's trace; "*" stands for all of them, also those named later, and takes back what was
+/// switched for single ones before. At first all are off. Any thread.
+VTA_CORE_API void EnableTrace(const wxString &component, bool enabled);
+
+/// What happened since the last call, oldest first; the record is empty afterwards. Any thread.
+VTA_CORE_API std::vector<TraceLine> TakeTraces();
+VTA_CORE_API std::vector<Event> TakeEvents();
+VTA_CORE_API std::vector<Notification> TakeNotifications();
+
+/// Makes CDom::ShouldExit true, and ends its waits.
+VTA_CORE_API void SetShouldExit(CDom &dom, bool exit);
+/// The folder below which CDom::GetPluginFileWx places a plugin's files, as FOLDER\PLUGIN\NAME; empty, as at
+/// first: the folder "plugins" beside the program.
+VTA_CORE_API void SetPluginFolder(CDom &dom, const wxString &folder);
+
+/// Number of objects of the library's classes that are alive: CDom, CRunnable, CLogGrabber, CZipOutputStream.
+VTA_CORE_API int LiveObjects();
+
+}  // namespace VtaCore::Control

@@ -1,0 +1,65 @@
+#include "ConnMetrics.h"
+
+#include <cmath>
+#include <ctime>
+
+#include "ConnMetricsRows.h"
+#include "ModuleObjects.h"
+
+namespace {
+
+constexpr std::int64_t kFoldAfterSeconds = 60;
+
+/// The low 32 bits of the number's integer part. A number beyond 64 bits, infinite or no number
+/// has none of them set, as the processor's own conversion has it.
+std::uint32_t CountFromNumber(lua_Number number) {
+    constexpr lua_Number limit = 9223372036854775808.0;  // 2 to the power of 63
+    if (!(std::fabs(number) < limit))
+        return 0;
+    return static_cast<std::uint32_t>(static_cast<std::int64_t>(number));
+}
+
+}  // namespace
+
+int AddToConnMetrics(lua_State *L) {
+    size_t keyLength = 0;
+    size_t textLength = 0;
+    const char *key = luaL_checklstring(L, 1, &keyLength);
+    const char *text = luaL_checklstring(L, 2, &textLength);
+    const std::uint32_t count = CountFromNumber(luaL_checknumber(L, 3));
+    if (count != 0)
+        stagingMetrics.Add({key, keyLength}, {text, textLength}, count);
+    return 0;
+}
+
+int UpdateConnMetrics(lua_State *) {
+    const std::int64_t now = _time64(nullptr);
+    // A clock that was set back stops the folding until it has caught up.
+    if (now - lastMetricsUpdate <= kFoldAfterSeconds)
+        return 0;
+    {
+        const wxCriticalSectionLocker lock(connMetricsLock);
+        stagingMetrics.FoldInto(mergedMetrics);
+        lastMetricsUpdate = now;
+    }
+    // Deliberately outside the lock, which guards the result only.
+    stagingMetrics.Clear();
+    return 0;
+}
+
+int GetConnMetrics(lua_State *L) {
+    int status = LUA_OK;
+    {
+        ConnMetricsDrain drain;
+        {
+            const wxCriticalSectionLocker lock(connMetricsLock);
+            drain.entries.swap(mergedMetrics);
+        }
+        lua_pushcfunction(L, BuildConnMetricsRows);
+        lua_pushlightuserdata(L, &drain);
+        status = lua_pcall(L, 1, 1, 0);
+    }
+    if (status != LUA_OK)
+        return lua_error(L);
+    return 1;
+}

@@ -1,0 +1,55 @@
+// The library's entry routine, and the function through which Lua loads the module.
+
+#include <lua.hpp>
+#include <windows.h>
+
+#include "ConnMetrics.h"
+#include "ModuleObjects.h"
+#include "Registration.h"
+#include "SLB3.h"
+#include "WindowsDriverInstaller/WindowsDriverInstaller.h"
+#include "vta_core.h"
+#include "vti.h"
+
+namespace {
+
+/// Hands the profiler's words to the driver-interface library, once per process.
+void InstallProfiler() {
+    const wxCriticalSectionLocker lock(moduleInitLock);
+    if (profilerInstalled == 0) {
+        vti_set_profiler(&profiler_blockfilter, &profiler_running);
+        profilerInstalled = 1;
+    }
+}
+
+void RegisterFilterFunctions(lua_State *L) {
+    SLB3::Namespace filter(L, kFilterTableName);
+    RegisterDirect(L, filter, "AddToConnMetrics", AddToConnMetrics);
+    RegisterDirect(L, filter, "UpdateConnMetrics", UpdateConnMetrics);
+    RegisterDirect(L, filter, "GetConnMetrics", GetConnMetrics);
+}
+
+void RegisterFirewallApplicationFunctions(lua_State *L) {
+    const SLB3::Namespace filter(L, kFilterTableName);
+}
+
+}  // namespace
+
+/// Stores the library's instance on every notification, and always reports success.
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD, LPVOID) {
+    moduleInstance = instance;
+    return TRUE;
+}
+
+/// Lua: require "fc" yields true and leaves the module's functions in SLB.filter. Any number of
+/// states may open the module, on any threads.
+extern "C" int luaopen_fc(lua_State *L) {
+    InstallProfiler();
+    // A Lua error (no memory) in a round skips the end of its namespace, which costs the registry of
+    // this Lua state one reference until the state is closed.
+    RegisterFilterFunctions(L);
+    RegisterDriverInstallerFunctions(L);
+    RegisterFirewallApplicationFunctions(L);
+    lua_pushboolean(L, 1);
+    return 1;
+}

@@ -1,0 +1,27 @@
+#include "ModuleObjects.h"
+
+#include <ctime>
+
+#include <wx/dynlib.h>
+
+#include "vti.h"
+
+// The order of these definitions is the order of construction; keep it.
+wxCriticalSection connMetricsLock;
+StagingMetrics stagingMetrics;
+ConnMetricsMap mergedMetrics;
+std::int64_t lastMetricsUpdate = _time64(nullptr);
+
+PrintFunction *libraryPrint = &qb_dump_printf;
+
+const wxString emptyText;
+
+// One more load reference to this library, meant to stay: never deleted, so that the module is not
+// unloaded before the process ends, however often its users free it.
+[[maybe_unused]] static const bool keptLoaded = new wxDynamicLibrary("fc", wxDL_NOW) != nullptr;
+
+wxCriticalSection moduleInitLock;
+wxCriticalSection sysHealthLock;
+
+std::uint8_t profilerInstalled = 0;
+HINSTANCE moduleInstance = nullptr;

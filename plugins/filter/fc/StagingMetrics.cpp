@@ -1,0 +1,62 @@
+#include "StagingMetrics.h"
+
+#include "AsciiText.h"
+
+namespace {
+
+/// What wxString makes of the bytes up to the first NUL in the current locale; ASCII needs no conversion.
+wxString TextFromLocale(std::string_view narrow) {
+    if (IsPlainAscii(narrow))
+        return WidenAscii(narrow);
+    return wxString(narrow.data());
+}
+
+}  // namespace
+
+void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
+    const PlainKey plainKey(key);
+    SeenKeys::Entry *const seen = plainKey.IsPlain() ? m_seen.Find(plainKey) : nullptr;
+    if (seen)
+        seen->second.count += count;
+    else
+        AddToMap(key, text, count, plainKey);
+}
+
+void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::uint32_t count,
+                              const PlainKey &plainKey) {
+    wxString wide = TextFromLocale(key);
+    const auto place = m_entries.lower_bound(wide);
+    if (place != m_entries.end() && place->first == wide) {
+        place->second.count += count;
+        return;
+    }
+    if (m_entries.size() >= kMaxConnMetricKeys)
+        return;
+    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{count, TextFromLocale(text)});
+    if (plainKey.IsPlain())
+        m_seen.Insert(plainKey, *entry);
+}
+
+void StagingMetrics::FoldInto(ConnMetricsMap &merged) {
+    if (merged.empty()) {
+        merged.swap(m_entries);
+        return;
+    }
+    // Both are in key order: one walk through both finds each entry's place.
+    auto place = merged.begin();
+    for (auto next = m_entries.begin(); next != m_entries.end();) {
+        const auto entry = next++;
+        int order = -1;
+        while (place != merged.end() && (order = place->first.Cmp(entry->first)) < 0)
+            ++place;
+        if (place != merged.end() && order == 0)
+            place->second.count += entry->second.count;
+        else if (merged.size() < kMaxConnMetricKeys)
+            merged.insert(place, m_entries.extract(entry));
+    }
+}
+
+void StagingMetrics::Clear() {
+    m_seen.Clear();
+    m_entries.clear();
+}

@@ -1,0 +1,57 @@
+#include "UserdataArguments.h"
+
+#include <cstring>
+
+#include "SLB3.h"
+
+namespace {
+
+bool IsNamed(const char *name, const char *wanted) {
+    return name && (name == wanted || std::strcmp(name, wanted) == 0);
+}
+
+/// The object that the instance holds, as the wanted type.
+void *ResolveInstance(const SLB3::SlbInstance &instance, const char *typeName) {
+    if (!instance.resolve)
+        return nullptr;
+    const SLB3::SlbInstanceView view{&instance, &instance + 1};
+    void *const object = instance.resolve(&view);
+    if (!object || IsNamed(instance.typeName, typeName))
+        return object;
+    if (!instance.bases)
+        return nullptr;
+    for (const SLB3::SlbBaseEntry *base = instance.bases; base->marker != 0; ++base)
+        if (IsNamed(base->name, typeName))
+            return base->convert ? base->convert(object) : nullptr;
+    return nullptr;
+}
+
+}  // namespace
+
+void *GetInstanceArg(lua_State *L, int index, const char *typeName) {
+    const auto *instance = static_cast<const SLB3::SlbInstance *>(lua_touserdata(L, index));
+    // Another library's userdata may be shorter than the record; a light userdata has no length.
+    if (!instance || lua_rawlen(L, index) < sizeof(SLB3::SlbInstance))
+        return nullptr;
+
+    const bool isConst = (instance->flags & SLB3::SlbInstance::kConstFlags) == SLB3::SlbInstance::kConstFlags;
+    const int top = lua_gettop(L);
+    void *const object = ResolveInstance(*instance, typeName);
+    lua_settop(L, top);  // the binder's functions may have used the stack
+    return isConst ? nullptr : object;
+}
+
+VtaCore::CDom *GetDomArg(lua_State *L) {
+    return static_cast<VtaCore::CDom *>(GetInstanceArg(L, 1, kDomTypeName));
+}
+
+VtaCore::CZipOutputStream *GetZipArg(lua_State *L, int index) {
+    return static_cast<VtaCore::CZipOutputStream *>(GetInstanceArg(L, index, kZipTypeName));
+}
+
+const DriverHandleBlock *GetDriverHandleArg(lua_State *L, int index) {
+    const void *const block = luaL_testudata(L, index, kDriverHandleTypeName);
+    if (!block || lua_rawlen(L, index) < sizeof(DriverHandleBlock))
+        return nullptr;
+    return static_cast<const DriverHandleBlock *>(block);
+}

@@ -1,0 +1,7 @@
+// What the module frame offers to the module's other folders.
+#pragma once
+
+#include "CallWrappers.h"
+#include "ModuleObjects.h"
+#include "Registration.h"
+#include "UserdataArguments.h"

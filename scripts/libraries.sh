@@ -1,0 +1,58 @@
+# shellcheck shell=bash
+# wxWidgets base, Lua and cJSON for Windows, built once into the cache. The folder's name is made of
+# versions and options, and it gets that name only when all of it is there.
+
+WX_OPTIONS=(-DwxBUILD_SHARED=ON -DwxUSE_GUI=OFF -DwxUSE_STACKWALKER=ON -DwxUSE_DBGHELP=ON
+    -DwxUSE_REGEX=OFF -DwxUSE_XML=OFF -DwxUSE_URL=OFF -DwxUSE_PROTOCOL=OFF -DwxUSE_FS_INET=OFF
+    -DwxUSE_SOCKETS=OFF -DwxUSE_ZLIB=sys -DwxUSE_EXPAT=OFF -DwxUSE_LIBLZMA=OFF -DwxBUILD_TESTS=OFF
+    -DwxBUILD_DEMOS=OFF -DwxBUILD_SAMPLES=OFF)
+
+libraries_dir() {
+    local key
+    key=$({
+        cat "$CACHE"/src/{wx,lua,cjson}/.fc-version
+        echo "${WX_OPTIONS[@]}"
+        x86_64-w64-mingw32-g++-posix -dumpfullversion
+        cat "$ROOT/cmake/mingw64.cmake" "$ROOT/cmake/libraries/CMakeLists.txt"
+    } | sha256sum | cut -c1-16)
+    echo "$CACHE/libraries/$key"
+}
+
+configure_build_install() {
+    local source=$1 build=$2 prefix=$3
+    shift 3
+    cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+        -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" "$@"
+    cmake --build "$build" -j "$JOBS"
+    cmake --install "$build"
+}
+
+# The licences of all that a package of ours links or carries.
+collect_licences() {
+    local to=$1/licences
+    mkdir -p "$to"
+    cp "$CACHE/src/wx/docs/licence.txt" "$to/wxWidgets.txt"
+    cp "$CACHE/src/lua/debian/copyright" "$to/Lua.txt"
+    cp "$CACHE/src/cjson/LICENSE" "$to/cJSON.txt"
+    cp /usr/share/doc/libz-mingw-w64/copyright "$to/zlib.txt"
+    cp /usr/share/doc/mingw-w64-common/copyright "$to/mingw-w64.txt"
+    cp /usr/share/doc/gcc-mingw-w64-base/copyright "$to/GCC-runtime.txt"
+}
+
+build_libraries() {
+    local final work prefix
+    final=$(libraries_dir)
+    [ -f "$final/complete" ] && return 0
+    work=$final.work prefix=$final.partial
+    rm -rf "$work" "$prefix"
+    mkdir -p "$work" "$prefix"
+    quietly libraries-small.log "building Lua and cJSON" \
+        configure_build_install "$ROOT/cmake/libraries" "$work/small" "$prefix" \
+        -DLUA_SOURCE="$CACHE/src/lua" -DCJSON_SOURCE="$CACHE/src/cjson"
+    quietly libraries-wx.log "building wxWidgets base, about a minute" \
+        configure_build_install "$CACHE/src/wx" "$work/wx" "$prefix" "${WX_OPTIONS[@]}"
+    collect_licences "$prefix"
+    touch "$prefix/complete"
+    rm -rf "$final" "$work"
+    mv "$prefix" "$final"
+}

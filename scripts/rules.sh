@@ -1,0 +1,42 @@
+# shellcheck shell=bash
+# Rules of the house that no other tool knows. Each message says what to do instead.
+
+# forbid MESSAGE PATTERN PATH...: fails when the pattern stands in a file.
+forbid() {
+    local message=$1 pattern=$2 found
+    shift 2
+    found=$(git grep -nIE --untracked "$pattern" -- "$@" || true)
+    [ -n "$found" ] || return 0
+    printf '%s\n%s\n\n' "$message:" "$found" >&2
+    return 1
+}
+
+# A folder below plugins/filter includes its own headers, and of another one only the header named after it.
+check_includes() {
+    local status=0 file own folder header
+    while IFS=: read -r file _ header; do
+        own=$(echo "$file" | cut -d/ -f3)
+        header=${header#*\"}
+        header=${header%\"*}
+        case $header in */*) folder=${header%%/*} ;; *) continue ;; esac
+        if [ "$folder" != "$own" ] && [ "$header" != "$folder/$folder.h" ]; then
+            echo "$file includes $header: include $folder/$folder.h, which says what that folder offers" >&2
+            status=1
+        fi
+    done < <(git grep -nE --untracked '^#include "' -- plugins)
+    return $status
+}
+
+check_rules() {
+    local status=0
+    check_includes || status=1
+    forbid "The product knows nothing of the devkit; use what interfaces/ offers" \
+        '#include "(devkit|.*_control\.h|simulator|Simulator)' plugins interfaces || status=1
+    forbid "A test that is switched off counts as nothing: mend or delete it" \
+        '\bDISABLED_' tests || status=1
+    forbid "Trace through the one helper, which asks first whether the component is wanted" \
+        'VtaCore::LogTrace\(' plugins/filter/'*.cpp' || status=1
+    forbid "Say in the issue what is to be done, not in the code" '\b(TODO|FIXME|XXX)\b' \
+        plugins interfaces devkit tests bench examples || status=1
+    return $status
+}

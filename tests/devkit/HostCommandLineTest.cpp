@@ -1,0 +1,102 @@
+// fc-host.exe: options, what it needs beside itself, and its exit status.
+#include <gtest/gtest.h>
+
+#include "HostProcess.h"
+
+namespace {
+
+constexpr DWORD kCannotRun = 2;
+
+bool Contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+/// A copy of the program and its libraries, without one of them.
+void CopyBinariesWithout(const std::wstring &missing, const std::filesystem::path &target) {
+    for (const auto &entry : std::filesystem::directory_iterator(BinaryFolder())) {
+        const std::wstring name = entry.path().filename().wstring();
+        if ((entry.path().extension() == L".dll" || name == L"fc-host.exe") && name != missing)
+            std::filesystem::copy_file(entry.path(), target / name);
+    }
+}
+
+}  // namespace
+
+TEST(HostCommandLine, HelpNamesEveryOption) {
+    const HostRun run = RunHost({L"--help"});
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_EQ(run.err, "");
+    for (const char *option : {"-i", "--quiet", "--trace", "--events", "--settings", "--fast", "--help", "--version"})
+        EXPECT_TRUE(Contains(run.out, option)) << option;
+}
+
+TEST(HostCommandLine, VersionNamesLuaAndWxWidgets) {
+    const HostRun run = RunHost({L"--version"});
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_TRUE(Contains(run.out, "fc-host 1.")) << run.out;
+    EXPECT_TRUE(Contains(run.out, "Lua 5.2")) << run.out;
+    EXPECT_TRUE(Contains(run.out, "wxWidgets 3.")) << run.out;
+}
+
+TEST(HostCommandLine, RefusesWhatItDoesNotKnowWithAHint) {
+    const HostRun run = RunHost({L"--bogus", L"x.lua"});
+    EXPECT_EQ(run.exitCode, kCannotRun);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "fc-host: unknown option '--bogus'; fc-host --help lists the options\n");
+}
+
+TEST(HostCommandLine, RefusesValuesThatCannotBe) {
+    const std::vector<std::vector<std::wstring>> lines{{L"--fast", L"0", L"x.lua"},
+                                                       {L"--fast=2.5", L"x.lua"},
+                                                       {L"--fast", L"x.lua"},
+                                                       {L"--fast", L"1000001", L"x.lua"},
+                                                       {L"--events"},
+                                                       {L"--trace="}};
+    for (const auto &line : lines) {
+        const HostRun run = RunHost(line);
+        EXPECT_EQ(run.exitCode, kCannotRun);
+        EXPECT_TRUE(Contains(run.err, " needs a value: ")) << run.err;
+    }
+}
+
+TEST(HostCommandLine, WantsEitherAScriptOrAPrompt) {
+    const HostRun none = RunHost({});
+    EXPECT_EQ(none.exitCode, kCannotRun);
+    EXPECT_TRUE(Contains(none.err, "no script is given")) << none.err;
+    const HostRun both = RunHost({L"-i", L"x.lua"});
+    EXPECT_EQ(both.exitCode, kCannotRun);
+    EXPECT_TRUE(Contains(both.err, "leave out either -i or 'x.lua'")) << both.err;
+}
+
+TEST(HostCommandLine, NamesAScriptThatIsNotThere) {
+    const HostRun run = RunHost({L"nowhere.lua"});
+    EXPECT_EQ(run.exitCode, kCannotRun);
+    EXPECT_EQ(run.err, "fc-host: cannot open nowhere.lua: No such file or directory\n");
+}
+
+TEST(HostCommandLine, NamesAnEventsFileThatCannotBeWrittenBeforeTheScriptRuns) {
+    const TemporaryFolder folder;
+    const HostRun run = RunScript("print 'ran'", {L"--events", folder.Path().wstring()});
+    EXPECT_EQ(run.exitCode, kCannotRun);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(Contains(run.err, "cannot write " + folder.Path().string())) << run.err;
+}
+
+TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
+    for (const wchar_t *missing : {L"fc.dll", L"vti.dll"}) {
+        const TemporaryFolder folder;
+        CopyBinariesWithout(missing, folder.Path());
+        const std::wstring script = folder.Write(L"script.lua", "print 'ran'");
+        const HostRun run = RunHost({script}, {}, folder.Path());
+        const std::string name = std::filesystem::path(missing).string();
+        EXPECT_EQ(run.exitCode, kCannotRun);
+        EXPECT_EQ(run.out, "");
+        EXPECT_TRUE(Contains(run.err, "fc-host: " + name + " is missing: it was looked for as ")) << run.err;
+        EXPECT_TRUE(Contains(run.err, (folder.Path() / missing).string())) << run.err;
+    }
+}
+
+TEST(HostCommandLine, TakesOptionsUntilTheScriptsName) {
+    const HostRun run = RunScript("return #arg == 0 and host.get_setting('x') == '' and 3 or 4", {L"--quiet", L"--"});
+    EXPECT_EQ(run.exitCode, 3U) << run.err;
+}

@@ -1,0 +1,288 @@
+// The global table `host` of fc-host.exe: the agent's side, as scripts see it.
+#include <gtest/gtest.h>
+
+#include <cJSON.h>
+
+#include "HostProcess.h"
+
+namespace {
+
+bool Contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+/// Runs a script whose assertions are the test's.
+void ExpectPasses(const std::string &script, std::vector<std::wstring> options = {}) {
+    const HostRun run = RunScript(script, std::move(options));
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+}
+
+std::string LuaText(const std::wstring &path) {
+    return "[[" + std::filesystem::path(path).string() + "]]";
+}
+
+}  // namespace
+
+TEST(HostTable, HandsOutTheAgentsObject) {
+    ExpectPasses(R"(
+        assert(type(host.dom()) == "userdata" and type(host.const_dom()) == "userdata")
+        assert(tostring(host.dom()):match("^SLB%.Dom"))
+    )");
+}
+
+TEST(HostTable, KeepsSettingsInTheFileItIsGiven) {
+    const TemporaryFolder folder;
+    const std::vector<std::wstring> options{L"--settings", folder.At(L"settings")};
+    ExpectPasses("assert(host.get_setting('a') == '') host.set_setting('a', 'gr\xC3\xBC\xC3\x9F')", options);
+    ExpectPasses("assert(host.get_setting('a') == 'gr\xC3\xBC\xC3\x9F')", options);
+    ExpectPasses("assert(host.get_setting('a') == '')");
+}
+
+TEST(HostTable, AnOpenHandleIsClosedByHandOrWithItsUserdata) {
+    ExpectPasses(R"(
+        local first, second = host.driver_handle(), host.driver_handle()
+        assert(host.driver.open_handles == 2)
+        host.close_handle(first)
+        host.close_handle(first)
+        assert(host.driver.open_handles == 1)
+        second = nil
+        collectgarbage()
+        assert(host.driver.open_handles == 0)
+        assert(not pcall(host.close_handle, {}))
+        host.driver.present = false
+        local none, message = host.driver_handle()
+        assert(none == nil and message == "the driver is not present")
+        assert(first ~= second)
+    )");
+}
+
+TEST(HostTable, TheDriversFieldsCanBeReadAndSet) {
+    ExpectPasses(R"(
+        local driver = host.driver
+        assert(driver.present == true and driver.available == true and driver.version == "1.0.0.0")
+        driver.available, driver.version = false, "2.5"
+        assert(driver.available == false and driver.version == "2.5")
+        assert(driver.trace_level == 0 and #driver.calls == 0)
+        host.driver_handle()
+        assert(driver.calls[1] == 'vti_open()')
+        driver.set_variable(173, 4294967295)
+        assert(driver.get_variable(173) == 4294967295)
+        driver.set_counters{1, 2, 9007199254740992}
+        driver.set_fault("vti_get_stats", -3, "broken")
+        driver.clear_faults()
+        driver.trace(1, "qb", "file.c", 1, "nobody listens")
+    )");
+}
+
+TEST(HostTable, TheDriverRefusesWhatItCannotHold) {
+    ExpectPasses(R"(
+        local function refused(part, f, ...)
+            local ok, message = pcall(f, ...)
+            assert(not ok and message:find(part, 1, true), tostring(message))
+        end
+        local driver = host.driver
+        refused("no field 'colour'", function() return driver.colour end)
+        refused("no field 'colour'", function() driver.colour = 1 end)
+        refused("can only be read", function() driver.open_handles = 1 end)
+        refused("boolean expected", function() driver.present = 1 end)
+        refused("numbers 0 to 173", driver.set_variable, 174, 1)
+        refused("numbers 0 to 173", driver.get_variable, -1)
+        refused("out of range", driver.set_variable, 0, 4294967296)
+        refused("out of range", driver.set_counters, {-1})
+        refused("at most ten", driver.set_counters, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11})
+    )");
+}
+
+TEST(HostTable, AFaultOfTheDriverIsMetByTheModulesSide) {
+    ExpectPasses(R"(
+        host.driver.set_fault("vti_open", -1, "")
+        assert(host.driver_handle() == nil)
+        host.driver.clear_faults()
+        assert(host.driver_handle() ~= nil)
+    )");
+}
+
+TEST(HostTable, AZipIsARealFile) {
+    const TemporaryFolder folder;
+    const std::wstring path = folder.At(L"new folder\\packag\u00E9.zip");
+    const std::wstring script = folder.Write(L"script.lua", R"(
+        local zip = host.zip(arg[1])
+        assert(tostring(zip):match("^SLB%.wx%.ZipOutputStream"))
+        host.close_zip(zip)
+        local ok, message = pcall(host.close_zip, zip)
+        assert(not ok and message:find("an open zip of host.zip expected", 1, true), message)
+        assert(not pcall(host.close_zip, io.stdout) and not pcall(host.close_zip, nil))
+        host.zip(arg[1] .. ".open")
+        assert(not pcall(host.zip, arg[1] .. "\\below a file"))
+    )");
+    const HostRun run = RunHost({script, path});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    const std::string emptyZip("PK\x05\x06" + std::string(18, '\0'));
+    EXPECT_EQ(ReadFile(path), emptyZip);
+    EXPECT_EQ(ReadFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
+}
+
+TEST(HostTable, JsonComesBackAsItWasWritten) {
+    const TemporaryFolder folder;
+    const std::wstring path = folder.At(L"a\\b\\value.json");
+    ExpectPasses("local path = " + LuaText(path) + R"(
+        local value = { zebra = 1, apple = { 1, 2.5, "x" }, empty = {}, flag = false, text = "gr\195\188n \"q\"\n" }
+        host.write_json(path, value)
+        local back = host.read_json(path)
+        assert(back.zebra == 1 and back.flag == false and back.text == value.text)
+        assert(#back.apple == 3 and back.apple[2] == 2.5 and back.apple[3] == "x" and next(back.empty) == nil)
+        assert(host.read_json(path).missing == nil)
+    )");
+    const std::string text = ReadFile(path);
+    EXPECT_LT(text.find("\"apple\""), text.find("\"empty\""));
+    EXPECT_LT(text.find("\"text\""), text.find("\"zebra\""));
+    EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(HostTable, JsonSaysWhatItCannotHold) {
+    const TemporaryFolder folder;
+    ExpectPasses("local path = " + LuaText(folder.At(L"value.json")) + R"(
+        local function refused(part, ...)
+            local ok, message = pcall(...)
+            assert(not ok and message:find(part, 1, true), tostring(message))
+        end
+        refused("a function can't be written", host.write_json, path, { f = print })
+        refused("texts as keys", host.write_json, path, { 1, 2, x = 3 })
+        refused("texts as keys", host.write_json, path, { [1] = 1, [3] = 3 })
+        refused("zero byte", host.write_json, path, "a\0b")
+        local circle = {}
+        circle.self = circle
+        refused("holds itself", host.write_json, path, circle)
+        refused("No such file", host.read_json, path)
+        local file = io.open(path, "w")
+        file:write('{"open": ')
+        file:close()
+        refused("no valid JSON", host.read_json, path)
+        refused("cannot write", host.write_json, path .. "\\below", {})
+    )");
+}
+
+TEST(HostTable, JsonIsAlwaysValidUtf8) {
+    const TemporaryFolder folder;
+    const std::wstring path = folder.At(L"value.json");
+    ExpectPasses("host.write_json(" + LuaText(path) + ", { text = 'a\\255b' })");
+    EXPECT_TRUE(Contains(ReadFile(path),
+                         "a\xEF\xBF\xBD"
+                         "b"))
+        << ReadFile(path);
+}
+
+TEST(HostTable, RealTimeCannotBePutForward) {
+    const HostRun run = RunScript(
+        "local before = host.time() host.sleep(0.02)\n"
+        "assert(host.time() - before >= 0.015 and host.time() - before < 5)\n"
+        "host.advance(1)");
+    EXPECT_EQ(run.exitCode, 1U);
+    EXPECT_TRUE(Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --fast N"))
+        << run.err;
+}
+
+TEST(HostTable, SimulatedTimeRunsFastAndCanBePutForward) {
+    ExpectPasses(R"(
+        local time, os_time, cpu = host.time(), os.time(), os.clock()
+        host.sleep(200)
+        local passed = host.time() - time
+        assert(passed >= 199.9 and passed < 2000, passed)
+        host.advance(3600)
+        assert(host.time() - time >= 3799.9)
+        assert(os.time() - os_time >= 3799)
+        assert(os.clock() - cpu < 5)
+        assert(not pcall(host.advance, -1))
+    )",
+                 {L"--fast", L"1000"});
+}
+
+TEST(HostTable, TheModuleSeesTheSimulatedTime) {
+    ExpectPasses(R"(
+        require "fc"
+        SLB.filter.AddToConnMetrics("key", "pid\t5", 3)
+        SLB.filter.UpdateConnMetrics()
+        assert(#SLB.filter.GetConnMetrics() == 0)
+        host.advance(61)
+        SLB.filter.UpdateConnMetrics()
+        local rows = SLB.filter.GetConnMetrics()
+        assert(#rows == 1 and rows[1].pid == 5 and rows[1].count == 3)
+    )",
+                 {L"--fast", L"1"});
+}
+
+TEST(HostTable, EventsAndNotificationsArePrintedAndHandedToTheScript) {
+    const HostRun run = RunScript(R"(
+        host.send_event(1004, "100% gr\195\188n")
+        host.notify_user(2, "look", "closer")
+        local events = host.events()
+        assert(#events == 2)
+        assert(events[1].kind == "event" and events[1].number == 1004 and events[1].log_id == 0)
+        assert(events[1].text == "100% gr\195\188n" and events[1].format == "%s")
+        assert(events[2].kind == "user" and events[2].number == 2 and events[2].detail == "closer")
+        assert(#host.events() == 0)
+        host.send_event(1, "later")
+        assert(host.events()[1].text == "later")
+    )");
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_EQ(run.err, "event  1004  100% gr\xC3\xBCn\nnotify user 2  look  [closer]\nevent  1  later\n");
+}
+
+TEST(HostTable, QuietPrintsNoEvents) {
+    const HostRun run = RunScript("host.send_event(1, 'unseen') assert(#host.events() == 1)", {L"--quiet"});
+    EXPECT_EQ(run.exitCode, 0U);
+    EXPECT_EQ(run.err, "");
+}
+
+TEST(HostTable, TheEventsFileIsWrittenHoweverTheScriptEnds) {
+    for (const char *end : {"", "error('x')", "os.exit(3)"}) {
+        SCOPED_TRACE(end);
+        const TemporaryFolder folder;
+        const std::wstring path = folder.At(L"out\\events.json");
+        (void)RunScript("host.send_event(7, 'seven') host.events() host.notify_user(0, 'a', 'b') " + std::string(end),
+                        {L"--quiet", L"--events", path});
+        cJSON *json = cJSON_Parse(ReadFile(path).c_str());
+        ASSERT_NE(json, nullptr);
+        EXPECT_EQ(cJSON_GetArraySize(json), 2);
+        const cJSON *event = cJSON_GetArrayItem(json, 0);
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(event, "kind")), "event");
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(event, "text")), "seven");
+        EXPECT_EQ(cJSON_GetObjectItem(event, "number")->valueint, 7);
+        EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(cJSON_GetArrayItem(json, 1), "kind")), "user");
+        cJSON_Delete(json);
+    }
+}
+
+TEST(HostTable, TracesArePrintedAndKeptOnlyWhereTheyAreWanted) {
+    const HostRun run = RunScript(R"(
+        host.trace("other", "not wanted")
+        host.trace("filter", "wanted \195\188")
+        local traces = host.traces()
+        assert(#traces == 1 and traces[1].component == "filter" and traces[1].message == "wanted \195\188")
+        assert(traces[1].line == 3 and traces[1]["function"] == "script" and traces[1].file:match("script%.lua"))
+        assert(#host.traces() == 0)
+        host.set_trace("filter", false)
+        host.set_trace("other", true)
+        host.trace("filter", "not wanted any more")
+        host.trace("other", "wanted now")
+        assert(not pcall(host.set_trace, "filter"))
+    )",
+                                  {L"--trace", L"filter"});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_TRUE(Contains(run.err, "trace  filter            script: wanted \xC3\xBC (")) << run.err;
+    EXPECT_TRUE(Contains(run.err, "script.lua:3)\n")) << run.err;
+    EXPECT_TRUE(Contains(run.err, "trace  other             script: wanted now (")) << run.err;
+    EXPECT_FALSE(Contains(run.err, "not wanted")) << run.err;
+}
+
+TEST(HostTable, AStarWantsAllTraces) {
+    const HostRun run = RunScript("host.trace('any', 'shown')", {L"--trace", L"*"});
+    EXPECT_TRUE(Contains(run.err, "trace  any               script: shown (")) << run.err;
+}
+
+TEST(HostTable, QuietKeepsTracesForTheScript) {
+    const HostRun run =
+        RunScript("host.trace('any', 'kept') assert(#host.traces() == 1)", {L"--quiet", L"--trace", L"*"});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_EQ(run.err, "");
+}

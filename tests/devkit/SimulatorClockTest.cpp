@@ -1,0 +1,412 @@
+#include "Clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <memory>
+
+#include <gtest/gtest.h>
+#include <wx/stopwatch.h>
+#include <wx/thread.h>
+#include <wx/time.h>
+#include <wx/utils.h>
+
+#include "FunctionSet.h"
+#include "SimulatorTestSupport.h"
+
+using namespace Simulator;
+using namespace SimulatorTest;
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Reads and waits with the real functions.
+class RealTime {
+public:
+    [[nodiscard]] double ElapsedMs() const { return double(Now() - m_begin) / 1e4; }
+
+private:
+    static std::int64_t Now() {
+        const InsideSimulator inside;
+        LARGE_INTEGER counter{};
+        LARGE_INTEGER frequency{};
+        QueryPerformanceCounter(&counter);
+        QueryPerformanceFrequency(&frequency);
+        return counter.QuadPart * 10'000'000 / frequency.QuadPart;
+    }
+    std::int64_t m_begin = Now();
+};
+
+/// This program's time functions are redirected, and those of wxWidgets.
+class SimulatedClock : public ::testing::Test {
+protected:
+    SimulatedClock() {
+        InstallClock(set, clock);
+        const std::set<std::string> names = set.Names();
+        set.Attach(ThisProgram(), names);
+        set.Attach(WxLibrary());
+    }
+
+    std::shared_ptr<Core> core = std::make_shared<Core>();
+    Clock &clock = core->clock;
+    FunctionSet set{core};
+};
+
+std::uint64_t FileTimeNow(void(WINAPI *read)(FILETIME *)) {
+    FILETIME time{};
+    read(&time);
+    return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+}
+
+std::uint64_t FileTimeNow() {
+    FILETIME time{};
+    GetSystemTimeAsFileTime(&time);
+    return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+}
+
+std::int64_t CounterMs() {
+    LARGE_INTEGER counter{};
+    LARGE_INTEGER frequency{};
+    QueryPerformanceCounter(&counter);
+    QueryPerformanceFrequency(&frequency);
+    return counter.QuadPart * 1000 / frequency.QuadPart;
+}
+
+class TestEvent {
+public:
+    TestEvent() : m_event(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+    ~TestEvent() { CloseHandle(m_event); }
+    TestEvent(const TestEvent &) = delete;
+    TestEvent &operator=(const TestEvent &) = delete;
+    [[nodiscard]] HANDLE Handle() const { return m_event; }
+
+private:
+    HANDLE m_event;
+};
+
+}  // namespace
+
+TEST_F(SimulatedClock, StartsAsTheRealOne) {
+    std::uint64_t realTick = 0;
+    std::uint64_t realWall = 0;
+    {
+        const InsideSimulator inside;
+        realTick = GetTickCount64();
+        realWall = FileTimeNow(&GetSystemTimeAsFileTime);
+    }
+    EXPECT_NEAR(double(GetTickCount64()), double(realTick), 30);
+    EXPECT_NEAR(double(FileTimeNow()), double(realWall), 30e4);
+    EXPECT_NEAR(double(_time64(nullptr)), double(realWall / 10'000'000 - 11'644'473'600), 1);
+    const RealTime real;
+    Sleep(50);
+    EXPECT_GE(real.ElapsedMs(), 49);
+    EXPECT_EQ(core->journal.Count("Sleep"), 1U);
+}
+
+TEST_F(SimulatedClock, SleepsLessInFastMode) {
+    clock.RunFast(50);
+    const RealTime real;
+    const std::uint64_t begin = GetTickCount64();
+    Sleep(10'000);
+    const std::uint64_t slept = GetTickCount64() - begin;
+    EXPECT_GE(real.ElapsedMs(), 190);
+    EXPECT_LT(real.ElapsedMs(), 1000);
+    EXPECT_GE(slept, 9'999U);
+}
+
+TEST_F(SimulatedClock, KeepsTheRatioOfAllItsReadingsInFastMode) {
+    clock.RunFast(20);
+    const RealTime real;
+    const std::uint64_t tick = GetTickCount64();
+    const std::uint64_t wall = FileTimeNow();
+    const std::int64_t counter = CounterMs();
+    {
+        const InsideSimulator inside;
+        Sleep(100);
+    }
+    const double elapsed = real.ElapsedMs() * 20;
+    EXPECT_NEAR(double(GetTickCount64() - tick), elapsed, elapsed * 0.15 + 50);
+    EXPECT_NEAR(double(FileTimeNow() - wall) / 1e4, elapsed, elapsed * 0.15 + 50);
+    EXPECT_NEAR(double(CounterMs() - counter), elapsed, elapsed * 0.15 + 50);
+}
+
+TEST_F(SimulatedClock, TimesOutSoonerInFastMode) {
+    clock.RunFast(50);
+    const TestEvent event;
+    const RealTime real;
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), 5'000), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_GE(real.ElapsedMs(), 95);
+    EXPECT_LT(real.ElapsedMs(), 1000);
+}
+
+TEST_F(SimulatedClock, EndsAWaitWhenTheHandleIsSignalled) {
+    const TestEvent event;
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), 60'000), static_cast<DWORD>(WAIT_OBJECT_0));
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForSingleObjectEx(event.Handle(), 60'000, FALSE), static_cast<DWORD>(WAIT_OBJECT_0));
+    const TestEvent other;
+    const HANDLE both[] = {other.Handle(), event.Handle()};
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 60'000), WAIT_OBJECT_0 + 1);
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForMultipleObjectsEx(2, both, FALSE, 60'000, FALSE), WAIT_OBJECT_0 + 1);
+}
+
+TEST_F(SimulatedClock, StandsStillWhenStepped) {
+    clock.Step();
+    const std::uint64_t tick = GetTickCount64();
+    const std::uint64_t wall = FileTimeNow();
+    const std::int64_t counter = CounterMs();
+    {
+        const InsideSimulator inside;
+        Sleep(30);
+    }
+    EXPECT_EQ(GetTickCount64(), tick);
+    EXPECT_EQ(FileTimeNow(), wall);
+    EXPECT_EQ(CounterMs(), counter);
+}
+
+TEST_F(SimulatedClock, AdvancesAllReadingsTogether) {
+    clock.Step();
+    const std::uint64_t tick = GetTickCount64();
+    const DWORD tick32 = GetTickCount();
+    const std::uint64_t wall = FileTimeNow();
+    const __time64_t seconds = _time64(nullptr);
+    const std::int64_t counter = CounterMs();
+    clock.Advance(3h);
+    EXPECT_EQ(GetTickCount64() - tick, 10'800'000U);
+    EXPECT_EQ(GetTickCount() - tick32, 10'800'000U);
+    EXPECT_EQ(FileTimeNow() - wall, 108'000'000'000U);
+    EXPECT_EQ(_time64(nullptr) - seconds, 10'800);
+    EXPECT_NEAR(double(CounterMs() - counter), 10'800'000, 1);
+}
+
+TEST_F(SimulatedClock, WakesASteppedSleepWhenItsTimeHasCome) {
+    clock.Step();
+    const TestThread thread([] { Sleep(60'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    clock.Advance(59'999ms);
+    EXPECT_TRUE(thread.Runs());
+    clock.Advance(1ms);
+    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(clock.Waiting(), 0U);
+}
+
+TEST_F(SimulatedClock, DecidesTheTimeoutOfASteppedWait) {
+    clock.Step();
+    const TestEvent event;
+    std::atomic<DWORD> result{99};
+    const TestThread thread([&] { result = WaitForSingleObject(event.Handle(), 30'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    EXPECT_TRUE(thread.Runs());
+    clock.Advance(30s);
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(result, static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST_F(SimulatedClock, EndsASteppedWaitWhenTheHandleIsSignalled) {
+    clock.Step();
+    const TestEvent event;
+    std::atomic<DWORD> result{99};
+    const TestThread thread([&] { result = WaitForSingleObject(event.Handle(), 30'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    SetEvent(event.Handle());
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(result, static_cast<DWORD>(WAIT_OBJECT_0));
+}
+
+TEST_F(SimulatedClock, PollsWithoutWaitingWhenTheTimeoutIsZero) {
+    clock.Step();
+    const TestEvent event;
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    Sleep(0);
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), INFINITE), static_cast<DWORD>(WAIT_OBJECT_0));
+}
+
+TEST_F(SimulatedClock, AdvancesBySleepsIfTold) {
+    clock.Step(Clock::AutoAdvance::Sleeps);
+    const RealTime real;
+    const std::uint64_t tick = GetTickCount64();
+    for (int i = 0; i < 24; ++i)
+        Sleep(3'600'000);
+    EXPECT_EQ(SleepEx(1'000, FALSE), 0U);
+    EXPECT_EQ(GetTickCount64() - tick, 86'401'000U);
+    EXPECT_LT(real.ElapsedMs(), 2'000);
+}
+
+TEST_F(SimulatedClock, AdvancesByWaitsIfTold) {
+    clock.Step(Clock::AutoAdvance::SleepsAndWaits);
+    const TestEvent event;
+    const std::uint64_t tick = GetTickCount64();
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), 600'000), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(GetTickCount64() - tick, 600'000U);
+    SetEvent(event.Handle());
+    EXPECT_EQ(WaitForSingleObject(event.Handle(), 600'000), static_cast<DWORD>(WAIT_OBJECT_0));
+    EXPECT_EQ(GetTickCount64() - tick, 600'000U) << "a signalled handle takes no time";
+}
+
+TEST_F(SimulatedClock, ReturnsFromAnAlertableSleepForACallback) {
+    clock.Step();
+    static std::atomic<bool> called;
+    called = false;
+    std::atomic<DWORD> result{99};
+    const TestThread thread([&] { result = SleepEx(60'000, TRUE); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_NE(QueueUserAPC([](ULONG_PTR) { called = true; }, thread.Handle(), 0), 0U);
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(result, static_cast<DWORD>(WAIT_IO_COMPLETION));
+    EXPECT_TRUE(called);
+}
+
+TEST_F(SimulatedClock, FailsAWaitOnABadHandle) {
+    EXPECT_EQ(WaitForSingleObject(nullptr, 1'000), WAIT_FAILED);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+}
+
+TEST_F(SimulatedClock, SetsTheWallClockBackWithoutTouchingTicks) {
+    clock.Step();
+    const std::uint64_t tick = GetTickCount64();
+    const std::int64_t counter = CounterMs();
+    clock.SetWallClockUnix(1'000'000'000);
+    EXPECT_EQ(_time64(nullptr), 1'000'000'000);
+    __time64_t stored = 0;
+    (void)_time64(&stored);
+    EXPECT_EQ(stored, 1'000'000'000);
+    EXPECT_EQ(FileTimeNow(), (1'000'000'000U + 11'644'473'600U) * 10'000'000U);
+    EXPECT_EQ(GetTickCount64(), tick);
+    EXPECT_EQ(CounterMs(), counter);
+    clock.SetWallClock(116'444'736'000'000'000U);
+    EXPECT_EQ(_time64(nullptr), 0);
+}
+
+TEST_F(SimulatedClock, DoesNotWakeSleepersByTheWallClock) {
+    clock.Step();
+    const TestThread thread([] { Sleep(1'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    clock.SetWallClockUnix(4'000'000'000);
+    EXPECT_TRUE(thread.Runs());
+    clock.Advance(1s);
+    EXPECT_TRUE(thread.Join(5'000));
+}
+
+TEST_F(SimulatedClock, TellsTheCalendarTime) {
+    clock.Step();
+    clock.SetWallClockUnix(1'000'000'000);
+    SYSTEMTIME time{};
+    GetSystemTime(&time);
+    EXPECT_EQ(time.wYear, 2001);
+    EXPECT_EQ(time.wMonth, 9);
+    EXPECT_EQ(time.wDay, 9);
+    EXPECT_EQ(time.wHour, 1);
+    EXPECT_EQ(time.wMinute, 46);
+    EXPECT_EQ(time.wSecond, 40);
+    SYSTEMTIME local{};
+    GetLocalTime(&local);
+    SYSTEMTIME back{};
+    ASSERT_TRUE(TzSpecificLocalTimeToSystemTime(nullptr, &local, &back));
+    EXPECT_EQ(back.wHour, 1);
+    EXPECT_EQ(back.wSecond, 40);
+}
+
+TEST_F(SimulatedClock, WrapsThe32BitTick) {
+    clock.Step();
+    clock.SetTick(0xFFFF'FFFFU - 500U);
+    const DWORD before = GetTickCount();
+    EXPECT_EQ(before, 0xFFFF'FFFFU - 500U);
+    clock.Advance(1s);
+    EXPECT_EQ(GetTickCount(), 499U);
+    EXPECT_EQ(GetTickCount() - before, 1'000U);
+    EXPECT_EQ(GetTickCount64(), 0x1'0000'01F3U);
+}
+
+TEST_F(SimulatedClock, NoticesAChangeOfModeWithinASleep) {
+    clock.Step();
+    const TestThread thread([] { Sleep(60'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    clock.RunFast(10'000);
+    EXPECT_TRUE(thread.Join(5'000));
+}
+
+TEST_F(SimulatedClock, GoesOnFromWhereItWasWhenTheModeChanges) {
+    clock.RunFast(1'000);
+    {
+        const InsideSimulator inside;
+        Sleep(20);
+    }
+    const std::uint64_t fast = GetTickCount64();
+    clock.Step();
+    const std::uint64_t stepped = GetTickCount64();
+    EXPECT_GE(stepped, fast);
+    EXPECT_LT(stepped - fast, 2'000U);
+    clock.RunFast(1);
+    EXPECT_LT(GetTickCount64() - stepped, 100U);
+}
+
+TEST_F(SimulatedClock, DoesNotCountAKilledThreadAsWaiting) {
+    clock.Step();
+    const TestThread thread([] { Sleep(60'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(TerminateThread(thread.Handle(), 0));
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(clock.Waiting(), 0U);
+    const TestThread next([] { Sleep(1'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    clock.Advance(1s);
+    EXPECT_TRUE(next.Join(5'000)) << "no lock was left taken";
+}
+
+TEST_F(SimulatedClock, SaysWhenNobodyComesToWait) {
+    EXPECT_FALSE(clock.AwaitWaiting(1, 10));
+}
+
+TEST_F(SimulatedClock, LiesUnderWx) {
+    clock.Step(Clock::AutoAdvance::Sleeps);
+    clock.SetWallClockUnix(1'000'000'000);
+    const wxStopWatch watch;
+    wxSleep(3600);
+    EXPECT_EQ(watch.Time(), 3'600'000);
+    EXPECT_EQ(wxGetUTCTime(), 1'000'003'600);
+    EXPECT_EQ(wxGetUTCTimeMillis(), wxLongLong(1'000'003'600) * 1000);
+    wxThread::Sleep(5'000);
+    EXPECT_EQ(watch.Time(), 3'605'000);
+}
+
+TEST_F(SimulatedClock, EndsTheWaitOfAWxSemaphore) {
+    clock.Step();
+    wxSemaphore semaphore;
+    std::atomic<int> result{-1};
+    const TestThread thread([&] { result = semaphore.WaitTimeout(30'000); });
+    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    clock.Advance(30s);
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_EQ(result, wxSEMA_TIMEOUT);
+}
+
+TEST(Clock, EndsAllWaitsWithTheSimulation) {
+    auto core = std::make_shared<Core>();
+    auto set = std::make_unique<FunctionSet>(core);
+    InstallClock(*set, core->clock);
+    set->Attach(ThisProgram(), set->Names());
+    core->clock.Step();
+    const TestThread thread([] { Sleep(60'000); });
+    ASSERT_TRUE(core->clock.AwaitWaiting(1, 5'000));
+    set.reset();
+    EXPECT_TRUE(thread.Join(5'000));
+}
+
+TEST(Clock, LiesUnderTheCRuntimeForModulesThatAreNotAttached) {
+    __time64_t (*volatile now)() = [] { return _time64(nullptr); };
+    const __time64_t real = now();
+    {
+        const auto core = std::make_shared<Core>();
+        FunctionSet set(core);
+        InstallClock(set, core->clock);
+        core->clock.Step();
+        core->clock.SetWallClockUnix(1'000'000'000);
+        ASSERT_GT(set.Attach(GetModuleHandleA(kCRuntime), {"GetSystemTimeAsFileTime"}), 0U);
+        EXPECT_EQ(now(), 1'000'000'000);
+    }
+    EXPECT_NEAR(double(now()), double(real), 5);
+}

@@ -1,0 +1,110 @@
+#include "Faults.h"
+
+#include <gtest/gtest.h>
+
+using namespace Simulator;
+
+TEST(Faults, FailsTheNthCallAlone) {
+    Faults faults;
+    const auto plan = faults.FailNth("f", 2, ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_FALSE(faults.Ask("g", true).fails);
+    EXPECT_FALSE(plan->Hit());
+    const Verdict second = faults.Ask("f", true);
+    EXPECT_TRUE(second.fails);
+    EXPECT_EQ(second.code, static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_EQ(plan->HitFunction(), "f");
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_EQ(plan->Hits(), 1U);
+}
+
+TEST(Faults, FailsEveryCall) {
+    Faults faults;
+    const auto plan = faults.FailEvery("f", 5);
+    EXPECT_TRUE(faults.Ask("f", true).fails);
+    EXPECT_TRUE(faults.Ask("f", true).fails);
+    EXPECT_FALSE(faults.Ask("g", true).fails);
+    EXPECT_EQ(plan->Hits(), 2U);
+}
+
+TEST(Faults, CountsFromTheMakingOfThePlan) {
+    Faults faults;
+    (void)faults.Ask("f", true);
+    (void)faults.FailNth("f", 1, 5);
+    EXPECT_TRUE(faults.Ask("f", true).fails);
+    EXPECT_EQ(faults.Calls("f"), 2U);
+}
+
+TEST(Faults, FailsTheNthOfAllThatCanFail) {
+    Faults faults;
+    const auto plan = faults.FailNthOfAny(2, 5);
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_FALSE(faults.Ask("Sleep", false).fails);
+    EXPECT_TRUE(faults.Ask("g", true).fails);
+    EXPECT_EQ(plan->HitFunction(), "g");
+    EXPECT_EQ(faults.FailableCalls(), 2U);
+}
+
+TEST(Faults, FailsTheNthOfAChosenSet) {
+    Faults faults;
+    (void)faults.FailNthOf({"f", "g"}, 2, 5);
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_FALSE(faults.Ask("h", true).fails);
+    EXPECT_TRUE(faults.Ask("g", true).fails);
+}
+
+TEST(Faults, NeverMeetsAPlanToFailWhatCannot) {
+    Faults faults;
+    const auto plan = faults.FailEvery("Sleep", 5);
+    EXPECT_FALSE(faults.Ask("Sleep", false).fails);
+    EXPECT_FALSE(plan->Hit());
+}
+
+TEST(Faults, TakesTheCodeOfTheFirstOfSeveralPlans) {
+    Faults faults;
+    const auto first = faults.FailEvery("f", 5);
+    const auto second = faults.FailEvery("f", 6);
+    EXPECT_EQ(faults.Ask("f", true).code, 5U);
+    EXPECT_TRUE(second->Hit());
+}
+
+TEST(Faults, AddsDelays) {
+    Faults faults;
+    (void)faults.DelayEvery("f", 100);
+    (void)faults.DelayNth("f", 2, 30);
+    EXPECT_EQ(faults.Ask("f", false).delayMs, 100U);
+    EXPECT_EQ(faults.Ask("f", false).delayMs, 130U);
+}
+
+TEST(Faults, HangsUntilThePlanIsReleased) {
+    Faults faults;
+    const auto plan = faults.HangEvery("f");
+    const Verdict verdict = faults.Ask("f", true);
+    ASSERT_EQ(verdict.hangs.size(), 1U);
+    EXPECT_FALSE(verdict.fails);
+    EXPECT_TRUE(plan->WaitUntilHit(0));
+    EXPECT_FALSE(verdict.hangs[0]->IsSet());
+    faults.ReleaseHung();
+    EXPECT_TRUE(verdict.hangs[0]->IsSet());
+    EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
+}
+
+TEST(Faults, ReleasesHungCallsAloneByReleaseHung) {
+    Faults faults;
+    (void)faults.FailEvery("f", 5);
+    faults.ReleaseHung();
+    EXPECT_TRUE(faults.Ask("f", true).fails);
+}
+
+TEST(Faults, ForgetsPlansButNotCountsWhenCleared) {
+    Faults faults;
+    const auto hang = faults.HangNth("f", 1);
+    const Verdict verdict = faults.Ask("f", true);
+    (void)faults.FailEvery("f", 5);
+    faults.Clear();
+    EXPECT_TRUE(verdict.hangs.at(0)->IsSet());
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_EQ(faults.Calls("f"), 2U);
+    EXPECT_EQ(faults.Calls("g"), 0U);
+}

@@ -1,0 +1,28 @@
+// The tests of the devkit, as one program.
+#include <gtest/gtest.h>
+#include <wx/init.h>
+#include <wx/string.h>
+
+#include <windows.h>
+
+namespace {
+
+/// An assertion of wxWidgets fails the test in which it happens; its own handler would show a window.
+void OnWxAssert(const wxString &file, int line, const wxString &function, const wxString &condition,
+                const wxString &message) {
+    ADD_FAILURE_AT(file.utf8_str(), line)
+        << "wxWidgets asserts in " << function.utf8_str() << ": " << condition.utf8_str() << " " << message.utf8_str();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    // A crash ends the program; nobody is there to close a window about it.
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+    testing::InitGoogleTest(&argc, argv);
+    const wxInitializer wx;
+    if (!wx.IsOk())
+        return EXIT_FAILURE;
+    wxSetAssertHandler(&OnWxAssert);
+    return RUN_ALL_TESTS();
+}

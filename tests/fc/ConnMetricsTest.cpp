@@ -1,0 +1,596 @@
+// Connection metrics, through SLB.filter on the module as it ships.
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <wx/tokenzr.h>
+
+#include "ModuleFixture.h"
+
+namespace {
+
+class ConnMetrics : public ModuleFixture {
+protected:
+    ConnMetrics() {
+        lua.Run(R"(
+            f = SLB.filter
+            function add(key, text, count) f.AddToConnMetrics(key, text or 'name\tvalue', count or 1) end
+            function fill(first, last) for i = first, last do add(string.format('key%05d', i)) end end
+            -- every field of a row, as one text
+            function show(row)
+                local names = {}
+                for name in pairs(row) do names[#names + 1] = name end
+                table.sort(names)
+                for i, name in ipairs(names) do
+                    local value = row[name]
+                    names[i] = name .. '=' .. (type(value) == 'string' and '"' .. value .. '"' or tostring(value))
+                end
+                return table.concat(names, ' ')
+            end
+            function sum(rows) local n = 0 for _, row in ipairs(rows) do n = n + row.count end return n end
+        )");
+    }
+
+    /// Lets the time for a fold come, and folds.
+    void Fold() {
+        AdvanceSeconds(61);
+        lua.Run("f.UpdateConnMetrics()");
+    }
+
+    /// The rows as show() tells them, one per line.
+    std::string Drain() {
+        lua.Run("rows = f.GetConnMetrics() text = {} for i, row in ipairs(rows) do text[i] = show(row) end");
+        return lua.Eval("table.concat(text, '\\n')");
+    }
+
+    /// The one row that the text makes under a count of 1.
+    std::string RowOf(const std::string &luaText) {
+        lua.Run("add('key', " + luaText + ")");
+        Fold();
+        return Drain();
+    }
+};
+
+// ---- Counting
+
+TEST_F(ConnMetrics, ACountWhoseLow32BitsAreZeroLeavesTheStoreAsItWas) {
+    lua.Run("for _, n in ipairs{0, 0.5, -0.5, 4294967296, -4294967296, '0'} do add('key', 'a\\tb', n) end");
+    Fold();
+    EXPECT_EQ(Drain(), "");
+    lua.Run("add('key', 'first\\t1', 5) for _, n in ipairs{0, 0.5, 4294967296} do add('key', 'second\\t2', n) end");
+    Fold();
+    EXPECT_EQ(Drain(), "count=5 first=\"1\"");
+}
+
+TEST_F(ConnMetrics, AZeroCountDoesNotKeepTheTextForLater) {
+    lua.Run("add('key', 'early\\t1', 0) add('key', 'late\\t2', 1)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1 late=\"2\"");
+}
+
+TEST_F(ConnMetrics, MinusOneIsAddedAs4294967295) {
+    lua.Run("add('old', '', 1) add('old', '', -1) add('young', '', -1)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=0\ncount=4294967295");
+}
+
+TEST_F(ConnMetrics, CountsAreTruncatedTowardZeroAndKeptTo32Bits) {
+    lua.Run("add('a', '', 1.9) add('b', '', -1.9) add('c', '', 4294967297) add('d', '', 2^52 + 7) add('e', '', '3')");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1\ncount=4294967295\ncount=1\ncount=7\ncount=3");
+}
+
+TEST_F(ConnMetrics, ANumberThatFitsNo64BitsIsNoData) {
+    lua.Run("for _, n in ipairs{1/0, -1/0, 0/0, 1e300, -1e300, 2^63, -2^63} do add('key', '', n) end");
+    Fold();
+    EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(ConnMetrics, CountsWrapAt32BitsInBothMaps) {
+    lua.Run("add('key', '', 4294967295) add('key', '', 3)");
+    Fold();
+    lua.Run("add('key', '', 4294967295)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1");
+}
+
+TEST_F(ConnMetrics, TwoAddsWithOneKeyKeepTheFirstTextAndSumTheCounts) {
+    lua.Run("add('key', 'text\\tfirst', 2) add('key', 'text\\tsecond', 3)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=5 text=\"first\"");
+}
+
+TEST_F(ConnMetrics, AFullStagingMapStillCountsPresentKeysAndDropsAbsentOnes) {
+    lua.Run("fill(1, 10000) add('key00001') add('key10000') add('new') add('new', '', 7)");
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows"), "10000");
+    EXPECT_EQ(lua.Eval("sum(rows)"), "10002");
+    EXPECT_EQ(lua.Eval("rows[1].count + rows[10000].count"), "4");
+}
+
+// ---- Folding
+
+TEST_F(ConnMetrics, TheFirstFoldIsPossible61SecondsAfterLoading) {
+    AdvanceSeconds(12345);
+    const std::int64_t loaded = Time();
+    Reload();
+    lua.Run("f = SLB.filter add('key')");
+    SetTime(loaded + 60);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "");
+    SetTime(loaded + 61);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"");
+}
+
+TEST_F(ConnMetrics, AFoldIsSkippedAt60SecondsAndMadeAt61) {
+    Fold();
+    lua.Run("add('key')");
+    AdvanceSeconds(60);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "");
+    AdvanceSeconds(1);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"");
+}
+
+TEST_F(ConnMetrics, ASkippedFoldDoesNotMoveTheTimeOfTheLastFold) {
+    Fold();
+    lua.Run("add('key')");
+    for (int i = 0; i < 6; ++i) {
+        AdvanceSeconds(10);
+        lua.Run("f.UpdateConnMetrics()");
+    }
+    EXPECT_EQ(Drain(), "");
+    AdvanceSeconds(1);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"");
+}
+
+TEST_F(ConnMetrics, AFoldOfAnEmptyStagingMapMovesTheTimeOfTheLastFold) {
+    Fold();
+    AdvanceSeconds(61);
+    lua.Run("f.UpdateConnMetrics() add('key')");
+    AdvanceSeconds(60);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(ConnMetrics, AClockThatWasSetBackStopsTheFoldingUntilItHasCaughtUp) {
+    Fold();
+    lua.Run("add('key')");
+    AdvanceSeconds(-100000);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "");
+    AdvanceSeconds(100060);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "");
+    AdvanceSeconds(1);
+    lua.Run("f.UpdateConnMetrics()");
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"");
+}
+
+TEST_F(ConnMetrics, AFoldIntoAnEmptyResultTakesAllOfStagingOver) {
+    lua.Run("add('a', 'x\\t1', 2) add('b', 'y\\t2', 3)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=2 x=\"1\"\ncount=3 y=\"2\"");
+}
+
+TEST_F(ConnMetrics, AFoldIntoAResultAddsCountsAndKeepsTheOlderText) {
+    lua.Run("add('b', 'text\\told', 2)");
+    Fold();
+    lua.Run("add('b', 'text\\tyoung', 3) add('a', 'text\\tfirst', 1) add('c', 'text\\tlast', 1)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1 text=\"first\"\ncount=5 text=\"old\"\ncount=1 text=\"last\"");
+}
+
+TEST_F(ConnMetrics, AFoldEmptiesStagingSoThatTheNextCountsAnew) {
+    lua.Run("add('key', 'text\\told', 2)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=2 text=\"old\"");
+    lua.Run("add('key', 'text\\tyoung', 1)");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1 text=\"young\"");
+}
+
+TEST_F(ConnMetrics, AtTheLimitTheFirstKeysInOrderWinTheLastPlacesAndTheOthersAreGone) {
+    lua.Run("fill(1, 9998)");
+    Fold();
+    lua.Run("add('zzz') add('bbb') add('aaa') add('key00001', '', 5)");
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows"), "10000");
+    EXPECT_EQ(lua.Eval("sum(rows)"), "10005") << "aaa and bbb found room, zzz did not, key00001 still counts";
+    Fold();
+    EXPECT_EQ(Drain(), "") << "staging was emptied all the same";
+}
+
+// ---- Draining
+
+TEST_F(ConnMetrics, WithoutAFoldTheResultIsAnEmptyTable) {
+    lua.Run("add('key') rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("type(rows)"), "table");
+    EXPECT_EQ(lua.Eval("next(rows)"), "nil");
+    Fold();
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"") << "what was not folded yet stays for later";
+}
+
+TEST_F(ConnMetrics, ASecondDrainWithNoFoldBetweenIsEmpty) {
+    lua.Run("add('key')");
+    Fold();
+    EXPECT_NE(Drain(), "");
+    EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(ConnMetrics, TheOrderOfTheRowsIsTheOrderOfTheKeysByCharacterCode) {
+    lua.Run("for _, key in ipairs{'b', 'a', 'B', '', 'aa', '_', '\\200'} do add(key, 'key\\t<' .. key .. '>') end");
+    Fold();
+    EXPECT_EQ(Drain(),
+              "count=1 key=\"<>\"\ncount=1 key=\"<B>\"\ncount=1 key=\"<_>\"\ncount=1 key=\"<a>\"\n"
+              "count=1 key=\"<aa>\"\ncount=1 key=\"<b>\"\ncount=1 key=\"<\xC8>\"");
+}
+
+TEST_F(ConnMetrics, TheKeyItselfDoesNotReachLua) {
+    EXPECT_EQ(RowOf("'a\\tb'"), "a=\"b\" count=1");
+}
+
+TEST_F(ConnMetrics, ALineWithFlagsSetsTheWordAndAllTwelveBits) {
+    EXPECT_EQ(RowOf("'flags\\t33\\nservice\\tweb'"),
+              "cf_do_dpi=1 cf_nuagent_banned=0 cf_nuagent_fail_open=0 cf_nuagent_key_error=0 cf_nuagent_key_imported=0 "
+              "cf_nuagent_key_not_found=0 cf_nuagent_throttled=0 cf_outbound_connection=0 cf_rsa_key_imported=0 "
+              "cf_ssl_connection=1 cf_start_tls=0 cf_udp_connection=0 count=1 flags=33 service=\"web\"");
+}
+
+TEST_F(ConnMetrics, EachBitOfTheFlagsHasItsField) {
+    const char *const names[] = {"cf_ssl_connection",        "cf_udp_connection",       "cf_outbound_connection",
+                                 "cf_rsa_key_imported",      "cf_nuagent_key_imported", "cf_do_dpi",
+                                 "cf_nuagent_key_not_found", "cf_nuagent_key_error",    "cf_start_tls",
+                                 "cf_nuagent_fail_open",     "cf_nuagent_throttled",    "cf_nuagent_banned"};
+    for (int bit = 0; bit < 12; ++bit) {
+        RowOf("'flags\\t" + std::to_string(1 << bit) + "'");
+        for (int other = 0; other < 12; ++other)
+            EXPECT_EQ(lua.Eval(std::string("rows[1].") + names[other]), other == bit ? "1" : "0")
+                << bit << " " << other;
+    }
+}
+
+TEST_F(ConnMetrics, NegativeFlagsSetEveryBitAndBitsBeyondTheTwelveSetNoField) {
+    RowOf("'flags\\t-1'");
+    EXPECT_EQ(lua.Eval("rows[1].flags"), "-1");
+    EXPECT_EQ(lua.Eval("rows[1].cf_ssl_connection + rows[1].cf_nuagent_banned"), "2");
+    RowOf("'flags\\t4096'");
+    EXPECT_EQ(lua.Eval("rows[1].cf_ssl_connection + rows[1].cf_nuagent_banned"), "0");
+}
+
+TEST_F(ConnMetrics, TheListedNamesBecomeNumbersAndAllOthersTexts) {
+    EXPECT_EQ(RowOf("'pid\\t1\\ndst_port\\t443\\ntls_version\\t771\\ncipher\\t49195\\ncontainer_type\\t2\\nPID\\t1'"),
+              "PID=\"1\" cipher=49195 container_type=2 count=1 dst_port=443 pid=1 tls_version=771");
+}
+
+TEST_F(ConnMetrics, ALineWithoutATabHasAnEmptyValue) {
+    EXPECT_EQ(RowOf("'pid\\nother\\n'"), "count=1 other=\"\" pid=0");
+}
+
+TEST_F(ConnMetrics, ALineCalledCountIsOverwrittenByTheEntrysCount) {
+    EXPECT_EQ(RowOf("'count\\t99\\na\\tb'"), "a=\"b\" count=1");
+}
+
+TEST_F(ConnMetrics, AnEmptyTextGivesARowWithTheCountAlone) {
+    EXPECT_EQ(RowOf("''"), "count=1");
+    EXPECT_EQ(RowOf("'\\n\\n\\n'"), "count=1") << "empty lines are skipped";
+}
+
+TEST_F(ConnMetrics, OnlyTheFirstTabOfALineDivides) {
+    EXPECT_EQ(RowOf("'a\\tb\\tc\\n\\tno name'"), "=\"no name\" a=\"b\tc\" count=1");
+}
+
+TEST_F(ConnMetrics, OfTwoLinesWithOneNameTheLastWins) {
+    EXPECT_EQ(RowOf("'a\\t1\\na\\t2\\npid\\t1\\npid\\t2'"), "a=\"2\" count=1 pid=2");
+    RowOf("'cf_do_dpi\\tbefore\\nflags\\t0\\ncf_start_tls\\tafter'");
+    EXPECT_EQ(lua.Eval("rows[1].cf_do_dpi"), "0");
+    EXPECT_EQ(lua.Eval("rows[1].cf_start_tls"), "after");
+}
+
+TEST_F(ConnMetrics, ACarriageReturnIsPartOfTheValue) {
+    EXPECT_EQ(RowOf("'a\\tb\\r\\npid\\t7\\r\\n'"), "a=\"b\r\" count=1 pid=7");
+}
+
+TEST_F(ConnMetrics, NumbersAreReadAsTheCRuntimeReadsThem) {
+    for (const std::string value : {"0",
+                                    "7",
+                                    "007",
+                                    "123456789",
+                                    "1234567890",
+                                    "2147483647",
+                                    "2147483648",
+                                    "4294967296",
+                                    "99999999999999999999",
+                                    "-1",
+                                    "-2147483648",
+                                    "-99999999999",
+                                    "+5",
+                                    "--5",
+                                    " 12",
+                                    "\v3",
+                                    "12x",
+                                    "x12",
+                                    "0x10",
+                                    "1e3",
+                                    "1.9",
+                                    " ",
+                                    "",
+                                    "\t5",
+                                    "12 34"}) {
+        RowOf("'pid\\t" + value + "\\nnext\\t8'");
+        EXPECT_EQ(lua.Eval("rows[1].pid"), std::to_string(_wtoi(std::wstring(value.begin(), value.end()).c_str())))
+            << "'" << value << "'";
+    }
+}
+
+TEST_F(ConnMetrics, ANumberWithoutAValueDoesNotReadOnIntoTheNextLine) {
+    EXPECT_EQ(RowOf("'pid\\t\\n5\\t6'"), "5=\"6\" count=1 pid=0");
+    EXPECT_EQ(RowOf("'pid\\t \\n5'"), "5=\"\" count=1 pid=0");
+}
+
+TEST_F(ConnMetrics, ArgumentsOfUpdateAndGetAreIgnored) {
+    lua.Run("add('key')");
+    AdvanceSeconds(61);
+    lua.Run("assert(select('#', f.UpdateConnMetrics(1, 'x', {})) == 0)");
+    EXPECT_EQ(lua.Eval("select('#', f.GetConnMetrics(1, 'x', {}, print))"), "1");
+    lua.Run("add('key')");
+    Fold();
+    EXPECT_EQ(lua.Eval("#f.GetConnMetrics(false)"), "1");
+    EXPECT_EQ(lua.Eval("select('#', f.AddToConnMetrics('a', 'b', 1, 'more'))"), "0");
+}
+
+// ---- Arguments
+
+TEST_F(ConnMetrics, AWrongArgumentRaisesTheUsualErrorAndLeavesTheMapsUnchanged) {
+    const struct {
+        const char *call;
+        const char *error;
+    } cases[] = {
+        {"f.AddToConnMetrics()", "bad argument #1 to 'AddToConnMetrics' (string expected, got no value)"},
+        {"f.AddToConnMetrics(nil, 'a', 1)", "bad argument #1 to 'AddToConnMetrics' (string expected, got nil)"},
+        {"f.AddToConnMetrics({}, 'a', 1)", "bad argument #1 to 'AddToConnMetrics' (string expected, got table)"},
+        {"f.AddToConnMetrics(true, 'a', 1)", "bad argument #1 to 'AddToConnMetrics' (string expected, got boolean)"},
+        {"f.AddToConnMetrics('key', nil, 1)", "bad argument #2 to 'AddToConnMetrics' (string expected, got nil)"},
+        {"f.AddToConnMetrics('key', print, 1)",
+         "bad argument #2 to 'AddToConnMetrics' (string expected, got function)"},
+        {"f.AddToConnMetrics('key', io.stdout, 1)",
+         "bad argument #2 to 'AddToConnMetrics' (string expected, got userdata)"},
+        {"f.AddToConnMetrics('key', 'a')", "bad argument #3 to 'AddToConnMetrics' (number expected, got no value)"},
+        {"f.AddToConnMetrics('key', 'a', 'x')", "bad argument #3 to 'AddToConnMetrics' (number expected, got string)"},
+        {"f.AddToConnMetrics('key', 'a', {})", "bad argument #3 to 'AddToConnMetrics' (number expected, got table)"},
+        {"f.AddToConnMetrics('key', 'a', true)",
+         "bad argument #3 to 'AddToConnMetrics' (number expected, got boolean)"},
+    };
+    lua.Run("add('key', 'kept\\tyes', 2)");
+    for (const auto &[call, error] : cases)
+        EXPECT_NE(lua.ErrorOf(call).find(error), std::string::npos) << call << " raised: " << lua.ErrorOf(call);
+    Fold();
+    EXPECT_EQ(Drain(), "count=2 kept=\"yes\"");
+}
+
+TEST_F(ConnMetrics, NumbersServeAsTexts) {
+    lua.Run("add(7, 8, 1) add('7', '9', 1)");
+    Fold();
+    EXPECT_EQ(Drain(), "8=\"\" count=2");
+}
+
+TEST_F(ConnMetrics, TextsAndKeysEndAtTheFirstNul) {
+    lua.Run("add('key\\0one', 'a\\tb\\0c\\nd\\te') add('key\\0two') add('key')");
+    Fold();
+    EXPECT_EQ(Drain(), "a=\"b\" count=3");
+}
+
+TEST_F(ConnMetrics, EveryByteValueSurvivesTheWayThroughTheModule) {
+    lua.Run(R"(
+        bytes = {}
+        for i = 1, 255 do if i ~= 9 and i ~= 10 then bytes[#bytes + 1] = string.char(i) end end
+        bytes = table.concat(bytes)
+        add(bytes, 'name\t' .. bytes) add(bytes, '') add('n', bytes .. '\tvalue')
+    )");
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    // In the "C" locale each byte is one character.
+    EXPECT_EQ(lua.Eval("#rows"), "2");
+    EXPECT_EQ(lua.Eval("rows[1].name == bytes and rows[1].count == 2"), "true");
+    EXPECT_EQ(lua.Eval("rows[2][bytes]"), "value");
+}
+
+TEST_F(ConnMetrics, TextsAndKeysOfOneMebibyteAreKeptWhole) {
+    lua.Run(R"(
+        big = string.rep('k', 1024 * 1024)
+        add(big .. '1', 'name\t' .. big) add(big .. '2', big .. '\tvalue') add(big .. '1', 'other\ttext')
+    )");
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows"), "2");
+    EXPECT_EQ(lua.Eval("rows[1].name == big and rows[1].count == 2"), "true");
+    EXPECT_EQ(lua.Eval("rows[2][big]"), "value");
+}
+
+TEST_F(ConnMetrics, ATextOfManyLinesMakesAsManyFields) {
+    lua.Run("lines = {} for i = 1, 20000 do lines[i] = 'n' .. i .. '\\tv' .. i end");
+    lua.Run("add('key', table.concat(lines, '\\n'))");
+    Fold();
+    lua.Run("row = f.GetConnMetrics()[1] n = 0 for _ in pairs(row) do n = n + 1 end");
+    EXPECT_EQ(lua.Eval("n"), "20001");
+    EXPECT_EQ(lua.Eval("row.n1 .. row.n20000"), "v1v20000");
+}
+
+// ---- What is left behind
+
+TEST_F(ConnMetrics, NothingIsLeftAfterADrainAndTheCloseOfTheState) {
+    const auto cycle = [this] {
+        LuaState own;
+        Open(own);
+        own.Run("for i = 1, 10500 do SLB.filter.AddToConnMetrics('key' .. i, 'flags\\t1\\nname\\t\\233' .. i, 1) end");
+        AdvanceSeconds(61);
+        own.Run("SLB.filter.UpdateConnMetrics()");
+        own.Run("for i = 1, 500 do SLB.filter.AddToConnMetrics('other' .. i, '', 1) end");
+        AdvanceSeconds(61);
+        own.Run("SLB.filter.UpdateConnMetrics() assert(#SLB.filter.GetConnMetrics() == 10000)");
+    };
+    cycle();  // what the libraries make once and keep
+    const Simulator::BalanceSnapshot before = balance().Take();
+    cycle();
+    EXPECT_EQ(balance().Difference(before, balance().Take()), "");
+}
+
+TEST_F(ConnMetrics, ABadArgumentLeavesNothingBehind) {
+    const char *const calls[] = {"f.AddToConnMetrics('key', {}, 1)", "f.AddToConnMetrics('key', 'a', 'x')"};
+    for (const char *call : calls)
+        EXPECT_NE(lua.ErrorOf(call), "");
+    lua.Run("collectgarbage()");
+    const Simulator::BalanceSnapshot before = balance().Take();
+    for (const char *call : calls)
+        EXPECT_NE(lua.ErrorOf(call), "");
+    lua.Run("collectgarbage()");
+    EXPECT_EQ(balance().Difference(before, balance().Take()), "");
+}
+
+/// A Lua allocator that has no memory from one request on.
+struct ShortMemory {
+    int left = 0;
+    static void *Allocate(void *self, void *block, size_t oldSize, size_t newSize) {
+        if (newSize == 0) {
+            std::free(block);
+            return nullptr;
+        }
+        if (newSize > oldSize || !block) {
+            int &left = static_cast<ShortMemory *>(self)->left;
+            if (left == 0)
+                return nullptr;
+            --left;
+        }
+        return std::realloc(block, newSize);
+    }
+};
+
+TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) {
+    int failures = 0;
+    for (int requests = 0;; ++requests) {
+        SCOPED_TRACE("requests " + std::to_string(requests));
+        lua.Run("for i = 1, 20 do add('key' .. i, 'flags\\t1\\nname\\tvalue' .. i) end");
+        Fold();
+        const Simulator::BalanceSnapshot before = balance().Take();
+        int status = LUA_OK;
+        {
+            LuaState own;
+            Open(own);
+            own.Run("get = SLB.filter.GetConnMetrics");
+            ShortMemory memory{requests};
+            void *data = nullptr;
+            const lua_Alloc ordinary = lua_getallocf(own, &data);
+            lua_getglobal(own, "get");
+            lua_setallocf(own, &ShortMemory::Allocate, &memory);
+            status = lua_pcall(own, 0, 1, 0);
+            lua_setallocf(own, ordinary, data);
+        }
+        EXPECT_TRUE(status == LUA_OK || status == LUA_ERRMEM) << status;
+        // The entries that were drained before the error have gone with it: the result is smaller.
+        for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take()))
+            ADD_FAILURE() << item.size << " bytes are left of " << item.function;
+        if (status == LUA_OK)
+            break;
+        ++failures;
+    }
+    EXPECT_GT(failures, 20);
+    EXPECT_EQ(Drain(), "");
+}
+
+// ---- Against the slow road
+
+/// The row as the plain words have it: a tokenizer, one string for each name and value.
+std::map<std::string, std::string> SlowRow(const std::string &text, unsigned count) {
+    static const char *const bits[] = {"cf_ssl_connection",        "cf_udp_connection",       "cf_outbound_connection",
+                                       "cf_rsa_key_imported",      "cf_nuagent_key_imported", "cf_do_dpi",
+                                       "cf_nuagent_key_not_found", "cf_nuagent_key_error",    "cf_start_tls",
+                                       "cf_nuagent_fail_open",     "cf_nuagent_throttled",    "cf_nuagent_banned"};
+    std::map<std::string, std::string> row;
+    wxStringTokenizer lines(wxString(text.c_str()), "\n", wxTOKEN_DEFAULT);
+    while (lines.HasMoreTokens()) {
+        const wxString line = lines.GetNextToken();
+        wxString value;
+        const wxString name = line.BeforeFirst('\t', &value);
+        const std::string key(static_cast<const char *>(name.mb_str()));
+        const int number = _wtoi(value.wc_str());
+        if (name == "flags") {
+            for (unsigned bit = 0; bit < 12; ++bit)
+                row[bits[bit]] = std::to_string((static_cast<unsigned>(number) >> bit) & 1U);
+        }
+        if (name == "flags" || name == "pid" || name == "dst_port" || name == "tls_version" || name == "cipher" ||
+            name == "container_type")
+            row[key] = std::to_string(number);
+        else
+            row[key] = '"' + std::string(static_cast<const char *>(value.mb_str())) + '"';
+    }
+    row["count"] = std::to_string(count);
+    return row;
+}
+
+TEST_F(ConnMetrics, RandomTextsGiveTheRowsOfTheSlowRoad) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const std::string pieces[] = {"\n",       "\n",   "\t",   "\t",     "flags", "pid",       "cf_do_dpi", "count",
+                                  "dst_port", "0",    "33",   "-1",     "4096",  " ",         "\r",        "name",
+                                  "x",        "\xE4", "\xFF", "cipher", "12345", "9999999999"};
+    std::uniform_int_distribution<std::size_t> which(0, std::size(pieces) - 1);
+    std::uniform_int_distribution<int> length(0, 24);
+    balance().Guard({});
+    for (int round = 0; round < 300; ++round) {
+        std::string text;
+        for (int i = length(random); i > 0; --i)
+            text += pieces[which(random)];
+        lua_getglobal(lua, "add");
+        lua_pushstring(lua, "key");
+        lua_pushlstring(lua, text.data(), text.size());
+        lua_call(lua, 2, 0);
+        Fold();
+        std::string expected;
+        for (const auto &[name, value] : SlowRow(text, 1))
+            expected += (expected.empty() ? "" : " ") + name + "=" + value;
+        ASSERT_EQ(Drain(), expected) << testing::PrintToString(text);
+    }
+}
+
+TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfAPlainModel) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::map<std::string, unsigned> staging, merged;
+    const auto drained = [&] {
+        std::string expected;
+        for (const auto &[key, count] : merged)
+            expected += (expected.empty() ? "" : "\n") + ("count=" + std::to_string(count)) + " k=\"" + key + "\"";
+        merged.clear();
+        return expected;
+    };
+    for (int step = 0; step < 5000; ++step) {
+        const unsigned what = random() % 100;
+        if (what < 95) {
+            const std::string key = "k" + std::to_string(random() % 40) + (random() % 2 ? "" : "\xE9");
+            const unsigned count = random() % 3;
+            lua.Run("add('" + key + "', 'k\\t" + key + "', " + std::to_string(count) + ")");
+            if (count != 0)
+                staging[key] += count;
+        } else if (what < 98) {
+            Fold();
+            for (const auto &[key, count] : staging)
+                merged[key] += count;
+            staging.clear();
+        } else {
+            ASSERT_EQ(Drain(), drained()) << "step " << step;
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// How Lua opens the module, and what it finds then.
+
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FcModule.h"
+#include "vta_core.h"
+#include "vti_control.h"
+
+namespace {
+
+std::size_t ProfilerCalls() {
+    const std::lock_guard lock(Vti::Lock());
+    std::size_t count = 0;
+    for (const std::string &call : Vti::TheDriver().calls)
+        count += call.rfind("vti_set_profiler", 0) == 0;
+    return count;
+}
+
+class ModuleEntry : public testing::Test {
+protected:
+    ModuleEntry() { Vti::Reset(); }
+
+    void Open(const LuaState &state) {
+        lua_pushcfunction(state, module.luaopen());
+        lua_call(state, 0, LUA_MULTRET);
+        ASSERT_EQ(lua_gettop(state), 1);
+        EXPECT_EQ(lua_type(state, 1), LUA_TBOOLEAN);
+        EXPECT_TRUE(lua_toboolean(state, 1));
+        lua_settop(state, 0);
+    }
+
+    FcModule module;
+};
+
+TEST_F(ModuleEntry, LeavesTrueAsItsOneResult) {
+    const LuaState state;
+    Open(state);
+}
+
+TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
+    const LuaState state;
+    Open(state);
+    std::set<std::string> names;
+    lua_getglobal(state, "SLB");
+    lua_getfield(state, -1, "filter");
+    for (lua_pushnil(state); lua_next(state, -2); lua_pop(state, 1)) {
+        EXPECT_EQ(lua_type(state, -1), LUA_TFUNCTION);
+        names.insert(lua_tostring(state, -2));
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}));
+}
+
+TEST_F(ModuleEntry, RegistersDirectFunctionsWithoutUpvalues) {
+    const LuaState state;
+    Open(state);
+    lua_getglobal(state, "SLB");
+    lua_getfield(state, -1, "filter");
+    for (const char *name : {"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}) {
+        lua_getfield(state, -1, name);
+        EXPECT_TRUE(lua_iscfunction(state, -1)) << name;
+        EXPECT_EQ(lua_getupvalue(state, -1, 1), nullptr) << name;
+        lua_pop(state, 1);
+    }
+}
+
+TEST_F(ModuleEntry, LeavesWhatElseTheTablesHoldInPlace) {
+    LuaState state;
+    state.Run("SLB = {other = 1, filter = {mine = 2, GetConnMetrics = 'old'}}");
+    Open(state);
+    EXPECT_EQ(state.Eval("SLB.other + SLB.filter.mine"), "3");
+    EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
+}
+
+TEST_F(ModuleEntry, StoresPastMetamethodsOfTheTable) {
+    LuaState state;
+    state.Run("SLB = {filter = setmetatable({}, {__newindex = function() error('called') end})}");
+    Open(state);
+    EXPECT_EQ(state.Eval("type(SLB.filter.AddToConnMetrics)"), "function");
+}
+
+TEST_F(ModuleEntry, RequireFindsTheModule) {
+    LuaState state;
+    state.Run("package.cpath = '.\\\\?.dll'");
+    EXPECT_EQ(state.Eval("require 'fc'"), "true");
+    EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
+}
+
+TEST_F(ModuleEntry, HandsTheProfilersWordsOverOncePerProcess) {
+    const LuaState first;
+    const LuaState second;
+    Open(first);
+    Open(first);
+    Open(second);
+    EXPECT_EQ(ProfilerCalls(), 1U);
+    const std::lock_guard lock(Vti::Lock());
+    EXPECT_EQ(Vti::TheDriver().profilerBlockfilter, &profiler_blockfilter);
+    EXPECT_EQ(Vti::TheDriver().profilerRunning, &profiler_running);
+}
+
+TEST_F(ModuleEntry, TwoStatesOnTwoThreadsMayOpenItAtOnce) {
+    for (int round = 0; round < 50; ++round) {
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 2; ++i)
+            threads.emplace_back([&] {
+                LuaState state;
+                ++ready;
+                while (ready < 2)
+                    std::this_thread::yield();
+                lua_pushcfunction(state, module.luaopen());
+                lua_call(state, 0, 1);
+                EXPECT_TRUE(lua_toboolean(state, -1));
+                EXPECT_EQ(state.Eval("type(SLB.filter.AddToConnMetrics)"), "function");
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(ProfilerCalls(), 1U);
+}
+
+TEST_F(ModuleEntry, ASecondOpeningRegistersTheTableAgain) {
+    LuaState state;
+    Open(state);
+    state.Run("SLB.filter.GetConnMetrics = nil");
+    Open(state);
+    EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
+}
+
+}  // namespace

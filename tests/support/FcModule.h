@@ -1,0 +1,46 @@
+// fc.dll as the agent has it: loaded from the folder of the test program, opened by Lua states.
+#pragma once
+
+#include <string>
+
+#include <lua.hpp>
+#include <windows.h>
+
+/// The module, freshly loaded: its objects are as at the start of a process. One at a time.
+class FcModule {
+public:
+    FcModule();
+    /// Unloads it for good, the reference that it holds on itself included.
+    ~FcModule();
+
+    FcModule(const FcModule &) = delete;
+    FcModule &operator=(const FcModule &) = delete;
+
+    HMODULE handle() const { return m_handle; }
+    lua_CFunction luaopen() const;
+
+private:
+    HMODULE m_handle;
+};
+
+/// A Lua state with the standard libraries.
+class LuaState {
+public:
+    LuaState() : m_state(luaL_newstate()) { luaL_openlibs(m_state); }
+    ~LuaState() { lua_close(m_state); }
+
+    LuaState(const LuaState &) = delete;
+    LuaState &operator=(const LuaState &) = delete;
+
+    operator lua_State *() const { return m_state; }
+
+    /// Runs the code; an error fails the test.
+    void Run(const std::string &code);
+    /// Runs the code, and yields the message of the error that it raises, "" when it raises none.
+    std::string ErrorOf(const std::string &code);
+    /// What tostring makes of an expression.
+    std::string Eval(const std::string &expression);
+
+private:
+    lua_State *m_state;
+};

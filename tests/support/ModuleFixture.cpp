@@ -1,0 +1,40 @@
+#include "ModuleFixture.h"
+
+#include <chrono>
+
+ModuleFixture::ModuleFixture() : m_simulation({.registry = false, .folders = false, .balance = true}) {
+    m_simulation.GetClock().Step();
+    for (const wchar_t *name : {L"fc.dll", L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
+        m_simulation.AttachWhenLoaded(name);
+    m_simulation.Attach(GetModuleHandleW(nullptr));
+    m_module = std::make_unique<FcModule>();
+    Open(lua);
+}
+
+ModuleFixture::~ModuleFixture() = default;
+
+void ModuleFixture::Open(lua_State *state) {
+    lua_pushcfunction(state, m_module->luaopen());
+    lua_call(state, 0, 0);
+}
+
+void ModuleFixture::AdvanceSeconds(std::int64_t seconds) {
+    if (seconds >= 0)
+        m_simulation.GetClock().Advance(std::chrono::seconds(seconds));
+    else
+        SetTime(Time() + seconds);
+}
+
+void ModuleFixture::SetTime(std::int64_t seconds) {
+    m_simulation.GetClock().SetWallClockUnix(seconds);
+}
+
+std::int64_t ModuleFixture::Time() {
+    return m_simulation.GetClock().WallUnix();
+}
+
+void ModuleFixture::Reload() {
+    m_module.reset();
+    m_module = std::make_unique<FcModule>();
+    Open(lua);
+}

@@ -1,0 +1,36 @@
+// A fresh module in a Lua state, under a clock that stands still until a test moves it, with all that
+// it makes counted.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "FcModule.h"
+#include "Simulation.h"
+
+class ModuleFixture : public testing::Test {
+protected:
+    ModuleFixture();
+    ~ModuleFixture() override;
+
+    /// Forward, or backward for a negative number: the wall clock alone moves backwards.
+    void AdvanceSeconds(std::int64_t seconds);
+    /// @param seconds  since 1970.
+    void SetTime(std::int64_t seconds);
+    [[nodiscard]] std::int64_t Time();
+    /// The module anew, as after a restart of the process, opened in the same Lua state.
+    void Reload();
+    /// Opens the module in another state.
+    void Open(lua_State *state);
+
+    Simulator::Balance &balance() { return m_simulation.GetBalance(); }
+
+private:
+    Simulator::Simulation m_simulation;
+    std::unique_ptr<FcModule> m_module;
+
+protected:
+    LuaState lua;  ///< Closed before the module goes.
+};
