@@ -47,7 +47,6 @@ std::vector<double> MedianTimes(int rounds, const std::vector<std::function<doub
     for (std::vector<double> &all : times) {
         const auto middle = all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2);
         std::nth_element(all.begin(), middle, all.end());
-        std::printf("# %.2f ms\n", *middle * 1e3);
         medians.push_back(*middle);
     }
     return medians;

@@ -5,14 +5,13 @@
 #include <memory>
 #include <string>
 
-#include "Clock.h"
 #include "ConnMetricsFloor.h"
-#include "FunctionSet.h"
 #include "LuaBench.h"
+#include "Simulation.h"
 
 namespace {
 
-constexpr int kRounds = 15;
+constexpr int kRounds = 31;
 
 // Keys and texts of the shape that scripts give: a kind of connection, and what is known of it.
 constexpr const char *kTraffic = R"(
@@ -30,17 +29,22 @@ constexpr const char *kTraffic = R"(
     for i = 10000, 2, -1 do local j = math.random(i) order[i], order[j] = order[j], order[i] end
     shuffled = {}
     for i = 1, 10000 do shuffled[i] = keys[order[i]] end
+    -- bytes of a key, its text, both in the module's wide characters, and its count; the mean
+    function payload()
+        local characters = 0
+        for i = 1, 10000 do characters = characters + #keys[i] + #texts[i] end
+        return characters * 2 / 10000 + 4
+    end
     function fill(add, first, last) for i = first, last do add(keys[i], texts[i], 1) end end
 )";
 
 /// The module in a Lua state, with a clock that is put forward by hand.
 class ModuleBench {
 public:
-    ModuleBench() : m_core(std::make_shared<Simulator::Core>()), m_functions(m_core) {
-        Simulator::InstallClock(m_functions, m_core->clock);
-        m_core->clock.Step();
+    ModuleBench() : m_simulation({.registry = false, .folders = false, .balance = false}) {
+        m_simulation.GetClock().Step();
+        m_simulation.AttachWhenLoaded(L"fc.dll");
         lua.Run("package.cpath = '.\\\\?.dll' require 'fc' f = SLB.filter");
-        m_functions.Attach(GetModuleHandleW(L"fc.dll"), {"_time64"});
         lua.Run("peer = dofile 'ConnMetricsPeer.lua'");
         lua_register(lua, "read_only", ReadArgumentsOnly);
         lua_register(lua, "prepare", PrepareRows);
@@ -48,7 +52,7 @@ public:
         lua.Run(kTraffic);
     }
 
-    void LetTheFoldComeDue() { m_core->clock.Advance(std::chrono::seconds(61)); }
+    void LetTheFoldComeDue() { m_simulation.GetClock().Advance(std::chrono::seconds(61)); }
 
     void Fold() {
         LetTheFoldComeDue();
@@ -63,8 +67,7 @@ public:
     LuaBench lua;
 
 private:
-    std::shared_ptr<Simulator::Core> m_core;
-    Simulator::FunctionSet m_functions;
+    Simulator::Simulation m_simulation;
 };
 
 void BenchPresentKeys(ModuleBench &bench, Report &report) {
@@ -162,12 +165,43 @@ void BenchRows(ModuleBench &bench, Report &report) {
                "<= 1.6");
 }
 
+/// What the module asks of the heap for 10,000 keys, with Lua's own memory left out of the count.
+void BenchMemory(Report &report) {
+    Simulator::Simulation simulation({.registry = false, .folders = false, .balance = true});
+    simulation.GetClock().Step();
+    LuaBench lua;
+    lua.Run("package.cpath = '.\\\\?.dll' require 'fc' f = SLB.filter");
+    for (const wchar_t *name : {L"fc.dll", L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll"})
+        simulation.Attach(GetModuleHandleW(name));
+    lua.Run(kTraffic);
+    Simulator::Balance &balance = simulation.GetBalance();
+
+    const std::size_t empty = balance.Take().bytes;
+    lua.Run("fill(f.AddToConnMetrics, 1, 10000)");
+    const std::size_t staging = balance.Take().bytes - empty;
+    // The last fold lies in the future that the other measurements have simulated.
+    simulation.GetClock().Advance(std::chrono::hours(24));
+    lua.Run("f.UpdateConnMetrics()");
+    const std::size_t merged = balance.Take().bytes - empty;
+
+    const double payload = lua.Number("payload()") * 10000;
+    report.Add("memory of 10,000 keys in staging, to their strings and counts", static_cast<double>(staging) / payload,
+               "bytes ratio", "<= 1.6");
+    report.Add("memory of 10,000 keys in the result, to their strings and counts",
+               static_cast<double>(merged) / payload, "bytes ratio", "<= 1.6");
+    report.Add("bytes per key in staging", static_cast<double>(staging) / 10000, "bytes");
+    lua.Run("f.GetConnMetrics()");
+}
+
 }  // namespace
 
 void BenchConnMetrics(Report &report) {
-    ModuleBench bench;
-    BenchPresentKeys(bench, report);
-    BenchNewKeys(bench, report);
-    BenchFold(bench, report);
-    BenchRows(bench, report);
+    {
+        ModuleBench bench;
+        BenchPresentKeys(bench, report);
+        BenchNewKeys(bench, report);
+        BenchFold(bench, report);
+        BenchRows(bench, report);
+    }
+    BenchMemory(report);
 }

@@ -23,7 +23,7 @@ void Call(lua_State *L, int results) {
 
 }  // namespace
 
-LuaBench::LuaBench() : m_state(luaL_newstate()) {
+LuaBench::LuaBench() : m_state(lua_newstate(&BlockPool::Allocate, &m_pool)) {
     luaL_openlibs(m_state);
 }
 

@@ -176,10 +176,14 @@ end
 
 -- Connections as the module takes them ---------------------------------------------------------------
 
-local directions = { TF = "outbound", FT = "inbound", TT = "internal", FF = "external" }
+-- By where the originator and the responder are: local, not local, or unknown.
+local DIRECTIONS = {
+    TF = "outbound", FT = "inbound", TT = "internal", FF = "external",
+    ["T?"] = "outbound", ["F?"] = "inbound",
+}
 
 local function direction_of(row)
-    return directions[(row.local_orig or "?") .. (row.local_resp or "?")] or "unknown"
+    return DIRECTIONS[(row.local_orig or "?") .. (row.local_resp or "?")] or "unknown"
 end
 
 local function flags_of(row)

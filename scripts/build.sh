@@ -22,14 +22,14 @@ configure_build() {
     rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles"
     quietly configure.log "configuring" cmake -G Ninja -S "$ROOT" -B "$BUILD" \
         -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DFC_LIBRARIES="$libraries" -DCMAKE_CROSSCOMPILING_EMULATOR="$(command -v wine)"
+        -DFC_LIBRARIES="$libraries" -DCMAKE_CROSSCOMPILING_EMULATOR="$WINE"
 }
 
 prepare_wine() {
     [ -f "$WINEPREFIX/ready" ] && return 0
     rm -rf "$WINEPREFIX"
     mkdir -p "$WINEPREFIX"
-    quietly wineboot.log "making a private Wine prefix" wineboot --init
+    quietly wineboot.log "making a private Wine prefix" "$WINE" wineboot --init
     touch "$WINEPREFIX/ready"
 }
 
@@ -44,7 +44,7 @@ prepare_build() {
 }
 
 # run_windows PROGRAM ARGS...: runs it here, under Wine.
-run_windows() { wine "$@"; }
+run_windows() { "$WINE" "$@"; }
 
 run_host() {
     mkdir -p "$OUT"

@@ -17,28 +17,50 @@ check_format() {
 
 # clang-tidy reads the sources as clang for the same target: MinGW's headers, clang's own intrinsics.
 tidy_arguments() {
-    local dir
-    echo --extra-arg=--target=x86_64-w64-windows-gnu
-    echo --extra-arg=-nostdinc
-    echo --extra-arg=-Wno-unknown-warning-option
+    local folder dir libraries
+    libraries=$(libraries_dir)
+    echo --target=x86_64-w64-windows-gnu -std=c++20 -nostdinc -w
+    echo -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0
+    echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
+    echo '-DFC_VERSION=""' '-DFC_DOCUMENTS=""' '-DEXAMPLES_FOLDER=""'
+    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator tests/support; do
+        echo "-I$ROOT/$folder"
+    done
+    for dir in "$libraries/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
+        echo -isystem "$dir"
+    done
     x86_64-w64-mingw32-g++-posix -E -x c++ -v /dev/null 2>&1 |
-        sed -n '/#include <...> search starts/,/End of search/p' | awk '/^ / { print $1 }' |
-        while read -r dir; do
-            case $dir in
-            *12-posix/include | */include-fixed) ;;
-            *) echo "--extra-arg=-isystem$dir" ;;
-            esac
-        done
-    echo "--extra-arg=-isystem$(clang -print-resource-dir)/include"
-    echo --extra-arg=-isystem/usr/x86_64-w64-mingw32/include
+        sed -n '/#include <...> search starts/,/End of search/p' |
+        awk '/^ / && !/12-posix\/include$/ && !/include-fixed/ { print "-isystem", $1 }'
+    echo -isystem "$(clang -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
+}
+
+# The files of a folder are read as one, since most of the time goes into the system's headers.
+# tidy_unit NAME FILE...: makes such a file and tells its path.
+tidy_unit() {
+    local unit=$BUILD/tidy/$1.cpp
+    shift
+    printf '#include "'"$ROOT"'/%s"\n' "$@" >"$unit"
+    echo "$unit"
 }
 
 check_tidy() {
-    local arguments sources
-    mapfile -t arguments < <(tidy_arguments)
-    mapfile -t sources < <(git ls-files --cached --others --exclude-standard -- "${CPP_FOLDERS[@]/%//*.cpp}")
-    printf '%s\n' "${sources[@]}" | xargs -P "$JOBS" -n 1 clang-tidy -p "$BUILD" --quiet "${arguments[@]}" \
-        2> >(grep -v 'warnings generated\|warning generated\|Suppressed\|^Use -header-filter' >&2)
+    local arguments folder name units=()
+    rm -rf "$BUILD/tidy"
+    mkdir -p "$BUILD/tidy"
+    cp .clang-tidy "$BUILD/tidy/"
+    mapfile -t arguments < <(tidy_arguments | tr ' ' '\n')
+    for folder in $(git ls-files --cached --others --exclude-standard -- '*.cpp' | xargs -n 1 dirname | sort -u); do
+        name=${folder//\//_}
+        mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
+        case $folder in
+        # Each test file stands for itself.
+        tests/*) for file in "${files[@]}"; do units+=("$(tidy_unit "$name-$(basename "$file" .cpp)" "$file")"); done ;;
+        *) units+=("$(tidy_unit "$name" "${files[@]}")") ;;
+        esac
+    done
+    printf '%s\n' "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy --quiet UNIT -- "${arguments[@]}" \
+        2> >(grep -v 'warnings\? generated\|Suppressed\|^Use -header-filter' >&2)
 }
 
 check_cppcheck() {

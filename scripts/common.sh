@@ -9,6 +9,9 @@ LOGS=$BUILD/logs
 export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
 # No menu entries, no browser or .NET offers: the prefix is for tests only.
 export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
+# Debian's wrapper warns about a missing 32-bit Wine at every start; the program behind it does not.
+WINE=/usr/lib/wine/wine64
+[ -x "$WINE" ] || WINE=wine
 JOBS=${FC_JOBS:-$(nproc)}
 
 say() { printf '\033[1m==>\033[0m %s\n' "$*" >&2; }

@@ -14,9 +14,8 @@ VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path) {
     std::unique_ptr<ZipFile> zip = ZipFile::Create(wxString(ToWide(path)));
     if (zip == nullptr)
         return nullptr;
-    VtaCore::CZipOutputStream *stream = &zip->Stream();
-    host.zips[stream] = std::move(zip);
-    return stream;
+    const void *key = &zip->Stream();
+    return &host.zips.emplace(key, std::move(zip)).first->second->Stream();
 }
 
 /// The object that a userdata of the binder holds; null for anything else, and when it is gone.

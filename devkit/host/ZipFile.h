@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include <wx/wfstream.h>
 
@@ -18,8 +19,9 @@ public:
     bool Close();
 
 private:
-    explicit ZipFile(const wxString &path) : m_file(path), m_zip(m_file) {}
+    /// @param file  is open.
+    explicit ZipFile(std::unique_ptr<wxFileOutputStream> file) : m_file(std::move(file)), m_zip(*m_file) {}
 
-    wxFileOutputStream m_file;
+    std::unique_ptr<wxFileOutputStream> m_file;
     VtaCore::CZipOutputStream m_zip;
 };

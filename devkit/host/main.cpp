@@ -35,6 +35,13 @@ int Complain(const std::string &message) {
     return kCannotRun;
 }
 
+/// A failed assertion of wxWidgets is told here; by itself it would show a window.
+void OnWxAssert(const wxString &file, int line, const wxString &function, const wxString &condition,
+                const wxString &message) {
+    (void)Complain("wxWidgets: " + ToUtf8(file) + ":" + std::to_string(line) + ": " + ToUtf8(function) + ": " +
+                   ToUtf8(condition) + ": " + ToUtf8(message));
+}
+
 /// UTF-8, and line ends as they are written.
 void PrepareConsole() {
     (void)SetConsoleOutputCP(CP_UTF8);
@@ -132,6 +139,7 @@ int Run(const Options &options) {
     if (!ReadScript(options, script, error))
         return Complain(error);
 
+    wxSetAssertHandler(OnWxAssert);
     if (!wxInitialize())  // not undone, for the same threads
         return Complain("wxWidgets could not be initialised");
     HostState &host = TheHost();

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 
+#include "ArgumentText.h"
 #include "ModuleImage.h"
 
 namespace Simulator {
@@ -108,15 +108,21 @@ std::string Balance::Line(char sign, const BalanceItem &item) const {
 std::string Balance::Place(const void *caller) const {
     if (caller == nullptr)
         return {};
-    char text[32] = "";
-    const auto address = reinterpret_cast<std::uintptr_t>(caller);
-    const LockGuard guard(m_lock);
-    const auto contains = [address](const Module &module) { return address - module.base < module.size; };
-    const auto module = std::find_if(m_modules.rbegin(), m_modules.rend(), contains);
-    const bool known = module != m_modules.rend();
-    (void)std::snprintf(text, sizeof text, "0x%llx",
-                        static_cast<unsigned long long>(known ? address - module->base : address));
-    return known ? " from " + module->name + "+" + text : std::string(" from ") + text;
+    auto address = reinterpret_cast<std::uintptr_t>(caller);
+    std::string place = " from ";
+    place.reserve(MAX_PATH + 32);
+    {
+        const LockGuard guard(m_lock);
+        const auto contains = [address](const Module &each) { return address - each.base < each.size; };
+        const auto module = std::find_if(m_modules.rbegin(), m_modules.rend(), contains);
+        if (module != m_modules.rend()) {
+            address -= module->base;
+            place += module->name;
+            place += '+';
+        }
+    }
+    AppendPointer(place, reinterpret_cast<const void *>(address));
+    return place;
 }
 
 void Balance::Remember(HMODULE module) {
@@ -140,8 +146,9 @@ AllocationFaultHandle Balance::FailAllocation(unsigned nth, HMODULE module, DWOR
 
 void Balance::CancelAllocationFaults() {
     const InsideSimulator inside;
+    AllocationFaults cancelled;
     const LockGuard guard(m_lock);
-    m_faults.clear();
+    cancelled.swap(m_faults);
     m_hasFaults = false;
 }
 

@@ -186,6 +186,7 @@ private:
     template <class K, class V>
     using PrivatePair = PrivateAllocator<std::pair<const K, V>>;
     using Blocks = std::unordered_map<void *, Block, std::hash<void *>, std::equal_to<>, PrivatePair<void *, Block>>;
+    using AllocationFaults = std::vector<AllocationFaultHandle, PrivateAllocator<AllocationFaultHandle>>;
     using ItemKey = std::pair<std::string_view, std::uintptr_t>;
     using Items = std::multimap<ItemKey, BalanceItem, std::less<>, PrivatePair<ItemKey, BalanceItem>>;
 
@@ -210,6 +211,7 @@ private:
         return moved;
     }
 
+    /// Taken whenever something is freed: whoever holds it must not free anything but from the private heap.
     mutable Lock m_lock;
     std::atomic<bool> m_recording{false};
     std::atomic<bool> m_guarding{false};
@@ -217,8 +219,8 @@ private:
     GuardedHeap m_guarded;
     Blocks m_blocks;
     Items m_items;
-    std::vector<Module> m_modules;
-    std::vector<AllocationFaultHandle> m_faults;
+    std::vector<Module, PrivateAllocator<Module>> m_modules;
+    AllocationFaults m_faults;
     std::uint64_t m_sequence = 1;
     std::size_t m_bytes = 0;
     std::size_t m_peakBytes = 0;

@@ -55,52 +55,54 @@ bool IsAlive(DWORD threadId) {
 
 }  // namespace
 
-Clock::Clock() : m_realBase(RealNow()), m_base(m_realBase) {
+Interval Clock::State::Now() const {
+    return base + (factor == 0 ? Interval() : (RealNow() - realBase) * factor);
+}
+
+void Clock::State::Rebase() {
+    base = Now();
+    realBase = RealNow();
+}
+
+Clock::Clock() {
     const InsideSimulator inside;
-    m_wallOffset = RealWall() - m_base;
-    m_tickOffset = milliseconds(GetTickCount64()) - m_base;
+    m_state.realBase = RealNow();
+    m_state.base = m_state.realBase;
+    m_state.wallOffset = RealWall() - m_state.base;
+    m_state.tickOffset = milliseconds(GetTickCount64()) - m_state.base;
 }
 
-Interval Clock::NowLocked() const {
-    return m_base + (m_factor == 0 ? Interval() : (RealNow() - m_realBase) * m_factor);
-}
-
-Interval Clock::Now() const {
+Clock::State Clock::Read() const {
     const LockGuard guard(m_lock);
-    return NowLocked();
-}
-
-void Clock::RebaseLocked() {
-    m_base = NowLocked();
-    m_realBase = RealNow();
+    return m_state;
 }
 
 void Clock::RunFast(unsigned factor) {
     const LockGuard guard(m_lock);
-    RebaseLocked();
-    m_factor = std::max(factor, 1U);
+    m_state.Rebase();
+    m_state.factor = std::max(factor, 1U);
 }
 
 void Clock::Step(AutoAdvance autoAdvance) {
     const LockGuard guard(m_lock);
-    RebaseLocked();
-    m_factor = 0;
-    m_autoAdvance = autoAdvance;
+    m_state.Rebase();
+    m_state.factor = 0;
+    m_state.autoAdvance = autoAdvance;
 }
 
 void Clock::Advance(Interval by) {
     const LockGuard guard(m_lock);
-    m_base += by;
+    m_state.base += by;
 }
 
 void Clock::AdvanceTo(Interval time) {
     const LockGuard guard(m_lock);
-    m_base += std::max(time - NowLocked(), Interval());
+    m_state.base += std::max(time - m_state.Now(), Interval());
 }
 
 void Clock::SetWallClock(std::uint64_t fileTime) {
     const LockGuard guard(m_lock);
-    m_wallOffset = Interval(static_cast<std::int64_t>(fileTime)) - NowLocked();
+    m_state.wallOffset = Interval(static_cast<std::int64_t>(fileTime)) - m_state.Now();
 }
 
 void Clock::SetWallClockUnix(std::int64_t unixSeconds) {
@@ -109,17 +111,17 @@ void Clock::SetWallClockUnix(std::int64_t unixSeconds) {
 
 void Clock::SetTick(std::uint64_t ms) {
     const LockGuard guard(m_lock);
-    m_tickOffset = milliseconds(ms) - NowLocked();
+    m_state.tickOffset = milliseconds(ms) - m_state.Now();
 }
 
 std::uint64_t Clock::TickMs() const {
-    const LockGuard guard(m_lock);
-    return static_cast<std::uint64_t>(duration_cast<milliseconds>(NowLocked() + m_tickOffset).count());
+    const State state = Read();
+    return static_cast<std::uint64_t>(duration_cast<milliseconds>(state.Now() + state.tickOffset).count());
 }
 
 std::uint64_t Clock::WallFileTime() const {
-    const LockGuard guard(m_lock);
-    return static_cast<std::uint64_t>((NowLocked() + m_wallOffset).count());
+    const State state = Read();
+    return static_cast<std::uint64_t>((state.Now() + state.wallOffset).count());
 }
 
 std::int64_t Clock::WallUnix() const {
@@ -139,14 +141,23 @@ void Clock::SleepFor(DWORD ms) {
 }
 
 Clock::Slice Clock::SliceUntil(Interval deadline) const {
-    const LockGuard guard(m_lock);
-    const Interval left = deadline - NowLocked();
-    if (left <= Interval() || m_ended)
+    const State state = Read();
+    const Interval left = deadline - state.Now();
+    if (left <= Interval() || state.ended)
         return {0, true};
-    if (m_factor == 0)
+    if (state.factor == 0)
         return {kSteppedSliceMs, false};
-    const auto realMs = std::chrono::ceil<milliseconds>(left / m_factor).count();
+    const auto realMs = std::chrono::ceil<milliseconds>(left / state.factor).count();
     return {static_cast<DWORD>(std::clamp<std::int64_t>(realMs, 1, kLongestSliceMs)), false};
+}
+
+DWORD Clock::WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &real) const {
+    for (;;) {
+        const Slice slice = SliceUntil(deadline);
+        const DWORD result = real(slice.realMs);
+        if (result != WAIT_TIMEOUT || slice.last)
+            return result;
+    }
 }
 
 DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {
@@ -154,26 +165,21 @@ DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DW
         return real(timeoutMs);
 
     const InsideSimulator inside;
-    Interval deadline{};
-    AutoAdvance autoAdvance = AutoAdvance::None;
+    const State state = Read();
+    const Interval deadline = state.Now() + milliseconds(timeoutMs);
     {
         const LockGuard guard(m_lock);
-        deadline = NowLocked() + milliseconds(timeoutMs);
-        autoAdvance = m_factor == 0 ? m_autoAdvance : AutoAdvance::None;
         m_waiting.insert(GetCurrentThreadId());
     }
+    const AutoAdvance autoAdvance = state.factor == 0 ? state.autoAdvance : AutoAdvance::None;
     DWORD result = WAIT_TIMEOUT;
-    if (purpose == Purpose::Wait && autoAdvance == AutoAdvance::SleepsAndWaits)
+    if (autoAdvance == AutoAdvance::SleepsAndWaits && purpose == Purpose::Wait)
         result = real(kGraceMs);
     if (result == WAIT_TIMEOUT) {
         if (autoAdvance == AutoAdvance::SleepsAndWaits ||
-            (purpose == Purpose::Sleep && autoAdvance == AutoAdvance::Sleeps))
+            (autoAdvance == AutoAdvance::Sleeps && purpose == Purpose::Sleep))
             AdvanceTo(deadline);
-        for (bool last = false; !last && result == WAIT_TIMEOUT;) {
-            const Slice slice = SliceUntil(deadline);
-            result = real(slice.realMs);
-            last = slice.last;
-        }
+        result = WaitUntil(deadline, real);
     }
     const LockGuard guard(m_lock);
     m_waiting.erase(m_waiting.find(GetCurrentThreadId()));
@@ -197,7 +203,7 @@ bool Clock::AwaitWaiting(std::size_t threads, DWORD realTimeoutMs) const {
 
 void Clock::End() {
     const LockGuard guard(m_lock);
-    m_ended = true;
+    m_state.ended = true;
 }
 
 }  // namespace Simulator

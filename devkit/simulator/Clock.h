@@ -72,20 +72,28 @@ private:
         DWORD realMs;
         bool last;
     };
-    [[nodiscard]] Interval NowLocked() const;
-    [[nodiscard]] Interval Now() const;
-    void RebaseLocked();
+    /// Copied out before anything is done with it: the lock is held for no longer than that, since a thread
+    /// that waits may be ended from outside.
+    struct State {
+        unsigned factor = 1;  ///< 0 when stepped.
+        AutoAdvance autoAdvance = AutoAdvance::None;
+        bool ended = false;
+        Interval realBase{};
+        Interval base{};
+        Interval wallOffset{};
+        Interval tickOffset{};
+
+        [[nodiscard]] Interval Now() const;
+        void Rebase();
+    };
+    [[nodiscard]] State Read() const;
+    [[nodiscard]] Interval Now() const { return Read().Now(); }
     void AdvanceTo(Interval time);
     [[nodiscard]] Slice SliceUntil(Interval deadline) const;
+    DWORD WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &real) const;
 
     mutable Lock m_lock;
-    unsigned m_factor = 1;  ///< 0 when stepped.
-    AutoAdvance m_autoAdvance = AutoAdvance::None;
-    bool m_ended = false;
-    Interval m_realBase;
-    Interval m_base;
-    Interval m_wallOffset{};
-    Interval m_tickOffset{};
+    State m_state;
     std::multiset<DWORD> m_waiting;
 };
 

@@ -12,9 +12,36 @@ std::string FaultPlan::HitFunction() const {
     return m_hitFunction;
 }
 
+void FaultPlan::Apply(const std::string &function, Verdict &verdict) {
+    {
+        const LockGuard guard(m_lock);
+        if (m_hitFunction.empty())
+            m_hitFunction = function;
+    }
+    if (m_kind == Kind::Hang) {
+        verdict.hangs.push_back(shared_from_this());
+        return;
+    }
+    if (m_kind == Kind::Delay)
+        verdict.delayMs += m_value;
+    else if (!std::exchange(verdict.fails, true))
+        verdict.code = m_value;
+    Meet();
+}
+
+void FaultPlan::Meet() {
+    ++m_hits;
+    m_hit.Set();
+}
+
+void FaultPlan::Hang() {
+    Meet();
+    m_released.Wait(INFINITE);
+}
+
 void FaultPlan::Release() {
     const InsideSimulator inside;
-    m_released->Set();
+    m_released.Set();
 }
 
 FaultPlanHandle Faults::Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value) {
@@ -98,23 +125,11 @@ Verdict Faults::Ask(const std::string &function, bool canFail) {
     for (const FaultPlanHandle &plan : m_plans) {
         const bool concerned = plan->m_functions.empty() ? canFail : plan->m_functions.count(function) != 0;
         const bool possible = canFail || plan->m_kind != FaultPlan::Kind::Fail;
-        if (!concerned || !possible || plan->m_released->IsSet())
+        if (!concerned || !possible || plan->m_released.IsSet())
             continue;
         ++plan->m_seen;
-        if (plan->m_nth != 0 && plan->m_seen != plan->m_nth)
-            continue;
-        if (plan->m_kind == FaultPlan::Kind::Hang)
-            verdict.hangs.push_back(plan->m_released);
-        else if (plan->m_kind == FaultPlan::Kind::Delay)
-            verdict.delayMs += plan->m_value;
-        else if (!std::exchange(verdict.fails, true))
-            verdict.code = plan->m_value;
-        {
-            const LockGuard planGuard(plan->m_lock);
-            if (plan->m_hits++ == 0)
-                plan->m_hitFunction = function;
-        }
-        plan->m_hit.Set();
+        if (plan->m_nth == 0 || plan->m_seen == plan->m_nth)
+            plan->Apply(function, verdict);
     }
     return verdict;
 }

@@ -14,30 +14,37 @@
 
 namespace Simulator {
 
+class FaultPlan;
+
 /// What to do with one call.
 struct Verdict {
     bool fails = false;
     DWORD code = 0;
-    DWORD delayMs = 0;  ///< Of the simulated clock.
-    /// Those to wait for; they hold no lock, so that the waiting thread may be ended from outside.
-    std::vector<std::shared_ptr<const Event>> hangs;
+    DWORD delayMs = 0;                              ///< Of the simulated clock.
+    std::vector<std::shared_ptr<FaultPlan>> hangs;  ///< Each to be hung by.
 };
 
 /// One plan, as a test sees it. Any thread.
-class FaultPlan {
+class FaultPlan : public std::enable_shared_from_this<FaultPlan> {
 public:
-    /// Whether a call has met the plan; for a call that hangs, from its start.
+    /// Whether a call has met the plan. A call that hangs meets it when it no longer holds anything: from
+    /// then on its thread may be ended from outside.
     [[nodiscard]] bool Hit() const { return Hits() != 0; }
     [[nodiscard]] unsigned Hits() const { return m_hits; }
     /// The function of the first call that met the plan; empty before.
     [[nodiscard]] std::string HitFunction() const;
     /// @param timeoutMs  real milliseconds.
     [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.Wait(timeoutMs); }
+    /// Hangs the calling thread until the plan is released.
+    void Hang();
     /// Ends the plan, and lets go what hangs by it: those calls then do their work.
     void Release();
 
 private:
     friend class Faults;
+
+    void Apply(const std::string &function, Verdict &verdict);
+    void Meet();
 
     enum class Kind { Fail, Hang, Delay };
     Kind m_kind = Kind::Fail;
@@ -49,7 +56,7 @@ private:
     std::string m_hitFunction;
     std::atomic<unsigned> m_hits{0};
     Event m_hit;
-    std::shared_ptr<Event> m_released = std::make_shared<Event>();
+    Event m_released;
 };
 using FaultPlanHandle = std::shared_ptr<FaultPlan>;
 

@@ -98,9 +98,9 @@ public:
     }
 
     /// Used by FunctionSet.
-    static void Begin(std::shared_ptr<Core> core) {
+    static void Begin(const std::shared_ptr<Core> &core) {
         auto state = std::make_shared<State>();
-        state->core = std::move(core);
+        state->core = core;
         state->call = &Real;
         Exchange(std::move(state));
     }
@@ -110,8 +110,11 @@ public:
         const auto place = std::find_if_not(state->layers.begin(), state->layers.end(), deeper);
         state->layers.insert(place, {depth, std::move(layer)});
         state->call = &Real;
-        for (const auto &[unused, each] : state->layers)
-            state->call = [each, next = state->call](Args... args) -> R { return each(next, args...); };
+        for (const auto &entry : state->layers) {
+            state->call = [layer = entry.second, next = state->call](Args... args) -> R {
+                return layer(next, args...);
+            };
+        }
         Exchange(std::move(state));
     }
     static void End() { Exchange(nullptr); }
@@ -153,7 +156,8 @@ private:
 /// Describes a function of a library under its own name:
 ///     SIMULATOR_FUNCTION(RegCloseKey, "ADVAPI32.dll", ReturnsStatus);
 /// declares `RegCloseKey` in the namespace around it.
-#define SIMULATOR_FUNCTION(name, library, failure) \
+#define SIMULATOR_FUNCTION(name, library, failure)                         \
+    /* NOLINTNEXTLINE(bugprone-macro-parentheses): a declaration's name */ \
     using name = ::Simulator::Function<#name, library, decltype(::name), ::Simulator::failure>
 
 }  // namespace Simulator

@@ -81,7 +81,7 @@ struct LoadNotification {
 Verdict Core::Enter(const std::string &function, bool canFail) {
     Verdict verdict = faults.Ask(function, canFail);
     for (const auto &hang : verdict.hangs)
-        hang->Wait(INFINITE);
+        hang->Hang();
     if (verdict.delayMs != 0)
         clock.SleepFor(verdict.delayMs);
     return verdict;

@@ -49,8 +49,9 @@ public:
         Add({F::library, F::name, reinterpret_cast<void *>(&F::Replacement)}, &F::End);
     }
     /// Puts a layer on the function, around those of the same depth that are there.
-    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must not block
-    ///               otherwise than in `next` or by the clock.
+    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must not block otherwise
+    ///               than in `next` or by the clock; the simulation may have ended when a `next` that
+    ///               blocks comes back.
     template <class F>
     void Put(typename F::Layer layer, Depth depth = Depth::Machine) {
         PassThrough<F>();
@@ -69,7 +70,7 @@ public:
     /// @param names  only these; empty for all.
     /// @return the number of entries that lead to replacements now.
     std::size_t Attach(HMODULE module, const std::set<std::string> &names = {});
-    /// Attaches a module whenever it is loaded, before its constructors run.
+    /// Attaches a module whenever it is loaded from now on, before its constructors run.
     /// @param baseName  such as L"fc.dll".
     void AttachWhenLoaded(const std::wstring &baseName);
     /// Is told of every module before it is attached, under the loader's lock if it was awaited. One at most.

@@ -136,11 +136,12 @@ TEST_F(Connections, TheColumnsMayComeInAnyOrderAndLinesEndWithCrLf) {
     const JsonPtr json = Result();
     const cJSON *kinds = cJSON_GetObjectItem(json.get(), "kinds");
     ASSERT_EQ(cJSON_GetArraySize(kinds), 2);
-    const cJSON *udp = cJSON_GetArrayItem(kinds, 0);
-    const cJSON *smtp = cJSON_GetArrayItem(kinds, 1);
+    const cJSON *smtp = cJSON_GetArrayItem(kinds, 0);
+    const cJSON *udp = cJSON_GetArrayItem(kinds, 1);
     EXPECT_EQ(TextField(udp, "service"), "-");
     EXPECT_EQ(TextField(udp, "direction"), "unknown");
     EXPECT_EQ(NumberField(udp, "flags"), 2);
+    EXPECT_EQ(TextField(smtp, "direction"), "outbound");
     EXPECT_EQ(NumberField(smtp, "flags"), 1 + 4 + 256);
     EXPECT_EQ(NumberField(smtp, "cf_start_tls"), 1);
     EXPECT_EQ(NumberField(smtp, "dst_port"), 587);

@@ -3,7 +3,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -16,27 +15,35 @@ struct CloseTheHandle {
 };
 using Handle = std::unique_ptr<void, CloseTheHandle>;
 
-/// One end of a pipe is inherited by the child.
-struct Pipe {
-    Handle read;
-    Handle write;
+/// A file that the program inherits. Files, not pipes: nobody has to wait for all who have inherited one.
+Handle OpenInherited(const std::wstring &path, DWORD access) {
+    SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
+    Handle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
+                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file.get() == INVALID_HANDLE_VALUE)
+        ADD_FAILURE() << "CreateFile: " << GetLastError();
+    return file;
+}
 
-    explicit Pipe(bool childReads) {
-        SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-        HANDLE readEnd = nullptr;
-        HANDLE writeEnd = nullptr;
-        if (!CreatePipe(&readEnd, &writeEnd, &inherited, 0))
-            ADD_FAILURE() << "CreatePipe: " << GetLastError();
-        read.reset(readEnd);
-        write.reset(writeEnd);
-        SetHandleInformation(childReads ? writeEnd : readEnd, HANDLE_FLAG_INHERIT, 0);
+/// Starts the program in the current folder. @return null after a failure.
+Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams) {
+    const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
+    const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
+    const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = in.get();
+    startup.hStdOutput = out.get();
+    startup.hStdError = err.get();
+    PROCESS_INFORMATION started{};
+    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                        &started)) {
+        ADD_FAILURE() << "CreateProcess: " << GetLastError();
+        return nullptr;
     }
-};
-
-void ReadAll(HANDLE pipe, std::string &text) {
-    char block[4096];
-    for (DWORD size = 0; ReadFile(pipe, block, sizeof block, &size, nullptr) && size != 0;)
-        text.append(block, size);
+    CloseHandle(started.hThread);
+    return Handle(started.hProcess);
 }
 
 /// Arguments in these tests hold no quotes and end in no backslash.
@@ -57,42 +64,21 @@ std::filesystem::path BinaryFolder() {
 
 HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input,
                 const std::filesystem::path &folder) {
-    HostRun run;
-    Pipe in(true);
-    Pipe out(false);
-    Pipe err(false);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = in.read.get();
-    startup.hStdOutput = out.write.get();
-    startup.hStdError = err.write.get();
-    PROCESS_INFORMATION started{};
+    const TemporaryFolder streams;
+    (void)streams.Write(L"in", input);
     const std::filesystem::path program = folder / L"fc-host.exe";
-    std::wstring line = CommandLine(program, arguments);
-    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                        &started)) {
-        ADD_FAILURE() << "CreateProcess: " << GetLastError();
+    const Handle process = Start(program, CommandLine(program, arguments), streams);
+    HostRun run;
+    if (process == nullptr)
         return run;
-    }
-    const Handle process(started.hProcess);
-    const Handle thread(started.hThread);
-    in.read.reset();
-    out.write.reset();
-    err.write.reset();
-
-    std::thread readOut([&] { ReadAll(out.read.get(), run.out); });
-    std::thread readErr([&] { ReadAll(err.read.get(), run.err); });
-    DWORD written = 0;
-    WriteFile(in.write.get(), input.data(), static_cast<DWORD>(input.size()), &written, nullptr);
-    in.write.reset();
     if (WaitForSingleObject(process.get(), kTimeoutMs) != WAIT_OBJECT_0) {
         ADD_FAILURE() << "fc-host.exe took more than a minute";
         TerminateProcess(process.get(), ERROR_TIMEOUT);
+        (void)WaitForSingleObject(process.get(), INFINITE);
     }
-    readOut.join();
-    readErr.join();
     GetExitCodeProcess(process.get(), &run.exitCode);
+    run.out = ReadFile(streams.At(L"out"));
+    run.err = ReadFile(streams.At(L"err"));
     return run;
 }
 

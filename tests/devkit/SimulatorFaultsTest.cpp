@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SimulatorTestSupport.h"
+
 using namespace Simulator;
 
 TEST(Faults, FailsTheNthCallAlone) {
@@ -83,10 +85,14 @@ TEST(Faults, HangsUntilThePlanIsReleased) {
     const Verdict verdict = faults.Ask("f", true);
     ASSERT_EQ(verdict.hangs.size(), 1U);
     EXPECT_FALSE(verdict.fails);
-    EXPECT_TRUE(plan->WaitUntilHit(0));
-    EXPECT_FALSE(verdict.hangs[0]->IsSet());
+    EXPECT_FALSE(plan->Hit()) << "it does not hang yet";
+    const SimulatorTest::TestThread thread([&verdict] { verdict.hangs[0]->Hang(); });
+    EXPECT_TRUE(plan->WaitUntilHit(5'000));
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_EQ(plan->HitFunction(), "f");
+    EXPECT_TRUE(thread.Runs());
     faults.ReleaseHung();
-    EXPECT_TRUE(verdict.hangs[0]->IsSet());
+    EXPECT_TRUE(thread.Join(5'000));
     EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
 }
 
@@ -103,7 +109,8 @@ TEST(Faults, ForgetsPlansButNotCountsWhenCleared) {
     const Verdict verdict = faults.Ask("f", true);
     (void)faults.FailEvery("f", 5);
     faults.Clear();
-    EXPECT_TRUE(verdict.hangs.at(0)->IsSet());
+    const SimulatorTest::TestThread thread([&verdict] { verdict.hangs.at(0)->Hang(); });
+    EXPECT_TRUE(thread.Join(5'000));
     EXPECT_FALSE(faults.Ask("f", true).fails);
     EXPECT_EQ(faults.Calls("f"), 2U);
     EXPECT_EQ(faults.Calls("g"), 0U);

@@ -159,6 +159,7 @@ TEST_F(VtiHandles, ServesManyThreadsAtOnce) {
     constexpr int threads = 8;
     constexpr int rounds = 500;
     std::vector<std::thread> workers;
+    workers.reserve(threads);
     std::array<int, threads> failures{};
     for (int t = 0; t < threads; ++t)
         workers.emplace_back([t, &failures] {

@@ -1,6 +1,7 @@
 // How Lua opens the module, and what it finds then.
 
 #include <atomic>
+#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
@@ -35,6 +36,18 @@ protected:
         lua_settop(state, 0);
     }
 
+    static std::set<std::string> FilterNames(lua_State *state) {
+        std::set<std::string> names;
+        lua_getglobal(state, "SLB");
+        lua_getfield(state, -1, "filter");
+        for (lua_pushnil(state); lua_next(state, -2); lua_pop(state, 1)) {
+            EXPECT_EQ(lua_type(state, -1), LUA_TFUNCTION);
+            names.insert(lua_tostring(state, -2));
+        }
+        lua_settop(state, 0);
+        return names;
+    }
+
     FcModule module;
 };
 
@@ -46,14 +59,19 @@ TEST_F(ModuleEntry, LeavesTrueAsItsOneResult) {
 TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
     const LuaState state;
     Open(state);
-    std::set<std::string> names;
-    lua_getglobal(state, "SLB");
-    lua_getfield(state, -1, "filter");
-    for (lua_pushnil(state); lua_next(state, -2); lua_pop(state, 1)) {
-        EXPECT_EQ(lua_type(state, -1), LUA_TFUNCTION);
-        names.insert(lua_tostring(state, -2));
-    }
-    EXPECT_EQ(names, (std::set<std::string>{"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}));
+    EXPECT_EQ(FilterNames(state), (std::set<std::string>{"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}));
+}
+
+TEST_F(ModuleEntry, HasASectionInTheDocumentsForEachFunction) {
+    std::set<std::string> documented;
+    std::ifstream file(FC_DOCUMENTS "/lua-functions.md");
+    ASSERT_TRUE(file) << "no " FC_DOCUMENTS "/lua-functions.md";
+    for (std::string line; std::getline(file, line);)
+        if (line.rfind("### ", 0) == 0)
+            documented.insert(line.substr(4));
+    const LuaState state;
+    Open(state);
+    EXPECT_EQ(documented, FilterNames(state));
 }
 
 TEST_F(ModuleEntry, RegistersDirectFunctionsWithoutUpvalues) {

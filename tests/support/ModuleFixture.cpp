@@ -4,9 +4,11 @@
 
 ModuleFixture::ModuleFixture() : m_simulation({.registry = false, .folders = false, .balance = true}) {
     m_simulation.GetClock().Step();
-    for (const wchar_t *name : {L"fc.dll", L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
-        m_simulation.AttachWhenLoaded(name);
+    // The libraries that the module shares the heap with are there already, the module is not.
+    for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
+        m_simulation.Attach(GetModuleHandleW(name));
     m_simulation.Attach(GetModuleHandleW(nullptr));
+    m_simulation.AttachWhenLoaded(L"fc.dll");
     m_module = std::make_unique<FcModule>();
     Open(lua);
 }

@@ -17,13 +17,6 @@ inline bool IsPlainAscii(std::string_view text) {
     return odd < 0x80;
 }
 
-inline bool IsAscii(std::wstring_view text) {
-    wchar_t all = 0;
-    for (const wchar_t character : text)
-        all = static_cast<wchar_t>(all | character);
-    return all < 0x80;
-}
-
 /// @param text  ASCII only.
 inline wxString WidenAscii(std::string_view text) {
     constexpr std::size_t maxOnStack = 512;

@@ -11,8 +11,8 @@
 constexpr std::size_t kMaxConnMetricKeys = 10'000;
 
 struct ConnMetricValue {
-    std::uint32_t count;  ///< How often the key was seen; wraps. First, to lie close to the key.
     wxString text;        ///< Lines of name, tab, value; opaque until they become a row.
+    std::uint32_t count;  ///< How often the key was seen; wraps.
 };
 
 /// By character code, ascending.

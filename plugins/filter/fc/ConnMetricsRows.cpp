@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "AsciiText.h"
-
 namespace {
 
 /// Bits of the flags word, from bit 0.
@@ -17,17 +15,8 @@ constexpr const char *kFlagFields[] = {
     "cf_nuagent_fail_open",     "cf_nuagent_throttled",    "cf_nuagent_banned",
 };
 
-struct NumberField {
-    const char *name;
-    std::wstring_view wide;
-};
-
 /// Lines whose value is a number; the first is the flags word.
-constexpr NumberField kNumberFields[] = {
-    {"flags", L"flags"},       {"pid", L"pid"},
-    {"dst_port", L"dst_port"}, {"tls_version", L"tls_version"},
-    {"cipher", L"cipher"},     {"container_type", L"container_type"},
-};
+constexpr std::string_view kNumberFields[] = {"flags", "pid", "dst_port", "tls_version", "cipher", "container_type"};
 
 // The Lua stack while rows are built: names as Lua strings, each made once.
 constexpr int kDrainIndex = 1;
@@ -40,54 +29,55 @@ constexpr int kStackNeeded = kRowIndex + 3;
 
 constexpr int kNoNumberField = -1;
 
-int NumberFieldOf(std::wstring_view name) {
+template <typename Character>
+int NumberFieldOf(std::basic_string_view<Character> name) {
     for (std::size_t i = 0; i < std::size(kNumberFields); ++i)
-        if (name == kNumberFields[i].wide)
+        if (std::equal(name.begin(), name.end(), kNumberFields[i].begin(), kNumberFields[i].end()))
             return static_cast<int>(i);
     return kNoNumberField;
 }
 
 /// Splits at line feeds; empty lines are skipped.
-void SplitLines(std::wstring_view text, std::vector<ConnMetricLine> &lines) {
+template <typename Character>
+void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLine<Character>> &lines) {
     lines.clear();
     while (!text.empty()) {
-        const std::wstring_view line = text.substr(0, text.find(L'\n'));
-        text.remove_prefix(line.size() < text.size() ? line.size() + 1 : line.size());
+        const auto line = text.substr(0, text.find(Character{'\n'}));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
         if (line.empty())
             continue;
-        const std::size_t tab = line.find(L'\t');
-        if (tab == std::wstring_view::npos)
-            lines.push_back({line, {}});
-        else
-            lines.push_back({line.substr(0, tab), line.substr(tab + 1)});
+        const std::size_t tab = std::min(line.find(Character{'\t'}), line.size());
+        lines.push_back({line.substr(0, tab), line.substr(std::min(tab + 1, line.size()))});
     }
 }
 
 /// What _wtoi makes of the text: the number at its start, 0 where there is none.
-int NumberFromText(std::wstring_view text) {
+template <typename Character>
+int NumberFromText(std::basic_string_view<Character> text) {
     constexpr std::size_t maxPlainDigits = 9;  // always below 2 to the power of 31
     int number = 0;
     if (text.size() <= maxPlainDigits) {
         std::size_t digits = 0;
-        for (; digits < text.size() && text[digits] >= L'0' && text[digits] <= L'9'; ++digits)
-            number = number * 10 + (text[digits] - L'0');
+        for (; digits < text.size() && text[digits] >= '0' && text[digits] <= '9'; ++digits)
+            number = number * 10 + (text[digits] - '0');
         if (digits == text.size())
             return number;
     }
-    return _wtoi(std::wstring(text).c_str());
+    return _wtoi(std::wstring(text.begin(), text.end()).c_str());
 }
 
-/// Fills `narrow` with the text in the locale's encoding; empty where that can't hold it.
-void ToLocale(std::wstring_view text, std::string &narrow) {
-    if (IsAscii(text)) {
-        narrow.resize(text.size());
-        for (std::size_t i = 0; i < text.size(); ++i)
-            narrow[i] = static_cast<char>(text[i]);
-        return;
+void PushText(lua_State *L, std::string_view text, std::string &) {
+    lua_pushlstring(L, text.data(), text.size());
+}
+
+/// Pushes the text in the locale's encoding; an empty one where that can't hold it.
+void PushText(lua_State *L, std::wstring_view text, std::string &narrow) {
+    {
+        const wxString wide(text.data(), text.size());
+        const wxScopedCharBuffer converted = wide.mb_str();  // may point into `wide`
+        narrow.assign(converted.data());
     }
-    const wxString wide(text.data(), text.size());
-    const wxScopedCharBuffer converted = wide.mb_str();  // may point into `wide`
-    narrow.assign(converted.data());
+    lua_pushlstring(L, narrow.data(), narrow.size());
 }
 
 void SetNumber(lua_State *L, int nameIndex, lua_Number number) {
@@ -101,18 +91,13 @@ void SetFlags(lua_State *L, std::uint32_t flags) {
         SetNumber(L, kFirstFlagIndex + bit, (flags >> bit) & 1U);
 }
 
-void SetText(lua_State *L, const ConnMetricLine &line, std::string &narrow) {
-    ToLocale(line.name, narrow);
-    lua_pushlstring(L, narrow.data(), narrow.size());
-    ToLocale(line.value, narrow);
-    lua_pushlstring(L, narrow.data(), narrow.size());
-    lua_rawset(L, kRowIndex);
-}
-
-void SetLine(lua_State *L, const ConnMetricLine &line, std::string &narrow) {
+template <typename Character>
+void SetLine(lua_State *L, const ConnMetricLine<Character> &line, std::string &narrow) {
     const int field = NumberFieldOf(line.name);
     if (field == kNoNumberField) {
-        SetText(L, line, narrow);
+        PushText(L, line.name, narrow);
+        PushText(L, line.value, narrow);
+        lua_rawset(L, kRowIndex);
         return;
     }
     const int number = NumberFromText(line.value);
@@ -122,17 +107,39 @@ void SetLine(lua_State *L, const ConnMetricLine &line, std::string &narrow) {
 }
 
 /// Fields that the lines will make, the count among them, if no name occurs twice.
-int FieldCount(const std::vector<ConnMetricLine> &lines) {
-    const bool hasFlags = std::any_of(lines.begin(), lines.end(),
-                                      [](const ConnMetricLine &line) { return line.name == kNumberFields[0].wide; });
+template <typename Character>
+int FieldCount(const std::vector<ConnMetricLine<Character>> &lines) {
+    const bool hasFlags =
+        std::any_of(lines.begin(), lines.end(), [](const auto &line) { return NumberFieldOf(line.name) == 0; });
     return static_cast<int>(lines.size() + 1 + (hasFlags ? std::size(kFlagFields) : 0));
+}
+
+/// Leaves a row with the fields of the text on the stack.
+template <typename Character>
+void PushRow(lua_State *L, std::basic_string_view<Character> text, std::vector<ConnMetricLine<Character>> &lines,
+             std::string &narrow) {
+    SplitLines(text, lines);
+    lua_createtable(L, 0, FieldCount(lines));
+    for (const ConnMetricLine<Character> &line : lines)
+        SetLine(L, line, narrow);
+}
+
+/// Fills `narrow` with the text. @return false if it is not ASCII throughout; `narrow` is of no use then.
+bool NarrowAscii(std::wstring_view text, std::string &narrow) {
+    narrow.resize(text.size());
+    unsigned all = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        all |= text[i];
+        narrow[i] = static_cast<char>(text[i]);
+    }
+    return all < 0x80;
 }
 
 void PushNames(lua_State *L) {
     for (const char *name : kFlagFields)
         lua_pushstring(L, name);
-    for (const NumberField &field : kNumberFields)
-        lua_pushstring(L, field.name);
+    for (const std::string_view name : kNumberFields)
+        lua_pushlstring(L, name.data(), name.size());
     lua_pushstring(L, "count");
 }
 
@@ -146,10 +153,11 @@ int BuildConnMetricsRows(lua_State *L) {
 
     int index = 1;
     for (const auto &[key, value] : drain.entries) {
-        SplitLines(std::wstring_view(value.text.wx_str(), value.text.length()), drain.lines);
-        lua_createtable(L, 0, FieldCount(drain.lines));
-        for (const ConnMetricLine &line : drain.lines)
-            SetLine(L, line, drain.narrow);
+        const std::wstring_view text(value.text.wx_str(), value.text.length());
+        if (NarrowAscii(text, drain.narrow))
+            PushRow(L, std::string_view(drain.narrow), drain.lines, drain.narrow);
+        else
+            PushRow(L, text, drain.wideLines, drain.narrow);
         // Last, so that it overwrites a field that the text calls "count".
         SetNumber(L, kCountIndex, value.count);
         lua_rawseti(L, kResultIndex, index++);

@@ -10,17 +10,20 @@
 #include "ConnMetricsMap.h"
 
 /// One line of an entry's text.
+template <typename Character>
 struct ConnMetricLine {
-    std::wstring_view name;   ///< Before the first tab.
-    std::wstring_view value;  ///< After it; empty where the line has none.
+    std::basic_string_view<Character> name;   ///< Before the first tab.
+    std::basic_string_view<Character> value;  ///< After it; empty where the line has none.
 };
 
 /// What a drain owns while Lua builds its table. It lives outside of the protected call, since an
 /// error in Lua runs no destructor.
 struct ConnMetricsDrain {
     ConnMetricsMap entries;
-    std::vector<ConnMetricLine> lines;  ///< Of the entry at hand.
-    std::string narrow;                 ///< The name or value at hand, in the locale's encoding.
+    // Of the entry at hand: its lines, of bytes where the whole text is ASCII, and what they were made of.
+    std::vector<ConnMetricLine<char>> lines;
+    std::vector<ConnMetricLine<wchar_t>> wideLines;
+    std::string narrow;
 };
 
 /// A Lua function: takes a light userdata that points at a ConnMetricsDrain, yields the array of rows.

@@ -1,4 +1,5 @@
-// A shortcut to the entries of an ordered map from a key as Lua holds it: bytes, not wide characters.
+// A shortcut from a key as Lua holds it, in bytes, to the entry of an ordered map, and the counting for
+// entries that are found that way.
 #pragma once
 
 #include <cstddef>
@@ -8,43 +9,56 @@
 
 #include "ConnMetricsMap.h"
 
-/// A key of ASCII characters without a NUL, with its hash. Such a key is the same text in every
-/// locale, so that an entry can be found without a conversion.
+/// A key with its hash. A key of ASCII characters without a NUL is the same text in every locale, so
+/// that its entry can be found without a conversion.
 class PlainKey {
 public:
     explicit PlainKey(std::string_view text);
 
-    /// False where the text holds other characters: the key must not be used then.
+    /// False where the text holds other characters: such a key is not for SeenKeys.
     [[nodiscard]] bool IsPlain() const { return m_plain; }
-    [[nodiscard]] std::uint64_t Hash() const { return m_hash; }
-    [[nodiscard]] bool Equals(const wxString &wide) const;
+    [[nodiscard]] std::uint32_t Hash() const { return m_hash; }
+    [[nodiscard]] std::string_view Text() const { return m_text; }
 
 private:
     std::string_view m_text;
-    std::uint64_t m_hash;
-    bool m_plain;
+    std::uint32_t m_hash = 0;
+    bool m_plain = false;
 };
 
-/// A hash table with open addressing over entries that it does not own. Not thread-safe.
+/// A hash table with open addressing. What it needs to know of a key, most keys whole, lies in one cache
+/// line beside the count, so that counting costs two accesses to memory and not one for each level of
+/// the map. Not thread-safe.
 class SeenKeys {
 public:
     using Entry = ConnMetricsMap::value_type;
 
-    /// The entry with that key, or null.
-    [[nodiscard]] Entry *Find(const PlainKey &key) const;
-    /// @param entry  has that key, and is not in the table; it must stay where it is until Clear.
+    /// Adds to the count of a key that was inserted before.
+    /// @return false if it was not.
+    bool Count(const PlainKey &key, std::uint32_t count);
+    /// @param entry  has that key, is not here yet, and stays where it is until Clear.
     void Insert(const PlainKey &key, Entry &entry);
+    /// Adds what was counted here to the entries.
+    void Settle();
     /// Forgets all entries and gives the memory back.
     void Clear();
 
 private:
-    struct Slot {
-        std::uint64_t hash;
-        Entry *entry;  ///< Null in a free slot.
+    struct alignas(64) Record {
+        Entry *entry;
+        std::uint32_t count;  ///< Not yet in the entry.
+        std::uint32_t length;
+        char head[48];  ///< The beginning of the key; the rest is in the entry alone.
     };
+    static_assert(sizeof(Record) == 64);
+    struct Slot {
+        std::uint32_t hash;
+        std::uint32_t record;  ///< Number of the record, from 1; 0 in a free slot.
+    };
+    [[nodiscard]] static bool Has(const Record &record, std::string_view key);
     void Place(const Slot &slot);
     void Grow();
 
     std::vector<Slot> m_slots;  ///< A power of two in number, at most three quarters in use.
-    std::size_t m_used = 0;
+    std::vector<Record> m_records;
 };

@@ -15,10 +15,7 @@ wxString TextFromLocale(std::string_view narrow) {
 
 void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
     const PlainKey plainKey(key);
-    SeenKeys::Entry *const seen = plainKey.IsPlain() ? m_seen.Find(plainKey) : nullptr;
-    if (seen)
-        seen->second.count += count;
-    else
+    if (!plainKey.IsPlain() || !m_seen.Count(plainKey, count))
         AddToMap(key, text, count, plainKey);
 }
 
@@ -32,12 +29,13 @@ void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::
     }
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
-    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{count, TextFromLocale(text)});
+    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{TextFromLocale(text), count});
     if (plainKey.IsPlain())
         m_seen.Insert(plainKey, *entry);
 }
 
 void StagingMetrics::FoldInto(ConnMetricsMap &merged) {
+    m_seen.Settle();
     if (merged.empty()) {
         merged.swap(m_entries);
         return;
