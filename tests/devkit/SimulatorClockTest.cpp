@@ -96,7 +96,7 @@ TEST_F(SimulatedClock, StartsAsTheRealOne) {
     }
     EXPECT_NEAR(double(GetTickCount64()), double(realTick), 30);
     EXPECT_NEAR(double(FileTimeNow()), double(realWall), 30e4);
-    EXPECT_NEAR(double(_time64(nullptr)), double(realWall / 10'000'000 - 11'644'473'600), 1);
+    EXPECT_NEAR(double(_time64(nullptr)), double(realWall) / 1e7 - 11644473600.0, 1);
     const RealTime real;
     Sleep(50);
     EXPECT_GE(real.ElapsedMs(), 49);

@@ -1,6 +1,7 @@
 // How Lua opens the module, and what it finds then.
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
@@ -104,7 +105,12 @@ TEST_F(ModuleEntry, StoresPastMetamethodsOfTheTable) {
 
 TEST_F(ModuleEntry, RequireFindsTheModule) {
     LuaState state;
-    state.Run("package.cpath = '.\\\\?.dll'");
+    wchar_t path[MAX_PATH];
+    ASSERT_NE(GetModuleFileNameW(module.handle(), path, MAX_PATH), 0U);
+    const std::filesystem::path pattern = std::filesystem::path(path).parent_path() / "?.dll";
+    lua_pushstring(state, pattern.string().c_str());
+    lua_setglobal(state, "pattern");
+    state.Run("package.cpath = pattern");
     EXPECT_EQ(state.Eval("require 'fc'"), "true");
     EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
 }

@@ -124,6 +124,6 @@ void SeenKeys::Settle() {
 }
 
 void SeenKeys::Clear() {
-    m_slots = {};
-    m_records = {};
+    std::vector<Slot>().swap(m_slots);
+    std::vector<Record>().swap(m_records);
 }
