@@ -40,23 +40,25 @@ tidy_arguments() {
 tidy_unit() {
     local unit=$BUILD/tidy/$1.cpp
     shift
+    mkdir -p "$(dirname "$unit")"
     printf '#include "'"$ROOT"'/%s"\n' "$@" >"$unit"
     echo "$unit"
 }
 
 check_tidy() {
-    local arguments folder name units=()
+    local arguments folder files file units=()
     rm -rf "$BUILD/tidy"
     mkdir -p "$BUILD/tidy"
     cp .clang-tidy "$BUILD/tidy/"
+    mkdir -p "$BUILD/tidy/tests"
+    cp tests/.clang-tidy "$BUILD/tidy/tests/"
     mapfile -t arguments < <(tidy_arguments | tr ' ' '\n')
     for folder in $(git ls-files --cached --others --exclude-standard -- '*.cpp' | xargs -n 1 dirname | sort -u); do
-        name=${folder//\//_}
         mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
         case $folder in
-        # Each test file stands for itself.
-        tests/*) for file in "${files[@]}"; do units+=("$(tidy_unit "$name-$(basename "$file" .cpp)" "$file")"); done ;;
-        *) units+=("$(tidy_unit "$name" "${files[@]}")") ;;
+        # These files define the same names, or include headers that don't go together.
+        tests/devkit) for file in "${files[@]}"; do units+=("$(tidy_unit "${file%.cpp}" "$file")"); done ;;
+        *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
         esac
     done
     printf '%s\n' "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy --quiet UNIT -- "${arguments[@]}" \

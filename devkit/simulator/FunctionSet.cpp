@@ -1,6 +1,7 @@
 #include "FunctionSet.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cwctype>
 #include <stdexcept>
 #include <utility>
@@ -22,6 +23,8 @@ F *Kernel32(F *, const char *name) {
 const auto realGetModuleHandle = Kernel32(&::GetModuleHandleA, "GetModuleHandleA");
 const auto realLoadLibrary = Kernel32(&::LoadLibraryA, "LoadLibraryA");
 const auto realGetProcAddress = Kernel32(&::GetProcAddress, "GetProcAddress");
+
+std::atomic<bool> thereIsOne{false};
 
 std::string BaseName(HMODULE module) {
     char path[MAX_PATH] = "";
@@ -106,6 +109,8 @@ FARPROC FindRealFunction(const char *library, const char *function) {
 
 FunctionSet::FunctionSet(std::shared_ptr<Core> core) : m_core(std::move(core)) {
     const InsideSimulator inside;
+    if (thereIsOne.exchange(true))
+        throw std::logic_error("one simulation at a time");
     PutGetProcAddress();
 }
 
@@ -119,6 +124,7 @@ FunctionSet::~FunctionSet() {
             entry.end();
     }
     m_core->End();
+    thereIsOne = false;
 }
 
 void FunctionSet::PutGetProcAddress() {

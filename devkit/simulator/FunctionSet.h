@@ -32,7 +32,7 @@ struct SimulatedFunction {
 /// gets the replacements from it. All from one thread, but for the replaced functions themselves.
 class FunctionSet {
 public:
-    /// @param core  must be owned by a shared pointer already.
+    /// @throws std::logic_error  if there is another.
     explicit FunctionSet(std::shared_ptr<Core> core);
     /// Restores all import tables.
     ~FunctionSet();

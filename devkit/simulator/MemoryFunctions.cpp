@@ -25,6 +25,7 @@ F *Find(F *, const char *library, const char *name) {
     return reinterpret_cast<F *>(reinterpret_cast<void *>(FindRealFunction(library, name)));
 }
 
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a declaration's name
 #define REAL(library, name) decltype(&::name) name = Find(static_cast<decltype(&::name)>(nullptr), library, #name)
 struct RealFunctions {
     REAL(kCRuntime, malloc);

@@ -18,7 +18,7 @@ struct PrivateAllocator {
     template <class U>
     PrivateAllocator(const PrivateAllocator<U> &) {}
     T *allocate(std::size_t count) {
-        void *block = PrivateAllocate(count * sizeof(T));
+        void *block = PrivateAllocate(count * sizeof(T));  // NOLINT(bugprone-sizeof-expression): T may be a pointer
         if (block == nullptr)
             throw std::bad_alloc();
         return static_cast<T *>(block);

@@ -14,10 +14,10 @@ namespace Vti {
 
 /// What one operation answers instead of doing its work.
 struct Fault {
-    int32_t status = 0;      ///< The status it yields.
-    std::string error;       ///< What vti_get_error then tells.
-    int remaining = -1;      ///< For so many calls, -1 for all of them.
-    int after = 0;           ///< Only after so many calls that still work.
+    int32_t status = 0;  ///< The status it yields.
+    std::string error;   ///< What vti_get_error then tells.
+    int remaining = -1;  ///< For so many calls, -1 for all of them.
+    int after = 0;       ///< Only after so many calls that still work.
 };
 
 /// A connection as the driver's table holds it.

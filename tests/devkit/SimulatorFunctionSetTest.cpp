@@ -203,6 +203,12 @@ TEST_F(SimulatedFunctions, MayNotBeAddedTwice) {
     EXPECT_THROW(set->Add(function), std::logic_error);
 }
 
+TEST_F(SimulatedFunctions, AreOfOneSetAtATime) {
+    EXPECT_THROW(FunctionSet(std::make_shared<Core>()), std::logic_error);
+    set->Put<Chosen::GetVersion>([](const auto &) -> DWORD { return 4711; });
+    EXPECT_EQ(Chosen::GetVersion::Replacement(), 4711U) << "the attempt has done no harm";
+}
+
 TEST_F(SimulatedFunctions, ComeOutOfGetProcAddress) {
     set->Put<Chosen::GetSystemDefaultLangID>([](const auto &) -> LANGID { return 4711; });
     AttachProgram({"GetProcAddress"});

@@ -151,6 +151,19 @@ TEST(ModuleImage, FindsDelayLoadedLibrariesThatTheHeaderDoesNotName) {
     EXPECT_TRUE(DelayLoadedLibraries(image.Module()).empty()) << "a record that leads out of the image is none";
 }
 
+TEST(ModuleImage, FindsWhatTheShippedModuleLoadsOnFirstUse) {
+    const HMODULE module = LoadLibraryExW(L"fc.dll", nullptr, DONT_RESOLVE_DLL_REFERENCES);
+    ASSERT_NE(module, nullptr);
+    const std::vector<std::string> delayed = DelayLoadedLibraries(module);
+    const std::vector<std::string> exported = ExportNames(module);
+    const std::vector<Import> imports = Imports(module);
+    FreeLibrary(module);
+    EXPECT_EQ(delayed, std::vector<std::string>{"vti.dll"});
+    EXPECT_TRUE(Has(exported, "luaopen_fc"));
+    const auto late = [](const Import &import) { return import.delayed && import.function == "vti_set_profiler"; };
+    EXPECT_EQ(std::count_if(imports.begin(), imports.end(), late), 1);
+}
+
 TEST(ImportTable, ListsWhatTheModuleImportsWithItsAddress) {
     const std::vector<Import> imports = Imports(WxLibrary());
     const auto sleep =

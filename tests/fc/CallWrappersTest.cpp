@@ -284,6 +284,7 @@ TEST(SignatureRecords, TellKindNameAndParametersOfEachFunctionType) {
 
     info = SignatureRecord(BoolFromStrStr());
     ExpectFunction(info, "SLB3::InfoCompilerName<bool (__cdecl*)(char const *,char const *)>::Name", 2);
+    ExpectPlain(info->returnType(), 0, kBoolName);
     ExpectPlain(info->parameters()[0], 2, "const char *");
     ExpectPlain(info->parameters()[1], 2, "const char *");
 

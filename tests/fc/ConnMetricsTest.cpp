@@ -1,10 +1,12 @@
 // Connection metrics, through SLB.filter on the module as it ships.
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -202,11 +204,13 @@ TEST_F(ConnMetrics, AFoldEmptiesStagingSoThatTheNextCountsAnew) {
 TEST_F(ConnMetrics, AtTheLimitTheFirstKeysInOrderWinTheLastPlacesAndTheOthersAreGone) {
     lua.Run("fill(1, 9998)");
     Fold();
-    lua.Run("add('zzz') add('bbb') add('aaa') add('key00001', '', 5)");
+    lua.Run("for _, key in ipairs{'zzz', 'bbb', 'aaa'} do add(key, 'key\\t' .. key) end add('key00001', '', 5)");
     Fold();
     lua.Run("rows = f.GetConnMetrics()");
     EXPECT_EQ(lua.Eval("#rows"), "10000");
-    EXPECT_EQ(lua.Eval("sum(rows)"), "10005") << "aaa and bbb found room, zzz did not, key00001 still counts";
+    EXPECT_EQ(lua.Eval("rows[1].key .. ' ' .. rows[2].key"), "aaa bbb") << "the first of the three found room";
+    EXPECT_EQ(lua.Eval("rows[3].count"), "6") << "a key that is there still counts";
+    EXPECT_EQ(lua.Eval("rows[10000].key"), "nil") << "zzz found none";
     Fold();
     EXPECT_EQ(Drain(), "") << "staging was emptied all the same";
 }
@@ -426,6 +430,80 @@ TEST_F(ConnMetrics, ATextOfManyLinesMakesAsManyFields) {
     EXPECT_EQ(lua.Eval("row.n1 .. row.n20000"), "v1v20000");
 }
 
+// ---- Keys that are much alike
+
+TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
+    // Pairs that collide in the shortcut's 32-bit hash: different within its record, in the record's last
+    // word, behind it, and in front of a long common end.
+    lua.Run(R"(
+        pairs_ = {
+            {'key00019869', 'key00117042'},
+            {('p'):rep(39) .. '000039872', ('p'):rep(39) .. '000206405'},
+            {('p'):rep(48) .. '00075359', ('p'):rep(48) .. '00301814'},
+            {'0000076729' .. ('q'):rep(60), '0000088286' .. ('q'):rep(60)},
+        }
+        for _, pair in ipairs(pairs_) do
+            for round = 1, 3 do
+                add(pair[1], 'key\t' .. pair[1], 1) add(pair[2], 'key\t' .. pair[2], 10)
+            end
+        end
+        expected = {}
+        for _, pair in ipairs(pairs_) do expected[pair[1]] = 3 expected[pair[2]] = 30 end
+    )");
+    Fold();
+    lua.Run(
+        "for _, row in ipairs(f.GetConnMetrics()) do assert(expected[row.key] == row.count, row.key) "
+        "expected[row.key] = nil end assert(next(expected) == nil)");
+}
+
+TEST_F(ConnMetrics, KeysOfEveryLengthAreToldFromThoseThatDifferInOneByte) {
+    lua.Run(R"(
+        expected = {}
+        local function count(key, n)
+            add(key, 'key\t' .. key, n)
+            expected[key] = (expected[key] or 0) + n
+        end
+        for length = 0, 200 do
+            local key = ('k'):rep(length)
+            for round = 1, 2 do
+                count(key, 1)
+                if length > 0 then
+                    local at = (length * 7) % length + 1
+                    count(key:sub(1, at - 1) .. 'x' .. key:sub(at + 1), 5)
+                    count(key:sub(1, length - 1) .. 'y', 9)
+                end
+            end
+        end
+    )");
+    Fold();
+    lua.Run(
+        "for _, row in ipairs(f.GetConnMetrics()) do assert(expected[row.key] == row.count, #row.key) "
+        "expected[row.key] = nil end assert(next(expected) == nil)");
+}
+
+// ---- Threads
+
+TEST_F(ConnMetrics, DrainsOnAnotherThreadLoseAndDoubleNothing) {
+    std::atomic<bool> finished{false};
+    double drained = 0;
+    std::thread drainer([&] {
+        LuaState own;
+        Open(own);
+        while (!finished) {
+            own.Run("n = 0 for _, row in ipairs(SLB.filter.GetConnMetrics()) do n = n + row.count end");
+            drained += std::stod(own.Eval("n"));
+        }
+    });
+    for (int round = 0; round < 300; ++round) {
+        lua.Run("for i = 1, 50 do add('key' .. i % 70, '', 1) end");
+        Fold();
+    }
+    finished = true;
+    drainer.join();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(drained + std::stod(lua.Eval("sum(rows)")), 300 * 50);
+}
+
 // ---- What is left behind
 
 TEST_F(ConnMetrics, NothingIsLeftAfterADrainAndTheCloseOfTheState) {
@@ -570,7 +648,9 @@ TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfAPlainModel) {
     const auto drained = [&] {
         std::string expected;
         for (const auto &[key, count] : merged)
-            expected += (expected.empty() ? "" : "\n") + ("count=" + std::to_string(count)) + " k=\"" + key + "\"";
+            expected.append(expected.empty() ? "" : "\n")
+                .append("count=" + std::to_string(count))
+                .append(" k=\"" + key + "\"");
         merged.clear();
         return expected;
     };

@@ -171,6 +171,22 @@ TEST_F(UserdataArguments, TheResolvingFunctionSeesTheInstanceAndItsPayload) {
     EXPECT_EQ(seen.payload, reinterpret_cast<char *>(record) + 32);
 }
 
+TEST_F(UserdataArguments, WhatTheResolvingFunctionLeavesOnTheStackIsRemoved) {
+    static lua_State *state;
+    state = lua;
+    SlbInstance *const record = PushRecord(64);
+    record->typeName = "SLB.Dom";
+    record->resolve = [](const SLB3::SlbInstanceView *) -> void * {
+        lua_pushliteral(state, "left behind");
+        return state;
+    };
+    EXPECT_EQ(Dom(), state) << "found";
+    record->flags = SlbInstance::kConstFlags;
+    EXPECT_EQ(Dom(), nullptr) << "held as const";
+    record->typeName = "SLB.Other";
+    EXPECT_EQ(Dom(), nullptr) << "of another type";
+}
+
 TEST_F(UserdataArguments, TheZipIsFoundAtItsIndexByTheSameRules) {
     lua_pushnil(lua);
     lua_pushnil(lua);

@@ -1,5 +1,6 @@
-// Texts of plain ASCII are the same in every locale, so they need no conversion between narrow and
-// wide. The loops have no early exit where that lets the compiler use vector instructions.
+// Texts of plain ASCII are the same in every code page that Windows uses for a locale, so they need no
+// conversion between narrow and wide. The loops have no early exit, so that the compiler can use vector
+// instructions.
 #pragma once
 
 #include <cstddef>

@@ -17,7 +17,7 @@ void *ResolveInstance(const SLB3::SlbInstance &instance, const char *typeName) {
     const SLB3::SlbInstanceView view{&instance, &instance + 1};
     void *const object = instance.resolve(&view);
     if (!object || IsNamed(instance.typeName, typeName))
-        return object;
+        return object;  // cppcheck-suppress returnDanglingLifetime; it does not lie in the view
     if (!instance.bases)
         return nullptr;
     for (const SLB3::SlbBaseEntry *base = instance.bases; base->marker != 0; ++base)
