@@ -44,8 +44,7 @@ public:
     ModuleBench() : m_simulation({.registry = false, .folders = false, .balance = false}) {
         m_simulation.GetClock().Step();
         m_simulation.AttachWhenLoaded(L"fc.dll");
-        lua.Run("package.cpath = '.\\\\?.dll' require 'fc' f = SLB.filter");
-        lua.Run("peer = dofile 'ConnMetricsPeer.lua'");
+        lua.Run("require 'fc' f = SLB.filter peer = dofile(folder .. 'ConnMetricsPeer.lua')");
         lua_register(lua, "read_only", ReadArgumentsOnly);
         lua_register(lua, "prepare", PrepareRows);
         lua_register(lua, "build", BuildPreparedRows);
@@ -170,7 +169,7 @@ void BenchMemory(Report &report) {
     Simulator::Simulation simulation({.registry = false, .folders = false, .balance = true});
     simulation.GetClock().Step();
     LuaBench lua;
-    lua.Run("package.cpath = '.\\\\?.dll' require 'fc' f = SLB.filter");
+    lua.Run("require 'fc' f = SLB.filter");
     for (const wchar_t *name : {L"fc.dll", L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll"})
         simulation.Attach(GetModuleHandleW(name));
     lua.Run(kTraffic);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <windows.h>
+
 #include "Bench.h"
 
 namespace {
@@ -25,6 +27,13 @@ void Call(lua_State *L, int results) {
 
 LuaBench::LuaBench() : m_state(lua_newstate(&BlockPool::Allocate, &m_pool)) {
     luaL_openlibs(m_state);
+    char path[MAX_PATH] = "";
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    const std::string program = path;
+    const std::string folder = program.substr(0, program.find_last_of("\\/") + 1);
+    lua_pushlstring(m_state, folder.data(), folder.size());
+    lua_setglobal(m_state, "folder");
+    Run("package.cpath = folder .. '?.dll'");
 }
 
 void LuaBench::Run(const std::string &code) {

@@ -7,6 +7,7 @@
 
 #include "BlockPool.h"
 
+/// A Lua state that finds modules beside this program; the global `folder` tells where that is.
 class LuaBench {
 public:
     LuaBench();

@@ -1,4 +1,4 @@
-# The libraries that ./dev (or, on Windows, docs/windows.md) has built into FC_LIBRARIES.
+# The libraries that ./dev has built into FC_LIBRARIES.
 set(FC_LIBRARIES "" CACHE PATH "folder with wxWidgets base, Lua 5.2 and cJSON")
 if(NOT EXISTS "${FC_LIBRARIES}/complete")
     message(FATAL_ERROR "FC_LIBRARIES ('${FC_LIBRARIES}') holds no libraries: build with ./dev, which makes them")

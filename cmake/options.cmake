@@ -5,7 +5,10 @@ if(MSVC)
     add_compile_options(/W4 /WX /permissive- /utf-8 /EHsc)
 else()
     add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wformat=2
-                        -Wno-unknown-pragmas)
+                        -Wno-unknown-pragmas
+                        # No path of the building machine goes into what is handed out.
+                        "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build"
+                        "-ffile-prefix-map=${FC_LIBRARIES}=libraries")
     add_link_options(-Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat)
 endif()
 

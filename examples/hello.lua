@@ -1,4 +1,4 @@
--- Loads the module and lists its functions:  fc-host examples/hello.lua
+-- Loads the module and lists its functions:  ./dev host examples/hello.lua
 require "fc"
 
 local names = {}

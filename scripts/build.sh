@@ -1,52 +1,81 @@
 # shellcheck shell=bash
 # From a fresh machine to built binaries and a place to run them.
 
-prepare_libraries() {
-    mkdir -p "$CACHE" "$BUILD"
-    exec 9>"$CACHE/lock"
+# with_lock FOLDER COMMAND...: one ./dev at a time.
+with_lock() {
+    local folder=$1
+    shift
+    mkdir -p "$folder"
+    exec 9>"$folder/lock"
     flock -n 9 || {
-        say "another ./dev is preparing the libraries; waiting for it"
+        say "another ./dev is at work in $folder; waiting for it"
         flock 9
     }
-    fetch_sources
-    build_libraries
+    "$@"
     exec 9>&-
 }
 
+make_libraries() {
+    fetch_sources
+    build_libraries
+}
+
+# Debian's wrapper warns about a missing 32-bit Wine; the program behind it does not.
+wine_program() {
+    if [ -x /usr/lib/wine/wine64 ]; then echo /usr/lib/wine/wine64; else command -v wine; fi
+}
+
+# Whether the build folder was configured for this clone, these libraries and this Wine.
+is_configured() {
+    [ -f "$BUILD/build.ninja" ] && grep -qxF "FC_LIBRARIES:PATH=$(libraries_dir)" "$BUILD/CMakeCache.txt" &&
+        grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$BUILD/CMakeCache.txt" &&
+        grep -qF "CMAKE_CROSSCOMPILING_EMULATOR:UNINITIALIZED=$(wine_program)" "$BUILD/CMakeCache.txt"
+}
+
 configure_build() {
-    local libraries
-    libraries=$(libraries_dir)
-    if [ -f "$BUILD/build.ninja" ] && grep -qxF "FC_LIBRARIES:PATH=$libraries" "$BUILD/CMakeCache.txt"; then
-        return 0
-    fi
+    is_configured && return 0
     rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles"
     quietly configure.log "configuring" cmake -G Ninja -S "$ROOT" -B "$BUILD" \
         -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DFC_LIBRARIES="$libraries" -DCMAKE_CROSSCOMPILING_EMULATOR="$WINE"
+        -DFC_LIBRARIES="$(libraries_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
+}
+
+make_wine_prefix() {
+    "$(wine_program)" wineboot --init
+    # The registry files are written when the server of this prefix ends.
+    "$(dirname "$(wine_program)")/wineserver" -w || wineserver -w
 }
 
 prepare_wine() {
     [ -f "$WINEPREFIX/ready" ] && return 0
     rm -rf "$WINEPREFIX"
     mkdir -p "$WINEPREFIX"
-    quietly wineboot.log "making a private Wine prefix" "$WINE" wineboot --init
+    quietly wineboot.log "making a private Wine prefix" make_wine_prefix
     touch "$WINEPREFIX/ready"
 }
 
-# prepare_build TARGET...: leaves the targets built in $BUILD/bin.
-prepare_build() {
-    install_packages "${PACKAGES_BUILD[@]}"
-    prepare_libraries
+build_targets() {
     configure_build
     say "building"
     NINJA_STATUS='[%f/%t] ' ninja -C "$BUILD" -j "$JOBS" "$@" >&2 || die "the build failed; the compiler's words are above"
     prepare_wine
 }
 
-# run_windows PROGRAM ARGS...: runs it here, under Wine.
-run_windows() { "$WINE" "$@"; }
-
-run_host() {
-    mkdir -p "$OUT"
-    run_windows "$BUILD/bin/fc-host.exe" "$@"
+# Leaves a configured build folder.
+prepare_configured() {
+    install_packages "${PACKAGES_BUILD[@]}" "$@"
+    with_lock "$CACHE" make_libraries
+    with_lock "$BUILD" configure_build
 }
+
+# prepare_build TARGET...: leaves the targets built in $BUILD/bin.
+prepare_build() {
+    install_packages "${PACKAGES_BUILD[@]}"
+    with_lock "$CACHE" make_libraries
+    with_lock "$BUILD" build_targets "$@"
+}
+
+# run_windows PROGRAM ARGS...: runs it here, under Wine.
+run_windows() { "$(wine_program)" "$@"; }
+
+run_host() { run_windows "$BUILD/bin/fc-host.exe" "$@"; }

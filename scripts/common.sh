@@ -2,17 +2,23 @@
 # What every script of ./dev shares: where things are, how it speaks, how it asks for root.
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-CACHE=${FC_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit}
-BUILD=${FC_BUILD:-$ROOT/build}
+
+# A name that the caller gave, seen from the caller's folder.
+from_caller() {
+    case $1 in
+    /*) echo "$1" ;;
+    *) echo "$CALLER/$1" ;;
+    esac
+}
+
+CACHE=$(from_caller "${FC_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit}")
+BUILD=$(from_caller "${FC_BUILD:-$ROOT/build}")
 OUT=$ROOT/out
 LOGS=$BUILD/logs
+JOBS=${FC_JOBS:-$(nproc)}
 export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
 # No menu entries, no browser or .NET offers: the prefix is for tests only.
 export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
-# Debian's wrapper warns about a missing 32-bit Wine at every start; the program behind it does not.
-WINE=/usr/lib/wine/wine64
-[ -x "$WINE" ] || WINE=wine
-JOBS=${FC_JOBS:-$(nproc)}
 
 say() { printf '\033[1m==>\033[0m %s\n' "$*" >&2; }
 die() {
@@ -35,13 +41,16 @@ quietly() {
     local log=$LOGS/$1 label=$2 started=$SECONDS status=0 pid
     shift 2
     mkdir -p "$(dirname "$log")"
-    "$@" >"$log" 2>&1 </dev/null &
+    "$@" >"$log" 2>&1 </dev/null 9>&- &
     pid=$!
+    # A job in the background does not hear of Ctrl-C by itself.
+    trap 'kill "$pid" 2>/dev/null; die "interrupted: $label"' INT TERM
     while kill -0 "$pid" 2>/dev/null; do
         [ ! -t 2 ] || printf '\r==> %s ... %ds ' "$label" $((SECONDS - started)) >&2
         sleep 0.2
     done
     wait "$pid" || status=$?
+    trap - INT TERM
     [ ! -t 2 ] || printf '\r' >&2
     say "$label ($((SECONDS - started)) s)"
     if [ "$status" -ne 0 ]; then

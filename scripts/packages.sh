@@ -2,9 +2,9 @@
 # The Debian packages that the project needs, and their installation.
 
 # What building, running and testing needs; then what only ./dev check needs.
-PACKAGES_BUILD=(ca-certificates cmake dpkg-dev g++-mingw-w64-x86-64-posix libz-mingw-w64-dev mingw-w64-tools
-    ninja-build python3-minimal unzip wine wine64 xz-utils zip googletest)
-PACKAGES_CHECK=(clang-format clang-tidy cppcheck lua-check shellcheck)
+PACKAGES_BUILD=(ca-certificates cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev
+    ninja-build unzip wine wine64 xz-utils zip)
+PACKAGES_CHECK=(clang clang-format clang-tidy cppcheck git lua-check shellcheck)
 
 missing_packages() {
     local package
@@ -13,18 +13,19 @@ missing_packages() {
     done
 }
 
+update_package_lists() {
+    [ "$(id -u)" -eq 0 ] || ! command -v sudo >/dev/null || sudo -v # asks for a password here, not in the log
+    quietly apt-update.log "apt-get update" as_root apt-get -o DPkg::Lock::Timeout=300 update
+}
+
 # install_packages PACKAGE...: installs those that are missing, or says what to install by hand.
 install_packages() {
     local missing
     if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
-        if command -v x86_64-w64-mingw32-g++-posix >/dev/null && command -v wine >/dev/null &&
-            [ -n "${FC_DEPS_SOURCE:-}" ]; then
-            return 0
-        fi
         cat >&2 <<TEXT
-error: there is no apt here, so nothing can be installed for you. By hand, please install what these
-Debian packages hold, and put the unpacked sources of wxWidgets 3.2, Lua 5.2 and cJSON 1.7.15 into one
-folder as wx, lua and cjson; then run again with FC_DEPS_SOURCE=THAT_FOLDER:
+error: there is no apt here, so that nothing can be installed for you. The devkit is built on Debian 12 (a
+container of it will do). By hand it needs what these Debian packages hold, and the sources of wxWidgets 3.2,
+Lua 5.2 and cJSON 1.7.15 as apt-get source would fetch them:
   $*
 TEXT
         exit 1
@@ -32,7 +33,7 @@ TEXT
     mapfile -t missing < <(missing_packages "$@")
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${#missing[@]} Debian packages: ${missing[*]}"
-    quietly apt-update.log "apt-get update" as_root apt-get update
-    quietly apt-install.log "apt-get install" \
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+    update_package_lists
+    quietly apt-install.log "apt-get install" as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "${missing[@]}"
 }

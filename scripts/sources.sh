@@ -2,20 +2,29 @@
 # Sources of the libraries that are built for Windows here: fetched by apt, with the distribution's
 # patches, into the cache. A package counts as fetched only when its folder has been renamed into place.
 
-# source package | folder | package whose version decides which one is fetched
+# Source package : its folder in the cache.
 SOURCES=(wxwidgets3.2:wx lua5.2:lua cjson:cjson)
 SOURCE_TRIES=3
 
-# A sources list of our own with deb-src lines for the mirrors that the system already uses.
-write_source_list() {
-    local dir=$1
-    mkdir -p "$dir/lists/partial" "$dir/archives/partial"
+# deb-src lines for the mirrors of this Debian release that the system already uses.
+source_lines() {
     # shellcheck disable=SC2016  # apt-get itself expands these
     apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT) $(ORIGIN)' 'Created-By: Packages' |
-        awk '$4 == "Debian" { print "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]", $1, $2, $3 }' |
-        sort -u >"$dir/sources.list"
+        awk '$4 == "Debian" && $2 !~ /backports/ {
+            print "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]", $1, $2, $3 }' | sort -u
+}
+
+# A sources list of our own; the system's lists stay as they are.
+write_source_list() {
+    local dir=$1
+    mkdir -p "$dir/lists/partial"
+    source_lines >"$dir/sources.list"
+    if [ ! -s "$dir/sources.list" ]; then
+        update_package_lists
+        source_lines >"$dir/sources.list"
+    fi
     [ -s "$dir/sources.list" ] ||
-        die "apt knows no Debian mirror: add one to /etc/apt/sources.list (see 'man sources.list'), run 'apt-get update' and try again"
+        die "apt knows no Debian mirror: add one to /etc/apt/sources.list (see 'man sources.list') and try again"
 }
 
 apt_source() {
@@ -47,12 +56,6 @@ fetch_sources() {
     for entry in "${SOURCES[@]}"; do
         package=${entry%%:*} folder=${entry##*:}
         [ -f "$CACHE/src/$folder/.fc-version" ] && continue
-        if [ -n "${FC_DEPS_SOURCE:-}" ]; then
-            [ -d "$FC_DEPS_SOURCE/$folder" ] || die "FC_DEPS_SOURCE has no folder '$folder'"
-            rm -rf "$CACHE/src/$folder" && cp -r "$FC_DEPS_SOURCE/$folder" "$CACHE/src/$folder"
-            echo "$folder-by-hand" >"$CACHE/src/$folder/.fc-version"
-            continue
-        fi
         if [ ! -s "$dir/ready" ]; then
             write_source_list "$dir"
             quietly sources-update.log "reading the list of source packages" apt_source "$dir" update

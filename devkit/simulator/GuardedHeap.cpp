@@ -65,8 +65,13 @@ void *GuardedHeap::Allocate(std::size_t size, std::size_t alignment) {
         return nullptr;
     const std::size_t open = RoundUp(std::max<std::size_t>(size, 1), kPage);
     char *pages = TakePages(open + kPage);
-    if (pages == nullptr || VirtualAlloc(pages, open, MEM_COMMIT, PAGE_READWRITE) == nullptr)
+    if (pages == nullptr || VirtualAlloc(pages, open, MEM_COMMIT, PAGE_READWRITE) == nullptr) {
+        if (size <= kLargestSure)
+            EndProcess(kUsedUp, "the system has no more pages; blocks alive:", m_alive,
+                       "; guard a shorter stretch, or under Wine raise vm.max_map_count");
         return nullptr;
+    }
+    ++m_alive;
     char *end = pages + open;
     char *block = RoundDown(end - size, alignment == 0 ? m_options.alignment : alignment);
     std::memset(block, kFresh, size);
@@ -82,6 +87,7 @@ void GuardedHeap::Free(void *block, std::size_t size) {
     const auto changed = [](char c) { return static_cast<unsigned char>(c) != kSlack; };
     if (std::any_of(begin + size, end, changed))
         EndProcess(kDamaged, "something wrote beyond the end of a block; its bytes:", size, "");
+    --m_alive;
     VirtualFree(pages, static_cast<std::size_t>(end - pages), MEM_DECOMMIT);
 }
 

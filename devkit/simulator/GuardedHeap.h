@@ -1,6 +1,7 @@
 // Blocks of memory that fault where a program goes beyond them or uses them after it freed them.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 #include "Lock.h"
@@ -19,7 +20,8 @@ public:
         /// was compiled for the alignment of malloc may not stand.
         std::size_t alignment = 16;
         /// When all of these addresses are used, freed ones included, the process ends with a message and kUsedUp.
-        /// A block needs its pages and one more.
+        /// A block needs its pages and one more. Under Wine the kernel's vm.max_map_count is another bound: half as
+        /// many blocks (commonly 32,700) can be alive at a time; beyond it the process ends likewise.
         std::size_t addressSpaceBytes = std::size_t{16} << 30;
     };
     static constexpr unsigned kDamaged = 101;
@@ -29,12 +31,13 @@ public:
     void Use(const Options &options);
 
     /// @param alignment  0 for that of the options.
-    /// @return filled with a pattern; null only if the system has no memory for the pages.
+    /// @return filled with a pattern; null for more than kLargestSure bytes that the system does not have.
     [[nodiscard]] void *Allocate(std::size_t size, std::size_t alignment);
     /// @param size  as it was allocated.
     void Free(void *block, std::size_t size);
 
     static constexpr std::size_t kPage = 4096;
+    static constexpr std::size_t kLargestSure = std::size_t{16} << 20;
 
 private:
     [[nodiscard]] char *TakePages(std::size_t bytes);
@@ -44,6 +47,7 @@ private:
     char *m_next = nullptr;
     char *m_end = nullptr;
     std::size_t m_reserved = 0;
+    std::atomic<std::size_t> m_alive{0};
 };
 
 }  // namespace Simulator

@@ -187,6 +187,20 @@ TEST(GuardedHeapDeathTest, EndsTheProcessWhenItsAddressesAreUsedUp) {
         testing::ExitedWithCode(GuardedHeap::kUsedUp), "used up its address space, bytes: 1048576");
 }
 
+TEST(GuardedHeapDeathTest, EndsTheProcessWhenTheSystemHasNoMorePages) {
+    EXPECT_EXIT(
+        {
+            // Committing fails as it does when the system is at its end.
+            const Redirection redirection(
+                ThisProgram(), "VirtualAlloc",
+                reinterpret_cast<void *>(+[](void *, SIZE_T, DWORD, DWORD) -> void * { return nullptr; }));
+            GuardedHeap heap;
+            (void)heap.Allocate(64, 0);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(GuardedHeap::kUsedUp), "the system has no more pages; blocks alive: 0");
+}
+
 TEST_F(GuardedSimulation, GuardsBlocksWhileItIsSwitchedOn) {
     void *before = Allocate(64);
     balance.Guard({});

@@ -4,6 +4,14 @@
 
 #include <gtest/gtest.h>
 
+std::mt19937 SeededRandom() {
+    return std::mt19937(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
+}
+
+std::string HowToRepeat() {
+    return "again with --gtest_random_seed=" + std::to_string(testing::UnitTest::GetInstance()->random_seed());
+}
+
 FcModule::FcModule() : m_handle(nullptr) {
     if (GetModuleHandleW(L"fc.dll"))
         throw std::logic_error("fc.dll is loaded already: another FcModule is alive");

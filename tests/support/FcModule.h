@@ -1,10 +1,16 @@
 // fc.dll as the agent has it: loaded from the folder of the test program, opened by Lua states.
 #pragma once
 
+#include <random>
 #include <string>
 
 #include <lua.hpp>
 #include <windows.h>
+
+/// A generator for random tests, seeded by GoogleTest's --gtest_random_seed (0: by the time).
+std::mt19937 SeededRandom();
+/// The option that makes the same random tests again.
+std::string HowToRepeat();
 
 /// The module, freshly loaded: its objects are as at the start of a process. One at a time.
 class FcModule {

@@ -1,19 +1,25 @@
 #include "ModuleFixture.h"
 
 #include <chrono>
+#include <stdexcept>
 
 ModuleFixture::ModuleFixture() : m_simulation({.registry = false, .folders = false, .balance = true}) {
     m_simulation.GetClock().Step();
     // The libraries that the module shares the heap with are there already, the module is not.
     for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
-        m_simulation.Attach(GetModuleHandleW(name));
-    m_simulation.Attach(GetModuleHandleW(nullptr));
+        Watch(GetModuleHandleW(name));
+    Watch(GetModuleHandleW(nullptr));
     m_simulation.AttachWhenLoaded(L"fc.dll");
     m_module = std::make_unique<FcModule>();
     Open(lua);
 }
 
 ModuleFixture::~ModuleFixture() = default;
+
+void ModuleFixture::Watch(HMODULE module) {
+    if (!module || m_simulation.Attach(module) == 0)
+        throw std::logic_error("a library that is to be watched is not there, or imports nothing that is counted");
+}
 
 void ModuleFixture::Open(lua_State *state) {
     lua_pushcfunction(state, m_module->luaopen());

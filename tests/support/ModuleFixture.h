@@ -28,6 +28,8 @@ protected:
     Simulator::Balance &balance() { return m_simulation.GetBalance(); }
 
 private:
+    void Watch(HMODULE module);
+
     Simulator::Simulation m_simulation;
     std::unique_ptr<FcModule> m_module;
 

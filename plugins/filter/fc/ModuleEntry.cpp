@@ -29,6 +29,7 @@ void RegisterFilterFunctions(lua_State *L) {
     RegisterDirect(L, filter, "GetConnMetrics", GetConnMetrics);
 }
 
+// The firewall applications have a round of their own, which no function has joined yet.
 void RegisterFirewallApplicationFunctions(lua_State *L) {
     const SLB3::Namespace filter(L, kFilterTableName);
 }

@@ -10,7 +10,8 @@
 
 #include "StagingMetrics.h"
 
-/// Guards `mergedMetrics` and `lastMetricsUpdate`.
+/// Guards `mergedMetrics` and the writing of `lastMetricsUpdate`; the test whether a fold is due reads it
+/// without.
 extern wxCriticalSection connMetricsLock;
 /// Receives every AddToConnMetrics. No lock guards it: its users keep to one thread at a time.
 extern StagingMetrics stagingMetrics;

@@ -16,7 +16,8 @@ public:
     void Add(std::string_view key, std::string_view text, std::uint32_t count);
 
     /// Folds all entries into `merged`: counts of present keys are added, absent keys move over
-    /// while there is room, in key order. What had no room stays here until Clear.
+    /// while there is room, in key order. What had no room stays here. Only Clear may follow: entries
+    /// that have moved are known here no longer than that.
     void FoldInto(ConnMetricsMap &merged);
 
     void Clear();
