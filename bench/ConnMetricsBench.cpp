@@ -18,7 +18,7 @@ constexpr const char *kTraffic = R"(
     local function key(i) return ('198.51.100.%d:%d|service-%05d.exe'):format(i % 254 + 1, 1024 + i % 500, i) end
     local function text(i)
         return ('flags\t%d\npid\t%d\ndst_port\t%d\ntls_version\t771\ncipher\t%d\ncontainer_type\t0\n' ..
-            'process\tservice-%05d.exe\nserver\thost-%d.example.org'):format(i % 4096, i, i % 65536, 49195 + i % 9, i, i % 700)
+            'process\tC:\\Program Files\\Example\\service-%05d.exe\nserver\thost-%d.example.org'):format(i % 4096, i, i % 65536, 49195 + i % 9, i, i % 700)
     end
     keys, texts = {}, {}
     for i = 1, 15000 do keys[i], texts[i] = key(i), text(i) end

@@ -36,6 +36,8 @@ void Clock::StartFast(unsigned factor) {
     m_simulation = std::make_unique<Simulation>();
     Simulator::FunctionSet &functions = m_simulation->functions;
     Simulator::InstallClock(functions, m_simulation->core->clock);
+    for (const std::string &function : functions.Names())
+        m_simulation->core->journal.Mute(function);  // nobody reads it here, and a script may run for days
     functions.Attach(GetModuleHandleW(nullptr), {"Sleep", "GetSystemTimeAsFileTime"});  // HostClock.cpp
     functions.Attach(FindWx());
     for (const wchar_t *library : kLoadedLibraries)

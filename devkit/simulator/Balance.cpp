@@ -23,12 +23,6 @@ std::vector<BalanceItem> Without(const std::vector<BalanceItem> &these, const st
     return rest;
 }
 
-std::string BaseName(HMODULE module) {
-    char path[MAX_PATH] = "";
-    const std::string text(path, GetModuleFileNameA(module, path, MAX_PATH));
-    return text.substr(text.find_last_of('\\') + 1);
-}
-
 }  // namespace
 
 std::size_t BalanceSnapshot::Count(std::string_view kind) const {

@@ -8,6 +8,8 @@
 
 #include <winternl.h>
 
+#include "ModuleImage.h"
+
 namespace Simulator {
 
 namespace {
@@ -25,13 +27,6 @@ const auto realLoadLibrary = Kernel32(&::LoadLibraryA, "LoadLibraryA");
 const auto realGetProcAddress = Kernel32(&::GetProcAddress, "GetProcAddress");
 
 std::atomic<bool> thereIsOne{false};
-
-std::string BaseName(HMODULE module) {
-    char path[MAX_PATH] = "";
-    const DWORD length = GetModuleFileNameA(module, path, MAX_PATH);
-    const std::string_view text(path, length);
-    return std::string(text.substr(text.find_last_of('\\') + 1));
-}
 
 std::wstring LowerCase(std::wstring text) {
     std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return std::towlower(c); });
@@ -218,9 +213,12 @@ void FunctionSet::AttachWhenLoaded(const std::wstring &baseName) {
         const LockGuard guard(m_lock);
         m_whenLoaded.insert(LowerCase(baseName));
     }
-    if (m_loadNotification == nullptr)
-        NtdllFunction<RegisterFunction>("LdrRegisterDllNotification")(0, &LoadNotification::OnLoaded, this,
-                                                                      &m_loadNotification);
+    if (m_loadNotification != nullptr)
+        return;
+    const auto registerNotification = NtdllFunction<RegisterFunction>("LdrRegisterDllNotification");
+    if (registerNotification == nullptr ||
+        registerNotification(0, &LoadNotification::OnLoaded, this, &m_loadNotification) != 0)
+        throw std::runtime_error("the loader tells nobody of the modules that it loads");
 }
 
 bool FunctionSet::IsAwaited(const std::wstring &baseName) const {

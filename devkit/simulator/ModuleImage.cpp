@@ -69,6 +69,12 @@ std::size_t ImageSize(HMODULE module) {
     return Headers(module).OptionalHeader.SizeOfImage;
 }
 
+std::string BaseName(HMODULE module) {
+    char path[MAX_PATH] = "";
+    const std::string text(path, GetModuleFileNameA(module, path, MAX_PATH));
+    return text.substr(text.find_last_of('\\') + 1);
+}
+
 bool ImageContains(HMODULE module, const void *address) {
     const auto base = reinterpret_cast<std::uintptr_t>(module);
     return reinterpret_cast<std::uintptr_t>(address) - base < ImageSize(module);

@@ -11,6 +11,9 @@ namespace Simulator {
 
 /// Size of the mapped image in bytes.
 [[nodiscard]] std::size_t ImageSize(HMODULE module);
+/// The name of its file, without the folder.
+[[nodiscard]] std::string BaseName(HMODULE module);
+
 /// Whether the address lies within the mapped image.
 [[nodiscard]] bool ImageContains(HMODULE module, const void *address);
 /// The IMAGE_DLLCHARACTERISTICS_* flags.

@@ -9,14 +9,14 @@ namespace Simulator {
 namespace {
 
 template <class F>
-F *Kernel32(F *, const char *name) {
+F *RealKernelFunction(F *, const char *name) {
     return reinterpret_cast<F *>(reinterpret_cast<void *>(FindRealFunction("KERNEL32.dll", name)));
 }
 
 struct Heap {
     HANDLE handle = HeapCreate(0, 0, 0);
-    decltype(&::HeapAlloc) allocate = Kernel32(&::HeapAlloc, "HeapAlloc");
-    decltype(&::HeapFree) release = Kernel32(&::HeapFree, "HeapFree");
+    decltype(&::HeapAlloc) allocate = RealKernelFunction(&::HeapAlloc, "HeapAlloc");
+    decltype(&::HeapFree) release = RealKernelFunction(&::HeapFree, "HeapFree");
 };
 
 /// Lives as long as the process: the books are kept until its very end.

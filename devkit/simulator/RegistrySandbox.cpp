@@ -143,7 +143,10 @@ RegistrySandbox::RegistrySandbox() {
     m_machineRoot = Create(m_software.get(), m_path + L"\\machine");
     m_userRoot = Create(m_software.get(), m_path + L"\\user");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_machineRoot.get()), "RegOverridePredefKey");
-    Check(RegOverridePredefKey(HKEY_CURRENT_USER, m_userRoot.get()), "RegOverridePredefKey");
+    const LSTATUS status = RegOverridePredefKey(HKEY_CURRENT_USER, m_userRoot.get());
+    if (status != ERROR_SUCCESS)
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);  // no destructor runs
+    Check(status, "RegOverridePredefKey");
 }
 
 RegistrySandbox::~RegistrySandbox() {

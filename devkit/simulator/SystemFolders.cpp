@@ -21,8 +21,10 @@ std::filesystem::path FreshRoot() {
 
 void RemoveTree(const std::filesystem::path &root) {
     std::error_code ignored;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(root, ignored))
-        SetFileAttributesW(entry.path().c_str(), FILE_ATTRIBUTE_NORMAL);  // those that are read-only would stay
+    // By hand, since the loop over a range steps with an operator that throws.
+    for (std::filesystem::recursive_directory_iterator entry(root, ignored), end; entry != end;
+         entry.increment(ignored))
+        SetFileAttributesW(entry->path().c_str(), FILE_ATTRIBUTE_NORMAL);  // those that are read-only would stay
     std::filesystem::remove_all(root, ignored);
 }
 

@@ -15,8 +15,9 @@ constexpr const char *kFlagFields[] = {
     "cf_nuagent_fail_open",     "cf_nuagent_throttled",    "cf_nuagent_banned",
 };
 
-/// Lines whose value is a number; the first is the flags word.
+/// Lines whose value is a number.
 constexpr std::string_view kNumberFields[] = {"flags", "pid", "dst_port", "tls_version", "cipher", "container_type"};
+constexpr int kFlagsField = 0;
 
 // The Lua stack while rows are built: names as Lua strings, each made once.
 constexpr int kDrainIndex = 1;
@@ -26,8 +27,6 @@ constexpr int kFirstNumberIndex = kFirstFlagIndex + static_cast<int>(std::size(k
 constexpr int kCountIndex = kFirstNumberIndex + static_cast<int>(std::size(kNumberFields));
 constexpr int kRowIndex = kCountIndex + 1;
 constexpr int kStackNeeded = kRowIndex + 3;
-
-constexpr int kNoNumberField = -1;
 
 template <typename Character>
 int NumberFieldOf(std::basic_string_view<Character> name) {
@@ -47,7 +46,8 @@ void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLi
         if (line.empty())
             continue;
         const std::size_t tab = std::min(line.find(Character{'\t'}), line.size());
-        lines.push_back({line.substr(0, tab), line.substr(std::min(tab + 1, line.size()))});
+        const auto name = line.substr(0, tab);
+        lines.push_back({name, line.substr(std::min(tab + 1, line.size())), NumberFieldOf(name)});
     }
 }
 
@@ -93,24 +93,23 @@ void SetFlags(lua_State *L, std::uint32_t flags) {
 
 template <typename Character>
 void SetLine(lua_State *L, const ConnMetricLine<Character> &line, std::string &narrow) {
-    const int field = NumberFieldOf(line.name);
-    if (field == kNoNumberField) {
+    if (line.numberField == kNoNumberField) {
         PushText(L, line.name, narrow);
         PushText(L, line.value, narrow);
         lua_rawset(L, kRowIndex);
         return;
     }
     const int number = NumberFromText(line.value);
-    if (field == 0)
+    if (line.numberField == kFlagsField)
         SetFlags(L, static_cast<std::uint32_t>(number));
-    SetNumber(L, kFirstNumberIndex + field, number);
+    SetNumber(L, kFirstNumberIndex + line.numberField, number);
 }
 
 /// Fields that the lines will make, the count among them, if no name occurs twice.
 template <typename Character>
 int FieldCount(const std::vector<ConnMetricLine<Character>> &lines) {
     const bool hasFlags =
-        std::any_of(lines.begin(), lines.end(), [](const auto &line) { return NumberFieldOf(line.name) == 0; });
+        std::any_of(lines.begin(), lines.end(), [](const auto &line) { return line.numberField == kFlagsField; });
     return static_cast<int>(lines.size() + 1 + (hasFlags ? std::size(kFlagFields) : 0));
 }
 

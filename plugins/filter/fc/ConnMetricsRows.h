@@ -9,11 +9,14 @@
 
 #include "ConnMetricsMap.h"
 
+constexpr int kNoNumberField = -1;
+
 /// One line of an entry's text.
 template <typename Character>
 struct ConnMetricLine {
     std::basic_string_view<Character> name;   ///< Before the first tab.
     std::basic_string_view<Character> value;  ///< After it; empty where the line has none.
+    int numberField;                          ///< Which of the fields whose value is a number, or kNoNumberField.
 };
 
 /// What a drain owns while Lua builds its table. It lives outside of the protected call, since an
