@@ -15,7 +15,7 @@ endif()
 add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00)
 
 # fc_build_fast(TARGET headers...): for the devkit and the tests, which are to be built fast rather than to
-# be fast. The headers are precompiled; ./dev check reads every file without them.
+# be fast. The headers are precompiled, which ./dev check does without.
 function(fc_build_fast target)
     if(NOT MSVC)
         # The two warnings are false alarms of GCC 12 in libstdc++'s strings at this level.

@@ -245,8 +245,3 @@ TEST(ModuleLoading, ConstructsItsObjectsInTheirOrder) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

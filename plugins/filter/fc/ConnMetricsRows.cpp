@@ -36,18 +36,24 @@ int NumberFieldOf(std::basic_string_view<Character> name) {
     return kNoNumberField;
 }
 
-/// Splits at line feeds; empty lines are skipped.
+/// Splits at line feeds, and each line at its first tab; empty lines are skipped.
 template <typename Character>
 void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLine<Character>> &lines) {
     lines.clear();
-    while (!text.empty()) {
-        const auto line = text.substr(0, text.find(Character{'\n'}));
-        text.remove_prefix(std::min(line.size() + 1, text.size()));
-        if (line.empty())
-            continue;
-        const std::size_t tab = std::min(line.find(Character{'\t'}), line.size());
-        const auto name = line.substr(0, tab);
-        lines.push_back({name, line.substr(std::min(tab + 1, line.size())), NumberFieldOf(name)});
+    std::size_t start = 0;
+    std::size_t tab = text.npos;
+    for (std::size_t i = 0; i <= text.size(); ++i) {
+        if (i == text.size() || text[i] == '\n') {
+            if (i != start) {
+                const auto name = text.substr(start, std::min(tab, i) - start);
+                const auto value = tab < i ? text.substr(tab + 1, i - tab - 1) : text.substr(i, 0);
+                lines.push_back({name, value, NumberFieldOf(name)});
+            }
+            start = i + 1;
+            tab = text.npos;
+        } else if (text[i] == '\t' && tab == text.npos) {
+            tab = i;
+        }
     }
 }
 
@@ -151,15 +157,18 @@ int BuildConnMetricsRows(lua_State *L) {
     PushNames(L);
 
     int index = 1;
-    for (const auto &[key, value] : drain.entries) {
-        const std::wstring_view text(value.text.wx_str(), value.text.length());
+    while (!drain.entries.empty()) {
+        const auto entry = drain.entries.begin();
+        const wxString &wide = entry->second.text;
+        const std::wstring_view text(wide.wx_str(), wide.length());
         if (NarrowAscii(text, drain.narrow))
             PushRow(L, std::string_view(drain.narrow), drain.lines, drain.narrow);
         else
             PushRow(L, text, drain.wideLines, drain.narrow);
         // Last, so that it overwrites a field that the text calls "count".
-        SetNumber(L, kCountIndex, value.count);
+        SetNumber(L, kCountIndex, entry->second.count);
         lua_rawseti(L, kResultIndex, index++);
+        drain.entries.erase(entry);  // while it is still in the processor's cache
     }
     lua_settop(L, kResultIndex);
     return 1;

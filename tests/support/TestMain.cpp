@@ -1,4 +1,4 @@
-// The tests of the devkit, as one program.
+// How a test program starts: wxWidgets is there, and nothing opens a window.
 #include <gtest/gtest.h>
 #include <wx/init.h>
 #include <wx/string.h>
