@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <iterator>
 
+#include <xmmintrin.h>
+
 namespace {
 
 /// Bits of the flags word, from bit 0.
@@ -42,19 +44,24 @@ void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLi
     lines.clear();
     std::size_t start = 0;
     std::size_t tab = text.npos;
-    for (std::size_t i = 0; i <= text.size(); ++i) {
-        if (i == text.size() || text[i] == '\n') {
-            if (i != start) {
-                const auto name = text.substr(start, std::min(tab, i) - start);
-                const auto value = tab < i ? text.substr(tab + 1, i - tab - 1) : text.substr(i, 0);
-                lines.push_back({name, value, NumberFieldOf(name)});
-            }
-            start = i + 1;
-            tab = text.npos;
-        } else if (text[i] == '\t' && tab == text.npos) {
-            tab = i;
+    const auto endLine = [&](std::size_t end) {
+        if (end != start) {
+            const auto name = text.substr(start, std::min(tab, end) - start);
+            const auto value = tab < end ? text.substr(tab + 1, end - tab - 1) : text.substr(end, 0);
+            lines.push_back({name, value, NumberFieldOf(name)});
         }
+        start = end + 1;
+        tab = text.npos;
+    };
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] > '\n')
+            continue;  // by far the most
+        if (text[i] == '\n')
+            endLine(i);
+        else if (text[i] == '\t' && tab == text.npos)
+            tab = i;
     }
+    endLine(text.size());
 }
 
 /// What _wtoi makes of the text: the number at its start, 0 where there is none.
@@ -140,6 +147,19 @@ bool NarrowAscii(std::wstring_view text, std::string &narrow) {
     return all < 0x80;
 }
 
+/// Brings the text of the entry that comes next into the cache while Lua builds the row before it: the
+/// entries lie scattered in the heap, in the order in which they were added.
+void PrefetchText(const ConnMetricsMap &entries, ConnMetricsMap::const_iterator next) {
+    constexpr std::size_t cacheLine = 64;
+    constexpr std::size_t maxBytes = 512;
+    if (next == entries.end())
+        return;
+    const char *const text = reinterpret_cast<const char *>(next->second.text.wx_str());
+    const std::size_t bytes = std::min(next->second.text.length() * sizeof(wchar_t), maxBytes);
+    for (std::size_t i = 0; i < bytes; i += cacheLine)
+        _mm_prefetch(text + i, _MM_HINT_T0);
+}
+
 void PushNames(lua_State *L) {
     for (const char *name : kFlagFields)
         lua_pushstring(L, name);
@@ -161,6 +181,7 @@ int BuildConnMetricsRows(lua_State *L) {
         const auto entry = drain.entries.begin();
         const wxString &wide = entry->second.text;
         const std::wstring_view text(wide.wx_str(), wide.length());
+        PrefetchText(drain.entries, std::next(entry));
         if (NarrowAscii(text, drain.narrow))
             PushRow(L, std::string_view(drain.narrow), drain.lines, drain.narrow);
         else
