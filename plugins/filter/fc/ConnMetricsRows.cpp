@@ -1,11 +1,13 @@
 #include "ConnMetricsRows.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 
-#include <xmmintrin.h>
+#include <emmintrin.h>
 
 namespace {
 
@@ -33,9 +35,34 @@ constexpr int kStackNeeded = kRowIndex + 3;
 template <typename Character>
 int NumberFieldOf(std::basic_string_view<Character> name) {
     for (std::size_t i = 0; i < std::size(kNumberFields); ++i)
-        if (std::equal(name.begin(), name.end(), kNumberFields[i].begin(), kNumberFields[i].end()))
+        if (name.size() == kNumberFields[i].size() && std::equal(name.begin(), name.end(), kNumberFields[i].begin()))
             return static_cast<int>(i);
     return kNoNumberField;
+}
+
+/// Calls `found` with the position of each line feed and tab, in order.
+template <typename Found>
+void ForEachSeparator(std::wstring_view text, const Found &found) {
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if (text[i] == L'\n' || text[i] == L'\t')
+            found(i);
+}
+
+/// As above, sixteen characters at a time.
+template <typename Found>
+void ForEachSeparator(std::string_view text, const Found &found) {
+    const __m128i lineFeeds = _mm_set1_epi8('\n');
+    const __m128i tabs = _mm_set1_epi8('\t');
+    for (std::size_t start = 0; start < text.size(); start += sizeof(__m128i)) {
+        alignas(__m128i) char end[sizeof(__m128i)] = {};
+        const char *block = text.data() + start;
+        if (text.size() - start < sizeof(end))
+            block = static_cast<const char *>(std::memcpy(end, block, text.size() - start));
+        const __m128i characters = _mm_loadu_si128(reinterpret_cast<const __m128i *>(block));
+        const __m128i hits = _mm_or_si128(_mm_cmpeq_epi8(characters, lineFeeds), _mm_cmpeq_epi8(characters, tabs));
+        for (unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(hits)); bits != 0; bits &= bits - 1)
+            found(start + static_cast<std::size_t>(std::countr_zero(bits)));
+    }
 }
 
 /// Splits at line feeds, and each line at its first tab; empty lines are skipped.
@@ -53,14 +80,12 @@ void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLi
         start = end + 1;
         tab = text.npos;
     };
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] > '\n')
-            continue;  // by far the most
+    ForEachSeparator(text, [&](std::size_t i) {
         if (text[i] == '\n')
             endLine(i);
-        else if (text[i] == '\t' && tab == text.npos)
-            tab = i;
-    }
+        else
+            tab = std::min(tab, i);
+    });
     endLine(text.size());
 }
 
