@@ -16,6 +16,8 @@ BUILD=$(from_caller "${FC_BUILD:-$ROOT/build}")
 OUT=$ROOT/out
 LOGS=$BUILD/logs
 JOBS=${FC_JOBS:-$(nproc)}
+# Wine makes names of files from the locale's characters; a machine without a locale would have ASCII alone.
+[ "$(locale charmap 2>/dev/null)" = UTF-8 ] || export LC_ALL=C.UTF-8
 export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
 # No menu entries, no browser or .NET offers: the prefix is for tests only.
 export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
