@@ -59,7 +59,9 @@ TEST_F(ModuleEntry, LeavesTrueAsItsOneResult) {
 TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
     const LuaState state;
     Open(state);
-    EXPECT_EQ(FilterNames(state), (std::set<std::string>{"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}));
+    EXPECT_EQ(FilterNames(state), (std::set<std::string>{"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics",
+                                                         "CheckSystemHealthMetrics", "GetSysHealthMetrics",
+                                                         "GetSysHealthEnabled", "GetScanMetricPort"}));
 }
 
 TEST_F(ModuleEntry, HasASectionInTheDocumentsForEachFunction) {
@@ -79,7 +81,8 @@ TEST_F(ModuleEntry, RegistersDirectFunctionsWithoutUpvalues) {
     Open(state);
     lua_getglobal(state, "SLB");
     lua_getfield(state, -1, "filter");
-    for (const char *name : {"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics"}) {
+    for (const char *name : {"AddToConnMetrics", "UpdateConnMetrics", "GetConnMetrics", "CheckSystemHealthMetrics",
+                             "GetSysHealthMetrics", "GetSysHealthEnabled", "GetScanMetricPort"}) {
         lua_getfield(state, -1, name);
         EXPECT_TRUE(lua_iscfunction(state, -1)) << name;
         EXPECT_EQ(lua_getupvalue(state, -1, 1), nullptr) << name;

@@ -7,6 +7,7 @@
 #include "ModuleObjects.h"
 #include "Registration.h"
 #include "SLB3.h"
+#include "SystemHealth/SystemHealth.h"
 #include "WindowsDriverInstaller/WindowsDriverInstaller.h"
 #include "vta_core.h"
 #include "vti.h"
@@ -27,6 +28,10 @@ void RegisterFilterFunctions(lua_State *L) {
     RegisterDirect(L, filter, "AddToConnMetrics", AddToConnMetrics);
     RegisterDirect(L, filter, "UpdateConnMetrics", UpdateConnMetrics);
     RegisterDirect(L, filter, "GetConnMetrics", GetConnMetrics);
+    RegisterDirect(L, filter, "CheckSystemHealthMetrics", CheckSystemHealthMetrics);
+    RegisterDirect(L, filter, "GetSysHealthMetrics", GetSysHealthMetrics);
+    RegisterDirect(L, filter, "GetSysHealthEnabled", GetSysHealthEnabled);
+    RegisterDirect(L, filter, "GetScanMetricPort", GetScanMetricPort);
 }
 
 // The firewall applications have a round of their own, which no function has joined yet.

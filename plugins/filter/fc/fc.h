@@ -4,4 +4,5 @@
 #include "CallWrappers.h"
 #include "ModuleObjects.h"
 #include "Registration.h"
+#include "Trace.h"
 #include "UserdataArguments.h"

@@ -1,0 +1,42 @@
+#include "Backoff.h"
+
+#include "HealthLog.h"
+#include "fc/fc.h"
+
+std::uint64_t backoff_wait = 0;
+std::uint64_t last_check = 0;
+
+namespace {
+
+constexpr wchar_t kWaitSetting[] = L"vtp.filter.SysHealthBackoffWait";
+constexpr wchar_t kCheckSetting[] = L"vtp.filter.SysHealthLastRecoveryCheck";
+constexpr int kDecimal = 10;
+
+}  // namespace
+
+void loadBackoffState(const VtaCore::CDom &dom) {
+    const wxString waitText = dom.SettingRetrieve(kWaitSetting);
+    const wxString checkText = dom.SettingRetrieve(kCheckSetting);
+    // The two are parsed unalike on purpose: a wait has 32 bits.
+    unsigned long wait = 0;
+    if (!waitText.empty() && waitText.ToULong(&wait, kDecimal))
+        backoff_wait = wait;
+    wxULongLong_t check = 0;
+    if (!checkText.empty() && checkText.ToULongLong(&check, kDecimal))
+        last_check = check;
+    Trace(kEngineTrace, "loadBackoffState() backoff_wait=%llu last_check=%llu", backoff_wait, last_check);
+}
+
+void saveBackoffState(VtaCore::CDom &dom) {
+    dom.SettingStore(kWaitSetting, wxString::Format("%llu", backoff_wait));
+    dom.SettingStore(kCheckSetting, wxString::Format("%llu", last_check));
+    Trace(kEngineTrace, "saveBackoffState() backoff_wait=%llu last_check=%llu", backoff_wait, last_check);
+}
+
+void clearBackoffState(VtaCore::CDom &dom) {
+    backoff_wait = 0;
+    last_check = 0;
+    dom.SettingStore(kWaitSetting, "0");
+    dom.SettingStore(kCheckSetting, "0");
+    Trace(kEngineTrace, "clearBackoffState() cleared backoff state");
+}

@@ -1,0 +1,79 @@
+#include "FailOpen.h"
+
+#include <algorithm>
+
+#include "Backoff.h"
+#include "HealthConfig.h"
+#include "HealthLog.h"
+#include "HealthMetrics.h"
+
+namespace {
+
+constexpr std::uint64_t kMicrosecondsPerMinute = 60'000'000;
+
+/// Time of the last transition to fail-open; 0 after a recovery and after a restart. Only the log reads it.
+std::uint64_t activationTime = 0;
+
+FailOpenResult StepDeactivated(const FailOpenInput &input) {
+    const std::int32_t overCount = check_health_metric_thresholds(1.0);
+    if (overCount == 0)
+        return {actionNormal, FailOpenState::Deactivated};
+    activationTime = input.now;
+    // The first wait begins with the first call that comes in Activated.
+    clearBackoffState(input.dom);
+    Trace(kEngineTrace, "SysHealth transitioning to Fail-Open, metrics over threshold = %d", overCount);
+    return {actionFailOpen, FailOpenState::Activated};
+}
+
+void StartBackoff(const FailOpenInput &input) {
+    backoff_wait = input.min_dur;
+    last_check = input.now;
+    saveBackoffState(input.dom);
+    Trace(kEngineTrace, "SysHealth initializing backoff, wait=%llu minutes", backoff_wait);
+}
+
+void GrowBackoff(const FailOpenInput &input, std::int32_t overCount) {
+    backoff_wait = std::min(backoff_wait * 2, input.max_dur);
+    last_check = input.now;
+    saveBackoffState(input.dom);
+    Trace(kEngineTrace, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
+          backoff_wait);
+}
+
+FailOpenResult CheckRecovery(const FailOpenInput &input, FailOpenResult result) {
+    const SysHealthConfigEntry &recoverFactor = sysHealthConfig[SYS_CONF_RECOVER_FACTOR];
+    if (recoverFactor.is_set != 0)
+        result.factor = recoverFactor.value * 0.01;
+    const std::int32_t overCount = check_health_metric_thresholds(result.factor);
+    if (overCount != 0) {
+        GrowBackoff(input, overCount);
+        result.next_chk = backoff_wait;
+        return result;
+    }
+    activationTime = 0;
+    clearBackoffState(input.dom);
+    Trace(kEngineTrace, "SysHealth recovery successful, metrics over threshold = %d", overCount);
+    result.action = actionNormal;
+    result.state = FailOpenState::Deactivated;
+    return result;
+}
+
+FailOpenResult StepActivated(const FailOpenInput &input) {
+    FailOpenResult result{actionFailOpen, FailOpenState::Activated};
+    result.act_dur = input.now - activationTime;
+    if (backoff_wait == 0)
+        StartBackoff(input);
+    // A clock that was set back makes this huge, so that a recovery is tried at once.
+    const std::uint64_t elapsed = (input.now - last_check) / kMicrosecondsPerMinute;
+    if (elapsed >= backoff_wait)
+        return CheckRecovery(input, result);
+    result.next_chk = backoff_wait - elapsed;
+    Trace(kEngineTrace, "SysHealth in backoff period, %llu minutes remaining", result.next_chk);
+    return result;
+}
+
+}  // namespace
+
+FailOpenResult RunFailOpen(const FailOpenInput &input) {
+    return input.state == FailOpenState::Activated ? StepActivated(input) : StepDeactivated(input);
+}

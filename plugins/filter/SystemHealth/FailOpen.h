@@ -1,0 +1,39 @@
+// The fail-open state machine: when the filter is to move to fail-open, and when it may come back.
+#pragma once
+
+#include <cstdint>
+
+#include "vta_core.h"
+
+/// What an iteration tells its caller. The numbers are part of the Lua interface; 3 and 4 are not in use.
+enum Action : std::int32_t {
+    actionNormal = 0,         ///< The iteration ended in Deactivated.
+    actionFailOpen = 1,       ///< The iteration ended in Activated.
+    actionDisabled = 2,       ///< Nothing usable is configured.
+    actionCollectFailed = 5,  ///< The run queue or the number of processors could not be read.
+    actionBadArgument = 6,
+    actionMemoryFailed = 7,
+};
+
+enum class FailOpenState { Deactivated, Activated };
+
+/// What the state machine is to go by.
+struct FailOpenInput {
+    VtaCore::CDom &dom;
+    FailOpenState state;
+    std::uint64_t now;      ///< Microseconds since 1601.
+    std::uint64_t min_dur;  ///< First wait, minutes.
+    std::uint64_t max_dur;  ///< Longest wait that growth leads to, minutes.
+};
+
+/// What it came to.
+struct FailOpenResult {
+    Action action;
+    FailOpenState state;
+    double factor = 1.0;         ///< Applied to the limits.
+    std::uint64_t act_dur = 0;   ///< Microseconds in fail-open.
+    std::uint64_t next_chk = 0;  ///< Minutes until the next recovery check.
+};
+
+/// One step from the state that the caller says to be in, by the metrics of this iteration. Under sysHealthLock.
+FailOpenResult RunFailOpen(const FailOpenInput &input);

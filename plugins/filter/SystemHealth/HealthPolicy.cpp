@@ -1,0 +1,175 @@
+#include "HealthPolicy.h"
+
+#include <cstdio>
+#include <memory>
+
+#include <cJSON.h>
+
+#include "HealthConfig.h"
+#include "HealthLog.h"
+#include "FileHandle.h"
+
+namespace {
+
+constexpr char kCloudConfigFile[] = "C:\\ProgramData\\Quillon\\Vantry Agent\\diag\\vt_filter_json.log";
+constexpr char kValueKey[] = "value";
+
+struct DeleteJson {
+    void operator()(cJSON *json) const { cJSON_Delete(json); }
+};
+using Json = std::unique_ptr<cJSON, DeleteJson>;
+
+struct FreeJsonText {
+    void operator()(char *text) const { cJSON_free(text); }
+};
+
+/// Reads one policy: what has been found so far.
+class PolicyReader {
+public:
+    explicit PolicyReader(const TraceSite &site) : m_site(site) {}
+
+    void Take(SysHealthConfigEntry &entry, const cJSON &item) {
+        switch (entry.json_type) {
+            case cJSON_Object:
+                TakeThreshold(entry, item);
+                break;
+            case cJSON_Number:
+                TakeNumber(entry, item);
+                break;
+            default:
+                Trace(Engine(), "unsupport json type[%d]", item.type);
+                entry.is_set = 0;
+        }
+    }
+    [[nodiscard]] std::int32_t Count() const { return m_count; }
+
+private:
+    /// A threshold is an object that holds the number; 0 switches nothing off here.
+    void TakeThreshold(SysHealthConfigEntry &entry, const cJSON &item) {
+        const cJSON *const value = cJSON_GetObjectItem(&item, kValueKey);
+        if (value == nullptr)
+            return;
+        m_lastThreshold = value->valuedouble;
+        if (!cJSON_IsNumber(value))
+            return;
+        if (value->valuedouble > 0.0 && value->valuedouble <= entry.max_value)
+            Store(entry, value->valuedouble);
+        else
+            TraceOutOfBoundary();
+    }
+
+    /// The item's type is not looked at: what is no number reads as 0, which passes.
+    void TakeNumber(SysHealthConfigEntry &entry, const cJSON &item) {
+        if (item.valuedouble >= 0.0 && item.valuedouble <= entry.max_value)
+            Store(entry, item.valuedouble);
+        else
+            TraceOutOfBoundary();
+    }
+
+    void Store(SysHealthConfigEntry &entry, double value) {
+        entry.value = value;
+        entry.is_set = 1;
+        ++m_count;
+        Trace(Config(), "stored %s  %f", entry.file_key, value);
+    }
+
+    /// Shows the number of the last threshold, whichever row is out of boundary: kept as it always was. 0 before
+    /// the first.
+    void TraceOutOfBoundary() const {
+        Trace(Engine(), " value out of boundary [%s]", wxString::Format("%f", m_lastThreshold));
+    }
+
+    [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
+    [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }
+
+    TraceSite m_site;
+    std::int32_t m_count = 0;
+    double m_lastThreshold = 0.0;
+};
+
+void CheckDurations(std::int32_t &count) {
+    const SysHealthConfigEntry &minimum = sysHealthConfig[SYS_CONF_MIN_ACT_DURATION];
+    const SysHealthConfigEntry &maximum = sysHealthConfig[SYS_CONF_MAX_ACT_DURATION];
+    if (minimum.is_set != 0 && minimum.value <= 0.0)
+        invalidateConfig(SYS_CONF_MIN_ACT_DURATION, count, wxString::Format("min_dur(%f) <= 0", minimum.value));
+    if (maximum.is_set != 0 && maximum.value <= 0.0)
+        invalidateConfig(SYS_CONF_MAX_ACT_DURATION, count, wxString::Format("max_dur(%f) <= 0", maximum.value));
+    if (minimum.is_set != 0 && maximum.is_set != 0 && minimum.value > maximum.value)
+        invalidateConfig(SYS_CONF_MAX_ACT_DURATION, count,
+                         wxString::Format("max_dur(%f) < min_dur(%f)", maximum.value, minimum.value));
+}
+
+/// Adds one value to the root. A number that finds no memory is left out.
+/// @return false if there is no memory for the object around it.
+bool AddEntry(cJSON &root, const SysHealthConfigEntry &entry) {
+    if (entry.json_type == cJSON_Number) {
+        (void)cJSON_AddNumberToObject(&root, entry.policy_key, entry.value);
+        return true;
+    }
+    Json object(cJSON_CreateObject());
+    if (!object)
+        return false;
+    (void)cJSON_AddNumberToObject(object.get(), kValueKey, entry.value);
+    if (cJSON_AddItemToObject(&root, entry.policy_key, object.get()) != 0)
+        (void)object.release();  // the root's from here on
+    return true;
+}
+
+}  // namespace
+
+std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, const char *json) {
+    ResetSystemHealthConfig();
+    Json root(cJSON_ParseWithOpts(json, nullptr, 0));
+    if (!root) {
+        const char *const place = cJSON_GetErrorPtr();
+        if (place != nullptr)
+            Trace(kEngineTrace, "json parsing error [%s]", TextForMessage(place));
+        return 1;  // not 0: the iteration goes on, with the iteration interval alone
+    }
+
+    PolicyReader reader(kConfigTrace);
+    for (SysHealthConfigEntry &entry : sysHealthConfig)
+        if (const cJSON *const item = cJSON_GetObjectItem(root.get(), entry.policy_key))
+            reader.Take(entry, *item);
+    std::int32_t count = reader.Count();
+    CheckDurations(count);
+    ApplyUnloadDriver(dom, kConfigTrace, "Windows driver unload enabled for fail-open (from policy)");
+    root.reset();
+
+    if (IsSystemHealthDisabled(kConfigTrace))
+        return 0;
+    if (activated != 0)
+        DisableDriverMetrics();
+    if (count > 0)
+        Trace(kConfigTrace, "readSystemHealthConfig returning %d", count);
+    return count;
+}
+
+bool outputCloudConfig() {
+    const Json root(cJSON_CreateObject());
+    if (!root) {
+        Trace(kEngineTrace, "Fail to cJSON_CreateObject for root");
+        return false;
+    }
+    for (const SysHealthConfigEntry &entry : sysHealthConfig) {
+        if (entry.is_set == 1 && !AddEntry(*root, entry)) {
+            Trace(kEngineTrace, "Fail to cJSON_CreateObject for object");
+            return false;
+        }
+    }
+    const std::unique_ptr<char, FreeJsonText> text(cJSON_Print(root.get()));
+    if (!text) {
+        Trace(kEngineTrace, "Fail to print JSON");
+        return false;
+    }
+    const FileHandle file(std::fopen(kCloudConfigFile, "w"));
+    if (!file) {
+        Trace(kEngineTrace, "Failed to open file of json config for writing.");
+        return false;
+    }
+    if (std::fprintf(file.get(), "%s\n", text.get()) < 0) {
+        Trace(kEngineTrace, "Failed to write json config to file");
+        return false;
+    }
+    return true;
+}

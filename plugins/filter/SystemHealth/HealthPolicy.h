@@ -1,0 +1,18 @@
+// The policy from the cloud: JSON that the scripts hand over instead of the local file; and the file that shows
+// which values are in use, in the same shape.
+#pragma once
+
+#include <cstdint>
+
+#include "vta_core.h"
+
+/// Fills sysHealthConfig from the policy.
+/// @param activated  non-zero in fail-open, where the driver's metrics are not judged.
+/// @param json       ends with a NUL; what stands behind the object is ignored.
+/// @return the number of stored values; 0 when the policy switches the subsystem off; 1, with nothing stored, when
+///         it can't be parsed.
+std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, const char *json);
+
+/// Writes the values that are set to the diagnostic file, anew each time.
+/// @return whether it was written.
+bool outputCloudConfig();

@@ -1,0 +1,117 @@
+#include "ScanMetrics.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <wx/log.h>
+
+#include "HealthConfig.h"
+#include "HealthLog.h"
+
+double scanCounterRate[kScanCounters];
+std::int32_t scanPort = 0;
+
+namespace {
+
+std::uint64_t scanCounterPrev[kScanCounters];
+std::int32_t firstScanPass = 1;
+
+constexpr std::uint32_t kRequestWord = 1;
+constexpr std::uint32_t kInbound = 1;
+constexpr std::uint32_t kOutbound = 2;
+constexpr std::uint32_t kErrorBytes = 128;
+
+struct CloseDriverHandle {
+    void operator()(vti_handle_t *handle) const { vti_close(handle); }
+};
+
+/// The text of the handle's last failure. One that fills the buffer has no end mark.
+wxString LastError(vti_handle_t *handle) {
+    char text[kErrorBytes + 1] = {};
+    vti_get_error(handle, text, kErrorBytes);
+    return TextForMessage(text);
+}
+
+/// The port and direction to monitor, as configured.
+struct ScanTarget {
+    std::uint16_t port;
+    std::int32_t outbound;
+};
+
+ScanTarget ConfiguredTarget() {
+    const SysHealthConfigEntry &outbound = sysHealthConfig[SYS_CONF_CONN_REFUSAL_OUTBOUND];
+    return {static_cast<std::uint16_t>(sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT].value),
+            outbound.is_set != 0 && static_cast<std::int32_t>(outbound.value) == 1 ? 1 : 0};
+}
+
+}  // namespace
+
+std::int32_t set_scan_metrics_config(vti_handle_t *handle, std::uint16_t port, std::int32_t outbound) {
+    constexpr unsigned bitsPerWord = 32;
+    const auto request = std::make_unique<ScanMonitorRequest>();
+    request->word0 = kRequestWord;
+    std::uint32_t *const ports = outbound != 0 ? request->outbound_ports : request->inbound_ports;
+    ports[port / bitsPerWord] = 1U << (port % bitsPerWord);
+    const std::int32_t code = vti_set_scan_monitoring(handle, request.get());
+    if (code != 0)
+        wxLogError("vti_set_scan_monitoring failed rc= %d buf{%s}", code, LastError(handle));
+    return code;
+}
+
+std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int32_t outbound,
+                              ScanMetricsRecord &record) {
+    record = {};
+    record.word0 = kRequestWord;
+    record.direction = outbound != 0 ? kOutbound : kInbound;
+    record.port = port;
+    record.counters_per_row = kScanCounters;
+    record.row_count = 1;
+    const std::int32_t code = vti_get_scan_metrics(handle, &record, sizeof(record));
+    if (code != 0)
+        wxLogError("vti_get_scan_metrics failed rc= %d, buf{%s}", code, LastError(handle));
+    return code;
+}
+
+bool RunDriverPass(ScanMetricsRecord &record) {
+    const ScanTarget target = ConfiguredTarget();
+    const std::unique_ptr<vti_handle_t, CloseDriverHandle> handle(vti_open());
+    if (!handle) {
+        DisableDriverMetrics();
+        return false;
+    }
+    if (firstScanPass != 0) {
+        Trace(kScanTrace, "setting scan config %d, %d", target.port, target.outbound);
+        (void)set_scan_metrics_config(handle.get(), target.port, target.outbound);
+        scanPort = target.port;  // whatever became of it
+    }
+    Trace(kScanTrace, "Collecting scan metrics");
+    // The port that the driver knows, with the direction of this pass.
+    const std::int32_t code =
+        get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);
+    if (code != 0) {
+        // In spite of the text, the iteration goes on without the driver's metrics.
+        wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, LastError(handle.get()));
+        DisableDriverMetrics();
+        return false;
+    }
+    return true;
+}
+
+void RunRatePass(const ScanMetricsRecord &record, double delta_t) {
+    const auto rows = static_cast<std::int32_t>(record.row_count);
+    // The driver's word is taken for how many counters it has filled, but the record has room for no more.
+    const std::int32_t counters =
+        std::min(static_cast<std::int32_t>(record.counters_per_row), static_cast<std::int32_t>(kScanCounters));
+    if (rows <= 0 || counters <= 0)
+        return;
+    const bool baselineOnly = firstScanPass != 0;
+    firstScanPass = 0;
+    for (std::int32_t i = 0; i < counters; ++i) {
+        const std::uint64_t current = record.counters[i];
+        // A total that fell gives no rate, not a huge one.
+        const std::uint64_t difference = current < scanCounterPrev[i] ? 0 : current - scanCounterPrev[i];
+        if (!baselineOnly)
+            scanCounterRate[i] = static_cast<double>(difference) / delta_t;
+        scanCounterPrev[i] = current;
+    }
+}

@@ -1,0 +1,17 @@
+// What the health subsystem offers to the rest of the module: its Lua functions.
+#pragma once
+
+#include <lua.hpp>
+
+/// Lua: {action = number} = f(dom, state, cloud_config). One iteration: reads the configuration, samples the host
+/// and decides on fail-open. Blocks for at least 100 ms. Wrong arguments are told by `action`. One caller at a time.
+int CheckSystemHealthMetrics(lua_State *L);
+
+/// Lua: true, metrics = f(). The metrics of the last evaluated iteration. Any thread.
+int GetSysHealthMetrics(lua_State *L);
+
+/// Lua: boolean = f(). Whether the last iteration found the subsystem switched on. Any thread.
+int GetSysHealthEnabled(lua_State *L);
+
+/// Lua: boolean, port = f(). The port that the last configuration monitors. Any thread.
+int GetScanMetricPort(lua_State *L);
