@@ -1,4 +1,4 @@
-// What watched modules have made and not given back: memory, handles, registry keys, libraries, files.
+// What watched modules have made and not given back: memory, handles, registry keys, libraries, files, queries.
 #pragma once
 
 #include <algorithm>
@@ -32,6 +32,7 @@ inline constexpr char kKey[] = "key";
 inline constexpr char kLibrary[] = "library";
 inline constexpr char kFind[] = "find handle";
 inline constexpr char kFile[] = "file";
+inline constexpr char kQuery[] = "performance query";
 }  // namespace Kind
 
 /// One thing that is there.
@@ -229,7 +230,7 @@ private:
 
 /// Watches malloc, calloc, realloc, free, _msize, _strdup, _wcsdup, _aligned_malloc, _aligned_realloc,
 /// _aligned_free, HeapAlloc, HeapReAlloc, HeapFree and (MinGW) operator new; these are in no journal. Further events,
-/// mutexes, semaphores, threads, processes, files, find handles, registry keys and libraries.
+/// mutexes, semaphores, threads, processes, files, find handles, registry keys, libraries and performance queries.
 void InstallBalance(FunctionSet &functions, Balance &balance);
 /// The names of the memory functions among them.
 [[nodiscard]] std::set<std::string> MemoryFunctionNames();

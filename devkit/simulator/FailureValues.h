@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 
 #include <windows.h>
 
@@ -68,7 +69,7 @@ struct ReturnsResult {
     }
 };
 
-/// The code is errno, and null or 0 is returned: fopen, _beginthreadex.
+/// The code is errno, and null or 0 is returned: fopen, fgets, fwrite, _beginthreadex.
 struct SetsErrno {
     static constexpr bool canFail = true;
     template <class R>
@@ -79,6 +80,20 @@ struct SetsErrno {
     template <class R>
     static bool Succeeded(R result) {
         return result != R();
+    }
+};
+
+/// The code is errno, and EOF is returned: fputs, fputc, fflush.
+struct SetsErrnoReturnsEof {
+    static constexpr bool canFail = true;
+    template <class R>
+    static R Fail(DWORD code) {
+        errno = static_cast<int>(code);
+        return EOF;
+    }
+    template <class R>
+    static bool Succeeded(R result) {
+        return result != EOF;
     }
 };
 

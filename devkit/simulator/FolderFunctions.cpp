@@ -3,6 +3,8 @@
 
 #include <cstring>
 #include <cwchar>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "FunctionSet.h"
@@ -38,9 +40,9 @@ std::optional<std::filesystem::path> ShellFolder(const SystemFolders &folders, i
 
 /// Maps the path that is the function's first argument.
 template <class F>
-void MapFirst(FunctionSet &functions, const SystemFolders &folders) {
-    functions.Put<F>([&folders](const auto &next, const wchar_t *path, auto... rest) {
-        const std::optional<std::wstring> mapped = folders.Mapped(path);
+void MapFirst(FunctionSet &functions, const MappedPaths &paths) {
+    functions.Put<F>([&paths](const auto &next, const wchar_t *path, auto... rest) {
+        const std::optional<std::wstring> mapped = paths.Mapped(path);
         return next(mapped ? mapped->c_str() : path, rest...);
     });
 }
@@ -56,19 +58,18 @@ std::wstring FromLocale(const char *text) {
 
 /// The C runtime's functions for files; those of narrow paths open a mapped path by their wide twin, since a
 /// temporary folder's name may not exist in the locale's letters.
-void MapRuntimeFiles(FunctionSet &functions, const SystemFolders &folders) {
-    MapFirst<System::_wfopen>(functions, folders);
-    functions.Put<System::_wfopen_s>(
-        [&folders](const auto &next, FILE **file, const wchar_t *path, const wchar_t *mode) {
-            const std::optional<std::wstring> mapped = folders.Mapped(path);
-            return next(file, mapped ? mapped->c_str() : path, mode);
-        });
-    functions.Put<System::fopen>([&folders](const auto &next, const char *path, const char *mode) {
-        const std::optional<std::wstring> mapped = folders.Mapped(FromLocale(path).c_str());
+void MapRuntimeFiles(FunctionSet &functions, const MappedPaths &paths) {
+    MapFirst<System::_wfopen>(functions, paths);
+    functions.Put<System::_wfopen_s>([&paths](const auto &next, FILE **file, const wchar_t *path, const wchar_t *mode) {
+        const std::optional<std::wstring> mapped = paths.Mapped(path);
+        return next(file, mapped ? mapped->c_str() : path, mode);
+    });
+    functions.Put<System::fopen>([&paths](const auto &next, const char *path, const char *mode) {
+        const std::optional<std::wstring> mapped = paths.Mapped(FromLocale(path).c_str());
         return mapped ? System::_wfopen::Real(mapped->c_str(), FromLocale(mode).c_str()) : next(path, mode);
     });
-    functions.Put<System::fopen_s>([&folders](const auto &next, FILE **file, const char *path, const char *mode) {
-        const std::optional<std::wstring> mapped = folders.Mapped(FromLocale(path).c_str());
+    functions.Put<System::fopen_s>([&paths](const auto &next, FILE **file, const char *path, const char *mode) {
+        const std::optional<std::wstring> mapped = paths.Mapped(FromLocale(path).c_str());
         return mapped ? System::_wfopen_s::Real(file, mapped->c_str(), FromLocale(mode).c_str())
                       : next(file, path, mode);
     });
@@ -97,16 +98,16 @@ void InstallFolders(FunctionSet &functions, SystemFolders &folders) {
         });
 }
 
-void InstallMappedPaths(FunctionSet &functions, SystemFolders &folders) {
-    MapFirst<System::CreateFileW>(functions, folders);
-    MapFirst<System::GetFileAttributesW>(functions, folders);
-    MapFirst<System::GetFileAttributesExW>(functions, folders);
-    MapFirst<System::SetFileAttributesW>(functions, folders);
-    MapFirst<System::DeleteFileW>(functions, folders);
-    MapFirst<System::CreateDirectoryW>(functions, folders);
-    MapFirst<System::RemoveDirectoryW>(functions, folders);
-    MapFirst<System::FindFirstFileW>(functions, folders);
-    MapRuntimeFiles(functions, folders);
+void InstallMappedPaths(FunctionSet &functions, MappedPaths &paths) {
+    MapFirst<System::CreateFileW>(functions, paths);
+    MapFirst<System::GetFileAttributesW>(functions, paths);
+    MapFirst<System::GetFileAttributesExW>(functions, paths);
+    MapFirst<System::SetFileAttributesW>(functions, paths);
+    MapFirst<System::DeleteFileW>(functions, paths);
+    MapFirst<System::CreateDirectoryW>(functions, paths);
+    MapFirst<System::RemoveDirectoryW>(functions, paths);
+    MapFirst<System::FindFirstFileW>(functions, paths);
+    MapRuntimeFiles(functions, paths);
 }
 
 }  // namespace Simulator

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -153,11 +154,16 @@ private:
     }
 };
 
+/// A function's signature, without the attributes that a compiler gives the functions it knows.
+template <class R, class... Args>
+auto PlainSignature(R(WINAPI *function)(Args...)) -> std::type_identity<R(Args...)>;
+
 /// Describes a function of a library under its own name:
 ///     SIMULATOR_FUNCTION(RegCloseKey, "ADVAPI32.dll", ReturnsStatus);
 /// declares `RegCloseKey` in the namespace around it.
-#define SIMULATOR_FUNCTION(name, library, failure)                         \
-    /* NOLINTNEXTLINE(bugprone-macro-parentheses): a declaration's name */ \
-    using name = ::Simulator::Function<#name, library, decltype(::name), ::Simulator::failure>
+#define SIMULATOR_FUNCTION(name, library, failure)                                                  \
+    using name = /* NOLINT(bugprone-macro-parentheses): a declaration's name */                     \
+        ::Simulator::Function<#name, library, decltype(::Simulator::PlainSignature(&::name))::type, \
+                              ::Simulator::failure>
 
 }  // namespace Simulator

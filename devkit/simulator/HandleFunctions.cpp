@@ -1,7 +1,8 @@
-// Counts what the functions for handles, keys, files and libraries make and give back.
+// Counts what the functions for handles, keys, files, libraries and performance queries make and give back.
 #include "Balance.h"
 
 #include "FunctionSet.h"
+#include "MachineFunctions.h"
 #include "WindowsFunctions.h"
 
 namespace Simulator {
@@ -135,6 +136,18 @@ void CountFiles(FunctionSet &functions, Balance &balance) {
     CountGivenBack<System::fclose>(functions, balance, Kind::kFile);
 }
 
+void CountQueries(FunctionSet &functions, Balance &balance) {
+    functions.Put<System::PdhOpenQueryW>(
+        [&balance](const auto &next, LPCWSTR source, DWORD_PTR user, PDH_HQUERY *query) {
+            const PDH_STATUS status = next(source, user, query);
+            if (status == ERROR_SUCCESS)
+                balance.Opened(Kind::kQuery, Word(*query), System::PdhOpenQueryW::name);
+            return status;
+        },
+        Depth::Watch);
+    CountGivenBack<System::PdhCloseQuery>(functions, balance, Kind::kQuery);
+}
+
 }  // namespace
 
 void InstallBalance(FunctionSet &functions, Balance &balance) {
@@ -143,6 +156,7 @@ void InstallBalance(FunctionSet &functions, Balance &balance) {
     CountKeys(functions, balance);
     CountLibraries(functions, balance);
     CountFiles(functions, balance);
+    CountQueries(functions, balance);
 }
 
 }  // namespace Simulator

@@ -26,6 +26,10 @@ Simulation::Simulation(const SimulationParts &parts)
         InstallFolders(m_functions, *m_folders);
         InstallMappedPaths(m_functions, *m_folders);
     }
+    if (parts.machine) {
+        m_machine.emplace();
+        InstallMachine(m_functions, *m_machine);
+    }
     if (parts.balance) {
         Balance &balance = Balance::Instance();
         InstallBalance(m_functions, balance);

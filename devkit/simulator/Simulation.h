@@ -8,6 +8,7 @@
 
 #include "Balance.h"
 #include "FunctionSet.h"
+#include "Machine.h"
 #include "RegistrySandbox.h"
 #include "SystemFolders.h"
 
@@ -17,7 +18,8 @@ namespace Simulator {
 struct SimulationParts {
     bool registry = true;  ///< A registry of its own, and the registry functions in journal and faults.
     bool folders = true;   ///< Folders of its own, mapped paths, and the file functions in journal and faults.
-    bool balance = true;   ///< Counts memory, handles, keys, files, libraries.
+    bool balance = true;   ///< Counts memory, handles, keys, files, libraries, performance queries.
+    bool machine = true;   ///< A load of its own, and the functions that tell it in journal and faults.
 };
 
 /// Owns the parts. One per process at a time; later models build on `Functions()`.
@@ -40,6 +42,7 @@ public:
     /// @throws std::bad_optional_access  if the part is not wanted.
     [[nodiscard]] RegistrySandbox &GetRegistry() { return m_registry.value(); }
     [[nodiscard]] SystemFolders &GetFolders() { return m_folders.value(); }
+    [[nodiscard]] Machine &GetMachine() { return m_machine.value(); }
     [[nodiscard]] Balance &GetBalance() { return Balance::Instance(); }
 
     /// See FunctionSet.
@@ -53,6 +56,7 @@ private:
     std::shared_ptr<Core> m_core;
     std::optional<RegistrySandbox> m_registry;
     std::optional<SystemFolders> m_folders;
+    std::optional<Machine> m_machine;
     bool m_counts;
     FunctionSet m_functions;
 };

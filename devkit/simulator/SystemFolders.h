@@ -2,20 +2,16 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
-#include <string>
-#include <vector>
 
-#include <windows.h>
-
-#include "Lock.h"
+#include "MappedPaths.h"
 
 namespace Simulator {
 
 class FunctionSet;
 
-/// Makes the folders, and removes them with all that they hold at its end. Any thread.
-class SystemFolders {
+/// Makes the folders, and removes them with all that they hold at its end; other paths can be mapped to them, or
+/// anywhere else. Any thread.
+class SystemFolders : public MappedPaths {
 public:
     /// @throws std::filesystem::filesystem_error  if the real temporary folder does not let it.
     SystemFolders();
@@ -31,28 +27,12 @@ public:
     [[nodiscard]] std::filesystem::path ProgramFiles() const { return m_root / L"Program Files"; }
     [[nodiscard]] std::filesystem::path Temp() const { return m_root / L"Temp"; }
 
-    /// Lets files and folders with a fixed path lie elsewhere: what is at or below `from` is looked for at or below
-    /// `to`. Of several that fit the longest counts. Letters match in any case, slashes count as backslashes.
-    void MapPath(const std::wstring &from, const std::filesystem::path &to);
-    /// Where a path is mapped to, if it is.
-    [[nodiscard]] std::optional<std::wstring> Mapped(const wchar_t *path) const;
-
 private:
-    struct Mapping {
-        std::wstring from;
-        std::wstring to;
-    };
     std::filesystem::path m_root;
-    mutable Lock m_lock;
-    std::vector<Mapping> m_mappings;
 };
 
 /// Puts the folders under GetSystemDirectoryW, GetWindowsDirectoryW, GetSystemWindowsDirectoryW, GetTempPathW and
 /// SHGetFolderPathW (Windows, system, common application data, program files; others stay real).
 void InstallFolders(FunctionSet &functions, SystemFolders &folders);
-
-/// Puts the mapped paths under fopen, _wfopen, fopen_s, _wfopen_s, CreateFileW, GetFileAttributesW,
-/// GetFileAttributesExW, SetFileAttributesW, DeleteFileW, CreateDirectoryW, RemoveDirectoryW and FindFirstFileW.
-void InstallMappedPaths(FunctionSet &functions, SystemFolders &folders);
 
 }  // namespace Simulator

@@ -23,7 +23,7 @@ void InstallFiles(FunctionSet &functions) {
     using namespace System;
     PassThrough<CreateFileW, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
                 DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindClose, fopen, _wfopen, fopen_s,
-                _wfopen_s, fclose>(functions);
+                _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose>(functions);
 }
 
 }  // namespace Simulator

@@ -41,6 +41,12 @@ SIMULATOR_FUNCTION(fopen, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(_wfopen, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(fopen_s, kCRuntime, ReturnsStatus);
 SIMULATOR_FUNCTION(_wfopen_s, kCRuntime, ReturnsStatus);
+SIMULATOR_FUNCTION(fgets, kCRuntime, SetsErrno);
+SIMULATOR_FUNCTION(fputs, kCRuntime, SetsErrnoReturnsEof);
+SIMULATOR_FUNCTION(fputc, kCRuntime, SetsErrnoReturnsEof);
+SIMULATOR_FUNCTION(fwrite, kCRuntime, SetsErrno);
+SIMULATOR_FUNCTION(fflush, kCRuntime, SetsErrnoReturnsEof);
+SIMULATOR_FUNCTION(ferror, kCRuntime, ReturnsStatus);
 SIMULATOR_FUNCTION(fclose, kCRuntime, CannotFail);
 
 // Folders

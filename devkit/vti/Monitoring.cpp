@@ -55,6 +55,8 @@ int32_t vti_get_scan_metrics(vti_handle_t *handle, ScanMetricsRecord *record, ui
         if (!IsScanMetricsRequest(*record))
             return {kInvalidRequest, "the words of the scan metrics record are not those of a request"};
         std::copy(driver.scanCounters.begin(), driver.scanCounters.end(), record->counters);
+        record->counters_per_row = driver.scanShape[0];
+        record->row_count = driver.scanShape[1];
         return {};
     });
 }

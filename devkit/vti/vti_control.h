@@ -37,7 +37,8 @@ struct Driver {
     std::vector<uint8_t> blacklist;
     std::vector<uint8_t> profile;
     std::array<uint64_t, 10> scanCounters{};
-    std::map<std::string, Fault> faults;  ///< By the operation's name, such as "vti_get_stats".
+    std::array<uint32_t, 2> scanShape{10, 1};  ///< What vti_get_scan_metrics answers as counters per row and rows.
+    std::map<std::string, Fault> faults;       ///< By the operation's name, such as "vti_get_stats".
 
     // What the module did.
     std::vector<std::string> calls;  ///< Every operation in order, with its plain arguments.

@@ -81,6 +81,13 @@ TEST(SystemFolders, PrefersTheLongestMapping) {
     EXPECT_EQ(folders.Mapped(L"C:\\A\\X"), L"T:\\short\\X");
 }
 
+TEST(SystemFolders, ForgetsAMappingWhenTheSamePathIsMappedAnew) {
+    SystemFolders folders;
+    folders.MapPath(L"C:\\A", L"T:\\first");
+    folders.MapPath(L"c:/a/", L"T:\\second");
+    EXPECT_EQ(folders.Mapped(L"C:\\A\\x"), L"T:\\second\\x");
+}
+
 TEST_F(SimulatedFolders, AnswerForTheSystems) {
     wchar_t path[MAX_PATH] = L"";
     EXPECT_EQ(GetSystemDirectoryW(path, MAX_PATH), folders.System32().wstring().size());

@@ -85,11 +85,13 @@ TEST(Simulation, CanFollowAnother) {
 }
 
 TEST(Simulation, HasOnlyThePartsThatAreWanted) {
-    Simulation simulation({.registry = false, .folders = false, .balance = false});
+    Simulation simulation({.registry = false, .folders = false, .balance = false, .machine = false});
     simulation.Attach(ThisProgram());
     EXPECT_THROW((void)simulation.GetRegistry(), std::bad_optional_access);
     EXPECT_THROW((void)simulation.GetFolders(), std::bad_optional_access);
+    EXPECT_THROW((void)simulation.GetMachine(), std::bad_optional_access);
     EXPECT_FALSE(simulation.Functions().Knows("malloc"));
+    EXPECT_FALSE(simulation.Functions().Knows("GetSystemInfo"));
     EXPECT_TRUE(simulation.Functions().Knows("Sleep"));
     EXPECT_EQ(OpenMicrosoft(), ERROR_SUCCESS);
     EXPECT_EQ(simulation.GetJournal().Count("RegOpenKeyExW"), 0U);

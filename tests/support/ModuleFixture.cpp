@@ -3,7 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
-ModuleFixture::ModuleFixture() : m_simulation({.registry = false, .folders = false, .balance = true}) {
+ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simulation(parts) {
     m_simulation.GetClock().Step();
     // The libraries that the module shares the heap with are there already, the module is not.
     for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})

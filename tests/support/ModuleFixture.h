@@ -12,7 +12,8 @@
 
 class ModuleFixture : public testing::Test {
 protected:
-    ModuleFixture();
+    /// @param parts  of the simulated Windows; the balance must be among them.
+    explicit ModuleFixture(const Simulator::SimulationParts &parts = {.registry = false, .folders = false});
     ~ModuleFixture() override;
 
     /// Forward, or backward for a negative number: the wall clock alone moves backwards.
@@ -25,6 +26,7 @@ protected:
     /// Opens the module in another state.
     void Open(lua_State *state);
 
+    Simulator::Simulation &simulation() { return m_simulation; }
     Simulator::Balance &balance() { return m_simulation.GetBalance(); }
 
 private:

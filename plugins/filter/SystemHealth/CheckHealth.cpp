@@ -179,23 +179,14 @@ void LogIteration(const IterationTime &time, const FailOpenInput &input, const F
         memory.short_name, memory.value, limit(memory), interval.short_name, interval.value, limit(interval));
 }
 
-Action Evaluate(const Arguments &arguments, const IterationTime &time, const Sample &sample) {
-    std::optional<FailOpenInput> input;
-    std::optional<FailOpenResult> result;
-    {
-        const wxCriticalSectionLocker lock(sysHealthLock);
-        if (sample.hasScan)
-            RunRatePass(sample.scan, time.delta_t);
-        ArmHealthMetrics();
-        input.emplace(FailOpenInput{*arguments.dom, arguments.state, time.now,
-                                    ConfiguredMinutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
-                                    ConfiguredMinutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)});
-        loadBackoffState(*arguments.dom);
-        calculateHealthMetrics(sample.rqlen, sample.numCpus, time.delta_t);
-        result.emplace(RunFailOpen(*input));
-    }
-    LogIteration(time, *input, *result);
-    return result->action;
+FailOpenResult Evaluate(const FailOpenInput &input, const IterationTime &time, const Sample &sample) {
+    const wxCriticalSectionLocker lock(sysHealthLock);
+    if (sample.hasScan)
+        RunRatePass(sample.scan, time.delta_t);
+    ArmHealthMetrics();
+    loadBackoffState(input.dom);
+    calculateHealthMetrics(sample.rqlen, sample.numCpus, time.delta_t);
+    return RunFailOpen(input);
 }
 
 Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &site) {
@@ -211,7 +202,12 @@ Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &si
     const Action failure = TakeSample(sample, site);
     if (failure != actionNormal)
         return failure;
-    return Evaluate(*arguments, time, sample);
+    const FailOpenInput input{*arguments->dom, arguments->state, time.now,
+                              ConfiguredMinutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
+                              ConfiguredMinutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)};
+    const FailOpenResult result = Evaluate(input, time, sample);
+    LogIteration(time, input, result);
+    return result.action;
 }
 
 Action CheckHealth(lua_State *L, const TraceSite &site) {

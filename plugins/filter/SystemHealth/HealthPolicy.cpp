@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
 
 #include <cJSON.h>
 
@@ -167,7 +168,9 @@ bool outputCloudConfig() {
         Trace(kEngineTrace, "Failed to open file of json config for writing.");
         return false;
     }
-    if (std::fprintf(file.get(), "%s\n", text.get()) < 0) {
+    // Not fprintf, which MinGW's runtime reports as done whatever became of the characters.
+    const std::string line = std::string(text.get()) + "\n";
+    if (std::fputs(line.c_str(), file.get()) < 0) {
         Trace(kEngineTrace, "Failed to write json config to file");
         return false;
     }

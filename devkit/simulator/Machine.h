@@ -1,0 +1,32 @@
+// The load of the simulated machine: its processor queue, its processors, its memory.
+#pragma once
+
+#include <cstdint>
+
+#include <windows.h>
+
+namespace Simulator {
+
+class FunctionSet;
+
+/// What the machine answers from the next call on. Do not change it while another thread asks.
+struct Machine {
+    double processorQueue = 0;  ///< \System\Processor Queue Length, as it is collected; any double, also NaN.
+    DWORD processorCount = 4;   ///< May be 0.
+    std::uint64_t memoryTotal = std::uint64_t{8} << 30;      ///< Bytes of physical memory; may be 0.
+    std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may be more than there are.
+};
+
+/// Puts the machine under these functions:
+/// - PdhOpenQueryW, PdhAddCounterW, PdhCollectQueryData, PdhGetFormattedCounterValue and PdhCloseQuery. There is one
+///   counter, \System\Processor Queue Length (in any case), which is answered as PDH_FMT_DOUBLE alone. It has data
+///   from the first collection after it was added, and keeps it until the next. Handles of queries and counters
+///   are never used again; those of a closed query are invalid.
+/// - GetSystemInfo, whose number of processors alone is the machine's.
+/// - GlobalMemoryStatusEx, whose physical memory and load are the machine's; fails with ERROR_INVALID_PARAMETER
+///   unless dwLength is right.
+/// Failing calls leave their output parameters alone.
+/// @param machine  outlives the set.
+void InstallMachine(FunctionSet &functions, Machine &machine);
+
+}  // namespace Simulator

@@ -1,0 +1,80 @@
+// Iterations that are looked at for what they make of a configuration.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HealthFixture.h"
+
+/// One setting, by its two names.
+struct SettingNames {
+    std::string line;  ///< How its line in the file begins.
+    std::string key;   ///< In a policy, and in what is written.
+    double max;
+    bool isThreshold;  ///< An object that holds the number, in JSON.
+};
+
+/// All settings in their order.
+inline const std::array<SettingNames, 13> kSettings{{
+    {"SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535, false},
+    {"SYSTEM_CONNECTION_REFUSAL_OUTBOUND=", "SYS_CONF_CONN_REFUSAL_OUTBOUND", 1, false},
+    {"SYSTEM_RECOVERY_FACTOR=", "SYS_CONF_RECOVER_FACTOR", 100, false},
+    {"SYSTEM_MIN_ACT_DURATION=", "SYS_CONF_MIN_ACT_DURATION", 30, false},
+    {"SYSTEM_MAX_ACT_DURATION=", "SYS_CONF_MAX_ACT_DURATION", 240, false},
+    {"SYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=", "SYS_THR_CONN_REFUSAL_PCT", 100, true},
+    {"SYSTEM_RUNQ_PCT_THRESHOLD=", "SYS_THR_RUNQ", 200, true},
+    {"SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=", "SYS_THR_CONN_EST_PER_CPU", 10000000, true},
+    {"SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=", "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", 100000, true},
+    {"SYSTEM_MIN_FREE_MEM_PCT=", "SYS_THR_FREE_MEM", 25, true},
+    {"SYSTEM_MAX_ITERATION_INTERVAL=", "SYS_THR_MAX_ITERATION_INVL", 60, true},
+    {"SYSTEM_UNLOAD_DRIVER=", "SYS_CONF_UNLOAD_DRIVER", 1, false},
+    {"SYSTEM_DISABLE_FAIL_OPEN=", "SYS_CONF_DISABLE_FAIL_OPEN", 1, false},
+}};
+
+inline constexpr char kUnloadFlag[] = "vtp.filter.FailOpenUnloadDriver";
+inline constexpr char kNothingWritten[] = "{\r\n}\r\n";
+
+/// What one iteration told.
+struct Heard {
+    int action = -1;
+    std::optional<int> count;                ///< The count that the reader traced, if it did.
+    std::string countedBy;                   ///< The function that did.
+    std::vector<std::string> configuration;  ///< Traced on SysHealth.conf, the count left out.
+    std::vector<std::string> engine;         ///< Traced on SysHealth.eng.
+    std::vector<std::string> errors;         ///< The error log.
+
+    /// The messages of the engine that begin so.
+    [[nodiscard]] std::vector<std::string> EngineLines(const std::string &beginning) const;
+    /// Settings that were out of range, as the error log tells.
+    [[nodiscard]] std::vector<std::string> RangeErrors() const;
+};
+
+/// An idle host; no metric is past its limit.
+class ConfigurationFixture : public HealthFixture {
+protected:
+    ConfigurationFixture();
+
+    Heard Iterate(const std::string &state, const std::string &policy);
+    /// An iteration with that configuration file.
+    Heard ReadFile(const std::string &text, const std::string &state = "Deactivated");
+    /// An iteration with that policy.
+    Heard ReadPolicy(const std::string &policy, const std::string &state = "Deactivated");
+
+    /// A setting as it was written after the iteration, if it was.
+    [[nodiscard]] std::optional<double> Written(const std::string &key);
+    /// The keys that were written, in their order.
+    [[nodiscard]] std::vector<std::string> WrittenKeys();
+};
+
+/// "SYS_THR_RUNQ": {"value": 50}
+std::string Member(const SettingNames &setting, const std::string &number);
+/// {"SYS_THR_RUNQ": {"value": 50}}
+std::string PolicyOf(const SettingNames &setting, const std::string &number);
+/// As %f prints it.
+std::string Fixed(double number);
+/// The line of the error log for a number that is out of range.
+std::string OutOfRange(const SettingNames &setting, double stored);
+/// The setting of that key.
+const SettingNames &SettingOf(const std::string &key);

@@ -1,0 +1,603 @@
+// The policy that the agent hands over, and the file into which the settings in use are written.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include <cJSON.h>
+
+#include "ConfigurationFixture.h"
+#include "WindowsFunctions.h"
+#include "vta_core_control.h"
+
+namespace {
+
+using Messages = std::vector<std::string>;
+
+constexpr char kGood[] = R"({"SYS_THR_RUNQ": {"value": 50}})";
+constexpr char kGoodWritten[] = "{\r\n\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t50\r\n\t}\r\n}\r\n";
+
+std::string AllMembers(const std::string &more = "") {
+    std::string policy = "{";
+    for (std::size_t i = kSettings.size(); i-- > 0;)
+        policy += Member(kSettings[i], i < 11 ? Fixed(kSettings[i].max / 2) : "0.5") + ", ";
+    return policy + R"("OTHER": [1, {"value": 2}], "SYS_THR_OTHER": {"value": 3})" + more + "}";
+}
+
+constexpr char kAllMembersWritten[] =
+    "{\r\n"
+    "\t\"SYS_CONF_CONN_REFUSAL_PORT\":\t32767.5,\r\n"
+    "\t\"SYS_CONF_CONN_REFUSAL_OUTBOUND\":\t0.5,\r\n"
+    "\t\"SYS_CONF_RECOVER_FACTOR\":\t50,\r\n"
+    "\t\"SYS_CONF_MIN_ACT_DURATION\":\t15,\r\n"
+    "\t\"SYS_CONF_MAX_ACT_DURATION\":\t120,\r\n"
+    "\t\"SYS_THR_CONN_REFUSAL_PCT\":\t{\r\n\t\t\"value\":\t50\r\n\t},\r\n"
+    "\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t100\r\n\t},\r\n"
+    "\t\"SYS_THR_CONN_EST_PER_CPU\":\t{\r\n\t\t\"value\":\t5000000\r\n\t},\r\n"
+    "\t\"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU\":\t{\r\n\t\t\"value\":\t50000\r\n\t},\r\n"
+    "\t\"SYS_THR_FREE_MEM\":\t{\r\n\t\t\"value\":\t12.5\r\n\t},\r\n"
+    "\t\"SYS_THR_MAX_ITERATION_INVL\":\t{\r\n\t\t\"value\":\t30\r\n\t},\r\n"
+    "\t\"SYS_CONF_UNLOAD_DRIVER\":\t0.5,\r\n"
+    "\t\"SYS_CONF_DISABLE_FAIL_OPEN\":\t0.5\r\n"
+    "}\r\n";
+
+std::string Stored(const std::string &key, double number) {
+    return "stored " + SettingOf(key).line + "  " + Fixed(number);
+}
+
+class Policy : public ConfigurationFixture {
+protected:
+    /// The policy can't be parsed, and the iteration goes on with nothing set.
+    void ExpectParseError(const std::string &policy) {
+        const Heard heard = ReadPolicy(policy);
+        EXPECT_EQ(heard.action, kNormal);
+        EXPECT_FALSE(heard.count);
+        EXPECT_EQ(heard.configuration, Messages());
+        EXPECT_EQ(heard.errors, Messages());
+        EXPECT_EQ(heard.EngineLines("json parsing error [").size(), 1u);
+        EXPECT_EQ(WrittenJson(), kNothingWritten);
+    }
+    /// The policy is read, and there is nothing of use in it.
+    void ExpectNothingInIt(const std::string &policy) {
+        const Heard heard = ReadPolicy(policy);
+        EXPECT_EQ(heard.action, kDisabled);
+        EXPECT_FALSE(heard.count);
+        EXPECT_EQ(heard.configuration, Messages());
+        EXPECT_EQ(heard.EngineLines(" value"), Messages());
+        EXPECT_EQ(heard.EngineLines("json"), Messages());
+        EXPECT_EQ(heard.errors, Messages());
+        EXPECT_EQ(WrittenJson(), kNothingWritten);
+    }
+};
+
+// ---- What is taken
+
+TEST_F(Policy, AllSettingsAreTakenInTheirOrderAndWrittenOut) {
+    const Heard heard = ReadPolicy(AllMembers());
+    EXPECT_EQ(heard.action, kNormal);
+    EXPECT_EQ(heard.count, 13);
+    Messages expected;
+    for (std::size_t i = 0; i < kSettings.size(); ++i)
+        expected.push_back(Stored(kSettings[i].key, i < 11 ? kSettings[i].max / 2 : 0.5));
+    EXPECT_EQ(heard.configuration, expected);
+    EXPECT_EQ(heard.EngineLines(" value"), Messages());
+    EXPECT_EQ(WrittenJson(), kAllMembersWritten);
+}
+
+TEST_F(Policy, TheCountIsTracedByItsReader) {
+    const Heard heard = ReadPolicy(kGood);
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_NE(heard.countedBy.find("readSystemHealthPolicy"), std::string::npos) << heard.countedBy;
+}
+
+TEST_F(Policy, StandsInForTheFile) {
+    WriteConfig("SYSTEM_MIN_FREE_MEM_PCT=5\nSYSTEM_DISABLE_FAIL_OPEN=1\n");
+    EXPECT_EQ(ReadPolicy(kGood).action, kNormal);
+    EXPECT_EQ(WrittenKeys(), Messages{"SYS_THR_RUNQ"});
+    EXPECT_EQ(ReadPolicy("").action, kDisabled);
+    EXPECT_EQ(WrittenKeys(), (Messages{"SYS_THR_FREE_MEM", "SYS_CONF_DISABLE_FAIL_OPEN"}));
+}
+
+TEST_F(Policy, ASettingThatHasLeftThePolicyIsGone) {
+    EXPECT_EQ(ReadPolicy(AllMembers()).count, 13);
+    EXPECT_EQ(ReadPolicy(kGood).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, KeysAreFoundInAnyCase) {
+    const Heard heard = ReadPolicy(R"({"sys_thr_runq": {"VaLuE": 50}, "Sys_Conf_Recover_Factor": 80})");
+    EXPECT_EQ(heard.count, 2);
+    EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_CONF_RECOVER_FACTOR", 80), Stored("SYS_THR_RUNQ", 50)}));
+    EXPECT_EQ(WrittenKeys(), (Messages{"SYS_CONF_RECOVER_FACTOR", "SYS_THR_RUNQ"}));
+}
+
+TEST_F(Policy, OfTwoMembersOfOneNameTheFirstCounts) {
+    const Heard heard =
+        ReadPolicy(R"({"sys_thr_runq": {"value": 50, "VALUE": 51}, "SYS_THR_RUNQ": {"value": 60}, "SYS_THR_RUNQ": 1})");
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, NumbersHaveDoublePrecision) {
+    (void)ReadPolicy(R"({"SYS_THR_RUNQ": {"value": 0.1}, "SYS_CONF_RECOVER_FACTOR": 33.333333333333336})");
+    EXPECT_EQ(Written("SYS_THR_RUNQ"), 0.1);
+    EXPECT_EQ(Written("SYS_CONF_RECOVER_FACTOR"), 33.333333333333336);
+    EXPECT_NE(WrittenJson().find("\t0.1\r\n"), std::string::npos) << WrittenJson();
+}
+
+TEST_F(Policy, TextBehindTheObjectAndBlanksBeforeItAreAllowed) {
+    EXPECT_EQ(ReadPolicy(std::string(" \r\n\t") + kGood + " and more } %s").count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, TheTextEndsAtANulCharacter) {
+    using namespace std::string_literals;
+    EXPECT_EQ(ReadPolicy(kGood + "\0{{{"s).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+    ExpectParseError("{\"SYS_THR_RUNQ\": \0{\"value\": 50}}"s);
+    ExpectParseError("\0"s + kGood);
+}
+
+// ---- Types
+
+TEST_F(Policy, AThresholdThatIsNoObjectWithANumberIsSkippedWithoutAWord) {
+    for (const std::string threshold : {"50", "\"50\"", "null", "true", "[50]", "[{\"value\": 50}]", "{}",
+                                        "{\"value\": \"50\"}", "{\"value\": null}", "{\"value\": {\"value\": 50}}",
+                                        "{\"value\": true}", "{\"values\": 50}", "{\"value\": \"\", \"value\": 50}"}) {
+        SCOPED_TRACE(threshold);
+        ExpectNothingInIt("{\"SYS_THR_RUNQ\": " + threshold + "}");
+    }
+}
+
+TEST_F(Policy, ANumberThatIsNoneIsStoredAsZeroAndCounted) {
+    for (const std::string item : {"{\"value\": 80}", "\"80\"", "null", "true", "false", "[80]"}) {
+        SCOPED_TRACE(item);
+        const Heard heard = ReadPolicy("{\"SYS_CONF_RECOVER_FACTOR\": " + item + "}");
+        EXPECT_EQ(heard.action, kNormal);
+        EXPECT_EQ(heard.count, 1);
+        EXPECT_EQ(heard.configuration, Messages{Stored("SYS_CONF_RECOVER_FACTOR", 0)});
+        EXPECT_EQ(Written("SYS_CONF_RECOVER_FACTOR"), 0);
+    }
+}
+
+TEST_F(Policy, OtherMembersOfAThresholdAreIgnored) {
+    EXPECT_EQ(ReadPolicy(R"({"SYS_THR_RUNQ": {"unit": "%", "value": 50, "x": [{}]}})").count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, WithoutAKnownMemberItDisablesAndClearsTheUnloadFlag) {
+    for (const std::string policy :
+         {"{}", "[]", "[1, {\"SYS_THR_RUNQ\": {\"value\": 50}}]", "5", "null", "\"SYS_THR_RUNQ\"", "{\"value\": 50}",
+          "{\"policy\": {\"SYS_THR_RUNQ\": {\"value\": 50}}}", "{\"SYS_THR_RUNQ \": {\"value\": 50}}"}) {
+        SCOPED_TRACE(policy);
+        dom.Set(kUnloadFlag, true);
+        ExpectNothingInIt(policy);
+        EXPECT_EQ(Flag(kUnloadFlag), "false");
+    }
+}
+
+// ---- Ranges
+
+TEST_F(Policy, EverySettingIsAcceptedAtItsMaximum) {
+    for (const SettingNames &setting : kSettings) {
+        SCOPED_TRACE(setting.key);
+        const Heard heard = ReadPolicy(PolicyOf(setting, Fixed(setting.max)));
+        ASSERT_FALSE(heard.configuration.empty());
+        EXPECT_EQ(heard.configuration.front(), Stored(setting.key, setting.max));
+        EXPECT_EQ(Written(setting.key), setting.max);
+        if (setting.key != "SYS_CONF_DISABLE_FAIL_OPEN") {
+            EXPECT_EQ(heard.count, 1);
+        }
+    }
+}
+
+TEST_F(Policy, NothingAboveAMaximumOrBelowZeroIsAccepted) {
+    for (const SettingNames &setting : kSettings) {
+        for (const std::string &number : {Fixed(setting.max + 0.001), std::string("1e308"), std::string("1e999"),
+                                          std::string("-0.001"), std::string("-1e999")}) {
+            SCOPED_TRACE(setting.key + " " + number);
+            const Heard heard = ReadPolicy(PolicyOf(setting, number));
+            EXPECT_EQ(heard.EngineLines(" value out of boundary [").size(), 1u);
+            EXPECT_EQ(heard.configuration, Messages());
+            EXPECT_FALSE(heard.count);
+            EXPECT_EQ(heard.errors, Messages());
+            EXPECT_EQ(WrittenJson(), kNothingWritten);
+        }
+    }
+}
+
+TEST_F(Policy, ZeroIsOutOfBoundaryForAThresholdAndStoredForANumber) {
+    for (const SettingNames &setting : kSettings) {
+        SCOPED_TRACE(setting.key);
+        const Heard heard = ReadPolicy(PolicyOf(setting, "0"));
+        EXPECT_EQ(heard.EngineLines(" value out of boundary [").size(), setting.isThreshold ? 1u : 0u);
+        if (setting.isThreshold) {
+            EXPECT_EQ(heard.configuration, Messages());
+        } else if (setting.key.find("_DURATION") == std::string::npos) {
+            EXPECT_EQ(heard.count, 1);
+        }
+    }
+}
+
+TEST_F(Policy, FreeMemoryIsAcceptedAt25AndRejectedAt26) {
+    EXPECT_EQ(ReadPolicy(R"({"SYS_THR_FREE_MEM": {"value": 25}})").count, 1);
+    const Heard heard = ReadPolicy(R"({"SYS_THR_FREE_MEM": {"value": 26}})");
+    EXPECT_EQ(heard.action, kDisabled);
+    EXPECT_EQ(heard.EngineLines(" value"), Messages{" value out of boundary [26.000000]"});
+}
+
+TEST_F(Policy, ANumberOutOfBoundaryDoesNotStopTheOthersAndItsTraceShowsTheLastThreshold) {
+    const Heard heard = ReadPolicy(
+        R"({"SYS_CONF_CONN_REFUSAL_PORT": 65536, "SYS_CONF_RECOVER_FACTOR": 80, "SYS_THR_RUNQ": {"value": 50},
+            "SYS_CONF_UNLOAD_DRIVER": 2, "SYS_CONF_DISABLE_FAIL_OPEN": 0})");
+    EXPECT_EQ(heard.action, kNormal);
+    EXPECT_EQ(heard.count, 3);
+    const Messages lines = heard.EngineLines(" value out of boundary [");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_TRUE(lines[0].ends_with("]")) << lines[0];
+    EXPECT_EQ(lines[1], " value out of boundary [50.000000]");
+    EXPECT_EQ(WrittenKeys(), (Messages{"SYS_CONF_RECOVER_FACTOR", "SYS_THR_RUNQ", "SYS_CONF_DISABLE_FAIL_OPEN"}));
+}
+
+TEST_F(Policy, PortZeroIsMonitored) {
+    EXPECT_EQ(ReadPolicy(R"({"SYS_CONF_CONN_REFUSAL_PORT": 0, "SYS_THR_CONN_REFUSAL_PCT": {"value": 10}})").count, 2);
+    const std::lock_guard lock(Vti::Lock());
+    ASSERT_EQ(driver().monitorRequest.size(), sizeof(ScanMonitorRequest));
+    std::vector<std::uint8_t> expected(sizeof(ScanMonitorRequest));
+    expected[0] = 1;
+    expected[offsetof(ScanMonitorRequest, inbound_ports)] = 1;
+    EXPECT_EQ(driver().monitorRequest, expected);
+}
+
+// ---- The two durations
+
+TEST_F(Policy, ADurationOfZeroIsStoredThenTakenBack) {
+    const Heard minimum = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0})");
+    EXPECT_EQ(minimum.action, kDisabled);
+    EXPECT_FALSE(minimum.count);
+    EXPECT_EQ(minimum.configuration, (Messages{Stored("SYS_CONF_MIN_ACT_DURATION", 0),
+                                               "min_dur(0.000000) <= 0, invalidating to use default"}));
+    const Heard maximum = ReadPolicy(R"({"SYS_CONF_MAX_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 50}})");
+    EXPECT_EQ(maximum.count, 1);
+    EXPECT_EQ(maximum.configuration, (Messages{Stored("SYS_CONF_MAX_ACT_DURATION", 0), Stored("SYS_THR_RUNQ", 50),
+                                               "max_dur(0.000000) <= 0, invalidating to use default"}));
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, BothDurationsCanBeTakenBackAtOnce) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_CONF_MAX_ACT_DURATION": "10"})");
+    EXPECT_FALSE(heard.count);
+    ASSERT_EQ(heard.configuration.size(), 4u);
+    EXPECT_EQ(heard.configuration[2], "min_dur(0.000000) <= 0, invalidating to use default");
+    EXPECT_EQ(heard.configuration[3], "max_dur(0.000000) <= 0, invalidating to use default");
+    EXPECT_EQ(WrittenJson(), kNothingWritten);
+}
+
+TEST_F(Policy, AMaximumBelowTheMinimumIsTakenBackAlone) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 20, "SYS_CONF_MAX_ACT_DURATION": 10})");
+    EXPECT_EQ(heard.count, 1);
+    ASSERT_EQ(heard.configuration.size(), 3u);
+    EXPECT_EQ(heard.configuration[2], "max_dur(10.000000) < min_dur(20.000000), invalidating to use default");
+    EXPECT_EQ(Written("SYS_CONF_MIN_ACT_DURATION"), 20);
+    EXPECT_EQ(Written("SYS_CONF_MAX_ACT_DURATION"), std::nullopt);
+}
+
+TEST_F(Policy, EqualDurationsStand) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 20, "SYS_CONF_MAX_ACT_DURATION": 20})");
+    EXPECT_EQ(heard.count, 2);
+    EXPECT_EQ(heard.configuration.size(), 2u);
+}
+
+TEST_F(Policy, AMaximumThatWasTakenBackIs240Minutes) {
+    machine().processorQueue = 5;
+    dom.SettingStore("vtp.filter.SysHealthBackoffWait", "200");
+    dom.SettingStore("vtp.filter.SysHealthLastRecoveryCheck", "1");
+    const Heard heard = ReadPolicy(
+        R"({"SYS_CONF_MIN_ACT_DURATION": 20, "SYS_CONF_MAX_ACT_DURATION": 10, "SYS_THR_RUNQ": {"value": 1}})",
+        "Activated");
+    EXPECT_EQ(heard.action, kFailOpen);
+    EXPECT_EQ(Setting("vtp.filter.SysHealthBackoffWait"), "240");
+}
+
+// ---- The two switches
+
+TEST_F(Policy, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
+    EXPECT_EQ(heard.action, kNormal);
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_CONF_UNLOAD_DRIVER", 1),
+                                             "Windows driver unload enabled for fail-open (from policy)"}));
+    EXPECT_EQ(Flag(kUnloadFlag), "true");
+    EXPECT_EQ(lua.Eval("f.GetSysHealthEnabled()"), "true");
+}
+
+TEST_F(Policy, SwitchesActAtExactlyOneAlone) {
+    for (const std::string number : {"0", "0.5", "0.9999999999", "\"1\""}) {
+        SCOPED_TRACE(number);
+        dom.Set(kUnloadFlag, true);
+        const Heard heard =
+            ReadPolicy("{\"SYS_CONF_UNLOAD_DRIVER\": " + number + ", \"SYS_CONF_DISABLE_FAIL_OPEN\": " + number + "}");
+        EXPECT_EQ(heard.action, kNormal);
+        EXPECT_EQ(heard.count, 2);
+        EXPECT_EQ(heard.configuration.size(), 2u);
+        EXPECT_EQ(Flag(kUnloadFlag), "false");
+    }
+}
+
+TEST_F(Policy, TheDisablingSwitchDisablesWhateverElseThePolicyHolds) {
+    const Heard heard =
+        ReadPolicy(R"({"SYS_CONF_DISABLE_FAIL_OPEN": 1, "SYS_CONF_UNLOAD_DRIVER": 1, "SYS_THR_RUNQ": {"value": 50}})");
+    EXPECT_EQ(heard.action, kDisabled);
+    EXPECT_FALSE(heard.count);
+    EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_THR_RUNQ", 50), Stored("SYS_CONF_UNLOAD_DRIVER", 1),
+                                             Stored("SYS_CONF_DISABLE_FAIL_OPEN", 1),
+                                             "Windows driver unload enabled for fail-open (from policy)",
+                                             "VTA_SYSHEALTH_DISABLE_FAIL_OPEN  return 0"}));
+    EXPECT_EQ(Flag(kUnloadFlag), "true");
+    EXPECT_EQ(lua.Eval("f.GetSysHealthEnabled()"), "false");
+    EXPECT_EQ(WrittenKeys().size(), 3u);
+}
+
+// ---- In fail-open
+
+TEST_F(Policy, InFailOpenTheMetricsOfTheDriverAreOffButCounted) {
+    const Heard heard = ReadPolicy(AllMembers(), "Activated");
+    EXPECT_EQ(heard.count, 13);
+    EXPECT_EQ(heard.configuration.size(), 13u);
+    EXPECT_EQ(WrittenKeys(),
+              (Messages{"SYS_CONF_CONN_REFUSAL_PORT", "SYS_CONF_CONN_REFUSAL_OUTBOUND", "SYS_CONF_RECOVER_FACTOR",
+                        "SYS_CONF_MIN_ACT_DURATION", "SYS_CONF_MAX_ACT_DURATION", "SYS_THR_RUNQ", "SYS_THR_FREE_MEM",
+                        "SYS_THR_MAX_ITERATION_INVL", "SYS_CONF_UNLOAD_DRIVER", "SYS_CONF_DISABLE_FAIL_OPEN"}));
+}
+
+TEST_F(Policy, TheDisablingSwitchLeavesTheMetricsOfTheDriverOnInFailOpen) {
+    const Heard heard = ReadPolicy(
+        R"({"SYS_CONF_DISABLE_FAIL_OPEN": 1, "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 8}})", "Activated");
+    EXPECT_EQ(heard.action, kDisabled);
+    EXPECT_EQ(WrittenKeys(), (Messages{"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", "SYS_CONF_DISABLE_FAIL_OPEN"}));
+}
+
+// ---- Texts that are no JSON
+
+TEST_F(Policy, MalformedTextLetsTheIterationGoOnWithNothingSet) {
+    for (const std::string policy : {" ", "{", "}", "x", "{\"SYS_THR_RUNQ\": {\"value\": 50}", "{\"SYS_THR_RUNQ\": }",
+                                     "{'SYS_THR_RUNQ': 1}", "{\"a\": \"\\u12\"}", "{\"a\": \"\\ud800\"}", "[1,", "nul",
+                                     "{\"a\": 1 \"b\": 2}", "\xFF\xFE{\"", "{\"a\": \"", "-"}) {
+        SCOPED_TRACE(testing::PrintToString(policy));
+        (void)ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
+        ExpectParseError(policy);
+        EXPECT_EQ(Flag(kUnloadFlag), "true") << "left as it was";
+    }
+}
+
+TEST_F(Policy, MalformedTextInFailOpenLeavesItInForce) {
+    const Heard heard = ReadPolicy("{", "Activated");
+    EXPECT_EQ(heard.action, kFailOpen);
+    EXPECT_FALSE(heard.count);
+    EXPECT_EQ(WrittenJson(), kNothingWritten);
+}
+
+TEST_F(Policy, AParsingErrorShowsTheTextAtItsPlace) {
+    EXPECT_EQ(ReadPolicy(R"({"SYS_THR_RUNQ": x50})").EngineLines("json"), Messages{"json parsing error [x50}]"});
+    EXPECT_EQ(ReadPolicy("nonsense").EngineLines("json"), Messages{"json parsing error [nonsense]"});
+}
+
+TEST_F(Policy, AParsingErrorShowsLongTextsWholeAndPercentSignsAsTheyAre) {
+    std::string text = "x%s%n%d%5$s%%%llu";
+    while (text.size() < 2000)
+        text += " %s%n 0123456789";
+    EXPECT_EQ(ReadPolicy("{\"a\": " + text).EngineLines("json"), Messages{"json parsing error [" + text + "]"});
+}
+
+TEST_F(Policy, AParsingErrorIsTracedWhateverTheEncodingOfTheText) {
+    for (const std::string text : {"x\xFF\xC3", "\xE4\xF6\xFC", "x\xED\xA0\x80", "x\xF5\x80\x80\x80", "x\x80"}) {
+        SCOPED_TRACE(testing::PrintToString(text));
+        (void)TakeTracedLines();
+        EXPECT_EQ(Check("Deactivated", text), kNormal);
+        const std::vector<VtaCore::Control::TraceLine> traces = VtaCore::Control::TakeTraces();
+        const auto isWhole = [](const VtaCore::Control::TraceLine &line) {
+            return line.message.StartsWith("json parsing error [") && line.message.EndsWith("]");
+        };
+        EXPECT_EQ(std::count_if(traces.begin(), traces.end(), isWhole), 1);
+    }
+}
+
+// ---- Large and deep
+
+TEST_F(Policy, NestingOfTenThousandIsRefusedWithoutHarm) {
+    for (const std::string open : {"[", "{\"a\":", "{\"SYS_THR_RUNQ\":"}) {
+        std::string policy;
+        for (int i = 0; i < 10'000; ++i)
+            policy += open;
+        SCOPED_TRACE(open);
+        ExpectParseError(policy);
+    }
+}
+
+TEST_F(Policy, NestingThatIsReadIsIgnored) {
+    const std::string deep = std::string(900, '[') + std::string(900, ']');
+    EXPECT_EQ(ReadPolicy(R"({"other": )" + deep + R"(, "SYS_THR_RUNQ": {"value": 50}})").count, 1);
+    EXPECT_EQ(ReadPolicy(R"({"SYS_CONF_RECOVER_FACTOR": )" + deep + "}").count, 1);
+}
+
+TEST_F(Policy, FourMebibytesAreReadOrRefusedWhole) {
+    const std::string padding(std::size_t{4} << 20, 'x');
+    const Heard heard = ReadPolicy(R"({"other": ")" + padding + R"(", "SYS_THR_RUNQ": {"value": 50}})");
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+    const Messages lines = ReadPolicy(padding).EngineLines("json parsing error [");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0] == "json parsing error [" + padding + "]") << lines[0].size() << " bytes";
+}
+
+// ---- The file that is written
+
+/// What the output file was before; stands as long as it can't be written.
+constexpr char kLongBefore[] = "a text that is longer than the one that takes its place: 0123456789 0123456789";
+
+class WrittenPolicy : public Policy {
+protected:
+    WrittenPolicy() { Before(); }
+
+    void Before() {
+        std::FILE *file = _wfopen(JsonPath().c_str(), L"wb");
+        ASSERT_NE(file, nullptr);
+        EXPECT_GE(std::fputs(kLongBefore, file), 0);
+        ASSERT_EQ(std::fclose(file), 0);
+    }
+
+    /// The iteration goes on without the output.
+    void ExpectNoOutput(const std::string &message) {
+        const Heard heard = ReadPolicy(kGood);
+        EXPECT_EQ(heard.action, kNormal);
+        EXPECT_EQ(heard.count, 1);
+        EXPECT_EQ(heard.EngineLines("Fail"), Messages{message});
+        EXPECT_EQ(heard.errors, Messages{"Failed to output cloud config"});
+        EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFile), 0u);
+    }
+
+    /// The module opens files for reading alone.
+    void OpenForReadingAlone() {
+        simulation().Functions().Put<Simulator::System::fopen>(
+            [](const auto &next, const char *path, const char *) { return next(path, "r"); });
+        simulation().Functions().Put<Simulator::System::_wfopen>(
+            [](const auto &next, const wchar_t *path, const wchar_t *) { return next(path, L"r"); });
+    }
+};
+
+TEST_F(WrittenPolicy, TakesThePlaceOfTheWholeFile) {
+    EXPECT_EQ(ReadPolicy(kGood).errors, Messages());
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(WrittenPolicy, AFolderThatIsMissingIsReported) {
+    std::filesystem::remove_all(JsonPath().parent_path());
+    ExpectNoOutput("Failed to open file of json config for writing.");
+    EXPECT_FALSE(std::filesystem::exists(JsonPath().parent_path()));
+}
+
+TEST_F(WrittenPolicy, AFileThatCannotBeOpenedIsReportedAndLeftAlone) {
+    const auto fault = simulation().GetFaults().FailNthOf({"fopen", "_wfopen", "fopen_s", "_wfopen_s"}, 1, EACCES);
+    ExpectNoOutput("Failed to open file of json config for writing.");
+    EXPECT_TRUE(fault->Hit());
+    EXPECT_EQ(WrittenJson(), kLongBefore);
+}
+
+TEST_F(WrittenPolicy, AFileThatCannotBeWrittenIsReportedAndClosed) {
+    OpenForReadingAlone();
+    ExpectNoOutput("Failed to write json config to file");
+    EXPECT_EQ(WrittenJson(), kLongBefore);
+}
+
+TEST_F(WrittenPolicy, AFailureOfTheOutputDoesNotChangeTheAction) {
+    std::filesystem::remove_all(JsonPath().parent_path());
+    EXPECT_EQ(ReadPolicy("{}").action, kDisabled);
+    EXPECT_EQ(ReadPolicy("{").action, kNormal);
+    EXPECT_EQ(ReadPolicy(kGood, "Activated").action, kFailOpen);
+}
+
+// ---- Without memory
+
+/// Memory of the module's cJSON, of which one block can't be had.
+class JsonMemory {
+public:
+    static void Use(HMODULE module) {
+        cJSON_Hooks hooks{&Allocate, &Free};
+        const auto init = reinterpret_cast<decltype(&cJSON_InitHooks)>(
+            reinterpret_cast<void *>(GetProcAddress(module, "cJSON_InitHooks")));
+        ASSERT_NE(init, nullptr);
+        init(&hooks);
+    }
+    /// @param nth  from 1; 0 for none.
+    static void Fail(unsigned nth) {
+        m_asked = 0;
+        m_failing = nth;
+    }
+    /// Blocks since then.
+    static unsigned Asked() { return m_asked; }
+    /// Blocks that are there.
+    static int Alive() { return m_alive; }
+
+private:
+    static void *CJSON_CDECL Allocate(std::size_t size) {
+        void *block = ++m_asked == m_failing ? nullptr : std::malloc(size);
+        m_alive += block != nullptr;
+        return block;
+    }
+    static void CJSON_CDECL Free(void *block) {
+        m_alive -= block != nullptr;
+        std::free(block);
+    }
+
+    static inline unsigned m_asked = 0;
+    static inline unsigned m_failing = 0;
+    static inline int m_alive = 0;
+};
+
+class PolicyWithoutMemory : public WrittenPolicy {
+protected:
+    PolicyWithoutMemory() { JsonMemory::Use(GetModuleHandleW(L"fc.dll")); }
+
+    Heard ReadWithout(unsigned nth) {
+        Before();
+        JsonMemory::Fail(nth);
+        Heard heard = ReadPolicy(AllMembers());
+        m_wasAsked = JsonMemory::Asked() >= nth;
+        JsonMemory::Fail(0);
+        return heard;
+    }
+    [[nodiscard]] bool WasAsked() const { return m_wasAsked; }
+
+    /// What is to be there after the output was given up with that message, or was not.
+    void ExpectOutputOf(const Heard &heard) {
+        const Messages failures = heard.EngineLines("Fail");
+        EXPECT_EQ(heard.errors, failures.empty() ? Messages() : Messages{"Failed to output cloud config"});
+        if (!failures.empty()) {
+            EXPECT_EQ(WrittenJson(), kLongBefore);
+        } else if (heard.count) {
+            EXPECT_GE(WrittenKeys().size(), 12u) << WrittenJson();
+        } else {
+            EXPECT_EQ(WrittenJson(), kNothingWritten);
+        }
+    }
+
+private:
+    bool m_wasAsked = false;
+};
+
+TEST_F(PolicyWithoutMemory, EachBlockThatIsMissingCostsWhatItWasForAndNoMore) {
+    constexpr std::array expected{"json parsing error [", "Fail to cJSON_CreateObject for root",
+                                  "Fail to cJSON_CreateObject for object", "Fail to print JSON"};
+    std::array<bool, expected.size()> told{};
+    unsigned nth = 1;
+    for (; nth < 1000; ++nth) {
+        SCOPED_TRACE("without block " + std::to_string(nth));
+        const Heard heard = ReadWithout(nth);
+        if (!WasAsked())
+            break;
+        EXPECT_EQ(heard.action, kNormal);
+        EXPECT_EQ(heard.EngineLines("json parsing error [").size(), heard.count ? 0u : 1u);
+        ExpectOutputOf(heard);
+        ASSERT_EQ(JsonMemory::Alive(), 0);
+        for (std::size_t i = 0; i < expected.size(); ++i)
+            told[i] = told[i] || !heard.EngineLines(expected[i]).empty();
+    }
+    EXPECT_GT(nth, 60u) << "the policy alone has so many items";
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        EXPECT_TRUE(told[i]) << expected[i];
+}
+
+TEST_F(PolicyWithoutMemory, TheNextIterationIsWholeAgain) {
+    for (const unsigned nth : {1u, 40u, 80u, 100u}) {
+        (void)ReadWithout(nth);
+        EXPECT_TRUE(WasAsked());
+        EXPECT_EQ(ReadPolicy(AllMembers()).count, 13);
+        EXPECT_EQ(WrittenJson(), kAllMembersWritten);
+    }
+}
+
+}  // namespace

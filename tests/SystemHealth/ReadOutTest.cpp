@@ -1,0 +1,254 @@
+// What scripts read of the last iteration.
+
+#include <limits>
+
+#include "IterationFixture.h"
+
+namespace {
+
+using namespace Health;
+
+class HealthReadOut : public IterationFixture {
+protected:
+    /// All results of a function, as Lua shows them.
+    std::string Results(const std::string &function) {
+        lua.Run(R"(
+            local results = table.pack(f.)" +
+                function + R"()
+            for i = 1, results.n do results[i] = tostring(results[i]) end
+            shown = table.concat(results, ' '))");
+        return lua.Eval("shown");
+    }
+    std::string Port() { return Results("GetScanMetricPort()"); }
+    std::string Enabled() { return Results("GetSysHealthEnabled()"); }
+
+    static std::vector<std::string> Traced() {
+        std::vector<std::string> lines;
+        for (const TracedLine &line : TakeTracedLines())
+            lines.push_back(line.component + ": " + line.message);
+        return lines;
+    }
+};
+
+TEST_F(HealthReadOut, BeforeTheFirstIterationTheSubsystemIsOff) {
+    EXPECT_EQ(Enabled(), "false");
+    EXPECT_EQ(Port(), "false 0");
+}
+
+TEST_F(HealthReadOut, BeforeTheFirstIterationMetricsHaveTheirInitialThresholds) {
+    const std::vector<ReadOut> expected{{"rqpct", 0, 50},   {"refusalpct", 0, 10}, {"estab", 0, 50},
+                                        {"scanmb", 0, 100}, {"frepct", 0, 100},    {"delta_t", 0, 100}};
+    EXPECT_EQ(Metrics(), expected);
+}
+
+TEST_F(HealthReadOut, MetricsAreTrueAndSevenTablesWithTheirFieldsAlone) {
+    lua.Run(R"(
+        local results = table.pack(f.GetSysHealthMetrics())
+        assert(results.n == 2 and results[1] == true)
+        local rows, keys = results[2], 0
+        for key in pairs(rows) do keys = keys + 1 end
+        assert(keys == 7 and #rows == 7)
+        for i, row in ipairs(rows) do
+            local names = {}
+            for name in pairs(row) do names[#names + 1] = name end
+            table.sort(names)
+            assert(table.concat(names, ' ') == (i < 7 and 'name threshold value' or 'cpu_count'))
+        end
+        for i = 1, 6 do
+            assert(type(rows[i].name) == 'string')
+            assert(math.type == nil or math.type(rows[i].value) == 'integer')
+            assert(type(rows[i].value) == 'number' and type(rows[i].threshold) == 'number')
+        end)");
+}
+
+TEST_F(HealthReadOut, ThereAreSevenItemsWhicheverMetricsAreEnabled) {
+    for (const std::string &config : {kPort, kRunQueue, kDriverMetrics + kRunQueue + kFreeMemory}) {
+        WriteConfig(config);
+        ASSERT_EQ(Check(), kNormal);
+        EXPECT_EQ(Metrics().size(), 6u) << "and the processors, as its own check has it";
+    }
+}
+
+TEST_F(HealthReadOut, ValuesAreTruncated) {
+    WriteConfig(kRunQueue + kFreeMemory);
+    machine().processorQueue = 7.9;
+    machine().memoryTotal = 10'000 << 10;
+    machine().memoryAvailable = 9999 << 10;
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Metric("rqpct").value, 7);
+    EXPECT_EQ(Metric("frepct").value, 99) << "of 99.99";
+    EXPECT_EQ(lua.Eval("metrics[1].value == 7 and metrics[5].value == 99"), "true") << "no fraction is left";
+}
+
+TEST_F(HealthReadOut, NegativeValuesAreTruncatedTowardZero) {
+    WriteConfig(kRunQueue);
+    machine().processorQueue = -7.9;
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Metric("rqpct").value, -7);
+}
+
+TEST_F(HealthReadOut, ThresholdsAreTruncated) {
+    WriteConfig("SYSTEM_RUNQ_PCT_THRESHOLD=49.75\n");
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 1, 49}));
+}
+
+TEST_F(HealthReadOut, ValuesThatAreNoNumberRaiseNoError) {
+    WriteConfig(kRunQueue);
+    for (const double queue : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+                               -std::numeric_limits<double>::infinity(), 1e300}) {
+        machine().processorQueue = queue;
+        EXPECT_EQ(Check(), queue > 50 ? kFailOpen : kNormal);
+        EXPECT_EQ(lua.ErrorOf("assert(#select(2, f.GetSysHealthMetrics()) == 7)"), "");
+        ExpectLockFree();
+    }
+}
+
+TEST_F(HealthReadOut, ThresholdsAreShownWithoutAFactor) {
+    WriteConfig(kRunQueue + kFreeMemory + "SYSTEM_RECOVERY_FACTOR=50\nSYSTEM_MIN_ACT_DURATION=1\n");
+    machine().processorQueue = 40;
+    ASSERT_EQ(CheckAt(0, "Activated"), kFailOpen);
+    ASSERT_EQ(CheckActivatedAt(60), kFailOpen);
+    ASSERT_EQ(FieldOf(TakeLongLine(), "rqpct"), "40.000(25.000)") << "the recovery check had a factor";
+    EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 40, 50}));
+    EXPECT_EQ(Metric("frepct"), (ReadOut{"frepct", 50, 20}));
+}
+
+TEST_F(HealthReadOut, TheProcessorsAreCountedAtTheReadOut) {
+    const auto processors = [this] {
+        lua.Run("done, metrics = f.GetSysHealthMetrics()");
+        return lua.Eval("metrics[7].cpu_count");
+    };
+    EXPECT_EQ(processors(), "4");
+    machine().processorCount = 64;
+    EXPECT_EQ(processors(), "64");
+    machine().processorCount = 0;
+    EXPECT_EQ(processors(), "0") << "a zero is not looked at";
+}
+
+TEST_F(HealthReadOut, NothingButTheProcessorsIsSampled) {
+    WriteConfig(kDriverMetrics + kRunQueue);
+    ASSERT_EQ(Check(), kNormal);
+    Forget();
+    const std::vector<ReadOut> before = Metrics();
+    (void)Port();
+    (void)Enabled();
+    EXPECT_EQ(Metrics(), before);
+    const Simulator::Journal &journal = simulation().GetJournal();
+    EXPECT_EQ(journal.Count("GetSystemInfo"), 2u);
+    for (const char *function : {"PdhOpenQueryW", "GlobalMemoryStatusEx", "Sleep", "GetSystemTimeAsFileTime"})
+        EXPECT_EQ(journal.Count(function), 0u) << function;
+    EXPECT_TRUE(TakeDriverCalls().empty());
+    EXPECT_TRUE(log.Take().empty());
+}
+
+TEST_F(HealthReadOut, AfterADisabledIterationOnlyTheMetricsAreStillShown) {
+    WriteConfig(kPort + kRunQueue);
+    machine().processorQueue = 7;
+    ASSERT_EQ(Check(), kNormal);
+    ASSERT_EQ(Enabled(), "true");
+    ASSERT_EQ(Port(), "true 443");
+    WriteConfig(kPort + kRunQueue + "SYSTEM_DISABLE_FAIL_OPEN=1\n");
+    ASSERT_EQ(Check(), kDisabled);
+    EXPECT_EQ(Enabled(), "false");
+    EXPECT_EQ(Port(), "false 0") << "although a port is configured";
+    EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 7, 50}));
+}
+
+TEST_F(HealthReadOut, WithoutAConfiguredPortThereIsNone) {
+    WriteConfig(kRunQueue);
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Port(), "false 0");
+}
+
+TEST_F(HealthReadOut, ThePortIsTheConfiguredOneAndNotTheLatchedOne) {
+    WriteConfig(kPort);
+    ASSERT_EQ(Check(), kNormal);
+    WriteConfig("SYSTEM_CONNECTION_REFUSAL_PORT=8443.75\n");
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Port(), "true 8443");
+    EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443") << "the latched one";
+    WriteConfig(kRunQueue);
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Port(), "false 0");
+}
+
+TEST_F(HealthReadOut, APortOfZeroFromAPolicyIsAPort) {
+    ASSERT_EQ(Check("Deactivated", R"({"SYS_CONF_CONN_REFUSAL_PORT": 0})"), kNormal);
+    EXPECT_EQ(Port(), "true 0");
+}
+
+TEST_F(HealthReadOut, ThePortIsShownWhenTheDriverIsUnreachable) {
+    WriteConfig(kPort);
+    driver().present = false;
+    ASSERT_EQ(Check(), kNormal);
+    EXPECT_EQ(Port(), "true 443");
+}
+
+TEST_F(HealthReadOut, ThePortOfTheLastReadingOutlivesIterationsThatFail) {
+    WriteConfig(kPort);
+    machine().processorCount = 0;
+    ASSERT_EQ(Check(), kCollectFailed);
+    EXPECT_EQ(Port(), "true 443");
+    ASSERT_EQ(Check("bad"), kBadArgument);
+    EXPECT_EQ(Port(), "true 443") << "nothing was read anew";
+}
+
+TEST_F(HealthReadOut, EachTracesItsEntryAndItsExit) {
+    WriteConfig(kPort);
+    ASSERT_EQ(Check(), kNormal);
+    Forget();
+    lua.Run("f.GetSysHealthMetrics()");
+    EXPECT_EQ(Traced(), (std::vector<std::string>{"SysHealth.metr: GetSysHealthMetrics() called",
+                                                  "SysHealth.metr: GetSysHealthMetrics() returning"}));
+    lua.Run("f.GetSysHealthEnabled()");
+    EXPECT_EQ(Traced(), (std::vector<std::string>{"SysHealth.eng: GetSysHealthEnabled() called",
+                                                  "SysHealth.eng: GetSysHealthEnabled() returning 1"}));
+    lua.Run("f.GetScanMetricPort()");
+    EXPECT_EQ(Traced(), (std::vector<std::string>{"SysHealth.metr: GetScanMetricPort() called",
+                                                  "SysHealth.eng: GetScanMetricPort() returning"}));
+}
+
+TEST_F(HealthReadOut, TheTracedFlagIsZeroWhenOff) {
+    lua.Run("f.GetSysHealthEnabled()");
+    EXPECT_EQ(Traced(), (std::vector<std::string>{"SysHealth.eng: GetSysHealthEnabled() called",
+                                                  "SysHealth.eng: GetSysHealthEnabled() returning 0"}));
+}
+
+TEST_F(HealthReadOut, TracesNameTheirFunction) {
+    for (const std::string function : {"GetSysHealthMetrics", "GetSysHealthEnabled", "GetScanMetricPort"}) {
+        lua.Run("f." + function + "()");
+        for (const TracedLine &line : TakeTracedLines())
+            EXPECT_NE(line.function.find(function), std::string::npos) << line.function;
+    }
+}
+
+TEST_F(HealthReadOut, ArgumentsAreIgnored) {
+    EXPECT_EQ(Results("GetSysHealthEnabled(1, {}, 'x')"), "false");
+    EXPECT_EQ(Results("GetScanMetricPort(nil, 5)"), "false 0");
+    EXPECT_EQ(lua.Eval("select('#', f.GetSysHealthMetrics(1, 2, 3))"), "2");
+}
+
+TEST_F(HealthReadOut, LuaWithoutMemoryIsALuaErrorThatLeavesTheLockFree) {
+    lua.Run("read = f.GetSysHealthMetrics");
+    int failures = 0;
+    while (CallWithShortMemory(lua, "read", failures) != LUA_OK && failures < 1000) {
+        ExpectLockFree();
+        EXPECT_STREQ(lua_tostring(lua, -1), "not enough memory");
+        lua_settop(lua, 0);
+        lua_gc(lua, LUA_GCCOLLECT, 0);
+        ++failures;
+    }
+    EXPECT_GE(failures, 8) << "eight tables need memory";
+    EXPECT_LT(failures, 1000);
+}
+
+TEST_F(HealthReadOut, AnyStateOfTheProcessSeesTheSame) {
+    WriteConfig(kPort);
+    ASSERT_EQ(Check(), kNormal);
+    LuaState other;
+    Open(other);
+    EXPECT_EQ(other.Eval("select(2, SLB.filter.GetScanMetricPort())"), "443");
+}
+
+}  // namespace
