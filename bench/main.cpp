@@ -8,6 +8,7 @@
 
 #include "Bench.h"
 #include "ConnMetricsBench.h"
+#include "HealthBench.h"
 
 int main(int argc, char **argv) {
     const bool json = argc == 3 && std::strcmp(argv[1], "--json") == 0;
@@ -18,6 +19,7 @@ int main(int argc, char **argv) {
     const wxInitializer wx;
     Report report;
     BenchConnMetrics(report);
+    BenchHealth(report);
     report.Print();
     if (json && !report.WriteJson(argv[2])) {
         std::fprintf(stderr, "fc-bench: can't write '%s': is its folder there, and writable?\n", argv[2]);
