@@ -1,4 +1,13 @@
 std = "lua52"
 max_line_length = 120
 -- The module's functions, and the host program's side.
-read_globals = { "SLB", "host" }
+read_globals = {
+    "SLB",
+    host = {
+        other_fields = true,
+        fields = {
+            driver = { read_only = false, other_fields = true },
+            machine = { read_only = false, other_fields = true },
+        },
+    },
+}

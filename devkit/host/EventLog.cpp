@@ -5,6 +5,7 @@
 
 #include "Json.h"
 #include "Text.h"
+#include "WallClock.h"
 
 using VtaCore::Control::Notification;
 
@@ -99,6 +100,11 @@ std::string EventLog::AsJson() const {
 }
 
 void EventLog::Keep(HostEvent event) {
+    if (m_history != nullptr) {
+        const bool isEvent = event.kind == HostEvent::Kind::Event;
+        m_history->AddNote(isEvent ? HealthNote::Kind::Event : HealthNote::Kind::Notification, WallClockSeconds(),
+                           "(" + std::to_string(event.number) + ") " + event.text);
+    }
     const std::lock_guard<std::mutex> guard(m_lock);
     m_events.push_back(std::move(event));
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "HealthHistory.h"
 #include "vta_core_control.h"
 
 /// An agent event or a notification. All texts are UTF-8.
@@ -26,6 +27,8 @@ class EventLog : public VtaCore::Control::Observer {
 public:
     /// @param print  also print what happens.
     void SetPrinting(bool print) { m_print = print; }
+    /// @param history  is told of events and notifications; outlives the log. Before anything happens.
+    void SetHistory(HealthHistory *history) { m_history = history; }
 
     void OnTrace(const VtaCore::Control::TraceLine &trace) override;
     void OnEvent(const VtaCore::Control::Event &event) override;
@@ -42,6 +45,7 @@ private:
     void Keep(HostEvent event);
 
     bool m_print = true;
+    HealthHistory *m_history = nullptr;
     mutable std::mutex m_lock;
     std::vector<HostEvent> m_events;
     std::size_t m_taken = 0;

@@ -1,18 +1,32 @@
 // Time, for scripts.
 #include "HostState.h"
 
+#include <cmath>
+
 #include <windows.h>
+
+#include "WallClock.h"
 
 namespace {
 
 /// No wait may be longer; some 31 years.
 constexpr lua_Number kMaxSeconds = 1e9;
 constexpr lua_Number kMaxSleepSeconds = 4'000'000;
+/// The end of the year 9999.
+constexpr lua_Number kMaxWallSeconds = 253'402'300'799;
 
 lua_Number CheckSeconds(lua_State *L, lua_Number limit) {
     const lua_Number seconds = luaL_checknumber(L, 1);
     luaL_argcheck(L, seconds >= 0 && seconds <= limit, 1, "seconds out of range");
     return seconds;
+}
+
+/// The system, which must have a simulated clock.
+SimulatedSystem &CheckClock(lua_State *L, const char *function) {
+    SimulatedSystem &system = HostOf(L).system;
+    if (!system.HasClock())
+        luaL_error(L, "%s needs a simulated clock: start fc-host with --fast N", function);
+    return system;
 }
 
 /// Lua: host.sleep(seconds). On the simulated clock, if there is one.
@@ -23,22 +37,23 @@ int SleepSeconds(lua_State *L) {
 
 /// Lua: seconds = host.time(). Since 1970, UTC, with a fraction.
 int GetTime(lua_State *L) {
-    constexpr lua_Number intervalsPerSecond = 1e7;
-    constexpr lua_Number secondsFrom1601To1970 = 11'644'473'600.0;
-    FILETIME time{};
-    GetSystemTimeAsFileTime(&time);
-    const ULARGE_INTEGER intervals{{time.dwLowDateTime, time.dwHighDateTime}};
-    lua_pushnumber(L, static_cast<lua_Number>(intervals.QuadPart) / intervalsPerSecond - secondsFrom1601To1970);
+    lua_pushnumber(L, WallClockSeconds());
     return 1;
 }
 
 /// Lua: host.advance(seconds). Puts the simulated clock forward at once.
 int AdvanceClock(lua_State *L) {
     const lua_Number seconds = CheckSeconds(L, kMaxSeconds);
-    Clock &clock = HostOf(L).clock;
-    if (!clock.IsSimulated())
-        return luaL_error(L, "host.advance needs a simulated clock: start fc-host with --fast N");
-    clock.Advance(seconds);
+    CheckClock(L, "host.advance").Advance(seconds);
+    return 0;
+}
+
+/// Lua: host.set_wall_clock(seconds_since_1970). Sets the time of day of the simulated clock, also backwards, to
+/// a whole second; sleeps and waits do not notice.
+int SetWallClock(lua_State *L) {
+    const lua_Number seconds = std::floor(luaL_checknumber(L, 1));
+    luaL_argcheck(L, seconds >= 0 && seconds <= kMaxWallSeconds, 1, "seconds out of range");
+    CheckClock(L, "host.set_wall_clock").SetWallClock(static_cast<std::int64_t>(seconds));
     return 0;
 }
 
@@ -46,10 +61,8 @@ int AdvanceClock(lua_State *L) {
 
 void AddClockFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {
-        {"sleep", SleepSeconds},
-        {"time", GetTime},
-        {"advance", AdvanceClock},
-        {nullptr, nullptr},
+        {"sleep", SleepSeconds},          {"time", GetTime},  {"advance", AdvanceClock},
+        {"set_wall_clock", SetWallClock}, {nullptr, nullptr},
     };
     AddFunctions(L, host, functions);
 }

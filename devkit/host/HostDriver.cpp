@@ -98,6 +98,11 @@ int SetField(lua_State *L) {
     return 0;
 }
 
+/// Lua: pairs goes through the fields too.
+int ListFields(lua_State *L) {
+    return PairsWithFields(L, kFields);
+}
+
 // Its functions.
 
 /// The index of a filter variable at the stack index 1.
@@ -144,6 +149,59 @@ int SetCounters(lua_State *L) {
     return 0;
 }
 
+/// Raises an error unless there is an array of strings of at most 64 bytes each.
+void CheckConnections(lua_State *L, int index) {
+    constexpr std::size_t maxConnections = 65'535;
+    luaL_checktype(L, index, LUA_TTABLE);
+    luaL_argcheck(L, lua_rawlen(L, index) <= maxConnections, index, "at most 65535 connections");
+    for (std::size_t i = 0; i < lua_rawlen(L, index); ++i) {
+        lua_rawgeti(L, index, static_cast<int>(i + 1));
+        const bool fits = lua_type(L, -1) == LUA_TSTRING && lua_rawlen(L, -1) <= sizeof(Vti::Connection);
+        luaL_argcheck(L, fits, index, "a connection is a string of at most 64 bytes");
+        lua_pop(L, 1);
+    }
+}
+
+/// What CheckConnections has passed. Raises no error.
+std::vector<Vti::Connection> ToConnections(lua_State *L, int index) {
+    std::vector<Vti::Connection> connections(lua_rawlen(L, index));
+    int number = 0;
+    for (Vti::Connection &connection : connections) {
+        lua_rawgeti(L, index, ++number);
+        std::memcpy(connection.bytes.data(), lua_tostring(L, -1), lua_rawlen(L, -1));
+        lua_pop(L, 1);
+    }
+    return connections;
+}
+
+/// Lua: host.driver.set_connections(udp, tcp). Arrays of strings, the entries of both tables; shorter ones are filled
+/// up with zeros.
+int SetConnections(lua_State *L) {
+    CheckConnections(L, 1);
+    CheckConnections(L, 2);
+    WithDriver([L](Vti::Driver &driver) {
+        driver.udp = ToConnections(L, 1);
+        driver.tcp = ToConnections(L, 2);
+    });
+    return 0;
+}
+
+int SetBytes(lua_State *L, std::vector<std::uint8_t> Vti::Driver::*field) {
+    const std::string_view bytes = CheckText(L, 1);
+    WithDriver([field, bytes](Vti::Driver &driver) { (driver.*field).assign(bytes.begin(), bytes.end()); });
+    return 0;
+}
+
+/// Lua: host.driver.set_blacklist(bytes)
+int SetBlacklist(lua_State *L) {
+    return SetBytes(L, &Vti::Driver::blacklist);
+}
+
+/// Lua: host.driver.set_profile(bytes)
+int SetProfile(lua_State *L) {
+    return SetBytes(L, &Vti::Driver::profile);
+}
+
 /// Lua: host.driver.set_fault(operation, status, text). The operation fails until clear_faults.
 int SetFault(lua_State *L) {
     const std::string_view operation = CheckText(L, 1);
@@ -179,12 +237,16 @@ void AddDriverFunctions(lua_State *L, HostState &host) {
         {"get_variable", GetVariable},
         {"set_variable", SetVariable},
         {"set_counters", SetCounters},
+        {"set_connections", SetConnections},
+        {"set_blacklist", SetBlacklist},
+        {"set_profile", SetProfile},
         {"set_fault", SetFault},
         {"clear_faults", ClearFaults},
         {"trace", TraceLine},
         {nullptr, nullptr},
     };
-    constexpr luaL_Reg fieldFunctions[] = {{"__index", GetField}, {"__newindex", SetField}, {nullptr, nullptr}};
+    constexpr luaL_Reg fieldFunctions[] = {
+        {"__index", GetField}, {"__newindex", SetField}, {"__pairs", ListFields}, {nullptr, nullptr}};
 
     lua_newtable(L);
     AddFunctions(L, host, driverFunctions);

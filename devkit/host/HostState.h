@@ -6,16 +6,18 @@
 
 #include <lua.hpp>
 
-#include "Clock.h"
 #include "EventLog.h"
+#include "HealthHistory.h"
 #include "Options.h"
+#include "SimulatedSystem.h"
 #include "ZipFile.h"
 #include "vta_core.h"
 
 struct HostState {
     Options options;
     EventLog events;
-    Clock clock;
+    std::unique_ptr<HealthHistory> history;  ///< Null unless a report is wanted.
+    SimulatedSystem system;
     std::unique_ptr<VtaCore::CDom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
 };
@@ -36,7 +38,10 @@ void AddHandleFunctions(lua_State *L, HostState &host);
 void AddZipFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
+void AddMachineFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
+void AddReportFunctions(lua_State *L, HostState &host);
+void AddModuleFunctions(lua_State *L, HostState &host);
 
 /// Makes the global table `host`, lets require find the modules beside the program, and opens files
 /// by names in UTF-8. Raises Lua errors.

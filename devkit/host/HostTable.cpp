@@ -33,7 +33,10 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddZipFunctions(L, host);
     AddJsonFunctions(L, host);
     AddClockFunctions(L, host);
+    AddMachineFunctions(L, host);
     AddEventFunctions(L, host);
+    AddReportFunctions(L, host);
+    AddModuleFunctions(L, host);
     lua_setglobal(L, "host");
 
     lua_getglobal(L, "package");

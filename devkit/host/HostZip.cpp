@@ -50,12 +50,35 @@ int CloseZip(lua_State *L) {
     return 0;
 }
 
+/// Lua: files = host.read_zip(path). The files in it: an array of tables with `name` and `content`.
+int ReadZip(lua_State *L) {
+    const std::string_view path = CheckText(L, 1);
+    bool pushed = false;
+    {
+        const std::optional<std::vector<ZippedFile>> files = ReadZipFile(wxString(ToWide(path)));
+        pushed = PushProtected(L, [&](lua_State *state) {
+            if (!files)
+                luaL_error(state, "cannot read %s", path.data());
+            lua_createtable(state, static_cast<int>(files->size()), 0);
+            int index = 0;
+            for (const ZippedFile &file : *files) {
+                lua_createtable(state, 0, 2);
+                SetField(state, "name", file.name);
+                SetField(state, "content", file.content);
+                lua_rawseti(state, -2, ++index);
+            }
+        });
+    }
+    return pushed ? 1 : lua_error(L);
+}
+
 }  // namespace
 
 void AddZipFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {
         {"zip", NewZip},
         {"close_zip", CloseZip},
+        {"read_zip", ReadZip},
         {nullptr, nullptr},
     };
     AddFunctions(L, host, functions);

@@ -43,3 +43,26 @@ inline void SetField(lua_State *L, const char *name, int number) {
     lua_pushinteger(L, number);
     lua_setfield(L, -2, name);
 }
+
+/// What a table's __pairs yields: the function that steps, and a table of what the table holds and of the values
+/// that its __index has for the fields.
+/// @param fields  each with a name.
+template <typename Field, std::size_t count>
+int PairsWithFields(lua_State *L, const Field (&fields)[count]) {
+    lua_settop(L, 1);
+    lua_pushcfunction(L, [](lua_State *state) {
+        lua_settop(state, 2);
+        return lua_next(state, 1) != 0 ? 2 : 0;
+    });
+    lua_newtable(L);
+    for (lua_pushnil(L); lua_next(L, 1) != 0;) {
+        lua_pushvalue(L, -2);
+        lua_insert(L, -2);
+        lua_rawset(L, -4);
+    }
+    for (const Field &field : fields) {
+        lua_getfield(L, 1, field.name);
+        lua_setfield(L, -2, field.name);
+    }
+    return 2;
+}

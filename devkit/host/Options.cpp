@@ -41,6 +41,8 @@ const Setting kSettings[] = {
      [](Options &options, const std::wstring &value) { return TakeText(options.traces.emplace_back(), value); }},
     {L"--events", L"the name of the JSON file to write",
      [](Options &options, const std::wstring &value) { return TakeText(options.eventsFile, value); }},
+    {L"--report", L"the name of the HTML file to write",
+     [](Options &options, const std::wstring &value) { return TakeText(options.reportFile, value); }},
     {L"--settings", L"the name of the file that keeps the settings",
      [](Options &options, const std::wstring &value) { return TakeText(options.settingsFile, value); }},
     {L"--fast", L"how many times faster the clock runs, from 1 to 1000000", TakeFast},
@@ -135,8 +137,9 @@ const char *HelpText() {
            "  -i                 opens a prompt instead of running a script\n"
            "  --fast N           runs on a simulated clock that is N times faster\n"
            "  --trace COMPONENT  prints the trace of a component, * for all; may be repeated\n"
-           "  --quiet            prints neither traces nor events\n"
+           "  --quiet            prints neither traces, events nor log lines\n"
            "  --events FILE      writes all events and notifications to a JSON file at the end\n"
+           "  --report FILE      writes a HTML page about the health iterations at the end\n"
            "  --settings FILE    keeps the agent's settings in a file\n"
            "  --help, --version\n"
            "\n"

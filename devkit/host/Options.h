@@ -8,11 +8,12 @@
 struct Options {
     bool help = false;
     bool version = false;
-    bool quiet = false;        ///< No trace lines and events on the console.
+    bool quiet = false;        ///< No traces, events and log lines on the console.
     bool interactive = false;  ///< A prompt instead of a script.
     unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0 is the real clock.
     std::vector<std::wstring> traces;
     std::wstring eventsFile;    ///< Empty: none.
+    std::wstring reportFile;    ///< Empty: none.
     std::wstring settingsFile;  ///< Empty: settings are kept in memory.
     std::wstring script;
     std::vector<std::wstring> arguments;  ///< Of the script.

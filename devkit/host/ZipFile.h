@@ -1,8 +1,11 @@
-// A diagnostic package that is written to a file.
+// Diagnostic packages as files: one that is written, and what is in one.
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <wx/wfstream.h>
 
@@ -25,3 +28,11 @@ private:
     std::unique_ptr<wxFileOutputStream> m_file;
     VtaCore::CZipOutputStream m_zip;
 };
+
+struct ZippedFile {
+    std::string name;  ///< In UTF-8.
+    std::string content;
+};
+
+/// The files in a package, in their order; nothing where it can't be read to its end.
+std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path);

@@ -10,8 +10,10 @@
 
 #include "Files.h"
 #include "HostState.h"
+#include "HostLog.h"
 #include "LuaEdge.h"
 #include "Program.h"
+#include "ReportPage.h"
 #include "Script.h"
 #include "Text.h"
 
@@ -60,16 +62,31 @@ bool WriteEvents(const HostState &host) {
     return false;
 }
 
+bool WriteReport(const HostState &host) {
+    if (host.history == nullptr)
+        return true;
+    std::string error;
+    if (WriteWholeFile(host.options.reportFile, MakeReportPage(*host.history, ToUtf8(host.options.script)), error))
+        return true;
+    (void)Complain(error);
+    return false;
+}
+
 /// What has to happen however the program ends: a script may call os.exit.
 void EndHost() {
     HostState &host = TheHost();
     VtaCore::Control::SetObserver(nullptr);
     host.zips.clear();
     (void)WriteEvents(host);
+    (void)WriteReport(host);
 }
 
 void StartHost(HostState &host) {
+    delete wxLog::SetActiveTarget(new HostLog(!host.options.quiet, host.history.get()));
+    // Else the module does not tell of its health iterations.
+    wxLog::SetVerbose(host.history != nullptr);
     host.events.SetPrinting(!host.options.quiet);
+    host.events.SetHistory(host.history.get());
     VtaCore::Control::SetObserver(&host.events);
     for (const std::wstring &component : host.options.traces)
         VtaCore::Control::EnableTrace(wxString(component), true);
@@ -145,10 +162,12 @@ int Run(const Options &options) {
     HostState &host = TheHost();
     host.options = options;
     // Before the script has run, so that a name that can't be written is no surprise afterwards.
-    if (!WriteEvents(host))
+    if (!options.reportFile.empty())
+        host.history = std::make_unique<HealthHistory>();
+    if (!WriteEvents(host) || !WriteReport(host))
         return kCannotRun;
     if (options.fast > 0)
-        host.clock.StartFast(options.fast);
+        host.system.StartFastClock(options.fast);
     StartHost(host);
     return RunLua(options, script);
 }

@@ -126,12 +126,13 @@ void Balance::Remember(HMODULE module) {
     m_modules.push_back(std::move(entry));
 }
 
-AllocationFaultHandle Balance::FailAllocation(unsigned nth, HMODULE module, DWORD thread) {
+AllocationFaultHandle Balance::FailAllocation(unsigned nth, HMODULE module, DWORD thread, bool newToo) {
     const InsideSimulator inside;
     auto fault = std::make_shared<AllocationFault>();
     fault->m_nth = nth;
     fault->m_module = module;
     fault->m_thread = thread;
+    fault->m_newToo = newToo;
     const LockGuard guard(m_lock);
     m_faults.push_back(fault);
     m_hasFaults = true;
@@ -146,14 +147,16 @@ void Balance::CancelAllocationFaults() {
     m_hasFaults = false;
 }
 
-bool Balance::FailsByPlan(const void *caller) {
+bool Balance::FailsByPlan(const Request &request) {
     if (!m_hasFaults)
         return false;
+    const bool byNew = std::strcmp(request.function, kOperatorNew) == 0;
     const LockGuard guard(m_lock);
     bool fails = false;
     for (const AllocationFaultHandle &fault : m_faults) {
-        if ((fault->m_thread == 0 || fault->m_thread == GetCurrentThreadId()) &&
-            (fault->m_module == nullptr || ImageContains(fault->m_module, caller)) && ++fault->m_seen == fault->m_nth) {
+        if ((fault->m_newToo || !byNew) && (fault->m_thread == 0 || fault->m_thread == GetCurrentThreadId()) &&
+            (fault->m_module == nullptr || ImageContains(fault->m_module, request.caller)) &&
+            ++fault->m_seen == fault->m_nth) {
             fault->m_hit = true;
             fails = true;
         }

@@ -67,6 +67,7 @@ private:
     unsigned m_seen = 0;
     HMODULE m_module = nullptr;
     DWORD m_thread = 0;
+    bool m_newToo = true;
     std::atomic<bool> m_hit{false};
 };
 using AllocationFaultHandle = std::shared_ptr<AllocationFault>;
@@ -96,7 +97,8 @@ public:
     /// @param module  counts only those that this watched module asks for itself, by the C runtime or (MinGW)
     ///                operator new; null for all.
     /// @param thread  counts only those of this thread; 0 for all.
-    AllocationFaultHandle FailAllocation(unsigned nth, HMODULE module = nullptr, DWORD thread = 0);
+    /// @param newToo  counts those by operators new, too.
+    AllocationFaultHandle FailAllocation(unsigned nth, HMODULE module = nullptr, DWORD thread = 0, bool newToo = true);
     void CancelAllocationFaults();
 
     /// Puts new blocks of the C runtime's heap on the guarded heap.
@@ -116,6 +118,7 @@ public:
     void Remember(HMODULE module);
 
     // For the replacements of the memory functions.
+    static constexpr char kOperatorNew[] = "operator new";
     struct Request {
         const char *function;
         std::size_t size;
@@ -128,7 +131,7 @@ public:
     void *Allocate(const Request &request, Real real) {
         if (!m_recording || InsideSimulator::Here())
             return real();
-        if (FailsByPlan(request.caller))
+        if (FailsByPlan(request))
             return nullptr;
         const bool guarded = m_guarding && request.guardable && request.alignment <= GuardedHeap::kPage;
         void *block = guarded ? m_guarded.Allocate(request.size, request.alignment) : real();
@@ -157,7 +160,7 @@ public:
             return real();
         if (known.guarded || (m_guarding && request.guardable))
             return Move(block, known.size, request, make, end);
-        if (!InsideSimulator::Here() && FailsByPlan(request.caller))
+        if (!InsideSimulator::Here() && FailsByPlan(request))
             return nullptr;
         Forget(block, known);
         void *moved = real();
@@ -192,7 +195,7 @@ private:
     using Items = std::multimap<ItemKey, BalanceItem, std::less<>, PrivatePair<ItemKey, BalanceItem>>;
 
     Balance() = default;
-    [[nodiscard]] bool FailsByPlan(const void *caller);
+    [[nodiscard]] bool FailsByPlan(const Request &request);
     void Record(void *block, const Request &request, bool guarded);
     void Restore(void *block, const Block &known);
     void InsertLocked(void *block, const Block &known);

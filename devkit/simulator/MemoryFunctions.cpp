@@ -56,7 +56,7 @@ const ThreadWord askedForNew;
 
 Balance::Request RequestOf(const char *function, std::size_t size, const void *caller) {
     if (const std::uintptr_t asker = askedForNew.Get())
-        return {"operator new", size, reinterpret_cast<const void *>(asker)};
+        return {Balance::kOperatorNew, size, reinterpret_cast<const void *>(asker)};
     return {function, size, caller};
 }
 

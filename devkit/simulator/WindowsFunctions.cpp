@@ -23,7 +23,8 @@ void InstallFiles(FunctionSet &functions) {
     using namespace System;
     PassThrough<CreateFileW, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
                 DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindClose, fopen, _wfopen, fopen_s,
-                _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose>(functions);
+                _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose, GetFileVersionInfoSizeW,
+                GetFileVersionInfoW, VerQueryValueW>(functions);
 }
 
 }  // namespace Simulator

@@ -48,6 +48,9 @@ SIMULATOR_FUNCTION(fwrite, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(fflush, kCRuntime, SetsErrnoReturnsEof);
 SIMULATOR_FUNCTION(ferror, kCRuntime, ReturnsStatus);
 SIMULATOR_FUNCTION(fclose, kCRuntime, CannotFail);
+SIMULATOR_FUNCTION(GetFileVersionInfoSizeW, "VERSION.dll", ReturnsZero);
+SIMULATOR_FUNCTION(GetFileVersionInfoW, "VERSION.dll", ReturnsZero);
+SIMULATOR_FUNCTION(VerQueryValueW, "VERSION.dll", ReturnsZero);
 
 // Folders
 SIMULATOR_FUNCTION(GetSystemDirectoryW, "KERNEL32.dll", ReturnsZero);

@@ -38,6 +38,8 @@ void RecordCall(const char *operation, const std::string &arguments) {
     if (calls.size() >= kMaxCalls)
         calls.erase(calls.begin(), calls.begin() + kMaxCalls / 2);
     calls.push_back(std::string(operation) + "(" + arguments + ")");
+    if (TheDriver().onCall)
+        TheDriver().onCall(TheDriver(), std::string(calls.back()));
 }
 
 const Fault *NextFault(const char *operation) {

@@ -18,6 +18,12 @@ void RecordDump(const char *operation) {
     RecordCall(operation, "");
 }
 
+/// A copy: what is printed must not hold the lock.
+std::vector<std::string> StatsLines() {
+    const std::lock_guard<std::mutex> guard(Lock());
+    return TheDriver().statsLines;
+}
+
 std::string Hex(const uint8_t *bytes, std::size_t size) {
     constexpr char digits[] = "0123456789abcdef";
     std::string text;
@@ -56,6 +62,8 @@ void qb_dump_stats(DumpContext *context, const StatsRecord *record) {
     DumpRegion(context, "first", record->first);
     DumpRegion(context, "second", record->second);
     DumpRegion(context, "third", record->third);
+    for (const std::string &line : StatsLines())
+        context->print(context, "%s", line.c_str());
 }
 
 void qb_dump_filter_variable(DumpContext *context, const FilterVariable *variable, int32_t) {

@@ -46,9 +46,12 @@ Outcome ReadVariable(const Driver &driver, uint32_t index, FilterVariable *varia
 }  // namespace
 
 int32_t vti_get_stats(vti_handle_t *handle, StatsRecord *record, uint32_t size) {
-    return Perform("vti_get_stats", handle, std::to_string(size), [&](const Driver &driver) -> Outcome {
+    return Perform("vti_get_stats", handle, std::to_string(size), [&](Driver &driver) -> Outcome {
         if (record == nullptr || size != sizeof(StatsRecord))
             return {kInvalidRequest, "a statistics record has 6192 bytes"};
+        const auto *bytes = reinterpret_cast<const uint8_t *>(record);
+        driver.statsRequest.assign(bytes, bytes + sizeof *record);
+        driver.statsAddress = reinterpret_cast<std::uintptr_t>(record);
         if (!IsStatsRequest(*record))
             return {kInvalidRequest, "the words of the statistics record are not those of a request"};
         if (!PointsIntoItself(*record))

@@ -33,14 +33,14 @@ void CopyEntries(const std::vector<Connection> &connections, ConnTrackHeader *bl
 
 /// Tells the size where there is no room, else copies what the room holds.
 /// @return what the word that held the room has to hold now, bytes.
-uint32_t SizeOrCopy(const std::vector<uint8_t> &bytes, uint32_t room, void *target) {
+uint32_t SizeOrCopy(const Driver &driver, const std::vector<uint8_t> &bytes, uint32_t room, void *target) {
     const auto size = static_cast<uint32_t>(bytes.size());
     if (room == 0)
         return size;
     const uint32_t copied = std::min(room, size);
     if (copied != 0)
         std::memcpy(target, bytes.data(), copied);
-    return copied;
+    return copied + driver.overstatement;
 }
 
 }  // namespace
@@ -55,8 +55,10 @@ int32_t vti_get_conntrack(vti_handle_t *handle, ConnTrackHeader *block, uint32_t
             return {kInvalidRequest, "the size of the connection table does not fit its number of entries"};
         if (block->protocol == kTotals)
             block->entry_ct = AsEntryCount(driver.udp.size() + driver.tcp.size());
-        else
+        else {
             CopyEntries(block->protocol == kUdp ? driver.udp : driver.tcp, block);
+            block->entry_ct = AsEntryCount(block->entry_ct + std::size_t{driver.overstatement});
+        }
         return {};
     });
 }
@@ -66,7 +68,7 @@ int32_t vti_get_blacklist(vti_handle_t *handle, BlacklistRecord *record) {
     return Perform("vti_get_blacklist", handle, std::to_string(room), [&](const Driver &driver) -> Outcome {
         if (record == nullptr)
             return {kInvalidRequest, "no record for the blacklist"};
-        record->bodySize = SizeOrCopy(driver.blacklist, room, record + 1);
+        record->bodySize = SizeOrCopy(driver, driver.blacklist, room, record + 1);
         return {};
     });
 }
@@ -76,7 +78,7 @@ int32_t vti_get_profile_stats(vti_handle_t *handle, uint32_t *buffer) {
     return Perform("vti_get_profile_stats", handle, std::to_string(room), [&](const Driver &driver) -> Outcome {
         if (buffer == nullptr)
             return {kInvalidRequest, "no buffer for the profile"};
-        *buffer = SizeOrCopy(driver.profile, room, buffer + 1);
+        *buffer = SizeOrCopy(driver, driver.profile, room, buffer + 1);
         return {};
     });
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -38,12 +39,19 @@ struct Driver {
     std::vector<uint8_t> profile;
     std::array<uint64_t, 10> scanCounters{};
     std::array<uint32_t, 2> scanShape{10, 1};  ///< What vti_get_scan_metrics answers as counters per row and rows.
-    std::map<std::string, Fault> faults;       ///< By the operation's name, such as "vti_get_stats".
+    /// By how much a read of a table, the blacklist or the profile claims to have filled in more than it has.
+    uint32_t overstatement = 0;
+    std::vector<std::string> statsLines;  ///< What qb_dump_stats prints behind the statistics, a call each.
+    std::map<std::string, Fault> faults;  ///< By the operation's name, such as "vti_get_stats".
+    /// Sees each operation as `calls` has it before it does its work, and may change what the driver has. Under `Lock`.
+    std::function<void(Driver &, const std::string &call)> onCall;
 
     // What the module did.
     std::vector<std::string> calls;  ///< Every operation in order, with its plain arguments.
     int openHandles = 0;
     std::vector<uint8_t> monitorRequest;  ///< The last ScanMonitorRequest, whole.
+    std::vector<uint8_t> statsRequest;    ///< The last StatsRecord as it came in, whole,
+    std::uintptr_t statsAddress = 0;      ///< and where it lay.
     volatile unsigned *profilerBlockfilter = nullptr;
     volatile unsigned *profilerRunning = nullptr;
     int32_t traceLevel = 0;

@@ -585,6 +585,44 @@ TEST_F(Sampling, ADriverThatAnswersNoRowsLeavesRatesAndBaseline) {
     EXPECT_EQ(Metric("estab").value, 20) << "800 more than what was last counted";
 }
 
+TEST_F(Sampling, ADriverThatClaimsMoreThanOneRowOfTenCountersIsReadNoFurtherThanTheRecord) {
+    WriteConfig(kDriverMetrics);
+    std::uint64_t established = 0;
+    double at = 0;
+    for (const std::array<std::uint32_t, 2> shape :
+         {std::array<std::uint32_t, 2>{10, 1}, {11, 1}, {10, 2}, {0x7FFFFFFF, 1}, {0x7FFFFFFF, 0x7FFFFFFF}}) {
+        SCOPED_TRACE(std::to_string(shape[0]) + " by " + std::to_string(shape[1]));
+        driver().scanShape = shape;
+        SetTotals({.established = established += 400});
+        ASSERT_EQ(CheckAt(at), kNormal);
+        EXPECT_EQ(Metric("estab").value, at == 0 ? 0 : 10);
+        at += 10;
+    }
+}
+
+TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOfThoseAlone) {
+    WriteConfig(kDriverMetrics);
+    SetTotals({});
+    ASSERT_EQ(CheckAt(0), kNormal);
+    driver().scanShape = {3, 1};
+    SetTotals({.established = 400, .bytesForward = 400 * 1024 * 1024});
+    ASSERT_EQ(CheckAt(10), kNormal);
+    EXPECT_EQ(Metric("estab").value, 10);
+    EXPECT_EQ(Metric("scanmb").value, 0);
+}
+
+TEST_F(Sampling, AFirstAnswerWithoutRowsIsNoBaselineAndTheDriverIsToldItsPortAgain) {
+    WriteConfig(kDriverMetrics);
+    driver().scanShape = {10, 0};
+    SetTotals({.established = 5000});
+    ASSERT_EQ(CheckAt(0), kNormal);
+    (void)TakeDriverCalls();
+    driver().scanShape = {10, 1};
+    ASSERT_EQ(CheckAt(10), kNormal);
+    EXPECT_TRUE(HasBeginning(TakeDriverCalls(), "vti_set_scan_monitoring"));
+    EXPECT_EQ(Metric("estab").value, 0) << "this pass lays the baseline";
+}
+
 // ---- Odd figures
 
 TEST_F(Sampling, AQueueThatIsNoNumberIsPastNoLimit) {

@@ -386,6 +386,15 @@ TEST_F(Balanced, FailsAllocationsOfTheNamedModuleAlone) {
     EXPECT_FALSE(fault->Hit()) << "cancelled";
 }
 
+TEST_F(Balanced, LeavesOperatorsNewAloneWhereTheyDoNotCount) {
+    const auto fault = balance.FailAllocation(1, nullptr, GetCurrentThreadId(), false);
+    void *const fromNew = New(10);
+    EXPECT_FALSE(fault->Hit());
+    Delete(static_cast<char *>(fromNew));
+    EXPECT_EQ(Allocate(10), nullptr);
+    EXPECT_TRUE(fault->Hit());
+}
+
 TEST_F(Balanced, FailsAllocationsOfTheNamedThreadAlone) {
     const auto fault = balance.FailAllocation(1, nullptr, GetCurrentThreadId());
     void *other = nullptr;

@@ -5,9 +5,9 @@
 
 ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simulation(parts) {
     m_simulation.GetClock().Step();
-    // The libraries that the module shares the heap with are there already, the module is not.
+    // The libraries that the module shares the heap with come before it, whether the program uses them or not.
     for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
-        Watch(GetModuleHandleW(name));
+        Watch(LoadLibraryW(name));
     Watch(GetModuleHandleW(nullptr));
     m_simulation.AttachWhenLoaded(L"fc.dll");
     m_module = std::make_unique<FcModule>();

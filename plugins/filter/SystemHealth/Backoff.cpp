@@ -20,7 +20,7 @@ void loadBackoffState(const VtaCore::CDom &dom) {
     // The two are parsed unalike on purpose: a wait has 32 bits.
     unsigned long wait = 0;
     if (!waitText.empty() && waitText.ToULong(&wait, kDecimal))
-        backoff_wait = wait;
+        backoff_wait = wait;  // also one above the longest wait, which caps growth alone
     wxULongLong_t check = 0;
     if (!checkText.empty() && checkText.ToULongLong(&check, kDecimal))
         last_check = check;

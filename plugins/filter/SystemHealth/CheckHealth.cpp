@@ -69,7 +69,7 @@ const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceS
 std::optional<Arguments> ReadArguments(lua_State *L, const TraceSite &site) {
     VtaCore::CDom *const dom = GetDomArg(L);
     if (dom == nullptr)
-        return std::nullopt;
+        return std::nullopt;  // the one wrong argument that nothing is said about
     const char *const stateText = StringArg(L, 2, nullptr, site);
     if (stateText == nullptr)
         return std::nullopt;
@@ -86,7 +86,7 @@ std::optional<Arguments> ReadArguments(lua_State *L, const TraceSite &site) {
 /// @return accepted values, less than one for nothing to go by.
 std::int32_t ReadConfiguration(const Arguments &arguments, const TraceSite &site) {
     Trace(site, "cloud_config size[%d]:%s ", static_cast<int>(arguments.cloudConfigLength),
-          TextForMessage(arguments.cloudConfig));
+          OutsideText{arguments.cloudConfig});
     const std::int32_t activated = arguments.state == FailOpenState::Activated ? 1 : 0;
     const std::int32_t count = arguments.cloudConfigLength == 0
                                    ? readSystemHealthConfig(*arguments.dom, activated)
@@ -97,7 +97,7 @@ std::int32_t ReadConfiguration(const Arguments &arguments, const TraceSite &site
 }
 
 /// Takes out the metrics that need a port when there is none.
-/// @return false if there was one of them.
+/// @return false if there was one of them: it switches the whole subsystem off for this iteration.
 bool GuardPort(std::int32_t &count) {
     struct NeedsPort {
         ConfigRow row;
@@ -150,6 +150,7 @@ Action TakeSample(Sample &sample, const TraceSite &site) {
     return actionNormal;
 }
 
+/// Whole minutes. Less than one becomes 0, with which every iteration in fail-open is a recovery check.
 std::uint64_t ConfiguredMinutes(ConfigRow row, double otherwise) {
     return static_cast<std::uint64_t>(sysHealthConfig[row].is_set != 0 ? sysHealthConfig[row].value : otherwise);
 }

@@ -41,6 +41,7 @@ void GrowBackoff(const FailOpenInput &input, std::int32_t overCount) {
 }
 
 FailOpenResult CheckRecovery(const FailOpenInput &input, FailOpenResult result) {
+    // A factor of 0, which a policy may set, makes every limit unreachable.
     const SysHealthConfigEntry &recoverFactor = sysHealthConfig[SYS_CONF_RECOVER_FACTOR];
     if (recoverFactor.is_set != 0)
         result.factor = recoverFactor.value * 0.01;

@@ -41,7 +41,7 @@ extern SysHealthConfigEntry sysHealthConfig[kConfigRows];
 
 /// Forgets all values.
 void ResetSystemHealthConfig();
-/// Takes the values of the three metrics that need the driver out of this pass; they stay readable.
+/// Takes the values of the three metrics that need the driver out of this pass; they stay readable, and count.
 void DisableDriverMetrics();
 // The two switches, when all values are read.
 

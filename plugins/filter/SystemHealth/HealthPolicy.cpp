@@ -1,6 +1,7 @@
 #include "HealthPolicy.h"
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -37,7 +38,7 @@ public:
             case cJSON_Number:
                 TakeNumber(entry, item);
                 break;
-            default:
+            default:  // none of the rows
                 Trace(Engine(), "unsupport json type[%d]", item.type);
                 entry.is_set = 0;
         }
@@ -45,7 +46,7 @@ public:
     [[nodiscard]] std::int32_t Count() const { return m_count; }
 
 private:
-    /// A threshold is an object that holds the number; 0 switches nothing off here.
+    /// A threshold is an object that holds the number, which must be above 0.
     void TakeThreshold(SysHealthConfigEntry &entry, const cJSON &item) {
         const cJSON *const value = cJSON_GetObjectItem(&item, kValueKey);
         if (value == nullptr)
@@ -122,10 +123,12 @@ std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, 
     ResetSystemHealthConfig();
     Json root(cJSON_ParseWithOpts(json, nullptr, 0));
     if (!root) {
+        // The position is the whole process's: another thread may have parsed something else meanwhile.
         const char *const place = cJSON_GetErrorPtr();
-        if (place != nullptr)
-            Trace(kEngineTrace, "json parsing error [%s]", TextForMessage(place));
-        return 1;  // not 0: the iteration goes on, with the iteration interval alone
+        if (place >= json && place <= json + std::strlen(json))
+            Trace(kEngineTrace, "json parsing error [%s]", OutsideText{place});
+        // Not 0: the iteration goes on, with the iteration interval alone. The agent's flag stays as it was.
+        return 1;
     }
 
     PolicyReader reader(kConfigTrace);
@@ -141,7 +144,7 @@ std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, 
         return 0;
     if (activated != 0)
         DisableDriverMetrics();
-    if (count > 0)
+    if (count > 0)  // the file reader's text; only the function of the line tells the two apart
         Trace(kConfigTrace, "readSystemHealthConfig returning %d", count);
     return count;
 }
@@ -170,7 +173,7 @@ bool outputCloudConfig() {
     }
     // Not fprintf, which MinGW's runtime reports as done whatever became of the characters.
     const std::string line = std::string(text.get()) + "\n";
-    if (std::fputs(line.c_str(), file.get()) < 0) {
+    if (std::fputs(line.c_str(), file.get()) < 0 || std::fflush(file.get()) != 0) {
         Trace(kEngineTrace, "Failed to write json config to file");
         return false;
     }

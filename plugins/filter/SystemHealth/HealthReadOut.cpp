@@ -42,7 +42,7 @@ int BuildMetrics(lua_State *L) {
         lua_rawseti(L, -2, ++index);
     }
     SYSTEM_INFO system = {};
-    GetSystemInfo(&system);
+    GetSystemInfo(&system);  // a count of 0 is shown as it is
     lua_createtable(L, 0, 1);
     lua_pushinteger(L, static_cast<lua_Integer>(system.dwNumberOfProcessors));
     lua_setfield(L, -2, "cpu_count");
@@ -56,7 +56,8 @@ int GetSysHealthMetrics(lua_State *L) {
     int status = LUA_OK;
     Trace(kReadOutTrace, "GetSysHealthMetrics() called");
     {
-        // Lua may run out of memory while it builds: its error must not leave the lock taken.
+        // Lua may run out of memory while it builds: its error must not leave the lock taken. It may also collect
+        // garbage, so a script's finalizers must not wait for another thread's read-out.
         const wxCriticalSectionLocker lock(sysHealthLock);
         lua_pushboolean(L, 1);
         lua_pushcfunction(L, BuildMetrics);
@@ -76,6 +77,7 @@ int GetSysHealthEnabled(lua_State *L) {
     return 1;
 }
 
+// The configured port, not the one that the driver knows; the configuration is written without this lock.
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
     const wxCriticalSectionLocker lock(sysHealthLock);

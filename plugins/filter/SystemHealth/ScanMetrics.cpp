@@ -1,6 +1,7 @@
 #include "ScanMetrics.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include <wx/log.h>
@@ -53,8 +54,10 @@ std::int32_t set_scan_metrics_config(vti_handle_t *handle, std::uint16_t port, s
     std::uint32_t *const ports = outbound != 0 ? request->outbound_ports : request->inbound_ports;
     ports[port / bitsPerWord] = 1U << (port % bitsPerWord);
     const std::int32_t code = vti_set_scan_monitoring(handle, request.get());
-    if (code != 0)
-        wxLogError("vti_set_scan_monitoring failed rc= %d buf{%s}", code, LastError(handle));
+    if (code != 0) {
+        const wxString error = LastError(handle);
+        wxLogError("vti_set_scan_monitoring failed rc= %d buf{%s}", code, error);
+    }
     return code;
 }
 
@@ -67,8 +70,10 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
     record.counters_per_row = kScanCounters;
     record.row_count = 1;
     const std::int32_t code = vti_get_scan_metrics(handle, &record, sizeof(record));
-    if (code != 0)
-        wxLogError("vti_get_scan_metrics failed rc= %d, buf{%s}", code, LastError(handle));
+    if (code != 0) {
+        const wxString error = LastError(handle);
+        wxLogError("vti_get_scan_metrics failed rc= %d, buf{%s}", code, error);
+    }
     return code;
 }
 
@@ -90,7 +95,8 @@ bool RunDriverPass(ScanMetricsRecord &record) {
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);
     if (code != 0) {
         // In spite of the text, the iteration goes on without the driver's metrics.
-        wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, LastError(handle.get()));
+        const wxString error = LastError(handle.get());
+        wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
         DisableDriverMetrics();
         return false;
     }
@@ -106,12 +112,11 @@ void RunRatePass(const ScanMetricsRecord &record, double delta_t) {
         return;
     const bool baselineOnly = firstScanPass != 0;
     firstScanPass = 0;
-    for (std::int32_t i = 0; i < counters; ++i) {
+    for (std::int32_t i = 0; i < counters && !baselineOnly; ++i) {
         const std::uint64_t current = record.counters[i];
         // A total that fell gives no rate, not a huge one.
         const std::uint64_t difference = current < scanCounterPrev[i] ? 0 : current - scanCounterPrev[i];
-        if (!baselineOnly)
-            scanCounterRate[i] = static_cast<double>(difference) / delta_t;
-        scanCounterPrev[i] = current;
+        scanCounterRate[i] = static_cast<double>(difference) / delta_t;
     }
+    std::copy(std::begin(record.counters), std::end(record.counters), scanCounterPrev);
 }

@@ -13,5 +13,6 @@ int GetSysHealthMetrics(lua_State *L);
 /// Lua: boolean = f(). Whether the last iteration found the subsystem switched on. Any thread.
 int GetSysHealthEnabled(lua_State *L);
 
-/// Lua: boolean, port = f(). The port that the last configuration monitors. Any thread.
+/// Lua: boolean, port = f(). The port that the last configuration monitors. Any thread; none while a configuration is
+/// being read.
 int GetScanMetricPort(lua_State *L);

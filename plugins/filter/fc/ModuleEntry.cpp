@@ -4,10 +4,13 @@
 #include <windows.h>
 
 #include "ConnMetrics.h"
+#include "Diagnostics/Diagnostics.h"
+#include "DriverFlags.h"
 #include "ModuleObjects.h"
 #include "Registration.h"
 #include "SLB3.h"
 #include "SystemHealth/SystemHealth.h"
+#include "TraceBridge.h"
 #include "WindowsDriverInstaller/WindowsDriverInstaller.h"
 #include "vta_core.h"
 #include "vti.h"
@@ -25,6 +28,8 @@ void InstallProfiler() {
 
 void RegisterFilterFunctions(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
+    RegisterDirect(L, filter, "AddDriverDiagnostics", AddDriverDiagnostics);
+    RegisterDirect(L, filter, "setup_qbtrace", setup_qbtrace);
     RegisterDirect(L, filter, "AddToConnMetrics", AddToConnMetrics);
     RegisterDirect(L, filter, "UpdateConnMetrics", UpdateConnMetrics);
     RegisterDirect(L, filter, "GetConnMetrics", GetConnMetrics);
@@ -32,6 +37,13 @@ void RegisterFilterFunctions(lua_State *L) {
     RegisterDirect(L, filter, "GetSysHealthMetrics", GetSysHealthMetrics);
     RegisterDirect(L, filter, "GetSysHealthEnabled", GetSysHealthEnabled);
     RegisterDirect(L, filter, "GetScanMetricPort", GetScanMetricPort);
+    RegisterDirect(L, filter, "GetDriverCheckedFromReg", GetDriverCheckedFromReg);
+    RegisterDirect(L, filter, "SetDriverCheckedToReg", SetDriverCheckedToReg);
+    RegisterDirect(L, filter, "GetDriverHookedFromReg", GetDriverHookedFromReg);
+    RegisterDirect(L, filter, "SetDriverHookedToReg", SetDriverHookedToReg);
+    RegisterDirect(L, filter, "GetUncheckedIfc", GetUncheckedInterface);
+    RegisterDirect(L, filter, "SetUncheckedIfc", SetUncheckedInterface);
+    RegisterDirect(L, filter, "GetDriverStoppedByBLPTimestamp", GetDriverStoppedByBLPTimestamp);
 }
 
 // The firewall applications have a round of their own, which no function has joined yet.

@@ -1,13 +1,19 @@
 // Trace lines. A line is one call of Trace, which formats nothing unless the component is wanted:
-//     Trace(kHealthEngine, "recovery check: %d metrics over threshold", count);
+//     Trace(kFilterTrace, "Set ifList: %s", list);
+// A helper that traces on behalf of a function of the module's interface is handed that function's TraceSite, so that
+// file, line and function in the log are those that a reader knows.
 #pragma once
 
 #include <source_location>
+#include <string>
 #include <string_view>
 
 #include <wx/string.h>
 
 #include "vta_core.h"
+
+/// The module frame's component.
+constexpr wchar_t kFilterTrace[] = L"filter";
 
 /// The component that a line belongs to, and the place that it comes from.
 struct TraceSite {
@@ -25,6 +31,35 @@ constexpr const char *FileNameOf(std::string_view path) {
     return path.data() + (slash == path.npos ? 0 : slash + 1);
 }
 
+/// The name of a function, with its namespaces and classes, from the text that the compiler makes of it:
+/// "bool Filter::Diagnostics::IsDriverOpen(vti_handle_t*)" is Filter::Diagnostics::IsDriverOpen.
+inline std::string FunctionNameOf(std::string_view signature) {
+    std::string name(signature.substr(0, signature.find('(')));
+    name.erase(0, name.rfind(' ') + 1);
+    constexpr std::string_view unnamed = "{anonymous}::";
+    for (std::size_t at = name.find(unnamed); at != name.npos; at = name.find(unnamed))
+        name.erase(at, unnamed.size());
+    return name;
+}
+
+/// A text from outside for a message, whatever its encoding: UTF-8 if it is that, else the locale's, else Latin-1.
+inline wxString TextForMessage(const char *text) {
+    return wxString(text, wxConvWhateverWorks);
+}
+
+/// A text from outside as an argument of Trace, made by TextForMessage only if the line is wanted.
+struct OutsideText {
+    const char *text;
+};
+
+template <typename Argument>
+const Argument &TraceArgument(const Argument &argument) {
+    return argument;
+}
+inline wxString TraceArgument(const OutsideText &outside) {
+    return TextForMessage(outside.text);
+}
+
 /// Writes a line if the component is wanted. Any thread.
 /// @param format     as wxString::Format has it, and
 /// @param arguments  its arguments.
@@ -33,10 +68,6 @@ void Trace(const TraceSite &site, const wxFormatString &format, const Arguments 
     if (!VtaCore::LogTraceIsEnabled(site.component))
         return;
     VtaCore::LogTrace(site.component, FileNameOf(site.place.file_name()), static_cast<int>(site.place.line()),
-                      site.place.function_name(), wxString::Format(format, arguments...));
-}
-
-/// A text from outside for a message, whatever its encoding: UTF-8 if it is that, else the locale's, else Latin-1.
-inline wxString TextForMessage(const char *text) {
-    return wxString(text, wxConvWhateverWorks);
+                      FunctionNameOf(site.place.function_name()).c_str(),
+                      wxString::Format(format, TraceArgument(arguments)...));
 }

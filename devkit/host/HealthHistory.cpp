@@ -1,0 +1,141 @@
+#include "HealthHistory.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t kMaxNotes = 1000;
+constexpr std::size_t kMaxNoteBytes = 300;
+/// An iteration that fails tells of it in a few lines, in turn.
+constexpr std::size_t kErrorsInTurn = 8;
+
+/// Shortened at the start of a character.
+std::string Shortened(std::string text) {
+    if (text.size() <= kMaxNoteBytes)
+        return text;
+    std::size_t end = kMaxNoteBytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
+        --end;
+    text.resize(end);
+    return text + "...";
+}
+
+bool Resumes(const HealthRow &before, double time, double interval) {
+    const double passed = time - before.time;
+    if (passed < 0)
+        return true;
+    constexpr double roundedSeconds = 0.5;
+    if (interval > 0)
+        return passed > interval + roundedSeconds;
+    // The first iteration of a module knows of none before.
+    constexpr double pausesAtMost = 1.5;
+    return before.iteration.interval > 0 && passed > before.iteration.interval * pausesAtMost;
+}
+
+/// The rows that make a stretch what it is: each metric's lowest and highest.
+void KeepExtremes(const std::vector<HealthRow> &rows, std::size_t begin, std::size_t end, std::set<std::size_t> &kept) {
+    for (std::size_t metric = 0; metric < kHealthMetricNames.size(); ++metric) {
+        const auto byValue = [metric](const HealthRow &left, const HealthRow &right) {
+            return left.iteration.metrics[metric].value < right.iteration.metrics[metric].value;
+        };
+        const auto first = rows.begin() + static_cast<std::ptrdiff_t>(begin);
+        const auto last = rows.begin() + static_cast<std::ptrdiff_t>(end);
+        const auto [lowest, highest] = std::minmax_element(first, last, byValue);
+        kept.insert(static_cast<std::size_t>(lowest - rows.begin()));
+        kept.insert(static_cast<std::size_t>(highest - rows.begin()));
+    }
+}
+
+/// Whether a row is drawn in a way that no neighbour can stand for.
+bool Matters(const HealthRow &before, const HealthRow &row) {
+    if (row.step != HealthStep::Nothing || row.resumes || row.iteration.endsActive != before.iteration.endsActive)
+        return true;
+    for (std::size_t metric = 0; metric < kHealthMetricNames.size(); ++metric)
+        if (row.iteration.metrics[metric].limit != before.iteration.metrics[metric].limit)
+            return true;
+    return false;
+}
+
+void KeepWhatMatters(const std::vector<HealthRow> &rows, std::size_t most, std::set<std::size_t> &kept) {
+    kept.insert(0);
+    kept.insert(rows.size() - 1);
+    for (std::size_t i = 1; i < rows.size() && kept.size() < most; ++i) {
+        if (Matters(rows[i - 1], rows[i])) {
+            kept.insert(i - 1);
+            kept.insert(i);
+        }
+    }
+}
+
+}  // namespace
+
+HealthStep ClassifyHealthStep(const HealthIteration *before, const HealthIteration &iteration) {
+    if (!iteration.startsActive)
+        return iteration.endsActive ? HealthStep::FailOpen : HealthStep::Nothing;
+    if (!iteration.endsActive)
+        return HealthStep::Recovered;
+    // A wait shorter than a minute is none, and every iteration a check.
+    if (iteration.waitMinutes == 0)
+        return HealthStep::CheckFailed;
+    const bool waited = before != nullptr && before->startsActive && before->waitMinutes != 0;
+    return waited && iteration.nextMinutes > before->nextMinutes ? HealthStep::CheckFailed : HealthStep::Nothing;
+}
+
+void HealthHistory::AddIteration(double time, const HealthIteration &iteration) {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    const HealthRow *before = m_rows.empty() ? nullptr : &m_rows.back();
+    HealthRow row{time, iteration, ClassifyHealthStep(before != nullptr ? &before->iteration : nullptr, iteration),
+                  before != nullptr && Resumes(*before, time, iteration.interval)};
+    m_rows.push_back(row);
+}
+
+void HealthHistory::AddNote(HealthNote::Kind kind, double time, std::string text) {
+    text = Shortened(std::move(text));
+    const std::lock_guard<std::mutex> guard(m_lock);
+    if (kind == HealthNote::Kind::Error) {
+        const auto end = m_notes.rbegin() + static_cast<std::ptrdiff_t>(std::min(m_notes.size(), kErrorsInTurn));
+        const auto same = std::find_if(m_notes.rbegin(), end,
+                                       [&](const HealthNote &note) { return note.kind == kind && note.text == text; });
+        if (same != end) {
+            ++same->count;
+            same->until = time;
+            return;
+        }
+    }
+    if (m_notes.size() >= kMaxNotes)
+        ++m_notesLeftOut;
+    else
+        m_notes.push_back({kind, time, time, 1, std::move(text)});
+}
+
+std::vector<HealthRow> HealthHistory::Rows() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_rows;
+}
+
+std::vector<HealthNote> HealthHistory::Notes() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_notes;
+}
+
+std::size_t HealthHistory::NotesLeftOut() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_notesLeftOut;
+}
+
+std::vector<HealthRow> ThinOut(const std::vector<HealthRow> &rows, std::size_t limit) {
+    if (rows.size() <= limit)
+        return rows;
+    std::set<std::size_t> kept;
+    KeepWhatMatters(rows, limit / 2, kept);
+    const std::size_t stretches = std::max<std::size_t>(1, limit / 2 / (2 * kHealthMetricNames.size()));
+    for (std::size_t i = 0; i < stretches; ++i)
+        KeepExtremes(rows, rows.size() * i / stretches, rows.size() * (i + 1) / stretches, kept);
+    std::vector<HealthRow> result;
+    result.reserve(kept.size());
+    for (const std::size_t index : kept)
+        result.push_back(rows[index]);
+    return result;
+}

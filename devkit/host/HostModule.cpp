@@ -1,0 +1,101 @@
+// The module itself, for scripts.
+#include "HostState.h"
+
+#include <windows.h>
+
+#include "WallClock.h"
+#include "vti_control.h"
+
+namespace {
+
+constexpr wchar_t kRestarted[] = L"fc.dll";
+/// Lua's loader keeps the handles of libraries there, by their paths and in an array.
+constexpr char kLuaLibraries[] = "_CLIBS";
+
+/// Removes from the table on top of the stack the path that leads to the library.
+void ForgetPath(lua_State *L, const void *library) {
+    for (lua_pushnil(L); lua_next(L, -2) != 0; lua_pop(L, 1)) {
+        if (lua_type(L, -2) != LUA_TSTRING || lua_touserdata(L, -1) != library)
+            continue;
+        lua_pop(L, 1);
+        lua_pushnil(L);
+        lua_rawset(L, -3);
+        return;
+    }
+}
+
+/// Removes it from the array in the table on top of the stack.
+void ForgetItem(lua_State *L, const void *library) {
+    const int size = static_cast<int>(lua_rawlen(L, -1));
+    int kept = 0;
+    for (int i = 1; i <= size; ++i) {
+        lua_rawgeti(L, -1, i);
+        if (lua_touserdata(L, -1) == library)
+            lua_pop(L, 1);
+        else
+            lua_rawseti(L, -2, ++kept);
+    }
+    for (int i = kept + 1; i <= size; ++i) {
+        lua_pushnil(L);
+        lua_rawseti(L, -2, i);
+    }
+}
+
+/// Lua's loader would hand out the old handle otherwise, and free it when the state is closed.
+void ForgetLibrary(lua_State *L, const void *library) {
+    lua_getfield(L, LUA_REGISTRYINDEX, kLuaLibraries);
+    ForgetPath(L, library);
+    ForgetItem(L, library);
+    lua_pop(L, 1);
+}
+
+/// What the module has left of itself in Lua.
+void ForgetModule(lua_State *L) {
+    lua_getglobal(L, "package");
+    lua_getfield(L, -1, "loaded");
+    lua_pushnil(L);
+    lua_setfield(L, -2, "fc");
+    lua_pop(L, 2);
+    lua_getglobal(L, "SLB");
+    if (lua_istable(L, -1)) {
+        lua_pushnil(L);
+        lua_setfield(L, -2, "filter");
+    }
+    lua_pop(L, 1);
+}
+
+/// The driver must not call into a library that is gone.
+void ForgetCallbacks() {
+    const std::lock_guard<std::mutex> guard(Vti::Lock());
+    Vti::Driver &driver = Vti::TheDriver();
+    driver.traceHandler = nullptr;
+    driver.profilerBlockfilter = nullptr;
+    driver.profilerRunning = nullptr;
+}
+
+/// Lua: host.restart_module(). What a restart of the agent does to the module: it is unloaded, and the next
+/// require "fc" loads it with fresh state. The agent's settings and the driver stay as they are. Functions of
+/// SLB.filter that the script has kept must not be called any more: their code is gone.
+int RestartModule(lua_State *L) {
+    HostState &host = HostOf(L);
+    const HMODULE module = GetModuleHandleW(kRestarted);
+    ForgetModule(L);
+    if (module == nullptr)
+        return 0;
+    ForgetLibrary(L, module);
+    ForgetCallbacks();
+    // The module holds a reference to itself.
+    while (GetModuleHandleW(kRestarted) != nullptr)
+        if (!FreeLibrary(module))
+            return luaL_error(L, "fc.dll can't be unloaded: error %d", static_cast<int>(GetLastError()));
+    if (host.history != nullptr)
+        host.history->AddNote(HealthNote::Kind::Restart, WallClockSeconds(), "The module was restarted");
+    return 0;
+}
+
+}  // namespace
+
+void AddModuleFunctions(lua_State *L, HostState &host) {
+    constexpr luaL_Reg functions[] = {{"restart_module", RestartModule}, {nullptr, nullptr}};
+    AddFunctions(L, host, functions);
+}

@@ -1,0 +1,91 @@
+#include "SimulatedSystem.h"
+
+#include <cmath>
+#include <string_view>
+
+#include <windows.h>
+
+#include "../simulator/Clock.h"
+#include "../simulator/FunctionSet.h"
+#include "../simulator/ImportTable.h"
+#include "../simulator/MappedPaths.h"
+
+namespace {
+
+constexpr wchar_t kModule[] = L"fc.dll";
+constexpr const wchar_t *kLoadedLibraries[] = {L"vta_core.dll", L"lua52.dll"};
+/// The library's whole name tells how it was built.
+constexpr std::string_view kWxPrefix = "wxbase";
+
+HMODULE FindWx() {
+    for (const Simulator::Import &import : Simulator::Imports(GetModuleHandleW(nullptr)))
+        if (import.library.compare(0, kWxPrefix.size(), kWxPrefix) == 0)
+            return GetModuleHandleA(import.library.c_str());
+    return nullptr;
+}
+
+}  // namespace
+
+struct SimulatedSystem::Parts {
+    std::shared_ptr<Simulator::Core> core = std::make_shared<Simulator::Core>();
+    Simulator::MappedPaths paths;
+    Simulator::FunctionSet functions{core};
+};
+
+SimulatedSystem::SimulatedSystem() = default;
+SimulatedSystem::~SimulatedSystem() = default;
+
+SimulatedSystem::Parts &SimulatedSystem::Use() {
+    if (m_parts == nullptr)
+        m_parts = std::make_unique<Parts>();
+    return *m_parts;
+}
+
+/// All functions of the set; called whenever a part has come to it.
+void SimulatedSystem::PutUnderModule() {
+    for (const std::string &function : m_parts->functions.Names())
+        m_parts->core->journal.Mute(function);  // nobody reads it here, and a script may run for days
+    m_parts->functions.AttachWhenLoaded(kModule);
+    m_parts->functions.Attach(GetModuleHandleW(kModule));
+}
+
+void SimulatedSystem::StartFastClock(unsigned factor) {
+    Parts &parts = Use();
+    Simulator::InstallClock(parts.functions, parts.core->clock);
+    m_hasClock = true;
+    const std::set<std::string> clockFunctions = parts.functions.Names();
+    parts.functions.Attach(GetModuleHandleW(nullptr), {"Sleep", "GetSystemTimeAsFileTime"});  // HostClock.cpp
+    parts.functions.Attach(FindWx(), clockFunctions);
+    for (const wchar_t *library : kLoadedLibraries)
+        parts.functions.Attach(GetModuleHandleW(library), clockFunctions);
+    PutUnderModule();
+    parts.core->clock.RunFast(factor);
+}
+
+void SimulatedSystem::Advance(double seconds) {
+    constexpr double intervalsPerSecond = Simulator::Interval::period::den;
+    m_parts->core->clock.Advance(Simulator::Interval(std::llround(seconds * intervalsPerSecond)));
+}
+
+void SimulatedSystem::SetWallClock(std::int64_t seconds) {
+    m_parts->core->clock.SetWallClockUnix(seconds);
+}
+
+Simulator::Machine &SimulatedSystem::UseMachine() {
+    if (!m_hasMachine) {
+        Simulator::InstallMachine(Use().functions, m_machine);
+        PutUnderModule();
+        m_hasMachine = true;
+    }
+    return m_machine;
+}
+
+void SimulatedSystem::MapPath(const std::wstring &from, const std::wstring &folder) {
+    Parts &parts = Use();
+    parts.paths.MapPath(from, folder);
+    if (!m_hasPaths) {
+        Simulator::InstallMappedPaths(parts.functions, parts.paths);
+        PutUnderModule();
+        m_hasPaths = true;
+    }
+}

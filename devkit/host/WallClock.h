@@ -1,0 +1,5 @@
+// The time of day that the module, the script and the host see.
+#pragma once
+
+/// Seconds since 1970, UTC, with a fraction; of the simulated clock, if there is one. Any thread.
+double WallClockSeconds();

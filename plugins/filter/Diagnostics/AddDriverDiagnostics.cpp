@@ -1,0 +1,23 @@
+// The Lua function of the driver diagnostics.
+#include "Diagnostics.h"
+#include "DriverContent.h"
+#include "fc/fc.h"
+
+int AddDriverDiagnostics(lua_State *L) {
+    Trace(kFilterTrace, "AddDriverDiagnostics");
+    VtaCore::CDom *const dom = GetDomArg(L);
+    if (dom == nullptr)
+        return luaL_argerror(L, 1, "CDom object expected");
+    const DriverHandleBlock *const block = GetDriverHandleArg(L, 2);
+    if (block == nullptr)
+        return luaL_argerror(L, 2, "vti handle expected");
+    if (block->handle == nullptr)
+        return luaL_argerror(L, 2, "vti handle already closed");
+    VtaCore::CZipOutputStream *const zip = GetZipArg(L, 3);
+    if (zip == nullptr)
+        return luaL_argerror(L, 3, "CZipOutputStream object expected");
+    const bool added = Filter::Diagnostics::AddDriverContent(*dom, block->handle, *zip);
+    Trace(kFilterTrace, "AddDriverContent returned %d", added);
+    lua_pushboolean(L, added ? 1 : 0);
+    return 1;
+}

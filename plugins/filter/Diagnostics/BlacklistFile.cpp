@@ -1,0 +1,32 @@
+// "vta_blacklist.txt".
+#include <algorithm>
+
+#include "DriverAnswers.h"
+#include "DriverContent.h"
+#include "MemoryTextDump.h"
+
+namespace Filter::Diagnostics {
+
+bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
+    constexpr wchar_t label[] = L"BLACKLIST_ADD";  // for reading, too
+    Trace(kDiagnosticsTrace, "AddDriverBlacklist()");
+    MemoryTextDump dump;
+    if (!IsDriverOpen(handle))
+        return false;
+    BlacklistRecord head = {};
+    if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, &head)))
+        return false;
+    const std::uint32_t room = head.bodySize;
+    Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::malloc(std::size_t{room} + sizeof(head))));
+    if (!record)
+        return false;
+    *record = head;
+    if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, record.get())))
+        return false;
+    record->bodySize = std::min(record->bodySize, room);  // whatever the driver claims to have filled in
+    qb_dump_blacklist(dump.Context(), record.get());
+    record.reset();
+    return dump.AddTo(zip, "vta_blacklist.txt");
+}
+
+}  // namespace Filter::Diagnostics

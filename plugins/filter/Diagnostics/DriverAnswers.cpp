@@ -1,0 +1,33 @@
+#include "DriverAnswers.h"
+
+namespace Filter::Diagnostics {
+
+namespace {
+
+constexpr int kDriverFailureEvent = 1001;
+constexpr std::uint32_t kErrorBytes = 80;
+
+}  // namespace
+
+bool IsDriverOpen(vti_handle_t *handle) {
+    // Asked once more for the trace, as it always was.
+    if (VtaCore::LogTraceIsEnabled(kDiagnosticsTrace))
+        Trace(kDiagnosticsTrace, "IsDriverOpen %d", vti_driver_available(handle));
+    return vti_driver_available(handle) > 0;
+}
+
+bool ShowErrors(VtaCore::CDom &dom, vti_handle_t *handle, const wchar_t *label, std::int32_t status) {
+    if (status == 0)
+        return true;
+    char text[kErrorBytes + 1] = {};  // a text that fills its 80 bytes has no end mark
+    vti_get_error(handle, text, kErrorBytes);
+    const wxString message =
+        wxString::Format("%.64s|%08x (%.128s)", label, static_cast<std::uint32_t>(status), wxString(text, wxConvLibc));
+    Trace(kDiagnosticsTrace, "AgentWrite 1001 %s", message);
+    // The message is the format: a percent sign in the driver's text is taken as a directive. That is how this
+    // event is written.
+    dom.AgentEventWrite(kDriverFailureEvent, message);
+    return false;
+}
+
+}  // namespace Filter::Diagnostics

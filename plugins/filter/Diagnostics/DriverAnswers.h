@@ -1,0 +1,31 @@
+// What the files have in common in asking the driver.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "fc/fc.h"
+#include "vta_core.h"
+#include "vti.h"
+
+namespace Filter::Diagnostics {
+
+constexpr wchar_t kDiagnosticsTrace[] = L"diagnostics";
+
+/// A block of malloc.
+struct FreeBlock {
+    void operator()(void *block) const { std::free(block); }
+};
+template <typename Record>
+using Block = std::unique_ptr<Record, FreeBlock>;
+
+/// Whether the driver answers.
+bool IsDriverOpen(vti_handle_t *handle);
+
+/// Reports a status that is no success as agent event 1001, with the text of the handle's last failure.
+/// @param label  what was asked.
+/// @return whether it is a success.
+bool ShowErrors(VtaCore::CDom &dom, vti_handle_t *handle, const wchar_t *label, std::int32_t status);
+
+}  // namespace Filter::Diagnostics

@@ -1,0 +1,58 @@
+// "vta.tpf": the profile of the filter's rules, as the driver gives it.
+#include <algorithm>
+
+#include <wx/mstream.h>
+#include <wx/stream.h>
+
+#include "DriverAnswers.h"
+#include "DriverContent.h"
+
+namespace Filter::Diagnostics {
+
+namespace {
+
+constexpr std::uint32_t kProfileVariable = 62;
+
+/// The room in bytes, on return the bytes present; that many bytes follow.
+using ProfileStatsBuffer = Block<std::uint32_t>;
+
+/// Sets the variable back once its profile was read.
+void ResetProfileVariable(vti_handle_t *handle) {
+    FilterVariable variable = {};
+    if (vti_get_var(handle, kProfileVariable, &variable) == 0 && variable.value == 1)
+        (void)vti_set_var(handle, kProfileVariable, 0);
+}
+
+void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out, const TraceSite &site) {
+    std::uint32_t room = 0;
+    if (vti_get_profile_stats(handle, &room) != 0 || room == 0)
+        return;  // no report
+    const ProfileStatsBuffer buffer(static_cast<std::uint32_t *>(std::malloc(std::size_t{room} + sizeof(room))));
+    if (!buffer) {
+        Trace(site, "malloc() failed");
+        return;
+    }
+    *buffer = room;
+    const std::int32_t status = vti_get_profile_stats(handle, buffer.get());
+    if (status != 0) {
+        (void)ShowErrors(dom, handle, L"vti_get_profile_stats()", status);
+        return;
+    }
+    out.Write(buffer.get() + 1, std::min(*buffer, room));
+    ResetProfileVariable(handle);
+}
+
+}  // namespace
+
+bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
+    Trace(kDiagnosticsTrace, "AddDriverRuleStats()");
+    wxMemoryOutputStream memory;
+    {
+        wxBufferedOutputStream out(memory);
+        WriteProfile(dom, handle, out, kDiagnosticsTrace);
+    }
+    wxMemoryInputStream in(memory);
+    return zip.AddFromStream(in, false, "vta.tpf", emptyText);
+}
+
+}  // namespace Filter::Diagnostics

@@ -1,0 +1,39 @@
+// "vta_variables.txt": the variables of the filter.
+#include <array>
+
+#include "DriverAnswers.h"
+#include "DriverContent.h"
+#include "MemoryTextDump.h"
+
+namespace Filter::Diagnostics {
+
+namespace {
+
+constexpr std::uint32_t kVariables = 174;
+/// The one failure that is not worth a report.
+constexpr std::int32_t kSilentFailure = -10017;
+
+bool ReadVariable(VtaCore::CDom &dom, vti_handle_t *handle, FilterVariable &variable) {
+    const std::int32_t status = vti_get_varv(handle, &variable);
+    return status != kSilentFailure && ShowErrors(dom, handle, L"GET_VARIABLE", status);
+}
+
+}  // namespace
+
+bool AddDriverVariables(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
+    Trace(kDiagnosticsTrace, "AddDriverVariables()");
+    std::array<FilterVariable, kVariables> variables = {};
+    for (std::uint32_t i = 0; i < kVariables; ++i)
+        variables[i].index = i;
+    MemoryTextDump dump;
+    if (!IsDriverOpen(handle))
+        return false;
+    for (FilterVariable &variable : variables)
+        if (!ReadVariable(dom, handle, variable))
+            return false;
+    for (const FilterVariable &variable : variables)
+        qb_dump_filter_variable(dump.Context(), &variable, 0);
+    return dump.AddTo(zip, "vta_variables.txt");
+}
+
+}  // namespace Filter::Diagnostics

@@ -1,0 +1,184 @@
+#include "DriverFlags.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <vector>
+
+#include <wx/log.h>
+#include <wx/msw/registry.h>
+#include <wx/tokenzr.h>
+
+#include "Trace.h"
+
+namespace {
+
+constexpr char kDriverKey[] = "System\\CurrentControlSet\\Services\\qbimvta";
+constexpr char kDriverParametersKey[] = "System\\CurrentControlSet\\Services\\qbimvta\\Parameters";
+constexpr char kCalloutParametersKey[] = "System\\CurrentControlSet\\Services\\qbimwfp\\Parameters";
+constexpr char kChecked[] = "driverChecked";
+constexpr char kHooked[] = "driverHooked";
+constexpr char kUncheckedInterfaces[] = "UncheckedIfs";
+constexpr char kLastStop[] = "LastTimeDriverStoppedByBLP";
+constexpr long kUnknown = -1;
+
+wxRegKey MachineKey(const char *path) {
+    return wxRegKey(wxRegKey::HKLM, path, wxRegKey::WOW64ViewMode_Default);
+}
+
+std::optional<long> ReadNumber(wxRegKey &key, const char *name) {
+    const wxLogNull quiet;  // a value that is not there is nothing to report
+    long number = 0;
+    if (!key.HasValue(name) || !key.QueryValue(name, &number))
+        return std::nullopt;
+    return number;
+}
+
+/// @param value  a wxString or a long.
+template <typename Value>
+void WriteIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
+    wxRegKey key = MachineKey(kDriverKey);
+    if (!key.Exists())
+        return;
+    if (!key.Open(wxRegKey::Write) || !key.SetValue(name, value))
+        Trace(site, "Unable to write HKLM\\%s\\%s", kDriverKey, name);
+}
+
+/// The number's integer part. What 32 bits don't hold becomes the least number, as the processor's own conversion
+/// has it.
+long IntegerPart32(lua_Number number) {
+    constexpr lua_Number limit = 2147483648.0;  // 2 to the power of 31
+    if (!(number > -limit - 1 && number < limit))
+        return std::numeric_limits<std::int32_t>::min();
+    return static_cast<std::int32_t>(number);
+}
+
+int PushFlag(lua_State *L, const char *name, const char *format, const TraceSite &site) {
+    wxRegKey key = MachineKey(kDriverKey);
+    const std::optional<long> number = ReadNumber(key, name);
+    if (number)
+        Trace(site, format, *number);
+    lua_pushnumber(L, number.value_or(kUnknown));
+    return 1;
+}
+
+int StoreFlag(lua_State *L, const char *name, const TraceSite &site) {
+    WriteIfKeyExists(name, IntegerPart32(luaL_checknumber(L, 1)), site);
+    return 1;  // and nothing pushed: see DriverFlags.h
+}
+
+/// Lua: takes a light userdata that points at the texts, in UTF-8; yields them as an array.
+int BuildArray(lua_State *L) {
+    const auto &texts = *static_cast<const std::vector<std::string> *>(lua_touserdata(L, 1));
+    lua_createtable(L, static_cast<int>(texts.size()), 0);
+    int index = 0;
+    for (const std::string &text : texts) {
+        lua_pushlstring(L, text.data(), text.size());
+        lua_rawseti(L, -2, ++index);
+    }
+    return 1;
+}
+
+/// Lua: takes an array and a light userdata that points at a wxString; joins the items there. What is neither string
+/// nor number adds nothing, which leaves a doubled comma.
+int JoinArray(lua_State *L) {
+    wxString &joined = *static_cast<wxString *>(lua_touserdata(L, 2));
+    const int count = static_cast<int>(lua_rawlen(L, 1));
+    for (int i = 1; i <= count; ++i) {
+        if (i > 1)
+            joined += ',';
+        lua_rawgeti(L, 1, i);
+        std::size_t length = 0;
+        const char *const text = lua_tolstring(L, -1, &length);
+        if (text != nullptr)
+            joined += wxString::FromUTF8(text, length);
+        lua_pop(L, 1);
+    }
+    return 0;
+}
+
+std::vector<std::string> ReadUncheckedInterfaces(const TraceSite &site) {
+    wxRegKey key = MachineKey(kDriverKey);
+    wxString list;
+    {
+        const wxLogNull quiet;
+        if (!key.HasValue(kUncheckedInterfaces) || !key.QueryValue(kUncheckedInterfaces, list))
+            return {};
+    }
+    Trace(site, "Get IfList: %s", list);
+    std::vector<std::string> items;
+    wxStringTokenizer tokens(list, ",", wxTOKEN_DEFAULT);
+    while (tokens.HasMoreTokens()) {
+        const wxString token = tokens.GetNextToken();
+        if (!token.empty())
+            items.emplace_back(token.utf8_str());
+    }
+    return items;
+}
+
+}  // namespace
+
+int GetDriverCheckedFromReg(lua_State *L) {
+    return PushFlag(L, kChecked, "Get last driverChecked value: %ld", kFilterTrace);
+}
+
+int SetDriverCheckedToReg(lua_State *L) {
+    return StoreFlag(L, kChecked, kFilterTrace);
+}
+
+int GetDriverHookedFromReg(lua_State *L) {
+    return PushFlag(L, kHooked, "Get last driverHooked value: %ld", kFilterTrace);
+}
+
+int SetDriverHookedToReg(lua_State *L) {
+    return StoreFlag(L, kHooked, kFilterTrace);
+}
+
+int GetUncheckedInterface(lua_State *L) {
+    int status = LUA_OK;
+    {
+        // Lua may run out of memory: its error would pass by the destructors.
+        std::vector<std::string> items = ReadUncheckedInterfaces(kFilterTrace);
+        lua_pushcfunction(L, BuildArray);
+        lua_pushlightuserdata(L, &items);
+        status = lua_pcall(L, 1, 1, 0);
+    }
+    if (status != LUA_OK)
+        return lua_error(L);
+    return 1;
+}
+
+int SetUncheckedInterface(lua_State *L) {
+    if (lua_type(L, 1) != LUA_TTABLE)
+        return luaL_argerror(L, 1, "lua table expected");
+    int status = LUA_OK;
+    {
+        wxString list;
+        lua_pushcfunction(L, JoinArray);
+        lua_pushvalue(L, 1);
+        lua_pushlightuserdata(L, &list);
+        status = lua_pcall(L, 2, 0, 0);
+        if (status == LUA_OK) {
+            Trace(kFilterTrace, "Set ifList: %s", list);
+            WriteIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
+        }
+    }
+    if (status != LUA_OK)
+        return lua_error(L);
+    return 1;  // and nothing pushed: see DriverFlags.h
+}
+
+int GetDriverStoppedByBLPTimestamp(lua_State *L) {
+    wxRegKey driver = MachineKey(kDriverParametersKey);
+    wxRegKey callout = MachineKey(kCalloutParametersKey);
+    const std::optional<long> driverStop = driver.Exists() ? ReadNumber(driver, kLastStop) : std::nullopt;
+    if (driverStop)
+        Trace(kFilterTrace, "Get last vta last value: %ld", *driverStop);
+    lua_pushnumber(L, driverStop.value_or(kUnknown));
+    const std::optional<long> calloutStop = callout.Exists() ? ReadNumber(callout, kLastStop) : std::nullopt;
+    if (calloutStop)
+        Trace(kFilterTrace, "Get last wfp last value: %ld", *calloutStop);
+    lua_pushnumber(L, calloutStop.value_or(kUnknown));
+    return 2;
+}

@@ -1,0 +1,164 @@
+#!/usr/bin/env bash
+# Looks at the host's report in a real browser: runs examples, opens their pages in Chromium, reads what check.js finds.
+#   browser-tests.sh BIN EXAMPLES XML [WINE...]
+# BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BIN=$1 EXAMPLES=$2 XML=$3
+WINE=("${@:4}")
+[ ${#WINE[@]} -gt 0 ] || WINE=(wine)
+BROWSER=$(command -v chromium || true)
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+RESULTS=() FAILED=0
+REASON=''
+
+# because TEXT...: notes why the test fails. Bash ends no function by itself here: `|| because ... || return`.
+because() {
+    REASON=$*
+    echo "  $REASON" >&2
+    return 1
+}
+
+# test_case NAME: runs the function of that name, which yields false after `because`.
+test_case() {
+    local started=$SECONDS escaped
+    REASON='a command failed'
+    echo "[ RUN      ] Report.$1"
+    if "$1"; then
+        echo "[       OK ] Report.$1"
+        RESULTS+=("<testcase name=\"$1\" classname=\"Report\" status=\"run\" time=\"$((SECONDS - started))\"/>")
+    else
+        echo "[  FAILED  ] Report.$1"
+        FAILED=$((FAILED + 1))
+        escaped=$(printf '%s' "$REASON" | sed 's/&/\&amp;/g; s/</\&lt;/g; s/"/\&quot;/g')
+        RESULTS+=("<testcase name=\"$1\" classname=\"Report\" status=\"run\">
+<failure message=\"$escaped\"/></testcase>")
+    fi
+}
+
+write_results() {
+    local counts="tests=\"${#RESULTS[@]}\" failures=\"$FAILED\" errors=\"0\""
+    {
+        echo '<?xml version="1.0" encoding="UTF-8"?>'
+        echo "<testsuites $counts name=\"browser-tests\">"
+        echo "<testsuite name=\"Report\" $counts skipped=\"0\">"
+        printf '%s\n' "${RESULTS[@]}"
+        echo '</testsuite></testsuites>'
+    } >"$XML"
+}
+
+# browse PAGE OPTIONS...: the browser without a window, and with a profile of its own.
+browse() {
+    local page=$1 profile
+    shift
+    profile=$(mktemp -d "$WORK/profile.XXXXXX")
+    timeout 120 "$BROWSER" --headless --no-sandbox --disable-gpu --disable-dev-shm-usage --disable-quic --no-first-run \
+        --disable-background-networking --disable-component-update --disable-sync --user-data-dir="$profile" \
+        --virtual-time-budget=2000 "$@" "file://$page" 2>"$WORK/browser.log"
+}
+
+# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output is in NAME.out.
+report() {
+    local name=$1
+    shift
+    (cd "$BIN" && timeout 300 "${WINE[@]}" fc-host.exe --fast 100 --quiet --report "$WORK/$name.html" "$@") \
+        >"$WORK/$name.out" 2>"$WORK/$name.err" || because "the host failed: $(tail -n 3 "$WORK/$name.err")"
+}
+
+# inspect NAME WIDTH OPTIONS...: leaves what check.js finds in NAME.found.
+inspect() {
+    local name=$1 width=$2
+    shift 2
+    {
+        cat "$WORK/$name.html"
+        printf '<script>\n%s\n</script>\n' "$(<"$HERE/check.js")"
+    } >"$WORK/$name-checked.html"
+    browse "$WORK/$name-checked.html" --window-size="$width,1000" --dump-dom "$@" >"$WORK/$name.dom" ||
+        because "the browser failed: $(tail -n 1 "$WORK/browser.log")" || return
+    sed -n '/<pre id="check">/,/<\/pre>/p' "$WORK/$name.dom" |
+        sed 's/.*<pre id="check">//; s/<\/pre>.*//' >"$WORK/$name.found"
+    [ -s "$WORK/$name.found" ] || because "check.js has not run in $name.html"
+}
+
+# has_no_faults NAME: after inspect.
+has_no_faults() {
+    local faults
+    faults=$(grep '^fault: ' "$WORK/$1.found" || true)
+    [ -z "$faults" ] || because "$faults"
+}
+
+# finds NAME LINE: what inspect has left holds the line.
+finds() {
+    grep -qxF -- "$2" "$WORK/$1.found" || because "expected '$2', found: $(tr '\n' ';' <"$WORK/$1.found")"
+}
+
+# shows NAME TEXT: the page as it was drawn holds the text outside of its data.
+shows() {
+    sed '/<script type="application\/json"/,/<\/script>/d' "$WORK/$1.dom" | grep -F -- "$2" >/dev/null ||
+        because "the page does not show '$2'" # grep -q would leave sed with a broken pipe
+}
+
+TheBrowserIsInstalled() {
+    [ -n "$BROWSER" ] || because "there is no chromium: ./dev test installs it and runs this test"
+}
+
+TheExampleIsDrawnWithoutErrors() {
+    report health "$EXAMPLES/health.lua" --out "$WORK/out" && inspect health 1300 && finds health 'errors: 0' &&
+        finds health 'charts: 8' && has_no_faults health
+}
+
+# What the script has printed against what the page tells: the agent's view and the module's log.
+TheTransitionsOfTheExampleAreListed() {
+    local count
+    count=$(grep -cE 'FAIL-OPEN|RECOVERED|check failed' "$WORK/health.out")
+    [ "$count" -ge 8 ] || because "the example tells of $count transitions only" || return
+    finds health "transitions: $count" && shows health 'Into fail-open' && shows health 'Processor queue' &&
+        shows health 'A build begins on all processors' && shows health 'the counters are locked'
+}
+
+NothingOverlapsInANarrowWindow() {
+    inspect health 500 && finds health 'errors: 0' && has_no_faults health
+}
+
+TheDarkPageIsDrawnToo() {
+    inspect health 1000 --blink-settings=preferredColorScheme=0 && finds health 'errors: 0' && has_no_faults health
+}
+
+# A page of one colour would be packed into a few kilobytes.
+TheScreenshotIsNotBlank() {
+    local size
+    browse "$WORK/health.html" --window-size=1300,2300 --screenshot="$WORK/health.png" >/dev/null ||
+        because "the browser failed: $(tail -n 1 "$WORK/browser.log")" || return
+    size=$(stat -c %s "$WORK/health.png")
+    [ "$size" -gt 100000 ] || because "the screenshot has only $size bytes"
+}
+
+ARunWithoutIterationsSaysSo() {
+    printf 'host.mark("</script><b id=injected>&\\"")' >"$WORK/none.lua"
+    report none "$WORK/none.lua" && inspect none 1000 && finds none 'errors: 0' && finds none 'empty: true' &&
+        finds none 'charts: 0' && finds none 'notes: 1' && shows none '&lt;/script&gt;&lt;b id=injected&gt;&amp;"'
+}
+
+ARunOfOneIterationIsDrawn() {
+    cat >"$WORK/one.lua" <<'LUA'
+host.use_program_data(arg[1])
+io.open(arg[1] .. "/filter/vt_filter.conf", "w"):write("SYSTEM_RUNQ_PCT_THRESHOLD=50\n"):close()
+host.machine.processor_queue = 60
+require "fc"
+SLB.filter.CheckSystemHealthMetrics(host.dom(), "Deactivated", "")
+LUA
+    report one "$WORK/one.lua" "$WORK/data" && inspect one 1000 && finds one 'errors: 0' && finds one 'charts: 8' &&
+        finds one 'transitions: 1' && finds one 'rows at the pointer: 6' &&
+        has_no_faults one && shows one 'Processor queue 60 is above 50'
+}
+
+for name in TheBrowserIsInstalled TheExampleIsDrawnWithoutErrors TheTransitionsOfTheExampleAreListed \
+    NothingOverlapsInANarrowWindow TheDarkPageIsDrawnToo TheScreenshotIsNotBlank ARunWithoutIterationsSaysSo \
+    ARunOfOneIterationIsDrawn; do
+    test_case "$name"
+    [ -n "$BROWSER" ] || break
+done
+write_results
+[ "$FAILED" -eq 0 ]

@@ -1,0 +1,56 @@
+// Looks at a report in the browser and leaves what it finds in the element "check", one line for each thing.
+'use strict';
+window.addEventListener('load', () => {
+  const found = [];
+  const fault = text => found.push('fault: ' + text);
+  const tell = (name, value) => found.push(name + ': ' + value);
+  const box = element => element.getBoundingClientRect();
+  const overlap = (a, b) => a.left < b.right && b.left < a.right && a.top < b.bottom && b.top < a.bottom;
+
+  const checkInside = (text, chart, title) => {
+    const inner = box(text);
+    const outer = box(chart);
+    if (inner.width === 0) fault(`${title}: '${text.textContent}' is not drawn`);
+    if (inner.left < outer.left - 0.5 || inner.right > outer.right + 0.5 || inner.top < outer.top - 0.5 ||
+        inner.bottom > outer.bottom + 0.5)
+      fault(`${title}: '${text.textContent}' lies outside of its chart`);
+  };
+  const checkApart = (texts, title) => {
+    texts.forEach((one, i) => texts.slice(i + 1).forEach(other => {
+      if (overlap(box(one), box(other))) fault(`${title}: '${one.textContent}' and '${other.textContent}' overlap`);
+    }));
+  };
+
+  const charts = [...document.querySelectorAll('figure.chart')];
+  let lines = 0;
+  for (const figure of charts) {
+    const title = figure.querySelector('h3').textContent;
+    const svg = figure.querySelector('svg');
+    const texts = [...svg.querySelectorAll('text')];
+    for (const axis of ['x-label', 'y-label'])
+      if (svg.querySelectorAll('text.' + axis).length < 2) fault(`${title}: fewer than two labels of ${axis}`);
+    for (const text of texts) checkInside(text, svg, title);
+    checkApart(texts, title);
+    lines += svg.querySelectorAll('path').length;
+    for (const path of svg.querySelectorAll('path'))
+      if (/NaN|undefined|Infinity/.test(path.getAttribute('d'))) fault(`${title}: a line has no numbers`);
+  }
+  if (document.documentElement.scrollWidth > window.innerWidth + 1) fault('the page is wider than its window');
+  if (charts.length) {
+    const area = box(charts[0].querySelector('svg'));
+    charts[0].dispatchEvent(new PointerEvent('pointermove',
+      { clientX: area.left + area.width / 2, clientY: area.top + area.height / 2 }));
+    if (document.getElementById('tip').hidden) fault('the pointer shows nothing');
+    tell('rows at the pointer', document.querySelectorAll('#tip tr').length);
+  }
+  tell('charts', charts.length);
+  tell('lines', lines);
+  tell('errors', document.getElementById('errors').textContent);
+  tell('transitions', document.querySelectorAll('#transitions tbody tr').length);
+  tell('notes', document.querySelectorAll('#notes tbody tr').length);
+  tell('empty', !document.getElementById('empty').hidden);
+  const result = document.createElement('pre');
+  result.id = 'check';
+  result.textContent = found.join('\n');
+  document.body.append(result);
+});

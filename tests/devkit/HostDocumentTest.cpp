@@ -1,0 +1,73 @@
+// docs/host.md against the table `host` as it really is.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "HostProcess.h"
+
+namespace {
+
+using Names = std::set<std::string>;
+
+Names Documented() {
+    const std::string text = ReadFile(std::filesystem::path(FC_DOCUMENTS "/host.md").wstring());
+    const std::regex heading("(^|\n)### `([a-zA-Z_.]+)");
+    Names names;
+    for (std::sregex_iterator match(text.begin(), text.end(), heading), end; match != end; ++match)
+        names.insert((*match)[2]);
+    return names;
+}
+
+/// Those of tables in it too; pairs goes through their fields as well.
+Names Real() {
+    const HostRun run = RunScript(R"(
+        local function list(prefix, t)
+            for name, value in pairs(t) do
+                if type(value) == 'table' and getmetatable(value) then
+                    list(prefix .. name .. '.', value)
+                else
+                    print(prefix .. name)
+                end
+            end
+        end
+        list('host.', host)
+    )");
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    std::istringstream lines(run.out);
+    Names names;
+    for (std::string line; std::getline(lines, line);)
+        names.insert(line);
+    return names;
+}
+
+}  // namespace
+
+TEST(HostDocument, DescribesWhatIsInTheTableAndNothingElse) {
+    const Names documented = Documented();
+    const Names real = Real();
+    ASSERT_GT(real.size(), 30U);
+    for (const std::string &name : real)
+        EXPECT_EQ(documented.count(name), 1U) << "docs/host.md does not describe " << name;
+    for (const std::string &name : documented)
+        EXPECT_EQ(real.count(name), 1U) << "docs/host.md describes what is not there: " << name;
+}
+
+// Each example is run as it stands, on the clock for which it is written.
+TEST(HostDocument, HasExamplesThatRun) {
+    const std::string text = ReadFile(std::filesystem::path(FC_DOCUMENTS "/host.md").wstring());
+    const std::string open = "```lua\n";
+    int count = 0;
+    for (std::size_t at = text.find(open); at != std::string::npos; at = text.find(open, at)) {
+        at += open.size();
+        const std::size_t end = text.find("```", at);
+        const std::string example = text.substr(at, end - at);
+        const TemporaryFolder folder;
+        const HostRun run =
+            RunScript(example, {L"--quiet", L"--fast", L"1000", L"--report", folder.At(L"report.html")});
+        EXPECT_EQ(run.exitCode, 0U) << example << run.err;
+        ++count;
+    }
+    EXPECT_GE(count, 10);
+}

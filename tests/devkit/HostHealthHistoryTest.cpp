@@ -1,0 +1,166 @@
+// What the host's report is made of: the module's line, and which rows are drawn.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "devkit/host/HealthHistory.h"
+#include "devkit/host/ReportPage.h"
+
+namespace {
+
+constexpr char kLine[] =
+    "SysHealth: rc=1 tval=  12345678.000250 delta_t=30.000 startSt=Act endSt=Act min_dur=900 act_dur=60 "
+    "backoff=15 next_chk=14 port=443 rqpct=7.500(50.000) refusalpct=0.000(0.000) estab=1.250(400.000) "
+    "scanmb=0.000(40.000) frepct=61.000(12.000) delta_t=30.000(45.000)";
+
+HealthIteration Active(std::uint64_t wait, std::uint64_t next) {
+    HealthIteration iteration;
+    iteration.startsActive = iteration.endsActive = true;
+    iteration.waitMinutes = wait;
+    iteration.nextMinutes = next;
+    return iteration;
+}
+
+HealthIteration Quiet(double queue) {
+    HealthIteration iteration;
+    iteration.interval = 30;
+    iteration.metrics[0] = {queue, 50};
+    return iteration;
+}
+
+std::vector<HealthRow> Rows(std::size_t count) {
+    std::vector<HealthRow> rows;
+    for (std::size_t i = 0; i < count; ++i)
+        rows.push_back({static_cast<double>(i) * 30, Quiet(std::sin(static_cast<double>(i)))});
+    return rows;
+}
+
+}  // namespace
+
+TEST(HealthLine, IsReadWhole) {
+    const std::optional<HealthIteration> read = ParseHealthLine(kLine);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->action, 1);
+    EXPECT_EQ(read->clock, 12'345'678U);
+    EXPECT_NEAR(read->clockFraction, 0.00025, 1e-9);
+    EXPECT_EQ(read->interval, 30);
+    EXPECT_TRUE(read->startsActive && read->endsActive);
+    EXPECT_EQ(read->waitMinutes, 15U);
+    EXPECT_EQ(read->nextMinutes, 14U);
+    EXPECT_EQ(read->metrics[0].value, 7.5);
+    EXPECT_EQ(read->metrics[2].limit, 400);
+    EXPECT_EQ(read->metrics[5].limit, 45);
+}
+
+TEST(HealthLine, OtherLinesAreNone) {
+    for (const std::string line : {"", "SysHealth: ", "SysHealth: rc=1 startSt=Act", "vti_open failed rc= 3"})
+        EXPECT_FALSE(ParseHealthLine(line)) << line;
+    const std::string whole(kLine);
+    EXPECT_FALSE(ParseHealthLine(whole.substr(0, whole.size() - 1)));
+}
+
+TEST(HealthLine, ALimitThatIsNoNumberStaysNone) {
+    std::string line(kLine);
+    line.replace(line.find("(12.000)"), 8, "(1.#INF)");
+    const std::optional<HealthIteration> read = ParseHealthLine(line);
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(std::isnan(read->metrics[4].limit));
+}
+
+TEST(HealthLine, TheTimeIsMadeWholeFromAClockNearby) {
+    constexpr double secondsFrom1601To1970 = 11'644'473'600.0;
+    for (const double since1601 : {4294967295.0, 4294967296.0, 13'417'000'000.0}) {
+        HealthIteration iteration;
+        iteration.clock = static_cast<std::uint32_t>(static_cast<std::uint64_t>(since1601));
+        iteration.clockFraction = 0.5;
+        for (const double away : {-100.0, 0.0, 100.0})
+            EXPECT_NEAR(BeginOf(iteration, since1601 - secondsFrom1601To1970 + away),
+                        since1601 + 0.5 - secondsFrom1601To1970, 1e-3);
+    }
+}
+
+TEST(HealthStep, IsToldFromTheIterationBefore) {
+    HealthIteration opens = Quiet(60);
+    opens.endsActive = true;
+    HealthIteration recovers = Active(0, 0);
+    recovers.endsActive = false;
+    const HealthIteration waits = Active(30, 30);
+    const HealthIteration last = Active(30, 1);
+    EXPECT_EQ(ClassifyHealthStep(nullptr, Quiet(1)), HealthStep::Nothing);
+    EXPECT_EQ(ClassifyHealthStep(nullptr, opens), HealthStep::FailOpen);
+    EXPECT_EQ(ClassifyHealthStep(&opens, waits), HealthStep::Nothing) << "the wait begins";
+    EXPECT_EQ(ClassifyHealthStep(&waits, last), HealthStep::Nothing);
+    EXPECT_EQ(ClassifyHealthStep(&last, Active(60, 60)), HealthStep::CheckFailed);
+    EXPECT_EQ(ClassifyHealthStep(&last, Active(30, 30)), HealthStep::CheckFailed) << "at the longest wait";
+    EXPECT_EQ(ClassifyHealthStep(&last, recovers), HealthStep::Recovered);
+    EXPECT_EQ(ClassifyHealthStep(&last, Active(0, 0)), HealthStep::CheckFailed) << "without a wait";
+}
+
+TEST(HealthHistory, KnowsWhereItResumes) {
+    HealthHistory history;
+    for (const double time : {0.0, 30.0, 60.0, 200.0, 230.0, 100.0})
+        history.AddIteration(time, Quiet(1));
+    std::vector<bool> resumes;
+    for (const HealthRow &row : history.Rows())
+        resumes.push_back(row.resumes);
+    EXPECT_EQ(resumes, (std::vector<bool>{false, false, false, true, false, true}));
+}
+
+TEST(HealthHistory, AnErrorAgainAndAgainIsOneNote) {
+    HealthHistory history;
+    for (int i = 0; i < 5; ++i) {
+        history.AddNote(HealthNote::Kind::Error, i, "first");
+        history.AddNote(HealthNote::Kind::Error, i, "second");
+        history.AddNote(HealthNote::Kind::Mark, i, "mark");
+    }
+    const std::vector<HealthNote> notes = history.Notes();
+    ASSERT_EQ(notes.size(), 7U);
+    EXPECT_EQ(notes[0].count, 5);
+    EXPECT_EQ(notes[0].until, 4);
+}
+
+TEST(HealthHistory, KeepsAThousandNotesAndCountsTheRest) {
+    HealthHistory history;
+    for (int i = 0; i < 1003; ++i)
+        history.AddNote(HealthNote::Kind::Mark, i, "mark");
+    EXPECT_EQ(history.Notes().size(), 1000U);
+    EXPECT_EQ(history.NotesLeftOut(), 3U);
+}
+
+TEST(ThinOut, LeavesFewRowsAlone) {
+    EXPECT_EQ(ThinOut(Rows(1000), 1000).size(), 1000U);
+    EXPECT_TRUE(ThinOut({}, 100).empty());
+}
+
+TEST(ThinOut, KeepsTheEndsTransitionsAndExtremes) {
+    std::vector<HealthRow> rows = Rows(50'000);
+    rows[20'000].step = HealthStep::FailOpen;
+    rows[33'333].iteration.metrics[0].value = 900;
+    const std::vector<HealthRow> thin = ThinOut(rows, 1000);
+    EXPECT_LE(thin.size(), 1000U);
+    EXPECT_GT(thin.size(), 100U);
+    EXPECT_EQ(thin.front().time, 0);
+    EXPECT_EQ(thin.back().time, rows.back().time);
+    const auto has = [&thin](std::size_t index) {
+        return std::any_of(thin.begin(), thin.end(),
+                           [index](const HealthRow &row) { return row.time == static_cast<double>(index) * 30; });
+    };
+    EXPECT_TRUE(has(20'000) && has(19'999));
+    EXPECT_TRUE(has(33'333));
+}
+
+TEST(ReportPage, StaysBelowThreeMebibytes) {
+    HealthHistory history;
+    for (int i = 0; i < 30'000; ++i) {
+        HealthIteration iteration = Quiet(0);
+        for (HealthMetric &metric : iteration.metrics)
+            metric = {1234.567 + i % 777, 1000.125 + i % 2};
+        history.AddIteration(1.7e9 + i * 30.123, iteration);
+    }
+    for (int i = 0; i < 2000; ++i)
+        history.AddNote(HealthNote::Kind::Mark, i, std::string(5000, '<'));
+    const std::size_t size = MakeReportPage(history, "script.lua").size();
+    EXPECT_LT(size, 3U << 20U);
+    EXPECT_GT(size, 1U << 20U);
+}
