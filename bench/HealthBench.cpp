@@ -1,9 +1,14 @@
 #include "HealthBench.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include <windows.h>
 #include <cJSON.h>
 
 #include "HealthStubs.h"

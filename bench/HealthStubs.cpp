@@ -47,6 +47,10 @@ int Write(const char *, std::FILE *) {
     return 0;
 }
 
+int Flush(std::FILE *) {
+    return 0;
+}
+
 int Close(std::FILE *) {
     if (readsConfig)
         Note(ConfigClosed);
@@ -126,6 +130,7 @@ std::vector<Simulator::Redirection> PutUnder(HMODULE module) {
     put("fopen", Open);
     put("fgets", ReadLine);
     put("fputs", Write);
+    put("fflush", Flush);
     put("fclose", Close);
     put("PdhOpenQueryW", OpenQuery);
     put("PdhAddCounterW", AddCounter);

@@ -8,6 +8,8 @@
 
 #include "Bench.h"
 #include "ConnMetricsBench.h"
+#include "DiagnosticsBench.h"
+#include "DriverFlagsBench.h"
 #include "HealthBench.h"
 
 int main(int argc, char **argv) {
@@ -20,6 +22,8 @@ int main(int argc, char **argv) {
     Report report;
     BenchConnMetrics(report);
     BenchHealth(report);
+    BenchDiagnostics(report);
+    BenchDriverFlags(report);
     report.Print();
     if (json && !report.WriteJson(argv[2])) {
         std::fprintf(stderr, "fc-bench: can't write '%s': is its folder there, and writable?\n", argv[2]);

@@ -3,6 +3,7 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
 
 if(MSVC)
     add_compile_options(/W4 /WX /permissive- /utf-8 /EHsc)
+    add_compile_definitions(_CRT_SECURE_NO_WARNINGS)  # fopen and sscanf are meant
 else()
     add_compile_options(-Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wformat=2
                         -Wno-unknown-pragmas

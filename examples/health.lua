@@ -16,6 +16,7 @@ local PROCESSORS = 8
 local MEMORY_BYTES = 32 * 2 ^ 30
 local MIB = 2 ^ 20
 local WAIT_SETTING = "vtp.filter.SysHealthBackoffWait"
+local CHECK_SETTING = "vtp.filter.SysHealthLastRecoveryCheck"
 
 local ACTION = { NORMAL = 0, FAIL_OPEN = 1, DISABLED = 2 } -- others carry no decision
 
@@ -228,11 +229,11 @@ function Agent:recover()
 end
 
 -- Still in fail-open: tells of a wait that begins, and of a check that failed.
-function Agent:stay_open(wait_before)
+function Agent:stay_open(wait_before, check_before)
     local wait = wait_minutes()
     if wait_before == 0 then
         self:tell(string.format("  waiting %d minutes for the first recovery check", wait))
-    elseif wait ~= wait_before then
+    elseif host.get_setting(CHECK_SETTING) ~= check_before then -- the wait itself stays the same at its cap
         self.summary.failed_checks = self.summary.failed_checks + 1
         self:tell(string.format("  recovery check failed, the next one is in %d minutes", wait))
     end
@@ -240,13 +241,13 @@ end
 
 -- One iteration: what the module says is taken up.
 function Agent:check()
-    local wait_before = wait_minutes()
+    local wait_before, check_before = wait_minutes(), host.get_setting(CHECK_SETTING)
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, self.state, self.cloud_config).action
     self.summary.iterations = self.summary.iterations + 1
     if action == ACTION.FAIL_OPEN and self.state == "Deactivated" then
         self:fail_open()
     elseif action == ACTION.FAIL_OPEN then
-        self:stay_open(wait_before)
+        self:stay_open(wait_before, check_before)
     elseif action == ACTION.NORMAL and self.state == "Activated" then
         self:recover()
     elseif action == ACTION.DISABLED and self.state == "Activated" then

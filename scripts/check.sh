@@ -81,7 +81,7 @@ check_cppcheck() {
 
 check_lua() { luacheck --quiet examples; }
 
-check_shell() { shellcheck -x dev .ci/run tests/browser/*.sh; }
+check_shell() { shellcheck -x dev .ci/run tests/*/*.sh; }
 
 run_checks() {
     local failed=() name

@@ -35,7 +35,7 @@ check_rules() {
     forbid "A test that is switched off counts as nothing: mend or delete it" \
         '\bDISABLED_' tests || status=1
     forbid "Trace through the one helper, which asks first whether the component is wanted" \
-        'VtaCore::LogTrace\(' plugins/filter/'*.cpp' || status=1
+        'VtaCore::LogTrace\(' plugins ':!plugins/filter/fc/Trace.h' || status=1
     forbid "Do it now, or leave it out: the code is no list of wishes" '\b(TODO|FIXME|XXX)\b' \
         plugins interfaces devkit tests bench examples || status=1
     return $status

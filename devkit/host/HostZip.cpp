@@ -55,10 +55,11 @@ int ReadZip(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
     bool pushed = false;
     {
-        const std::optional<std::vector<ZippedFile>> files = ReadZipFile(wxString(ToWide(path)));
+        std::string error;
+        const std::optional<std::vector<ZippedFile>> files = ReadZipFile(wxString(ToWide(path)), error);
         pushed = PushProtected(L, [&](lua_State *state) {
             if (!files)
-                luaL_error(state, "cannot read %s", path.data());
+                luaL_error(state, "%s", error.c_str());
             lua_createtable(state, static_cast<int>(files->size()), 0);
             int index = 0;
             for (const ZippedFile &file : *files) {

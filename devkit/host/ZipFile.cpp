@@ -1,7 +1,26 @@
 #include "ZipFile.h"
 
+#include <array>
+#include <cstdint>
+
 #include <wx/filename.h>
 #include <wx/zipstrm.h>
+
+namespace {
+
+/// Reads the open entry to its end.
+/// @param size  what the file says of it, which need not be true.
+/// @return true when it is whole and has that size.
+bool ReadEntry(wxZipInputStream &zip, wxFileOffset size, std::string &content) {
+    if (size < 0)
+        return false;
+    std::array<char, 16U << 10U> chunk{};
+    while (zip.IsOk() && content.size() <= static_cast<std::uint64_t>(size))
+        content.append(chunk.data(), zip.Read(chunk.data(), chunk.size()).LastRead());
+    return zip.Eof() && content.size() == static_cast<std::uint64_t>(size);
+}
+
+}  // namespace
 
 std::unique_ptr<ZipFile> ZipFile::Create(const wxString &path) {
     const wxLogNull quiet;  // the caller tells of the failure
@@ -17,20 +36,23 @@ bool ZipFile::Close() {
     return m_file->Close() && closed;
 }
 
-std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path) {
-    const wxLogNull quiet;  // the caller tells of the failure
+std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error) {
+    const wxLogNull quiet;  // the error tells of the failure
+    error = "cannot read " + path.utf8_string();
     wxFileInputStream file(path);
     if (!file.IsOk())
         return std::nullopt;
     wxZipInputStream zip(file);
     std::vector<ZippedFile> files;
     for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry; entry.reset(zip.GetNextEntry())) {
-        files.push_back(
-            {entry->GetName().utf8_string(), std::string(static_cast<std::size_t>(entry->GetSize()), '\0')});
-        if (!zip.ReadAll(files.back().content.data(), files.back().content.size()))
+        files.push_back({entry->GetName().utf8_string(), {}});
+        if (!ReadEntry(zip, entry->GetSize(), files.back().content)) {
+            error += ": its entry " + files.back().name + " is broken";
             return std::nullopt;
+        }
     }
     if (zip.GetLastError() != wxSTREAM_EOF)
         return std::nullopt;
+    error.clear();
     return files;
 }

@@ -34,5 +34,6 @@ struct ZippedFile {
     std::string content;
 };
 
-/// The files in a package, in their order; nothing where it can't be read to its end.
-std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path);
+/// The files in a package, in their order.
+/// @param error  says what can't be read, when nothing is returned.
+std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error);

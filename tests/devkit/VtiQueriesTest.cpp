@@ -50,6 +50,12 @@ std::unique_ptr<StatsRecord> StatsRequest() {
     return record;
 }
 
+/// A print function that counts its calls in the context's word.
+int CountLine(void *context, const char *, ...) {
+    ++*static_cast<unsigned *>(static_cast<DumpContext *>(context)->word);
+    return 0;
+}
+
 /// A head with room for entries behind it.
 struct ConnTrackTable {
     ConnTrackHeader head{3, 0, 0, 0, 0, 0, {}};
@@ -184,6 +190,48 @@ TEST_F(VtiQueries, TheBlacklistTellsItsSizeFirst) {
     EXPECT_EQ(vti_get_blacklist(handle, record), 0);
     EXPECT_EQ(buffer[sizeof(BlacklistRecord) + 4], 5);
     EXPECT_EQ(buffer[sizeof(BlacklistRecord) + 5], 0xEE);
+}
+
+TEST_F(VtiQueries, AnOverstatementIsClaimedAndNotCopied) {
+    driver.overstatement = 7;
+    driver.profile = {9, 8, 7, 6};
+    std::array<uint32_t, 3> buffer{1, 0, 0};
+    EXPECT_EQ(vti_get_profile_stats(handle, buffer.data()), 0);
+    EXPECT_EQ(buffer, (std::array<uint32_t, 3>{8, 9, 0}));
+    driver.tcp = {ConnectionOf(0xB1), ConnectionOf(0xB2)};
+    ConnTrackTable table;
+    table.head.protocol = 6;
+    table.head.entry_ct = 1;
+    EXPECT_EQ(vti_get_conntrack(handle, &table.head, 16 + 64, nullptr), 0);
+    EXPECT_EQ(table.head.entry_ct, 8);
+    EXPECT_EQ(table.entries[0][0], 0xB1);
+    EXPECT_EQ(table.entries[1][0], 0);
+}
+
+TEST_F(VtiQueries, TheDriverMayChangeBetweenTwoCalls) {
+    driver.onCall = [](Vti::Driver &changed, const std::string &call) {
+        if (call == "vti_get_var(3)")
+            changed.variables[3] = 5;
+    };
+    FilterVariable variable{3, 0};
+    EXPECT_EQ(vti_get_varv(handle, &variable), 0);
+    EXPECT_EQ(variable.value, 0U);
+    EXPECT_EQ(vti_get_var(handle, 3, &variable), 0);
+    EXPECT_EQ(variable.value, 5U);
+}
+
+TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheLinesThatAreSet) {
+    driver.statsLines = {"100%\n", "end"};
+    const auto record = StatsRequest();
+    EXPECT_EQ(vti_get_stats(handle, record.get(), sizeof *record), 0);
+    EXPECT_EQ(driver.statsAddress, reinterpret_cast<std::uintptr_t>(record.get()));
+    ASSERT_EQ(driver.statsRequest.size(), 6192U);
+    EXPECT_EQ(driver.statsRequest[0], 12);
+    EXPECT_EQ(driver.statsRequest[64], 0) << "as it came in";
+    unsigned lines = 0;
+    DumpContext context{CountLine, &lines};
+    qb_dump_stats(&context, record.get());
+    EXPECT_EQ(lines, 6128U / 4 + 2);
 }
 
 TEST_F(VtiQueries, TheProfileNeverExceedsItsRoom) {

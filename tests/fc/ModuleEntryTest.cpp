@@ -37,6 +37,17 @@ std::set<std::string> DirectFunctions() {
     };
 }
 
+std::set<std::string> BoundFunctions() {
+    return {"StartWFPDriver", "StopWFPDriver",   "RestartWFPDriver",
+            "StopNDISDriver", "StartNDISDriver", "RestartNDISDriver"};
+}
+
+std::set<std::string> AllFunctions() {
+    std::set<std::string> names = DirectFunctions();
+    names.merge(BoundFunctions());
+    return names;
+}
+
 class ModuleEntry : public testing::Test {
 protected:
     ModuleEntry() { Vti::Reset(); }
@@ -73,7 +84,7 @@ TEST_F(ModuleEntry, LeavesTrueAsItsOneResult) {
 TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
     const LuaState state;
     Open(state);
-    EXPECT_EQ(FilterNames(state), DirectFunctions());
+    EXPECT_EQ(FilterNames(state), AllFunctions());
 }
 
 TEST_F(ModuleEntry, HasASectionInTheDocumentsForEachFunction) {
@@ -98,6 +109,22 @@ TEST_F(ModuleEntry, RegistersDirectFunctionsWithoutUpvalues) {
         EXPECT_TRUE(lua_iscfunction(state, -1)) << name;
         EXPECT_EQ(lua_getupvalue(state, -1, 1), nullptr) << name;
         lua_pop(state, 1);
+    }
+}
+
+TEST_F(ModuleEntry, RegistersBoundFunctionsWithTheirFunctionAndItsSignature) {
+    const LuaState state;
+    Open(state);
+    lua_getglobal(state, "SLB");
+    lua_getfield(state, -1, "filter");
+    for (const std::string &name : BoundFunctions()) {
+        lua_getfield(state, -1, name.c_str());
+        ASSERT_STREQ(lua_getupvalue(state, -1, 1), "") << name;
+        EXPECT_EQ(lua_type(state, -1), LUA_TUSERDATA) << name;
+        EXPECT_EQ(lua_rawlen(state, -1), 8U) << name;
+        ASSERT_STREQ(lua_getupvalue(state, -2, 2), "") << name;
+        EXPECT_EQ(lua_getupvalue(state, -3, 3), nullptr) << name;
+        lua_pop(state, 3);
     }
 }
 

@@ -11,12 +11,13 @@ int AddDriverDiagnostics(lua_State *L) {
     const DriverHandleBlock *const block = GetDriverHandleArg(L, 2);
     if (block == nullptr)
         return luaL_argerror(L, 2, "vti handle expected");
-    if (block->handle == nullptr)
+    vti_handle_t *const handle = block->handle;
+    if (handle == nullptr)
         return luaL_argerror(L, 2, "vti handle already closed");
     VtaCore::CZipOutputStream *const zip = GetZipArg(L, 3);
     if (zip == nullptr)
         return luaL_argerror(L, 3, "CZipOutputStream object expected");
-    const bool added = Filter::Diagnostics::AddDriverContent(*dom, block->handle, *zip);
+    const bool added = Filter::Diagnostics::AddDriverContent(*dom, handle, *zip);
     Trace(kFilterTrace, "AddDriverContent returned %d", added);
     lua_pushboolean(L, added ? 1 : 0);
     return 1;

@@ -1,5 +1,6 @@
 // "vta_blacklist.txt".
 #include <algorithm>
+#include <cstring>
 
 #include "DriverAnswers.h"
 #include "DriverContent.h"
@@ -19,7 +20,8 @@ bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     const std::uint32_t room = head.bodySize;
     Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::malloc(std::size_t{room} + sizeof(head))));
     if (!record)
-        return false;
+        return false;                                                // without a word, unlike the connections
+    std::memset(record.get(), 0, std::size_t{room} + sizeof(head));  // a driver may fill in less than it claims
     *record = head;
     if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, record.get())))
         return false;

@@ -1,5 +1,7 @@
 // "vta_conn_track.txt": the connections that the driver keeps track of.
 #include <algorithm>
+#include <cstring>
+#include <new>
 
 #include "DriverAnswers.h"
 #include "DriverContent.h"
@@ -71,6 +73,7 @@ static bool getDriverConnTrack(VtaCore::CDom &dom, vti_handle_t *handle, ConnTra
         Trace(kDiagnosticsTrace, "malloc %u bytes failed.", static_cast<unsigned>(bytes));
         return true;
     }
+    std::memset(buffer.get(), 0, bytes);  // a driver may fill in less than it claims
     ConnTrackHeader &udpConn = PrepareTable(buffer.get(), entries, kUdp);
     ReadTable(dom, handle, udpConn, kDiagnosticsTrace);
     Trace(kDiagnosticsTrace, "udpConn->entry_ct = %u", udpConn.entry_ct);

@@ -4,7 +4,6 @@ namespace Filter::Diagnostics {
 
 namespace {
 
-constexpr int kDriverFailureEvent = 1001;
 constexpr std::uint32_t kErrorBytes = 80;
 
 }  // namespace
@@ -19,10 +18,8 @@ bool IsDriverOpen(vti_handle_t *handle) {
 bool ShowErrors(VtaCore::CDom &dom, vti_handle_t *handle, const wchar_t *label, std::int32_t status) {
     if (status == 0)
         return true;
-    char text[kErrorBytes + 1] = {};  // a text that fills its 80 bytes has no end mark
-    vti_get_error(handle, text, kErrorBytes);
-    const wxString message =
-        wxString::Format("%.64s|%08x (%.128s)", label, static_cast<std::uint32_t>(status), wxString(text, wxConvLibc));
+    const wxString message = wxString::Format("%.64s|%08x (%.128s)", label, static_cast<std::uint32_t>(status),
+                                              DriverErrorText(handle, kErrorBytes));
     Trace(kDiagnosticsTrace, "AgentWrite 1001 %s", message);
     // The message is the format: a percent sign in the driver's text is taken as a directive. That is how this
     // event is written.

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 
 #include "fc/fc.h"
 #include "vta_core.h"
@@ -12,13 +11,6 @@
 namespace Filter::Diagnostics {
 
 constexpr wchar_t kDiagnosticsTrace[] = L"diagnostics";
-
-/// A block of malloc.
-struct FreeBlock {
-    void operator()(void *block) const { std::free(block); }
-};
-template <typename Record>
-using Block = std::unique_ptr<Record, FreeBlock>;
 
 /// Whether the driver answers.
 bool IsDriverOpen(vti_handle_t *handle);

@@ -11,6 +11,11 @@
 
 namespace Filter::Diagnostics {
 
+/// Adds what a stream holds, also nothing, as a file.
+/// @param isText  the file is a text.
+bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const wxMemoryOutputStream &memory, bool isText,
+                   const wxString &name);
+
 /// Collects what the library's qb_dump_ functions print, and becomes a file of the package.
 class MemoryTextDump {
 public:

@@ -1,11 +1,13 @@
 // "vta.tpf": the profile of the filter's rules, as the driver gives it.
 #include <algorithm>
+#include <cstring>
 
 #include <wx/mstream.h>
 #include <wx/stream.h>
 
 #include "DriverAnswers.h"
 #include "DriverContent.h"
+#include "MemoryTextDump.h"
 
 namespace Filter::Diagnostics {
 
@@ -32,13 +34,14 @@ void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out,
         Trace(site, "malloc() failed");
         return;
     }
+    std::memset(buffer.get(), 0, std::size_t{room} + sizeof(room));  // a driver may fill in less than it claims
     *buffer = room;
     const std::int32_t status = vti_get_profile_stats(handle, buffer.get());
     if (status != 0) {
         (void)ShowErrors(dom, handle, L"vti_get_profile_stats()", status);
         return;
     }
-    out.Write(buffer.get() + 1, std::min(*buffer, room));
+    out.Write(buffer.get() + 1, std::min(*buffer, room));  // or claim more than there is room for
     ResetProfileVariable(handle);
 }
 
@@ -46,13 +49,13 @@ void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out,
 
 bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
     Trace(kDiagnosticsTrace, "AddDriverRuleStats()");
+    // Unlike the others this one does not ask whether the driver is open, and its file is never left out.
     wxMemoryOutputStream memory;
     {
         wxBufferedOutputStream out(memory);
         WriteProfile(dom, handle, out, kDiagnosticsTrace);
     }
-    wxMemoryInputStream in(memory);
-    return zip.AddFromStream(in, false, "vta.tpf", emptyText);
+    return AddMemoryFile(zip, memory, false, "vta.tpf");
 }
 
 }  // namespace Filter::Diagnostics

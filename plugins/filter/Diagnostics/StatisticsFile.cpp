@@ -1,4 +1,6 @@
 // "vta_stats.txt": what the driver counted.
+#include <cstddef>
+
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"

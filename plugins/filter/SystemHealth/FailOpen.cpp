@@ -6,6 +6,7 @@
 #include "HealthConfig.h"
 #include "HealthLog.h"
 #include "HealthMetrics.h"
+#include "fc/fc.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 
 #include "HealthConfig.h"
 #include "HealthLog.h"
+#include "fc/fc.h"
 
 double scanCounterRate[kScanCounters];
 std::int32_t scanPort = 0;
@@ -21,17 +22,6 @@ constexpr std::uint32_t kRequestWord = 1;
 constexpr std::uint32_t kInbound = 1;
 constexpr std::uint32_t kOutbound = 2;
 constexpr std::uint32_t kErrorBytes = 128;
-
-struct CloseDriverHandle {
-    void operator()(vti_handle_t *handle) const { vti_close(handle); }
-};
-
-/// The text of the handle's last failure. One that fills the buffer has no end mark.
-wxString LastError(vti_handle_t *handle) {
-    char text[kErrorBytes + 1] = {};
-    vti_get_error(handle, text, kErrorBytes);
-    return TextForMessage(text);
-}
 
 /// The port and direction to monitor, as configured.
 struct ScanTarget {
@@ -55,7 +45,7 @@ std::int32_t set_scan_metrics_config(vti_handle_t *handle, std::uint16_t port, s
     ports[port / bitsPerWord] = 1U << (port % bitsPerWord);
     const std::int32_t code = vti_set_scan_monitoring(handle, request.get());
     if (code != 0) {
-        const wxString error = LastError(handle);
+        const wxString error = DriverErrorText(handle, kErrorBytes);
         wxLogError("vti_set_scan_monitoring failed rc= %d buf{%s}", code, error);
     }
     return code;
@@ -71,7 +61,7 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
     record.row_count = 1;
     const std::int32_t code = vti_get_scan_metrics(handle, &record, sizeof(record));
     if (code != 0) {
-        const wxString error = LastError(handle);
+        const wxString error = DriverErrorText(handle, kErrorBytes);
         wxLogError("vti_get_scan_metrics failed rc= %d, buf{%s}", code, error);
     }
     return code;
@@ -79,7 +69,7 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
 
 bool RunDriverPass(ScanMetricsRecord &record) {
     const ScanTarget target = ConfiguredTarget();
-    const std::unique_ptr<vti_handle_t, CloseDriverHandle> handle(vti_open());
+    const DriverHandle handle(vti_open());
     if (!handle) {
         DisableDriverMetrics();
         return false;
@@ -95,7 +85,7 @@ bool RunDriverPass(ScanMetricsRecord &record) {
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);
     if (code != 0) {
         // In spite of the text, the iteration goes on without the driver's metrics.
-        const wxString error = LastError(handle.get());
+        const wxString error = DriverErrorText(handle.get(), kErrorBytes);
         wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
         DisableDriverMetrics();
         return false;

@@ -14,21 +14,16 @@
 namespace {
 
 constexpr wchar_t kNdisTrace[] = L"NDIS";
-constexpr int kDriverFailureEvent = 1001;
 constexpr std::size_t kVersionTextBytes = 112;  // what the library is offered; it is not told
 constexpr int kComponents = 4;
 
-struct FreeVersionBlock {
-    void operator()(void *block) const { std::free(block); }
-};
-
 /// The text that the running driver answers with. @return false without a driver, or after a report.
 bool ReadVersionText(VtaCore::CDom &dom, std::array<char, kVersionTextBytes + 1> &text) {
-    vti_handle_t *const handle = vti_open();
-    if (handle == nullptr)
+    DriverHandle handle(vti_open());
+    if (!handle)
         return false;
-    const std::int32_t status = vti_get_version(handle, text.data());
-    vti_close(handle);
+    const std::int32_t status = vti_get_version(handle.get(), text.data());
+    handle.reset();
     if (status == 0)
         return true;
     dom.DoAgentEventWrite(kDriverFailureEvent, L"GET_VERSION|%08x", static_cast<unsigned>(status));
@@ -53,7 +48,7 @@ bool GetFileVersion(const wxString &path, unsigned short *major, unsigned short 
     const DWORD size = GetFileVersionInfoSizeW(path.wc_str(), &unused);
     if (size == 0)
         return false;
-    const std::unique_ptr<void, FreeVersionBlock> block(std::malloc(size));
+    const Block<void> block(std::malloc(size));
     void *root = nullptr;
     UINT length = 0;
     if (!block || GetFileVersionInfoW(path.wc_str(), 0, size, block.get()) == 0 ||

@@ -160,7 +160,7 @@ int SetUncheckedInterface(lua_State *L) {
         lua_pushlightuserdata(L, &list);
         status = lua_pcall(L, 2, 0, 0);
         if (status == LUA_OK) {
-            Trace(kFilterTrace, "Set ifList: %s", list);
+            Trace(kFilterTrace, "Set ifList: %s", list);  // also when the key is missing
             WriteIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
         }
     }

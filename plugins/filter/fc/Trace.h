@@ -52,12 +52,20 @@ struct OutsideText {
     const char *text;
 };
 
+/// The same for a text in the locale's encoding; null is an empty text.
+struct LocaleText {
+    const char *text;
+};
+
 template <typename Argument>
 const Argument &TraceArgument(const Argument &argument) {
     return argument;
 }
 inline wxString TraceArgument(const OutsideText &outside) {
     return TextForMessage(outside.text);
+}
+inline wxString TraceArgument(const LocaleText &locale) {
+    return wxString(locale.text, wxConvLibc);
 }
 
 /// Writes a line if the component is wanted. Any thread.

@@ -27,9 +27,7 @@ int setup_qbtrace(lua_State *L) {
 
 std::int32_t qb_trace_handler(std::int32_t level, const char *source, const char *file, std::int32_t line,
                               const char *text) {
-    if (!VtaCore::LogTraceIsEnabled(kDriverTrace))
-        return 0;
-    Trace(kDriverTrace, "%s/%d  | %s | %s:%d\n", wxString(source, wxConvLibc), level, wxString(text, wxConvLibc),
-          wxString(file, wxConvLibc), line);
+    // The two blanks and the line feed are part of the line.
+    Trace(kDriverTrace, "%s/%d  | %s | %s:%d\n", LocaleText{source}, level, LocaleText{text}, LocaleText{file}, line);
     return 0;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "CallWrappers.h"
+#include "DriverHandle.h"
 #include "ModuleObjects.h"
 #include "Registration.h"
 #include "Trace.h"

@@ -1,0 +1,17 @@
+// What the driver threads and the functions that start them have in common: the one reporter of failures of the system,
+// and the removal of the health-check files.
+#pragma once
+
+#include "vta_core.h"
+
+/// Agent event of a failure of the operating system.
+constexpr int kSystemFailureEvent = 3005;
+
+/// Logs a failure of the system and sends it as an agent event.
+/// @param error    the system's error; 0 for the calling thread's last one.
+/// @param eventId  kSystemFailureEvent.
+/// @param format   what failed; the arguments follow the rules of a wide printf.
+void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const wchar_t *format, ...);
+
+/// Removes the two files from the system folder if they are there. The module never reads or writes them.
+void RemoveHealthCheckFiles();

@@ -1,0 +1,60 @@
+#include "StackDump.h"
+
+#include <memory>
+#include <type_traits>
+
+#include <windows.h>
+#include <wx/stackwalk.h>
+
+namespace {
+
+constexpr std::size_t kMaxFrames = 200;
+
+class StackDump : public wxStackWalker {
+public:
+    StackDump() : wxStackWalker(nullptr) {}
+
+    [[nodiscard]] const wxString &Text() const { return text; }
+
+protected:
+    void OnStackFrame(const wxStackFrame &frame) override {
+        if (!text.empty())
+            text += '\n';
+        text += wxString::Format("[%02u] ", static_cast<unsigned>(frame.GetLevel()));
+        if (!frame.GetModule().empty())
+            text += frame.GetModule() + ":";
+        if (frame.GetName().empty())
+            text += wxString::Format("%p", frame.GetAddress());
+        else
+            text += wxString::Format("%s+%u", frame.GetName(), static_cast<unsigned>(frame.GetOffset()));
+    }
+
+private:
+    wxString text;
+};
+
+struct CloseThread {
+    void operator()(HANDLE handle) const { (void)CloseHandle(handle); }
+};
+using Thread = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseThread>;
+
+wxString WalkStack(wxThreadIdType id) {
+    const Thread handle(OpenThread(THREAD_GET_CONTEXT, FALSE, static_cast<DWORD>(id)));
+    CONTEXT context = {};
+    context.ContextFlags = CONTEXT_FULL;
+    if (!handle || GetThreadContext(handle.get(), &context) == 0)
+        return {};
+    StackDump dump;
+    dump.WalkFrom(&context, 0, kMaxFrames);
+    return dump.Text();
+}
+
+}  // namespace
+
+wxString CaptureThreadStack(wxThread *thread) {
+    if (thread->Pause() != wxTHREAD_NO_ERROR)
+        return {};
+    const wxString text = WalkStack(thread->GetId());
+    (void)thread->Resume();
+    return text;
+}

@@ -1,0 +1,10 @@
+// Where a stuck thread stands, as text for the log and the agent event.
+#pragma once
+
+#include <wx/string.h>
+#include <wx/thread.h>
+
+/// The thread's call stack, a line for each frame, the innermost first; 200 frames at most. The thread is paused for it
+/// and goes on afterwards. Not for the calling thread.
+/// @return an empty text if nothing could be captured.
+wxString CaptureThreadStack(wxThread *thread);

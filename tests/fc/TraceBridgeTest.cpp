@@ -1,0 +1,241 @@
+// The driver library's own trace as trace lines of the agent, through SLB.filter and the callback that it sets.
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCollector.h"
+#include "ModuleFixture.h"
+#include "vta_core_control.h"
+#include "vti_control.h"
+
+namespace {
+
+class TraceBridge : public ModuleFixture {
+protected:
+    TraceBridge() : m_handle(vti_open()) {
+        PushHandle(lua, m_handle);
+        lua_setglobal(lua, "handle");
+        lua.Run("setup = SLB.filter.setup_qbtrace");
+        (void)TakeTracedLines();
+        driver().calls.clear();
+    }
+    ~TraceBridge() override {
+        vti_close(m_handle);
+        VtaCore::Control::EnableTrace("*", false);
+        (void)TakeTracedLines();
+        Vti::Reset();
+    }
+
+    /// The userdata that the agent's module would make.
+    static void PushHandle(lua_State *state, vti_handle_t *handle) {
+        *static_cast<vti_handle_t **>(lua_newuserdata(state, sizeof(void *))) = handle;
+        luaL_newmetatable(state, "vti_handle_t*");
+        lua_setmetatable(state, -2);
+    }
+    static void Enable(bool enabled) { VtaCore::Control::EnableTrace("VTI", enabled); }
+    /// Sets the bridge up with the component enabled.
+    vti_trace_handler Handler() {
+        Enable(true);
+        lua.Run("setup(handle)");
+        return driver().traceHandler;
+    }
+    static Vti::Driver &driver() { return Vti::TheDriver(); }
+
+    vti_handle_t *const m_handle;
+};
+
+using Calls = std::vector<std::string>;
+
+TEST_F(TraceBridge, AsksForLevelThreeAndThenSetsTheCallbackWhenTheComponentIsEnabled) {
+    Enable(true);
+    lua.Run("setup(handle)");
+    EXPECT_EQ(driver().calls, (Calls{"vti_set_trace_level(3)", "vti_set_trace_handler(handler)"}));
+    EXPECT_EQ(driver().traceLevel, 3);
+    EXPECT_NE(driver().traceHandler, nullptr);
+}
+
+TEST_F(TraceBridge, AsksForLevelZeroAndSetsNoCallbackWhenTheComponentIsDisabled) {
+    VtaCore::Control::EnableTrace("*", true);
+    Enable(false);
+    lua.Run("setup(handle)");
+    EXPECT_EQ(driver().calls, Calls{"vti_set_trace_level(0)"});
+    EXPECT_EQ(driver().traceHandler, nullptr);
+}
+
+TEST_F(TraceBridge, LeavesTheCallbackThatWasSetBeforeWhenTheComponentIsDisabled) {
+    const vti_trace_handler handler = Handler();
+    ASSERT_NE(handler, nullptr);
+    Enable(false);
+    lua.Run("setup(handle)");
+    EXPECT_EQ(driver().traceLevel, 0);
+    EXPECT_EQ(driver().traceHandler, handler);
+}
+
+TEST_F(TraceBridge, AComponentThatIsEnabledLaterTakesEffectAtTheNextCall) {
+    lua.Run("setup(handle)");
+    Enable(true);
+    Vti::Trace(2, "a", "b.c", 7, "t");
+    EXPECT_TRUE(TakeTracedLines().empty());
+    lua.Run("setup(handle)");
+    Vti::Trace(2, "a", "b.c", 7, "t");
+    EXPECT_EQ(TakeTracedLines().size(), 1U);
+}
+
+TEST_F(TraceBridge, YieldsNoResultsAndIgnoresFurtherArguments) {
+    EXPECT_EQ(lua.Eval("select('#', setup(handle, 1, {}))"), "0");
+}
+
+TEST_F(TraceBridge, RaisesAnArgumentErrorForAString) {
+    EXPECT_NE(lua.ErrorOf("setup('handle')").find("bad argument #1 to 'setup' (vti handle expected)"),
+              std::string::npos);
+    EXPECT_TRUE(driver().calls.empty());
+}
+
+TEST_F(TraceBridge, RaisesAnArgumentErrorForWhateverIsNoDriverHandle) {
+    for (const char *value :
+         {"", "nil", "1", "true", "{}", "print", "io.stdout", "debug.upvalueid(function() setup() end, 1)",
+          "coroutine.create(print)", "setmetatable({}, debug.getmetatable(handle))"})
+        EXPECT_NE(lua.ErrorOf(std::string("setup(") + value + ")").find("#1 to 'setup' (vti handle expected)"),
+                  std::string::npos)
+            << value;
+    lua_newuserdata(lua, sizeof(void *));
+    lua_setglobal(lua, "foreign");
+    EXPECT_NE(lua.ErrorOf("setup(foreign)"), "") << "without a metatable";
+    EXPECT_TRUE(driver().calls.empty());
+}
+
+TEST_F(TraceBridge, HandsTheNullWordOfAClosedHandleToTheLibrary) {
+    PushHandle(lua, nullptr);
+    lua_setglobal(lua, "closed");
+    Enable(true);
+    lua.Run("setup(closed)");
+    EXPECT_EQ(driver().calls, (Calls{"vti_set_trace_level(3)", "vti_set_trace_handler(handler)"}));
+    Enable(false);
+    lua.Run("setup(closed)");
+    EXPECT_EQ(driver().calls.back(), "vti_set_trace_level(0)");
+    EXPECT_EQ(driver().traceHandler, nullptr) << "the library takes no closed handle";
+}
+
+TEST_F(TraceBridge, IgnoresWhatTheLibraryAnswers) {
+    driver().faults["vti_set_trace_level"] = {-5, "no"};
+    driver().faults["vti_set_trace_handler"] = {-6, "no"};
+    Enable(true);
+    EXPECT_EQ(lua.Eval("select('#', setup(handle))"), "0");
+    EXPECT_EQ(driver().calls, (Calls{"vti_set_trace_level(3)", "vti_set_trace_handler(handler)"}));
+    EXPECT_TRUE(VtaCore::Control::TakeEvents().empty());
+}
+
+TEST_F(TraceBridge, KeepsNothingOfTheHandleOrTheState) {
+    Enable(true);
+    const auto calls = [&] {
+        LuaState own;
+        Open(own);
+        PushHandle(own, m_handle);
+        lua_setglobal(own, "handle");
+        own.Run("for i = 1, 10 do SLB.filter.setup_qbtrace(handle) pcall(SLB.filter.setup_qbtrace) end");
+        driver().calls = {};
+    };
+    calls();
+    const Simulator::BalanceSnapshot before = balance().Take();
+    calls();
+    EXPECT_EQ(Simulator::Balance::Left(before, balance().Take()).size(), 0U)
+        << balance().Difference(before, balance().Take());
+    EXPECT_EQ(driver().openHandles, 1);
+}
+
+TEST_F(TraceBridge, ALineOfTheLibraryBecomesATraceLineOfTheComponent) {
+    ASSERT_NE(Handler(), nullptr);
+    Vti::Trace(2, "a", "b.c", 7, "t");
+    const std::vector<VtaCore::Control::TraceLine> lines = VtaCore::Control::TakeTraces();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].message, "a/2  | t | b.c:7\n");
+    EXPECT_EQ(lines[0].component, "VTI");
+    EXPECT_EQ(lines[0].file, "TraceBridge.cpp");
+    EXPECT_EQ(lines[0].function, "qb_trace_handler");
+    EXPECT_GT(lines[0].line, 0);
+}
+
+TEST_F(TraceBridge, ACallbackAfterTheComponentWasDisabledLogsNothingAndReturnsZero) {
+    const vti_trace_handler handler = Handler();
+    EXPECT_EQ(handler(2, "a", "b.c", 7, "t"), 0);
+    EXPECT_EQ(TakeTracedLines().size(), 1U);
+    Enable(false);
+    EXPECT_EQ(handler(2, "a", "b.c", 7, "t"), 0);
+    EXPECT_TRUE(TakeTracedLines().empty());
+}
+
+TEST_F(TraceBridge, NumbersOfALineAreSigned) {
+    EXPECT_EQ(Handler()(INT32_MIN, "", "", -1, ""), 0);
+    EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"/-2147483648  |  | :-1\n"});
+}
+
+TEST_F(TraceBridge, PercentSignsAndLineFeedsOfTheLibraryAreText) {
+    EXPECT_EQ(Handler()(1, "%s%n", "%d.c", 2, "100%\n%ls"), 0);
+    EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"%s%n/1  | 100%\n%ls | %d.c:2\n"});
+}
+
+TEST_F(TraceBridge, StringsThatAreNotThereAreEmpty) {
+    EXPECT_EQ(Handler()(1, nullptr, nullptr, 2, nullptr), 0);
+    EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"/1  |  | :2\n"});
+}
+
+TEST_F(TraceBridge, AVeryLongTextIsNotCut) {
+    const std::string text(200'000, 'x');
+    EXPECT_EQ(Handler()(1, "a", "b", 2, text.c_str()), 0);
+    EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"a/1  | " + text + " | b:2\n"});
+}
+
+TEST_F(TraceBridge, StringsAreInTheEncodingOfTheCurrentLocale) {
+    const std::string bytes = "\x80\xE4\xDF";
+    std::array<wchar_t, 16> wide{};
+    ASSERT_NE(MultiByteToWideChar(CP_ACP, 0, bytes.c_str(), -1, wide.data(), static_cast<int>(wide.size())), 0);
+    const std::string expected = wxString(wide.data()).utf8_string();
+    EXPECT_EQ(Handler()(1, bytes.c_str(), bytes.c_str(), 2, bytes.c_str()), 0);
+    EXPECT_EQ(TakeTracedMessages("VTI"), Calls{expected + "/1  | " + expected + " | " + expected + ":2\n"});
+}
+
+TEST_F(TraceBridge, LinesOfSeveralThreadsAreWholeWhileTheComponentIsSwitchedOnAndOff) {
+    constexpr int kThreads = 4;
+    constexpr int kLines = 2'000;
+    const vti_trace_handler handler = Handler();
+    std::atomic<int> bad{0};
+    std::atomic<int> running{kThreads};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread)
+        threads.emplace_back([&, thread] {
+            for (int line = 0; line < kLines; ++line)
+                bad += handler(thread, "s", "f", line, "text") != 0;
+            --running;
+        });
+    while (running != 0) {
+        Enable(false);
+        std::this_thread::yield();
+        Enable(true);
+        std::this_thread::yield();
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+
+    EXPECT_EQ(bad, 0);
+    std::vector<int> last(kThreads, -1);
+    for (const std::string &message : TakeTracedMessages("VTI")) {
+        int thread = -1;
+        int line = -1;
+        // NOLINTNEXTLINE(cert-err34-c): the numbers are small
+        ASSERT_EQ(std::sscanf(message.c_str(), "s/%d  | text | f:%d\n", &thread, &line), 2) << message;
+        ASSERT_TRUE(thread >= 0 && thread < kThreads) << message;
+        int &previous = last[static_cast<std::size_t>(thread)];
+        EXPECT_GT(line, previous) << "each line once, in the thread's order";
+        previous = line;
+    }
+    EXPECT_EQ(handler(0, "s", "f", kLines, "text"), 0);
+    EXPECT_EQ(TakeTracedLines().size(), 1U) << "it traces on";
+}
+
+}  // namespace
