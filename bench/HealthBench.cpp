@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int kRounds = 31;
+constexpr int kHealthRounds = 31;
 constexpr int kIterations = 500;
 
 // All thirteen values, as a policy and as a file.
@@ -145,7 +145,7 @@ void BenchHealth(Report &report) {
 
     const std::string many = std::to_string(kIterations);
     const auto times = MedianTimes(
-        kRounds, {[&] { return lua.Time("iterate(" + many + ", policy)"); }, [] { return TimeParsingAndPrinting(); }});
+        kHealthRounds, {[&] { return lua.Time("iterate(" + many + ", policy)"); }, [] { return TimeParsingAndPrinting(); }});
     report.Add("CheckSystemHealthMetrics, its own share, to parsing and printing its JSON", times[0] / times[1],
                "time ratio", "<= 2.0");
     report.Add("CheckSystemHealthMetrics, its own share, of the sample's 100 ms", times[0] / kIterations / 0.1 * 100,

@@ -27,6 +27,7 @@ tidy_arguments() {
     echo --target=x86_64-w64-windows-gnu -std=c++20 -nostdinc -w
     echo -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0
     echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
+    echo -include "$ROOT/scripts/tidy-prelude.h"
     echo '-DFC_VERSION=""' '-DFC_DOCUMENTS=""' '-DEXAMPLES_FOLDER=""'
     for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator tests/support; do
         echo "-I$ROOT/$folder"

@@ -1,6 +1,7 @@
 #include "HealthHistory.h"
 
 #include <algorithm>
+#include <cmath>
 #include <set>
 #include <utility>
 
@@ -48,25 +49,55 @@ void KeepExtremes(const std::vector<HealthRow> &rows, std::size_t begin, std::si
     }
 }
 
-/// Whether a row is drawn in a way that no neighbour can stand for.
-bool Matters(const HealthRow &before, const HealthRow &row) {
-    if (row.step != HealthStep::Nothing || row.resumes || row.iteration.endsActive != before.iteration.endsActive)
-        return true;
+// Rows that are drawn in a way that no neighbour can stand for, the weightiest first.
+
+using Test = bool (*)(const HealthRow &before, const HealthRow &row);
+
+bool ChangesState(const HealthRow &before, const HealthRow &row) {
+    return row.iteration.endsActive != before.iteration.endsActive || row.step == HealthStep::FailOpen ||
+           row.step == HealthStep::Recovered;
+}
+
+bool ChecksOrResumes(const HealthRow &, const HealthRow &row) {
+    return row.step == HealthStep::CheckFailed || row.resumes;
+}
+
+/// What is no number equals itself.
+bool Differ(double left, double right) {
+    return left != right && !(std::isnan(left) && std::isnan(right));
+}
+
+bool ChangesLimit(const HealthRow &before, const HealthRow &row) {
     for (std::size_t metric = 0; metric < kHealthMetricNames.size(); ++metric)
-        if (row.iteration.metrics[metric].limit != before.iteration.metrics[metric].limit)
+        if (Differ(row.iteration.metrics[metric].limit, before.iteration.metrics[metric].limit))
             return true;
     return false;
+}
+
+std::vector<std::size_t> Find(const std::vector<HealthRow> &rows, Test test) {
+    std::vector<std::size_t> found;
+    for (std::size_t i = 1; i < rows.size(); ++i)
+        if (test(rows[i - 1], rows[i]))
+            found.push_back(i);
+    return found;
+}
+
+/// Keeps the rows, each with the one before it; where they are too many, some of them, evenly and up to the last.
+void KeepPairs(const std::vector<std::size_t> &found, std::size_t most, std::set<std::size_t> &kept) {
+    const std::size_t room = most > kept.size() ? (most - kept.size()) / 2 : 0;
+    const std::size_t count = std::min(found.size(), room);
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t index = found[(found.size() * (i + 1) - 1) / count];
+        kept.insert(index - 1);
+        kept.insert(index);
+    }
 }
 
 void KeepWhatMatters(const std::vector<HealthRow> &rows, std::size_t most, std::set<std::size_t> &kept) {
     kept.insert(0);
     kept.insert(rows.size() - 1);
-    for (std::size_t i = 1; i < rows.size() && kept.size() < most; ++i) {
-        if (Matters(rows[i - 1], rows[i])) {
-            kept.insert(i - 1);
-            kept.insert(i);
-        }
-    }
+    for (const Test test : {ChangesState, ChecksOrResumes, ChangesLimit})
+        KeepPairs(Find(rows, test), most, kept);
 }
 
 }  // namespace

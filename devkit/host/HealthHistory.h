@@ -50,6 +50,6 @@ private:
 HealthStep ClassifyHealthStep(const HealthIteration *before, const HealthIteration &iteration);
 
 /// Leaves out rows between which little happens: transitions stay, and of the others the highest and lowest
-/// values of each metric in every stretch.
+/// values of each metric in every stretch. Of too many transitions some stay, from the whole run.
 /// @param limit  no more rows, if that is possible; from 100.
 std::vector<HealthRow> ThinOut(const std::vector<HealthRow> &rows, std::size_t limit);

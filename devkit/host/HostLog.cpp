@@ -3,7 +3,6 @@
 #include <cstdio>
 
 #include "Text.h"
-#include "WallClock.h"
 
 namespace {
 
@@ -25,7 +24,7 @@ const char *NameOf(wxLogLevel level) {
 
 }  // namespace
 
-void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &) {
+void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {
     const std::string text = ToUtf8(message);
     const char *name = NameOf(level);
     if (m_print && name != nullptr) {
@@ -34,8 +33,9 @@ void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLog
     }
     if (m_history == nullptr)
         return;
+    const double time = static_cast<double>(info.timestampMS) / 1000;  // a line of another thread comes later
     if (level <= wxLOG_Error)
-        m_history->AddNote(HealthNote::Kind::Error, WallClockSeconds(), text);
+        m_history->AddNote(HealthNote::Kind::Error, time, text);
     else if (const std::optional<HealthIteration> iteration = ParseHealthLine(text))
-        m_history->AddIteration(BeginOf(*iteration, WallClockSeconds()), *iteration);
+        m_history->AddIteration(BeginOf(*iteration, time), *iteration);
 }

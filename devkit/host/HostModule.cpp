@@ -1,6 +1,8 @@
 // The module itself, for scripts.
 #include "HostState.h"
 
+#include <mutex>
+
 #include <windows.h>
 
 #include "WallClock.h"

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include <windows.h>
+#include <wx/string.h>
 
 namespace {
 
@@ -13,12 +14,15 @@ constexpr std::size_t kMaxRows = 12'000;
 
 // The page's parts are resources of the program.
 
-std::string_view Resource(const wchar_t *name) {
+/// @param error  names the resource if the program lacks it; the result is empty then.
+std::string_view Resource(const wchar_t *name, std::string &error) {
     const HRSRC found = FindResourceW(nullptr, name, RT_RCDATA);
     const HGLOBAL loaded = found != nullptr ? LoadResource(nullptr, found) : nullptr;
     const void *data = loaded != nullptr ? LockResource(loaded) : nullptr;
-    return data != nullptr ? std::string_view(static_cast<const char *>(data), SizeofResource(nullptr, found))
-                           : std::string_view();
+    if (data != nullptr)
+        return {static_cast<const char *>(data), SizeofResource(nullptr, found)};
+    error = "fc-host.exe lacks its resource " + wxString(name).utf8_string();
+    return {};
 }
 
 /// Puts the text in place of the mark, which stands in the page once.
@@ -121,7 +125,7 @@ std::string NotesAsJson(const std::vector<HealthNote> &notes, double start) {
     return json;
 }
 
-/// Of all that happened, the first.
+/// Of the first iteration; where there is none, of the first note.
 double StartOf(const std::vector<HealthRow> &rows, const std::vector<HealthNote> &notes) {
     if (rows.empty())
         return notes.empty() ? 0 : notes.front().time;
@@ -141,11 +145,16 @@ std::string RunAsJson(const HealthHistory &history, const std::string &script) {
 
 }  // namespace
 
-std::string MakeReportPage(const HealthHistory &history, const std::string &script) {
-    std::string page(Resource(L"REPORT_PAGE"));
-    Insert(page, "/*STYLE*/", Resource(L"REPORT_STYLE"));
+std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::string &script, std::string &error) {
+    std::string lacking;
+    std::string page(Resource(L"REPORT_PAGE", lacking));
+    Insert(page, "/*STYLE*/", Resource(L"REPORT_STYLE", lacking));
     for (const wchar_t *part : {L"REPORT_SCALES", L"REPORT_CHARTS", L"REPORT_SCRIPT"})
-        Insert(page, "/*SCRIPT*/", std::string(Resource(part)) + "/*SCRIPT*/");
+        Insert(page, "/*SCRIPT*/", std::string(Resource(part, lacking)) + "/*SCRIPT*/");
+    if (!lacking.empty()) {
+        error = lacking;
+        return std::nullopt;
+    }
     Insert(page, "/*SCRIPT*/", "");
     Insert(page, "/*RUN*/", RunAsJson(history, script));
     return page;

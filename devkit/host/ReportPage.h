@@ -1,10 +1,12 @@
 // The page that --report writes.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "HealthHistory.h"
 
 /// A HTML page that needs nothing beside itself.
 /// @param script  the name of the script that has run, UTF-8.
-std::string MakeReportPage(const HealthHistory &history, const std::string &script);
+/// @param error   says which part of the page the program lacks, when nothing is returned.
+std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::string &script, std::string &error);

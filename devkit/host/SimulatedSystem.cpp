@@ -1,14 +1,15 @@
 #include "SimulatedSystem.h"
 
 #include <cmath>
+#include <set>
 #include <string_view>
 
 #include <windows.h>
 
-#include "../simulator/Clock.h"
-#include "../simulator/FunctionSet.h"
-#include "../simulator/ImportTable.h"
-#include "../simulator/MappedPaths.h"
+#include "Clock.h"
+#include "FunctionSet.h"
+#include "ImportTable.h"
+#include "MappedPaths.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "../simulator/Machine.h"
+#include "Machine.h"
 
 /// The real one, until a part of it is simulated. Functions of one thread.
 class SimulatedSystem {
@@ -35,9 +35,9 @@ private:
     Parts &Use();
     void PutUnderModule();
 
+    Simulator::Machine m_machine;  // the functions in m_parts look at it until they are gone
     std::unique_ptr<Parts> m_parts;
     bool m_hasClock = false;
     bool m_hasMachine = false;
     bool m_hasPaths = false;
-    Simulator::Machine m_machine;
 };

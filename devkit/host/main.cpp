@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include <windows.h>
 #include <fcntl.h>
@@ -66,7 +67,8 @@ bool WriteReport(const HostState &host) {
     if (host.history == nullptr)
         return true;
     std::string error;
-    if (WriteWholeFile(host.options.reportFile, MakeReportPage(*host.history, ToUtf8(host.options.script)), error))
+    const std::optional<std::string> page = MakeReportPage(*host.history, ToUtf8(host.options.script), error);
+    if (page && WriteWholeFile(host.options.reportFile, *page, error))
         return true;
     (void)Complain(error);
     return false;
@@ -74,6 +76,7 @@ bool WriteReport(const HostState &host) {
 
 /// What has to happen however the program ends: a script may call os.exit.
 void EndHost() {
+    wxLog::FlushActive();  // what other threads have logged
     HostState &host = TheHost();
     VtaCore::Control::SetObserver(nullptr);
     host.zips.clear();

@@ -23,7 +23,7 @@ protected:
 
     /// The error of a call with these arguments, after which nothing must have been done.
     std::string ErrorWith(const std::string &arguments) {
-        const std::string error = lua.ErrorOf("f.AddDriverDiagnostics(" + arguments + ")");
+        std::string error = lua.ErrorOf("f.AddDriverDiagnostics(" + arguments + ")");
         EXPECT_EQ(driver().calls, std::vector<std::string>()) << arguments;
         EXPECT_EQ(TakeEvents(), std::vector<std::string>()) << arguments;
         return error;

@@ -1,6 +1,7 @@
 #include "ConfigurationFixture.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include <cJSON.h>

@@ -43,6 +43,12 @@ window.addEventListener('load', () => {
     if (document.getElementById('tip').hidden) fault('the pointer shows nothing');
     tell('rows at the pointer', document.querySelectorAll('#tip tr').length);
   }
+  // Dark is what the browser asks for and the page follows.
+  const asked = matchMedia('(prefers-color-scheme: dark)').matches;
+  const [red, green, blue] = getComputedStyle(document.body).backgroundColor.match(/\d+/g).map(Number);
+  const drawn = red + green + blue < 3 * 128;
+  if (asked !== drawn) fault(`the browser asks for a ${asked ? 'dark' : 'light'} page, and it is none`);
+  tell('dark', drawn);
   tell('charts', charts.length);
   tell('lines', lines);
   tell('errors', document.getElementById('errors').textContent);

@@ -97,6 +97,23 @@ TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
     }
 }
 
+TEST(HostCommandLine, NamesAPartOfTheReportThatTheProgramLacks) {
+    const TemporaryFolder folder;
+    CopyBinariesWithout(L"", folder.Path());
+    std::string image = ReadFile(folder.At(L"fc-host.exe"));
+    const std::string style("S\0T\0Y\0L\0E", 9);  // the resource's name ends so; it comes behind the code's texts
+    const std::size_t at = image.rfind(style);
+    ASSERT_NE(at, std::string::npos);
+    image[at + style.size() - 1] = 'F';
+    (void)folder.Write(L"fc-host.exe", image);
+    const std::wstring script = folder.Write(L"script.lua", "print 'ran'");
+    const HostRun run = RunHost({L"--report", folder.At(L"report.html"), script}, {}, folder.Path());
+    EXPECT_EQ(run.exitCode, kCannotRun);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "fc-host: fc-host.exe lacks its resource REPORT_STYLE\n");
+    EXPECT_FALSE(std::filesystem::exists(folder.At(L"report.html")));
+}
+
 TEST(HostCommandLine, TakesOptionsUntilTheScriptsName) {
     const HostRun run = RunScript("return #arg == 0 and host.get_setting('x') == '' and 3 or 4", {L"--quiet", L"--"});
     EXPECT_EQ(run.exitCode, 3U) << run.err;

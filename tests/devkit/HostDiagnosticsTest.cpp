@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
-#include "ZipFile.h"
+#include "devkit/host/ZipFile.h"
 
 namespace {
 

@@ -1,9 +1,15 @@
 // docs/host.md against the table `host` as it really is.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <iterator>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <string>
+
+#include <windows.h>
 
 #include "HostProcess.h"
 
@@ -42,6 +48,41 @@ Names Real() {
     return names;
 }
 
+/// Programs that are started meanwhile work in the folder, and have their temporary files there.
+class Workplace {
+public:
+    explicit Workplace(const std::filesystem::path &folder) : m_folder(std::filesystem::current_path()) {
+        std::filesystem::current_path(folder);
+        for (std::size_t i = 0; i < std::size(kNames); ++i) {
+            m_values[i] = Value(kNames[i]);
+            SetEnvironmentVariableW(kNames[i], folder.c_str());
+        }
+    }
+    ~Workplace() {
+        for (std::size_t i = 0; i < std::size(kNames); ++i)
+            SetEnvironmentVariableW(kNames[i], m_values[i] ? m_values[i]->c_str() : nullptr);
+        std::error_code ignored;  // the tests find their files by whole paths
+        std::filesystem::current_path(m_folder, ignored);
+    }
+    Workplace(const Workplace &) = delete;
+    Workplace &operator=(const Workplace &) = delete;
+
+private:
+    static constexpr const wchar_t *kNames[] = {L"TEMP", L"TMP"};
+
+    static std::optional<std::wstring> Value(const wchar_t *name) {
+        std::wstring value(MAX_PATH * 4, L'\0');
+        const DWORD length = GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size()));
+        if (length == 0 || length >= value.size())
+            return std::nullopt;
+        value.resize(length);
+        return value;
+    }
+
+    std::filesystem::path m_folder;
+    std::optional<std::wstring> m_values[std::size(kNames)];
+};
+
 }  // namespace
 
 TEST(HostDocument, DescribesWhatIsInTheTableAndNothingElse) {
@@ -64,6 +105,7 @@ TEST(HostDocument, HasExamplesThatRun) {
         const std::size_t end = text.find("```", at);
         const std::string example = text.substr(at, end - at);
         const TemporaryFolder folder;
+        const Workplace workplace(folder.Path());
         const HostRun run =
             RunScript(example, {L"--quiet", L"--fast", L"1000", L"--report", folder.At(L"report.html")});
         EXPECT_EQ(run.exitCode, 0U) << example << run.err;

@@ -56,7 +56,7 @@ protected:
                 return SLB.filter.CheckSystemHealthMetrics(host.dom(), state, '').action
             end
             )" + script,
-                         {L"--quiet", L"--fast", L"10", L"--report", path});
+                         {L"--quiet", L"--fast", L"1", L"--report", path});
     }
 
     /// The data of the page.
@@ -158,7 +158,7 @@ TEST_F(HostReport, NoTextOfAScriptGetsOutOfTheData) {
 }
 
 TEST_F(HostReport, ErrorsOfTheModuleAreNotes) {
-    const HostRun run = Run("for _ = 1, 3 do assert(check 'Broken' == 6) end");
+    const HostRun run = Run("host.set_wall_clock(1772409600) for _ = 1, 3 do assert(check 'Broken' == 6) end");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.err, "") << "--quiet";
     const JsonPtr data = Data();
@@ -167,6 +167,7 @@ TEST_F(HostReport, ErrorsOfTheModuleAreNotes) {
     EXPECT_EQ(TextOf(cJSON_GetArrayItem(notes, 0), "kind"), "error");
     EXPECT_EQ(TextOf(cJSON_GetArrayItem(notes, 0), "text"), "incorrect state value Broken for state string");
     EXPECT_EQ(cJSON_GetObjectItem(cJSON_GetArrayItem(notes, 0), "count")->valuedouble, 3);
+    EXPECT_NEAR(cJSON_GetObjectItem(data.get(), "start")->valuedouble, 1772409600, 5);
 }
 
 TEST_F(HostReport, AFileThatCannotBeWrittenIsNamedBeforeTheScriptRuns) {

@@ -11,7 +11,7 @@ namespace Filter::Diagnostics {
 
 namespace {
 
-constexpr wchar_t kLabel[] = L"GET_CONN_TRACK";
+constexpr wchar_t kConnTrackLabel[] = L"GET_CONN_TRACK";
 constexpr std::uint16_t kHeadWord = 3;
 constexpr std::uint8_t kUdp = 17;
 constexpr std::uint8_t kTcp = 6;
@@ -43,7 +43,7 @@ ConnTrackHeader &PrepareTable(std::uint8_t *at, std::uint16_t entries, std::uint
 void ReadTable(VtaCore::CDom &dom, vti_handle_t *handle, ConnTrackHeader &table, const TraceSite &site) {
     const std::uint16_t room = table.entry_ct;
     const std::int32_t status = Request(handle, table);
-    if (!ShowErrors(dom, handle, kLabel, status)) {
+    if (!ShowErrors(dom, handle, kConnTrackLabel, status)) {
         Trace(site, "rc = %d", status);
         table.entry_ct = 0;
     }
@@ -60,7 +60,7 @@ static bool getDriverConnTrack(VtaCore::CDom &dom, vti_handle_t *handle, ConnTra
         return true;
     ConnTrackHeader totConn = {};
     totConn.word0 = kHeadWord;
-    if (!ShowErrors(dom, handle, kLabel, Request(handle, totConn)))
+    if (!ShowErrors(dom, handle, kConnTrackLabel, Request(handle, totConn)))
         return false;
     Trace(kDiagnosticsTrace, "totConn.entry_ct was %d", totConn.entry_ct);
     const std::uint16_t entries = totConn.entry_ct;

@@ -9,7 +9,7 @@ namespace Filter::Diagnostics {
 
 namespace {
 
-constexpr wchar_t kLabel[] = L"GET_STATS";
+constexpr wchar_t kStatsLabel[] = L"GET_STATS";
 constexpr std::int32_t kWrongLayout = -1;
 // The layout that the library was built for: its answer must have the same.
 constexpr std::uint16_t kLayout0 = 293;
@@ -38,10 +38,10 @@ static bool getDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, StatsR
     if (!IsDriverOpen(handle))
         return false;
     Trace(kDiagnosticsTrace, "driver is opened calling vti_get_stats");
-    if (!ShowErrors(dom, handle, kLabel, vti_get_stats(handle, &record, sizeof(record))))
+    if (!ShowErrors(dom, handle, kStatsLabel, vti_get_stats(handle, &record, sizeof(record))))
         return false;
     if (record.layout0 != kLayout0 || record.layout1 != kLayout1 || record.layout2 != kLayout2)
-        return ShowErrors(dom, handle, kLabel, kWrongLayout);
+        return ShowErrors(dom, handle, kStatsLabel, kWrongLayout);
     return true;
 }
 

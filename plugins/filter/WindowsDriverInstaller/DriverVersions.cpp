@@ -8,12 +8,12 @@
 
 #include <windows.h>
 
+#include "InstallerLog.h"
 #include "fc/fc.h"
 #include "vti.h"
 
 namespace {
 
-constexpr wchar_t kNdisTrace[] = L"NDIS";
 constexpr std::size_t kVersionTextBytes = 112;  // what the library is offered; it is not told
 constexpr int kComponents = 4;
 

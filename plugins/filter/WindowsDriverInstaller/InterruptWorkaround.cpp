@@ -7,11 +7,11 @@
 #include <wx/log.h>
 #include <wx/msw/registry.h>
 
+#include "InstallerLog.h"
 #include "fc/fc.h"
 
 namespace {
 
-constexpr wchar_t kNdisTrace[] = L"NDIS";
 constexpr char kVersionKey[] = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr char kNdisKey[] = "System\\CurrentControlSet\\Services\\NDIS\\Parameters";
 constexpr char kBindMode[] = "FilterBindLogicMode";
