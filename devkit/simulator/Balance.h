@@ -33,6 +33,7 @@ inline constexpr char kLibrary[] = "library";
 inline constexpr char kFind[] = "find handle";
 inline constexpr char kFile[] = "file";
 inline constexpr char kQuery[] = "performance query";
+inline constexpr char kService[] = "service handle";
 }  // namespace Kind
 
 /// One thing that is there.
@@ -233,7 +234,8 @@ private:
 
 /// Watches malloc, calloc, realloc, free, _msize, _strdup, _wcsdup, _aligned_malloc, _aligned_realloc,
 /// _aligned_free, HeapAlloc, HeapReAlloc, HeapFree and (MinGW) operator new; these are in no journal. Further events,
-/// mutexes, semaphores, threads, processes, files, find handles, registry keys, libraries and performance queries.
+/// mutexes, semaphores, threads, processes, files, find handles, registry keys, libraries, performance queries
+/// and service handles.
 void InstallBalance(FunctionSet &functions, Balance &balance);
 /// The names of the memory functions among them.
 [[nodiscard]] std::set<std::string> MemoryFunctionNames();

@@ -1,8 +1,9 @@
-// Counts what the functions for handles, keys, files, libraries and performance queries make and give back.
+// Counts what the functions for handles, keys, files, libraries, performance queries and services make and give back.
 #include "Balance.h"
 
 #include "FunctionSet.h"
 #include "MachineFunctions.h"
+#include "ServiceFunctions.h"
 #include "WindowsFunctions.h"
 
 namespace Simulator {
@@ -148,6 +149,12 @@ void CountQueries(FunctionSet &functions, Balance &balance) {
     CountGivenBack<System::PdhCloseQuery>(functions, balance, Kind::kQuery);
 }
 
+void CountServices(FunctionSet &functions, Balance &balance) {
+    CountReturned<System::OpenSCManagerW>(functions, balance, Kind::kService);
+    CountReturned<System::OpenServiceW>(functions, balance, Kind::kService);
+    CountGivenBack<System::CloseServiceHandle>(functions, balance, Kind::kService);
+}
+
 }  // namespace
 
 void InstallBalance(FunctionSet &functions, Balance &balance) {
@@ -157,6 +164,7 @@ void InstallBalance(FunctionSet &functions, Balance &balance) {
     CountLibraries(functions, balance);
     CountFiles(functions, balance);
     CountQueries(functions, balance);
+    CountServices(functions, balance);
 }
 
 }  // namespace Simulator

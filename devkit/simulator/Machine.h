@@ -1,4 +1,4 @@
-// The load of the simulated machine: its processor queue, its processors, its memory.
+// The simulated machine: its processor queue, its processors, its memory, the version of its system.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +15,9 @@ struct Machine {
     DWORD processorCount = 4;   ///< May be 0.
     std::uint64_t memoryTotal = std::uint64_t{8} << 30;      ///< Bytes of physical memory; may be 0.
     std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may be more than there are.
+    DWORD osMajor = 10;
+    DWORD osMinor = 0;
+    DWORD osBuild = 19045;
 };
 
 /// Puts the machine under these functions:
@@ -25,6 +28,8 @@ struct Machine {
 /// - GetSystemInfo, whose number of processors alone is the machine's.
 /// - GlobalMemoryStatusEx, whose physical memory and load are the machine's; fails with ERROR_INVALID_PARAMETER
 ///   unless dwLength is right.
+/// - GetVersionExW, whose three numbers alone are the machine's; fails with ERROR_INSUFFICIENT_BUFFER unless
+///   dwOSVersionInfoSize is that of one of the two structs.
 /// Failing calls leave their output parameters alone.
 /// @param machine  outlives the set.
 void InstallMachine(FunctionSet &functions, Machine &machine);

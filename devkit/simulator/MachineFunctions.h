@@ -1,4 +1,4 @@
-// The functions that tell a machine's load, each with the way in which it fails.
+// The functions that tell of a machine, each with the way in which it fails.
 #pragma once
 
 #include <windows.h>
@@ -17,5 +17,6 @@ SIMULATOR_FUNCTION(PdhCloseQuery, "pdh.dll", ReturnsStatus);
 
 SIMULATOR_FUNCTION(GetSystemInfo, "KERNEL32.dll", CannotFail);
 SIMULATOR_FUNCTION(GlobalMemoryStatusEx, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(GetVersionExW, "KERNEL32.dll", ReturnsZero);
 
 }  // namespace Simulator::System

@@ -30,6 +30,10 @@ Simulation::Simulation(const SimulationParts &parts)
         m_machine.emplace();
         InstallMachine(m_functions, *m_machine);
     }
+    if (parts.services) {
+        m_services.emplace();
+        InstallServices(m_functions, *m_services);
+    }
     if (parts.balance) {
         Balance &balance = Balance::Instance();
         InstallBalance(m_functions, balance);

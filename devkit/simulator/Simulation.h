@@ -10,6 +10,7 @@
 #include "FunctionSet.h"
 #include "Machine.h"
 #include "RegistrySandbox.h"
+#include "ServiceManager.h"
 #include "SystemFolders.h"
 
 namespace Simulator {
@@ -18,8 +19,9 @@ namespace Simulator {
 struct SimulationParts {
     bool registry = true;  ///< A registry of its own, and the registry functions in journal and faults.
     bool folders = true;   ///< Folders of its own, mapped paths, and the file functions in journal and faults.
-    bool balance = true;   ///< Counts memory, handles, keys, files, libraries, performance queries.
-    bool machine = true;   ///< A load of its own, and the functions that tell it in journal and faults.
+    bool balance = true;   ///< Counts memory, handles, keys, files, libraries, performance queries, service handles.
+    bool machine = true;   ///< A load and a version of its own, and the functions that tell them in journal and faults.
+    bool services = true;  ///< Services of its own, none at first, and their functions in journal and faults.
 };
 
 /// Owns the parts. One per process at a time; later models build on `Functions()`.
@@ -43,6 +45,7 @@ public:
     [[nodiscard]] RegistrySandbox &GetRegistry() { return m_registry.value(); }
     [[nodiscard]] SystemFolders &GetFolders() { return m_folders.value(); }
     [[nodiscard]] Machine &GetMachine() { return m_machine.value(); }
+    [[nodiscard]] ServiceManager &GetServices() { return m_services.value(); }
     [[nodiscard]] Balance &GetBalance() { return Balance::Instance(); }
 
     /// See FunctionSet.
@@ -57,6 +60,7 @@ private:
     std::optional<RegistrySandbox> m_registry;
     std::optional<SystemFolders> m_folders;
     std::optional<Machine> m_machine;
+    std::optional<ServiceManager> m_services;
     bool m_counts;
     FunctionSet m_functions;
 };

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <random>
 #include <utility>
@@ -138,7 +139,6 @@ class HostileInput : public ConfigurationFixture {
 protected:
     static constexpr int kInputs = 100'000;
     static constexpr int kInputsToWarmUp = 500;
-    static constexpr int kGuardedOneIn = 40;  ///< Iterations on the guarded heap, which takes its time.
     static constexpr int kWrittenOneIn = 500;
     static constexpr int kForgetEach = 256;
     /// The C library keeps the memory of long numbers for later ones. A leak by one input in a thousand is more.
@@ -249,10 +249,9 @@ private:
         driver().scanCounters.fill(inputs.Below(4) * 1'000'000'000'000);
         AdvanceSeconds(static_cast<std::int64_t>(inputs.Below(64) == 0 ? inputs.Below(100'000) : inputs.Below(10)));
         m_writes = i % kWrittenOneIn == 0;
-        if (i % kGuardedOneIn == 0)
+        balance().StopGuarding();
+        if (i % m_guardedOneIn == 0)
             balance().Guard({.addressSpaceBytes = std::size_t{256} << 30});
-        else
-            balance().StopGuarding();
         if (i % kForgetEach == 0)
             Forget();
     }
@@ -273,7 +272,7 @@ private:
     }
 
     void Tell() {
-        std::cout << kInputs << " inputs, " << (kInputs + kGuardedOneIn - 1) / kGuardedOneIn
+        std::cout << kInputs << " inputs, " << (kInputs + m_guardedOneIn - 1) / m_guardedOneIn
                   << " of them on the guarded heap; actions";
         for (std::size_t action = 0; action < m_actions.size(); ++action) {
             std::cout << " " << action << ": " << m_actions[action];
@@ -282,6 +281,15 @@ private:
         std::cout << std::endl;
     }
 
+    /// Which iterations run on the guarded heap: it takes some milliseconds each time, so that all of them take ten
+    /// minutes.
+    static int GuardedOneIn() {
+        constexpr int otherwise = 40;
+        const char *const text = std::getenv("FC_GUARDED_ONE_IN");
+        return text != nullptr ? std::max(1, std::stoi(text)) : otherwise;
+    }
+
+    const int m_guardedOneIn = GuardedOneIn();
     std::FILE *m_config = nullptr;
     std::string m_text;
     std::size_t m_place = 0;

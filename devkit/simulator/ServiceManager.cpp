@@ -1,0 +1,157 @@
+#include "ServiceManager.h"
+
+#include <atomic>
+#include <cstdint>
+#include <utility>
+
+#include "CallScope.h"
+
+namespace Simulator {
+
+namespace {
+
+/// Never the same twice, and never one of the system's, whose low bits are clear.
+SC_HANDLE NewServiceHandle() {
+    static std::atomic<std::uintptr_t> last{0x53430001};
+    return reinterpret_cast<SC_HANDLE>(last += 2);
+}
+
+/// @return whether it is success.
+bool Tell(DWORD error) {
+    if (error != ERROR_SUCCESS)
+        SetLastError(error);
+    return error == ERROR_SUCCESS;
+}
+
+void Fill(const ServiceStatus &from, SERVICE_STATUS &status) {
+    status = {};
+    status.dwServiceType = SERVICE_KERNEL_DRIVER;
+    status.dwCurrentState = from.state;
+    status.dwControlsAccepted = from.state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    status.dwCheckPoint = from.checkPoint;
+    status.dwWaitHint = from.waitHint;
+}
+
+DWORD StartOf(Service &service) {
+    if (service.startError != ERROR_SUCCESS)
+        return service.startError;
+    if (service.status.state != SERVICE_STOPPED)
+        return ERROR_SERVICE_ALREADY_RUNNING;
+    service.status = {SERVICE_START_PENDING};
+    service.coming = service.starting;
+    return ERROR_SUCCESS;
+}
+
+DWORD StopOf(Service &service) {
+    if (service.controlError != ERROR_SUCCESS)
+        return service.controlError;
+    if (service.status.state == SERVICE_STOPPED)
+        return ERROR_SERVICE_NOT_ACTIVE;
+    if (service.status.state != SERVICE_RUNNING)
+        return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
+    service.status = {SERVICE_STOP_PENDING};
+    service.coming = service.stopping;
+    return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+bool ServiceManager::AnyCase::operator()(const std::wstring &a, const std::wstring &b) const {
+    return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
+}
+
+void ServiceManager::Put(const std::wstring &name, Service service) {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_services[name] = std::move(service);
+}
+
+void ServiceManager::Remove(const std::wstring &name) {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_services.erase(name);
+}
+
+Service ServiceManager::Get(const std::wstring &name) const {
+    const LockGuard guard(m_lock);
+    return m_services.at(name);
+}
+
+SC_HANDLE ServiceManager::Open(const wchar_t *machine, const wchar_t *database, DWORD access) {
+    if (machine != nullptr && *machine != L'\0')
+        return Tell(RPC_S_SERVER_UNAVAILABLE), nullptr;
+    if (database != nullptr && CompareStringOrdinal(database, -1, SERVICES_ACTIVE_DATABASEW, -1, TRUE) != CSTR_EQUAL)
+        return Tell(ERROR_DATABASE_DOES_NOT_EXIST), nullptr;
+    const LockGuard guard(m_lock);
+    const SC_HANDLE handle = NewServiceHandle();
+    m_handles[handle] = {{}, access};
+    return handle;
+}
+
+SC_HANDLE ServiceManager::OpenOne(SC_HANDLE manager, const wchar_t *name, DWORD access) {
+    const LockGuard guard(m_lock);
+    const auto opened = m_handles.find(manager);
+    if (opened == m_handles.end() || !opened->second.service.empty())
+        return Tell(ERROR_INVALID_HANDLE), nullptr;
+    if (name == nullptr || *name == L'\0')
+        return Tell(ERROR_INVALID_NAME), nullptr;
+    if (m_services.count(name) == 0)
+        return Tell(ERROR_SERVICE_DOES_NOT_EXIST), nullptr;
+    const SC_HANDLE handle = NewServiceHandle();
+    m_handles[handle] = {name, access};
+    return handle;
+}
+
+BOOL ServiceManager::Close(SC_HANDLE handle) {
+    const LockGuard guard(m_lock);
+    return Tell(m_handles.erase(handle) == 1 ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
+}
+
+BOOL ServiceManager::Start(SC_HANDLE handle) {
+    const LockGuard guard(m_lock);
+    Service *service = nullptr;
+    const DWORD error = FindLocked(handle, SERVICE_START, service);
+    return Tell(error != ERROR_SUCCESS ? error : StartOf(*service));
+}
+
+BOOL ServiceManager::Control(SC_HANDLE handle, DWORD control, SERVICE_STATUS *status) {
+    if (control != SERVICE_CONTROL_STOP)
+        return Tell(ERROR_INVALID_SERVICE_CONTROL);
+    const LockGuard guard(m_lock);
+    Service *service = nullptr;
+    DWORD error = FindLocked(handle, SERVICE_STOP, service);
+    if (error == ERROR_SUCCESS)
+        error = StopOf(*service);
+    if (error == ERROR_SUCCESS)
+        Fill(service->status, *status);
+    return Tell(error);
+}
+
+BOOL ServiceManager::Query(SC_HANDLE handle, SERVICE_STATUS *status) {
+    const LockGuard guard(m_lock);
+    Service *service = nullptr;
+    const DWORD error = FindLocked(handle, SERVICE_QUERY_STATUS, service);
+    if (error != ERROR_SUCCESS)
+        return Tell(error);
+    if (!service->coming.empty()) {
+        service->status = service->coming.front();
+        service->coming.erase(service->coming.begin());
+    }
+    Fill(service->status, *status);
+    return TRUE;
+}
+
+DWORD ServiceManager::FindLocked(SC_HANDLE handle, DWORD access, Service *&service) {
+    const auto opened = m_handles.find(handle);
+    if (opened == m_handles.end() || opened->second.service.empty())
+        return ERROR_INVALID_HANDLE;
+    if ((opened->second.access & access) == 0)
+        return ERROR_ACCESS_DENIED;
+    const auto found = m_services.find(opened->second.service);
+    if (found == m_services.end())
+        return ERROR_SERVICE_MARKED_FOR_DELETE;
+    service = &found->second;
+    return ERROR_SUCCESS;
+}
+
+}  // namespace Simulator
