@@ -144,8 +144,8 @@ void BenchHealth(Report &report) {
     const std::vector<Simulator::Redirection> stubs = HealthStubs::PutUnder(GetModuleHandleW(L"fc.dll"));
 
     const std::string many = std::to_string(kIterations);
-    const auto times = MedianTimes(
-        kHealthRounds, {[&] { return lua.Time("iterate(" + many + ", policy)"); }, [] { return TimeParsingAndPrinting(); }});
+    const auto times = MedianTimes(kHealthRounds, {[&] { return lua.Time("iterate(" + many + ", policy)"); },
+                                                   [] { return TimeParsingAndPrinting(); }});
     report.Add("CheckSystemHealthMetrics, its own share, to parsing and printing its JSON", times[0] / times[1],
                "time ratio", "<= 2.0");
     report.Add("CheckSystemHealthMetrics, its own share, of the sample's 100 ms", times[0] / kIterations / 0.1 * 100,
