@@ -1,5 +1,7 @@
 #include "DiagnosticsStubs.h"
 
+#include "Redirect.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -97,13 +99,7 @@ State &TheState() {
 
 std::vector<Simulator::Redirection> PutUnder(HMODULE module) {
     std::vector<Simulator::Redirection> redirections;
-    const auto put = [&](const char *function, auto *stub) {
-        redirections.emplace_back(module, function, reinterpret_cast<void *>(stub));
-        if (!redirections.back().Found()) {
-            (void)std::fprintf(stderr, "bench: fc.dll does not import %s: the benchmark has to be adapted\n", function);
-            std::exit(2);
-        }
-    };
+    const auto put = [&](const char *function, auto *stub) { Redirect(redirections, module, function, stub); };
     put("_ZN7VtaCore16CZipOutputStream13AddFromStreamER13wxInputStreambRK8wxStringS5_", AddFile);
     realAdd = reinterpret_cast<AddFromStream *>(redirections.back().Original());
     put("vti_driver_available", IsAvailable);

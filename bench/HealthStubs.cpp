@@ -7,6 +7,7 @@
 #include <pdh.h>
 
 #include "Bench.h"
+#include "Redirect.h"
 #include "vti.h"
 
 namespace HealthStubs {
@@ -119,13 +120,7 @@ State &TheState() {
 
 std::vector<Simulator::Redirection> PutUnder(HMODULE module) {
     std::vector<Simulator::Redirection> redirections;
-    const auto put = [&](const char *function, auto *stub) {
-        redirections.emplace_back(module, function, reinterpret_cast<void *>(stub));
-        if (!redirections.back().Found()) {
-            (void)std::fprintf(stderr, "bench: fc.dll does not import %s: the benchmark has to be adapted\n", function);
-            std::exit(2);
-        }
-    };
+    const auto put = [&](const char *function, auto *stub) { Redirect(redirections, module, function, stub); };
     put("GetSystemTimeAsFileTime", TellTime);
     put("fopen", Open);
     put("fgets", ReadLine);
