@@ -1,3 +1,4 @@
+#include "DriverThreads.h"
 #include "DriverVersions.h"
 #include "SLB3.h"
 #include "ServiceControl.h"
@@ -7,6 +8,7 @@
 void RegisterDriverInstallerFunctions(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterDirect(L, filter, "GetFileVersion", GetFileVersion);
+    RegisterBound(L, filter, "UninstallDriver", UninstallDriver);
     RegisterBound(L, filter, "StartWFPDriver", StartWFPCallout);
     RegisterBound(L, filter, "StopWFPDriver", StopWFPCallout);
     RegisterBound(L, filter, "RestartWFPDriver", RestartWFPCallout);

@@ -120,6 +120,24 @@ bool IsWfpServiceInstalled() {
     return manager && OpenDriver(manager, kWfpService);
 }
 
+bool DeleteWfpService() {
+    const Service manager = OpenManager();
+    if (!manager) {
+        (void)LogLastError("OpenSCManager: error=%d");
+        return false;
+    }
+    const Service service = OpenDriver(manager, kWfpService);
+    if (!service) {
+        (void)LogLastError("OpenService: error=%d");
+        return false;
+    }
+    if (DeleteService(service.get()) == 0) {
+        (void)LogLastError("DeleteService: error=%d");
+        return false;
+    }
+    return true;
+}
+
 bool IsNdisServiceRunning() {
     return IsRunning(kNdisService);
 }

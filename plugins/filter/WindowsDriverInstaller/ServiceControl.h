@@ -17,6 +17,8 @@ bool RestartNDISDriver(bool wait);
 
 /// Whether the service can be opened.
 bool IsWfpServiceInstalled();
+/// Deletes the callout's service. @return false with a line in the log.
+bool DeleteWfpService();
 // Whether the service runs; false also where that can't be found out.
 bool IsNdisServiceRunning();
 bool IsWfpServiceRunning();

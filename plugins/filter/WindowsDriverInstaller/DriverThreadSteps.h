@@ -1,0 +1,123 @@
+// The steps of a driver thread: its stack of steps, its log, and its watch. Only WindowsDriverInstaller.cpp includes this.
+#pragma once
+
+#include <utility>
+
+#include <wx/log.h>
+
+#include "DriverUninstallerThread.h"
+#include "FailureReport.h"
+
+namespace {  // NOLINT(google-build-namespaces): see above
+
+CDriverUninstallerThread::CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
+                                                   const wxString &toWfpDriverDir)
+    : CRunnable(false, -1, false),
+      dom(toDom),
+      stepFinished(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      ndisDriverDir(toNdisDriverDir.Clone()),
+      wfpDriverDir(toWfpDriverDir.Clone()) {
+    CDriverUninstallerThread::StartStep(ThreadRunning, 3600);
+}
+
+void CDriverUninstallerThread::OnExit() {
+    EndStep(ThreadRunning);
+    CRunnable::OnExit();
+}
+
+void CDriverUninstallerThread::StartStep(std::uint32_t step, std::uint32_t limitSeconds) {
+    if (!IsSilentStep(step))
+        DbgPrint(L">%s. %ds max", StepName(step), static_cast<int>(limitSeconds));
+    const wxCriticalSectionLocker lock(stepLock);
+    stepStack.push_back(std::make_unique<StepRecord>(StepRecord{limitSeconds, step, VtaCore::SystemTickCount()}));
+}
+
+void CDriverUninstallerThread::EndStep(std::uint32_t step) {
+    {
+        const wxCriticalSectionLocker lock(stepLock);
+        if (!stepStack.empty()) {
+            const std::uint32_t top = stepStack.back()->step;
+            if (top != step)
+                wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",
+                             StepName(step), StepName(top));
+            stepStack.pop_back();
+        }
+    }
+    // Behind the lock, so the watcher may have moved on when this is logged.
+    if (!IsSilentStep(step))
+        DbgPrint(L"<%s", StepName(step));
+    (void)SetEvent(stepFinished);
+}
+
+std::uint32_t CDriverUninstallerThread::TopStep() {
+    const wxCriticalSectionLocker lock(stepLock);
+    return stepStack.empty() ? NoStep : stepStack.back()->step;
+}
+
+void CDriverUninstallerThread::NoteFailedStep() {
+    if (failedStep == NoStep)
+        failedStep = TopStep();
+}
+
+void CDriverUninstallerThread::ReportFailure(unsigned long error, const wchar_t *call) {
+    AgentEventLog_(*dom, error, kSystemFailureEvent, L"%s", call);
+}
+
+template <typename Call>
+HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t limitSeconds, const wchar_t *name,
+                                             Call call) {
+    StartStep(step, limitSeconds);
+    const HRESULT hr = call();
+    if (FAILED(hr)) {
+        ReportFailure(static_cast<unsigned long>(hr), name);
+        NoteFailedStep();
+    }
+    EndStep(step);
+    return hr;
+}
+
+bool CDriverUninstallerThread::WaitForStepToFinish() {
+    DWORD timeout = 0;
+    {
+        const wxCriticalSectionLocker lock(stepLock);
+        if (stepStack.empty()) {
+            wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
+            return true;
+        }
+        // Only the top step is watched. The clock of those beneath runs on all the same.
+        const StepRecord &top = *stepStack.back();
+        const std::uint32_t limit = top.limitSeconds * 1000;
+        const std::uint32_t waited = VtaCore::SystemTickCount() - top.startTick;
+        timeout = waited > limit ? 0 : limit - waited;
+    }
+    // The end of a step between the look and the wait leaves the event set; two ends may be one wake-up.
+    switch (WaitForSingleObject(stepFinished, timeout)) {
+        case WAIT_OBJECT_0:
+        case WAIT_ABANDONED:
+            return true;
+        case WAIT_TIMEOUT:
+            return false;
+        default:
+            wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
+            return false;
+    }
+}
+
+void CDriverUninstallerThread::DbgPrint(const wchar_t *format, ...) {
+    wxString indented;
+    {
+        const wxCriticalSectionLocker lock(stepLock);
+        indented = wxString::Format("%*s", static_cast<int>(stepStack.size()), "");
+    }
+    indented += format;
+    va_list arguments;
+    va_start(arguments, format);
+    DbgPrintV(indented.wc_str(), arguments);
+    va_end(arguments);
+}
+
+void CDriverUninstallerThread::DbgPrintV(const wchar_t *format, va_list arguments) {
+    wxLogMessage("%s", wxString::FormatV(format, arguments));
+}
+
+}  // namespace

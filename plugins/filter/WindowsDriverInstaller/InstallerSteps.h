@@ -1,0 +1,37 @@
+// The steps of the driver threads: their ids, and the names that events and logs give them.
+#pragma once
+
+#include <cstdint>
+
+/// Ids are part of what support tools know; keep them.
+enum InstallerStep : std::uint32_t {
+    ThreadRunning = 0,
+    ApplyingInetCfgChanges = 1,
+    CheckingIfStillInstalled = 2,
+    CleaningUpOrphans = 3,
+    CopyingInfFiles = 4,
+    EnsuringDriverUnloaded = 5,
+    FindingComponent = 6,
+    GettingAdapterInfo = 7,
+    GettingClassGUID = 8,
+    GettingInetCfg = 9,
+    GettingINetCfgClass = 10,
+    GettingINetCfgClassSetup = 11,
+    GettingNetworkConfigLock = 12,
+    InstallingDriver = 13,
+    ReleasingInetCfg = 14,
+    ReleasingNetworkConfigLock = 15,
+    RemovingInfFiles = 16,
+    UninstallingDriver = 17,
+    InstallingWfpCalloutDriver = 18,
+    UninstallingWfpCalloutDriver = 19,
+    StartingWfpCalloutDriver = 20,  ///< No code starts this one nor the next: the names exist only.
+    StoppingWfpCalloutDriver = 21,
+    NoStep = 0xFFFFFFFF
+};
+
+/// The name of a step, "<UnknownStep>" for an id that is none.
+const wchar_t *StepName(std::uint32_t step);
+
+/// Whether the step leaves no line in the log. Its limit is watched like any other's.
+bool IsSilentStep(std::uint32_t step);

@@ -1,0 +1,63 @@
+#include "OrphanScan.h"
+
+#include <array>
+#include <cwchar>
+#include <memory>
+#include <type_traits>
+
+#include <initguid.h>
+
+#include <windows.h>
+#include <devguid.h>
+#include <setupapi.h>
+
+#include "FailureReport.h"
+
+namespace {
+
+struct DestroyList {
+    void operator()(HDEVINFO list) const { (void)SetupDiDestroyDeviceInfoList(list); }
+};
+using DeviceList = std::unique_ptr<std::remove_pointer_t<HDEVINFO>, DestroyList>;
+
+void ReportLastError(VtaCore::CDom &dom, const wchar_t *call) {
+    AgentEventLog_(dom, GetLastError(), kSystemFailureEvent, L"%s", call);
+}
+
+/// @return false when the id or the description can't be read, or when it is another device's.
+bool IsMiniport(VtaCore::CDom &dom, const DeviceList &devices, SP_DEVINFO_DATA &device) {
+    std::array<wchar_t, 4096> instanceId{};
+    if (SetupDiGetDeviceInstanceIdW(devices.get(), &device, instanceId.data(), static_cast<DWORD>(instanceId.size()),
+                                    nullptr) == 0) {
+        ReportLastError(dom, L"SetupDiGetDeviceInstanceId");
+        return false;
+    }
+    // The description must be there; what it says doesn't matter.
+    std::array<BYTE, 8192> description{};
+    if (SetupDiGetDeviceRegistryPropertyW(devices.get(), &device, SPDRP_DEVICEDESC, nullptr, description.data(),
+                                          static_cast<DWORD>(description.size()), nullptr) == 0) {
+        ReportLastError(dom, L"SetupDiGetDeviceRegistryProperty");
+        return false;
+    }
+    return std::wcsstr(instanceId.data(), kMiniport) != nullptr;
+}
+
+}  // namespace
+
+bool OrphanScanIsClean(VtaCore::CDom &dom) {
+    const HDEVINFO list = SetupDiGetClassDevsW(&GUID_DEVCLASS_NET, nullptr, nullptr, DIGCF_PRESENT);
+    if (list == INVALID_HANDLE_VALUE) {
+        ReportLastError(dom, L"SetupDiGetClassDevs");
+        return true;
+    }
+    const DeviceList devices(list);
+    SP_DEVINFO_DATA device = {};
+    device.cbSize = sizeof(device);
+    for (DWORD index = 0; SetupDiEnumDeviceInfo(devices.get(), index, &device) != 0; ++index) {
+        if (IsMiniport(dom, devices, device))
+            return false;
+    }
+    if (GetLastError() != ERROR_NO_MORE_ITEMS)
+        ReportLastError(dom, L"SetupDiEnumDeviceInfo");
+    return true;
+}

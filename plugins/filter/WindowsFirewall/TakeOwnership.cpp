@@ -1,0 +1,125 @@
+#include <array>
+#include <memory>
+#include <type_traits>
+
+#include <windows.h>
+#include <aclapi.h>
+
+#include "WindowsFirewall.h"
+
+namespace {
+
+struct CloseToken {
+    void operator()(HANDLE token) const { (void)CloseHandle(token); }
+};
+using Token = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseToken>;
+
+struct FreeAcl {
+    void operator()(ACL *acl) const { (void)LocalFree(acl); }
+};
+using Acl = std::unique_ptr<ACL, FreeAcl>;
+
+struct FreeIdentifier {
+    void operator()(void *sid) const { (void)FreeSid(sid); }
+};
+using Sid = std::unique_ptr<void, FreeIdentifier>;
+
+/// S-1-1-0. @return null with the last error.
+Sid MakeEveryone() {
+    SID_IDENTIFIER_AUTHORITY world = {SECURITY_WORLD_SID_AUTHORITY};
+    PSID sid = nullptr;
+    return Sid(AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &sid) != 0 ? sid : nullptr);
+}
+
+/// S-1-5-32-544. @return null with the last error.
+Sid MakeAdministrators() {
+    SID_IDENTIFIER_AUTHORITY nt = {SECURITY_NT_AUTHORITY};
+    PSID sid = nullptr;
+    return Sid(AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0,
+                                        &sid) != 0
+                   ? sid
+                   : nullptr);
+}
+
+EXPLICIT_ACCESS_W FullAccess(const Sid &sid, TRUSTEE_TYPE type) {
+    EXPLICIT_ACCESS_W access = {};
+    access.grfAccessPermissions = GENERIC_ALL;
+    access.grfAccessMode = SET_ACCESS;
+    access.grfInheritance = SUB_CONTAINERS_AND_OBJECTS_INHERIT;
+    access.Trustee.TrusteeForm = TRUSTEE_IS_SID;
+    access.Trustee.TrusteeType = type;
+    access.Trustee.ptstrName = static_cast<wchar_t *>(sid.get());
+    return access;
+}
+
+/// @return null on failure.
+Acl MakeAcl(const Sid &everyone, const Sid &administrators) {
+    std::array<EXPLICIT_ACCESS_W, 2> entries{FullAccess(everyone, TRUSTEE_IS_WELL_KNOWN_GROUP),
+                                             FullAccess(administrators, TRUSTEE_IS_GROUP)};
+    ACL *acl = nullptr;
+    const DWORD error = SetEntriesInAclW(static_cast<ULONG>(entries.size()), entries.data(), nullptr, &acl);
+    return Acl(error == ERROR_SUCCESS ? acl : nullptr);
+}
+
+unsigned SetAcl(wchar_t *objectName, const Acl &acl) {
+    return SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, acl.get(),
+                                 nullptr);
+}
+
+/// @param attributes  SE_PRIVILEGE_ENABLED, or 0 to disable it.
+bool SetTakeOwnershipPrivilege(const Token &token, DWORD attributes) {
+    TOKEN_PRIVILEGES privileges = {};
+    static_assert(sizeof(privileges) == 16);
+    privileges.PrivilegeCount = 1;
+    privileges.Privileges[0].Attributes = attributes;
+    if (LookupPrivilegeValueW(nullptr, L"SeTakeOwnershipPrivilege", &privileges.Privileges[0].Luid) == 0 ||
+        AdjustTokenPrivileges(token.get(), FALSE, &privileges, sizeof(privileges), nullptr, nullptr) == 0)
+        return false;
+    // The call succeeds also when the privilege isn't held.
+    return GetLastError() != ERROR_NOT_ALL_ASSIGNED;
+}
+
+/// @param format  takes the last error.
+void LogLastError(const ThreadLog &log, const char *format) {
+    const unsigned error = GetLastError();
+    log(wxString::Format(format, error));
+}
+
+}  // namespace
+
+// After a failure nothing is undone: an owner once set stays, and so does the privilege if it was not disabled yet.
+void TakeOwnership(const ThreadLog &log, wchar_t *objectName) {
+    Token token;  // closed last
+    Acl acl;
+    const Sid everyone = MakeEveryone();
+    if (!everyone)
+        return LogLastError(log, "TakeOwnership: AllocateAndInitializeSid (Everyone) error %u");
+    const Sid administrators = MakeAdministrators();
+    if (!administrators)
+        return LogLastError(log, "TakeOwnership: AllocateAndInitializeSid (Admin) error %u");
+    acl = MakeAcl(everyone, administrators);
+    if (!acl)
+        return log("TakeOwnership: Failed SetEntriesInAcl");
+
+    unsigned error = SetAcl(objectName, acl);
+    if (error == ERROR_SUCCESS)
+        return;
+    if (error != ERROR_ACCESS_DENIED)
+        return log(wxString::Format("TakeOwnership: First SetNamedSecurityInfo call failed: %u", error));
+
+    HANDLE opened = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &opened) == 0)
+        return LogLastError(log, "TakeOwnership: OpenProcessToken failed: %u");
+    token.reset(opened);
+    if (!SetTakeOwnershipPrivilege(token, SE_PRIVILEGE_ENABLED))
+        return log("TakeOwnership: Must be logged on as Administrator");
+    error = SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, OWNER_SECURITY_INFORMATION, administrators.get(),
+                                  nullptr, nullptr, nullptr);
+    if (error != ERROR_SUCCESS)
+        return log(wxString::Format("TakeOwnership: Could not set owner. Error: %u", error));
+    if (!SetTakeOwnershipPrivilege(token, 0))
+        return log("TakeOwnership: Failed SetPrivilege call unexpectedly");
+    error = SetAcl(objectName, acl);
+    if (error != ERROR_SUCCESS)
+        log(wxString::Format("TakeOwnership: Second SetNamedSecurityInfo call failed: %u", error));
+}
