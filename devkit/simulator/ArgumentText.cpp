@@ -1,6 +1,7 @@
 #include "ArgumentText.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <string_view>
@@ -75,6 +76,14 @@ void AppendPointer(std::string &to, const void *pointer) {
         reversed += digits[value & 15];
     to += "0x";
     to.append(reversed.rbegin(), reversed.rend());
+}
+
+void AppendGuid(std::string &to, const GUID &guid) {
+    const BYTE *const end = guid.Data4;
+    char text[39];
+    std::snprintf(text, sizeof text, "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1, guid.Data2,
+                  guid.Data3, end[0], end[1], end[2], end[3], end[4], end[5], end[6], end[7]);
+    to += text;
 }
 
 }  // namespace Simulator

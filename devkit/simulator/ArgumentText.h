@@ -1,5 +1,5 @@
 // Prints the arguments of a call for the journal: texts in quotes, numbers in decimal, pointers and handles
-// in hexadecimal, the predefined registry keys by name.
+// in hexadecimal, the predefined registry keys by name, GUIDs as "{...}".
 #pragma once
 
 #include <string>
@@ -18,6 +18,7 @@ void AppendText(std::string &to, const wchar_t *text);
 void AppendText(std::string &to, const char *text);
 void AppendKey(std::string &to, HKEY key);
 void AppendPointer(std::string &to, const void *pointer);
+void AppendGuid(std::string &to, const GUID &guid);
 
 template <class T>
 void AppendArgument(std::string &to, T argument) {
@@ -25,6 +26,10 @@ void AppendArgument(std::string &to, T argument) {
         AppendText(to, argument);
     else if constexpr (std::is_same_v<T, HKEY>)
         AppendKey(to, argument);
+    else if constexpr (std::is_same_v<T, GUID>)
+        AppendGuid(to, argument);
+    else if constexpr (std::is_same_v<T, const GUID *>)
+        argument == nullptr ? AppendPointer(to, nullptr) : AppendGuid(to, *argument);
     else if constexpr (std::is_pointer_v<T>)
         AppendPointer(to, reinterpret_cast<const void *>(argument));
     else if constexpr (std::is_integral_v<T>)

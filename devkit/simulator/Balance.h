@@ -34,6 +34,9 @@ inline constexpr char kFind[] = "find handle";
 inline constexpr char kFile[] = "file";
 inline constexpr char kQuery[] = "performance query";
 inline constexpr char kService[] = "service handle";
+inline constexpr char kView[] = "view";
+inline constexpr char kSid[] = "sid";
+inline constexpr char kLocalMemory[] = "local memory";
 }  // namespace Kind
 
 /// One thing that is there.

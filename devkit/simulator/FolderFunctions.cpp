@@ -47,6 +47,16 @@ void MapFirst(FunctionSet &functions, const MappedPaths &paths) {
     });
 }
 
+/// Maps the paths that are the function's first two arguments.
+template <class F>
+void MapBoth(FunctionSet &functions, const MappedPaths &paths) {
+    functions.Put<F>([&paths](const auto &next, const wchar_t *from, const wchar_t *to, auto... rest) {
+        const std::optional<std::wstring> mappedFrom = paths.Mapped(from);
+        const std::optional<std::wstring> mappedTo = paths.Mapped(to);
+        return next(mappedFrom ? mappedFrom->c_str() : from, mappedTo ? mappedTo->c_str() : to, rest...);
+    });
+}
+
 std::wstring FromLocale(const char *text) {
     if (text == nullptr)
         return {};
@@ -107,6 +117,8 @@ void InstallMappedPaths(FunctionSet &functions, MappedPaths &paths) {
     MapFirst<System::CreateDirectoryW>(functions, paths);
     MapFirst<System::RemoveDirectoryW>(functions, paths);
     MapFirst<System::FindFirstFileW>(functions, paths);
+    MapBoth<System::CopyFileW>(functions, paths);
+    MapBoth<System::MoveFileExW>(functions, paths);
     MapRuntimeFiles(functions, paths);
 }
 

@@ -78,10 +78,10 @@ struct LoadNotification {
 
 Verdict Core::Enter(const std::string &function, bool canFail) {
     Verdict verdict = faults.Ask(function, canFail);
-    for (const auto &hang : verdict.hangs)
-        hang->Hang();
     if (verdict.delayMs != 0)
         clock.SleepFor(verdict.delayMs);
+    for (const auto &hang : verdict.hangs)
+        hang->Hang();
     return verdict;
 }
 

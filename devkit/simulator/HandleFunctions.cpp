@@ -3,6 +3,7 @@
 
 #include "FunctionSet.h"
 #include "MachineFunctions.h"
+#include "SecurityFunctions.h"
 #include "ServiceFunctions.h"
 #include "WindowsFunctions.h"
 
@@ -57,6 +58,7 @@ void CountHandles(FunctionSet &functions, Balance &balance) {
     CountReturned<System::CreateMutexW>(functions, balance, Kind::kHandle);
     CountReturned<System::CreateSemaphoreW>(functions, balance, Kind::kHandle);
     CountReturned<System::CreateFileW>(functions, balance, Kind::kHandle);
+    CountReturned<System::CreateFileMappingW>(functions, balance, Kind::kHandle);
     CountReturned<System::CreateThread>(functions, balance, Kind::kHandle);
     CountReturned<System::OpenThread>(functions, balance, Kind::kHandle);
     CountReturned<System::OpenProcess>(functions, balance, Kind::kHandle);
@@ -80,6 +82,8 @@ void CountHandles(FunctionSet &functions, Balance &balance) {
     CountGivenBack<System::CloseHandle>(functions, balance, Kind::kHandle);
     CountReturned<System::FindFirstFileW>(functions, balance, Kind::kFind);
     CountGivenBack<System::FindClose>(functions, balance, Kind::kFind);
+    CountReturned<System::MapViewOfFile>(functions, balance, Kind::kView);
+    CountGivenBack<System::UnmapViewOfFile>(functions, balance, Kind::kView);
 }
 
 void CountKeys(FunctionSet &functions, Balance &balance) {
@@ -155,6 +159,29 @@ void CountServices(FunctionSet &functions, Balance &balance) {
     CountGivenBack<System::CloseServiceHandle>(functions, balance, Kind::kService);
 }
 
+/// Of local memory only the access lists: other functions that make some are not watched.
+void CountSecurity(FunctionSet &functions, Balance &balance) {
+    functions.Put<System::AllocateAndInitializeSid>(
+        [&balance](const auto &next, SID_IDENTIFIER_AUTHORITY *authority, BYTE count, DWORD s0, DWORD s1, DWORD s2,
+                   DWORD s3, DWORD s4, DWORD s5, DWORD s6, DWORD s7, PSID *sid) {
+            const BOOL made = next(authority, count, s0, s1, s2, s3, s4, s5, s6, s7, sid);
+            if (made)
+                balance.Opened(Kind::kSid, Word(*sid), System::AllocateAndInitializeSid::name);
+            return made;
+        },
+        Depth::Watch);
+    CountGivenBack<System::FreeSid>(functions, balance, Kind::kSid);
+    functions.Put<System::SetEntriesInAclW>(
+        [&balance](const auto &next, ULONG count, EXPLICIT_ACCESS_W *entries, ACL *old, ACL **list) {
+            const DWORD error = next(count, entries, old, list);
+            if (error == ERROR_SUCCESS && *list != nullptr)
+                balance.Opened(Kind::kLocalMemory, Word(*list), System::SetEntriesInAclW::name);
+            return error;
+        },
+        Depth::Watch);
+    CountGivenBack<System::LocalFree>(functions, balance, Kind::kLocalMemory);
+}
+
 }  // namespace
 
 void InstallBalance(FunctionSet &functions, Balance &balance) {
@@ -165,6 +192,7 @@ void InstallBalance(FunctionSet &functions, Balance &balance) {
     CountFiles(functions, balance);
     CountQueries(functions, balance);
     CountServices(functions, balance);
+    CountSecurity(functions, balance);
 }
 
 }  // namespace Simulator

@@ -31,7 +31,8 @@ private:
 };
 
 /// Puts the mapped paths under fopen, _wfopen, fopen_s, _wfopen_s, CreateFileW, GetFileAttributesW,
-/// GetFileAttributesExW, SetFileAttributesW, DeleteFileW, CreateDirectoryW, RemoveDirectoryW and FindFirstFileW.
+/// GetFileAttributesExW, SetFileAttributesW, DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, CopyFileW
+/// and MoveFileExW.
 /// @param paths  outlive the set.
 void InstallMappedPaths(FunctionSet &functions, MappedPaths &paths);
 

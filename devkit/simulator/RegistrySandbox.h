@@ -54,6 +54,8 @@ public:
     /// values, such as: "name" dword 17, "name" text "abc", "name" type 3: 01 02 ff.
     [[nodiscard]] std::string Tree(HKEY root, const std::wstring &path = {}) const;
 
+    /// What stands for HKEY_LOCAL_MACHINE.
+    [[nodiscard]] HKEY MachineRoot() const { return m_machineRoot.get(); }
     /// Where the tree lies in the real registry, below HKEY_CURRENT_USER\Software.
     [[nodiscard]] const std::wstring &RealPath() const { return m_path; }
 

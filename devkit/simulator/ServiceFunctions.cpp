@@ -20,6 +20,8 @@ void InstallServices(FunctionSet &functions, ServiceManager &services) {
         [&services](const auto &, SC_HANDLE handle, DWORD control, SERVICE_STATUS *status) {
             return services.Control(handle, control, status);
         });
+    functions.Put<System::DeleteService>(
+        [&services](const auto &, SC_HANDLE handle) { return services.Delete(handle); });
     functions.Put<System::QueryServiceStatus>(
         [&services](const auto &, SC_HANDLE handle, SERVICE_STATUS *status) { return services.Query(handle, status); });
 }

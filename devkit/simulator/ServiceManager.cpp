@@ -1,9 +1,11 @@
 #include "ServiceManager.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <utility>
 
+#include "AnyCase.h"
 #include "CallScope.h"
 
 namespace Simulator {
@@ -35,6 +37,8 @@ void Fill(const ServiceStatus &from, SERVICE_STATUS &status) {
 DWORD StartOf(Service &service) {
     if (service.startError != ERROR_SUCCESS)
         return service.startError;
+    if (service.markedForDelete)
+        return ERROR_SERVICE_MARKED_FOR_DELETE;
     if (service.status.state != SERVICE_STOPPED)
         return ERROR_SERVICE_ALREADY_RUNNING;
     service.status = {SERVICE_START_PENDING};
@@ -51,6 +55,15 @@ DWORD StopOf(Service &service) {
         return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
     service.status = {SERVICE_STOP_PENDING};
     service.coming = service.stopping;
+    return ERROR_SUCCESS;
+}
+
+DWORD DeletionOf(Service &service) {
+    if (service.deleteError != ERROR_SUCCESS)
+        return service.deleteError;
+    if (service.markedForDelete)
+        return ERROR_SERVICE_MARKED_FOR_DELETE;
+    service.markedForDelete = true;
     return ERROR_SUCCESS;
 }
 
@@ -75,6 +88,11 @@ void ServiceManager::Remove(const std::wstring &name) {
 Service ServiceManager::Get(const std::wstring &name) const {
     const LockGuard guard(m_lock);
     return m_services.at(name);
+}
+
+bool ServiceManager::Has(const std::wstring &name) const {
+    const LockGuard guard(m_lock);
+    return m_services.count(name) != 0;
 }
 
 SC_HANDLE ServiceManager::Open(const wchar_t *machine, const wchar_t *database, DWORD access) {
@@ -104,7 +122,13 @@ SC_HANDLE ServiceManager::OpenOne(SC_HANDLE manager, const wchar_t *name, DWORD 
 
 BOOL ServiceManager::Close(SC_HANDLE handle) {
     const LockGuard guard(m_lock);
-    return Tell(m_handles.erase(handle) == 1 ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
+    const auto opened = m_handles.find(handle);
+    if (opened == m_handles.end())
+        return Tell(ERROR_INVALID_HANDLE);
+    const std::wstring name = opened->second.service;
+    m_handles.erase(opened);
+    RemoveIfMarkedLocked(name);
+    return TRUE;
 }
 
 BOOL ServiceManager::Start(SC_HANDLE handle) {
@@ -125,6 +149,13 @@ BOOL ServiceManager::Control(SC_HANDLE handle, DWORD control, SERVICE_STATUS *st
     if (error == ERROR_SUCCESS)
         Fill(service->status, *status);
     return Tell(error);
+}
+
+BOOL ServiceManager::Delete(SC_HANDLE handle) {
+    const LockGuard guard(m_lock);
+    Service *service = nullptr;
+    const DWORD error = FindLocked(handle, DELETE, service);
+    return Tell(error != ERROR_SUCCESS ? error : DeletionOf(*service));
 }
 
 BOOL ServiceManager::Query(SC_HANDLE handle, SERVICE_STATUS *status) {
@@ -152,6 +183,16 @@ DWORD ServiceManager::FindLocked(SC_HANDLE handle, DWORD access, Service *&servi
         return ERROR_SERVICE_MARKED_FOR_DELETE;
     service = &found->second;
     return ERROR_SUCCESS;
+}
+
+void ServiceManager::RemoveIfMarkedLocked(const std::wstring &name) {
+    const auto found = m_services.find(name);
+    if (found == m_services.end() || !found->second.markedForDelete)
+        return;
+    const bool isOpen = std::any_of(m_handles.begin(), m_handles.end(),
+                                    [&name](const auto &handle) { return SameInAnyCase(handle.second.service, name); });
+    if (!isOpen)
+        m_services.erase(found);
 }
 
 }  // namespace Simulator

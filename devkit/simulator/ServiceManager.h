@@ -30,6 +30,8 @@ struct Service {
     std::vector<ServiceStatus> stopping{{SERVICE_STOPPED}};  ///< The script that a stop begins.
     DWORD startError = ERROR_SUCCESS;                        ///< What each start fails with.
     DWORD controlError = ERROR_SUCCESS;                      ///< What each stop fails with.
+    DWORD deleteError = ERROR_SUCCESS;                       ///< What each deletion fails with.
+    bool markedForDelete = false;                            ///< Goes when the last handle to it is closed.
     std::vector<ServiceStatus> coming{};                     ///< What is left of the script.
 };
 
@@ -43,6 +45,8 @@ public:
     void Remove(const std::wstring &name);
     /// @throws std::out_of_range  if there is no such service.
     [[nodiscard]] Service Get(const std::wstring &name) const;
+    /// Also those that are marked for deletion.
+    [[nodiscard]] bool Has(const std::wstring &name) const;
 
     SC_HANDLE Open(const wchar_t *machine, const wchar_t *database, DWORD access);
     SC_HANDLE OpenOne(SC_HANDLE manager, const wchar_t *name, DWORD access);
@@ -50,6 +54,9 @@ public:
     BOOL Start(SC_HANDLE handle);
     /// SERVICE_CONTROL_STOP is the one control that there is.
     BOOL Control(SC_HANDLE handle, DWORD control, SERVICE_STATUS *status);
+    /// Marks the service for deletion: it goes when the last handle to it is closed. Until then it can be opened,
+    /// stopped and queried, but not started.
+    BOOL Delete(SC_HANDLE handle);
     BOOL Query(SC_HANDLE handle, SERVICE_STATUS *status);
 
 private:
@@ -62,14 +69,15 @@ private:
     };
 
     [[nodiscard]] DWORD FindLocked(SC_HANDLE handle, DWORD access, Service *&service);
+    void RemoveIfMarkedLocked(const std::wstring &name);
 
     mutable Lock m_lock;
     std::map<std::wstring, Service, AnyCase> m_services;
     std::map<SC_HANDLE, Opened> m_handles;
 };
 
-/// Puts the services under OpenSCManagerW, OpenServiceW, CloseServiceHandle, StartServiceW, ControlService and
-/// QueryServiceStatus.
+/// Puts the services under OpenSCManagerW, OpenServiceW, CloseServiceHandle, StartServiceW, ControlService,
+/// DeleteService and QueryServiceStatus.
 /// @param services  outlives the set.
 void InstallServices(FunctionSet &functions, ServiceManager &services);
 

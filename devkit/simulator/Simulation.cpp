@@ -22,7 +22,9 @@ Simulation::Simulation(const SimulationParts &parts)
     }
     if (parts.folders) {
         m_folders.emplace();
+        m_filesInUse.emplace();
         InstallFiles(m_functions);
+        InstallFilesInUse(m_functions, *m_filesInUse);
         InstallFolders(m_functions, *m_folders);
         InstallMappedPaths(m_functions, *m_folders);
     }
@@ -33,6 +35,22 @@ Simulation::Simulation(const SimulationParts &parts)
     if (parts.services) {
         m_services.emplace();
         InstallServices(m_functions, *m_services);
+    }
+    if (parts.security) {
+        m_security.emplace();
+        InstallSecurity(m_functions, *m_security);
+        if (parts.registry)
+            InstallProtectedKeys(m_functions, *m_security, *m_registry);
+    }
+    if (parts.setup) {
+        m_setup.emplace();
+        InstallSetupLibrary(m_functions, *m_setup, parts.folders ? &*m_folders : nullptr);
+    }
+    if (parts.network) {
+        m_network.emplace();
+        InstallCom(m_functions, m_network->com);
+        InstallDevices(m_functions, m_network->devices);
+        InstallNetwork(m_functions, m_core, m_network->com, m_network->configuration);
     }
     if (parts.balance) {
         Balance &balance = Balance::Instance();

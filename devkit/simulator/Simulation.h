@@ -7,10 +7,16 @@
 #include <string>
 
 #include "Balance.h"
+#include "ComLibrary.h"
+#include "DeviceManager.h"
+#include "FilesInUse.h"
 #include "FunctionSet.h"
 #include "Machine.h"
+#include "NetworkConfiguration.h"
 #include "RegistrySandbox.h"
+#include "Security.h"
 #include "ServiceManager.h"
+#include "SetupLibrary.h"
 #include "SystemFolders.h"
 
 namespace Simulator {
@@ -22,6 +28,16 @@ struct SimulationParts {
     bool balance = true;   ///< Counts memory, handles, keys, files, libraries, performance queries, service handles.
     bool machine = true;   ///< A load and a version of its own, and the functions that tell them in journal and faults.
     bool services = true;  ///< Services of its own, none at first, and their functions in journal and faults.
+    bool security = true;  ///< Privileges and security of keys of its own, and their functions in journal and faults.
+    bool setup = true;     ///< The functions for INF files, on the folders if there are some.
+    bool network = true;   ///< COM, network components and devices, none at first, and their functions and methods.
+};
+
+/// What the part `network` is made of. COM objects that outlive the simulation share it.
+struct NetworkParts {
+    ComLibrary com;
+    std::shared_ptr<DeviceManager> devices = std::make_shared<DeviceManager>();
+    std::shared_ptr<NetworkConfiguration> configuration = std::make_shared<NetworkConfiguration>(devices);
 };
 
 /// Owns the parts. One per process at a time; later models build on `Functions()`.
@@ -44,8 +60,16 @@ public:
     /// @throws std::bad_optional_access  if the part is not wanted.
     [[nodiscard]] RegistrySandbox &GetRegistry() { return m_registry.value(); }
     [[nodiscard]] SystemFolders &GetFolders() { return m_folders.value(); }
+    /// With the folders.
+    [[nodiscard]] FilesInUse &GetFilesInUse() { return m_filesInUse.value(); }
     [[nodiscard]] Machine &GetMachine() { return m_machine.value(); }
     [[nodiscard]] ServiceManager &GetServices() { return m_services.value(); }
+    [[nodiscard]] Security &GetSecurity() { return m_security.value(); }
+    [[nodiscard]] SetupLibrary &GetSetup() { return m_setup.value(); }
+    // With the network.
+    [[nodiscard]] ComLibrary &GetCom() { return m_network.value().com; }
+    [[nodiscard]] DeviceManager &GetDevices() { return *m_network.value().devices; }
+    [[nodiscard]] NetworkConfiguration &GetNetwork() { return *m_network.value().configuration; }
     [[nodiscard]] Balance &GetBalance() { return Balance::Instance(); }
 
     /// See FunctionSet.
@@ -59,8 +83,12 @@ private:
     std::shared_ptr<Core> m_core;
     std::optional<RegistrySandbox> m_registry;
     std::optional<SystemFolders> m_folders;
+    std::optional<FilesInUse> m_filesInUse;
     std::optional<Machine> m_machine;
     std::optional<ServiceManager> m_services;
+    std::optional<Security> m_security;
+    std::optional<SetupLibrary> m_setup;
+    std::optional<NetworkParts> m_network;
     bool m_counts;
     FunctionSet m_functions;
 };

@@ -31,7 +31,7 @@ SystemFolders::SystemFolders() {
     const InsideSimulator inside;
     m_root = FreshRoot();
     RemoveTree(m_root);  // left by a process that had this number before
-    for (const auto &folder : {System32() / L"drivers", ProgramData(), ProgramFiles(), Temp()})
+    for (const auto &folder : {System32() / L"drivers", Inf(), Catalogs(), ProgramData(), ProgramFiles(), Temp()})
         std::filesystem::create_directories(folder);
 }
 

@@ -23,6 +23,12 @@ public:
     [[nodiscard]] std::filesystem::path Windows() const { return m_root / L"Windows"; }
     /// With a folder "drivers" in it.
     [[nodiscard]] std::filesystem::path System32() const { return Windows() / L"System32"; }
+    /// Where the system keeps the INF files of drivers.
+    [[nodiscard]] std::filesystem::path Inf() const { return Windows() / L"inf"; }
+    /// Where it keeps the catalogues of drivers.
+    [[nodiscard]] std::filesystem::path Catalogs() const {
+        return System32() / L"CatRoot" / L"{F750E6C3-38EE-11D1-85E5-00C04FC295EE}";
+    }
     [[nodiscard]] std::filesystem::path ProgramData() const { return m_root / L"ProgramData"; }
     [[nodiscard]] std::filesystem::path ProgramFiles() const { return m_root / L"Program Files"; }
     [[nodiscard]] std::filesystem::path Temp() const { return m_root / L"Temp"; }

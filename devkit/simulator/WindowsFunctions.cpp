@@ -21,8 +21,9 @@ void InstallRegistry(FunctionSet &functions) {
 
 void InstallFiles(FunctionSet &functions) {
     using namespace System;
-    PassThrough<CreateFileW, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
-                DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindClose, fopen, _wfopen, fopen_s,
+    PassThrough<CreateFileW, GetFileSizeEx, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
+                DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindNextFileW, FindClose, CopyFileW,
+                MoveFileExW, CreateFileMappingW, MapViewOfFile, UnmapViewOfFile, IsTextUnicode, fopen, _wfopen, fopen_s,
                 _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose, GetFileVersionInfoSizeW,
                 GetFileVersionInfoW, VerQueryValueW>(functions);
 }

@@ -27,6 +27,7 @@ SIMULATOR_FUNCTION(RegEnumValueW, "ADVAPI32.dll", ReturnsStatus);
 
 // Files
 SIMULATOR_FUNCTION(CreateFileW, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(GetFileSizeEx, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(ReadFile, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(WriteFile, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(GetFileAttributesW, "KERNEL32.dll", ReturnsMinusOne);
@@ -36,7 +37,14 @@ SIMULATOR_FUNCTION(DeleteFileW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(CreateDirectoryW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(RemoveDirectoryW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(FindFirstFileW, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(FindNextFileW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(FindClose, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(CopyFileW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(MoveFileExW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(CreateFileMappingW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(MapViewOfFile, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(UnmapViewOfFile, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(IsTextUnicode, "ADVAPI32.dll", CannotFail);
 SIMULATOR_FUNCTION(fopen, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(_wfopen, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(fopen_s, kCRuntime, ReturnsStatus);
@@ -89,6 +97,7 @@ SIMULATOR_FUNCTION(_beginthreadex, kCRuntime, SetsErrno);
 SIMULATOR_FUNCTION(LoadLibraryW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(LoadLibraryA, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(LoadLibraryExW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(GetModuleHandleW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(GetModuleHandleExW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(FreeLibrary, "KERNEL32.dll", ReturnsZero);
 

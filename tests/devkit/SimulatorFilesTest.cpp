@@ -1,7 +1,9 @@
-// Reading and writing by the C runtime: what of it can be made to fail, and what becomes of that.
+// Files by the C runtime and by system calls: what of it can be made to fail, and what becomes of that.
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -29,7 +31,18 @@ protected:
         const InsideSimulator inside;
         return std::filesystem::file_size(simulation.GetFolders().ProgramData() / L"a.txt");
     }
-    [[nodiscard]] std::size_t OpenFiles() { return simulation.GetBalance().Take().Count(Kind::kFile); }
+    [[nodiscard]] std::size_t Things(const char *kind) { return simulation.GetBalance().Take().Count(kind); }
+    [[nodiscard]] std::size_t OpenFiles() { return Things(Kind::kFile); }
+    /// As a caller names it.
+    static std::wstring Path(const std::wstring &name) { return L"C:\\ProgramData\\Product\\" + name; }
+    void WriteText(const std::wstring &name, const char *text) {
+        const InsideSimulator inside;
+        std::ofstream(simulation.GetFolders().ProgramData() / name) << text;
+    }
+    [[nodiscard]] bool Exists(const std::wstring &name) {
+        const InsideSimulator inside;
+        return std::filesystem::exists(simulation.GetFolders().ProgramData() / name);
+    }
 
     Simulation simulation{{.registry = false, .folders = true, .balance = true, .machine = false}};
 };
@@ -86,6 +99,88 @@ TEST_F(SimulatedFiles, AreCountedUntilTheyAreClosed) {
     EXPECT_EQ(OpenFiles(), 1U);
     EXPECT_EQ(std::fclose(file), 0);
     EXPECT_EQ(OpenFiles(), 0U);
+}
+
+TEST_F(SimulatedFiles, AreMappedAndCounted) {
+    WriteText(L"a.txt", "hello");
+    const HANDLE file =
+        CreateFileW(Path(L"a.txt").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
+    ASSERT_NE(mapping, nullptr);
+    EXPECT_EQ(Things(Kind::kHandle), 2U);
+    Fail("MapViewOfFile", ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+    const void *view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(Things(Kind::kView), 1U);
+    EXPECT_EQ(std::string(static_cast<const char *>(view), 5), "hello");
+    EXPECT_FALSE(IsTextUnicode(view, 5, nullptr));
+    EXPECT_TRUE(UnmapViewOfFile(view));
+    EXPECT_EQ(Things(Kind::kView), 0U);
+    EXPECT_TRUE(CloseHandle(mapping));
+    EXPECT_TRUE(CloseHandle(file));
+    EXPECT_EQ(Things(Kind::kHandle), 0U);
+    for (const char *function : {"CreateFileMappingW", "MapViewOfFile", "IsTextUnicode", "UnmapViewOfFile"})
+        EXPECT_GE(simulation.GetJournal().Count(function), 1U) << function;
+}
+
+TEST_F(SimulatedFiles, AreFoundUntilASearchFails) {
+    WriteText(L"a1.txt", "");
+    WriteText(L"a2.txt", "");
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = FindFirstFileW(Path(L"a*.txt").c_str(), &found);
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    Fail("FindNextFileW", ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(FindNextFileW(search, &found));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(FindNextFileW(search, &found));
+    EXPECT_FALSE(FindNextFileW(search, &found));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_MORE_FILES));
+    EXPECT_TRUE(FindClose(search));
+}
+
+TEST_F(SimulatedFiles, AreCopiedAndMovedByMappedPaths) {
+    WriteText(L"a.txt", "hello");
+    EXPECT_TRUE(CopyFileW(Path(L"a.txt").c_str(), Path(L"b.txt").c_str(), TRUE));
+    EXPECT_TRUE(Exists(L"a.txt"));
+    EXPECT_TRUE(MoveFileExW(Path(L"b.txt").c_str(), Path(L"c.txt").c_str(), 0));
+    EXPECT_FALSE(Exists(L"b.txt"));
+    EXPECT_TRUE(Exists(L"c.txt"));
+    EXPECT_TRUE(simulation.GetFilesInUse().LeftToBoot().empty());
+}
+
+TEST_F(SimulatedFiles, CantBeDeletedOrMovedWhileTheyAreInUse) {
+    FilesInUse &inUse = simulation.GetFilesInUse();
+    WriteText(L"a.txt", "hello");
+    inUse.Hold(simulation.GetFolders().ProgramData() / L"A.TXT");
+    EXPECT_FALSE(DeleteFileW(Path(L"a.txt").c_str()));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_FALSE(MoveFileExW(Path(L"a.txt").c_str(), Path(L"b.txt").c_str(), 0));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    inUse.Hold(simulation.GetFolders().ProgramData() / L"a.txt", ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(DeleteFileW(Path(L"a.txt").c_str()));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(Exists(L"a.txt"));
+    inUse.Release(simulation.GetFolders().ProgramData() / L"a.txt");
+    EXPECT_TRUE(DeleteFileW(Path(L"a.txt").c_str()));
+    EXPECT_FALSE(Exists(L"a.txt"));
+}
+
+TEST_F(SimulatedFiles, AreLeftToTheNextBootWithoutTheRealSystem) {
+    WriteText(L"a.txt", "hello");
+    EXPECT_TRUE(MoveFileExW(Path(L"a.txt").c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
+    EXPECT_TRUE(MoveFileExW(L"X:\b.txt", Path(L"c.txt").c_str(), MOVEFILE_DELAY_UNTIL_REBOOT));
+    EXPECT_FALSE(MoveFileExW(nullptr, nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
+    const std::filesystem::path folder = simulation.GetFolders().ProgramData();
+    const std::vector<MoveAtBoot> left{{(folder / L"a.txt").wstring(), L""},
+                                       {L"X:\b.txt", (folder / L"c.txt").wstring()}};
+    EXPECT_EQ(simulation.GetFilesInUse().LeftToBoot(), left);
+    EXPECT_TRUE(Exists(L"a.txt"));
+    Fail("MoveFileExW", ERROR_ACCESS_DENIED);
+    EXPECT_FALSE(MoveFileExW(Path(L"a.txt").c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
+    EXPECT_EQ(simulation.GetFilesInUse().LeftToBoot(), left);
 }
 
 #if defined(__MINGW32__)

@@ -52,8 +52,9 @@ TEST(SystemFolders, MakesTheFoldersAndRemovesThemWithAllTheyHold) {
     {
         const SystemFolders folders;
         root = folders.Root();
-        for (const auto &folder : {folders.Windows(), folders.System32(), folders.System32() / L"drivers",
-                                   folders.ProgramData(), folders.ProgramFiles(), folders.Temp()})
+        for (const auto &folder :
+             {folders.Windows(), folders.System32(), folders.System32() / L"drivers", folders.Inf(), folders.Catalogs(),
+              folders.ProgramData(), folders.ProgramFiles(), folders.Temp()})
             EXPECT_TRUE(std::filesystem::is_directory(folder)) << folder;
         const std::filesystem::path file = folders.System32() / L"drivers" / L"x.sys";
         WriteFileAt(file, "x");
@@ -122,6 +123,15 @@ TEST_F(SimulatedFolders, AnswerForTheShellFolders) {
     EXPECT_EQ(path, folders.ProgramFiles());
     ASSERT_EQ(SHGetFolderPathW(nullptr, CSIDL_FONTS, nullptr, 0, path), S_OK);
     EXPECT_NE(std::wstring(path).find(L"onts"), std::wstring::npos) << "others are the real ones";
+}
+
+TEST_F(SimulatedFolders, AreNotToldWithTheResultThatIsPlanned) {
+    wchar_t path[MAX_PATH] = L"";
+    (void)core->faults.FailNth("SHGetFolderPathW", 1, ERROR_ACCESS_DENIED);
+    (void)core->faults.FailNth("SHGetFolderPathW", 2, static_cast<DWORD>(E_FAIL));
+    EXPECT_EQ(SHGetFolderPathW(nullptr, CSIDL_SYSTEM, nullptr, 0, path), E_ACCESSDENIED);
+    EXPECT_EQ(SHGetFolderPathW(nullptr, CSIDL_SYSTEM, nullptr, 0, path), E_FAIL) << "a result stays as it is";
+    EXPECT_STREQ(path, L"");
 }
 
 TEST_F(SimulatedFolders, AreOpenedByTheCRuntime) {

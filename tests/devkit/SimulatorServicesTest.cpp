@@ -111,6 +111,43 @@ TEST_F(SimulatedServices, ThatAreRemovedAnswerNoMore) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
+TEST_F(SimulatedServices, ThatAreDeletedGoWhenTheLastHandleToThemIsClosed) {
+    services.Put(L"other", {});
+    const SC_HANDLE other = Open(L"other");
+    const SC_HANDLE service = Open(L"driver", SERVICE_ALL_ACCESS);
+    const SC_HANDLE second = Open(L"DRIVER");
+    EXPECT_EQ(ErrorOf(DeleteService(service)), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(ErrorOf(DeleteService(service)), static_cast<DWORD>(ERROR_SERVICE_MARKED_FOR_DELETE));
+    EXPECT_TRUE(services.Get(L"driver").markedForDelete);
+    EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_SERVICE_MARKED_FOR_DELETE));
+    EXPECT_EQ(Query(service), ServiceStatus{SERVICE_STOPPED});
+    EXPECT_TRUE(CloseServiceHandle(service));
+    const SC_HANDLE third = Open(L"driver");
+    EXPECT_NE(third, nullptr) << "still there";
+    EXPECT_TRUE(CloseServiceHandle(second));
+    EXPECT_TRUE(services.Has(L"driver"));
+    EXPECT_TRUE(CloseServiceHandle(third));
+    EXPECT_FALSE(services.Has(L"driver"));
+    EXPECT_EQ(Open(L"driver"), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
+    EXPECT_TRUE(CloseServiceHandle(other));
+    EXPECT_TRUE(services.Has(L"other"));
+}
+
+TEST_F(SimulatedServices, CantBeDeletedWithoutTheRightOrAgainstTheirError) {
+    const SC_HANDLE reader = Open(L"driver");
+    EXPECT_EQ(ErrorOf(DeleteService(reader)), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(ErrorOf(DeleteService(manager)), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_TRUE(CloseServiceHandle(reader));
+    services.Put(L"driver", {.deleteError = ERROR_BUSY});
+    const SC_HANDLE service = Open(L"driver", DELETE);
+    EXPECT_EQ(ErrorOf(DeleteService(service)), static_cast<DWORD>(ERROR_BUSY));
+    (void)simulation.GetFaults().FailNth("DeleteService", 1, ERROR_GEN_FAILURE);
+    EXPECT_EQ(ErrorOf(DeleteService(service)), static_cast<DWORD>(ERROR_GEN_FAILURE));
+    EXPECT_TRUE(CloseServiceHandle(service));
+    EXPECT_TRUE(services.Has(L"driver"));
+}
+
 TEST_F(SimulatedServices, CountOpenHandlesAndNeverUseOneAgain) {
     std::set<SC_HANDLE> handles{manager};
     const auto open = [this] { return simulation.GetBalance().Take().Count(Kind::kService); };

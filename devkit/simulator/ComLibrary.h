@@ -1,0 +1,44 @@
+// COM as the simulated machine offers it: the threads' models, and the classes that are simulated.
+#pragma once
+
+#include <atomic>
+#include <functional>
+
+#include <windows.h>
+#include <objbase.h>
+
+namespace Simulator {
+
+class FunctionSet;
+
+namespace Kind {
+inline constexpr char kComInitialisation[] = "COM initialisation";  ///< Its value is the thread's number.
+}
+
+struct ComLibrary {
+    /// Threads come with a single-threaded apartment that somebody else has made: CoInitializeEx answers
+    /// RPC_E_CHANGED_MODE to the multithreaded model, and S_FALSE to the other.
+    std::atomic<bool> threadsHaveApartments{false};
+
+    /// Whether the calling thread has a model. What another thread has made does not count for it.
+    [[nodiscard]] bool IsInitialised() const;
+};
+
+/// Puts these functions in journal and faults:
+/// - CoInitializeEx and CoUninitialize, which do the real thing but for what ComLibrary says. Each success counts
+///   until it is given back.
+/// - CoCreateInstance, which does the real thing for the classes that are not put under it. A planned failure leaves
+///   its result alone.
+/// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, as does that which simulated objects hand out.
+/// @param library  outlives the set.
+void InstallCom(FunctionSet &functions, ComLibrary &library);
+
+/// Makes an object, and gives the interface that is asked for with a reference.
+/// @param function  the call that gives it.
+using ComFactory = std::function<HRESULT(REFIID iid, const char *function, void **object)>;
+
+/// Simulates a class that lives in the process. CoCreateInstance fails for it with CO_E_NOTINITIALIZED in a thread
+/// without a model, with CLASS_E_NOAGGREGATION, and with REGDB_E_CLASSNOTREG if it is wanted elsewhere.
+void PutComClass(FunctionSet &functions, const ComLibrary &library, const CLSID &id, ComFactory factory);
+
+}  // namespace Simulator

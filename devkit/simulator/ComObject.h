@@ -1,0 +1,135 @@
+// Simulated COM objects: their references, and the common way of their methods through journal and faults.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include <windows.h>
+#include <objbase.h>
+
+#include "ArgumentText.h"
+#include "Balance.h"
+#include "CallScope.h"
+#include "Function.h"
+#include "Lock.h"
+
+namespace Simulator {
+
+namespace Kind {
+inline constexpr char kComReference[] = "COM reference";  ///< One item per reference; its value is the object.
+inline constexpr char kComMemory[] = "COM memory";
+}  // namespace Kind
+
+/// A text for the caller to free by CoTaskMemFree; counted as COM memory.
+/// @param function  what hands it out; stays valid for the life of the process.
+[[nodiscard]] wchar_t *MakeComText(const std::wstring &text, const char *function);
+
+/// COM nulls the pointers that a method is to give before anything can fail.
+template <class T>
+void ClearResult(T **result) {
+    if (result != nullptr)
+        *result = nullptr;
+}
+
+/// An object with one interface beside IUnknown. References that the program holds are counted one by one, also in
+/// the balance, under the call that gave them; the simulator itself holds it by shared_ptr, uncounted. Its memory is
+/// in no balance. It may outlive the simulation: its methods then answer RPC_E_DISCONNECTED. Any thread.
+template <class Interface>
+class ComObject : public Interface, public std::enable_shared_from_this<ComObject<Interface>> {
+public:
+    /// Names of calls, such as "INetCfg::AddRef".
+    struct Names {
+        const char *addRef;
+        const char *queryInterface;
+    };
+
+    ComObject(const ComObject &) = delete;
+    ComObject &operator=(const ComObject &) = delete;
+
+    /// A reference for the program.
+    /// @param function  the call that gives it.
+    Interface *Give(const char *function) {
+        (void)Refer(function);
+        return this;
+    }
+
+    ULONG STDMETHODCALLTYPE AddRef() final {
+        const InsideSimulator inside;
+        return Refer(m_names.addRef);
+    }
+
+    ULONG STDMETHODCALLTYPE Release() final {
+        const InsideSimulator inside;
+        std::shared_ptr<ComObject> last;  // ends after the lock
+        Balance::Instance().Closed(Kind::kComReference, Address());
+        const LockGuard guard(m_lock);
+        if (m_references == 0)
+            return 0;
+        if (--m_references == 0)
+            last.swap(m_self);
+        return m_references;
+    }
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **object) final {
+        ClearResult(object);
+        return Call(
+            m_names.queryInterface,
+            [&] { return object == nullptr ? E_POINTER : Provide(iid, m_names.queryInterface, object); }, iid, object);
+    }
+
+    /// Answers QueryInterface, also that within a call of another name.
+    /// @param object  is null, and not null itself.
+    virtual HRESULT Provide(REFIID iid, const char *function, void **object) = 0;
+
+protected:
+    ComObject(std::shared_ptr<Core> core, const Names &names) : m_core(std::move(core)), m_names(names) {}
+    virtual ~ComObject() = default;
+
+    /// Calls a method: it is written to the journal, and meets the fault plans. A planned failure is returned as it
+    /// is, also if its code is that of a success.
+    /// @param name  such as "INetCfg::FindComponent".
+    /// @param body  does the work; runs inside the simulator, and must not block but by the clock.
+    template <class Body, class... Args>
+    HRESULT Call(const char *name, Body body, Args... arguments) {
+        const DWORD lastError = GetLastError();
+        const InsideSimulator inside;
+        if (m_core->journal.Wants(name))
+            m_core->journal.Add(name, ArgumentText(arguments...));
+        const Verdict verdict = m_core->Enter(name, true);
+        SetLastError(lastError);
+        if (m_core->ended)
+            return RPC_E_DISCONNECTED;
+        if (verdict.fails)
+            return static_cast<HRESULT>(verdict.code);
+        return body();
+    }
+
+    /// Answers for the interface itself.
+    HRESULT ProvideThis(const char *function, void **object) {
+        *object = Give(function);
+        return S_OK;
+    }
+
+    [[nodiscard]] const std::shared_ptr<Core> &TheCore() const { return m_core; }
+
+private:
+    [[nodiscard]] std::uintptr_t Address() { return reinterpret_cast<std::uintptr_t>(static_cast<Interface *>(this)); }
+
+    ULONG Refer(const char *function) {
+        if (!m_core->ended)
+            Balance::Instance().Opened(Kind::kComReference, Address(), function);
+        const LockGuard guard(m_lock);
+        if (m_references == 0)
+            m_self = this->shared_from_this();
+        return ++m_references;
+    }
+
+    const std::shared_ptr<Core> m_core;
+    const Names m_names;
+    Lock m_lock;
+    ULONG m_references = 0;
+    std::shared_ptr<ComObject> m_self;  ///< Holds it while the program does.
+};
+
+}  // namespace Simulator

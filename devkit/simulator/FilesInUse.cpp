@@ -1,0 +1,79 @@
+#include "FilesInUse.h"
+
+#include <algorithm>
+#include <cwctype>
+#include <utility>
+
+#include "FunctionSet.h"
+#include "WindowsFunctions.h"
+
+namespace Simulator {
+
+namespace {
+
+std::wstring KeyOf(const std::filesystem::path &file) {
+    std::wstring key = file.lexically_normal().make_preferred().wstring();
+    std::transform(key.begin(), key.end(), key.begin(), [](wchar_t c) { return std::towlower(c); });
+    return key;
+}
+
+std::wstring TextOf(const wchar_t *path) {
+    return path == nullptr ? std::wstring() : path;
+}
+
+BOOL Fail(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+}  // namespace
+
+void FilesInUse::Hold(const std::filesystem::path &file, DWORD error) {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_held[KeyOf(file)] = error;
+}
+
+void FilesInUse::Release(const std::filesystem::path &file) {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_held.erase(KeyOf(file));
+}
+
+DWORD FilesInUse::ErrorOf(const std::filesystem::path &file) const {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    const auto found = m_held.find(KeyOf(file));
+    return found == m_held.end() ? ERROR_SUCCESS : found->second;
+}
+
+void FilesInUse::LeaveToBoot(MoveAtBoot move) {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_leftToBoot.push_back(std::move(move));
+}
+
+std::vector<MoveAtBoot> FilesInUse::LeftToBoot() const {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    return m_leftToBoot;
+}
+
+void InstallFilesInUse(FunctionSet &functions, FilesInUse &files) {
+    functions.Put<System::DeleteFileW>([&files](const auto &next, const wchar_t *path) {
+        const DWORD error = files.ErrorOf(TextOf(path));
+        return error == ERROR_SUCCESS ? next(path) : Fail(error);
+    });
+    functions.Put<System::MoveFileExW>([&files](const auto &next, const wchar_t *from, const wchar_t *to, DWORD flags) {
+        if ((flags & MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {
+            if (from == nullptr)
+                return Fail(ERROR_INVALID_PARAMETER);
+            files.LeaveToBoot({from, TextOf(to)});
+            return TRUE;
+        }
+        const DWORD error = files.ErrorOf(TextOf(from));
+        return error == ERROR_SUCCESS ? next(from, to, flags) : Fail(error);
+    });
+}
+
+}  // namespace Simulator

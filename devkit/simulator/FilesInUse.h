@@ -1,0 +1,50 @@
+// Files that can't be deleted or moved, and what the next boot is to do with files.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "Lock.h"
+
+namespace Simulator {
+
+class FunctionSet;
+
+/// What MoveFileExW leaves to the next boot.
+struct MoveAtBoot {
+    std::wstring from;
+    std::wstring to;  ///< Empty: to be deleted.
+
+    bool operator==(const MoveAtBoot &) const = default;
+};
+
+/// Paths are the real ones, after mapping; letters match in any case, slashes count as backslashes. Any thread.
+class FilesInUse {
+public:
+    /// From now on the file can be neither deleted nor moved.
+    /// @param error  what the attempt fails with.
+    void Hold(const std::filesystem::path &file, DWORD error = ERROR_SHARING_VIOLATION);
+    void Release(const std::filesystem::path &file);
+    /// ERROR_SUCCESS if the file can be deleted.
+    [[nodiscard]] DWORD ErrorOf(const std::filesystem::path &file) const;
+
+    void LeaveToBoot(MoveAtBoot move);
+    /// In the order of the calls.
+    [[nodiscard]] std::vector<MoveAtBoot> LeftToBoot() const;
+
+private:
+    mutable Lock m_lock;
+    std::map<std::wstring, DWORD> m_held;  ///< By path in lower case.
+    std::vector<MoveAtBoot> m_leftToBoot;
+};
+
+/// Puts the files under DeleteFileW and MoveFileExW. With MOVEFILE_DELAY_UNTIL_REBOOT the latter only notes what is
+/// asked of it, whether the file is there or not; nothing reaches the real system.
+/// @param files  outlive the set. Put before the mapped paths.
+void InstallFilesInUse(FunctionSet &functions, FilesInUse &files);
+
+}  // namespace Simulator

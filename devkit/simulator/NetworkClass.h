@@ -1,0 +1,57 @@
+// A class of network components as the simulated engine gives it out, and its set-up.
+#pragma once
+
+#include <memory>
+
+#include <windows.h>
+#include <netcfgx.h>
+
+#include "ComObject.h"
+#include "NetworkEngine.h"
+
+namespace Simulator {
+
+class NetworkClass final : public ComObject<INetCfgClass> {
+public:
+    NetworkClass(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine, const GUID &classGuid);
+
+    /// For INetCfgClass, INetCfgClassSetup and IUnknown.
+    HRESULT Provide(REFIID iid, const char *function, void **object) override;
+
+    /// S_FALSE if the class has none of that id.
+    HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
+    /// E_NOTIMPL
+    HRESULT STDMETHODCALLTYPE EnumComponents(IEnumNetCfgComponent **components) override;
+
+private:
+    const std::shared_ptr<NetworkEngine> m_engine;
+    const GUID m_classGuid;
+};
+
+class NetworkClassSetup final : public ComObject<INetCfgClassSetup> {
+public:
+    NetworkClassSetup(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
+                      std::shared_ptr<NetworkClass> ofClass);
+
+    /// What the class provides.
+    HRESULT Provide(REFIID iid, const char *function, void **object) override;
+
+    /// E_NOTIMPL, as Install.
+    HRESULT STDMETHODCALLTYPE SelectAndInstall(HWND parent, OBO_TOKEN *token, INetCfgComponent **component) override;
+    HRESULT STDMETHODCALLTYPE Install(LPCWSTR id, OBO_TOKEN *token, DWORD setupFlags, DWORD upgradeFromBuild,
+                                      LPCWSTR answerFile, LPCWSTR answerSections,
+                                      INetCfgComponent **component) override;
+    /// Answers and does as the component has it. Needs the write lock.
+    /// @param component   one of this engine's.
+    /// @param token       may be null; E_INVALIDARG if its type is none.
+    /// @param references  receives null.
+    HRESULT STDMETHODCALLTYPE DeInstall(INetCfgComponent *component, OBO_TOKEN *token, LPWSTR *references) override;
+
+private:
+    HRESULT Remove(INetCfgComponent *component, const OBO_TOKEN *token);
+
+    const std::shared_ptr<NetworkEngine> m_engine;
+    const std::shared_ptr<NetworkClass> m_class;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,55 @@
+// A component as the simulated engine gives it out.
+#pragma once
+
+#include <memory>
+
+#include <windows.h>
+#include <netcfgx.h>
+
+#include "ComObject.h"
+#include "NetworkEngine.h"
+
+namespace Simulator {
+
+/// After the component was removed, or the engine uninitialised, its methods answer
+/// NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT and NETCFG_E_NOT_INITIALIZED.
+class NetworkComponentObject final : public ComObject<INetCfgComponent> {
+public:
+    NetworkComponentObject(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine, unsigned key);
+
+    /// For INetCfgComponent and IUnknown.
+    HRESULT Provide(REFIID iid, const char *function, void **object) override;
+
+    HRESULT STDMETHODCALLTYPE GetId(LPWSTR *id) override;
+    HRESULT STDMETHODCALLTYPE GetClassGuid(GUID *classGuid) override;
+
+    // E_NOTIMPL
+    HRESULT STDMETHODCALLTYPE GetDisplayName(LPWSTR *name) override;
+    HRESULT STDMETHODCALLTYPE SetDisplayName(LPCWSTR name) override;
+    HRESULT STDMETHODCALLTYPE GetHelpText(LPWSTR *text) override;
+    HRESULT STDMETHODCALLTYPE GetCharacteristics(LPDWORD characteristics) override;
+    HRESULT STDMETHODCALLTYPE GetInstanceGuid(GUID *instanceGuid) override;
+    HRESULT STDMETHODCALLTYPE GetPnpDevNodeId(LPWSTR *id) override;
+    HRESULT STDMETHODCALLTYPE GetBindName(LPWSTR *name) override;
+    HRESULT STDMETHODCALLTYPE GetDeviceStatus(ULONG *status) override;
+    HRESULT STDMETHODCALLTYPE OpenParamKey(HKEY *key) override;
+    HRESULT STDMETHODCALLTYPE RaisePropertyUi(HWND parent, DWORD flags, IUnknown *context) override;
+
+    /// Of the component that it stands for; see NetworkComponent::key.
+    [[nodiscard]] unsigned Key() const { return m_key; }
+
+private:
+    /// Works on the component.
+    template <class Body>
+    HRESULT With(Body body) {
+        return m_engine->WhenInitialized([&](NetworkState &state) -> HRESULT {
+            const NetworkComponent *component = ComponentWithKey(state, m_key);
+            return component == nullptr ? NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT : body(*component);
+        });
+    }
+
+    const std::shared_ptr<NetworkEngine> m_engine;
+    const unsigned m_key;
+};
+
+}  // namespace Simulator

@@ -1,0 +1,91 @@
+// The simulated engine of the network configuration: the object that INetCfg is the interface of, and its lock.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <windows.h>
+#include <netcfgx.h>
+
+#include "ComObject.h"
+#include "NetworkConfiguration.h"
+
+namespace Simulator {
+
+class NetworkEngine final : public ComObject<INetCfg> {
+public:
+    NetworkEngine(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkConfiguration> network);
+
+    /// For INetCfg, INetCfgLock and IUnknown.
+    HRESULT Provide(REFIID iid, const char *function, void **object) override;
+
+    /// NETCFG_E_ALREADY_INITIALIZED the second time.
+    HRESULT STDMETHODCALLTYPE Initialize(PVOID reserved) override;
+    /// This and the following: NETCFG_E_NOT_INITIALIZED before.
+    HRESULT STDMETHODCALLTYPE Uninitialize() override;
+    /// This and Cancel: NETCFG_E_NO_WRITE_LOCK without the lock.
+    HRESULT STDMETHODCALLTYPE Apply() override;
+    HRESULT STDMETHODCALLTYPE Cancel() override;
+    HRESULT STDMETHODCALLTYPE EnumComponents(const GUID *classGuid, IEnumNetCfgComponent **components) override;
+    /// S_FALSE if there is none.
+    HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
+    /// For INetCfgClass and INetCfgClassSetup of any class.
+    HRESULT STDMETHODCALLTYPE QueryNetCfgClass(const GUID *classGuid, REFIID iid, void **object) override;
+
+    // For the objects that it has given. They keep it.
+
+    /// Works on the state of an initialised engine.
+    template <class Body>
+    HRESULT WhenInitialized(Body body) {
+        return m_network->Use(
+            [&](NetworkState &state) -> HRESULT { return m_initialized ? body(state) : NETCFG_E_NOT_INITIALIZED; });
+    }
+    /// The same, with the write lock.
+    template <class Body>
+    HRESULT WhenLocked(Body body) {
+        return WhenInitialized(
+            [&](NetworkState &state) -> HRESULT { return HasLock(state) ? body(state) : NETCFG_E_NO_WRITE_LOCK; });
+    }
+    /// The component of that id, among those of the class if one is named; S_FALSE if there is none.
+    HRESULT Find(LPCWSTR id, const GUID *classGuid, const char *function, INetCfgComponent **component);
+    [[nodiscard]] NetworkConfiguration &Network() { return *m_network; }
+
+    /// How long to wait for the lock in vain.
+    [[nodiscard]] DWORD LockWait(DWORD timeoutMs);
+    /// @param holder  receives the description of who has it, if that is not this call.
+    HRESULT TakeLock(LPCWSTR description, std::wstring &holder);
+    HRESULT ReleaseLock();
+
+private:
+    [[nodiscard]] std::shared_ptr<NetworkEngine> Self();
+    [[nodiscard]] bool HasLock(const NetworkState &state) const;
+
+    const std::shared_ptr<NetworkConfiguration> m_network;
+    // Both within m_network->Use.
+    bool m_initialized = false;
+    bool m_mayWrite = false;
+};
+
+/// The interface of the engine's write lock.
+class NetworkLock final : public ComObject<INetCfgLock> {
+public:
+    NetworkLock(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine);
+
+    /// What the engine provides.
+    HRESULT Provide(REFIID iid, const char *function, void **object) override;
+
+    /// S_FALSE, with the holder's description, while somebody has the lock, be it the same engine. Where that is
+    /// another engine of the process, also one of a killed thread, the lock serves this engine, too, and can be
+    /// released by it.
+    /// @param lockedBy  may be null; null if the lock was free.
+    HRESULT STDMETHODCALLTYPE AcquireWriteLock(DWORD timeoutMs, LPCWSTR description, LPWSTR *lockedBy) override;
+    /// NETCFG_E_NO_WRITE_LOCK without the lock.
+    HRESULT STDMETHODCALLTYPE ReleaseWriteLock() override;
+    /// S_OK, with the holder's description, or S_FALSE.
+    HRESULT STDMETHODCALLTYPE IsWriteLocked(LPWSTR *lockedBy) override;
+
+private:
+    const std::shared_ptr<NetworkEngine> m_engine;
+};
+
+}  // namespace Simulator

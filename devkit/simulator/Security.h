@@ -1,0 +1,122 @@
+// Who owns the machine's registry keys, who may do what with them, and the privileges of the process.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "Lock.h"
+
+namespace Simulator {
+
+class FunctionSet;
+class RegistrySandbox;
+
+/// SIDs as text.
+namespace Sid {
+inline constexpr wchar_t kEveryone[] = L"S-1-1-0";
+inline constexpr wchar_t kSystem[] = L"S-1-5-18";
+inline constexpr wchar_t kAdministrators[] = L"S-1-5-32-544";
+}  // namespace Sid
+
+/// SeTakeOwnershipPrivilege.
+inline constexpr wchar_t kTakeOwnership[] = L"SeTakeOwnershipPrivilege";
+
+/// One entry of an access list.
+struct AccessEntry {
+    BYTE type = ACCESS_ALLOWED_ACE_TYPE;
+    BYTE flags = 0;  ///< OBJECT_INHERIT_ACE and its like.
+    ACCESS_MASK mask = 0;
+    std::wstring sid;
+
+    bool operator==(const AccessEntry &) const = default;
+};
+
+/// A key of which nothing was said is open to all and belongs to the system.
+struct KeySecurity {
+    std::wstring owner = Sid::kSystem;
+    /// May only be read, and its access list only be set by its owner; nothing: as the keys above say of those below.
+    std::optional<bool> isProtected;
+    /// What it says of the keys below; nothing: what the keys above say.
+    std::optional<bool> protectsBelow;
+    DWORD deleteError = ERROR_SUCCESS;  ///< What each deletion fails with.
+    std::vector<AccessEntry> entries;   ///< The access list that was set last.
+};
+
+/// Keys are named by their path below HKEY_LOCAL_MACHINE, in any case, without a backslash at either end. The process
+/// is one of an administrator: it owns what the Administrators own. Any thread.
+class Security {
+public:
+    /// Holds SeTakeOwnershipPrivilege, which is not enabled.
+    Security();
+
+    /// Protects the key with all below it.
+    void ProtectKey(const std::wstring &path, const std::wstring &owner = Sid::kSystem);
+    /// From now on RegDeleteKeyW fails on this key.
+    void ForbidDeletion(const std::wstring &path, DWORD error = ERROR_ACCESS_DENIED);
+    [[nodiscard]] KeySecurity Key(const std::wstring &path) const;
+    [[nodiscard]] bool IsProtected(const std::wstring &path) const;
+    /// What a deletion of the key fails with; ERROR_SUCCESS if nothing speaks against it.
+    [[nodiscard]] DWORD DeleteErrorOf(const std::wstring &path) const;
+
+    /// @param privilege  such as kTakeOwnership.
+    void GrantPrivilege(const std::wstring &privilege);
+    void WithholdPrivilege(const std::wstring &privilege);
+    [[nodiscard]] bool IsEnabled(const std::wstring &privilege) const;
+
+    /// As the owner and the access list of a key are set.
+    struct Change {
+        bool setsOwner = false;
+        std::wstring owner;
+        bool setsAccess = false;
+        bool withoutList = false;  ///< A null list: everyone may do everything.
+        std::vector<AccessEntry> entries;
+    };
+    /// A list that gives everyone all rights takes the protection from the key, and if it is inherited from those
+    /// below.
+    /// @return ERROR_SUCCESS; ERROR_ACCESS_DENIED if the process has no right to a part of it, ERROR_INVALID_OWNER if
+    /// the
+    ///         owner is another than the Administrators, and nothing is changed.
+    DWORD Apply(const std::wstring &path, const Change &change);
+    struct Adjustment {
+        std::wstring privilege;
+        DWORD attributes = 0;
+    };
+    /// @return ERROR_SUCCESS, or ERROR_NOT_ALL_ASSIGNED if one of them is not held; the others are then adjusted.
+    DWORD Adjust(const std::vector<Adjustment> &adjustments);
+    void DisableAll();
+
+private:
+    struct AnyCase {
+        bool operator()(const std::wstring &a, const std::wstring &b) const;
+    };
+
+    [[nodiscard]] bool IsProtectedLocked(const std::wstring &path) const;
+    [[nodiscard]] KeySecurity KeyLocked(const std::wstring &path) const;
+    [[nodiscard]] bool MayLocked(const std::wstring &path, const Change &change) const;
+
+    mutable Lock m_lock;
+    std::map<std::wstring, KeySecurity, AnyCase> m_keys;
+    std::map<std::wstring, bool> m_privileges;  ///< Those that are held, and whether they are enabled.
+};
+
+/// Puts the security under these functions:
+/// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; whatever else is asked of
+/// it
+///   fails with ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
+/// - AdjustTokenPrivileges: the privileges of the one token that there is; the handle must be open for
+///   TOKEN_ADJUST_PRIVILEGES. Asked for the previous state, fails with ERROR_NOT_SUPPORTED.
+/// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are let
+/// through.
+/// @param security  outlives the set.
+void InstallSecurity(FunctionSet &functions, Security &security);
+
+/// Puts the protected keys under RegOpenKeyExW, which grants reading alone, and under RegDeleteKeyW, as it does those
+/// whose deletion is forbidden. Other functions of the registry do not know of them.
+/// Both outlive the set.
+void InstallProtectedKeys(FunctionSet &functions, const Security &security, const RegistrySandbox &registry);
+
+}  // namespace Simulator

@@ -1,0 +1,61 @@
+// The functions of setupapi.dll for INF files.
+#pragma once
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+#include <setupapi.h>
+
+#include "Function.h"
+#include "Lock.h"
+
+namespace Simulator {
+
+class FunctionSet;
+class SystemFolders;
+
+namespace System {
+
+SIMULATOR_FUNCTION(SetupUninstallOEMInfW, "SETUPAPI.dll", ReturnsZero);
+SIMULATOR_FUNCTION(InstallHinfSectionW, "SETUPAPI.dll", CannotFail);
+
+}  // namespace System
+
+/// The plain members are set before the functions are called. The others: any thread.
+class SetupLibrary {
+public:
+    /// What each SetupUninstallOEMInfW fails with.
+    DWORD uninstallError = ERROR_SUCCESS;
+    /// What an InstallHinfSectionW does, inside the simulator; nothing if it is empty.
+    /// @param command  such as L"DefaultUninstall 128 C:\\folder\\driver.inf".
+    std::function<void(const std::wstring &command)> onInstallSection;
+
+    /// From now on GetProcAddress does not find the function: ERROR_PROC_NOT_FOUND.
+    /// @param function  "SetupUninstallOEMInfW" or "InstallHinfSectionW".
+    void Lack(const std::string &function);
+    [[nodiscard]] bool Lacks(const std::string &function) const;
+    /// The commands that InstallHinfSectionW was given, in the order of the calls.
+    [[nodiscard]] std::vector<std::wstring> Commands() const;
+
+    void InstallSection(const std::wstring &command);
+
+private:
+    mutable Lock m_lock;
+    std::set<std::string> m_lacking;
+    std::vector<std::wstring> m_commands;
+};
+
+/// Puts the library under the two functions, and under GetProcAddress for those that it lacks.
+/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It wants a name without a
+///   folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and is there
+///   (else ERROR_FILE_NOT_FOUND).
+/// - InstallHinfSectionW notes its command and hands it on.
+/// Further lets GetModuleHandleW through.
+/// @param folders  null: there is no INF file.
+/// Both outlive the set.
+void InstallSetupLibrary(FunctionSet &functions, SetupLibrary &setup, const SystemFolders *folders);
+
+}  // namespace Simulator
