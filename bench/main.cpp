@@ -11,6 +11,7 @@
 #include "DiagnosticsBench.h"
 #include "DriverFlagsBench.h"
 #include "HealthBench.h"
+#include "InfScanBench.h"
 
 int main(int argc, char **argv) {
     const bool json = argc == 3 && std::strcmp(argv[1], "--json") == 0;
@@ -24,6 +25,7 @@ int main(int argc, char **argv) {
     BenchHealth(report);
     BenchDiagnostics(report);
     BenchDriverFlags(report);
+    BenchInfScan(report);
     report.Print();
     if (json && !report.WriteJson(argv[2])) {
         std::fprintf(stderr, "fc-bench: can't write '%s': is its folder there, and writable?\n", argv[2]);
