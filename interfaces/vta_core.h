@@ -82,6 +82,7 @@ public:
     /// @param processor  the processor it is bound to, -1 for any.
     /// @param detached   the object frees itself when its thread ends; otherwise its owner does.
     CRunnable(bool suspended, int processor, bool detached);
+    /// Of an object that is not detached, whose body has returned: waits until its thread has ended, too.
     ~CRunnable() override;
 
     /// Starts the thread.

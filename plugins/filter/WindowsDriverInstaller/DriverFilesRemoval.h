@@ -97,7 +97,7 @@ void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wcha
     (void)SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
     if (DeleteFileW(path.c_str()) != 0)
         return;
-    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {
+    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {  // also for one that is not there
         status = NETCFG_S_REBOOT;
     } else {
         const DWORD error = GetLastError();
@@ -108,6 +108,7 @@ void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wcha
 bool CDriverUninstallerThread::UninstallWFPCallout() {
     StartStep(UninstallingWfpCalloutDriver, 300);
     bool result = UninstallWFPCalloutWithInstallHinfSection();
+    // Without its INF file the service is left alone, too.
     if (result && IsWfpServiceInstalled())
         result = UninstallWFPCalloutWithSC();
     EndStep(UninstallingWfpCalloutDriver);
@@ -149,7 +150,7 @@ void CDriverUninstallerThread::cleanup_registry() {
     TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", static_cast<const wchar_t *>(line.wc_str())); },
                   path.data());
     path = kMiniportKey;
-    if (DeleteRegistryTree(path) == 0)
+    if (DeleteRegistryTree(path) == 0)  // tried whatever became of the ownership
         DbgPrint(L"    cleanup_registry: successfuly deleted");
     else
         DbgPrint(L"    cleanup_registry: failed to delete");

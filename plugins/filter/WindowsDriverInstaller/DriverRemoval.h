@@ -65,7 +65,7 @@ HRESULT CDriverUninstallerThread::UninstallComponent(const wchar_t *componentId,
         DbgPrint(L"'%ls' is not installed", componentId);
         *notInstalled = true;
         hr = S_OK;
-    } else if (hr != NETCFG_S_REBOOT) {
+    } else if (hr != NETCFG_S_REBOOT) {  // which leaves the rest to the boot: nothing is applied
         NoteFailedStep();
     }
     (void)ReleaseINetCfg(true, netCfg);
@@ -78,7 +78,7 @@ HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t
 
     ComPtr<INetCfgComponent> component;
     StartStep(FindingComponent, 15);
-    HRESULT hr = netCfg->FindComponent(componentId, &component);
+    HRESULT hr = netCfg->FindComponent(componentId, &component);  // the one failure that the caller notes
     if (hr == S_OK)
         hr = Obtained(hr, component);
     if (FAILED(hr))

@@ -68,11 +68,18 @@ HRESULT CDriverUninstallerThread::OpenINetCfg(bool writeLock, INetCfg **result) 
     if (FAILED(hr)) {
         ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Initialize");
         if (lock)
-            (void)lock->ReleaseWriteLock();
+            ReleaseWriteLock(lock.Get());
         return hr;
     }
     (void)netCfg.CopyTo(result);
-    return hr;
+    return S_OK;  // whatever success it was: callers ask for this one
+}
+
+/// After a failure, which stays the result.
+void CDriverUninstallerThread::ReleaseWriteLock(INetCfgLock *lock) {
+    const HRESULT hr = lock->ReleaseWriteLock();
+    if (FAILED(hr))
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgLock::ReleaseWriteLock");
 }
 
 HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result) {
@@ -100,8 +107,8 @@ HRESULT CDriverUninstallerThread::TakeWriteLock(INetCfgLock *lock) {
     if (hr == S_OK || (hr == S_FALSE && lockedBy && std::wcscmp(lockedBy.get(), kLockDescription) == 0))
         return S_OK;
     if (hr == S_FALSE) {
-        const wxString text = VtaCore::LocalizedMsg(kConfigurationLockedMessage, 2048, moduleInstance,
-                                                    lockedBy ? lockedBy.get() : L"");
+        const wxString text =
+            VtaCore::LocalizedMsg(kConfigurationLockedMessage, 2048, moduleInstance, lockedBy ? lockedBy.get() : L"");
         VtaCore::ShowUserNotification(2, text, "");
         hr = NETCFG_E_NO_WRITE_LOCK;
     }
@@ -114,7 +121,7 @@ HRESULT CDriverUninstallerThread::ReleaseINetCfg(bool writeLock, INetCfg *netCfg
     StartStep(ReleasingInetCfg, 10);
     HRESULT hr = netCfg->Uninitialize();
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");  // the lock stays then
     else if (writeLock)
         hr = ReleaseWriteLock(netCfg);
     netCfg->Release();

@@ -1,4 +1,5 @@
-// The steps of a driver thread: its stack of steps, its log, and its watch. Only WindowsDriverInstaller.cpp includes this.
+// The steps of a driver thread: its stack of steps, its log, and its watch. Only WindowsDriverInstaller.cpp includes
+// this.
 #pragma once
 
 #include <utility>
@@ -28,8 +29,9 @@ void CDriverUninstallerThread::OnExit() {
 void CDriverUninstallerThread::StartStep(std::uint32_t step, std::uint32_t limitSeconds) {
     if (!IsSilentStep(step))
         DbgPrint(L">%s. %ds max", StepName(step), static_cast<int>(limitSeconds));
+    auto record = std::make_unique<StepRecord>(StepRecord{limitSeconds, step, VtaCore::SystemTickCount()});
     const wxCriticalSectionLocker lock(stepLock);
-    stepStack.push_back(std::make_unique<StepRecord>(StepRecord{limitSeconds, step, VtaCore::SystemTickCount()}));
+    stepStack.push_back(std::move(record));
 }
 
 void CDriverUninstallerThread::EndStep(std::uint32_t step) {

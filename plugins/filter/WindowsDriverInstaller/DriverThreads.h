@@ -5,8 +5,9 @@
 
 #include "vta_core.h"
 
-/// Removes both drivers. Returns when that is done, or when one of its steps has taken longer than it may; its thread is
-/// then killed. May be called from any thread.
+/// Removes both drivers. Returns when that is done, or when one of its steps has taken longer than it may; its thread
+/// is then killed. May be called from any thread.
+/// @param dom            must outlive the thread, which goes on where it hangs outside of its steps.
 /// @param ndisDriverDir  folder of the filter driver's files, with a separator behind it; not read by the removal.
 /// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
 /// @return true when the removal ran to its end without a failure that counts, with or without a pending reboot.

@@ -40,7 +40,8 @@ using UninstallOemInf = BOOL(WINAPI *)(PCWSTR fileName, DWORD flags, PVOID reser
 class CDriverUninstallerThread : public VtaCore::CRunnable {
 public:
     /// @param dom            must outlive the object.
-    /// @param ndisDriverDir  folder of the filter driver's files, with a separator behind it; read by the installer only.
+    /// @param ndisDriverDir  folder of the filter driver's files, with a separator behind it; read by the installer
+    /// only.
     /// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
     CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir);
     /// Leaves `stepFinished` open: each object of this very class costs one event handle, which is meant so.
@@ -124,9 +125,9 @@ protected:
 
 private:
     HRESULT OpenINetCfg(bool writeLock, INetCfg **result);
-    HRESULT InitializeINetCfg(bool writeLock, INetCfg *netCfg);
     HRESULT AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result);
     HRESULT TakeWriteLock(INetCfgLock *lock);
+    void ReleaseWriteLock(INetCfgLock *lock);
     HRESULT ReleaseWriteLock(INetCfg *netCfg);
     void RemoveWfpCallout();
     void UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name);

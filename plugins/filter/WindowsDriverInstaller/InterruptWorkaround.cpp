@@ -19,24 +19,22 @@ constexpr char kFairShareKey[] = "System\\CurrentControlSet\\Services\\TSFairSha
 constexpr char kFairShare[] = "EnableFairShare";
 
 struct WindowsVersion {
-    unsigned major = 0;
-    unsigned minor = 0;
-    unsigned build = 0;
+    int major = 0;
+    int minor = 0;
+    int build = 0;
 
-    [[nodiscard]] bool Is(unsigned otherMajor, unsigned otherMinor) const {
-        return major == otherMajor && minor == otherMinor;
-    }
+    [[nodiscard]] bool Is(int otherMajor, int otherMinor) const { return major == otherMajor && minor == otherMinor; }
 };
 
 /// From version 10.0 with this build on, filters bind by another logic.
 bool NeedsBindMode(const WindowsVersion &version) {
-    constexpr unsigned firstBuild = 16299;
+    constexpr int firstBuild = 16299;
     return version.major > 10 || (version.major == 10 && (version.minor > 0 || version.build >= firstBuild));
 }
 
 bool NeedsFairShareOff(const WindowsVersion &version) {
-    constexpr unsigned firstBuild = 17763;
-    constexpr unsigned lastBuild = 20347;
+    constexpr int firstBuild = 17763;
+    constexpr int lastBuild = 20347;
     return version.Is(10, 0) && version.build >= firstBuild && version.build <= lastBuild;
 }
 
@@ -48,7 +46,7 @@ std::optional<WindowsVersion> VersionFromRegistry() {
     if (!key.QueryValue("CurrentVersion", version) || !key.QueryValue("CurrentBuildNumber", build) ||
         !version.Contains("."))
         return std::nullopt;
-    const auto number = [](const wxString &text) { return static_cast<unsigned>(_wtoi(text.wc_str())); };
+    const auto number = [](const wxString &text) { return _wtoi(text.wc_str()); };
     return WindowsVersion{number(version.BeforeFirst('.')), number(version.AfterFirst('.')), number(build)};
 }
 
@@ -58,7 +56,8 @@ std::optional<WindowsVersion> RunningVersion() {
     static_assert(sizeof(record) == 284);
     if (GetVersionExW(reinterpret_cast<OSVERSIONINFOW *>(&record)) == 0)
         return std::nullopt;
-    const WindowsVersion version{record.dwMajorVersion, record.dwMinorVersion, record.dwBuildNumber};
+    const WindowsVersion version{static_cast<int>(record.dwMajorVersion), static_cast<int>(record.dwMinorVersion),
+                                 static_cast<int>(record.dwBuildNumber)};
     return version.Is(6, 2) ? VersionFromRegistry() : version;
 }
 

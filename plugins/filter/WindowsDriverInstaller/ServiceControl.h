@@ -5,8 +5,8 @@
 #include <windows.h>
 
 // Each yields whether the driver is then in the state that was asked for, or on its way there. What is uneven in the
-// results is meant so: a service that can't be opened needs no starting or stopping and counts as success, a service
-// manager that can't be opened is a failure.
+// results is meant so: a service that can't be opened needs no starting or stopping and counts as success, and what
+// can't be looked at doesn't run, so a stop without a service manager is a success and a start is a failure.
 // @param wait  wait for the state, for half a minute at most.
 bool StartWFPCallout(bool wait);
 bool StopWFPCallout(bool wait);

@@ -14,9 +14,8 @@ public:
     template <typename Function>
     [[nodiscard]] Function Find(const char *name) const {
         const HMODULE module = GetModuleHandleW(L"setupapi");
-        return module == nullptr
-                   ? nullptr
-                   : reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module, name)));
+        return module == nullptr ? nullptr
+                                 : reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module, name)));
     }
 
 private:

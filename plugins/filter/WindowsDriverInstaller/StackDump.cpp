@@ -4,6 +4,8 @@
 #include <type_traits>
 
 #include <windows.h>
+#include <wx/log.h>
+#include <wx/msw/debughlp.h>
 #include <wx/stackwalk.h>
 
 namespace {
@@ -51,7 +53,14 @@ wxString WalkStack(wxThreadIdType id) {
 
 }  // namespace
 
+void PrepareStackDump() {
+    (void)wxDbgHelpDLL::Init();
+}
+
 wxString CaptureThreadStack(wxThread *thread) {
+    static wxCriticalSection oneAtATime;  // the debug help library is for one thread at a time
+    const wxCriticalSectionLocker lock(oneAtATime);
+    const wxLogNull quiet;
     if (thread->Pause() != wxTHREAD_NO_ERROR)
         return {};
     const wxString text = WalkStack(thread->GetId());
