@@ -30,20 +30,20 @@ void DestroyWhenEnded(UniqueThread thread) {
     (void)thread.release();  // the work item's; if there is none, the object stays
 }
 
-/// Kills the thread and destroys its object. What the thread was in the midst of stays as it is: nothing releases what
-/// it held, and locks of this process that it held stay locked.
-void KillAndDestroy(UniqueThread thread) {
+/// Kills a driver thread. What it was in the midst of stays as it is: nothing releases what it held, and locks of this
+/// process that it held stay locked.
+/// @return false if it could not be killed and runs on.
+bool KillThread(wxThread &thread) {
     // A killed thread may run on for a moment, and wxThread gives up its handle at once.
     HANDLE handle = nullptr;
-    if (DuplicateHandle(GetCurrentProcess(), thread->MSWGetHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE, FALSE,
+    if (DuplicateHandle(GetCurrentProcess(), thread.MSWGetHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE, FALSE,
                         0) == 0)
         handle = nullptr;
-    const bool killed = thread->Kill() == wxTHREAD_NO_ERROR;
+    const bool killed = thread.Kill() == wxTHREAD_NO_ERROR;
     const bool ended = EndsSoon(handle);
     if (handle != nullptr)
         (void)CloseHandle(handle);
-    if (!killed && !ended)
-        DestroyWhenEnded(std::move(thread));
+    return killed || ended;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <windows.h>
 #include <wx/log.h>
-#include <wx/msw/debughlp.h>
 #include <wx/stackwalk.h>
 
 namespace {
@@ -54,7 +53,12 @@ wxString WalkStack(wxThreadIdType id) {
 }  // namespace
 
 void PrepareStackDump() {
-    (void)wxDbgHelpDLL::Init();
+    // The walker loads its library at the first walk, whatever that is of.
+    static const bool walked = [] {
+        StackDump().Walk(0, 1);
+        return true;
+    }();
+    (void)walked;
 }
 
 wxString CaptureThreadStack(wxThread *thread) {

@@ -35,7 +35,8 @@ bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wx
     if (!WatchSteps(*thread)) {
         const wxString stack = CaptureThreadStack(thread.get());
         wxLogVerbose("Stack trace:\n%s", stack);
-        KillAndDestroy(std::move(thread));
+        if (!KillThread(*thread))
+            DestroyWhenEnded(std::move(thread));
         return false;  // also if the worker got through meanwhile
     }
     const bool succeeded = thread->succeeded;
