@@ -19,7 +19,8 @@
 #include "SetupLibrary.h"
 #include "WindowsFirewall/WindowsFirewall.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
 
@@ -157,3 +158,4 @@ void CDriverUninstallerThread::cleanup_registry() {
 }
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)

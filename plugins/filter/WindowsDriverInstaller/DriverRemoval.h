@@ -7,7 +7,8 @@
 #include "ServiceControl.h"
 #include "SetupLibrary.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 constexpr wchar_t kFilterComponent[] = L"qbimvta";
 constexpr wchar_t kLegacyComponent[] = L"rxwim";
@@ -161,3 +162,4 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
 }
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)

@@ -8,7 +8,8 @@
 
 #include "DriverUninstallerThread.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 using UniqueThread = std::unique_ptr<CDriverUninstallerThread>;
 
@@ -47,3 +48,4 @@ bool KillThread(wxThread &thread) {
 }
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)

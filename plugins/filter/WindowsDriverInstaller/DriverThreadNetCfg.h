@@ -9,7 +9,8 @@
 #include "DriverThreadSteps.h"
 #include "fc/fc.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 using Microsoft::WRL::ComPtr;
 
@@ -145,3 +146,4 @@ HRESULT CDriverUninstallerThread::ReleaseWriteLock(INetCfg *netCfg) {
 }
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)

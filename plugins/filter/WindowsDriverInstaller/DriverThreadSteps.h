@@ -9,7 +9,8 @@
 #include "DriverUninstallerThread.h"
 #include "FailureReport.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 CDriverUninstallerThread::CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
                                                    const wxString &toWfpDriverDir)
@@ -123,3 +124,4 @@ void CDriverUninstallerThread::DbgPrintV(const wchar_t *format, va_list argument
 }
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)

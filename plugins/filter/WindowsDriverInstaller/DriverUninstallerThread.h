@@ -16,7 +16,8 @@
 #include "InstallerSteps.h"
 #include "vta_core.h"
 
-namespace {  // NOLINT(google-build-namespaces): see above
+// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
+namespace {
 
 /// A step that runs.
 struct StepRecord {
@@ -140,3 +141,4 @@ private:
 };
 
 }  // namespace
+// NOLINTEND(misc-definitions-in-headers)
