@@ -1,4 +1,4 @@
-// Events and traces, for scripts.
+// Events, traces and the log, for scripts.
 #include "HostState.h"
 
 #include "LuaEdge.h"
@@ -77,6 +77,31 @@ int GetTraces(lua_State *L) {
     return pushed ? 1 : lua_error(L);
 }
 
+void PushLoggedLine(lua_State *L, const LoggedLine &line) {
+    lua_newtable(L);
+    SetField(L, "level", std::string_view(line.level));
+    SetField(L, "text", line.text);
+    lua_pushnumber(L, line.time);
+    lua_setfield(L, -2, "time");
+}
+
+/// Lua: array = host.log(). Log lines since the last call, oldest first.
+int GetLog(lua_State *L) {
+    bool pushed = false;
+    {
+        const std::vector<LoggedLine> lines = HostOf(L).log->TakeLines();
+        pushed = PushArray(L, lines, PushLoggedLine);
+    }
+    return pushed ? 1 : lua_error(L);
+}
+
+/// Lua: host.set_verbose_log(wanted)
+int SetVerboseLog(lua_State *L) {
+    luaL_checktype(L, 1, LUA_TBOOLEAN);
+    HostOf(L).log->WantVerbose(lua_toboolean(L, 1) != 0);
+    return 0;
+}
+
 /// Lua: host.set_trace(component, wanted). "*" stands for all components.
 int SetTrace(lua_State *L) {
     const std::string_view component = CheckText(L, 1);
@@ -119,8 +144,11 @@ int NotifyUser(lua_State *L) {
 
 void AddEventFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {
-        {"events", GetEvents},     {"traces", GetTraces},       {"set_trace", SetTrace}, {"trace", WriteTrace},
-        {"send_event", SendEvent}, {"notify_user", NotifyUser}, {nullptr, nullptr},
+        {"events", GetEvents},     {"traces", GetTraces},
+        {"set_trace", SetTrace},   {"trace", WriteTrace},
+        {"send_event", SendEvent}, {"notify_user", NotifyUser},
+        {"log", GetLog},           {"set_verbose_log", SetVerboseLog},
+        {nullptr, nullptr},
     };
     AddFunctions(L, host, functions);
 }

@@ -1,22 +1,28 @@
 #include "HostLog.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 #include "Text.h"
 
 namespace {
 
+constexpr std::size_t kMaxLines = 100'000;
+
 /// Null for levels that nobody has asked for.
-const char *NameOf(wxLogLevel level) {
+const char *NameOf(wxLogLevel level, bool wantsVerbose) {
     switch (level) {
         case wxLOG_FatalError:
-            return "fatal  ";
+            return "fatal";
         case wxLOG_Error:
-            return "error  ";
+            return "error";
         case wxLOG_Warning:
             return "warning";
         case wxLOG_Message:
-            return "log    ";
+            return "message";
+        case wxLOG_Info:
+            return wantsVerbose ? "verbose" : nullptr;
         default:
             return nullptr;
     }
@@ -24,16 +30,40 @@ const char *NameOf(wxLogLevel level) {
 
 }  // namespace
 
+HostLog::HostLog(bool print, HealthHistory *history) : m_print(print), m_history(history) {
+    WantVerbose(false);
+}
+
+void HostLog::WantVerbose(bool wanted) {
+    m_wantsVerbose = wanted;
+    // Else the module does not tell the report of its health iterations.
+    wxLog::SetVerbose(wanted || m_history != nullptr);
+}
+
+std::vector<LoggedLine> HostLog::TakeLines() {
+    FlushActive();  // what other threads have logged
+    std::vector<LoggedLine> lines(std::make_move_iterator(m_lines.begin()), std::make_move_iterator(m_lines.end()));
+    m_lines.clear();
+    std::stable_sort(lines.begin(), lines.end(),
+                     [](const LoggedLine &a, const LoggedLine &b) { return a.time < b.time; });
+    return lines;
+}
+
 void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {
     const std::string text = ToUtf8(message);
-    const char *name = NameOf(level);
-    if (m_print && name != nullptr) {
-        (void)std::fprintf(stderr, "%s %s\n", name, text.c_str());
-        (void)std::fflush(stderr);
+    const double time = static_cast<double>(info.timestampMS) / 1000;  // a line of another thread comes later
+    const char *name = NameOf(level, m_wantsVerbose);
+    if (name != nullptr) {
+        if (m_print) {
+            (void)std::fprintf(stderr, "%-7s %s\n", level == wxLOG_Message ? "log" : name, text.c_str());
+            (void)std::fflush(stderr);
+        }
+        if (m_lines.size() == kMaxLines)
+            m_lines.pop_front();
+        m_lines.push_back({time, name, text});
     }
     if (m_history == nullptr)
         return;
-    const double time = static_cast<double>(info.timestampMS) / 1000;  // a line of another thread comes later
     if (level <= wxLOG_Error)
         m_history->AddNote(HealthNote::Kind::Error, time, text);
     else if (const std::optional<HealthIteration> iteration = ParseHealthLine(text))

@@ -129,6 +129,7 @@ void AddMachineFunctions(lua_State *L, HostState &host) {
 
     AddFunctions(L, host, functions);
     lua_newtable(L);
+    AddInstallationFunctions(L, host);
     lua_newtable(L);
     AddFunctions(L, host, fieldFunctions);
     lua_setmetatable(L, -2);

@@ -8,6 +8,7 @@
 
 #include "EventLog.h"
 #include "HealthHistory.h"
+#include "HostLog.h"
 #include "Options.h"
 #include "SimulatedSystem.h"
 #include "ZipFile.h"
@@ -17,6 +18,7 @@ struct HostState {
     Options options;
     EventLog events;
     std::unique_ptr<HealthHistory> history;  ///< Null unless a report is wanted.
+    HostLog *log = nullptr;                  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
     std::unique_ptr<VtaCore::CDom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
@@ -39,6 +41,8 @@ void AddZipFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);
+void AddInstallationFunctions(lua_State *L, HostState &host);
+void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);

@@ -34,6 +34,7 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddJsonFunctions(L, host);
     AddClockFunctions(L, host);
     AddMachineFunctions(L, host);
+    AddFaultFunctions(L, host);
     AddEventFunctions(L, host);
     AddReportFunctions(L, host);
     AddModuleFunctions(L, host);

@@ -1,20 +1,27 @@
 #include "SimulatedSystem.h"
 
+#include <algorithm>
 #include <cmath>
+#include <optional>
 #include <set>
 #include <string_view>
+#include <thread>
+#include <utility>
 
 #include <windows.h>
 
 #include "Clock.h"
 #include "FunctionSet.h"
 #include "ImportTable.h"
+#include "Installation.h"
 #include "MappedPaths.h"
 
 namespace {
 
 constexpr wchar_t kModule[] = L"fc.dll";
 constexpr const wchar_t *kLoadedLibraries[] = {L"vta_core.dll", L"lua52.dll"};
+/// How many times faster than in reality time runs that is to pass at once.
+constexpr unsigned kCatchUpSpeed = 300;
 /// The library's whole name tells how it was built.
 constexpr std::string_view kWxPrefix = "wxbase";
 
@@ -30,6 +37,7 @@ HMODULE FindWx() {
 struct SimulatedSystem::Parts {
     std::shared_ptr<Simulator::Core> core = std::make_shared<Simulator::Core>();
     Simulator::MappedPaths paths;
+    std::optional<Installation> installation;
     Simulator::FunctionSet functions{core};
 };
 
@@ -46,6 +54,8 @@ SimulatedSystem::Parts &SimulatedSystem::Use() {
 void SimulatedSystem::PutUnderModule() {
     for (const std::string &function : m_parts->functions.Names())
         m_parts->core->journal.Mute(function);  // nobody reads it here, and a script may run for days
+    for (const char *method : kNetworkMethods)
+        m_parts->core->journal.Mute(method);
     m_parts->functions.AttachWhenLoaded(kModule);
     m_parts->functions.Attach(GetModuleHandleW(kModule));
 }
@@ -60,6 +70,7 @@ void SimulatedSystem::StartFastClock(unsigned factor) {
     for (const wchar_t *library : kLoadedLibraries)
         parts.functions.Attach(GetModuleHandleW(library), clockFunctions);
     PutUnderModule();
+    m_clockSpeed = factor;
     parts.core->clock.RunFast(factor);
 }
 
@@ -72,6 +83,17 @@ void SimulatedSystem::SetWallClock(std::int64_t seconds) {
     m_parts->core->clock.SetWallClockUnix(seconds);
 }
 
+void SimulatedSystem::AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds) {
+    const auto advance = [=, plan = std::move(plan), core = m_parts->core, speed = m_clockSpeed] {
+        if (!plan->WaitUntilHit(INFINITE))
+            return;
+        core->clock.RunFast(std::max(speed, kCatchUpSpeed));
+        core->clock.SleepFor(milliseconds);
+        core->clock.RunFast(speed);
+    };
+    std::thread(advance).detach();  // nobody knows whether there will be such a call
+}
+
 Simulator::Machine &SimulatedSystem::UseMachine() {
     if (!m_hasMachine) {
         Simulator::InstallMachine(Use().functions, m_machine);
@@ -79,6 +101,26 @@ Simulator::Machine &SimulatedSystem::UseMachine() {
         m_hasMachine = true;
     }
     return m_machine;
+}
+
+Installation &SimulatedSystem::UseInstallation() {
+    Parts &parts = Use();
+    if (!parts.installation) {
+        (void)UseMachine();
+        parts.installation.emplace();
+        parts.installation->PutUnder(parts.functions, parts.core);
+        PutUnderModule();
+    }
+    return *parts.installation;
+}
+
+Simulator::Faults &SimulatedSystem::UseFaults() {
+    (void)UseInstallation();
+    return m_parts->core->faults;
+}
+
+bool SimulatedSystem::IsSimulated(const std::string &call) const {
+    return IsNetworkMethod(call) || (m_parts != nullptr && m_parts->functions.Knows(call));
 }
 
 void SimulatedSystem::MapPath(const std::wstring &from, const std::wstring &folder) {
@@ -89,4 +131,9 @@ void SimulatedSystem::MapPath(const std::wstring &from, const std::wstring &fold
         PutUnderModule();
         m_hasPaths = true;
     }
+}
+
+void SimulatedSystem::End() {
+    m_parts.reset();
+    m_hasClock = m_hasMachine = m_hasPaths = false;
 }

@@ -7,6 +7,13 @@
 
 #include "Machine.h"
 
+class Installation;
+
+namespace Simulator {
+class FaultPlan;
+class Faults;
+}  // namespace Simulator
+
 /// The real one, until a part of it is simulated. Functions of one thread.
 class SimulatedSystem {
 public:
@@ -22,13 +29,28 @@ public:
     /// Sets what of the simulated clock is read as the time of day, also backwards; sleeps and waits do not notice.
     /// @param seconds  since 1970, UTC.
     void SetWallClock(std::int64_t seconds);
+    /// Puts the simulated clock forward as soon as a call has met the plan. Those who work out a deadline at that very
+    /// time are not to miss it: so time does not leap, it runs fast for a while.
+    /// @param milliseconds  of simulated time.
+    void AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
     const Simulator::Machine &GetMachine() const { return m_machine; }
     /// The same, and from now on fc.dll runs on it.
     Simulator::Machine &UseMachine();
 
+    /// What is installed. From the first use on, fc.dll runs on it, and on the machine.
+    /// @throws std::exception  if its registry or its folders can't be made.
+    Installation &UseInstallation();
+    /// The same for its faults. They concern the calls that IsSimulated knows.
+    Simulator::Faults &UseFaults();
+    /// @param call  a function, or a method such as "INetCfg::Apply".
+    bool IsSimulated(const std::string &call) const;
+
     /// From now on, fc.dll finds in the folder what lies at or below the path.
     void MapPath(const std::wstring &from, const std::wstring &folder);
+
+    /// Back to the real one; what was simulated is gone, its files too.
+    void End();
 
 private:
     struct Parts;
@@ -38,6 +60,7 @@ private:
     Simulator::Machine m_machine;  // the functions in m_parts look at it until they are gone
     std::unique_ptr<Parts> m_parts;
     bool m_hasClock = false;
+    unsigned m_clockSpeed = 1;
     bool m_hasMachine = false;
     bool m_hasPaths = false;
 };

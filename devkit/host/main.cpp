@@ -82,12 +82,12 @@ void EndHost() {
     host.zips.clear();
     (void)WriteEvents(host);
     (void)WriteReport(host);
+    host.system.End();
 }
 
 void StartHost(HostState &host) {
-    delete wxLog::SetActiveTarget(new HostLog(!host.options.quiet, host.history.get()));
-    // Else the module does not tell of its health iterations.
-    wxLog::SetVerbose(host.history != nullptr);
+    host.log = new HostLog(!host.options.quiet, host.history.get());
+    delete wxLog::SetActiveTarget(host.log);
     host.events.SetPrinting(!host.options.quiet);
     host.events.SetHistory(host.history.get());
     VtaCore::Control::SetObserver(&host.events);

@@ -38,8 +38,8 @@ std::set<std::string> DirectFunctions() {
 }
 
 std::set<std::string> BoundFunctions() {
-    return {"StartWFPDriver", "StopWFPDriver",   "RestartWFPDriver",
-            "StopNDISDriver", "StartNDISDriver", "RestartNDISDriver"};
+    return {"UninstallDriver", "StartWFPDriver",  "StopWFPDriver",    "RestartWFPDriver",
+            "StopNDISDriver",  "StartNDISDriver", "RestartNDISDriver"};
 }
 
 std::set<std::string> AllFunctions() {

@@ -1,0 +1,209 @@
+// What is installed on the simulated machine, for scripts: a part of host.machine.
+#include "HostState.h"
+
+#include <cstring>
+#include <exception>
+#include <filesystem>
+
+#include <netcfgx.h>
+
+#include "Installation.h"
+#include "LuaEdge.h"
+#include "LuaFields.h"
+#include "Text.h"
+
+namespace {
+
+constexpr lua_Number kLastResult = 4294967295.0;
+
+struct NamedState {
+    const char *name;
+    DWORD state;
+};
+constexpr NamedState kStates[] = {
+    {"stopped", SERVICE_STOPPED}, {"starting", SERVICE_START_PENDING}, {"stopping", SERVICE_STOP_PENDING},
+    {"running", SERVICE_RUNNING}, {"paused", SERVICE_PAUSED},
+};
+
+const char *StateName(DWORD state) {
+    for (const NamedState &named : kStates)
+        if (named.state == state)
+            return named.name;
+    return "unknown";
+}
+
+/// The state that is named at the index.
+DWORD CheckState(lua_State *L, int index) {
+    const char *name = luaL_checkstring(L, index);
+    for (const NamedState &named : kStates)
+        if (std::strcmp(named.name, name) == 0)
+            return named.state;
+    (void)luaL_argerror(L, index, "stopped, starting, stopping, running or paused expected");
+    return SERVICE_STOPPED;  // not reached
+}
+
+/// Works on the installation. The work must not raise Lua errors.
+/// @return false with an error on the stack, where something was thrown.
+template <typename Work>
+[[nodiscard]] bool WithInstallation(lua_State *L, const Work &work) {
+    try {
+        work(HostOf(L).system.UseInstallation());
+        return true;
+    } catch (const std::exception &error) {
+        (void)PushText(L, error.what());
+        return false;
+    }
+}
+
+/// The same for functions that yield nothing.
+template <typename Work>
+int Change(lua_State *L, const Work &work) {
+    return WithInstallation(L, work) ? 0 : lua_error(L);
+}
+
+/// The field `result` of a component.
+HRESULT CheckResult(lua_State *L) {
+    lua_getfield(L, 1, "result");
+    const int type = lua_type(L, -1);
+    lua_pop(L, 1);
+    if (type != LUA_TSTRING)
+        return static_cast<HRESULT>(static_cast<DWORD>(WholeField(L, "result", kLastResult)));
+    const std::string_view name = CheckTextField(L, "result");
+    if (name != "ok" && name != "reboot")
+        luaL_error(L, "field 'result': ok, reboot or a number expected");
+    return name == "ok" ? S_OK : NETCFG_S_REBOOT;
+}
+
+/// Lua: host.machine.put_component{id =, result =, stays =}
+int PutComponent(lua_State *L) {
+    CheckFields(L, {"id", "result", "stays"});
+    const std::string_view id = CheckTextField(L, "id");
+    const HRESULT result = CheckResult(L);
+    const unsigned removals = FlagField(L, "stays") ? 0 : 1;
+    return Change(L, [&](Installation &installation) {
+        installation.PutComponent({.id = ToWide(id), .deInstallResult = result, .deInstallsUntilGone = removals});
+    });
+}
+
+/// Lua: host.machine.put_device{id =, description =, component =}
+int PutDevice(lua_State *L) {
+    CheckFields(L, {"id", "description", "component"});
+    const std::string_view id = CheckTextField(L, "id");
+    const bool isDescribed = HasField(L, "description");
+    const std::string_view description = isDescribed ? CheckTextField(L, "description") : std::string_view();
+    const std::string_view component = HasField(L, "component") ? CheckTextField(L, "component") : std::string_view();
+    return Change(L, [&](Installation &installation) {
+        Simulator::Device device{.instanceId = ToWide(id), .componentId = ToWide(component)};
+        if (isDescribed)
+            device.description = ToWide(description);
+        installation.PutDevice(device);
+    });
+}
+
+/// Lua: host.machine.put_service(name, state)
+int PutService(lua_State *L) {
+    const std::string_view name = CheckText(L, 1);
+    const DWORD state = CheckState(L, 2);
+    return Change(L, [&](Installation &installation) { installation.PutService(ToWide(name), state); });
+}
+
+/// Lua: host.machine.put_key(path)
+int PutKey(lua_State *L) {
+    const std::string_view path = CheckText(L, 1);
+    return Change(L, [&](Installation &installation) { installation.PutKey(ToWide(path)); });
+}
+
+/// Lua: host.machine.lock_network(holder)
+int LockNetwork(lua_State *L) {
+    const std::string_view holder = CheckText(L, 1);
+    return Change(L, [&](Installation &installation) { installation.LockNetwork(ToWide(holder)); });
+}
+
+/// Lua: host.machine.lack(function_name)
+int Lack(lua_State *L) {
+    const std::string_view name = CheckText(L, 1);
+    const bool canBeMissing = name == "SetupUninstallOEMInfW" || name == "InstallHinfSectionW";
+    luaL_argcheck(L, canBeMissing, 1, "SetupUninstallOEMInfW or InstallHinfSectionW expected");
+    return Change(L, [&](Installation &installation) { installation.Lack(std::string(name)); });
+}
+
+/// Sets an array of texts of the table on top of the stack.
+void SetArray(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+    lua_createtable(L, static_cast<int>(texts.size()), 0);
+    int index = 0;
+    for (const std::string &text : texts) {
+        lua_pushlstring(L, text.data(), text.size());
+        lua_rawseti(L, -2, ++index);
+    }
+    lua_setfield(L, -2, name);
+}
+
+void PushInventory(lua_State *L, const Inventory &inventory) {
+    lua_newtable(L);
+    SetArray(L, "components", inventory.components);
+    SetArray(L, "devices", inventory.devices);
+    SetArray(L, "inf_files", inventory.infFiles);
+    SetArray(L, "keys", inventory.keys);
+    SetArray(L, "left_to_boot", inventory.leftToBoot);
+    if (inventory.lock)
+        SetField(L, "lock", std::string_view(*inventory.lock));
+    lua_newtable(L);
+    for (const auto &[name, state] : inventory.services)
+        SetField(L, name.c_str(), std::string_view(StateName(state)));
+    lua_setfield(L, -2, "services");
+}
+
+/// Lua: table = host.machine.inventory()
+int TakeInventory(lua_State *L) {
+    bool pushed = false;
+    {
+        Inventory inventory;
+        pushed = WithInstallation(L, [&](const Installation &installation) { inventory = installation.Take(); }) &&
+                 PushProtected(L, [&inventory](lua_State *state) { PushInventory(state, inventory); });
+    }
+    return pushed ? 1 : lua_error(L);
+}
+
+/// With a backslash at its end.
+std::string FolderText(const std::filesystem::path &folder) {
+    return ToUtf8(folder.wstring() + L"\\");
+}
+
+/// Lua: table = host.machine.folders()
+int GetFolders(lua_State *L) {
+    bool pushed = false;
+    {
+        std::vector<std::pair<const char *, std::string>> folders;
+        const auto list = [&folders](const Installation &installation) {
+            const Simulator::SystemFolders &real = installation.Folders();
+            folders = {{"windows", FolderText(real.Windows())},
+                       {"system", FolderText(real.System32())},
+                       {"inf", FolderText(real.Inf())},
+                       {"catalogs", FolderText(real.Catalogs())},
+                       {"program_files", FolderText(real.ProgramFiles())}};
+        };
+        pushed = WithInstallation(L, list) && PushProtected(L, [&folders](lua_State *state) {
+                     lua_newtable(state);
+                     for (const auto &[name, path] : folders)
+                         SetField(state, name, std::string_view(path));
+                 });
+    }
+    return pushed ? 1 : lua_error(L);
+}
+
+}  // namespace
+
+void AddInstallationFunctions(lua_State *L, HostState &host) {
+    constexpr luaL_Reg functions[] = {
+        {"put_component", PutComponent},
+        {"put_device", PutDevice},
+        {"put_service", PutService},
+        {"put_key", PutKey},
+        {"lock_network", LockNetwork},
+        {"lack", Lack},
+        {"folders", GetFolders},
+        {"inventory", TakeInventory},
+        {nullptr, nullptr},
+    };
+    AddFunctions(L, host, functions);
+}

@@ -1,0 +1,156 @@
+-- Removes the drivers from a machine on which one call never comes back, and shows what those who look after such a
+-- machine see of it. Then removes them again, in the same process.
+--
+--   fc-host --fast 1 --quiet examples/removal.lua
+--
+-- The machine is simulated, and so is the clock: it is put forward while the call hangs, so that the ten minutes after
+-- which the call is given up take a few seconds. docs/removal.md tells what each line of the log means. Ends with 1
+-- when a removal did not go as it is told here.
+
+local STUCK_SECONDS = 601 -- the limit of the step in which the call is made is 600
+local CALLOUT_INF = [[
+[Version]
+Signature = "$Windows NT$"
+[DefaultUninstall]
+[DefaultUninstall.Services]
+DelService = qbimwfp,0x200
+]]
+
+local function fail(...)
+    io.stderr:write("removal: ", string.format(...), "\n")
+    os.exit(1)
+end
+
+-- The machine ------------------------------------------------------------------------------------------
+
+local function write_file(path, content)
+    local file, message = io.open(path, "wb")
+    if not file then
+        fail("%s", message)
+    end
+    file:write(content)
+    file:close()
+end
+
+-- What names a driver ten times is taken for a copy of that driver's own INF file.
+local function inf_naming(driver)
+    return "[Version]\r\n" .. string.rep("CopyFiles = " .. driver .. ".sys\r\n", 12) .. "; the end of the file\r\n"
+end
+
+-- Returns the folder of the callout's files.
+local function install_drivers()
+    local machine, folders = host.machine, host.machine.folders()
+    machine.put_component { id = "qbimvta" }
+    machine.put_device { id = [[ROOT\QBIMVTA_MP\0000]], description = "Filter miniport", component = "qbimvta" }
+    machine.put_device { id = [[PCI\VEN_8086&DEV_100E]], description = "Network adapter" }
+    machine.put_service("qbimwfp", "running")
+    write_file(folders.inf .. "oem1.inf", inf_naming("qbimvta"))
+    write_file(folders.inf .. "oem2.inf", inf_naming("qbimwfp"))
+    write_file(folders.inf .. "oem3.inf", inf_naming("another"))
+    write_file(folders.program_files .. "netqbimwfp.inf", CALLOUT_INF)
+    return folders.program_files
+end
+
+local function services_text(services)
+    local texts = {}
+    for name, state in pairs(services) do
+        texts[#texts + 1] = name .. " (" .. state .. ")"
+    end
+    table.sort(texts)
+    return texts
+end
+
+local function show_machine(inventory)
+    local function row(name, texts)
+        print(string.format("  %-11s %s", name, #texts > 0 and table.concat(texts, ", ") or "none"))
+    end
+    row("components", inventory.components)
+    row("devices", inventory.devices)
+    row("services", services_text(inventory.services))
+    row("INF files", inventory.inf_files)
+    row("write lock", { inventory.lock and "held by " .. inventory.lock or "free" })
+end
+
+-- A removal --------------------------------------------------------------------------------------------
+
+local function show_log(lines, begin)
+    for _, line in ipairs(lines) do
+        local level = line.level == "message" and "" or line.level .. ": "
+        local text = (level .. line.text):gsub("\n", "\n" .. string.rep(" ", 9))
+        print(string.format("  %4d s %s", line.time - begin, text))
+    end
+end
+
+local function show_events(events)
+    for _, event in ipairs(events) do
+        print(string.format("  %s %d: %s", event.kind, event.number, event.text))
+    end
+    if #events == 0 then
+        print("  no events and no notifications")
+    end
+end
+
+-- Returns the result and the log as one text.
+local function remove_drivers(folder)
+    local begin = host.time()
+    local removed = SLB.filter.UninstallDriver(host.dom(), folder, folder)
+    local seconds = host.time() - begin
+    local lines, texts = host.log(), {}
+    for i, line in ipairs(lines) do
+        texts[i] = line.text
+    end
+    show_log(lines, begin)
+    show_events(host.events())
+    print(string.format("  UninstallDriver returns %s after %d seconds", tostring(removed), seconds))
+    return removed, table.concat(texts, "\n")
+end
+
+local function expect(as_told, what)
+    if not as_told then
+        fail("%s", what)
+    end
+end
+
+local function first_removal(folder)
+    print("\nThe first removal: the call that takes the filter away does not come back")
+    host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = STUCK_SECONDS }
+    local removed, log = remove_drivers(folder)
+    expect(not removed, "the first removal succeeds")
+    expect(log:find(">UninstallingDriver. 600s max", 1, true), "the first removal does not get to its step")
+    expect(not log:find("<UninstallingDriver", 1, true), "the stuck step comes to its end")
+    expect(log:find("Stack trace:\n[00] ", 1, true), "there is no stack trace of the stuck thread")
+
+    print("\nWhat it leaves: the callout is gone, the filter is not, and the lock of the killed thread is still held")
+    local left = host.machine.inventory()
+    show_machine(left)
+    expect(#left.components == 1 and left.lock, "the first removal leaves no component, or no lock")
+end
+
+local function second_removal(folder)
+    print("\nThe second removal, in the same process: the lock is this agent's own, so it goes on")
+    local removed, log = remove_drivers(folder)
+    expect(removed, "the second removal fails")
+    expect(log:find("<UninstallingDriver", 1, true), "the second removal does not end its step")
+
+    print("\nWhat it leaves")
+    local left = host.machine.inventory()
+    show_machine(left)
+    expect(#left.components == 0 and #left.inf_files == 1 and not left.lock, "the second removal leaves something")
+end
+
+local function main(arguments)
+    if arguments[1] then
+        fail("unknown argument '%s'; usage: removal.lua", arguments[1])
+    elseif not pcall(host.advance, 0) then
+        fail("ten minutes take a simulated clock: start fc-host with --fast 1")
+    end
+    local folder = install_drivers()
+    host.set_verbose_log(true) -- else there is no stack trace
+    require "fc"
+    print("The machine")
+    show_machine(host.machine.inventory())
+    first_removal(folder)
+    second_removal(folder)
+end
+
+main({ ... })
