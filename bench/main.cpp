@@ -12,6 +12,7 @@
 #include "DriverFlagsBench.h"
 #include "HealthBench.h"
 #include "InfScanBench.h"
+#include "StepsBench.h"
 
 int main(int argc, char **argv) {
     const bool json = argc == 3 && std::strcmp(argv[1], "--json") == 0;
@@ -26,6 +27,7 @@ int main(int argc, char **argv) {
     BenchDiagnostics(report);
     BenchDriverFlags(report);
     BenchInfScan(report);
+    BenchSteps(report);
     report.Print();
     if (json && !report.WriteJson(argv[2])) {
         std::fprintf(stderr, "fc-bench: can't write '%s': is its folder there, and writable?\n", argv[2]);

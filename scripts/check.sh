@@ -63,7 +63,7 @@ check_tidy() {
         mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
         case $folder in
         # These files define the same names, or include headers that don't go together.
-        tests/devkit) for file in "${files[@]}"; do units+=("$(tidy_unit "${file%.cpp}" "$file")"); done ;;
+        tests/devkit | tests/WindowsDriverInstaller) for file in "${files[@]}"; do units+=("$(tidy_unit "${file%.cpp}" "$file")"); done ;;
         *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
         esac
     done

@@ -1,0 +1,76 @@
+#include "StepsBench.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+// The class lives in the unnamed namespace of this source.
+#include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above
+
+HINSTANCE moduleInstance = nullptr;  // of the module; no message of its table is asked for
+
+namespace {
+
+constexpr int kStepRounds = 51;
+constexpr int kStepsPerRound = 1000;
+constexpr int kLinesPerStep = 2;
+
+/// Takes the lines and throws them away.
+class CountingLog : public wxLog {
+public:
+    CountingLog() : m_before(SetActiveTarget(this)) {}
+    ~CountingLog() override { SetActiveTarget(m_before); }
+    CountingLog(const CountingLog &) = delete;
+    CountingLog &operator=(const CountingLog &) = delete;
+
+    int lines = 0;
+
+protected:
+    void DoLogRecord(wxLogLevel, const wxString &, const wxLogRecordInfo &) override { ++lines; }
+
+private:
+    wxLog *m_before;
+};
+
+/// Never started: steps need no thread of their own.
+class SteppingThread : public CDriverUninstallerThread {
+public:
+    explicit SteppingThread(VtaCore::CDom *toDom) : CDriverUninstallerThread(toDom, "C:\\", "C:\\") {}
+
+    void Step() {
+        StartStep(UninstallingDriver, 600);
+        EndStep(UninstallingDriver);
+    }
+};
+
+template <typename Step>
+double TimeSteps(CountingLog &log, const Step &step) {
+    log.lines = 0;
+    const double start = Now();
+    for (int i = 0; i < kStepsPerRound; ++i)
+        step();
+    const double time = Now() - start;
+    if (log.lines != kLinesPerStep * kStepsPerRound) {
+        (void)std::fprintf(stderr, "bench: %d steps log %d lines\n", kStepsPerRound, log.lines);
+        std::exit(2);
+    }
+    return time;
+}
+
+/// The same two lines, as plainly as wxWidgets writes them.
+void LogLinesOfStep() {
+    wxLogMessage(" >%s. %ds max", StepName(UninstallingDriver), 600);
+    wxLogMessage(" <%s", StepName(UninstallingDriver));
+}
+
+}  // namespace
+
+void BenchSteps(Report &report) {
+    CountingLog log;
+    VtaCore::CDom dom;
+    SteppingThread thread(&dom);
+    const auto times = MedianTimes(kStepRounds, {[&] { return TimeSteps(log, [&] { thread.Step(); }); },
+                                                 [&] { return TimeSteps(log, LogLinesOfStep); }});
+    report.Add("a step of a driver thread with its two log lines, to the lines alone", times[0] / times[1],
+               "time ratio");
+    report.Add("a step of a driver thread with its two log lines", times[0] / kStepsPerRound * 1e6, "microseconds");
+}
