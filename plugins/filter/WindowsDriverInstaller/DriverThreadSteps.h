@@ -2,6 +2,7 @@
 // this.
 #pragma once
 
+#include <algorithm>
 #include <utility>
 
 #include <wx/log.h>
@@ -80,7 +81,10 @@ HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t l
 }
 
 bool CDriverUninstallerThread::WaitForStepToFinish() {
-    DWORD timeout = 0;
+    // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
+    constexpr DWORD lookAgainMs = 1'000;
+    const StepRecord *watched = nullptr;
+    DWORD rest = 0;
     {
         const wxCriticalSectionLocker lock(stepLock);
         if (stepStack.empty()) {
@@ -88,22 +92,28 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
             return true;
         }
         // Only the top step is watched. The clock of those beneath runs on all the same.
-        const StepRecord &top = *stepStack.back();
-        const std::uint32_t limit = top.limitSeconds * 1000;
-        const std::uint32_t waited = VtaCore::SystemTickCount() - top.startTick;
-        timeout = waited > limit ? 0 : limit - waited;
+        watched = stepStack.back().get();
+        const std::uint32_t limit = watched->limitSeconds * 1000;
+        const std::uint32_t waited = VtaCore::SystemTickCount() - watched->startTick;
+        rest = waited > limit ? 0 : limit - waited;
     }
+    const DWORD timeout = std::min(rest, lookAgainMs);
     // The end of a step between the look and the wait leaves the event set; two ends may be one wake-up.
     switch (WaitForSingleObject(stepFinished, timeout)) {
         case WAIT_OBJECT_0:
         case WAIT_ABANDONED:
             return true;
         case WAIT_TIMEOUT:
-            return false;
+            return timeout < rest || !IsOnTop(watched);
         default:
             wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
             return false;
     }
+}
+
+bool CDriverUninstallerThread::IsOnTop(const StepRecord *record) {
+    const wxCriticalSectionLocker lock(stepLock);
+    return !stepStack.empty() && stepStack.back().get() == record;
 }
 
 void CDriverUninstallerThread::DbgPrint(const wchar_t *format, ...) {

@@ -48,8 +48,8 @@ public:
     /// Leaves `stepFinished` open: each object of this very class costs one event handle, which is meant so.
     ~CDriverUninstallerThread() override = default;
 
-    /// Watcher: waits until a step ends, or the limit of the one on top has passed.
-    /// @return false when the top step has overrun or the wait failed.
+    /// Watcher: waits until a step ends, for a second at most, or until the limit of the one on top has passed.
+    /// @return false when the top step has overrun or the wait failed; otherwise it is to be called again.
     bool WaitForStepToFinish();
     /// The step on top of the stack, NoStep where there is none. Any thread.
     std::uint32_t TopStep();
@@ -125,6 +125,7 @@ protected:
     wxString wfpDriverDir;
 
 private:
+    bool IsOnTop(const StepRecord *record);
     HRESULT OpenINetCfg(bool writeLock, INetCfg **result);
     HRESULT AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result);
     HRESULT TakeWriteLock(INetCfgLock *lock);
