@@ -171,11 +171,11 @@ TEST_F(SimulatedFiles, CantBeDeletedOrMovedWhileTheyAreInUse) {
 TEST_F(SimulatedFiles, AreLeftToTheNextBootWithoutTheRealSystem) {
     WriteText(L"a.txt", "hello");
     EXPECT_TRUE(MoveFileExW(Path(L"a.txt").c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
-    EXPECT_TRUE(MoveFileExW(L"X:\b.txt", Path(L"c.txt").c_str(), MOVEFILE_DELAY_UNTIL_REBOOT));
+    EXPECT_TRUE(MoveFileExW(L"X:\\b.txt", Path(L"c.txt").c_str(), MOVEFILE_DELAY_UNTIL_REBOOT));
     EXPECT_FALSE(MoveFileExW(nullptr, nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
     const std::filesystem::path folder = simulation.GetFolders().ProgramData();
     const std::vector<MoveAtBoot> left{{(folder / L"a.txt").wstring(), L""},
-                                       {L"X:\b.txt", (folder / L"c.txt").wstring()}};
+                                       {L"X:\\b.txt", (folder / L"c.txt").wstring()}};
     EXPECT_EQ(simulation.GetFilesInUse().LeftToBoot(), left);
     EXPECT_TRUE(Exists(L"a.txt"));
     Fail("MoveFileExW", ERROR_ACCESS_DENIED);

@@ -58,6 +58,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
     if (first != INVALID_HANDLE_VALUE) {
         const Find find(first);
         do {
+            // None of the drivers' INF files is empty, let alone of 4 GiB and more.
             const bool canBeOurs = found.nFileSizeHigh == 0 && found.nFileSizeLow != 0;
             const std::wstring path = folders.inf + found.cFileName;
             const wchar_t *driver = canBeOurs ? DriverOfInfFile(path) : nullptr;
@@ -151,8 +152,8 @@ void CDriverUninstallerThread::cleanup_registry() {
     TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", static_cast<const wchar_t *>(line.wc_str())); },
                   path.data());
     path = kMiniportKey;
-    if (DeleteRegistryTree(path) == 0)  // tried whatever became of the ownership
-        DbgPrint(L"    cleanup_registry: successfuly deleted");
+    if (DeleteRegistryTree(path) == 0)                           // tried whatever became of the ownership
+        DbgPrint(L"    cleanup_registry: successfuly deleted");  // spelt as it always was
     else
         DbgPrint(L"    cleanup_registry: failed to delete");
 }

@@ -41,7 +41,7 @@ void CDriverUninstallerThread::EndStep(std::uint32_t step) {
         const wxCriticalSectionLocker lock(stepLock);
         if (!stepStack.empty()) {
             const std::uint32_t top = stepStack.back()->step;
-            if (top != step)
+            if (top != step)  // logged with the lock held; that is how it is meant
                 wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",
                              StepName(step), StepName(top));
             stepStack.pop_back();
@@ -64,7 +64,7 @@ void CDriverUninstallerThread::NoteFailedStep() {
 }
 
 void CDriverUninstallerThread::ReportFailure(unsigned long error, const wchar_t *call) {
-    AgentEventLog_(*dom, error, kSystemFailureEvent, L"%s", call);
+    ::ReportFailure(*dom, error, call);
 }
 
 template <typename Call>

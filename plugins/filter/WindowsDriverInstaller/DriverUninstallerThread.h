@@ -2,6 +2,7 @@
 // WindowsDriverInstaller.cpp includes this: the classes of the driver threads are its own.
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <deque>
@@ -109,7 +110,8 @@ protected:
 
 public:
     bool rebootRequired = false;
-    bool succeeded = false;  ///< The result of Run. The watcher reads it and the next one once the worker has stopped.
+    /// The result of Run. The watcher reads it once the worker has stopped, or has been left alone.
+    std::atomic<bool> succeeded{false};
 
 protected:
     VtaCore::CDom *dom;
@@ -118,7 +120,7 @@ private:
     HANDLE stepFinished;  ///< Auto-reset event; see the destructor.
 
 public:
-    std::uint32_t failedStep = NoStep;  ///< The first step that failed.
+    std::uint32_t failedStep = NoStep;  ///< The first step that failed. Read once the worker has stopped.
 
 protected:
     wxString ndisDriverDir;

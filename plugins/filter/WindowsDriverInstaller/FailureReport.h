@@ -13,5 +13,10 @@ constexpr int kSystemFailureEvent = 3005;
 /// @param format   what failed; the arguments follow the rules of a wide printf.
 void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const wchar_t *format, ...);
 
+/// The same for a call that failed. @param call  its name.
+inline void ReportFailure(VtaCore::CDom &dom, unsigned long error, const wchar_t *call) {
+    AgentEventLog_(dom, error, kSystemFailureEvent, L"%s", call);
+}
+
 /// Removes the two files from the system folder if they are there. The module never reads or writes them.
 void RemoveHealthCheckFiles();

@@ -1,4 +1,4 @@
-// The steps of the driver threads: their ids, and the names that events and logs give them.
+// The steps of the driver threads: their ids, and the names that logs and events give them.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ enum InstallerStep : std::uint32_t {
     UninstallingDriver = 17,
     InstallingWfpCalloutDriver = 18,
     UninstallingWfpCalloutDriver = 19,
-    StartingWfpCalloutDriver = 20,  ///< No code starts this one nor the next: the names exist only.
+    StartingWfpCalloutDriver = 20,  ///< Of this one and the next the names exist only: they are never started.
     StoppingWfpCalloutDriver = 21,
     NoStep = 0xFFFFFFFF
 };

@@ -20,23 +20,19 @@ struct DestroyList {
 };
 using DeviceList = std::unique_ptr<std::remove_pointer_t<HDEVINFO>, DestroyList>;
 
-void ReportLastError(VtaCore::CDom &dom, const wchar_t *call) {
-    AgentEventLog_(dom, GetLastError(), kSystemFailureEvent, L"%s", call);
-}
-
 /// @return false when the id or the description can't be read, or when it is another device's.
 bool IsMiniport(VtaCore::CDom &dom, const DeviceList &devices, SP_DEVINFO_DATA &device) {
     std::array<wchar_t, 4096> instanceId{};
     if (SetupDiGetDeviceInstanceIdW(devices.get(), &device, instanceId.data(), static_cast<DWORD>(instanceId.size()),
                                     nullptr) == 0) {
-        ReportLastError(dom, L"SetupDiGetDeviceInstanceId");
+        ReportFailure(dom, GetLastError(), L"SetupDiGetDeviceInstanceId");
         return false;
     }
     // The description must be there; what it says doesn't matter.
     std::array<BYTE, 8192> description{};
     if (SetupDiGetDeviceRegistryPropertyW(devices.get(), &device, SPDRP_DEVICEDESC, nullptr, description.data(),
                                           static_cast<DWORD>(description.size()), nullptr) == 0) {
-        ReportLastError(dom, L"SetupDiGetDeviceRegistryProperty");
+        ReportFailure(dom, GetLastError(), L"SetupDiGetDeviceRegistryProperty");
         return false;
     }
     return std::wcsstr(instanceId.data(), kMiniport) != nullptr;
@@ -47,7 +43,7 @@ bool IsMiniport(VtaCore::CDom &dom, const DeviceList &devices, SP_DEVINFO_DATA &
 bool OrphanScanIsClean(VtaCore::CDom &dom) {
     const HDEVINFO list = SetupDiGetClassDevsW(&GUID_DEVCLASS_NET, nullptr, nullptr, DIGCF_PRESENT);
     if (list == INVALID_HANDLE_VALUE) {
-        ReportLastError(dom, L"SetupDiGetClassDevs");
+        ReportFailure(dom, GetLastError(), L"SetupDiGetClassDevs");
         return true;
     }
     const DeviceList devices(list);
@@ -57,7 +53,8 @@ bool OrphanScanIsClean(VtaCore::CDom &dom) {
         if (IsMiniport(dom, devices, device))
             return false;
     }
-    if (GetLastError() != ERROR_NO_MORE_ITEMS)
-        ReportLastError(dom, L"SetupDiEnumDeviceInfo");
+    const DWORD error = GetLastError();
+    if (error != ERROR_NO_MORE_ITEMS)
+        ReportFailure(dom, error, L"SetupDiEnumDeviceInfo");
     return true;
 }

@@ -13,6 +13,7 @@ public:
     /// @return null where there is no such function.
     template <typename Function>
     [[nodiscard]] Function Find(const char *name) const {
+        // By its name: it may be there although it could not be loaded once more.
         const HMODULE module = GetModuleHandleW(L"setupapi");
         return module == nullptr ? nullptr
                                  : reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module, name)));

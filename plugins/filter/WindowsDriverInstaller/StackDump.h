@@ -1,4 +1,4 @@
-// Where a stuck thread stands, as text for the log and the agent event.
+// Where a stuck thread stands, as text for the log.
 #pragma once
 
 #include <wx/string.h>

@@ -1,5 +1,6 @@
 // The driver threads. Their classes live in this file's unnamed namespace; each has private headers of its own, which
-// no other file includes.
+// no other file of the module includes; those that are named after a subject hold the bodies. Tests that need the
+// classes include this file.
 
 #include <initguid.h>
 
@@ -14,9 +15,9 @@
 
 namespace {
 
-/// @return false when a step has overrun; true when the worker has ended, and when there is no step to blame: it is
-/// about
-///         to end then, or hangs outside of its steps.
+/// @return false when a step has overrun or could not be waited for. True when the worker has ended, and when no step
+/// is
+///         to blame: the worker is between steps then, or hangs there, and runs on.
 bool WatchSteps(CDriverUninstallerThread &thread) {
     while (thread.isRunning()) {
         if (!thread.WaitForStepToFinish())
@@ -30,7 +31,7 @@ bool WatchSteps(CDriverUninstallerThread &thread) {
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();
     auto thread = std::make_unique<CDriverUninstallerThread>(&dom, ndisDriverDir, wfpDriverDir);
-    (void)thread->start(50, true, 0);
+    (void)thread->start(50, true, 0);  // a thread that can't start isn't running
     wxThread::Sleep(100);
     if (!WatchSteps(*thread)) {
         const wxString stack = CaptureThreadStack(thread.get());
