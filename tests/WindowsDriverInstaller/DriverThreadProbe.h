@@ -1,0 +1,23 @@
+// The thread that removes the drivers, with all open that a test wants to see of it. It includes the product's source,
+// since the class lives in that file's unnamed namespace: one source of a program includes this.
+#pragma once
+
+#include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above
+
+namespace {
+
+class Probe : public CDriverUninstallerThread {
+public:
+    explicit Probe(VtaCore::CDom &toDom, const wxString &toWfpDriverDir = "C:\\wfp\\")
+        : CDriverUninstallerThread(&toDom, "C:\\ndis\\", toWfpDriverDir) {}
+
+    using CDriverUninstallerThread::AcquireINetCfg;
+    using CDriverUninstallerThread::DbgPrint;
+    using CDriverUninstallerThread::EndStep;
+    using CDriverUninstallerThread::NoteFailedStep;
+    using CDriverUninstallerThread::ReleaseINetCfg;
+    using CDriverUninstallerThread::StartStep;
+    using CDriverUninstallerThread::UninstallDriver;
+};
+
+}  // namespace

@@ -1,0 +1,552 @@
+// The machinery of the driver threads: steps, their watch and their log, and the way to the network configuration.
+#include <chrono>
+#include <cstddef>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+
+#include "RemovalFixture.h"
+
+#include "DriverThreadProbe.h"  // behind the others: it defines the GUIDs that they declare
+
+HINSTANCE moduleInstance = nullptr;
+
+namespace {
+
+using std::chrono::milliseconds;
+using Texts = std::vector<std::string>;
+
+class DriverThread : public RemovalFixture {
+protected:
+    DriverThread() {
+        moduleInstance = GetModuleHandleW(L"fc.dll");  // its messages
+        (void)log.Take();
+        (void)simulation().GetJournal().Take();
+        (void)VtaCore::Control::TakeEvents();
+        (void)VtaCore::Control::TakeNotifications();
+    }
+
+    Texts LogAt(wxLogLevel level) {
+        Removal of;
+        of.log = log.Take();
+        return of.Lines(level);
+    }
+    /// The lines of the thread's log.
+    Texts ThreadLog() { return LogAt(wxLOG_Message); }
+    /// The texts in front of the system's, with the number.
+    static Texts Events() {
+        Texts events;
+        for (const VtaCore::Control::Event &event : VtaCore::Control::TakeEvents()) {
+            const std::string text = event.text.utf8_string();
+            events.push_back(std::to_string(event.number) + " " + text.substr(0, text.find('|')));
+        }
+        return events;
+    }
+    /// What each call of the function was given, since the last time.
+    Texts Arguments(const std::string &function) {
+        Texts arguments;
+        for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take()) {
+            if (entry.function == function)
+                arguments.push_back(entry.arguments);
+        }
+        return arguments;
+    }
+    /// The timeouts of the waits since the last time, in milliseconds.
+    Texts Timeouts() {
+        Texts timeouts;
+        for (const std::string &arguments : Arguments("WaitForSingleObject"))
+            timeouts.push_back(arguments.substr(arguments.find(", ") + 2));
+        return timeouts;
+    }
+    /// Watches until the top step has overrun. @return how long that took, by the simulated clock.
+    std::uint64_t WatchMs(Probe &thread) {
+        simulation().GetClock().Step(Simulator::Clock::AutoAdvance::SleepsAndWaits);
+        const std::uint64_t begin = simulation().GetClock().TickMs();
+        int looks = 0;
+        while (thread.WaitForStepToFinish() && ++looks < 100) {
+        }
+        EXPECT_LT(looks, 100);
+        return simulation().GetClock().TickMs() - begin;
+    }
+    void AdvanceMs(int by) { simulation().GetClock().Advance(milliseconds(by)); }
+};
+
+// ---- The object
+
+TEST_F(DriverThread, RunsInStepZeroFromItsMakingOn) {
+    const Probe thread(dom);
+    EXPECT_EQ(ThreadLog(), Texts{">ThreadRunning. 3600s max"});
+    EXPECT_EQ(thread.failedStep, 0xFFFFFFFF);
+    EXPECT_FALSE(thread.rebootRequired);
+    EXPECT_FALSE(thread.succeeded);
+    EXPECT_STREQ(thread.Name(), "CDriverUninstallerThread");
+}
+
+TEST_F(DriverThread, LeavesItsEventOpen) {
+    const Simulator::BalanceSnapshot before = balance().Take();
+    { const Probe thread(dom); }
+    const Simulator::BalanceSnapshot after = balance().Take();
+    EXPECT_EQ(after.Count(Simulator::Kind::kHandle), before.Count(Simulator::Kind::kHandle) + 1);
+    EXPECT_EQ(Arguments("CreateEventW"), Texts{"null, 0, 0, null"}) << "auto-reset, not signalled, without a name";
+}
+
+TEST(StepRecordOfADriverThread, IsThreeNumbersInThisOrder) {
+    EXPECT_EQ(sizeof(StepRecord), 12U);
+    EXPECT_EQ(offsetof(StepRecord, limitSeconds), 0U);
+    EXPECT_EQ(offsetof(StepRecord, step), 4U);
+    EXPECT_EQ(offsetof(StepRecord, startTick), 8U);
+}
+
+TEST(StepOfADriverThread, HasAName) {
+    const Texts names{"ThreadRunning",
+                      "ApplyingInetCfgChanges",
+                      "CheckingIfStillInstalled",
+                      "CleaningUpOrphans",
+                      "CopyingInfFiles",
+                      "EnsuringDriverUnloaded",
+                      "FindingComponent",
+                      "GettingAdapterInfo",
+                      "GettingClassGUID",
+                      "GettingInetCfg",
+                      "GettingINetCfgClass",
+                      "GettingINetCfgClassSetup",
+                      "GettingNetworkConfigLock",
+                      "InstallingDriver",
+                      "ReleasingInetCfg",
+                      "ReleasingNetworkConfigLock",
+                      "RemovingInfFiles",
+                      "UninstallingDriver",
+                      "InstallingWfpCalloutDriver",
+                      "UninstallingWfpCalloutDriver",
+                      "StartingWfpCalloutDriver",
+                      "StoppingWfpCalloutDriver"};
+    for (std::uint32_t step = 0; step < names.size(); ++step)
+        EXPECT_EQ(wxString(StepName(step)).utf8_string(), names[step]) << step;
+}
+
+TEST(StepOfADriverThread, HasTheNameUnknownWhenItIsNone) {
+    for (const std::uint32_t step : {22U, 1000U, 0x7FFFFFFFU, 0xFFFFFFFFU})
+        EXPECT_STREQ(StepName(step), L"<UnknownStep>") << step;
+}
+
+// ---- The stack of steps, and the log
+
+TEST_F(DriverThread, LogsTheNestingOfItsSteps) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    thread.DbgPrint(L"%d of %s", 3, L"many");
+    thread.EndStep(6);
+    thread.EndStep(3);
+    EXPECT_EQ(ThreadLog(),
+              (Texts{">ThreadRunning. 3600s max", " >CleaningUpOrphans. 180s max", "  >FindingComponent. 15s max",
+                     "   3 of many", "  <FindingComponent", " <CleaningUpOrphans"}));
+}
+
+TEST_F(DriverThread, WarnsWhenAStepEndsThatIsNotOnTop) {
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    thread.EndStep(8);
+    EXPECT_EQ(LogAt(wxLOG_Warning), Texts{"Consistency check - we just completed GettingClassGUID but FindingComponent "
+                                          "was on top of the step stack."});
+}
+
+TEST_F(DriverThread, TakesTheTopStepAwayWhicheverEnds) {
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    thread.EndStep(8);
+    EXPECT_EQ(thread.TopStep(), 0U);
+    thread.EndStep(0xFFFFFFFF);
+    EXPECT_EQ(thread.TopStep(), 0xFFFFFFFF);
+    EXPECT_EQ(LogAt(wxLOG_Warning).back(),
+              "Consistency check - we just completed <UnknownStep> but ThreadRunning was "
+              "on top of the step stack.");
+}
+
+TEST_F(DriverThread, EndsAStepOnAnEmptyStackWithoutAWarning) {
+    Probe thread(dom);
+    thread.EndStep(0);
+    thread.EndStep(6);
+    const std::vector<LogLine> lines = log.Take();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[2].text, "<FindingComponent");
+    EXPECT_EQ(lines[2].level, wxLogLevel{wxLOG_Message});
+}
+
+TEST_F(DriverThread, IsSilentAboutFourSteps) {
+    Probe thread(dom);
+    (void)log.Take();
+    for (const std::uint32_t step : {9U, 12U, 14U, 15U}) {
+        SCOPED_TRACE(step);
+        thread.StartStep(step, 10);
+        EXPECT_EQ(thread.TopStep(), step);
+        thread.EndStep(step);
+        EXPECT_EQ(ThreadLog(), Texts{});
+        EXPECT_TRUE(thread.WaitForStepToFinish()) << "but tells the watcher";
+    }
+}
+
+TEST_F(DriverThread, IndentsUnderSilentSteps) {
+    Probe thread(dom);
+    (void)log.Take();
+    thread.StartStep(14, 10);
+    thread.DbgPrint(L"under it");
+    EXPECT_EQ(ThreadLog(), Texts{"  under it"});
+}
+
+TEST_F(DriverThread, KeepsTheFirstStepThatFailed) {
+    Probe thread(dom);
+    thread.StartStep(17, 600);
+    thread.NoteFailedStep();
+    thread.EndStep(17);
+    thread.NoteFailedStep();
+    EXPECT_EQ(thread.failedStep, 17U);
+}
+
+TEST_F(DriverThread, NotesNoStepWhileNoneRuns) {
+    Probe thread(dom);
+    thread.EndStep(0);
+    thread.NoteFailedStep();
+    EXPECT_EQ(thread.failedStep, 0xFFFFFFFF);
+    thread.StartStep(6, 15);
+    thread.NoteFailedStep();
+    EXPECT_EQ(thread.failedStep, 6U);
+}
+
+class RedirectedThread : public Probe {
+public:
+    using Probe::Probe;
+    Texts lines;
+
+protected:
+    void DbgPrintV(const wchar_t *format, va_list arguments) override {
+        lines.push_back(wxString::FormatV(format, arguments).utf8_string());
+    }
+};
+
+TEST_F(DriverThread, HandsItsWholeLogToASubclass) {
+    RedirectedThread thread(dom);
+    (void)log.Take();  // that of the constructor, when there was no subclass yet
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    thread.DbgPrint(L"%ls", L"a line");
+    thread.EndStep(6);
+    thread.EndStep(3);
+    EXPECT_EQ(thread.lines, (Texts{" >CleaningUpOrphans. 180s max", "  >FindingComponent. 15s max", "   a line",
+                                   "  <FindingComponent", " <CleaningUpOrphans"}));
+    EXPECT_EQ(log.Take(), std::vector<LogLine>{});
+}
+
+// ---- The watch
+
+TEST_F(DriverThread, IsWaitedForAsLongAsTheTopStepMayStillTake) {
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    AdvanceMs(1'500);
+    EXPECT_EQ(WatchMs(thread), 13'500U);
+}
+
+TEST_F(DriverThread, IsLookedAtAgainAfterASecond) {
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    simulation().GetClock().Step(Simulator::Clock::AutoAdvance::SleepsAndWaits);
+    EXPECT_TRUE(thread.WaitForStepToFinish());
+    EXPECT_EQ(Timeouts(), Texts{"1000"});
+    AdvanceMs(13'900);
+    EXPECT_FALSE(thread.WaitForStepToFinish());
+    EXPECT_EQ(Timeouts(), Texts{"100"});
+}
+
+TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBeneathRanOut) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    AdvanceMs(179'500);
+    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+    thread.StartStep(6, 15);
+    AdvanceMs(500);
+    EXPECT_TRUE(watcher.get());
+    EXPECT_EQ(WatchMs(thread), 14'500U);
+}
+
+TEST_F(DriverThread, IsNotWaitedForWhenTheStepHasUsedUpItsLimit) {
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    for (const int ms : {15'000, 1, 3'600'000}) {
+        AdvanceMs(ms);
+        EXPECT_FALSE(thread.WaitForStepToFinish());
+        EXPECT_EQ(Timeouts(), Texts{"0"});
+    }
+}
+
+TEST_F(DriverThread, IsForgivenAnOverrunIfAStepHasEndedSince) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    AdvanceMs(200'000);
+    thread.EndStep(6);
+    EXPECT_TRUE(thread.WaitForStepToFinish());
+    EXPECT_EQ(Timeouts(), Texts{"0"});
+}
+
+TEST_F(DriverThread, MayMergeTheEndsOfTwoSteps) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    thread.EndStep(6);
+    thread.EndStep(3);
+    AdvanceMs(3'600'001);
+    EXPECT_TRUE(thread.WaitForStepToFinish());
+    EXPECT_FALSE(thread.WaitForStepToFinish());
+}
+
+TEST_F(DriverThread, IsWatchedForItsTopStepAlone) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    AdvanceMs(200'000);
+    thread.StartStep(6, 15);
+    EXPECT_EQ(WatchMs(thread), 15'000U) << "the inner step's, though the outer one is over its limit";
+    (void)Timeouts();
+    thread.EndStep(6);
+    EXPECT_TRUE(thread.WaitForStepToFinish());
+    EXPECT_FALSE(thread.WaitForStepToFinish()) << "the outer one's clock ran on";
+    EXPECT_EQ(Timeouts(), (Texts{"0", "0"}));
+}
+
+TEST_F(DriverThread, DoesNotMindThatTheTicksWrap) {
+    simulation().GetClock().SetTick(0x1'0000'0000 - 500);
+    Probe thread(dom);
+    thread.StartStep(6, 15);
+    AdvanceMs(2'000);
+    EXPECT_EQ(WatchMs(thread), 13'000U);
+}
+
+TEST_F(DriverThread, WithoutAStepIsLookedAtAgainAfter100Milliseconds) {
+    Probe thread(dom);
+    thread.EndStep(0);
+    const std::uint64_t begin = simulation().GetClock().TickMs();
+    EXPECT_TRUE(thread.WaitForStepToFinish());
+    EXPECT_EQ(simulation().GetClock().TickMs() - begin, 100U);
+    EXPECT_EQ(Timeouts(), Texts{}) << "no wait, but a sleep";
+}
+
+TEST_F(DriverThread, WithoutAStepIsKeptFromStartingOneThatLong) {
+    Probe thread(dom);
+    thread.EndStep(0);
+    simulation().GetClock().Step();
+    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+    auto worker = std::async(std::launch::async, [&] { thread.StartStep(9, 10); });
+    EXPECT_EQ(worker.wait_for(milliseconds(200)), std::future_status::timeout);
+    AdvanceMs(99);
+    EXPECT_EQ(worker.wait_for(milliseconds(200)), std::future_status::timeout);
+    AdvanceMs(1);
+    EXPECT_EQ(worker.wait_for(milliseconds(30'000)), std::future_status::ready);
+    EXPECT_TRUE(watcher.get());
+    EXPECT_EQ(thread.TopStep(), 9U);
+}
+
+// ---- The network configuration
+
+class DriverThreadNetCfg : public DriverThread {
+protected:
+    DriverThreadNetCfg() {
+        SCOPED_TRACE("the first trace of a thread opens a handle for good");
+        m_before = balance().Take();
+    }
+
+    HRESULT Acquire(bool writeLock) { return thread.AcquireINetCfg(writeLock, &netCfg); }
+    HRESULT Release(bool writeLock) { return thread.ReleaseINetCfg(writeLock, netCfg); }
+    bool IsLocked() { return simulation().GetNetwork().Read().lock.has_value(); }
+    /// What was made and not given back, memory apart.
+    Texts Left() {
+        Texts left;
+        for (const Simulator::BalanceItem &item : Simulator::Balance::Left(m_before, balance().Take())) {
+            if (item.kind != std::string(Simulator::Kind::kBlock))
+                left.push_back(item.kind);
+        }
+        return left;
+    }
+
+    Probe thread{dom};
+    INetCfg *netCfg = reinterpret_cast<INetCfg *>(1);
+
+private:
+    Simulator::BalanceSnapshot m_before;
+};
+
+TEST_F(DriverThreadNetCfg, IsTakenWithTheLockAndGivenBack) {
+    EXPECT_EQ(Acquire(true), S_OK);
+    ASSERT_NE(netCfg, nullptr);
+    EXPECT_TRUE(IsLocked());
+    EXPECT_EQ(Left(), (Texts{"COM initialisation", "COM reference"}));
+    EXPECT_EQ(Release(true), S_OK);
+    EXPECT_FALSE(IsLocked());
+    EXPECT_EQ(Left(), Texts{});
+    EXPECT_EQ(thread.failedStep, NoStep);
+    EXPECT_EQ(Events(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, IsTakenWithoutTheLock) {
+    simulation().GetNetwork().LockFromElsewhere(L"Somebody");
+    EXPECT_EQ(Acquire(false), S_OK);
+    EXPECT_EQ(Release(false), S_OK);
+    EXPECT_EQ(Left(), Texts{});
+    EXPECT_EQ(Events(), Texts{});
+    EXPECT_EQ(VtaCore::Control::TakeNotifications().size(), 0U);
+}
+
+TEST_F(DriverThreadNetCfg, AsksForTheLockFor15SecondsByTheModulesName) {
+    EXPECT_EQ(Acquire(true), S_OK);
+    const Texts calls = Arguments("INetCfgLock::AcquireWriteLock");
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_TRUE(calls[0].starts_with("15000, \"Quillon Vantry Agent Installer\", 0x")) << calls[0];
+    EXPECT_EQ(Release(true), S_OK);
+}
+
+TEST_F(DriverThreadNetCfg, CountsALockOfTheSameNameAsItsOwn) {
+    simulation().GetNetwork().LockFromElsewhere(L"Quillon Vantry Agent Installer");
+    EXPECT_EQ(Acquire(true), S_OK);
+    ASSERT_NE(netCfg, nullptr);
+    EXPECT_EQ(thread.failedStep, NoStep);
+    EXPECT_EQ(Events(), Texts{});
+    EXPECT_EQ(VtaCore::Control::TakeNotifications().size(), 0U);
+    EXPECT_EQ(Left(), (Texts{"COM initialisation", "COM reference"})) << "the holder's name is freed";
+    EXPECT_EQ(Release(true), NETCFG_E_NO_WRITE_LOCK);
+    EXPECT_EQ(Left(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, TellsTheUserWhoElseHasTheLock) {
+    simulation().GetNetwork().LockFromElsewhere(L"Somebody");
+    EXPECT_EQ(Acquire(true), NETCFG_E_NO_WRITE_LOCK);
+    EXPECT_EQ(netCfg, nullptr);
+    EXPECT_EQ(thread.failedStep, 12U);
+    EXPECT_EQ(Events(), Texts{"3005 INetCfgLock::AcquireWriteLock"});
+    const Texts errors = LogAt(wxLOG_Error);
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_TRUE(errors[0].ends_with(" (0x8004a024)")) << errors[0];
+    const auto notices = VtaCore::Control::TakeNotifications();
+    ASSERT_EQ(notices.size(), 1U);
+    EXPECT_EQ(notices[0].code, 2);
+    EXPECT_EQ(notices[0].text.utf8_string(),
+              "Unable to proceed - the network configuration is currently locked by Somebody.");
+    EXPECT_EQ(notices[0].detail.utf8_string(), "");
+    EXPECT_EQ(Left(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, MakesDoWithTheModelOfCOMThatTheThreadHas) {
+    simulation().GetCom().threadsHaveApartments = true;
+    EXPECT_EQ(Acquire(true), S_OK);
+    EXPECT_EQ(Arguments("CoInitializeEx"), (Texts{"null, 4", "null, 6"}));
+    EXPECT_EQ(Release(true), S_OK);
+    EXPECT_EQ(Left(), Texts{});
+    EXPECT_EQ(Events(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, AsksForNoOtherModelOfCOMAfterAnotherFailure) {
+    const auto plan = simulation().GetFaults().FailNth("CoInitializeEx", 1, static_cast<DWORD>(E_OUTOFMEMORY));
+    EXPECT_EQ(Acquire(true), E_OUTOFMEMORY);
+    EXPECT_EQ(Arguments("CoInitializeEx"), Texts{"null, 4"});
+    EXPECT_EQ(netCfg, nullptr);
+    EXPECT_EQ(thread.failedStep, NoStep) << "no step has started";
+    EXPECT_EQ(Events(), Texts{"3005 CoInitializeEx"});
+}
+
+TEST_F(DriverThreadNetCfg, FailsWhenCOMWantsNeitherModel) {
+    const auto plan = simulation().GetFaults().FailEvery("CoInitializeEx", static_cast<DWORD>(RPC_E_CHANGED_MODE));
+    EXPECT_EQ(Acquire(true), RPC_E_CHANGED_MODE);
+    EXPECT_EQ(plan->Hits(), 2U);
+    EXPECT_EQ(Events(), Texts{"3005 CoInitializeEx"});
+    EXPECT_EQ(Left(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, FreesTheLockWhenItCannotBeInitialised) {
+    simulation().GetNetwork().Use([](auto &state) { state.initializeResult = NETCFG_E_IN_USE; });
+    EXPECT_EQ(Acquire(true), NETCFG_E_IN_USE);
+    EXPECT_EQ(netCfg, nullptr);
+    EXPECT_FALSE(IsLocked());
+    EXPECT_EQ(thread.failedStep, 9U);
+    EXPECT_EQ(Events(), Texts{"3005 INetCfg::Initialize"});
+    EXPECT_EQ(Arguments("INetCfgLock::ReleaseWriteLock").size(), 1U);
+}
+
+TEST_F(DriverThreadNetCfg, LeavesNothingBehindWhereverTheWayToItFails) {
+    const std::vector<std::pair<std::string, std::uint32_t>> calls{{"CoInitializeEx", NoStep},
+                                                                   {"CoCreateInstance", 9},
+                                                                   {"INetCfg::QueryInterface", 12},
+                                                                   {"INetCfgLock::AcquireWriteLock", 12},
+                                                                   {"INetCfg::Initialize", 9}};
+    for (const auto &[function, step] : calls) {
+        SCOPED_TRACE(function);
+        thread.failedStep = NoStep;
+        netCfg = reinterpret_cast<INetCfg *>(1);
+        const auto plan = simulation().GetFaults().FailNth(function, 1, static_cast<DWORD>(E_ACCESSDENIED));
+        EXPECT_EQ(Acquire(true), E_ACCESSDENIED);
+        EXPECT_TRUE(plan->Hit());
+        EXPECT_EQ(netCfg, nullptr);
+        EXPECT_EQ(thread.failedStep, step);
+        EXPECT_EQ(thread.TopStep(), 0U);
+        EXPECT_FALSE(IsLocked());
+        EXPECT_EQ(Left(), Texts{});
+    }
+}
+
+TEST_F(DriverThreadNetCfg, IsGivenBackWhateverFailsOfIt) {
+    const std::vector<std::pair<std::string, std::uint32_t>> calls{
+        {"INetCfg::Uninitialize", 14}, {"INetCfg::QueryInterface", 14}, {"INetCfgLock::ReleaseWriteLock", 15}};
+    for (const auto &[function, step] : calls) {
+        SCOPED_TRACE(function);
+        simulation().GetNetwork().Use([](auto &state) { state.lock.reset(); });
+        thread.failedStep = NoStep;
+        EXPECT_EQ(Acquire(true), S_OK);
+        const auto plan = simulation().GetFaults().FailNth(function, 1, static_cast<DWORD>(E_ACCESSDENIED));
+        EXPECT_EQ(Release(true), E_ACCESSDENIED);
+        EXPECT_TRUE(plan->Hit());
+        EXPECT_EQ(thread.failedStep, step);
+        EXPECT_EQ(thread.TopStep(), 0U);
+        EXPECT_TRUE(IsLocked());
+        EXPECT_EQ(Left(), Texts{});
+    }
+}
+
+// ---- The message table
+
+class MessageTable : public DriverThread {
+protected:
+    static constexpr DWORD kLocked = 0x80007530;
+    static constexpr WORD kEnglish = 1033;
+    static constexpr WORD kJapanese = 1041;
+
+    /// @return empty with the last error.
+    static std::wstring Text(DWORD id, WORD language) {
+        DWORD_PTR insert = reinterpret_cast<DWORD_PTR>(L"Somebody");
+        wchar_t text[2048] = L"";
+        const DWORD length =
+            FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, GetModuleHandleW(L"fc.dll"), id,
+                           language, text, 2048, reinterpret_cast<va_list *>(&insert));
+        return {text, length};
+    }
+};
+
+TEST_F(MessageTable, TellsInEnglishWhoHasTheLock) {
+    EXPECT_EQ(Text(kLocked, kEnglish),
+              L"Unable to proceed - the network configuration is currently locked by Somebody.");
+}
+
+TEST_F(MessageTable, TellsTheSameInJapanese) {
+    const std::wstring text = Text(kLocked, kJapanese);
+    EXPECT_NE(text, Text(kLocked, kEnglish));
+    EXPECT_NE(text.find(L"Somebody"), text.npos);
+    EXPECT_EQ(text.find(L'%'), text.npos);
+    EXPECT_NE(text.find_first_of(L"\u3042\u3044\u3067\u306e\u306f\u307e\u3059"), text.npos) << "no Japanese letters";
+    EXPECT_FALSE(text.ends_with(L'\n'));
+}
+
+TEST_F(MessageTable, HasNoOtherEntries) {
+    for (const DWORD id : {DWORD{0x7530}, kLocked - 1, kLocked + 1, DWORD{0xC0007530}, DWORD{1}})
+        EXPECT_EQ(Text(id, kEnglish), L"") << id;
+}
+
+}  // namespace

@@ -1,0 +1,439 @@
+// The removal with each call of the platform failing once, at each place, held against a model of the removal.
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+#include <netcfgx.h>
+#include <setupapi.h>
+
+#include "RemovalFixture.h"
+#include "RemovalInTest.h"
+#include "RemovalModel.h"
+
+namespace {
+
+constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
+const std::vector<std::string> kKeyNames{"QBIMVTA_MP", "QBIMVTA_MP\\0000", "QBIMVTA_MP\\0000\\Control",
+                                         "QBIMVTA_MP\\0001"};
+
+/// The time and the waits are asked for at any time, and wxWidgets frees local memory for each text of the system's.
+const std::set<std::string> kUnordered{
+    "GetSystemTimeAsFileTime", "GetTickCount", "GetTickCount64", "LocalFree", "Sleep", "WaitForSingleObject"};
+const std::set<std::string> kCannotFail{"CoTaskMemFree", "CoUninitialize", "FreeSid", "IsTextUnicode",
+                                        "InstallHinfSectionW"};
+
+/// Beside access denied: how each function is the most likely to fail, or what else it may answer.
+const std::map<std::string, std::vector<DWORD>> kLikelyCodes{
+    {"AdjustTokenPrivileges", {ERROR_NOT_ALL_ASSIGNED}},
+    {"AllocateAndInitializeSid", {ERROR_NOT_ENOUGH_MEMORY}},
+    {"CloseHandle", {ERROR_INVALID_HANDLE}},
+    {"CloseServiceHandle", {ERROR_INVALID_HANDLE}},
+    {"CoCreateInstance", {static_cast<DWORD>(REGDB_E_CLASSNOTREG)}},
+    {"CoInitializeEx", {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(RPC_E_CHANGED_MODE)}},
+    {"ControlService", {ERROR_SERVICE_NOT_ACTIVE}},
+    {"CreateFileMappingW", {ERROR_FILE_INVALID}},
+    {"CreateFileW", {ERROR_SHARING_VIOLATION}},
+    {"DeleteFileW", {ERROR_SHARING_VIOLATION}},
+    {"DeleteService", {ERROR_SERVICE_MARKED_FOR_DELETE}},
+    {"FindClose", {ERROR_INVALID_HANDLE}},
+    {"FindFirstFileW", {ERROR_FILE_NOT_FOUND}},
+    {"FindNextFileW", {ERROR_NO_MORE_FILES}},
+    {"FreeLibrary", {ERROR_INVALID_HANDLE}},
+    {"GetFileAttributesW", {ERROR_FILE_NOT_FOUND}},
+    {"GetFileSizeEx", {ERROR_INVALID_HANDLE}},
+    {"GetModuleHandleW", {ERROR_MOD_NOT_FOUND}},
+    {"GetProcAddress", {ERROR_PROC_NOT_FOUND}},
+    {"GetSystemDirectoryW", {ERROR_NOT_ENOUGH_MEMORY}},
+    {"INetCfg::Apply", {static_cast<DWORD>(NETCFG_E_NEED_REBOOT), NETCFG_S_REBOOT}},
+    {"INetCfg::FindComponent", {static_cast<DWORD>(NETCFG_E_NOT_INITIALIZED), S_FALSE}},
+    {"INetCfg::Initialize", {static_cast<DWORD>(NETCFG_E_IN_USE)}},
+    {"INetCfg::QueryInterface", {static_cast<DWORD>(E_NOINTERFACE)}},
+    {"INetCfg::QueryNetCfgClass", {static_cast<DWORD>(E_NOINTERFACE)}},
+    {"INetCfg::Uninitialize", {static_cast<DWORD>(NETCFG_E_NOT_INITIALIZED)}},
+    {"INetCfgClass::QueryInterface", {static_cast<DWORD>(E_NOINTERFACE)}},
+    {"INetCfgClassSetup::DeInstall", {static_cast<DWORD>(NETCFG_E_ACTIVE_RAS_CONNECTIONS), NETCFG_S_REBOOT}},
+    {"INetCfgComponent::GetClassGuid", {static_cast<DWORD>(NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT)}},
+    {"INetCfgLock::AcquireWriteLock", {static_cast<DWORD>(RPC_E_DISCONNECTED), S_FALSE}},
+    {"INetCfgLock::ReleaseWriteLock", {static_cast<DWORD>(NETCFG_E_NO_WRITE_LOCK)}},
+    {"LoadLibraryW", {ERROR_MOD_NOT_FOUND}},
+    {"LookupPrivilegeValueW", {ERROR_NO_SUCH_PRIVILEGE}},
+    {"MapViewOfFile", {ERROR_NOT_ENOUGH_MEMORY}},
+    {"MoveFileExW", {ERROR_FILE_NOT_FOUND}},
+    {"OpenProcessToken", {ERROR_NO_TOKEN}},
+    {"OpenSCManagerW", {RPC_S_SERVER_UNAVAILABLE}},
+    {"OpenServiceW", {ERROR_SERVICE_DOES_NOT_EXIST}},
+    {"QueryServiceStatus", {ERROR_INVALID_HANDLE}},
+    {"RegCloseKey", {ERROR_INVALID_HANDLE}},
+    {"RegDeleteKeyW", {ERROR_FILE_NOT_FOUND}},
+    {"RegEnumKeyExW", {ERROR_NO_MORE_ITEMS}},
+    {"RegOpenKeyExW", {ERROR_FILE_NOT_FOUND}},
+    {"SHGetFolderPathW", {static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND))}},
+    {"SetEntriesInAclW", {ERROR_INVALID_PARAMETER}},
+    {"SetFileAttributesW", {ERROR_FILE_NOT_FOUND}},
+    {"SetNamedSecurityInfoW", {ERROR_FILE_NOT_FOUND}},
+    {"SetupDiDestroyDeviceInfoList", {ERROR_INVALID_HANDLE}},
+    {"SetupDiEnumDeviceInfo", {ERROR_NO_MORE_ITEMS}},
+    {"SetupDiGetClassDevsW", {ERROR_INVALID_CLASS}},
+    {"SetupDiGetDeviceInstanceIdW", {ERROR_INSUFFICIENT_BUFFER}},
+    {"SetupDiGetDeviceRegistryPropertyW", {ERROR_INVALID_DATA}},
+    {"SetupUninstallOEMInfW", {ERROR_FILE_NOT_FOUND}},
+    {"UnmapViewOfFile", {ERROR_INVALID_ADDRESS}},
+    {"_beginthreadex", {EAGAIN}},
+};
+
+DWORD AccessDenied(const std::string &function) {
+    static const std::set<std::string> answerResult{"CoCreateInstance", "CoInitializeEx", "SHGetFolderPathW"};
+    const bool isMethod = function.find("::") != function.npos;
+    return isMethod || answerResult.count(function) != 0 ? static_cast<DWORD>(E_ACCESSDENIED) : ERROR_ACCESS_DENIED;
+}
+
+std::string Name(const Fault &fault) {
+    std::ostringstream name;
+    name << fault.function << '#' << fault.nth << "=0x" << std::hex << fault.code;
+    return name.str();
+}
+
+/// What the system says of an error, and addresses, are not the model's to know.
+std::string Plain(const std::string &line) {
+    static const std::regex report(R"(^(.*?): .+ \((0|0x[0-9a-f]+)\)$)");
+    static const std::regex systemError(R"( \(error \d+: .*\)$)");
+    static const std::regex null(R"(is at address 0x0+$)");
+    static const std::regex address(R"(is at address 0x[0-9A-Fa-f]+$)");
+    std::string plain = std::regex_replace(line, report, "$1: ... ($2)");
+    plain = std::regex_replace(plain, systemError, " ...");
+    plain = std::regex_replace(plain, null, "is at address null");
+    return std::regex_replace(plain, address, "is at address there");
+}
+
+std::string PlainEvent(const std::string &event) {
+    static const std::regex report(R"(^(\d+)\|(.*)\|.+ (\((?:0|0x[0-9a-f]+)\))$)");
+    return std::regex_replace(event, report, "$1 $2 $3");
+}
+
+/// The errors, warnings and messages.
+std::vector<std::string> PlainLog(const std::vector<LogLine> &log) {
+    static const std::map<wxLogLevel, std::string> marks{
+        {wxLOG_Error, "E "}, {wxLOG_Warning, "W "}, {wxLOG_Message, "  "}};
+    std::vector<std::string> lines;
+    for (const LogLine &line : log) {
+        const auto mark = marks.find(line.level);
+        if (mark != marks.end())
+            lines.push_back(mark->second + Plain(line.text));
+    }
+    return lines;
+}
+
+std::vector<std::string> Texts(const std::vector<VtaCore::Control::Notification> &notices) {
+    std::vector<std::string> texts;
+    for (const VtaCore::Control::Notification &notice : notices)
+        texts.push_back(std::to_string(notice.code) + " " + notice.text.utf8_string());
+    return texts;
+}
+
+void Append(std::ostream &text, const char *what, const std::vector<std::string> &lines) {
+    text << what << '\n';
+    for (const std::string &line : lines)
+        text << "    " << line << '\n';
+}
+
+std::vector<std::string> KeysOf(const std::vector<ModelKey> &keys, const std::string &above = {}) {
+    std::vector<std::string> names;
+    for (const ModelKey &key : keys) {
+        names.push_back(above + key.name);
+        for (const std::string &below : KeysOf(key.subkeys, above + key.name + "\\"))
+            names.push_back(below);
+    }
+    return names;
+}
+
+/// What a file that is still mapped comes to is the system's affair.
+bool LeavesFileOpen(const Fault &fault) {
+    return fault.function == "CloseHandle" || fault.function == "UnmapViewOfFile";
+}
+
+std::string Describe(Expectation of, const Fault &fault) {
+    std::vector<std::string> infs;
+    for (const ModelInf &inf : of.machine.infs)
+        infs.push_back(inf.name);
+    if (LeavesFileOpen(fault)) {
+        infs.clear();
+        std::erase(of.calls, "MoveFileExW");
+    }
+    std::ostringstream text;
+    text << std::boolalpha << "met " << of.isHit << "\nresult " << of.result << "\nfailed step " << std::hex
+         << of.failedStep << std::dec << "\nreboot required " << of.rebootRequired << '\n';
+    Append(text, "log", of.log);
+    Append(text, "events", of.events);
+    Append(text, "notifications", of.notices);
+    text << "left\n";
+    for (const auto &[kind, count] : of.left)
+        text << "    " << count << ' ' << kind << '\n';
+    text << "service " << of.machine.hasService << "\nfilter " << of.machine.hasFilter << "\nminiport "
+         << of.machine.hasMiniport << "\nhealth files " << of.machine.hasHealthFiles << "\nlocked "
+         << of.machine.isLocked << "\nprotected key " << of.machine.keyIsProtected << "\nadministrators' key "
+         << of.machine.administratorsOwnKey << '\n';
+    Append(text, "INF files", infs);
+    Append(text, "keys", KeysOf(of.machine.miniportKey));
+    Append(text, "calls", of.calls);
+    return text.str();
+}
+
+class RemovalFaults : public RemovalFixture {
+protected:
+    RemovalFaults();
+
+    /// Both drivers are installed and go without a word.
+    void TakeCleanRoad();
+    /// INF files are removed by hand, one of which is in use, and the service has to be deleted.
+    void TakeRoadByHand();
+    /// Nothing is installed but a miniport that stays, with a protected key.
+    void TakeOrphanRoad();
+
+    void FailEachPlace();
+    /// The one place that the environment names, if it does.
+    static bool IsWanted(const Fault &fault);
+    void FailPlace(const Fault &fault);
+
+    Expectation RunByScript(const Fault &fault);
+    Expectation RunInTest(const Fault &fault);
+
+private:
+    Expectation Observe(const Fault &fault, const std::function<void(Expectation &)> &run);
+    void ObserveMachine(ModelMachine &after);
+    std::map<std::string, int> TakeBack(const std::vector<Simulator::BalanceItem> &items);
+    void RestoreRegistry();
+
+    ModelMachine m_machine;
+    std::function<void()> m_restore;
+    unsigned m_places = 0;
+    unsigned m_runs = 0;
+};
+
+RemovalFaults::RemovalFaults() {
+    const std::filesystem::path empty = simulation().GetFolders().Temp() / L"winnt";
+    std::filesystem::create_directories(empty);
+    simulation().GetFolders().MapPath(L"c:\\winnt", empty);
+    m_machine.infFolder = simulation().GetFolders().Inf().string() + "\\";
+    m_machine.catalogFolder = simulation().GetFolders().Catalogs().string() + "\\";
+    m_machine.wfpFolder = std::filesystem::path(WfpFolder()).string();
+}
+
+void RemovalFaults::TakeCleanRoad() {
+    m_machine.hasService = true;
+    m_machine.hasFilter = true;
+    m_machine.infs = {{"oem1.inf", "qbimvta"}, {"oem2.inf", "qbimwfp"}, {"oem3.inf", ""}};
+    m_restore = [this] { InstallDrivers(); };
+    FailEachPlace();
+}
+
+void RemovalFaults::TakeRoadByHand() {
+    m_machine.hasService = true;
+    m_machine.infRemovesService = false;
+    m_machine.hasFilter = true;
+    m_machine.hasUninstallOemInf = false;
+    m_machine.infs = {{"oem1.inf", "qbimvta", true}, {"oem2.inf", "qbimwfp"}, {"oem3.inf", ""}};
+    simulation().GetSetup().Lack("SetupUninstallOEMInfW");
+    simulation().GetFilesInUse().Hold(simulation().GetFolders().Inf() / L"oem1.inf");
+    m_restore = [this] {
+        InstallDrivers();
+        simulation().GetSetup().onInstallSection = nullptr;
+    };
+    FailEachPlace();
+}
+
+void RemovalFaults::TakeOrphanRoad() {
+    m_machine.hasHealthFiles = false;
+    m_machine.hasMiniport = true;
+    m_machine.miniportKey = {{"QBIMVTA_MP", {{"0000", {{"Control", {}}}}, {"0001", {}}}}};
+    m_machine.keyIsProtected = true;
+    (void)Uninstall();  // of what is installed at first; what it left is not wanted either
+    std::filesystem::remove(simulation().GetFolders().Inf() / L"oem3.inf");
+    PutOrphan();
+    simulation().GetNetwork().Put({.id = L"QBIMVTA_MP", .deInstallsUntilGone = 0});
+    m_restore = [this] { RestoreRegistry(); };
+    FailEachPlace();
+}
+
+void RemovalFaults::RestoreRegistry() {
+    simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, std::wstring(kMiniportKey) + L"\\0000\\Control");
+    simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, std::wstring(kMiniportKey) + L"\\0001");
+    simulation().GetSecurity().ProtectKey(kMiniportKey);
+    simulation().GetSecurity().WithholdPrivilege(Simulator::kTakeOwnership);
+    simulation().GetSecurity().GrantPrivilege(Simulator::kTakeOwnership);
+}
+
+void RemovalFaults::FailEachPlace() {
+    m_restore();
+    (void)Uninstall();  // libraries that stay are loaded once per process
+    const Expectation road = ExpectRemoval(m_machine, {}, true);
+    FailPlace({});
+    ASSERT_FALSE(HasFailure()) << "the road itself is not as expected";
+    std::map<std::string, unsigned> counts;
+    for (const std::string &function : road.calls) {
+        const unsigned nth = ++counts[function];
+        // Without its event nothing can watch the worker: told apart.
+        if (kCannotFail.count(function) != 0 || function == "CreateEventW")
+            continue;
+        ASSERT_EQ(kLikelyCodes.count(function), 1U) << function;
+        FailPlace({function, nth, AccessDenied(function)});
+        for (const DWORD code : kLikelyCodes.at(function))
+            FailPlace({function, nth, code});
+        ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
+            << "too much is wrong";
+    }
+    EXPECT_NE(m_places, 0U) << "FAULT_AT names no place of this road";
+    std::cout << "             " << m_places << " places (function, occurrence, code), " << m_runs << " removals\n";
+}
+
+bool RemovalFaults::IsWanted(const Fault &fault) {
+    const char *only = std::getenv("FAULT_AT");
+    return only == nullptr || fault.nth == 0 || Name(fault) == only;
+}
+
+void RemovalFaults::FailPlace(const Fault &fault) {
+    if (!IsWanted(fault))
+        return;
+    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
+    SCOPED_TRACE("again with FAULT_AT=" + Name(fault) + " --gtest_filter=RemovalFaults." + test);
+    m_places += fault.nth != 0 ? 1 : 0;
+
+    Expectation expected = ExpectRemoval(m_machine, fault, true);
+    expected.failedStep = Expectation::kNoStep;  // a script never hears of these two
+    expected.rebootRequired = false;
+    EXPECT_EQ(Describe(RunByScript(fault), fault), Describe(expected, fault)) << "by a script";
+
+    expected = ExpectRemoval(m_machine, fault, false);
+    EXPECT_EQ(Describe(RunInTest(fault), fault), Describe(expected, fault)) << "in the test";
+}
+
+Expectation RemovalFaults::Observe(const Fault &fault, const std::function<void(Expectation &)> &run) {
+    ++m_runs;
+    m_restore();
+    (void)log.Take();
+    (void)simulation().GetJournal().Take();
+    const Simulator::BalanceSnapshot before = balance().Take();
+    Simulator::FaultPlanHandle plan;
+    if (fault.nth != 0)
+        plan = simulation().GetFaults().FailNth(fault.function, fault.nth, fault.code);
+    Expectation observed;
+    run(observed);
+    observed.isHit = plan && plan->Hit();
+    simulation().GetFaults().Clear();
+    for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take()) {
+        if (kUnordered.count(entry.function) == 0)
+            observed.calls.push_back(entry.function);
+    }
+    const std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
+    ObserveMachine(observed.machine);
+    observed.left = TakeBack(left);
+    simulation().GetNetwork().Use([](auto &state) { state.lock.reset(); });
+    return observed;
+}
+
+Expectation RemovalFaults::RunByScript(const Fault &fault) {
+    return Observe(fault, [this](Expectation &observed) {
+        const Removal removal = Uninstall();
+        observed.result = removal.result;
+        observed.log = PlainLog(removal.log);
+        for (const std::string &event : removal.events)
+            observed.events.push_back(PlainEvent(event));
+        observed.notices = Texts(removal.notifications);
+    });
+}
+
+Expectation RemovalFaults::RunInTest(const Fault &fault) {
+    return Observe(fault, [this](Expectation &observed) {
+        const ProbeResult probe = RunRemovalInTest(dom, WfpFolder());
+        observed.result = probe.result;
+        observed.failedStep = probe.failedStep;
+        observed.rebootRequired = probe.rebootRequired;
+        observed.log = PlainLog(log.Take());
+        for (const VtaCore::Control::Event &event : VtaCore::Control::TakeEvents())
+            observed.events.push_back(PlainEvent(std::to_string(event.number) + "|" + event.text.utf8_string()));
+        observed.notices = Texts(VtaCore::Control::TakeNotifications());
+    });
+}
+
+void RemovalFaults::ObserveMachine(ModelMachine &after) {
+    after.hasService = HasService();
+    after.hasFilter = simulation().GetNetwork().Has(L"qbimvta");
+    after.hasMiniport = simulation().GetDevices().Has(L"ROOT\\QBIMVTA_MP\\0001");
+    const std::filesystem::path system = simulation().GetFolders().System32();
+    after.hasHealthFiles = exists(system / L"qbimvtaHC.dat") || exists(system / L"qbimwfpHC.dat");
+    after.isLocked = simulation().GetNetwork().Read().lock.has_value();
+    for (const char *name : {"oem1.inf", "oem2.inf", "oem3.inf"}) {
+        if (HasInf(std::filesystem::path(name).wstring()))
+            after.infs.push_back({name, ""});
+    }
+    const std::wstring root = std::filesystem::path(kMiniportKey).parent_path().wstring() + L"\\";
+    for (const std::string &name : kKeyNames) {
+        if (simulation().GetRegistry().HasKey(HKEY_LOCAL_MACHINE, root + std::filesystem::path(name).wstring()))
+            after.miniportKey.push_back({name, {}});
+    }
+    after.keyIsProtected = simulation().GetSecurity().IsProtected(kMiniportKey);
+    after.administratorsOwnKey = simulation().GetSecurity().Key(kMiniportKey).owner == Simulator::Sid::kAdministrators;
+}
+
+/// Gives back what the removal did not, memory apart. @return how much that was of each kind.
+std::map<std::string, int> RemovalFaults::TakeBack(const std::vector<Simulator::BalanceItem> &items) {
+    static const std::map<std::string, std::function<void(std::uintptr_t)>> closers{
+        {Simulator::Kind::kHandle, [](auto value) { CloseHandle(reinterpret_cast<HANDLE>(value)); }},
+        {Simulator::Kind::kService, [](auto value) { CloseServiceHandle(reinterpret_cast<SC_HANDLE>(value)); }},
+        {Simulator::Kind::kKey, [](auto value) { RegCloseKey(reinterpret_cast<HKEY>(value)); }},
+        {Simulator::Kind::kLibrary, [](auto value) { FreeLibrary(reinterpret_cast<HMODULE>(value)); }},
+        {Simulator::Kind::kFind, [](auto value) { FindClose(reinterpret_cast<HANDLE>(value)); }},
+        {Simulator::Kind::kView, [](auto value) { UnmapViewOfFile(reinterpret_cast<void *>(value)); }},
+        {Simulator::Kind::kDeviceList,
+         [](auto value) { SetupDiDestroyDeviceInfoList(reinterpret_cast<HDEVINFO>(value)); }},
+    };
+    std::map<std::string, int> left;
+    for (const Simulator::BalanceItem &item : items) {
+        if (item.kind == std::string(Simulator::Kind::kBlock))
+            continue;
+        ++left[item.kind];
+        const auto closer = closers.find(item.kind);
+        if (closer != closers.end())
+            closer->second(item.value);
+    }
+    return left;
+}
+
+TEST_F(RemovalFaults, OnTheCleanRoadEndAsTheModelSays) {
+    TakeCleanRoad();
+}
+
+TEST_F(RemovalFaults, OnTheRoadByHandEndAsTheModelSays) {
+    TakeRoadByHand();
+}
+
+TEST_F(RemovalFaults, OnTheRoadOfAnOrphanThatStaysEndAsTheModelSays) {
+    TakeOrphanRoad();
+}
+
+TEST_F(RemovalFaults, ToMakeTheEventEndTheWatchAsAnOverrunStepDoes) {
+    const auto create = simulation().GetFaults().FailNth("CreateEventW", 1, ERROR_NOT_ENOUGH_MEMORY);
+    const auto hung = simulation().GetFaults().HangNth("INetCfg::FindComponent", 1);
+    simulation().GetClock().Step();
+    const Removal removal = UninstallWhile([&] {
+        EXPECT_TRUE(hung->WaitUntilHit(30'000));
+        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));  // the caller, before its first wait
+        AdvanceSeconds(1);
+    });
+    EXPECT_FALSE(removal.result);
+    EXPECT_TRUE(create->Hit());
+    const std::vector<std::string> errors = removal.Lines(wxLOG_Error);
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_EQ(Plain(errors.front()),
+              "CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed: ...");
+}
+
+}  // namespace

@@ -1,0 +1,193 @@
+#include "RemovalRoad.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <stdexcept>
+
+#include "Balance.h"
+#include "ComLibrary.h"
+#include "DeviceManager.h"
+
+namespace {
+
+namespace Kind = Simulator::Kind;
+using Simulator::JournalEntry;
+
+constexpr char kLogsALine[] = "GetSystemTimeAsFileTime";
+constexpr char kEndsAStep[] = "SetEvent";
+
+/// A step that leaves no line in the log, and the call that it begins with.
+struct SilentStep {
+    std::string_view call;
+    std::string_view below;  ///< The step that it begins in; empty for any.
+    std::string_view name;
+};
+constexpr std::array<SilentStep, 4> kSilentSteps{{
+    {"CoCreateInstance", "", "GettingInetCfg"},
+    {"INetCfg::QueryInterface", "GettingInetCfg", "GettingNetworkConfigLock"},
+    {"INetCfg::Uninitialize", "", "ReleasingInetCfg"},
+    {"INetCfgLock::ReleaseWriteLock", "ReleasingInetCfg", "ReleasingNetworkConfigLock"},
+}};
+
+/// A function that makes a thing, or gives it back.
+struct Effect {
+    std::string_view function;
+    std::string_view kind;
+    int change;
+};
+constexpr std::array<Effect, 23> kEffects{{
+    {"CreateFileW", Kind::kHandle, 1},
+    {"CreateFileMappingW", Kind::kHandle, 1},
+    {"OpenProcessToken", Kind::kHandle, 1},
+    {"CloseHandle", Kind::kHandle, -1},
+    {"FindFirstFileW", Kind::kFind, 1},
+    {"FindClose", Kind::kFind, -1},
+    {"MapViewOfFile", Kind::kView, 1},
+    {"UnmapViewOfFile", Kind::kView, -1},
+    {"LoadLibraryW", Kind::kLibrary, 1},
+    {"FreeLibrary", Kind::kLibrary, -1},
+    {"OpenSCManagerW", Kind::kService, 1},
+    {"OpenServiceW", Kind::kService, 1},
+    {"CloseServiceHandle", Kind::kService, -1},
+    {"CoInitializeEx", Kind::kComInitialisation, 1},
+    {"CoUninitialize", Kind::kComInitialisation, -1},
+    {"SetupDiGetClassDevsW", Kind::kDeviceList, 1},
+    {"SetupDiDestroyDeviceInfoList", Kind::kDeviceList, -1},
+    {"RegOpenKeyExW", Kind::kKey, 1},
+    {"RegCloseKey", Kind::kKey, -1},
+    {"AllocateAndInitializeSid", Kind::kSid, 1},
+    {"FreeSid", Kind::kSid, -1},
+    {"SetEntriesInAclW", Kind::kLocalMemory, 1},
+    {"LocalFree", Kind::kLocalMemory, -1},
+}};
+
+/// Reads a removal from its beginning to its end.
+class Reader {
+public:
+    Reader(const std::vector<JournalEntry> &journal, const std::vector<LogLine> &log, DWORD caller)
+        : m_journal(journal), m_caller(caller) {
+        const auto logged = std::count_if(journal.begin(), journal.end(), [caller](const JournalEntry &entry) {
+            return entry.thread != caller && entry.function == kLogsALine;
+        });
+        if (log.size() < static_cast<std::size_t>(logged))
+            throw std::logic_error("the worker has logged lines that the log has not");
+        m_line = log.end() - logged;
+    }
+
+    std::vector<Place> Read() {
+        for (std::size_t i = 0; i < m_journal.size(); ++i) {
+            if (m_journal[i].thread != m_caller)
+                ReadWorkers(i);
+            else
+                ++m_calls[m_journal[i].function];
+        }
+        for (const auto &[kind, count] : m_open) {
+            if (count != 0)
+                throw std::logic_error("not all was given back: " + kind);
+        }
+        if (!m_steps.empty() || m_locked)
+            throw std::logic_error("a step, or the write lock, has no end");
+        return m_places;
+    }
+
+private:
+    void ReadWorkers(std::size_t index) {
+        const std::string &function = m_journal[index].function;
+        if (function == kLogsALine)
+            return ReadLine((m_line++)->text);
+        if (function == kEndsAStep)
+            return EndStep();
+        for (const SilentStep &silent : kSilentSteps) {
+            if (function == silent.call && (silent.below.empty() || Top() == silent.below))
+                StartStep(std::string(silent.name));
+        }
+        m_places.push_back({function, ++m_calls[function], Top(), LimitsOfRemoval().at(Top()), m_open, m_locked});
+        Count(index);
+    }
+
+    void ReadLine(const std::string &line) {
+        const std::size_t begin = line.find_first_not_of(' ');
+        if (begin != line.npos && line[begin] == '>')
+            StartStep(line.substr(begin + 1, line.find('.') - begin - 1));
+    }
+
+    void StartStep(const std::string &name) { m_steps.push_back(name); }
+
+    void EndStep() {
+        (void)Top();
+        m_steps.pop_back();
+    }
+
+    const std::string &Top() const {
+        if (m_steps.empty())
+            throw std::logic_error("the worker goes on behind its last step");
+        return m_steps.back();
+    }
+
+    void Count(std::size_t index) {
+        const std::string &function = m_journal[index].function;
+        for (const Effect &effect : kEffects) {
+            if (effect.function == function && !FailsToOpen(index))
+                m_open[std::string(effect.kind)] += effect.change;
+        }
+        if (function == "INetCfgLock::AcquireWriteLock")
+            m_locked = true;
+        else if (function == "INetCfgLock::ReleaseWriteLock")
+            m_locked = false;
+    }
+
+    /// A service that isn't there any more: the next handle that is closed is the manager's.
+    bool FailsToOpen(std::size_t index) const {
+        const JournalEntry &opening = m_journal[index];
+        if (opening.function != "OpenServiceW")
+            return false;
+        const auto closing =
+            std::find_if(m_journal.begin() + static_cast<std::ptrdiff_t>(index), m_journal.end(),
+                         [](const JournalEntry &entry) { return entry.function == "CloseServiceHandle"; });
+        return closing != m_journal.end() && opening.arguments.starts_with(closing->arguments + ",");
+    }
+
+    const std::vector<JournalEntry> &m_journal;
+    const DWORD m_caller;
+    std::vector<LogLine>::const_iterator m_line;
+    std::vector<std::string> m_steps{"ThreadRunning"};  // by the caller
+    std::map<std::string, unsigned> m_calls;
+    std::map<std::string, int> m_open;
+    bool m_locked = false;
+    std::vector<Place> m_places;
+};
+
+}  // namespace
+
+const std::map<std::string, std::uint64_t> &LimitsOfRemoval() {
+    static const std::map<std::string, std::uint64_t> limits{
+        {"ThreadRunning", 3'600'000},
+        {"ApplyingInetCfgChanges", 300'000},
+        {"CheckingIfStillInstalled", 60'000},
+        {"CleaningUpOrphans", 180'000},
+        {"FindingComponent", 15'000},
+        {"GettingClassGUID", 10'000},
+        {"GettingInetCfg", 10'000},
+        {"GettingINetCfgClass", 10'000},
+        {"GettingINetCfgClassSetup", 10'000},
+        {"GettingNetworkConfigLock", 30'000},
+        {"ReleasingInetCfg", 10'000},
+        {"ReleasingNetworkConfigLock", 10'000},
+        {"RemovingInfFiles", 300'000},
+        {"UninstallingDriver", 600'000},
+        {"UninstallingWfpCalloutDriver", 300'000},
+    };
+    return limits;
+}
+
+std::vector<std::string_view> KindsInJournals() {
+    std::set<std::string_view> kinds;
+    for (const Effect &effect : kEffects)
+        kinds.insert(effect.kind);
+    return {kinds.begin(), kinds.end()};
+}
+
+std::vector<Place> PlacesOf(const std::vector<JournalEntry> &journal, const std::vector<LogLine> &log, DWORD caller) {
+    return Reader(journal, log, caller).Read();
+}

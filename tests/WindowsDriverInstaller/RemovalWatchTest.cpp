@@ -1,0 +1,151 @@
+// The watcher of a removal: how it comes to its end when no step overruns, or when more goes wrong than that.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <wx/log.h>
+
+#include "HungRemoval.h"
+
+namespace {
+
+using Simulator::InsideSimulator;
+
+/// Takes the log over from the fixture, with the codes that belong to the lines.
+class CodedLog : public wxLog {
+public:
+    struct Line {
+        std::string text;
+        wxUIntPtr code;
+        bool operator==(const Line &) const = default;
+    };
+
+    CodedLog() : m_before(SetActiveTarget(this)) {}
+    ~CodedLog() override { SetActiveTarget(m_before); }
+    CodedLog(const CodedLog &) = delete;
+    CodedLog &operator=(const CodedLog &) = delete;
+
+    [[nodiscard]] const std::vector<Line> &Errors() const { return m_errors; }
+    [[nodiscard]] const std::vector<std::string> &Infos() const { return m_infos; }
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) override {
+        wxUIntPtr code = 0;
+        (void)info.GetNumValue("wx.sys_error", &code);
+        if (level == wxLOG_Error)
+            m_errors.push_back({message.utf8_string(), code});
+        else if (level == wxLOG_Info)
+            m_infos.push_back(message.utf8_string());
+    }
+
+private:
+    wxLog *const m_before;
+    std::vector<Line> m_errors;
+    std::vector<std::string> m_infos;
+};
+
+class RemovalWatch : public HungRemoval {
+protected:
+    /// How often this thread has called the function since the removal began.
+    std::size_t CallsOfMine(const std::string &function) {
+        const auto calls = simulation().GetJournal().Entries();
+        return static_cast<std::size_t>(std::count_if(calls.begin(), calls.end(), [&function](const auto &entry) {
+            return entry.thread == GetCurrentThreadId() && entry.function == function;
+        }));
+    }
+
+    /// An orphan that stays although its component is de-installed, which takes so long each time.
+    void PutSlowOrphan(DWORD deInstallMs) {
+        RemoveDrivers();
+        PutOrphan();
+        simulation().GetNetwork().Put({.id = L"QBIMVTA_MP", .deInstallsUntilGone = 0});
+        simulation().GetFaults().DelayEvery("INetCfgClassSetup::DeInstall", deInstallMs);
+    }
+};
+
+TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Milliseconds) {
+    const int objects = VtaCore::Control::LiveObjects();
+    const auto sleep = simulation().GetFaults().HangNth("Sleep", 1);
+    bool ended = false;
+    const Removal removal = UninstallWhile([&] {
+        ended = AwaitEndOfWorker();
+        sleep->Release();
+    });
+    EXPECT_TRUE(ended);
+    EXPECT_TRUE(removal.result);
+    EXPECT_EQ(CallsOfMine("Sleep"), 1U);
+    EXPECT_EQ(CallsOfMine("WaitForSingleObject"), 0U);
+    EXPECT_EQ(removal.tookMs, 100U);
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+}
+
+TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
+    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE);
+    const CodedLog coded;
+    const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
+    EXPECT_TRUE(hang.met);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_TRUE(hang.killed);
+    EXPECT_EQ(hang.removal.tookMs, 100U);
+    ASSERT_EQ(coded.Errors().size(), 1U);
+    EXPECT_TRUE(coded.Errors()[0].text.starts_with(
+        "CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:"));
+    EXPECT_EQ(coded.Errors()[0].code, wxUIntPtr{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(std::count_if(coded.Infos().begin(), coded.Infos().end(),
+                            [](const std::string &line) { return line.starts_with("Stack trace:\n[00] "); }),
+              1);
+}
+
+TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps) {
+    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE);
+    const Hang hang = HangIn("ControlService", 1, 3'600'000);
+    EXPECT_TRUE(hang.met);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_FALSE(hang.killed);
+    EXPECT_EQ(hang.Stacks(), std::vector<std::string>{});
+    EXPECT_EQ(hang.removal.tookMs, 100U);
+    EXPECT_TRUE(hang.ended);
+    EXPECT_TRUE(hang.destroyed);
+}
+
+TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheHourIsUp) {
+    const Hang hang = HangIn("ControlService", 1, 3'600'000);
+    EXPECT_TRUE(hang.waitedToTheEnd);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_FALSE(hang.killed);
+    EXPECT_EQ(hang.Stacks(), std::vector<std::string>{});
+    EXPECT_EQ(hang.removal.tookMs, 3'600'000U);
+    EXPECT_TRUE(hang.ended);
+    EXPECT_TRUE(hang.destroyed);
+    EXPECT_FALSE(HasService()) << "the worker does its work to the end";
+}
+
+TEST_F(RemovalWatch, LogsTheStackOnlyIfVerbose) {
+    wxLog::SetVerbose(false);
+    const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
+    EXPECT_TRUE(hang.killed);
+    EXPECT_EQ(hang.removal.Lines(wxLOG_Info), std::vector<std::string>{});
+}
+
+TEST_F(RemovalWatch, CountsWhatTheStepsOfAnOrphanHaveTakenTogether) {
+    PutSlowOrphan(100'000);
+    const Hang hang = HangIn("SetupDiGetClassDevsW", 3, 200'100);
+    EXPECT_TRUE(hang.met);
+    EXPECT_FALSE(hang.waitedToTheEnd);
+    EXPECT_EQ(hang.removal.tookMs, 200'100U);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_TRUE(hang.killed);
+    EXPECT_EQ(hang.Stacks().size(), 1U);
+}
+
+TEST_F(RemovalWatch, GivesTheNextStepOfAnOrphanTheRestOfTheTime) {
+    PutSlowOrphan(89'000);
+    const Hang hang = HangIn("SetupDiGetClassDevsW", 3, 180'000);
+    EXPECT_TRUE(hang.met);
+    EXPECT_TRUE(hang.waitedToTheEnd);
+    EXPECT_EQ(hang.removal.tookMs, 180'000U);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_TRUE(hang.killed);
+}
+
+}  // namespace
