@@ -128,7 +128,7 @@ TEST_F(InterruptWorkaround, Version62AsksTheRegistry) {
                                            {L"10.0", L"20348", true, false},
                                            {L"10.0", L"text", false, false},
                                            {L"10.0", L"-5", false, false},
-                                           {L"10.-1", L"17763", false, false},
+                                           {L"10.-1", L"16298", false, false},
                                            {L"-1.0", L"17763", false, false},
                                            {L"10.1", L"17763", true, false},
                                            {L"11.0", L"17763", true, false},

@@ -192,11 +192,45 @@ TEST(HostFault, DelaysACall) {
     )");
 }
 
+TEST(HostFault, DelaysAndFailsACallByTwoFaults) {
+    (void)RunRemovalScript(R"(
+        require "fc"
+        machine.put_service("qbimwfp", "stopped")
+        host.fault { call = "StartServiceW", delay = 0.3 }
+        host.fault { call = "StartServiceW", nth = 1, fail = 5 }
+        local begin = host.time()
+        assert(not SLB.filter.StartWFPDriver(true))
+        assert(host.time() - begin >= 0.29)
+    )");
+}
+
+TEST(HostFault, ConcernsAllCallsOfTheSystemAlsoWithoutASimulatedClock) {
+    const HostRun run = RunScript(R"(
+        for _, call in ipairs { "INetCfg::EnumComponents", "INetCfgComponent::GetId", "Sleep", "GlobalMemoryStatusEx" } do
+            host.fault { call = call, delay = 0 }
+        end
+        require "fc"
+        host.machine.put_service("qbimwfp", "running")
+        host.fault { call = "GetTickCount", delay = 0.3 }
+        local begin = host.time()
+        assert(SLB.filter.StopWFPDriver(true))
+        assert(host.time() - begin >= 0.29)
+    )");
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+}
+
 TEST(HostFault, RefusesWhatItCannotDo) {
     (void)RunRemovalScript(R"(
         refused("no call of that name is simulated: OpenSCManager", host.fault, { call = "OpenSCManager", fail = 5 })
         refused("no call of that name is simulated: INetCfg::Go", host.fault, { call = "INetCfg::Go", fail = 5 })
-        refused("fail, hang or delay expected", host.fault, { call = "INetCfg::Apply" })
+        refused("no call of that name is simulated: INetCfg::AddRef", host.fault, { call = "INetCfg::AddRef", fail = 5 })
+        local one = "one of fail, hang and delay expected"
+        refused(one, host.fault, { call = "INetCfg::Apply" })
+        refused(one, host.fault, { call = "INetCfg::Apply", hang = false })
+        refused(one, host.fault, { call = "INetCfg::Apply", fail = 5, delay = 1 })
+        refused(one, host.fault, { call = "INetCfg::Apply", fail = 0, hang = true })
+        refused(one, host.fault, { call = "INetCfg::Apply", delay = 1, hang = true })
+        refused("field 'nth': calls are counted from 1", host.fault, { call = "INetCfg::Apply", nth = 0, fail = 5 })
         refused("there is no field 'error'", host.fault, { call = "INetCfg::Apply", error = 5 })
         refused("field 'fail': number out of range", host.fault, { call = "INetCfg::Apply", fail = -1 })
         refused("field 'nth': whole number", host.fault, { call = "INetCfg::Apply", nth = 1.5, fail = 5 })

@@ -8,6 +8,8 @@
 #include <lua.hpp>
 #include <windows.h>
 
+#include "Faults.h"
+#include "FunctionSet.h"
 #include "HostProcess.h"
 #include "SimulatorTestSupport.h"
 
@@ -126,4 +128,49 @@ TEST(HostSimulatedSystem, PutsTheMachineBesideASimulatedClock) {
     readTime(&time);
     const ULARGE_INTEGER intervals{{time.dwLowDateTime, time.dwHighDateTime}};
     EXPECT_EQ(intervals.QuadPart / 100'000'000, (11'644'473'600ULL + 1'000'000) / 10);
+}
+
+TEST(HostSimulatedSystem, TellsWhichCallsCanFailBeforeAnythingIsSimulated) {
+    StandIn module(WxLibrary());
+    module.Load();
+    const std::uint64_t real = MemoryOf(module);
+    EXPECT_TRUE(SimulatedSystem::CanFail("StartServiceW"));
+    EXPECT_TRUE(SimulatedSystem::CanFail("INetCfgComponent::GetId"));
+    EXPECT_FALSE(SimulatedSystem::CanFail("StartService"));
+    EXPECT_FALSE(SimulatedSystem::CanFail("INetCfg::AddRef"));
+    EXPECT_FALSE(SimulatedSystem::CanFail(""));
+    EXPECT_EQ(MemoryOf(module), real);
+    SimulatedSystem system;
+    system.UseMachine().memoryTotal = 12345;
+    (void)system.UseFaults().FailEvery("GlobalMemoryStatusEx", ERROR_GEN_FAILURE);
+    EXPECT_EQ(MemoryOf(module), 0U);
+}
+
+TEST(HostSimulatedSystem, EndsWhileItWaitsForCallsThatNeverCome) {
+    SimulatedSystem system;
+    system.StartFastClock(1);
+    const auto plan = system.UseFaults().HangEvery("OpenSCManagerW");
+    system.AdvanceWhenHit(plan, 3'600'000);
+    const TestThread end([&system] { system.End(); });
+    EXPECT_TRUE(end.Join(10'000));
+}
+
+TEST(HostSimulatedSystem, StaysFastUntilTheLastOfTwoHangsHasHadItsTime) {
+    StandIn module(WxLibrary());
+    module.Load();
+    SimulatedSystem system;
+    system.StartFastClock(1);
+    Simulator::Faults &faults = system.UseFaults();
+    const auto first = faults.HangEvery("GetTickCount64");
+    const auto second = faults.HangEvery("GlobalMemoryStatusEx");
+    system.AdvanceWhenHit(first, 1'000);
+    system.AdvanceWhenHit(second, 600'000);
+    const auto wait = module.Imported(&::Sleep, "Sleep");
+    ASSERT_NE(wait, nullptr);
+    const TestThread hangs([&second] { second->Hang(); });
+    const TestThread hangsToo([&first] { first->Hang(); });
+    const ULONGLONG begin = GetTickCount64();
+    wait(300'000);
+    EXPECT_LT(GetTickCount64() - begin, 30'000U) << "five minutes pass in a second, though the first hang is over";
+    faults.Clear();
 }

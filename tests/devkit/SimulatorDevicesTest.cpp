@@ -17,11 +17,6 @@ using namespace SimulatorTest;
 
 namespace {
 
-/// What a call made of it.
-DWORD ErrorOf(BOOL result) {
-    return result ? ERROR_SUCCESS : GetLastError();
-}
-
 constexpr DWORD kSuccess = ERROR_SUCCESS;
 
 /// This program on a machine without devices.

@@ -96,6 +96,17 @@ TEST(Faults, HangsUntilThePlanIsReleased) {
     EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
 }
 
+TEST(Faults, WakeThoseWhoWaitForAHitWhenThePlanIsReleased) {
+    Faults faults;
+    const auto plan = faults.HangEvery("f");
+    bool hit = true;
+    const SimulatorTest::TestThread thread([&] { hit = plan->WaitUntilHit(INFINITE); });
+    EXPECT_TRUE(thread.Runs());
+    plan->Release();
+    ASSERT_TRUE(thread.Join(5'000));
+    EXPECT_FALSE(hit);
+}
+
 TEST(Faults, ReleasesHungCallsAloneByReleaseHung) {
     Faults faults;
     (void)faults.FailEvery("f", 5);

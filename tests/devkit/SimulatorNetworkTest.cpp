@@ -1,5 +1,6 @@
 #include "NetworkConfiguration.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,52 @@ TEST_F(SimulatedNetwork, InitializesAndAppliesWithTheResultsItIsGiven) {
     EXPECT_EQ(LockOf(engine)->AcquireWriteLock(0, L"test", nullptr), S_OK);
     EXPECT_EQ(engine->Initialize(nullptr), S_OK);
     EXPECT_EQ(engine->Apply(), NETCFG_S_REBOOT);
+}
+
+TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
+    network.Put({.id = L"filter"});
+    const ComPtr<INetCfg> engine = CreateInitialised();
+    const ComPtr<INetCfgLock> lock = LockOf(engine);
+    const ComPtr<INetCfgClassSetup> setup = SetupOf(engine);
+    const ComPtr<INetCfgComponent> component = Find(engine, L"filter");
+    ComPtr<INetCfgClass> netClass;
+    ASSERT_EQ(setup.As(&netClass), S_OK);
+    (void)journal().Take();
+
+    for (IUnknown *object :
+         std::initializer_list<IUnknown *>{engine.Get(), lock.Get(), netClass.Get(), setup.Get(), component.Get()})
+        (void)object->QueryInterface(IID_IUnknown, nullptr);
+    (void)engine->Initialize(nullptr);
+    (void)engine->Apply();
+    (void)engine->Cancel();
+    (void)engine->EnumComponents(nullptr, nullptr);
+    (void)engine->FindComponent(nullptr, nullptr);
+    (void)engine->QueryNetCfgClass(nullptr, IID_INetCfgClass, nullptr);
+    (void)engine->Uninitialize();
+    (void)lock->AcquireWriteLock(0, nullptr, nullptr);
+    (void)lock->IsWriteLocked(nullptr);
+    (void)lock->ReleaseWriteLock();
+    (void)netClass->FindComponent(nullptr, nullptr);
+    (void)netClass->EnumComponents(nullptr);
+    (void)setup->SelectAndInstall(nullptr, nullptr, nullptr);
+    (void)setup->Install(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
+    (void)setup->DeInstall(nullptr, nullptr, nullptr);
+    (void)component->GetDisplayName(nullptr);
+    (void)component->SetDisplayName(nullptr);
+    (void)component->GetHelpText(nullptr);
+    (void)component->GetId(nullptr);
+    (void)component->GetCharacteristics(nullptr);
+    (void)component->GetInstanceGuid(nullptr);
+    (void)component->GetPnpDevNodeId(nullptr);
+    (void)component->GetClassGuid(nullptr);
+    (void)component->GetBindName(nullptr);
+    (void)component->GetDeviceStatus(nullptr);
+    (void)component->OpenParamKey(nullptr);
+    (void)component->RaisePropertyUi(nullptr, 0, nullptr);
+
+    const std::vector<std::string> called = journal().Names();
+    EXPECT_EQ(std::set<std::string>(NetworkMethods().begin(), NetworkMethods().end()),
+              std::set<std::string>(called.begin(), called.end()));
 }
 
 TEST_F(SimulatedNetwork, IsInTheJournalCallByCall) {

@@ -16,11 +16,6 @@ using namespace SimulatorTest;
 
 namespace {
 
-/// What a call of the service manager made of it.
-DWORD ErrorOf(BOOL result) {
-    return result ? ERROR_SUCCESS : GetLastError();
-}
-
 constexpr DWORD kOpenQuery = SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP;
 
 /// This program on a machine with one service, "driver", that is stopped.

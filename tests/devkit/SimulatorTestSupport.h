@@ -21,6 +21,11 @@ inline HMODULE WxLibrary() {
     return GetModuleHandleW(L"wxbase32u_gcc_custom.dll");
 }
 
+/// What a call that tells of success made of it.
+inline DWORD ErrorOf(BOOL result) {
+    return result ? ERROR_SUCCESS : GetLastError();
+}
+
 /// Null if the module does not import it.
 inline void **FindSlot(HMODULE module, const std::string &function) {
     for (const Simulator::Import &import : Simulator::Imports(module)) {
