@@ -2,7 +2,6 @@
 #include "HostState.h"
 
 #include <cstring>
-#include <exception>
 #include <filesystem>
 
 #include <netcfgx.h>
@@ -42,17 +41,10 @@ DWORD CheckState(lua_State *L, int index) {
     return SERVICE_STOPPED;  // not reached
 }
 
-/// Works on the installation. The work must not raise Lua errors.
-/// @return false with an error on the stack, where something was thrown.
+/// See Guarded.
 template <typename Work>
 [[nodiscard]] bool WithInstallation(lua_State *L, const Work &work) {
-    try {
-        work(HostOf(L).system.UseInstallation());
-        return true;
-    } catch (const std::exception &error) {
-        (void)PushText(L, error.what());
-        return false;
-    }
+    return Guarded(L, [&] { work(HostOf(L).system.UseInstallation()); });
 }
 
 /// The same for functions that yield nothing.

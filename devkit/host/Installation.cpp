@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <string_view>
 #include <system_error>
 
 #include <windows.h>
 
-#include "FunctionSet.h"
 #include "Text.h"
-#include "WindowsFunctions.h"
 
 namespace {
 
@@ -81,26 +79,19 @@ std::vector<std::string> FileNames(const std::filesystem::path &folder) {
 
 }  // namespace
 
-bool IsNetworkMethod(std::string_view call) {
-    return std::find(std::begin(kNetworkMethods), std::end(kNetworkMethods), call) != std::end(kNetworkMethods);
-}
-
 Installation::Installation() {
     m_setup.onInstallSection = [this](const std::wstring &command) { InstallSection(m_services, command); };
 }
 
 void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core) {
-    InstallRegistry(functions);
-    InstallFiles(functions);
-    InstallFilesInUse(functions, m_filesInUse);
-    InstallFolders(functions, m_folders);
-    InstallServices(functions, m_services);
-    InstallSecurity(functions, m_security);
-    InstallProtectedKeys(functions, m_security, m_registry);
-    InstallSetupLibrary(functions, m_setup, &m_folders);
-    InstallCom(functions, m_network.com);
-    InstallDevices(functions, m_network.devices);
-    InstallNetwork(functions, core, m_network.com, m_network.configuration);
+    Install(functions, core,
+            {.registry = &m_registry,
+             .folders = &m_folders,
+             .filesInUse = &m_filesInUse,
+             .services = &m_services,
+             .security = &m_security,
+             .setup = &m_setup,
+             .network = &m_network});
 }
 
 void Installation::PutComponent(const Simulator::NetworkComponent &component) {

@@ -5,39 +5,10 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "FilesInUse.h"
-#include "RegistrySandbox.h"
-#include "Security.h"
-#include "ServiceManager.h"
-#include "SetupLibrary.h"
-#include "Simulation.h"
-#include "SystemFolders.h"
-
-/// The methods of the network configuration, which are simulated like functions.
-constexpr const char *kNetworkMethods[] = {
-    "INetCfg::QueryInterface",
-    "INetCfg::Initialize",
-    "INetCfg::Uninitialize",
-    "INetCfg::Apply",
-    "INetCfg::Cancel",
-    "INetCfg::FindComponent",
-    "INetCfg::QueryNetCfgClass",
-    "INetCfgLock::QueryInterface",
-    "INetCfgLock::AcquireWriteLock",
-    "INetCfgLock::ReleaseWriteLock",
-    "INetCfgLock::IsWriteLocked",
-    "INetCfgClass::QueryInterface",
-    "INetCfgClass::FindComponent",
-    "INetCfgClassSetup::QueryInterface",
-    "INetCfgClassSetup::DeInstall",
-    "INetCfgComponent::QueryInterface",
-    "INetCfgComponent::GetClassGuid",
-};
-bool IsNetworkMethod(std::string_view call);
+#include "InstalledParts.h"
 
 /// What is there at a time, in UTF-8. Of devices, services and keys: those that Put has made.
 struct Inventory {

@@ -1,6 +1,7 @@
 // Between Lua, whose errors jump over C++ frames, and objects that have destructors.
 #pragma once
 
+#include <exception>
 #include <string_view>
 
 #include <lua.hpp>
@@ -23,6 +24,19 @@ template <typename Build>
 /// PushProtected for a text.
 [[nodiscard]] inline bool PushText(lua_State *L, std::string_view text) {
     return PushProtected(L, [text](lua_State *state) { lua_pushlstring(state, text.data(), text.size()); });
+}
+
+/// Does work that may throw, and that must not raise Lua errors.
+/// @return false with an error on the stack, where something was thrown.
+template <typename Work>
+[[nodiscard]] bool Guarded(lua_State *L, const Work &work) {
+    try {
+        work();
+        return true;
+    } catch (const std::exception &error) {
+        (void)PushText(L, error.what());
+        return false;
+    }
 }
 
 /// The text argument at the index; raises the Lua library's error where it is none.

@@ -4,13 +4,14 @@
 #include <cmath>
 #include <optional>
 #include <set>
+#include <span>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include <windows.h>
 
 #include "Clock.h"
+#include "FastForward.h"
 #include "FunctionSet.h"
 #include "ImportTable.h"
 #include "Installation.h"
@@ -20,8 +21,6 @@ namespace {
 
 constexpr wchar_t kModule[] = L"fc.dll";
 constexpr const wchar_t *kLoadedLibraries[] = {L"vta_core.dll", L"lua52.dll"};
-/// How many times faster than in reality time runs that is to pass at once.
-constexpr unsigned kCatchUpSpeed = 300;
 /// The library's whole name tells how it was built.
 constexpr std::string_view kWxPrefix = "wxbase";
 
@@ -38,6 +37,7 @@ struct SimulatedSystem::Parts {
     std::shared_ptr<Simulator::Core> core = std::make_shared<Simulator::Core>();
     Simulator::MappedPaths paths;
     std::optional<Installation> installation;
+    std::optional<FastForward> fastForward;  // ends after the functions, which let its threads go
     Simulator::FunctionSet functions{core};
 };
 
@@ -54,7 +54,7 @@ SimulatedSystem::Parts &SimulatedSystem::Use() {
 void SimulatedSystem::PutUnderModule() {
     for (const std::string &function : m_parts->functions.Names())
         m_parts->core->journal.Mute(function);  // nobody reads it here, and a script may run for days
-    for (const char *method : kNetworkMethods)
+    for (const char *method : Simulator::NetworkMethods())
         m_parts->core->journal.Mute(method);
     m_parts->functions.AttachWhenLoaded(kModule);
     m_parts->functions.Attach(GetModuleHandleW(kModule));
@@ -70,7 +70,7 @@ void SimulatedSystem::StartFastClock(unsigned factor) {
     for (const wchar_t *library : kLoadedLibraries)
         parts.functions.Attach(GetModuleHandleW(library), clockFunctions);
     PutUnderModule();
-    m_clockSpeed = factor;
+    parts.fastForward.emplace(parts.core, factor);
     parts.core->clock.RunFast(factor);
 }
 
@@ -84,14 +84,7 @@ void SimulatedSystem::SetWallClock(std::int64_t seconds) {
 }
 
 void SimulatedSystem::AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds) {
-    const auto advance = [=, plan = std::move(plan), core = m_parts->core, speed = m_clockSpeed] {
-        if (!plan->WaitUntilHit(INFINITE))
-            return;
-        core->clock.RunFast(std::max(speed, kCatchUpSpeed));
-        core->clock.SleepFor(milliseconds);
-        core->clock.RunFast(speed);
-    };
-    std::thread(advance).detach();  // nobody knows whether there will be such a call
+    m_parts->fastForward->WhenHit(std::move(plan), milliseconds);
 }
 
 Simulator::Machine &SimulatedSystem::UseMachine() {
@@ -107,6 +100,8 @@ Installation &SimulatedSystem::UseInstallation() {
     Parts &parts = Use();
     if (!parts.installation) {
         (void)UseMachine();
+        if (!m_hasClock)
+            Simulator::InstallClock(parts.functions, parts.core->clock);  // as the real one
         parts.installation.emplace();
         parts.installation->PutUnder(parts.functions, parts.core);
         PutUnderModule();
@@ -119,8 +114,10 @@ Simulator::Faults &SimulatedSystem::UseFaults() {
     return m_parts->core->faults;
 }
 
-bool SimulatedSystem::IsSimulated(const std::string &call) const {
-    return IsNetworkMethod(call) || (m_parts != nullptr && m_parts->functions.Knows(call));
+bool SimulatedSystem::CanFail(std::string_view call) {
+    const std::span<const char *const> methods = Simulator::NetworkMethods();
+    return Simulator::ReplaceableFunctions().count(call) != 0 ||
+           std::find(methods.begin(), methods.end(), call) != methods.end();
 }
 
 void SimulatedSystem::MapPath(const std::wstring &from, const std::wstring &folder) {

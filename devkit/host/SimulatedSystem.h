@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Machine.h"
 
@@ -29,9 +30,7 @@ public:
     /// Sets what of the simulated clock is read as the time of day, also backwards; sleeps and waits do not notice.
     /// @param seconds  since 1970, UTC.
     void SetWallClock(std::int64_t seconds);
-    /// Puts the simulated clock forward as soon as a call has met the plan. Those who work out a deadline at that very
-    /// time are not to miss it: so time does not leap, it runs fast for a while.
-    /// @param milliseconds  of simulated time.
+    /// See FastForward::WhenHit; for real time there is none.
     void AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
     const Simulator::Machine &GetMachine() const { return m_machine; }
@@ -41,10 +40,11 @@ public:
     /// What is installed. From the first use on, fc.dll runs on it, and on the machine.
     /// @throws std::exception  if its registry or its folders can't be made.
     Installation &UseInstallation();
-    /// The same for its faults. They concern the calls that IsSimulated knows.
+    /// The same for its faults. They concern the calls that CanFail knows.
     Simulator::Faults &UseFaults();
+    /// Whether a simulated system has the call, whatever of it is simulated by now.
     /// @param call  a function, or a method such as "INetCfg::Apply".
-    bool IsSimulated(const std::string &call) const;
+    static bool CanFail(std::string_view call);
 
     /// From now on, fc.dll finds in the folder what lies at or below the path.
     void MapPath(const std::wstring &from, const std::wstring &folder);
@@ -60,7 +60,6 @@ private:
     Simulator::Machine m_machine;  // the functions in m_parts look at it until they are gone
     std::unique_ptr<Parts> m_parts;
     bool m_hasClock = false;
-    unsigned m_clockSpeed = 1;
     bool m_hasMachine = false;
     bool m_hasPaths = false;
 };

@@ -1,4 +1,4 @@
-// What watched modules have made and not given back: memory, handles, registry keys, libraries, files, queries.
+// What watched modules have made and not given back: the kinds below, and those of the models.
 #pragma once
 
 #include <algorithm>

@@ -18,6 +18,9 @@ public:
     [[nodiscard]] bool IsSet() const { return Wait(0); }
     /// @param timeoutMs  real milliseconds, or INFINITE.
     bool Wait(DWORD timeoutMs) const;
+    /// The same until either is set.
+    /// @return whether this one is.
+    bool WaitUnless(const Event &other, DWORD timeoutMs) const;
 
 private:
     HANDLE m_event;
@@ -35,6 +38,12 @@ inline Event::~Event() {
 
 inline void Event::Set() {
     SetEvent(m_event);
+}
+
+inline bool Event::WaitUnless(const Event &other, DWORD timeoutMs) const {
+    const InsideSimulator inside;
+    const HANDLE both[] = {m_event, other.m_event};
+    return WaitForMultipleObjects(2, both, FALSE, timeoutMs) == WAIT_OBJECT_0;
 }
 
 inline bool Event::Wait(DWORD timeoutMs) const {

@@ -33,8 +33,10 @@ public:
     [[nodiscard]] unsigned Hits() const { return m_hits; }
     /// The function of the first call that met the plan; empty before.
     [[nodiscard]] std::string HitFunction() const;
-    /// @param timeoutMs  real milliseconds.
-    [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.Wait(timeoutMs); }
+    /// Waits until a call meets the plan, or until it is released.
+    /// @param timeoutMs  real milliseconds, or INFINITE.
+    /// @return whether a call has met it.
+    [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.WaitUnless(m_released, timeoutMs); }
     /// Hangs the calling thread until the plan is released.
     void Hang();
     /// Ends the plan, and lets go what hangs by it: those calls then do their work.

@@ -1,9 +1,9 @@
 #include "FilesInUse.h"
 
 #include <algorithm>
-#include <cwctype>
 #include <utility>
 
+#include "AnyCase.h"
 #include "FunctionSet.h"
 #include "WindowsFunctions.h"
 
@@ -12,8 +12,8 @@ namespace Simulator {
 namespace {
 
 std::wstring KeyOf(const std::filesystem::path &file) {
-    std::wstring key = file.lexically_normal().make_preferred().wstring();
-    std::transform(key.begin(), key.end(), key.begin(), [](wchar_t c) { return std::towlower(c); });
+    std::wstring key = file.lexically_normal().wstring();
+    std::transform(key.begin(), key.end(), key.begin(), &PathCharacter);
     return key;
 }
 

@@ -11,7 +11,9 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -58,6 +60,9 @@ struct FixedText {
 /// The function of a library that is loaded for it if need be; null if there is none. Keeps the last error.
 [[nodiscard]] FARPROC FindRealFunction(const char *library, const char *function);
 
+/// The names of all functions that this program could put in a FunctionSet.
+[[nodiscard]] std::set<std::string_view> &ReplaceableFunctions();
+
 template <FixedText Name, FixedText Library, class Signature, class FailureValue>
 class Function;
 
@@ -100,6 +105,7 @@ public:
 
     /// Used by FunctionSet.
     static void Begin(const std::shared_ptr<Core> &core) {
+        (void)isListed;
         auto state = std::make_shared<State>();
         state->core = core;
         state->call = &Real;
@@ -130,6 +136,9 @@ private:
         Lock lock;
         std::shared_ptr<State> state;
     };
+
+    /// Set before the program begins, wherever Begin is compiled in.
+    inline static const bool isListed = ReplaceableFunctions().insert(name).second;
 
     /// Never destroyed: replacements may be called while the process ends.
     static Slot &TheSlot() {

@@ -76,6 +76,11 @@ struct LoadNotification {
     }
 };
 
+std::set<std::string_view> &ReplaceableFunctions() {
+    static std::set<std::string_view> names;
+    return names;
+}
+
 Verdict Core::Enter(const std::string &function, bool canFail) {
     Verdict verdict = faults.Ask(function, canFail);
     if (verdict.delayMs != 0)

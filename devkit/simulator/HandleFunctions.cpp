@@ -1,4 +1,5 @@
-// Counts what the functions for handles, keys, files, libraries, performance queries and services make and give back.
+// Counts what functions make and give back: handles, file searches, views, keys, libraries, files, performance queries,
+// service handles, SIDs and access lists.
 #include "Balance.h"
 
 #include "FunctionSet.h"

@@ -2,29 +2,25 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <cwctype>
 
+#include "AnyCase.h"
 #include "CallScope.h"
 
 namespace Simulator {
 
 namespace {
 
-wchar_t Plain(wchar_t c) {
-    return c == L'/' ? L'\\' : static_cast<wchar_t>(std::towlower(c));
-}
-
 /// Whether `path` is at or below `from`.
 bool LiesAt(const wchar_t *path, const std::wstring &from) {
-    const auto same = [](wchar_t a, wchar_t b) { return Plain(a) == Plain(b); };
+    const auto same = [](wchar_t a, wchar_t b) { return PathCharacter(a) == PathCharacter(b); };
     const std::size_t length = std::wcslen(path);
     if (length < from.size() || !std::equal(from.begin(), from.end(), path, same))
         return false;
-    return length == from.size() || Plain(path[from.size()]) == L'\\';
+    return length == from.size() || PathCharacter(path[from.size()]) == L'\\';
 }
 
 std::wstring WithoutLastSlash(std::wstring path) {
-    while (!path.empty() && Plain(path.back()) == L'\\')
+    while (!path.empty() && PathCharacter(path.back()) == L'\\')
         path.pop_back();
     return path;
 }

@@ -9,6 +9,41 @@ namespace Simulator {
 
 namespace {
 
+constexpr const char *kMethods[] = {
+    "INetCfg::QueryInterface",
+    "INetCfg::Initialize",
+    "INetCfg::Uninitialize",
+    "INetCfg::Apply",
+    "INetCfg::Cancel",
+    "INetCfg::EnumComponents",
+    "INetCfg::FindComponent",
+    "INetCfg::QueryNetCfgClass",
+    "INetCfgLock::QueryInterface",
+    "INetCfgLock::AcquireWriteLock",
+    "INetCfgLock::ReleaseWriteLock",
+    "INetCfgLock::IsWriteLocked",
+    "INetCfgClass::QueryInterface",
+    "INetCfgClass::FindComponent",
+    "INetCfgClass::EnumComponents",
+    "INetCfgClassSetup::QueryInterface",
+    "INetCfgClassSetup::SelectAndInstall",
+    "INetCfgClassSetup::Install",
+    "INetCfgClassSetup::DeInstall",
+    "INetCfgComponent::QueryInterface",
+    "INetCfgComponent::GetId",
+    "INetCfgComponent::GetClassGuid",
+    "INetCfgComponent::GetDisplayName",
+    "INetCfgComponent::SetDisplayName",
+    "INetCfgComponent::GetHelpText",
+    "INetCfgComponent::GetCharacteristics",
+    "INetCfgComponent::GetInstanceGuid",
+    "INetCfgComponent::GetPnpDevNodeId",
+    "INetCfgComponent::GetBindName",
+    "INetCfgComponent::GetDeviceStatus",
+    "INetCfgComponent::OpenParamKey",
+    "INetCfgComponent::RaisePropertyUi",
+};
+
 template <class Wanted>
 NetworkComponent *FindFirst(NetworkState &state, Wanted wanted) {
     const auto found = std::find_if(state.components.begin(), state.components.end(), wanted);
@@ -16,6 +51,10 @@ NetworkComponent *FindFirst(NetworkState &state, Wanted wanted) {
 }
 
 }  // namespace
+
+std::span<const char *const> NetworkMethods() {
+    return kMethods;
+}
 
 NetworkComponent *ComponentWithId(NetworkState &state, const std::wstring &id) {
     return FindFirst(state, [&id](const NetworkComponent &component) { return SameInAnyCase(component.id, id); });

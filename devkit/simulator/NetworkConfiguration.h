@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -81,6 +82,9 @@ private:
 /// The first component of that id, in any case; null if there is none. Valid within NetworkConfiguration::Use.
 [[nodiscard]] NetworkComponent *ComponentWithId(NetworkState &state, const std::wstring &id);
 [[nodiscard]] NetworkComponent *ComponentWithKey(NetworkState &state, unsigned key);
+
+/// The names of all methods that are in journal and faults.
+[[nodiscard]] std::span<const char *const> NetworkMethods();
 
 /// Puts the class CLSID_CNetCfg under CoCreateInstance. Of its interfaces there are INetCfg, INetCfgLock, INetCfgClass,
 /// INetCfgClassSetup and INetCfgComponent; of the methods, those that are told where they are declared. The others

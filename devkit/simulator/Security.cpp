@@ -29,10 +29,6 @@ std::wstring Above(const std::wstring &path) {
 
 }  // namespace
 
-bool Security::AnyCase::operator()(const std::wstring &a, const std::wstring &b) const {
-    return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
-}
-
 Security::Security() {
     GrantPrivilege(kTakeOwnership);
 }

@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include "AnyCase.h"
 #include "Lock.h"
 
 namespace Simulator {
@@ -90,16 +91,12 @@ public:
     void DisableAll();
 
 private:
-    struct AnyCase {
-        bool operator()(const std::wstring &a, const std::wstring &b) const;
-    };
-
     [[nodiscard]] bool IsProtectedLocked(const std::wstring &path) const;
     [[nodiscard]] KeySecurity KeyLocked(const std::wstring &path) const;
     [[nodiscard]] bool MayLocked(const std::wstring &path, const Change &change) const;
 
     mutable Lock m_lock;
-    std::map<std::wstring, KeySecurity, AnyCase> m_keys;
+    std::map<std::wstring, KeySecurity, LessInAnyCase> m_keys;
     std::map<std::wstring, bool> m_privileges;  ///< Those that are held, and whether they are enabled.
 };
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <utility>
 
-#include "AnyCase.h"
 #include "CallScope.h"
 
 namespace Simulator {
@@ -68,10 +67,6 @@ DWORD DeletionOf(Service &service) {
 }
 
 }  // namespace
-
-bool ServiceManager::AnyCase::operator()(const std::wstring &a, const std::wstring &b) const {
-    return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
-}
 
 void ServiceManager::Put(const std::wstring &name, Service service) {
     const InsideSimulator inside;

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include "AnyCase.h"
 #include "Lock.h"
 
 namespace Simulator {
@@ -60,9 +61,6 @@ public:
     BOOL Query(SC_HANDLE handle, SERVICE_STATUS *status);
 
 private:
-    struct AnyCase {
-        bool operator()(const std::wstring &a, const std::wstring &b) const;
-    };
     struct Opened {
         std::wstring service;  ///< Empty for the manager itself.
         DWORD access;
@@ -72,7 +70,7 @@ private:
     void RemoveIfMarkedLocked(const std::wstring &name);
 
     mutable Lock m_lock;
-    std::map<std::wstring, Service, AnyCase> m_services;
+    std::map<std::wstring, Service, LessInAnyCase> m_services;
     std::map<SC_HANDLE, Opened> m_handles;
 };
 

@@ -16,48 +16,36 @@ std::shared_ptr<Core> MakeCore() {
 Simulation::Simulation(const SimulationParts &parts)
     : m_core(MakeCore()), m_counts(parts.balance), m_functions(m_core) {
     InstallClock(m_functions, m_core->clock);
-    if (parts.registry) {
-        m_registry.emplace();
-        InstallRegistry(m_functions);
-    }
-    if (parts.folders) {
-        m_folders.emplace();
-        m_filesInUse.emplace();
-        InstallFiles(m_functions);
-        InstallFilesInUse(m_functions, *m_filesInUse);
-        InstallFolders(m_functions, *m_folders);
+    Install(m_functions, m_core, MakeInstalled(parts));
+    if (parts.folders)
         InstallMappedPaths(m_functions, *m_folders);
-    }
-    if (parts.machine) {
-        m_machine.emplace();
-        InstallMachine(m_functions, *m_machine);
-    }
-    if (parts.services) {
-        m_services.emplace();
-        InstallServices(m_functions, *m_services);
-    }
-    if (parts.security) {
-        m_security.emplace();
-        InstallSecurity(m_functions, *m_security);
-        if (parts.registry)
-            InstallProtectedKeys(m_functions, *m_security, *m_registry);
-    }
-    if (parts.setup) {
-        m_setup.emplace();
-        InstallSetupLibrary(m_functions, *m_setup, parts.folders ? &*m_folders : nullptr);
-    }
-    if (parts.network) {
-        m_network.emplace();
-        InstallCom(m_functions, m_network->com);
-        InstallDevices(m_functions, m_network->devices);
-        InstallNetwork(m_functions, m_core, m_network->com, m_network->configuration);
-    }
+    if (parts.machine)
+        InstallMachine(m_functions, m_machine.emplace());
     if (parts.balance) {
         Balance &balance = Balance::Instance();
         InstallBalance(m_functions, balance);
         m_functions.OnAttach([&balance](HMODULE module) { balance.Remember(module); });
         balance.Start();
     }
+}
+
+InstalledParts Simulation::MakeInstalled(const SimulationParts &parts) {
+    InstalledParts made;
+    if (parts.registry)
+        made.registry = &m_registry.emplace();
+    if (parts.folders) {
+        made.folders = &m_folders.emplace();
+        made.filesInUse = &m_filesInUse.emplace();
+    }
+    if (parts.services)
+        made.services = &m_services.emplace();
+    if (parts.security)
+        made.security = &m_security.emplace();
+    if (parts.setup)
+        made.setup = &m_setup.emplace();
+    if (parts.network)
+        made.network = &m_network.emplace();
+    return made;
 }
 
 Simulation::~Simulation() {

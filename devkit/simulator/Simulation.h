@@ -7,17 +7,9 @@
 #include <string>
 
 #include "Balance.h"
-#include "ComLibrary.h"
-#include "DeviceManager.h"
-#include "FilesInUse.h"
 #include "FunctionSet.h"
+#include "InstalledParts.h"
 #include "Machine.h"
-#include "NetworkConfiguration.h"
-#include "RegistrySandbox.h"
-#include "Security.h"
-#include "ServiceManager.h"
-#include "SetupLibrary.h"
-#include "SystemFolders.h"
 
 namespace Simulator {
 
@@ -25,19 +17,12 @@ namespace Simulator {
 struct SimulationParts {
     bool registry = true;  ///< A registry of its own, and the registry functions in journal and faults.
     bool folders = true;   ///< Folders of its own, mapped paths, and the file functions in journal and faults.
-    bool balance = true;   ///< Counts memory, handles, keys, files, libraries, performance queries, service handles.
+    bool balance = true;   ///< Counts what is made and not given back: see Kind.
     bool machine = true;   ///< A load and a version of its own, and the functions that tell them in journal and faults.
     bool services = true;  ///< Services of its own, none at first, and their functions in journal and faults.
     bool security = true;  ///< Privileges and security of keys of its own, and their functions in journal and faults.
     bool setup = true;     ///< The functions for INF files, on the folders if there are some.
     bool network = true;   ///< COM, network components and devices, none at first, and their functions and methods.
-};
-
-/// What the part `network` is made of. COM objects that outlive the simulation share it.
-struct NetworkParts {
-    ComLibrary com;
-    std::shared_ptr<DeviceManager> devices = std::make_shared<DeviceManager>();
-    std::shared_ptr<NetworkConfiguration> configuration = std::make_shared<NetworkConfiguration>(devices);
 };
 
 /// Owns the parts. One per process at a time; later models build on `Functions()`.
@@ -80,6 +65,8 @@ public:
     void Detach(HMODULE module) { m_functions.Detach(module); }
 
 private:
+    [[nodiscard]] InstalledParts MakeInstalled(const SimulationParts &parts);
+
     std::shared_ptr<Core> m_core;
     std::optional<RegistrySandbox> m_registry;
     std::optional<SystemFolders> m_folders;

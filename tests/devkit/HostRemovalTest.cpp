@@ -224,6 +224,8 @@ TEST(HostFault, RefusesWhatItCannotDo) {
         refused("no call of that name is simulated: OpenSCManager", host.fault, { call = "OpenSCManager", fail = 5 })
         refused("no call of that name is simulated: INetCfg::Go", host.fault, { call = "INetCfg::Go", fail = 5 })
         refused("no call of that name is simulated: INetCfg::AddRef", host.fault, { call = "INetCfg::AddRef", fail = 5 })
+        local counted = "CreateEventW" -- the simulator can count it, but the host does not
+        refused("no call of that name is simulated: " .. counted, host.fault, { call = counted, fail = 5 })
         local one = "one of fail, hang and delay expected"
         refused(one, host.fault, { call = "INetCfg::Apply" })
         refused(one, host.fault, { call = "INetCfg::Apply", hang = false })
