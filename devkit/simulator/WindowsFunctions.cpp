@@ -21,11 +21,11 @@ void InstallRegistry(FunctionSet &functions) {
 
 void InstallFiles(FunctionSet &functions) {
     using namespace System;
-    PassThrough<CreateFileW, GetFileSizeEx, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW, SetFileAttributesW,
-                DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindNextFileW, FindClose, CopyFileW,
-                MoveFileExW, CreateFileMappingW, MapViewOfFile, UnmapViewOfFile, IsTextUnicode, fopen, _wfopen, fopen_s,
-                _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose, GetFileVersionInfoSizeW,
-                GetFileVersionInfoW, VerQueryValueW>(functions);
+    PassThrough<CreateFileW, GetFileSizeEx, ReadFile, WriteFile, GetFileAttributesW, GetFileAttributesExW,
+                SetFileAttributesW, DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, FindNextFileW,
+                FindClose, CopyFileW, MoveFileExW, CreateFileMappingW, MapViewOfFile, UnmapViewOfFile, IsTextUnicode,
+                fopen, _wfopen, fopen_s, _wfopen_s, fgets, fputs, fputc, fwrite, fflush, ferror, fclose,
+                GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW>(functions);
 }
 
 }  // namespace Simulator
