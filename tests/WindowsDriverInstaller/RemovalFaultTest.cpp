@@ -290,12 +290,12 @@ void RemovalFaults::FailEachPlace() {
         ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
             << "too much is wrong";
     }
-    EXPECT_NE(m_places, 0U) << "FAULT_AT names no place of this road";
+    EXPECT_NE(m_places, 0U) << "FC_FAULT_AT names no place of this road";
     std::cout << "             " << m_places << " places (function, occurrence, code), " << m_runs << " removals\n";
 }
 
 bool RemovalFaults::IsWanted(const Fault &fault) {
-    const char *only = std::getenv("FAULT_AT");
+    const char *only = std::getenv("FC_FAULT_AT");
     return only == nullptr || fault.nth == 0 || Name(fault) == only;
 }
 
@@ -303,7 +303,7 @@ void RemovalFaults::FailPlace(const Fault &fault) {
     if (!IsWanted(fault))
         return;
     const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-    SCOPED_TRACE("again with FAULT_AT=" + Name(fault) + " --gtest_filter=RemovalFaults." + test);
+    SCOPED_TRACE("again with FC_FAULT_AT=" + Name(fault) + " --gtest_filter=RemovalFaults." + test);
     m_places += fault.nth != 0 ? 1 : 0;
 
     Expectation expected = ExpectRemoval(m_machine, fault, true);

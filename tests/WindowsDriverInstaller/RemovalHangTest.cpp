@@ -56,8 +56,7 @@ protected:
         prepare();
         const Removal removal = Uninstall();
         EXPECT_TRUE(removal.result);
-        const std::vector<Place> places =
-            PlacesOf(simulation().GetJournal().Entries(), removal.log, GetCurrentThreadId());
+        std::vector<Place> places = PlacesOf(simulation().GetJournal().Entries(), removal.log, GetCurrentThreadId());
         for (std::size_t i = 0; i < places.size() && !HasFailure(); ++i) {
             if (!IsWanted(i))
                 continue;
