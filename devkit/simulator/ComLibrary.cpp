@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "AutomationObject.h"
 #include "Balance.h"
 #include "CallScope.h"
 #include "ComFunctions.h"
@@ -58,6 +59,20 @@ void InstallMemory(FunctionSet &functions) {
     });
 }
 
+void InstallTexts(FunctionSet &functions) {
+    functions.Put<System::SysAllocString>([](const auto &next, const OLECHAR *text) {
+        const BSTR copy = next(text);
+        if (copy != nullptr)
+            Balance::Instance().Opened(Kind::kBstr, AddressOf(copy), System::SysAllocString::name);
+        return copy;
+    });
+    functions.Put<System::SysFreeString>([](const auto &next, BSTR text) {
+        Balance::Instance().Closed(Kind::kBstr, AddressOf(text));
+        next(text);
+    });
+    functions.PassThrough<System::SysStringLen>();
+}
+
 }  // namespace
 
 bool ComLibrary::IsInitialised() const {
@@ -67,6 +82,7 @@ bool ComLibrary::IsInitialised() const {
 void InstallCom(FunctionSet &functions, ComLibrary &library) {
     InstallInitialisation(functions, library);
     InstallMemory(functions);
+    InstallTexts(functions);
     functions.PassThrough<System::CoCreateInstance>();
 }
 

@@ -30,6 +30,7 @@ struct ComLibrary {
 /// - CoCreateInstance, which does the real thing for the classes that are not put under it. A planned failure leaves
 ///   its result alone.
 /// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, as does that which simulated objects hand out.
+/// - SysAllocString and SysFreeString, whose texts count in the same way, and SysStringLen.
 /// @param library  outlives the set.
 void InstallCom(FunctionSet &functions, ComLibrary &library);
 

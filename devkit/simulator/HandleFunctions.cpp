@@ -105,6 +105,16 @@ void CountKeys(FunctionSet &functions, Balance &balance) {
                          System::RegCreateKeyExW::name);
         },
         Depth::Watch);
+    functions.Put<System::RegOpenKeyW>(
+        [count](const auto &next, HKEY parent, LPCWSTR path, HKEY *key) {
+            return count(next(parent, path, key), key, System::RegOpenKeyW::name);
+        },
+        Depth::Watch);
+    functions.Put<System::RegCreateKeyW>(
+        [count](const auto &next, HKEY parent, LPCWSTR path, HKEY *key) {
+            return count(next(parent, path, key), key, System::RegCreateKeyW::name);
+        },
+        Depth::Watch);
     functions.Put<System::RegConnectRegistryW>(
         [count](const auto &next, LPCWSTR machine, HKEY root, HKEY *key) {
             return count(next(machine, root, key), key, System::RegConnectRegistryW::name);

@@ -20,6 +20,10 @@ void InstallServices(FunctionSet &functions, ServiceManager &services) {
         [&services](const auto &, SC_HANDLE handle, DWORD control, SERVICE_STATUS *status) {
             return services.Control(handle, control, status);
         });
+    functions.Put<System::ChangeServiceConfigW>(
+        [&services](const auto &, SC_HANDLE handle, DWORD, DWORD startType, auto...) {
+            return services.ChangeStartType(handle, startType);
+        });
     functions.Put<System::DeleteService>(
         [&services](const auto &, SC_HANDLE handle) { return services.Delete(handle); });
     functions.Put<System::QueryServiceStatus>(

@@ -12,6 +12,7 @@ SIMULATOR_FUNCTION(OpenServiceW, "ADVAPI32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(CloseServiceHandle, "ADVAPI32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(StartServiceW, "ADVAPI32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(ControlService, "ADVAPI32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(ChangeServiceConfigW, "ADVAPI32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(DeleteService, "ADVAPI32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(QueryServiceStatus, "ADVAPI32.dll", ReturnsZero);
 

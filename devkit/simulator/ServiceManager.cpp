@@ -24,11 +24,17 @@ bool Tell(DWORD error) {
     return error == ERROR_SUCCESS;
 }
 
+bool CanStop(const ServiceStatus &status) {
+    return status.state == SERVICE_RUNNING || status.state == SERVICE_PAUSED;
+}
+
 void Fill(const ServiceStatus &from, SERVICE_STATUS &status) {
     status = {};
     status.dwServiceType = SERVICE_KERNEL_DRIVER;
     status.dwCurrentState = from.state;
-    status.dwControlsAccepted = from.state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    status.dwControlsAccepted = CanStop(from) ? SERVICE_ACCEPT_STOP : 0;
+    status.dwWin32ExitCode = from.exitCode;
+    status.dwServiceSpecificExitCode = from.specificExitCode;
     status.dwCheckPoint = from.checkPoint;
     status.dwWaitHint = from.waitHint;
 }
@@ -40,6 +46,8 @@ DWORD StartOf(Service &service) {
         return ERROR_SERVICE_MARKED_FOR_DELETE;
     if (service.status.state != SERVICE_STOPPED)
         return ERROR_SERVICE_ALREADY_RUNNING;
+    if (service.startType == SERVICE_DISABLED)
+        return ERROR_SERVICE_DISABLED;
     service.status = {SERVICE_START_PENDING};
     service.coming = service.starting;
     return ERROR_SUCCESS;
@@ -50,10 +58,23 @@ DWORD StopOf(Service &service) {
         return service.controlError;
     if (service.status.state == SERVICE_STOPPED)
         return ERROR_SERVICE_NOT_ACTIVE;
-    if (service.status.state != SERVICE_RUNNING)
+    if (!CanStop(service.status))
         return ERROR_SERVICE_CANNOT_ACCEPT_CTRL;
     service.status = {SERVICE_STOP_PENDING};
     service.coming = service.stopping;
+    return ERROR_SUCCESS;
+}
+
+DWORD ChangeOf(Service &service, DWORD startType) {
+    if (service.configError != ERROR_SUCCESS)
+        return service.configError;
+    if (service.markedForDelete)
+        return ERROR_SERVICE_MARKED_FOR_DELETE;
+    if (startType == SERVICE_NO_CHANGE)
+        return ERROR_SUCCESS;
+    if (startType > SERVICE_DISABLED)
+        return ERROR_INVALID_PARAMETER;
+    service.startType = startType;
     return ERROR_SUCCESS;
 }
 
@@ -131,6 +152,13 @@ BOOL ServiceManager::Start(SC_HANDLE handle) {
     Service *service = nullptr;
     const DWORD error = FindLocked(handle, SERVICE_START, service);
     return Tell(error != ERROR_SUCCESS ? error : StartOf(*service));
+}
+
+BOOL ServiceManager::ChangeStartType(SC_HANDLE handle, DWORD startType) {
+    const LockGuard guard(m_lock);
+    Service *service = nullptr;
+    const DWORD error = FindLocked(handle, SERVICE_CHANGE_CONFIG, service);
+    return Tell(error != ERROR_SUCCESS ? error : ChangeOf(*service, startType));
 }
 
 BOOL ServiceManager::Control(SC_HANDLE handle, DWORD control, SERVICE_STATUS *status) {

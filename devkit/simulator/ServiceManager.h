@@ -19,6 +19,8 @@ struct ServiceStatus {
     DWORD state = SERVICE_STOPPED;
     DWORD checkPoint = 0;
     DWORD waitHint = 0;  ///< Milliseconds.
+    DWORD exitCode = 0;
+    DWORD specificExitCode = 0;  ///< Counts where the exit code is ERROR_SERVICE_SPECIFIC_ERROR.
 
     bool operator==(const ServiceStatus &) const = default;
 };
@@ -34,6 +36,8 @@ struct Service {
     DWORD deleteError = ERROR_SUCCESS;                       ///< What each deletion fails with.
     bool markedForDelete = false;                            ///< Goes when the last handle to it is closed.
     std::vector<ServiceStatus> coming{};                     ///< What is left of the script.
+    DWORD startType = SERVICE_DEMAND_START;                  ///< A start of a disabled one fails.
+    DWORD configError = ERROR_SUCCESS;                       ///< What each change of its configuration fails with.
 };
 
 /// Services by name, in any case. Handles are never used again, not even in a later simulation. The functions answer as
@@ -53,7 +57,9 @@ public:
     SC_HANDLE OpenOne(SC_HANDLE manager, const wchar_t *name, DWORD access);
     BOOL Close(SC_HANDLE handle);
     BOOL Start(SC_HANDLE handle);
-    /// SERVICE_CONTROL_STOP is the one control that there is.
+    /// @param startType  or SERVICE_NO_CHANGE.
+    BOOL ChangeStartType(SC_HANDLE handle, DWORD startType);
+    /// SERVICE_CONTROL_STOP is the one control that there is; running and paused services take it.
     BOOL Control(SC_HANDLE handle, DWORD control, SERVICE_STATUS *status);
     /// Marks the service for deletion: it goes when the last handle to it is closed. Until then it can be opened,
     /// stopped and queried, but not started.
@@ -75,7 +81,7 @@ private:
 };
 
 /// Puts the services under OpenSCManagerW, OpenServiceW, CloseServiceHandle, StartServiceW, ControlService,
-/// DeleteService and QueryServiceStatus.
+/// DeleteService, QueryServiceStatus and ChangeServiceConfigW, which changes the start type alone.
 /// @param services  outlives the set.
 void InstallServices(FunctionSet &functions, ServiceManager &services);
 

@@ -21,6 +21,12 @@ Simulation::Simulation(const SimulationParts &parts)
         InstallMappedPaths(m_functions, *m_folders);
     if (parts.machine)
         InstallMachine(m_functions, m_machine.emplace());
+    if (parts.firewall) {
+        if (!parts.network)
+            InstallCom(m_functions, m_com.emplace());
+        m_firewall = std::make_shared<Firewall>();
+        InstallFirewall(m_functions, m_core, GetCom(), *m_firewall, parts.machine ? &*m_machine : nullptr);
+    }
     if (parts.balance) {
         Balance &balance = Balance::Instance();
         InstallBalance(m_functions, balance);

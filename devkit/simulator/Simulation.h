@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Balance.h"
+#include "Firewall.h"
 #include "FunctionSet.h"
 #include "InstalledParts.h"
 #include "Machine.h"
@@ -23,6 +24,7 @@ struct SimulationParts {
     bool security = true;  ///< Privileges and security of keys of its own, and their functions in journal and faults.
     bool setup = true;     ///< The functions for INF files, on the folders if there are some.
     bool network = true;   ///< COM, network components and devices, none at first, and their functions and methods.
+    bool firewall = true;  ///< COM, and a firewall that is on everywhere and lists nothing.
 };
 
 /// Owns the parts. One per process at a time; later models build on `Functions()`.
@@ -51,8 +53,10 @@ public:
     [[nodiscard]] ServiceManager &GetServices() { return m_services.value(); }
     [[nodiscard]] Security &GetSecurity() { return m_security.value(); }
     [[nodiscard]] SetupLibrary &GetSetup() { return m_setup.value(); }
+    [[nodiscard]] Firewall &GetFirewall() { return *m_firewall.value(); }
+    /// With the network or the firewall.
+    [[nodiscard]] ComLibrary &GetCom() { return m_network ? m_network->com : m_com.value(); }
     // With the network.
-    [[nodiscard]] ComLibrary &GetCom() { return m_network.value().com; }
     [[nodiscard]] DeviceManager &GetDevices() { return *m_network.value().devices; }
     [[nodiscard]] NetworkConfiguration &GetNetwork() { return *m_network.value().configuration; }
     [[nodiscard]] Balance &GetBalance() { return Balance::Instance(); }
@@ -75,7 +79,9 @@ private:
     std::optional<ServiceManager> m_services;
     std::optional<Security> m_security;
     std::optional<SetupLibrary> m_setup;
+    std::optional<ComLibrary> m_com;  ///< Without the network, which has one of its own.
     std::optional<NetworkParts> m_network;
+    std::optional<std::shared_ptr<Firewall>> m_firewall;
     bool m_counts;
     FunctionSet m_functions;
 };

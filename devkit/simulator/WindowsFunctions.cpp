@@ -15,8 +15,8 @@ void PassThrough(FunctionSet &functions) {
 
 void InstallRegistry(FunctionSet &functions) {
     using namespace System;
-    PassThrough<RegOpenKeyExW, RegCreateKeyExW, RegConnectRegistryW, RegQueryValueExW, RegSetValueExW, RegCloseKey,
-                RegDeleteKeyW, RegDeleteValueW, RegEnumKeyExW, RegEnumValueW>(functions);
+    PassThrough<RegOpenKeyExW, RegCreateKeyExW, RegOpenKeyW, RegCreateKeyW, RegConnectRegistryW, RegQueryValueExW,
+                RegSetValueExW, RegCloseKey, RegDeleteKeyW, RegDeleteValueW, RegEnumKeyExW, RegEnumValueW>(functions);
 }
 
 void InstallFiles(FunctionSet &functions) {

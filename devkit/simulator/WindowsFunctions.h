@@ -16,6 +16,8 @@ namespace Simulator::System {
 // Registry
 SIMULATOR_FUNCTION(RegOpenKeyExW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegCreateKeyExW, "ADVAPI32.dll", ReturnsStatus);
+SIMULATOR_FUNCTION(RegOpenKeyW, "ADVAPI32.dll", ReturnsStatus);
+SIMULATOR_FUNCTION(RegCreateKeyW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegConnectRegistryW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegQueryValueExW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegSetValueExW, "ADVAPI32.dll", ReturnsStatus);

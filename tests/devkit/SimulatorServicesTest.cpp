@@ -164,6 +164,50 @@ TEST_F(SimulatedServices, FailAsPlannedAndAreInTheJournal) {
     EXPECT_EQ(simulation.GetJournal().Names(), std::vector<std::string>{"OpenServiceW"});
 }
 
+TEST_F(SimulatedServices, StartOnlyWhenTheyAreNotDisabled) {
+    const auto change = [](SC_HANDLE service, DWORD startType) {
+        return ErrorOf(ChangeServiceConfigW(service, SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
+                                            nullptr, nullptr, nullptr, nullptr, nullptr));
+    };
+    services.Put(L"driver", {.startType = SERVICE_DISABLED});
+    const SC_HANDLE service = Open(L"driver", kOpenQuery | SERVICE_CHANGE_CONFIG);
+    EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_SERVICE_DISABLED));
+    EXPECT_EQ(change(service, SERVICE_NO_CHANGE), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(services.Get(L"driver").startType, static_cast<DWORD>(SERVICE_DISABLED));
+    EXPECT_EQ(change(service, 5), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(change(service, SERVICE_DEMAND_START), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(change(service, SERVICE_DISABLED), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(Query(service), ServiceStatus{SERVICE_RUNNING}) << "it runs on";
+    services.Put(L"driver", {.configError = ERROR_DATABASE_DOES_NOT_EXIST});
+    EXPECT_EQ(change(service, SERVICE_DISABLED), static_cast<DWORD>(ERROR_DATABASE_DOES_NOT_EXIST));
+    EXPECT_TRUE(CloseServiceHandle(service));
+    const SC_HANDLE reader = Open(L"driver");
+    EXPECT_EQ(change(reader, SERVICE_DISABLED), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_TRUE(CloseServiceHandle(reader));
+}
+
+TEST_F(SimulatedServices, TellTheirExitCodes) {
+    services.Put(L"driver", {.status = {.state = SERVICE_STOPPED, .exitCode = 1066, .specificExitCode = 42}});
+    const SC_HANDLE service = Open(L"driver");
+    SERVICE_STATUS status{};
+    EXPECT_TRUE(QueryServiceStatus(service, &status));
+    EXPECT_EQ(status.dwWin32ExitCode, 1066U);
+    EXPECT_EQ(status.dwServiceSpecificExitCode, 42U);
+    EXPECT_TRUE(CloseServiceHandle(service));
+}
+
+TEST_F(SimulatedServices, StopAlsoWhileTheyArePaused) {
+    services.Put(L"driver", {.status = {SERVICE_PAUSED}});
+    const SC_HANDLE service = Open(L"driver");
+    SERVICE_STATUS status{};
+    EXPECT_TRUE(QueryServiceStatus(service, &status));
+    EXPECT_EQ(status.dwControlsAccepted, static_cast<DWORD>(SERVICE_ACCEPT_STOP));
+    EXPECT_EQ(Stop(service), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_EQ(Query(service), ServiceStatus{SERVICE_STOPPED});
+    EXPECT_TRUE(CloseServiceHandle(service));
+}
+
 TEST_F(SimulatedServices, BelongToASystemWhoseVersionIsTheMachines) {
     OSVERSIONINFOEXW info{};
     auto *plain = reinterpret_cast<OSVERSIONINFOW *>(&info);

@@ -12,6 +12,7 @@
 #include "SystemHealth/SystemHealth.h"
 #include "TraceBridge.h"
 #include "WindowsDriverInstaller/WindowsDriverInstaller.h"
+#include "WindowsFirewall/WindowsFirewall.h"
 #include "vta_core.h"
 #include "vti.h"
 
@@ -28,6 +29,8 @@ void InstallProfiler() {
 
 void RegisterFilterFunctions(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
+    RegisterBound(L, filter, "EnableNativeFirewall", WindowsFirewall::EnableFirewall);
+    RegisterBound(L, filter, "DisableNativeFirewall", WindowsFirewall::DisableFirewall);
     RegisterDirect(L, filter, "AddDriverDiagnostics", AddDriverDiagnostics);
     RegisterDirect(L, filter, "setup_qbtrace", setup_qbtrace);
     RegisterDirect(L, filter, "AddToConnMetrics", AddToConnMetrics);
@@ -46,9 +49,10 @@ void RegisterFilterFunctions(lua_State *L) {
     RegisterDirect(L, filter, "GetDriverStoppedByBLPTimestamp", GetDriverStoppedByBLPTimestamp);
 }
 
-// The firewall applications have a round of their own, which no function has joined yet.
 void RegisterFirewallApplicationFunctions(lua_State *L) {
-    const SLB3::Namespace filter(L, kFilterTableName);
+    SLB3::Namespace filter(L, kFilterTableName);
+    RegisterBound(L, filter, "WindowsFirewallAddApp", WindowsFirewall::WindowsFirewallAddApp);
+    RegisterBound(L, filter, "WindowsFirewallRemoveApp", WindowsFirewall::WindowsFirewallRemoveApp);
 }
 
 }  // namespace

@@ -1,0 +1,21 @@
+// Traces of the native firewall.
+#pragma once
+
+#include <windows.h>
+
+#include "fc/fc.h"
+
+constexpr wchar_t kFirewallTrace[] = L"FC-WFW";
+
+namespace WindowsFirewall {
+
+/// Traces a failure.
+/// @param failure  the message, which takes the result.
+/// @return the result.
+inline HRESULT Judged(HRESULT hr, const char *failure, const TraceSite &site) {
+    if (FAILED(hr))
+        Trace(site, failure, static_cast<unsigned long>(hr));
+    return hr;
+}
+
+}  // namespace WindowsFirewall

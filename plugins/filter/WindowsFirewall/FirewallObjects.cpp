@@ -1,0 +1,43 @@
+#include "FirewallObjects.h"
+
+#include "FirewallLog.h"
+#include "FirewallService.h"
+
+namespace WindowsFirewall {
+
+bool StartCom(const TraceSite &site) {
+    const HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE);
+    if (SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE)
+        return true;
+    Trace(site, "CoInitializeEx failed: 0x%08lx", static_cast<unsigned long>(hr));
+    return false;
+}
+
+HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **policy) {
+    const TraceSite site(kFirewallTrace);
+    *profile = nullptr;
+    *policy = nullptr;
+    HRESULT hr = S_OK;
+    if (IsVistaOrLater()) {
+        ComPtr<INetFwPolicy2> made;
+        hr = CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&made));
+        if (FAILED(Judged(hr = Obtained(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site)))
+            return hr;
+        *policy = made.Detach();
+    }
+    ComPtr<INetFwMgr> manager;
+    hr = CoCreateInstance(__uuidof(NetFwMgr), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
+    if (FAILED(Judged(hr = Obtained(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site)))
+        return hr;
+    ComPtr<INetFwPolicy> localPolicy;
+    hr = manager->get_LocalPolicy(&localPolicy);
+    if (FAILED(Judged(hr = Obtained(hr, localPolicy), "get_LocalPolicy failed: 0x%08lx", site)))
+        return hr;
+    ComPtr<INetFwProfile> current;
+    hr = localPolicy->get_CurrentProfile(&current);
+    (void)Judged(hr = Obtained(hr, current), "get_CurrentProfile failed: 0x%08lx", site);
+    *profile = current.Detach();
+    return hr;
+}
+
+}  // namespace WindowsFirewall

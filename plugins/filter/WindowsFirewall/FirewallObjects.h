@@ -1,0 +1,31 @@
+// The firewall's COM objects, and COM itself on the calling thread.
+#pragma once
+
+#include <windows.h>
+#include <netfw.h>
+#include <wrl/client.h>
+
+#include "fc/fc.h"
+
+namespace WindowsFirewall {
+
+using Microsoft::WRL::ComPtr;
+
+/// Enters a single-threaded apartment. A thread whose model is another one already counts as entered; in either case a
+/// success is matched by one CoUninitialize, which is meant so. A failure is logged.
+bool StartCom(const TraceSite &site);
+
+/// A success without the object that it promises counts as a failure.
+template <typename Interface>
+HRESULT Obtained(HRESULT hr, const ComPtr<Interface> &object) {
+    return SUCCEEDED(hr) && !object ? E_NOINTERFACE : hr;
+}
+
+/// Makes the objects; logs a failure.
+/// @param profile  receives the current profile of the legacy interfaces, on every system.
+/// @param policy   receives the policy where the version record says Vista or later; null elsewhere, and so as long as
+///                 nobody has filled the record.
+/// @return a negative result leaves in the two what was obtained before the failure, for the caller to release.
+HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **policy);
+
+}  // namespace WindowsFirewall

@@ -1,0 +1,189 @@
+#include "FirewallService.h"
+
+#include <memory>
+#include <type_traits>
+
+#include "FirewallLog.h"
+
+namespace WindowsFirewall {
+
+OSVERSIONINFOEXW osVersionRecord;
+
+namespace {
+
+constexpr wchar_t kService[] = L"SharedAccess";
+constexpr int kStartPolls = 600;
+constexpr int kStopPolls = 60;
+constexpr DWORD kPauseMs = 1'000;
+
+struct CloseService {
+    void operator()(SC_HANDLE handle) const { (void)CloseServiceHandle(handle); }
+};
+using Handle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseService>;
+
+/// Traces a failure. @return false.
+bool Failed(const TraceSite &site, const char *format, DWORD error) {
+    Trace(site, format, kService, static_cast<unsigned>(error));
+    return false;
+}
+
+Handle OpenManager(const TraceSite &site) {
+    Handle manager(OpenSCManagerW(nullptr, nullptr, STANDARD_RIGHTS_READ));
+    if (!manager) {
+        const DWORD error = GetLastError();
+        Trace(site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
+    }
+    return manager;
+}
+
+bool Query(const Handle &service, SERVICE_STATUS &status, const TraceSite &site) {
+    if (QueryServiceStatus(service.get(), &status) != 0)
+        return true;
+    return Failed(site, "Error querying '%.64s' service: %#08x", GetLastError());
+}
+
+bool SetStartType(const Handle &service, DWORD startType) {
+    return ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
+                                nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
+}
+
+/// The service is never left enabled: it runs on, with its start type as it was found.
+bool StartDisabled(const Handle &service, const TraceSite &site) {
+    Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
+    if (!SetStartType(service, SERVICE_DEMAND_START))
+        return Failed(site, "Error enabling '%.64s' service: %#08x", GetLastError());
+    const bool started = ::StartServiceW(service.get(), 0, nullptr) != 0;
+    const DWORD error = GetLastError();
+    (void)SetStartType(service, SERVICE_DISABLED);
+    return started || Failed(site, "Error starting '%.64s' service after enabling it: %#08x", error);
+}
+
+bool StartStopped(const Handle &service, const TraceSite &site) {
+    if (::StartServiceW(service.get(), 0, nullptr) != 0)
+        return true;
+    const DWORD error = GetLastError();
+    return error == ERROR_SERVICE_DISABLED ? StartDisabled(service, site)
+                                           : Failed(site, "Error starting '%.64s' service: %#08x", error);
+}
+
+}  // namespace
+
+void FillOsVersionRecord() {
+    // The size of the smaller record is the mark that this one is filled.
+    constexpr DWORD filled = sizeof(OSVERSIONINFOW);
+    static_assert(filled == 276);
+    if (osVersionRecord.dwOSVersionInfoSize == filled)
+        return;
+    osVersionRecord.dwOSVersionInfoSize = filled;
+    (void)GetVersionExW(reinterpret_cast<OSVERSIONINFOW *>(&osVersionRecord));
+}
+
+bool IsVistaOrLater() {
+    return osVersionRecord.dwMajorVersion >= 6;
+}
+
+bool StartFirewallService(bool *running, bool start) {
+    *running = true;
+    if (!IsVistaOrLater()) {
+        Trace(kFirewallTrace, "Windows version is %d, which is less than Vista, attempting to start service",
+              static_cast<int>(osVersionRecord.dwMajorVersion));
+        return StartServiceW(running, start);
+    }
+    Trace(kFirewallTrace, "OS is Vista or greater - no need to start the SharedAccess service.");
+    return true;
+}
+
+void StopFirewallService(bool *wasRunning) {
+    if (!IsVistaOrLater())
+        (void)StopService(wasRunning);
+    else
+        Trace(kFirewallTrace, "OS is Vista or greater - no need to stop the SharedAccess service.");
+}
+
+bool StartServiceW(bool *running, bool start) {
+    const TraceSite site(kFirewallTrace);
+    Trace(site, "Starting '%.64s' service...", kService);
+    Handle manager = OpenManager(site);
+    if (!manager)
+        return false;
+    Handle service(OpenServiceW(manager.get(), kService, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START));
+    if (!service) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_SERVICE_DOES_NOT_EXIST)
+            return Failed(site, "Error opening '%.64s' service: %#08x", error);
+        Trace(site, "Service '%.64s' doesn't exist. Continuing without trying to start it.", kService);
+        return true;
+    }
+    *running = true;
+    bool attempted = false;
+    for (int poll = 0; poll < kStartPolls; ++poll) {
+        SERVICE_STATUS status = {};
+        if (!Query(service, status, site))
+            return false;
+        if (status.dwCurrentState == SERVICE_RUNNING)
+            return true;  // `running` stays false if a stop was seen before
+        if (status.dwCurrentState == SERVICE_START_PENDING)
+            Sleep(kPauseMs);
+        if (status.dwCurrentState != SERVICE_STOPPED)
+            continue;  // any other state is polled without a pause; that is meant so
+        *running = false;
+        if (!start) {
+            // On this road the two handles stay open; that is kept so.
+            (void)service.release();
+            (void)manager.release();
+            return true;
+        }
+        if (attempted) {
+            Trace(site, "Service '%.64s' stopped with Windows error code %#08x, service-specific code %#08x", kService,
+                  static_cast<unsigned>(status.dwWin32ExitCode),
+                  static_cast<unsigned>(status.dwServiceSpecificExitCode));
+            return false;
+        }
+        attempted = true;
+        if (!StartStopped(service, site))
+            return false;
+    }
+    Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
+    return false;
+}
+
+bool StopService(bool *wasRunning) {
+    const TraceSite site(kFirewallTrace);
+    Trace(site, "Stopping '%.64s' service...", kService);
+    *wasRunning = false;
+    Handle manager = OpenManager(site);
+    if (!manager)
+        return false;
+    Handle service(OpenServiceW(manager.get(), kService, SERVICE_QUERY_STATUS | SERVICE_STOP));
+    if (!service) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_SERVICE_DOES_NOT_EXIST)
+            return Failed(site, "Error opening '%.64s' service: %#08x", error);
+        Trace(site, "Service '%.64s' does not exist - no need to stop it.", kService);
+        return true;
+    }
+    SERVICE_STATUS status = {};
+    if (!Query(service, status, site))
+        return false;
+    if (status.dwCurrentState == SERVICE_STOPPED) {
+        // On this road the two handles stay open; that is kept so.
+        (void)service.release();
+        (void)manager.release();
+        return true;
+    }
+    *wasRunning = status.dwCurrentState == SERVICE_RUNNING;
+    if (status.dwCurrentState != SERVICE_STOP_PENDING &&
+        ControlService(service.get(), SERVICE_CONTROL_STOP, &status) == 0)
+        return Failed(site, "Error stopping '%.64s' service: %#08x", GetLastError());
+    for (int poll = 0; poll < kStopPolls; ++poll) {
+        if (!Query(service, status, site))
+            return false;
+        if (status.dwCurrentState == SERVICE_STOPPED)
+            return true;
+        Sleep(kPauseMs);
+    }
+    Trace(site, "Unable to stop '%.64s' service", kService);
+    return false;
+}
+
+}  // namespace WindowsFirewall

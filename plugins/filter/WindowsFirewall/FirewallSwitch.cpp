@@ -1,0 +1,212 @@
+#include <array>
+#include <memory>
+#include <type_traits>
+
+#include <windows.h>
+
+#include "FirewallLog.h"
+#include "FirewallObjects.h"
+#include "FirewallService.h"
+#include "WindowsFirewall.h"
+
+namespace WindowsFirewall {
+
+namespace {
+
+constexpr wchar_t kKey[] = L"SOFTWARE\\Quillon\\Vantry Agent";
+constexpr wchar_t kFlag[] = L"WindowsFirewallDisabledByInstaller";
+
+struct CloseKey {
+    void operator()(HKEY key) const { (void)RegCloseKey(key); }
+};
+using Key = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseKey>;
+
+/// A profile's number is its bit in the mask.
+struct Profile {
+    NET_FW_PROFILE_TYPE2 number;
+    const char *readFailed;
+    const char *read;
+    const char *turningOff;
+    const char *turningOn;
+    const char *writeFailed;
+};
+constexpr std::array<Profile, 3> kProfiles{{
+    {NET_FW_PROFILE2_DOMAIN, "get_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) failed: 0x%08lx",
+     "fwPolicy2->get_FirewallEnabled NET_FW_PROFILE2_DOMAIN returned %d",
+     "put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) false", "put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) true",
+     "put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) failed: 0x%08lx"},
+    {NET_FW_PROFILE2_PRIVATE, "get_FirewallEnabled(NET_FW_PROFILE2_PRIVATE) failed: 0x%08lx",
+     "fwPolicy2->get_FirewallEnabled NET_FW_PROFILE2_PRIVATE returned %d",
+     "put_FirewallEnabled(NET_FW_PROFILE2_PRIVATE) false", "put_FirewallEnabled(NET_FW_PROFILE2_PRIVATE) true",
+     "put_FirewallEnabled(NET_FW_PROFILE2_PRIVATE) failed: 0x%08lx"},
+    {NET_FW_PROFILE2_PUBLIC, "get_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) failed: 0x%08lx",
+     "fwPolicy2->get_FirewallEnabled NET_FW_PROFILE2_PUBLIC returned %d",
+     "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) false", "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) true",
+     "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) failed: 0x%08lx"},
+}};
+
+/// The switches: those of the profiles where there is a policy, else the one of the current profile.
+class Switches {
+public:
+    explicit Switches(const TraceSite &site) : m_site(site) {}
+
+    HRESULT Open() {
+        const HRESULT hr = WindowsFirewallInitialize(&m_profile, &m_policy);
+        return Judged(hr, "WindowsFirewallInitialize failed: 0x%08lx", m_site);
+    }
+
+    /// @param mask  receives what is on.
+    HRESULT Read(DWORD &mask) {
+        mask = 0;
+        VARIANT_BOOL enabled = VARIANT_FALSE;
+        if (!m_policy) {
+            const HRESULT hr =
+                Judged(m_profile->get_FirewallEnabled(&enabled), "get_FirewallEnabled failed: 0x%08lx", m_site);
+            if (FAILED(hr))
+                return hr;
+            Trace(m_site, "fwPolicy->get_FirewallEnabled returned %d", static_cast<int>(enabled));
+            mask = enabled != VARIANT_FALSE ? 1 : 0;
+            return hr;
+        }
+        for (const Profile &profile : kProfiles) {
+            enabled = VARIANT_FALSE;
+            const HRESULT hr =
+                Judged(m_policy->get_FirewallEnabled(profile.number, &enabled), profile.readFailed, m_site);
+            if (FAILED(hr))
+                return hr;
+            Trace(m_site, profile.read, static_cast<int>(enabled));
+            mask |= enabled != VARIANT_FALSE ? static_cast<DWORD>(profile.number) : 0;
+        }
+        return S_OK;
+    }
+
+    /// @param mask  not zero; bits that are no profile's are ignored.
+    HRESULT Write(DWORD mask, bool on) {
+        const VARIANT_BOOL enabled = on ? VARIANT_TRUE : VARIANT_FALSE;
+        if (!m_policy) {
+            Trace(m_site, on ? "put_FirewallEnabled true" : "put_FirewallEnabled false");
+            return Judged(m_profile->put_FirewallEnabled(enabled), "put_FirewallEnabled failed: 0x%08lx", m_site);
+        }
+        for (const Profile &profile : kProfiles) {
+            if ((mask & static_cast<DWORD>(profile.number)) == 0)
+                continue;
+            Trace(m_site, on ? profile.turningOn : profile.turningOff);
+            const HRESULT hr =
+                Judged(m_policy->put_FirewallEnabled(profile.number, enabled), profile.writeFailed, m_site);
+            if (FAILED(hr))
+                return hr;
+        }
+        return S_OK;
+    }
+
+private:
+    TraceSite m_site;
+    ComPtr<INetFwPolicy2> m_policy;
+    ComPtr<INetFwProfile> m_profile;  ///< Released first.
+};
+
+std::array<wchar_t, 256> KeyName() {
+    std::array<wchar_t, 256> name{};
+    (void)lstrcpynW(name.data(), kKey, static_cast<int>(name.size()));
+    return name;
+}
+
+/// A key that can't be made leaves no record and no word; that is meant so.
+void WriteFlag(DWORD mask, const TraceSite &site) {
+    HKEY made = nullptr;
+    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &made) != ERROR_SUCCESS)
+        return;
+    const Key key(made);
+    Trace(site, "Writing the registry key to flag that vantry turned off the windows firewall %d",
+          static_cast<int>(mask));
+    if (RegSetValueExW(key.get(), kFlag, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&mask), sizeof(mask)) !=
+        ERROR_SUCCESS)
+        Trace(site, "Error writing registry key.");
+}
+
+void DeleteFlag(const Key &key, const TraceSite &site) {
+    const LSTATUS error = RegDeleteValueW(key.get(), kFlag);
+    if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND)
+        Trace(site, "RegDeleteValue('WindowsFirewallDisabledByInstaller') failed: 0x%08lx",
+              static_cast<unsigned long>(error));
+}
+
+/// The flag follows only when all are off. So a failure half way leaves profiles off that no restore brings back; that
+/// is meant so.
+void TurnOff(const TraceSite &site) {
+    Switches switches(site);
+    DWORD mask = 0;
+    if (FAILED(switches.Open()) || FAILED(switches.Read(mask)) || mask == 0)
+        return;
+    Trace(site, "The windows firewall is enabled going to disable it");
+    if (SUCCEEDED(switches.Write(mask, false)))
+        WriteFlag(mask, site);
+}
+
+/// @param type  of the flag, and
+/// @param mask  its data. An odd flag restores nothing.
+/// @return false when something could not be restored: the flag then stays whole.
+bool TurnBackOn(Switches &switches, DWORD type, DWORD mask, const TraceSite &site) {
+    if (FAILED(switches.Open()))
+        return false;
+    if (type != REG_DWORD || mask == 0)
+        return true;
+    Trace(site, "Turning Windows Firewall back on, previous Setting was %d", static_cast<int>(mask));
+    return SUCCEEDED(switches.Write(mask, true));
+}
+
+}  // namespace
+
+int DisableFirewall() {
+    const TraceSite site(kFirewallTrace);
+    Trace(site, "DisableFirewall()");
+    FillOsVersionRecord();
+    bool running = false;
+    if (!StartFirewallService(&running, false)) {
+        Trace(site, "StartFirewallService returned false when disabling windows firewall");
+    } else if (!running) {
+        Trace(site, "Windows firewall(SharedService) is not enabled");
+    } else if (StartCom(site)) {
+        TurnOff(site);
+        CoUninitialize();
+    }
+    return 0;
+}
+
+int EnableFirewall() {
+    const TraceSite site(kFirewallTrace);
+    Trace(site, "EnableFirewall()");
+    FillOsVersionRecord();
+    HKEY opened = nullptr;
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &opened) != ERROR_SUCCESS)
+        return 0;
+    Key key(opened);
+    DWORD type = 0;
+    DWORD mask = 0;
+    DWORD size = sizeof(mask);
+    if (RegQueryValueExW(key.get(), kFlag, nullptr, &type, reinterpret_cast<BYTE *>(&mask), &size) != ERROR_SUCCESS) {
+        DeleteFlag(key, site);
+        return 0;
+    }
+    bool wasRunning = false;
+    if (!StartFirewallService(&wasRunning, true)) {
+        Trace(site, "StartFirewallService returned false when enabling windows firewall");
+        (void)key.release();  // on this one road the handle stays open; that is kept so
+        return 0;
+    }
+    if (StartCom(site)) {
+        {
+            Switches switches(site);
+            if (TurnBackOn(switches, type, mask, site))
+                DeleteFlag(key, site);
+            key.reset();
+        }
+        CoUninitialize();
+    }
+    key.reset();
+    if (!wasRunning)
+        StopFirewallService(&wasRunning);
+    return 0;
+}
+
+}  // namespace WindowsFirewall
