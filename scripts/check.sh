@@ -77,7 +77,7 @@ check_cppcheck() {
         --cppcheck-build-dir="$BUILD/cppcheck" --enable=warning,performance,portability \
         --suppress=missingInclude --suppress=useInitializationList --suppress=unknownMacro --suppress='*:/usr/*' \
         -DVTA_CORE_API= -DSLB3_API= -DVTI_API= -DWINAPI= -DTEST_F\(a,b\)=void\ b\(\) -DTEST\(a,b\)=void\ b\(\) \
-        -DTYPED_TEST\(a,b\)=void\ b\(\) \
+        -DTYPED_TEST\(a,b\)=void\ b\(\) -DTEST_P\(a,b\)=void\ b\(\) \
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 

@@ -127,7 +127,8 @@ bool CDriverUninstallerThread::UninstallWFPCalloutWithInstallHinfSection() {
     const wxString command = "DefaultUninstall 128 " + path;
     wxLogVerbose("InstallHinfSectionW: executing, cmd = %s.", command);
     const SetupLibrary setup;
-    const auto installHinfSection = setup.Find<InstallHinfSection>("InstallHinfSectionW");
+    InstallHinfSection installHinfSection = nullptr;
+    setup.Find("InstallHinfSectionW", installHinfSection);
     DbgPrint(L"InstallHinfSectionW() is at address 0x%p", reinterpret_cast<void *>(installHinfSection));
     if (installHinfSection == nullptr)
         return false;

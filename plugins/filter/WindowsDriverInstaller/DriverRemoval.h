@@ -20,7 +20,8 @@ void CDriverUninstallerThread::Run() {
 bool CDriverUninstallerThread::UninstallDriver() {
     DbgPrint(L"UninstallDriver running.");
     const SetupLibrary setup;
-    const auto uninstallOemInf = setup.Find<UninstallOemInf>("SetupUninstallOEMInfW");
+    UninstallOemInf uninstallOemInf = nullptr;
+    setup.Find("SetupUninstallOEMInfW", uninstallOemInf);
     DbgPrint(L"SetupUninstallOEMInfW() is at address 0x%p", reinterpret_cast<void *>(uninstallOemInf));
     RemoveHealthCheckFiles();
     if (IsWfpServiceInstalled())

@@ -33,6 +33,7 @@ static_assert(kNames.size() == StoppingWfpCalloutDriver + 1);
 }  // namespace
 
 const wchar_t *StepName(std::uint32_t step) {
+    // cppcheck-suppress CastIntegerToAddressAtReturn; there is no integer
     return step < kNames.size() ? kNames[step] : L"<UnknownStep>";
 }
 

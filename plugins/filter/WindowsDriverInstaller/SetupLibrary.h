@@ -10,13 +10,13 @@ class SetupLibrary {
 public:
     SetupLibrary() : m_library(LoadLibraryW(L"setupapi")) {}
 
-    /// @return null where there is no such function.
+    /// @param function  set to null where there is no such function.
     template <typename Function>
-    [[nodiscard]] Function Find(const char *name) const {
+    void Find(const char *name, Function &function) const {
         // By its name: it may be there although it could not be loaded once more.
         const HMODULE module = GetModuleHandleW(L"setupapi");
-        return module == nullptr ? nullptr
-                                 : reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module, name)));
+        const FARPROC found = module == nullptr ? nullptr : GetProcAddress(module, name);
+        function = reinterpret_cast<Function>(reinterpret_cast<void *>(found));
     }
 
 private:
