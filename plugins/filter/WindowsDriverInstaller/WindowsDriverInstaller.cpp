@@ -15,8 +15,8 @@
 
 namespace {
 
-/// @return false when a step has overrun or could not be waited for. True when the worker has ended, and when no step is
-///         to blame: it is between steps then, or hangs there, and runs on.
+/// @return false when a step has overrun or could not be waited for. True when the worker has ended, and when no step
+///         is to blame: it is between steps then, or hangs there, and runs on.
 bool WatchSteps(CDriverUninstallerThread &thread) {
     while (thread.isRunning()) {
         if (!thread.WaitForStepToFinish())
