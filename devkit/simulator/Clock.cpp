@@ -100,6 +100,10 @@ void Clock::AdvanceTo(Interval time) {
     m_state.base += std::max(time - m_state.Now(), Interval());
 }
 
+void Clock::SetFollower(DWORD threadId) {
+    m_follower = threadId;
+}
+
 void Clock::SetWallClock(std::uint64_t fileTime) {
     const LockGuard guard(m_lock);
     m_state.wallOffset = Interval(static_cast<std::int64_t>(fileTime)) - m_state.Now();
@@ -160,6 +164,11 @@ DWORD Clock::WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &rea
     }
 }
 
+void Clock::FollowUntil(Interval deadline) const {
+    for (DWORD waited = 0; waited < kFollowerMs && !SliceUntil(deadline).last; ++waited)
+        ::Sleep(1);
+}
+
 DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {
     if (timeoutMs == 0 || timeoutMs == INFINITE)
         return real(timeoutMs);
@@ -167,6 +176,10 @@ DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DW
     const InsideSimulator inside;
     const State state = Read();
     const Interval deadline = state.Now() + milliseconds(timeoutMs);
+    if (purpose == Purpose::Sleep && state.factor == 0 && m_follower == GetCurrentThreadId()) {
+        FollowUntil(deadline);
+        return WAIT_TIMEOUT;
+    }
     {
         const LockGuard guard(m_lock);
         m_waiting.insert(GetCurrentThreadId());

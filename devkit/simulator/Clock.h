@@ -1,6 +1,7 @@
 // Simulated time: a steady clock, and a wall clock that can be set apart from it.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -26,6 +27,7 @@ public:
         SleepsAndWaits,  ///< So does a wait with a timeout whose handles stay unsignalled for kGraceMs.
     };
     static constexpr DWORD kGraceMs = 20;
+    static constexpr DWORD kFollowerMs = 5;
 
     Clock();
 
@@ -35,6 +37,11 @@ public:
     void Step(AutoAdvance autoAdvance = AutoAdvance::None);
     /// Puts time forward, in any mode. Those whose time has come wake up within some real milliseconds.
     void Advance(Interval by);
+
+    /// The thread follows what others do, and asks again and again: its sleeps don't put a stepped clock forward. They
+    /// end when their time has come, or after kFollowerMs of real time.
+    /// @param threadId  0 for none, as at first.
+    void SetFollower(DWORD threadId);
 
     /// Sets the wall clock, also backwards; ticks and waits do not notice.
     /// @param fileTime  100 ns units since 1601, UTC.
@@ -91,9 +98,11 @@ private:
     void AdvanceTo(Interval time);
     [[nodiscard]] Slice SliceUntil(Interval deadline) const;
     DWORD WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &real) const;
+    void FollowUntil(Interval deadline) const;
 
     mutable Lock m_lock;
     State m_state;
+    std::atomic<DWORD> m_follower{0};
     std::multiset<DWORD> m_waiting;
 };
 

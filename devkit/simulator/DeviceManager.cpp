@@ -80,7 +80,7 @@ void DeviceManager::RemoveOf(const std::wstring &componentId) {
 
 HDEVINFO DeviceManager::List(const GUID *classGuid, const wchar_t *enumerator, DWORD flags) {
     const bool allClasses = (flags & DIGCF_ALLCLASSES) != 0;
-    if ((flags & ~static_cast<DWORD>(DIGCF_PRESENT | DIGCF_ALLCLASSES)) != 0)
+    if ((flags & ~static_cast<DWORD>(DIGCF_PRESENT | DIGCF_ALLCLASSES | DIGCF_PROFILE)) != 0)
         return Succeed(ERROR_INVALID_FLAGS), INVALID_HANDLE_VALUE;
     if (classGuid == nullptr && !allClasses)
         return Succeed(ERROR_INVALID_PARAMETER), INVALID_HANDLE_VALUE;
@@ -90,7 +90,11 @@ HDEVINFO DeviceManager::List(const GUID *classGuid, const wchar_t *enumerator, D
     };
     const LockGuard guard(m_lock);
     const HDEVINFO list = NewList();
-    std::copy_if(m_devices.begin(), m_devices.end(), std::back_inserter(m_lists[list]), wanted);
+    std::vector<Listed> &listed = m_lists[list];
+    for (const Device &device : m_devices) {
+        if (wanted(device))
+            listed.emplace_back(device);
+    }
     return list;
 }
 
@@ -113,7 +117,7 @@ BOOL DeviceManager::Enumerate(HDEVINFO list, DWORD index, SP_DEVINFO_DATA *data)
 
 BOOL DeviceManager::InstanceId(HDEVINFO list, const SP_DEVINFO_DATA *data, wchar_t *buffer, DWORD size, DWORD *needed) {
     const LockGuard guard(m_lock);
-    const Device *device = nullptr;
+    Listed *device = nullptr;
     const DWORD error = FindLocked(list, data, device);
     if (error != ERROR_SUCCESS)
         return Succeed(error);
@@ -127,7 +131,7 @@ BOOL DeviceManager::InstanceId(HDEVINFO list, const SP_DEVINFO_DATA *data, wchar
 BOOL DeviceManager::Property(HDEVINFO list, const SP_DEVINFO_DATA *data, DWORD property, DWORD *type, BYTE *buffer,
                              DWORD size, DWORD *needed) {
     const LockGuard guard(m_lock);
-    const Device *device = nullptr;
+    Listed *device = nullptr;
     const DWORD error = FindLocked(list, data, device);
     if (error != ERROR_SUCCESS)
         return Succeed(error);
@@ -149,7 +153,7 @@ BOOL DeviceManager::Destroy(HDEVINFO list) {
     return Succeed(m_lists.erase(list) == 1 ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
 }
 
-DWORD DeviceManager::FindLocked(HDEVINFO list, const SP_DEVINFO_DATA *data, const Device *&device) const {
+DWORD DeviceManager::FindLocked(HDEVINFO list, const SP_DEVINFO_DATA *data, Listed *&device) {
     const auto found = m_lists.find(list);
     if (found == m_lists.end())
         return ERROR_INVALID_HANDLE;

@@ -1,5 +1,7 @@
 #include "InstalledParts.h"
 
+#include "AdapterDevices.h"
+#include "IpHelper.h"
 #include "WindowsFunctions.h"
 
 namespace Simulator {
@@ -24,6 +26,8 @@ void Install(FunctionSet &functions, const std::shared_ptr<Core> &core, const In
         InstallCom(functions, parts.network->com);
         InstallDevices(functions, parts.network->devices);
         InstallNetwork(functions, core, parts.network->com, parts.network->configuration);
+        InstallIpHelper(functions, parts.network->configuration);
+        InstallAdapterDevices(functions, parts.network->configuration);
     }
 }
 

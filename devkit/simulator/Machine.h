@@ -18,6 +18,9 @@ struct Machine {
     DWORD osMajor = 10;
     DWORD osMinor = 0;
     DWORD osBuild = 19045;
+    WORD servicePack = 0;                   ///< Its major number; the minor is 0.
+    BYTE productType = VER_NT_WORKSTATION;  ///< Or VER_NT_SERVER, VER_NT_DOMAIN_CONTROLLER.
+    WORD suiteMask = VER_SUITE_SINGLEUSERTS;
 };
 
 /// Puts the machine under these functions:
@@ -28,8 +31,10 @@ struct Machine {
 /// - GetSystemInfo, whose number of processors alone is the machine's.
 /// - GlobalMemoryStatusEx, whose physical memory and load are the machine's; fails with ERROR_INVALID_PARAMETER
 ///   unless dwLength is right.
-/// - GetVersionExW, whose three numbers alone are the machine's; fails with ERROR_INSUFFICIENT_BUFFER unless
-///   dwOSVersionInfoSize is that of one of the two structs.
+/// - GetVersionExW; fails with ERROR_INSUFFICIENT_BUFFER unless dwOSVersionInfoSize is that of one of the two structs.
+/// - VerifyVersionInfoW; fails with ERROR_OLD_WIN_VERSION, and with ERROR_BAD_ARGUMENTS where nothing, or something
+///   without a condition, is asked.
+/// - wxGetOsVersion of wxWidgets, which asks the system but once in a process.
 /// Failing calls leave their output parameters alone.
 /// @param machine  outlives the set.
 void InstallMachine(FunctionSet &functions, Machine &machine);

@@ -44,29 +44,11 @@ BOOL FillMemoryStatus(const Machine &machine, MEMORYSTATUSEX &status) {
     return TRUE;
 }
 
-BOOL FillVersion(const Machine &machine, OSVERSIONINFOW &info) {
-    info.dwMajorVersion = machine.osMajor;
-    info.dwMinorVersion = machine.osMinor;
-    info.dwBuildNumber = machine.osBuild;
-    return TRUE;
-}
-
-void InstallVersion(FunctionSet &functions, const Machine &machine) {
-    functions.Put<System::GetVersionExW>([&machine](const auto &next, OSVERSIONINFOW *info) -> BOOL {
-        if (info->dwOSVersionInfoSize != sizeof(OSVERSIONINFOW) &&
-            info->dwOSVersionInfoSize != sizeof(OSVERSIONINFOEXW)) {
-            SetLastError(ERROR_INSUFFICIENT_BUFFER);
-            return FALSE;
-        }
-        return next(info) && FillVersion(machine, *info);
-    });
-}
-
 }  // namespace
 
 void InstallMachine(FunctionSet &functions, Machine &machine) {
     InstallQueries(functions, machine);
-    InstallVersion(functions, machine);
+    InstallMachineVersion(functions, machine);
     functions.Put<System::GetSystemInfo>([&machine](const auto &next, SYSTEM_INFO *info) {
         next(info);
         info->dwNumberOfProcessors = machine.processorCount;

@@ -18,5 +18,20 @@ SIMULATOR_FUNCTION(PdhCloseQuery, "pdh.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(GetSystemInfo, "KERNEL32.dll", CannotFail);
 SIMULATOR_FUNCTION(GlobalMemoryStatusEx, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(GetVersionExW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(VerifyVersionInfoW, "KERNEL32.dll", ReturnsZero);
+
+/// By the name that GCC and Clang give it.
+using wxGetOsVersion =
+    Function<"_Z14wxGetOsVersionPiS_S_", "wxbase32u_gcc_custom.dll", int(int *, int *, int *), CannotFail>;
 
 }  // namespace Simulator::System
+
+namespace Simulator {
+
+class FunctionSet;
+struct Machine;
+
+/// The part of InstallMachine that concerns the system's version.
+void InstallMachineVersion(FunctionSet &functions, const Machine &machine);
+
+}  // namespace Simulator

@@ -1,7 +1,9 @@
 #include "NetworkClass.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "AnyCase.h"
 #include "NetworkComponentObject.h"
 
 namespace Simulator {
@@ -12,13 +14,46 @@ bool IsValid(const OBO_TOKEN &token) {
     return token.Type == OBO_USER || token.Type == OBO_COMPONENT || token.Type == OBO_SOFTWARE;
 }
 
-/// @param gone  receives whether this is the removal that takes it away.
-HRESULT CountRemoval(NetworkComponent *component, bool &gone) {
+/// @param gone  receives its id if this is the removal that takes it away.
+HRESULT CountRemoval(NetworkComponent *component, std::optional<std::wstring> &gone) {
     if (component == nullptr)
         return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
     unsigned &left = component->deInstallsUntilGone;
-    gone = SUCCEEDED(component->deInstallResult) && left != 0 && --left == 0;
+    if (SUCCEEDED(component->deInstallResult) && left != 0 && --left == 0)
+        gone = component->id;
     return component->deInstallResult;
+}
+
+/// What the next attempt answers.
+HRESULT TakeResult(InstallableComponent &installable) {
+    if (installable.results.empty())
+        return S_OK;
+    const HRESULT result = installable.results.front();
+    installable.results.erase(installable.results.begin());
+    return result;
+}
+
+unsigned InstallAndBind(NetworkState &state, const NetworkComponent &component) {
+    if (const NetworkComponent *there = ComponentWithId(state, component.id))
+        return there->key;
+    for (const NetworkComponent &other : state.components) {
+        if (other.adapter)
+            SetBinding(state.bindings, {other.adapter->pnpDevNodeId, component.id, true});
+    }
+    return PutComponent(state, component);
+}
+
+/// @param key  receives that of the component, if it is there then.
+HRESULT InstallIn(NetworkState &state, const std::wstring &id, const GUID &classGuid, unsigned &key) {
+    const auto found = std::find_if(state.installable.begin(), state.installable.end(), [&](const auto &each) {
+        return SameInAnyCase(each.component.id, id) && each.component.classGuid == classGuid;
+    });
+    if (found == state.installable.end())
+        return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+    const HRESULT result = TakeResult(*found);
+    if (SUCCEEDED(result) && !found->leavesNothing)
+        key = InstallAndBind(state, found->component);
+    return result;
 }
 
 }  // namespace
@@ -47,9 +82,10 @@ HRESULT NetworkClass::FindComponent(LPCWSTR id, INetCfgComponent **component) {
 }
 
 HRESULT NetworkClass::EnumComponents(IEnumNetCfgComponent **components) {
+    static constexpr char name[] = "INetCfgClass::EnumComponents";
     ClearResult(components);
     return Call(
-        "INetCfgClass::EnumComponents", [] { return E_NOTIMPL; }, components);
+        name, [&] { return m_engine->Enumerate(&m_classGuid, name, components); }, components);
 }
 
 NetworkClassSetup::NetworkClassSetup(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
@@ -72,10 +108,27 @@ HRESULT NetworkClassSetup::SelectAndInstall(HWND parent, OBO_TOKEN *token, INetC
 
 HRESULT NetworkClassSetup::Install(LPCWSTR id, OBO_TOKEN *token, DWORD setupFlags, DWORD upgradeFromBuild,
                                    LPCWSTR answerFile, LPCWSTR answerSections, INetCfgComponent **component) {
+    static constexpr char name[] = "INetCfgClassSetup::Install";
     ClearResult(component);
     return Call(
-        "INetCfgClassSetup::Install", [] { return E_NOTIMPL; }, id, token, setupFlags, upgradeFromBuild, answerFile,
+        name, [&] { return Put(id, token, name, component); }, id, token, setupFlags, upgradeFromBuild, answerFile,
         answerSections, component);
+}
+
+HRESULT NetworkClassSetup::Put(LPCWSTR id, const OBO_TOKEN *token, const char *function, INetCfgComponent **component) {
+    if (id == nullptr)
+        return E_POINTER;
+    if (token != nullptr && !IsValid(*token))
+        return E_INVALIDARG;
+    unsigned key = 0;
+    const HRESULT result =
+        m_engine->WhenLocked([&](NetworkState &state) { return InstallIn(state, id, m_class->ClassGuid(), key); });
+    if (key == 0)
+        return result;
+    m_engine->Network().Tell({NetworkMoment::What::Installed, id});
+    if (component != nullptr)
+        *component = m_engine->GiveComponent(key, function);
+    return result;
 }
 
 HRESULT NetworkClassSetup::DeInstall(INetCfgComponent *component, OBO_TOKEN *token, LPWSTR *references) {
@@ -90,11 +143,13 @@ HRESULT NetworkClassSetup::Remove(INetCfgComponent *component, const OBO_TOKEN *
         return E_POINTER;
     if (token != nullptr && !IsValid(*token))
         return E_INVALIDARG;
-    bool gone = false;
+    std::optional<std::wstring> gone;
     const HRESULT result = m_engine->WhenLocked(
         [&](NetworkState &state) { return CountRemoval(ComponentWithKey(state, ours->Key()), gone); });
-    if (gone)
-        m_engine->Network().Remove(ours->Key());
+    if (!gone)
+        return result;
+    m_engine->Network().Remove(ours->Key());
+    m_engine->Network().Tell({NetworkMoment::What::Removed, *gone});
     return result;
 }
 

@@ -20,8 +20,10 @@ public:
 
     /// S_FALSE if the class has none of that id.
     HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
-    /// E_NOTIMPL
+    /// Those of the class that there are now.
     HRESULT STDMETHODCALLTYPE EnumComponents(IEnumNetCfgComponent **components) override;
+
+    [[nodiscard]] const GUID &ClassGuid() const { return m_classGuid; }
 
 private:
     const std::shared_ptr<NetworkEngine> m_engine;
@@ -36,8 +38,13 @@ public:
     /// What the class provides.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
-    /// E_NOTIMPL, as Install.
+    /// E_NOTIMPL
     HRESULT STDMETHODCALLTYPE SelectAndInstall(HWND parent, OBO_TOKEN *token, INetCfgComponent **component) override;
+    /// Answers and does, at once, as the component can be installed; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) if it
+    /// can't in this class. One that is there already is not installed a second time. Needs the write lock. The other
+    /// arguments have no effect.
+    /// @param token      may be null; E_INVALIDARG if its type is none.
+    /// @param component  may be null; null when a success leaves nothing.
     HRESULT STDMETHODCALLTYPE Install(LPCWSTR id, OBO_TOKEN *token, DWORD setupFlags, DWORD upgradeFromBuild,
                                       LPCWSTR answerFile, LPCWSTR answerSections,
                                       INetCfgComponent **component) override;
@@ -48,6 +55,7 @@ public:
     HRESULT STDMETHODCALLTYPE DeInstall(INetCfgComponent *component, OBO_TOKEN *token, LPWSTR *references) override;
 
 private:
+    HRESULT Put(LPCWSTR id, const OBO_TOKEN *token, const char *function, INetCfgComponent **component);
     HRESULT Remove(INetCfgComponent *component, const OBO_TOKEN *token);
 
     const std::shared_ptr<NetworkEngine> m_engine;

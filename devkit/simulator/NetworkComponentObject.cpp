@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "NetworkComponentBindings.h"
+
 namespace Simulator {
 
 NetworkComponentObject::NetworkComponentObject(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
@@ -13,7 +15,13 @@ NetworkComponentObject::NetworkComponentObject(const std::shared_ptr<Core> &core
 HRESULT NetworkComponentObject::Provide(REFIID iid, const char *function, void **object) {
     if (iid == IID_INetCfgComponent || iid == IID_IUnknown)
         return ProvideThis(function, object);
-    return E_NOINTERFACE;
+    return iid == IID_INetCfgComponentBindings ? GiveBindings(function, object) : E_NOINTERFACE;
+}
+
+HRESULT NetworkComponentObject::GiveBindings(const char *function, void **object) {
+    const auto self = std::static_pointer_cast<NetworkComponentObject>(shared_from_this());
+    *object = std::make_shared<NetworkComponentBindings>(TheCore(), m_engine, self)->Give(function);
+    return S_OK;
 }
 
 HRESULT NetworkComponentObject::GetId(LPWSTR *id) {
@@ -47,9 +55,11 @@ HRESULT NetworkComponentObject::GetClassGuid(GUID *classGuid) {
 }
 
 HRESULT NetworkComponentObject::GetDisplayName(LPWSTR *name) {
+    static constexpr char call[] = "INetCfgComponent::GetDisplayName";
     ClearResult(name);
     return Call(
-        "INetCfgComponent::GetDisplayName", [] { return E_NOTIMPL; }, name);
+        call, [&] { return GiveText(call, name, [](const NetworkAdapter &adapter) { return adapter.displayName; }); },
+        name);
 }
 
 HRESULT NetworkComponentObject::SetDisplayName(LPCWSTR name) {
@@ -65,7 +75,16 @@ HRESULT NetworkComponentObject::GetHelpText(LPWSTR *text) {
 
 HRESULT NetworkComponentObject::GetCharacteristics(LPDWORD characteristics) {
     return Call(
-        "INetCfgComponent::GetCharacteristics", [] { return E_NOTIMPL; }, characteristics);
+        "INetCfgComponent::GetCharacteristics",
+        [&] {
+            if (characteristics == nullptr)
+                return E_POINTER;
+            return With([characteristics](const NetworkComponent &component) {
+                *characteristics = component.adapter ? component.adapter->characteristics : 0;
+                return S_OK;
+            });
+        },
+        characteristics);
 }
 
 HRESULT NetworkComponentObject::GetInstanceGuid(GUID *instanceGuid) {
@@ -74,20 +93,36 @@ HRESULT NetworkComponentObject::GetInstanceGuid(GUID *instanceGuid) {
 }
 
 HRESULT NetworkComponentObject::GetPnpDevNodeId(LPWSTR *id) {
+    static constexpr char call[] = "INetCfgComponent::GetPnpDevNodeId";
     ClearResult(id);
     return Call(
-        "INetCfgComponent::GetPnpDevNodeId", [] { return E_NOTIMPL; }, id);
+        call, [&] { return GiveText(call, id, [](const NetworkAdapter &adapter) { return adapter.pnpDevNodeId; }); },
+        id);
 }
 
 HRESULT NetworkComponentObject::GetBindName(LPWSTR *name) {
+    static constexpr char call[] = "INetCfgComponent::GetBindName";
     ClearResult(name);
     return Call(
-        "INetCfgComponent::GetBindName", [] { return E_NOTIMPL; }, name);
+        call, [&] { return GiveText(call, name, [](const NetworkAdapter &adapter) { return adapter.bindName; }); },
+        name);
 }
 
 HRESULT NetworkComponentObject::GetDeviceStatus(ULONG *status) {
     return Call(
-        "INetCfgComponent::GetDeviceStatus", [] { return E_NOTIMPL; }, status);
+        "INetCfgComponent::GetDeviceStatus",
+        [&] {
+            if (status == nullptr)
+                return E_POINTER;
+            return With([status](const NetworkComponent &component) -> HRESULT {
+                if (!component.adapter)
+                    return E_NOTIMPL;
+                if (SUCCEEDED(component.adapter->deviceStatusResult))
+                    *status = component.adapter->deviceStatus;
+                return component.adapter->deviceStatusResult;
+            });
+        },
+        status);
 }
 
 HRESULT NetworkComponentObject::OpenParamKey(HKEY *key) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include <windows.h>
 #include <netcfgx.h>
@@ -17,21 +19,24 @@ class NetworkComponentObject final : public ComObject<INetCfgComponent> {
 public:
     NetworkComponentObject(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine, unsigned key);
 
-    /// For INetCfgComponent and IUnknown.
+    /// For INetCfgComponent, INetCfgComponentBindings and IUnknown.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
     HRESULT STDMETHODCALLTYPE GetId(LPWSTR *id) override;
     HRESULT STDMETHODCALLTYPE GetClassGuid(GUID *classGuid) override;
-
-    // E_NOTIMPL
-    HRESULT STDMETHODCALLTYPE GetDisplayName(LPWSTR *name) override;
-    HRESULT STDMETHODCALLTYPE SetDisplayName(LPCWSTR name) override;
-    HRESULT STDMETHODCALLTYPE GetHelpText(LPWSTR *text) override;
+    /// 0 unless it is an adapter.
     HRESULT STDMETHODCALLTYPE GetCharacteristics(LPDWORD characteristics) override;
-    HRESULT STDMETHODCALLTYPE GetInstanceGuid(GUID *instanceGuid) override;
+
+    // As the adapter has it; E_NOTIMPL if it is none.
+    HRESULT STDMETHODCALLTYPE GetDisplayName(LPWSTR *name) override;
     HRESULT STDMETHODCALLTYPE GetPnpDevNodeId(LPWSTR *id) override;
     HRESULT STDMETHODCALLTYPE GetBindName(LPWSTR *name) override;
     HRESULT STDMETHODCALLTYPE GetDeviceStatus(ULONG *status) override;
+
+    // E_NOTIMPL
+    HRESULT STDMETHODCALLTYPE SetDisplayName(LPCWSTR name) override;
+    HRESULT STDMETHODCALLTYPE GetHelpText(LPWSTR *text) override;
+    HRESULT STDMETHODCALLTYPE GetInstanceGuid(GUID *instanceGuid) override;
     HRESULT STDMETHODCALLTYPE OpenParamKey(HKEY *key) override;
     HRESULT STDMETHODCALLTYPE RaisePropertyUi(HWND parent, DWORD flags, IUnknown *context) override;
 
@@ -39,6 +44,23 @@ public:
     [[nodiscard]] unsigned Key() const { return m_key; }
 
 private:
+    HRESULT GiveBindings(const char *function, void **object);
+    /// Hands out a text of the adapter.
+    /// @param read  yields it; without one, the call fails with E_FAIL.
+    template <class Read>
+    HRESULT GiveText(const char *function, LPWSTR *text, Read read) {
+        if (text == nullptr)
+            return E_POINTER;
+        return With([&](const NetworkComponent &component) -> HRESULT {
+            if (!component.adapter)
+                return E_NOTIMPL;
+            const std::optional<std::wstring> found = read(*component.adapter);
+            if (!found)
+                return E_FAIL;
+            *text = MakeComText(*found, function);
+            return *text == nullptr ? E_OUTOFMEMORY : S_OK;
+        });
+    }
     /// Works on the component.
     template <class Body>
     HRESULT With(Body body) {

@@ -42,6 +42,43 @@ constexpr const char *kMethods[] = {
     "INetCfgComponent::GetDeviceStatus",
     "INetCfgComponent::OpenParamKey",
     "INetCfgComponent::RaisePropertyUi",
+    "IEnumNetCfgBindingInterface::Clone",
+    "IEnumNetCfgBindingInterface::Next",
+    "IEnumNetCfgBindingInterface::QueryInterface",
+    "IEnumNetCfgBindingInterface::Reset",
+    "IEnumNetCfgBindingInterface::Skip",
+    "IEnumNetCfgBindingPath::Clone",
+    "IEnumNetCfgBindingPath::Next",
+    "IEnumNetCfgBindingPath::QueryInterface",
+    "IEnumNetCfgBindingPath::Reset",
+    "IEnumNetCfgBindingPath::Skip",
+    "IEnumNetCfgComponent::Clone",
+    "IEnumNetCfgComponent::Next",
+    "IEnumNetCfgComponent::QueryInterface",
+    "IEnumNetCfgComponent::Reset",
+    "IEnumNetCfgComponent::Skip",
+    "INetCfgBindingInterface::GetLowerComponent",
+    "INetCfgBindingInterface::GetName",
+    "INetCfgBindingInterface::GetUpperComponent",
+    "INetCfgBindingInterface::QueryInterface",
+    "INetCfgBindingPath::Enable",
+    "INetCfgBindingPath::EnumBindingInterfaces",
+    "INetCfgBindingPath::GetDepth",
+    "INetCfgBindingPath::GetOwner",
+    "INetCfgBindingPath::GetPathToken",
+    "INetCfgBindingPath::IsEnabled",
+    "INetCfgBindingPath::IsSamePathAs",
+    "INetCfgBindingPath::IsSubPathOf",
+    "INetCfgBindingPath::QueryInterface",
+    "INetCfgComponentBindings::BindTo",
+    "INetCfgComponentBindings::EnumBindingPaths",
+    "INetCfgComponentBindings::IsBindableTo",
+    "INetCfgComponentBindings::IsBoundTo",
+    "INetCfgComponentBindings::MoveAfter",
+    "INetCfgComponentBindings::MoveBefore",
+    "INetCfgComponentBindings::QueryInterface",
+    "INetCfgComponentBindings::SupportsBindingInterface",
+    "INetCfgComponentBindings::UnbindFrom",
 };
 
 template <class Wanted>
@@ -64,11 +101,83 @@ NetworkComponent *ComponentWithKey(NetworkState &state, unsigned key) {
     return FindFirst(state, [key](const NetworkComponent &component) { return component.key == key; });
 }
 
+NetworkComponent *ComponentWithNode(NetworkState &state, const std::wstring &pnpDevNodeId) {
+    return FindFirst(state, [&](const NetworkComponent &component) {
+        return component.adapter && SameInAnyCase(component.adapter->pnpDevNodeId, pnpDevNodeId);
+    });
+}
+
+NetworkBinding *FindBinding(std::vector<NetworkBinding> &bindings, const std::wstring &pnpDevNodeId,
+                            const std::wstring &componentId) {
+    const auto found = std::find_if(bindings.begin(), bindings.end(), [&](const NetworkBinding &binding) {
+        return SameInAnyCase(binding.adapter, pnpDevNodeId) && SameInAnyCase(binding.component, componentId);
+    });
+    return found == bindings.end() ? nullptr : &*found;
+}
+
+void SetBinding(std::vector<NetworkBinding> &bindings, const NetworkBinding &binding) {
+    NetworkBinding *const known = FindBinding(bindings, binding.adapter, binding.component);
+    if (known != nullptr)
+        known->enabled = binding.enabled;
+    else
+        bindings.push_back(binding);
+}
+
+unsigned PutComponent(NetworkState &state, NetworkComponent component) {
+    component.key = ++state.lastKey;
+    if (component.adapter && component.adapter->index == 0)
+        component.adapter->index = component.key;
+    state.components.push_back(std::move(component));
+    return state.lastKey;
+}
+
 void NetworkConfiguration::Put(NetworkComponent component) {
+    Use([&component](NetworkState &state) { return PutComponent(state, std::move(component)); });
+}
+
+void NetworkConfiguration::PutAdapter(NetworkAdapter adapter) {
+    NetworkComponent component{.id = adapter.id, .classGuid = GUID_DEVCLASS_NET};
+    component.adapter = std::move(adapter);
+    Put(std::move(component));
+}
+
+void NetworkConfiguration::RemoveAdapter(const std::wstring &pnpDevNodeId) {
+    Use([&pnpDevNodeId](NetworkState &state) {
+        return std::erase_if(state.components, [&](const NetworkComponent &component) {
+            return component.adapter && SameInAnyCase(component.adapter->pnpDevNodeId, pnpDevNodeId);
+        });
+    });
+}
+
+void NetworkConfiguration::Bind(const std::wstring &pnpDevNodeId, const std::wstring &componentId, bool enabled) {
+    Use([&](NetworkState &state) { SetBinding(state.bindings, {pnpDevNodeId, componentId, enabled}); });
+}
+
+std::optional<bool> NetworkConfiguration::Binding(const std::wstring &pnpDevNodeId,
+                                                  const std::wstring &componentId) const {
+    NetworkState state = Read();
+    const NetworkBinding *binding = FindBinding(state.bindings, pnpDevNodeId, componentId);
+    if (binding == nullptr || ComponentWithNode(state, pnpDevNodeId) == nullptr ||
+        ComponentWithId(state, componentId) == nullptr)
+        return std::nullopt;
+    return binding->enabled;
+}
+
+void NetworkConfiguration::OnMoment(std::function<void(const NetworkMoment &)> observer) {
     const InsideSimulator inside;
     const LockGuard guard(m_lock);
-    component.key = ++m_lastKey;
-    m_state.components.push_back(std::move(component));
+    m_observer = std::move(observer);
+}
+
+void NetworkConfiguration::Tell(const NetworkMoment &moment) const {
+    const InsideSimulator inside;
+    std::function<void(const NetworkMoment &)> observer;
+    {
+        const LockGuard guard(m_lock);
+        observer = m_observer;
+    }
+    if (observer)
+        observer(moment);
 }
 
 bool NetworkConfiguration::Has(const std::wstring &id) const {
@@ -98,8 +207,11 @@ void NetworkConfiguration::Remove(unsigned key) {
             return;
         const std::wstring id = component->id;
         std::erase_if(m_state.components, [key](const NetworkComponent &other) { return other.key == key; });
-        if (ComponentWithId(m_state, id) == nullptr)
+        if (ComponentWithId(m_state, id) == nullptr) {
             lastOfId = id;
+            std::erase_if(m_state.bindings,
+                          [&id](const NetworkBinding &binding) { return SameInAnyCase(binding.component, id); });
+        }
     }
     if (!lastOfId.empty())
         m_devices->RemoveOf(lastOfId);

@@ -6,6 +6,7 @@
 #include "ComLibrary.h"
 #include "NetworkClass.h"
 #include "NetworkComponentObject.h"
+#include "NetworkEnumerator.h"
 
 namespace Simulator {
 
@@ -43,27 +44,42 @@ HRESULT NetworkEngine::Uninitialize() {
     return Call("INetCfg::Uninitialize", [this] {
         return WhenInitialized([this](const NetworkState &) {
             m_initialized = false;
+            m_changed.clear();
             return S_OK;
         });
     });
 }
 
 HRESULT NetworkEngine::Apply() {
-    return Call("INetCfg::Apply", [this] {  //
-        return WhenLocked([](const NetworkState &state) { return state.applyResult; });
+    return Call("INetCfg::Apply", [this] {
+        std::vector<NetworkBinding> applied;
+        const HRESULT result = WhenLocked([&](NetworkState &state) {
+            if (SUCCEEDED(state.applyResult))
+                applied = Commit(state);
+            return state.applyResult;
+        });
+        using What = NetworkMoment::What;
+        for (const NetworkBinding &binding : applied)
+            m_network->Tell(
+                {binding.enabled ? What::BindingEnabled : What::BindingDisabled, binding.component, binding.adapter});
+        return result;
     });
 }
 
 HRESULT NetworkEngine::Cancel() {
-    return Call("INetCfg::Cancel", [this] {  //
-        return WhenLocked([](const NetworkState &) { return S_OK; });
+    return Call("INetCfg::Cancel", [this] {
+        return WhenLocked([this](const NetworkState &) {
+            m_changed.clear();
+            return S_OK;
+        });
     });
 }
 
 HRESULT NetworkEngine::EnumComponents(const GUID *classGuid, IEnumNetCfgComponent **components) {
+    static constexpr char name[] = "INetCfg::EnumComponents";
     ClearResult(components);
     return Call(
-        "INetCfg::EnumComponents", [] { return E_NOTIMPL; }, classGuid, components);
+        name, [&] { return Enumerate(classGuid, name, components); }, classGuid, components);
 }
 
 HRESULT NetworkEngine::FindComponent(LPCWSTR id, INetCfgComponent **component) {
@@ -101,8 +117,34 @@ HRESULT NetworkEngine::Find(LPCWSTR id, const GUID *classGuid, const char *funct
         return S_OK;
     });
     if (found == S_OK && component != nullptr)
-        *component = std::make_shared<NetworkComponentObject>(TheCore(), Self(), key)->Give(function);
+        *component = GiveComponent(key, function);
     return found;
+}
+
+HRESULT NetworkEngine::Enumerate(const GUID *classGuid, const char *function, IEnumNetCfgComponent **components) {
+    if (components == nullptr)
+        return E_POINTER;
+    std::vector<unsigned> keys;
+    const HRESULT ready = WhenInitialized([&](const NetworkState &state) {
+        for (const NetworkComponent &component : state.components) {
+            if (classGuid == nullptr || component.classGuid == *classGuid)
+                keys.push_back(component.key);
+        }
+        return S_OK;
+    });
+    if (FAILED(ready))
+        return ready;
+    ComponentEnumerator::Items items;
+    for (const unsigned key : keys)
+        items.push_back(std::make_shared<NetworkComponentObject>(TheCore(), Self(), key));
+    *components =
+        // cppcheck-suppress accessMoved; it is moved once
+        std::make_shared<ComponentEnumerator>(TheCore(), kComponentEnumerator, std::move(items))->Give(function);
+    return S_OK;
+}
+
+INetCfgComponent *NetworkEngine::GiveComponent(unsigned key, const char *function) {
+    return std::make_shared<NetworkComponentObject>(TheCore(), Self(), key)->Give(function);
 }
 
 bool NetworkEngine::HasLock(const NetworkState &state) const {

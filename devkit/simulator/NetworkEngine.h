@@ -2,7 +2,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <windows.h>
 #include <netcfgx.h>
@@ -11,6 +13,12 @@
 #include "NetworkConfiguration.h"
 
 namespace Simulator {
+
+/// A binding by the keys of its ends.
+struct BindingEnds {
+    unsigned adapter;
+    unsigned component;
+};
 
 class NetworkEngine final : public ComObject<INetCfg> {
 public:
@@ -23,9 +31,12 @@ public:
     HRESULT STDMETHODCALLTYPE Initialize(PVOID reserved) override;
     /// This and the following: NETCFG_E_NOT_INITIALIZED before.
     HRESULT STDMETHODCALLTYPE Uninitialize() override;
-    /// This and Cancel: NETCFG_E_NO_WRITE_LOCK without the lock.
+    /// The changes of bindings become the machine's. This and Cancel: NETCFG_E_NO_WRITE_LOCK without the lock.
     HRESULT STDMETHODCALLTYPE Apply() override;
+    /// They are forgotten, as by Uninitialize.
     HRESULT STDMETHODCALLTYPE Cancel() override;
+    /// Those of the class, or all, that there are now.
+    /// @param classGuid  may be null.
     HRESULT STDMETHODCALLTYPE EnumComponents(const GUID *classGuid, IEnumNetCfgComponent **components) override;
     /// S_FALSE if there is none.
     HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
@@ -48,7 +59,22 @@ public:
     }
     /// The component of that id, among those of the class if one is named; S_FALSE if there is none.
     HRESULT Find(LPCWSTR id, const GUID *classGuid, const char *function, INetCfgComponent **component);
+    /// Those of the class that there are now, for an enumeration.
+    /// @param classGuid  null for all.
+    HRESULT Enumerate(const GUID *classGuid, const char *function, IEnumNetCfgComponent **components);
     [[nodiscard]] NetworkConfiguration &Network() { return *m_network; }
+
+    /// The component of that key, for the program.
+    INetCfgComponent *GiveComponent(unsigned key, const char *function);
+
+    // Bindings as this engine has changed them.
+
+    /// S_OK if it is enabled, S_FALSE if it is not, NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT if there is none.
+    HRESULT IsEnabled(const BindingEnds &ends);
+    /// Until Apply for this engine alone. Needs the write lock.
+    HRESULT Enable(const BindingEnds &ends, bool enable);
+    /// The bindings that the component is an end of, those above it or those below it.
+    HRESULT BindingsOf(unsigned key, bool above, std::vector<BindingEnds> &bindings);
 
     /// How long to wait for the lock in vain.
     [[nodiscard]] DWORD LockWait(DWORD timeoutMs);
@@ -60,10 +86,13 @@ private:
     [[nodiscard]] std::shared_ptr<NetworkEngine> Self();
     [[nodiscard]] bool HasLock(const NetworkState &state) const;
 
+    [[nodiscard]] std::vector<NetworkBinding> Commit(NetworkState &state);
+
     const std::shared_ptr<NetworkConfiguration> m_network;
-    // Both within m_network->Use.
+    // All within m_network->Use.
     bool m_initialized = false;
     bool m_mayWrite = false;
+    std::vector<NetworkBinding> m_changed;  ///< And not applied.
 };
 
 /// The interface of the engine's write lock.

@@ -4,6 +4,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -21,6 +22,7 @@ namespace System {
 
 SIMULATOR_FUNCTION(SetupUninstallOEMInfW, "SETUPAPI.dll", ReturnsZero);
 SIMULATOR_FUNCTION(InstallHinfSectionW, "SETUPAPI.dll", CannotFail);
+SIMULATOR_FUNCTION(SetupCopyOEMInfW, "SETUPAPI.dll", ReturnsZero);
 
 }  // namespace System
 
@@ -32,6 +34,12 @@ public:
     /// What an InstallHinfSectionW does, inside the simulator; nothing if it is empty.
     /// @param command  such as L"DefaultUninstall 128 C:\\folder\\driver.inf".
     std::function<void(const std::wstring &command)> onInstallSection;
+
+    /// From now on SetupCopyOEMInfW fails for INF files of that name, in any case.
+    /// @param fileName  without a folder, such as L"driver.inf".
+    /// @param error     ERROR_SUCCESS ends it.
+    void FailCopy(const std::wstring &fileName, DWORD error);
+    [[nodiscard]] DWORD CopyError(const std::wstring &fileName) const;
 
     /// From now on GetProcAddress does not find the function: ERROR_PROC_NOT_FOUND.
     /// @param function  "SetupUninstallOEMInfW" or "InstallHinfSectionW".
@@ -45,13 +53,17 @@ public:
 private:
     mutable Lock m_lock;
     std::set<std::string> m_lacking;
+    std::vector<std::pair<std::wstring, DWORD>> m_copyErrors;  ///< By name; the last counts.
     std::vector<std::wstring> m_commands;
 };
 
-/// Puts the library under the two functions, and under GetProcAddress for those that it lacks.
+/// Puts the library under its functions, and under GetProcAddress for those that it lacks.
 /// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It wants a name without a
 ///   folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and is there
 ///   (else ERROR_FILE_NOT_FOUND).
+/// - SetupCopyOEMInfW copies the file that is there to the folder of INF files, as oemN.inf with the least N that is
+///   free. It fails with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the path that it has then does not
+///   fit, and with ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
 /// - InstallHinfSectionW notes its command and hands it on.
 /// Further lets GetModuleHandleW through.
 /// @param folders  null: there is no INF file.

@@ -1,5 +1,7 @@
 #include "Simulation.h"
 
+#include "AdapterDevices.h"
+#include "IpHelper.h"
 #include "WindowsFunctions.h"
 
 namespace Simulator {

@@ -23,7 +23,7 @@ struct SimulationParts {
     bool services = true;  ///< Services of its own, none at first, and their functions in journal and faults.
     bool security = true;  ///< Privileges and security of keys of its own, and their functions in journal and faults.
     bool setup = true;     ///< The functions for INF files, on the folders if there are some.
-    bool network = true;   ///< COM, network components and devices, none at first, and their functions and methods.
+    bool network = true;   ///< COM, network components, adapters and devices, none at first, with all that tells them.
     bool firewall = true;  ///< COM, and a firewall that is on everywhere and lists nothing.
 };
 

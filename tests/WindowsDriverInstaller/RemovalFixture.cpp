@@ -140,21 +140,31 @@ Removal RemovalFixture::Uninstall() {
 }
 
 Removal RemovalFixture::UninstallWhile(const std::function<void()> &meanwhile) {
+    return CallWhile("SLB.filter.UninstallDriver(dom, 'C:\\\\ndis\\\\', wfp)", meanwhile);
+}
+
+Removal RemovalFixture::CallWhile(const std::string &call, const std::function<void()> &meanwhile) {
     (void)simulation().GetJournal().Take();
     const std::uint64_t begin = simulation().GetClock().TickMs();
     Removal removal;
     returned = false;
     std::thread other(meanwhile);
-    const std::string result = lua.Eval("SLB.filter.UninstallDriver(dom, 'C:\\\\ndis\\\\', wfp)");
+    const std::string result = lua.Eval(call);
     returned = true;
     other.join();
     EXPECT_TRUE(result == "true" || result == "false") << result;
     removal.result = result == "true";
     removal.tookMs = simulation().GetClock().TickMs() - begin;
+    TakeRecords(removal);
+    return removal;
+}
+
+void RemovalFixture::TakeRecords(Removal &removal) {
     wxLog::FlushActive();
-    removal.log = log.Take();
+    const std::vector<LogLine> lines = log.Take();
+    removal.log.insert(removal.log.end(), lines.begin(), lines.end());
     for (const VtaCore::Control::Event &event : VtaCore::Control::TakeEvents())
         removal.events.push_back(std::to_string(event.number) + "|" + event.text.utf8_string());
-    removal.notifications = VtaCore::Control::TakeNotifications();
-    return removal;
+    for (const VtaCore::Control::Notification &notification : VtaCore::Control::TakeNotifications())
+        removal.notifications.push_back(notification);
 }

@@ -51,6 +51,11 @@ protected:
     /// The same on a thread of its own, while `meanwhile` runs on this one.
     Removal UninstallWhile(const std::function<void()> &meanwhile);
 
+    /// The same for any call that yields true or false.
+    Removal CallWhile(const std::string &call, const std::function<void()> &meanwhile);
+    /// Adds what was logged, sent and shown since.
+    void TakeRecords(Removal &removal);
+
     /// The calls of these functions since the last Uninstall began, in their order, such as "FreeLibrary(*)": pointers
     /// and handles are stars.
     [[nodiscard]] std::vector<std::string> Calls(const std::set<std::string> &functions);

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -63,6 +64,28 @@ protected:
         OBO_TOKEN token{};
         token.Type = OBO_USER;
         return SetupOf(engine)->DeInstall(Find(engine, id).Get(), &token, nullptr);
+    }
+
+    /// The adapters that an enumeration tells, in its order.
+    static std::vector<ComPtr<INetCfgComponent>> Adapters(const ComPtr<INetCfg> &engine) {
+        ComPtr<IEnumNetCfgComponent> components;
+        EXPECT_EQ(engine->EnumComponents(&GUID_DEVCLASS_NET, &components), S_OK);
+        std::vector<ComPtr<INetCfgComponent>> adapters;
+        for (;;) {
+            ComPtr<INetCfgComponent> component;
+            if (components->Next(1, &component, nullptr) != S_OK)
+                return adapters;
+            adapters.push_back(std::move(component));
+        }
+    }
+    using TextMethod = HRESULT (STDMETHODCALLTYPE INetCfgComponent::*)(LPWSTR *);
+    /// What a method hands out.
+    static std::wstring Text(const ComPtr<INetCfgComponent> &component, TextMethod method) {
+        LPWSTR text = nullptr;
+        EXPECT_EQ((component.Get()->*method)(&text), S_OK);
+        std::wstring copy = text == nullptr ? L"" : text;
+        CoTaskMemFree(text);
+        return copy;
     }
 
     [[nodiscard]] std::size_t Count(const char *kind) const {

@@ -188,9 +188,16 @@ TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
     (void)component->OpenParamKey(nullptr);
     (void)component->RaisePropertyUi(nullptr, 0, nullptr);
 
+    // Those of bindings and enumerations are not called here.
+    const std::set<std::string> interfaces{"INetCfg", "INetCfgLock", "INetCfgClass", "INetCfgClassSetup",
+                                           "INetCfgComponent"};
+    std::set<std::string> told;
+    for (const std::string name : NetworkMethods()) {
+        if (interfaces.contains(name.substr(0, name.find("::"))))
+            told.insert(name);
+    }
     const std::vector<std::string> called = journal().Names();
-    EXPECT_EQ(std::set<std::string>(NetworkMethods().begin(), NetworkMethods().end()),
-              std::set<std::string>(called.begin(), called.end()));
+    EXPECT_EQ(told, std::set<std::string>(called.begin(), called.end()));
 }
 
 TEST_F(SimulatedNetwork, IsInTheJournalCallByCall) {

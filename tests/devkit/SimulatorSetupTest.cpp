@@ -1,5 +1,7 @@
 #include "SetupLibrary.h"
 
+#include <array>
+#include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -127,4 +129,49 @@ TEST_F(SimulatedSetup, StaysUsableWhenTheThreadOfAHangingSectionIsKilled) {
     EXPECT_TRUE(setup.Commands().empty());
     Install(L"DefaultInstall 128 b.inf");
     EXPECT_EQ(setup.Commands(), std::vector<std::wstring>{L"DefaultInstall 128 b.inf"});
+}
+
+TEST_F(SimulatedSetup, CopiesInfFilesUnderTheLeastNumbersThatAreFree) {
+    const std::filesystem::path source = simulation.GetFolders().Temp() / L"driver.inf";
+    std::ofstream(source) << "driver";
+    std::ofstream(simulation.GetFolders().Inf() / L"oem0.inf") << "text";
+    simulation.GetFolders().MapPath(L"C:\\agent", simulation.GetFolders().Temp());
+    for (const wchar_t *expected : {L"oem1.inf", L"oem2.inf"}) {
+        std::array<wchar_t, MAX_PATH> path{};
+        DWORD needed = 0;
+        wchar_t *name = nullptr;
+        ASSERT_TRUE(
+            SetupCopyOEMInfW(L"C:\\agent\\driver.inf", nullptr, SPOST_PATH, 0, path.data(), MAX_PATH, &needed, &name));
+        EXPECT_EQ(std::filesystem::path(path.data()), simulation.GetFolders().Inf() / expected);
+        EXPECT_EQ(needed, std::wcslen(path.data()) + 1);
+        EXPECT_STREQ(name, expected);
+        std::string text;
+        EXPECT_TRUE(std::ifstream(path.data()) >> text);
+        EXPECT_EQ(text, "driver");
+    }
+    EXPECT_TRUE(SetupCopyOEMInfW(source.c_str(), nullptr, SPOST_NONE, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_TRUE(std::filesystem::exists(simulation.GetFolders().Inf() / L"oem3.inf"));
+}
+
+TEST_F(SimulatedSetup, FailsToCopyAsTheFileHasIt) {
+    const std::filesystem::path source = simulation.GetFolders().Temp() / L"driver.inf";
+    std::array<wchar_t, MAX_PATH> path{};
+    const auto copy = [&](DWORD room) {
+        const BOOL copied =
+            SetupCopyOEMInfW(source.c_str(), nullptr, SPOST_PATH, 0, path.data(), room, nullptr, nullptr);
+        return copied ? static_cast<DWORD>(ERROR_SUCCESS) : GetLastError();
+    };
+    EXPECT_EQ(copy(MAX_PATH), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    std::ofstream(source) << "driver";
+    setup.FailCopy(L"Driver.INF", ERROR_AUTHENTICODE_TRUST_NOT_ESTABLISHED);
+    setup.FailCopy(L"other.inf", ERROR_ACCESS_DENIED);
+    EXPECT_EQ(copy(MAX_PATH), ERROR_AUTHENTICODE_TRUST_NOT_ESTABLISHED);
+    setup.FailCopy(L"driver.inf", ERROR_SUCCESS);
+    EXPECT_EQ(copy(3), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    (void)simulation.GetFaults().FailNth("SetupCopyOEMInfW", 1, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(copy(MAX_PATH), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(path[0], L'\0');
+    EXPECT_FALSE(std::filesystem::exists(simulation.GetFolders().Inf() / L"oem0.inf"));
+    EXPECT_EQ(copy(MAX_PATH), static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_TRUE(std::filesystem::exists(simulation.GetFolders().Inf() / L"oem0.inf"));
 }

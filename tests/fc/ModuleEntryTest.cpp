@@ -38,9 +38,9 @@ std::set<std::string> DirectFunctions() {
 }
 
 std::set<std::string> BoundFunctions() {
-    return {"UninstallDriver",       "StartWFPDriver",        "StopWFPDriver",           "RestartWFPDriver",
-            "StopNDISDriver",        "StartNDISDriver",       "RestartNDISDriver",       "EnableNativeFirewall",
-            "DisableNativeFirewall", "WindowsFirewallAddApp", "WindowsFirewallRemoveApp"};
+    return {"InstallOrUpdateDriver", "UninstallDriver",       "StartWFPDriver",        "StopWFPDriver",
+            "RestartWFPDriver",      "StopNDISDriver",        "StartNDISDriver",       "RestartNDISDriver",
+            "EnableNativeFirewall",  "DisableNativeFirewall", "WindowsFirewallAddApp", "WindowsFirewallRemoveApp"};
 }
 
 std::set<std::string> AllFunctions() {

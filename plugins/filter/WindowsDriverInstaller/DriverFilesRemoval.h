@@ -118,13 +118,17 @@ bool CDriverUninstallerThread::UninstallWFPCallout() {
 }
 
 bool CDriverUninstallerThread::UninstallWFPCalloutWithInstallHinfSection() {
+    return RunWfpInfSection("DefaultUninstall");
+}
+
+bool CDriverUninstallerThread::RunWfpInfSection(const wxString &section) {
     const wxString folder = wxFileName(wfpDriverDir, wxPATH_NATIVE).GetPath(wxPATH_GET_VOLUME);
     const wxString path = folder + "\\" + "netqbimwfp.inf";
     if (!wxFile::Exists(path)) {
         wxLogError("WFP callout INF file doesn't exist: %s", path);
         return false;
     }
-    const wxString command = "DefaultUninstall 128 " + path;
+    const wxString command = section + " 128 " + path;
     wxLogVerbose("InstallHinfSectionW: executing, cmd = %s.", command);
     const SetupLibrary setup;
     InstallHinfSection installHinfSection = nullptr;
@@ -150,8 +154,7 @@ void CDriverUninstallerThread::cleanup_registry() {
     (void)RegCloseKey(key);
     DbgPrint(L"cleanup_registry: Found %s key", kMiniportKey);
     std::wstring path = std::wstring(L"MACHINE\\") + kMiniportKey;
-    TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", static_cast<const wchar_t *>(line.wc_str())); },
-                  path.data());
+    TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", Wide(line)); }, path.data());
     path = kMiniportKey;
     if (DeleteRegistryTree(path) == 0)                           // tried whatever became of the ownership
         DbgPrint(L"    cleanup_registry: successfuly deleted");  // spelt as it always was

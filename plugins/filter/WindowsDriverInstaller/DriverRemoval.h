@@ -10,7 +10,6 @@
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
-constexpr wchar_t kFilterComponent[] = L"qbimvta";
 constexpr wchar_t kLegacyComponent[] = L"rxwim";
 
 void CDriverUninstallerThread::Run() {

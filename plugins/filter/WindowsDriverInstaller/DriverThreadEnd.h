@@ -13,6 +13,12 @@ namespace {
 
 using UniqueThread = std::unique_ptr<CDriverUninstallerThread>;
 
+/// Whether the thread itself is there yet, whatever has become of its body.
+bool StillRuns(const wxThread &thread) {
+    const HANDLE handle = thread.MSWGetHandle();
+    return handle != nullptr && WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
+}
+
 /// Whether the thread itself has ended, or does within some seconds.
 bool EndsSoon(HANDLE thread) {
     constexpr DWORD waitMs = 5'000;

@@ -13,6 +13,11 @@
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
+/// An argument of DbgPrint; valid for as long as the text.
+const wchar_t *Wide(const wxString &text) {
+    return text.wc_str();
+}
+
 CDriverUninstallerThread::CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
                                                    const wxString &toWfpDriverDir)
     : CRunnable(false, -1, false),

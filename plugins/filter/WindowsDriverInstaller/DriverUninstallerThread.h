@@ -20,6 +20,9 @@
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
+/// The filter driver's network component.
+constexpr wchar_t kFilterComponent[] = L"qbimvta";
+
 /// A step that runs.
 struct StepRecord {
     std::uint32_t limitSeconds;
@@ -54,6 +57,11 @@ public:
     bool WaitForStepToFinish();
     /// The step on top of the stack, NoStep where there is none. Any thread.
     std::uint32_t TopStep();
+    /// Held by a watcher that kills the worker, so that the worker doesn't hold it.
+    wxCriticalSection &StepLock() { return stepLock; }
+    /// Writes a line to the thread's log, indented by the depth of the step stack. Any thread.
+    /// @param format  follows the rules of a wide printf.
+    void DbgPrint(const wchar_t *format, ...);
 
 protected:
     void OnExit() override;
@@ -63,11 +71,9 @@ public:
 
 protected:
     void Run() override;
-    /// Writes a line to the thread's log. A subclass may send the log elsewhere.
-    /// @param format  follows the rules of a wide printf; begins with the indentation.
+    /// Writes a line of DbgPrint. A subclass may send the log elsewhere.
+    /// @param format  begins with the indentation.
     virtual void DbgPrintV(const wchar_t *format, va_list arguments);
-    /// The same, indented by the depth of the step stack. Any thread.
-    void DbgPrint(const wchar_t *format, ...);
 
     void StartStep(std::uint32_t step, std::uint32_t limitSeconds);
     /// Ends the step on top, whichever that is; a warning is logged if it is not `step`.
@@ -105,6 +111,10 @@ protected:
     bool UninstallWFPCallout();
     bool UninstallWFPCalloutWithInstallHinfSection();
     bool UninstallWFPCalloutWithSC();
+    /// Runs a section of the callout's INF file through setupapi.
+    /// @param section  DefaultInstall or DefaultUninstall.
+    /// @return whether it was run; what became of it nobody tells.
+    bool RunWfpInfSection(const wxString &section);
     /// Deletes the enumeration key of a miniport device that nothing else could remove.
     void cleanup_registry();
 
@@ -116,7 +126,6 @@ public:
 protected:
     VtaCore::CDom *dom;
 
-private:
     HANDLE stepFinished;  ///< Auto-reset event; see the destructor.
 
 public:

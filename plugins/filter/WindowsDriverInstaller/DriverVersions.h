@@ -6,6 +6,16 @@
 
 #include "vta_core.h"
 
+/// All zero: unknown.
+struct DriverVersion {
+    unsigned short major = 0;
+    unsigned short minor = 0;
+    unsigned short build = 0;
+    unsigned short revision = 0;
+
+    bool operator==(const DriverVersion &) const = default;
+};
+
 /// Lua: major, minor, build, revision = f(path). Each a signed 16-bit number; nothing at all if the file has no version
 /// that can be read. The path is in UTF-8.
 int GetFileVersion(lua_State *L);
@@ -18,3 +28,10 @@ bool GetFileVersion(const wxString &path, unsigned short *major, unsigned short 
 /// @return whether it answered, and the answer could be read; otherwise the components are 0.
 bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short *minor, unsigned short *build,
                       unsigned short *revision);
+
+inline bool GetFileVersion(const wxString &path, DriverVersion &version) {
+    return GetFileVersion(path, &version.major, &version.minor, &version.build, &version.revision);
+}
+inline bool GetDriverVersion(VtaCore::CDom &dom, DriverVersion &version) {
+    return GetDriverVersion(dom, &version.major, &version.minor, &version.build, &version.revision);
+}

@@ -2,23 +2,17 @@
 
 #include <array>
 #include <cwchar>
-#include <memory>
-#include <type_traits>
 
 #include <initguid.h>
 
 #include <windows.h>
-#include <devguid.h>
 #include <setupapi.h>
 
+#include "DeviceClasses.h"
+#include "DeviceList.h"
 #include "FailureReport.h"
 
 namespace {
-
-struct DestroyList {
-    void operator()(HDEVINFO list) const { (void)SetupDiDestroyDeviceInfoList(list); }
-};
-using DeviceList = std::unique_ptr<std::remove_pointer_t<HDEVINFO>, DestroyList>;
 
 /// @return false when the id or the description can't be read, or when it is another device's.
 bool IsMiniport(VtaCore::CDom &dom, const DeviceList &devices, SP_DEVINFO_DATA &device) {

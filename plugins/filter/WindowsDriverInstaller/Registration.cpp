@@ -8,6 +8,7 @@
 void RegisterDriverInstallerFunctions(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterDirect(L, filter, "GetFileVersion", GetFileVersion);
+    RegisterBound(L, filter, "InstallOrUpdateDriver", InstallOrUpdateDriver);
     RegisterBound(L, filter, "UninstallDriver", UninstallDriver);
     RegisterBound(L, filter, "StartWFPDriver", StartWFPCallout);
     RegisterBound(L, filter, "StopWFPDriver", StopWFPCallout);

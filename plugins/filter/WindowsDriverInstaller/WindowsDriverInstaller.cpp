@@ -4,13 +4,20 @@
 
 #include <initguid.h>
 
+#include "AdapterBindings.h"
+#include "AdapterRecords.h"
 #include "DriverFilesRemoval.h"
+#include "DriverInstallation.h"
+#include "DriverInstallerThread.h"
+#include "DriverInstallerWatchdog.h"
 #include "DriverRemoval.h"
 #include "DriverThreadEnd.h"
 #include "DriverThreadNetCfg.h"
 #include "DriverThreadSteps.h"
 #include "DriverThreads.h"
 #include "DriverUninstallerThread.h"
+#include "DriverWatch.h"
+#include "NetworkRecovery.h"
 #include "StackDump.h"
 
 namespace {
@@ -25,7 +32,52 @@ bool WatchSteps(CDriverUninstallerThread &thread) {
     return true;
 }
 
+/// The watchdog has made no progress for an hour. It is neither ended nor freed here.
+void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
+    VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
+    wxString stack;
+    {
+        const wxCriticalSectionLocker lock(status.watchdogLock);
+        if (status.watchdog != nullptr)
+            stack = CaptureThreadStack(status.watchdog);
+    }
+    dom.DoAgentEventWriteAndLog(kInstallFailedEvent, kInstallFailedEvent, L"OverallInstall|%s", Wide(stack));
+}
+
+/// @return false when there was no progress for an hour; otherwise what the watchdog made of it so far.
+bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
+    constexpr std::uint32_t warnAfterMs = 60'000;
+    constexpr std::uint32_t giveUpAfterMs = 3'600'000;
+    std::uint32_t lastWarned = 0;
+    while (!dom.ShouldExit(0, nullptr) && !status.done) {
+        const std::uint32_t lastProgress = status.lastProgress;
+        const std::uint32_t elapsed = VtaCore::SystemTickCount() - lastProgress;
+        if (elapsed > giveUpAfterMs) {
+            ReportStall(dom, status);
+            return false;
+        }
+        // Once for each stall.
+        if (elapsed > warnAfterMs && lastProgress != lastWarned) {
+            lastWarned = lastProgress;
+            wxLogWarning("Installer thread has not made any progress in the last %u seconds.", elapsed / 1000);
+        }
+        wxThread::Sleep(250);
+    }
+    return status.result;
+}
+
 }  // namespace
+
+bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
+    PrepareStackDump();
+    const auto status = std::make_shared<InstallStatus>();
+    auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
+    RemoveHealthCheckFiles();
+    if (!watchdog->start(50, true, 0))
+        return false;
+    (void)watchdog.release();  // it frees itself
+    return FollowInstallation(dom, *status);
+}
 
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();

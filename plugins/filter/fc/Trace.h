@@ -39,7 +39,7 @@ inline std::string FunctionNameOf(std::string_view signature) {
     constexpr std::string_view unnamed = "{anonymous}::";
     for (std::size_t at = name.find(unnamed); at != name.npos; at = name.find(unnamed))
         name.erase(at, unnamed.size());
-    return name;
+    return name.ends_with("::operator") ? name + "()" : name;
 }
 
 /// A text from outside for a message, whatever its encoding: UTF-8 if it is that, else the locale's, else Latin-1.

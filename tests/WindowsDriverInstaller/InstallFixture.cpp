@@ -1,0 +1,176 @@
+#include "InstallFixture.h"
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
+
+#include "WindowsFunctions.h"
+
+namespace {
+
+using std::filesystem::path;
+
+std::string VersionText(const std::array<std::uint16_t, 4> &version) {
+    std::string text;
+    for (const std::uint16_t component : version)
+        text += (text.empty() ? "" : ".") + std::to_string(component);
+    return text;
+}
+
+/// Where the version's four words begin in a program file.
+std::size_t FindVersion(const std::string &bytes) {
+    const std::u16string_view key = u"VS_VERSION_INFO";
+    std::string marker(reinterpret_cast<const char *>(key.data()), key.size() * sizeof(char16_t));
+    marker += std::string(4, '\0');
+    marker += "\xBD\x04\xEF\xFE";
+    marker += std::string("\x00\x00\x01\x00", 4);
+    const std::size_t found = bytes.find(marker);
+    if (found == bytes.npos)
+        throw std::runtime_error("the system's version.dll has no version");
+    return found + marker.size();
+}
+
+}  // namespace
+
+std::vector<std::string> InstallOutcome::EventTexts(int number) const {
+    const std::string prefix = std::to_string(number) + "|";
+    std::vector<std::string> texts;
+    for (const std::string &event : events) {
+        if (event.starts_with(prefix))
+            texts.push_back(event.substr(prefix.size()));
+    }
+    return texts;
+}
+
+bool InstallOutcome::AskedForReboot() const {
+    for (const VtaCore::Control::Notification &notification : notifications) {
+        if (notification.kind == VtaCore::Control::Notification::Kind::Reboot)
+            return true;
+    }
+    return false;
+}
+
+InstallFixture::InstallFixture() {
+    Vti::Reset();
+    VtaCore::Control::EnableTrace("NDIS", true);
+    RemoveDrivers();
+    PutAdapters();
+    WriteDriverFiles();
+    SetRunningVersion(std::nullopt);
+    network().Use(
+        [](Simulator::NetworkState &state) { state.installable.push_back({.component = {.id = L"qbimvta"}}); });
+    network().OnMoment([this](const Simulator::NetworkMoment &moment) {
+        using What = Simulator::NetworkMoment::What;
+        if (moment.component != L"qbimvta")
+            return;
+        if (moment.what == What::Installed && m_loadedByInstall)
+            SetRunningVersion(m_loadedByInstall);
+        else if (moment.what == What::Removed)
+            SetRunningVersion(std::nullopt);
+    });
+    simulation().GetSetup().onInstallSection = [this](const std::wstring &command) {
+        if (command.starts_with(L"DefaultUninstall "))
+            simulation().GetServices().Remove(L"qbimwfp");
+        else
+            simulation().GetServices().Put(L"qbimwfp", {.status = {SERVICE_STOPPED}});
+    };
+}
+
+InstallFixture::~InstallFixture() {
+    VtaCore::Control::EnableTrace("NDIS", false);
+    Vti::Reset();
+}
+
+void InstallFixture::PutAdapters() {
+    network().Put({.id = L"ms_tcpip", .classGuid = GUID_DEVCLASS_NETTRANS});
+    network().Put({.id = L"ms_tcpip6", .classGuid = GUID_DEVCLASS_NETTRANS});
+    network().PutAdapter({.id = L"PCI\\VEN_8086&DEV_100E",
+                          .bindName = L"{11111111-0000-0000-0000-000000000001}",
+                          .pnpDevNodeId = kFirst,
+                          .displayName = L"First adapter",
+                          .mac = {0, 1, 2, 3, 4, 5},
+                          .ip = "10.0.0.10",
+                          .gateway = "10.0.0.1",
+                          .frames = 1000});
+    network().PutAdapter({.id = L"PCI\\VEN_10EC&DEV_8168",
+                          .bindName = L"{22222222-0000-0000-0000-000000000002}",
+                          .pnpDevNodeId = kSecond,
+                          .displayName = L"Second adapter",
+                          .mac = {0, 1, 2, 3, 4, 6},
+                          .ip = "10.0.1.10",
+                          .gateway = "10.0.1.1",
+                          .frames = 2000});
+    for (const wchar_t *node : {kFirst, kSecond}) {
+        network().Bind(node, L"ms_tcpip");
+        simulation().GetDevices().Put({.instanceId = node, .description = L"Network adapter"});
+    }
+}
+
+path InstallFixture::NdisFolder() {
+    return simulation().GetFolders().ProgramFiles() / L"ndis";
+}
+
+void InstallFixture::WriteDriverFiles() {
+    create_directories(NdisFolder());
+    SetOurVersion(kOurVersion);
+    for (const wchar_t *inf : {L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf"})
+        std::ofstream(NdisFolder() / inf, std::ios::binary) << InfNaming("qbimvta", 10);
+    std::ofstream(path(WfpFolder()) / L"netqbimwfp.inf", std::ios::binary) << InfNaming("qbimwfp", 10);
+    lua_pushstring(lua, (NdisFolder().string() + "\\").c_str());
+    lua_setglobal(lua, "ndis");
+}
+
+void InstallFixture::WriteVersion(const path &file, const Version &version) {
+    std::ifstream sample("C:\\windows\\system32\\version.dll", std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(sample), {}};
+    const Version stored{version[1], version[0], version[3], version[2]};  // the lower word of each pair first
+    std::memcpy(bytes.data() + FindVersion(bytes), stored.data(), sizeof(stored));
+    std::ofstream(file, std::ios::binary) << bytes;
+}
+
+void InstallFixture::SetOurVersion(const Version &version) {
+    WriteVersion(NdisFolder() / L"qbimvta.sys", version);
+}
+
+void InstallFixture::SetRunningVersion(const std::optional<Version> &version) {
+    const std::lock_guard lock(Vti::Lock());
+    Vti::TheDriver().present = version.has_value();
+    if (version)
+        Vti::TheDriver().version = VersionText(*version);
+}
+
+void InstallFixture::InstallOldDriver(const Version &version) {
+    network().Put({.id = L"qbimvta"});
+    for (const wchar_t *node : {kFirst, kSecond})
+        network().Bind(node, L"qbimvta");
+    simulation().GetServices().Put(L"qbimwfp", {.status = {SERVICE_RUNNING}});
+    PutInf(L"oem1.inf", InfNaming("qbimvta", 10));
+    PutInf(L"oem2.inf", InfNaming("qbimwfp", 10));
+    WriteVersion(simulation().GetFolders().System32() / L"drivers" / L"qbimvta.sys", version);
+    SetRunningVersion(version);
+}
+
+bool InstallFixture::IsBound(const std::wstring &node) {
+    return network().Binding(node, L"qbimvta").value_or(false);
+}
+
+InstallOutcome InstallFixture::Install() {
+    return InstallWhile([] {});
+}
+
+InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhile) {
+    (void)TakeTracedMessages();
+    const int objects = VtaCore::Control::LiveObjects();
+    InstallOutcome installation;
+    simulation().GetClock().SetFollower(GetCurrentThreadId());
+    static_cast<Removal &>(installation) = CallWhile("SLB.filter.InstallOrUpdateDriver(dom, ndis, wfp)", meanwhile);
+    // The watchdog frees itself, a moment after it is done.
+    for (int i = 0; i < 1000 && VtaCore::Control::LiveObjects() != objects; ++i)
+        Simulator::System::Sleep::Real(10);
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+    TakeRecords(installation);
+    installation.traces = TakeTracedMessages("NDIS");
+    return installation;
+}

@@ -1,0 +1,133 @@
+// The installation of the drivers through SLB.filter, on simulated machines.
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "InstallFixture.h"
+#include "WindowsFunctions.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+bool Holds(const Lines &lines, const std::string &line) {
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+class DriverInstallation : public InstallFixture {
+protected:
+    [[nodiscard]] std::size_t Installs() { return simulation().GetJournal().Count("INetCfgClassSetup::Install"); }
+};
+
+TEST_F(DriverInstallation, InstallsBothDriversOnAMachineWithoutThem) {
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    ASSERT_EQ(installation.EventTexts(1007).size(), 1U);
+    EXPECT_TRUE(installation.EventTexts(1007)[0].starts_with("0.0.0.0|2.0.0.0| UninstallDriver running.\n"));
+    EXPECT_EQ(installation.events.size(), 1U);
+    EXPECT_TRUE(Holds(installation.traces, "No installed driver - installing current driver version."));
+    EXPECT_TRUE(network().Has(L"qbimvta"));
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_EQ(simulation().GetServices().Get(L"qbimwfp").status.state, DWORD{SERVICE_RUNNING});
+    EXPECT_FALSE(installation.AskedForReboot());
+}
+
+TEST_F(DriverInstallation, LeavesARunningDriverOfTheSameVersionAlone) {
+    InstallOldDriver(kOurVersion);
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    EXPECT_TRUE(Holds(installation.traces, "Running driver is the correct version."));
+    EXPECT_EQ(installation.events, Lines{});
+    EXPECT_EQ(Installs(), 0U);
+}
+
+TEST_F(DriverInstallation, LeavesANewerDriverAlone) {
+    InstallOldDriver({2, 0, 0, 1});
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    EXPECT_TRUE(
+        Holds(installation.traces,
+              "Installed driver is newer than our version - leaving it in place, but there could be problems."));
+    EXPECT_EQ(Installs(), 0U);
+}
+
+TEST_F(DriverInstallation, ForcesADowngradeWithoutTheEventOfAnUpgrade) {
+    InstallOldDriver({2, 0, 0, 1});
+    dom.Set("vtp.filter.ForceDriverInstall", true);
+    const InstallOutcome installation = Install();
+    EXPECT_EQ(installation.EventTexts(1005), Lines{});
+    EXPECT_EQ(installation.EventTexts(1007).size(), 1U);
+    EXPECT_EQ(Installs(), 1U);
+}
+
+TEST_F(DriverInstallation, KeepsTheBindingsOverAnUpgrade) {
+    InstallOldDriver({1, 2, 3, 4});
+    network().Bind(kSecond, L"qbimvta", false);
+    const InstallOutcome installation = Install();
+    EXPECT_EQ(installation.EventTexts(1005), Lines{"1.2.3.4|2.0.0.0"});
+    EXPECT_EQ(installation.EventTexts(1007).size(), 1U);
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_FALSE(IsBound(kSecond));
+}
+
+TEST_F(DriverInstallation, DoesNothingInALoadTest) {
+    dom.Set("vta.mode.loadtest", true);
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    EXPECT_EQ(installation.traces, Lines{});
+    EXPECT_EQ(Installs(), 0U);
+}
+
+TEST_F(DriverInstallation, DoesNothingWithoutAnOwnCopyOfTheDriver) {
+    remove(NdisFolder() / L"qbimvta.sys");
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    EXPECT_TRUE(Holds(installation.traces, "Driver binary doesn't exist - skipping driver install/upgrade."));
+    EXPECT_EQ(installation.events, Lines{});
+}
+
+TEST_F(DriverInstallation, ReportsTheStepThatFailed) {
+    const auto plan = simulation().GetFaults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
+    const InstallOutcome installation = Install();
+    EXPECT_TRUE(installation.result);
+    ASSERT_EQ(installation.EventTexts(1004).size(), 1U);
+    EXPECT_TRUE(installation.EventTexts(1004)[0].starts_with("InstallingDriver|"));
+    EXPECT_EQ(plan->Hits(), 3U);
+}
+
+TEST_F(DriverInstallation, KeepsTheWishForARebootOfAllThreeAttempts) {
+    const auto plan = simulation().GetFaults().FailEvery("INetCfgClassSetup::Install", 0x0004A020);
+    const InstallOutcome installation = Install();
+    EXPECT_EQ(plan->Hits(), 3U);
+    EXPECT_EQ(installation.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(installation.EventTexts(1007).size(), 1U);
+    EXPECT_TRUE(installation.AskedForReboot());
+}
+
+TEST_F(DriverInstallation, WaitsForAServiceThatIsMarkedForDeletion) {
+    const auto plan = simulation().GetFaults().FailEvery("INetCfgClassSetup::Install", 0x80070430);
+    const InstallOutcome installation = Install();
+    EXPECT_EQ(plan->Hits(), 3U);
+    EXPECT_GE(installation.tookMs, 15'000U);
+    EXPECT_EQ(installation.EventTexts(1006), Lines{"1"});
+}
+
+TEST_F(DriverInstallation, KillsAWorkerThatHangsAndCanInstallAgain) {
+    const auto plan = simulation().GetFaults().HangNth("INetCfgClassSetup::Install", 1);
+    const InstallOutcome hung = InstallWhile([&] {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        for (int second = 0; second < 700 && !returned; ++second) {
+            simulation().GetClock().Advance(std::chrono::seconds(1));
+            Simulator::System::Sleep::Real(5);
+        }
+    });
+    EXPECT_TRUE(hung.result);
+    ASSERT_EQ(hung.EventTexts(1004).size(), 1U);
+    EXPECT_TRUE(hung.EventTexts(1004)[0].starts_with("InstallingDriver|"));
+    simulation().GetFaults().Clear();
+    EXPECT_EQ(Install().EventTexts(1007).size(), 1U);
+}
+
+}  // namespace
