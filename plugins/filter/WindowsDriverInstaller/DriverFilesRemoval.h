@@ -118,17 +118,17 @@ bool CDriverUninstallerThread::UninstallWFPCallout() {
 }
 
 bool CDriverUninstallerThread::UninstallWFPCalloutWithInstallHinfSection() {
-    return RunWfpInfSection("DefaultUninstall");
+    return RunWfpInfSection("DefaultUninstall 128 ");
 }
 
-bool CDriverUninstallerThread::RunWfpInfSection(const wxString &section) {
+bool CDriverUninstallerThread::RunWfpInfSection(const wxString &commandStart) {
     const wxString folder = wxFileName(wfpDriverDir, wxPATH_NATIVE).GetPath(wxPATH_GET_VOLUME);
     const wxString path = folder + "\\" + "netqbimwfp.inf";
     if (!wxFile::Exists(path)) {
         wxLogError("WFP callout INF file doesn't exist: %s", path);
         return false;
     }
-    const wxString command = section + " 128 " + path;
+    const wxString command = commandStart + path;
     wxLogVerbose("InstallHinfSectionW: executing, cmd = %s.", command);
     const SetupLibrary setup;
     InstallHinfSection installHinfSection = nullptr;

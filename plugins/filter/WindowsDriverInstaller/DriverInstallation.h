@@ -24,6 +24,10 @@ constexpr wchar_t kSigningArticle[] = L"https://support.quillon.example/articles
 /// SetupCopyOEMInf's answer to such a driver.
 constexpr unsigned long kDriverNotSigned = 0x800F0247;
 constexpr int kMaxInstallAttempts = 3;
+/// The INF files of the filter driver. Those of its forerunner behind them are not copied, which is meant so.
+constexpr std::array<const wchar_t *, 5> kInfFiles{L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf",
+                                                   L"netrxwim.inf", L"netrxwip.inf"};
+constexpr std::size_t kCopiedInfFiles = 3;
 
 CDriverInstallerThread::~CDriverInstallerThread() {
     if (stepFinished == nullptr)
@@ -105,7 +109,7 @@ bool CDriverInstallerThread::InstallWFPCallout() {
 }
 
 bool CDriverInstallerThread::InstallWFPCalloutWithInstallHinfSection() {
-    return RunWfpInfSection("DefaultInstall");
+    return RunWfpInfSection("DefaultInstall 128 ");
 }
 
 HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
@@ -140,7 +144,8 @@ HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
 HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     StartStep(CopyingInfFiles, 600);
     HRESULT hr = S_OK;
-    for (const wchar_t *inf : {L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf"}) {
+    for (std::size_t i = 0; i < kCopiedInfFiles; ++i) {
+        const wchar_t *const inf = kInfFiles[i];
         const std::wstring path = std::wstring(directory) + inf;
         if (!wxFile::Exists(path))
             continue;

@@ -112,9 +112,9 @@ protected:
     bool UninstallWFPCalloutWithInstallHinfSection();
     bool UninstallWFPCalloutWithSC();
     /// Runs a section of the callout's INF file through setupapi.
-    /// @param section  DefaultInstall or DefaultUninstall.
+    /// @param commandStart  what setupapi is told before the file's path: section and mode.
     /// @return whether it was run; what became of it nobody tells.
-    bool RunWfpInfSection(const wxString &section);
+    bool RunWfpInfSection(const wxString &commandStart);
     /// Deletes the enumeration key of a miniport device that nothing else could remove.
     void cleanup_registry();
 
