@@ -181,7 +181,7 @@ TEST_F(OldNativeFirewall, DoesNoServiceWorkWithoutAFlag) {
     EXPECT_EQ(Calls("Co"), Lines());
 }
 
-TEST_F(OldNativeFirewall, FollowsThePolicyObjectAndNotTheVersion) {
+TEST_F(OldNativeFirewall, AsksTheOldProfileAndNoNewPolicy) {
     (void)TurnOff();
     EXPECT_EQ(Calls("INetFwPolicy2::"), Lines());
     EXPECT_EQ(Calls("INetFwProfile::").size(), 2U);

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "FirewallFixture.h"
+#include "LogCollector.h"
+#include "ServiceFunctions.h"
 
 namespace {
 
@@ -251,6 +253,18 @@ TEST_F(FirewallService, NeedsNoStopWhereItWasRemovedMeanwhile) {
     EXPECT_EQ(TurnOn(), (kServiceOn + kRestored +
                          Lines{kStopping, "Service 'SharedAccess' does not exist - no need to stop it."}));
     ExpectHandlesClosed();
+}
+
+TEST_F(FirewallService, IsClosedBeforeItIsSaidThatItDoesNotStop) {
+    PutService({.status = kStopped, .stopping = {kStopPending}});
+    Lines saidBefore;
+    simulation().Functions().Put<Simulator::System::CloseServiceHandle>(
+        [&saidBefore](const auto &next, SC_HANDLE handle) {
+            saidBefore = saidBefore + TakeTracedMessages("FC-WFW");
+            return next(handle);
+        });
+    EXPECT_EQ(TurnOn(), Lines{"Unable to stop 'SharedAccess' service"});
+    EXPECT_EQ(saidBefore, kServiceOn + kRestored + Lines{kStopping});
 }
 
 TEST_F(FirewallService, SaysWhyItCannotBeStopped) {

@@ -21,25 +21,58 @@ struct CloseService {
 };
 using Handle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseService>;
 
+/// The firewall's service, with the service manager that it was opened by.
+struct Service {
+    Handle manager;
+    Handle service;  ///< Closed first.
+
+    void Close() {
+        service.reset();
+        manager.reset();
+    }
+    /// Leaves both open.
+    void Abandon() {
+        (void)service.release();
+        (void)manager.release();
+    }
+};
+
+constexpr char kQueryFailed[] = "Error querying '%.64s' service: %#08x";
+
 /// Traces a failure. @return false.
 bool Failed(const TraceSite &site, const char *format, DWORD error) {
     Trace(site, format, kService, static_cast<unsigned>(error));
     return false;
 }
 
-Handle OpenManager(const TraceSite &site) {
-    Handle manager(OpenSCManagerW(nullptr, nullptr, STANDARD_RIGHTS_READ));
-    if (!manager) {
-        const DWORD error = GetLastError();
-        Trace(site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
-    }
-    return manager;
+/// Closes the service, then traces the failure of the last call. @return false.
+bool FailedAndClosed(Service &opened, const TraceSite &site, const char *format) {
+    const DWORD error = GetLastError();
+    opened.Close();
+    return Failed(site, format, error);
 }
 
-bool Query(const Handle &service, SERVICE_STATUS &status, const TraceSite &site) {
-    if (QueryServiceStatus(service.get(), &status) != 0)
+/// @param access         to the service.
+/// @param withoutService  what is traced where there is no such service.
+/// @param result          when it could not be opened: true where there is none, false after a failure.
+bool Open(Service &opened, DWORD access, const char *withoutService, bool *result, const TraceSite &site) {
+    *result = false;
+    opened.manager.reset(OpenSCManagerW(nullptr, nullptr, STANDARD_RIGHTS_READ));
+    if (!opened.manager) {
+        const DWORD error = GetLastError();
+        Trace(site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
+        return false;
+    }
+    opened.service.reset(OpenServiceW(opened.manager.get(), kService, access));
+    if (opened.service)
         return true;
-    return Failed(site, "Error querying '%.64s' service: %#08x", GetLastError());
+    const DWORD error = GetLastError();
+    opened.Close();
+    if (error != ERROR_SERVICE_DOES_NOT_EXIST)
+        return Failed(site, "Error opening '%.64s' service: %#08x", error);
+    Trace(site, withoutService, kService);
+    *result = true;
+    return false;
 }
 
 bool SetStartType(const Handle &service, DWORD startType) {
@@ -103,23 +136,17 @@ void StopFirewallService(bool *wasRunning) {
 bool StartServiceW(bool *running, bool start) {
     const TraceSite site(kFirewallTrace);
     Trace(site, "Starting '%.64s' service...", kService);
-    Handle manager = OpenManager(site);
-    if (!manager)
-        return false;
-    Handle service(OpenServiceW(manager.get(), kService, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START));
-    if (!service) {
-        const DWORD error = GetLastError();
-        if (error != ERROR_SERVICE_DOES_NOT_EXIST)
-            return Failed(site, "Error opening '%.64s' service: %#08x", error);
-        Trace(site, "Service '%.64s' doesn't exist. Continuing without trying to start it.", kService);
-        return true;
-    }
+    Service opened;
+    bool result = false;
+    if (!Open(opened, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START,
+              "Service '%.64s' doesn't exist. Continuing without trying to start it.", &result, site))
+        return result;
     *running = true;
     bool attempted = false;
     for (int poll = 0; poll < kStartPolls; ++poll) {
         SERVICE_STATUS status = {};
-        if (!Query(service, status, site))
-            return false;
+        if (QueryServiceStatus(opened.service.get(), &status) == 0)
+            return Failed(site, kQueryFailed, GetLastError());
         if (status.dwCurrentState == SERVICE_RUNNING)
             return true;  // `running` stays false if a stop was seen before
         if (status.dwCurrentState == SERVICE_START_PENDING)
@@ -128,9 +155,7 @@ bool StartServiceW(bool *running, bool start) {
             continue;  // any other state is polled without a pause; that is meant so
         *running = false;
         if (!start) {
-            // On this road the two handles stay open; that is kept so.
-            (void)service.release();
-            (void)manager.release();
+            opened.Abandon();  // on this road the two handles stay open; that is kept so
             return true;
         }
         if (attempted) {
@@ -140,9 +165,10 @@ bool StartServiceW(bool *running, bool start) {
             return false;
         }
         attempted = true;
-        if (!StartStopped(service, site))
+        if (!StartStopped(opened.service, site))
             return false;
     }
+    opened.Close();
     Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
     return false;
 }
@@ -151,37 +177,30 @@ bool StopService(bool *wasRunning) {
     const TraceSite site(kFirewallTrace);
     Trace(site, "Stopping '%.64s' service...", kService);
     *wasRunning = false;
-    Handle manager = OpenManager(site);
-    if (!manager)
-        return false;
-    Handle service(OpenServiceW(manager.get(), kService, SERVICE_QUERY_STATUS | SERVICE_STOP));
-    if (!service) {
-        const DWORD error = GetLastError();
-        if (error != ERROR_SERVICE_DOES_NOT_EXIST)
-            return Failed(site, "Error opening '%.64s' service: %#08x", error);
-        Trace(site, "Service '%.64s' does not exist - no need to stop it.", kService);
-        return true;
-    }
+    Service opened;
+    bool result = false;
+    if (!Open(opened, SERVICE_QUERY_STATUS | SERVICE_STOP, "Service '%.64s' does not exist - no need to stop it.",
+              &result, site))
+        return result;
     SERVICE_STATUS status = {};
-    if (!Query(service, status, site))
-        return false;
+    if (QueryServiceStatus(opened.service.get(), &status) == 0)
+        return FailedAndClosed(opened, site, kQueryFailed);
     if (status.dwCurrentState == SERVICE_STOPPED) {
-        // On this road the two handles stay open; that is kept so.
-        (void)service.release();
-        (void)manager.release();
+        opened.Abandon();  // on this road the two handles stay open; that is kept so
         return true;
     }
     *wasRunning = status.dwCurrentState == SERVICE_RUNNING;
     if (status.dwCurrentState != SERVICE_STOP_PENDING &&
-        ControlService(service.get(), SERVICE_CONTROL_STOP, &status) == 0)
-        return Failed(site, "Error stopping '%.64s' service: %#08x", GetLastError());
+        ControlService(opened.service.get(), SERVICE_CONTROL_STOP, &status) == 0)
+        return FailedAndClosed(opened, site, "Error stopping '%.64s' service: %#08x");
     for (int poll = 0; poll < kStopPolls; ++poll) {
-        if (!Query(service, status, site))
-            return false;
+        if (QueryServiceStatus(opened.service.get(), &status) == 0)
+            return FailedAndClosed(opened, site, kQueryFailed);
         if (status.dwCurrentState == SERVICE_STOPPED)
             return true;
         Sleep(kPauseMs);
     }
+    opened.Close();
     Trace(site, "Unable to stop '%.64s' service", kService);
     return false;
 }
