@@ -49,12 +49,12 @@ private:
     /// The decision and the work. @return false only when the work could not be started.
     bool InstallOrUpdateDriver();
     /// Sets the two flags by the versions.
-    void DecideByVersions();
+    void DecideByVersions(const TraceSite &site);
     bool GetBundledDriverVersion();
     bool GetInstalledDriverVersion();
-    bool GetVersionOfSystemFile();
+    bool GetVersionOfSystemFile(const TraceSite &site);
     /// @return false when the worker could not be made.
-    bool InstallWithWorker();
+    bool InstallWithWorker(const TraceSite &site);
     bool CreateWorker(wxLog *logTarget);
     /// @param failedStep  receives the step when the attempt fails.
     bool AttemptInstallation(unsigned *failedStep);
@@ -62,12 +62,12 @@ private:
     void RebindIfStale();
     void ReportOutcome(bool succeeded, unsigned failedStep);
     /// @return whether the network is as good as it was, as far as that can be told.
-    bool IsNetworkAsBefore();
+    bool IsNetworkAsBefore(const TraceSite &site);
 
     /// Repairs the network if an adapter got worse. @return true when it is taken to be healthy.
     bool CheckNetworkHealth(bool upgraded);
     /// @return whether all adapters are healthy within three looks.
-    bool AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters);
+    bool AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
     void RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded);
     void RestartAdapters(const TcpAdapterList &adapters);
     void ClearArpCache();

@@ -64,8 +64,8 @@ std::uint32_t CDriverUninstallerThread::TopStep() {
 }
 
 void CDriverUninstallerThread::NoteFailedStep() {
-    if (failedStep == NoStep)
-        failedStep = TopStep();
+    std::uint32_t none = NoStep;
+    (void)failedStep.compare_exchange_strong(none, TopStep());
 }
 
 void CDriverUninstallerThread::ReportFailure(unsigned long error, const wchar_t *call) {
@@ -88,37 +88,39 @@ HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t l
 bool CDriverUninstallerThread::WaitForStepToFinish() {
     // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
     constexpr DWORD lookAgainMs = 1'000;
-    const StepRecord *watched = nullptr;
-    DWORD rest = 0;
+    DWORD timeout = lookAgainMs;
     {
         const wxCriticalSectionLocker lock(stepLock);
         if (stepStack.empty()) {
             wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
             return true;
         }
-        // Only the top step is watched. The clock of those beneath runs on all the same.
-        watched = stepStack.back().get();
-        const std::uint32_t limit = watched->limitSeconds * 1000;
-        const std::uint32_t waited = VtaCore::SystemTickCount() - watched->startTick;
-        rest = waited > limit ? 0 : limit - waited;
+        timeout = std::min(timeout, RestOfTopStep());
     }
-    const DWORD timeout = std::min(rest, lookAgainMs);
     // The end of a step between the look and the wait leaves the event set; two ends may be one wake-up.
     switch (WaitForSingleObject(stepFinished, timeout)) {
         case WAIT_OBJECT_0:
         case WAIT_ABANDONED:
             return true;
         case WAIT_TIMEOUT:
-            return timeout < rest || !IsOnTop(watched);
+            return !HasTopStepOverrun();
         default:
             wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
             return false;
     }
 }
 
-bool CDriverUninstallerThread::IsOnTop(const StepRecord *record) {
+/// Only the top step is watched. The clock of those beneath runs on all the same.
+DWORD CDriverUninstallerThread::RestOfTopStep() const {
+    const StepRecord &top = *stepStack.back();
+    const std::uint32_t limit = top.limitSeconds * 1000;
+    const std::uint32_t waited = VtaCore::SystemTickCount() - top.startTick;
+    return waited > limit ? 0 : limit - waited;
+}
+
+bool CDriverUninstallerThread::HasTopStepOverrun() {
     const wxCriticalSectionLocker lock(stepLock);
-    return !stepStack.empty() && stepStack.back().get() == record;
+    return !stepStack.empty() && RestOfTopStep() == 0;
 }
 
 void CDriverUninstallerThread::DbgPrint(const wchar_t *format, ...) {

@@ -9,8 +9,8 @@
 /// about to end, or when there was no progress for an hour. A failure of the installation is told by agent events.
 /// May be called from any thread.
 /// @param dom            must outlive the work, also where the function returns before its end.
-/// @param ndisDriverDir  folder of the filter driver's files, with a separator behind it.
-/// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
+/// @param ndisDriverDir  folder of the filter driver's files.
+/// @param wfpDriverDir   folder of the callout driver's files.
 /// @return whether the work could be started and came to an end, also if the installation failed.
 bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir);
 

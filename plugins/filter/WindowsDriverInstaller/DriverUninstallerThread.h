@@ -119,9 +119,9 @@ protected:
     void cleanup_registry();
 
 public:
-    bool rebootRequired = false;
-    /// The result of Run. The watcher reads it once the worker has stopped, or has been left alone.
-    std::atomic<bool> succeeded{false};
+    // The watcher reads these once the worker has stopped, or has been left alone.
+    std::atomic<bool> rebootRequired{false};
+    std::atomic<bool> succeeded{false};  ///< The result of Run.
 
 protected:
     VtaCore::CDom *dom;
@@ -129,14 +129,16 @@ protected:
     HANDLE stepFinished;  ///< Auto-reset event; see the destructor.
 
 public:
-    std::uint32_t failedStep = NoStep;  ///< The first step that failed. Read once the worker has stopped.
+    std::atomic<std::uint32_t> failedStep{NoStep};  ///< The first step that failed.
 
 protected:
     wxString ndisDriverDir;
     wxString wfpDriverDir;
 
 private:
-    bool IsOnTop(const StepRecord *record);
+    /// Of a stack that is not empty, with its lock held. @return milliseconds until the limit of the step on top.
+    DWORD RestOfTopStep() const;
+    bool HasTopStepOverrun();
     HRESULT OpenINetCfg(bool writeLock, INetCfg **result);
     HRESULT AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result);
     HRESULT TakeWriteLock(INetCfgLock *lock);
@@ -148,7 +150,8 @@ private:
     void RemoveWithExtension(std::wstring path, const wchar_t *extension, HRESULT &status);
 
     std::deque<std::unique_ptr<StepRecord>> stepStack;
-    /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack.
+    /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack, and while it kills
+    /// the worker.
     wxCriticalSection stepLock;
 };
 

@@ -70,7 +70,7 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     if (!GetBundledDriverVersion())
         return true;  // nothing to install
     if (GetInstalledDriverVersion())
-        DecideByVersions();
+        DecideByVersions(kNdisTrace);
     else
         installNeeded = true;
     if (!installNeeded && !upgradeNeeded) {
@@ -81,11 +81,11 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     if (!installNeeded && !upgradeNeeded)
         return true;
     Heartbeat();
-    return InstallWithWorker();
+    return InstallWithWorker(kNdisTrace);
 }
 
-void CDriverInstallerWatchdog::DecideByVersions() {
-    Trace(kNdisTrace, "Installed driver is %d.%d.%d.%d, our copy is %d.%d.%d.%d", installedVersion.major,
+void CDriverInstallerWatchdog::DecideByVersions(const TraceSite &site) {
+    Trace(site, "Installed driver is %d.%d.%d.%d, our copy is %d.%d.%d.%d", installedVersion.major,
           installedVersion.minor, installedVersion.build, installedVersion.revision, ourVersion.major, ourVersion.minor,
           ourVersion.build, ourVersion.revision);
     const std::int64_t installed = Packed(installedVersion);
@@ -96,13 +96,12 @@ void CDriverInstallerWatchdog::DecideByVersions() {
                                installedVersion.minor, installedVersion.build, installedVersion.revision,
                                ourVersion.major, ourVersion.minor, ourVersion.build, ourVersion.revision);
     } else if (installed > ours) {
-        Trace(kNdisTrace,
-              "Installed driver is newer than our version - leaving it in place, but there could be problems.");
+        Trace(site, "Installed driver is newer than our version - leaving it in place, but there could be problems.");
     } else if (driverRunning) {
-        Trace(kNdisTrace, "Running driver is the correct version.");
+        Trace(site, "Running driver is the correct version.");
     } else {
         installNeeded = true;
-        Trace(kNdisTrace, "Driver is not running - probably a result of a partial install that required a reboot.");
+        Trace(site, "Driver is not running - probably a result of a partial install that required a reboot.");
     }
 }
 
@@ -124,10 +123,10 @@ bool CDriverInstallerWatchdog::GetBundledDriverVersion() {
 /// The running driver's version takes precedence over any file.
 bool CDriverInstallerWatchdog::GetInstalledDriverVersion() {
     driverRunning = GetDriverVersion(*dom, installedVersion);
-    return driverRunning || GetVersionOfSystemFile();
+    return driverRunning || GetVersionOfSystemFile(kNdisTrace);
 }
 
-bool CDriverInstallerWatchdog::GetVersionOfSystemFile() {
+bool CDriverInstallerWatchdog::GetVersionOfSystemFile(const TraceSite &site) {
     wchar_t system[MAX_PATH] = L"";
     const HRESULT hr = SHGetFolderPathW(nullptr, CSIDL_SYSTEM, nullptr, SHGFP_TYPE_CURRENT, system);
     if (FAILED(hr)) {
@@ -136,20 +135,20 @@ bool CDriverInstallerWatchdog::GetVersionOfSystemFile() {
     }
     const wxFileName file(wxString(system) + "\\drivers", "qbimvta", "sys");
     const wxString path = file.GetFullPath();
-    Trace(kNdisTrace, "Checking version of %.256s", path);
+    Trace(site, "Checking version of %.256s", path);
     if (!file.FileExists()) {
-        Trace(kNdisTrace, "No installed driver - installing current driver version.");
+        Trace(site, "No installed driver - installing current driver version.");
         return false;
     }
     if (!GetFileVersion(path, installedVersion)) {
         installedVersion.major = 0;
-        Trace(kNdisTrace, "Unable to get version information from '%.256s'.", path);
+        Trace(site, "Unable to get version information from '%.256s'.", path);
         return false;
     }
     return true;
 }
 
-bool CDriverInstallerWatchdog::InstallWithWorker() {
+bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
     auto log = std::make_unique<GrabbedLog>();
     if (!CreateWorker(&log->grabber))
         return false;
@@ -171,7 +170,7 @@ bool CDriverInstallerWatchdog::InstallWithWorker() {
     }
     ReportOutcome(succeeded, failedStep);
     Heartbeat();
-    if (!IsNetworkAsBefore() && !notified)
+    if (!IsNetworkAsBefore(site) && !notified)
         VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     Heartbeat();
     return true;
@@ -195,12 +194,12 @@ void CDriverInstallerWatchdog::ReportOutcome(bool succeeded, unsigned failedStep
                            ourVersion.minor, ourVersion.build, ourVersion.revision, Wide(installLog));
 }
 
-bool CDriverInstallerWatchdog::IsNetworkAsBefore() {
+bool CDriverInstallerWatchdog::IsNetworkAsBefore(const TraceSite &site) {
     const bool someOnline = std::any_of(adaptersBefore.begin(), adaptersBefore.end(), [](const TcpAdapter &adapter) {
         return adapter.mediaConnectStatus == kMediaConnected;
     });
     if (!someOnline) {
-        Trace(kNdisTrace,
+        Trace(site,
               "All of the adapters were offline before we started the install/upgrade. There's no point in checking "
               "the network status.");
         return true;
@@ -211,7 +210,8 @@ bool CDriverInstallerWatchdog::IsNetworkAsBefore() {
 
 bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     installerThread->GetTcpAdapters(adaptersBefore);
-    (void)installerThread->start(50, false, 0);
+    if (!installerThread->start(50, false, 0))
+        (void)KillThread(*installerThread);  // made, and never to run
     wxThread::Sleep(100);
     Heartbeat();
     const bool succeeded = WatchWorker(failedStep);

@@ -23,17 +23,18 @@ bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
     TcpAdapterList stillUnhealthy = adaptersBefore;
     TcpAdapterList currentAdapters;
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters))
+    if (AwaitHealth(stillUnhealthy, currentAdapters, kNdisTrace))
         return true;
     RebindFilter(stillUnhealthy, upgraded);
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters))
+    if (AwaitHealth(stillUnhealthy, currentAdapters, kNdisTrace))
         return true;
     RestartAdapters(currentAdapters);
     return false;  // what came of the second cure is not looked at
 }
 
-bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters) {
+bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
+                                           const TraceSite &site) {
     for (int look = 0; look < 3; ++look) {
         wxThread::Sleep(2'000);
         GenerateOutgoingTraffic();
@@ -44,7 +45,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
         }
         currentAdapters.remove_if(AdaptorHealthChecker(stillUnhealthy));
         if (currentAdapters.empty()) {
-            Trace(kNdisTrace, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
+            Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
         // An adapter that was healthy once is not judged again.

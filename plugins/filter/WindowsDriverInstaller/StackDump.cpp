@@ -50,6 +50,19 @@ wxString WalkStack(wxThreadIdType id) {
     return dump.Text();
 }
 
+constexpr int kPatienceMs = 10'000;  ///< Longer than a walk takes.
+
+/// A walk that is stuck must not hold up others.
+bool EnterWithin(wxCriticalSection &section, int milliseconds) {
+    constexpr int pauseMs = 50;
+    for (; !section.TryEnter(); milliseconds -= pauseMs) {
+        if (milliseconds <= 0)
+            return false;
+        wxThread::Sleep(pauseMs);
+    }
+    return true;
+}
+
 }  // namespace
 
 void PrepareStackDump() {
@@ -63,11 +76,16 @@ void PrepareStackDump() {
 
 wxString CaptureThreadStack(wxThread *thread) {
     static wxCriticalSection oneAtATime;  // the debug help library is for one thread at a time
-    const wxCriticalSectionLocker lock(oneAtATime);
-    const wxLogNull quiet;
-    if (thread->Pause() != wxTHREAD_NO_ERROR)
+    if (!EnterWithin(oneAtATime, kPatienceMs))
         return {};
-    const wxString text = WalkStack(thread->GetId());
-    (void)thread->Resume();
+    wxString text;
+    {
+        const wxLogNull quiet;
+        if (thread->Pause() == wxTHREAD_NO_ERROR) {
+            text = WalkStack(thread->GetId());
+            (void)thread->Resume();
+        }
+    }
+    oneAtATime.Leave();
     return text;
 }
