@@ -1,6 +1,7 @@
 // Compares names as the system does, which knows no case.
 #pragma once
 
+#include <algorithm>
 #include <cwctype>
 #include <string>
 
@@ -8,8 +9,17 @@
 
 namespace Simulator {
 
+/// Whether they differ for sure, which names mostly do at their ends.
+[[nodiscard]] inline bool DifferInPlainLetters(const std::wstring &a, const std::wstring &b) {
+    constexpr wchar_t plain = 0x80;
+    constexpr wchar_t caseBit = 0x20;
+    return !std::equal(a.rbegin(), a.rend(), b.rbegin(), b.rend(), [](wchar_t one, wchar_t other) {
+        return one >= plain || other >= plain || (one | caseBit) == (other | caseBit);
+    });
+}
+
 [[nodiscard]] inline bool SameInAnyCase(const std::wstring &a, const std::wstring &b) {
-    return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
+    return !DifferInPlainLetters(a, b) && CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
 }
 
 /// The order of a map whose keys know no case.

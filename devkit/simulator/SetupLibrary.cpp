@@ -85,11 +85,16 @@ DWORD Copy(const SetupLibrary &setup, const SystemFolders *folders, const wchar_
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error))
         return ERROR_FILE_NOT_FOUND;
-    const std::filesystem::path path = NextInf(*folders);
-    const DWORD told = Tell(path, to);
-    if (told != ERROR_SUCCESS)
-        return told;
-    return std::filesystem::copy_file(file, path, error) ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
+    for (;;) {
+        const std::filesystem::path path = NextInf(*folders);
+        const DWORD told = Tell(path, to);
+        if (told != ERROR_SUCCESS)
+            return told;
+        if (std::filesystem::copy_file(file, path, error))
+            return ERROR_SUCCESS;
+        if (error != std::errc::file_exists)  // another thread may have been faster
+            return ERROR_WRITE_FAULT;
+    }
 }
 
 bool IsSetupLibrary(HMODULE module) {
