@@ -15,12 +15,17 @@ endif()
 
 add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00)
 
-# fc_build_fast(TARGET headers...): for the devkit and the tests, which are to be built fast rather than to
-# be fast. The headers are precompiled, which ./dev check does without.
+# fc_build_fast(TARGET headers...), fc_build_fast(TARGET REUSE_FROM OTHER): for the devkit and the tests, which are to be
+# built fast rather than to be fast. The headers are precompiled, or the other target's are taken, which must have the
+# same definitions; ./dev check does without.
 function(fc_build_fast target)
     if(NOT MSVC)
         # The two warnings are false alarms of GCC 12 in libstdc++'s strings at this level.
         target_compile_options(${target} PRIVATE -O1 -g1 -Wno-array-bounds -Wno-stringop-overread)
     endif()
-    target_precompile_headers(${target} PRIVATE ${ARGN})
+    if("${ARGV1}" STREQUAL "REUSE_FROM")
+        target_precompile_headers(${target} ${ARGN})
+    else()
+        target_precompile_headers(${target} PRIVATE ${ARGN})
+    endif()
 endfunction()

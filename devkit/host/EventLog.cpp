@@ -1,8 +1,8 @@
 #include "EventLog.h"
 
-#include <cstdio>
 #include <utility>
 
+#include "Console.h"
 #include "Json.h"
 #include "Text.h"
 #include "WallClock.h"
@@ -14,11 +14,6 @@ namespace {
 std::string BaseName(const std::string &path) {
     const std::size_t separator = path.find_last_of("/\\");
     return separator == std::string::npos ? path : path.substr(separator + 1);
-}
-
-void Print(const std::string &line) {
-    (void)std::fprintf(stderr, "%s\n", line.c_str());
-    (void)std::fflush(stderr);
 }
 
 std::string Padded(std::string text, std::size_t width) {
@@ -58,14 +53,16 @@ const char *KindName(HostEvent::Kind kind) {
 void EventLog::OnTrace(const VtaCore::Control::TraceLine &trace) {
     if (!m_print)
         return;
-    Print("trace  " + Padded(ToUtf8(trace.component), 17) + " " + trace.function + ": " + ToUtf8(trace.message) + " (" +
-          BaseName(trace.file) + ":" + std::to_string(trace.line) + ")");
+    PrintLine("trace  " + Padded(ToUtf8(trace.component), 17) + " " + trace.function + ": " + ToUtf8(trace.message) +
+              " (" + BaseName(trace.file) + ":" + std::to_string(trace.line) + ")");
 }
 
 void EventLog::OnEvent(const VtaCore::Control::Event &event) {
     const std::string text = ToUtf8(event.text);
+    if (m_runs != nullptr)
+        m_runs->OnAgentEvent(event.number, text);
     if (m_print)
-        Print("event  " + std::to_string(event.number) + "  " + text);
+        PrintLine("event  " + std::to_string(event.number) + "  " + text);
     Keep({HostEvent::Kind::Event, event.number, event.logId, ToUtf8(event.format), text, {}});
 }
 
@@ -74,9 +71,11 @@ void EventLog::OnNotification(const Notification &notification) {
     const HostEvent::Kind kind = reboot ? HostEvent::Kind::RebootNotification : HostEvent::Kind::UserNotification;
     const std::string text = ToUtf8(notification.text);
     const std::string detail = ToUtf8(notification.detail);
+    if (reboot && m_runs != nullptr)
+        m_runs->OnRebootNotification();
     if (m_print)
-        Print("notify " + std::string(KindName(kind)) + " " + std::to_string(notification.code) + "  " + text +
-              (detail.empty() ? "" : "  [" + detail + "]"));
+        PrintLine("notify " + std::string(KindName(kind)) + " " + std::to_string(notification.code) + "  " + text +
+                  (detail.empty() ? "" : "  [" + detail + "]"));
     Keep({kind, notification.code, 0, {}, text, detail});
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "DriverRuns.h"
 #include "HealthHistory.h"
 #include "vta_core_control.h"
 
@@ -30,6 +31,9 @@ public:
     /// @param history  is told of events and notifications; outlives the log. Before anything happens.
     void SetHistory(HealthHistory *history) { m_history = history; }
 
+    /// @param runs  is told of what concerns them; outlives the log. Before anything happens.
+    void SetRuns(DriverRuns *runs) { m_runs = runs; }
+
     void OnTrace(const VtaCore::Control::TraceLine &trace) override;
     void OnEvent(const VtaCore::Control::Event &event) override;
     void OnNotification(const VtaCore::Control::Notification &notification) override;
@@ -46,6 +50,7 @@ private:
 
     bool m_print = true;
     HealthHistory *m_history = nullptr;
+    DriverRuns *m_runs = nullptr;
     mutable std::mutex m_lock;
     std::vector<HostEvent> m_events;
     std::size_t m_taken = 0;

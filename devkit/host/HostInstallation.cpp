@@ -1,13 +1,13 @@
 // What is installed on the simulated machine, for scripts: a part of host.machine.
-#include "HostState.h"
-
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 
+#include <windows.h>
+#include <devguid.h>
 #include <netcfgx.h>
 
-#include "Installation.h"
-#include "LuaEdge.h"
+#include "InstallationEdge.h"
 #include "LuaFields.h"
 #include "Text.h"
 
@@ -41,39 +41,26 @@ DWORD CheckState(lua_State *L, int index) {
     return SERVICE_STOPPED;  // not reached
 }
 
-/// See Guarded.
-template <typename Work>
-[[nodiscard]] bool WithInstallation(lua_State *L, const Work &work) {
-    return Guarded(L, [&] { work(HostOf(L).system.UseInstallation()); });
+/// The class in the field `class` of a component.
+GUID CheckClass(lua_State *L) {
+    const std::string_view name = HasField(L, "class") ? CheckTextField(L, "class") : "service";
+    if (name != "service" && name != "protocol")
+        luaL_error(L, "field 'class': service or protocol expected");
+    return name == "service" ? GUID_DEVCLASS_NETSERVICE : GUID_DEVCLASS_NETTRANS;
 }
 
-/// The same for functions that yield nothing.
-template <typename Work>
-int Change(lua_State *L, const Work &work) {
-    return WithInstallation(L, work) ? 0 : lua_error(L);
-}
-
-/// The field `result` of a component.
-HRESULT CheckResult(lua_State *L) {
-    lua_getfield(L, 1, "result");
-    const int type = lua_type(L, -1);
-    lua_pop(L, 1);
-    if (type != LUA_TSTRING)
-        return static_cast<HRESULT>(static_cast<DWORD>(WholeField(L, "result", kLastResult)));
-    const std::string_view name = CheckTextField(L, "result");
-    if (name != "ok" && name != "reboot")
-        luaL_error(L, "field 'result': ok, reboot or a number expected");
-    return name == "ok" ? S_OK : NETCFG_S_REBOOT;
-}
-
-/// Lua: host.machine.put_component{id =, result =, stays =}
+/// Lua: host.machine.put_component{id =, result =, stays =, class =}
 int PutComponent(lua_State *L) {
-    CheckFields(L, {"id", "result", "stays"});
+    CheckFields(L, {"id", "result", "stays", "class"});
     const std::string_view id = CheckTextField(L, "id");
-    const HRESULT result = CheckResult(L);
+    lua_getfield(L, 1, "result");
+    const HRESULT result = lua_isnil(L, -1) ? S_OK : CheckComponentResult(L, "result");
+    lua_pop(L, 1);
+    const GUID classGuid = CheckClass(L);
     const unsigned removals = FlagField(L, "stays") ? 0 : 1;
-    return Change(L, [&](Installation &installation) {
-        installation.PutComponent({.id = ToWide(id), .deInstallResult = result, .deInstallsUntilGone = removals});
+    return ChangeInstallation(L, [&](Installation &installation) {
+        installation.PutComponent(
+            {.id = ToWide(id), .classGuid = classGuid, .deInstallResult = result, .deInstallsUntilGone = removals});
     });
 }
 
@@ -84,7 +71,7 @@ int PutDevice(lua_State *L) {
     const bool isDescribed = HasField(L, "description");
     const std::string_view description = isDescribed ? CheckTextField(L, "description") : std::string_view();
     const std::string_view component = HasField(L, "component") ? CheckTextField(L, "component") : std::string_view();
-    return Change(L, [&](Installation &installation) {
+    return ChangeInstallation(L, [&](Installation &installation) {
         Simulator::Device device{.instanceId = ToWide(id), .componentId = ToWide(component)};
         if (isDescribed)
             device.description = ToWide(description);
@@ -96,19 +83,19 @@ int PutDevice(lua_State *L) {
 int PutService(lua_State *L) {
     const std::string_view name = CheckText(L, 1);
     const DWORD state = CheckState(L, 2);
-    return Change(L, [&](Installation &installation) { installation.PutService(ToWide(name), state); });
+    return ChangeInstallation(L, [&](Installation &installation) { installation.PutService(ToWide(name), state); });
 }
 
 /// Lua: host.machine.put_key(path)
 int PutKey(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
-    return Change(L, [&](Installation &installation) { installation.PutKey(ToWide(path)); });
+    return ChangeInstallation(L, [&](Installation &installation) { installation.PutKey(ToWide(path)); });
 }
 
 /// Lua: host.machine.lock_network(holder)
 int LockNetwork(lua_State *L) {
     const std::string_view holder = CheckText(L, 1);
-    return Change(L, [&](Installation &installation) { installation.LockNetwork(ToWide(holder)); });
+    return ChangeInstallation(L, [&](Installation &installation) { installation.LockNetwork(ToWide(holder)); });
 }
 
 /// Lua: host.machine.lack(function_name)
@@ -116,27 +103,16 @@ int Lack(lua_State *L) {
     const std::string_view name = CheckText(L, 1);
     const bool canBeMissing = name == "SetupUninstallOEMInfW" || name == "InstallHinfSectionW";
     luaL_argcheck(L, canBeMissing, 1, "SetupUninstallOEMInfW or InstallHinfSectionW expected");
-    return Change(L, [&](Installation &installation) { installation.Lack(std::string(name)); });
-}
-
-/// Sets an array of texts of the table on top of the stack.
-void SetArray(lua_State *L, const char *name, const std::vector<std::string> &texts) {
-    lua_createtable(L, static_cast<int>(texts.size()), 0);
-    int index = 0;
-    for (const std::string &text : texts) {
-        lua_pushlstring(L, text.data(), text.size());
-        lua_rawseti(L, -2, ++index);
-    }
-    lua_setfield(L, -2, name);
+    return ChangeInstallation(L, [&](Installation &installation) { installation.Lack(std::string(name)); });
 }
 
 void PushInventory(lua_State *L, const Inventory &inventory) {
     lua_newtable(L);
-    SetArray(L, "components", inventory.components);
-    SetArray(L, "devices", inventory.devices);
-    SetArray(L, "inf_files", inventory.infFiles);
-    SetArray(L, "keys", inventory.keys);
-    SetArray(L, "left_to_boot", inventory.leftToBoot);
+    SetTexts(L, "components", inventory.components);
+    SetTexts(L, "devices", inventory.devices);
+    SetTexts(L, "inf_files", inventory.infFiles);
+    SetTexts(L, "keys", inventory.keys);
+    SetTexts(L, "left_to_boot", inventory.leftToBoot);
     if (inventory.lock)
         SetField(L, "lock", std::string_view(*inventory.lock));
     lua_newtable(L);
@@ -184,6 +160,19 @@ int GetFolders(lua_State *L) {
 }
 
 }  // namespace
+
+HRESULT CheckComponentResult(lua_State *L, const char *field) {
+    if (lua_type(L, -1) == LUA_TNUMBER) {
+        const lua_Number code = lua_tonumber(L, -1);
+        if (!(code >= 0 && code <= kLastResult) || std::floor(code) != code)
+            luaL_error(L, "field '%s': whole number from 0 to 4294967295 expected", field);
+        return static_cast<HRESULT>(static_cast<DWORD>(code));
+    }
+    const std::string_view name = lua_type(L, -1) == LUA_TSTRING ? lua_tostring(L, -1) : "";
+    if (name != "ok" && name != "reboot")
+        luaL_error(L, "field '%s': ok, reboot or a number expected", field);
+    return name == "ok" ? S_OK : NETCFG_S_REBOOT;
+}
 
 void AddInstallationFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {

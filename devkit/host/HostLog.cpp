@@ -1,9 +1,9 @@
 #include "HostLog.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 
+#include "Console.h"
 #include "Text.h"
 
 namespace {
@@ -55,8 +55,9 @@ void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLog
     const char *name = NameOf(level, m_wantsVerbose);
     if (name != nullptr) {
         if (m_print) {
-            (void)std::fprintf(stderr, "%-7s %s\n", level == wxLOG_Message ? "log" : name, text.c_str());
-            (void)std::fflush(stderr);
+            std::string line = level == wxLOG_Message ? "log" : name;
+            line.resize(std::max<std::size_t>(line.size(), 7), ' ');
+            PrintLine(line + " " + text);
         }
         if (m_lines.size() == kMaxLines)
             m_lines.pop_front();

@@ -130,6 +130,8 @@ void AddMachineFunctions(lua_State *L, HostState &host) {
     AddFunctions(L, host, functions);
     lua_newtable(L);
     AddInstallationFunctions(L, host);
+    AddNetworkFunctions(L, host);
+    AddFirewallFunctions(L, host);
     lua_newtable(L);
     AddFunctions(L, host, fieldFunctions);
     lua_setmetatable(L, -2);

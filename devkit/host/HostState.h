@@ -6,11 +6,13 @@
 
 #include <lua.hpp>
 
+#include "DriverRuns.h"
 #include "EventLog.h"
 #include "HealthHistory.h"
 #include "HostLog.h"
 #include "Options.h"
 #include "SimulatedSystem.h"
+#include "StepDisplay.h"
 #include "ZipFile.h"
 #include "vta_core.h"
 
@@ -18,7 +20,9 @@ struct HostState {
     Options options;
     EventLog events;
     std::unique_ptr<HealthHistory> history;  ///< Null unless a report is wanted.
-    HostLog *log = nullptr;                  ///< The target of all logs, which owns itself.
+    DriverRuns runs;                         ///< Told of, unless the host is quiet and no report is wanted.
+    StepDisplay steps;
+    HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
     std::unique_ptr<VtaCore::CDom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
@@ -42,6 +46,8 @@ void AddJsonFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);
 void AddInstallationFunctions(lua_State *L, HostState &host);
+void AddNetworkFunctions(lua_State *L, HostState &host);
+void AddFirewallFunctions(lua_State *L, HostState &host);
 void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);

@@ -1,14 +1,19 @@
 #include "Installation.h"
 
 #include <algorithm>
+#include <cwchar>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <mutex>
+#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
 #include <windows.h>
 
 #include "Text.h"
+#include "vti_control.h"
 
 namespace {
 
@@ -23,18 +28,29 @@ bool SameInAnyCase(std::string_view a, std::string_view b) {
     return a.size() == b.size() && _strnicmp(a.data(), b.data(), a.size()) == 0;
 }
 
-/// The service of a line "DelService = name, flags"; empty for another line.
-std::string_view DeletedService(std::string_view line) {
+/// What a line of an INF file does to a service.
+struct ServiceLine {
+    bool adds = false;  ///< Else it deletes.
+    std::wstring service;
+};
+
+/// "AddService = name, ..." or "DelService = name, ..."; nothing for another line.
+std::optional<ServiceLine> ReadServiceLine(std::string_view line) {
     const std::size_t equals = line.find('=');
-    if (equals == line.npos || !SameInAnyCase(Trimmed(line.substr(0, equals)), "DelService"))
-        return {};
+    const std::string_view key = Trimmed(line.substr(0, equals));
+    const bool adds = SameInAnyCase(key, "AddService");
+    if (equals == line.npos || (!adds && !SameInAnyCase(key, "DelService")))
+        return std::nullopt;
     const std::string_view value = line.substr(equals + 1);
-    return Trimmed(value.substr(0, std::min(value.find_first_of(",;"), value.size())));
+    const std::string_view name = Trimmed(value.substr(0, std::min(value.find_first_of(",;"), value.size())));
+    if (name.empty())
+        return std::nullopt;
+    return ServiceLine{adds, std::wstring(name.begin(), name.end())};
 }
 
-/// The services that a section of an INF file deletes, as its part ".Services" tells.
-std::vector<std::wstring> DeletedServices(const std::filesystem::path &inf, const std::string &section) {
-    std::vector<std::wstring> services;
+/// What a section of an INF file does to services, as its part ".Services" tells.
+std::vector<ServiceLine> ServiceLines(const std::filesystem::path &inf, const std::string &section) {
+    std::vector<ServiceLine> lines;
     const std::string wanted = "[" + section + ".Services]";
     bool isWanted = false;
     std::ifstream file(inf);
@@ -42,23 +58,10 @@ std::vector<std::wstring> DeletedServices(const std::filesystem::path &inf, cons
         const std::string_view line = Trimmed(text);
         if (line.starts_with('['))
             isWanted = SameInAnyCase(line, wanted);
-        const std::string_view service = isWanted ? DeletedService(line) : std::string_view();
-        if (!service.empty())
-            services.emplace_back(service.begin(), service.end());
+        else if (const std::optional<ServiceLine> service = isWanted ? ReadServiceLine(line) : std::nullopt)
+            lines.push_back(*service);
     }
-    return services;
-}
-
-/// What installing a section of an INF file does here: it deletes services.
-/// @param command  section, flags, and file, with a blank behind each of the first two.
-void InstallSection(Simulator::ServiceManager &services, const std::wstring &command) {
-    const std::size_t section = command.find(L' ');
-    const std::size_t flags = section == command.npos ? section : command.find(L' ', section + 1);
-    if (flags == command.npos)
-        return;
-    const std::string name(command.begin(), command.begin() + static_cast<std::ptrdiff_t>(section));
-    for (const std::wstring &service : DeletedServices(command.substr(flags + 1), name))
-        services.Remove(service);
+    return lines;
 }
 
 template <typename Has>
@@ -80,10 +83,13 @@ std::vector<std::string> FileNames(const std::filesystem::path &folder) {
 }  // namespace
 
 Installation::Installation() {
-    m_setup.onInstallSection = [this](const std::wstring &command) { InstallSection(m_services, command); };
+    m_setup.onInstallSection = [this](const std::wstring &command) { InstallSection(command); };
+    m_network.configuration->OnMoment([this](const Simulator::NetworkMoment &moment) { OnNetwork(moment); });
+    m_network.devices->OnChange([this](const Simulator::DeviceChange &change) { OnDevice(change); });
 }
 
-void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core) {
+void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core,
+                            const Simulator::Machine &machine) {
     Install(functions, core,
             {.registry = &m_registry,
              .folders = &m_folders,
@@ -92,6 +98,23 @@ void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared
              .security = &m_security,
              .setup = &m_setup,
              .network = &m_network});
+    InstallFirewall(functions, core, m_network.com, m_firewall, &machine);
+}
+
+/// What installing a section of an INF file does here: it adds and deletes services.
+/// @param command  section, flags, and file, with a blank behind each of the first two.
+void Installation::InstallSection(const std::wstring &command) {
+    const std::size_t section = command.find(L' ');
+    const std::size_t flags = section == command.npos ? section : command.find(L' ', section + 1);
+    if (flags == command.npos)
+        return;
+    const std::string name(command.begin(), command.begin() + static_cast<std::ptrdiff_t>(section));
+    for (const ServiceLine &line : ServiceLines(command.substr(flags + 1), name)) {
+        if (!line.adds)
+            m_services.Remove(line.service);
+        else if (!m_services.Has(line.service))
+            PutService(line.service, SERVICE_STOPPED);
+    }
 }
 
 void Installation::PutComponent(const Simulator::NetworkComponent &component) {
@@ -105,6 +128,7 @@ void Installation::PutDevice(const Simulator::Device &device) {
 
 void Installation::PutService(const std::wstring &name, DWORD state) {
     m_services.Put(name, {.status = {state}});
+    const Simulator::LockGuard guard(m_lock);
     m_serviceNames.insert(name);
 }
 
@@ -121,17 +145,136 @@ void Installation::Lack(const std::string &function) {
     m_setup.Lack(function);
 }
 
+void Installation::PutAdapter(Simulator::NetworkAdapter adapter) {
+    wchar_t bindName[40] = L"";
+    (void)std::swprintf(bindName, std::size(bindName), L"{%08X-0000-4000-8000-000000000000}", ++m_adapters);
+    adapter.bindName = bindName;
+    m_network.configuration->RemoveAdapter(adapter.pnpDevNodeId);
+    PutDevice({.instanceId = adapter.pnpDevNodeId, .description = adapter.displayName});
+    m_network.configuration->PutAdapter(std::move(adapter));
+}
+
+void Installation::CheckAdapter(const std::wstring &node) const {
+    if (!m_network.configuration->ChangeAdapter(node, [](Simulator::NetworkAdapter &) {}))
+        throw std::invalid_argument("there is no adapter " + ToUtf8(node));
+}
+
+void Installation::ChangeAdapterAt(const std::wstring &node, const AdapterChange &change) {
+    CheckAdapter(node);
+    (void)m_network.configuration->ChangeAdapter(
+        node, [&change](Simulator::NetworkAdapter &adapter) { ChangeAdapter(adapter, change); });
+}
+
+void Installation::RemoveAdapter(const std::wstring &node) {
+    CheckAdapter(node);
+    m_network.configuration->RemoveAdapter(node);
+    m_network.devices->Remove(node);
+}
+
+void Installation::Bind(const std::wstring &node, const std::wstring &component, bool bound) {
+    CheckAdapter(node);
+    m_network.configuration->Bind(node, component, bound);
+}
+
+std::vector<AdapterState> Installation::Adapters() const {
+    std::vector<AdapterState> adapters;
+    const Simulator::NetworkState network = m_network.configuration->Read();
+    for (const Simulator::NetworkComponent &component : network.components) {
+        if (!component.adapter)
+            continue;
+        const Simulator::NetworkAdapter &adapter = *component.adapter;
+        AdapterState state{ToUtf8(adapter.pnpDevNodeId),
+                           ToUtf8(adapter.displayName.value_or(adapter.pnpDevNodeId)),
+                           adapter.ip,
+                           adapter.gateway,
+                           adapter.mediaStatus == DWORD{0},
+                           m_network.devices->IsEnabled(adapter.pnpDevNodeId),
+                           {}};
+        for (const Simulator::NetworkComponent &other : network.components) {
+            if (m_network.configuration->Binding(adapter.pnpDevNodeId, other.id).value_or(false))
+                state.bound.push_back(ToUtf8(other.id));
+        }
+        adapters.push_back(std::move(state));
+    }
+    return adapters;
+}
+
+void Installation::PutInstallable(const Simulator::InstallableComponent &installable,
+                                  const std::optional<std::string> &loads) {
+    const std::wstring &id = installable.component.id;
+    m_network.configuration->Use([&installable, &id](Simulator::NetworkState &state) {
+        std::erase_if(state.installable, [&id](const Simulator::InstallableComponent &other) {
+            return Simulator::SameInAnyCase(other.component.id, id);
+        });
+        state.installable.push_back(installable);
+    });
+    const Simulator::LockGuard guard(m_lock);
+    m_loads.erase(id);
+    if (loads)
+        m_loads.emplace(id, *loads);
+}
+
+void Installation::LoadDriver(const std::wstring &component, bool loaded) {
+    std::string version;
+    {
+        const Simulator::LockGuard guard(m_lock);
+        const auto found = m_loads.find(component);
+        if (found == m_loads.end())
+            return;
+        version = found->second;
+    }
+    const std::lock_guard<std::mutex> guard(Vti::Lock());
+    Vti::TheDriver().present = loaded;
+    if (loaded)
+        Vti::TheDriver().version = version;
+}
+
+void Installation::OnNetwork(const Simulator::NetworkMoment &moment) {
+    using Moment = Simulator::NetworkMoment::What;
+    using What = NetworkHappening::What;
+    What what = What::Unbound;
+    if (moment.what == Moment::Installed)
+        what = What::Installed;
+    else if (moment.what == Moment::Removed)
+        what = What::Removed;
+    else if (moment.what == Moment::BindingEnabled)
+        what = What::Bound;
+    if (what == What::Installed || what == What::Removed)
+        LoadDriver(moment.component, what == What::Installed);
+    FollowRules({what, moment.component, moment.adapter});
+}
+
+void Installation::OnDevice(const Simulator::DeviceChange &change) {
+    if (change.state == DICS_ENABLE)
+        FollowRules({NetworkHappening::What::Enabled, {}, change.instanceId});
+    else if (change.state == DICS_DISABLE)
+        FollowRules({NetworkHappening::What::Disabled, {}, change.instanceId});
+}
+
+void Installation::FollowRules(const NetworkHappening &happening) {
+    for (const NetworkRule &rule : m_rules.Take(happening)) {
+        // An adapter that has gone meanwhile stays gone.
+        (void)m_network.configuration->ChangeAdapter(
+            rule.node, [&rule](Simulator::NetworkAdapter &adapter) { ChangeAdapter(adapter, rule.change); });
+    }
+}
+
 Inventory Installation::Take() const {
     Inventory inventory;
     const Simulator::NetworkState network = m_network.configuration->Read();
-    for (const Simulator::NetworkComponent &component : network.components)
-        inventory.components.push_back(ToUtf8(component.id));
+    for (const Simulator::NetworkComponent &component : network.components) {
+        if (!component.adapter)
+            inventory.components.push_back(ToUtf8(component.id));
+    }
     if (network.lock)
         inventory.lock = ToUtf8(network.lock->description);
     inventory.devices = Those(m_deviceIds, [this](const std::wstring &id) { return m_network.devices->Has(id); });
-    for (const std::wstring &name : m_serviceNames) {
-        if (m_services.Has(name))
-            inventory.services.emplace_back(ToUtf8(name), m_services.Get(name).status.state);
+    {
+        const Simulator::LockGuard guard(m_lock);
+        for (const std::wstring &name : m_serviceNames) {
+            if (m_services.Has(name))
+                inventory.services.emplace_back(ToUtf8(name), m_services.Get(name).status.state);
+        }
     }
     inventory.infFiles = FileNames(m_folders.Inf());
     inventory.keys =

@@ -1,6 +1,8 @@
-// What is installed on the simulated machine: network components, devices, services, INF files, registry keys.
+// What is installed on the simulated machine: network components, adapters, devices, services, INF files, registry
+// keys, and the firewall.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -8,11 +10,16 @@
 #include <utility>
 #include <vector>
 
+#include "AnyCase.h"
+#include "Firewall.h"
 #include "InstalledParts.h"
+#include "Lock.h"
+#include "Machine.h"
+#include "NetworkRules.h"
 
-/// What is there at a time, in UTF-8. Of devices, services and keys: those that Put has made.
+/// What is there at a time, in UTF-8. Of devices, services and keys: those that Put and an INF file have made.
 struct Inventory {
-    std::vector<std::string> components;                  ///< Ids, in their order.
+    std::vector<std::string> components;                  ///< Ids, in their order, without the adapters.
     std::vector<std::string> devices;                     ///< Instance ids.
     std::vector<std::pair<std::string, DWORD>> services;  ///< Names and states.
     std::vector<std::string> infFiles;                    ///< All files of the system's INF folder.
@@ -21,13 +28,26 @@ struct Inventory {
     std::optional<std::string> lock;                      ///< Who holds the write lock of the network configuration.
 };
 
-/// Nothing at first. Functions of one thread.
+/// An adapter at a time, in UTF-8.
+struct AdapterState {
+    std::string node;
+    std::string name;
+    std::string ip;
+    std::string gateway;
+    bool connected = false;
+    bool enabled = false;            ///< Its device.
+    std::vector<std::string> bound;  ///< Ids of what is bound to it, in the order of the components.
+};
+
+/// Nothing at first. Functions of one thread; others may work on the machine meanwhile.
 class Installation {
 public:
     Installation();
 
     /// Simulates the functions that reach it, which must not outlive it.
-    void PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core);
+    /// @param machine  outlives them.
+    void PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core,
+                  const Simulator::Machine &machine);
 
     void PutComponent(const Simulator::NetworkComponent &component);
     void PutDevice(const Simulator::Device &device);
@@ -40,10 +60,31 @@ public:
     /// @param function  see Simulator::SetupLibrary::Lack.
     void Lack(const std::string &function);
 
+    /// Adds an adapter with its device, or replaces it. It gets a name to bind to.
+    void PutAdapter(Simulator::NetworkAdapter adapter);
+    /// @throws std::invalid_argument  if there is no such adapter, as the next two do.
+    void ChangeAdapterAt(const std::wstring &node, const AdapterChange &change);
+    void RemoveAdapter(const std::wstring &node);
+    void Bind(const std::wstring &node, const std::wstring &component, bool bound);
+    std::vector<AdapterState> Adapters() const;
+    /// What an installation finds to install; it replaces what has the same id.
+    /// @param loads  the version of the driver that runs as soon as the component is installed, until it is removed;
+    ///               none: the driver stays as it is.
+    void PutInstallable(const Simulator::InstallableComponent &installable, const std::optional<std::string> &loads);
+    void When(const NetworkRule &rule) { m_rules.Add(rule); }
+
+    Simulator::Firewall &GetFirewall() { return *m_firewall; }
     const Simulator::SystemFolders &Folders() const { return m_folders; }
     Inventory Take() const;
 
 private:
+    void CheckAdapter(const std::wstring &node) const;
+    void InstallSection(const std::wstring &command);
+    void OnNetwork(const Simulator::NetworkMoment &moment);
+    void OnDevice(const Simulator::DeviceChange &change);
+    void FollowRules(const NetworkHappening &happening);
+    void LoadDriver(const std::wstring &component, bool loaded);
+
     Simulator::RegistrySandbox m_registry;
     Simulator::SystemFolders m_folders;
     Simulator::FilesInUse m_filesInUse;
@@ -51,7 +92,13 @@ private:
     Simulator::Security m_security;
     Simulator::SetupLibrary m_setup;
     Simulator::NetworkParts m_network;
+    const std::shared_ptr<Simulator::Firewall> m_firewall = std::make_shared<Simulator::Firewall>();
+    NetworkRules m_rules;
     std::set<std::wstring> m_deviceIds;
-    std::set<std::wstring> m_serviceNames;
     std::set<std::wstring> m_keyPaths;
+    unsigned m_adapters = 0;  ///< That there ever were.
+    /// Guards what other threads change, too.
+    mutable Simulator::Lock m_lock;
+    std::set<std::wstring> m_serviceNames;
+    std::map<std::wstring, std::string, Simulator::LessInAnyCase> m_loads;  ///< Driver versions by component.
 };

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <exception>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include <lua.hpp>
 
@@ -55,6 +57,17 @@ inline void SetField(lua_State *L, const char *name, std::string_view text) {
 /// Sets a number field of the table on top of the stack.
 inline void SetField(lua_State *L, const char *name, int number) {
     lua_pushinteger(L, number);
+    lua_setfield(L, -2, name);
+}
+
+/// Sets an array of texts in the table on top of the stack.
+inline void SetTexts(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+    lua_createtable(L, static_cast<int>(texts.size()), 0);
+    int index = 0;
+    for (const std::string &text : texts) {
+        lua_pushlstring(L, text.data(), text.size());
+        lua_rawseti(L, -2, ++index);
+    }
     lua_setfield(L, -2, name);
 }
 

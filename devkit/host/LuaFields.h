@@ -1,4 +1,4 @@
-// Reading the fields of a table that a script hands over as the one argument of a function.
+// Reading the fields of a table that a script hands over as an argument: as the first, unless `table` tells another.
 #pragma once
 
 #include <algorithm>
@@ -9,9 +9,9 @@
 #include <lua.hpp>
 
 /// Raises an error unless the argument is a table with no other fields than these.
-inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> names) {
-    luaL_checktype(L, 1, LUA_TTABLE);
-    for (lua_pushnil(L); lua_next(L, 1) != 0; lua_pop(L, 1)) {
+inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> names, int table = 1) {
+    luaL_checktype(L, table, LUA_TTABLE);
+    for (lua_pushnil(L); lua_next(L, table) != 0; lua_pop(L, 1)) {
         const char *name = lua_type(L, -2) == LUA_TSTRING ? lua_tostring(L, -2) : luaL_typename(L, -2);
         if (std::find(names.begin(), names.end(), name) == names.end())
             luaL_error(L, "there is no field '%s'", name);
@@ -19,8 +19,8 @@ inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> na
 }
 
 /// A text, which is valid as long as the table has it.
-inline std::string_view CheckTextField(lua_State *L, const char *name) {
-    lua_getfield(L, 1, name);
+inline std::string_view CheckTextField(lua_State *L, const char *name, int table = 1) {
+    lua_getfield(L, table, name);
     if (lua_type(L, -1) != LUA_TSTRING)
         luaL_error(L, "field '%s': string expected, got %s", name, luaL_typename(L, -1));
     std::size_t length = 0;
@@ -29,16 +29,16 @@ inline std::string_view CheckTextField(lua_State *L, const char *name) {
     return {text, length};
 }
 
-inline bool HasField(lua_State *L, const char *name) {
-    lua_getfield(L, 1, name);
+inline bool HasField(lua_State *L, const char *name, int table = 1) {
+    lua_getfield(L, table, name);
     const bool has = !lua_isnil(L, -1);
     lua_pop(L, 1);
     return has;
 }
 
 /// A boolean; false where there is none.
-inline bool FlagField(lua_State *L, const char *name) {
-    lua_getfield(L, 1, name);
+inline bool FlagField(lua_State *L, const char *name, int table = 1) {
+    lua_getfield(L, table, name);
     if (!lua_isnil(L, -1) && !lua_isboolean(L, -1))
         luaL_error(L, "field '%s': boolean expected, got %s", name, luaL_typename(L, -1));
     const bool value = lua_toboolean(L, -1) != 0;
@@ -47,8 +47,8 @@ inline bool FlagField(lua_State *L, const char *name) {
 }
 
 /// A number from 0 to the limit; 0 where there is none.
-inline lua_Number NumberField(lua_State *L, const char *name, lua_Number limit) {
-    lua_getfield(L, 1, name);
+inline lua_Number NumberField(lua_State *L, const char *name, lua_Number limit, int table = 1) {
+    lua_getfield(L, table, name);
     if (!lua_isnil(L, -1) && lua_type(L, -1) != LUA_TNUMBER)
         luaL_error(L, "field '%s': number expected, got %s", name, luaL_typename(L, -1));
     const lua_Number value = lua_tonumber(L, -1);
@@ -59,8 +59,8 @@ inline lua_Number NumberField(lua_State *L, const char *name, lua_Number limit) 
 }
 
 /// The same for whole numbers.
-inline lua_Number WholeField(lua_State *L, const char *name, lua_Number limit) {
-    const lua_Number value = NumberField(L, name, limit);
+inline lua_Number WholeField(lua_State *L, const char *name, lua_Number limit, int table = 1) {
+    const lua_Number value = NumberField(L, name, limit, table);
     if (std::floor(value) != value)
         luaL_error(L, "field '%s': whole number expected", name);
     return value;

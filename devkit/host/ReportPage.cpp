@@ -1,5 +1,6 @@
 #include "ReportPage.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <string_view>
@@ -11,6 +12,7 @@ namespace {
 
 /// More would make the page large and show no more.
 constexpr std::size_t kMaxRows = 12'000;
+constexpr std::size_t kMaxDriverRuns = 100;
 
 // The page's parts are resources of the program.
 
@@ -125,37 +127,74 @@ std::string NotesAsJson(const std::vector<HealthNote> &notes, double start) {
     return json;
 }
 
-/// Of the first iteration; where there is none, of the first note.
-double StartOf(const std::vector<HealthRow> &rows, const std::vector<HealthNote> &notes) {
-    if (rows.empty())
-        return notes.empty() ? 0 : notes.front().time;
-    return rows.front().time;
+std::string StepsAsJson(const std::vector<DriverStep> &steps, double start) {
+    std::string json;
+    for (const DriverStep &step : steps) {
+        json += json.empty() ? "\n" : ",\n";
+        json += "{\"name\":" + Quoted(step.name) + ",\"depth\":" + std::to_string(step.depth) +
+                ",\"limit\":" + std::to_string(step.limit) + ",\"begin\":" + Number(step.begin - start) +
+                ",\"end\":" + (step.end ? Number(*step.end - start) : "null") +
+                ",\"killed\":" + (step.killed ? "true" : "false") + ",\"failed\":" + (step.failed ? "true" : "false") +
+                "}";
+    }
+    return json;
 }
 
-std::string RunAsJson(const HealthHistory &history, const std::string &script) {
+std::string DriverRunAsJson(const DriverRun &run, double start) {
+    const bool isInstallation = run.kind == DriverRun::Kind::Installation;
+    return std::string(R"({"kind":")") + (isInstallation ? "installation" : "removal") + R"(","begin":)" +
+           Number(run.begin - start) + R"(,"end":)" + (run.end ? Number(*run.end - start) : "null") +
+           R"(,"succeeded":)" + (run.succeeded ? "true" : "false") + R"(,"rebootAsked":)" +
+           (run.rebootAsked ? "true" : "false") + R"(,"failedStep":)" + Quoted(run.failedStep) + R"(,"steps":[)" +
+           StepsAsJson(run.steps, start) + "]}";
+}
+
+/// The latest.
+std::string DriverRunsAsJson(const std::vector<DriverRun> &runs, double start) {
+    std::string json;
+    for (std::size_t i = runs.size() - std::min(runs.size(), kMaxDriverRuns); i < runs.size(); ++i) {
+        json += json.empty() ? "\n" : ",\n";
+        json += DriverRunAsJson(runs[i], start);
+    }
+    return json;
+}
+
+/// Of the first iteration; where there is none, of the first installation or removal, else of the first note.
+double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> &runs,
+               const std::vector<HealthNote> &notes) {
+    if (!rows.empty())
+        return rows.front().time;
+    if (!runs.empty())
+        return runs.front().begin;
+    return notes.empty() ? 0 : notes.front().time;
+}
+
+std::string RunAsJson(const HealthHistory &history, const std::vector<DriverRun> &runs, const std::string &script) {
     const std::vector<HealthRow> all = history.Rows();
     const std::vector<HealthRow> rows = ThinOut(all, kMaxRows);
     const std::vector<HealthNote> notes = history.Notes();
-    const double start = StartOf(rows, notes);
+    const double start = StartOf(rows, runs, notes);
     return "{\"script\":" + Quoted(script) + ",\n\"start\":" + Number(start) +
            ",\n\"iterations\":" + std::to_string(all.size()) + ",\n" + RowsAsJson(rows, start) + ",\n\"metrics\":[" +
-           MetricsAsJson(rows) + "],\n\"notesLeftOut\":" + std::to_string(history.NotesLeftOut()) + ",\n\"notes\":[" +
+           MetricsAsJson(rows) + "],\n\"driverRuns\":[" + DriverRunsAsJson(runs, start) +
+           "],\n\"notesLeftOut\":" + std::to_string(history.NotesLeftOut()) + ",\n\"notes\":[" +
            NotesAsJson(notes, start) + "]}";
 }
 
 }  // namespace
 
-std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::string &script, std::string &error) {
+std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
+                                          const std::string &script, std::string &error) {
     std::string lacking;
     std::string page(Resource(L"REPORT_PAGE", lacking));
     Insert(page, "/*STYLE*/", Resource(L"REPORT_STYLE", lacking));
-    for (const wchar_t *part : {L"REPORT_SCALES", L"REPORT_CHARTS", L"REPORT_SCRIPT"})
+    for (const wchar_t *part : {L"REPORT_SCALES", L"REPORT_CHARTS", L"REPORT_STEPS", L"REPORT_SCRIPT"})
         Insert(page, "/*SCRIPT*/", std::string(Resource(part, lacking)) + "/*SCRIPT*/");
     if (!lacking.empty()) {
         error = lacking;
         return std::nullopt;
     }
     Insert(page, "/*SCRIPT*/", "");
-    Insert(page, "/*RUN*/", RunAsJson(history, script));
+    Insert(page, "/*RUN*/", RunAsJson(history, runs, script));
     return page;
 }

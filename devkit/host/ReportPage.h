@@ -4,9 +4,11 @@
 #include <optional>
 #include <string>
 
+#include "DriverRuns.h"
 #include "HealthHistory.h"
 
 /// A HTML page that needs nothing beside itself.
 /// @param script  the name of the script that has run, UTF-8.
 /// @param error   says which part of the page the program lacks, when nothing is returned.
-std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::string &script, std::string &error);
+std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
+                                          const std::string &script, std::string &error);

@@ -103,7 +103,7 @@ Installation &SimulatedSystem::UseInstallation() {
         if (!m_hasClock)
             Simulator::InstallClock(parts.functions, parts.core->clock);  // as the real one
         parts.installation.emplace();
-        parts.installation->PutUnder(parts.functions, parts.core);
+        parts.installation->PutUnder(parts.functions, parts.core, m_machine);
         PutUnderModule();
     }
     return *parts.installation;

@@ -67,7 +67,8 @@ bool WriteReport(const HostState &host) {
     if (host.history == nullptr)
         return true;
     std::string error;
-    const std::optional<std::string> page = MakeReportPage(*host.history, ToUtf8(host.options.script), error);
+    const std::optional<std::string> page =
+        MakeReportPage(*host.history, host.runs.All(), ToUtf8(host.options.script), error);
     if (page && WriteWholeFile(host.options.reportFile, *page, error))
         return true;
     (void)Complain(error);
@@ -78,6 +79,8 @@ bool WriteReport(const HostState &host) {
 void EndHost() {
     wxLog::FlushActive();  // what other threads have logged
     HostState &host = TheHost();
+    host.steps.End();
+    VtaCore::Control::SetThreadListener(nullptr);
     VtaCore::Control::SetObserver(nullptr);
     host.zips.clear();
     (void)WriteEvents(host);
@@ -85,11 +88,22 @@ void EndHost() {
     host.system.End();
 }
 
+/// Who installs and removes drivers is watched for the console and for the report.
+void WatchRuns(HostState &host) {
+    if (host.options.quiet && host.history == nullptr)
+        return;
+    if (!host.options.quiet)
+        host.steps.Begin(host.runs);
+    host.events.SetRuns(&host.runs);
+    VtaCore::Control::SetThreadListener(&host.runs);
+}
+
 void StartHost(HostState &host) {
     host.log = new HostLog(!host.options.quiet, host.history.get());
     delete wxLog::SetActiveTarget(host.log);
     host.events.SetPrinting(!host.options.quiet);
     host.events.SetHistory(host.history.get());
+    WatchRuns(host);
     VtaCore::Control::SetObserver(&host.events);
     for (const std::wstring &component : host.options.traces)
         VtaCore::Control::EnableTrace(wxString(component), true);

@@ -2,6 +2,7 @@
 #include <mutex>
 
 #include "LiveObject.h"
+#include "ThreadLog.h"
 #include "vta_core.h"
 
 namespace VtaCore {
@@ -26,6 +27,8 @@ void CLogGrabber::DoLogRecord(wxLogLevel level, const wxString &message, const w
         const std::lock_guard lock(m_impl->mutex);
         m_impl->text << message << '\n';
     }
+    if (m_impl->next == nullptr)
+        ThreadLog::TellLine(level, message, info);
     if (m_impl->next != nullptr)
         m_impl->next->LogRecord(level, message, info);
 }

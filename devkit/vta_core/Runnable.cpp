@@ -6,6 +6,7 @@
 
 #include "Handle.h"
 #include "LiveObject.h"
+#include "ThreadLog.h"
 #include "vta_core.h"
 
 namespace VtaCore {
@@ -92,6 +93,7 @@ void *CRunnable::Entry() {
         if (wake != Wake::Awaken)
             return nullptr;
     }
+    ThreadLog::Begin(Name());
     Run();
     return nullptr;
 }
@@ -101,10 +103,12 @@ void CRunnable::OnDelete() {
 }
 
 void CRunnable::OnKill() {
+    ThreadLog::End(GetId(), true);
     m_impl->running = false;
 }
 
 void CRunnable::OnExit() {
+    ThreadLog::End(GetCurrentThreadId(), false);
     m_impl->running = false;
 }
 

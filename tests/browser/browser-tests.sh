@@ -26,11 +26,12 @@ browse() {
         --virtual-time-budget=2000 "$@" "file://$page" 2>"$WORK/browser.log"
 }
 
-# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output is in NAME.out.
+# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output is in NAME.out. Time runs $FAST times
+# as fast as it does, or a hundred times.
 report() {
     local name=$1
     shift
-    (cd "$BIN" && timeout 300 "${WINE[@]}" fc-host.exe --fast 100 --quiet --report "$WORK/$name.html" "$@") \
+    (cd "$BIN" && timeout 300 "${WINE[@]}" fc-host.exe --fast "${FAST:-100}" --quiet --report "$WORK/$name.html" "$@") \
         >"$WORK/$name.out" 2>"$WORK/$name.err" || because "the host failed: $(tail -n 3 "$WORK/$name.err")"
 }
 
@@ -127,12 +128,44 @@ LUA
         has_no_faults one && shows one 'Processor queue 60 is above 50'
 }
 
+TheStepsOfTheStoryAreDrawn() {
+    FAST=4 report story "$EXAMPLES/story.lua" --out "$WORK/story" || return
+    inspect story 1300 && finds story 'errors: 0' && finds story 'charts: 13' && finds story 'step charts: 5' &&
+        finds story 'steps killed: 1' && finds story 'marked as killed: 1' && has_no_faults story &&
+        shows story 'Health and driver report' && shows story 'InstallingDriver hung and was killed after 10 min' &&
+        shows story 'Removal 1'
+}
+
+# After TheStepsOfTheStoryAreDrawn, as is the next.
+TheStepsAreDrawnInANarrowWindow() {
+    inspect story 500 && finds story 'errors: 0' && finds story 'steps killed: 1' && has_no_faults story
+}
+
+TheStepsAreDrawnOnADarkPage() {
+    inspect story 1000 --blink-settings=preferredColorScheme=0 && finds story 'errors: 0' && finds story 'dark: true' &&
+        finds story 'marked as killed: 1' && has_no_faults story
+}
+
+ARemovalWithoutHealthIterationsIsDrawn() {
+    cat >"$WORK/removal.lua" <<'LUA'
+host.machine.put_component { id = "qbimvta", result = 0x80004005 }
+require "fc"
+SLB.filter.UninstallDriver(host.dom(), "", "")
+LUA
+    FAST=1 report removal "$WORK/removal.lua" && inspect removal 1000 && finds removal 'errors: 0' &&
+        finds removal 'charts: 1' && finds removal 'step charts: 1' && finds removal 'empty: false' &&
+        finds removal 'rows at the pointer: 3' && finds removal 'steps killed: 0' && has_no_faults removal &&
+        shows removal 'Driver report' && shows removal 'ended with failures after'
+}
+
 for name in TheBrowserIsInstalled TheExampleMakesItsPage; do # the others need both
     [ "$FAILED" -gt 0 ] || test_case "$name"
 done
 if [ "$FAILED" -eq 0 ]; then
     for name in TheExampleIsDrawnWithoutErrors TheTransitionsOfTheExampleAreListed NothingOverlapsInANarrowWindow \
-        TheDarkPageIsDrawnToo TheScreenshotIsNotBlank ARunWithoutIterationsSaysSo ARunOfOneIterationIsDrawn; do
+        TheDarkPageIsDrawnToo TheScreenshotIsNotBlank ARunWithoutIterationsSaysSo ARunOfOneIterationIsDrawn \
+        TheStepsOfTheStoryAreDrawn TheStepsAreDrawnInANarrowWindow TheStepsAreDrawnOnADarkPage \
+        ARemovalWithoutHealthIterationsIsDrawn; do
         test_case "$name"
     done
 fi

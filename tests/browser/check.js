@@ -22,13 +22,32 @@ window.addEventListener('load', () => {
   };
 
   const charts = [...document.querySelectorAll('figure.chart')];
+  const checkSteps = (figure, title) => {
+    const area = box(figure.querySelector('.axis'));
+    const bars = [...figure.querySelectorAll('rect.step')];
+    if (!bars.length) fault(`${title}: there is no step`);
+    for (const bar of bars) {
+      const { left, right, height } = box(bar);
+      if (height < 10 || right - left < 1) fault(`${title}: a step is not drawn`);
+      if (left < area.left - 0.5 || right > area.right + 2.5) fault(`${title}: a step leaves the chart`);
+    }
+    for (const text of figure.querySelectorAll('.killed-text'))
+      if (getComputedStyle(text).fill === getComputedStyle(figure.querySelector('.step-killed')).fill &&
+          bars.some(bar => overlap(box(bar), box(text))))
+        fault(`${title}: '${text.textContent}' can't be read on its bar`);
+  };
+
   let lines = 0;
   for (const figure of charts) {
     const title = figure.querySelector('h3').textContent;
     const svg = figure.querySelector('svg');
+    if (!svg) continue; // an installation that had nothing to do
+    const ofSteps = figure.classList.contains('steps');
+    if (ofSteps) checkSteps(figure, title);
     const texts = [...svg.querySelectorAll('text')];
     for (const axis of ['x-label', 'y-label'])
-      if (svg.querySelectorAll('text.' + axis).length < 2) fault(`${title}: fewer than two labels of ${axis}`);
+      if (svg.querySelectorAll('text.' + axis).length < (ofSteps && axis === 'y-label' ? 1 : 2))
+        fault(`${title}: fewer than two labels of ${axis}`);
     for (const text of texts) checkInside(text, svg, title);
     checkApart(texts, title);
     lines += svg.querySelectorAll('path').length;
@@ -50,6 +69,9 @@ window.addEventListener('load', () => {
   if (asked !== drawn) fault(`the browser asks for a ${asked ? 'dark' : 'light'} page, and it is none`);
   tell('dark', drawn);
   tell('charts', charts.length);
+  tell('step charts', document.querySelectorAll('figure.steps').length);
+  tell('steps killed', document.querySelectorAll('rect.step-killed').length);
+  tell('marked as killed', document.querySelectorAll('.killed-text').length);
   tell('lines', lines);
   tell('errors', document.getElementById('errors').textContent);
   tell('transitions', document.querySelectorAll('#transitions tbody tr').length);

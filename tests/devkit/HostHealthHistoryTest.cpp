@@ -200,8 +200,22 @@ TEST(ReportPage, StaysBelowThreeMebibytes) {
     for (int i = 0; i < 2000; ++i)
         history.AddNote(HealthNote::Kind::Mark, i, std::string(5000, '<'));
     std::string error;
-    const std::optional<std::string> page = MakeReportPage(history, "script.lua", error);
+    const std::optional<std::string> page = MakeReportPage(history, {}, "script.lua", error);
     ASSERT_TRUE(page) << error;
     EXPECT_LT(page->size(), 3U << 20U);
     EXPECT_GT(page->size(), 1U << 20U);
+}
+
+TEST(ReportPage, HasTheLatestHundredInstallationsAndNoStepsEndWhereNoneWas) {
+    std::vector<DriverRun> runs(101);
+    for (std::size_t i = 0; i < runs.size(); ++i)
+        runs[i].begin = 1.7e9 + static_cast<double>(i);
+    runs.back().steps.push_back({.name = "<Step>", .begin = 1.7e9 + 100});
+    std::string error;
+    const std::optional<std::string> page = MakeReportPage(HealthHistory(), runs, "script.lua", error);
+    ASSERT_TRUE(page) << error;
+    EXPECT_EQ(page->find(R"("installation","begin":0,)"), std::string::npos);
+    EXPECT_NE(page->find(R"("installation","begin":1,"end":null,)"), std::string::npos);
+    EXPECT_NE(page->find(R"("name":"\u003cStep\u003e","depth":0,"limit":0,"begin":100,"end":null,)"),
+              std::string::npos);
 }

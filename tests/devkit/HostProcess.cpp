@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr DWORD kTimeoutMs = 60'000;
+constexpr DWORD kTimeoutMs = 180'000;
 
 struct CloseTheHandle {
     void operator()(HANDLE handle) const { CloseHandle(handle); }
@@ -72,7 +72,7 @@ HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &i
     if (process == nullptr)
         return run;
     if (WaitForSingleObject(process.get(), kTimeoutMs) != WAIT_OBJECT_0) {
-        ADD_FAILURE() << "fc-host.exe took more than a minute";
+        ADD_FAILURE() << "fc-host.exe took more than three minutes";
         TerminateProcess(process.get(), ERROR_TIMEOUT);
         (void)WaitForSingleObject(process.get(), INFINITE);
     }

@@ -17,7 +17,7 @@ struct HostRun {
 /// The folder of the test program, where the build leaves fc-host.exe and all libraries.
 std::filesystem::path BinaryFolder();
 
-/// Runs fc-host.exe; a run of more than a minute is ended and fails the test.
+/// Runs fc-host.exe; a run of more than three minutes is ended and fails the test.
 /// @param input   what it reads from its standard input.
 /// @param folder  where the program lies.
 HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input = {},

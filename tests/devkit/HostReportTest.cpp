@@ -233,3 +233,36 @@ TEST(HostModule, TheRestartedModuleRunsOnTheRealClockToo) {
     )");
     EXPECT_EQ(run.exitCode, 0U) << run.err;
 }
+
+TEST_F(HostReport, HoldsTheStepsOfAnInstallationWithWhatFailedInThem) {
+    const HostRun run = Run(R"(
+        host.machine.put_component { id = 'qbimvta', result = 0x80004005 }
+        host.advance(100)
+        assert(not SLB.filter.UninstallDriver(host.dom(), 'C:\\', 'C:\\'))
+        check 'Deactivated'
+    )");
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_EQ(run.err, "");
+    const JsonPtr data = Data();
+    ASSERT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(data.get(), "driverRuns")), 1);
+    const cJSON *removal = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "driverRuns"), 0);
+    EXPECT_EQ(TextOf(removal, "kind"), "removal");
+    // Times are counted from the first health iteration, which came later.
+    EXPECT_LT(cJSON_GetObjectItem(removal, "begin")->valuedouble, 0);
+    EXPECT_LE(cJSON_GetObjectItem(removal, "begin")->valuedouble, cJSON_GetObjectItem(removal, "end")->valuedouble);
+    const cJSON *step = nullptr;
+    const cJSON *uninstalling = nullptr;
+    cJSON_ArrayForEach(step, cJSON_GetObjectItem(removal, "steps")) {
+        const bool isMeant = TextOf(step, "name") == "UninstallingDriver";
+        uninstalling = isMeant ? step : uninstalling;
+        EXPECT_EQ(cJSON_IsTrue(cJSON_GetObjectItem(step, "failed")) != 0, isMeant) << TextOf(step, "name");
+        EXPECT_FALSE(cJSON_IsTrue(cJSON_GetObjectItem(step, "killed")));
+    }
+    ASSERT_NE(uninstalling, nullptr);
+    EXPECT_EQ(cJSON_GetObjectItem(uninstalling, "limit")->valuedouble, 600);
+}
+
+TEST_F(HostReport, HasNoStepsWhereNoDriverWasInstalled) {
+    ASSERT_EQ(Run("check 'Deactivated'").exitCode, 0U);
+    EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(Data().get(), "driverRuns")), 0);
+}

@@ -14,7 +14,8 @@ function svg(name, attributes, parent, text) {
 const short = number => Number(number.toFixed(1));
 
 class Chart {
-  // options: title, unit, height, range: [low, high], ticks: of the y axis when they are no round numbers
+  // options: title, unit, height, range: [low, high], ticks: of the y axis when they are no round numbers,
+  // left: the room for their labels
   constructor(parent, run, options) {
     this.run = run;
     this.options = options;
@@ -30,6 +31,7 @@ class Chart {
     this.figure.append(caption);
     parent.append(this.figure);
     this.svg = null;
+    this.left = options.left || MARGIN.left;
   }
 
   // Draws anew for the present width. `content(chart)` draws what the axes are for.
@@ -52,12 +54,12 @@ class Chart {
 
   x(time) {
     const { from, to } = this.run;
-    return short(MARGIN.left + (time - from) / (to - from) * (this.right - MARGIN.left));
+    return short(this.left + (time - from) / (to - from) * (this.right - this.left));
   }
 
   time(x) {
     const { from, to } = this.run;
-    return from + (x - MARGIN.left) / (this.right - MARGIN.left) * (to - from);
+    return from + (x - this.left) / (this.right - this.left) * (to - from);
   }
 
   // What is higher than the scale stays at its upper end.
@@ -80,15 +82,15 @@ class Chart {
   drawAxes() {
     for (const tick of this.options.ticks || numberTicks(this.low, this.high)) {
       const y = this.y(tick.at);
-      svg('line', { class: 'grid-line', x1: MARGIN.left, x2: this.right, y1: y, y2: y }, this.svg);
-      svg('text', { class: 'y-label', x: MARGIN.left - 8, y: y + 4, 'text-anchor': 'end' }, this.svg, tick.label);
+      svg('line', { class: 'grid-line', x1: this.left, x2: this.right, y1: y, y2: y }, this.svg);
+      svg('text', { class: 'y-label', x: this.left - 8, y: y + 4, 'text-anchor': 'end' }, this.svg, tick.label);
     }
     if (this.options.unit)
-      svg('text', { class: 'unit', x: MARGIN.left, y: MARGIN.top - 9 }, this.svg, this.options.unit);
-    svg('line', { class: 'axis', x1: MARGIN.left, x2: this.right, y1: this.bottom, y2: this.bottom }, this.svg);
+      svg('text', { class: 'unit', x: this.left, y: MARGIN.top - 9 }, this.svg, this.options.unit);
+    svg('line', { class: 'axis', x1: this.left, x2: this.right, y1: this.bottom, y2: this.bottom }, this.svg);
     const { start, from, to } = this.run;
     const room = to - from < 20 * MINUTE ? 76 : 60; // a label with seconds is wider
-    for (const tick of timeTicks(start + from, start + to, this.right - MARGIN.left, room)) {
+    for (const tick of timeTicks(start + from, start + to, this.right - this.left, room)) {
       const x = this.x(tick.at - start);
       svg('line', { class: 'axis', x1: x, x2: x, y1: this.bottom, y2: this.bottom + 4 }, this.svg);
       svg('text', { class: 'x-label', x, y: this.bottom + 21, 'text-anchor': 'middle' }, this.svg, tick.label);

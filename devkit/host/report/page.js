@@ -128,7 +128,7 @@ function metricContent(metric, run) {
     chart.dots('over-dot', over.map((value, row) => (over[row - 1] == null && over[row + 1] == null ? value : null)));
     chart.steps('limit', limits);
     if (run.time.length === 1 && limits[0] !== null)
-      chart.path('limit', [`M${MARGIN.left} ${chart.y(limits[0])}H${chart.right}`]);
+      chart.path('limit', [`M${chart.left} ${chart.y(limits[0])}H${chart.right}`]);
     checkDiamonds(chart, run, metric.limit.map((limit, row) => (isOff(metric, row) ? null : limit)));
     markLines(chart, run);
   };
@@ -304,33 +304,40 @@ function watchPointer(run, charts) {
 
 function fillHead(run) {
   const name = run.script.split(/[\\/]/).pop();
-  document.title = 'Health report' + (name ? ' · ' + name : '');
+  const subject = run.time.length && run.driverRuns.length ? 'Health and driver report' :
+    run.driverRuns.length ? 'Driver report' : 'Health report';
+  byId('title').textContent = subject;
+  document.title = subject + (name ? ' · ' + name : '');
   const parts = [];
   if (name) parts.push(name);
-  if (run.time.length) {
-    const begin = run.start + run.time[0];
-    const end = run.start + run.time[run.time.length - 1];
+  const times = [...run.time, ...run.driverRuns.flatMap(driverRun => [driverRun.begin, endOf(driverRun)])];
+  if (times.length) {
+    const [begin, end] = rangeOf(times).map(time => run.start + time);
     const lastDay = formatDay(begin, true) === formatDay(end, true) ? '' : formatDay(end, true) + ', ';
     parts.push(`${formatDay(begin, true)}, ${formatClock(begin, true)} to ${lastDay}${formatClock(end, true)} UTC`);
-    if (run.iterations > run.time.length)
-      parts.push(`${run.time.length} of ${run.iterations} iterations are drawn: ` +
-        'transitions, and the extremes between them');
   }
+  if (run.iterations > run.time.length)
+    parts.push(`${run.time.length} of ${run.iterations} iterations are drawn: ` +
+      'transitions, and the extremes between them');
   byId('subtitle').textContent = parts.join(' · ');
 }
 
-function fillTiles(run) {
+function healthTiles(run) {
   const count = step => run.step.filter(candidate => candidate === step).length;
   const open = run.activeStretches.reduce((sum, stretch) => sum + stretch.to - stretch.from, 0);
-  const errors = run.notes.filter(note => note.kind === 'error').reduce((sum, note) => sum + note.count, 0);
-  const tiles = [
+  return [
     [run.iterations, run.iterations === 1 ? 'iteration' : 'iterations'],
     [formatDuration(open), 'in fail-open'],
     [count(STEP.FAIL_OPEN), 'times into fail-open'],
     [count(STEP.RECOVERED), 'recoveries'],
     [count(STEP.CHECK_FAILED), 'failed recovery checks'],
-    [errors, 'errors in the log', errors > 0],
   ];
+}
+
+function fillTiles(run) {
+  const errors = run.notes.filter(note => note.kind === 'error').reduce((sum, note) => sum + note.count, 0);
+  const tiles = [...(run.time.length ? healthTiles(run) : []), ...(run.driverRuns.length ? driverTiles(run) : []),
+    [errors, 'errors in the log', errors > 0]];
   for (const [value, label, bad] of tiles) {
     const tile = document.createElement('div');
     tile.className = bad ? 'tile bad' : 'tile';
@@ -343,9 +350,8 @@ function fillTiles(run) {
   }
 }
 
-// titles: of the columns; rows: arrays of { text, className } or texts.
-function fillList(id, titles, rows, nothing) {
-  const target = byId(id);
+// titles: of the columns; rows: arrays of { textContent, className } or texts.
+function fillList(target, titles, rows, nothing) {
   if (!rows.length) {
     target.textContent = nothing;
     return;
@@ -396,7 +402,7 @@ function fillTransitions(run) {
       rows.push([time, { textContent: 'Recovered', className: 'is-recovered narrow' },
         'all judged metrics are within the limits for recovery']);
   });
-  fillList('transitions', ['Time (UTC)', 'What', 'Why'], rows, 'None: the state did not change.');
+  fillList(byId('transitions'), ['Time (UTC)', 'What', 'Why'], rows, 'None: the state did not change.');
 }
 
 function fillNotes(run) {
@@ -405,7 +411,7 @@ function fillNotes(run) {
     return [formatMoment(run, note.time), { textContent: note.number || '', className: 'narrow' },
       { textContent: note.kind, className: note.kind === 'error' ? 'is-error narrow' : 'narrow' }, note.text + often];
   });
-  fillList('notes', ['Time (UTC)', 'No.', 'Kind', 'Text'], rows, 'None.');
+  fillList(byId('notes'), ['Time (UTC)', 'No.', 'Kind', 'Text'], rows, 'None.');
   if (run.notesLeftOut)
     byId('notes').append(Object.assign(document.createElement('p'), { className: 'more',
       textContent: `${run.notesLeftOut} more were left out of this page` }));
@@ -418,12 +424,10 @@ function addHatch() {
   svg('line', { id: 'hatch-line', x1: 0, y1: 0, x2: 0, y2: 7 }, pattern);
 }
 
-function showCharts(run) {
-  addHatch();
-  const charts = makeCharts(run);
+// Draws all charts, and again when the window has another width.
+function showCharts(charts) {
   const drawAll = () => charts.forEach(({ chart, content }) => chart.draw(content));
   drawAll();
-  watchPointer(run, charts);
   let width = window.innerWidth;
   window.addEventListener('resize', () => {
     if (window.innerWidth !== width) drawAll();
@@ -435,14 +439,21 @@ function main() {
   const run = readRun();
   document.querySelector('main').hidden = false;
   fillHead(run);
-  const isEmpty = run.time.length === 0;
-  byId('empty').hidden = !isEmpty;
-  for (const id of ['tiles', 'charts-section', 'transitions-section']) byId(id).hidden = isEmpty;
+  const hasHealth = run.time.length > 0;
+  const hasDrivers = run.driverRuns.length > 0;
+  byId('empty').hidden = hasHealth || hasDrivers;
+  byId('tiles').hidden = !hasHealth && !hasDrivers;
+  for (const id of ['charts-section', 'transitions-section']) byId(id).hidden = !hasHealth;
+  byId('drivers-section').hidden = !hasDrivers;
   fillNotes(run);
-  if (isEmpty) return;
   fillTiles(run);
-  fillTransitions(run);
-  showCharts(run);
+  addHatch();
+  const health = hasHealth ? makeCharts(run) : [];
+  const drivers = makeDriverCharts(run);
+  showCharts([...health, ...drivers]);
+  watchPointer(run, health);
+  watchSteps(run, drivers);
+  if (hasHealth) fillTransitions(run);
 }
 
 main();

@@ -1,0 +1,42 @@
+#include "NetworkRules.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "AnyCase.h"
+
+namespace {
+
+bool IsMomentOf(const NetworkRule &rule, const NetworkHappening &happening) {
+    return rule.when.what == happening.what && Simulator::SameInAnyCase(rule.when.component, happening.component) &&
+           (rule.when.adapter.empty() || Simulator::SameInAnyCase(rule.when.adapter, happening.adapter));
+}
+
+}  // namespace
+
+void ChangeAdapter(Simulator::NetworkAdapter &adapter, const AdapterChange &change) {
+    adapter.ip = change.ip.value_or(adapter.ip);
+    adapter.gateway = change.gateway.value_or(adapter.gateway);
+    adapter.deviceStatus = change.status.value_or(adapter.deviceStatus);
+    if (change.frames)
+        adapter.frames = change.frames;
+    if (change.connected)
+        adapter.mediaStatus = *change.connected ? 0 : 1;
+    if (change.gatewayAnswers)
+        adapter.gatewayMac = *change.gatewayAnswers ? Simulator::NetworkAdapter{}.gatewayMac : std::vector<BYTE>();
+}
+
+void NetworkRules::Add(NetworkRule rule) {
+    const Simulator::LockGuard guard(m_lock);
+    m_rules.push_back(std::move(rule));
+}
+
+std::vector<NetworkRule> NetworkRules::Take(const NetworkHappening &happening) {
+    const Simulator::LockGuard guard(m_lock);
+    const auto taken = std::stable_partition(
+        m_rules.begin(), m_rules.end(), [&happening](const NetworkRule &rule) { return !IsMomentOf(rule, happening); });
+    std::vector<NetworkRule> rules(std::make_move_iterator(taken), std::make_move_iterator(m_rules.end()));
+    m_rules.erase(taken, m_rules.end());
+    return rules;
+}

@@ -1,0 +1,93 @@
+#include "StepDisplay.h"
+
+#include <chrono>
+#include <cstdio>
+
+#include "Console.h"
+#include "WallClock.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kUpdateEvery{100};
+
+const char *RunName(DriverRun::Kind kind) {
+    return kind == DriverRun::Kind::Installation ? "installation" : "removal";
+}
+
+std::string Seconds(double seconds) {
+    char text[32] = "";
+    (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}
+
+std::string Indented(const DriverStep &step, char mark) {
+    return std::string(step.depth + 1, ' ') + mark + step.name;
+}
+
+}  // namespace
+
+std::string NewsLine(const DriverNews &news) {
+    const std::string took = Seconds(news.time - news.begin);
+    const std::string most = news.step.limit == 0 ? "" : " of " + std::to_string(news.step.limit) + " s";
+    const std::string line = "step    ";
+    switch (news.what) {
+        case DriverNews::What::RunBegins:
+            return line + RunName(news.kind) + " begins";
+        case DriverNews::What::StepBegins:
+            return line + Indented(news.step, '>') + ", " + std::to_string(news.step.limit) + " s at most";
+        case DriverNews::What::StepEnds:
+            return line + Indented(news.step, '<') + " after " + took + (news.step.failed ? ", with a failure" : "");
+        case DriverNews::What::StepKilled:
+            return line + Indented(news.step, '!') + " is killed after " + took + most;
+        case DriverNews::What::RunEnds:
+            break;
+    }
+    return line + RunName(news.kind) + " ends after " + took;
+}
+
+std::string StatusText(const DriverRun &run, double now, std::size_t width) {
+    std::string text = std::string(RunName(run.kind)) + ", " + Seconds(now - run.begin);
+    for (auto step = run.steps.rbegin(); step != run.steps.rend(); ++step) {
+        if (step->end)
+            continue;
+        text += ": " + step->name + ", " + Seconds(now - step->begin) + " of " + std::to_string(step->limit) + " s";
+        break;
+    }
+    if (text.size() > width)
+        text.resize(width);
+    return text;
+}
+
+void StepDisplay::Begin(DriverRuns &runs) {
+    if (IsTerminal()) {
+        // At once, so that what a script prints next finds an empty line.
+        runs.OnNews([this](const DriverNews &news) {
+            if (news.what != DriverNews::What::RunEnds)
+                return;
+            const std::lock_guard lock(m_lock);
+            ShowStatus({});
+        });
+        m_updater = std::thread([this, &runs] { Update(runs); });
+        return;
+    }
+    runs.OnNews([](const DriverNews &news) { PrintLine(NewsLine(news)); });
+}
+
+void StepDisplay::Update(const DriverRuns &runs) {
+    std::unique_lock lock(m_lock);
+    while (!m_wake.wait_for(lock, kUpdateEvery, [this] { return m_ends; })) {
+        if (const std::optional<DriverRun> run = runs.Current())
+            ShowStatus(StatusText(*run, WallClockSeconds(), TerminalWidth() - 1));
+    }
+    ShowStatus({});
+}
+
+void StepDisplay::End() {
+    {
+        const std::lock_guard lock(m_lock);
+        m_ends = true;
+    }
+    m_wake.notify_all();
+    if (m_updater.joinable())
+        m_updater.join();
+}

@@ -1,0 +1,144 @@
+// Installations and removals of the drivers: a chart of the steps of each, and a list.
+
+const STEP_ROW = 22; // pixels
+const STEP_LABELS = 208; // their room
+const CHARACTER = 6.8; // the width of one, at most on average
+const SHORTEST = 5; // seconds that a chart shows
+
+const stepClass = step => (step.killed ? 'step step-killed' : step.failed ? 'step step-failed' :
+  step.end === null ? 'step step-open' : 'step');
+const killedStep = driverRun => driverRun.steps.find(step => step.killed);
+const took = step => formatSeconds(step.end - step.begin);
+
+function formatSeconds(seconds) {
+  if (seconds >= 120) return formatDuration(seconds);
+  return trim(seconds.toFixed(seconds < 10 ? 2 : 1)) + ' s';
+}
+
+// What became of it, in words.
+function outcomeOf(driverRun) {
+  const killed = killedStep(driverRun);
+  const reboot = driverRun.rebootAsked ? '; a reboot was asked for' : '';
+  if (killed) return `${killed.name} hung and was killed after ${took(killed)}` + reboot;
+  if (driverRun.failedStep) return `failed in ${driverRun.failedStep}` + reboot;
+  if (driverRun.end === null) return 'did not come to its end' + reboot;
+  if (driverRun.succeeded) return `succeeded in ${took(driverRun)}` + reboot;
+  if (!driverRun.steps.length) return 'nothing to do' + reboot;
+  const failed = driverRun.steps.some(step => step.failed);
+  return (failed ? 'ended with failures after ' : 'ended after ') + took(driverRun) + reboot;
+}
+
+function driverTiles(run) {
+  const of = kind => run.driverRuns.filter(driverRun => driverRun.kind === kind).length;
+  const killed = run.driverRuns.filter(killedStep).length;
+  return [[of('installation'), of('installation') === 1 ? 'installation' : 'installations'],
+    [of('removal'), of('removal') === 1 ? 'removal' : 'removals'],
+    [killed, killed === 1 ? 'step killed' : 'steps killed', killed > 0]];
+}
+
+// One row for each name, in the order in which they came first.
+function stepRows(driverRun) {
+  return [...new Set(driverRun.steps.map(step => step.name))];
+}
+
+function endOf(driverRun) {
+  if (driverRun.end !== null) return driverRun.end;
+  return driverRun.steps.reduce((end, step) => Math.max(end, step.end === null ? step.begin : step.end),
+    driverRun.begin);
+}
+
+function stepContent(run, driverRun, view, rows) {
+  return chart => {
+    markLines(chart, view);
+    for (const step of driverRun.steps) stepBar(chart, step, rows, view);
+    markChips(chart, view);
+  };
+}
+
+function stepBar(chart, step, rows, view) {
+  const middle = chart.y(rows.length - 1 - rows.indexOf(step.name));
+  const left = chart.x(step.begin);
+  const width = Math.max(2, short(chart.x(step.end === null ? view.to : step.end) - left));
+  svg('rect', { class: stepClass(step), x: left, y: middle - 7, width, height: 14, rx: 2 }, chart.svg);
+  if (step.killed) killedText(chart, step, left, left + width, middle);
+}
+
+// Behind the bar, before it or on it, where there is room.
+function killedText(chart, step, left, right, middle) {
+  const text = `killed after ${took(step)}`;
+  const room = text.length * CHARACTER + 12;
+  const place = chart.right - right > room ? { x: right + 6, 'text-anchor': 'start', class: 'killed-text' } :
+    right - left > room ? { x: (left + right) / 2, 'text-anchor': 'middle', class: 'killed-text on-bar' } :
+      left - chart.left > room ? { x: left - 6, 'text-anchor': 'end', class: 'killed-text' } : null;
+  if (place) svg('text', { ...place, y: middle + 4 }, chart.svg, text);
+}
+
+function fillSteps(parent, run, driverRun) {
+  const details = document.createElement('details');
+  const summary = document.createElement('summary');
+  summary.textContent = plural(driverRun.steps.length, 'step', 'steps') + ' as a list';
+  details.append(summary);
+  const rows = driverRun.steps.map(step => [formatMoment(run, step.begin),
+    { textContent: '\u00a0\u00a0'.repeat(step.depth) + step.name, className: step.killed ? 'is-killed' : '' },
+    step.end === null ? 'did not end' : took(step), step.limit ? step.limit + ' s' : '',
+    step.killed ? 'killed' : step.failed ? 'a call failed' : '']);
+  fillList(details, ['Time (UTC)', 'Step', 'Took', 'Limit', ''], rows, 'None.');
+  parent.append(details);
+}
+
+function makeDriverCharts(run) {
+  const charts = [];
+  const numbers = { installation: 0, removal: 0 };
+  for (const driverRun of run.driverRuns) {
+    const kind = driverRun.kind === 'installation' ? 'Installation' : 'Removal';
+    const rows = stepRows(driverRun);
+    const end = endOf(driverRun);
+    const view = { start: run.start, from: driverRun.begin, to: Math.max(end, driverRun.begin + SHORTEST),
+      activeStretches: [], gaps: [], numbered: run.numbered };
+    const chart = new Chart(byId('drivers'), view, { title: `${kind} ${++numbers[driverRun.kind]}`, unit: '',
+      detail: `${formatMoment(run, driverRun.begin)} · ${outcomeOf(driverRun)}`, left: STEP_LABELS,
+      height: MARGIN.top + MARGIN.bottom + STEP_ROW * Math.max(1, rows.length), range: [-0.5, rows.length - 0.5],
+      ticks: rows.map((name, index) => ({ at: rows.length - 1 - index, label: name })) });
+    chart.figure.classList.add('steps');
+    if (!rows.length) continue;
+    charts.push({ chart, content: stepContent(run, driverRun, view, rows), driverRun, rows });
+    fillSteps(byId('drivers'), run, driverRun);
+  }
+  return charts;
+}
+
+// The step in the row at the pointer that is nearest to its time.
+function stepAt(chart, driverRun, rows, event) {
+  const area = chart.svg.getBoundingClientRect();
+  const row = Math.floor((event.clientY - area.top - MARGIN.top) / STEP_ROW);
+  const time = chart.time(event.clientX - area.left);
+  const away = step => Math.max(step.begin - time, time - (step.end === null ? Infinity : step.end), 0);
+  return driverRun.steps.filter(step => step.name === rows[row]).sort((a, b) => away(a) - away(b))[0];
+}
+
+function fillStepTip(run, step) {
+  const head = document.createElement('b');
+  head.textContent = step.name;
+  const table = document.createElement('table');
+  const lines = [['Began', formatClock(run.start + step.begin, true)],
+    ['Took', step.end === null ? 'did not end' : took(step)], ['Limit', step.limit ? step.limit + ' s' : 'not told']];
+  for (const [name, value] of lines) {
+    const line = table.insertRow();
+    line.insertCell().textContent = name;
+    line.insertCell().textContent = value;
+  }
+  byId('tip').replaceChildren(head, table);
+}
+
+function watchSteps(run, charts) {
+  for (const { chart, driverRun, rows } of charts) {
+    chart.figure.addEventListener('pointerleave', () => { byId('tip').hidden = true; });
+    chart.figure.addEventListener('pointermove', event => {
+      const step = stepAt(chart, driverRun, rows, event);
+      byId('tip').hidden = !step;
+      if (!step) return;
+      fillStepTip(run, step);
+      placeTip(event);
+    });
+  }
+}

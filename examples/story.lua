@@ -1,0 +1,362 @@
+-- The life of the drivers on one machine, and what its agent sees of it: they are installed, do their work, are
+-- upgraded, hang, break the network and mend it, and are removed.
+--
+--   fc-host --fast 4 --quiet --report out/report.html --events out/events.json examples/story.lua [--out DIR]
+--
+-- Machine, driver and clock are simulated. The diagnostic package goes to DIR/diagnostics.zip (out/diagnostics.zip),
+-- the agent's trace to DIR/trace.log. Ends with 1 when something did not go as it is told here.
+
+local ETHERNET, WIFI = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
+local MORNING = 1772438400 -- 2 March 2026, 08:00 UTC
+local STUCK_SECONDS = 601 -- the limit of the step that hangs is 600
+local HEALTH_SECONDS = 30 -- between two looks at the machine's health
+local FOLD_SECONDS = 61 -- the module folds what was counted once a minute
+local PROFILE_VARIABLE = 62 -- while it is 1, the driver has a profile of its rules
+local TEXT_COLUMN = 26
+local CALLOUT_INF = [[
+[DefaultInstall.Services]
+AddService = qbimwfp,2,callout
+[DefaultUninstall.Services]
+DelService = qbimwfp
+]]
+local HEALTH_FILE = "SYSTEM_CONNECTION_REFUSAL_PORT=443\nSYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_MIN_FREE_MEM_PCT=12" ..
+    "\nSYSTEM_RECOVERY_FACTOR=80\nSYSTEM_MIN_ACT_DURATION=15\nSYSTEM_MAX_ACT_DURATION=60\n"
+
+local function fail(...)
+    io.stderr:write("story: ", string.format(...), "\n")
+    os.exit(1)
+end
+
+local function expect(as_told, ...)
+    if not as_told then
+        fail(...)
+    end
+    return as_told
+end
+
+local function parse_arguments(arguments)
+    local options = { out = "out" }
+    if arguments[1] == "--out" then
+        options.out = arguments[2] or fail("--out needs the name of a folder")
+    elseif arguments[1] then
+        fail("unknown argument '%s'; usage: story.lua [--out DIR]", arguments[1])
+    end
+    if not pcall(host.advance, 0) then
+        fail("the day takes a simulated clock: start fc-host with --fast 4")
+    end
+    options.out = options.out:gsub("[/\\]$", "")
+    return options
+end
+
+local function write_file(path, content)
+    local file, message = io.open(path, "wb")
+    expect(file, "%s", message)
+    file:write(content)
+    file:close()
+end
+
+-- What is shown --------------------------------------------------------------------------------------
+
+local chapters = 0
+local trace_lines = {}
+
+local function clock_text()
+    return os.date("!%H:%M:%S", math.floor(host.time()))
+end
+
+-- A heading, and in the trace, too, and in the report.
+local function chapter(...)
+    local text = string.format(...)
+    chapters = chapters + 1
+    print(string.format("\n%d. %s", chapters, text))
+    trace_lines[#trace_lines + 1] = string.format("\n-- %s  %s", clock_text(), text)
+    host.mark(text)
+end
+
+local function row(what, ...)
+    print(string.format("   %-" .. TEXT_COLUMN .. "s%s", what, string.format(...)))
+end
+
+local function keep_traces()
+    for _, trace in ipairs(host.traces()) do
+        trace_lines[#trace_lines + 1] = string.format("%-15s %s: %s", trace.component, trace["function"],
+            trace.message)
+    end
+end
+
+local function show_network()
+    for _, adapter in ipairs(host.machine.adapters()) do
+        row(adapter.name, "%-13s bound to %s", adapter.ip, table.concat(adapter.bound, ", "))
+    end
+end
+
+local function on_or_off(value)
+    return value and "on" or "off"
+end
+
+local function show_firewall()
+    local firewall = host.machine.firewall()
+    row("native firewall", "domain %s, private %s, public %s", on_or_off(firewall.domain),
+        on_or_off(firewall.private), on_or_off(firewall.public))
+end
+
+-- The steps that a worker's log tells, each once.
+local function steps_in(log)
+    local steps, known = {}, {}
+    for name in log:gmatch(">(%a+)%.") do
+        if not known[name] then
+            known[name] = true
+            steps[#steps + 1] = name
+        end
+    end
+    return steps
+end
+
+-- The machine ----------------------------------------------------------------------------------------
+
+local function is_bound(node)
+    for _, adapter in ipairs(host.machine.adapters()) do
+        for _, component in ipairs(adapter.bound) do
+            if adapter.node == node and component == "qbimvta" then
+                return true
+            end
+        end
+    end
+    return false
+end
+
+local function address_of(node)
+    for _, adapter in ipairs(host.machine.adapters()) do
+        if adapter.node == node then
+            return adapter.ip
+        end
+    end
+end
+
+-- From now on, our copy of the driver has this version.
+local function ship(folder, version)
+    host.machine.write_driver(folder .. "qbimvta.sys", version)
+    host.machine.put_installable { id = "qbimvta", loads = version }
+end
+
+-- As long as such calls take on a machine, or some of them.
+local function slow_down()
+    host.fault { call = "INetCfgClassSetup::DeInstall", delay = 3 }
+    host.fault { call = "INetCfgClassSetup::Install", delay = 6 }
+    host.fault { call = "INetCfg::Apply", delay = 1 }
+end
+
+-- Returns the folder of the drivers' files.
+local function make_machine(out)
+    local machine, folder = host.machine, host.machine.folders().program_files
+    host.set_wall_clock(MORNING)
+    host.use_program_data(out .. "/agent")
+    write_file(out .. "/agent/filter/vt_filter.conf", HEALTH_FILE)
+    machine.put_component { id = "ms_tcpip", class = "protocol" }
+    machine.put_adapter { node = ETHERNET, name = "Ethernet", ip = "192.0.2.10", gateway = "192.0.2.1" }
+    machine.put_adapter { node = WIFI, name = "Wi-Fi", ip = "198.51.100.7", gateway = "198.51.100.1" }
+    machine.bind(ETHERNET, "ms_tcpip")
+    machine.bind(WIFI, "ms_tcpip")
+    machine.set_firewall { public = false }
+    machine.processor_queue = 4
+    write_file(folder .. "netqbimvta.inf", ("CopyFiles = qbimvta.sys\r\n"):rep(12))
+    write_file(folder .. "netqbimwfp.inf", CALLOUT_INF)
+    host.driver.present = false
+    slow_down()
+    return folder
+end
+
+-- Installations --------------------------------------------------------------------------------------
+
+-- Returns the texts of the agent's events by their numbers, and how many notifications asked for a reboot.
+local function take_events()
+    local texts, reboots = {}, 0
+    for _, event in ipairs(host.events()) do
+        if event.kind == "event" then
+            texts[event.number] = event.text
+        elseif event.kind == "reboot" then
+            reboots = reboots + 1
+        end
+    end
+    return texts, reboots
+end
+
+local function install(folder)
+    local begin = host.time()
+    local result = SLB.filter.InstallOrUpdateDriver(host.dom(), folder, folder)
+    row("InstallOrUpdateDriver", "%s, after %d s", tostring(result), host.time() - begin)
+    expect(result, "the installation could not be started")
+    local texts, reboots = take_events()
+    if texts[1005] then
+        row("event 1005, upgrade", "from %s to %s", texts[1005]:match("^(.-)|(.*)$"))
+    end
+    if texts[1007] then
+        row("event 1007, installed", "%s in %d kinds of steps", texts[1007]:match("|(.-)|"), #steps_in(texts[1007]))
+    end
+    return texts, reboots
+end
+
+local function install_first(folder)
+    chapter("The drivers are installed")
+    show_network()
+    show_firewall()
+    SLB.filter.DisableNativeFirewall()
+    ship(folder, "2.0.0.0")
+    local events = install(folder)
+    expect(events[1007] and host.driver.version == "2.0.0.0", "the first installation fails")
+    expect(SLB.filter.StartWFPDriver(true), "the callout does not start")
+    row("service qbimwfp", "%s", host.machine.inventory().services.qbimwfp)
+    show_network()
+    show_firewall()
+    expect(is_bound(ETHERNET) and is_bound(WIFI), "the filter is not bound everywhere")
+end
+
+local function upgrade(folder)
+    chapter("An upgrade keeps the bindings")
+    host.machine.bind(WIFI, "qbimvta", false)
+    row("the administrator", "unbinds the filter from Wi-Fi")
+    ship(folder, "2.1.0.0")
+    local events = install(folder)
+    expect(events[1005] and events[1007] and host.driver.version == "2.1.0.0", "the upgrade fails")
+    show_network()
+    expect(is_bound(ETHERNET) and not is_bound(WIFI), "the upgrade does not keep the bindings")
+end
+
+local function hung_upgrade(folder)
+    chapter("The next upgrade hangs in a call of Windows")
+    ship(folder, "2.2.0.0")
+    host.set_verbose_log(true) -- else there is no stack trace
+    host.log()
+    host.fault { call = "INetCfgClassSetup::Install", nth = 1, hang = true, advance = STUCK_SECONDS }
+    local events = install(folder)
+    local lines = host.log()
+    host.set_verbose_log(false)
+    host.clear_faults()
+    slow_down()
+    local step = expect(events[1004], "the hung step is not reported"):match("^(%a+)|")
+    expect(step == "InstallingDriver", "the step %s hangs", step)
+    row("event 1004, failed", "in %s, whose worker was killed", step)
+    local frames = 0
+    for _, line in ipairs(lines) do
+        if line.text:find("^Stack trace:") then
+            frames = select(2, line.text:gsub("\n%[", ""))
+        end
+    end
+    row("its stack", "%d frames, in the verbose log", frames)
+    expect(frames > 0, "there is no stack trace of the worker")
+    row("driver", "%s", host.driver.present and "runs" or "none: the old one is gone, the new one not there")
+    row("lock of the network", "still held by %s", expect(host.machine.inventory().lock, "the lock is free"))
+    expect(not host.driver.present, "a driver runs")
+end
+
+local function broken_network(folder)
+    chapter("The second attempt breaks the network, and mends it")
+    host.machine.when({ happens = "installed", component = "qbimvta" }, ETHERNET,
+        { ip = "0.0.0.0", gateway = "0.0.0.0" })
+    host.machine.when({ happens = "bound", component = "qbimvta", adapter = ETHERNET }, ETHERNET,
+        { ip = "192.0.2.10", gateway = "192.0.2.1" })
+    local events, reboots = install(folder)
+    expect(events[1007] and host.driver.version == "2.2.0.0", "the second attempt fails")
+    keep_traces()
+    local complaint = "Adapter 'Ethernet' had an IP address and now it doesn't"
+    expect(table.concat(trace_lines, "\n"):find(complaint, 1, true), "nobody sees that the network is broken")
+    row("Ethernet", "lost its address: the filter was unbound and bound again")
+    show_network()
+    expect(address_of(ETHERNET) == "192.0.2.10" and reboots == 0, "the network stays broken")
+end
+
+local function remove(folder)
+    chapter("The drivers are removed")
+    local begin = host.time()
+    local removed = SLB.filter.UninstallDriver(host.dom(), folder, folder)
+    row("UninstallDriver", "%s, after %d s", tostring(removed), host.time() - begin)
+    SLB.filter.EnableNativeFirewall()
+    local left = host.machine.inventory()
+    row("components", "%s", table.concat(left.components, ", "))
+    row("service qbimwfp", "%s", left.services.qbimwfp or "none")
+    row("INF files of the drivers", "%s", #left.inf_files == 0 and "none" or table.concat(left.inf_files, ", "))
+    show_network()
+    show_firewall()
+    local firewall = host.machine.firewall()
+    expect(removed and #left.components == 1 and not left.services.qbimwfp, "the removal leaves something")
+    expect(firewall.domain and firewall.private and not firewall.public, "the firewall is not as it was")
+end
+
+-- Work -----------------------------------------------------------------------------------------------
+
+-- Looks at the machine's health, again and again, until the module gives the answer. Returns how often.
+local function look_until(state, action)
+    for look = 1, 100 do
+        host.advance(HEALTH_SECONDS)
+        if SLB.filter.CheckSystemHealthMetrics(host.dom(), state, "").action == action then
+            return look
+        end
+    end
+    fail("the health check never answers %d", action)
+end
+
+local function health()
+    chapter("The machine is overloaded, and recovers")
+    look_until("Deactivated", 0)
+    row(clock_text(), "a queue of 4 processes: the filter works")
+    host.machine.processor_queue = 90
+    look_until("Deactivated", 1)
+    row(clock_text(), "a queue of 90 is above 50: the filter fails open")
+    host.machine.processor_queue = 6
+    local looks = look_until("Activated", 0)
+    row(clock_text(), "recovered: %d looks, %d s apart, until the wait was over", looks, HEALTH_SECONDS)
+end
+
+local function count_connections()
+    chapter("Connections are counted by kind")
+    local kinds = { { "udp", 53, 6, 120 }, { "tcp", 443, 5, 80 }, { "tcp", 25, 260, 3 } }
+    for _, kind in ipairs(kinds) do
+        local proto, port, flags, count = kind[1], kind[2], kind[3], kind[4]
+        SLB.filter.AddToConnMetrics(proto .. port, ("flags\t%d\ndst_port\t%d\nproto\t%s"):format(flags, port, proto),
+            count)
+    end
+    host.advance(FOLD_SECONDS)
+    SLB.filter.UpdateConnMetrics()
+    local rows, total = SLB.filter.GetConnMetrics(), 0
+    for _, found in ipairs(rows) do
+        row(found.proto .. " " .. found.dst_port, "%d", found.count)
+        total = total + found.count
+    end
+    expect(#rows == #kinds and total == 203, "%d of 203 connections are counted", total)
+end
+
+local function diagnose(path)
+    chapter("A diagnostic package is made")
+    host.driver.set_connections({ "192.0.2.10:5353" }, { "192.0.2.10:49152", "192.0.2.10:49153" })
+    host.driver.set_blacklist("203.0.113.0/24")
+    host.driver.set_profile(("rule\0"):rep(100))
+    host.driver.set_variable(PROFILE_VARIABLE, 1)
+    local zip, handle = host.zip(path), expect(host.driver_handle(), "the driver can't be opened")
+    SLB.filter.AddDriverDiagnostics(host.dom(), handle, zip)
+    host.close_handle(handle)
+    host.close_zip(zip)
+    local files = host.read_zip(path)
+    for _, file in ipairs(files) do
+        row(file.name, "%7d bytes", #file.content)
+    end
+    expect(#files >= 4, "the package has %d files", #files)
+end
+
+local function main(arguments)
+    local options = parse_arguments(arguments)
+    host.set_trace("*", true)
+    local folder = make_machine(options.out)
+    require "fc"
+    print("One day of a machine with two network adapters; the machine and its clock are simulated.")
+    local package = options.out .. "/diagnostics.zip"
+    for _, tell in ipairs { install_first, health, count_connections, function() diagnose(package) end, upgrade,
+        hung_upgrade, broken_network, remove } do
+        tell(folder)
+        keep_traces()
+        host.advance(600) -- until the next chapter
+    end
+    write_file(options.out .. "/trace.log", table.concat(trace_lines, "\n"):sub(2) .. "\n")
+    print(string.format("\nThe package is %s, the agent's trace is %s/trace.log", package, options.out))
+end
+
+main({ ... })

@@ -1,0 +1,57 @@
+// The story that ./dev run tells.
+#include <gtest/gtest.h>
+
+#include "HostProcess.h"
+
+namespace {
+
+const std::wstring kStory = std::filesystem::path(EXAMPLES_FOLDER "/story.lua").wstring();
+
+/// What stands behind each other in the text. @return the first that does not; null for none.
+const char *FirstMissing(const std::string &text, std::initializer_list<const char *> parts) {
+    std::size_t at = 0;
+    for (const char *part : parts) {
+        at = text.find(part, at);
+        if (at == std::string::npos)
+            return part;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
+    const TemporaryFolder folder;
+    const HostRun run = RunHost({L"--fast", L"4", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
+                                 folder.At(L"events.json"), kStory, L"--out", folder.Path().wstring()});
+    ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(FirstMissing(run.out,
+                           {"1. The drivers are installed", "domain on, private on, public off",
+                            "event 1007, installed", "domain off, private off, public off", "fails open", "recovered",
+                            "tcp 443", "vta_stats.txt", "event 1005, upgrade", "from 2.0.0.0 to 2.1.0.0",
+                            "event 1004, failed", "in InstallingDriver", "its stack", "lost its address", "192.0.2.10",
+                            "UninstallDriver", "domain on, private on, public off"}),
+              nullptr)
+        << run.out;
+
+    const std::string page = ReadFile(folder.At(L"report.html"));
+    EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("failedStep":"InstallingDriver")", R"("killed":true)",
+                                  R"("kind":"removal")"}),
+              nullptr);
+    EXPECT_EQ(FirstMissing(ReadFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
+    EXPECT_EQ(FirstMissing(ReadFile(folder.At(L"trace.log")), {"-- 08:00:00  The drivers are installed", "\nFC-WFW ",
+                                                               "\nNDIS ", "The drivers are removed"}),
+              nullptr);
+    EXPECT_EQ(ReadFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
+}
+
+TEST(Story, SaysHowItIsStarted) {
+    const HostRun slow = RunHost({kStory});
+    EXPECT_EQ(slow.exitCode, 1U);
+    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --fast 4"), std::string::npos)
+        << slow.err;
+    const HostRun unknown = RunHost({L"--fast", L"4", kStory, L"again"});
+    EXPECT_EQ(unknown.exitCode, 1U);
+    EXPECT_NE(unknown.err.find("unknown argument 'again'; usage: story.lua [--out DIR]"), std::string::npos);
+}

@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# Looks at what the host shows on a terminal, which `script` makes.
+#   terminal-tests.sh BIN XML [WINE...]
+# BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BIN=$1 XML=$2
+WINE=("${@:3}")
+[ ${#WINE[@]} -gt 0 ] || WINE=(wine)
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Terminal
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+# A removal that takes three seconds in one of its steps.
+cat >"$WORK/removal.lua" <<'LUA'
+require "fc"
+host.machine.put_component { id = "qbimvta" }
+host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, delay = 3 }
+local folder = host.machine.folders().program_files
+assert(SLB.filter.UninstallDriver(host.dom(), folder, folder))
+print("the removal is over")
+LUA
+
+# on_terminal OPTIONS...: runs the removal. Leaves what came to the terminal in `shown`, without what moves its cursor; what
+# overwrites a line stands behind the line as a line of its own.
+on_terminal() {
+    local command
+    printf -v command '%q ' "${WINE[@]}" "$BIN/fc-host.exe" --fast 1 "$@" "$WORK/removal.lua"
+    timeout 120 script -qec "$command" "$WORK/typescript" </dev/null >/dev/null ||
+        because "the host failed: $(tail -n 3 "$WORK/typescript")" || return
+    sed 's/\x1b\[?[0-9]*[hl]//g; s/\x1b\[K\x1b\[1C/ /g; s/\x1b\[[0-9;]*[A-Za-z]//g' "$WORK/typescript" |
+        tr '\r' '\n' >"$WORK/shown"
+}
+
+TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
+    local times
+    on_terminal || return
+    times=$(grep -oE '^removal, [0-9.]+ s: UninstallingDriver, [0-9.]+ s of 600 s' "$WORK/shown" | sort -u | wc -l)
+    [ "$times" -ge 5 ] || because "the line has changed $times times: $(head -c 500 "$WORK/shown")" || return
+    ! grep -q '^step ' "$WORK/shown" || because "there are lines of steps, too"
+}
+
+WhatTheScriptPrintsNextFindsAnEmptyLine() {
+    on_terminal || return
+    grep -qE '^the removal is over *$' "$WORK/shown" || because "the line is not there: $(tail -c 300 "$WORK/shown")"
+}
+
+NothingIsShownWhenTheHostIsQuiet() {
+    on_terminal --quiet || return
+    ! grep -q 'UninstallingDriver' "$WORK/shown" || because "a step is shown"
+}
+
+for name in TheStepThatIsUnderWayIsShownInOneLineThatChanges WhatTheScriptPrintsNextFindsAnEmptyLine \
+    NothingIsShownWhenTheHostIsQuiet; do
+    test_case "$name"
+done
+write_results terminal-tests "$XML"
