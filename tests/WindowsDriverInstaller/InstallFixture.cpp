@@ -62,13 +62,9 @@ InstallFixture::InstallFixture() {
     network().Use(
         [](Simulator::NetworkState &state) { state.installable.push_back({.component = {.id = L"qbimvta"}}); });
     network().OnMoment([this](const Simulator::NetworkMoment &moment) {
-        using What = Simulator::NetworkMoment::What;
-        if (moment.component != L"qbimvta")
-            return;
-        if (moment.what == What::Installed && m_loadedByInstall)
-            SetRunningVersion(m_loadedByInstall);
-        else if (moment.what == What::Removed)
-            SetRunningVersion(std::nullopt);
+        FollowFilter(moment);
+        if (onMoment)
+            onMoment(moment);
     });
     simulation().GetSetup().onInstallSection = [this](const std::wstring &command) {
         if (command.starts_with(L"DefaultUninstall "))
@@ -106,6 +102,17 @@ void InstallFixture::PutAdapters() {
         network().Bind(node, L"ms_tcpip");
         simulation().GetDevices().Put({.instanceId = node, .description = L"Network adapter"});
     }
+}
+
+/// The driver is loaded and unloaded with its component.
+void InstallFixture::FollowFilter(const Simulator::NetworkMoment &moment) {
+    using What = Simulator::NetworkMoment::What;
+    if (moment.component != L"qbimvta")
+        return;
+    if (moment.what == What::Installed && m_loadedByInstall)
+        SetRunningVersion(m_loadedByInstall);
+    else if (moment.what == What::Removed)
+        SetRunningVersion(std::nullopt);
 }
 
 path InstallFixture::NdisFolder() {

@@ -54,9 +54,13 @@ protected:
     static constexpr wchar_t kSecond[] = L"PCI\\VEN_10EC&DEV_8168\\2";
     static constexpr Version kOurVersion{2, 0, 0, 0};
 
+    /// Is told of each moment of the network, on the thread where it happens.
+    std::function<void(const Simulator::NetworkMoment &)> onMoment;
+
 private:
     void PutAdapters();
     void WriteDriverFiles();
+    void FollowFilter(const Simulator::NetworkMoment &moment);
 
     std::optional<Version> m_loadedByInstall = kOurVersion;
 };

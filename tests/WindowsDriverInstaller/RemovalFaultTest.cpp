@@ -1,20 +1,18 @@
 // The removal with each call of the platform failing once, at each place, held against a model of the removal.
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <windows.h>
-#include <netcfgx.h>
 #include <setupapi.h>
 
+#include "FaultCodes.h"
 #include "RemovalFixture.h"
 #include "RemovalInTest.h"
 #include "RemovalModel.h"
@@ -24,77 +22,6 @@ namespace {
 constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
 const std::vector<std::string> kKeyNames{"QBIMVTA_MP", "QBIMVTA_MP\\0000", "QBIMVTA_MP\\0000\\Control",
                                          "QBIMVTA_MP\\0001"};
-
-/// The time and the waits are asked for at any time, and wxWidgets frees local memory for each text of the system's.
-const std::set<std::string> kUnordered{
-    "GetSystemTimeAsFileTime", "GetTickCount", "GetTickCount64", "LocalFree", "Sleep", "WaitForSingleObject"};
-const std::set<std::string> kCannotFail{"CoTaskMemFree", "CoUninitialize", "FreeSid", "IsTextUnicode",
-                                        "InstallHinfSectionW"};
-
-/// Beside access denied: how each function is the most likely to fail, or what else it may answer.
-const std::map<std::string, std::vector<DWORD>> kLikelyCodes{
-    {"AdjustTokenPrivileges", {ERROR_NOT_ALL_ASSIGNED}},
-    {"AllocateAndInitializeSid", {ERROR_NOT_ENOUGH_MEMORY}},
-    {"CloseHandle", {ERROR_INVALID_HANDLE}},
-    {"CloseServiceHandle", {ERROR_INVALID_HANDLE}},
-    {"CoCreateInstance", {static_cast<DWORD>(REGDB_E_CLASSNOTREG)}},
-    {"CoInitializeEx", {static_cast<DWORD>(E_OUTOFMEMORY), static_cast<DWORD>(RPC_E_CHANGED_MODE)}},
-    {"ControlService", {ERROR_SERVICE_NOT_ACTIVE}},
-    {"CreateFileMappingW", {ERROR_FILE_INVALID}},
-    {"CreateFileW", {ERROR_SHARING_VIOLATION}},
-    {"DeleteFileW", {ERROR_SHARING_VIOLATION}},
-    {"DeleteService", {ERROR_SERVICE_MARKED_FOR_DELETE}},
-    {"FindClose", {ERROR_INVALID_HANDLE}},
-    {"FindFirstFileW", {ERROR_FILE_NOT_FOUND}},
-    {"FindNextFileW", {ERROR_NO_MORE_FILES}},
-    {"FreeLibrary", {ERROR_INVALID_HANDLE}},
-    {"GetFileAttributesW", {ERROR_FILE_NOT_FOUND}},
-    {"GetFileSizeEx", {ERROR_INVALID_HANDLE}},
-    {"GetModuleHandleW", {ERROR_MOD_NOT_FOUND}},
-    {"GetProcAddress", {ERROR_PROC_NOT_FOUND}},
-    {"GetSystemDirectoryW", {ERROR_NOT_ENOUGH_MEMORY}},
-    {"INetCfg::Apply", {static_cast<DWORD>(NETCFG_E_NEED_REBOOT), NETCFG_S_REBOOT}},
-    {"INetCfg::FindComponent", {static_cast<DWORD>(NETCFG_E_NOT_INITIALIZED), S_FALSE}},
-    {"INetCfg::Initialize", {static_cast<DWORD>(NETCFG_E_IN_USE)}},
-    {"INetCfg::QueryInterface", {static_cast<DWORD>(E_NOINTERFACE)}},
-    {"INetCfg::QueryNetCfgClass", {static_cast<DWORD>(E_NOINTERFACE)}},
-    {"INetCfg::Uninitialize", {static_cast<DWORD>(NETCFG_E_NOT_INITIALIZED)}},
-    {"INetCfgClass::QueryInterface", {static_cast<DWORD>(E_NOINTERFACE)}},
-    {"INetCfgClassSetup::DeInstall", {static_cast<DWORD>(NETCFG_E_ACTIVE_RAS_CONNECTIONS), NETCFG_S_REBOOT}},
-    {"INetCfgComponent::GetClassGuid", {static_cast<DWORD>(NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT)}},
-    {"INetCfgLock::AcquireWriteLock", {static_cast<DWORD>(RPC_E_DISCONNECTED), S_FALSE}},
-    {"INetCfgLock::ReleaseWriteLock", {static_cast<DWORD>(NETCFG_E_NO_WRITE_LOCK)}},
-    {"LoadLibraryW", {ERROR_MOD_NOT_FOUND}},
-    {"LookupPrivilegeValueW", {ERROR_NO_SUCH_PRIVILEGE}},
-    {"MapViewOfFile", {ERROR_NOT_ENOUGH_MEMORY}},
-    {"MoveFileExW", {ERROR_FILE_NOT_FOUND}},
-    {"OpenProcessToken", {ERROR_NO_TOKEN}},
-    {"OpenSCManagerW", {RPC_S_SERVER_UNAVAILABLE}},
-    {"OpenServiceW", {ERROR_SERVICE_DOES_NOT_EXIST}},
-    {"QueryServiceStatus", {ERROR_INVALID_HANDLE}},
-    {"RegCloseKey", {ERROR_INVALID_HANDLE}},
-    {"RegDeleteKeyW", {ERROR_FILE_NOT_FOUND}},
-    {"RegEnumKeyExW", {ERROR_NO_MORE_ITEMS}},
-    {"RegOpenKeyExW", {ERROR_FILE_NOT_FOUND}},
-    {"SHGetFolderPathW", {static_cast<DWORD>(HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND))}},
-    {"SetEntriesInAclW", {ERROR_INVALID_PARAMETER}},
-    {"SetFileAttributesW", {ERROR_FILE_NOT_FOUND}},
-    {"SetNamedSecurityInfoW", {ERROR_FILE_NOT_FOUND}},
-    {"SetupDiDestroyDeviceInfoList", {ERROR_INVALID_HANDLE}},
-    {"SetupDiEnumDeviceInfo", {ERROR_NO_MORE_ITEMS}},
-    {"SetupDiGetClassDevsW", {ERROR_INVALID_CLASS}},
-    {"SetupDiGetDeviceInstanceIdW", {ERROR_INSUFFICIENT_BUFFER}},
-    {"SetupDiGetDeviceRegistryPropertyW", {ERROR_INVALID_DATA}},
-    {"SetupUninstallOEMInfW", {ERROR_FILE_NOT_FOUND}},
-    {"UnmapViewOfFile", {ERROR_INVALID_ADDRESS}},
-    {"_beginthreadex", {EAGAIN}},
-};
-
-DWORD AccessDenied(const std::string &function) {
-    static const std::set<std::string> answerResult{"CoCreateInstance", "CoInitializeEx", "SHGetFolderPathW"};
-    const bool isMethod = function.find("::") != function.npos;
-    return isMethod || answerResult.count(function) != 0 ? static_cast<DWORD>(E_ACCESSDENIED) : ERROR_ACCESS_DENIED;
-}
 
 std::string Name(const Fault &fault) {
     std::ostringstream name;
@@ -281,11 +208,9 @@ void RemovalFaults::FailEachPlace() {
     for (const std::string &function : road.calls) {
         const unsigned nth = ++counts[function];
         // Without its event nothing can watch the worker: told apart.
-        if (kCannotFail.count(function) != 0 || function == "CreateEventW")
+        if (NeverFails(function) || function == "CreateEventW")
             continue;
-        ASSERT_EQ(kLikelyCodes.count(function), 1U) << function;
-        FailPlace({function, nth, AccessDenied(function)});
-        for (const DWORD code : kLikelyCodes.at(function))
+        for (const DWORD code : FaultCodesOf(function))
             FailPlace({function, nth, code});
         ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
             << "too much is wrong";
@@ -329,7 +254,7 @@ Expectation RemovalFaults::Observe(const Fault &fault, const std::function<void(
     observed.isHit = plan && plan->Hit();
     simulation().GetFaults().Clear();
     for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take()) {
-        if (kUnordered.count(entry.function) == 0)
+        if (!HasNoOrder(entry.function))
             observed.calls.push_back(entry.function);
     }
     const std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());

@@ -1,8 +1,6 @@
 // A removal hung in each of its calls: the watcher notices it when the time of the step on top has passed and not
 // before, the script gets its answer, and the next removal works.
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
 #include <map>
 #include <set>
 #include <string>
@@ -10,9 +8,10 @@
 #include <vector>
 
 #include "Balance.h"
+#include "CallPlaces.h"
 #include "ComObject.h"
+#include "HangReport.h"
 #include "HungRemoval.h"
-#include "RemovalRoad.h"
 
 namespace {
 
@@ -46,57 +45,56 @@ protected:
     /// @param prepare  makes it from one on which both drivers are installed and nothing else is.
     template <class Prepare>
     std::vector<Place> HangEachCall(Prepare prepare) {
-        KeepModulesForStacks();
+        hung.KeepModulesForStacks();
         PutRight();
         prepare();
         // What the first walk over a stack loads stays for good.
-        ClearAway(HangIn("CoCreateInstance", 1, 10'000).left);
+        hung.ClearAway(HangIn("CoCreateInstance", 1, 10'000).left);
         (void)Uninstall();
         PutRight();
         prepare();
         const Removal removal = Uninstall();
         EXPECT_TRUE(removal.result);
-        std::vector<Place> places = PlacesOf(simulation().GetJournal().Entries(), removal.log, GetCurrentThreadId());
+        std::vector<Place> places = PlacesOf(removal);
         for (std::size_t i = 0; i < places.size() && !HasFailure(); ++i) {
-            if (!IsWanted(i))
+            if (!HangReport::IsWanted(i))
                 continue;
-            SCOPED_TRACE(places[i].function + " no. " + std::to_string(places[i].nth) + " in " + places[i].step +
-                         "; again with FC_HANG_AT=" + std::to_string(i) + " --gtest_filter=" + Name());
+            SCOPED_TRACE(places[i].function + " no. " + std::to_string(places[i].nth) + " in " + places[i].step + "; " +
+                         HangReport::HowToRepeat(i));
             PutRight();
             prepare();
             HangAt(places[i]);
         }
-        Tell(places.size());
+        m_report.Tell(places.size(), "calls, each noticed in the millisecond in which its step's time was up");
         return places;
     }
 
 private:
-    static std::string Name() {
-        const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
-        return std::string(test->test_suite_name()) + "." + test->name();
-    }
-
-    static bool IsWanted(std::size_t index) {
-        const char *const only = std::getenv("FC_HANG_AT");
-        return only == nullptr || std::to_string(index) == only;
+    std::vector<Place> PlacesOf(const Removal &removal) {
+        const std::vector<Simulator::JournalEntry> journal = simulation().GetJournal().Entries();
+        const auto worker = std::find_if(journal.begin(), journal.end(),
+                                         [](const auto &entry) { return entry.thread != GetCurrentThreadId(); });
+        if (worker == journal.end())
+            return {};
+        return ::PlacesOf(journal, worker->thread, LinesOf(journal, worker->thread, removal.log), LimitsOfRemoval());
     }
 
     void HangAt(const Place &place) {
-        const Hang hang = HangIn(place.function, place.nth, place.limitMs);
+        const Hang hang = HangIn(place.function, place.nth, place.deadlineMs);
         EXPECT_TRUE(hang.met);
         EXPECT_TRUE(hang.waitedToTheEnd);
-        EXPECT_EQ(hang.removal.tookMs, place.limitMs);
+        EXPECT_EQ(hang.removal.tookMs, place.deadlineMs);
         EXPECT_FALSE(hang.removal.result);
         EXPECT_TRUE(hang.ended);
         EXPECT_TRUE(hang.destroyed);
         EXPECT_EQ(simulation().GetClock().Waiting(), 0U);
-        m_returnedAfterMs.push_back(hang.returnedAfterMs);
+        m_report.Add(hang.returnedAfterMs);
         ExpectInFlight(place, hang);
         if (place.step == "ThreadRunning")
             ExpectLetGo(hang);
         else
             ExpectKilled(place, hang);
-        ClearAway(hang.left);
+        hung.ClearAway(hang.left);
         ExpectTheNextOneWorks();
     }
 
@@ -138,20 +136,10 @@ private:
         std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
         std::erase_if(left, [](const auto &item) { return item.kind == std::string_view(Kind::kBlock); });
         ExpectNothingLeftButTheEvent(left);
-        ClearAway(left);
+        hung.ClearAway(left);
     }
 
-    void Tell(std::size_t places) {
-        std::sort(m_returnedAfterMs.begin(), m_returnedAfterMs.end());
-        ASSERT_FALSE(m_returnedAfterMs.empty()) << "there is no place of that number";
-        std::cout << "[  HANGS   ] " << m_returnedAfterMs.size() << " of " << places
-                  << " calls, each noticed in the millisecond in which its step's time was up; real time from there to"
-                     " the script's answer: median "
-                  << m_returnedAfterMs[m_returnedAfterMs.size() / 2] << " ms, worst " << m_returnedAfterMs.back()
-                  << " ms" << std::endl;
-    }
-
-    std::vector<double> m_returnedAfterMs;
+    HangReport m_report;
 };
 
 std::set<std::string> FunctionsOf(const std::vector<Place> &places) {

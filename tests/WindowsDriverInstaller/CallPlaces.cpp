@@ -1,4 +1,4 @@
-#include "RemovalRoad.h"
+#include "CallPlaces.h"
 
 #include <algorithm>
 #include <array>
@@ -16,6 +16,7 @@ using Simulator::JournalEntry;
 
 constexpr char kLogsALine[] = "GetSystemTimeAsFileTime";
 constexpr char kEndsAStep[] = "SetEvent";
+constexpr char kSleeps[] = "Sleep";
 
 /// A step that leaves no line in the log, and the call that it begins with.
 struct SilentStep {
@@ -62,64 +63,69 @@ constexpr std::array<Effect, 23> kEffects{{
     {"LocalFree", Kind::kLocalMemory, -1},
 }};
 
-/// Reads a removal from its beginning to its end.
+/// Reads the work of one thread from its beginning to its end.
 class Reader {
 public:
-    Reader(const std::vector<JournalEntry> &journal, const std::vector<LogLine> &log, DWORD caller)
-        : m_journal(journal), m_caller(caller) {
-        const auto logged = std::count_if(journal.begin(), journal.end(), [caller](const JournalEntry &entry) {
-            return entry.thread != caller && entry.function == kLogsALine;
-        });
-        if (log.size() < static_cast<std::size_t>(logged))
-            throw std::logic_error("the worker has logged lines that the log has not");
-        m_line = log.end() - logged;
+    Reader(const std::vector<JournalEntry> &journal, DWORD worker, const std::vector<std::string> &lines,
+           const StepLimits &limits)
+        : m_journal(journal), m_numbers(NumbersOf(journal)), m_worker(worker), m_lines(lines), m_limits(limits) {
+        StartStep("ThreadRunning");  // by the one who made the thread
     }
 
     std::vector<Place> Read() {
         for (std::size_t i = 0; i < m_journal.size(); ++i) {
-            if (m_journal[i].thread != m_caller)
-                ReadWorkers(i);
-            else
-                ++m_calls[m_journal[i].function];
+            if (m_journal[i].thread == m_worker)
+                ReadCall(i);
         }
         for (const auto &[kind, count] : m_open) {
             if (count != 0)
                 throw std::logic_error("not all was given back: " + kind);
         }
-        if (!m_steps.empty() || m_locked)
-            throw std::logic_error("a step, or the write lock, has no end");
+        if (!m_steps.empty() || m_locked || m_line != m_lines.size())
+            throw std::logic_error("a step, the write lock or the log has no end");
         return m_places;
     }
 
 private:
-    void ReadWorkers(std::size_t index) {
+    struct Step {
+        std::string name;
+        std::uint64_t deadlineMs;
+    };
+
+    void ReadCall(std::size_t index) {
         const std::string &function = m_journal[index].function;
         if (function == kLogsALine)
-            return ReadLine((m_line++)->text);
+            return ReadLine();
         if (function == kEndsAStep)
             return EndStep();
         for (const SilentStep &silent : kSilentSteps) {
-            if (function == silent.call && (silent.below.empty() || Top() == silent.below))
+            if (function == silent.call && (silent.below.empty() || Top().name == silent.below))
                 StartStep(std::string(silent.name));
         }
-        m_places.push_back({function, ++m_calls[function], Top(), LimitsOfRemoval().at(Top()), m_open, m_locked});
+        m_places.push_back({NameOfCall(m_journal[index]), m_numbers[index], Top().name, Top().deadlineMs, m_open,
+                            m_locked, m_line, index});
         Count(index);
+        if (function == kSleeps)
+            m_nowMs += std::stoul(m_journal[index].arguments);
     }
 
-    void ReadLine(const std::string &line) {
+    void ReadLine() {
+        if (m_line == m_lines.size())
+            throw std::logic_error("the worker has logged lines that the log has not");
+        const std::string &line = m_lines[m_line++];
         const std::size_t begin = line.find_first_not_of(' ');
         if (begin != line.npos && line[begin] == '>')
             StartStep(line.substr(begin + 1, line.find('.') - begin - 1));
     }
 
-    void StartStep(const std::string &name) { m_steps.push_back(name); }
+    void StartStep(const std::string &name) { m_steps.push_back({name, m_nowMs + m_limits.at(name)}); }
 
     void EndStep() {
         (void)Top();
         m_steps.pop_back();
     }
 
-    const std::string &Top() const {
+    const Step &Top() const {
         if (m_steps.empty())
             throw std::logic_error("the worker goes on behind its last step");
         return m_steps.back();
@@ -149,10 +155,13 @@ private:
     }
 
     const std::vector<JournalEntry> &m_journal;
-    const DWORD m_caller;
-    std::vector<LogLine>::const_iterator m_line;
-    std::vector<std::string> m_steps{"ThreadRunning"};  // by the caller
-    std::map<std::string, unsigned> m_calls;
+    const std::vector<unsigned> m_numbers;
+    const DWORD m_worker;
+    const std::vector<std::string> &m_lines;
+    const StepLimits &m_limits;
+    std::size_t m_line = 0;
+    std::uint64_t m_nowMs = 0;
+    std::vector<Step> m_steps;
     std::map<std::string, int> m_open;
     bool m_locked = false;
     std::vector<Place> m_places;
@@ -160,8 +169,8 @@ private:
 
 }  // namespace
 
-const std::map<std::string, std::uint64_t> &LimitsOfRemoval() {
-    static const std::map<std::string, std::uint64_t> limits{
+const StepLimits &LimitsOfRemoval() {
+    static const StepLimits limits{
         {"ThreadRunning", 3'600'000},
         {"ApplyingInetCfgChanges", 300'000},
         {"CheckingIfStillInstalled", 60'000},
@@ -181,6 +190,34 @@ const std::map<std::string, std::uint64_t> &LimitsOfRemoval() {
     return limits;
 }
 
+const StepLimits &LimitsOfInstallation() {
+    static const StepLimits limits = [] {
+        StepLimits all{
+            {"CopyingInfFiles", 600'000},  {"EnsuringDriverUnloaded", 60'000},      {"GettingAdapterInfo", 10'000},
+            {"InstallingDriver", 600'000}, {"InstallingWfpCalloutDriver", 300'000},
+        };
+        all.insert(LimitsOfRemoval().begin(), LimitsOfRemoval().end());
+        return all;
+    }();
+    return limits;
+}
+
+std::string NameOfCall(const JournalEntry &entry) {
+    return entry.function == kSleeps ? entry.function + "(" + entry.arguments + ")" : entry.function;
+}
+
+std::vector<unsigned> NumbersOf(const std::vector<JournalEntry> &journal) {
+    std::map<std::string, unsigned> calls;
+    std::vector<unsigned> numbers;
+    for (const JournalEntry &entry : journal)
+        numbers.push_back(++calls[NameOfCall(entry)]);
+    return numbers;
+}
+
+bool CannotHang(const std::string &function) {
+    return function == kLogsALine || function == kEndsAStep;
+}
+
 std::vector<std::string_view> KindsInJournals() {
     std::set<std::string_view> kinds;
     for (const Effect &effect : kEffects)
@@ -188,6 +225,20 @@ std::vector<std::string_view> KindsInJournals() {
     return {kinds.begin(), kinds.end()};
 }
 
-std::vector<Place> PlacesOf(const std::vector<JournalEntry> &journal, const std::vector<LogLine> &log, DWORD caller) {
-    return Reader(journal, log, caller).Read();
+std::vector<std::string> LinesOf(const std::vector<JournalEntry> &journal, DWORD thread,
+                                 const std::vector<LogLine> &log) {
+    const auto logged = std::count_if(journal.begin(), journal.end(), [thread](const JournalEntry &entry) {
+        return entry.thread == thread && entry.function == kLogsALine;
+    });
+    if (log.size() < static_cast<std::size_t>(logged))
+        throw std::logic_error("the thread has logged lines that the log has not");
+    std::vector<std::string> lines;
+    for (auto line = log.end() - logged; line != log.end(); ++line)
+        lines.push_back(line->text);
+    return lines;
+}
+
+std::vector<Place> PlacesOf(const std::vector<JournalEntry> &journal, DWORD worker,
+                            const std::vector<std::string> &lines, const StepLimits &limits) {
+    return Reader(journal, worker, lines, limits).Read();
 }

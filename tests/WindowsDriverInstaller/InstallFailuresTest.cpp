@@ -1,0 +1,472 @@
+// What users of installers meet: calls that never return, locks that others hold, reboots that are due, services that
+// won't go, and machines that say they did what they didn't. And what an installation leaves open.
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <netcfgx.h>
+
+#include "InstallMachine.h"
+#include "WindowsFunctions.h"
+
+namespace {
+
+using Simulator::NetworkMoment;
+using Simulator::NetworkState;
+
+constexpr char kInstall[] = "INetCfgClassSetup::Install";
+constexpr wchar_t kOther[] = L"otherfilter";
+constexpr wchar_t kThird[] = L"PCI\\VEN_8086&DEV_100E\\3";
+
+std::string LockedBy(const std::string &holder) {
+    return "Unable to proceed - the network configuration is currently locked by " + holder + ".";
+}
+
+class InstallFailures : public InstallMachine {
+protected:
+    void SetResults(const std::vector<HRESULT> &results) {
+        network().Use([&](NetworkState &state) { state.installable.front().results = results; });
+    }
+    /// @param waitMs  for how long each call waits for it in vain.
+    void LockWith(const std::wstring &description, DWORD waitMs = 9'000) {
+        network().LockFromElsewhere(description);
+        network().Use([&](NetworkState &state) { state.lockWaitMs = waitMs; });
+    }
+    static Lines UserTexts(const InstallOutcome &outcome) {
+        Lines texts;
+        for (const VtaCore::Control::Notification &notification : outcome.notifications) {
+            if (notification.kind == VtaCore::Control::Notification::Kind::User)
+                texts.push_back(notification.text.utf8_string());
+        }
+        return texts;
+    }
+    /// Another product's filter on the second adapter, and on a third of the same model as the first, which has nothing
+    /// else bound to it.
+    void PutOtherProduct() {
+        network().Put({.id = kOther});
+        network().PutAdapter({.id = L"PCI\\VEN_8086&DEV_100E",
+                              .bindName = L"{33333333-0000-0000-0000-000000000003}",
+                              .pnpDevNodeId = kThird,
+                              .displayName = L"Third adapter",
+                              .mac = {0, 1, 2, 3, 4, 7}});
+        simulation().GetDevices().Put({.instanceId = kThird, .description = L"Network adapter"});
+        simulation().GetServices().Put(L"otherfilter", {.status = {SERVICE_RUNNING}});
+        network().Bind(kSecond, kOther);
+        network().Bind(kThird, kOther);
+        network().Bind(kFirst, kOther, false);
+    }
+    void ExpectOtherProductUntouched() {
+        EXPECT_TRUE(network().Has(kOther));
+        EXPECT_EQ(network().Binding(kFirst, kOther), false);
+        EXPECT_EQ(network().Binding(kSecond, kOther), true);
+        EXPECT_EQ(network().Binding(kThird, kOther), true);
+        EXPECT_EQ(simulation().GetServices().Get(L"otherfilter").status.state, DWORD{SERVICE_RUNNING});
+        EXPECT_TRUE(HasInf(L"oem3.inf"));
+        EXPECT_TRUE(simulation().GetDevices().Changes().empty()) << "no adapter was disabled";
+    }
+};
+
+// --- calls that never return ---
+
+TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsGivenUpAfterTenMinutesAndTheMachineCanBeInstalledAnew) {
+    const InstallOutcome hung = InstallHungIn(kInstall, 1, 600'000);
+    EXPECT_TRUE(hung.result);
+    EXPECT_EQ(FailedStep(hung), "InstallingDriver");
+    EXPECT_EQ(CallsOf(kInstall), 1U);
+    EXPECT_EQ(hung.EventTexts(3005), Lines{});
+    EXPECT_FALSE(hung.AskedForReboot());
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+    EXPECT_TRUE(network().Read().lock.has_value()) << "a killed worker leaves the lock of this program";
+    EXPECT_TRUE(Succeeded(Install()));
+}
+
+TEST_F(InstallFailures, AnInstallCallOfAnUpgradeThatNeverReturnsLeavesTheMachineWithoutADriver) {
+    InstallOldDriver({1, 2, 3, 4});
+    const InstallOutcome hung = InstallHungIn(kInstall, 1, 600'000);
+    EXPECT_TRUE(hung.result);
+    EXPECT_EQ(hung.EventTexts(1005), Lines{"1.2.3.4|2.0.0.0"});
+    EXPECT_EQ(FailedStep(hung), "InstallingDriver");
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+    EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
+}
+
+TEST_F(InstallFailures, ACalloutsInfSectionThatNeverReturnsIsGivenUpAfterFiveMinutes) {
+    const InstallOutcome hung = InstallHungIn("InstallHinfSectionW", 1, 300'000);
+    EXPECT_TRUE(hung.result);
+    EXPECT_EQ(FailedStep(hung), "InstallingWfpCalloutDriver");
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+}
+
+// --- locks ---
+
+TEST_F(InstallFailures, ALockHeldByAnOpenPropertyPageIsNamedToTheUserAndEndsTheInstallation) {
+    LockWith(L"Local Area Connection Properties");
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "GettingNetworkConfigLock");
+    // Once for the removal, once for the installation.
+    EXPECT_EQ(UserTexts(outcome), Lines(2, LockedBy("Local Area Connection Properties")));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines(2, Report("INetCfgLock::AcquireWriteLock", 0x8004A024)));
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+    EXPECT_GE(outcome.tookMs, 18'000U);
+    const auto lock = network().Read().lock;
+    ASSERT_TRUE(lock.has_value());
+    EXPECT_EQ(lock->description, L"Local Area Connection Properties") << "it stays the other's";
+}
+
+TEST_F(InstallFailures, AWaitForALockThatOutlastsTheTenSecondsOfTheOpeningEndsTheWorker) {
+    LockWith(L"Local Area Connection Properties", 60'000);
+    // The worker is held back where the wait is over, and the opening is on top again.
+    const FaultPlan plan = faults().HangNth("CoUninitialize", 2);
+    const InstallOutcome outcome = InstallWhile([&] {
+        EXPECT_TRUE(plan->WaitUntilHit(30'000));
+        EXPECT_TRUE(AwaitReturn());
+        plan->Release();
+    });
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "GettingInetCfg");
+    EXPECT_EQ(UserTexts(outcome), Lines{LockedBy("Local Area Connection Properties")});
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgLock::AcquireWriteLock", 0x8004A024)});
+    EXPECT_EQ(Calls({"INetCfgLock::AcquireWriteLock"}),
+              Lines{"INetCfgLock::AcquireWriteLock(15000, \"Quillon Vantry Agent Installer\", *)"});
+}
+
+TEST_F(InstallFailures, ALockHeldBySomebodyWithoutANameIsReportedToo) {
+    faults().FailEvery("INetCfgLock::AcquireWriteLock", S_FALSE);
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(FailedStep(outcome), "GettingNetworkConfigLock");
+    EXPECT_EQ(UserTexts(outcome), Lines(2, LockedBy("")));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines(2, Report("INetCfgLock::AcquireWriteLock", 0x8004A024)));
+}
+
+TEST_F(InstallFailures, AnUpgradeUnderAForeignLockLeavesTheOldDriverInPlace) {
+    InstallOldDriver({1, 2, 3, 4});
+    LockWith(L"Local Area Connection Properties");
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "GettingNetworkConfigLock");
+    EXPECT_TRUE(network().Has(L"qbimvta"));
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_EQ(CallsOf("SetupCopyOEMInfW"), 0U);
+}
+
+TEST_F(InstallFailures, ALockHeldUnderOurOwnDescriptionIsNoObstacle) {
+    network().Use([](NetworkState &state) { state.lock = {L"Quillon Vantry Agent Installer", true}; });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(UserTexts(outcome), Lines{});
+}
+
+TEST_F(InstallFailures, APropertyPageThatIsClosedBeforeTheInstallationIsNoObstacleToIt) {
+    LockWith(L"Local Area Connection Properties");
+    simulation().GetSetup().onInstallSection = [this](const std::wstring &) {
+        simulation().GetServices().Put(L"qbimwfp", {});
+        network().Use([](NetworkState &state) { state.lock.reset(); });
+    };
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome)) << "with the filter absent, the removal's failure counts for nothing";
+    EXPECT_EQ(UserTexts(outcome).size(), 1U);
+    EXPECT_TRUE(IsBound(kFirst));
+}
+
+// --- reboots ---
+
+TEST_F(InstallFailures, ARebootThatEveryInstallCallWishesForIsASuccessWithAReboot) {
+    SetResults({NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT});
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf(kInstall), 3U);
+    EXPECT_EQ(CallsOf("INetCfg::Apply"), 1U);
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgClassSetup::Install()", 0x0004A020)});
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+}
+
+TEST_F(InstallFailures, ARebootThatTheApplicationOfTheChangesWishesForIsASuccessWithAReboot) {
+    faults().FailEvery("INetCfg::Apply", NETCFG_S_REBOOT);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf(kInstall), 1U);
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{});
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+}
+
+TEST_F(InstallFailures, ARebootThatTheDeInstallationWishesForIsForgottenWhereTheComponentHasGone) {
+    InstallOldDriver({1, 2, 3, 4});
+    network().Use(
+        [](NetworkState &state) { Simulator::ComponentWithId(state, L"qbimvta")->deInstallResult = NETCFG_S_REBOOT; });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U);
+    EXPECT_EQ(CallsOf("INetCfg::Apply"), 1U) << "the installation's: what waits for the boot is not applied";
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+    EXPECT_TRUE(IsBound(kFirst));
+}
+
+TEST_F(InstallFailures, ARebootThatTheDeInstallationWishesForIsForgottenWhereTheComponentWaitsForIt) {
+    InstallOldDriver({1, 2, 3, 4});
+    KeepComponentOnRemoval(NETCFG_S_REBOOT);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 2U);
+    EXPECT_EQ(CallsOf(kInstall), 1U);
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+}
+
+TEST_F(InstallFailures, AnInfFileThatCanOnlyGoAtTheNextBootLeavesTheInstallationToTheTimeAfterIt) {
+    InstallOldDriver({1, 2, 3, 4});
+    KeepComponentOnRemoval();
+    simulation().GetSetup().Lack("SetupUninstallOEMInfW");
+    simulation().GetFilesInUse().Hold(simulation().GetFolders().Inf() / L"oem1.inf");
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf("SetupCopyOEMInfW"), 0U);
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+}
+
+// --- services ---
+
+TEST_F(InstallFailures, AServiceMarkedForDeletionThreeTimesFailsAndAsksForAReboot) {
+    SetResults(std::vector<HRESULT>(3, HRESULT_FROM_WIN32(ERROR_SERVICE_MARKED_FOR_DELETE)));
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
+    const Lines calls = Calls({kInstall, "Sleep"});
+    Lines waits;
+    for (const std::string &call : calls) {
+        if (call == "Sleep(5000)" || !call.starts_with("Sleep"))
+            waits.push_back(call.substr(0, call.find('(')));
+    }
+    EXPECT_EQ(waits, (Lines{kInstall, "Sleep", kInstall, "Sleep", kInstall, "Sleep"}));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgClassSetup::Install()", 0x80070430)});
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+    ASSERT_GE(outcome.events.size(), 3U);
+    EXPECT_EQ(outcome.events[1], "1006|1");
+    EXPECT_TRUE(outcome.events[2].starts_with("1004|InstallingDriver|"));
+}
+
+// --- clean-ups that take their time ---
+
+TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesHalfAnHourEndsWithItsStepsLimit) {
+    InstallOldDriver({1, 2, 3, 4});
+    const InstallOutcome outcome = InstallHungIn("SetupUninstallOEMInfW", 1, 1'800'000);
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "RemovingInfFiles");
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+}
+
+TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesAlmostItsLimitIsWaitedFor) {
+    InstallOldDriver({1, 2, 3, 4});
+    const FaultPlan plan = faults().HangNth("SetupUninstallOEMInfW", 1);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        AdvanceMs(299'999);
+        EXPECT_TRUE(AwaitLooks(10));
+        plan->Release();
+    });
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_GE(outcome.tookMs, 299'999U);
+}
+
+TEST_F(InstallFailures, AStopOfTheCalloutThatTakesHalfAnHourIsWaitedForSinceItIsInNoStep) {
+    InstallOldDriver({1, 2, 3, 4});
+    const FaultPlan plan = faults().DelayNth("ControlService", 1, 1'800'000);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_GE(outcome.tookMs, 1'800'000U);
+}
+
+// --- machines that lie, and machines with other products ---
+
+TEST_F(InstallFailures, ASuccessWithNothingInstalledIsReportedAsASuccess) {
+    network().Use([](NetworkState &state) { state.installable.front().leavesNothing = true; });
+    SetVersionAfterInstall(std::nullopt);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{});
+    EXPECT_FALSE(outcome.AskedForReboot());
+    EXPECT_TRUE(Has(outcome.traces, "Adapter 'First adapter' isn't bound to our driver; assuming it's healthy."));
+}
+
+TEST_F(InstallFailures, ACopyThatIsNoDriverOfThisMachineFailsWithItsStep) {
+    network().Use([](NetworkState &state) { state.installable.clear(); });
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgClassSetup::Install()", 0x80070002)});
+}
+
+TEST_F(InstallFailures, AnOldDriverThatIsRemovedStaysRemovedWhenTheNewOneFails) {
+    InstallOldDriver({1, 2, 3, 4});
+    SetResults({E_FAIL, E_FAIL, E_FAIL});
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+    EXPECT_FALSE(outcome.AskedForReboot());
+    EXPECT_EQ(simulation().GetServices().Get(L"qbimwfp").status.state, DWORD{SERVICE_RUNNING})
+        << "the new callout stays";
+    EXPECT_TRUE(HasInf(L"oem0.inf")) << "the new INF files stay";
+}
+
+TEST_F(InstallFailures, AdaptersThatCantBeReadBeforehandCountAsOffline) {
+    faults().FailNth("CoCreateInstance", 1, static_cast<DWORD>(E_FAIL));
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(outcome.traces.back(),
+              "All of the adapters were offline before we started the install/upgrade. There's no point in checking "
+              "the network status.");
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("CoCreateInstance(CLSID_CNetCfg)", 0x80004005)});
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
+TEST_F(InstallFailures, AFreshInstallationLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+    PutOtherProduct();
+    EXPECT_TRUE(Succeeded(Install()));
+    ExpectOtherProductUntouched();
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_FALSE(IsBound(kThird)) << "without TCP/IP";
+}
+
+TEST_F(InstallFailures, AnUpgradeLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+    InstallOldDriver({1, 2, 3, 4});
+    PutOtherProduct();
+    network().Bind(kThird, L"qbimvta", false);
+    EXPECT_TRUE(Succeeded(Install()));
+    ExpectOtherProductUntouched();
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_FALSE(IsBound(kThird)) << "as before, unlike its twin";
+}
+
+TEST_F(InstallFailures, AFailureLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+    PutOtherProduct();
+    SetResults({E_FAIL, E_FAIL, E_FAIL});
+    EXPECT_EQ(FailedStep(Install()), "InstallingDriver");
+    ExpectOtherProductUntouched();
+}
+
+// --- what is left open ---
+
+class InstallBalance : public InstallFailures {
+protected:
+    /// What the second of two installations leaves, but for blocks that are not the module's.
+    Lines LeftBy(const std::function<void()> &prepare) {
+        prepare();
+        (void)Install();
+        prepare();
+        const Simulator::BalanceSnapshot before = balance().Take();
+        (void)Install();
+        EXPECT_FALSE(network().Read().lock.has_value());
+        EXPECT_EQ(Vti::TheDriver().openHandles, 0);
+        // The watchdog's object is gone, but its thread may have a few instructions to go.
+        Lines left = LeftSince(before);
+        for (int waited = 0; waited < 500 && !left.empty(); ++waited) {
+            Simulator::System::Sleep::Real(2);
+            left = LeftSince(before);
+        }
+        return left;
+    }
+    Lines LeftSince(const Simulator::BalanceSnapshot &before) {
+        Lines left;
+        for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take())) {
+            if (item.kind != std::string(Simulator::Kind::kBlock) || IsOfTheModule(item))
+                left.push_back(std::string(item.kind) + " of " + item.function);
+        }
+        return left;
+    }
+    void RemoveFilter() {
+        network().Use([](NetworkState &state) {
+            std::erase_if(state.components, [](const auto &component) { return component.id == L"qbimvta"; });
+        });
+        SetRunningVersion(std::nullopt);
+    }
+    void PutOldDriver() {
+        RemoveFilter();
+        InstallOldDriver({1, 2, 3, 4});
+    }
+
+private:
+    /// What wxWidgets and the compiler's runtime keep for themselves comes from malloc and calloc; the objects and
+    /// strings that they make for the module come from operator new.
+    bool IsOfTheModule(const Simulator::BalanceItem &block) const {
+        const Simulator::InsideSimulator inside;
+        HMODULE module = nullptr;
+        const DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+        if (GetModuleHandleExW(flags, static_cast<const wchar_t *>(block.caller), &module) == 0)
+            return false;
+        return module == GetModuleHandleW(L"fc.dll") ||
+               (block.function == std::string(Simulator::Balance::kOperatorNew) && block.thread != m_tests);
+    }
+
+    const DWORD m_tests = GetCurrentThreadId();
+};
+
+TEST_F(InstallBalance, NothingStaysOpenBehindAFreshInstallation) {
+    EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
+    EXPECT_TRUE(network().Has(L"qbimvta"));
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindAnUpgrade) {
+    EXPECT_EQ(LeftBy([this] { PutOldDriver(); }), Lines{});
+}
+
+TEST_F(InstallBalance, NothingStaysOpenWhereThereIsNothingToDo) {
+    PutOldDriver();
+    EXPECT_EQ(LeftBy([this] { SetRunningVersion(kOurVersion); }), Lines{});
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindAFailedInstallation) {
+    EXPECT_EQ(LeftBy([this] {
+                  RemoveFilter();
+                  SetResults({E_FAIL, E_FAIL, E_FAIL});
+              }),
+              Lines{});
+    EXPECT_FALSE(network().Has(L"qbimvta"));
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindAFailedUpgrade) {
+    EXPECT_EQ(LeftBy([this] {
+                  PutOldDriver();
+                  SetResults({E_FAIL, E_FAIL, E_FAIL});
+              }),
+              Lines{});
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindAnInstallationOnAnEmbeddedSystem) {
+    simulation().GetMachine().suiteMask |= VER_SUITE_EMBEDDEDNT;
+    EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindARebindingOfAStaleDriver) {
+    SetVersionAfterInstall(Version{1, 0, 0, 0});
+    EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
+}
+
+TEST_F(InstallBalance, NothingStaysOpenBehindCuresOfTheNetwork) {
+    BreakNetworkWhenInstalled();
+    EXPECT_EQ(LeftBy([this] {
+                  RemoveFilter();
+                  for (const wchar_t *node : {kFirst, kSecond})
+                      network().ChangeAdapter(node, [](auto &adapter) { adapter.mediaStatus = 0; });
+              }),
+              Lines{});
+}
+
+TEST_F(InstallBalance, NothingStaysOpenWhereTheWorkerCantBeMade) {
+    EXPECT_EQ(LeftBy([this] {
+                  faults().Clear();
+                  faults().FailNth("_beginthreadex", 2, EAGAIN);
+              }),
+              Lines{});
+}
+
+}  // namespace

@@ -1,0 +1,54 @@
+// The calls of the platform that an installation makes, and what each of them is made for.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Journal.h"
+
+/// A call of an installation that can be made to fail.
+struct FaultPlace {
+    /// What the call is part of.
+    enum class Part {
+        // On the script's thread and the watchdog's
+        Start,       ///< Health-check files and the watchdog's thread.
+        Decision,    ///< The versions of both drivers.
+        Worker,      ///< The worker's object and thread.
+        Workaround,  ///< For interrupts, in the registry.
+        Records,     ///< A session with the network configuration that reads the adapters.
+        Bindings,    ///< One that binds and unbinds the filter.
+        Network,     ///< The ARP cache and the traffic.
+        Restart,     ///< Adapters that are disabled or enabled.
+        Rest,
+        // On the worker's thread
+        Removal,         ///< Libraries, health-check files and the callout.
+        Uninstallation,  ///< A session that removes a component.
+        InfRemoval,
+        Presence,  ///< A session that looks for the filter.
+        Orphans,
+        Callout,       ///< Its installation and its start.
+        Copying,       ///< The filter's INF files.
+        Installation,  ///< The session that installs the filter.
+        Values,        ///< Of the filter's service, in the registry.
+    };
+
+    std::string function;
+    unsigned nth = 0;       ///< Among all calls of the function; from 1.
+    std::string arguments;  ///< As the journal has them.
+    Part part = Part::Start;
+    /// Of the worker's calls: the number of the removal, 0 behind the last. Otherwise the number among the parts of
+    /// the kind.
+    unsigned turn = 0;
+    unsigned adapter = 0;   ///< How many components the session has asked the enumeration for, with this call.
+    unsigned path = 0;      ///< The same of the adapter's binding paths.
+    unsigned ordinal = 0;   ///< Among the function's calls of the same part, turn, adapter and path; from 1.
+    std::string component;  ///< The one that the session looked for last.
+};
+
+[[nodiscard]] const char *NameOf(FaultPlace::Part part);
+
+/// The places of an installation that nothing went wrong in, in the order of the calls. Calls without an order, or
+/// without a failure, are left out.
+/// @param caller  the script's thread.
+/// @throws std::logic_error  if there is no watchdog and no worker.
+[[nodiscard]] std::vector<FaultPlace> FaultPlacesOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller);

@@ -1,0 +1,483 @@
+// How an installation is followed and timed: the caller's looks at the watchdog, the watchdog's at the worker, the
+// events of the outcome, and the look at the network behind it.
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <netcfgx.h>
+
+#include "InstallMachine.h"
+
+namespace {
+
+using Simulator::NetworkAdapter;
+using Simulator::NetworkMoment;
+
+constexpr char kAllOffline[] =
+    "All of the adapters were offline before we started the install/upgrade. There's no point in checking the network "
+    "status.";
+constexpr char kHealthy[] = "Adapters all seem to be healthy and have IP info - presumably IP is working.";
+constexpr char kStale[] =
+    "Installation succeeded but the wrong driver version is still loaded. Trying an unbind/bind to see if that fixes "
+    "it.";
+
+std::string Warning(int seconds) {
+    return "Installer thread has not made any progress in the last " + std::to_string(seconds) + " seconds.";
+}
+
+std::string Useless(const std::string &version) {
+    return "Rebinding didn't help - driver " + version + " is still loaded. Setting the reboot-required flag.";
+}
+
+class InstallWatch : public InstallMachine {
+protected:
+    /// The watchdog alone reads adapters: before the work the first time, behind it the second time, each right behind
+    /// a heartbeat. Behind the second time the next heartbeat comes before any sleep.
+    [[nodiscard]] FaultPlan HangWatchdog(unsigned nth) { return faults().HangNth("GetAdaptersInfo", nth); }
+    [[nodiscard]] InstallOutcome InstallWithoutProgressFor(std::int64_t milliseconds) {
+        const FaultPlan plan = HangWatchdog(2);
+        return InstallWhile([&] { Stall(plan, milliseconds); });
+    }
+    void Stall(const FaultPlan &plan, std::int64_t milliseconds) {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        AdvanceMs(milliseconds);
+        EXPECT_TRUE(AwaitLooks());
+        plan->Release();
+    }
+    /// Hangs the watchdog until the caller has given it up.
+    [[nodiscard]] InstallOutcome InstallGivenUp() {
+        const FaultPlan plan = HangWatchdog(2);
+        return InstallWhile([&] {
+            ASSERT_TRUE(plan->WaitUntilHit(30'000));
+            AdvanceMs(3'600'001);
+            EXPECT_TRUE(AwaitReturn());
+            plan->Release();
+        });
+    }
+    static Lines Warnings(const InstallOutcome &outcome) { return outcome.Lines(wxLOG_Warning); }
+    [[nodiscard]] Lines ThingsLeft(const Simulator::BalanceSnapshot &before) {
+        Lines left;
+        for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take())) {
+            if (item.kind != std::string(Simulator::Kind::kBlock))
+                left.push_back(std::string(item.kind) + " of " + item.function);
+        }
+        return left;
+    }
+    void SetMedia(const wchar_t *node, std::optional<DWORD> status) {
+        network().ChangeAdapter(node, [&](NetworkAdapter &adapter) { adapter.mediaStatus = status; });
+    }
+};
+
+// --- the caller's looks ---
+
+TEST_F(InstallWatch, WarnsOfNothingAfterExactlySixtySecondsWithoutProgress) {
+    const InstallOutcome outcome = InstallWithoutProgressFor(60'000);
+    EXPECT_EQ(Warnings(outcome), Lines{});
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
+TEST_F(InstallWatch, WarnsOnceAMillisecondLater) {
+    const InstallOutcome outcome = InstallWithoutProgressFor(60'001);
+    EXPECT_EQ(Warnings(outcome), Lines{Warning(60)});
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
+TEST_F(InstallWatch, TellsWholeSecondsOfTheStall) {
+    EXPECT_EQ(Warnings(InstallWithoutProgressFor(1'925'999)), Lines{Warning(1925)});
+}
+
+TEST_F(InstallWatch, WarnsOnceOfAStallThatGoesOn) {
+    const FaultPlan plan = HangWatchdog(2);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        AdvanceMs(60'001);
+        EXPECT_TRUE(AwaitLooks());
+        AdvanceMs(60'001);
+        EXPECT_TRUE(AwaitLooks());
+        Stall(plan, 3'000'000);
+    });
+    EXPECT_EQ(Warnings(outcome), Lines{Warning(60)});
+}
+
+TEST_F(InstallWatch, WarnsAgainWhenThereWasAHeartbeatBetweenTwoStalls) {
+    const FaultPlan first = HangWatchdog(1);
+    const FaultPlan second = HangWatchdog(2);
+    const InstallOutcome outcome = InstallWhile([&] {
+        Stall(first, 61'000);
+        Stall(second, 62'000);
+    });
+    EXPECT_EQ(Warnings(outcome), (Lines{Warning(61), Warning(62)}));
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
+TEST_F(InstallWatch, CountsOnOverAWrapOfTheTick) {
+    constexpr std::uint64_t wrap = std::uint64_t{1} << 32;
+    clock().SetTick(wrap - 30'000);
+    EXPECT_EQ(Warnings(InstallWithoutProgressFor(60'000)), Lines{});
+    EXPECT_GT(clock().TickMs(), wrap);
+    SetRunningVersion(std::nullopt);
+    clock().SetTick(2 * wrap - 30'000);
+    EXPECT_EQ(Warnings(InstallWithoutProgressFor(60'001)), Lines{Warning(60)});
+    EXPECT_GT(clock().TickMs(), 2 * wrap);
+}
+
+TEST_F(InstallWatch, LooksFourTimesASecond) {
+    const DWORD caller = GetCurrentThreadId();
+    (void)InstallWithoutProgressFor(1'000);
+    std::size_t sleeps = 0;
+    for (const Simulator::JournalEntry &call : simulation().GetJournal().Entries()) {
+        if (call.thread != caller || call.function != "Sleep")
+            continue;
+        ++sleeps;
+        EXPECT_EQ(call.arguments, "250");
+    }
+    EXPECT_GE(sleeps, 3U);
+}
+
+TEST_F(InstallWatch, DoesNotGiveUpAfterExactlyAnHour) {
+    const InstallOutcome outcome = InstallWithoutProgressFor(3'600'000);
+    EXPECT_EQ(Warnings(outcome), Lines{Warning(3600)});
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_FALSE(outcome.AskedForReboot());
+}
+
+TEST_F(InstallWatch, GivesUpAMillisecondLaterWithTheWatchdogsStack) {
+    Lines order;
+    int logId = 0;
+    const EventObserver observer([&](const VtaCore::Control::Event &event) {
+        order.push_back(event.text.BeforeFirst('|').utf8_string());
+        if (event.number == 1004)
+            logId = event.logId;
+    });
+    const InstallOutcome outcome = InstallGivenUp();
+    EXPECT_FALSE(outcome.result);
+    ASSERT_EQ(outcome.EventTexts(1004).size(), 1U);
+    EXPECT_TRUE(outcome.EventTexts(1004)[0].starts_with("OverallInstall|[00] ")) << outcome.EventTexts(1004)[0];
+    EXPECT_EQ(logId, 1004);
+    EXPECT_EQ(Reboots(outcome), 1U);
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+    EXPECT_EQ(order, (Lines{"OverallInstall", "0.0.0.0"})) << "the watchdog went on, and had success";
+}
+
+TEST_F(InstallWatch, GivenUpGoesOnToItsEndWithNothingLeftBehind) {
+    dom.Set("vta.mode.loadtest", true);
+    (void)Install();
+    dom.Set("vta.mode.loadtest", false);
+    const Simulator::BalanceSnapshot before = balance().Take();
+    const InstallOutcome outcome = InstallGivenUp();
+    EXPECT_FALSE(outcome.result);
+    EXPECT_EQ(ThingsLeft(before), Lines{});
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(Has(outcome.traces, kHealthy));
+}
+
+TEST_F(InstallWatch, GivenUpCanBeFollowedByAnotherInstallation) {
+    (void)InstallGivenUp();
+    EXPECT_TRUE(Install().result);
+    SetRunningVersion(std::nullopt);
+    EXPECT_TRUE(Succeeded(Install()));
+}
+
+TEST_F(InstallWatch, ReturnsBeforeTheFirstLookWhenTheAgentIsAboutToEndAndTheWatchdogGoesOn) {
+    const DWORD caller = GetCurrentThreadId();
+    const FaultPlan plan = HangWatchdog(1);
+    VtaCore::Control::SetShouldExit(dom, true);
+    bool slept = true;
+    const InstallOutcome outcome = InstallWhile([&] {
+        EXPECT_TRUE(AwaitReturn());
+        const auto calls = simulation().GetJournal().Entries();
+        slept = std::any_of(calls.begin(), calls.end(),
+                            [caller](const auto &call) { return call.thread == caller && call.function == "Sleep"; });
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        plan->Release();
+    });
+    EXPECT_FALSE(outcome.result);
+    EXPECT_FALSE(slept);
+    EXPECT_EQ(outcome.EventTexts(1007).size(), 1U);
+    EXPECT_TRUE(IsBound(kFirst));
+}
+
+TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGoesOn) {
+    const FaultPlan plan = HangWatchdog(2);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        EXPECT_TRUE(AwaitLooks());
+        VtaCore::Control::SetShouldExit(dom, true);
+        EXPECT_TRUE(AwaitReturn());
+        plan->Release();
+    });
+    EXPECT_FALSE(outcome.result);
+    EXPECT_EQ(outcome.EventTexts(1007).size(), 1U);
+    EXPECT_EQ(outcome.EventTexts(1004), Lines{});
+    EXPECT_FALSE(outcome.AskedForReboot());
+}
+
+// --- the watchdog's look at the worker ---
+
+TEST_F(InstallWatch, KillsAWorkerWhoseStepOverrunsAndNamesTheStep) {
+    wxLog::SetVerbose(true);
+    const InstallOutcome outcome = InstallHungIn("INetCfgClassSetup::Install", 1, 600'000);
+    wxLog::SetVerbose(false);
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
+    EXPECT_TRUE(WorkerLog(outcome).ends_with(" Attempt #1 at installing qbimvta\n >InstallingDriver. 600s max\n"));
+    const Lines infos = outcome.Lines(wxLOG_Info);
+    EXPECT_EQ(std::count_if(infos.begin(), infos.end(),
+                            [](const std::string &line) { return line.starts_with("Stack trace:\n[00] "); }),
+              1);
+    EXPECT_FALSE(outcome.AskedForReboot());
+}
+
+TEST_F(InstallWatch, LogsTheStackOfAKilledWorkerOnlyIfVerbose) {
+    wxLog::SetVerbose(false);
+    const InstallOutcome outcome = InstallHungIn("SetupCopyOEMInfW", 1, 600'000);
+    EXPECT_EQ(FailedStep(outcome), "CopyingInfFiles");
+    EXPECT_EQ(outcome.Lines(wxLOG_Info), Lines{});
+}
+
+TEST_F(InstallWatch, UnbindsUnsuitableAdaptersEvenWhenTheWorkerWasKilled) {
+    network().Bind(kSecond, L"ms_tcpip", false);
+    const InstallOutcome outcome = InstallHungIn("INetCfg::Apply", 1, 300'000);
+    EXPECT_EQ(FailedStep(outcome), "ApplyingInetCfgChanges");
+    EXPECT_NE(
+        WatchdogLog(outcome).find("Adapter 'Second adapter' is not bound to TCPIP - marking it to be unbound from "
+                                  "QBIMVTA\n"),
+        std::string::npos);
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_FALSE(IsBound(kSecond));
+}
+
+TEST_F(InstallWatch, TakesAnHourOutsideOfAllInnerStepsForAWorkerThatIsMerelyFinishing) {
+    wxLog::SetVerbose(true);
+    InstallOldDriver({1, 0, 0, 0});
+    // The stop of the callout is in no step of its own.
+    const InstallOutcome outcome = InstallHungIn("ControlService", 1, 3'600'000);
+    wxLog::SetVerbose(false);
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>") << "that of the worker, which has none";
+    for (const std::string &line : outcome.Lines(wxLOG_Info))
+        EXPECT_FALSE(line.starts_with("Stack trace")) << line;
+    EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U) << "it was not killed, and went on when it could";
+    EXPECT_EQ(CallsOf("INetCfgClassSetup::Install"), 1U);
+}
+
+TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
+    InstallOldDriver({1, 0, 0, 0});
+    network().Bind(kSecond, L"qbimvta", false);
+    // The filter is there and bound to both when its changes can't be applied.
+    OnMoment([this](const NetworkMoment &moment) {
+        if (moment.what == What::Installed)
+            faults().FailNth("INetCfg::Apply", 1, static_cast<DWORD>(E_FAIL));
+    });
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(FailedStep(outcome), "ApplyingInetCfgChanges");
+    EXPECT_FALSE(Has(outcome.ThreadLog(), "Restoring network bindings."));
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
+}
+
+// --- what follows a success ---
+
+TEST_F(InstallWatch, RestoresTheBindingsOfAnUpgradeOverTheRecordsFromBefore) {
+    InstallOldDriver({1, 0, 0, 0});
+    network().Bind(kFirst, L"qbimvta", false);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_FALSE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_EQ(CallsOf("GetAdaptersInfo"), 2U) << "before the work, and in the look at the network";
+}
+
+TEST_F(InstallWatch, RebindsWhereADriverOfAnotherVersionIsLoadedAndAsksForAReboot) {
+    SetVersionAfterInstall(Version{1, 0, 0, 0});
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    const std::string text = WatchdogLog(outcome);
+    EXPECT_NE(text.find(std::string("\n") + kStale +
+                        "\n>GettingAdapterInfo. 10s max\n<GettingAdapterInfo\n"
+                        "Adapter 'First adapter' is bound to qbimvta\n"
+                        "Disabling binding from 'First adapter' -> qbimvta\n"),
+              std::string::npos)
+        << text;
+    EXPECT_TRUE(
+        text.ends_with("Adapter 'Second adapter' is not bound to qbimvta\n"
+                       "Original bindings of adapter 'Second adapter' are ms_tcpip=1 qbimvta=1\n"
+                       "Enabling binding from 'Second adapter' -> qbimvta\n" +
+                       Useless("1.0.0.0") + "\n"))
+        << text;
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+    EXPECT_TRUE(IsBound(kFirst));
+    EXPECT_TRUE(IsBound(kSecond));
+    EXPECT_EQ(outcome.events.front(), "1006|1");
+}
+
+TEST_F(InstallWatch, AsksForARebootEvenWhenRebindingHasLoadedTheRightVersion) {
+    OnMoment([this](const NetworkMoment &moment) {
+        if (moment.what == What::Installed)
+            SetRunningVersion(Version{1, 0, 0, 0});
+        else if (moment.what == What::BindingEnabled)
+            SetRunningVersion(kOurVersion);
+    });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("2.0.0.0")));
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+}
+
+TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersBehindTheRebinding) {
+    OnMoment([this](const NetworkMoment &moment) {
+        if (moment.what == What::Installed)
+            SetRunningVersion(Version{1, 0, 0, 0});
+        else if (moment.what == What::BindingDisabled)
+            SetRunningVersion(std::nullopt);
+    });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("0.0.0.0")));
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+}
+
+TEST_F(InstallWatch, AsksForNoRebootWhenNoDriverAnswersAndOursHasVersionZero) {
+    SetOurVersion({0, 0, 0, 0});
+    OnMoment([this](const NetworkMoment &moment) {
+        if (moment.what == What::Installed)
+            SetRunningVersion(Version{1, 0, 0, 0});
+        else if (moment.what == What::BindingDisabled)
+            SetRunningVersion(std::nullopt);
+    });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_TRUE(Has(outcome.ThreadLog(), kStale));
+    EXPECT_FALSE(Has(outcome.ThreadLog(), Useless("0.0.0.0")));
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+    EXPECT_FALSE(outcome.AskedForReboot());
+}
+
+TEST_F(InstallWatch, DoesNotRebindWhereTheDriverDoesNotAnswer) {
+    SetVersionAfterInstall(std::nullopt);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_FALSE(Has(outcome.ThreadLog(), kStale));
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+}
+
+// --- the network behind it ---
+
+TEST_F(InstallWatch, LooksAtTheNetworkTwoSecondsBehindTheWork) {
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(outcome.traces.back(), kHealthy);
+    EXPECT_EQ(CallsOf("GetIpNetTable"), 1U);
+    EXPECT_FALSE(Has(outcome.traces, kAllOffline));
+    Lines sleeps;
+    for (const std::string &call : Calls({"Sleep", "GetIpNetTable", "SendARP"})) {
+        if (call != "Sleep(250)")
+            sleeps.push_back(call.substr(0, call.find(',')));
+    }
+    ASSERT_GE(sleeps.size(), 5U);
+    EXPECT_EQ(sleeps[sleeps.size() - 5], "Sleep(2000)");
+    EXPECT_TRUE(sleeps[sleeps.size() - 4].starts_with("GetIpNetTable("));
+    EXPECT_EQ(sleeps[sleeps.size() - 3], "Sleep(2000)");
+}
+
+TEST_F(InstallWatch, OneConnectedAdapterIsEnoughForTheLookAtTheNetwork) {
+    SetMedia(kFirst, 1);
+    EXPECT_EQ(Install().traces.back(), kHealthy);
+}
+
+TEST_F(InstallWatch, DoesNotLookAtTheNetworkWhereAllAdaptersWereOffline) {
+    SetMedia(kFirst, 1);
+    SetMedia(kSecond, std::nullopt);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(outcome.traces.back(), kAllOffline);
+    EXPECT_EQ(CallsOf("GetIpNetTable"), 0U);
+}
+
+TEST_F(InstallWatch, AFailureWithAllAdaptersOfflineIsNotFollowedByAnotherWishForAReboot) {
+    TakeAllAdaptersOffline();
+    faults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
+    EXPECT_EQ(outcome.traces.back(), kAllOffline);
+    EXPECT_EQ(CallsOf("GetIpNetTable"), 0U);
+    EXPECT_FALSE(outcome.AskedForReboot());
+}
+
+TEST_F(InstallWatch, LooksAtTheNetworkBehindAFailureToo) {
+    faults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
+    EXPECT_EQ(Install().traces.back(), kHealthy);
+}
+
+TEST_F(InstallWatch, ANetworkThatStaysUnhealthyLeadsToAWishForARebootAndNotToAFalseResult) {
+    BreakNetworkWhenInstalled();
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{});
+    EXPECT_EQ(Reboots(outcome), 1U);
+}
+
+TEST_F(InstallWatch, ARebootThatWasAskedForIsNotAskedForAgainByTheNetwork) {
+    BreakNetworkWhenInstalled();
+    network().Use([](Simulator::NetworkState &state) {
+        state.installable.front().results = {NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT};
+    });
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_GT(CallsOf("SetupDiCallClassInstaller"), 0U) << "the last cure was tried";
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+    EXPECT_EQ(Reboots(outcome), 1U);
+}
+
+TEST_F(InstallWatch, TellsTheRebootBeforeTheOutcome) {
+    network().Use([](Simulator::NetworkState &state) {
+        state.installable.front().results = {NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT};
+    });
+    const InstallOutcome outcome = Install();
+    ASSERT_EQ(outcome.events.size(), 3U);
+    EXPECT_TRUE(outcome.events[0].starts_with("3005|INetCfgClassSetup::Install()|"));
+    EXPECT_EQ(outcome.events[1], "1006|1");
+    EXPECT_TRUE(outcome.events[2].starts_with("1007|"));
+    ASSERT_EQ(outcome.notifications.size(), 1U);
+    EXPECT_EQ(outcome.notifications[0].code, 5);
+}
+
+TEST_F(InstallWatch, WritesTheEventOfAFailureToTheAgentsLogTooAndThatOfASuccessNot) {
+    std::vector<std::pair<int, int>> ids;
+    const EventObserver observer(
+        [&](const VtaCore::Control::Event &event) { ids.emplace_back(event.number, event.logId); });
+    (void)Install();
+    SetRunningVersion(std::nullopt);
+    faults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
+    (void)Install();
+    EXPECT_EQ(ids, (std::vector<std::pair<int, int>>{{1007, 0}, {3005, 0}, {1004, 1004}}));
+}
+
+// --- threads that can't be made ---
+
+TEST_F(InstallWatch, IsFalseWithoutAnyEventWhenTheWorkerCantBeMade) {
+    const FaultPlan plan = faults().FailNth("_beginthreadex", 2, EAGAIN);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_FALSE(outcome.result);
+    EXPECT_EQ(outcome.events, Lines{});
+    EXPECT_TRUE(outcome.notifications.empty());
+    EXPECT_EQ(CallsOf("CoInitializeEx"), 0U);
+    faults().Clear();
+    EXPECT_TRUE(Succeeded(Install()));
+}
+
+TEST_F(InstallWatch, IsFalseWithoutAnyEventWhenTheWatchdogCantBeMade) {
+    const FaultPlan plan = faults().FailNth("_beginthreadex", 1, EAGAIN);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_FALSE(outcome.result);
+    EXPECT_EQ(outcome.events, Lines{});
+    EXPECT_EQ(outcome.traces, Lines{});
+    EXPECT_LT(outcome.tookMs, 1'000U);
+    faults().Clear();
+    EXPECT_TRUE(Succeeded(Install()));
+}
+
+}  // namespace

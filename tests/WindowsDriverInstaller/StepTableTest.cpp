@@ -1,0 +1,91 @@
+// The table of docs/steps.md against the names of the steps, and the limits with which the driver threads begin them.
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <wx/string.h>
+
+#include "WindowsDriverInstaller/InstallerSteps.h"
+
+namespace {
+
+/// A row of the table; the texts as they stand there.
+struct StepRow {
+    std::string limit;
+    bool isSilent = false;  ///< In italics.
+};
+using StepRows = std::map<std::string, StepRow>;
+
+std::string ReadWhole(const std::filesystem::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << "no " << path.string();
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+StepRows DocumentedSteps() {
+    const std::string text = ReadWhole(FC_DOCUMENTS "/steps.md");
+    const std::string table = text.substr(text.find("## All steps"));
+    const std::regex row(R"(\n\| (\*?)`(\w+)`\*? \| (\w+) \|)");
+    StepRows rows;
+    for (std::sregex_iterator match(table.begin(), table.end(), row), end; match != end; ++match)
+        EXPECT_TRUE(rows.emplace((*match)[2], StepRow{(*match)[3], (*match)[1].length() != 0}).second)
+            << "twice: " << (*match)[2];
+    return rows;
+}
+
+/// The steps that the driver threads begin, each with the limits that it is given.
+std::map<std::string, std::set<std::string>> BegunSteps() {
+    const std::regex begins(R"((?:StartStep|CallInStep)\((\w+), (\d+)[,)])");
+    std::map<std::string, std::set<std::string>> limits;
+    for (const auto &entry :
+         std::filesystem::directory_iterator(FC_DOCUMENTS "/../plugins/filter/WindowsDriverInstaller")) {
+        const std::string text = ReadWhole(entry.path());
+        for (std::sregex_iterator match(text.begin(), text.end(), begins), end; match != end; ++match)
+            limits[(*match)[1]].insert((*match)[2]);
+    }
+    return limits;
+}
+
+std::string NameOf(std::uint32_t step) {
+    return wxString(StepName(step)).utf8_string();
+}
+
+TEST(StepTable, HasEachStepAndNoOther) {
+    const StepRows rows = DocumentedSteps();
+    std::set<std::string> names;
+    for (std::uint32_t step = 0; NameOf(step) != "<UnknownStep>"; ++step)
+        names.insert(NameOf(step));
+    EXPECT_EQ(names.size(), 22U);
+    for (const std::string &name : names)
+        EXPECT_TRUE(rows.contains(name)) << "not in the table: " << name;
+    for (const auto &[name, row] : rows)
+        EXPECT_TRUE(names.contains(name)) << "no step: " << name;
+}
+
+TEST(StepTable, HasTheLimitWithWhichEachStepBegins) {
+    const auto begun = BegunSteps();
+    EXPECT_EQ(begun.size(), 20U);
+    for (const auto &[name, row] : DocumentedSteps()) {
+        const auto limits = begun.find(name);
+        const std::set<std::string> actual = limits == begun.end() ? std::set<std::string>{"none"} : limits->second;
+        EXPECT_EQ(actual, std::set<std::string>{row.limit}) << name;
+    }
+}
+
+TEST(StepTable, HasTheSilentStepsInItalics) {
+    const StepRows rows = DocumentedSteps();
+    for (std::uint32_t step = 0; step <= StoppingWfpCalloutDriver; ++step) {
+        const auto row = rows.find(NameOf(step));
+        ASSERT_NE(row, rows.end()) << NameOf(step);
+        EXPECT_EQ(row->second.isSilent, IsSilentStep(step)) << NameOf(step);
+    }
+}
+
+}  // namespace
