@@ -1,0 +1,105 @@
+#include "InstallBench.h"
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <windows.h>
+#include <wx/thread.h>
+
+#include "InstallMachine.h"
+#include "WindowsDriverInstaller/StackDump.h"
+
+namespace {
+
+constexpr int kInstallRounds = 21;
+constexpr int kKills = 100;
+
+double MedianOf(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+/// The module's own time in an installation, to the waits that it makes on purpose. The first one of a process loads
+/// what stack traces need, which takes Wine long.
+void BenchOwnTime(Report &report) {
+    InstallMachine machine(0);
+    const InstallTimes first = machine.Install();
+    std::vector<double> own;
+    std::map<std::string, std::vector<double>> ownOfSteps;
+    for (int round = 0; round < kInstallRounds; ++round) {
+        const InstallTimes times = machine.Install();
+        own.push_back(times.ownSeconds / times.waitedSeconds);
+        for (const auto &[step, seconds] : times.ownSecondsOfSteps)
+            ownOfSteps[step].push_back(seconds / times.waitedSeconds);
+    }
+    report.Add("a fresh installation's own time, to its waits", MedianOf(own) * 100, "percent", "<= 1");
+    for (const auto &[step, seconds] : ownOfSteps)
+        report.Add("... of that in " + step, MedianOf(seconds) * 100, "percent");
+    report.Add("the same, the first of a process", first.ownSeconds / first.waitedSeconds * 100, "percent");
+}
+
+/// An upgrade with 1 to 1000 adapters, of which each has its binding put back.
+void BenchGrowth(Report &report) {
+    std::map<std::size_t, InstallTimes> times;
+    for (const std::size_t adapters : {1U, 10U, 100U, 1000U}) {
+        InstallMachine machine(adapters);
+        (void)machine.Install();  // the first of a process takes longer
+        times[adapters] = machine.Upgrade();
+    }
+    for (const std::size_t adapters : {10U, 100U, 1000U}) {
+        const InstallTimes &more = times[adapters];
+        const InstallTimes &fewer = times[adapters / 10];
+        const std::string what = "an upgrade with " + std::to_string(adapters) + " adapters, to one with a tenth: ";
+        report.Add(what + "calls of the system", static_cast<double>(more.calls) / static_cast<double>(fewer.calls),
+                   "ratio", "<= 10");
+        report.Add(what + "own time", more.ownSeconds / fewer.ownSeconds, "time ratio");
+    }
+}
+
+/// Hangs for good.
+class StuckThread : public wxThread {
+public:
+    StuckThread() : wxThread(wxTHREAD_JOINABLE) {}
+
+protected:
+    ExitCode Entry() override {
+        ::Sleep(INFINITE);
+        return nullptr;
+    }
+};
+
+/// A stack written down and a thread ended, without anybody who had to notice.
+double SecondsToDumpAndKill() {
+    PrepareStackDump();
+    StuckThread thread;
+    (void)thread.Run();
+    ::Sleep(20);
+    const double begin = Now();
+    (void)CaptureThreadStack(&thread);
+    (void)thread.Kill();
+    return Now() - begin;
+}
+
+void BenchKill(Report &report) {
+    std::vector<double> kills;
+    std::vector<double> floors;
+    for (int i = 0; i < kKills; ++i) {
+        kills.push_back(InstallMachine(0).SecondsToKill());
+        floors.push_back(SecondsToDumpAndKill());
+    }
+    const double floor = MedianOf(floors);
+    report.Add("from a hung step's limit to its kill, to a stack dump and a kill alone: median",
+               MedianOf(kills) / floor, "time ratio");
+    report.Add("the same: worst of 100", *std::max_element(kills.begin(), kills.end()) / floor, "time ratio");
+}
+
+}  // namespace
+
+void BenchInstall(Report &report) {
+    BenchOwnTime(report);
+    BenchGrowth(report);
+    BenchKill(report);
+}

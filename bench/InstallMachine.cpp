@@ -1,0 +1,265 @@
+#include "InstallMachine.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "Bench.h"
+#include "WindowsDriverInstaller/InstallFixture.h"
+#include "WindowsFunctions.h"
+
+using Simulator::InsideSimulator;
+using std::chrono::milliseconds;
+
+namespace {
+
+namespace System {
+SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);  // tells where a step ends
+}
+
+constexpr char kInstall[] = "INetCfgClassSetup::Install";
+constexpr std::uint64_t kInstallLimitMs = 600'000;
+constexpr DWORD kPatienceMs = 60'000;
+
+/// The program's own reading of the counter tells simulated time.
+double RealNow() {
+    const InsideSimulator inside;
+    return Now();
+}
+
+void Require(bool condition, const char *what) {
+    if (condition)
+        return;
+    (void)std::fprintf(stderr, "bench: the installation that is measured has failed: %s\n", what);
+    std::exit(2);
+}
+
+/// What the worker's calls tell of its steps.
+struct Stamp {
+    enum class What { Line, StepBegins, StepEnds };
+    What what;
+    DWORD thread;
+    double seconds;
+    std::uint64_t tickMs;
+};
+
+/// Any thread.
+class Stamps {
+public:
+    void Add(const Stamp &stamp) {
+        const Simulator::LockGuard guard(m_lock);
+        m_stamps.push_back(stamp);
+    }
+    /// Those of one thread.
+    [[nodiscard]] std::vector<Stamp> Of(DWORD thread) const {
+        const Simulator::LockGuard guard(m_lock);
+        std::vector<Stamp> stamps = m_stamps;
+        std::erase_if(stamps, [thread](const Stamp &stamp) { return stamp.thread != thread; });
+        return stamps;
+    }
+    void Clear() {
+        const Simulator::LockGuard guard(m_lock);
+        m_stamps.clear();
+    }
+
+private:
+    mutable Simulator::Lock m_lock;
+    std::vector<Stamp> m_stamps;
+};
+
+/// Reads which step took how long from the stamps and the log of a worker.
+class StepReader {
+public:
+    explicit StepReader(const std::string &log) : m_log(log) {}
+
+    void Read(const Stamp &stamp) {
+        if (!m_steps.empty())
+            m_seconds[m_steps.back()] += stamp.seconds - m_last;
+        m_last = stamp.seconds;
+        if (stamp.what == Stamp::What::Line)
+            (void)std::getline(m_log, m_line);
+        else if (stamp.what == Stamp::What::StepBegins)
+            m_steps.push_back(NameInLine());
+        else if (!m_steps.empty())
+            m_steps.pop_back();
+    }
+
+    std::map<std::string, double> Seconds() && {
+        Require(m_steps.empty() && !std::getline(m_log, m_line), "its log and its steps don't fit each other");
+        return std::move(m_seconds);
+    }
+
+private:
+    /// Some steps leave no line.
+    std::string NameInLine() {
+        const std::size_t begin = m_line.find_first_not_of(' ');
+        if (begin == m_line.npos || m_line[begin] != '>')
+            return "the lock and the object of the network configuration";
+        const std::string name = m_line.substr(begin + 1, m_line.find('.') - begin - 1);
+        m_line.clear();
+        return name;
+    }
+
+    std::istringstream m_log;
+    std::string m_line;
+    std::vector<std::string> m_steps;
+    std::map<std::string, double> m_seconds;
+    double m_last = 0;
+};
+
+}  // namespace
+
+class InstallMachine::Machine : public InstallFixture {
+public:
+    explicit Machine(std::size_t adapters) {
+        for (std::size_t i = 0; i < adapters; ++i)
+            PutAdapter(i);
+        Watch<Simulator::System::GetSystemTimeAsFileTime>(Stamp::What::Line);
+        Watch<Simulator::System::GetTickCount>(Stamp::What::StepBegins);
+        Watch<System::SetEvent>(Stamp::What::StepEnds);
+    }
+
+    InstallTimes Measure() {
+        m_stamps->Clear();
+        InstallTimes times;
+        const double begin = RealNow();
+        const InstallOutcome outcome = InstallWhile([&] {
+            while (!returned)
+                Simulator::System::Sleep::Real(1);
+            times.ownSeconds = RealNow() - begin;
+        });
+        Require(outcome.EventTexts(1007).size() == 1, "the event of a success is missing");
+        times.waitedSeconds = static_cast<double>(outcome.tookMs) / 1000;
+        times.calls = CallsOfTheWork();
+        m_text = outcome.EventTexts(1007)[0];
+        return times;
+    }
+
+    /// Of the last installation. One that stops a service asks for the time between its steps, too, and can't be read.
+    std::map<std::string, double> SecondsOfSteps() {
+        StepReader reader(m_text.substr(m_text.find('|', m_text.find('|') + 1) + 1));
+        for (const Stamp &stamp : m_stamps->Of(CallerOf(kInstall)))
+            reader.Read(stamp);
+        return std::move(reader).Seconds();
+    }
+
+    void RemoveDriver() {
+        if (network().Has(L"qbimvta"))
+            Require(Uninstall().result, "the drivers can't be removed");
+    }
+
+    void PutOldDriver() {
+        InstallOldDriver({1, 0, 0, 0});
+        for (const std::wstring &node : m_nodes)
+            network().Bind(node, L"qbimvta");
+    }
+
+    double MeasureKill() {
+        const Simulator::FaultPlanHandle plan = simulation().GetFaults().HangNth(kInstall, 1);
+        double seconds = 0;
+        const InstallOutcome outcome = InstallWhile([&] {
+            const InsideSimulator inside;
+            Require(plan->WaitUntilHit(kPatienceMs), "it does not come to the call that is to hang");
+            const HANDLE worker = OpenThread(SYNCHRONIZE, FALSE, CallerOf(kInstall));
+            PassTheTime();
+            const double timeUp = Now();
+            simulation().GetClock().Advance(milliseconds(1));
+            Require(WaitForSingleObject(worker, kPatienceMs) == WAIT_OBJECT_0, "the hung worker is not ended");
+            seconds = Now() - timeUp;
+            (void)CloseHandle(worker);
+        });
+        Require(outcome.EventTexts(1004).size() == 1, "the event of a failure is missing");
+        simulation().GetFaults().Clear();
+        return seconds;
+    }
+
+private:
+    void TestBody() override {}
+
+    template <class F>
+    void Watch(Stamp::What what) {
+        simulation().Functions().Put<F>(
+            [what, stamps = m_stamps, &clock = simulation().GetClock()](const auto &next, auto... arguments) {
+                stamps->Add({what, GetCurrentThreadId(), Now(), clock.TickMs()});
+                return next(arguments...);
+            },
+            Simulator::Depth::Watch);
+    }
+
+    static std::wstring Number(std::size_t number) { return std::to_wstring(100'000 + number); }
+
+    void PutAdapter(std::size_t number) {
+        const std::wstring node = L"PCI\\VEN_1000&DEV_" + Number(number) + L"\\1";
+        network().PutAdapter({.id = L"PCI\\VEN_1000&DEV_" + Number(number),
+                              .bindName = L"{33333333-0000-0000-0000-000000" + Number(number) + L"}",
+                              .pnpDevNodeId = node,
+                              .displayName = L"Adapter " + Number(number),
+                              .mac = {2, 0, 0, 0, static_cast<BYTE>(number >> 8), static_cast<BYTE>(number)},
+                              .ip = "10.1.0.10",
+                              .gateway = "10.1.0.1",
+                              .frames = 1});
+        network().Bind(node, L"ms_tcpip");
+        simulation().GetDevices().Put({.instanceId = node, .description = L"Network adapter"});
+        m_nodes.push_back(node);
+    }
+
+    /// Those of both threads. The caller only looks on, as often as there is time for.
+    std::size_t CallsOfTheWork() {
+        const auto calls = simulation().GetJournal().Entries();
+        const DWORD caller = GetCurrentThreadId();
+        return static_cast<std::size_t>(
+            std::count_if(calls.begin(), calls.end(), [caller](const auto &call) { return call.thread != caller; }));
+    }
+
+    DWORD CallerOf(const std::string &function) {
+        for (const Simulator::JournalEntry &entry : simulation().GetJournal().Entries())
+            if (entry.function == function)
+                return entry.thread;
+        return 0;
+    }
+
+    /// To the last millisecond of the step that the worker is in.
+    void PassTheTime() {
+        std::uint64_t begin = 0;
+        for (const Stamp &stamp : m_stamps->Of(CallerOf(kInstall)))
+            if (stamp.what == Stamp::What::StepBegins)
+                begin = stamp.tickMs;
+        Simulator::Clock &clock = simulation().GetClock();
+        Require(clock.AwaitWaiting(1, kPatienceMs), "nobody waits for the hung worker");
+        Sleep(kSettleMs);
+        clock.Advance(milliseconds(begin + kInstallLimitMs - 1 - clock.TickMs()));
+        Sleep(kSettleMs);
+        Require(clock.AwaitWaiting(1, kPatienceMs), "the hung worker was given up too early");
+    }
+
+    static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which the watchdog looks and waits again.
+
+    std::vector<std::wstring> m_nodes;
+    std::string m_text;                                                   ///< Of the event of the last success.
+    const std::shared_ptr<Stamps> m_stamps = std::make_shared<Stamps>();  ///< The simulation's end adds to them.
+};
+
+InstallMachine::InstallMachine(std::size_t adapters) : m_machine(std::make_unique<Machine>(adapters)) {}
+InstallMachine::~InstallMachine() = default;
+
+InstallTimes InstallMachine::Install() {
+    m_machine->RemoveDriver();
+    InstallTimes times = m_machine->Measure();
+    times.ownSecondsOfSteps = m_machine->SecondsOfSteps();
+    return times;
+}
+
+InstallTimes InstallMachine::Upgrade() {
+    m_machine->RemoveDriver();
+    m_machine->PutOldDriver();
+    return m_machine->Measure();
+}
+
+double InstallMachine::SecondsToKill() {
+    return m_machine->MeasureKill();
+}
