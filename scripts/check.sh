@@ -29,7 +29,7 @@ tidy_arguments() {
     echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
     echo -include "$ROOT/scripts/tidy-prelude.h"
     echo '-DFC_VERSION=""' '-DFC_DOCUMENTS=""' '-DEXAMPLES_FOLDER=""'
-    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator tests/support; do
+    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests/support; do
         echo "-I$ROOT/$folder"
     done
     for dir in "$libraries/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
@@ -51,8 +51,47 @@ tidy_unit() {
     echo "$unit"
 }
 
+# The same for tests, whose files define the same names: each in a namespace of its own, with all headers before.
+# tidy_unit_of_tests NAME FILE...
+tidy_unit_of_tests() {
+    local unit=$BUILD/tidy/$1.cpp file header count=0
+    shift
+    mkdir -p "$(dirname "$unit")"
+    {
+        cat "$@" | grep '^#include <' | sort -u
+        for file in "$@"; do
+            sed -n 's,^#include "\([^"]*\)".*,\1,p' "$file" | while read -r header; do
+                if [ -f "${file%/*}/$header" ]; then echo "#include \"$ROOT/${file%/*}/$header\""; else echo "#include \"$header\""; fi
+            done
+        done | sort -u
+        for file in "$@"; do
+            echo "namespace Unit$((++count)) {"
+            echo "#include \"$ROOT/$file\""
+            echo "}"
+        done
+    } >"$unit"
+    echo "$unit"
+}
+
+# Units of the test programs with many files.
+tidy_units_of() {
+    local folder=$1 file tests=() others=()
+    while read -r file; do
+        # Those that include sources, or declare functions of the system, don't go together with others.
+        if grep -q -e '^#include ".*\.cpp"' -e '^SIMULATOR_FUNCTION' "$file"; then
+            tidy_unit "${file%.cpp}" "$file"
+        elif [[ $file == *Test.cpp ]]; then
+            tests+=("$file")
+        else
+            others+=("$file")
+        fi
+    done < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
+    tidy_unit_of_tests "$folder/tests" "${tests[@]}"
+    tidy_unit "$folder/others" "${others[@]}"
+}
+
 check_tidy() {
-    local arguments folder files file units=()
+    local arguments folder files units=()
     rm -rf "$BUILD/tidy"
     mkdir -p "$BUILD/tidy"
     cp .clang-tidy "$BUILD/tidy/"
@@ -62,8 +101,7 @@ check_tidy() {
     for folder in $(git ls-files --cached --others --exclude-standard -- '*.cpp' | xargs -n 1 dirname | sort -u); do
         mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
         case $folder in
-        # These files define the same names, or include headers that don't go together.
-        tests/devkit | tests/WindowsDriverInstaller) for file in "${files[@]}"; do units+=("$(tidy_unit "${file%.cpp}" "$file")"); done ;;
+        tests/devkit | tests/WindowsDriverInstaller) mapfile -t -O ${#units[@]} units < <(tidy_units_of "$folder") ;;
         *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
         esac
     done
@@ -81,7 +119,7 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
-check_lua() { luacheck --quiet examples; }
+check_lua() { luacheck --quiet examples docs/lua; }
 
 check_shell() { shellcheck -x dev .ci/run tests/*/*.sh; }
 

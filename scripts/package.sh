@@ -3,16 +3,18 @@
 
 package_version() { sed -n 's/^project(fc VERSION \([0-9.]*\).*/\1/p' "$ROOT/CMakeLists.txt"; }
 
-# The DLL without its symbols, the symbols beside it, and the licences of all that it links or carries.
+# The DLL without its symbols, the symbols beside it, the definitions for editors, and the licences of all that it links
+# or carries.
 make_package() {
     local name dir zip
     name=fc-$(package_version)
     dir=$BUILD/package/$name zip=$ROOT/dist/$name.zip
     rm -rf "$BUILD/package"
-    mkdir -p "$dir/licences" "$ROOT/dist"
+    mkdir -p "$dir/licences" "$dir/lua" "$ROOT/dist"
     x86_64-w64-mingw32-objcopy --only-keep-debug "$BUILD/bin/fc.dll" "$dir/fc.dll.debug"
     x86_64-w64-mingw32-strip --strip-debug "$BUILD/bin/fc.dll" -o "$dir/fc.dll"
     x86_64-w64-mingw32-objcopy --add-gnu-debuglink="$dir/fc.dll.debug" "$dir/fc.dll"
+    cp "$ROOT/docs/lua/fc.d.lua" "$dir/lua/"
     cp "$ROOT/LICENSE" "$dir/licences/fc.txt"
     cp "$(libraries_dir)"/licences/*.txt "$dir/licences/"
     rm -f "$zip"
