@@ -1,8 +1,11 @@
-// The documents' links to files beside them.
+// The documents' links to files beside them, and to places in them.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +32,45 @@ std::vector<std::string> RelativeLinks(const std::string &text) {
     return links;
 }
 
+struct PlaceLink {
+    std::string file;  ///< Empty for the document itself.
+    std::string place;
+};
+
+std::vector<PlaceLink> LinksToPlaces(const std::string &text) {
+    const std::regex link(R"(\]\(([\w/.-]*\.md)?#([^)\s]+)\))");
+    std::vector<PlaceLink> links;
+    for (std::sregex_iterator match(text.begin(), text.end(), link), end; match != end; ++match)
+        links.push_back({(*match)[1], (*match)[2]});
+    return links;
+}
+
+/// How a page names the place of a heading: in small letters, with hyphens for blanks, without other signs.
+std::string PlaceOf(const std::string &heading) {
+    std::string place;
+    for (const char sign : heading) {
+        const int character = static_cast<unsigned char>(sign);
+        if (sign == ' ')
+            place += '-';
+        else if (std::isalnum(character) != 0 || sign == '-' || sign == '_' || character >= 0x80)
+            place += static_cast<char>(std::tolower(character));
+    }
+    return place;
+}
+
+std::set<std::string> Places(const std::string &text) {
+    std::set<std::string> places;
+    std::istringstream lines(text);
+    bool isFenced = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("```"))
+            isFenced = !isFenced;
+        else if (!isFenced && line.starts_with('#'))
+            places.insert(PlaceOf(line.substr(line.find_first_not_of("# "))));
+    }
+    return places;
+}
+
 TEST(DocumentLinks, LeadToFilesThatExist) {
     std::size_t count = 0;
     for (const std::filesystem::path &document : Documents()) {
@@ -39,6 +81,21 @@ TEST(DocumentLinks, LeadToFilesThatExist) {
         }
     }
     EXPECT_GE(count, 10U);
+}
+
+TEST(DocumentLinks, LeadToPlacesThatExist) {
+    std::size_t count = 0;
+    for (const std::filesystem::path &document : Documents()) {
+        const std::string text = ReadFile(document.wstring());
+        for (const PlaceLink &link : LinksToPlaces(text)) {
+            const std::string there =
+                link.file.empty() ? text : ReadFile((document.parent_path() / link.file).wstring());
+            EXPECT_TRUE(Places(there).contains(link.place))
+                << document.string() << " links to " << link.file << "#" << link.place;
+            ++count;
+        }
+    }
+    EXPECT_GE(count, 30U);
 }
 
 }  // namespace

@@ -1,0 +1,123 @@
+// The examples of docs/lua-functions.md and docs/installation.md, run by fc-host.exe as the documents have it.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "HostProcess.h"
+
+namespace {
+
+/// A block of Lua, and what it prints: the block of text right below it, or nothing.
+struct DocumentedExample {
+    std::string code;
+    std::string output;
+};
+
+struct DocumentSection {
+    std::string name;
+    std::vector<DocumentedExample> examples;
+};
+
+/// Reads a document line by line.
+class SectionReader {
+public:
+    /// @param heading  with what the line of a section begins; all up to the first one is passed over.
+    explicit SectionReader(std::string heading) : m_heading(std::move(heading)) {}
+
+    std::vector<DocumentSection> Read(const std::string &text) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            Take(line);
+        return std::move(m_sections);
+    }
+
+private:
+    void Take(const std::string &line) {
+        if (line.starts_with("```"))
+            TakeFence(line.substr(3));
+        else if (m_block != nullptr)
+            *m_block += line + "\n";
+        else if (!m_isFenced && line.starts_with(m_heading))
+            m_sections.push_back({line.substr(m_heading.size()), {}});
+        if (!m_isFenced && !line.empty() && !line.starts_with("```"))
+            m_isBelowExample = false;
+    }
+
+    void TakeFence(const std::string &language) {
+        m_block = nullptr;
+        m_isFenced = !m_isFenced;
+        if (!m_isFenced)
+            return;
+        if (language == "lua") {
+            ASSERT_FALSE(m_sections.empty()) << "an example before all sections";
+            m_block = &m_sections.back().examples.emplace_back().code;
+        } else if (language == "text") {
+            ASSERT_TRUE(m_isBelowExample) << m_sections.back().name << ": an output without its example";
+            m_block = &m_sections.back().examples.back().output;
+        }
+        m_isBelowExample = language == "lua";
+    }
+
+    std::string m_heading;
+    std::vector<DocumentSection> m_sections;
+    std::string *m_block = nullptr;  ///< What the lines of the present block are added to.
+    bool m_isFenced = false;
+    bool m_isBelowExample = false;
+};
+
+std::vector<DocumentSection> SectionsOf(const char *path, const char *heading) {
+    return SectionReader(heading).Read(ReadFile(std::filesystem::path(path).wstring()));
+}
+
+std::vector<DocumentSection> FunctionSections() {
+    return SectionsOf(FC_DOCUMENTS "/lua-functions.md", "### ");
+}
+
+std::vector<DocumentSection> InstallationSections() {
+    return SectionsOf(FC_DOCUMENTS "/installation.md", "## ");
+}
+
+std::string WithoutCarriageReturns(std::string text) {
+    std::erase(text, '\r');
+    return text;
+}
+
+/// Runs the examples, and compares what they print. @return how many there were.
+std::size_t RunExamples(const std::vector<DocumentSection> &sections) {
+    std::size_t count = 0;
+    for (const DocumentSection &section : sections) {
+        for (const DocumentedExample &example : section.examples) {
+            const HostRun run = RunScript("require \"fc\"\n" + example.code, {L"--quiet", L"--fast", L"1"});
+            EXPECT_EQ(run.exitCode, 0U) << section.name << ": " << run.err;
+            EXPECT_EQ(WithoutCarriageReturns(run.out), example.output) << section.name;
+            ++count;
+        }
+    }
+    return count;
+}
+
+}  // namespace
+
+TEST(LuaDocument, HasAnExampleForEachFunctionThatCallsIt) {
+    const std::vector<DocumentSection> sections = FunctionSections();
+    EXPECT_EQ(sections.size(), 29U);
+    for (const DocumentSection &section : sections) {
+        const std::regex call("\\b" + section.name + " ?[({]");
+        bool isCalled = false;
+        for (const DocumentedExample &example : section.examples)
+            isCalled = isCalled || std::regex_search(example.code, call);
+        EXPECT_TRUE(isCalled) << section.name;
+    }
+}
+
+TEST(LuaDocument, HasExamplesThatPrintWhatStandsBelowThem) {
+    EXPECT_GE(RunExamples(FunctionSections()), 29U);
+}
+
+TEST(InstallationDocument, HasAnExampleThatPrintsWhatStandsBelowIt) {
+    EXPECT_EQ(RunExamples(InstallationSections()), 1U);
+}
