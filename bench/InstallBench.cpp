@@ -8,7 +8,7 @@
 #include <windows.h>
 #include <wx/thread.h>
 
-#include "InstallMachine.h"
+#include "MeasuredInstallation.h"
 #include "WindowsDriverInstaller/StackDump.h"
 
 namespace {
@@ -22,10 +22,10 @@ double MedianOf(std::vector<double> values) {
     return *middle;
 }
 
-/// The module's own time in an installation, to the waits that it makes on purpose. The first one of a process loads
-/// what stack traces need, which takes Wine long.
+/// The module's own time in an installation, to the waits that it makes on purpose. The first since the module was
+/// loaded loads what stack traces need, which takes Wine long.
 void BenchOwnTime(Report &report) {
-    InstallMachine machine(0);
+    MeasuredInstallation machine(0);
     const InstallTimes first = machine.Install();
     std::vector<double> own;
     std::map<std::string, std::vector<double>> ownOfSteps;
@@ -38,15 +38,16 @@ void BenchOwnTime(Report &report) {
     report.Add("a fresh installation's own time, to its waits", MedianOf(own) * 100, "percent", "<= 1");
     for (const auto &[step, seconds] : ownOfSteps)
         report.Add("... of that in " + step, MedianOf(seconds) * 100, "percent");
-    report.Add("the same, the first of a process", first.ownSeconds / first.waitedSeconds * 100, "percent");
+    report.Add("the first installation of a process: own time, to its waits",
+               first.ownSeconds / first.waitedSeconds * 100, "percent");
 }
 
 /// An upgrade with 1 to 1000 adapters, of which each has its binding put back.
 void BenchGrowth(Report &report) {
     std::map<std::size_t, InstallTimes> times;
     for (const std::size_t adapters : {1U, 10U, 100U, 1000U}) {
-        InstallMachine machine(adapters);
-        (void)machine.Install();  // the first of a process takes longer
+        MeasuredInstallation machine(adapters);
+        (void)machine.Install();  // the first since the module was loaded takes longer
         times[adapters] = machine.Upgrade();
     }
     for (const std::size_t adapters : {10U, 100U, 1000U}) {
@@ -87,7 +88,7 @@ void BenchKill(Report &report) {
     std::vector<double> kills;
     std::vector<double> floors;
     for (int i = 0; i < kKills; ++i) {
-        kills.push_back(InstallMachine(0).SecondsToKill());
+        kills.push_back(MeasuredInstallation(0).SecondsToKill());
         floors.push_back(SecondsToDumpAndKill());
     }
     const double floor = MedianOf(floors);

@@ -29,7 +29,7 @@ tidy_arguments() {
     echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
     echo -include "$ROOT/scripts/tidy-prelude.h"
     echo '-DFC_VERSION=""' '-DFC_DOCUMENTS=""' '-DEXAMPLES_FOLDER=""'
-    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests/support; do
+    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
     for dir in "$libraries/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
@@ -75,10 +75,13 @@ tidy_unit_of_tests() {
 
 # Units of the test programs with many files.
 tidy_units_of() {
-    local folder=$1 file tests=() others=()
+    local folder=$1 file tests=() others=() apart=(-e '^#include ".*\.cpp"' -e '^SIMULATOR_FUNCTION')
+    # Those that include sources, or declare functions of the system, don't go together with others.
     while read -r file; do
-        # Those that include sources, or declare functions of the system, don't go together with others.
-        if grep -q -e '^#include ".*\.cpp"' -e '^SIMULATOR_FUNCTION' "$file"; then
+        apart+=(-e "^#include \"${file##*/}\"")
+    done < <(grep -l '^#include ".*\.cpp"' "$folder"/*.h)
+    while read -r file; do
+        if grep -q "${apart[@]}" "$file"; then
             tidy_unit "${file%.cpp}" "$file"
         elif [[ $file == *Test.cpp ]]; then
             tests+=("$file")

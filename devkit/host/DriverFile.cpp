@@ -1,6 +1,5 @@
 #include "DriverFile.h"
 
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -34,21 +33,6 @@ std::size_t FindVersionWords(const std::string &program) {
 }
 
 }  // namespace
-
-std::optional<FileVersion> ParseFileVersion(std::string_view text) {
-    FileVersion version{};
-    const char *at = text.data();
-    const char *const end = at + text.size();
-    for (std::size_t i = 0; i < version.size(); ++i) {
-        if (i > 0 && (at == end || *at++ != '.'))
-            return std::nullopt;
-        const std::from_chars_result read = std::from_chars(at, end, version[i]);
-        if (read.ec != std::errc())
-            return std::nullopt;
-        at = read.ptr;
-    }
-    return at == end ? std::optional(version) : std::nullopt;
-}
 
 void WriteDriverFile(const std::filesystem::path &path, const FileVersion &version) {
     std::string program = ReadSample();

@@ -19,11 +19,16 @@ constexpr int kInstallFailed = 1004;
 constexpr int kInstalled = 1007;
 constexpr int kCallFailed = 3005;
 
+/// The last step of which that is true; null for none.
+template <typename Predicate>
+DriverStep *LastStep(DriverRun &run, const Predicate &isMeant) {
+    const auto found = std::find_if(run.steps.rbegin(), run.steps.rend(), isMeant);
+    return found == run.steps.rend() ? nullptr : &*found;
+}
+
 /// The innermost step that has not ended; null for none.
 DriverStep *OpenStep(DriverRun &run) {
-    const auto found = std::find_if(run.steps.rbegin(), run.steps.rend(),
-                                    [](const DriverStep &step) { return !step.end.has_value(); });
-    return found == run.steps.rend() ? nullptr : &*found;
+    return LastStep(run, [](const DriverStep &step) { return !step.end.has_value(); });
 }
 
 std::size_t OpenSteps(const DriverRun &run) {
@@ -35,17 +40,9 @@ DriverNews StepNews(DriverNews::What what, const DriverRun &run, const DriverSte
     return {what, run.kind, time, step.begin, step};
 }
 
-DriverStep *LastStep(DriverRun &run, bool (*isMeant)(const DriverStep &step, const std::string &name),
-                     const std::string &name) {
-    const auto found =
-        std::find_if(run.steps.rbegin(), run.steps.rend(), [&](const DriverStep &step) { return isMeant(step, name); });
-    return found == run.steps.rend() ? nullptr : &*found;
-}
-
 /// A step that leaves no line in the log may be killed, too; only the event names it then.
 void NoteKilledStep(DriverRun &run, const std::string &name) {
-    DriverStep *const killed = LastStep(
-        run, [](const DriverStep &step, const std::string &) { return step.killed; }, name);
+    DriverStep *const killed = LastStep(run, [](const DriverStep &step) { return step.killed; });
     if (killed != nullptr && killed->name == name)
         return;
     DriverStep silent{.name = name, .begin = run.begin, .end = run.killed, .killed = true};
@@ -60,8 +57,7 @@ void NoteKilledStep(DriverRun &run, const std::string &name) {
 }
 
 void NoteFailedStep(DriverRun &run, const std::string &name) {
-    DriverStep *const failed = LastStep(
-        run, [](const DriverStep &step, const std::string &wanted) { return step.name == wanted; }, name);
+    DriverStep *const failed = LastStep(run, [&name](const DriverStep &step) { return step.name == name; });
     if (failed != nullptr)
         failed->failed = true;
 }
@@ -87,9 +83,13 @@ DriverRun *DriverRuns::RunOf(DWORD thread) {
     return found == m_threads.end() ? nullptr : &m_runs[found->second];
 }
 
+bool DriverRuns::IsUnderWay() const {
+    return !m_runs.empty() && !m_runs.back().end;
+}
+
 /// The latest run, if it is under way.
 DriverRun *DriverRuns::OpenRun() {
-    return m_runs.empty() || m_runs.back().end ? nullptr : &m_runs.back();
+    return IsUnderWay() ? &m_runs.back() : nullptr;
 }
 
 void DriverRuns::OnThreadBegin(DWORD thread, const char *name) {
@@ -202,14 +202,12 @@ void DriverRuns::OnRebootNotification() {
 
 std::vector<DriverRun> DriverRuns::All() const {
     const Lock lock(m_lock, kPatience);
-    return m_runs;
+    return lock.owns_lock() ? m_runs : std::vector<DriverRun>();
 }
 
 std::optional<DriverRun> DriverRuns::Current() const {
     const Lock lock(m_lock, kPatience);
-    if (!lock.owns_lock() || m_runs.empty() || m_runs.back().end)
-        return std::nullopt;
-    return m_runs.back();
+    return lock.owns_lock() && IsUnderWay() ? std::optional(m_runs.back()) : std::nullopt;
 }
 
 void DriverRuns::Tell(const std::vector<DriverNews> &news) const {

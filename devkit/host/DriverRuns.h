@@ -77,6 +77,7 @@ private:
     static constexpr std::chrono::seconds kPatience{1};
 
     DriverRun *RunOf(DWORD thread);
+    bool IsUnderWay() const;
     DriverRun *OpenRun();
     void BeginStep(DriverRun &run, const StepLine &line, double time, std::vector<DriverNews> &news);
     void EndStep(DriverRun &run, const std::string &name, double time, std::vector<DriverNews> &news);

@@ -1,9 +1,10 @@
 // The adapters of the simulated machine and what is bound to them, for scripts: a part of host.machine.
-#include <algorithm>
 #include <array>
-#include <cstdio>
+#include <charconv>
+#include <cstdint>
 
 #include "DriverFile.h"
+#include "FourNumbers.h"
 #include "InstallationEdge.h"
 #include "LuaFields.h"
 #include "Text.h"
@@ -13,17 +14,12 @@ namespace {
 constexpr lua_Number kLastStatus = 4294967295.0;
 constexpr lua_Number kLastFrame = 9007199254740992.0;  // 2 to the power of 53
 
-bool IsAddress(std::string_view text) {
-    const std::optional<FileVersion> parts = ParseFileVersion(text);  // four numbers, as it happens
-    return parts && *std::max_element(parts->begin(), parts->end()) <= 255;
-}
-
 /// The address in a field, where there is one.
 std::optional<std::string_view> AddressField(lua_State *L, const char *name, int table) {
     if (!HasField(L, name, table))
         return std::nullopt;
     const std::string_view address = CheckTextField(L, name, table);
-    if (!IsAddress(address))
+    if (!ParseFourNumbers<std::uint8_t>(address))
         luaL_error(L, "field '%s': an address such as 192.0.2.1 expected", name);
     return address;
 }
@@ -84,6 +80,20 @@ CheckedChange CheckChange(lua_State *L, int table) {
 
 using MacAddress = std::array<unsigned, 6>;
 
+bool ParseMac(std::string_view text, MacAddress &mac) {
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    for (unsigned &part : mac) {
+        if (&part != &mac.front() && (at == end || *at++ != ':'))
+            return false;
+        const auto [next, error] = std::from_chars(at, end, part, 16);
+        if (error != std::errc() || next - at > 2)
+            return false;
+        at = next;
+    }
+    return at == end;
+}
+
 /// The field `mac`; one that no other adapter is likely to have where there is none.
 MacAddress CheckMac(lua_State *L) {
     static unsigned made = 0;
@@ -91,10 +101,7 @@ MacAddress CheckMac(lua_State *L) {
         return {2, 0, 0x5E, 0, (++made >> 8) & 0xFF, made & 0xFF};
     const std::string_view text = CheckTextField(L, "mac");
     MacAddress mac{};
-    int read = 0;
-    const int count = std::sscanf(text.data(), "%2x:%2x:%2x:%2x:%2x:%2x%n", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
-                                  &mac[5], &read);
-    if (count != 6 || static_cast<std::size_t>(read) != text.size())
+    if (!ParseMac(text, mac))
         luaL_error(L, "field 'mac': an address such as 00:01:02:03:04:05 expected");
     return mac;
 }
@@ -262,7 +269,7 @@ int AddRule(lua_State *L) {
 /// Lua: host.machine.write_driver(path, version)
 int WriteDriver(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
-    const std::optional<FileVersion> version = ParseFileVersion(CheckText(L, 2));
+    const std::optional<FileVersion> version = ParseFourNumbers<FileVersion::value_type>(CheckText(L, 2));
     luaL_argcheck(L, version.has_value(), 2, "a version such as 2.0.0.0 expected");
     return Guarded(L, [&] { WriteDriverFile(ToWide(path), *version); }) ? 0 : lua_error(L);
 }

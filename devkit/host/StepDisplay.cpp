@@ -1,5 +1,6 @@
 #include "StepDisplay.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -9,6 +10,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kUpdateEvery{100};
+constexpr std::chrono::seconds kShowPatience{1};
 
 const char *RunName(DriverRun::Kind kind) {
     return kind == DriverRun::Kind::Installation ? "installation" : "removal";
@@ -47,12 +49,9 @@ std::string NewsLine(const DriverNews &news) {
 
 std::string StatusText(const DriverRun &run, double now, std::size_t width) {
     std::string text = std::string(RunName(run.kind)) + ", " + Seconds(now - run.begin);
-    for (auto step = run.steps.rbegin(); step != run.steps.rend(); ++step) {
-        if (step->end)
-            continue;
-        text += ": " + step->name + ", " + Seconds(now - step->begin) + " of " + std::to_string(step->limit) + " s";
-        break;
-    }
+    const auto open = std::find_if(run.steps.rbegin(), run.steps.rend(), [](const auto &step) { return !step.end; });
+    if (open != run.steps.rend())
+        text += ": " + open->name + ", " + Seconds(now - open->begin) + " of " + std::to_string(open->limit) + " s";
     if (text.size() > width)
         text.resize(width);
     return text;
@@ -62,10 +61,8 @@ void StepDisplay::Begin(DriverRuns &runs) {
     if (IsTerminal()) {
         // At once, so that what a script prints next finds an empty line.
         runs.OnNews([this](const DriverNews &news) {
-            if (news.what != DriverNews::What::RunEnds)
-                return;
-            const std::lock_guard lock(m_lock);
-            ShowStatus({});
+            if (news.what == DriverNews::What::RunEnds)
+                ShowNothing();
         });
         m_updater = std::thread([this, &runs] { Update(runs); });
         return;
@@ -75,10 +72,21 @@ void StepDisplay::Begin(DriverRuns &runs) {
 
 void StepDisplay::Update(const DriverRuns &runs) {
     std::unique_lock lock(m_lock);
-    while (!m_wake.wait_for(lock, kUpdateEvery, [this] { return m_ends; })) {
-        if (const std::optional<DriverRun> run = runs.Current())
-            ShowStatus(StatusText(*run, WallClockSeconds(), TerminalWidth() - 1));
-    }
+    while (!m_wake.wait_for(lock, kUpdateEvery, [this] { return m_ends; }))
+        ShowCurrent(runs);
+    ShowNothing();
+}
+
+void StepDisplay::ShowCurrent(const DriverRuns &runs) {
+    const std::unique_lock showing(m_showing, kShowPatience);
+    if (!showing.owns_lock())
+        return;
+    if (const std::optional<DriverRun> run = runs.Current())
+        ShowStatus(StatusText(*run, WallClockSeconds(), TerminalWidth() - 1));
+}
+
+void StepDisplay::ShowNothing() {
+    const std::unique_lock showing(m_showing, kShowPatience);
     ShowStatus({});
 }
 

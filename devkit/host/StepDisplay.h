@@ -1,7 +1,6 @@
 // Shows the steps of an installation or a removal while it is under way.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -29,9 +28,13 @@ public:
 
 private:
     void Update(const DriverRuns &runs);
+    void ShowCurrent(const DriverRuns &runs);
+    void ShowNothing();
 
     std::thread m_updater;
-    std::mutex m_lock;
+    std::mutex m_lock;  ///< Of the end.
     std::condition_variable m_wake;
     bool m_ends = false;
+    /// A run that has ended is not shown again. A thread that is killed may keep this; nobody waits for ever.
+    std::timed_mutex m_showing;
 };

@@ -29,7 +29,7 @@ void CLogGrabber::DoLogRecord(wxLogLevel level, const wxString &message, const w
     }
     if (m_impl->next == nullptr)
         ThreadLog::TellLine(level, message, info);
-    if (m_impl->next != nullptr)
+    else
         m_impl->next->LogRecord(level, message, info);
 }
 

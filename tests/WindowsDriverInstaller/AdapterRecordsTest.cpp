@@ -44,7 +44,7 @@ protected:
     /// Reads while something fails that must not end the enumeration. @return the first record of the two.
     TcpAdapter FirstWhile(const std::string &function, unsigned nth = 1) {
         const auto plan = simulation().GetFaults().FailNth(function, nth, static_cast<DWORD>(E_FAIL));
-        const TcpAdapter first = First();
+        TcpAdapter first = First();
         EXPECT_TRUE(plan->Hit()) << function;
         return first;
     }
@@ -243,7 +243,7 @@ TEST_F(AdapterRecords, TakeTheAddressZeroForNone) {
 TEST_F(AdapterRecords, TakeWhatIsNoAddressForNone) {
     for (const char *text : {"no address", "256.0.0.1", "255.255.255.255"}) {
         ChangeFirst([text](auto &adapter) { adapter.ip = adapter.gateway = text; });
-        const TcpAdapter first = First();
+        TcpAdapter first = First();
         EXPECT_EQ(first.ipAddress, kNone) << text;
         EXPECT_EQ(first.gatewayAddress, kNone) << text;
     }
@@ -513,7 +513,7 @@ TEST_F(AdapterRecords, AreNotBoundToWhatIsNotThere) {
                 network().Put({.id = ids[i]});
             network().Bind(kFirst, ids[i]);
         }
-        const TcpAdapter first = First();
+        TcpAdapter first = First();
         EXPECT_EQ(first.boundToIp, (missing & 3U) != 3U);
         EXPECT_EQ(first.boundToFilter, (missing & 4U) == 0);
     }

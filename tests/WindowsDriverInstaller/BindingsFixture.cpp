@@ -72,7 +72,7 @@ void BindingsFixture::PutFilter() {
 
 std::wstring BindingsFixture::PutNamed(const std::wstring &name, const std::vector<BYTE> &mac, DWORD characteristics,
                                        bool boundToIp) {
-    const std::wstring node = L"PCI\\" + name + L"\\1";
+    std::wstring node = L"PCI\\" + name + L"\\1";
     network().PutAdapter({.id = L"PCI\\" + name,
                           .bindName = L"{" + name + L"}",
                           .pnpDevNodeId = node,
@@ -146,7 +146,7 @@ Texts BindingsFixture::LeftSince(const Simulator::BalanceSnapshot &before) {
 
 InstallOutcome BindingsFixture::InstallInBalance() {
     const Simulator::BalanceSnapshot before = balance().Take();
-    const InstallOutcome installation = Install();
+    InstallOutcome installation = Install();
     // The watchdog's thread gives back its own last of all.
     for (int i = 0; i < 1000 && !LeftSince(before).empty(); ++i)
         Simulator::System::Sleep::Real(10);

@@ -77,8 +77,8 @@ bool IsRas(const Record &record) {
 class World {
 public:
     explicit World(const Machine &machine) : m_machine(machine) {
-        for (std::size_t i = 0; i < machine.adapters.size(); ++i)
-            Put(machine.adapters[i]);
+        for (const Adapter &adapter : machine.adapters)
+            Put(adapter);
         m_hasFilter = machine.kind != Machine::Kind::Fresh;
         m_driverAnswers = machine.kind == Machine::Kind::Upgrade || machine.kind == Machine::Kind::Forced;
     }

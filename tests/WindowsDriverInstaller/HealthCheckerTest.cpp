@@ -56,7 +56,7 @@ protected:
         const bool healthy = AdaptorHealthChecker(before)(now);
         const std::vector<std::string> messages = TakeTracedMessages("NDIS");
         EXPECT_EQ(messages.size(), 1U);
-        const std::string message = messages.empty() ? "" : messages.front();
+        std::string message = messages.empty() ? "" : messages.front();
         EXPECT_EQ(healthy, message == kHealthy || message == kUnbound) << message;
         return message;
     }

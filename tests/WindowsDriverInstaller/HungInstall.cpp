@@ -14,8 +14,8 @@ using std::chrono::steady_clock;
 
 namespace {
 
-/// Real milliseconds in which a killed thread ends.
-constexpr DWORD kKilledThreadEndsMs = 100;
+/// Real milliseconds in which a thread that is to live on would end if it were killed.
+constexpr DWORD kLivesOnMs = 100;
 /// The caller warns of a minute without a heartbeat, so the clock never goes so far at a time while the watchdog works.
 constexpr std::uint64_t kLeapMs = 50'000;
 constexpr std::uint64_t kCallersPatienceMs = 3'600'000;
@@ -114,7 +114,7 @@ void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
         std::erase_if(outcome.inFlight, IsThread);
         outcome.waitedToTheEnd = waited && hung.AdvanceTo(deadline);
         AwaitAnswer(outcome);
-        outcome.killed = worker.AwaitEnd(kKilledThreadEndsMs);
+        outcome.killed = worker.AwaitEnd(place.step == "ThreadRunning" ? kLivesOnMs : kPatienceMs);
         call->Release();
     });
     outcome.ended = worker.AwaitEnd(kPatienceMs);

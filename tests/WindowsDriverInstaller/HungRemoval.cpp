@@ -7,8 +7,8 @@ using std::chrono::steady_clock;
 
 namespace {
 
-/// Real milliseconds in which a killed thread ends.
-constexpr DWORD kUntilKilledMs = 100;
+/// Real milliseconds in which a worker that is to live on would end if it were killed.
+constexpr DWORD kWorkerLivesOnMs = 100;
 
 /// The thread that has called the function last; 0 if none has.
 DWORD LastCallerOf(const std::string &function, const Simulator::Journal &journal) {
@@ -26,7 +26,7 @@ void HungRemoval::PutRight() {
     simulation().GetRegistry().Remove(HKEY_LOCAL_MACHINE, kMiniportKey);
 }
 
-Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs) {
+Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate) {
     const Simulator::FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep", 1);
     const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth);
     const int objects = VtaCore::Control::LiveObjects();
@@ -44,7 +44,7 @@ Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_
         if (!hung.AwaitReturn())
             call->Release();
     });
-    hang.killed = worker.AwaitEnd(kUntilKilledMs);
+    hang.killed = worker.AwaitEnd(fate == Fate::LivesOn ? kWorkerLivesOnMs : kPatienceMs);
     simulation().GetFaults().Clear();
     hang.ended = worker.AwaitEnd(kPatienceMs);
     hang.destroyed = HungCall::AwaitObjects(objects, before);

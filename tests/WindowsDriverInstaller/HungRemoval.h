@@ -20,11 +20,14 @@ struct Hang : HangResult {
 /// step in which that happens, and the clock stands still up to there.
 class HungRemoval : public RemovalFixture {
 protected:
+    /// What is to become of the worker, which tells how long to wait for its end.
+    enum class Fate { Killed, LivesOn };
+
     /// Hangs the call, moves the clock to the last millisecond before the deadline and then to it. A call whose thread
     /// lives on is let go in the end. No fault is left.
     /// @param nth         among the calls of all threads.
     /// @param deadlineMs  simulated milliseconds from the beginning of the removal.
-    Hang HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs);
+    Hang HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate = Fate::Killed);
 
     /// For `meanwhile`: until the worker of the removal under way has ended, for some real seconds at the most.
     [[nodiscard]] bool AwaitEndOfWorker();

@@ -53,8 +53,6 @@ protected:
     [[nodiscard]] std::size_t Removals(const InstallOutcome &outcome);
     [[nodiscard]] std::string SystemFile();
 
-    /// What happens in a moment of the network, behind the loading and unloading of the driver in our version.
-    void OnMoment(const std::function<void(const Simulator::NetworkMoment &)> &also);
     /// The adapters lose their connection as soon as the filter is installed, for good.
     void BreakNetworkWhenInstalled();
     void TakeAllAdaptersOffline();
@@ -67,8 +65,10 @@ protected:
     [[nodiscard]] bool AwaitLooks(unsigned looks = 3);
     [[nodiscard]] bool AwaitReturn();
     void AdvanceMs(std::int64_t milliseconds);
+    /// The same in leaps, with a look of the watchdog at the worker behind each.
+    void PassTime(std::int64_t milliseconds);
 
-    /// The call hangs until the time is up; the clock then stands so far behind the moment of the hang.
+    /// The call hangs until the time is up: so long behind the moment of the hang, or a little later.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);
 
 private:

@@ -54,19 +54,17 @@ InstallRoads::InstallRoads() {
     const DWORD first = IndexOf(m_withoutDriver, kFirst);
     m_withoutDriver.arp = {{first, "10.0.0.1", {2, 0, 0, 0, 0, 1}},
                            {first, "10.0.0.77", {2, 0, 0, 0, 0, 7}, MIB_IPNET_TYPE_STATIC}};
-    network().OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.component != L"qbimvta")
             return;
         if (moment.what == NetworkMoment::What::Installed) {
-            SetRunningVersion(kOurVersion);
             simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kFilterServiceKey);
             if (m_road == Road::BrokenNetwork)
                 BreakNetwork();
         } else if (moment.what == NetworkMoment::What::Removed) {
-            SetRunningVersion(std::nullopt);
             simulation().GetRegistry().Remove(HKEY_LOCAL_MACHINE, kFilterServiceKey);
         }
-    });
+    };
     simulation().GetDevices().OnChange([this](const Simulator::DeviceChange &change) {
         if (change.instanceId == kFirst && change.state == DICS_ENABLE)
             network().ChangeAdapter(kFirst, [](Simulator::NetworkAdapter &adapter) { adapter.ip = kFirstAddress; });

@@ -23,8 +23,7 @@ inline constexpr std::array<Road, 6> kRoads{
 [[nodiscard]] bool IsUpgrade(Road road);
 
 /// On every road there is a third adapter, without TCP/IP, which an installation is to leave unbound; a key for the
-/// filter's service as soon as the filter is installed; and the key of the system's own NDIS parameters. The driver
-/// that an installation loads is ours: SetVersionAfterInstall has no effect.
+/// filter's service as soon as the filter is installed; and the key of the system's own NDIS parameters.
 class InstallRoads : public InstallFixture {
 protected:
     InstallRoads();

@@ -221,10 +221,10 @@ TEST_F(InstallSteps, InstallNothingWhereTheRemovalFailed) {
 
 TEST_F(InstallSteps, WaitUntilTheOldDriverIsUnloaded) {
     InstallOldDriver({1, 2, 3, 4});
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Removed)
             SetRunningVersion(Version{1, 2, 3, 4});
-    });
+    };
     int asked = 0;
     Vti::TheDriver().onCall = [&asked](Vti::Driver &driver, const std::string &call) {
         if (call == "vti_open()" && ++asked == 5)  // the decision asks first
@@ -244,10 +244,10 @@ TEST_F(InstallSteps, WaitUntilTheOldDriverIsUnloaded) {
 
 TEST_F(InstallSteps, WaitNoLongerThanHalfAMinuteForTheOldDriverAndInstallAllTheSame) {
     InstallOldDriver({1, 2, 3, 4});
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Removed)
             SetRunningVersion(Version{1, 2, 3, 4});
-    });
+    };
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_EQ(Count(WorkerLog(outcome), "  Driver version 1.2.3.4 is still loaded\n"), 60U);
@@ -570,10 +570,10 @@ TEST_F(InstallSteps, FailWhereTheConfigurationCantBeOpenedForTheInstallation) {
 TEST_F(InstallSteps, OnAnEmbeddedSystemHaveTheDriverInTheSystemsFolderWhileItIsInstalled) {
     MakeSystemEmbedded();
     bool there = false;
-    OnMoment([&](const NetworkMoment &moment) {
+    onMoment = [&](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             there = exists(WindowsCopy());
-    });
+    };
     EXPECT_TRUE(Succeeded(Install()));
     EXPECT_TRUE(there);
     EXPECT_FALSE(exists(WindowsCopy()));

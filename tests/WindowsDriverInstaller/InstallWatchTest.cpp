@@ -266,10 +266,10 @@ TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kSecond, L"qbimvta", false);
     // The filter is there and bound to both when its changes can't be applied.
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             faults().FailNth("INetCfg::Apply", 1, static_cast<DWORD>(E_FAIL));
-    });
+    };
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "ApplyingInetCfgChanges");
     EXPECT_FALSE(Has(outcome.ThreadLog(), "Restoring network bindings."));
@@ -315,24 +315,24 @@ TEST_F(InstallWatch, RebindsWhereADriverOfAnotherVersionIsLoadedAndAsksForAReboo
 }
 
 TEST_F(InstallWatch, AsksForARebootEvenWhenRebindingHasLoadedTheRightVersion) {
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             SetRunningVersion(Version{1, 0, 0, 0});
         else if (moment.what == What::BindingEnabled)
             SetRunningVersion(kOurVersion);
-    });
+    };
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("2.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
 }
 
 TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersBehindTheRebinding) {
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             SetRunningVersion(Version{1, 0, 0, 0});
         else if (moment.what == What::BindingDisabled)
             SetRunningVersion(std::nullopt);
-    });
+    };
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("0.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
@@ -340,12 +340,12 @@ TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersBehindTheRebinding) {
 
 TEST_F(InstallWatch, AsksForNoRebootWhenNoDriverAnswersAndOursHasVersionZero) {
     SetOurVersion({0, 0, 0, 0});
-    OnMoment([this](const NetworkMoment &moment) {
+    onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             SetRunningVersion(Version{1, 0, 0, 0});
         else if (moment.what == What::BindingDisabled)
             SetRunningVersion(std::nullopt);
-    });
+    };
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_TRUE(Has(outcome.ThreadLog(), kStale));

@@ -80,7 +80,8 @@ private:
     }
 
     void HangAt(const Place &place) {
-        const Hang hang = HangIn(place.function, place.nth, place.deadlineMs);
+        const bool letGo = place.step == "ThreadRunning";
+        const Hang hang = HangIn(place.function, place.nth, place.deadlineMs, letGo ? Fate::LivesOn : Fate::Killed);
         EXPECT_TRUE(hang.met);
         EXPECT_TRUE(hang.waitedToTheEnd);
         EXPECT_EQ(hang.removal.tookMs, place.deadlineMs);
@@ -90,7 +91,7 @@ private:
         EXPECT_EQ(simulation().GetClock().Waiting(), 0U);
         m_report.Add(hang.returnedAfterMs);
         ExpectInFlight(place, hang);
-        if (place.step == "ThreadRunning")
+        if (letGo)
             ExpectLetGo(hang);
         else
             ExpectKilled(place, hang);

@@ -60,9 +60,9 @@ std::string Hex(Code code) {
     return text;
 }
 
-class Road {
+class RemovalRun {
 public:
-    Road(const ModelMachine &machine, const Fault &fault) : m_fault(fault) { m.machine = machine; }
+    RemovalRun(const ModelMachine &machine, const Fault &fault) : m_fault(fault) { m.machine = machine; }
 
     Expectation Take(bool ownThread);
 
@@ -126,7 +126,7 @@ private:
     bool m_hasToken = false;
 };
 
-bool Road::Strikes(const std::string &function) {
+bool RemovalRun::Strikes(const std::string &function) {
     m.calls.push_back(function);
     const bool strikes = function == m_fault.function && ++m_seen == m_fault.nth;
     if (strikes) {
@@ -137,7 +137,7 @@ bool Road::Strikes(const std::string &function) {
 }
 
 /// A call that says yes or no, and why not by the last error.
-bool Road::Works(const std::string &function, bool possible, Code error) {
+bool RemovalRun::Works(const std::string &function, bool possible, Code error) {
     if (Strikes(function))
         return false;
     if (!possible)
@@ -146,41 +146,41 @@ bool Road::Works(const std::string &function, bool possible, Code error) {
 }
 
 /// A call that returns a code.
-Code Road::Status(const std::string &function, Code otherwise) {
+Code RemovalRun::Status(const std::string &function, Code otherwise) {
     return Strikes(function) ? m_fault.code : otherwise;
 }
 
 /// A failure to give something back is no failure of the removal.
-bool Road::Close(const std::string &function, const char *kind) {
+bool RemovalRun::Close(const std::string &function, const char *kind) {
     const bool closed = !Strikes(function);
     if (!closed)
         ++m.left[kind];
     return closed;
 }
 
-void Road::Report(Code code, const std::string &call) {
+void RemovalRun::Report(Code code, const std::string &call) {
     Error(call + ": ... (" + Hex(code) + ")");
     m.events.push_back("3005 " + call + " (" + Hex(code) + ")");
 }
 
-void Road::Start(const Step &step) {
+void RemovalRun::Start(const Step &step) {
     if (step.logged)
         Print(">" + std::string(step.name) + ". " + std::to_string(step.limit) + "s max");
     m_steps.push_back(step.id);
 }
 
-void Road::End(const Step &step) {
+void RemovalRun::End(const Step &step) {
     m_steps.pop_back();
     if (step.logged)
         Print("<" + std::string(step.name));
 }
 
-void Road::Note() {
+void RemovalRun::Note() {
     if (m.failedStep == Expectation::kNoStep)
         m.failedStep = m_steps.back();
 }
 
-Code Road::Call(const Step &step, const std::string &function, const std::string &name, Code otherwise) {
+Code RemovalRun::Call(const Step &step, const std::string &function, const std::string &name, Code otherwise) {
     Start(step);
     const Code hr = Status(function, otherwise);
     if (Failed(hr)) {
@@ -191,7 +191,7 @@ Code Road::Call(const Step &step, const std::string &function, const std::string
     return hr;
 }
 
-Expectation Road::Take(bool ownThread) {
+Expectation RemovalRun::Take(bool ownThread) {
     m.left[kHandle] = 1;  // the event, which stays for good
     (void)Works("CreateEventW");
     Start(kThreadRunning);
@@ -209,7 +209,7 @@ Expectation Road::Take(bool ownThread) {
     return m;
 }
 
-bool Road::Uninstall() {
+bool RemovalRun::Uninstall() {
     Print("UninstallDriver running.");
     const bool loaded = Works("LoadLibraryW");
     const bool byHand = !Works("GetModuleHandleW") || !Works("GetProcAddress", m.machine.hasUninstallOemInf);
@@ -240,7 +240,7 @@ bool Road::Uninstall() {
 }
 
 /// Both files are there, or neither.
-void Road::RemoveHealthFiles() {
+void RemovalRun::RemoveHealthFiles() {
     if (!Works("GetSystemDirectoryW"))
         return;
     const bool first = Works("GetFileAttributesW", m.machine.hasHealthFiles);
@@ -248,7 +248,7 @@ void Road::RemoveHealthFiles() {
     m.machine.hasHealthFiles = m.machine.hasHealthFiles && !(first && second);
 }
 
-bool Road::ServiceIsThere() {
+bool RemovalRun::ServiceIsThere() {
     if (!Works("OpenSCManagerW"))
         return false;
     const bool opened = Works("OpenServiceW", m.machine.hasService, kErrorNoService);
@@ -258,7 +258,7 @@ bool Road::ServiceIsThere() {
     return opened;
 }
 
-bool Road::ServiceRuns() {
+bool RemovalRun::ServiceRuns() {
     if (!Works("OpenSCManagerW"))
         return false;
     bool runs = false;
@@ -271,7 +271,7 @@ bool Road::ServiceRuns() {
     return runs;
 }
 
-bool Road::StopService() {
+bool RemovalRun::StopService() {
     if (!ServiceRuns())
         return true;
     if (!Works("OpenSCManagerW")) {
@@ -296,7 +296,7 @@ bool Road::StopService() {
     return stopped;
 }
 
-bool Road::UninstallWfp() {
+bool RemovalRun::UninstallWfp() {
     Start(kUninstallingWfp);
     bool result = RunInf();
     if (result && ServiceIsThere())
@@ -305,7 +305,7 @@ bool Road::UninstallWfp() {
     return result;
 }
 
-bool Road::RunInf() {
+bool RemovalRun::RunInf() {
     if (!Works("GetFileAttributesW")) {
         Error("WFP callout INF file doesn't exist: " + m.machine.wfpFolder + "netqbimwfp.inf");
         return false;
@@ -323,7 +323,7 @@ bool Road::RunInf() {
     return found;
 }
 
-bool Road::DeleteService() {
+bool RemovalRun::DeleteService() {
     if (!Works("OpenSCManagerW")) {
         Error("OpenSCManager: error=" + std::to_string(m_error));
         return false;
@@ -344,7 +344,7 @@ bool Road::DeleteService() {
     return deleted;
 }
 
-Code Road::UninstallComponent(const std::string &id, bool &notInstalled) {
+Code RemovalRun::UninstallComponent(const std::string &id, bool &notInstalled) {
     notInstalled = false;
     Print("Trying to uninstall '" + id + "'...");
     Code hr = Acquire(true);
@@ -364,7 +364,7 @@ Code Road::UninstallComponent(const std::string &id, bool &notInstalled) {
     return hr;
 }
 
-Code Road::Find(const std::string &id) {
+Code RemovalRun::Find(const std::string &id) {
     const bool there = (id == "qbimvta" && m.machine.hasFilter) || (id == "QBIMVTA_MP" && m.machine.hasMiniport);
     const Code hr = Status("INetCfg::FindComponent", there ? kOk : kFalse);
     if (Failed(hr))
@@ -372,7 +372,7 @@ Code Road::Find(const std::string &id) {
     return hr;
 }
 
-Code Road::RemoveComponent(const std::string &id) {
+Code RemovalRun::RemoveComponent(const std::string &id) {
     Start(kFinding);
     Code hr = Find(id);
     End(kFinding);
@@ -392,12 +392,12 @@ Code Road::RemoveComponent(const std::string &id) {
     return hr;
 }
 
-Code Road::InitializeCom() {
+Code RemovalRun::InitializeCom() {
     const Code hr = Status("CoInitializeEx");
     return hr == kChangedMode ? Status("CoInitializeEx") : hr;
 }
 
-Code Road::Acquire(bool writeLock) {
+Code RemovalRun::Acquire(bool writeLock) {
     Code hr = InitializeCom();
     if (Failed(hr)) {
         Report(hr, "CoInitializeEx");
@@ -413,7 +413,7 @@ Code Road::Acquire(bool writeLock) {
     return hr;
 }
 
-Code Road::Open(bool writeLock) {
+Code RemovalRun::Open(bool writeLock) {
     Code hr = Status("CoCreateInstance");
     if (Failed(hr)) {
         Report(hr, "CoCreateInstance(CLSID_CNetCfg)");
@@ -435,7 +435,7 @@ Code Road::Open(bool writeLock) {
     return hr;
 }
 
-Code Road::AcquireLock() {
+Code RemovalRun::AcquireLock() {
     Code hr = Status("INetCfg::QueryInterface");
     if (Failed(hr)) {
         Report(hr, "INetCfg::QueryInterface(IID_INetCfgLock)");
@@ -459,7 +459,7 @@ Code Road::AcquireLock() {
     return hr;
 }
 
-void Road::Release(bool writeLock) {
+void RemovalRun::Release(bool writeLock) {
     Start(kReleasingNetCfg);
     Code hr = Status("INetCfg::Uninitialize");
     if (Failed(hr)) {
@@ -479,7 +479,7 @@ void Road::Release(bool writeLock) {
     End(kReleasingNetCfg);
 }
 
-Code Road::RemoveInfs(bool byHand) {
+Code RemovalRun::RemoveInfs(bool byHand) {
     Start(kRemovingInfs);
     const bool folder = !Failed(Status("SHGetFolderPathW"));
     Code status = Status("SHGetFolderPathW");
@@ -498,7 +498,7 @@ Code Road::RemoveInfs(bool byHand) {
     return status;
 }
 
-bool Road::IsOurs(const ModelInf &inf) {
+bool RemovalRun::IsOurs(const ModelInf &inf) {
     if (!Works("CreateFileW"))
         return false;
     bool matches = false;
@@ -514,7 +514,7 @@ bool Road::IsOurs(const ModelInf &inf) {
     return matches;
 }
 
-void Road::Sweep(ModelInf &inf, bool byHand, bool catalogs, Code &status) {
+void RemovalRun::Sweep(ModelInf &inf, bool byHand, bool catalogs, Code &status) {
     Print("Matched '" + inf.driver + "' in file '" + m.machine.infFolder + inf.name + "'. Deleting this inf+pnf+cat.");
     (void)Works("SetFileAttributesW");
     if (byHand)
@@ -525,7 +525,7 @@ void Road::Sweep(ModelInf &inf, bool byHand, bool catalogs, Code &status) {
 }
 
 /// @return whether it is gone.
-bool Road::Delete(bool possible, const std::string &path, Code &status) {
+bool RemovalRun::Delete(bool possible, const std::string &path, Code &status) {
     (void)Works("SetFileAttributesW");
     if (Works("DeleteFileW", possible, kErrorInUse))
         return true;
@@ -536,14 +536,14 @@ bool Road::Delete(bool possible, const std::string &path, Code &status) {
     return false;
 }
 
-void Road::RemoveByHand(ModelInf &inf, bool catalogs, Code &status) {
+void RemovalRun::RemoveByHand(ModelInf &inf, bool catalogs, Code &status) {
     const std::string name = inf.name.substr(0, inf.name.rfind('.'));
     (void)Delete(true, m.machine.infFolder + name + ".pnf", status);
     inf.isGone = Delete(!inf.inUse, m.machine.infFolder + name + ".inf", status);
     (void)Delete(catalogs, m.machine.catalogFolder + name + ".cat", status);
 }
 
-Code Road::CheckPresence() {
+Code RemovalRun::CheckPresence() {
     Start(kChecking);
     Code hr = Acquire(false);
     if (hr == kOk) {
@@ -554,7 +554,7 @@ Code Road::CheckPresence() {
     return hr;
 }
 
-Code Road::CleanUpOrphans() {
+Code RemovalRun::CleanUpOrphans() {
     Start(kCleaningUp);
     int attempts = 0;
     Code hr = kOk;
@@ -587,7 +587,7 @@ Code Road::CleanUpOrphans() {
 }
 
 /// The devices are somebody else's adapter, and behind it the miniport if one is left.
-bool Road::ScanIsClean() {
+bool RemovalRun::ScanIsClean() {
     if (!Works("SetupDiGetClassDevsW")) {
         Report(m_error, "SetupDiGetClassDevs");
         return true;
@@ -603,7 +603,7 @@ bool Road::ScanIsClean() {
     return !orphan;
 }
 
-bool Road::IsOrphan(bool isMiniport) {
+bool RemovalRun::IsOrphan(bool isMiniport) {
     if (!Works("SetupDiGetDeviceInstanceIdW")) {
         Report(m_error, "SetupDiGetDeviceInstanceId");
         return false;
@@ -615,7 +615,7 @@ bool Road::IsOrphan(bool isMiniport) {
     return isMiniport;
 }
 
-void Road::CleanUpRegistry() {
+void RemovalRun::CleanUpRegistry() {
     Print(std::string("cleanup_registry: Scanning for registry key ") + kKeyPath);
     if (Status("RegOpenKeyExW", m.machine.miniportKey.empty() ? kErrorFileNotFound : kOk) != kOk) {
         Print("    cleanup_registry: no matches found");
@@ -628,7 +628,7 @@ void Road::CleanUpRegistry() {
     Print(deleted ? "    cleanup_registry: successfuly deleted" : "    cleanup_registry: failed to delete");
 }
 
-void Road::TakeOwnership() {
+void RemovalRun::TakeOwnership() {
     if (!Works("AllocateAndInitializeSid"))
         return Print("TakeOwnership: AllocateAndInitializeSid (Everyone) error " + std::to_string(m_error));
     if (Works("AllocateAndInitializeSid")) {
@@ -642,7 +642,7 @@ void Road::TakeOwnership() {
         (void)Close("CloseHandle", kHandle);
 }
 
-void Road::UseSids() {
+void RemovalRun::UseSids() {
     if (Status("SetEntriesInAclW") != kOk)
         return Print("TakeOwnership: Failed SetEntriesInAcl");
     const Code first = Status("SetNamedSecurityInfoW", m.machine.keyIsProtected ? kErrorAccessDenied : kOk);
@@ -658,7 +658,7 @@ void Road::UseSids() {
     }
 }
 
-void Road::UseToken() {
+void RemovalRun::UseToken() {
     if (!SetPrivilege())
         return Print("TakeOwnership: Must be logged on as Administrator");
     const Code owned = Status("SetNamedSecurityInfoW");
@@ -673,12 +673,12 @@ void Road::UseToken() {
     m.machine.keyIsProtected = false;
 }
 
-bool Road::SetPrivilege() {
+bool RemovalRun::SetPrivilege() {
     return Works("LookupPrivilegeValueW") && Works("AdjustTokenPrivileges");
 }
 
 /// A key with subkeys can't be deleted, nor one that is protected.
-bool Road::DeleteKey(std::vector<ModelKey> &keys, const std::string &name) {
+bool RemovalRun::DeleteKey(std::vector<ModelKey> &keys, const std::string &name) {
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const ModelKey &other) { return other.name == name; });
     if (!Works("RegDeleteKeyW", key->subkeys.empty() && !m.machine.keyIsProtected))
         return false;
@@ -686,7 +686,7 @@ bool Road::DeleteKey(std::vector<ModelKey> &keys, const std::string &name) {
     return true;
 }
 
-bool Road::DeleteTree(std::vector<ModelKey> &keys, const std::string &name) {
+bool RemovalRun::DeleteTree(std::vector<ModelKey> &keys, const std::string &name) {
     if (DeleteKey(keys, name))
         return true;
     const Code opened = Status("RegOpenKeyExW");
@@ -703,5 +703,5 @@ bool Road::DeleteTree(std::vector<ModelKey> &keys, const std::string &name) {
 }  // namespace
 
 Expectation ExpectRemoval(const ModelMachine &machine, const Fault &fault, bool ownThread) {
-    return Road(machine, fault).Take(ownThread);
+    return RemovalRun(machine, fault).Take(ownThread);
 }

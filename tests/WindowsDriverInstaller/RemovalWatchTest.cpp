@@ -98,7 +98,7 @@ TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
 
 TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps) {
     simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE);
-    const Hang hang = HangIn("ControlService", 1, 3'600'000);
+    const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.met);
     EXPECT_FALSE(hang.removal.result);
     EXPECT_FALSE(hang.killed);
@@ -109,7 +109,7 @@ TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps)
 }
 
 TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheHourIsUp) {
-    const Hang hang = HangIn("ControlService", 1, 3'600'000);
+    const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.waitedToTheEnd);
     EXPECT_FALSE(hang.removal.result);
     EXPECT_FALSE(hang.killed);

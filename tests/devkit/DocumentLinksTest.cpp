@@ -16,7 +16,8 @@ namespace {
 const std::filesystem::path kDocuments = FC_DOCUMENTS;
 
 std::vector<std::filesystem::path> Documents() {
-    std::vector<std::filesystem::path> documents{kDocuments.parent_path() / "README.md"};
+    const std::filesystem::path root = kDocuments.parent_path();
+    std::vector<std::filesystem::path> documents{root / "README.md", root / "CONTRIBUTING.md"};
     for (const auto &entry : std::filesystem::directory_iterator(kDocuments))
         if (entry.path().extension() == ".md")
             documents.push_back(entry.path());
@@ -74,7 +75,7 @@ std::set<std::string> Places(const std::string &text) {
 TEST(DocumentLinks, LeadToFilesThatExist) {
     std::size_t count = 0;
     for (const std::filesystem::path &document : Documents()) {
-        for (const std::string &link : RelativeLinks(ReadFile(document.wstring()))) {
+        for (const std::string &link : RelativeLinks(TextOfFile(document.wstring()))) {
             EXPECT_TRUE(std::filesystem::exists(document.parent_path() / link))
                 << document.string() << " links to " << link;
             ++count;
@@ -86,10 +87,10 @@ TEST(DocumentLinks, LeadToFilesThatExist) {
 TEST(DocumentLinks, LeadToPlacesThatExist) {
     std::size_t count = 0;
     for (const std::filesystem::path &document : Documents()) {
-        const std::string text = ReadFile(document.wstring());
+        const std::string text = TextOfFile(document.wstring());
         for (const PlaceLink &link : LinksToPlaces(text)) {
             const std::string there =
-                link.file.empty() ? text : ReadFile((document.parent_path() / link.file).wstring());
+                link.file.empty() ? text : TextOfFile((document.parent_path() / link.file).wstring());
             EXPECT_TRUE(Places(there).contains(link.place))
                 << document.string() << " links to " << link.file << "#" << link.place;
             ++count;

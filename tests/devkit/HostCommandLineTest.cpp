@@ -100,7 +100,7 @@ TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
 TEST(HostCommandLine, NamesAPartOfTheReportThatTheProgramLacks) {
     const TemporaryFolder folder;
     CopyBinariesWithout(L"", folder.Path());
-    std::string image = ReadFile(folder.At(L"fc-host.exe"));
+    std::string image = TextOfFile(folder.At(L"fc-host.exe"));
     const std::string style("S\0T\0Y\0L\0E", 9);  // the resource's name ends so; it comes behind the code's texts
     const std::size_t at = image.rfind(style);
     ASSERT_NE(at, std::string::npos);

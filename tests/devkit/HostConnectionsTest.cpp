@@ -34,7 +34,7 @@ protected:
             {L"--quiet", L"--fast", L"1", kExample, folder.Write(L"conn.log", log), L"--out", folder.At(L"out")});
     }
     JsonPtr Result() const {
-        JsonPtr json(cJSON_Parse(ReadFile(folder.At(L"out\\connections.json")).c_str()));
+        JsonPtr json(cJSON_Parse(TextOfFile(folder.At(L"out\\connections.json")).c_str()));
         EXPECT_NE(json, nullptr);
         return json;
     }
@@ -98,7 +98,7 @@ TEST_F(Connections, CountsEveryRowOfTheSample) {
     const HostRun run = RunHost({L"--quiet", L"--fast", L"60", kExample, L"--out", folder.At(L"out")});
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.err, "");
-    const std::string log = ReadFile(std::filesystem::path(EXAMPLES_FOLDER "/conn.log").wstring());
+    const std::string log = TextOfFile(std::filesystem::path(EXAMPLES_FOLDER "/conn.log").wstring());
     const int rows = CountRows(log, {});
     const JsonPtr json = Result();
     const cJSON *kinds = cJSON_GetObjectItem(json.get(), "kinds");

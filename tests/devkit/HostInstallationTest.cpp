@@ -235,12 +235,13 @@ TEST(HostInstallation, ANetworkThatStaysBrokenEndsInARestartOfTheAdapterAndARebo
     (void)RunInstallScript(R"(
         ready "2.0.0.0"
         machine.when({ happens = "installed", component = "qbimvta" }, E, { connected = false })
-        machine.when({ happens = "disabled", adapter = E }, W, { frames = 1 })
+        machine.when({ happens = "disabled", adapter = E }, W, { gateway = "198.51.100.2" })
         machine.when({ happens = "enabled", adapter = E }, E, { connected = true })
-        machine.when({ happens = "unbound", component = "nothing" }, E, { connected = false })
+        machine.when({ happens = "unbound", component = "nothing" }, W, { connected = false })
         local events, reboots = install()
         assert(events[1007] and reboots == 1, reboots)
         assert(adapter(E).connected and adapter(E).enabled)
+        assert(adapter(W).gateway == "198.51.100.2" and adapter(W).connected)
     )");
 }
 

@@ -90,7 +90,7 @@ TEST(HostMachine, KeepsTheAgentsFilesThatAreThere) {
     ASSERT_TRUE(std::filesystem::create_directory(diag));
     const std::wstring log = folder.Write(L"diag\\vt_filter_json.log", "{}\n");
     ExpectPasses("host.use_program_data(arg[1])", {}, folder.Path().wstring());
-    EXPECT_EQ(ReadFile(log), "{}\n");
+    EXPECT_EQ(TextOfFile(log), "{}\n");
 }
 
 TEST(HostMachine, SaysWhichFolderItCannotMake) {

@@ -77,8 +77,8 @@ HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &i
         (void)WaitForSingleObject(process.get(), INFINITE);
     }
     GetExitCodeProcess(process.get(), &run.exitCode);
-    run.out = ReadFile(streams.At(L"out"));
-    run.err = ReadFile(streams.At(L"err"));
+    run.out = TextOfFile(streams.At(L"out"));
+    run.err = TextOfFile(streams.At(L"err"));
     return run;
 }
 
@@ -101,7 +101,7 @@ std::wstring TemporaryFolder::Write(const std::wstring &name, const std::string 
     return path.wstring();
 }
 
-std::string ReadFile(const std::wstring &path) {
+std::string TextOfFile(const std::wstring &path) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
     EXPECT_TRUE(file.is_open()) << "there is no file " << std::filesystem::path(path).string();
     return std::string(std::istreambuf_iterator<char>(file), {});

@@ -42,7 +42,7 @@ private:
 };
 
 /// The whole file; fails the test where there is none.
-std::string ReadFile(const std::wstring &path);
+std::string TextOfFile(const std::wstring &path);
 
 /// Writes the text to a script and runs that.
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options = {});

@@ -61,7 +61,7 @@ protected:
 
     /// The data of the page.
     JsonPtr Data() const {
-        const std::string page = ReadFile(path);
+        const std::string page = TextOfFile(path);
         EXPECT_LT(page.size(), kMaxPageBytes);
         JsonPtr json(cJSON_Parse(Between(page, R"(id="run">)", "</script>").c_str()));
         EXPECT_NE(json, nullptr);
@@ -77,7 +77,7 @@ protected:
 TEST_F(HostReport, IsOnePageThatNeedsNothingElse) {
     const HostRun run = Run("check 'Deactivated'");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
-    const std::string page = ReadFile(path);
+    const std::string page = TextOfFile(path);
     EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0U);
     EXPECT_FALSE(Contains(page, "/*STYLE*/") || Contains(page, "/*SCRIPT*/") || Contains(page, "/*RUN*/"));
     EXPECT_TRUE(Contains(page, "figure.className = 'chart'"));
@@ -141,7 +141,7 @@ TEST_F(HostReport, NoTextOfAScriptGetsOutOfTheData) {
         host.notify_user(1, "</SCRIPT>", "detail")
     )");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
-    const std::string page = ReadFile(path);
+    const std::string page = TextOfFile(path);
     EXPECT_FALSE(Contains(page, "alert(1)<"));
     EXPECT_FALSE(Contains(page, "</SCRIPT"));
     const std::string data = Between(page, R"(id="run">)", "</script>");

@@ -94,7 +94,7 @@ TEST(HostScript, OpensFilesByUtf8Names) {
     )");
     const HostRun run = RunHost({script, data});
     EXPECT_EQ(run.exitCode, 0U) << run.err;
-    EXPECT_EQ(ReadFile(data + L".new"), "three");
+    EXPECT_EQ(TextOfFile(data + L".new"), "three");
 }
 
 TEST(HostScript, FindsTheModuleBesideItself) {

@@ -35,15 +35,15 @@ TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
               nullptr)
         << run.out;
 
-    const std::string page = ReadFile(folder.At(L"report.html"));
+    const std::string page = TextOfFile(folder.At(L"report.html"));
     EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("failedStep":"InstallingDriver")", R"("killed":true)",
                                   R"("kind":"removal")"}),
               nullptr);
-    EXPECT_EQ(FirstMissing(ReadFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
-    EXPECT_EQ(FirstMissing(ReadFile(folder.At(L"trace.log")), {"-- 08:00:00  The drivers are installed", "\nFC-WFW ",
-                                                               "\nNDIS ", "The drivers are removed"}),
+    EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
+    EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"trace.log")), {"-- 08:00:00  The drivers are installed", "\nFC-WFW ",
+                                                                 "\nNDIS ", "The drivers are removed"}),
               nullptr);
-    EXPECT_EQ(ReadFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
+    EXPECT_EQ(TextOfFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
 }
 
 TEST(Story, SaysHowItIsStarted) {

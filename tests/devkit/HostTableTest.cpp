@@ -118,8 +118,8 @@ TEST(HostTable, AZipIsARealFile) {
     const HostRun run = RunHost({script, path});
     EXPECT_EQ(run.exitCode, 0U) << run.err;
     const std::string emptyZip("PK\x05\x06" + std::string(18, '\0'));
-    EXPECT_EQ(ReadFile(path), emptyZip);
-    EXPECT_EQ(ReadFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
+    EXPECT_EQ(TextOfFile(path), emptyZip);
+    EXPECT_EQ(TextOfFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
 }
 
 TEST(HostTable, JsonComesBackAsItWasWritten) {
@@ -133,7 +133,7 @@ TEST(HostTable, JsonComesBackAsItWasWritten) {
         assert(#back.apple == 3 and back.apple[2] == 2.5 and back.apple[3] == "x" and next(back.empty) == nil)
         assert(host.read_json(path).missing == nil)
     )");
-    const std::string text = ReadFile(path);
+    const std::string text = TextOfFile(path);
     EXPECT_LT(text.find("\"apple\""), text.find("\"empty\""));
     EXPECT_LT(text.find("\"text\""), text.find("\"zebra\""));
     EXPECT_EQ(text.back(), '\n');
@@ -166,10 +166,10 @@ TEST(HostTable, JsonIsAlwaysValidUtf8) {
     const TemporaryFolder folder;
     const std::wstring path = folder.At(L"value.json");
     ExpectPasses("host.write_json(" + LuaText(path) + ", { text = 'a\\255b' })");
-    EXPECT_TRUE(Contains(ReadFile(path),
+    EXPECT_TRUE(Contains(TextOfFile(path),
                          "a\xEF\xBF\xBD"
                          "b"))
-        << ReadFile(path);
+        << TextOfFile(path);
 }
 
 TEST(HostTable, RealTimeCannotBePutForward) {
@@ -241,7 +241,7 @@ TEST(HostTable, TheEventsFileIsWrittenHoweverTheScriptEnds) {
         const std::wstring path = folder.At(L"out\\events.json");
         (void)RunScript("host.send_event(7, 'seven') host.events() host.notify_user(0, 'a', 'b') " + std::string(end),
                         {L"--quiet", L"--events", path});
-        cJSON *json = cJSON_Parse(ReadFile(path).c_str());
+        cJSON *json = cJSON_Parse(TextOfFile(path).c_str());
         ASSERT_NE(json, nullptr);
         EXPECT_EQ(cJSON_GetArraySize(json), 2);
         const cJSON *event = cJSON_GetArrayItem(json, 0);

@@ -70,7 +70,7 @@ private:
 };
 
 std::vector<DocumentSection> SectionsOf(const char *path, const char *heading) {
-    return SectionReader(heading).Read(ReadFile(std::filesystem::path(path).wstring()));
+    return SectionReader(heading).Read(TextOfFile(std::filesystem::path(path).wstring()));
 }
 
 std::vector<DocumentSection> FunctionSections() {
@@ -104,7 +104,7 @@ std::size_t RunExamples(const std::vector<DocumentSection> &sections) {
 
 TEST(LuaDocument, HasAnExampleForEachFunctionThatCallsIt) {
     const std::vector<DocumentSection> sections = FunctionSections();
-    EXPECT_EQ(sections.size(), 29U);
+    ASSERT_FALSE(sections.empty());
     for (const DocumentSection &section : sections) {
         const std::regex call("\\b" + section.name + " ?[({]");
         bool isCalled = false;
@@ -115,7 +115,9 @@ TEST(LuaDocument, HasAnExampleForEachFunctionThatCallsIt) {
 }
 
 TEST(LuaDocument, HasExamplesThatPrintWhatStandsBelowThem) {
-    EXPECT_GE(RunExamples(FunctionSections()), 29U);
+    const std::vector<DocumentSection> sections = FunctionSections();
+    ASSERT_FALSE(sections.empty());
+    EXPECT_GE(RunExamples(sections), sections.size());
 }
 
 TEST(InstallationDocument, HasAnExampleThatPrintsWhatStandsBelowIt) {

@@ -612,7 +612,7 @@ void SweepFixture::ExpectNoGrowth(const Simulator::BalanceSnapshot &before) {
     std::cout << "new blocks of memory: " << count << ", gone: " << gone << std::endl;
 }
 
-void SweepFixture::Tell() const {
+SweepFixture::Tally SweepFixture::Tell() const {
     Tally all;
     for (std::size_t i = 0; i < functions.size(); ++i) {
         const Tally &tally = m_tallies[i];
@@ -629,4 +629,5 @@ void SweepFixture::Tell() const {
     std::cout << std::setw(32) << "all" << std::setw(7) << all.calls << " calls" << std::setw(7) << all.errors
               << " errors" << std::setw(6) << all.faults << " met a fault" << std::setw(5) << all.guarded << " guarded"
               << std::endl;
+    return all;
 }

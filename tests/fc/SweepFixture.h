@@ -96,8 +96,14 @@ protected:
     [[nodiscard]] std::size_t ValueNamed(const std::string &name) const;
     /// The numbers of a usual call's values.
     [[nodiscard]] std::vector<std::size_t> UsualArguments(std::size_t function) const;
-    /// Calls and errors of each function so far.
-    void Tell() const;
+    struct Tally {
+        unsigned calls = 0;
+        unsigned errors = 0;
+        unsigned faults = 0;   ///< Calls that met one.
+        unsigned guarded = 0;  ///< Calls.
+    };
+    /// Prints the calls of each function so far. @return those of all.
+    Tally Tell() const;
     void ExpectNoGrowth(const Simulator::BalanceSnapshot &before);
 
     Dice dice;
@@ -106,12 +112,6 @@ protected:
     const std::vector<SweptFunction> &functions = SweptFunctions();
 
 private:
-    struct Tally {
-        unsigned calls = 0;
-        unsigned errors = 0;
-        unsigned faults = 0;   ///< Calls that met one.
-        unsigned guarded = 0;  ///< Calls.
-    };
     /// How many things of a kind may stay.
     struct Stay {
         std::size_t least = 0;

@@ -28,11 +28,12 @@ protected:
     /// Libraries that stay are loaded once per process; and calls of the platform are met.
     void WarmUpThreads();
 
+    const std::size_t guardedOneIn = GuardedOneIn();
+
 private:
     /// Guarded calls take some milliseconds more.
     static constexpr std::size_t kGuardedOneIn = 40;
 
-    std::size_t m_guardedOneIn = GuardedOneIn();
     std::size_t m_run = 0;
 
     static std::size_t GuardedOneIn() {
@@ -53,7 +54,7 @@ void Sweep::NextGroup() {
 }
 
 void Sweep::RunOneOf(std::size_t function, const std::vector<std::size_t> &arguments) {
-    const SweptCall call{function, arguments, std::nullopt, m_run % m_guardedOneIn == 0};
+    const SweptCall call{function, arguments, std::nullopt, m_run % guardedOneIn == 0};
     if (StartsThreads(call))
         return;
     Run(call);
@@ -111,7 +112,7 @@ SweptCall Sweep::RandomCall(std::size_t function) {
     SweptCall call{function, RandomArguments(function)};
     if (dice.OneIn(2))
         call.fault = RandomFault(function);
-    call.guarded = dice.OneIn(m_guardedOneIn);
+    call.guarded = dice.OneIn(guardedOneIn);
     call.onCoroutine = dice.OneIn(16);
     return call;
 }
@@ -147,7 +148,6 @@ TEST_F(Sweep, HasEveryFunctionOfTheModuleAndNoOther) {
     for (lua_pushnil(lua); lua_next(lua, -2) != 0; lua_pop(lua, 1))
         registered.insert(lua_tostring(lua, -2));
     EXPECT_EQ(swept, registered);
-    EXPECT_EQ(functions.size(), 29U);
 }
 
 TEST_F(Sweep, FindsEveryFunctionHarmlessWithEveryValueInEveryPlace) {
@@ -155,7 +155,7 @@ TEST_F(Sweep, FindsEveryFunctionHarmlessWithEveryValueInEveryPlace) {
     for (std::size_t function = 0; function < functions.size() && !HasFailure(); ++function)
         TryEveryPlace(function);
     EndGroup();
-    Tell();
+    EXPECT_GT(Tell().guarded, 0U);
 }
 
 TEST_F(Sweep, FindsRandomCallsHarmlessWhileThePlatformFails) {
@@ -177,7 +177,9 @@ TEST_F(Sweep, FindsRandomCallsHarmlessWhileThePlatformFails) {
     }
     EndGroup();
     ExpectNoGrowth(before);
-    Tell();
+    const Tally all = Tell();
+    EXPECT_GT(all.faults, 1'000U);
+    EXPECT_GT(all.guarded, calls / (2 * guardedOneIn));
 }
 
 TEST_F(Sweep, FindsTheDriverThreadsHarmlessWithEveryValueForAFolder) {
@@ -191,7 +193,7 @@ TEST_F(Sweep, FindsTheDriverThreadsHarmlessWithEveryValueForAFolder) {
         }
     }
     ExpectNoGrowth(before);
-    Tell();
+    (void)Tell();
 }
 
 TEST_F(Sweep, FindsTheDriverThreadsHarmlessWhileThePlatformFails) {
@@ -209,7 +211,7 @@ TEST_F(Sweep, FindsTheDriverThreadsHarmlessWhileThePlatformFails) {
         }
     }
     ExpectNoGrowth(before);
-    Tell();
+    EXPECT_GT(Tell().faults, 50U);
 }
 
 }  // namespace

@@ -35,8 +35,8 @@ constexpr const char *kWritten[] = {
     "{('x'):rep(20000), ('y'):rep(20000)}",
     "(function() local t = {} for i = 1, 2000 do t[i] = 'if' .. i end return t end)()",
     "(function() local t = {} t[1] = t return setmetatable(t, t) end)()",
-    "setmetatable({'a'}, {__index = error, __newindex = error, __len = error, __tostring = error, __call = error, "
-    "__concat = error, __eq = error, __unm = error, __metatable = false})",
+    R"(setmetatable({'a'}, {__index = error, __newindex = error, __len = error, __tostring = error, __call = error,
+                            __concat = error, __eq = error, __unm = error, __metatable = false}))",
     // functions and coroutines
     "print", "function() error('called') end", "SLB.filter.GetConnMetrics", "coroutine.create(print)",
     "coroutine.wrap(print)", "(function() local c = coroutine.create(print) coroutine.resume(c, '') return c end)()",
@@ -66,7 +66,7 @@ SweepValue Userdata(std::size_t size, unsigned char filling) {
     return {name, [size, filling](lua_State *L) { std::memset(lua_newuserdata(L, size), filling, size); }};
 }
 
-SweepValue Handle(const std::string &name, vti_handle_t *handle, AgentKind kind, std::size_t size = sizeof(handle)) {
+SweepValue Handle(const std::string &name, vti_handle_t *handle, AgentKind kind, std::size_t size = sizeof(void *)) {
     const auto push = [handle, size](lua_State *L) {
         std::memcpy(lua_newuserdata(L, size), &handle, size);
         luaL_newmetatable(L, kHandleType);
@@ -160,7 +160,7 @@ void SweepObjects::AddHandles(std::vector<SweepValue> &values) {
     values.push_back(Handle(kHandleValue, m_handle, AgentKind::Handle));
     values.push_back(Handle("handle that was closed elsewhere", m_lostHandle, AgentKind::Handle));
     values.push_back(Handle("closed handle", nullptr, AgentKind::ClosedHandle));
-    values.push_back(Handle("half a handle", m_handle, AgentKind::None, sizeof(m_handle) / 2));
+    values.push_back(Handle("half a handle", m_handle, AgentKind::None, sizeof(void *) / 2));
     const auto tableWithMetatable = [](lua_State *L) {
         lua_newtable(L);
         luaL_newmetatable(L, kHandleType);

@@ -14,7 +14,7 @@ struct SweptFunction {
     std::vector<const char *> usual;
     /// A letter for each argument that is looked at, in the order in which they are: see ArgumentRule in the .cpp.
     const char *takes;
-    /// A letter for each result, or such letters divided by a bar: see ResultComplaint in the .cpp.
+    /// A letter for each result, or such letters divided by a bar: see IsRight in the .cpp.
     const char *results;
     /// How often it is called among the random calls, relative to the others.
     unsigned weight;

@@ -146,7 +146,7 @@ bool StartServiceW(bool *running, bool start) {
     for (int poll = 0; poll < kStartPolls; ++poll) {
         SERVICE_STATUS status = {};
         if (QueryServiceStatus(opened.service.get(), &status) == 0)
-            return Failed(site, kQueryFailed, GetLastError());
+            return Failed(site, kQueryFailed, GetLastError());  // the failures of a start are told before it is closed
         if (status.dwCurrentState == SERVICE_RUNNING)
             return true;  // `running` stays false if a stop was seen before
         if (status.dwCurrentState == SERVICE_START_PENDING)

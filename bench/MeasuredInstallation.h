@@ -15,13 +15,13 @@ struct InstallTimes {
 };
 
 /// Ends the program if an installation does not do what it is measured for.
-class InstallMachine {
+class MeasuredInstallation {
 public:
     /// @param adapters  besides the two that every machine has.
-    explicit InstallMachine(std::size_t adapters);
-    ~InstallMachine();
-    InstallMachine(const InstallMachine &) = delete;
-    InstallMachine &operator=(const InstallMachine &) = delete;
+    explicit MeasuredInstallation(std::size_t adapters);
+    ~MeasuredInstallation();
+    MeasuredInstallation(const MeasuredInstallation &) = delete;
+    MeasuredInstallation &operator=(const MeasuredInstallation &) = delete;
 
     /// Fresh: what an earlier one has left is removed before.
     InstallTimes Install();

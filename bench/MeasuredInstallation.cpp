@@ -1,4 +1,4 @@
-#include "InstallMachine.h"
+#include "MeasuredInstallation.h"
 
 #include <algorithm>
 #include <chrono>
@@ -100,7 +100,7 @@ private:
         const std::size_t begin = m_line.find_first_not_of(' ');
         if (begin == m_line.npos || m_line[begin] != '>')
             return "the lock and the object of the network configuration";
-        const std::string name = m_line.substr(begin + 1, m_line.find('.') - begin - 1);
+        std::string name = m_line.substr(begin + 1, m_line.find('.') - begin - 1);
         m_line.clear();
         return name;
     }
@@ -114,7 +114,7 @@ private:
 
 }  // namespace
 
-class InstallMachine::Machine : public InstallFixture {
+class MeasuredInstallation::Machine : public InstallFixture {
 public:
     explicit Machine(std::size_t adapters) {
         for (std::size_t i = 0; i < adapters; ++i)
@@ -232,34 +232,42 @@ private:
         Simulator::Clock &clock = simulation().GetClock();
         Require(clock.AwaitWaiting(1, kPatienceMs), "nobody waits for the hung worker");
         Sleep(kSettleMs);
+        const std::size_t looks = Looks();
         clock.Advance(milliseconds(begin + kInstallLimitMs - 1 - clock.TickMs()));
+        for (DWORD waitedMs = 0; Looks() == looks; ++waitedMs) {
+            Require(waitedMs < kPatienceMs, "the watchdog does not look at the hung worker");
+            Sleep(1);
+        }
         Sleep(kSettleMs);
         Require(clock.AwaitWaiting(1, kPatienceMs), "the hung worker was given up too early");
     }
 
-    static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which the watchdog looks and waits again.
+    /// Each ends in a wait.
+    std::size_t Looks() { return simulation().GetJournal().Count("WaitForSingleObject"); }
+
+    static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which a thread that goes to wait does so.
 
     std::vector<std::wstring> m_nodes;
     std::string m_text;                                                   ///< Of the event of the last success.
     const std::shared_ptr<Stamps> m_stamps = std::make_shared<Stamps>();  ///< The simulation's end adds to them.
 };
 
-InstallMachine::InstallMachine(std::size_t adapters) : m_machine(std::make_unique<Machine>(adapters)) {}
-InstallMachine::~InstallMachine() = default;
+MeasuredInstallation::MeasuredInstallation(std::size_t adapters) : m_machine(std::make_unique<Machine>(adapters)) {}
+MeasuredInstallation::~MeasuredInstallation() = default;
 
-InstallTimes InstallMachine::Install() {
+InstallTimes MeasuredInstallation::Install() {
     m_machine->RemoveDriver();
     InstallTimes times = m_machine->Measure();
     times.ownSecondsOfSteps = m_machine->SecondsOfSteps();
     return times;
 }
 
-InstallTimes InstallMachine::Upgrade() {
+InstallTimes MeasuredInstallation::Upgrade() {
     m_machine->RemoveDriver();
     m_machine->PutOldDriver();
     return m_machine->Measure();
 }
 
-double InstallMachine::SecondsToKill() {
+double MeasuredInstallation::SecondsToKill() {
     return m_machine->MeasureKill();
 }
