@@ -119,6 +119,14 @@ TEST_F(InstallFailures, AWaitForALockThatOutlastsTheTenSecondsOfTheOpeningEndsTh
     LockWith(L"Local Area Connection Properties", 60'000);
     // The worker is held back where the wait is over, and the opening is on top again.
     const FaultPlan plan = faults().HangNth("CoUninitialize", 2);
+    // And the watchdog until then, lest it find the opening overrun while the worker is on its way.
+    simulation().Functions().Put<Simulator::System::WaitForSingleObject>(
+        [this, plan](const auto &next, HANDLE handle, DWORD milliseconds) {
+            if (CallsOf("INetCfgLock::AcquireWriteLock") == 1)
+                (void)plan->WaitUntilHit(30'000);
+            return next(handle, milliseconds);
+        },
+        Simulator::Depth::Watch);
     const InstallOutcome outcome = InstallWhile([&] {
         EXPECT_TRUE(plan->WaitUntilHit(30'000));
         EXPECT_TRUE(AwaitReturn());
