@@ -27,8 +27,6 @@ run_tests() {
     expected=$(ctest --test-dir "$BUILD" -N "${filter[@]}" | awk '/^Total Tests:/ { print $3 }')
     [ "${expected:-0}" -gt 0 ] || die "no test program is called '$*'; there are: $(ctest --test-dir "$BUILD" -N | awk -F': ' '/Test +#/ { printf "%s ", $2 }')"
     say "testing"
-    # Wine's server keeps the output of the program that started it: of this one, lest a test seem to go on.
-    run_windows cmd /c ver >/dev/null 2>&1 </dev/null
     ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" --timeout 600 "${filter[@]}" || status=$?
     sum_results "$expected" "$results"
     return "$status"
