@@ -13,13 +13,13 @@
 #include <vector>
 
 #include <windows.h>
-#include <setupapi.h>
 
 #include "CallPlaces.h"
 #include "FaultCodes.h"
 #include "InstallFaultPlaces.h"
 #include "InstallRoads.h"
 #include "InstallRules.h"
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 
 namespace {
@@ -150,7 +150,7 @@ protected:
     void Tell(const std::string &which) const;
     InstallResult Run(Road road, const InstallFault &fault);
     void ExpectToInstallAgain(Road road);
-    std::map<std::string, int> TakeBackLeft(const Simulator::BalanceSnapshot &before);
+    std::vector<Simulator::BalanceItem> Left(const Simulator::BalanceSnapshot &before);
 
 private:
     /// The function, the part of the installation, what was looked for, and how the installation ends.
@@ -160,7 +160,6 @@ private:
     /// The calls of a run without a fault, which has to come out as the rules say.
     std::vector<FaultPlace> PlacesOn(Road road);
     void FailPlaceByCodes(Road road, const FaultPlace &place);
-    std::vector<Simulator::BalanceItem> Left(const Simulator::BalanceSnapshot &before);
     static bool IsWanted(Road road, const InstallFault &fault);
     void FailPlace(Road road, const InstallFault &fault);
     void Observe(const InstallOutcome &installation, InstallResult &observed);
@@ -276,7 +275,7 @@ InstallResult InstallFaults::Run(Road road, const InstallFault &fault) {
     m_journal = simulation().GetJournal().Take();
     observed.sleptMs = Slept(m_journal);
     ObserveMachine(observed);
-    observed.left = TakeBackLeft(before);
+    observed.left = TakeBack(Left(before));
     return observed;
 }
 
@@ -313,28 +312,6 @@ std::vector<Simulator::BalanceItem> InstallFaults::Left(const Simulator::Balance
         if (std::none_of(left.begin(), left.end(), isBlock))
             break;
         Simulator::System::Sleep::Real(10);
-    }
-    return left;
-}
-
-/// Gives all of it back. @return how much that was of each kind.
-std::map<std::string, int> InstallFaults::TakeBackLeft(const Simulator::BalanceSnapshot &before) {
-    static const std::map<std::string, std::function<void(std::uintptr_t)>> closers{
-        {Simulator::Kind::kHandle, [](auto value) { CloseHandle(reinterpret_cast<HANDLE>(value)); }},
-        {Simulator::Kind::kService, [](auto value) { CloseServiceHandle(reinterpret_cast<SC_HANDLE>(value)); }},
-        {Simulator::Kind::kKey, [](auto value) { RegCloseKey(reinterpret_cast<HKEY>(value)); }},
-        {Simulator::Kind::kLibrary, [](auto value) { FreeLibrary(reinterpret_cast<HMODULE>(value)); }},
-        {Simulator::Kind::kFind, [](auto value) { FindClose(reinterpret_cast<HANDLE>(value)); }},
-        {Simulator::Kind::kView, [](auto value) { UnmapViewOfFile(reinterpret_cast<void *>(value)); }},
-        {Simulator::Kind::kDeviceList,
-         [](auto value) { SetupDiDestroyDeviceInfoList(reinterpret_cast<HDEVINFO>(value)); }},
-    };
-    std::map<std::string, int> left;
-    for (const Simulator::BalanceItem &item : Left(before)) {
-        ++left[item.kind];
-        const auto closer = closers.find(item.kind);
-        if (closer != closers.end())
-            closer->second(item.value);
     }
     return left;
 }
@@ -393,7 +370,7 @@ TEST_F(InstallFaults, ToMakeTheWorkersEventKillTheStepThatRunsWhenItIsFirstLooke
     EXPECT_TRUE(installation.EventTexts(1004)[0].starts_with("UninstallingDriver|"));
     EXPECT_EQ(Bindings(), (std::array{true, false, false}));
     simulation().GetFaults().Clear();
-    (void)TakeBackLeft(before);
+    (void)TakeBack(Left(before));
     ExpectToInstallAgain(Road::Upgrade);
 }
 

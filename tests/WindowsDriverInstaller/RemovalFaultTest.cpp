@@ -10,9 +10,9 @@
 #include <vector>
 
 #include <windows.h>
-#include <setupapi.h>
 
 #include "FaultCodes.h"
+#include "Leftovers.h"
 #include "RemovalFixture.h"
 #include "RemovalInTest.h"
 #include "RemovalModel.h"
@@ -136,7 +136,6 @@ protected:
 private:
     Expectation Observe(const Fault &fault, const std::function<void(Expectation &)> &run);
     void ObserveMachine(ModelMachine &after);
-    std::map<std::string, int> TakeBack(const std::vector<Simulator::BalanceItem> &items);
     void RestoreRegistry();
 
     ModelMachine m_machine;
@@ -257,7 +256,8 @@ Expectation RemovalFaults::Observe(const Fault &fault, const std::function<void(
         if (!HasNoOrder(entry.function))
             observed.calls.push_back(entry.function);
     }
-    const std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
+    std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
+    std::erase_if(left, [](const auto &item) { return item.kind == std::string_view(Simulator::Kind::kBlock); });
     ObserveMachine(observed.machine);
     observed.left = TakeBack(left);
     simulation().GetNetwork().Use([](auto &state) { state.lock.reset(); });
@@ -306,30 +306,6 @@ void RemovalFaults::ObserveMachine(ModelMachine &after) {
     }
     after.keyIsProtected = simulation().GetSecurity().IsProtected(kMiniportKey);
     after.administratorsOwnKey = simulation().GetSecurity().Key(kMiniportKey).owner == Simulator::Sid::kAdministrators;
-}
-
-/// Gives back what the removal did not, memory apart. @return how much that was of each kind.
-std::map<std::string, int> RemovalFaults::TakeBack(const std::vector<Simulator::BalanceItem> &items) {
-    static const std::map<std::string, std::function<void(std::uintptr_t)>> closers{
-        {Simulator::Kind::kHandle, [](auto value) { CloseHandle(reinterpret_cast<HANDLE>(value)); }},
-        {Simulator::Kind::kService, [](auto value) { CloseServiceHandle(reinterpret_cast<SC_HANDLE>(value)); }},
-        {Simulator::Kind::kKey, [](auto value) { RegCloseKey(reinterpret_cast<HKEY>(value)); }},
-        {Simulator::Kind::kLibrary, [](auto value) { FreeLibrary(reinterpret_cast<HMODULE>(value)); }},
-        {Simulator::Kind::kFind, [](auto value) { FindClose(reinterpret_cast<HANDLE>(value)); }},
-        {Simulator::Kind::kView, [](auto value) { UnmapViewOfFile(reinterpret_cast<void *>(value)); }},
-        {Simulator::Kind::kDeviceList,
-         [](auto value) { SetupDiDestroyDeviceInfoList(reinterpret_cast<HDEVINFO>(value)); }},
-    };
-    std::map<std::string, int> left;
-    for (const Simulator::BalanceItem &item : items) {
-        if (item.kind == std::string(Simulator::Kind::kBlock))
-            continue;
-        ++left[item.kind];
-        const auto closer = closers.find(item.kind);
-        if (closer != closers.end())
-            closer->second(item.value);
-    }
-    return left;
 }
 
 TEST_F(RemovalFaults, OnTheCleanRoadEndAsTheModelSays) {
