@@ -1,6 +1,7 @@
 #include "HealthLine.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -26,11 +27,15 @@ Fields ReadFields(const std::string &line) {
     return fields;
 }
 
-/// The C runtime writes what is no finite number as "inf", "1.#INF" and the like.
-double ReadNumber(const std::string &text) {
-    if (text.find_first_not_of("0123456789.-") != std::string::npos)
+/// The C runtime writes the decimal separator of its locale, which may have changed since, and what is no finite number
+/// as "inf", "1.#INF" and the like.
+double ReadNumber(std::string text) {
+    if (text.find_first_not_of("0123456789.,-") != std::string::npos)
         return std::numeric_limits<double>::quiet_NaN();
-    return std::strtod(text.c_str(), nullptr);
+    std::replace(text.begin(), text.end(), ',', '.');
+    double number = 0;
+    (void)std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
 }
 
 /// As in "7.000(50.000)".

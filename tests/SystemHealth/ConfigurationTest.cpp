@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "ConfigurationFixture.h"
+#include "LocaleScope.h"
 
 namespace {
 
@@ -152,6 +153,14 @@ TEST_F(ConfigurationFile, NumbersHaveSinglePrecision) {
     EXPECT_NE(WrittenJson().find("0.1000000014901161"), std::string::npos) << WrittenJson();
     EXPECT_EQ(Written("SYS_THR_RUNQ"), static_cast<double>(0.1F));
     EXPECT_EQ(Written("SYS_THR_FREE_MEM"), static_cast<double>(16.777217F));
+}
+
+TEST_F(ConfigurationFile, NumbersHaveTheDecimalSeparatorOfTheLocale) {
+    const LocaleScope locale("German_Germany");
+    ASSERT_TRUE(locale.IsKnown());
+    EXPECT_EQ(ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=0,5\nSYSTEM_RECOVERY_FACTOR=33.5\n").count, 2);
+    EXPECT_NE(WrittenJson().find("\"value\":\t0.5\r\n"), std::string::npos) << WrittenJson();
+    EXPECT_NE(WrittenJson().find("\"SYS_CONF_RECOVER_FACTOR\":\t33,"), std::string::npos) << WrittenJson();
 }
 
 TEST_F(ConfigurationFile, AKeyOnTwoLinesCountsTwiceAndItsLaterNumberStands) {

@@ -11,6 +11,7 @@
 #include <cJSON.h>
 
 #include "ConfigurationFixture.h"
+#include "LocaleScope.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
@@ -359,6 +360,60 @@ TEST_F(Policy, TheDisablingSwitchLeavesTheMetricsOfTheDriverOnInFailOpen) {
         R"({"SYS_CONF_DISABLE_FAIL_OPEN": 1, "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 8}})", "Activated");
     EXPECT_EQ(heard.action, kDisabled);
     EXPECT_EQ(WrittenKeys(), (Messages{"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU", "SYS_CONF_DISABLE_FAIL_OPEN"}));
+}
+
+// ---- Locales
+
+/// As setlocale takes them: language and country.
+std::vector<std::string> LocaleNames() {
+    std::vector<std::string> names;
+    const auto add = [](wchar_t *name, DWORD, LPARAM to) -> BOOL {
+        wchar_t language[128] = {};
+        wchar_t country[128] = {};
+        if (GetLocaleInfoEx(name, LOCALE_SENGLISHLANGUAGENAME, language, 128) > 0 &&
+            GetLocaleInfoEx(name, LOCALE_SENGLISHCOUNTRYNAME, country, 128) > 1)
+            reinterpret_cast<std::vector<std::string> *>(to)->push_back(
+                (wxString(language) + "_" + country).utf8_string());
+        return TRUE;
+    };
+    EnumSystemLocalesEx(add, LOCALE_WINDOWS, reinterpret_cast<LPARAM>(&names), nullptr);
+    return names;
+}
+
+constexpr char kFractions[] = R"({"SYS_CONF_MIN_ACT_DURATION": 1.5e1, "SYS_CONF_RECOVER_FACTOR": 33.333333333333336,
+    "SYS_THR_RUNQ": {"value": 0.5}, "SYS_THR_CONN_EST_PER_CPU": {"value": 1234567.25}, "SYS_CONF_CONN_REFUSAL_PORT": 443})";
+constexpr char kFractionsWritten[] =
+    "{\r\n"
+    "\t\"SYS_CONF_CONN_REFUSAL_PORT\":\t443,\r\n"
+    "\t\"SYS_CONF_RECOVER_FACTOR\":\t33.333333333333336,\r\n"
+    "\t\"SYS_CONF_MIN_ACT_DURATION\":\t15,\r\n"
+    "\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t0.5\r\n\t},\r\n"
+    "\t\"SYS_THR_CONN_EST_PER_CPU\":\t{\r\n\t\t\"value\":\t1234567.25\r\n\t}\r\n"
+    "}\r\n";
+
+TEST_F(Policy, IsTheSameWhereAScriptHasChosenADecimalComma) {
+    machine().processorQueue = 5000;
+    lua.Run("assert(os.setlocale('German_Germany') and ('%.1f'):format(0.5) == '0,5')");
+    const Heard heard = ReadPolicy(R"({"SYS_THR_RUNQ": {"value": 0.5}})");
+    lua.Run("assert(os.setlocale('C'))");
+    EXPECT_EQ(heard.action, kFailOpen);
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(WrittenJson(), "{\r\n\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t0.5\r\n\t}\r\n}\r\n");
+}
+
+TEST_F(Policy, IsTheSameInEveryLocaleOfTheSystem) {
+    int withoutPoint = 0;
+    for (const std::string &name : LocaleNames()) {
+        const LocaleScope locale(name.c_str());
+        if (!locale.IsKnown())
+            continue;
+        SCOPED_TRACE(name);
+        withoutPoint += std::string(std::localeconv()->decimal_point) != "." ? 1 : 0;
+        RemoveWrittenJson();
+        EXPECT_EQ(ReadPolicy(kFractions).count, 5);
+        ASSERT_EQ(WrittenJson(), kFractionsWritten);
+    }
+    EXPECT_GE(withoutPoint, 20) << "most of Europe has none";
 }
 
 // ---- Texts that are no JSON

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cmath>
 
 #include "devkit/host/HealthHistory.h"
@@ -66,6 +67,29 @@ TEST(HealthLine, ALimitThatIsNoNumberStaysNone) {
     const std::optional<HealthIteration> read = ParseHealthLine(line);
     ASSERT_TRUE(read);
     EXPECT_TRUE(std::isnan(read->metrics[4].limit));
+}
+
+TEST(HealthLine, NumbersMayHaveADecimalComma) {
+    std::string line(kLine);
+    for (std::size_t at = line.find('.', line.find("delta_t")); at != std::string::npos; at = line.find('.', at))
+        line[at] = ',';
+    ASSERT_NE(line.find("rqpct=7,500(50,000)"), std::string::npos);
+    const std::optional<HealthIteration> read = ParseHealthLine(line);
+    ASSERT_TRUE(read);
+    EXPECT_NEAR(read->clockFraction, 0.00025, 1e-9) << "the time has a point in every locale";
+    EXPECT_EQ(read->interval, 30);
+    EXPECT_EQ(read->metrics[0].value, 7.5);
+    EXPECT_EQ(read->metrics[0].limit, 50);
+    EXPECT_EQ(read->metrics[2].value, 1.25);
+}
+
+TEST(HealthLine, IsReadWhateverTheLocaleOfTheReader) {
+    ASSERT_NE(std::setlocale(LC_ALL, "German_Germany"), nullptr);
+    const std::optional<HealthIteration> read = ParseHealthLine(kLine);
+    (void)std::setlocale(LC_ALL, "C");
+    ASSERT_TRUE(read);
+    EXPECT_NEAR(read->clockFraction, 0.00025, 1e-9);
+    EXPECT_EQ(read->metrics[2].value, 1.25);
 }
 
 TEST(HealthLine, TheTimeIsMadeWholeFromAClockNearby) {
