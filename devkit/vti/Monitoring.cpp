@@ -54,7 +54,9 @@ int32_t vti_get_scan_metrics(vti_handle_t *handle, ScanMetricsRecord *record, ui
             return {kInvalidRequest, "a scan metrics record has 120 bytes"};
         if (!IsScanMetricsRequest(*record))
             return {kInvalidRequest, "the words of the scan metrics record are not those of a request"};
-        std::copy(driver.scanCounters.begin(), driver.scanCounters.end(), record->counters);
+        if (driver.scanShape[1] != 0)
+            std::copy_n(driver.scanCounters.begin(),
+                        std::min<std::size_t>(driver.scanShape[0], driver.scanCounters.size()), record->counters);
         record->counters_per_row = driver.scanShape[0];
         record->row_count = driver.scanShape[1];
         return {};

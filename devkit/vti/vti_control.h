@@ -38,7 +38,8 @@ struct Driver {
     std::vector<uint8_t> blacklist;
     std::vector<uint8_t> profile;
     std::array<uint64_t, 10> scanCounters{};
-    std::array<uint32_t, 2> scanShape{10, 1};  ///< What vti_get_scan_metrics answers as counters per row and rows.
+    /// What vti_get_scan_metrics answers as counters per row and rows. Only so many are filled in; never more than ten.
+    std::array<uint32_t, 2> scanShape{10, 1};
     /// By how much a read of a table, the blacklist or the profile claims to have filled in more than it has.
     uint32_t overstatement = 0;
     std::vector<std::string> statsLines;  ///< What qb_dump_stats prints behind the statistics, a call each.

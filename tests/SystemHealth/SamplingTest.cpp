@@ -611,6 +611,45 @@ TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOfThoseAlone) {
     EXPECT_EQ(Metric("scanmb").value, 0);
 }
 
+TEST_F(Sampling, CountersThatOneAnswerLeavesOutKeepTheirBaseline) {
+    WriteConfig(kDriverMetrics);
+    const Totals before{.connNew = 1'000'000, .established = 1'000'000, .bytesForward = 4'000'000'000'000};
+    SetTotals(before);
+    ASSERT_EQ(CheckAt(0), kNormal);
+    driver().scanShape = {6, 1};
+    SetTotals({.connNew = 1'000'400, .established = 1'000'400});
+    ASSERT_EQ(CheckAt(10), kNormal);
+    EXPECT_EQ(Metric("estab").value, 10);
+    driver().scanShape = {10, 1};
+    SetTotals({.connNew = 1'000'800, .established = 1'000'800, .bytesForward = before.bytesForward + (40 << 20)});
+    ASSERT_EQ(CheckAt(20), kNormal) << "no more was scanned than allowed";
+    Forget();
+    SetTotals({.connNew = 1'000'800, .established = 1'000'800, .bytesForward = before.bytesForward + (120 << 20)});
+    ASSERT_EQ(CheckAt(30), kNormal);
+    EXPECT_EQ(FieldOf(TakeLongLine(), "scanmb"), "2.000(8.000)") << "80 MiB in 10 s on 4 processors";
+}
+
+TEST_F(Sampling, CountersThatTheFirstAnswerLeavesOutLayTheirBaselineWhenTheyCome) {
+    WriteConfig(kDriverMetrics);
+    driver().scanShape = {3, 1};
+    SetTotals({.connNew = 1'000'000, .established = 1'000'000});
+    ASSERT_EQ(CheckAt(0), kNormal);
+    driver().scanShape = {10, 1};
+    Totals totals{.connNew = 1'000'400,
+                  .established = 1'000'400,
+                  .halfOpenToClose = 1'000'000,
+                  .bytesForward = 4'000'000'000'000};
+    SetTotals(totals);
+    ASSERT_EQ(CheckAt(10), kNormal);
+    EXPECT_EQ(Metric("estab").value, 10);
+    EXPECT_EQ(Metric("refusalpct").value, 0);
+    EXPECT_EQ(Metric("scanmb").value, 0);
+    totals.bytesForward += 80 << 20;
+    SetTotals(totals);
+    ASSERT_EQ(CheckAt(20), kNormal);
+    EXPECT_EQ(Metric("scanmb").value, 2);
+}
+
 TEST_F(Sampling, AFirstAnswerWithoutRowsIsNoBaselineAndTheDriverIsToldItsPortAgain) {
     WriteConfig(kDriverMetrics);
     driver().scanShape = {10, 0};

@@ -1,6 +1,9 @@
 // The stand-in for vti: profiler, trace, scan monitoring, and the readable dumps.
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -94,6 +97,23 @@ TEST_F(VtiMonitoring, ScanMetricsFillTenCounters) {
     EXPECT_EQ(vti_get_scan_metrics(handle, &record, sizeof record - 8), kInvalidRequest);
     record.counters_per_row = 9;
     EXPECT_EQ(vti_get_scan_metrics(handle, &record, sizeof record), kInvalidRequest);
+}
+
+TEST_F(VtiMonitoring, ScanMetricsFillOnlyTheCountersThatTheyClaim) {
+    driver.scanCounters.fill(7);
+    for (const std::array<uint32_t, 2> shape : {std::array<uint32_t, 2>{3, 1}, {0, 1}, {11, 1}, {10, 0}}) {
+        SCOPED_TRACE(std::to_string(shape[0]) + " by " + std::to_string(shape[1]));
+        driver.scanShape = shape;
+        ScanMetricsRecord record{};
+        record.word0 = record.direction = record.row_count = 1;
+        record.counters_per_row = 10;
+        EXPECT_EQ(vti_get_scan_metrics(handle, &record, sizeof record), 0);
+        EXPECT_EQ(record.counters_per_row, shape[0]);
+        EXPECT_EQ(record.row_count, shape[1]);
+        const auto filled = std::count(std::begin(record.counters), std::end(record.counters), 7U);
+        EXPECT_EQ(filled, shape[1] == 0 ? 0 : std::min<uint32_t>(shape[0], 10));
+        EXPECT_EQ(std::count(std::begin(record.counters), std::begin(record.counters) + filled, 7U), filled);
+    }
 }
 
 TEST_F(VtiMonitoring, DumpsAVariableAsALine) {

@@ -1,7 +1,6 @@
 #include "ScanMetrics.h"
 
 #include <algorithm>
-#include <iterator>
 #include <memory>
 
 #include <wx/log.h>
@@ -16,6 +15,7 @@ std::int32_t scanPort = 0;
 namespace {
 
 std::uint64_t scanCounterPrev[kScanCounters];
+std::int32_t baselineCounters = 0;  // how many of them were ever filled in
 std::int32_t firstScanPass = 1;
 
 constexpr std::uint32_t kRequestWord = 1;
@@ -100,13 +100,14 @@ void RunRatePass(const ScanMetricsRecord &record, double delta_t) {
         std::min(static_cast<std::int32_t>(record.counters_per_row), static_cast<std::int32_t>(kScanCounters));
     if (rows <= 0 || counters <= 0)
         return;
-    const bool baselineOnly = firstScanPass != 0;
     firstScanPass = 0;
-    for (std::int32_t i = 0; i < counters && !baselineOnly; ++i) {
+    // A counter that comes for the first time only lays its baseline.
+    for (std::int32_t i = 0; i < std::min(counters, baselineCounters); ++i) {
         const std::uint64_t current = record.counters[i];
         // A total that fell gives no rate, not a huge one.
         const std::uint64_t difference = current < scanCounterPrev[i] ? 0 : current - scanCounterPrev[i];
         scanCounterRate[i] = static_cast<double>(difference) / delta_t;
     }
-    std::copy(std::begin(record.counters), std::end(record.counters), scanCounterPrev);
+    std::copy_n(record.counters, counters, scanCounterPrev);
+    baselineCounters = std::max(baselineCounters, counters);
 }
