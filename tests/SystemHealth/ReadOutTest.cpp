@@ -1,7 +1,12 @@
 // What scripts read of the last iteration.
 
+#include <atomic>
+#include <functional>
 #include <limits>
+#include <utility>
 
+#include "CallScope.h"
+#include "ImportTable.h"
 #include "IterationFixture.h"
 
 namespace {
@@ -243,12 +248,126 @@ TEST_F(HealthReadOut, LuaWithoutMemoryIsALuaErrorThatLeavesTheLockFree) {
     EXPECT_LT(failures, 1000);
 }
 
+/// In place of the module's lua_pushboolean: something happens before it, once.
+struct BeforePush {
+    static inline std::function<void()> happens;
+    static void Push(lua_State *L, int boolean) {
+        if (const std::function<void()> event = std::exchange(happens, nullptr))
+            event();
+        lua_pushboolean(L, boolean);
+    }
+};
+
+TEST_F(HealthReadOut, APortThatGoesDuringTheReadOutIsShownWholeOrNotAtAll) {
+    WriteConfig(kPort);
+    ASSERT_EQ(Check(), kNormal);
+    const Simulator::Redirection redirection(GetModuleHandleW(L"fc.dll"), "lua_pushboolean",
+                                             reinterpret_cast<void *>(&BeforePush::Push));
+    ASSERT_TRUE(redirection.Found());
+    BeforePush::happens = [this] {
+        WriteConfig(kRunQueue);
+        EXPECT_EQ(Check(), kNormal);
+    };
+    EXPECT_EQ(Port(), "true 443") << "read before it went";
+    EXPECT_FALSE(BeforePush::happens) << "it happened";
+    EXPECT_EQ(Port(), "false 0");
+}
+
 TEST_F(HealthReadOut, AnyStateOfTheProcessSeesTheSame) {
     WriteConfig(kPort);
     ASSERT_EQ(Check(), kNormal);
     LuaState other;
     Open(other);
     EXPECT_EQ(other.Eval("select(2, SLB.filter.GetScanMetricPort())"), "443");
+}
+
+// ---- Finalizers of scripts, which run whenever Lua makes a table
+
+/// Lets each table that is made from now on end in a whole collection: all finalizers that are due run within it.
+constexpr char kCollectAtEachTable[] = R"(
+    collectgarbage('setpause', 0)
+    collectgarbage('setstepmul', 1000000)
+    function discard(finalizer) setmetatable({}, {__gc = finalizer}) end)";
+
+TEST_F(HealthReadOut, AFinalizerThatTakesLongHoldsUpNoOtherReadOut) {
+    struct Gate {
+        std::atomic<bool> isEntered = false;
+        std::atomic<bool> isOpen = false;
+        static int Pass(lua_State *L) {
+            const Simulator::InsideSimulator inside;
+            auto &gate = *static_cast<Gate *>(lua_touserdata(L, lua_upvalueindex(1)));
+            gate.isEntered = true;
+            while (!gate.isOpen)
+                ::Sleep(1);
+            return 0;
+        }
+    };
+    Gate gate;
+    LuaState slow;
+    Open(slow);
+    lua_pushlightuserdata(slow, &gate);
+    lua_pushcclosure(slow, &Gate::Pass, 1);
+    lua_setglobal(slow, "pass");
+    slow.Run(kCollectAtEachTable);
+    Worker worker([&] {
+        slow.Run(R"(
+            local get, collect = SLB.filter.GetSysHealthMetrics, collectgarbage
+            collect('stop')
+            discard(pass)
+            collect('restart')
+            local done, metrics = get()
+            assert(done == true and #metrics == 7))");
+    });
+    while (!gate.isEntered && !worker.EndsWithin(1)) {
+    }
+    EXPECT_TRUE(gate.isEntered) << "the finalizer did not run";
+    ExpectLockFree();
+    gate.isOpen = true;
+    EXPECT_TRUE(worker.EndsWithin(10'000));
+}
+
+TEST_F(HealthReadOut, AFinalizerThatRunsAnIterationLeavesTheReadOutThatOfOneIteration) {
+    lua.Run(kCollectAtEachTable);
+    lua.Run(R"(
+        iterations = 0
+        local function iterate()
+            if not iterations then
+                return
+            end
+            iterations = iterations + 1
+            local limit = 1 + iterations % 20
+            f.CheckSystemHealthMetrics(dom, 'Deactivated', ([[{"SYS_THR_RUNQ": {"value": %d},
+                "SYS_THR_FREE_MEM": {"value": %d}, "SYS_THR_MAX_ITERATION_INVL": {"value": %d}}]]):format(
+                limit, limit, limit))
+            discard(iterate)
+        end
+        iterate())");
+    const std::string error = lua.ErrorOf(R"(
+        local before = iterations
+        for _ = 1, 20 do
+            local done, metrics = f.GetSysHealthMetrics()
+            assert(metrics[1].threshold == metrics[5].threshold and metrics[1].threshold == metrics[6].threshold,
+                'rows of several iterations')
+        end
+        assert(iterations >= before + 20, 'the finalizers did not run'))");
+    lua.Run("iterations = nil");
+    EXPECT_EQ(error, "");
+    ExpectLockFree();
+}
+
+TEST_F(HealthReadOut, AFinalizerThatRaisesAnErrorCostsThatReadOutAlone) {
+    lua.Run(kCollectAtEachTable);
+    for (int i = 0; i < 20; ++i) {
+        const std::string error = lua.ErrorOf(R"(
+            local get, collect = f.GetSysHealthMetrics, collectgarbage
+            collect('stop')
+            discard(function() error('spoilt') end)
+            collect('restart')
+            get())");
+        EXPECT_NE(error.find("spoilt"), std::string::npos) << error;
+        ExpectLockFree();
+        EXPECT_EQ(lua.ErrorOf("assert(#select(2, f.GetSysHealthMetrics()) == 7)"), "");
+    }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "HealthConfig.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,10 @@ constexpr char kConfigFile[] = "C:\\ProgramData\\Quillon\\Vantry Agent\\filter\\
 constexpr int kLineBytes = 1024;
 constexpr char kUnloadDriverSetting[] = "vtp.filter.FailOpenUnloadDriver";
 
+constexpr std::int32_t kNoPort = -1;
+/// The table's port for the read-outs, which run while the table is written: its two fields can't be read at once.
+std::atomic<std::int32_t> configuredPort{kNoPort};
+
 /// Takes the value of one row from the line if it stands there.
 /// @return whether it was accepted.
 bool TakeLine(const char *line, SysHealthConfigEntry &entry) {
@@ -25,8 +30,7 @@ bool TakeLine(const char *line, SysHealthConfigEntry &entry) {
     // Single precision is intended, and so is that trailing text is ignored.
     const double value = std::strtof(line + keyLength, nullptr);
     if (value > 0.0 && value <= entry.max_value) {
-        entry.value = value;
-        entry.is_set = 1;
+        AcceptValue(entry, value);
         return true;
     }
     // The stored value is meant, not the rejected one.
@@ -65,10 +69,23 @@ SysHealthConfigEntry sysHealthConfig[kConfigRows] = {
 };
 
 void ResetSystemHealthConfig() {
+    configuredPort = kNoPort;
     for (SysHealthConfigEntry &entry : sysHealthConfig) {
         entry.is_set = 0;
         entry.value = 0.0;
     }
+}
+
+void AcceptValue(SysHealthConfigEntry &entry, double value) {
+    entry.value = value;
+    entry.is_set = 1;
+    if (&entry == &sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT])
+        configuredPort = static_cast<std::int32_t>(value);
+}
+
+std::optional<std::uint16_t> ConfiguredPort() {
+    const std::int32_t port = configuredPort;
+    return port == kNoPort ? std::nullopt : std::optional(static_cast<std::uint16_t>(port));
 }
 
 void DisableDriverMetrics() {

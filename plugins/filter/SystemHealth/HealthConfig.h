@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include <wx/string.h>
 
@@ -41,6 +42,10 @@ extern SysHealthConfigEntry sysHealthConfig[kConfigRows];
 
 /// Forgets all values.
 void ResetSystemHealthConfig();
+/// Stores a value of a row of the table.
+void AcceptValue(SysHealthConfigEntry &entry, double value);
+/// The port that is monitored; none while the table is being rebuilt. Any thread.
+std::optional<std::uint16_t> ConfiguredPort();
 /// Takes the values of the three metrics that need the driver out of this pass; they stay readable, and count.
 void DisableDriverMetrics();
 // The two switches, when all values are read.

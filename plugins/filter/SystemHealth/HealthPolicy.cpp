@@ -69,17 +69,14 @@ private:
     }
 
     void Store(SysHealthConfigEntry &entry, double value) {
-        entry.value = value;
-        entry.is_set = 1;
+        AcceptValue(entry, value);
         ++m_count;
         Trace(Config(), "stored %s  %f", entry.file_key, value);
     }
 
     /// Shows the number of the last threshold, whichever row is out of boundary: kept as it always was. 0 before
     /// the first.
-    void TraceOutOfBoundary() const {
-        Trace(Engine(), " value out of boundary [%s]", wxString::Format("%f", m_lastThreshold));
-    }
+    void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%f]", m_lastThreshold); }
 
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
     [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }

@@ -1,6 +1,11 @@
 // What scripts can see of the last iteration.
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <iterator>
 #include <limits>
+#include <optional>
+#include <type_traits>
 
 #include <windows.h>
 
@@ -23,21 +28,41 @@ lua_Integer IntegerPart(double number) {
     return static_cast<lua_Integer>(number);
 }
 
-void PushMetric(lua_State *L, const SysHealthMetric &metric) {
+/// A metric as scripts see it.
+struct ShownMetric {
+    const char *name;
+    lua_Integer value;
+    lua_Integer threshold;
+};
+using ShownMetrics = std::array<ShownMetric, kMetricRows>;
+static_assert(std::is_trivially_destructible_v<ShownMetrics>, "it is alive while Lua may raise an error");
+
+ShownMetrics CopyMetrics() {
+    ShownMetrics shown = {};
+    const wxCriticalSectionLocker lock(sysHealthLock);
+    std::transform(std::begin(sysHealthMetrics), std::end(sysHealthMetrics), shown.begin(),
+                   [](const SysHealthMetric &metric) {
+                       // The threshold is never shown with a factor.
+                       return ShownMetric{metric.short_name, IntegerPart(metric.value), IntegerPart(metric.threshold)};
+                   });
+    return shown;
+}
+
+void PushMetric(lua_State *L, const ShownMetric &metric) {
     lua_createtable(L, 0, 3);
-    lua_pushinteger(L, IntegerPart(metric.value));
+    lua_pushinteger(L, metric.value);
     lua_setfield(L, -2, "value");
-    lua_pushinteger(L, IntegerPart(metric.threshold));  // never with a factor
+    lua_pushinteger(L, metric.threshold);
     lua_setfield(L, -2, "threshold");
-    lua_pushstring(L, metric.short_name);
+    lua_pushstring(L, metric.name);
     lua_setfield(L, -2, "name");
 }
 
-/// Lua: yields the array of the metrics, the processor count behind them.
-int BuildMetrics(lua_State *L) {
+/// Pushes the array of the metrics, the processor count behind them.
+void PushMetrics(lua_State *L, const ShownMetrics &metrics) {
     lua_createtable(L, kMetricRows + 1, 0);
     int index = 0;
-    for (const SysHealthMetric &metric : sysHealthMetrics) {
+    for (const ShownMetric &metric : metrics) {
         PushMetric(L, metric);
         lua_rawseti(L, -2, ++index);
     }
@@ -47,25 +72,18 @@ int BuildMetrics(lua_State *L) {
     lua_pushinteger(L, static_cast<lua_Integer>(system.dwNumberOfProcessors));
     lua_setfield(L, -2, "cpu_count");
     lua_rawseti(L, -2, ++index);
-    return 1;
 }
 
 }  // namespace
 
 int GetSysHealthMetrics(lua_State *L) {
-    int status = LUA_OK;
     Trace(kReadOutTrace, "GetSysHealthMetrics() called");
-    {
-        // Lua may run out of memory while it builds: its error must not leave the lock taken. It may also collect
-        // garbage, so a script's finalizers must not wait for another thread's read-out.
-        const wxCriticalSectionLocker lock(sysHealthLock);
-        lua_pushboolean(L, 1);
-        lua_pushcfunction(L, BuildMetrics);
-        status = lua_pcall(L, 0, 1, 0);
-        Trace(kReadOutTrace, "GetSysHealthMetrics() returning");
-    }
-    if (status != LUA_OK)
-        return lua_error(L);
+    // Not under the lock: while Lua makes the tables it may run scripts' finalizers, which may take long, raise an
+    // error or start an iteration.
+    const ShownMetrics metrics = CopyMetrics();
+    lua_pushboolean(L, 1);
+    PushMetrics(L, metrics);
+    Trace(kReadOutTrace, "GetSysHealthMetrics() returning");
     return 2;
 }
 
@@ -81,10 +99,9 @@ int GetSysHealthEnabled(lua_State *L) {
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
     const wxCriticalSectionLocker lock(sysHealthLock);
-    const SysHealthConfigEntry &port = sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT];
-    const bool isMonitored = sysHealthEnabled == 1 && port.is_set != 0;
-    lua_pushboolean(L, isMonitored ? 1 : 0);
-    lua_pushinteger(L, isMonitored ? static_cast<lua_Integer>(port.value) : 0);
+    const std::optional<std::uint16_t> port = sysHealthEnabled == 1 ? ConfiguredPort() : std::nullopt;
+    lua_pushboolean(L, port ? 1 : 0);
+    lua_pushinteger(L, port.value_or(0));
     Trace(kEngineTrace, "GetScanMetricPort() returning");  // on the engine's component, unlike the call
     return 2;
 }
