@@ -463,6 +463,23 @@ TEST_F(Policy, AParsingErrorIsTracedWhateverTheEncodingOfTheText) {
 
 // ---- Large and deep
 
+TEST_F(Policy, ANumberThatTheCLibraryWouldReadForMinutesIsAParsingError) {
+    const std::string digits(200'000, '9');
+    for (const std::string &number : {"0." + digits, digits + "e-200000", "-" + digits, "[1, 2" + digits + "]"}) {
+        SCOPED_TRACE(number.substr(0, 5));
+        ExpectParseError(R"({"SYS_THR_RUNQ": {"value": 50}, "OTHER": )" + number + "}");
+    }
+}
+
+TEST_F(Policy, NumbersOfAThousandCharactersAndLongerStringsOfDigitsAreRead) {
+    const std::string digits(5'000, '9');
+    const std::string zeros(1'000, '0');
+    const std::string policy =
+        R"({"\"\\": ["\\", "x\")" + digits + "\", \"" + digits + R"("], "SYS_THR_RUNQ": {"value": 50.)" + zeros + "}}";
+    EXPECT_EQ(ReadPolicy(policy).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
 TEST_F(Policy, NestingOfTenThousandIsRefusedWithoutHarm) {
     for (const std::string open : {"[", "{\"a\":", "{\"SYS_THR_RUNQ\":"}) {
         std::string policy;

@@ -1,5 +1,6 @@
 #include "HealthPolicy.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -98,6 +99,43 @@ void CheckDurations(std::int32_t &count) {
                          wxString::Format("max_dur(%f) < min_dur(%f)", maximum.value, minimum.value));
 }
 
+/// Where a number of more characters than any number needs begins, outside of strings; null if there is none. The C
+/// library's time for a number grows with the square of its length: a megabyte of digits takes half a minute.
+const char *FindEndlessNumber(const char *json) {
+    constexpr std::size_t maxCharacters = 2048;
+    bool inString = false;
+    while (*json != '\0') {
+        std::size_t length = 1;
+        if (*json == '"') {
+            inString = !inString;
+        } else if (inString) {
+            length = json[0] == '\\' && json[1] != '\0' ? 2 : 1;
+        } else {
+            length = std::max<std::size_t>(std::strspn(json, "0123456789+-.eE"), 1);
+            if (length > maxCharacters)
+                return json;
+        }
+        json += length;
+    }
+    return nullptr;
+}
+
+/// @param error  receives the place of a failure; null if there is none, or it is not known.
+/// @return null for a failure.
+Json ParsePolicy(const char *json, const char *&error) {
+    error = FindEndlessNumber(json);
+    if (error != nullptr)
+        return nullptr;
+    Json root(cJSON_ParseWithOpts(json, nullptr, 0));
+    if (!root) {
+        // The position is the whole process's: another thread may have parsed something else meanwhile.
+        const char *const place = cJSON_GetErrorPtr();
+        if (place >= json && place <= json + std::strlen(json))
+            error = place;
+    }
+    return root;
+}
+
 /// Adds one value to the root. A number that finds no memory is left out.
 /// @return false if there is no memory for the object around it.
 bool AddEntry(cJSON &root, const SysHealthConfigEntry &entry) {
@@ -118,12 +156,11 @@ bool AddEntry(cJSON &root, const SysHealthConfigEntry &entry) {
 
 std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, const char *json) {
     ResetSystemHealthConfig();
-    Json root(cJSON_ParseWithOpts(json, nullptr, 0));
+    const char *error = nullptr;
+    Json root = ParsePolicy(json, error);
     if (!root) {
-        // The position is the whole process's: another thread may have parsed something else meanwhile.
-        const char *const place = cJSON_GetErrorPtr();
-        if (place >= json && place <= json + std::strlen(json))
-            Trace(kEngineTrace, "json parsing error [%s]", OutsideText{place});
+        if (error != nullptr)
+            Trace(kEngineTrace, "json parsing error [%s]", OutsideText{error});
         // Not 0: the iteration goes on, with the iteration interval alone. The agent's flag stays as it was.
         return 1;
     }
