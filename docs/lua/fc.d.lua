@@ -64,7 +64,8 @@ function SLB.filter.UpdateConnMetrics() end
 ---@return fc.ConnMetricsRow[] rows in the order of the keys
 function SLB.filter.GetConnMetrics() end
 
----One iteration of the health check. Raises no error: a wrong argument gives `action` 6.
+---One iteration of the health check. Raises no error: a wrong argument gives `action` 6. Blocks for at least 100 ms, but
+---not with `action` 2 and 6. `action` 2 clears the wait of the fail-open, in "Activated", too.
 ---@param dom SLB.Dom
 ---@param state "Activated"|"Deactivated" whether the filter is in fail-open
 ---@param cloud_config string the policy as JSON; "" for the local configuration file
