@@ -75,7 +75,9 @@ prepare_build() {
     with_lock "$BUILD" build_targets "$@"
 }
 
-# run_windows PROGRAM ARGS...: runs it here, under Wine.
-run_windows() { "$(wine_program)" "$@"; }
+# run_windows PROGRAM ARGS...: runs it here, under Wine, and ends with its status.
+run_windows() { "$ROOT/scripts/run-windows.sh" "$(wine_program)" "$@"; }
 
 run_host() { run_windows "$BUILD/bin/fc-host.exe" "$@"; }
+
+run_bench() { run_windows "$BUILD/bin/fc-bench.exe" "$@"; }

@@ -124,7 +124,7 @@ check_cppcheck() {
 
 check_lua() { luacheck --quiet examples docs/lua; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh tests/*/*.sh; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh tests/*/*.sh; }
 
 run_checks() {
     local failed=() name

@@ -1,9 +1,19 @@
-#!/bin/sh
-# run-apart.sh PROGRAM ARGS...: the same output, once the program has ended. Wine's services keep the output of the
-# program that they were started for, and so whoever reads it would wait for them.
-output=$(mktemp)
-"$@" >"$output" 2>&1
-status=$?
-cat "$output"
-rm -f "$output"
-exit $status
+#!/usr/bin/env bash
+# run-apart.sh ENTRY COMMAND...: runs the test program of an entry of ctest's. In the current folder, that of the results, it
+# has to leave ENTRY.xml, by which it is judged; its output stays beside that in ENTRY.log and its status in
+# ENTRY.status. The output is shown once the program has ended: Wine's services keep the output of the program that
+# they were started for, and so whoever reads it would wait for them.
+set -uo pipefail
+# shellcheck source-path=SCRIPTDIR
+. "$(dirname "${BASH_SOURCE[0]}")/results.sh"
+entry=$1
+shift
+rm -f "$entry".{xml,log,status}
+timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
+echo $? >"$entry.status"
+cat "$entry.log"
+fault=$(fault_of "$PWD/$entry")
+[ -z "$fault" ] || {
+    echo "error: $entry $fault"
+    exit 1
+}

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# run-windows.sh WINE PROGRAM ARGS...: runs a program of ours under Wine, by way of fc-launch.exe beside it, and ends with
+# its status. Wine's own is 0 for some of the programs that crash.
+set -uo pipefail
+wine=$1 program=$2
+shift 2
+
+fault() {
+    echo "error: $(basename "$program") $1" >&2
+    exit "${2:-1}"
+}
+
+# As Wine names it, whatever drive the current folder is on.
+windows_path() {
+    local path=$1
+    [[ $path != /* ]] || path=Z:$path
+    echo "${path//\//\\}"
+}
+
+report=$(mktemp)
+trap 'rm -f "$report"' EXIT
+"$wine" "$(dirname "$program")/fc-launch.exe" "$(windows_path "$report")" "$(windows_path "$program")" "$@"
+status=$(<"$report")
+case $status in
+'') fault "has left no status: it could not be run, or Wine has failed" ;;
+killed) fault "was ended from outside" ;;
+*[!0-9]*) fault "has left the status '$status'" ;;
+esac
+[ "$status" -gt 255 ] || exit "$status"
+low=$((status & 255))
+[ "$low" -ne 0 ] || low=1
+case $(printf '0x%08X' "$status") in
+0x[8C]*) fault "has crashed: $(printf '0x%08X' "$status")" "$low" ;; # the code of an exception
+*) exit "$low" ;;
+esac

@@ -1,0 +1,29 @@
+// A program that ends as its argument tells: crash, crash-at-end, vanish, or an exit status.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <windows.h>
+
+namespace {
+
+void Crash() {
+    volatile int *volatile wild = nullptr;  // the compiler is not to see where it leads
+    *wild = 1;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
+    const std::string how = argc > 1 ? argv[1] : "crash";
+    (void)std::puts("the program begins");
+    (void)std::fflush(stdout);
+    if (how == "crash")
+        Crash();
+    if (how == "crash-at-end")
+        (void)std::atexit(&Crash);
+    if (how == "vanish")
+        (void)TerminateProcess(GetCurrentProcess(), 0);
+    return std::atoi(how.c_str());
+}

@@ -1,0 +1,277 @@
+#!/usr/bin/env bash
+# Breaks programs on purpose, and looks at whether ./dev notices: test programs in a build folder that is made up for it,
+# then the host and the benchmarks.
+#   runner-tests.sh BIN XML [WINE]
+# BIN holds fc-launch.exe, fc-host.exe and runner-crash.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BIN=$1 XML=$2
+WINE=${3:-wine}
+REPOSITORY=$(cd "$HERE/../.." && pwd)
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Runner
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+# in_dev COMMAND...: as ./dev runs it, with $WORK/build as the build folder. The output is left in $WORK/out, the status in
+# STATUS. RUNNER_WINE stands for Wine.
+in_dev() {
+    STATUS=0
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    FC_BUILD=$WORK/build FC_TEST_SECONDS=${SECONDS_OF_A_TEST:-60} bash -euo pipefail -c '
+        prefix=${WINEPREFIX:-} CALLER=$PWD
+        . "$1/scripts/common.sh"
+        . "$1/scripts/build.sh"
+        . "$1/scripts/results.sh"
+        . "$1/scripts/tests.sh"
+        export WINEPREFIX=$prefix
+        wine=$2
+        wine_program() { echo "$wine"; }
+        "${@:3}"' in_dev "$REPOSITORY" "${RUNNER_WINE:-$WINE}" "$@" >"$WORK/out" 2>&1 </dev/null || STATUS=$?
+}
+
+# entries NAME COMMAND [NAME COMMAND]...: the build folder has these entries and no other. Their commands are lines of shell
+# in the folder of the results; `result` is among them.
+entries() {
+    local build=$WORK/build
+    rm -rf "$build"
+    mkdir -p "$build/test-results"
+    while [ $# -gt 0 ]; do
+        {
+            declare -f result
+            printf 'BIN=%q\nWINE=%q\nREPOSITORY=%q\n%s\n' "$BIN" "$WINE" "$REPOSITORY" "$2"
+        } >"$build/$1.sh"
+        echo "add_test($1 [==[$REPOSITORY/scripts/run-apart.sh]==] $1 bash [==[$build/$1.sh]==])
+set_tests_properties($1 PROPERTIES WORKING_DIRECTORY [==[$build/test-results]==])" >>"$build/CTestTestfile.cmake"
+        shift 2
+    done
+}
+
+# result NAME TESTS FAILURES: leaves NAME.xml as GoogleTest would.
+result() {
+    local i
+    echo '<?xml version="1.0" encoding="UTF-8"?>'
+    echo "<testsuites tests=\"$2\" failures=\"$3\" disabled=\"0\" errors=\"0\" time=\"0.\" name=\"AllTests\">"
+    echo "  <testsuite name=\"Fake\" tests=\"$2\" failures=\"$3\" disabled=\"0\" skipped=\"0\" errors=\"0\" time=\"0.\">"
+    for ((i = 0; i < $2; i++)); do
+        echo "    <testcase name=\"Test$i\" status=\"run\" classname=\"Fake\" />"
+    done
+    echo '  </testsuite>'
+    echo '</testsuites>'
+} >"$1.xml"
+
+# says LINE: a line of the output.
+says() {
+    grep -qxF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
+}
+
+# mentions TEXT: a part of the output.
+mentions() {
+    grep -qF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
+}
+
+# ends_with_an_error: the last command's status.
+ends_with_an_error() {
+    [ "$STATUS" -ne 0 ] || because "the status is 0, after: $(tail -n 12 "$WORK/out")"
+}
+
+# passes PASSED: the last run of tests.
+passes() {
+    [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 12 "$WORK/out")" || return
+    says "$1 passed, 0 failed, 0 skipped"
+}
+
+# fails NAME FAULT PASSED FAILED: the last run of tests, by that entry.
+fails() {
+    ends_with_an_error && says "error: $1 $2; its output ends with:" && says "$3 passed, $4 failed, 0 skipped"
+}
+
+ProgramsThatPassEndWithZero() {
+    entries good 'result good 3 0' other 'result other 2 0'
+    in_dev run_tests
+    passes 5 || return
+    in_dev run_tests other
+    passes 2
+}
+
+AFailedTestCountsThoughItsProgramEndsWithZero() {
+    entries good 'result good 3 0' bad 'echo "a word at the end"; result bad 4 1'
+    in_dev run_tests
+    fails bad 'has failed in 1 of 4 tests' 6 1 && says '    a word at the end'
+}
+
+AProgramWithoutResultsFails() {
+    entries good 'result good 3 0' silent 'echo "a word at the end"'
+    in_dev run_tests
+    fails silent 'has left no results (status 0)' 3 1 && says '    a word at the end'
+}
+
+ResultsThatAreCutShortFail() {
+    entries short 'result short 3 0; head -n -1 short.xml >cut; mv cut short.xml'
+    in_dev run_tests
+    fails short 'has left results that are not complete (status 0)' 0 1
+}
+
+ResultsWithFewerTestsThanTheyTellFail() {
+    entries short 'result short 3 0; sed -i "/Test1/d" short.xml'
+    in_dev run_tests
+    fails short 'has left results that are not complete (status 0)' 0 1
+}
+
+ARunOfNoTestFails() {
+    entries none 'result none 0 0'
+    in_dev run_tests
+    fails none 'has run no test' 0 1
+}
+
+AProgramThatEndsBadlyAfterItsTestsFails() {
+    entries late 'result late 3 0; exit 5'
+    in_dev run_tests
+    fails late 'has ended with status 5 after its tests' 3 1
+}
+
+TheResultsOfAnotherEntryDoNotCount() {
+    entries program 'result program 3 0' program-again 'result program 3 0'
+    in_dev run_tests
+    fails program-again 'has left no results (status 0)' 3 1
+}
+
+ResultsOfAnEarlierRunDoNotCount() {
+    entries once '[ -e ../was-here ] || result once 3 0; touch ../was-here'
+    in_dev run_tests
+    passes 3 || return
+    in_dev run_tests
+    fails once 'has left no results (status 0)' 0 1
+}
+
+AProgramThatIsNotRunFails() {
+    entries first 'exit 1' second 'result second 3 0'
+    echo 'set_tests_properties(first PROPERTIES FIXTURES_SETUP f)
+set_tests_properties(second PROPERTIES FIXTURES_REQUIRED f)' >>"$WORK/build/CTestTestfile.cmake"
+    in_dev run_tests second
+    fails second 'was not run' 0 2
+}
+
+AProgramThatTakesTooLongKeepsItsOutput() {
+    entries slow 'echo "a word before the end"; sleep 100'
+    SECONDS_OF_A_TEST=1 in_dev run_tests
+    fails slow 'was ended after 1 s' 0 1 && says '    a word before the end'
+}
+
+AnUnknownNameFails() {
+    entries good 'result good 3 0'
+    in_dev run_tests goood
+    ends_with_an_error && mentions "no test program is called 'goood'; there are: good"
+}
+
+# Wine loses the status of about every fourth.
+ACrashOfATestProgramIsNoticed() {
+    local i crash all=()
+    # shellcheck disable=SC2016 # expanded by the entry
+    crash='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
+    for i in 1 2 3; do
+        all+=("before$i" "$crash crash" "after$i" "result after$i 1 0; $crash crash-at-end")
+    done
+    entries "${all[@]}"
+    in_dev run_tests
+    for i in 1 2 3; do
+        fails "before$i" 'has left no results (status 5)' 3 6 &&
+            fails "after$i" 'has ended with status 5 after its tests' 3 6 || return
+    done
+    mentions '    the program begins' && says '    error: runner-crash.exe has crashed: 0xC0000005'
+}
+
+# runs_as PROGRAM: $WORK/build has the program that ends badly in the place of this one of ours.
+runs_as() {
+    rm -rf "$WORK/build"
+    mkdir -p "$WORK/build/bin"
+    cp "$BIN/fc-launch.exe" "$BIN"/lib*.dll "$WORK/build/bin/" 2>/dev/null || true
+    cp "$BIN/runner-crash.exe" "$WORK/build/bin/$1"
+}
+
+TheStatusOfAProgramIsThatOfTheCommand() {
+    local status
+    runs_as fc-host.exe
+    for status in 0 1 2 255; do
+        in_dev run_host "$status"
+        [ "$STATUS" -eq "$status" ] || because "status $STATUS instead of $status: $(<"$WORK/out")" || return
+    done
+    in_dev run_host 256
+    ends_with_an_error
+}
+
+ACrashOfTheHostOrTheBenchmarksIsNoticed() {
+    local how
+    runs_as fc-host.exe
+    cp "$WORK/build/bin/fc-host.exe" "$WORK/build/bin/fc-bench.exe"
+    for how in crash crash-at-end; do
+        in_dev run_host $how
+        ends_with_an_error && says 'error: fc-host.exe has crashed: 0xC0000005' || return
+        in_dev run_bench $how
+        ends_with_an_error && says 'error: fc-bench.exe has crashed: 0xC0000005' || return
+    done
+}
+
+# Nobody handles the breakpoint.
+AScriptThatCrashesTheHostIsNoticed() {
+    rm -rf "$WORK/build"
+    mkdir -p "$WORK/build"
+    ln -s "$BIN" "$WORK/build/bin"
+    cat >"$WORK/crash.lua" <<'LUA'
+print "the script begins"
+io.stdout:flush()
+package.loadlib("kernel32.dll", "DebugBreak")()
+LUA
+    in_dev run_host --quiet "$WORK/crash.lua"
+    ends_with_an_error && mentions 'error: fc-host.exe has crashed: 0x80000003' && says 'the script begins'
+}
+
+AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
+    runs_as fc-host.exe
+    in_dev run_host vanish
+    ends_with_an_error && says 'error: fc-host.exe was ended from outside'
+}
+
+AWineThatDoesNothingFails() {
+    runs_as fc-host.exe
+    RUNNER_WINE=$(command -v true) in_dev run_host 0
+    ends_with_an_error && says 'error: fc-host.exe has left no status: it could not be run, or Wine has failed' || return
+    runs_as fc-bench.exe
+    RUNNER_WINE=$(command -v true) in_dev run_bench 0
+    ends_with_an_error && says 'error: fc-bench.exe has left no status: it could not be run, or Wine has failed'
+}
+
+AProgramThatIsMissingFails() {
+    runs_as fc-host.exe
+    in_dev run_bench 0
+    ends_with_an_error && mentions 'error: fc-bench.exe has left no status'
+}
+
+# A test in shell that ends in its midst leaves no results.
+AShellTestThatEndsEarlyFails() {
+    # shellcheck disable=SC2016 # expanded by the entry
+    entries shell '. "$REPOSITORY/tests/support/shell-tests.sh"
+set -e
+SUITE=Fake
+Fine() { true; }
+Ends() { exit 0; }
+test_case Fine
+test_case Ends
+write_results shell shell.xml'
+    in_dev run_tests
+    fails shell 'has left no results (status 0)' 0 1
+}
+
+for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \
+    ResultsThatAreCutShortFail ResultsWithFewerTestsThanTheyTellFail ARunOfNoTestFails \
+    AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
+    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput AnUnknownNameFails ACrashOfATestProgramIsNoticed \
+    TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
+    AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
+    AWineThatDoesNothingFails AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
+    test_case "$name"
+done
+write_results runner-tests "$XML"
