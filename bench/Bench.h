@@ -5,17 +5,22 @@
 #include <string>
 #include <vector>
 
+/// A short run only shows that all benchmarks still work: few rounds, small sizes, no goals. To be set before the
+/// first.
+void SetShortRun();
+[[nodiscard]] bool IsShortRun();
+
 /// Seconds on the processor's steady counter.
 double Now();
 
 /// How long each call of the jobs takes, in seconds: the jobs take turns, `rounds` times after one
-/// round to warm up, and the median of each is the result.
+/// round to warm up, and the median of each is the result. A short run makes one round.
 std::vector<double> MedianTimes(int rounds, const std::vector<std::function<double()>> &jobs);
 
 /// The rows of a run. Every row is a ratio of two figures of the same run, or says that it is not.
 class Report {
 public:
-    /// A row with a goal.
+    /// A row with a goal; a short run leaves the goal out.
     /// @param goal  a comparison such as "<= 2.5".
     void Add(const std::string &row, double value, const std::string &unit, const std::string &goal);
     /// A row that is told only.

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include "Bench.h"
+#include "FcModule.h"
 
 namespace {
 
@@ -34,6 +35,11 @@ LuaBench::LuaBench() : m_state(lua_newstate(&BlockPool::Allocate, &m_pool)) {
     lua_pushlstring(m_state, folder.data(), folder.size());
     lua_setglobal(m_state, "folder");
     Run("package.cpath = folder .. '?.dll'");
+}
+
+LuaBench::~LuaBench() {
+    lua_close(m_state);
+    UnloadFc();
 }
 
 void LuaBench::Run(const std::string &code) {

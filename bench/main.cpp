@@ -1,4 +1,4 @@
-// fc-bench [--json FILE] [GROUP...]: measures the module against peers and floors of the same run.
+// fc-bench [--short] [--json FILE] [GROUP...]: measures the module against peers and floors of the same run.
 // Exit code 0 when every goal is met, 1 when one is not, 2 when a run was not possible.
 
 #include <algorithm>
@@ -40,7 +40,7 @@ bool IsGroup(std::string_view name) {
 }
 
 int Usage() {
-    std::fprintf(stderr, "usage: fc-bench [--json FILE] [GROUP...]\ngroups:");
+    std::fprintf(stderr, "usage: fc-bench [--short] [--json FILE] [GROUP...]\ngroups:");
     for (const Group &group : kGroups)
         std::fprintf(stderr, " %s", std::string(group.name).c_str());
     std::fprintf(stderr, "; all without one\n");
@@ -52,6 +52,10 @@ int Usage() {
 int main(int argc, char **argv) {
     std::vector<std::string> groups(argv + 1, argv + argc);
     std::string json;
+    if (!groups.empty() && groups[0] == "--short") {
+        SetShortRun();
+        groups.erase(groups.begin());
+    }
     if (groups.size() >= 2 && groups[0] == "--json") {
         json = groups[1];
         groups.erase(groups.begin(), groups.begin() + 2);

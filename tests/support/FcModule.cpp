@@ -12,17 +12,17 @@ std::string HowToRepeat() {
     return "again with --gtest_random_seed=" + std::to_string(testing::UnitTest::GetInstance()->random_seed());
 }
 
+void UnloadFc() {
+    while (const HMODULE module = GetModuleHandleW(L"fc.dll"))
+        FreeLibrary(module);
+}
+
 FcModule::FcModule() : m_handle(nullptr) {
     if (GetModuleHandleW(L"fc.dll"))
         throw std::logic_error("fc.dll is loaded already: another FcModule is alive");
     m_handle = LoadLibraryW(L"fc.dll");
     if (!m_handle)
         throw std::runtime_error("fc.dll can't be loaded: error " + std::to_string(GetLastError()));
-}
-
-FcModule::~FcModule() {
-    while (GetModuleHandleW(L"fc.dll"))
-        FreeLibrary(m_handle);
 }
 
 lua_CFunction FcModule::luaopen() const {

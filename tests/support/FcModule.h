@@ -12,12 +12,14 @@ std::mt19937 SeededRandom();
 /// The option that makes the same random tests again.
 std::string HowToRepeat();
 
+/// Unloads the module for good, the reference that it holds on itself included; its next user has it fresh.
+void UnloadFc();
+
 /// The module, freshly loaded: its objects are as at the start of a process. One at a time.
 class FcModule {
 public:
     FcModule();
-    /// Unloads it for good, the reference that it holds on itself included.
-    ~FcModule();
+    ~FcModule() { UnloadFc(); }
 
     FcModule(const FcModule &) = delete;
     FcModule &operator=(const FcModule &) = delete;

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Runs all benchmarks in their short form, in one program as ./dev bench does.
+#   bench-smoke.sh BIN XML [WINE...]
+# BIN holds fc-bench.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BIN=$1 XML=$2
+WINE=("${@:3}")
+[ ${#WINE[@]} -gt 0 ] || WINE=(wine)
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Benchmarks
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+# bench ARGUMENTS...: leaves the output in `out` and the status in STATUS.
+bench() {
+    STATUS=0
+    timeout 300 "${WINE[@]}" "$BIN/fc-bench.exe" "$@" >"$WORK/out" 2>&1 || STATUS=$?
+}
+
+AllGroupsAreMeasuredInOneRun() {
+    local row
+    bench --short
+    [ "$STATUS" -eq 0 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")" || return
+    for row in 'AddToConnMetrics, present key' 'memory of 10,000 keys' 'CheckSystemHealthMetrics, its own share' \
+        'AddDriverDiagnostics, its own share' 'the seven driver-flag functions' 'scan of 1 MiB of INF text' \
+        'a step of a driver thread' "a fresh installation's own time" 'an upgrade with 10 adapters' \
+        "from a hung step's limit to its kill"; do
+        grep -q "^$row.* [0-9]*\.[0-9]* " "$WORK/out" || because "there is no row '$row': $(tail -n 3 "$WORK/out")" || return
+    done
+}
+
+# After AllGroupsAreMeasuredInOneRun.
+AShortRunJudgesNoGoal() {
+    grep -qx 'A short run: the figures mean nothing\.[[:space:]]*' "$WORK/out" || because 'it does not say that it is short' || return
+    ! grep -qiw 'met' "$WORK/out" || because "$(grep -iw -m 1 'met' "$WORK/out")"
+}
+
+AnUnknownGroupIsRefused() {
+    bench --short metric
+    [ "$STATUS" -eq 2 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")"
+}
+
+for name in AllGroupsAreMeasuredInOneRun AShortRunJudgesNoGoal AnUnknownGroupIsRefused; do
+    test_case "$name"
+done
+write_results bench-smoke "$XML"
