@@ -54,6 +54,16 @@ prepare_wine() {
     touch "$WINEPREFIX/ready"
 }
 
+# Under Wine the locale decides on the code page: these two have 932 and 65001. Debian's package has their definitions.
+make_locales() {
+    local name
+    mkdir -p "$BUILD/locales"
+    for name in ja_JP hi_IN; do
+        [ -f "$BUILD/locales/$name.UTF-8/LC_IDENTIFICATION" ] ||
+            quietly "locale-$name.log" "making the locale $name" localedef -i "$name" -f UTF-8 "$BUILD/locales/$name.UTF-8"
+    done
+}
+
 build_targets() {
     configure_build
     say "building"

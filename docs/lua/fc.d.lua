@@ -52,7 +52,7 @@ SLB = {}
 SLB.filter = {}
 
 ---Counts connections of a kind. Not from two threads at a time.
----@param key string connections with equal keys are one kind
+---@param key string connections with equal keys are one kind; in ASCII, or in the system's code page
 ---@param text string lines of name, tab, value; kept from the first call for the key
 ---@param count number its integer part counts, in 32 bits; 0 does nothing
 function SLB.filter.AddToConnMetrics(key, text, count) end

@@ -1,4 +1,5 @@
 // Calls of the driver library that fail, one at a time: what is left of the package, and what the agent hears.
+#include "CodePage.h"
 #include "DiagnosticsFixture.h"
 
 #include "Diagnostics/DriverAnswers.h"
@@ -125,8 +126,18 @@ TEST_F(DriverFailure, IsReportedWithAsMuchOfItsTextAsEightyBytesHold) {
 }
 
 TEST_F(DriverFailure, HasItsTextConvertedByTheLocale) {
-    // The program has the locale "C", in which a byte is the character of that number.
-    EXPECT_EQ(MessageFor("Ger\xE4t \xFF"), "GET_STATS|fffffffb (Ger\xC3\xA4t \xC3\xBF)");
+    const CodePageText character = CharacterInCodePage();
+    EXPECT_EQ(MessageFor("Ger" + character.narrow + "t"), "GET_STATS|fffffffb (Ger" + character.utf8 + "t)");
+    if (GetACP() == 1252) {
+        EXPECT_EQ(MessageFor("Ger\xE4t \xFF"), "GET_STATS|fffffffb (Ger\xC3\xA4t \xC3\xBF)");
+    }
+}
+
+TEST_F(DriverFailure, KeepsATextInAnotherEncoding) {
+    for (const CodePageText &text : TextsOutsideCodePage())
+        EXPECT_EQ(MessageFor(text.narrow), "GET_STATS|fffffffb (" + text.utf8 + ")");
+    const std::string message = MessageFor("Ger\xE4t \xFF\x81 broken");
+    EXPECT_TRUE(message.starts_with("GET_STATS|fffffffb (Ger") && message.ends_with("broken)")) << message;
 }
 
 // The message is the event's format, without arguments: what a directive in the driver's text comes to is the event

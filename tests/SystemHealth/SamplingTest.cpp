@@ -8,6 +8,7 @@
 
 #include <pdhmsg.h>
 
+#include "CodePage.h"
 #include "IterationFixture.h"
 #include "slb3_control.h"
 
@@ -398,12 +399,25 @@ TEST_F(Sampling, EmptyErrorTextsAreLoggedAsEmpty) {
 
 TEST_F(Sampling, ErrorTextsBeyondAsciiStillMakeALine) {
     WriteConfig(kPort);
+    std::vector<CodePageText> texts = TextsOutsideCodePage();
+    texts.push_back(CharacterInCodePage());
+    for (const CodePageText &text : texts) {
+        driver().faults["vti_get_scan_metrics"] = {.status = 5, .error = text.narrow};
+        ASSERT_EQ(Check(), kNormal);
+        EXPECT_EQ(TakeErrors(),
+                  (std::vector<std::string>{"vti_get_scan_metrics failed rc= 5, buf{" + text.utf8 + "}",
+                                            "get_scan_metrics() failed rc=5, exiting, buf{" + text.utf8 + "}"}));
+    }
+}
+
+TEST_F(Sampling, ErrorTextsInAnyEncodingKeepTheirAscii) {
+    WriteConfig(kPort);
     driver().faults["vti_get_scan_metrics"] = {.status = 5, .error = "ger\xE4t \xFF\x81 %s%n"};
     ASSERT_EQ(Check(), kNormal);
     const std::vector<std::string> errors = TakeErrors();
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_TRUE(errors[0].starts_with("vti_get_scan_metrics failed rc= 5, buf{ger")) << errors[0];
-    EXPECT_TRUE(errors[0].ends_with(" %s%n}")) << errors[0];
+    EXPECT_TRUE(errors[0].ends_with("%s%n}")) << errors[0];
 }
 
 TEST_F(Sampling, LongErrorTextsAreCutWhetherTheyHaveAnEndMarkOrNot) {

@@ -1,5 +1,6 @@
 // Connection metrics, through SLB.filter on the module as it ships.
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <wx/tokenzr.h>
 
+#include "CodePage.h"
 #include "ModuleFixture.h"
 
 namespace {
@@ -233,11 +235,14 @@ TEST_F(ConnMetrics, ASecondDrainWithNoFoldBetweenIsEmpty) {
 }
 
 TEST_F(ConnMetrics, TheOrderOfTheRowsIsTheOrderOfTheKeysByCharacterCode) {
-    lua.Run("for _, key in ipairs{'b', 'a', 'B', '', 'aa', '_', '\\200'} do add(key, 'key\\t<' .. key .. '>') end");
+    const std::string last = CharacterInCodePage().narrow;
+    lua.Run("for _, key in ipairs{'b', 'a', 'B', '', 'aa', '_', '" + last +
+            "'} do add(key, 'key\\t<' .. key .. '>') end");
     Fold();
     EXPECT_EQ(Drain(),
               "count=1 key=\"<>\"\ncount=1 key=\"<B>\"\ncount=1 key=\"<_>\"\ncount=1 key=\"<a>\"\n"
-              "count=1 key=\"<aa>\"\ncount=1 key=\"<b>\"\ncount=1 key=\"<\xC8>\"");
+              "count=1 key=\"<aa>\"\ncount=1 key=\"<b>\"\ncount=1 key=\"<" +
+                  last + ">\"");
 }
 
 TEST_F(ConnMetrics, TheKeyItselfDoesNotReachLua) {
@@ -395,18 +400,46 @@ TEST_F(ConnMetrics, TextsAndKeysEndAtTheFirstNul) {
 }
 
 TEST_F(ConnMetrics, EveryByteValueSurvivesTheWayThroughTheModule) {
-    lua.Run(R"(
-        bytes = {}
-        for i = 1, 255 do if i ~= 9 and i ~= 10 then bytes[#bytes + 1] = string.char(i) end end
-        bytes = table.concat(bytes)
-        add(bytes, 'name\t' .. bytes) add(bytes, '') add('n', bytes .. '\tvalue')
-    )");
+    std::string bytes = CharactersOfOneByte() + CharacterInCodePage().narrow;
+    std::erase_if(bytes, [](char byte) { return byte == '\t' || byte == '\n'; });
+    if (GetACP() == 1252) {
+        EXPECT_EQ(bytes.size(), 254U) << "all, and one once more";
+    }
+    lua_pushlstring(lua, bytes.data(), bytes.size());
+    lua_setglobal(lua, "bytes");
+    lua.Run("add(bytes, 'name\\t' .. bytes) add(bytes, '') add('n', bytes .. '\\tvalue')");
     Fold();
     lua.Run("rows = f.GetConnMetrics()");
-    // In the "C" locale each byte is one character.
     EXPECT_EQ(lua.Eval("#rows"), "2");
     EXPECT_EQ(lua.Eval("rows[1].name == bytes and rows[1].count == 2"), "true");
     EXPECT_EQ(lua.Eval("rows[2][bytes]"), "value");
+}
+
+TEST_F(ConnMetrics, KeysAndTextsThatAreNotInTheCodePageAreEmpty) {
+    const std::vector<std::string> odd{"k\xE9", "k\x81", "\xE4\xB8\x9C", "k\xFC\xFC"};
+    const auto outside = std::count_if(odd.begin(), odd.end(), [](const auto &text) { return !IsInCodePage(text); });
+    if (!TextsOutsideCodePage().empty()) {
+        EXPECT_GT(outside, 1);
+    }
+    for (const std::string &text : odd)
+        lua.Run("add('" + text + "', 'a\\tb') add('key of " + text + "', '" + text + "\\tvalue')");
+    lua.Run("add('', 'a\\tb', 10)");
+    Fold();
+    lua.Run(
+        "rows = f.GetConnMetrics() fields = 0 for i, row in ipairs(rows) do for _ in pairs(row) do"
+        " fields = fields + 1 end end");
+    // One row for the empty key and all that are not in the code page, one for each other key.
+    const std::size_t ordinary = odd.size() - static_cast<std::size_t>(outside);
+    EXPECT_EQ(lua.Eval("#rows"), std::to_string(1 + 2 * ordinary));
+    EXPECT_EQ(lua.Eval("rows[1].count"), std::to_string(10 + 2 * outside));
+    EXPECT_EQ(lua.Eval("fields"), std::to_string(2 * (1 + 2 * ordinary)));
+}
+
+TEST_F(ConnMetrics, ATextThatIsNotInTheCodePageLeavesTheCountAlone) {
+    for (const CodePageText &text : TextsOutsideCodePage())
+        EXPECT_EQ(RowOf("'name\\t" + text.narrow + "'"), "count=1");
+    const std::string character = CharacterInCodePage().narrow;
+    EXPECT_EQ(RowOf("'name\\t" + character + "'"), "count=1 name=\"" + character + "\"");
 }
 
 TEST_F(ConnMetrics, TextsAndKeysOfOneMebibyteAreKeptWhole) {
@@ -649,7 +682,7 @@ TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfAPlainModel) {
         for (const auto &[key, count] : merged)
             expected.append(expected.empty() ? "" : "\n")
                 .append("count=" + std::to_string(count))
-                .append(" k=\"" + key + "\"");
+                .append(key.empty() ? "" : " k=\"" + key + "\"");
         merged.clear();
         return expected;
     };
@@ -660,7 +693,7 @@ TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfAPlainModel) {
             const unsigned count = random() % 3;
             lua.Run("add('" + key + "', 'k\\t" + key + "', " + std::to_string(count) + ")");
             if (count != 0)
-                staging[key] += count;
+                staging[IsInCodePage(key) ? key : ""] += count;
         } else if (what < 98) {
             Fold();
             for (const auto &[key, count] : staging)

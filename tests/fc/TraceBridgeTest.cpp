@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "CodePage.h"
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "vta_core_control.h"
@@ -198,6 +199,17 @@ TEST_F(TraceBridge, StringsAreInTheEncodingOfTheCurrentLocale) {
     const std::string expected = wxString(wide.data()).utf8_string();
     EXPECT_EQ(Handler()(1, bytes.c_str(), bytes.c_str(), 2, bytes.c_str()), 0);
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{expected + "/1  | " + expected + " | " + expected + ":2\n"});
+}
+
+TEST_F(TraceBridge, StringsInAnotherEncodingAreReadAllTheSame) {
+    for (const CodePageText &text : TextsOutsideCodePage()) {
+        EXPECT_EQ(Handler()(1, "a", "b", 2, text.narrow.c_str()), 0);
+        EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"a/1  | " + text.utf8 + " | b:2\n"});
+    }
+    EXPECT_EQ(Handler()(1, "a", "b", 2, "ger\xE4t \xFF\x81 ended"), 0);
+    const Calls messages = TakeTracedMessages("VTI");
+    ASSERT_EQ(messages.size(), 1U);
+    EXPECT_TRUE(messages[0].starts_with("a/1  | ger") && messages[0].ends_with("ended | b:2\n")) << messages[0];
 }
 
 TEST_F(TraceBridge, LinesOfSeveralThreadsAreWholeWhileTheComponentIsSwitchedOnAndOff) {

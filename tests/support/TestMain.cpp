@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include "CodePage.h"
+
 namespace {
 
 /// An assertion of wxWidgets fails the test in which it happens; its own handler would show a window.
@@ -24,5 +26,6 @@ int main(int argc, char **argv) {
     if (!wx.IsOk())
         return EXIT_FAILURE;
     wxSetAssertHandler(&OnWxAssert);
+    CheckCodePageOfTheRun();
     return RUN_ALL_TESTS();
 }

@@ -8,6 +8,7 @@
 
 #include <wx/string.h>
 
+#include "MessageText.h"
 #include "vti.h"
 
 /// Agent event of a failure of the driver-interface library.
@@ -26,10 +27,10 @@ struct FreeBlock {
 template <typename Record>
 using Block = std::unique_ptr<Record, FreeBlock>;
 
-/// The text of the handle's last failure, in the locale's encoding.
+/// The text of the handle's last failure, for a message.
 /// @param size  bytes that the library is offered; a text that fills them has no end mark.
 inline wxString DriverErrorText(vti_handle_t *handle, std::uint32_t size) {
     std::vector<char> text(size + 1);
     vti_get_error(handle, text.data(), size);
-    return wxString(text.data(), wxConvLibc);
+    return LibraryTextForMessage(text.data());
 }

@@ -10,6 +10,7 @@
 
 #include <wx/string.h>
 
+#include "MessageText.h"
 #include "vta_core.h"
 
 /// The module frame's component.
@@ -42,17 +43,12 @@ inline std::string FunctionNameOf(std::string_view signature) {
     return name.ends_with("::operator") ? name + "()" : name;
 }
 
-/// A text from outside for a message, whatever its encoding: UTF-8 if it is that, else the locale's, else Latin-1.
-inline wxString TextForMessage(const char *text) {
-    return wxString(text, wxConvWhateverWorks);
-}
-
 /// A text from outside as an argument of Trace, made by TextForMessage only if the line is wanted.
 struct OutsideText {
     const char *text;
 };
 
-/// The same for a text in the locale's encoding; null is an empty text.
+/// The same, made by LibraryTextForMessage; null is an empty text.
 struct LocaleText {
     const char *text;
 };
@@ -65,7 +61,7 @@ inline wxString TraceArgument(const OutsideText &outside) {
     return TextForMessage(outside.text);
 }
 inline wxString TraceArgument(const LocaleText &locale) {
-    return wxString(locale.text, wxConvLibc);
+    return LibraryTextForMessage(locale.text);
 }
 
 /// Writes a line if the component is wanted. Any thread.

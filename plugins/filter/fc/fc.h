@@ -3,6 +3,7 @@
 
 #include "CallWrappers.h"
 #include "DriverHandle.h"
+#include "MessageText.h"
 #include "ModuleObjects.h"
 #include "Registration.h"
 #include "Trace.h"
