@@ -1,11 +1,14 @@
 // The list of authorised applications through SLB.filter.
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "FirewallFixture.h"
+#include "LogCollector.h"
 
 namespace {
 
@@ -103,6 +106,46 @@ TEST_F(FirewallApplications, NeedADisplayName) {
     EXPECT_EQ(Calls("INetFwAuthorizedApplications::Add"), Lines());
     EXPECT_TRUE(Listed().empty());
     EXPECT_EQ(Left(), LeftThings());
+}
+
+TEST_F(FirewallApplications, TellByTheirLinesWhichTextFoundNoMemory) {
+    // The first text is made in the look whether the program is listed.
+    std::set<std::string> places;
+    for (const unsigned nth : {1U, 2U, 3U}) {
+        const auto plan = faults().FailNth("SysAllocString", nth, ERROR_OUTOFMEMORY);
+        EXPECT_EQ(lua.Eval("SLB.filter." + kAdd), "false");
+        ASSERT_TRUE(plan->Hit());
+        faults().Clear();
+        for (const TracedLine &line : TakeTracedLines()) {
+            if (line.message != "SysAllocString failed: 0x8007000e")
+                continue;
+            EXPECT_EQ(line.function, nth == 1 ? "WindowsFirewall::WindowsFirewallAppIsEnabled"
+                                              : "WindowsFirewall::DoWindowsFirewallAddApp");
+            EXPECT_TRUE(places.insert(line.file + ":" + std::to_string(line.line)).second) << line.line;
+        }
+    }
+    EXPECT_EQ(places.size(), 3U);
+}
+
+TEST_F(FirewallApplications, TraceEachStepUnderItsOwnLine) {
+    (void)faults().FailEvery("INetFwAuthorizedApplications::Add", kDenied);
+    EXPECT_EQ(lua.Eval("SLB.filter." + kAdd), "false");
+    (void)faults().FailEvery("INetFwMgr::get_LocalPolicy", kDenied);
+    EXPECT_EQ(lua.Eval("SLB.filter." + kAdd), "false");
+    (void)faults().FailEvery("CoInitializeEx", kDenied);
+    EXPECT_EQ(lua.Eval("SLB.filter." + kAdd), "false");
+    std::map<std::string, std::set<std::string>> places;  // by message
+    for (const TracedLine &line : TakeTracedLines()) {
+        if (line.function == "WindowsFirewall::WindowsFirewallAddApp")
+            places[line.message].insert(line.file + ":" + std::to_string(line.line));
+    }
+    EXPECT_EQ(places.size(), 4U) << "the call, and a failure of COM, of its objects, and of the work";
+    std::set<std::string> all;
+    for (const auto &[message, lines] : places) {
+        EXPECT_EQ(lines.size(), 1U) << message;
+        all.insert(lines.begin(), lines.end());
+    }
+    EXPECT_EQ(all.size(), places.size());
 }
 
 TEST_F(FirewallApplications, AreTakenInUtf8) {

@@ -21,7 +21,8 @@ void LogCollector::DoLogRecord(wxLogLevel level, const wxString &message, const 
 std::vector<TracedLine> TakeTracedLines() {
     std::vector<TracedLine> lines;
     for (const VtaCore::Control::TraceLine &trace : VtaCore::Control::TakeTraces())
-        lines.push_back({trace.component.utf8_string(), trace.function, trace.message.utf8_string()});
+        lines.push_back(
+            {trace.component.utf8_string(), trace.function, trace.message.utf8_string(), trace.file, trace.line});
     return lines;
 }
 

@@ -40,6 +40,8 @@ struct TracedLine {
     std::string component;
     std::string function;
     std::string message;
+    std::string file{};
+    int line = 0;
 };
 
 /// What was traced since the last call.

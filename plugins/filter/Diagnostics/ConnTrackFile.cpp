@@ -40,11 +40,11 @@ ConnTrackHeader &PrepareTable(std::uint8_t *at, std::uint16_t entries, std::uint
 
 /// Reads a table. One that can't be read stays as an empty one; one that claims more entries than it had room for
 /// has as many as it had room for.
-void ReadTable(VtaCore::CDom &dom, vti_handle_t *handle, ConnTrackHeader &table, const TraceSite &site) {
+void ReadTable(VtaCore::CDom &dom, vti_handle_t *handle, ConnTrackHeader &table, const TraceLine &line) {
     const std::uint16_t room = table.entry_ct;
     const std::int32_t status = Request(handle, table);
     if (!ShowErrors(dom, handle, kConnTrackLabel, status)) {
-        Trace(site, "rc = %d", status);
+        Trace(line, "rc = %d", status);
         table.entry_ct = 0;
     }
     table.entry_ct = std::min(table.entry_ct, room);

@@ -58,11 +58,11 @@ std::optional<FailOpenState> StateFromText(const char *text) {
 }
 
 /// The string at the index, without a conversion of other types; null where there is none.
-const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceSite &site) {
+const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
     if (lua_type(L, index) == LUA_TSTRING)
         return lua_tolstring(L, index, length);
-    // The text is the same for both strings.
-    Trace(site, "incorrect type %d for state string", lua_type(L, index));
+    // The text is the same for both strings; the line tells which one it was.
+    Trace(line, "incorrect type %d for state string", lua_type(L, index));
     return nullptr;
 }
 
@@ -146,7 +146,7 @@ Action TakeSample(Sample &sample, const TraceSite &site) {
         return actionMemoryFailed;
     }
     if (sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
-        sample.hasScan = RunDriverPass(sample.scan);
+        sample.hasScan = RunDriverPass(sample.scan, site);
     return actionNormal;
 }
 
@@ -180,14 +180,15 @@ void LogIteration(const IterationTime &time, const FailOpenInput &input, const F
         memory.short_name, memory.value, limit(memory), interval.short_name, interval.value, limit(interval));
 }
 
-FailOpenResult Evaluate(const FailOpenInput &input, const IterationTime &time, const Sample &sample) {
+FailOpenResult Evaluate(const FailOpenInput &input, const IterationTime &time, const Sample &sample,
+                        const TraceSite &site) {
     const wxCriticalSectionLocker lock(sysHealthLock);
     if (sample.hasScan)
         RunRatePass(sample.scan, time.delta_t);
     ArmHealthMetrics();
     loadBackoffState(input.dom);
     calculateHealthMetrics(sample.rqlen, sample.numCpus, time.delta_t);
-    return RunFailOpen(input);
+    return RunFailOpen(input, site);
 }
 
 Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &site) {
@@ -206,7 +207,7 @@ Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &si
     const FailOpenInput input{*arguments->dom, arguments->state, time.now,
                               ConfiguredMinutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
                               ConfiguredMinutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)};
-    const FailOpenResult result = Evaluate(input, time, sample);
+    const FailOpenResult result = Evaluate(input, time, sample, site);
     LogIteration(time, input, result);
     return result.action;
 }

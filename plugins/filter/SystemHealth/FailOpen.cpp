@@ -4,7 +4,6 @@
 
 #include "Backoff.h"
 #include "HealthConfig.h"
-#include "HealthLog.h"
 #include "HealthMetrics.h"
 #include "fc/fc.h"
 
@@ -15,67 +14,67 @@ constexpr std::uint64_t kMicrosecondsPerMinute = 60'000'000;
 /// Time of the last transition to fail-open; 0 after a recovery and after a restart. Only the log reads it.
 std::uint64_t activationTime = 0;
 
-FailOpenResult StepDeactivated(const FailOpenInput &input) {
+FailOpenResult StepDeactivated(const FailOpenInput &input, const TraceSite &site) {
     const std::int32_t overCount = check_health_metric_thresholds(1.0);
     if (overCount == 0)
         return {actionNormal, FailOpenState::Deactivated};
     activationTime = input.now;
     // The first wait begins with the first call that comes in Activated.
     clearBackoffState(input.dom);
-    Trace(kEngineTrace, "SysHealth transitioning to Fail-Open, metrics over threshold = %d", overCount);
+    Trace(site, "SysHealth transitioning to Fail-Open, metrics over threshold = %d", overCount);
     return {actionFailOpen, FailOpenState::Activated};
 }
 
-void StartBackoff(const FailOpenInput &input) {
+void StartBackoff(const FailOpenInput &input, const TraceSite &site) {
     backoff_wait = input.min_dur;
     last_check = input.now;
     saveBackoffState(input.dom);
-    Trace(kEngineTrace, "SysHealth initializing backoff, wait=%llu minutes", backoff_wait);
+    Trace(site, "SysHealth initializing backoff, wait=%llu minutes", backoff_wait);
 }
 
-void GrowBackoff(const FailOpenInput &input, std::int32_t overCount) {
+void GrowBackoff(const FailOpenInput &input, std::int32_t overCount, const TraceSite &site) {
     backoff_wait = std::min(backoff_wait * 2, input.max_dur);
     last_check = input.now;
     saveBackoffState(input.dom);
-    Trace(kEngineTrace, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
+    Trace(site, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
           backoff_wait);
 }
 
-FailOpenResult CheckRecovery(const FailOpenInput &input, FailOpenResult result) {
+FailOpenResult CheckRecovery(const FailOpenInput &input, FailOpenResult result, const TraceSite &site) {
     // A factor of 0, which a policy may set, makes every limit unreachable.
     const SysHealthConfigEntry &recoverFactor = sysHealthConfig[SYS_CONF_RECOVER_FACTOR];
     if (recoverFactor.is_set != 0)
         result.factor = recoverFactor.value * 0.01;
     const std::int32_t overCount = check_health_metric_thresholds(result.factor);
     if (overCount != 0) {
-        GrowBackoff(input, overCount);
+        GrowBackoff(input, overCount, site);
         result.next_chk = backoff_wait;
         return result;
     }
     activationTime = 0;
     clearBackoffState(input.dom);
-    Trace(kEngineTrace, "SysHealth recovery successful, metrics over threshold = %d", overCount);
+    Trace(site, "SysHealth recovery successful, metrics over threshold = %d", overCount);
     result.action = actionNormal;
     result.state = FailOpenState::Deactivated;
     return result;
 }
 
-FailOpenResult StepActivated(const FailOpenInput &input) {
+FailOpenResult StepActivated(const FailOpenInput &input, const TraceSite &site) {
     FailOpenResult result{actionFailOpen, FailOpenState::Activated};
     result.act_dur = input.now - activationTime;
     if (backoff_wait == 0)
-        StartBackoff(input);
+        StartBackoff(input, site);
     // A clock that was set back makes this huge, so that a recovery is tried at once.
     const std::uint64_t elapsed = (input.now - last_check) / kMicrosecondsPerMinute;
     if (elapsed >= backoff_wait)
-        return CheckRecovery(input, result);
+        return CheckRecovery(input, result, site);
     result.next_chk = backoff_wait - elapsed;
-    Trace(kEngineTrace, "SysHealth in backoff period, %llu minutes remaining", result.next_chk);
+    Trace(site, "SysHealth in backoff period, %llu minutes remaining", result.next_chk);
     return result;
 }
 
 }  // namespace
 
-FailOpenResult RunFailOpen(const FailOpenInput &input) {
-    return input.state == FailOpenState::Activated ? StepActivated(input) : StepDeactivated(input);
+FailOpenResult RunFailOpen(const FailOpenInput &input, const TraceSite &site) {
+    return input.state == FailOpenState::Activated ? StepActivated(input, site) : StepDeactivated(input, site);
 }

@@ -5,6 +5,8 @@
 
 #include "vta_core.h"
 
+struct TraceSite;
+
 /// What an iteration tells its caller. The numbers are part of the Lua interface; 3 and 4 are not in use.
 enum Action : std::int32_t {
     actionNormal = 0,         ///< The iteration ended in Deactivated.
@@ -36,4 +38,5 @@ struct FailOpenResult {
 };
 
 /// One step from the state that the caller says to be in, by the metrics of this iteration. Under sysHealthLock.
-FailOpenResult RunFailOpen(const FailOpenInput &input);
+/// @param site  of the iteration, in whose name it is traced.
+FailOpenResult RunFailOpen(const FailOpenInput &input, const TraceSite &site);

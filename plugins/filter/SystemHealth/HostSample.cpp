@@ -29,8 +29,8 @@ VmStatEntry vmStats[kVmStatRows] = {
 };
 
 std::int32_t queryRunQueueLength(double &rqlen) {
-    const auto failed = [](const char *message, const TraceSite &site = kEngineTrace) {
-        Trace(site, "%s", message);
+    const auto failed = [](const char *message, const TraceLine &line = kEngineTrace) {
+        Trace(line, "%s", message);
         return 1;
     };
     PDH_HQUERY opened = nullptr;

@@ -67,7 +67,8 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
     return code;
 }
 
-bool RunDriverPass(ScanMetricsRecord &record) {
+bool RunDriverPass(ScanMetricsRecord &record, const TraceSite &iteration) {
+    const TraceSite site(kScanTrace, iteration.place);
     const ScanTarget target = ConfiguredTarget();
     const DriverHandle handle(vti_open());
     if (!handle) {
@@ -75,11 +76,11 @@ bool RunDriverPass(ScanMetricsRecord &record) {
         return false;
     }
     if (firstScanPass != 0) {
-        Trace(kScanTrace, "setting scan config %d, %d", target.port, target.outbound);
+        Trace(site, "setting scan config %d, %d", target.port, target.outbound);
         (void)set_scan_metrics_config(handle.get(), target.port, target.outbound);
         scanPort = target.port;  // whatever became of it
     }
-    Trace(kScanTrace, "Collecting scan metrics");
+    Trace(site, "Collecting scan metrics");
     // The port that the driver knows, with the direction of this pass.
     const std::int32_t code =
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);

@@ -5,6 +5,8 @@
 
 #include "vti.h"
 
+struct TraceSite;
+
 /// Positions of the counters that are used.
 enum ScanCounter {
     conn_new = 0,
@@ -30,8 +32,9 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
                               ScanMetricsRecord &record);
 
 /// Opens the driver and reads its counters, for the port that is configured.
+/// @param iteration  in whose name it is traced.
 /// @return false if that failed; the metrics that need the driver are then out of this pass.
-bool RunDriverPass(ScanMetricsRecord &record);
+bool RunDriverPass(ScanMetricsRecord &record, const TraceSite &iteration);
 
 /// Turns the counters into rates; the first pass only lays the baseline. Under sysHealthLock.
 /// @param delta_t  seconds since the previous iteration; 0 is not guarded.

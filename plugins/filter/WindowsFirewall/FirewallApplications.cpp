@@ -18,15 +18,15 @@ struct FreeText {
 using ComText = std::unique_ptr<wchar_t, FreeText>;
 
 /// An empty text counts as one that there was no memory for; that is meant so.
-HRESULT MakeText(const wchar_t *text, ComText &made, const TraceSite &site) {
+HRESULT MakeText(const wchar_t *text, ComText &made, const TraceLine &line) {
     made.reset(SysAllocString(text));
-    return Judged(SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK, "SysAllocString failed: 0x%08lx", site);
+    return Judged(SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK, "SysAllocString failed: 0x%08lx", line);
 }
 
 HRESULT GetApplications(INetFwProfile *profile, ComPtr<INetFwAuthorizedApplications> &applications,
-                        const TraceSite &site) {
+                        const TraceLine &line) {
     const HRESULT hr = profile->get_AuthorizedApplications(&applications);
-    return Judged(Obtained(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", site);
+    return Judged(Obtained(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", line);
 }
 
 HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path, unsigned *enabled) {

@@ -12,9 +12,9 @@ namespace WindowsFirewall {
 /// Traces a failure.
 /// @param failure  the message, which takes the result.
 /// @return the result.
-inline HRESULT Judged(HRESULT hr, const char *failure, const TraceSite &site) {
+inline HRESULT Judged(HRESULT hr, const char *failure, const TraceLine &line) {
     if (FAILED(hr))
-        Trace(site, failure, static_cast<unsigned long>(hr));
+        Trace(line, failure, static_cast<unsigned long>(hr));
     return hr;
 }
 

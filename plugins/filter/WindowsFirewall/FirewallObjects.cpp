@@ -5,11 +5,11 @@
 
 namespace WindowsFirewall {
 
-bool StartCom(const TraceSite &site) {
+bool StartCom(const TraceLine &line) {
     const HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE);
     if (SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE)
         return true;
-    Trace(site, "CoInitializeEx failed: 0x%08lx", static_cast<unsigned long>(hr));
+    Trace(line, "CoInitializeEx failed: 0x%08lx", static_cast<unsigned long>(hr));
     return false;
 }
 

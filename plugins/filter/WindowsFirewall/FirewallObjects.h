@@ -13,7 +13,7 @@ using Microsoft::WRL::ComPtr;
 
 /// Enters a single-threaded apartment. A thread whose model is another one already counts as entered; in either case a
 /// success is matched by one CoUninitialize, which is meant so. A failure is logged.
-bool StartCom(const TraceSite &site);
+bool StartCom(const TraceLine &line);
 
 /// A success without the object that it promises counts as a failure.
 template <typename Interface>

@@ -40,16 +40,16 @@ struct Service {
 constexpr char kQueryFailed[] = "Error querying '%.64s' service: %#08x";
 
 /// Traces a failure. @return false.
-bool Failed(const TraceSite &site, const char *format, DWORD error) {
-    Trace(site, format, kService, static_cast<unsigned>(error));
+bool Failed(const TraceLine &line, const char *format, DWORD error) {
+    Trace(line, format, kService, static_cast<unsigned>(error));
     return false;
 }
 
 /// Closes the service, then traces the failure of the last call. @return false.
-bool FailedAndClosed(Service &opened, const TraceSite &site, const char *format) {
+bool FailedAndClosed(Service &opened, const TraceLine &line, const char *format) {
     const DWORD error = GetLastError();
     opened.Close();
-    return Failed(site, format, error);
+    return Failed(line, format, error);
 }
 
 /// @param access         to the service.
