@@ -60,7 +60,7 @@ function SLB.filter.AddToConnMetrics(key, text, count) end
 ---Puts what was added into the result, if more than 60 seconds have passed since the last time.
 function SLB.filter.UpdateConnMetrics() end
 
----Hands over the result, which is empty afterwards.
+---Hands over the result, which is empty afterwards. If it raises an error, the result stays.
 ---@return fc.ConnMetricsRow[] rows in the order of the keys
 function SLB.filter.GetConnMetrics() end
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -14,6 +15,7 @@
 #include <wx/tokenzr.h>
 
 #include "CodePage.h"
+#include "ImportTable.h"
 #include "ModuleFixture.h"
 
 namespace {
@@ -587,7 +589,7 @@ struct ShortMemory {
     }
 };
 
-TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) {
+TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNoRowIsLost) {
     int failures = 0;
     for (int requests = 0;; ++requests) {
         SCOPED_TRACE("requests " + std::to_string(requests));
@@ -607,6 +609,12 @@ TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) 
             status = lua_pcall(own, 0, 1, 0);
             EXPECT_TRUE(status == LUA_OK || std::strcmp(lua_tostring(own, -1), "not enough memory") == 0);
             lua_setallocf(own, ordinary, data);
+            lua_setglobal(own, "rows");
+            if (status == LUA_OK) {
+                EXPECT_EQ(own.Eval("#rows"), "20");
+                for (int i = 1; i <= 20; ++i)
+                    EXPECT_EQ(own.Eval("rows[" + std::to_string(i) + "].count"), std::to_string(failures + 1));
+            }
         }
         for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take()))
             ADD_FAILURE() << item.size << " bytes are left of " << item.function;
@@ -616,6 +624,209 @@ TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) 
     }
     EXPECT_GT(failures, 20);
     EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(ConnMetrics, WhicheverAllocationFailsInADrainTheErrorIsRaisedAndNoRowIsLost) {
+    // Texts that the C++ part needs memory for: of another encoding, and numbers that are not plain.
+    lua.Run("text = 'pid\\t' .. (' '):rep(100) .. '7\\nname\\t' .. ('\\233'):rep(1000) .. '\\n' .. ('n'):rep(200)");
+    lua.Run("for i = 1, 5 do add('key' .. i, text) add('plain' .. i, 'cipher\\t0000000000000000009') end");
+    Fold();
+    unsigned failures = 0;
+    for (bool hit = true; hit; ++failures) {
+        SCOPED_TRACE("allocation " + std::to_string(failures + 1));
+        lua_getglobal(lua, "f");
+        lua_getfield(lua, -1, "GetConnMetrics");
+        lua_gc(lua, LUA_GCCOLLECT, 0);
+        const Simulator::BalanceSnapshot before = balance().Take();
+        const auto fault = balance().FailAllocation(failures + 1, nullptr, GetCurrentThreadId());
+        const int status = lua_pcall(lua, 0, 1, 0);
+        hit = fault->Hit();
+        balance().CancelAllocationFaults();
+        // Lua has a second try when it is short of memory: not every failure is one of the drain.
+        if (status == LUA_OK) {
+            ASSERT_EQ(lua_rawlen(lua, -1), 10U);
+            lua_settop(lua, 0);
+            lua.Run("for i = 1, 5 do add('key' .. i, text) add('plain' .. i, 'cipher\\t0000000000000000009') end");
+            Fold();
+            continue;
+        }
+        EXPECT_STREQ(lua_tostring(lua, -1), "not enough memory");
+        lua_settop(lua, 0);
+        lua_gc(lua, LUA_GCCOLLECT, 0);
+        EXPECT_LE(balance().Take().blocks, before.blocks);
+    }
+    EXPECT_GT(failures, 10U);
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows .. ' ' .. sum(rows)"), "10 10");
+    EXPECT_EQ(lua.Eval("rows[5].pid .. ' ' .. rows[10].cipher"), "7 9");
+}
+
+// ---- Drains that are disturbed
+
+TEST_F(ConnMetrics, ADrainThatAFinalizerMakesFailLosesNoRow) {
+    lua.Run("fill(1, 2000)");
+    Fold();
+    lua.Run("collectgarbage() setmetatable({}, {__gc = function() error('from a finalizer', 0) end})");
+    EXPECT_EQ(lua.ErrorOf("f.GetConnMetrics()"), "error in __gc metamethod (from a finalizer)");
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows .. ' ' .. sum(rows)"), "2000 2000");
+    EXPECT_EQ(Drain(), "");
+}
+
+TEST_F(ConnMetrics, ADrainThatAHookMakesFailLosesNoRow) {
+    lua.Run(R"(
+        -- The hook raises at the n-th event. When GetConnMetrics itself returns, the rows are out of its hands.
+        function drain_with_hook(n)
+            local seen = 0
+            debug.sethook(function(event)
+                local func = debug.getinfo(2, 'f').func
+                if func == pcall or func == debug.sethook or (event == 'return' and func == f.GetConnMetrics) then
+                    return
+                end
+                seen = seen + 1
+                if seen == n then error('from a hook', 0) end
+            end, 'cr')
+            local ok, rows = pcall(f.GetConnMetrics)
+            debug.sethook()
+            return ok, rows
+        end
+        fill(1, 3)
+    )");
+    Fold();
+    lua.Run(R"(
+        failures = 0
+        for n = 1, 100 do
+            ok, rows = drain_with_hook(n)
+            if ok then break end
+            assert(rows == 'from a hook', rows)
+            failures = failures + 1
+        end
+    )");
+    EXPECT_EQ(lua.Eval("failures"), "3") << "at the calls of GetConnMetrics and of its builder, and when that returns";
+    EXPECT_EQ(lua.Eval("ok and #rows .. ' ' .. sum(rows)"), "3 3");
+}
+
+TEST_F(ConnMetrics, AFinalizerMayUseTheModuleWithinADrain) {
+    lua.Run("fill(1, 2000)");
+    Fold();
+    AdvanceSeconds(61);
+    lua.Run(R"(
+        collectgarbage()
+        setmetatable({}, {__gc = function()
+            within = #f.GetConnMetrics()
+            add('key00001', 'name\tyoung', 5) add('aaa', 'name\tnew', 7)
+            f.UpdateConnMetrics()
+        end})
+        rows = f.GetConnMetrics()
+    )");
+    EXPECT_EQ(lua.Eval("within .. ' ' .. #rows .. ' ' .. sum(rows)"), "0 2000 2000");
+    EXPECT_EQ(Drain(), "count=7 name=\"new\"\ncount=5 name=\"young\"");
+}
+
+TEST_F(ConnMetrics, WhatWasFoldedDuringADrainThatFailsIsAddedToWhatItPutsBack) {
+    lua.Run("fill(1, 2000)");
+    Fold();
+    AdvanceSeconds(61);
+    lua.Run(R"(
+        collectgarbage()
+        setmetatable({}, {__gc = function()
+            add('key00001', 'name\tyoung', 4294967295) add('aaa', 'name\tnew', 7) add('key00002', '', -2)
+            f.UpdateConnMetrics()
+            error('from a finalizer', 0)
+        end})
+    )");
+    EXPECT_NE(lua.ErrorOf("f.GetConnMetrics()"), "");
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows"), "2001");
+    EXPECT_EQ(lua.Eval("show(rows[1])"), "count=7 name=\"new\"");
+    EXPECT_EQ(lua.Eval("show(rows[2])"), "count=0 name=\"value\"") << "the older text, and counts wrap";
+    EXPECT_EQ(lua.Eval("show(rows[3])"), "count=4294967295 name=\"value\"");
+}
+
+TEST_F(ConnMetrics, WhatAFailedDrainPutsBackGoesBeforeWhatWasFoldedMeanwhile) {
+    lua.Run("fill(1, 9999)");
+    Fold();
+    AdvanceSeconds(61);
+    lua.Run(R"(
+        collectgarbage()
+        setmetatable({}, {__gc = function()
+            add('aab', 'key\taab') add('aaa', 'key\taaa') add('key00001', '', 1)
+            f.UpdateConnMetrics()
+            error('from a finalizer', 0)
+        end})
+    )");
+    EXPECT_NE(lua.ErrorOf("f.GetConnMetrics()"), "");
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows .. ' ' .. sum(rows)"), "10000 10001");
+    EXPECT_EQ(lua.Eval("rows[1].key .. ' ' .. rows[2].count"), "aaa 2") << "one place was left: the first in order";
+}
+
+TEST_F(ConnMetrics, AFinalizerThatTakesLongWithinADrainKeepsNobodyWaiting) {
+    lua.Run("fill(1, 2000)");
+    Fold();
+    AdvanceSeconds(61);
+    static std::atomic<bool> within{false};
+    static std::atomic<bool> finished{false};
+    within = finished = false;
+    lua_register(lua, "take_long", [](lua_State *) {
+        within = true;
+        for (int i = 0; i < 1000 && !finished; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return 0;
+    });
+    lua.Run("collectgarbage() setmetatable({}, {__gc = take_long})");
+    std::thread other([this] {
+        LuaState own;
+        Open(own);
+        while (!within)
+            std::this_thread::yield();
+        own.Run("f = SLB.filter f.AddToConnMetrics('other', '', 1) f.UpdateConnMetrics() rows = f.GetConnMetrics()");
+        finished = true;
+        EXPECT_EQ(own.Eval("#rows"), "1");
+    });
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_TRUE(finished) << "the other thread waited for the finalizer";
+    within = true;
+    other.join();
+    EXPECT_EQ(lua.Eval("#rows"), "2000");
+}
+
+TEST_F(ConnMetrics, ADrainOfManyLinesNeedsLittleMemoryBesideTheText) {
+    constexpr std::size_t kBytes = 1024 * 1024;
+    for (const std::string line : {"x\\n", "\\233\\n"}) {
+        lua.Run("add('key', ('" + line + "'):rep(" + std::to_string(kBytes / 2) + "))");
+        Fold();
+        lua.Run("collectgarbage()");
+        const std::size_t before = balance().Take().bytes;
+        balance().ResetPeak();
+        lua.Run("rows = f.GetConnMetrics()");
+        EXPECT_LT(balance().Take().peakBytes - before, kBytes / 10) << line;
+        EXPECT_EQ(lua.Eval("#rows"), "1");
+    }
+}
+
+// ---- Code pages
+
+/// The conversions of wxWidgets as they are where the system's code page is UTF-8.
+int WINAPI ToUtf8Page(UINT page, DWORD flags, const wchar_t *wide, int length, char *narrow, int room,
+                      const char *standIn, BOOL *replaced) {
+    if (page == CP_ACP && (flags != 0 || replaced)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    return WideCharToMultiByte(page == CP_ACP ? CP_UTF8 : page, flags, wide, length, narrow, room, standIn, replaced);
+}
+int WINAPI FromUtf8Page(UINT page, DWORD flags, const char *narrow, int length, wchar_t *wide, int room) {
+    return MultiByteToWideChar(page == CP_ACP ? CP_UTF8 : page, flags, narrow, length, wide, room);
+}
+
+TEST_F(ConnMetrics, ANameOrValueThatTheCodePageCannotHoldLeavesTheOtherFieldsAsTheyAre) {
+    const HMODULE wx = GetModuleHandleW(L"wxbase32u_gcc_custom.dll");
+    const Simulator::Redirection to(wx, "WideCharToMultiByte", reinterpret_cast<void *>(&ToUtf8Page));
+    const Simulator::Redirection from(wx, "MultiByteToWideChar", reinterpret_cast<void *>(&FromUtf8Page));
+    ASSERT_TRUE(to.Found() && from.Found());
+    EXPECT_EQ(RowOf("'pid\\t7\\nservice\\tweb\\ncity\\tZ\\195\\188rich\\n\\195\\169\\tname'"),
+              "=\"name\" city=\"\" count=1 pid=7 service=\"web\"");
 }
 
 // ---- Against the slow road

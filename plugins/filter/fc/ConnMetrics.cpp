@@ -19,6 +19,14 @@ std::uint32_t CountFromNumber(lua_Number number) {
     return static_cast<std::uint32_t>(static_cast<std::int64_t>(number));
 }
 
+/// Puts back what a failed drain has taken, as if there had been no drain: it was in the result before all that was
+/// folded meanwhile.
+void PutBack(ConnMetricsMap &drained) {
+    const wxCriticalSectionLocker lock(connMetricsLock);
+    drained.swap(mergedMetrics);
+    FoldConnMetrics(drained, mergedMetrics);
+}
+
 }  // namespace
 
 int AddToConnMetrics(lua_State *L) {
@@ -58,6 +66,9 @@ int GetConnMetrics(lua_State *L) {
         lua_pushcfunction(L, BuildConnMetricsRows);
         lua_pushlightuserdata(L, &drain);
         status = lua_pcall(L, 1, 1, 0);
+        // Any error, such as one of a finalizer that Lua runs within an allocation.
+        if (status != LUA_OK)
+            PutBack(drain.entries);
     }
     if (status != LUA_OK)
         return lua_error(L);

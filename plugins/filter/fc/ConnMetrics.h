@@ -15,5 +15,7 @@ int AddToConnMetrics(lua_State *L);
 int UpdateConnMetrics(lua_State *L);
 
 /// Lua: rows = GetConnMetrics(). Drains the result: an array with a table for each kind, ordered by
-/// key. Any thread. Raises a Lua error only when Lua has no memory.
+/// key. Any thread. Raises the Lua error of whatever happens while the table is built: no memory, a finalizer or
+/// a hook that raises. The result then is as if it had not been drained. Finalizers may call this module, and no
+/// lock is held while they run.
 int GetConnMetrics(lua_State *L);

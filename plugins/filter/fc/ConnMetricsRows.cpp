@@ -6,8 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <new>
+#include <span>
+#include <variant>
 
 #include <emmintrin.h>
+#include <wx/strconv.h>
 
 namespace {
 
@@ -65,17 +69,17 @@ void ForEachSeparator(std::string_view text, const Found &found) {
     }
 }
 
-/// Splits at line feeds, and each line at its first tab; empty lines are skipped.
-template <typename Character>
-void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLine<Character>> &lines) {
-    lines.clear();
+/// Calls `found` with each line, in order: what is before its first tab, and what is behind that. Empty lines are
+/// skipped.
+template <typename Character, typename Found>
+void ForEachLine(std::basic_string_view<Character> text, const Found &found) {
     std::size_t start = 0;
     std::size_t tab = text.npos;
     const auto endLine = [&](std::size_t end) {
         if (end != start) {
             const auto name = text.substr(start, std::min(tab, end) - start);
             const auto value = tab < end ? text.substr(tab + 1, end - tab - 1) : text.substr(end, 0);
-            lines.push_back({name, value, NumberFieldOf(name)});
+            found(ConnMetricLine<Character>{name, value, NumberFieldOf(name)});
         }
         start = end + 1;
         tab = text.npos;
@@ -89,9 +93,23 @@ void SplitLines(std::basic_string_view<Character> text, std::vector<ConnMetricLi
     endLine(text.size());
 }
 
+/// Does work that needs memory of C++. No Lua call in it: an exception would leave through Lua's frames.
+template <typename Work>
+void WithMemory(lua_State *L, const Work &work) {
+    bool done = false;
+    try {
+        work();
+        done = true;
+    } catch (const std::bad_alloc &) {  // raised below, where nothing is alive
+    }
+    if (!done)
+        luaL_error(L, "not enough memory");
+}
+
 /// What _wtoi makes of the text: the number at its start, 0 where there is none.
+/// @param wide  room for the text.
 template <typename Character>
-int NumberFromText(std::basic_string_view<Character> text) {
+int NumberFromText(std::basic_string_view<Character> text, std::wstring &wide) {
     constexpr std::size_t maxPlainDigits = 9;  // always below 2 to the power of 31
     int number = 0;
     if (text.size() <= maxPlainDigits) {
@@ -101,21 +119,43 @@ int NumberFromText(std::basic_string_view<Character> text) {
         if (digits == text.size())
             return number;
     }
-    return _wtoi(std::wstring(text.begin(), text.end()).c_str());
+    wide.assign(text.begin(), text.end());
+    return _wtoi(wide.c_str());
 }
 
-void PushText(lua_State *L, std::string_view text, std::string &) {
+/// @return false if the text is not ASCII throughout; `narrow` is of no use then.
+bool NarrowAscii(std::wstring_view text, std::string &narrow) {
+    narrow.resize(text.size());
+    unsigned all = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        all |= text[i];
+        narrow[i] = static_cast<char>(text[i]);
+    }
+    return all < 0x80;
+}
+
+/// Fills `narrow` with the text in the locale's encoding; leaves it empty where that can't hold the text.
+void NarrowToLocale(std::wstring_view text, std::wstring &wide, std::string &narrow) {
+    wide.assign(text);                                                         // with a NUL behind it
+    const std::size_t bytes = wxConvLibc.FromWChar(nullptr, 0, wide.c_str());  // that NUL among them
+    narrow.resize(bytes == wxCONV_FAILED ? 0 : bytes);
+    if (!narrow.empty() && wxConvLibc.FromWChar(narrow.data(), bytes, wide.c_str()) != wxCONV_FAILED)
+        narrow.pop_back();
+    else
+        narrow.clear();
+}
+
+void PushText(lua_State *L, std::string_view text, ConnMetricsDrain &) {
     lua_pushlstring(L, text.data(), text.size());
 }
 
-/// Pushes the text in the locale's encoding; an empty one where that can't hold it.
-void PushText(lua_State *L, std::wstring_view text, std::string &narrow) {
-    {
-        const wxString wide(text.data(), text.size());
-        const wxScopedCharBuffer converted = wide.mb_str();  // may point into `wide`
-        narrow.assign(converted.data());
-    }
-    lua_pushlstring(L, narrow.data(), narrow.size());
+/// Pushes ASCII as it is: a locale may be unable to convert anything, though its encoding could hold it.
+void PushText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
+    WithMemory(L, [text, &drain] {
+        if (!NarrowAscii(text, drain.narrow))
+            NarrowToLocale(text, drain.wide, drain.narrow);
+    });
+    lua_pushlstring(L, drain.narrow.data(), drain.narrow.size());
 }
 
 void SetNumber(lua_State *L, int nameIndex, lua_Number number) {
@@ -130,14 +170,15 @@ void SetFlags(lua_State *L, std::uint32_t flags) {
 }
 
 template <typename Character>
-void SetLine(lua_State *L, const ConnMetricLine<Character> &line, std::string &narrow) {
+void SetLine(lua_State *L, const ConnMetricLine<Character> &line, ConnMetricsDrain &drain) {
     if (line.numberField == kNoNumberField) {
-        PushText(L, line.name, narrow);
-        PushText(L, line.value, narrow);
+        PushText(L, line.name, drain);
+        PushText(L, line.value, drain);
         lua_rawset(L, kRowIndex);
         return;
     }
-    const int number = NumberFromText(line.value);
+    int number = 0;
+    WithMemory(L, [&] { number = NumberFromText(line.value, drain.wide); });
     if (line.numberField == kFlagsField)
         SetFlags(L, static_cast<std::uint32_t>(number));
     SetNumber(L, kFirstNumberIndex + line.numberField, number);
@@ -145,44 +186,56 @@ void SetLine(lua_State *L, const ConnMetricLine<Character> &line, std::string &n
 
 /// Fields that the lines will make, the count among them, if no name occurs twice.
 template <typename Character>
-int FieldCount(const std::vector<ConnMetricLine<Character>> &lines) {
+int FieldCount(std::span<const ConnMetricLine<Character>> lines) {
     const bool hasFlags =
         std::any_of(lines.begin(), lines.end(), [](const auto &line) { return line.numberField == kFlagsField; });
     return static_cast<int>(lines.size() + 1 + (hasFlags ? std::size(kFlagFields) : 0));
 }
 
 /// Leaves a row with the fields of the text on the stack.
+/// @param ahead  room for its first lines, and then for those that come next.
 template <typename Character>
-void PushRow(lua_State *L, std::basic_string_view<Character> text, std::vector<ConnMetricLine<Character>> &lines,
-             std::string &narrow) {
-    SplitLines(text, lines);
-    lua_createtable(L, 0, FieldCount(lines));
-    for (const ConnMetricLine<Character> &line : lines)
-        SetLine(L, line, narrow);
+void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLinesAhead<Character> &ahead,
+             ConnMetricsDrain &drain) {
+    std::size_t count = 0;
+    bool made = false;
+    const auto setLines = [&] {
+        const auto lines = std::span<const ConnMetricLine<Character>>(ahead).first(count);
+        if (!made)
+            lua_createtable(L, 0, FieldCount(lines));
+        made = true;
+        for (const ConnMetricLine<Character> &line : lines)
+            SetLine(L, line, drain);
+        count = 0;
+    };
+    ForEachLine(text, [&](const ConnMetricLine<Character> &line) {
+        if (count == ahead.size())
+            setLines();
+        ahead[count++] = line;
+    });
+    setLines();
 }
 
-/// Fills `narrow` with the text. @return false if it is not ASCII throughout; `narrow` is of no use then.
-bool NarrowAscii(std::wstring_view text, std::string &narrow) {
-    narrow.resize(text.size());
-    unsigned all = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        all |= text[i];
-        narrow[i] = static_cast<char>(text[i]);
+void PushRow(lua_State *L, const ConnMetricText &text, ConnMetricsDrain &drain) {
+    if (const auto *const ascii = std::get_if<std::string>(&text)) {
+        PushRow(L, std::string_view(*ascii), drain.lines, drain);
+        return;
     }
-    return all < 0x80;
+    const wxString &wide = *std::get_if<wxString>(&text);
+    PushRow(L, std::wstring_view(wide.wx_str(), wide.length()), drain.wideLines, drain);
 }
 
 /// Brings the text of the entry that comes next into the cache while Lua builds the row before it: the
 /// entries lie scattered in the heap, in the order in which they were added.
-void PrefetchText(const ConnMetricsMap &entries, ConnMetricsMap::const_iterator next) {
+void PrefetchText(const ConnMetricText &text) {
     constexpr std::size_t cacheLine = 64;
     constexpr std::size_t maxBytes = 512;
-    if (next == entries.end())
+    const auto *const ascii = std::get_if<std::string>(&text);
+    if (!ascii)
         return;
-    const char *const text = reinterpret_cast<const char *>(next->second.text.wx_str());
-    const std::size_t bytes = std::min(next->second.text.length() * sizeof(wchar_t), maxBytes);
+    const std::size_t bytes = std::min(ascii->size(), maxBytes);
     for (std::size_t i = 0; i < bytes; i += cacheLine)
-        _mm_prefetch(text + i, _MM_HINT_T0);
+        _mm_prefetch(ascii->data() + i, _MM_HINT_T0);
 }
 
 void PushNames(lua_State *L) {
@@ -202,19 +255,14 @@ int BuildConnMetricsRows(lua_State *L) {
     PushNames(L);
 
     int index = 1;
-    while (!drain.entries.empty()) {
-        const auto entry = drain.entries.begin();
-        const wxString &wide = entry->second.text;
-        const std::wstring_view text(wide.wx_str(), wide.length());
-        PrefetchText(drain.entries, std::next(entry));
-        if (NarrowAscii(text, drain.narrow))
-            PushRow(L, std::string_view(drain.narrow), drain.lines, drain.narrow);
-        else
-            PushRow(L, text, drain.wideLines, drain.narrow);
+    for (auto entry = drain.entries.cbegin(); entry != drain.entries.cend();) {
+        const ConnMetricValue &value = entry->second;
+        if (++entry != drain.entries.cend())
+            PrefetchText(entry->second.text);
+        PushRow(L, value.text, drain);
         // Last, so that it overwrites a field that the text calls "count".
-        SetNumber(L, kCountIndex, entry->second.count);
+        SetNumber(L, kCountIndex, value.count);
         lua_rawseti(L, kResultIndex, index++);
-        drain.entries.erase(entry);  // while it is still in the processor's cache
     }
     lua_settop(L, kResultIndex);
     return 1;

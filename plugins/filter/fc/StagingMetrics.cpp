@@ -11,6 +11,13 @@ wxString TextFromLocale(std::string_view narrow) {
     return wxString(narrow.data());
 }
 
+/// As above; ASCII is kept as it is.
+ConnMetricText KeptText(std::string_view narrow) {
+    if (IsPlainAscii(narrow))
+        return std::string(narrow);
+    return wxString(narrow.data());
+}
+
 }  // namespace
 
 void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
@@ -29,29 +36,14 @@ void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::
     }
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
-    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{TextFromLocale(text), count});
+    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{KeptText(text), count});
     if (plainKey.IsPlain())
         m_seen.Insert(plainKey, *entry);
 }
 
 void StagingMetrics::FoldInto(ConnMetricsMap &merged) {
     m_seen.Settle();
-    if (merged.empty()) {
-        merged.swap(m_entries);
-        return;
-    }
-    // Both are in key order: one walk through both finds each entry's place.
-    auto place = merged.begin();
-    for (auto next = m_entries.begin(); next != m_entries.end();) {
-        const auto entry = next++;
-        int order = -1;
-        while (place != merged.end() && (order = place->first.Cmp(entry->first)) < 0)
-            ++place;
-        if (place != merged.end() && order == 0)
-            place->second.count += entry->second.count;
-        else if (merged.size() < kMaxConnMetricKeys)
-            merged.insert(place, m_entries.extract(entry));
-    }
+    FoldConnMetrics(m_entries, merged);
 }
 
 void StagingMetrics::Clear() {
