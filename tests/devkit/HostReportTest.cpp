@@ -113,6 +113,19 @@ TEST_F(HostReport, HoldsWhatTheModuleTellsOfEachIteration) {
     EXPECT_EQ(Numbers(queue, "limit"), (std::vector<double>(10, 50)));
 }
 
+TEST_F(HostReport, IsTheSameWhereAScriptHasChosenADecimalComma) {
+    const HostRun run = Run(R"(
+        assert(os.setlocale('German_Germany'))
+        host.machine.processor_queue = 62.5
+        assert(check 'Deactivated' == 1)
+    )");
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    const JsonPtr data = Data();
+    const cJSON *queue = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "metrics"), 0);
+    EXPECT_EQ(Numbers(queue, "value"), std::vector<double>{62.5});
+    EXPECT_EQ(Numbers(queue, "limit"), std::vector<double>{50});
+}
+
 TEST_F(HostReport, HasTheTimeOfDayOfTheSimulatedClock) {
     ASSERT_EQ(Run("host.set_wall_clock(1772409600) check 'Deactivated'").exitCode, 0U);
     const JsonPtr data = Data();
