@@ -104,6 +104,19 @@ void Clock::SetFollower(DWORD threadId) {
     m_follower = threadId;
 }
 
+bool Clock::AdvanceIfFollowerSleeps(Interval by) {
+    const LockGuard guard(m_lock);
+    if (m_follower != 0 && !m_followerSleeps)
+        return false;
+    m_state.base += by;
+    return true;
+}
+
+void Clock::SetFollowerSleeps(bool sleeps) {
+    const LockGuard guard(m_lock);
+    m_followerSleeps = sleeps;
+}
+
 void Clock::SetWallClock(std::uint64_t fileTime) {
     const LockGuard guard(m_lock);
     m_state.wallOffset = Interval(static_cast<std::int64_t>(fileTime)) - m_state.Now();
@@ -164,9 +177,11 @@ DWORD Clock::WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &rea
     }
 }
 
-void Clock::FollowUntil(Interval deadline) const {
+void Clock::FollowUntil(Interval deadline) {
+    SetFollowerSleeps(true);
     for (DWORD waited = 0; waited < kFollowerMs && !SliceUntil(deadline).last; ++waited)
         ::Sleep(1);
+    SetFollowerSleeps(false);
 }
 
 DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {

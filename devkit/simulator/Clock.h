@@ -42,6 +42,10 @@ public:
     /// end when their time has come, or after kFollowerMs of real time.
     /// @param threadId  0 for none, as at first.
     void SetFollower(DWORD threadId);
+    /// Puts time forward if the follower sleeps, or if there is none: so it does not move between two readings of the
+    /// follower's.
+    /// @return whether it did.
+    [[nodiscard]] bool AdvanceIfFollowerSleeps(Interval by);
 
     /// Sets the wall clock, also backwards; ticks and waits do not notice.
     /// @param fileTime  100 ns units since 1601, UTC.
@@ -98,11 +102,13 @@ private:
     void AdvanceTo(Interval time);
     [[nodiscard]] Slice SliceUntil(Interval deadline) const;
     DWORD WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &real) const;
-    void FollowUntil(Interval deadline) const;
+    void FollowUntil(Interval deadline);
+    void SetFollowerSleeps(bool sleeps);
 
     mutable Lock m_lock;
     State m_state;
     std::atomic<DWORD> m_follower{0};
+    bool m_followerSleeps = false;
     std::multiset<DWORD> m_waiting;
 };
 

@@ -1,5 +1,6 @@
 #include "Faults.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "CallScope.h"
@@ -10,6 +11,17 @@ std::string FaultPlan::HitFunction() const {
     const InsideSimulator inside;
     const LockGuard guard(m_lock);
     return m_hitFunction;
+}
+
+bool FaultPlan::IsForThisThread() {
+    if (m_thread == kAnyThread)
+        return true;
+    const DWORD id = GetCurrentThreadId();
+    const auto known = std::find(m_threads.begin(), m_threads.end(), id);
+    const auto number = static_cast<unsigned>(known - m_threads.begin());
+    if (known == m_threads.end())
+        m_threads.push_back(id);
+    return number == m_thread;
 }
 
 void FaultPlan::Apply(const std::string &function, Verdict &verdict) {
@@ -35,6 +47,7 @@ void FaultPlan::Meet() {
 }
 
 void FaultPlan::Hang() {
+    m_hangingThread = GetCurrentThreadId();
     Meet();
     m_released.Wait(INFINITE);
 }
@@ -44,20 +57,24 @@ void FaultPlan::Release() {
     m_released.Set();
 }
 
-FaultPlanHandle Faults::Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value) {
+FaultPlanHandle Faults::Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value,
+                            unsigned thread) {
     const InsideSimulator inside;
     auto plan = std::make_shared<FaultPlan>();
     plan->m_kind = kind;
     plan->m_functions = functions;
     plan->m_nth = nth;
     plan->m_value = value;
+    plan->m_thread = thread;
+    if (thread != kAnyThread)
+        plan->m_threads.push_back(GetCurrentThreadId());
     const LockGuard guard(m_lock);
     m_plans.push_back(plan);
     return plan;
 }
 
-FaultPlanHandle Faults::FailNth(const std::string &function, unsigned nth, DWORD code) {
-    return Add(FaultPlan::Kind::Fail, {function}, nth, code);
+FaultPlanHandle Faults::FailNth(const std::string &function, unsigned nth, DWORD code, unsigned thread) {
+    return Add(FaultPlan::Kind::Fail, {function}, nth, code, thread);
 }
 
 FaultPlanHandle Faults::FailEvery(const std::string &function, DWORD code) {
@@ -72,8 +89,8 @@ FaultPlanHandle Faults::FailNthOfAny(unsigned nth, DWORD code) {
     return Add(FaultPlan::Kind::Fail, {}, nth, code);
 }
 
-FaultPlanHandle Faults::HangNth(const std::string &function, unsigned nth) {
-    return Add(FaultPlan::Kind::Hang, {function}, nth, 0);
+FaultPlanHandle Faults::HangNth(const std::string &function, unsigned nth, unsigned thread) {
+    return Add(FaultPlan::Kind::Hang, {function}, nth, 0, thread);
 }
 
 FaultPlanHandle Faults::HangEvery(const std::string &function) {
@@ -105,6 +122,14 @@ void Faults::Clear() {
     m_plans.clear();
 }
 
+bool Faults::Hangs(DWORD thread) const {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    return std::any_of(m_plans.begin(), m_plans.end(), [thread](const FaultPlanHandle &plan) {
+        return plan->m_hangingThread == thread && !plan->m_released.IsSet();
+    });
+}
+
 unsigned Faults::Calls(const std::string &function) const {
     const LockGuard guard(m_lock);
     const auto found = m_calls.find(function);
@@ -123,9 +148,10 @@ Verdict Faults::Ask(const std::string &function, bool canFail) {
     ++m_calls[function];
     m_failableCalls += canFail ? 1 : 0;
     for (const FaultPlanHandle &plan : m_plans) {
+        const bool isForThread = plan->IsForThisThread();
         const bool concerned = plan->m_functions.empty() ? canFail : plan->m_functions.count(function) != 0;
         const bool possible = canFail || plan->m_kind != FaultPlan::Kind::Fail;
-        if (!concerned || !possible || plan->m_released.IsSet())
+        if (!isForThread || !concerned || !possible || plan->m_released.IsSet())
             continue;
         ++plan->m_seen;
         if (plan->m_nth == 0 || plan->m_seen == plan->m_nth)

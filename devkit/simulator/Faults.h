@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -15,6 +16,11 @@
 namespace Simulator {
 
 class FaultPlan;
+
+/// Which thread's calls a plan counts: threads are numbered in the order in which they make calls, from the making of
+/// the plan on. Thread 0 is the one that makes the plan. So a count does not depend on which of several threads comes
+/// first.
+inline constexpr unsigned kAnyThread = UINT_MAX;
 
 /// What to do with one call.
 struct Verdict {
@@ -45,6 +51,8 @@ public:
 private:
     friend class Faults;
 
+    /// Notes the calling thread. @return whether the plan counts its calls.
+    bool IsForThisThread();
     void Apply(const std::string &function, Verdict &verdict);
     void Meet();
 
@@ -53,10 +61,13 @@ private:
     std::set<std::string> m_functions;  ///< Empty for all that can fail.
     unsigned m_nth = 0;                 ///< From 1; 0 for every call.
     DWORD m_value = 0;                  ///< Code, or milliseconds.
+    unsigned m_thread = kAnyThread;
+    std::vector<DWORD> m_threads;  ///< By their numbers; empty for a plan of any thread.
     unsigned m_seen = 0;
     mutable Lock m_lock;
     std::string m_hitFunction;
     std::atomic<unsigned> m_hits{0};
+    std::atomic<DWORD> m_hangingThread{0};  ///< The last one that came to hang.
     Event m_hit;
     Event m_released;
 };
@@ -68,14 +79,15 @@ class Faults {
 public:
     /// Fails the n-th call, n from 1. How a function fails is part of its description (FailureValues.h).
     /// @param code  an error of Windows, an HRESULT or an errno, as the function has it.
-    FaultPlanHandle FailNth(const std::string &function, unsigned nth, DWORD code);
+    /// @param thread  whose calls count.
+    FaultPlanHandle FailNth(const std::string &function, unsigned nth, DWORD code, unsigned thread = kAnyThread);
     FaultPlanHandle FailEvery(const std::string &function, DWORD code);
     /// The n-th call among these functions.
     FaultPlanHandle FailNthOf(const std::set<std::string> &functions, unsigned nth, DWORD code);
     /// The n-th call among all functions that can fail.
     FaultPlanHandle FailNthOfAny(unsigned nth, DWORD code);
     /// Hangs the call until its thread is ended or the plan is released.
-    FaultPlanHandle HangNth(const std::string &function, unsigned nth);
+    FaultPlanHandle HangNth(const std::string &function, unsigned nth, unsigned thread = kAnyThread);
     FaultPlanHandle HangEvery(const std::string &function);
     /// Lets the call do its work only after so many milliseconds of the simulated clock.
     FaultPlanHandle DelayNth(const std::string &function, unsigned nth, DWORD delayMs);
@@ -86,6 +98,9 @@ public:
     /// Releases and forgets all plans. Counts stay.
     void Clear();
 
+    /// Whether the thread hangs by a plan.
+    [[nodiscard]] bool Hangs(DWORD thread) const;
+
     /// Calls since the beginning.
     [[nodiscard]] unsigned Calls(const std::string &function) const;
     /// Calls since the beginning, of functions that can fail.
@@ -95,7 +110,8 @@ public:
     [[nodiscard]] Verdict Ask(const std::string &function, bool canFail);
 
 private:
-    FaultPlanHandle Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value);
+    FaultPlanHandle Add(FaultPlan::Kind kind, const std::set<std::string> &functions, unsigned nth, DWORD value,
+                        unsigned thread = kAnyThread);
 
     mutable Lock m_lock;
     std::vector<FaultPlanHandle> m_plans;

@@ -4,7 +4,6 @@
 #include <iterator>
 
 #include "WindowsDriverInstaller/StackDump.h"
-#include "WindowsFunctions.h"
 
 namespace {
 
@@ -147,9 +146,6 @@ Texts BindingsFixture::LeftSince(const Simulator::BalanceSnapshot &before) {
 InstallOutcome BindingsFixture::InstallInBalance() {
     const Simulator::BalanceSnapshot before = balance().Take();
     InstallOutcome installation = Install();
-    // The watchdog's thread gives back its own last of all.
-    for (int i = 0; i < 1000 && !LeftSince(before).empty(); ++i)
-        Simulator::System::Sleep::Real(10);
     EXPECT_EQ(LeftSince(before), Texts{});
     return installation;
 }

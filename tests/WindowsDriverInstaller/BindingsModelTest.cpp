@@ -132,9 +132,7 @@ protected:
         (void)simulation().GetJournal().Take();
         const int objects = VtaCore::Control::LiveObjects();
         EXPECT_EQ(lua.Eval("SLB.filter.InstallOrUpdateDriver(dom, ndis, wfp)"), "true");
-        for (int i = 0; i < 10'000 && VtaCore::Control::LiveObjects() != objects; ++i)
-            Simulator::System::Sleep::Real(1);
-        EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+        AwaitThreads(objects);
         return Collect(before);
     }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "Balance.h"
 #include "ComLibrary.h"
@@ -207,10 +208,10 @@ std::string NameOfCall(const JournalEntry &entry) {
 }
 
 std::vector<unsigned> NumbersOf(const std::vector<JournalEntry> &journal) {
-    std::map<std::string, unsigned> calls;
+    std::map<std::pair<DWORD, std::string>, unsigned> calls;
     std::vector<unsigned> numbers;
     for (const JournalEntry &entry : journal)
-        numbers.push_back(++calls[NameOfCall(entry)]);
+        numbers.push_back(++calls[{entry.thread, NameOfCall(entry)}]);
     return numbers;
 }
 

@@ -14,7 +14,7 @@
 /// A call.
 struct Place {
     std::string function;             ///< As NameOfCall has it.
-    unsigned nth = 0;                 ///< Among the calls of that name since the script's call began; from 1.
+    unsigned nth = 0;                 ///< Among its thread's calls of that name since the script's; from 1.
     std::string step;                 ///< The one on top of the stack.
     std::uint64_t deadlineMs = 0;     ///< When that step's time is up, if nothing but the thread's sleeps takes time.
     std::map<std::string, int> open;  ///< How many things the thread has open, by kinds of the balance.
@@ -31,7 +31,7 @@ using StepLimits = std::map<std::string, std::uint64_t>;
 
 /// The function; a sleep's with its milliseconds, such as "Sleep(500)".
 [[nodiscard]] std::string NameOfCall(const Simulator::JournalEntry &entry);
-/// For each entry of a journal, which call of that name it is; from 1.
+/// For each entry of a journal, which call of that name it is among those of its thread; from 1.
 [[nodiscard]] std::vector<unsigned> NumbersOf(const std::vector<Simulator::JournalEntry> &journal);
 /// Whether it tells the time, logs or signals, and so cannot hang.
 [[nodiscard]] bool CannotHang(const std::string &function);

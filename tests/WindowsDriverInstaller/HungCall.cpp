@@ -9,14 +9,8 @@
 
 namespace Kind = Simulator::Kind;
 using Simulator::InsideSimulator;
-using std::chrono::milliseconds;
 
 namespace {
-
-/// Real milliseconds in which a watcher that looks at the wrong time would do so.
-constexpr DWORD kUntilNoticedMs = 3;
-/// A watcher that waits for longer waits for the end of a thread that it has killed.
-constexpr DWORD kLongestWatchMs = 1'000;
 
 namespace System {
 
@@ -29,54 +23,6 @@ SIMULATOR_FUNCTION(SymCleanup, "dbghelp.dll", ReturnsZero);
 }  // namespace System
 
 }  // namespace
-
-/// Knows when the watcher waits, so that the clock is not moved while it works out how long to wait.
-class WatcherSight {
-public:
-    explicit WatcherSight(Simulator::Clock &clock) : m_clock(clock), m_watcher(GetCurrentThreadId()) {}
-
-    void SetWatcher(DWORD watcher, DWORD poller) {
-        const Simulator::LockGuard guard(m_lock);
-        m_watcher = watcher;
-        m_poller = poller;
-        m_phase = Phase::Works;
-        m_pollerSleeps = false;
-    }
-    void SetSleeps(bool sleeps) {
-        const Simulator::LockGuard guard(m_lock);
-        if (GetCurrentThreadId() == m_poller)
-            m_pollerSleeps = sleeps;
-    }
-    void SetLooks() {
-        const Simulator::LockGuard guard(m_lock);
-        if (GetCurrentThreadId() == m_watcher)
-            m_phase = Phase::Looks;
-    }
-    void SetWaits() {
-        const Simulator::LockGuard guard(m_lock);
-        if (GetCurrentThreadId() == m_watcher)
-            m_phase = Phase::Waits;
-    }
-    /// Once in a wait.
-    /// @return false if it does not wait, or the poller does not sleep; the clock then stays.
-    bool AdvanceWhileItWaits(std::uint64_t untilTick) {
-        const Simulator::LockGuard guard(m_lock);
-        if (m_phase != Phase::Waits || m_clock.Waiting() != 1 || (m_poller != 0 && !m_pollerSleeps))
-            return false;
-        m_phase = Phase::Works;
-        m_clock.Advance(milliseconds(untilTick - std::min(untilTick, m_clock.TickMs())));
-        return true;
-    }
-
-private:
-    Simulator::Clock &m_clock;
-    Simulator::Lock m_lock;
-    DWORD m_watcher;
-    enum class Phase { Works, Looks, Waits };  ///< It looks when it has read the ticks, and not begun to wait.
-    Phase m_phase = Phase::Works;
-    DWORD m_poller = 0;
-    bool m_pollerSleeps = false;
-};
 
 SeenThread::SeenThread(DWORD id) {
     const InsideSimulator inside;
@@ -114,33 +60,18 @@ bool IsThread(const Simulator::BalanceItem &item) {
 }
 
 HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &returned)
-    : m_simulation(simulation), m_returned(returned), m_sight(std::make_shared<WatcherSight>(simulation.GetClock())) {
+    : m_simulation(simulation), m_returned(returned), m_sight(simulation) {
     wxLog::SetVerbose(true);
     Simulator::FunctionSet &functions = simulation.Functions();
     functions.PassThrough<System::SetEvent>();
     functions.PassThrough<System::_wremove>();
     functions.PassThrough<System::SymInitializeW>();
     functions.PassThrough<System::SymCleanup>();
-    functions.Put<Simulator::System::GetTickCount>(
-        [sight = m_sight](const auto &next) {
-            sight->SetLooks();
-            return next();
-        },
-        Simulator::Depth::Watch);
-    functions.Put<Simulator::System::WaitForSingleObject>(
-        [sight = m_sight](const auto &next, HANDLE handle, DWORD ms) {
-            if (ms <= kLongestWatchMs)
-                sight->SetWaits();
-            return next(handle, ms);
-        },
-        Simulator::Depth::Watch);
     functions.Put<Simulator::System::Sleep>(
-        [&faults = simulation.GetFaults(), sight = m_sight](const auto &next, DWORD ms) {
+        [&faults = simulation.GetFaults()](const auto &next, DWORD ms) {
             for (const auto &hang : faults.Ask("Sleep(" + std::to_string(ms) + ")", false).hangs)
                 hang->Hang();
-            sight->SetSleeps(true);
             next(ms);
-            sight->SetSleeps(false);
         },
         Simulator::Depth::Watch);
 }
@@ -160,28 +91,6 @@ void HungCall::KeepModulesForStacks() {
             return m_hasModules;
         });
     m_simulation.Functions().Put<System::SymCleanup>([](const auto &, HANDLE) { return TRUE; });
-}
-
-void HungCall::SetWatcher(DWORD watcher, DWORD poller) {
-    m_sight->SetWatcher(watcher, poller);
-}
-
-bool HungCall::AdvanceTo(std::uint64_t tick, std::uint64_t leapMs) {
-    const Simulator::Clock &clock = m_simulation.GetClock();
-    do {
-        const std::uint64_t now = std::min(clock.TickMs(), tick);
-        const std::uint64_t next = now + std::min(tick - now, leapMs);
-        bool advanced = false;
-        (void)Await(kPatienceMs, [&] { return m_returned || (advanced = m_sight->AdvanceWhileItWaits(next)); });
-        if (!advanced)
-            return false;
-    } while (clock.TickMs() < tick);
-    return true;
-}
-
-void HungCall::LetLook() {
-    const InsideSimulator inside;
-    Sleep(kUntilNoticedMs);
 }
 
 bool HungCall::AwaitReturn() const {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,25 +12,9 @@
 #include "Balance.h"
 #include "CallScope.h"
 #include "LogCollector.h"
+#include "Patience.h"
 #include "Simulation.h"
-
-class WatcherSight;
-
-/// Whoever waits longer, in real milliseconds, fails the test.
-inline constexpr DWORD kPatienceMs = 20'000;
-
-/// Asks again every millisecond.
-template <class Condition>
-bool Await(DWORD realMs, Condition condition) {
-    const Simulator::InsideSimulator inside;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(realMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        Sleep(1);
-    }
-    return true;
-}
+#include "WatcherSight.h"
 
 /// A thread, to wait for its end.
 class SeenThread {
@@ -73,7 +56,6 @@ struct HangResult {
 class HungCall {
 public:
     /// @param returned  whether the script's call has come back.
-    /// The watcher is the calling thread at first.
     HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &returned);
     ~HungCall();
     HungCall(const HungCall &) = delete;
@@ -83,16 +65,11 @@ public:
     /// of the same program has called the product before without a HungCall: that library's functions are found once in
     /// a process.
     void KeepModulesForStacks();
-    /// The thread for which AdvanceTo moves the clock.
-    /// @param poller  one that looks at the clock between its sleeps, and must not see it move while it does; or 0.
-    void SetWatcher(DWORD watcher, DWORD poller);
-
-    /// Moves the clock whenever the watcher waits, so far that the wait ends.
-    /// @param leapMs  so far at a time at most.
-    /// @return false if the script's call came back before, or the watcher never waited.
-    [[nodiscard]] bool AdvanceTo(std::uint64_t tick, std::uint64_t leapMs = UINT64_MAX);
-    /// Gives a watcher that looks at the wrong time the time to do so.
-    static void LetLook();
+    /// As WatcherSight has it.
+    [[nodiscard]] bool AdvanceTo(std::uint64_t tick, std::uint64_t leapMs = UINT64_MAX) {
+        return m_sight.AdvanceTo(tick, leapMs, m_returned);
+    }
+    [[nodiscard]] bool AwaitWait() { return m_sight.AwaitWait(m_returned); }
     [[nodiscard]] bool AwaitReturn() const;
     /// Until there are no more than so many objects of the agent's library, and no handle of a thread is open.
     [[nodiscard]] static bool AwaitObjects(int objects, const Simulator::BalanceSnapshot &before);
@@ -104,6 +81,6 @@ public:
 private:
     Simulator::Simulation &m_simulation;
     const std::atomic<bool> &m_returned;
-    const std::shared_ptr<WatcherSight> m_sight;
+    WatcherSight m_sight;
     bool m_hasModules = false;
 };

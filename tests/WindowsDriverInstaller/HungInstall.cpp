@@ -97,19 +97,16 @@ HungOutcome HungInstall::HangAt(const InstallPlace &place) {
 /// The watchdog's first sleep is held back until the worker hangs, so that its first look finds the step in which that
 /// happens, and the clock is moved by the worker's sleeps alone up to there.
 void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
-    const FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep(100)", 1);
-    const FaultPlanHandle call = simulation().GetFaults().HangNth(place.function, place.nth);
+    const FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep(100)", 1, kWatchdogThread);
+    const FaultPlanHandle call = simulation().GetFaults().HangNth(place.function, place.nth, kWorkerThread);
     const std::uint64_t deadline = m_begin + place.deadlineMs;
     SeenThread worker;
     outcome.installation = InstallWhile([&] {
         const InsideSimulator inside;
         outcome.met = call->WaitUntilHit(kPatienceMs);
-        const InstallThreads threads = ThreadsOf(simulation().GetJournal().Entries(), m_caller);
-        worker = SeenThread(threads.worker);
-        hung.SetWatcher(threads.watchdog, m_caller);
+        worker = SeenThread(ThreadsOf(simulation().GetJournal().Entries(), m_caller).worker);
         sleep->Release();
-        const bool waited = outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs);
-        HungCall::LetLook();
+        const bool waited = outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs) && hung.AwaitWait();
         outcome.inFlight = NewThings(m_before);
         std::erase_if(outcome.inFlight, IsThread);
         outcome.waitedToTheEnd = waited && hung.AdvanceTo(deadline);
@@ -123,8 +120,9 @@ void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
 /// A work that begins after the hour has used up its own time. So the watchdog is held back until it is done, lest it
 /// give it up.
 void HungInstall::HangWatchdog(const InstallPlace &place, HungOutcome &outcome) {
-    const FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep(100)", place.beforeWork ? 1 : UINT_MAX);
-    const FaultPlanHandle call = simulation().GetFaults().HangNth(place.function, place.nth);
+    const FaultPlanHandle sleep =
+        simulation().GetFaults().HangNth("Sleep(100)", place.beforeWork ? 1 : UINT_MAX, kWatchdogThread);
+    const FaultPlanHandle call = simulation().GetFaults().HangNth(place.function, place.nth, kWatchdogThread);
     SeenThread watchdog;
     outcome.installation = InstallWhile([&] {
         const InsideSimulator inside;
@@ -132,8 +130,8 @@ void HungInstall::HangWatchdog(const InstallPlace &place, HungOutcome &outcome) 
         outcome.met = call->WaitUntilHit(kPatienceMs);
         watchdog = SeenThread(ThreadsOf(simulation().GetJournal().Entries(), m_caller).watchdog);
         if (outcome.met && place.thread == InstallPlace::Thread::Watchdog) {
-            clock.Advance(milliseconds(kCallersPatienceMs - place.sinceHeartbeatMs));
-            outcome.waitedToTheEnd = AwaitLooksOfCaller();
+            outcome.waitedToTheEnd =
+                AdvanceBetweenLooks(kCallersPatienceMs - place.sinceHeartbeatMs) && AwaitLooksOfCaller();
             clock.Advance(milliseconds(1));
             outcome.watchdogsDeadlineMs = clock.TickMs() - m_begin;
         }
@@ -163,6 +161,14 @@ bool HungInstall::AwaitEndOfWorker() {
         const DWORD worker = ThreadsOf(simulation().GetJournal().Entries(), m_caller).worker;
         return worker != 0 && SeenThread(worker).AwaitEnd(0);
     });
+}
+
+bool HungInstall::AdvanceBetweenLooks(std::uint64_t ms) {
+    bool advanced = false;
+    (void)Await(kPatienceMs, [&] {
+        return returned || (advanced = simulation().GetClock().AdvanceIfFollowerSleeps(milliseconds(ms)));
+    });
+    return advanced;
 }
 
 bool HungInstall::AwaitLooksOfCaller() {

@@ -57,6 +57,8 @@ private:
     void HangWatchdog(const InstallPlace &place, HungOutcome &outcome);
     void AwaitAnswer(HungOutcome &outcome);
     bool AwaitEndOfWorker();
+    /// Not while the caller looks: it must not compare a heartbeat that it has read with the time behind the leap.
+    bool AdvanceBetweenLooks(std::uint64_t ms);
     /// Until the caller has looked at the watchdog's last heartbeat twice.
     bool AwaitLooksOfCaller();
 

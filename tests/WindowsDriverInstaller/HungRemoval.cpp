@@ -10,14 +10,6 @@ namespace {
 /// Real milliseconds in which a worker that is to live on would end if it were killed.
 constexpr DWORD kWorkerLivesOnMs = 100;
 
-/// The thread that has called the function last; 0 if none has.
-DWORD LastCallerOf(const std::string &function, const Simulator::Journal &journal) {
-    const auto calls = journal.Entries();
-    const auto last = std::find_if(calls.rbegin(), calls.rend(),
-                                   [&function](const auto &entry) { return entry.function == function; });
-    return last == calls.rend() ? 0 : last->thread;
-}
-
 }  // namespace
 
 void HungRemoval::PutRight() {
@@ -27,8 +19,8 @@ void HungRemoval::PutRight() {
 }
 
 Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate) {
-    const Simulator::FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep", 1);
-    const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth);
+    const Simulator::FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep", 1, kCallerThread);
+    const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth, kWorkerThread);
     const int objects = VtaCore::Control::LiveObjects();
     const Simulator::BalanceSnapshot before = balance().Take();
     const std::uint64_t deadline = simulation().GetClock().TickMs() + deadlineMs;
@@ -37,7 +29,7 @@ Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_
     hang.removal = UninstallWhile([&] {
         const InsideSimulator inside;
         hang.met = call->WaitUntilHit(kPatienceMs);
-        worker = SeenThread(LastCallerOf(function, simulation().GetJournal()));
+        worker = SeenThread(Worker());
         sleep->Release();
         if (hang.met)
             PassTheTime(hang, before, deadline);
@@ -54,8 +46,7 @@ Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_
 }
 
 void HungRemoval::PassTheTime(Hang &hang, const Simulator::BalanceSnapshot &before, std::uint64_t deadline) {
-    const bool waited = hung.AdvanceTo(deadline - 1);
-    HungCall::LetLook();
+    const bool waited = hung.AdvanceTo(deadline - 1) && hung.AwaitWait();
     hang.inFlight = NewThings(before);
     std::erase_if(hang.inFlight, IsThread);
     hang.waitedToTheEnd = waited && hung.AdvanceTo(deadline);
@@ -66,11 +57,16 @@ void HungRemoval::PassTheTime(Hang &hang, const Simulator::BalanceSnapshot &befo
 
 bool HungRemoval::AwaitEndOfWorker() {
     return Await(kPatienceMs, [this] {
-        const auto calls = simulation().GetJournal().Entries();
-        const auto others =
-            std::find_if(calls.begin(), calls.end(), [this](const auto &entry) { return entry.thread != m_caller; });
-        return others != calls.end() && SeenThread(others->thread).AwaitEnd(0);
+        const DWORD worker = Worker();
+        return worker != 0 && SeenThread(worker).AwaitEnd(0);
     });
+}
+
+DWORD HungRemoval::Worker() {
+    const auto calls = simulation().GetJournal().Entries();
+    const auto others =
+        std::find_if(calls.begin(), calls.end(), [this](const auto &entry) { return entry.thread != m_caller; });
+    return others == calls.end() ? 0 : others->thread;
 }
 
 void HungRemoval::ForgetTheRest() {

@@ -8,6 +8,10 @@
 #include "HungCall.h"
 #include "RemovalFixture.h"
 
+/// The threads of a removal as fault plans number them, which are made on the caller's thread.
+inline constexpr unsigned kCallerThread = 0;
+inline constexpr unsigned kWorkerThread = 1;
+
 /// What became of it; the thread is the worker.
 struct Hang : HangResult {
     Removal removal;
@@ -25,7 +29,7 @@ protected:
 
     /// Hangs the call, moves the clock to the last millisecond before the deadline and then to it. A call whose thread
     /// lives on is let go in the end. No fault is left.
-    /// @param nth         among the calls of all threads.
+    /// @param nth         among the worker's calls.
     /// @param deadlineMs  simulated milliseconds from the beginning of the removal.
     Hang HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate = Fate::Killed);
 
@@ -40,6 +44,8 @@ protected:
     static constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
 
 private:
+    /// The thread of the removal under way; 0 before its first call.
+    DWORD Worker();
     void PassTheTime(Hang &hang, const Simulator::BalanceSnapshot &before, std::uint64_t deadline);
     /// What was logged and reported after the return.
     void ForgetTheRest();

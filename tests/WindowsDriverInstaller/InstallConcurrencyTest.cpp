@@ -107,9 +107,7 @@ private:
     }
 
     void End(Meeting &meeting, int objects) {
-        for (DWORD waited = 0; waited < kPatienceOfATestMs && VtaCore::Control::LiveObjects() != objects; waited += 10)
-            Simulator::System::Sleep::Real(10);
-        EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+        AwaitThreads(objects);
         simulation().GetFaults().Clear();
         TakeRecords(meeting);
         meeting.traces = TakeTracedMessages("NDIS");

@@ -118,17 +118,16 @@ TEST_F(InstallFailures, ALockHeldByAnOpenPropertyPageIsNamedToTheUserAndEndsTheI
 TEST_F(InstallFailures, AWaitForALockThatOutlastsTheTenSecondsOfTheOpeningEndsTheWorker) {
     LockWith(L"Local Area Connection Properties", 60'000);
     // The worker is held back where the wait is over, and the opening is on top again.
-    const FaultPlan plan = faults().HangNth("CoUninitialize", 2);
+    const FaultPlan plan = faults().HangNth("CoUninitialize", 1, kWorkerThread);
     // And the watchdog until then, lest it find the opening overrun while the worker is on its way.
     simulation().Functions().Put<Simulator::System::WaitForSingleObject>(
-        [this, plan](const auto &next, HANDLE handle, DWORD milliseconds) {
-            if (CallsOf("INetCfgLock::AcquireWriteLock") == 1)
-                (void)plan->WaitUntilHit(30'000);
+        [plan](const auto &next, HANDLE handle, DWORD milliseconds) {
+            (void)plan->WaitUntilHit(kPatienceMs);
             return next(handle, milliseconds);
         },
         Simulator::Depth::Watch);
     const InstallOutcome outcome = InstallWhile([&] {
-        EXPECT_TRUE(plan->WaitUntilHit(30'000));
+        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs));
         EXPECT_TRUE(AwaitReturn());
         plan->Release();
     });
@@ -273,7 +272,8 @@ TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesAlmostItsLimitIsWaitedFor) {
     InstallOldDriver({1, 2, 3, 4});
     const FaultPlan plan = faults().HangNth("SetupUninstallOEMInfW", 1);
     const InstallOutcome outcome = InstallWhile([&] {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
+        EXPECT_TRUE(AwaitWait());  // its sleep before moves the clock, too
         AdvanceMs(299'999);
         EXPECT_TRUE(AwaitLooks(10));
         plan->Release();
@@ -374,13 +374,7 @@ protected:
         (void)Install();
         EXPECT_FALSE(network().Read().lock.has_value());
         EXPECT_EQ(Vti::TheDriver().openHandles, 0);
-        // The watchdog's object is gone, but its thread may have a few instructions to go.
-        Lines left = LeftSince(before);
-        for (int waited = 0; waited < 500 && !left.empty(); ++waited) {
-            Simulator::System::Sleep::Real(2);
-            left = LeftSince(before);
-        }
-        return left;
+        return LeftSince(before);
     }
     Lines LeftSince(const Simulator::BalanceSnapshot &before) {
         Lines left;

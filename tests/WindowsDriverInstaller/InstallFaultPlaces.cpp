@@ -1,6 +1,7 @@
 #include "InstallFaultPlaces.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <map>
 #include <set>
@@ -166,25 +167,39 @@ private:
     bool m_installs = false;
 };
 
-void ReadThreads(std::vector<FaultPlace> &calls, const std::vector<DWORD> &threads, DWORD caller) {
-    std::vector<DWORD> others;
-    for (const DWORD thread : threads) {
-        if (thread != caller && std::find(others.begin(), others.end(), thread) == others.end())
-            others.push_back(thread);
+std::vector<DWORD> ThreadsOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller) {
+    std::vector<DWORD> threads{caller};
+    for (const Simulator::JournalEntry &entry : journal) {
+        if (std::find(threads.begin(), threads.end(), entry.thread) == threads.end())
+            threads.push_back(entry.thread);
     }
-    if (others.size() != 2)
+    if (threads.size() != 3)
         throw std::logic_error("an installation takes two threads beside the script's");
-    const auto of = [&](DWORD thread) {
-        std::vector<FaultPlace *> chosen;
-        for (std::size_t i = 0; i < calls.size(); ++i) {
-            if (threads[i] == thread)
-                chosen.push_back(&calls[i]);
-        }
-        return chosen;
-    };
-    CallerReader(of(caller)).Read();
-    WatchdogReader(of(others[0])).Read();
-    WorkerReader(of(others[1])).Read();
+    return threads;
+}
+
+std::vector<FaultPlace> CallsOf(const std::vector<Simulator::JournalEntry> &journal, DWORD thread, unsigned number) {
+    std::vector<FaultPlace> calls;
+    std::map<std::string, unsigned> counts;
+    for (const Simulator::JournalEntry &entry : journal) {
+        if (entry.thread != thread || HasNoOrder(entry.function))
+            continue;
+        FaultPlace call;
+        call.function = entry.function;
+        call.thread = number;
+        call.nth = ++counts[entry.function];
+        call.arguments = entry.arguments;
+        calls.push_back(call);
+    }
+    return calls;
+}
+
+template <class Reader>
+void Read(std::vector<FaultPlace> &calls) {
+    std::vector<FaultPlace *> pointers;
+    for (FaultPlace &call : calls)
+        pointers.push_back(&call);
+    Reader(std::move(pointers)).Read();
 }
 
 }  // namespace
@@ -213,21 +228,24 @@ const char *NameOf(FaultPlace::Part part) {
     return names.at(part);
 }
 
+std::string NameOf(const FaultPlace &place) {
+    static constexpr std::array<const char *, 3> threads{"script", "watchdog", "worker"};
+    return std::string(threads.at(place.thread)) + ":" + place.function + "#" + std::to_string(place.nth);
+}
+
 std::vector<FaultPlace> FaultPlacesOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller) {
-    std::vector<FaultPlace> calls;
-    std::vector<DWORD> threads;
-    std::map<std::string, unsigned> counts;
-    for (const Simulator::JournalEntry &entry : journal) {
-        if (HasNoOrder(entry.function))
-            continue;
-        FaultPlace call;
-        call.function = entry.function;
-        call.nth = ++counts[entry.function];
-        call.arguments = entry.arguments;
-        calls.push_back(call);
-        threads.push_back(entry.thread);
+    const std::vector<DWORD> threads = ThreadsOf(journal, caller);
+    std::vector<FaultPlace> all;
+    for (unsigned number = 0; number < threads.size(); ++number) {
+        std::vector<FaultPlace> calls = CallsOf(journal, threads[number], number);
+        if (number == 0)
+            Read<CallerReader>(calls);
+        else if (number == 1)
+            Read<WatchdogReader>(calls);
+        else
+            Read<WorkerReader>(calls);
+        all.insert(all.end(), calls.begin(), calls.end());
     }
-    ReadThreads(calls, threads, caller);
-    std::erase_if(calls, [](const FaultPlace &call) { return NeverFails(call.function); });
-    return calls;
+    std::erase_if(all, [](const FaultPlace &call) { return NeverFails(call.function); });
+    return all;
 }

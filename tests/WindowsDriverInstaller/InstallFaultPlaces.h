@@ -33,7 +33,8 @@ struct FaultPlace {
     };
 
     std::string function;
-    unsigned nth = 0;       ///< Among all calls of the function; from 1.
+    unsigned thread = 0;    ///< As fault plans number them: the script's, the watchdog's, the worker's.
+    unsigned nth = 0;       ///< Among the thread's calls of the function; from 1.
     std::string arguments;  ///< As the journal has them.
     Part part = Part::Start;
     /// Of the worker's calls: the number of the removal, 0 behind the last. Otherwise the number among the parts of
@@ -46,9 +47,11 @@ struct FaultPlace {
 };
 
 [[nodiscard]] const char *NameOf(FaultPlace::Part part);
+/// Such as "watchdog:CloseHandle#3".
+[[nodiscard]] std::string NameOf(const FaultPlace &place);
 
-/// The places of an installation that nothing went wrong in, in the order of the calls. Calls without an order, or
-/// without a failure, are left out.
+/// The places of an installation that nothing went wrong in, thread by thread in the order of the calls. Calls without
+/// an order, or without a failure, are left out.
 /// @param caller  the script's thread.
 /// @throws std::logic_error  if there is no watchdog and no worker.
 [[nodiscard]] std::vector<FaultPlace> FaultPlacesOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller);

@@ -20,7 +20,6 @@
 #include "InstallRoads.h"
 #include "InstallRules.h"
 #include "Leftovers.h"
-#include "WindowsFunctions.h"
 
 namespace {
 
@@ -37,7 +36,7 @@ std::uint64_t AllLimitsMs() {
 
 std::string NameOfPlace(Road road, const InstallFault &fault) {
     std::ostringstream name;
-    name << NameOf(road) << ':' << fault.place->function << '#' << fault.place->nth << "=0x" << std::hex << fault.code;
+    name << NameOf(road) << ':' << NameOf(*fault.place) << "=0x" << std::hex << fault.code;
     return name.str();
 }
 
@@ -267,7 +266,8 @@ InstallResult InstallFaults::Run(Road road, const InstallFault &fault) {
     const Simulator::BalanceSnapshot before = balance().Take();
     Simulator::FaultPlanHandle plan;
     if (fault.place != nullptr)
-        plan = simulation().GetFaults().FailNth(fault.place->function, fault.place->nth, fault.code);
+        plan =
+            simulation().GetFaults().FailNth(fault.place->function, fault.place->nth, fault.code, fault.place->thread);
     InstallResult observed;
     Observe(Install(), observed);
     EXPECT_TRUE(!plan || plan->Hits() == 1) << "the fault is not met";
@@ -303,16 +303,10 @@ void InstallFaults::ObserveMachine(InstallResult &observed) {
 
 /// What the installation did not give back. Of memory only what the module asks for itself counts.
 std::vector<Simulator::BalanceItem> InstallFaults::Left(const Simulator::BalanceSnapshot &before) {
-    const auto isBlock = [](const auto &item) { return item.kind == std::string_view(Simulator::Kind::kBlock); };
-    std::vector<Simulator::BalanceItem> left;
-    // The memory of the watchdog goes a moment after the watchdog.
-    for (int look = 0; look < 100; ++look) {
-        left = Simulator::Balance::Left(before, balance().Take());
-        std::erase_if(left, [&](const auto &item) { return isBlock(item) && !IsOfModule(item.caller); });
-        if (std::none_of(left.begin(), left.end(), isBlock))
-            break;
-        Simulator::System::Sleep::Real(10);
-    }
+    std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
+    std::erase_if(left, [](const auto &item) {
+        return item.kind == std::string_view(Simulator::Kind::kBlock) && !IsOfModule(item.caller);
+    });
     return left;
 }
 
@@ -359,7 +353,7 @@ TEST_F(InstallFaults, ToMakeTheWorkersEventKillTheStepThatRunsWhenItIsFirstLooke
     const auto hung = simulation().GetFaults().HangNth("INetCfgClassSetup::DeInstall", 1);
     simulation().GetClock().Step();
     const InstallOutcome installation = InstallWhile([&] {
-        EXPECT_TRUE(hung->WaitUntilHit(30'000));
+        EXPECT_TRUE(hung->WaitUntilHit(kPatienceMs));
         simulation().GetClock().Step(Simulator::Clock::AutoAdvance::Sleeps);
         AdvanceSeconds(1);  // to the end of the watchdog's sleep before its first look
     });

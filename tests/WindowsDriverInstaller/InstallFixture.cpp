@@ -6,8 +6,6 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "WindowsFunctions.h"
-
 namespace {
 
 using std::filesystem::path;
@@ -173,11 +171,14 @@ InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhi
     InstallOutcome installation;
     simulation().GetClock().SetFollower(GetCurrentThreadId());
     static_cast<Removal &>(installation) = CallWhile("SLB.filter.InstallOrUpdateDriver(dom, ndis, wfp)", meanwhile);
-    // The watchdog frees itself, a moment after it is done.
-    for (int i = 0; i < 1000 && VtaCore::Control::LiveObjects() != objects; ++i)
-        Simulator::System::Sleep::Real(10);
-    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+    AwaitThreads(objects);
     TakeRecords(installation);
     installation.traces = TakeTracedMessages("NDIS");
     return installation;
+}
+
+void InstallFixture::AwaitThreads(int objects) {
+    EXPECT_TRUE(m_threads.AwaitEnds(kPatienceMs));
+    (void)Await(kPatienceMs, [objects] { return VtaCore::Control::LiveObjects() == objects; });
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
 }

@@ -10,7 +10,12 @@
 #include <vector>
 
 #include "RemovalFixture.h"
+#include "StartedThreads.h"
 #include "vti_control.h"
+
+/// The threads of an installation as fault plans number them, which are made on the script's thread.
+inline constexpr unsigned kWatchdogThread = 1;
+inline constexpr unsigned kWorkerThread = 2;
 
 /// What one call of SLB.filter.InstallOrUpdateDriver did.
 struct InstallOutcome : Removal {
@@ -40,10 +45,14 @@ protected:
     /// The version that is loaded by an Install of the filter; nothing changes for none.
     void SetVersionAfterInstall(const std::optional<Version> &version) { m_loadedByInstall = version; }
 
-    /// Calls SLB.filter.InstallOrUpdateDriver, and waits for the watchdog to end.
+    /// Calls SLB.filter.InstallOrUpdateDriver, and waits for its threads to end.
     InstallOutcome Install();
     /// The same while `meanwhile` runs on another thread.
     InstallOutcome InstallWhile(const std::function<void()> &meanwhile);
+
+    /// Waits until the threads of an installation have ended, and no more than so many objects of the agent's library
+    /// are left.
+    void AwaitThreads(int objects);
 
     [[nodiscard]] std::filesystem::path NdisFolder();
     [[nodiscard]] Simulator::NetworkConfiguration &network() { return simulation().GetNetwork(); }
@@ -62,5 +71,6 @@ private:
     void WriteDriverFiles();
     void FollowFilter(const Simulator::NetworkMoment &moment);
 
+    StartedThreads m_threads{simulation()};
     std::optional<Version> m_loadedByInstall = kOurVersion;
 };

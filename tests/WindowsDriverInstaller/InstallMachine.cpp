@@ -5,30 +5,15 @@
 #include <cstdio>
 #include <utility>
 
-#include "WindowsFunctions.h"
-
 using Simulator::NetworkAdapter;
 using Simulator::NetworkMoment;
 using Simulator::NetworkState;
 
 namespace {
 
-constexpr int kReturnPatienceMs = 30'000;  ///< Whoever waits longer fails the test.
-
 void ReplaceAll(std::string &text, const std::string &what, const std::string &by) {
     for (std::size_t at = text.find(what); at != text.npos; at = text.find(what, at + by.size()))
         text.replace(at, what.size(), by);
-}
-
-/// Asks again every two milliseconds.
-template <class Condition>
-bool AwaitReally(Condition condition, int patienceMs = kReturnPatienceMs) {
-    for (int waitedMs = 0; !condition(); waitedMs += 2) {
-        if (waitedMs > patienceMs)
-            return false;
-        Simulator::System::Sleep::Real(2);
-    }
-    return true;
 }
 
 }  // namespace
@@ -160,37 +145,27 @@ std::size_t InstallMachine::Looks() {
 bool InstallMachine::AwaitLooks(unsigned looks) {
     // The sleep that is under way began before: the look behind it is the first that counts.
     const std::size_t enough = Looks() + looks + 1;
-    return AwaitReally([this, enough] { return returned || Looks() >= enough; }) && !returned;
+    return Await(kPatienceMs, [this, enough] { return returned || Looks() >= enough; }) && !returned;
 }
 
 bool InstallMachine::AwaitReturn() {
-    return AwaitReally([this] { return returned.load(); });
+    return Await(kPatienceMs, [this] { return returned.load(); });
 }
 
 void InstallMachine::AdvanceMs(std::int64_t milliseconds) {
-    clock().Advance(std::chrono::milliseconds(milliseconds));
+    const std::chrono::milliseconds by(milliseconds);
+    EXPECT_TRUE(Await(kPatienceMs, [&] { return clock().AdvanceIfFollowerSleeps(by); }));
 }
 
 void InstallMachine::PassTime(std::int64_t milliseconds) {
     constexpr std::uint64_t leapMs = 50'000;  // no stall of a minute, that the caller would warn of
-    const auto looks = [this] { return CallsOf("WaitForSingleObject"); };
-    const std::uint64_t end = clock().TickMs() + static_cast<std::uint64_t>(milliseconds);
-    while (!returned && clock().TickMs() < end) {
-        const std::size_t before = looks();
-        AdvanceMs(static_cast<std::int64_t>(std::min(leapMs, end - clock().TickMs())));
-        // The watchdog may have looked just before, and begun to wait for its next look just behind.
-        for (int nudges = 0; nudges < 60; ++nudges) {
-            if (AwaitReally([&] { return returned || looks() > before; }, 1'000))
-                break;
-            AdvanceMs(1'000);
-        }
-    }
+    (void)m_sight.AdvanceTo(clock().TickMs() + static_cast<std::uint64_t>(milliseconds), leapMs, returned);
 }
 
 InstallOutcome InstallMachine::InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds) {
     const FaultPlan plan = faults().HangNth(function, nth);
     InstallOutcome outcome = InstallWhile([&] {
-        EXPECT_TRUE(plan->WaitUntilHit(kReturnPatienceMs)) << function;
+        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs)) << function;
         PassTime(milliseconds);
         EXPECT_TRUE(AwaitReturn());
         plan->Release();

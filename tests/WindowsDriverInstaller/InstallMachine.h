@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "InstallFixture.h"
+#include "WatcherSight.h"
 
 /// Is told of each event as it is sent, on the thread that sends it.
 class EventObserver : public VtaCore::Control::Observer {
@@ -64,16 +65,20 @@ protected:
     /// Until the caller has looked at the watchdog so many more times.
     [[nodiscard]] bool AwaitLooks(unsigned looks = 3);
     [[nodiscard]] bool AwaitReturn();
+    /// Until the watchdog waits for the worker.
+    [[nodiscard]] bool AwaitWait() { return m_sight.AwaitWait(returned); }
+    /// Between two looks of the caller.
     void AdvanceMs(std::int64_t milliseconds);
     /// The same in leaps, with a look of the watchdog at the worker behind each.
     void PassTime(std::int64_t milliseconds);
 
-    /// The call hangs until the time is up: so long behind the moment of the hang, or a little later.
+    /// The call hangs until the time is up: so long behind the moment of the hang.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);
 
 private:
     [[nodiscard]] std::size_t Looks();
     [[nodiscard]] std::string Plain(const std::string &line);
 
+    WatcherSight m_sight{simulation()};
     const DWORD m_caller = GetCurrentThreadId();
 };

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "InstallFixture.h"
-#include "WindowsFunctions.h"
+#include "WatcherSight.h"
 
 namespace {
 
@@ -116,12 +116,10 @@ TEST_F(DriverInstallation, WaitsForAServiceThatIsMarkedForDeletion) {
 
 TEST_F(DriverInstallation, KillsAWorkerThatHangsAndCanInstallAgain) {
     const auto plan = simulation().GetFaults().HangNth("INetCfgClassSetup::Install", 1);
+    WatcherSight sight(simulation());
     const InstallOutcome hung = InstallWhile([&] {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
-        for (int second = 0; second < 700 && !returned; ++second) {
-            simulation().GetClock().Advance(std::chrono::seconds(1));
-            Simulator::System::Sleep::Real(5);
-        }
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
+        (void)sight.AdvanceTo(simulation().GetClock().TickMs() + 600'000, 50'000, returned);
     });
     EXPECT_TRUE(hung.result);
     ASSERT_EQ(hung.EventTexts(1004).size(), 1U);

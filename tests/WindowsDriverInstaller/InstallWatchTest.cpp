@@ -40,7 +40,7 @@ protected:
         return InstallWhile([&] { Stall(plan, milliseconds); });
     }
     void Stall(const FaultPlan &plan, std::int64_t milliseconds) {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         AdvanceMs(milliseconds);
         EXPECT_TRUE(AwaitLooks());
         plan->Release();
@@ -49,7 +49,7 @@ protected:
     [[nodiscard]] InstallOutcome InstallGivenUp() {
         const FaultPlan plan = HangWatchdog(2);
         return InstallWhile([&] {
-            ASSERT_TRUE(plan->WaitUntilHit(30'000));
+            ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
             AdvanceMs(3'600'001);
             EXPECT_TRUE(AwaitReturn());
             plan->Release();
@@ -90,7 +90,7 @@ TEST_F(InstallWatch, TellsWholeSecondsOfTheStall) {
 TEST_F(InstallWatch, WarnsOnceOfAStallThatGoesOn) {
     const FaultPlan plan = HangWatchdog(2);
     const InstallOutcome outcome = InstallWhile([&] {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         AdvanceMs(60'001);
         EXPECT_TRUE(AwaitLooks());
         AdvanceMs(60'001);
@@ -189,7 +189,7 @@ TEST_F(InstallWatch, ReturnsBeforeTheFirstLookWhenTheAgentIsAboutToEndAndTheWatc
         const auto calls = simulation().GetJournal().Entries();
         slept = std::any_of(calls.begin(), calls.end(),
                             [caller](const auto &call) { return call.thread == caller && call.function == "Sleep"; });
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         plan->Release();
     });
     EXPECT_FALSE(outcome.result);
@@ -201,7 +201,7 @@ TEST_F(InstallWatch, ReturnsBeforeTheFirstLookWhenTheAgentIsAboutToEndAndTheWatc
 TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGoesOn) {
     const FaultPlan plan = HangWatchdog(2);
     const InstallOutcome outcome = InstallWhile([&] {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         EXPECT_TRUE(AwaitLooks());
         VtaCore::Control::SetShouldExit(dom, true);
         EXPECT_TRUE(AwaitReturn());

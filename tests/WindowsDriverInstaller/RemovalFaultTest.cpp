@@ -325,8 +325,8 @@ TEST_F(RemovalFaults, ToMakeTheEventEndTheWatchAsAnOverrunStepDoes) {
     const auto hung = simulation().GetFaults().HangNth("INetCfg::FindComponent", 1);
     simulation().GetClock().Step();
     const Removal removal = UninstallWhile([&] {
-        EXPECT_TRUE(hung->WaitUntilHit(30'000));
-        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));  // the caller, before its first wait
+        EXPECT_TRUE(hung->WaitUntilHit(kPatienceMs));
+        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));  // the caller, before its first wait
         AdvanceSeconds(1);
     });
     EXPECT_FALSE(removal.result);

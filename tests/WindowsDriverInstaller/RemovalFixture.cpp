@@ -4,6 +4,7 @@
 #include <fstream>
 #include <thread>
 
+#include "StartedThreads.h"
 #include "slb3_control.h"
 
 namespace {
@@ -43,6 +44,7 @@ std::vector<std::string> Removal::Lines(wxLogLevel level) const {
 
 RemovalFixture::RemovalFixture() : ModuleFixture(Simulator::SimulationParts{}) {
     simulation().GetClock().Step(Simulator::Clock::AutoAdvance::Sleeps);
+    LetEndingThreadsEnd(simulation());
     simulation().Attach(GetModuleHandleW(L"vta_core.dll"), {"GetTickCount"});
     simulation().GetJournal().Mute("GetTickCount");
     std::filesystem::create_directories(WfpFolder());

@@ -11,6 +11,7 @@
 
 #include "LogCollector.h"
 #include "ModuleFixture.h"
+#include "Patience.h"
 #include "vta_core_control.h"
 
 /// What one call of SLB.filter.UninstallDriver did.

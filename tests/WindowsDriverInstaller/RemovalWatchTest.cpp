@@ -65,7 +65,7 @@ protected:
 
 TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Milliseconds) {
     const int objects = VtaCore::Control::LiveObjects();
-    const auto sleep = simulation().GetFaults().HangNth("Sleep", 1);
+    const auto sleep = simulation().GetFaults().HangNth("Sleep", 1, kCallerThread);
     bool ended = false;
     const Removal removal = UninstallWhile([&] {
         ended = AwaitEndOfWorker();
@@ -80,7 +80,7 @@ TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Millisecond
 }
 
 TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
-    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE);
+    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE, kCallerThread);
     const CodedLog coded;
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
     EXPECT_TRUE(hang.met);
@@ -97,7 +97,7 @@ TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
 }
 
 TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps) {
-    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE);
+    simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE, kCallerThread);
     const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.met);
     EXPECT_FALSE(hang.removal.result);

@@ -238,7 +238,7 @@ TEST_F(SimulatedBindings, StayUsableWhenTheThreadOfAHangingChangeIsKilled) {
     const auto path = FilterPath(engine);
     {
         const TestThread thread([&path] { (void)path->Enable(FALSE); });
-        ASSERT_TRUE(hang->WaitUntilHit(5'000));
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
         ASSERT_TRUE(TerminateThread(thread.Handle(), 1));
     }
     EXPECT_EQ(path->IsEnabled(), S_OK);

@@ -13,6 +13,7 @@
 
 #include "FunctionSet.h"
 #include "SimulatorTestSupport.h"
+#include "WindowsFunctions.h"
 
 using namespace Simulator;
 using namespace SimulatorTest;
@@ -37,21 +38,6 @@ private:
     std::int64_t m_begin = Now();
 };
 
-/// This program's time functions are redirected, and those of wxWidgets.
-class SimulatedClock : public ::testing::Test {
-protected:
-    SimulatedClock() {
-        InstallClock(set, clock);
-        const std::set<std::string> names = set.Names();
-        set.Attach(ThisProgram(), names);
-        set.Attach(WxLibrary());
-    }
-
-    std::shared_ptr<Core> core = std::make_shared<Core>();
-    Clock &clock = core->clock;
-    FunctionSet set{core};
-};
-
 std::uint64_t FileTimeNow(void(WINAPI *read)(FILETIME *)) {
     FILETIME time{};
     read(&time);
@@ -63,6 +49,43 @@ std::uint64_t FileTimeNow() {
     GetSystemTimeAsFileTime(&time);
     return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
+
+/// What the real clocks tell.
+struct RealReadings {
+    static RealReadings Now() {
+        const InsideSimulator inside;
+        return {double(GetTickCount64()), double(FileTimeNow(&GetSystemTimeAsFileTime)) / 1e4};
+    }
+    double tickMs;
+    double wallMs;
+};
+
+/// This program's time functions are redirected, and those of wxWidgets.
+class SimulatedClock : public ::testing::Test {
+protected:
+    SimulatedClock() {
+        // Beneath the clock: so long it really waits. The sums are rounded up, wait by wait.
+        set.Put<System::Sleep>([this](const auto &next, DWORD ms) {
+            realMs += ms;
+            next(ms);
+        });
+        set.Put<System::WaitForSingleObject>([this](const auto &next, HANDLE handle, DWORD ms) {
+            realMs += ms;
+            return next(handle, ms);
+        });
+        InstallClock(set, clock);
+        const std::set<std::string> names = set.Names();
+        set.Attach(ThisProgram(), names);
+        set.Attach(WxLibrary());
+    }
+
+    const RealReadings realBefore = RealReadings::Now();
+    const RealTime real;  ///< Since before the clock was made.
+    std::atomic<DWORD> realMs{0};
+    std::shared_ptr<Core> core = std::make_shared<Core>();
+    Clock &clock = core->clock;
+    FunctionSet set{core};
+};
 
 std::int64_t CounterMs() {
     LARGE_INTEGER counter{};
@@ -87,56 +110,63 @@ private:
 }  // namespace
 
 TEST_F(SimulatedClock, StartsAsTheRealOne) {
-    std::uint64_t realTick = 0;
-    std::uint64_t realWall = 0;
-    {
-        const InsideSimulator inside;
-        realTick = GetTickCount64();
-        realWall = FileTimeNow(&GetSystemTimeAsFileTime);
-    }
-    EXPECT_NEAR(double(GetTickCount64()), double(realTick), 30);
-    EXPECT_NEAR(double(FileTimeNow()), double(realWall), 30e4);
-    EXPECT_NEAR(double(_time64(nullptr)), double(realWall) / 1e7 - 11644473600.0, 1);
-    const RealTime real;
+    const auto tick = double(GetTickCount64());
+    const double wall = double(FileTimeNow()) / 1e4;
+    const auto seconds = double(_time64(nullptr));
+    // The system may renew the readings of its clocks late, but it does not set them back.
+    const double elapsed = real.ElapsedMs();
+    const RealReadings after = RealReadings::Now();
+    EXPECT_GE(tick, realBefore.tickMs - 1);
+    EXPECT_LE(tick, after.tickMs + elapsed + 1);
+    EXPECT_GE(wall, realBefore.wallMs - 1);
+    EXPECT_LE(wall, after.wallMs + elapsed + 1);
+    EXPECT_GE(seconds, realBefore.wallMs / 1e3 - 11644473600.0 - 1);
+    EXPECT_LE(seconds, (after.wallMs + elapsed) / 1e3 - 11644473600.0);
+    const RealTime sleeping;
     Sleep(50);
-    EXPECT_GE(real.ElapsedMs(), 49);
+    EXPECT_GE(sleeping.ElapsedMs(), 49);
     EXPECT_EQ(core->journal.Count("Sleep"), 1U);
 }
 
 TEST_F(SimulatedClock, SleepsLessInFastMode) {
     clock.RunFast(50);
-    const RealTime real;
+    const RealTime sleeping;
     const std::uint64_t begin = GetTickCount64();
     Sleep(10'000);
     const std::uint64_t slept = GetTickCount64() - begin;
-    EXPECT_GE(real.ElapsedMs(), 190);
-    EXPECT_LT(real.ElapsedMs(), 1000);
+    EXPECT_GE(sleeping.ElapsedMs(), 190);
+    EXPECT_LE(realMs, 210U);
     EXPECT_GE(slept, 9'999U);
 }
 
 TEST_F(SimulatedClock, KeepsTheRatioOfAllItsReadingsInFastMode) {
     clock.RunFast(20);
-    const RealTime real;
+    const RealTime outer;  // begins before the first readings, and ends behind the last
     const std::uint64_t tick = GetTickCount64();
     const std::uint64_t wall = FileTimeNow();
     const std::int64_t counter = CounterMs();
+    const RealTime inner;
     {
         const InsideSimulator inside;
         Sleep(100);
     }
-    const double elapsed = real.ElapsedMs() * 20;
-    EXPECT_NEAR(double(GetTickCount64() - tick), elapsed, elapsed * 0.15 + 50);
-    EXPECT_NEAR(double(FileTimeNow() - wall) / 1e4, elapsed, elapsed * 0.15 + 50);
-    EXPECT_NEAR(double(CounterMs() - counter), elapsed, elapsed * 0.15 + 50);
+    const double least = inner.ElapsedMs() * 20 - 2;
+    const double passed[] = {double(GetTickCount64() - tick), double(FileTimeNow() - wall) / 1e4,
+                             double(CounterMs() - counter)};
+    const double most = outer.ElapsedMs() * 20 + 2;
+    for (const double ms : passed) {
+        EXPECT_GE(ms, least);
+        EXPECT_LE(ms, most);
+    }
 }
 
 TEST_F(SimulatedClock, TimesOutSoonerInFastMode) {
     clock.RunFast(50);
     const TestEvent event;
-    const RealTime real;
+    const RealTime waiting;
     EXPECT_EQ(WaitForSingleObject(event.Handle(), 5'000), static_cast<DWORD>(WAIT_TIMEOUT));
-    EXPECT_GE(real.ElapsedMs(), 95);
-    EXPECT_LT(real.ElapsedMs(), 1000);
+    EXPECT_GE(waiting.ElapsedMs(), 95);
+    EXPECT_LE(realMs, 110U);
 }
 
 TEST_F(SimulatedClock, EndsAWaitWhenTheHandleIsSignalled) {
@@ -185,11 +215,11 @@ TEST_F(SimulatedClock, AdvancesAllReadingsTogether) {
 TEST_F(SimulatedClock, WakesASteppedSleepWhenItsTimeHasCome) {
     clock.Step();
     const TestThread thread([] { Sleep(60'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     clock.Advance(59'999ms);
     EXPECT_TRUE(thread.Runs());
     clock.Advance(1ms);
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(clock.Waiting(), 0U);
 }
 
@@ -198,10 +228,10 @@ TEST_F(SimulatedClock, DecidesTheTimeoutOfASteppedWait) {
     const TestEvent event;
     std::atomic<DWORD> result{99};
     const TestThread thread([&] { result = WaitForSingleObject(event.Handle(), 30'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     EXPECT_TRUE(thread.Runs());
     clock.Advance(30s);
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(result, static_cast<DWORD>(WAIT_TIMEOUT));
 }
 
@@ -210,9 +240,9 @@ TEST_F(SimulatedClock, EndsASteppedWaitWhenTheHandleIsSignalled) {
     const TestEvent event;
     std::atomic<DWORD> result{99};
     const TestThread thread([&] { result = WaitForSingleObject(event.Handle(), 30'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     SetEvent(event.Handle());
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(result, static_cast<DWORD>(WAIT_OBJECT_0));
 }
 
@@ -227,13 +257,31 @@ TEST_F(SimulatedClock, PollsWithoutWaitingWhenTheTimeoutIsZero) {
 
 TEST_F(SimulatedClock, AdvancesBySleepsIfTold) {
     clock.Step(Clock::AutoAdvance::Sleeps);
-    const RealTime real;
     const std::uint64_t tick = GetTickCount64();
     for (int i = 0; i < 24; ++i)
         Sleep(3'600'000);
     EXPECT_EQ(SleepEx(1'000, FALSE), 0U);
     EXPECT_EQ(GetTickCount64() - tick, 86'401'000U);
-    EXPECT_LT(real.ElapsedMs(), 2'000);
+    EXPECT_EQ(realMs, 0U);
+}
+
+TEST_F(SimulatedClock, AdvancesForAFollowerWhileItSleepsAlone) {
+    clock.Step();
+    EXPECT_TRUE(clock.AdvanceIfFollowerSleeps(1s)) << "there is none";
+    const std::uint64_t tick = GetTickCount64();
+    std::atomic<bool> follows{false};
+    std::atomic<bool> ends{false};
+    const TestThread thread([&] {
+        clock.SetFollower(GetCurrentThreadId());
+        for (follows = true; !ends;)
+            Sleep(250);
+    });
+    EXPECT_TRUE(Eventually([&] { return follows && clock.AdvanceIfFollowerSleeps(60s); }));
+    EXPECT_EQ(GetTickCount64() - tick, 60'000U);
+    ends = true;
+    ASSERT_TRUE(thread.Join(kPatienceMs));
+    EXPECT_FALSE(clock.AdvanceIfFollowerSleeps(60s));
+    EXPECT_EQ(GetTickCount64() - tick, 60'000U) << "its sleeps have moved nothing";
 }
 
 TEST_F(SimulatedClock, AdvancesByWaitsIfTold) {
@@ -253,9 +301,9 @@ TEST_F(SimulatedClock, ReturnsFromAnAlertableSleepForACallback) {
     called = false;
     std::atomic<DWORD> result{99};
     const TestThread thread([&] { result = SleepEx(60'000, TRUE); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     ASSERT_NE(QueueUserAPC([](ULONG_PTR) { called = true; }, thread.Handle(), 0), 0U);
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(result, static_cast<DWORD>(WAIT_IO_COMPLETION));
     EXPECT_TRUE(called);
 }
@@ -284,11 +332,11 @@ TEST_F(SimulatedClock, SetsTheWallClockBackWithoutTouchingTicks) {
 TEST_F(SimulatedClock, DoesNotWakeSleepersByTheWallClock) {
     clock.Step();
     const TestThread thread([] { Sleep(1'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     clock.SetWallClockUnix(4'000'000'000);
     EXPECT_TRUE(thread.Runs());
     clock.Advance(1s);
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
 TEST_F(SimulatedClock, TellsTheCalendarTime) {
@@ -324,9 +372,9 @@ TEST_F(SimulatedClock, WrapsThe32BitTick) {
 TEST_F(SimulatedClock, NoticesAChangeOfModeWithinASleep) {
     clock.Step();
     const TestThread thread([] { Sleep(60'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     clock.RunFast(10'000);
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
 TEST_F(SimulatedClock, GoesOnFromWhereItWasWhenTheModeChanges) {
@@ -335,26 +383,30 @@ TEST_F(SimulatedClock, GoesOnFromWhereItWasWhenTheModeChanges) {
         const InsideSimulator inside;
         Sleep(20);
     }
+    const RealTime sinceFast;
     const std::uint64_t fast = GetTickCount64();
     clock.Step();
+    const double fastMs = sinceFast.ElapsedMs();
     const std::uint64_t stepped = GetTickCount64();
     EXPECT_GE(stepped, fast);
-    EXPECT_LT(stepped - fast, 2'000U);
+    EXPECT_LE(double(stepped - fast), fastMs * 1'000 + 1);
+    const RealTime sinceOrdinary;
     clock.RunFast(1);
-    EXPECT_LT(GetTickCount64() - stepped, 100U);
+    const std::uint64_t ordinary = GetTickCount64();
+    EXPECT_LE(double(ordinary - stepped), sinceOrdinary.ElapsedMs() + 1);
 }
 
 TEST_F(SimulatedClock, DoesNotCountAKilledThreadAsWaiting) {
     clock.Step();
     const TestThread thread([] { Sleep(60'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     ASSERT_TRUE(TerminateThread(thread.Handle(), 0));
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(clock.Waiting(), 0U);
     const TestThread next([] { Sleep(1'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     clock.Advance(1s);
-    EXPECT_TRUE(next.Join(5'000)) << "no lock was left taken";
+    EXPECT_TRUE(next.Join(kPatienceMs)) << "no lock was left taken";
 }
 
 TEST_F(SimulatedClock, SaysWhenNobodyComesToWait) {
@@ -378,9 +430,9 @@ TEST_F(SimulatedClock, EndsTheWaitOfAWxSemaphore) {
     wxSemaphore semaphore;
     std::atomic<int> result{-1};
     const TestThread thread([&] { result = semaphore.WaitTimeout(30'000); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     clock.Advance(30s);
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(result, wxSEMA_TIMEOUT);
 }
 
@@ -391,9 +443,9 @@ TEST(Clock, EndsAllWaitsWithTheSimulation) {
     set->Attach(ThisProgram(), set->Names());
     core->clock.Step();
     const TestThread thread([] { Sleep(60'000); });
-    ASSERT_TRUE(core->clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(core->clock.AwaitWaiting(1, kPatienceMs));
     set.reset();
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
 TEST(Clock, LiesUnderTheCRuntimeForModulesThatAreNotAttached) {

@@ -133,10 +133,10 @@ TEST_F(SimulatedObjects, StayUsableWhenAThreadIsKilledWithinOne) {
         shared = engine.Get();
         (void)Find(engine, L"filter");
     });
-    ASSERT_TRUE(plan->WaitUntilHit(5'000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     ASSERT_TRUE(thread.Runs());
     ASSERT_TRUE(TerminateThread(thread.Handle(), 0));
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(Givers(), Calls{"CoCreateInstance"}) << "what the thread held";
     EXPECT_EQ(Count(Kind::kComInitialisation), 2U) << "this thread's and the killed one's";
 
@@ -165,9 +165,9 @@ TEST_F(SimulatedObjects, AreDisconnectedWhenTheSimulationEnds) {
     const auto plan = faults().HangEvery("INetCfg::Uninitialize");
     HRESULT hung = S_OK;
     const TestThread thread([&] { hung = engine->Uninitialize(); });
-    ASSERT_TRUE(plan->WaitUntilHit(5'000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     simulation.reset();
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(hung, RPC_E_DISCONNECTED);
     INetCfgComponent *component = nullptr;
     EXPECT_EQ(engine->FindComponent(L"filter", &component), RPC_E_DISCONNECTED);

@@ -125,7 +125,7 @@ TEST_F(SimulatedDeviceChanges, LeaveTheDevicesUsableWhenTheThreadOfAHangingOneIs
     EXPECT_EQ(Set(Parameters(DICS_DISABLE, DICS_FLAG_GLOBAL)), kSuccess);
     {
         const TestThread thread([this] { (void)Call(); });
-        ASSERT_TRUE(hang->WaitUntilHit(5'000));
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
         ASSERT_TRUE(TerminateThread(thread.Handle(), 1));
     }
     EXPECT_TRUE(devices.IsEnabled(kCard));

@@ -38,6 +38,42 @@ TEST(Faults, CountsFromTheMakingOfThePlan) {
     EXPECT_EQ(faults.Calls("f"), 2U);
 }
 
+TEST(Faults, CountsTheCallsOfOneThreadByTheOrderInWhichThreadsCome) {
+    Faults faults;
+    const auto call = [&faults](const char *function) {
+        bool fails = false;
+        {
+            const SimulatorTest::TestThread thread([&] { fails = faults.Ask(function, true).fails; });
+        }
+        return fails;
+    };
+    EXPECT_FALSE(call("f")) << "before the making of the plans";
+    const auto mine = faults.FailNth("f", 2, 5, 0);
+    const auto others = faults.FailNth("f", 1, 5, 2);
+    EXPECT_FALSE(faults.Ask("f", true).fails);
+    EXPECT_FALSE(call("g")) << "thread 1 has come with another function";
+    EXPECT_TRUE(call("f"));
+    EXPECT_TRUE(others->Hit());
+    EXPECT_FALSE(mine->Hit()) << "its second call has yet to come";
+    EXPECT_TRUE(faults.Ask("f", true).fails);
+    EXPECT_TRUE(mine->Hit());
+}
+
+TEST(Faults, TellsWhichThreadHangs) {
+    Faults faults;
+    const auto plan = faults.HangEvery("f");
+    DWORD id = 0;
+    const SimulatorTest::TestThread thread([&] {
+        id = GetCurrentThreadId();
+        faults.Ask("f", true).hangs.at(0)->Hang();
+    });
+    ASSERT_TRUE(plan->WaitUntilHit(SimulatorTest::kPatienceMs));
+    EXPECT_TRUE(faults.Hangs(id));
+    EXPECT_FALSE(faults.Hangs(GetCurrentThreadId()));
+    plan->Release();
+    EXPECT_FALSE(faults.Hangs(id));
+}
+
 TEST(Faults, FailsTheNthOfAllThatCanFail) {
     Faults faults;
     const auto plan = faults.FailNthOfAny(2, 5);
@@ -87,12 +123,12 @@ TEST(Faults, HangsUntilThePlanIsReleased) {
     EXPECT_FALSE(verdict.fails);
     EXPECT_FALSE(plan->Hit()) << "it does not hang yet";
     const SimulatorTest::TestThread thread([&verdict] { verdict.hangs[0]->Hang(); });
-    EXPECT_TRUE(plan->WaitUntilHit(5'000));
+    EXPECT_TRUE(plan->WaitUntilHit(SimulatorTest::kPatienceMs));
     EXPECT_TRUE(plan->Hit());
     EXPECT_EQ(plan->HitFunction(), "f");
     EXPECT_TRUE(thread.Runs());
     faults.ReleaseHung();
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
     EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
 }
 
@@ -103,7 +139,7 @@ TEST(Faults, WakeThoseWhoWaitForAHitWhenThePlanIsReleased) {
     const SimulatorTest::TestThread thread([&] { hit = plan->WaitUntilHit(INFINITE); });
     EXPECT_TRUE(thread.Runs());
     plan->Release();
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
     EXPECT_FALSE(hit);
 }
 
@@ -121,7 +157,7 @@ TEST(Faults, ForgetsPlansButNotCountsWhenCleared) {
     (void)faults.FailEvery("f", 5);
     faults.Clear();
     const SimulatorTest::TestThread thread([&verdict] { verdict.hangs.at(0)->Hang(); });
-    EXPECT_TRUE(thread.Join(5'000));
+    EXPECT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
     EXPECT_FALSE(faults.Ask("f", true).fails);
     EXPECT_EQ(faults.Calls("f"), 2U);
     EXPECT_EQ(faults.Calls("g"), 0U);

@@ -304,11 +304,11 @@ TEST_F(SimulatedFunctions, HangUntilReleased) {
     const auto plan = core->faults.HangNth("GetVersion", 1);
     DWORD answer = 0;
     const TestThread thread([&answer] { answer = Chosen::GetVersion::Replacement(); });
-    ASSERT_TRUE(plan->WaitUntilHit(5000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     EXPECT_TRUE(thread.Runs());
     EXPECT_EQ(Chosen::GetVersion::Replacement(), Chosen::GetVersion::Real()) << "the second call does not hang";
     core->faults.ReleaseHung();
-    ASSERT_TRUE(thread.Join(5000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(answer, Chosen::GetVersion::Real());
 }
 
@@ -316,10 +316,10 @@ TEST_F(SimulatedFunctions, HangUntilTheThreadIsKilled) {
     set->PassThrough<Chosen::GetVersion>();
     const auto plan = core->faults.HangEvery("GetVersion");
     const TestThread thread([] { (void)Chosen::GetVersion::Replacement(); });
-    ASSERT_TRUE(plan->WaitUntilHit(5000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     ASSERT_TRUE(thread.Runs());
     ASSERT_TRUE(TerminateThread(thread.Handle(), 17));
-    ASSERT_TRUE(thread.Join(5000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     DWORD code = 0;
     EXPECT_TRUE(GetExitCodeThread(thread.Handle(), &code));
     EXPECT_EQ(code, 17U);
@@ -337,9 +337,9 @@ TEST_F(SimulatedFunctions, LetGoWhatHangsWhenTheSetEnds) {
     const auto plan = core->faults.HangEvery("GetVersion");
     DWORD answer = 0;
     const TestThread thread([&answer] { answer = Chosen::GetVersion::Replacement(); });
-    ASSERT_TRUE(plan->WaitUntilHit(5000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     set.reset();
-    ASSERT_TRUE(thread.Join(5000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(answer, Chosen::GetVersion::Real());
     EXPECT_EQ(modelled, 0) << "the models have gone with the set";
 }
@@ -349,11 +349,11 @@ TEST_F(SimulatedFunctions, AnswerLateByTheSimulatedClock) {
     (void)core->faults.DelayEvery("GetVersion", 60'000);
     core->clock.Step();
     const TestThread thread([] { (void)Chosen::GetVersion::Replacement(); });
-    ASSERT_TRUE(core->clock.AwaitWaiting(1, 5000));
+    ASSERT_TRUE(core->clock.AwaitWaiting(1, kPatienceMs));
     core->clock.Advance(std::chrono::seconds(59));
     EXPECT_TRUE(thread.Runs());
     core->clock.Advance(std::chrono::seconds(1));
-    EXPECT_TRUE(thread.Join(5000));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
 TEST_F(SimulatedFunctions, MayFailOneByOneUntilARunMeetsNoFault) {

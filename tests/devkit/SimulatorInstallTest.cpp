@@ -102,7 +102,7 @@ TEST_F(SimulatedInstallation, FailsAndHangsAsPlanned) {
     const auto setup = SetupOf(engine);
     {
         const TestThread thread([&] { (void)setup->Install(L"filter", nullptr, 2, 0, nullptr, nullptr, nullptr); });
-        ASSERT_TRUE(hang->WaitUntilHit(5'000));
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
         ASSERT_TRUE(TerminateThread(thread.Handle(), 1));
     }
     EXPECT_FALSE(network.Has(L"filter"));

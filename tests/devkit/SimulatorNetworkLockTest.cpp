@@ -90,9 +90,9 @@ TEST_F(SimulatedWriteLock, StaysWhenItsThreadIsKilled) {
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
         (void)CreateLocked()->Apply();
     });
-    ASSERT_TRUE(plan->WaitUntilHit(5'000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     ASSERT_TRUE(TerminateThread(thread.Handle(), 0));
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     const ComPtr<INetCfg> engine = Create();
     EXPECT_EQ(Acquire(engine, L"test"), (Answer{S_FALSE, L"test"}));
     EXPECT_EQ(engine->Initialize(nullptr), S_OK);
@@ -127,10 +127,10 @@ TEST_F(SimulatedWriteLock, IsTakenWhenItIsFreedDuringTheWait) {
     const ComPtr<INetCfgLock> lock = LockOf(engine);
     Answer answer{};
     const TestThread thread([&] { answer = Acquire(lock.Get(), L"one"); });
-    ASSERT_TRUE(clock.AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(clock.AwaitWaiting(1, kPatienceMs));
     network.Use([](NetworkState &state) { state.lock.reset(); });
     clock.Advance(std::chrono::seconds(15));
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_EQ(answer, taken);
 }
 

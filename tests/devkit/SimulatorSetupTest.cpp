@@ -123,7 +123,7 @@ TEST_F(SimulatedSetup, StaysUsableWhenTheThreadOfAHangingSectionIsKilled) {
     const FaultPlanHandle hang = simulation.GetFaults().HangNth("InstallHinfSectionW", 1);
     {
         const TestThread thread([] { Install(L"DefaultInstall 128 a.inf"); });
-        ASSERT_TRUE(hang->WaitUntilHit(5'000));
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
         ASSERT_TRUE(TerminateThread(thread.Handle(), 1));
     }
     EXPECT_TRUE(setup.Commands().empty());

@@ -134,11 +134,11 @@ TEST(Simulation, LetsHungAndSleepingThreadsGoAtItsEnd) {
     DWORD attributes = INVALID_FILE_ATTRIBUTES;
     const TestThread hung([&attributes] { attributes = GetFileAttributesW(L"C:\\"); });
     const TestThread sleeping([] { Sleep(3'600'000); });
-    ASSERT_TRUE(plan->WaitUntilHit(5'000));
-    ASSERT_TRUE(simulation->GetClock().AwaitWaiting(1, 5'000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
+    ASSERT_TRUE(simulation->GetClock().AwaitWaiting(1, kPatienceMs));
     simulation.reset();
-    EXPECT_TRUE(hung.Join(5'000));
-    EXPECT_TRUE(sleeping.Join(5'000));
+    EXPECT_TRUE(hung.Join(kPatienceMs));
+    EXPECT_TRUE(sleeping.Join(kPatienceMs));
     EXPECT_NE(attributes, INVALID_FILE_ATTRIBUTES);
 }
 
@@ -147,9 +147,9 @@ TEST(Simulation, LivesOnWhenAHungThreadIsKilled) {
     simulation.Attach(ThisProgram());
     const auto plan = simulation.GetFaults().HangNth("Sleep", 1);
     const TestThread thread([] { Sleep(1); });
-    ASSERT_TRUE(plan->WaitUntilHit(5'000));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     ASSERT_TRUE(TerminateThread(thread.Handle(), 0));
-    ASSERT_TRUE(thread.Join(5'000));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     Sleep(1);
     EXPECT_EQ(simulation.GetJournal().Count("Sleep"), 2U);
     EXPECT_EQ(OpenMicrosoft(), ERROR_FILE_NOT_FOUND);

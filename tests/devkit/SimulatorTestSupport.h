@@ -1,6 +1,7 @@
 // Shared by the tests of the simulator.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -12,6 +13,30 @@
 #include "ImportTable.h"
 
 namespace SimulatorTest {
+
+/// Whoever waits longer, in real milliseconds, fails the test. It is long enough for a machine that is busy otherwise.
+inline constexpr DWORD kPatienceMs = 60'000;
+
+/// Asks again every millisecond. @return whether the condition came to hold.
+inline bool Eventually(const std::function<bool()> &condition) {
+    const Simulator::InsideSimulator inside;
+    for (const ULONGLONG begin = GetTickCount64(); !condition(); Sleep(1)) {
+        if (GetTickCount64() - begin > kPatienceMs)
+            return false;
+    }
+    return true;
+}
+
+/// The processor's time that the calling thread has taken, in milliseconds: what else runs does not count.
+inline double ProcessorMs() {
+    const Simulator::InsideSimulator inside;
+    FILETIME begin{}, end{}, kernel{}, user{};
+    GetThreadTimes(GetCurrentThread(), &begin, &end, &kernel, &user);
+    const auto intervals = [](const FILETIME &time) {
+        return double(std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime);
+    };
+    return (intervals(kernel) + intervals(user)) / 1e4;
+}
 
 inline HMODULE ThisProgram() {
     return GetModuleHandleW(nullptr);
