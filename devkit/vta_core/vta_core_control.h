@@ -64,6 +64,9 @@ VTA_CORE_API void SetShouldExit(CDom &dom, bool exit);
 /// first: the folder "plugins" beside the program.
 VTA_CORE_API void SetPluginFolder(CDom &dom, const wxString &folder);
 
+/// Whether log grabbers add to their texts only when they are destroyed, and not with each line, as at first.
+VTA_CORE_API void SetGrabbersHoldBack(bool holdBack);
+
 /// Number of objects of the library's classes that are alive: CDom, CRunnable, CLogGrabber, CZipOutputStream.
 VTA_CORE_API int LiveObjects();
 

@@ -248,15 +248,26 @@ TEST_F(DriverThread, IsWaitedForAsLongAsTheTopStepMayStillTake) {
     EXPECT_EQ(WatchMs(thread), 13'500U);
 }
 
-TEST_F(DriverThread, IsLookedAtAgainAfterASecond) {
+TEST_F(DriverThread, IsPolledEachSecondInOneWait) {
     Probe thread(dom);
     thread.StartStep(6, 15);
+    AdvanceMs(11'900);
     simulation().GetClock().Step(Simulator::Clock::AutoAdvance::SleepsAndWaits);
-    EXPECT_TRUE(thread.WaitForStepToFinish());
-    EXPECT_EQ(Timeouts(), Texts{"1000"});
-    AdvanceMs(13'900);
     EXPECT_FALSE(thread.WaitForStepToFinish());
-    EXPECT_EQ(Timeouts(), Texts{"100"});
+    EXPECT_EQ(Timeouts(), (Texts{"1000", "1000", "1000", "100"}));
+}
+
+TEST_F(DriverThread, EndsAWaitWhenAPollFindsAnotherStepOnTop) {
+    Probe thread(dom);
+    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    for (int poll = 0; poll < 3; ++poll) {
+        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+        AdvanceMs(1'000);
+        EXPECT_EQ(watcher.wait_for(milliseconds(50)), std::future_status::timeout) << "the same step is on top";
+    }
+    thread.StartStep(6, 15);
+    AdvanceMs(1'000);
+    EXPECT_TRUE(watcher.get());
 }
 
 TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBeneathRanOut) {

@@ -18,7 +18,6 @@ namespace System {
 SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(_wremove, Simulator::kCRuntime, CannotFail);
 SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
-SIMULATOR_FUNCTION(SymCleanup, "dbghelp.dll", ReturnsZero);
 
 }  // namespace System
 
@@ -66,7 +65,6 @@ HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &r
     functions.PassThrough<System::SetEvent>();
     functions.PassThrough<System::_wremove>();
     functions.PassThrough<System::SymInitializeW>();
-    functions.PassThrough<System::SymCleanup>();
     functions.Put<Simulator::System::Sleep>(
         [&faults = simulation.GetFaults()](const auto &next, DWORD ms) {
             for (const auto &hang : faults.Ask("Sleep(" + std::to_string(ms) + ")", false).hangs)
@@ -77,20 +75,12 @@ HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &r
 }
 
 HungCall::~HungCall() {
-    const InsideSimulator inside;
-    if (m_hasModules)
-        SymCleanup(GetCurrentProcess());
     wxLog::SetVerbose(false);
 }
 
-void HungCall::KeepModulesForStacks() {
+void HungCall::LoadNoModulesForStacks() {
     m_simulation.Functions().Put<System::SymInitializeW>(
-        [this](const auto &next, HANDLE process, PCWSTR path, BOOL invade) -> BOOL {
-            if (!m_hasModules)
-                m_hasModules = next(process, path, invade) != FALSE;
-            return m_hasModules;
-        });
-    m_simulation.Functions().Put<System::SymCleanup>([](const auto &, HANDLE) { return TRUE; });
+        [](const auto &next, HANDLE process, PCWSTR path, BOOL) -> BOOL { return next(process, path, FALSE); });
 }
 
 bool HungCall::AwaitReturn() const {

@@ -61,10 +61,9 @@ public:
     HungCall(const HungCall &) = delete;
     HungCall &operator=(const HungCall &) = delete;
 
-    /// Lets the library for stacks look at the modules once only. It takes a second each time. Without effect if a test
-    /// of the same program has called the product before without a HungCall: that library's functions are found once in
-    /// a process.
-    void KeepModulesForStacks();
+    /// Keeps the library for stacks from loading the symbols of all modules, which takes a second each time. Frames
+    /// have no names then.
+    void LoadNoModulesForStacks();
     /// As WatcherSight has it.
     [[nodiscard]] bool AdvanceTo(std::uint64_t tick, std::uint64_t leapMs = UINT64_MAX) {
         return m_sight.AdvanceTo(tick, leapMs, m_returned);
@@ -82,5 +81,4 @@ private:
     Simulator::Simulation &m_simulation;
     const std::atomic<bool> &m_returned;
     WatcherSight m_sight;
-    bool m_hasModules = false;
 };

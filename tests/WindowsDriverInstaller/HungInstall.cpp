@@ -16,7 +16,7 @@ namespace {
 
 /// Real milliseconds in which a thread that is to live on would end if it were killed.
 constexpr DWORD kLivesOnMs = 100;
-/// The caller warns of a minute without a heartbeat, so the clock never goes so far at a time while the watchdog works.
+/// So that the watchdog polls before a minute without a heartbeat, which the caller warns of.
 constexpr std::uint64_t kLeapMs = 50'000;
 constexpr std::uint64_t kCallersPatienceMs = 3'600'000;
 
@@ -106,7 +106,8 @@ void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
         outcome.met = call->WaitUntilHit(kPatienceMs);
         worker = SeenThread(ThreadsOf(simulation().GetJournal().Entries(), m_caller).worker);
         sleep->Release();
-        const bool waited = outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs) && hung.AwaitWait();
+        const bool waited =
+            outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs) && AwaitLooksOfCaller() && hung.AwaitWait();
         outcome.inFlight = NewThings(m_before);
         std::erase_if(outcome.inFlight, IsThread);
         outcome.waitedToTheEnd = waited && hung.AdvanceTo(deadline);

@@ -157,8 +157,7 @@ void InstallMachine::AdvanceMs(std::int64_t milliseconds) {
     EXPECT_TRUE(Await(kPatienceMs, [&] { return clock().AdvanceIfFollowerSleeps(by); }));
 }
 
-void InstallMachine::PassTime(std::int64_t milliseconds) {
-    constexpr std::uint64_t leapMs = 50'000;  // no stall of a minute, that the caller would warn of
+void InstallMachine::PassTime(std::int64_t milliseconds, std::uint64_t leapMs) {
     (void)m_sight.AdvanceTo(clock().TickMs() + static_cast<std::uint64_t>(milliseconds), leapMs, returned);
 }
 

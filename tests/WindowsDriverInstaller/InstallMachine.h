@@ -69,8 +69,8 @@ protected:
     [[nodiscard]] bool AwaitWait() { return m_sight.AwaitWait(returned); }
     /// Between two looks of the caller.
     void AdvanceMs(std::int64_t milliseconds);
-    /// The same in leaps, with a look of the watchdog at the worker behind each.
-    void PassTime(std::int64_t milliseconds);
+    /// The same in leaps, with a poll of the worker by the watchdog behind each.
+    void PassTime(std::int64_t milliseconds, std::uint64_t leapMs = 50'000);
 
     /// The call hangs until the time is up: so long behind the moment of the hang.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);

@@ -8,7 +8,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-/// Hangs nothing, but see HungCall::KeepModulesForStacks.
+/// Hangs nothing, but see HungCall::LoadNoModulesForStacks.
 class InstallOnRoad : public HungInstall {
 protected:
     /// Twice: the second time the machine has to be put right first.

@@ -215,6 +215,29 @@ TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGo
 
 // --- the watchdog's look at the worker ---
 
+TEST_F(InstallWatch, WarnsOnceOfAWorkerThatHangsInOneStepForAMinute) {
+    const FaultPlan plan = faults().HangNth("INetCfgClassSetup::Install", 1);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        for (int second = 0; second < 130; ++second) {
+            PassTime(1'000, 1'000);
+            EXPECT_TRUE(AwaitLooks(1));
+        }
+        plan->Release();
+    });
+    EXPECT_EQ(Warnings(outcome), Lines{Warning(61)}) << "the clock moves by whole seconds";
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
+TEST_F(InstallWatch, WarnsOfNothingWhileStepsEnd) {
+    faults().DelayNth("SetupCopyOEMInfW", 1, 40'000);
+    faults().DelayNth("INetCfgClassSetup::Install", 1, 40'000);
+    faults().DelayNth("INetCfg::Apply", 1, 40'000);
+    const InstallOutcome outcome = Install();
+    EXPECT_EQ(Warnings(outcome), Lines{});
+    EXPECT_TRUE(Succeeded(outcome));
+}
+
 TEST_F(InstallWatch, KillsAWorkerWhoseStepOverrunsAndNamesTheStep) {
     wxLog::SetVerbose(true);
     const InstallOutcome outcome = InstallHungIn("INetCfgClassSetup::Install", 1, 600'000);

@@ -45,7 +45,7 @@ protected:
     /// @param prepare  makes it from one on which both drivers are installed and nothing else is.
     template <class Prepare>
     std::vector<Place> HangEachCall(Prepare prepare) {
-        hung.KeepModulesForStacks();
+        hung.LoadNoModulesForStacks();
         PutRight();
         prepare();
         // What the first walk over a stack loads stays for good.

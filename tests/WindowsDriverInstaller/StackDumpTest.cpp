@@ -2,12 +2,17 @@
 #include "WindowsDriverInstaller/StackDump.h"
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <windows.h>
+// behind windows.h, which it needs
+#include <dbghelp.h>
 #include <wx/log.h>
 #include <wx/tokenzr.h>
 
@@ -20,6 +25,11 @@ namespace {
 SIMULATOR_FUNCTION(GetThreadContext, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
 SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
+SIMULATOR_FUNCTION(StackWalk64, "dbghelp.dll", ReturnsZero);
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 /// Sleeps, so many calls deep, until it is let go.
 class SleepingThread : public wxThread {
@@ -50,6 +60,93 @@ private:
     unsigned m_depth;
 };
 
+/// Takes a lock again and again, and holds it nearly all the time, until it is let go.
+class HoldingThread : public wxThread {
+public:
+    HoldingThread(std::function<void()> take, std::function<void()> give)
+        : wxThread(wxTHREAD_JOINABLE), m_take(std::move(take)), m_give(std::move(give)) {
+        (void)Create();
+    }
+
+    Simulator::Event reached;
+    Simulator::Event letGo;
+
+protected:
+    ExitCode Entry() override {
+        while (!letGo.IsSet()) {
+            m_take();
+            reached.Set();
+            const steady_clock::time_point end = steady_clock::now() + milliseconds(5);
+            while (steady_clock::now() < end) {
+            }
+            m_give();
+            Sleep(1);
+        }
+        return nullptr;
+    }
+
+private:
+    std::function<void()> m_take, m_give;
+};
+
+/// Captures the stack again and again while the thread holds the lock, and resumes it if that does not come to an end.
+void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give) {
+    PrepareStackDump();
+    HoldingThread thread(std::move(take), std::move(give));
+    ASSERT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
+    EXPECT_TRUE(thread.reached.Wait(10'000));
+    for (int time = 0; time < 3; ++time) {
+        auto capture = std::async(std::launch::async, [&] { return CaptureThreadStack(&thread).utf8_string(); });
+        while (capture.wait_for(milliseconds(60'000)) == std::future_status::timeout) {
+            ADD_FAILURE() << "the walk waits for the thread that it has paused";
+            (void)::ResumeThread(thread.MSWGetHandle());
+        }
+        EXPECT_EQ(capture.get().rfind("[00] ", 0), 0U);
+        EXPECT_TRUE(thread.IsRunning());
+    }
+    thread.letGo.Set();
+    (void)thread.Wait();
+}
+
+TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheHeap) {
+    ExpectCapturesToEnd([] { (void)HeapLock(GetProcessHeap()); }, [] { (void)HeapUnlock(GetProcessHeap()); });
+}
+
+TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheLoader) {
+    using Lock = LONG(NTAPI *)(ULONG flags, ULONG *state, ULONG_PTR *cookie);
+    using Unlock = LONG(NTAPI *)(ULONG flags, ULONG_PTR cookie);
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    const auto lock = reinterpret_cast<Lock>(reinterpret_cast<void *>(GetProcAddress(ntdll, "LdrLockLoaderLock")));
+    const auto unlock =
+        reinterpret_cast<Unlock>(reinterpret_cast<void *>(GetProcAddress(ntdll, "LdrUnlockLoaderLock")));
+    ASSERT_TRUE(lock != nullptr && unlock != nullptr);
+    ULONG_PTR cookie = 0;
+    ExpectCapturesToEnd([&] { EXPECT_EQ(lock(0, nullptr, &cookie), 0); }, [&] { EXPECT_EQ(unlock(0, cookie), 0); });
+}
+
+/// Holds a lock until somebody resumes it.
+class HoldingUntilResumed : public wxThread {
+public:
+    HoldingUntilResumed() : wxThread(wxTHREAD_JOINABLE) { (void)Create(); }
+
+    wxCriticalSection lock;
+    Simulator::Event reached;
+    Simulator::Event resumed;
+    Simulator::Event letGo;
+
+protected:
+    ExitCode Entry() override {
+        const Simulator::InsideSimulator inside;
+        {
+            const wxCriticalSectionLocker locker(lock);
+            reached.Set();
+            resumed.Wait(INFINITE);
+        }
+        letGo.Wait(INFINITE);
+        return nullptr;
+    }
+};
+
 /// The thread stands in its sleep, and must go on to its end.
 class StackDumpOf : public testing::Test {
 protected:
@@ -57,6 +154,8 @@ protected:
         functions().PassThrough<GetThreadContext>();
         functions().PassThrough<SuspendThread>();
         functions().PassThrough<ResumeThread>();
+        functions().PassThrough<SymInitializeW>();
+        functions().PassThrough<StackWalk64>();
         for (const wchar_t *name : {static_cast<const wchar_t *>(nullptr), L"wxbase32u_gcc_custom.dll"})
             EXPECT_NE(m_simulation.Attach(GetModuleHandleW(name)), 0U);
     }
@@ -75,6 +174,35 @@ protected:
         thread.letGo.Set();
         (void)thread.Wait();
         return text;
+    }
+    /// The dump of a thread that holds a lock, which the function takes, until it is resumed. Once in a fixture.
+    template <class F>
+    std::string CaptureBesideLockOf() {
+        HoldingUntilResumed thread;
+        EXPECT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
+        EXPECT_TRUE(thread.reached.Wait(10'000));
+        functions().Put<F>([&thread](const auto &next, auto... arguments) {
+            const wxCriticalSectionLocker locker(thread.lock);
+            return next(arguments...);
+        });
+        functions().Put<ResumeThread>([&thread](const auto &next, HANDLE handle) {
+            const DWORD count = next(handle);
+            if (count != static_cast<DWORD>(-1))
+                thread.resumed.Set();
+            return count;
+        });
+        (void)journal().Take();
+        auto capture = std::async(std::launch::async, [&] { return CaptureThreadStack(&thread).utf8_string(); });
+        while (capture.wait_for(milliseconds(60'000)) == std::future_status::timeout) {
+            ADD_FAILURE() << "the walk waits for the thread that it has paused";
+            thread.resumed.Set();
+            (void)ResumeThread::Real(thread.MSWGetHandle());
+        }
+        m_names = journal().Names();
+        EXPECT_TRUE(thread.IsRunning());
+        thread.letGo.Set();
+        (void)thread.Wait();
+        return capture.get();
     }
     [[nodiscard]] std::size_t Calls(const std::string &function) const {
         return static_cast<std::size_t>(std::count(m_names.begin(), m_names.end(), function));
@@ -127,6 +255,101 @@ TEST_F(StackDumpOf, AThreadThatCantBePausedIsEmptyAndIsNotResumed) {
     EXPECT_TRUE(plan->Hit());
     EXPECT_EQ(Calls("OpenThread"), 0U);
     EXPECT_EQ(Calls("ResumeThread"), 0U);
+}
+
+TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheWalkIsResumedAfterSomeSeconds) {
+    const steady_clock::time_point begin = steady_clock::now();
+    EXPECT_EQ(CaptureBesideLockOf<StackWalk64>().rfind("[00] ", 0), 0U);
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(4'900));
+    EXPECT_EQ(Calls("ResumeThread"), 2U) << "late, and behind the walk";
+}
+
+TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheWalkIsResumedAgainIfThatFails) {
+    const auto plan = faults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);  // the first one starts the thread
+    EXPECT_EQ(CaptureBesideLockOf<StackWalk64>().rfind("[00] ", 0), 0U);
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_EQ(Calls("ResumeThread"), 3U);
+}
+
+TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheSymbolsDoesNotDelayTheWalk) {
+    EXPECT_EQ(CaptureBesideLockOf<SymInitializeW>().rfind("[00] ", 0), 0U);
+    EXPECT_EQ(Calls("ResumeThread"), 1U);
+}
+
+TEST_F(StackDumpOf, AThreadThatCantBeResumedIsResumedAgain) {
+    const wxLogNull quiet;
+    const auto plan = faults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);  // the first one starts the thread
+    EXPECT_EQ(Capture(3).rfind("[00] ", 0), 0U);
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_EQ(Calls("ResumeThread"), 2U);
+}
+
+TEST_F(StackDumpOf, AThreadIsNotPausedWithoutWhatResumesItLate) {
+    for (const char *function : {"DuplicateHandle", "CreateEventW", "CreateThread"}) {
+        const auto plan = faults().FailNth(function, 1, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(Capture(0), "") << function;
+        EXPECT_TRUE(plan->Hit()) << function;
+        EXPECT_EQ(Calls("SuspendThread"), 0U) << function;
+        faults().Clear();
+    }
+}
+
+/// A frame with a name, such as "NtDelayExecution+20".
+bool HasNames(const std::string &text) {
+    return text.find('+') != text.npos;
+}
+
+TEST_F(StackDumpOf, AProcessWhoseSymbolsAnotherComponentHasOpenedHasNames) {
+    functions().Put<SymInitializeW>([](const auto &next, HANDLE process, PCWSTR path, BOOL invade) -> BOOL {
+        if (process != GetCurrentProcess())
+            return next(process, path, invade);
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    });
+    const std::string text = Capture(10);
+    ExpectNumberedFrames(text);
+    EXPECT_GT(FrameCount(text), 10U) << text;
+    EXPECT_TRUE(HasNames(text)) << text;
+}
+
+TEST_F(StackDumpOf, AProcessLeavesTheSymbolsOfAnotherComponentOpen) {
+    ASSERT_TRUE(::SymInitializeW(GetCurrentProcess(), L"C:\\another", FALSE));
+    const DWORD options = SymGetOptions();
+    (void)Capture(0);
+    wchar_t path[MAX_PATH] = L"";
+    EXPECT_TRUE(SymGetSearchPathW(GetCurrentProcess(), path, MAX_PATH));
+    EXPECT_STREQ(path, L"C:\\another");
+    EXPECT_EQ(SymGetOptions(), options);
+    EXPECT_TRUE(SymCleanup(GetCurrentProcess()));
+}
+
+TEST_F(StackDumpOf, AProcessWithoutSymbolsHasAddresses) {
+    faults().FailEvery("SymInitializeW", ERROR_INVALID_PARAMETER);
+    const std::string text = Capture(10);
+    ExpectNumberedFrames(text);
+    EXPECT_GT(FrameCount(text), 10U) << text;
+    EXPECT_FALSE(HasNames(text)) << text;
+}
+
+TEST_F(StackDumpOf, AThreadLooksForSymbolsOnThisMachineAlone) {
+    for (const wchar_t *variable : {L"_NT_SYMBOL_PATH", L"_NT_ALT_SYMBOL_PATH"})
+        SetEnvironmentVariableW(variable, L"srv*https://symbols.example/download");
+    wchar_t searched[1'024] = L"";
+    DWORD options = 0;
+    functions().Put<SymInitializeW>([&](const auto &next, HANDLE process, PCWSTR path, BOOL invade) {
+        const BOOL opened = next(process, path, invade);
+        EXPECT_TRUE(SymGetSearchPathW(process, searched, 1'024));
+        options = SymGetOptions();
+        return opened;
+    });
+    EXPECT_NE(Capture(0), "");
+    wchar_t program[MAX_PATH] = L"";
+    (void)GetModuleFileNameW(nullptr, program, MAX_PATH);
+    EXPECT_EQ(std::wstring(searched), std::wstring(program, std::wstring(program).rfind(L'\\')));
+    constexpr DWORD local = SYMOPT_IGNORE_NT_SYMPATH | SYMOPT_IGNORE_CVREC | SYMOPT_DISABLE_SYMSRV_AUTODETECT;
+    EXPECT_EQ(options & local, local);
+    for (const wchar_t *variable : {L"_NT_SYMBOL_PATH", L"_NT_ALT_SYMBOL_PATH"})
+        SetEnvironmentVariableW(variable, nullptr);
 }
 
 TEST_F(StackDumpOf, AThreadThatCantBeOpenedOrReadIsEmptyAndGoesOn) {

@@ -11,16 +11,51 @@
 
 #include "DriverUninstallerThread.h"
 #include "DriverVersions.h"
+#include "EnterWithin.h"
 #include "TcpAdapter.h"
 #include "fc/fc.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
+/// Collects a worker's log. The text may be read while the worker goes on logging.
+class GuardedGrabber : public VtaCore::CLogGrabber {
+public:
+    GuardedGrabber(wxString &text, wxCriticalSection &toLock) : CLogGrabber(text, false, true), lock(toLock) {}
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) override {
+        const wxCriticalSectionLocker locker(lock);
+        CLogGrabber::DoLogRecord(level, message, info);
+    }
+
+private:
+    wxCriticalSection &lock;
+};
+
 /// What a driver thread logs, as text. A thread that is left running takes it along.
-struct GrabbedLog {
+class GrabbedLog {
+public:
+    [[nodiscard]] wxLog *Target() const { return grabber.get(); }
+    /// Of a thread that may still log. Empty if it hangs in a line.
+    [[nodiscard]] wxString TextSoFar() {
+        constexpr int patienceMs = 10'000;
+        if (!EnterWithin(lock, patienceMs))
+            return {};
+        wxString copy = text.Clone();
+        lock.Leave();
+        return copy;
+    }
+    /// Of a thread that has ended. Ends the grabber, which may have held some of the text back until then.
+    [[nodiscard]] wxString WholeText() {
+        grabber.reset();
+        return text;
+    }
+
+private:
+    wxCriticalSection lock;
     wxString text;
-    VtaCore::CLogGrabber grabber{text, false, true};
+    std::unique_ptr<GuardedGrabber> grabber = std::make_unique<GuardedGrabber>(text, lock);
 };
 
 /// A chain of adapters as IP Helper tells them.

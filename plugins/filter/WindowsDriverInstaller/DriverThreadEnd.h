@@ -1,56 +1,97 @@
-// What becomes of a driver thread's object whose thread still runs. Only WindowsDriverInstaller.cpp includes this.
+// How a driver thread comes to its end: it is watched, killed if a step overruns, and its object is destroyed. Only
+// WindowsDriverInstaller.cpp includes this.
+//
+// Locks. Only these are held together, the one on the left first:
+//   stepLock of a worker, by its watcher while it captures the stack and kills  >  the lock of the stack walks
+//   watchdogLock of an InstallStatus, by the script's thread for a stalled watchdog  >  the lock of the stack walks
+//   stepLock of a worker, by the worker that logs a step out of order  >  the lock of its grabbed log
+// Nobody takes stepLock or watchdogLock while holding another lock. A worker is killed with its stepLock held, so that
+// it does not hold that itself; whatever else it holds stays locked.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <windows.h>
+#include <wx/log.h>
 
 #include "DriverUninstallerThread.h"
+#include "StackDump.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
 using UniqueThread = std::unique_ptr<CDriverUninstallerThread>;
 
-/// Whether the thread itself is there yet, whatever has become of its body.
-bool StillRuns(const wxThread &thread) {
-    const HANDLE handle = thread.MSWGetHandle();
-    return handle != nullptr && WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
-}
-
-/// Whether the thread itself has ended, or does within some seconds.
-bool EndsSoon(HANDLE thread) {
-    constexpr DWORD waitMs = 5'000;
-    return thread == nullptr || WaitForSingleObject(thread, waitMs) != WAIT_TIMEOUT;
-}
+/// Longer than a thread needs whose body has returned, or that was killed.
+constexpr DWORD kEndOfThreadMs = 5'000;
 
 DWORD WINAPI DestroyEndedThread(void *object) {
     const UniqueThread thread(static_cast<CDriverUninstallerThread *>(object));
-    (void)WaitForSingleObject(thread->MSWGetHandle(), INFINITE);
+    (void)thread->End().HasCome(*thread, INFINITE);
     return 0;
 }
 
-/// For an object whose thread still runs and would work on freed memory: destroys it as soon as the thread has ended.
-void DestroyWhenEnded(UniqueThread thread) {
-    (void)QueueUserWorkItem(&DestroyEndedThread, thread.get(), WT_EXECUTELONGFUNCTION);
-    (void)thread.release();  // the work item's; if there is none, the object stays
+/// Destroys the object as soon as its thread has ended: one that still runs would work on freed memory. Where nobody
+/// can tell the object stays.
+void DestroyOnceEnded(UniqueThread thread) {
+    // A body that is still at work may take long; it is not waited for here.
+    if (thread->End().HasCome(*thread, thread->isRunning() ? 0 : kEndOfThreadMs))
+        return;
+    if (thread->End().CanBeAwaited(*thread))
+        (void)QueueUserWorkItem(&DestroyEndedThread, thread.get(), WT_EXECUTELONGFUNCTION);
+    (void)thread.release();  // the work item's; without one it stays
 }
 
-/// Kills a driver thread. What it was in the midst of stays as it is: nothing releases what it held, and locks of this
-/// process that it held stay locked.
-/// @return false if it could not be killed and runs on.
-bool KillThread(wxThread &thread) {
-    // A killed thread may run on for a moment, and wxThread gives up its handle at once.
-    HANDLE handle = nullptr;
-    if (DuplicateHandle(GetCurrentProcess(), thread.MSWGetHandle(), GetCurrentProcess(), &handle, SYNCHRONIZE, FALSE,
-                        0) == 0)
-        handle = nullptr;
-    const bool killed = thread.Kill() == wxTHREAD_NO_ERROR;
-    const bool ended = EndsSoon(handle);
-    if (handle != nullptr)
-        (void)CloseHandle(handle);
-    return killed || ended;
+/// Kills a driver thread, and waits a moment for its end. What it was in the midst of stays as it is: nothing releases
+/// what it held.
+void KillThread(CDriverUninstallerThread &thread) {
+    thread.End().Kill(thread);
+    (void)thread.End().HasCome(thread, kEndOfThreadMs);
+}
+
+/// Makes a thread that was made but could not be started go away.
+void StartOrKill(CDriverUninstallerThread &thread, bool create) {
+    if (!thread.start(50, create, 0))
+        KillThread(thread);
+}
+
+/// What becomes of a worker whose step could not be waited for any longer.
+enum class Verdict { GoesOn, IsLeftAlone, IsKilled };
+
+/// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step.
+/// @param step  receives the step in which it was killed.
+Verdict JudgeOverrun(CDriverUninstallerThread &thread, std::uint32_t &step) {
+    const wxCriticalSectionLocker lock(thread.StepLock());
+    if (!thread.CannotBeWaitedFor())
+        return Verdict::GoesOn;
+    step = thread.TopStep();
+    if (step == ThreadRunning)
+        return Verdict::IsLeftAlone;
+    const wxString stack = CaptureThreadStack(&thread);
+    wxLogVerbose("Stack trace:\n%s", stack);
+    KillThread(thread);
+    return Verdict::IsKilled;
+}
+
+/// Follows the worker from step to step, and kills it if one overruns.
+/// @param heartbeat  called before each wait for a step.
+/// @return the step in which it was killed. None if it has ended, or is left alone: it is between steps then, or hangs
+///         there, and runs on.
+std::optional<std::uint32_t> WatchAndKill(CDriverUninstallerThread &thread, const std::function<void()> &heartbeat) {
+    while (thread.isRunning()) {
+        heartbeat();
+        std::uint32_t step = NoStep;
+        const Verdict verdict = thread.WaitForStepToFinish() ? Verdict::GoesOn : JudgeOverrun(thread, step);
+        if (verdict == Verdict::IsKilled)
+            return step;
+        if (verdict == Verdict::IsLeftAlone)
+            break;
+    }
+    return std::nullopt;
 }
 
 }  // namespace

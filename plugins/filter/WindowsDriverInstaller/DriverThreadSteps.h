@@ -87,26 +87,36 @@ HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t l
 
 bool CDriverUninstallerThread::WaitForStepToFinish() {
     // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
-    constexpr DWORD lookAgainMs = 1'000;
-    DWORD timeout = lookAgainMs;
-    {
-        const wxCriticalSectionLocker lock(stepLock);
-        if (stepStack.empty()) {
-            wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
-            return true;
+    constexpr DWORD pollMs = 1'000;
+    const StepRecord *watched = nullptr;
+    for (;;) {
+        DWORD timeout = pollMs;
+        {
+            const wxCriticalSectionLocker lock(stepLock);
+            if (stepStack.empty()) {
+                wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
+                return true;
+            }
+            const StepRecord *const top = stepStack.back().get();
+            if (watched != nullptr && top != watched)
+                return true;
+            watched = top;
+            timeout = std::min(timeout, RestOfTopStep());
         }
-        timeout = std::min(timeout, RestOfTopStep());
-    }
-    // The end of a step between the look and the wait leaves the event set; two ends may be one wake-up.
-    switch (WaitForSingleObject(stepFinished, timeout)) {
-        case WAIT_OBJECT_0:
-        case WAIT_ABANDONED:
-            return true;
-        case WAIT_TIMEOUT:
-            return !HasTopStepOverrun();
-        default:
-            wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
-            return false;
+        // The end of a step between the poll and the wait leaves the event set; two ends may be one wake-up.
+        switch (WaitForSingleObject(stepFinished, timeout)) {
+            case WAIT_OBJECT_0:
+            case WAIT_ABANDONED:
+                return true;
+            case WAIT_TIMEOUT:
+                if (HasTopStepOverrun())
+                    return false;
+                break;
+            default:
+                wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
+                waitFailed = true;
+                return false;
+        }
     }
 }
 
@@ -121,6 +131,10 @@ DWORD CDriverUninstallerThread::RestOfTopStep() const {
 bool CDriverUninstallerThread::HasTopStepOverrun() {
     const wxCriticalSectionLocker lock(stepLock);
     return !stepStack.empty() && RestOfTopStep() == 0;
+}
+
+bool CDriverUninstallerThread::CannotBeWaitedFor() {
+    return waitFailed || HasTopStepOverrun();
 }
 
 void CDriverUninstallerThread::DbgPrint(const wchar_t *format, ...) {

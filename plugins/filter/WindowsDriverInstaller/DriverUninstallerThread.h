@@ -15,6 +15,7 @@
 #include <wx/thread.h>
 
 #include "InstallerSteps.h"
+#include "ThreadEnd.h"
 #include "vta_core.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
@@ -52,13 +53,17 @@ public:
     /// Leaves `stepFinished` open: each object of this very class costs one event handle, which is meant so.
     ~CDriverUninstallerThread() override = default;
 
-    /// Watcher: waits until a step ends, for a second at most, or until the limit of the one on top has passed.
+    /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
     /// @return false when the top step has overrun or the wait failed; otherwise it is to be called again.
     bool WaitForStepToFinish();
+    /// Watcher: whether the top step has overrun by now, or a wait has failed.
+    bool CannotBeWaitedFor();
     /// The step on top of the stack, NoStep where there is none. Any thread.
     std::uint32_t TopStep();
     /// Held by a watcher that kills the worker, so that the worker doesn't hold it.
     wxCriticalSection &StepLock() { return stepLock; }
+    /// What tells whether the thread has ended.
+    ThreadEnd &End() { return end; }
     /// Writes a line to the thread's log, indented by the depth of the step stack. Any thread.
     /// @param format  follows the rules of a wide printf.
     void DbgPrint(const wchar_t *format, ...);
@@ -153,6 +158,8 @@ private:
     /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack, and while it kills
     /// the worker.
     wxCriticalSection stepLock;
+    bool waitFailed = false;  ///< The watcher's.
+    ThreadEnd end;
 };
 
 }  // namespace

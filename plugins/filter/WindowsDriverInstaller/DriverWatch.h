@@ -45,8 +45,8 @@ CDriverInstallerWatchdog::~CDriverInstallerWatchdog() {
         const wxCriticalSectionLocker lock(installerStatus->watchdogLock);
         installerStatus->watchdog = nullptr;
     }
-    if (installerThread && StillRuns(*installerThread))
-        DestroyWhenEnded(std::move(installerThread));
+    if (installerThread)
+        DestroyOnceEnded(std::move(installerThread));
 }
 
 void CDriverInstallerWatchdog::Run() {
@@ -150,16 +150,18 @@ bool CDriverInstallerWatchdog::GetVersionOfSystemFile(const TraceSite &site) {
 
 bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
     auto log = std::make_unique<GrabbedLog>();
-    if (!CreateWorker(&log->grabber))
+    if (!CreateWorker(log->Target()))
         return false;
     if (SetNetworkInterruptWorkaround())
         installerThread->rebootRequired = true;
     unsigned failedStep = NoStep;
     const bool succeeded = AttemptInstallation(&failedStep);
-    installLog = log->text;
-    // A worker that still runs goes on logging.
-    if (StillRuns(*installerThread))
+    if (installerThread->End().HasCome(*installerThread, installerThread->isRunning() ? 0 : kEndOfThreadMs)) {
+        installLog = log->WholeText();
+    } else {
+        installLog = log->TextSoFar();
         installerThread->Keep(std::move(log));
+    }
     log.reset();
     installLog += extraLog;
     Heartbeat();
@@ -210,8 +212,7 @@ bool CDriverInstallerWatchdog::IsNetworkAsBefore(const TraceSite &site) {
 
 bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     installerThread->GetTcpAdapters(adaptersBefore);
-    if (!installerThread->start(50, false, 0))
-        (void)KillThread(*installerThread);  // made, and never to run
+    StartOrKill(*installerThread, false);
     wxThread::Sleep(100);
     Heartbeat();
     const bool succeeded = WatchWorker(failedStep);
@@ -232,25 +233,13 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     return true;
 }
 
-/// Follows the worker from step to step, and kills it if one overruns. @return its result.
+/// @return the worker's result; false if it was killed.
 bool CDriverInstallerWatchdog::WatchWorker(unsigned *failedStep) {
-    while (installerThread->isRunning()) {
-        Heartbeat();
-        if (installerThread->WaitForStepToFinish())
-            continue;
-        const wxCriticalSectionLocker lock(installerThread->StepLock());
-        const unsigned step = installerThread->TopStep();
-        if (step == ThreadRunning)
-            break;  // it is merely finishing
-        *failedStep = step;
-        const wxString stack = CaptureThreadStack(installerThread.get());
-        wxLogVerbose("Stack trace:\n%s", stack);
-        (void)KillThread(*installerThread);
-        return false;
-    }
-    if (!installerThread->succeeded)
-        *failedStep = installerThread->failedStep;
-    return installerThread->succeeded;
+    const std::optional<std::uint32_t> killedIn = WatchAndKill(*installerThread, [this] { Heartbeat(); });
+    const bool succeeded = !killedIn && installerThread->succeeded;
+    if (!succeeded)
+        *failedStep = killedIn.value_or(installerThread->failedStep);
+    return succeeded;
 }
 
 /// An old driver that is still loaded may go when nothing is bound to it.

@@ -4,11 +4,11 @@
 #include <wx/string.h>
 #include <wx/thread.h>
 
-/// Loads what CaptureThreadStack needs. To be called before the thread can be stuck: a thread that is paused in the
-/// loader would keep the one that walks its stack waiting.
+/// Loads what CaptureThreadStack needs. To be called before the thread can be stuck.
 void PrepareStackDump();
 
-/// The thread's call stack, a line for each frame, the innermost first; 200 frames at most. The thread is paused for it
-/// and goes on afterwards. Not for the calling thread.
+/// The thread's call stack, a line for each frame, the innermost first; 200 frames at most. The thread is paused while
+/// its addresses are read, for some seconds at most: then it is resumed whatever the walk waits for, and the text may be
+/// wrong or empty. Names come from the modules and from symbol files beside them. Not for the calling thread.
 /// @return an empty text if nothing could be captured.
 wxString CaptureThreadStack(wxThread *thread);

@@ -22,16 +22,6 @@
 
 namespace {
 
-/// @return false when a step has overrun or could not be waited for. True when the worker has ended, and when no step
-///         is to blame: it is between steps then, or hangs there, and runs on.
-bool WatchSteps(CDriverUninstallerThread &thread) {
-    while (thread.isRunning()) {
-        if (!thread.WaitForStepToFinish())
-            return thread.TopStep() == ThreadRunning;
-    }
-    return true;
-}
-
 /// The watchdog has made no progress for an hour. It is neither ended nor freed here.
 void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
     VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
@@ -73,8 +63,10 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     const auto status = std::make_shared<InstallStatus>();
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
-    if (!watchdog->start(50, true, 0))
+    if (!watchdog->start(50, true, 0)) {
+        ThreadEnd().Kill(*watchdog);  // made, and never to run
         return false;
+    }
     (void)watchdog.release();  // it frees itself
     return FollowInstallation(dom, *status);
 }
@@ -82,17 +74,10 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();
     auto thread = std::make_unique<CDriverUninstallerThread>(&dom, ndisDriverDir, wfpDriverDir);
-    (void)thread->start(50, true, 0);  // a thread that can't start isn't running
+    StartOrKill(*thread, true);
     wxThread::Sleep(100);
-    if (!WatchSteps(*thread)) {
-        const wxString stack = CaptureThreadStack(thread.get());
-        wxLogVerbose("Stack trace:\n%s", stack);
-        if (!KillThread(*thread))
-            DestroyWhenEnded(std::move(thread));
-        return false;  // also if the worker got through meanwhile
-    }
-    const bool succeeded = thread->succeeded;
-    if (thread->isRunning())
-        DestroyWhenEnded(std::move(thread));
+    const bool wasKilled = WatchAndKill(*thread, [] {}).has_value();
+    const bool succeeded = !wasKilled && thread->succeeded;
+    DestroyOnceEnded(std::move(thread));
     return succeeded;
 }
