@@ -23,5 +23,6 @@ std::string CharactersOfOneByte();
 /// 65001. In others every byte is a character, as a rule.
 std::vector<CodePageText> TextsOutsideCodePage();
 
-/// Notes the code page in the results of the run, and fails it if FC_CODE_PAGE names another one.
-void CheckCodePageOfTheRun();
+/// Notes the code page in the results of the run.
+/// @return false, and says so, if FC_CODE_PAGE names another one: such a run must end without results.
+bool HasExpectedCodePage();

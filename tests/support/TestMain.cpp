@@ -26,6 +26,7 @@ int main(int argc, char **argv) {
     if (!wx.IsOk())
         return EXIT_FAILURE;
     wxSetAssertHandler(&OnWxAssert);
-    CheckCodePageOfTheRun();
+    if (!HasExpectedCodePage())
+        return EXIT_FAILURE;
     return RUN_ALL_TESTS();
 }
