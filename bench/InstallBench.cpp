@@ -42,6 +42,16 @@ void BenchOwnTime(Report &report) {
                first.ownSeconds / first.waitedSeconds * 100, "percent");
 }
 
+InstallTimes FastestUpgrade(MeasuredInstallation &machine) {
+    InstallTimes fastest = machine.Upgrade();
+    for (int round = 1; round < (IsShortRun() ? 1 : 3); ++round) {
+        const InstallTimes times = machine.Upgrade();
+        if (times.ownSeconds < fastest.ownSeconds)
+            fastest = times;
+    }
+    return fastest;
+}
+
 /// An upgrade with 1 to 1000 adapters, of which each has its binding put back.
 void BenchGrowth(Report &report) {
     std::map<std::size_t, InstallTimes> times;
@@ -49,7 +59,7 @@ void BenchGrowth(Report &report) {
     for (std::size_t adapters = 1; adapters <= most; adapters *= 10) {
         MeasuredInstallation machine(adapters);
         (void)machine.Install();  // the first since the module was loaded takes longer
-        times[adapters] = machine.Upgrade();
+        times[adapters] = FastestUpgrade(machine);
     }
     for (std::size_t adapters = 10; adapters <= most; adapters *= 10) {
         const InstallTimes &more = times[adapters];

@@ -1,4 +1,5 @@
 // Bindings as an engine sees and changes them.
+#include <algorithm>
 #include <utility>
 
 #include "NetworkEngine.h"
@@ -13,7 +14,25 @@ const NetworkBinding *BindingBetween(NetworkState &state, const BindingEnds &end
     const NetworkComponent *component = ComponentWithKey(state, ends.component);
     if (adapter == nullptr || !adapter->adapter || component == nullptr)
         return nullptr;
-    return FindBinding(state.bindings, adapter->adapter->pnpDevNodeId, component->id);
+    return state.bindings.Find(adapter->adapter->pnpDevNodeId, component->id);
+}
+
+/// In the order of the components above it.
+void AppendThoseAbove(const NetworkState &state, const NetworkComponent &adapter, std::vector<BindingEnds> &bindings) {
+    if (!adapter.adapter)
+        return;
+    const auto bound = state.bindings.OfAdapter(adapter.adapter->pnpDevNodeId);
+    for (const NetworkComponent &other : state.components)
+        if (std::any_of(bound.begin(), bound.end(),
+                        [&other](const NetworkBinding *each) { return SameInAnyCase(each->component, other.id); }))
+            bindings.push_back({adapter.key, other.key});
+}
+
+void AppendThoseBelow(const NetworkState &state, const NetworkComponent &component,
+                      std::vector<BindingEnds> &bindings) {
+    for (const NetworkComponent &other : state.components)
+        if (other.adapter && state.bindings.Find(other.adapter->pnpDevNodeId, component.id) != nullptr)
+            bindings.push_back({other.key, component.key});
 }
 
 }  // namespace
@@ -23,7 +42,7 @@ HRESULT NetworkEngine::IsEnabled(const BindingEnds &ends) {
         const NetworkBinding *binding = BindingBetween(state, ends);
         if (binding == nullptr)
             return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
-        const NetworkBinding *changed = FindBinding(m_changed, binding->adapter, binding->component);
+        const NetworkBinding *changed = m_changed.Find(binding->adapter, binding->component);
         return (changed == nullptr ? *binding : *changed).enabled ? S_OK : S_FALSE;
     });
 }
@@ -33,31 +52,32 @@ HRESULT NetworkEngine::Enable(const BindingEnds &ends, bool enable) {
         const NetworkBinding *binding = BindingBetween(state, ends);
         if (binding == nullptr)
             return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
-        SetBinding(m_changed, {binding->adapter, binding->component, enable});
+        m_changed.Set({binding->adapter, binding->component, enable});
         return S_OK;
     });
 }
 
 HRESULT NetworkEngine::BindingsOf(unsigned key, bool above, std::vector<BindingEnds> &bindings) {
     return WhenInitialized([&](NetworkState &state) -> HRESULT {
-        if (ComponentWithKey(state, key) == nullptr)
+        const NetworkComponent *const component = ComponentWithKey(state, key);
+        if (component == nullptr)
             return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
-        for (const NetworkComponent &other : state.components) {
-            const BindingEnds ends = above ? BindingEnds{key, other.key} : BindingEnds{other.key, key};
-            if (BindingBetween(state, ends) != nullptr)
-                bindings.push_back(ends);
-        }
+        if (above)
+            AppendThoseAbove(state, *component, bindings);
+        else
+            AppendThoseBelow(state, *component, bindings);
         return S_OK;
     });
 }
 
 std::vector<NetworkBinding> NetworkEngine::Commit(NetworkState &state) {
     std::vector<NetworkBinding> applied;
-    for (const NetworkBinding &change : std::exchange(m_changed, {})) {
-        NetworkBinding *binding = FindBinding(state.bindings, change.adapter, change.component);
+    const NetworkBindingList changes = std::exchange(m_changed, {});
+    for (const NetworkBinding &change : changes) {
+        const NetworkBinding *const binding = state.bindings.Find(change.adapter, change.component);
         if (binding == nullptr || binding->enabled == change.enabled)
             continue;
-        binding->enabled = change.enabled;
+        state.bindings.Set(change);
         applied.push_back(*binding);
     }
     return applied;

@@ -38,7 +38,7 @@ unsigned InstallAndBind(NetworkState &state, const NetworkComponent &component) 
         return there->key;
     for (const NetworkComponent &other : state.components) {
         if (other.adapter)
-            SetBinding(state.bindings, {other.adapter->pnpDevNodeId, component.id, true});
+            state.bindings.Set({other.adapter->pnpDevNodeId, component.id, true});
     }
     return PutComponent(state, component);
 }

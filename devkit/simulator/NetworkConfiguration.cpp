@@ -98,29 +98,15 @@ NetworkComponent *ComponentWithId(NetworkState &state, const std::wstring &id) {
 }
 
 NetworkComponent *ComponentWithKey(NetworkState &state, unsigned key) {
-    return FindFirst(state, [key](const NetworkComponent &component) { return component.key == key; });
+    const auto found = std::lower_bound(state.components.begin(), state.components.end(), key,
+                                        [](const NetworkComponent &one, unsigned wanted) { return one.key < wanted; });
+    return found == state.components.end() || found->key != key ? nullptr : &*found;
 }
 
 NetworkComponent *ComponentWithNode(NetworkState &state, const std::wstring &pnpDevNodeId) {
     return FindFirst(state, [&](const NetworkComponent &component) {
         return component.adapter && SameInAnyCase(component.adapter->pnpDevNodeId, pnpDevNodeId);
     });
-}
-
-NetworkBinding *FindBinding(std::vector<NetworkBinding> &bindings, const std::wstring &pnpDevNodeId,
-                            const std::wstring &componentId) {
-    const auto found = std::find_if(bindings.begin(), bindings.end(), [&](const NetworkBinding &binding) {
-        return SameInAnyCase(binding.adapter, pnpDevNodeId) && SameInAnyCase(binding.component, componentId);
-    });
-    return found == bindings.end() ? nullptr : &*found;
-}
-
-void SetBinding(std::vector<NetworkBinding> &bindings, const NetworkBinding &binding) {
-    NetworkBinding *const known = FindBinding(bindings, binding.adapter, binding.component);
-    if (known != nullptr)
-        known->enabled = binding.enabled;
-    else
-        bindings.push_back(binding);
 }
 
 unsigned PutComponent(NetworkState &state, NetworkComponent component) {
@@ -150,13 +136,13 @@ void NetworkConfiguration::RemoveAdapter(const std::wstring &pnpDevNodeId) {
 }
 
 void NetworkConfiguration::Bind(const std::wstring &pnpDevNodeId, const std::wstring &componentId, bool enabled) {
-    Use([&](NetworkState &state) { SetBinding(state.bindings, {pnpDevNodeId, componentId, enabled}); });
+    Use([&](NetworkState &state) { state.bindings.Set({pnpDevNodeId, componentId, enabled}); });
 }
 
 std::optional<bool> NetworkConfiguration::Binding(const std::wstring &pnpDevNodeId,
                                                   const std::wstring &componentId) const {
     NetworkState state = Read();
-    const NetworkBinding *binding = FindBinding(state.bindings, pnpDevNodeId, componentId);
+    const NetworkBinding *binding = state.bindings.Find(pnpDevNodeId, componentId);
     if (binding == nullptr || ComponentWithNode(state, pnpDevNodeId) == nullptr ||
         ComponentWithId(state, componentId) == nullptr)
         return std::nullopt;
@@ -209,8 +195,7 @@ void NetworkConfiguration::Remove(unsigned key) {
         std::erase_if(m_state.components, [key](const NetworkComponent &other) { return other.key == key; });
         if (ComponentWithId(m_state, id) == nullptr) {
             lastOfId = id;
-            std::erase_if(m_state.bindings,
-                          [&id](const NetworkBinding &binding) { return SameInAnyCase(binding.component, id); });
+            m_state.bindings.RemoveOf(id);
         }
     }
     if (!lastOfId.empty())

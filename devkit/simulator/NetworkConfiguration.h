@@ -16,6 +16,7 @@
 #include "CallScope.h"
 #include "Lock.h"
 #include "NetworkAdapter.h"
+#include "NetworkBindingList.h"
 
 namespace Simulator {
 
@@ -39,13 +40,6 @@ struct InstallableComponent {
     NetworkComponent component;
     std::vector<HRESULT> results{};  ///< What the next attempts answer, each one once; then S_OK.
     bool leavesNothing = false;      ///< A success installs nothing.
-};
-
-/// A component (a protocol, a filter) above an adapter. It counts while both are there.
-struct NetworkBinding {
-    std::wstring adapter;    ///< Its pnpDevNodeId.
-    std::wstring component;  ///< Its id.
-    bool enabled = true;
 };
 
 /// Something that has happened to the network by calls of the program.
@@ -77,10 +71,10 @@ struct ArpEntry {
 
 /// All that a test fills in and a run changes.
 struct NetworkState {
-    std::vector<NetworkComponent> components;  ///< Added by NetworkConfiguration::Put and PutAdapter.
+    std::vector<NetworkComponent> components;  ///< Added by NetworkConfiguration::Put and PutAdapter: keys ascend.
     unsigned lastKey = 0;
     std::vector<InstallableComponent> installable;
-    std::vector<NetworkBinding> bindings;   ///< Set by NetworkConfiguration::Bind.
+    NetworkBindingList bindings;            ///< Set by NetworkConfiguration::Bind.
     std::vector<ArpEntry> arp;              ///< What the ARP cache has.
     HRESULT initializeResult = S_OK;        ///< What INetCfg::Initialize answers where nothing else is wrong.
     HRESULT applyResult = S_OK;             ///< The same of INetCfg::Apply.
@@ -97,11 +91,6 @@ struct NetworkState {
 [[nodiscard]] NetworkComponent *ComponentWithKey(NetworkState &state, unsigned key);
 /// The adapter of that pnpDevNodeId.
 [[nodiscard]] NetworkComponent *ComponentWithNode(NetworkState &state, const std::wstring &pnpDevNodeId);
-/// @param bindings  may be others than the state's.
-[[nodiscard]] NetworkBinding *FindBinding(std::vector<NetworkBinding> &bindings, const std::wstring &pnpDevNodeId,
-                                          const std::wstring &componentId);
-/// Makes a binding, or changes it.
-void SetBinding(std::vector<NetworkBinding> &bindings, const NetworkBinding &binding);
 /// @return its key.
 unsigned PutComponent(NetworkState &state, NetworkComponent component);
 

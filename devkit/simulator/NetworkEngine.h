@@ -92,7 +92,7 @@ private:
     // All within m_network->Use.
     bool m_initialized = false;
     bool m_mayWrite = false;
-    std::vector<NetworkBinding> m_changed;  ///< And not applied.
+    NetworkBindingList m_changed;  ///< And not applied.
 };
 
 /// The interface of the engine's write lock.

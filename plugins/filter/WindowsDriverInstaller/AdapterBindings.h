@@ -1,20 +1,34 @@
 // Binds the filter driver to adapters and unbinds it. Only WindowsDriverInstaller.cpp includes this.
 #pragma once
 
+#include <map>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "AdapterRecords.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
-/// @return null if there is none.
-const TcpAdapter *FindByNode(const TcpAdapterList &adapters, const wxString &pnpDevNodeId) {
-    const auto found = std::find_if(adapters.begin(), adapters.end(), [&pnpDevNodeId](const TcpAdapter &adapter) {
-        return adapter.pnpDevNodeId.Cmp(pnpDevNodeId) == 0;
-    });
-    return found == adapters.end() ? nullptr : &*found;
-}
+/// The first record of each node.
+class AdaptersByNode {
+public:
+    /// @param adapters  have to stay.
+    explicit AdaptersByNode(const TcpAdapterList &adapters) {
+        for (const TcpAdapter &adapter : adapters)
+            (void)m_adapters.emplace(adapter.pnpDevNodeId, &adapter);
+    }
+
+    /// @return null if there is none.
+    [[nodiscard]] const TcpAdapter *Find(const wxString &pnpDevNodeId) const {
+        const auto found = m_adapters.find(pnpDevNodeId);
+        return found == m_adapters.end() ? nullptr : found->second;
+    }
+
+private:
+    std::map<wxString, const TcpAdapter *> m_adapters;
+};
 
 bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState) {
     if (enable && adapters == nullptr)
@@ -23,11 +37,13 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
     if (FAILED(AcquireINetCfg(true, &netCfg)))
         return false;
     {
+        const std::optional<AdaptersByNode> byNode =
+            adapters ? std::make_optional<AdaptersByNode>(*adapters) : std::nullopt;
         ComPtr<IEnumNetCfgComponent> components;
         if (SUCCEEDED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) && components) {
             ComPtr<INetCfgComponent> component;
             for (; components->Next(1, &component, nullptr) == S_OK && component; component.Reset())
-                SetBindingsOf(netCfg, component.Get(), adapters, useIpState);
+                SetBindingsOf(netCfg, component.Get(), byNode ? &*byNode : nullptr, useIpState);
         }
     }
     (void)ReleaseINetCfg(true, netCfg);
@@ -35,7 +51,7 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
 }
 
 /// What can't be read of the component leaves it as it is.
-void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const TcpAdapterList *adapters,
+void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
                                            bool useIpState) {
     DWORD characteristics = 0;  // only whether they can be read counts
     TcpAdapter adapter;
@@ -63,7 +79,7 @@ bool LeadsToFilter(INetCfgBindingInterface *binding) {
 }
 
 void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
-                                               const TcpAdapterList *adapters, bool useIpState) {
+                                               const AdaptersByNode *adapters, bool useIpState) {
     const bool enabled = path->IsEnabled() == S_OK;
     ComPtr<IEnumNetCfgBindingInterface> interfaces;
     if (FAILED(path->EnumBindingInterfaces(&interfaces)) || !interfaces)
@@ -79,12 +95,12 @@ void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPa
     }
 }
 
-bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled, const TcpAdapterList *adapters,
+bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters,
                                          bool useIpState) {
     DbgPrint(L"Adapter '%s' is%s bound to %ls", Wide(adapter.displayName), enabled ? L"" : L" not", kFilterComponent);
     if (adapters == nullptr)
         return enabled;
-    const TcpAdapter *const record = FindByNode(*adapters, adapter.pnpDevNodeId);
+    const TcpAdapter *const record = adapters->Find(adapter.pnpDevNodeId);
     if (record == nullptr)
         return false;
     DbgPrint(L"Original bindings of adapter '%s' are %ls=%d %ls=%d", Wide(adapter.displayName), L"ms_tcpip",
@@ -132,13 +148,23 @@ bool IsRemoteAccess(const TcpAdapter &adapter) {
     return (adapter.characteristics & NCF_VIRTUAL) != 0 && adapter.macAddress.compare(2, 4, " RAS") == 0;
 }
 
+/// Adapters by their MACs, in the order of the list.
+using AdaptersByMac = std::map<std::string, std::vector<const TcpAdapter *>>;
+
+AdaptersByMac GroupByMac(const TcpAdapterList &adapters) {
+    AdaptersByMac groups;
+    for (const TcpAdapter &adapter : adapters)
+        groups[adapter.macAddress].push_back(&adapter);
+    return groups;
+}
+
 /// The first other adapter with the same MAC; null if there is none.
-const TcpAdapter *FindTwin(const TcpAdapterList &adapters, const TcpAdapter &adapter) {
-    const auto twin = std::find_if(adapters.begin(), adapters.end(), [&adapter](const TcpAdapter &other) {
-        return HasValidMac(other) && other.macAddress == adapter.macAddress &&
-               other.pnpDevNodeId != adapter.pnpDevNodeId;
+const TcpAdapter *FindTwin(const AdaptersByMac &groups, const TcpAdapter &adapter) {
+    const std::vector<const TcpAdapter *> &group = groups.at(adapter.macAddress);
+    const auto twin = std::find_if(group.begin(), group.end(), [&adapter](const TcpAdapter *other) {
+        return other->pnpDevNodeId != adapter.pnpDevNodeId;
     });
-    return twin == adapters.end() ? nullptr : &*twin;
+    return twin == group.end() ? nullptr : *twin;
 }
 
 wxString MacText(const std::string &mac) {
@@ -157,10 +183,13 @@ void CDriverInstallerThread::UnbindUnsuitableAdapters() {
 /// @return copies that say unbound.
 TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &adapters, bool lookForDuplicates) {
     TcpAdapterList toUnbind;
-    const auto mark = [&toUnbind](const TcpAdapter &adapter) {
+    std::set<wxString> nodesToUnbind;
+    const auto mark = [&](const TcpAdapter &adapter) {
         toUnbind.push_back(adapter);
         toUnbind.back().boundToFilter = false;
+        nodesToUnbind.insert(adapter.pnpDevNodeId);
     };
+    const AdaptersByMac groups = GroupByMac(adapters);
     std::set<std::string> sharedMacs;
     for (const TcpAdapter &adapter : adapters) {
         if (!HasValidMac(adapter)) {
@@ -172,7 +201,7 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
                      Wide(adapter.displayName));
             mark(adapter);
         } else if (lookForDuplicates) {
-            const TcpAdapter *const twin = FindTwin(adapters, adapter);
+            const TcpAdapter *const twin = FindTwin(groups, adapter);
             if (twin == nullptr)
                 continue;
             sharedMacs.insert(adapter.macAddress);
@@ -181,14 +210,13 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
         }
     }
     for (const std::string &mac : sharedMacs)
-        for (const TcpAdapter &adapter : adapters) {
+        for (const TcpAdapter *adapter : groups.at(mac)) {
             // Of a physical and a virtual adapter that share a MAC, the physical one loses the filter.
-            if (adapter.macAddress != mac || (adapter.characteristics & NCF_PHYSICAL) == 0 ||
-                FindByNode(toUnbind, adapter.pnpDevNodeId) != nullptr)
+            if ((adapter->characteristics & NCF_PHYSICAL) == 0 || nodesToUnbind.count(adapter->pnpDevNodeId) != 0)
                 continue;
             DbgPrint(L"Marking physical adapter '%s' with duplicate MAC %s to be unbound from QBIMVTA",
-                     Wide(adapter.displayName), Wide(MacText(mac)));
-            mark(adapter);
+                     Wide(adapter->displayName), Wide(MacText(mac)));
+            mark(*adapter);
         }
     return toUnbind;
 }

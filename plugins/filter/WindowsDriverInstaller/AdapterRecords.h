@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -35,6 +36,10 @@ bool Resize(Block<T> &block, std::size_t size) {
     block.reset(static_cast<T *>(resized));
     return true;
 }
+
+struct LessWithoutCase {
+    bool operator()(const wxString &a, const wxString &b) const { return a.CmpNoCase(b) < 0; }
+};
 
 using TaskText = std::unique_ptr<wchar_t, FreeTaskMemory>;
 
@@ -73,18 +78,34 @@ std::uint32_t AddressFrom(const IP_ADDR_STRING &entry) {
     return address == 0 ? kNoAddress : address;
 }
 
-/// @param record  the first of a chain; may be null.
-void TakeIpHelperFields(const IP_ADAPTER_INFO *record, TcpAdapter &adapter) {
-    for (; record != nullptr; record = record->Next) {
-        if (!adapter.bindName.IsSameAs(wxString(record->AdapterName), false))
-            continue;
-        adapter.adapterIndex = record->Index;
-        const std::size_t length = std::min<std::size_t>(record->AddressLength, sizeof(record->Address));
-        adapter.macAddress.assign(reinterpret_cast<const char *>(record->Address), length);
-        adapter.gatewayAddress = AddressFrom(record->GatewayList);
-        adapter.ipAddress = AddressFrom(record->IpAddressList);
-        return;
+/// The records of IP Helper by the names of their adapters, which know no case; of several the first counts.
+class IpHelperByName {
+public:
+    /// @param record  the first of a chain, which has to stay; may be null.
+    explicit IpHelperByName(const IP_ADAPTER_INFO *record) {
+        for (; record != nullptr; record = record->Next)
+            (void)m_records.emplace(record->AdapterName, record);
     }
+
+    /// @return null if there is none.
+    [[nodiscard]] const IP_ADAPTER_INFO *Find(const wxString &bindName) const {
+        const auto found = m_records.find(bindName);
+        return found == m_records.end() ? nullptr : found->second;
+    }
+
+private:
+    std::map<wxString, const IP_ADAPTER_INFO *, LessWithoutCase> m_records;
+};
+
+void TakeIpHelperFields(const IpHelperByName &records, TcpAdapter &adapter) {
+    const IP_ADAPTER_INFO *const record = records.Find(adapter.bindName);
+    if (record == nullptr)
+        return;
+    adapter.adapterIndex = record->Index;
+    const std::size_t length = std::min<std::size_t>(record->AddressLength, sizeof(record->Address));
+    adapter.macAddress.assign(reinterpret_cast<const char *>(record->Address), length);
+    adapter.gatewayAddress = AddressFrom(record->GatewayList);
+    adapter.ipAddress = AddressFrom(record->IpAddressList);
 }
 
 /// @return the number of bytes that the driver answered; nothing on failure.
@@ -125,7 +146,7 @@ void TakeNdisFields(TcpAdapter &adapter) {
 }
 
 /// @return the record without its bindings; nothing for a component that is no adapter.
-std::optional<TcpAdapter> ReadAdapter(INetCfgComponent *component, const IP_ADAPTER_INFO *ipHelper) {
+std::optional<TcpAdapter> ReadAdapter(INetCfgComponent *component, const IpHelperByName &ipHelper) {
     TcpAdapter adapter;
     DWORD characteristics = 0;
     (void)component->GetCharacteristics(&characteristics);
@@ -189,9 +210,10 @@ void CDriverInstallerThread::ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO
     ComPtr<IEnumNetCfgComponent> components;
     if (FAILED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) || !components)
         return;
+    const IpHelperByName recordsByName(ipHelper);
     ComPtr<INetCfgComponent> component;
     while (components->Next(1, &component, nullptr) == S_OK && component) {
-        if (std::optional<TcpAdapter> adapter = ReadAdapter(component.Get(), ipHelper)) {
+        if (std::optional<TcpAdapter> adapter = ReadAdapter(component.Get(), recordsByName)) {
             adapter->boundToIp = ip.AreTo(component.Get()) || ip6.AreTo(component.Get());
             adapter->boundToFilter = filter.AreTo(component.Get());
             adapters.push_back(*std::move(adapter));

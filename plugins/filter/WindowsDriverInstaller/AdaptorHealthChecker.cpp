@@ -1,7 +1,5 @@
 #include "AdaptorHealthChecker.h"
 
-#include <algorithm>
-
 #include "InstallerLog.h"
 #include "fc/fc.h"
 
@@ -22,15 +20,18 @@ const char *ComplaintAbout(const TcpAdapter &before, const TcpAdapter &now) {
 
 }  // namespace
 
+AdaptorHealthChecker::AdaptorHealthChecker(const TcpAdapterList &before) {
+    for (const TcpAdapter &adapter : before)
+        (void)m_before.emplace(adapter.bindName, &adapter);
+}
+
 bool AdaptorHealthChecker::operator()(const TcpAdapter &now) const {
     if (!now.boundToFilter) {
         Trace(kNdisTrace, "Adapter '%s' isn't bound to our driver; assuming it's healthy.", now.displayName);
         return true;
     }
-    const auto before = std::find_if(m_before->begin(), m_before->end(), [&now](const TcpAdapter &adapter) {
-        return adapter.bindName.Cmp(now.bindName) == 0;
-    });
-    const char *complaint = before == m_before->end() ? nullptr : ComplaintAbout(*before, now);
+    const auto before = m_before.find(now.bindName);
+    const char *complaint = before == m_before.end() ? nullptr : ComplaintAbout(*before->second, now);
     if (complaint != nullptr) {
         Trace(kNdisTrace, complaint, now.displayName);
         return false;

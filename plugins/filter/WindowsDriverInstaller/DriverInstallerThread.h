@@ -58,6 +58,8 @@ private:
     std::unique_ptr<GuardedGrabber> grabber = std::make_unique<GuardedGrabber>(text, lock);
 };
 
+class AdaptersByNode;
+
 /// A chain of adapters as IP Helper tells them.
 using IpHelperRecords = Block<IP_ADAPTER_INFO>;
 
@@ -112,10 +114,10 @@ private:
 
     bool ReadIpHelper(IpHelperRecords &records);
     void ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO *ipHelper, TcpAdapterList &adapters);
-    void SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const TcpAdapterList *adapters, bool useIpState);
+    void SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters, bool useIpState);
     void SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
-                           const TcpAdapterList *adapters, bool useIpState);
-    bool NeedsChange(const TcpAdapter &adapter, bool enabled, const TcpAdapterList *adapters, bool useIpState);
+                           const AdaptersByNode *adapters, bool useIpState);
+    bool NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters, bool useIpState);
     void ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName, bool enabled);
     TcpAdapterList UnsuitableAmong(const TcpAdapterList &adapters, bool lookForDuplicates);
 

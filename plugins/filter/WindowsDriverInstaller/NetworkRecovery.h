@@ -3,12 +3,15 @@
 #pragma once
 
 #include <cwchar>
+#include <functional>
+#include <set>
 
 #include <windows.h>
 #include <iphlpapi.h>
 #include <setupapi.h>
 #include <wx/log.h>
 
+#include "AdapterRecords.h"
 #include "AdaptorHealthChecker.h"
 #include "DeviceList.h"
 #include "DriverWatch.h"
@@ -43,16 +46,18 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
             const wxLogNull noLog;
             installerThread->GetTcpAdapters(currentAdapters);
         }
-        currentAdapters.remove_if(AdaptorHealthChecker(stillUnhealthy));
+        const AdaptorHealthChecker isHealthy(stillUnhealthy);
+        currentAdapters.remove_if(std::cref(isHealthy));
         if (currentAdapters.empty()) {
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
         // An adapter that was healthy once is not judged again.
-        stillUnhealthy.remove_if([&currentAdapters](const TcpAdapter &before) {
-            return std::none_of(currentAdapters.begin(), currentAdapters.end(),
-                                [&before](const TcpAdapter &now) { return now.bindName.Cmp(before.bindName) == 0; });
-        });
+        std::set<wxString> unhealthyNames;
+        for (const TcpAdapter &now : currentAdapters)
+            unhealthyNames.insert(now.bindName);
+        stillUnhealthy.remove_if(
+            [&unhealthyNames](const TcpAdapter &before) { return unhealthyNames.count(before.bindName) == 0; });
     }
     return false;
 }
@@ -132,12 +137,41 @@ void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
     }
 }
 
-/// A device is an adapter's if its instance id begins with the adapter's component id: so all devices of a model are
-/// meant. An adapter whose id couldn't be read has no device, lest every device of the machine be its.
-bool IsDeviceOf(const TcpAdapter &adapter, const wchar_t *instanceId) {
-    return !adapter.componentId.empty() &&
-           _wcsnicmp(instanceId, adapter.componentId.wc_str(), adapter.componentId.length()) == 0;
-}
+/// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
+/// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
+/// machine be its.
+class AdaptersByDevice {
+public:
+    /// @param adapters    have to stay.
+    /// @param useIpState  takes those that IP is bound to instead of those that the filter is bound to.
+    AdaptersByDevice(const TcpAdapterList &adapters, bool useIpState) {
+        std::size_t place = 0;
+        for (const TcpAdapter &adapter : adapters) {
+            ++place;
+            if (adapter.componentId.empty() || !(useIpState ? adapter.boundToIp : adapter.boundToFilter))
+                continue;
+            m_adapters[adapter.componentId].emplace(place, &adapter);
+            m_lengths.insert(adapter.componentId.length());
+        }
+    }
+
+    /// By their places in the list.
+    [[nodiscard]] std::map<std::size_t, const TcpAdapter *> Of(const wxString &instanceId) const {
+        std::map<std::size_t, const TcpAdapter *> found;
+        for (const std::size_t length : m_lengths) {
+            if (length > instanceId.length())
+                break;
+            const auto those = m_adapters.find(instanceId.substr(0, length));
+            if (those != m_adapters.end())
+                found.insert(those->second.begin(), those->second.end());
+        }
+        return found;
+    }
+
+private:
+    std::map<wxString, std::map<std::size_t, const TcpAdapter *>, LessWithoutCase> m_adapters;  ///< By component id.
+    std::set<std::size_t> m_lengths;                                                            ///< Of the ids.
+};
 
 /// One change of a device's state.
 class DeviceChange {
@@ -188,6 +222,7 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         return false;
     }
     const DeviceList devices(list);
+    const AdaptersByDevice byDevice(adapters, useIpState);
     bool acted = false;
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device);
@@ -195,11 +230,9 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         std::array<wchar_t, 260> instanceId{};
         if (SetupDiGetDeviceInstanceIdW(list, &device, instanceId.data(), instanceId.size(), nullptr) == 0)
             continue;
-        for (const TcpAdapter &adapter : adapters) {  // one that matches two records is acted on twice
-            if (!IsDeviceOf(adapter, instanceId.data()) || !(useIpState ? adapter.boundToIp : adapter.boundToFilter))
-                continue;
+        for (const auto &[place, adapter] : byDevice.Of(instanceId.data())) {  // one of two records is acted on twice
             installerThread->DbgPrint(L"%s adapter '%.64ls'", enable ? L"Enabling" : L"Disabling",
-                                      Wide(adapter.displayName));
+                                      Wide(adapter->displayName));
             acted = ChangeDevice(list, device, enable) || acted;
         }
     }
