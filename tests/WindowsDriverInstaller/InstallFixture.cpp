@@ -178,7 +178,7 @@ InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhi
 }
 
 void InstallFixture::AwaitThreads(int objects) {
-    EXPECT_TRUE(m_threads.AwaitEnds(kPatienceMs));
+    EXPECT_TRUE(threads.AwaitEnds(kPatienceMs));
     (void)Await(kPatienceMs, [objects] { return VtaCore::Control::LiveObjects() == objects; });
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
 }

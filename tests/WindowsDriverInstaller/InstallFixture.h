@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "RemovalFixture.h"
-#include "StartedThreads.h"
 #include "vti_control.h"
 
 /// The threads of an installation as fault plans number them, which are made on the script's thread.
@@ -71,6 +70,5 @@ private:
     void WriteDriverFiles();
     void FollowFilter(const Simulator::NetworkMoment &moment);
 
-    StartedThreads m_threads{simulation()};
     std::optional<Version> m_loadedByInstall = kOurVersion;
 };

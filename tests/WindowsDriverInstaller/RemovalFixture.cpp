@@ -4,7 +4,6 @@
 #include <fstream>
 #include <thread>
 
-#include "StartedThreads.h"
 #include "slb3_control.h"
 
 namespace {
@@ -44,7 +43,6 @@ std::vector<std::string> Removal::Lines(wxLogLevel level) const {
 
 RemovalFixture::RemovalFixture() : ModuleFixture(Simulator::SimulationParts{}) {
     simulation().GetClock().Step(Simulator::Clock::AutoAdvance::Sleeps);
-    LetEndingThreadsEnd(simulation());
     simulation().Attach(GetModuleHandleW(L"vta_core.dll"), {"GetTickCount"});
     simulation().GetJournal().Mute("GetTickCount");
     std::filesystem::create_directories(WfpFolder());

@@ -12,6 +12,7 @@
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "Patience.h"
+#include "StartedThreads.h"
 #include "vta_core_control.h"
 
 /// What one call of SLB.filter.UninstallDriver did.
@@ -71,6 +72,7 @@ protected:
     /// The folder of the callout's files, with a backslash behind it.
     [[nodiscard]] std::wstring WfpFolder();
 
+    StartedThreads threads{simulation()};
     VtaCore::CDom dom;
     LogCollector log;
     /// Whether the script's call that is under way has come back; for `meanwhile`.

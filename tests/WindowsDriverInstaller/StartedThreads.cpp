@@ -1,67 +1,118 @@
 #include "StartedThreads.h"
 
-#include <utility>
+#include <algorithm>
 #include <vector>
 
+#include "Patience.h"
 #include "WindowsFunctions.h"
 
 using Simulator::InsideSimulator;
+using Simulator::LockGuard;
 
-void LetEndingThreadsEnd(Simulator::Simulation &simulation) {
-    simulation.Functions().Put<Simulator::System::WaitForSingleObject>(
-        [&faults = simulation.GetFaults()](const auto &next, HANDLE handle, DWORD ms) {
-            DWORD result = next(handle, ms);
-            const DWORD thread = ms == 0 && result == WAIT_TIMEOUT ? GetThreadId(handle) : 0;
-            while (thread != 0 && result == WAIT_TIMEOUT && !faults.Hangs(thread))
-                result = WaitForSingleObject(handle, 1);
-            return result;
-        },
-        Simulator::Depth::Watch);
+namespace {
+
+/// Between two looks of a watcher at a thread without a step.
+constexpr DWORD kPollMs = 100;
+
+bool HasEnded(HANDLE thread) {
+    const InsideSimulator inside;
+    return WaitForSingleObject(thread, 0) == WAIT_OBJECT_0;
 }
 
-/// Duplicates: the module may close its own at any time.
-class StartedThreads::Handles {
+}  // namespace
+
+/// Duplicates of their handles: the module may close its own at any time.
+class StartedThreads::Threads {
 public:
-    Handles() = default;
-    ~Handles() { (void)AwaitEnds(0); }
-    Handles(const Handles &) = delete;
-    Handles &operator=(const Handles &) = delete;
+    Threads() = default;
+    ~Threads() {
+        Forget([](const Thread &) { return true; });
+    }
+    Threads(const Threads &) = delete;
+    Threads &operator=(const Threads &) = delete;
 
     void Add(HANDLE thread) {
-        HANDLE copy = nullptr;
-        if (!DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &copy, SYNCHRONIZE, FALSE, 0))
+        Forget([](const Thread &started) { return HasEnded(started.handle); });
+        Thread started{GetThreadId(thread), GetCurrentThreadId()};
+        if (!DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &started.handle, SYNCHRONIZE, FALSE, 0))
             return;
-        const Simulator::LockGuard guard(m_lock);
-        m_threads.push_back(copy);
+        const LockGuard guard(m_lock);
+        m_threads.push_back(started);
     }
 
-    bool AwaitEnds(DWORD realMs) {
-        const InsideSimulator inside;
-        bool allEnded = true;
-        for (const HANDLE thread : Take()) {
-            allEnded = WaitForSingleObject(thread, realMs) == WAIT_OBJECT_0 && allEnded;
-            CloseHandle(thread);
-        }
-        return allEnded;
+    /// @return the thread that the calling thread has started last, if this is not its first sleep since; otherwise 0.
+    DWORD SleepsFor() {
+        const LockGuard guard(m_lock);
+        const auto last = std::find_if(m_threads.rbegin(), m_threads.rend(),
+                                       [](const Thread &started) { return started.maker == GetCurrentThreadId(); });
+        return last == m_threads.rend() || last->sleeps++ == 0 ? 0 : last->id;
+    }
+
+    bool AllHaveEnded() {
+        const LockGuard guard(m_lock);
+        return std::all_of(m_threads.begin(), m_threads.end(),
+                           [](const Thread &started) { return HasEnded(started.handle); });
+    }
+
+    bool HasThreadEnded(DWORD id) {
+        const LockGuard guard(m_lock);
+        return std::all_of(m_threads.begin(), m_threads.end(),
+                           [id](const Thread &started) { return started.id != id || HasEnded(started.handle); });
     }
 
 private:
-    std::vector<HANDLE> Take() {
-        const Simulator::LockGuard guard(m_lock);
-        return std::exchange(m_threads, {});
+    struct Thread {
+        DWORD id;
+        DWORD maker;
+        HANDLE handle = nullptr;
+        unsigned sleeps = 0;
+    };
+
+    template <class Condition>
+    void Forget(Condition condition) {
+        const InsideSimulator inside;
+        const LockGuard guard(m_lock);
+        std::erase_if(m_threads, [&condition](const Thread &started) {
+            const bool goes = condition(started);
+            if (goes)
+                CloseHandle(started.handle);
+            return goes;
+        });
     }
 
     Simulator::Lock m_lock;
-    std::vector<HANDLE> m_threads;
+    std::vector<Thread> m_threads;
 };
 
-StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_handles(std::make_shared<Handles>()) {
-    simulation.Functions().Put<Simulator::System::_beginthreadex>(
-        [handles = m_handles](const auto &next, auto... arguments) {
+StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(std::make_shared<Threads>()) {
+    // Until it has ended, or hangs.
+    const auto awaitEnd = [threads = m_threads, &faults = simulation.GetFaults()](DWORD id) {
+        (void)Await(INFINITE, [&] { return threads->HasThreadEnded(id) || faults.Hangs(id); });
+        return threads->HasThreadEnded(id);
+    };
+    Simulator::FunctionSet &functions = simulation.Functions();
+    functions.Put<Simulator::System::_beginthreadex>(
+        [threads = m_threads](const auto &next, auto... arguments) {
             const auto thread = next(arguments...);
             if (thread != 0)
-                handles->Add(reinterpret_cast<HANDLE>(thread));
+                threads->Add(reinterpret_cast<HANDLE>(thread));
             return thread;
+        },
+        Simulator::Depth::Watch);
+    functions.Put<Simulator::System::WaitForSingleObject>(
+        [awaitEnd](const auto &next, HANDLE handle, DWORD ms) {
+            const DWORD result = next(handle, ms);
+            const DWORD thread = ms == 0 && result == WAIT_TIMEOUT ? GetThreadId(handle) : 0;
+            return thread != 0 && awaitEnd(thread) ? WAIT_OBJECT_0 : result;
+        },
+        Simulator::Depth::Watch);
+    functions.Put<Simulator::System::Sleep>(
+        [threads = m_threads, &faults = simulation.GetFaults()](const auto &next, DWORD ms) {
+            const DWORD thread = ms == kPollMs ? threads->SleepsFor() : 0;
+            if (thread == 0 || faults.Hangs(thread))
+                next(ms);
+            else
+                Sleep(1);  // not to its end, for which it may need a lock that the sleeper holds
         },
         Simulator::Depth::Watch);
 }
@@ -69,5 +120,5 @@ StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_handles(st
 StartedThreads::~StartedThreads() = default;
 
 bool StartedThreads::AwaitEnds(DWORD realMs) {
-    return m_handles->AwaitEnds(realMs);
+    return Await(realMs, [this] { return m_threads->AllHaveEnded(); });
 }

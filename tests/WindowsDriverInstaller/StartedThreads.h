@@ -1,15 +1,15 @@
-// The threads that the module starts, to wait for their real ends: a detached thread still gives back its own when the
-// object that it ran is gone.
+// The threads that the module starts. How far the last instructions of one have come when others ask for it depends on
+// the system's load, and must not make a difference in a test: they take no time.
 #pragma once
 
 #include <memory>
 
 #include "Simulation.h"
 
-/// A thread that is asked whether it still runs has ended if only its last instructions are left: how far it has come
-/// in them must not make a difference. One that hangs by a fault plan runs.
-void LetEndingThreadsEnd(Simulator::Simulation &simulation);
-
+/// While it lives:
+/// - a thread that is asked whether it still runs has ended if only its last instructions are left.
+/// - the sleeps of 100 ms in which a thread waits for those of one that it has started move no clock: all but the
+/// first. A thread that hangs by a fault plan is another matter.
 class StartedThreads {
 public:
     explicit StartedThreads(Simulator::Simulation &simulation);
@@ -17,11 +17,11 @@ public:
     StartedThreads(const StartedThreads &) = delete;
     StartedThreads &operator=(const StartedThreads &) = delete;
 
-    /// Until all have ended that were started since the last time.
+    /// Until all have really ended: a detached thread still gives back its own when the object that it ran is gone.
     /// @return false if one has not within so many real milliseconds.
     [[nodiscard]] bool AwaitEnds(DWORD realMs);
 
 private:
-    class Handles;
-    const std::shared_ptr<Handles> m_handles;
+    class Threads;
+    const std::shared_ptr<Threads> m_threads;
 };
