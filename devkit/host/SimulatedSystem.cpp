@@ -70,7 +70,7 @@ void SimulatedSystem::StartFastClock(unsigned factor) {
     for (const wchar_t *library : kLoadedLibraries)
         parts.functions.Attach(GetModuleHandleW(library), clockFunctions);
     PutUnderModule();
-    parts.fastForward.emplace(parts.core, factor);
+    parts.fastForward.emplace(parts.core);
     parts.core->clock.RunFast(factor);
 }
 

@@ -184,14 +184,15 @@ TEST(HostTable, RealTimeCannotBePutForward) {
 
 TEST(HostTable, SimulatedTimeRunsFastAndCanBePutForward) {
     ExpectPasses(R"(
-        local time, os_time, cpu = host.time(), os.time(), os.clock()
+        local real = os.clock()
+        local time, os_time = host.time(), os.time()
         host.sleep(200)
         local passed = host.time() - time
-        assert(passed >= 199.9 and passed < 2000, passed)
+        assert(passed >= 199.9 and passed <= 1000 * (os.clock() - real + 0.002), passed)
         host.advance(3600)
         assert(host.time() - time >= 3799.9)
         assert(os.time() - os_time >= 3799)
-        assert(os.clock() - cpu < 5)
+        assert(os.clock() - real < 60)
         assert(not pcall(host.advance, -1))
     )",
                  {L"--fast", L"1000"});
