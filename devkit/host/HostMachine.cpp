@@ -1,4 +1,4 @@
-// The machine's load and the agent's files, for scripts.
+// The machine's load, the version of its system, and the agent's files, for scripts.
 #include "HostState.h"
 
 #include <cmath>
@@ -20,7 +20,7 @@ struct Range {
     const char *text;
 };
 constexpr Range kAny{0, "any"};
-constexpr Range kProcessors{4294967295.0, "0 to 4294967295"};
+constexpr Range kWords{4294967295.0, "0 to 4294967295"};
 constexpr Range kBytes{9007199254740992.0, "0 to 2^53"};
 
 struct MachineField {
@@ -33,7 +33,7 @@ struct MachineField {
 constexpr MachineField kMachineFields[] = {
     {"processor_queue", kAny, [](const Simulator::Machine &machine) { return machine.processorQueue; },
      [](Simulator::Machine &machine, lua_Number value) { machine.processorQueue = value; }},
-    {"processors", kProcessors,
+    {"processors", kWords,
      [](const Simulator::Machine &machine) { return static_cast<lua_Number>(machine.processorCount); },
      [](Simulator::Machine &machine, lua_Number value) { machine.processorCount = static_cast<DWORD>(value); }},
     {"memory_total", kBytes,
@@ -44,6 +44,12 @@ constexpr MachineField kMachineFields[] = {
      [](Simulator::Machine &machine, lua_Number value) {
          machine.memoryAvailable = static_cast<std::uint64_t>(value);
      }},
+    {"os_major", kWords, [](const Simulator::Machine &machine) { return static_cast<lua_Number>(machine.osMajor); },
+     [](Simulator::Machine &machine, lua_Number value) { machine.osMajor = static_cast<DWORD>(value); }},
+    {"os_minor", kWords, [](const Simulator::Machine &machine) { return static_cast<lua_Number>(machine.osMinor); },
+     [](Simulator::Machine &machine, lua_Number value) { machine.osMinor = static_cast<DWORD>(value); }},
+    {"os_build", kWords, [](const Simulator::Machine &machine) { return static_cast<lua_Number>(machine.osBuild); },
+     [](Simulator::Machine &machine, lua_Number value) { machine.osBuild = static_cast<DWORD>(value); }},
 };
 
 const MachineField &FindMachineField(lua_State *L) {

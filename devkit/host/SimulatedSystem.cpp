@@ -45,17 +45,15 @@ SimulatedSystem::SimulatedSystem() = default;
 SimulatedSystem::~SimulatedSystem() = default;
 
 SimulatedSystem::Parts &SimulatedSystem::Use() {
-    if (m_parts == nullptr)
+    if (m_parts == nullptr) {
         m_parts = std::make_unique<Parts>();
+        m_parts->core->journal.MuteAll();  // nobody reads it here, and a script may run for days
+    }
     return *m_parts;
 }
 
 /// All functions of the set; called whenever a part has come to it.
 void SimulatedSystem::PutUnderModule() {
-    for (const std::string &function : m_parts->functions.Names())
-        m_parts->core->journal.Mute(function);  // nobody reads it here, and a script may run for days
-    for (const char *method : Simulator::NetworkMethods())
-        m_parts->core->journal.Mute(method);
     m_parts->functions.AttachWhenLoaded(kModule);
     m_parts->functions.Attach(GetModuleHandleW(kModule));
 }
@@ -115,9 +113,15 @@ Simulator::Faults &SimulatedSystem::UseFaults() {
 }
 
 bool SimulatedSystem::CanFail(std::string_view call) {
-    const std::span<const char *const> methods = Simulator::NetworkMethods();
-    return Simulator::ReplaceableFunctions().count(call) != 0 ||
-           std::find(methods.begin(), methods.end(), call) != methods.end();
+    const auto has = [call](std::span<const char *const> methods) {
+        return std::find(methods.begin(), methods.end(), call) != methods.end();
+    };
+    return Simulator::ReplaceableFunctions().count(call) != 0 || has(Simulator::NetworkMethods()) ||
+           has(Simulator::FirewallMethods());
+}
+
+std::size_t SimulatedSystem::RecordedCalls() const {
+    return m_parts == nullptr ? 0 : m_parts->core->journal.Entries().size();
 }
 
 void SimulatedSystem::MapPath(const std::wstring &from, const std::wstring &folder) {

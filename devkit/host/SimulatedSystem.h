@@ -1,6 +1,7 @@
 // The system that the module, its libraries, the script and the host see.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -45,6 +46,8 @@ public:
     /// Whether a simulated system has the call, whatever of it is simulated by now.
     /// @param call  a function, or a method such as "INetCfg::Apply".
     static bool CanFail(std::string_view call);
+    /// Calls in the simulator's journal, which stays empty: a host may run for days.
+    std::size_t RecordedCalls() const;
 
     /// From now on, fc.dll finds in the folder what lies at or below the path.
     void MapPath(const std::wstring &from, const std::wstring &folder);

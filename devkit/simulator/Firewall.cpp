@@ -12,6 +12,40 @@
 
 namespace Simulator {
 
+namespace {
+
+constexpr const char *kMethods[] = {
+    "INetFwPolicy2::QueryInterface",
+    "INetFwPolicy2::get_FirewallEnabled",
+    "INetFwPolicy2::put_FirewallEnabled",
+    "INetFwMgr::QueryInterface",
+    "INetFwMgr::get_LocalPolicy",
+    "INetFwPolicy::QueryInterface",
+    "INetFwPolicy::get_CurrentProfile",
+    "INetFwProfile::QueryInterface",
+    "INetFwProfile::get_FirewallEnabled",
+    "INetFwProfile::put_FirewallEnabled",
+    "INetFwProfile::get_AuthorizedApplications",
+    "INetFwAuthorizedApplications::QueryInterface",
+    "INetFwAuthorizedApplications::get_Count",
+    "INetFwAuthorizedApplications::Add",
+    "INetFwAuthorizedApplications::Remove",
+    "INetFwAuthorizedApplications::Item",
+    "INetFwAuthorizedApplication::QueryInterface",
+    "INetFwAuthorizedApplication::get_Name",
+    "INetFwAuthorizedApplication::put_Name",
+    "INetFwAuthorizedApplication::get_ProcessImageFileName",
+    "INetFwAuthorizedApplication::put_ProcessImageFileName",
+    "INetFwAuthorizedApplication::get_Enabled",
+    "INetFwAuthorizedApplication::put_Enabled",
+};
+
+}  // namespace
+
+std::span<const char *const> FirewallMethods() {
+    return kMethods;
+}
+
 FirewallState Firewall::Read() const {
     const InsideSimulator inside;
     const LockGuard guard(m_lock);

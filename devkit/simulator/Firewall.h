@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,9 @@ private:
 
 /// The entry of that path, in any case; null if there is none. Valid within Firewall::Use.
 [[nodiscard]] FirewallApplication *ApplicationWithPath(FirewallState &state, const std::wstring &path);
+
+/// The names of the methods that are simulated, as journal and faults have them; and of QueryInterface.
+[[nodiscard]] std::span<const char *const> FirewallMethods();
 
 /// Puts the classes NetFwPolicy2, NetFwMgr and NetFwAuthorizedApplication under CoCreateInstance. There are
 /// INetFwPolicy2, INetFwMgr, INetFwPolicy, INetFwProfile, INetFwAuthorizedApplications and INetFwAuthorizedApplication;

@@ -55,9 +55,14 @@ void Journal::Mute(const std::string &function) {
     m_muted.insert(function);
 }
 
+void Journal::MuteAll() {
+    const LockGuard guard(m_lock);
+    m_mutesAll = true;
+}
+
 bool Journal::Wants(const std::string &function) const {
     const LockGuard guard(m_lock);
-    return m_muted.find(function) == m_muted.end();
+    return !m_mutesAll && m_muted.find(function) == m_muted.end();
 }
 
 }  // namespace Simulator

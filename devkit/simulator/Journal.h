@@ -32,12 +32,15 @@ public:
 
     /// Leaves a function out from now on: for those that are called without end.
     void Mute(const std::string &function);
+    /// Leaves everything out from now on: for a program that reads nothing of it.
+    void MuteAll();
     [[nodiscard]] bool Wants(const std::string &function) const;
 
 private:
     mutable Lock m_lock;
     std::vector<JournalEntry> m_entries;
     std::set<std::string> m_muted;
+    bool m_mutesAll = false;
 };
 
 }  // namespace Simulator

@@ -300,3 +300,48 @@ TEST(HostFirewall, IsOnAtFirstAndIsTurnedOffAndOnByTheModule) {
         refused("there is no field 'home'", machine.set_firewall, { home = true })
     )");
 }
+
+TEST(HostFirewall, FailsWhereAScriptWantsItTo) {
+    (void)RunInstallScript(R"(
+        require "fc"
+        host.set_trace("FC-WFW", true)
+        host.fault { call = "INetFwPolicy2::put_FirewallEnabled", nth = 2, fail = 0x80070005 }
+        SLB.filter.DisableNativeFirewall()
+        local traces = host.traces()
+        assert(traces[#traces].message == "put_FirewallEnabled(NET_FW_PROFILE2_PRIVATE) failed: 0x80070005")
+        local left = machine.firewall()
+        assert(not left.domain and left.private and left.public)
+        host.clear_faults()
+        for _, method in ipairs { "INetFwMgr::get_LocalPolicy", "INetFwPolicy::get_CurrentProfile",
+                                  "INetFwProfile::get_AuthorizedApplications", "INetFwAuthorizedApplications::Add",
+                                  "INetFwAuthorizedApplication::put_Name" } do
+            host.fault { call = method, fail = 0x80004005 }
+            assert(not SLB.filter.WindowsFirewallAddApp([[C:\agent\agent.exe]], "Agent"), method)
+            host.clear_faults()
+        end
+        assert(SLB.filter.WindowsFirewallAddApp([[C:\agent\agent.exe]], "Agent"))
+    )");
+}
+
+TEST(HostFirewall, BeforeVistaIsOneSwitchInAService) {
+    (void)RunInstallScript(R"(
+        require "fc"
+        machine.os_major, machine.os_minor = 5, 1
+        machine.put_service("SharedAccess", "stopped")
+        host.set_trace("FC-WFW", true)
+        local function last() local traces = host.traces() return traces[#traces].message end
+
+        SLB.filter.DisableNativeFirewall()
+        assert(last() == "Windows firewall(SharedService) is not enabled")
+        machine.put_service("SharedAccess", "running")
+        SLB.filter.DisableNativeFirewall()
+        assert(last() == "Writing the registry key to flag that vantry turned off the windows firewall 1")
+        local off = machine.firewall()
+        assert(not off.current and off.domain and off.private and off.public)
+
+        machine.put_service("SharedAccess", "stopped")
+        SLB.filter.EnableNativeFirewall()
+        assert(machine.firewall().current)
+        assert(machine.inventory().services.SharedAccess == "stopped", "started for the restore alone")
+    )");
+}

@@ -47,6 +47,21 @@ TEST(HostMachine, KeepsWhatAScriptSets) {
     }
 }
 
+TEST(HostMachine, HasTheVersionThatAScriptSets) {
+    ExpectPasses(R"(
+        local machine = host.machine
+        assert(machine.os_major == 10 and machine.os_minor == 0 and machine.os_build == 19045)
+        machine.os_major, machine.os_minor, machine.os_build = 6, 2, 9200
+        assert(machine.os_major == 6 and machine.os_minor == 2 and machine.os_build == 9200)
+        local fields = {}
+        for name, value in pairs(machine) do fields[name] = value end
+        assert(fields.os_build == 9200)
+        refused("host.machine.os_major: whole number from 0 to 4294967295 expected", function()
+            machine.os_major = 5.1
+        end)
+    )");
+}
+
 TEST(HostMachine, TakesAnyNumberForTheQueue) {
     ExpectPasses(R"(
         local machine = host.machine

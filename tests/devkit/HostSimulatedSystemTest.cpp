@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <lua.hpp>
 #include <windows.h>
+#include <netfw.h>
+#include <wrl/client.h>
 
 #include "Faults.h"
 #include "FunctionSet.h"
@@ -39,6 +41,13 @@ public:
     F *Imported(F *, const char *name) const {
         void **slot = FindSlot(m_module, name);
         return slot == nullptr ? nullptr : reinterpret_cast<F *>(*slot);
+    }
+
+    /// Asks for a function of a library as the module's own code does.
+    template <class F>
+    F *HandedOut(F *, const wchar_t *library, const char *name) const {
+        const auto ask = Imported(&::GetProcAddress, "GetProcAddress");
+        return reinterpret_cast<F *>(reinterpret_cast<void *>(ask(GetModuleHandleW(library), name)));
     }
 
 private:
@@ -136,6 +145,8 @@ TEST(HostSimulatedSystem, TellsWhichCallsCanFailBeforeAnythingIsSimulated) {
     const std::uint64_t real = MemoryOf(module);
     EXPECT_TRUE(SimulatedSystem::CanFail("StartServiceW"));
     EXPECT_TRUE(SimulatedSystem::CanFail("INetCfgComponent::GetId"));
+    EXPECT_TRUE(SimulatedSystem::CanFail("INetFwPolicy2::put_FirewallEnabled"));
+    EXPECT_FALSE(SimulatedSystem::CanFail("INetFwPolicy2::Release"));
     EXPECT_FALSE(SimulatedSystem::CanFail("StartService"));
     EXPECT_FALSE(SimulatedSystem::CanFail("INetCfg::AddRef"));
     EXPECT_FALSE(SimulatedSystem::CanFail(""));
@@ -144,6 +155,25 @@ TEST(HostSimulatedSystem, TellsWhichCallsCanFailBeforeAnythingIsSimulated) {
     system.UseMachine().memoryTotal = 12345;
     (void)system.UseFaults().FailEvery("GlobalMemoryStatusEx", ERROR_GEN_FAILURE);
     EXPECT_EQ(MemoryOf(module), 0U);
+}
+
+TEST(HostSimulatedSystem, RecordsNoCalls) {
+    StandIn module(WxLibrary());
+    module.Load();
+    SimulatedSystem system;
+    (void)system.UseFaults();
+    EXPECT_NE(MemoryOf(module), 0U);
+    const auto initialize = module.HandedOut(&::CoInitializeEx, L"ole32.dll", "CoInitializeEx");
+    const auto create = module.HandedOut(&::CoCreateInstance, L"ole32.dll", "CoCreateInstance");
+    const auto uninitialize = module.HandedOut(&::CoUninitialize, L"ole32.dll", "CoUninitialize");
+    ASSERT_TRUE(SUCCEEDED(initialize(nullptr, COINIT_APARTMENTTHREADED)));
+    {
+        Microsoft::WRL::ComPtr<INetFwPolicy2> policy;
+        ASSERT_EQ(create(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&policy)), S_OK);
+        EXPECT_EQ(policy->put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN, VARIANT_FALSE), S_OK);
+    }
+    uninitialize();
+    EXPECT_EQ(system.RecordedCalls(), 0U);
 }
 
 TEST(HostSimulatedSystem, EndsWhileItWaitsForCallsThatNeverCome) {

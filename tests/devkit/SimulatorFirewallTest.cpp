@@ -1,6 +1,8 @@
 #include "Firewall.h"
 
+#include <initializer_list>
 #include <memory>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -206,6 +208,39 @@ TEST_F(SimulatedFirewall, FailsAsPlannedWithoutAnyEffect) {
     const std::vector<JournalEntry> calls = simulation->GetJournal().Take();
     EXPECT_EQ(calls.back().function, "INetFwPolicy2::put_FirewallEnabled");
     EXPECT_EQ(calls.back().arguments, "4, 0");
+}
+
+TEST_F(SimulatedFirewall, TellsTheNamesOfAllItsMethods) {
+    (void)simulation->GetJournal().Take();
+    const ComPtr<INetFwPolicy2> policy = Policy();
+    const ComPtr<INetFwMgr> manager = Create<INetFwMgr>(__uuidof(NetFwMgr));
+    ComPtr<INetFwPolicy> localPolicy;
+    EXPECT_EQ(manager->get_LocalPolicy(&localPolicy), S_OK);
+    const ComPtr<INetFwProfile> profile = CurrentProfile();
+    const ComPtr<INetFwAuthorizedApplications> list = List();
+    const ComPtr<INetFwAuthorizedApplication> entry = Entry(L"C:\\a.exe", L"a");
+    for (IUnknown *object : std::initializer_list<IUnknown *>{policy.Get(), manager.Get(), localPolicy.Get(),
+                                                              profile.Get(), list.Get(), entry.Get()})
+        (void)object->QueryInterface(__uuidof(IUnknown), nullptr);
+    (void)policy->get_FirewallEnabled(NET_FW_PROFILE2_DOMAIN, nullptr);
+    (void)policy->put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN, VARIANT_TRUE);
+    (void)profile->get_FirewallEnabled(nullptr);
+    (void)profile->put_FirewallEnabled(VARIANT_TRUE);
+    (void)list->get_Count(nullptr);
+    (void)list->Add(nullptr);
+    (void)list->Remove(nullptr);
+    (void)list->Item(nullptr, nullptr);
+    (void)entry->get_Name(nullptr);
+    (void)entry->get_ProcessImageFileName(nullptr);
+    (void)entry->get_Enabled(nullptr);
+    (void)entry->put_Enabled(VARIANT_TRUE);
+    std::set<std::string> called;
+    for (const std::string &name : simulation->GetJournal().Names()) {
+        if (name.starts_with("INetFw"))
+            called.insert(name);
+    }
+    const std::span<const char *const> told = FirewallMethods();
+    EXPECT_EQ(std::set<std::string>(told.begin(), told.end()), called);
 }
 
 TEST_F(SimulatedFirewall, HasObjectsThatOutliveIt) {

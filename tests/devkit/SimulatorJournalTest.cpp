@@ -57,6 +57,13 @@ TEST(Journal, DoesNotWantWhatIsMuted) {
     EXPECT_TRUE(journal.Wants("two"));
 }
 
+TEST(Journal, WantsNothingOnceAllIsMuted) {
+    Journal journal;
+    journal.MuteAll();
+    EXPECT_FALSE(journal.Wants("one"));
+    EXPECT_FALSE(journal.Wants("two"));
+}
+
 TEST(Journal, LosesNothingOfManyThreads) {
     Journal journal;
     const auto fill = [&journal](const char *name) {
