@@ -94,7 +94,8 @@ function SLB.filter.GetScanMetricPort() end
 ---@param handle fc.DriverHandle
 function SLB.filter.setup_qbtrace(handle) end
 
----Puts the state of the drivers into a diagnostic package.
+---Puts the state of the drivers into a diagnostic package. Event 1001 tells of each failure of the driver library, and of
+---statistics in another layout.
 ---@param dom SLB.Dom
 ---@param handle fc.DriverHandle an open one
 ---@param zip SLB.wx.ZipOutputStream stays open
@@ -145,15 +146,17 @@ function SLB.filter.GetDriverStoppedByBLPTimestamp() end
 ---@nodiscard
 function SLB.filter.GetFileVersion(path) end
 
----Installs both drivers, or brings them to the version of the files. Agent events tell what became of it: 1004 a
----failure, 1007 a success, 1006 a reboot that is needed.
+---Installs both drivers, or brings them to the version of the files. A newer driver is left alone, whether it runs or
+---not. Agent events tell what became of it: 1004 a failure, 1007 a success, 1006 a reboot that is needed, 3005 a call of
+---COM, the network configuration or the devices that failed. Failures of the callout are only in the log.
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string the folder of the filter driver's files
 ---@param wfp_folder string the folder of the callout's files
 ---@return boolean ended true also when the installation has failed
 function SLB.filter.InstallOrUpdateDriver(dom, ndis_folder, wfp_folder) end
 
----Removes both drivers with all that belongs to them.
+---Removes both drivers with all that belongs to them. Event 3005 tells of a call of COM, the network configuration or the
+---devices that failed. Failures of the callout and of INF files are only in the log.
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string not used
 ---@param wfp_folder string the folder of the callout's files, with a backslash at its end
@@ -161,46 +164,48 @@ function SLB.filter.InstallOrUpdateDriver(dom, ndis_folder, wfp_folder) end
 function SLB.filter.UninstallDriver(dom, ndis_folder, wfp_folder) end
 
 ---Starts `qbimwfp` unless it runs.
----@param wait? boolean until it runs, for half a minute at most
+---@param wait? boolean until it runs, for nearly 40 seconds at most
 ---@return boolean ok true also where it is not installed
 function SLB.filter.StartWFPDriver(wait) end
 
 ---Stops `qbimwfp` if it runs.
----@param wait? boolean until it has stopped, for half a minute at most
----@return boolean ok true also where it is not installed
+---@param wait? boolean until it has stopped, for nearly 40 seconds at most
+---@return boolean ok true also where it is not installed, or the service manager can't be opened
 function SLB.filter.StopWFPDriver(wait) end
 
 ---Stops `qbimwfp` and starts it.
----@param wait? boolean for each of both, for half a minute at most
----@return boolean ok true also where it is not installed
+---@param wait? boolean for each of both, for nearly 40 seconds at most; without, the service may be left stopped
+---@return boolean ok true also where it is not installed; without waiting, also where it is left stopped
 function SLB.filter.RestartWFPDriver(wait) end
 
 ---Stops `qbimvta` if it runs.
----@param wait? boolean until it has stopped, for half a minute at most
----@return boolean ok true also where it is not installed
+---@param wait? boolean until it has stopped, for nearly 40 seconds at most
+---@return boolean ok true also where it is not installed, or the service manager can't be opened
 function SLB.filter.StopNDISDriver(wait) end
 
 ---Starts `qbimvta` unless it runs.
----@param wait? boolean until it runs, for half a minute at most
+---@param wait? boolean until it runs, for nearly 40 seconds at most
 ---@return boolean ok true also where it is not installed
 function SLB.filter.StartNDISDriver(wait) end
 
 ---Stops `qbimvta` and starts it.
----@param wait? boolean for each of both, for half a minute at most
----@return boolean ok true also where it is not installed
+---@param wait? boolean for each of both, for nearly 40 seconds at most; without, the service may be left stopped
+---@return boolean ok true also where it is not installed; without waiting, also where it is left stopped
 function SLB.filter.RestartNDISDriver(wait) end
 
----Turns on what `DisableNativeFirewall` has turned off.
+---Turns on what `DisableNativeFirewall` has turned off. A failure is only traced, under `FC-WFW`; the next call tries
+---again.
 ---@return 0 result
 function SLB.filter.EnableNativeFirewall() end
 
----Turns off the profiles of the system's firewall that are on, and remembers them.
+---Turns off the profiles of the system's firewall that are on, and remembers them. A failure is only traced, under
+---`FC-WFW`.
 ---@return 0 result
 function SLB.filter.DisableNativeFirewall() end
 
 ---Puts a program on the list of authorised applications of the current profile.
----@param path string the full path of the program's file
----@param name string how the list shows it
+---@param path string the full path of the program's file; not empty
+---@param name string how the list shows it; not empty, unless the program is listed and enabled
 ---@return boolean ok true when the program is listed and enabled
 function SLB.filter.WindowsFirewallAddApp(path, name) end
 
