@@ -1,4 +1,6 @@
 // The machinery of the driver threads: steps, their watch and their log, and the way to the network configuration.
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <future>
@@ -357,6 +359,67 @@ TEST_F(DriverThread, WithoutAStepIsKeptFromStartingOneThatLong) {
     EXPECT_EQ(worker.wait_for(milliseconds(30'000)), std::future_status::ready);
     EXPECT_TRUE(watcher.get());
     EXPECT_EQ(thread.TopStep(), 9U);
+}
+
+// ---- The end
+
+TEST_F(DriverThread, IsNotKilledForAStepThatHasEndedMeanwhile) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    AdvanceMs(15'000);
+    EXPECT_FALSE(thread.WaitForStepToFinish());
+    thread.EndStep(6);
+    std::uint32_t step = NoStep;
+    EXPECT_EQ(JudgeOverrun(thread, step), Verdict::GoesOn);
+    EXPECT_EQ(step, NoStep);
+}
+
+TEST_F(DriverThread, IsLeftAloneOutsideOfAllInnerSteps) {
+    Probe thread(dom);
+    AdvanceMs(3'600'000);
+    EXPECT_FALSE(thread.WaitForStepToFinish());
+    std::uint32_t step = NoStep;
+    EXPECT_EQ(JudgeOverrun(thread, step), Verdict::IsLeftAlone);
+}
+
+// ---- What it logs
+
+TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
+    GrabbedLog grabbed;
+    std::atomic<bool> enough{false};
+    auto worker = std::async(std::launch::async, [&] {
+        wxLog *const before = wxLog::SetThreadActiveTarget(grabbed.Target());
+        while (!enough)
+            wxLogMessage("one line");
+        (void)wxLog::SetThreadActiveTarget(before);
+    });
+    std::size_t longest = 0;
+    for (int time = 0; time < 300; ++time) {
+        const wxString text = grabbed.TextSoFar();
+        ASSERT_EQ(text.length() % 9, 0U) << "whole lines";
+        ASSERT_TRUE(text.empty() || text.EndsWith("one line\n"));
+        longest = std::max(longest, text.length());
+    }
+    enough = true;
+    worker.get();
+    EXPECT_GE(grabbed.WholeText().length(), longest);
+}
+
+TEST(GrabbedLogOfADriverThread, HasWhatItsGrabberHeldBackWhenThatHasEnded) {
+    GrabbedLog grabbed;
+    wxLog *const target = grabbed.Target();
+    wxLog *const before = wxLog::SetThreadActiveTarget(target);
+    wxLogMessage("first");
+    (void)wxLog::SetThreadActiveTarget(before);
+    EXPECT_EQ(grabbed.TextSoFar(), "first\n");
+    VtaCore::Control::SetGrabbersHoldBack(true);
+    (void)wxLog::SetThreadActiveTarget(target);
+    wxLogMessage("second");
+    (void)wxLog::SetThreadActiveTarget(before);
+    VtaCore::Control::SetGrabbersHoldBack(false);
+    EXPECT_EQ(grabbed.TextSoFar(), "first\n");
+    EXPECT_EQ(grabbed.WholeText(), "first\nsecond\n");
 }
 
 // ---- The network configuration

@@ -301,6 +301,17 @@ TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
     EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
 }
 
+TEST_F(InstallWatch, TellsAlsoWhatTheGrabberOfTheLogHoldsBackUntilItsEnd) {
+    const std::string whole = WorkerLog(Install());
+    SetRunningVersion(std::nullopt);
+    VtaCore::Control::SetGrabbersHoldBack(true);
+    const std::string heldBack = WorkerLog(Install());
+    VtaCore::Control::SetGrabbersHoldBack(false);
+    EXPECT_NE(heldBack, "");
+    EXPECT_TRUE(heldBack.ends_with("<ApplyingInetCfgChanges\n")) << heldBack;
+    EXPECT_TRUE(whole.ends_with("<ApplyingInetCfgChanges\n")) << whole;
+}
+
 // --- what follows a success ---
 
 TEST_F(InstallWatch, RestoresTheBindingsOfAnUpgradeOverTheRecordsFromBefore) {

@@ -101,7 +101,8 @@ void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give)
             ADD_FAILURE() << "the walk waits for the thread that it has paused";
             (void)::ResumeThread(thread.MSWGetHandle());
         }
-        EXPECT_EQ(capture.get().rfind("[00] ", 0), 0U);
+        const std::string text = capture.get();
+        EXPECT_TRUE(text.empty() || text.starts_with("[00] ")) << text;
         EXPECT_TRUE(thread.IsRunning());
     }
     thread.letGo.Set();
@@ -113,7 +114,7 @@ TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheHeap) {
 }
 
 TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheLoader) {
-    using Lock = LONG(NTAPI *)(ULONG flags, ULONG *state, ULONG_PTR *cookie);
+    using Lock = LONG(NTAPI *)(ULONG flags, ULONG * state, ULONG_PTR * cookie);
     using Unlock = LONG(NTAPI *)(ULONG flags, ULONG_PTR cookie);
     const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
     const auto lock = reinterpret_cast<Lock>(reinterpret_cast<void *>(GetProcAddress(ntdll, "LdrLockLoaderLock")));

@@ -64,13 +64,13 @@ public:
     }
 
 private:
-    /// Where symbol files are looked for, beside the folders of the modules. Not empty, which would be the environment's.
+    /// Where symbol files are looked for, beside the folders of the modules. Not empty, which would be the
+    /// environment's.
     static std::wstring FolderOfThisModule() {
         HMODULE module = nullptr;
         wchar_t path[MAX_PATH] = L"";
-        (void)GetModuleHandleExW(
-            GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-            reinterpret_cast<const wchar_t *>(&FolderOfThisModule), &module);
+        (void)GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                                 reinterpret_cast<const wchar_t *>(&FolderOfThisModule), &module);
         const std::wstring file(path, GetModuleFileNameW(module, path, MAX_PATH));
         const std::size_t end = file.rfind(L'\\');
         return end == std::wstring::npos ? L"." : file.substr(0, end);
