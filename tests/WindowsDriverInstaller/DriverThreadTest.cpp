@@ -408,15 +408,10 @@ TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
 
 TEST(GrabbedLogOfADriverThread, HasWhatItsGrabberHeldBackWhenThatHasEnded) {
     GrabbedLog grabbed;
-    wxLog *const target = grabbed.Target();
-    wxLog *const before = wxLog::SetThreadActiveTarget(target);
-    wxLogMessage("first");
-    (void)wxLog::SetThreadActiveTarget(before);
-    EXPECT_EQ(grabbed.TextSoFar(), "first\n");
+    const wxLogRecordInfo info(__FILE__, __LINE__, __func__, "wx");
+    grabbed.Target()->LogRecord(wxLOG_Message, "first", info);
     VtaCore::Control::SetGrabbersHoldBack(true);
-    (void)wxLog::SetThreadActiveTarget(target);
-    wxLogMessage("second");
-    (void)wxLog::SetThreadActiveTarget(before);
+    grabbed.Target()->LogRecord(wxLOG_Message, "second", info);
     VtaCore::Control::SetGrabbersHoldBack(false);
     EXPECT_EQ(grabbed.TextSoFar(), "first\n");
     EXPECT_EQ(grabbed.WholeText(), "first\nsecond\n");
