@@ -9,7 +9,7 @@
 namespace {
 
 constexpr std::int64_t kSecondsFrom1601To1970 = 11'644'473'600;
-constexpr DWORD kReaderWaitMs = 10'000;  // real
+constexpr DWORD kReaderWaitMs = 60'000;  // real
 
 std::string AllOf(const std::vector<std::string> &lines) {
     std::string text = "the lines are:";

@@ -428,7 +428,7 @@ int SweepFixture::CallProtected(lua_State *L, const SweptCall &call) {
 
 /// A thread frees its object a moment after it is done, and closes its handle when it ends.
 void SweepFixture::AwaitThreads(int objectsBefore, const Simulator::BalanceSnapshot &before) {
-    constexpr DWORD longEnoughMs = 10'000;
+    constexpr DWORD longEnoughMs = 60'000;
     for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take())) {
         if (item.function == std::string("_beginthreadex"))
             (void)Simulator::System::WaitForSingleObject::Real(reinterpret_cast<HANDLE>(item.value), longEnoughMs);
