@@ -102,6 +102,9 @@ InstallThreads ThreadsOf(const std::vector<JournalEntry> &journal, DWORD caller)
     for (const JournalEntry &entry : journal) {
         if (entry.thread == caller || entry.thread == threads.watchdog)
             continue;
+        // Of the thread that would resume a paused one these are the only calls.
+        if (entry.function == "SetEvent" || entry.function == kWaits)
+            continue;
         if (threads.watchdog != 0)
             return {threads.watchdog, entry.thread};
         threads.watchdog = entry.thread;
