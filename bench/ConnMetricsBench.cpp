@@ -1,9 +1,13 @@
 #include "ConnMetricsBench.h"
 
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "ConnMetricsFloor.h"
 #include "LuaBench.h"
@@ -82,6 +86,68 @@ void BenchPresentKeys(ModuleBench &bench, Report &report) {
     report.Add("AddToConnMetrics, present key of 10,000, to pure Lua", times[0] / times[1], "time ratio", "< 1");
     report.Add("AddToConnMetrics, present key of 10,000, to reading the arguments", times[0] / times[2], "time ratio",
                "<= 2.5");
+    bench.Empty();
+}
+
+/// Keys of sixteen ASCII characters that all have one value of the hash that this module had once: the length as a
+/// start, then for each word of eight bytes a xor, a multiplication by an odd constant and a xor-shift. Each step can
+/// be undone, so that for any first word there is a second one that leads to the wanted value; those of printable bytes
+/// serve.
+std::vector<std::string> KeysThatCollidedOnce(std::size_t count) {
+    constexpr std::uint64_t factor = 0x9E3779B97F4A7C15U;
+    std::uint64_t inverse = factor;
+    for (int i = 0; i < 6; ++i)
+        inverse *= 2 - factor * inverse;
+    const auto shift = [](std::uint64_t word) { return word ^ (word >> 32); };  // undoes itself
+    std::mt19937_64 random(7);
+    std::vector<std::string> keys;
+    // The low 32 bits of the hash, which were its value, are 0; the others are free.
+    while (keys.size() < count) {
+        char first[9];
+        (void)std::snprintf(first, sizeof(first), "%08u", static_cast<unsigned>(random() % 100'000'000));
+        std::uint64_t word = 0;
+        std::memcpy(&word, first, sizeof(word));
+        const std::uint64_t between = shift((word ^ 16) * factor);
+        for (int tries = 0; tries < 4096; ++tries) {
+            const std::uint64_t last = (shift(random() << 32) * inverse) ^ between;
+            if (((last - 0x0101010101010101U) | last) & 0x8080808080808080U)
+                continue;
+            std::string key(first, 8);
+            key.append(reinterpret_cast<const char *>(&last), sizeof(last));
+            keys.push_back(key);
+            break;
+        }
+    }
+    return keys;
+}
+
+void SetKeys(lua_State *L, const char *global, const std::vector<std::string> &keys) {
+    lua_createtable(L, static_cast<int>(keys.size()), 0);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        lua_pushlstring(L, keys[i].data(), keys[i].size());
+        lua_rawseti(L, -2, static_cast<int>(i + 1));
+    }
+    lua_setglobal(L, global);
+}
+
+void BenchHostileKeys(ModuleBench &bench, Report &report) {
+    constexpr std::size_t count = 10'000;
+    SetKeys(bench.lua, "hostile", KeysThatCollidedOnce(count));
+    std::mt19937_64 random(11);
+    std::vector<std::string> harmless(count);
+    for (std::string &key : harmless)
+        for (int i = 0; i < 16; ++i)
+            key += static_cast<char>('!' + random() % 94);
+    SetKeys(bench.lua, "harmless", harmless);
+    const auto loop = [&bench](const std::string &keys) {
+        bench.Empty();
+        bench.lua.Run("for i = 1, 10000 do f.AddToConnMetrics(" + keys + "[i], '', 1) end");
+        return bench.lua.Time("local add, keys = f.AddToConnMetrics, " + keys +
+                              " for i = 1, 10000 do add(keys[i], '', 1) end");
+    };
+    const auto times = MedianTimes(kRounds, {[&] { return loop("hostile"); }, [&] { return loop("harmless"); }});
+    report.Add("AddToConnMetrics, present key of 10,000 made to collide, to random keys", times[0] / times[1],
+               "time ratio", "<= 1.5");
     bench.Empty();
 }
 
@@ -185,8 +251,7 @@ struct CountedModule {
 };
 
 /// What the module asks of the heap for 10,000 keys, with Lua's own memory left out of the count.
-void BenchMemory(Report &report) {
-    CountedModule module;
+void BenchMemory(CountedModule &module, Report &report) {
     auto &[simulation, balance, lua] = module;
     lua.Run(kTraffic);
 
@@ -207,9 +272,8 @@ void BenchMemory(Report &report) {
 
 /// The most that Lua and the module hold at once, from the adding of a text of many short lines to the end of its
 /// drain.
-void BenchDrainMemory(Report &report) {
+void BenchDrainMemory(CountedModule &module, Report &report) {
     constexpr double kTextBytes = 4 * 1024 * 1024;
-    CountedModule module;
     auto &[simulation, balance, lua] = module;
     simulation.Attach(GetModuleHandleW(nullptr));  // Lua's memory comes from this program
     lua.Run("text = ('x\\n'):rep(2 * 1024 * 1024) collectgarbage()");
@@ -228,10 +292,12 @@ void BenchConnMetrics(Report &report) {
     {
         ModuleBench bench;
         BenchPresentKeys(bench, report);
+        BenchHostileKeys(bench, report);
         BenchNewKeys(bench, report);
         BenchFold(bench, report);
         BenchRows(bench, report);
     }
-    BenchMemory(report);
-    BenchDrainMemory(report);
+    CountedModule module;
+    BenchMemory(module, report);
+    BenchDrainMemory(module, report);
 }

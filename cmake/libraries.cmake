@@ -23,6 +23,13 @@ set_target_properties(cjson PROPERTIES IMPORTED_LOCATION "${FC_LIBRARIES}/lib/li
 target_include_directories(cjson SYSTEM INTERFACE "${FC_LIBRARIES}/include")
 target_compile_definitions(cjson INTERFACE CJSON_HIDE_SYMBOLS)
 
+set(FC_HEADERS "" CACHE PATH "folder with robin-map and xxHash")
+if(NOT EXISTS "${FC_HEADERS}/complete")
+    message(FATAL_ERROR "FC_HEADERS ('${FC_HEADERS}') holds no headers: build with ./dev, which copies them")
+endif()
+add_library(header_libraries INTERFACE IMPORTED)
+target_include_directories(header_libraries SYSTEM INTERFACE "${FC_HEADERS}/include")
+
 file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
 # Everything a program of ours needs beside itself, once, in the folder of the binaries.
 file(COPY_FILE "${wx_dll}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/wxbase32u_gcc_custom.dll" ONLY_IF_DIFFERENT)

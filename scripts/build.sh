@@ -18,6 +18,7 @@ with_lock() {
 make_libraries() {
     fetch_sources
     build_libraries
+    copy_headers
 }
 
 # Debian's wrapper warns about a missing 32-bit Wine; the program behind it does not.
@@ -28,6 +29,7 @@ wine_program() {
 # Whether the build folder was configured for this clone, these libraries and this Wine.
 is_configured() {
     [ -f "$BUILD/build.ninja" ] && grep -qxF "FC_LIBRARIES:PATH=$(libraries_dir)" "$BUILD/CMakeCache.txt" &&
+        grep -qxF "FC_HEADERS:PATH=$(headers_dir)" "$BUILD/CMakeCache.txt" &&
         grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$BUILD/CMakeCache.txt" &&
         grep -qF "CMAKE_CROSSCOMPILING_EMULATOR:UNINITIALIZED=$(wine_program)" "$BUILD/CMakeCache.txt"
 }
@@ -37,7 +39,7 @@ configure_build() {
     rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles"
     quietly configure.log "configuring" cmake -G Ninja -S "$ROOT" -B "$BUILD" \
         -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DFC_LIBRARIES="$(libraries_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
+        -DFC_LIBRARIES="$(libraries_dir)" -DFC_HEADERS="$(headers_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
 }
 
 make_wine_prefix() {

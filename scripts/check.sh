@@ -32,7 +32,7 @@ tidy_arguments() {
     for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
-    for dir in "$libraries/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
+    for dir in "$libraries/include" "$(headers_dir)/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
         echo -isystem "$dir"
     done
     x86_64-w64-mingw32-g++-posix -E -x c++ -v /dev/null 2>&1 |

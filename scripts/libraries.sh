@@ -56,3 +56,26 @@ build_libraries() {
     rm -rf "$final" "$work"
     mv "$prefix" "$final"
 }
+
+# robin-map and xxHash, in a folder of their own: another version of them costs a copy, not a build.
+headers_dir() {
+    local key
+    key=$(dpkg-query -W -f='${Package} ${Version}\n' "${PACKAGES_HEADERS[@]}" | sha256sum | cut -c1-16)
+    echo "$CACHE/headers/$key"
+}
+
+# Copied, since the system's /usr/include must not get onto the cross compiler's path.
+copy_headers() {
+    local final prefix
+    final=$(headers_dir)
+    [ -f "$final/complete" ] && return 0
+    prefix=$final.partial
+    rm -rf "$prefix"
+    mkdir -p "$prefix/include" "$prefix/licences"
+    cp -R /usr/include/tsl /usr/include/xxhash.h "$prefix/include/"
+    cp /usr/share/doc/robin-map-dev/copyright "$prefix/licences/robin-map.txt"
+    cp /usr/share/doc/libxxhash-dev/copyright "$prefix/licences/xxHash.txt"
+    touch "$prefix/complete"
+    rm -rf "$final"
+    mv "$prefix" "$final"
+}

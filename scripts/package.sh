@@ -16,7 +16,7 @@ make_package() {
     x86_64-w64-mingw32-objcopy --add-gnu-debuglink="$dir/fc.dll.debug" "$dir/fc.dll"
     cp "$ROOT/docs/lua/fc.d.lua" "$dir/lua/"
     cp "$ROOT/LICENSE" "$dir/licences/fc.txt"
-    cp "$(libraries_dir)"/licences/*.txt "$dir/licences/"
+    cp "$(libraries_dir)"/licences/*.txt "$(headers_dir)"/licences/*.txt "$dir/licences/"
     rm -f "$zip"
     (cd "$BUILD/package" && zip -q -X -r "$zip" "$name")
     unzip -tq "$zip" >/dev/null || die "the package is broken; try again"

@@ -467,15 +467,56 @@ TEST_F(ConnMetrics, ATextOfManyLinesMakesAsManyFields) {
 
 // ---- Keys that are much alike
 
+/// Sources of random bytes in the place of the system's.
+unsigned randomCalls = 0;
+ULONG randomBytes = 0;
+BOOLEAN WINAPI KnownBytes(void *buffer, ULONG size) {
+    ++randomCalls;
+    randomBytes = size;
+    for (ULONG i = 0; i < size; ++i)
+        static_cast<unsigned char *>(buffer)[i] = static_cast<unsigned char>(i * i * 31 + i * 17 + 5);
+    return TRUE;
+}
+BOOLEAN WINAPI NoBytes(void *, ULONG) {
+    ++randomCalls;
+    return FALSE;
+}
+
+Simulator::Redirection RandomSource(BOOLEAN(WINAPI *source)(void *, ULONG)) {
+    randomCalls = 0;
+    return {GetModuleHandleW(L"fc.dll"), "SystemFunction036", reinterpret_cast<void *>(source)};
+}
+
+TEST_F(ConnMetrics, TheHashOfKeysIsKeyedWithRandomBytesThatAreDrawnOnce) {
+    const Simulator::Redirection source = RandomSource(&KnownBytes);
+    ASSERT_TRUE(source.Found());
+    lua.Run("fill(1, 100)");
+    Fold();
+    lua.Run("fill(1, 100)");
+    EXPECT_EQ(randomCalls, 1U);
+    EXPECT_EQ(randomBytes, 192U) << "the whole secret of the hash";
+}
+
+TEST_F(ConnMetrics, WithoutRandomBytesKeysAreCountedAllTheSame) {
+    const Simulator::Redirection source = RandomSource(&NoBytes);
+    lua.Run("fill(1, 1000) fill(1, 1000)");
+    EXPECT_EQ(randomCalls, 1U);
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows .. ' ' .. sum(rows)"), "1000 2000");
+}
+
 TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
-    // Pairs that collide in the shortcut's 32-bit hash: different within its record, in the record's last
-    // word, behind it, and in front of a long common end.
+    const Simulator::Redirection source = RandomSource(&KnownBytes);
+    // Pairs that collide in the shortcut's 32-bit hash under the known bytes: different within its record, in the
+    // record's last word, behind it, and in front of a long common end.
     lua.Run(R"(
         pairs_ = {
-            {'key00019869', 'key00117042'},
-            {('p'):rep(39) .. '000039872', ('p'):rep(39) .. '000206405'},
-            {('p'):rep(48) .. '00075359', ('p'):rep(48) .. '00301814'},
-            {'0000076729' .. ('q'):rep(60), '0000088286' .. ('q'):rep(60)},
+            {'key00020759', 'key00048516'},
+            {('p'):rep(39) .. '000024231', ('p'):rep(39) .. '000041060'},
+            {('p'):rep(48) .. '00111397', ('p'):rep(48) .. '00113274'},
+            {'0000030001' .. ('q'):rep(60), '0000148801' .. ('q'):rep(60)},
+            {'0000046370' .. ('r'):rep(250), '0000054004' .. ('r'):rep(250)},
         }
         for _, pair in ipairs(pairs_) do
             for round = 1, 3 do

@@ -5,6 +5,7 @@
 
 #include "ConnMetricsRows.h"
 #include "ModuleObjects.h"
+#include "StagingMetrics.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include <wx/dynlib.h>
 
+#include "StagingMetrics.h"
 #include "vti.h"
 
 // The order of these definitions is the order of construction; keep it.

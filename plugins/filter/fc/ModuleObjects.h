@@ -8,7 +8,9 @@
 #include <wx/string.h>
 #include <wx/thread.h>
 
-#include "StagingMetrics.h"
+#include "ConnMetricsMap.h"
+
+class StagingMetrics;
 
 /// Guards `mergedMetrics` and the writing of `lastMetricsUpdate`; the test whether a fold is due reads it
 /// without.

@@ -7,37 +7,42 @@
 #include <string_view>
 #include <vector>
 
+#include <tsl/robin_set.h>
+
 #include "ConnMetricsMap.h"
 
-/// A key with its hash. A key of ASCII characters without a NUL is the same text in every locale, so
-/// that its entry can be found without a conversion.
-class PlainKey {
+/// A key with its hash.
+class HashedKey {
 public:
-    explicit PlainKey(std::string_view text);
+    explicit HashedKey(std::string_view text);
 
-    /// False where the text holds other characters: such a key is not for SeenKeys.
-    [[nodiscard]] bool IsPlain() const { return m_plain; }
     [[nodiscard]] std::uint32_t Hash() const { return m_hash; }
     [[nodiscard]] std::string_view Text() const { return m_text; }
 
 private:
     std::string_view m_text;
-    std::uint32_t m_hash = 0;
-    bool m_plain = false;
+    std::uint32_t m_hash;
 };
 
-/// A hash table with open addressing. What it needs to know of a key, most keys whole, lies in one cache
-/// line beside the count, so that counting costs two accesses to memory and not one for each level of
-/// the map. Not thread-safe.
+/// A hash table for keys of ASCII characters without a NUL. They are the same text in every locale, so that their
+/// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in one cache line
+/// beside the count, so that counting costs two accesses to memory and not one for each level of the map. Not
+/// thread-safe.
 class SeenKeys {
 public:
     using Entry = ConnMetricsMap::value_type;
 
+    SeenKeys() : m_slots(EmptySlots()) {}
+    SeenKeys(const SeenKeys &) = delete;
+    SeenKeys &operator=(const SeenKeys &) = delete;
+
     /// Adds to the count of a key that was inserted before.
+    /// @param key  any.
     /// @return false if it was not.
-    bool Count(const PlainKey &key, std::uint32_t count);
+    bool Count(const HashedKey &key, std::uint32_t count);
+    /// @param key    ASCII without a NUL.
     /// @param entry  has that key, is not here yet, and stays where it is until Clear.
-    void Insert(const PlainKey &key, Entry &entry);
+    void Insert(const HashedKey &key, Entry &entry);
     /// Adds what was counted here to the entries.
     void Settle();
     /// Forgets all entries and gives the memory back.
@@ -51,14 +56,30 @@ private:
         char head[48];  ///< The beginning of the key; the rest is in the entry alone.
     };
     static_assert(sizeof(Record) == 64);
+    using Records = std::vector<Record>;
     struct Slot {
         std::uint32_t hash;
-        std::uint32_t record;  ///< Number of the record, from 1; 0 in a free slot.
+        std::uint32_t record;  ///< Its place among the records.
     };
-    [[nodiscard]] static bool Has(const Record &record, std::string_view key);
-    void Place(const Slot &slot);
-    void Grow();
+    struct HashOfSlot {
+        std::size_t operator()(const Slot &slot) const { return slot.hash; }
+        std::size_t operator()(const HashedKey &key) const { return key.Hash(); }
+    };
+    struct SameKey {
+        using is_transparent = void;
+        const Records *records;
 
-    std::vector<Slot> m_slots;  ///< A power of two in number, at most three quarters in use.
-    std::vector<Record> m_records;
+        bool operator()(const Slot &left, const Slot &right) const { return left.record == right.record; }
+        bool operator()(const Slot &slot, const HashedKey &key) const {
+            return slot.hash == key.Hash() && Has((*records)[slot.record], key.Text());
+        }
+        bool operator()(const HashedKey &key, const Slot &slot) const { return (*this)(slot, key); }
+    };
+    using Slots = tsl::robin_set<Slot, HashOfSlot, SameKey>;
+
+    [[nodiscard]] static bool Has(const Record &record, std::string_view key);
+    [[nodiscard]] Slots EmptySlots() const { return Slots(0, HashOfSlot(), SameKey{&m_records}); }
+
+    Records m_records;
+    Slots m_slots;
 };

@@ -5,13 +5,6 @@
 namespace {
 
 /// What wxString makes of the bytes up to the first NUL in the current locale; ASCII needs no conversion.
-wxString TextFromLocale(std::string_view narrow) {
-    if (IsPlainAscii(narrow))
-        return WidenAscii(narrow);
-    return wxString(narrow.data());
-}
-
-/// As above; ASCII is kept as it is.
 ConnMetricText KeptText(std::string_view narrow) {
     if (IsPlainAscii(narrow))
         return std::string(narrow);
@@ -21,14 +14,14 @@ ConnMetricText KeptText(std::string_view narrow) {
 }  // namespace
 
 void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
-    const PlainKey plainKey(key);
-    if (!plainKey.IsPlain() || !m_seen.Count(plainKey, count))
-        AddToMap(key, text, count, plainKey);
+    const HashedKey hashed(key);
+    if (!m_seen.Count(hashed, count))
+        AddToMap(hashed, text, count);
 }
 
-void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::uint32_t count,
-                              const PlainKey &plainKey) {
-    wxString wide = TextFromLocale(key);
+void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::uint32_t count) {
+    const bool plain = IsPlainAscii(key.Text());
+    wxString wide = plain ? WidenAscii(key.Text()) : wxString(key.Text().data());
     const auto place = m_entries.lower_bound(wide);
     if (place != m_entries.end() && place->first == wide) {
         place->second.count += count;
@@ -37,8 +30,8 @@ void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
     const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{KeptText(text), count});
-    if (plainKey.IsPlain())
-        m_seen.Insert(plainKey, *entry);
+    if (plain)
+        m_seen.Insert(key, *entry);
 }
 
 void StagingMetrics::FoldInto(ConnMetricsMap &merged) {
