@@ -71,7 +71,9 @@ void *Calloc(std::size_t count, std::size_t size) {
         return Real().calloc(count, size);  // fails as it does
     void *block = Books().Allocate(RequestOf("calloc", count * size, CALLER),
                                    [count, size] { return Real().calloc(count, size); });
-    if (block != nullptr)
+    // The real one makes zeros without touching the memory; a guarded block has none.
+    std::size_t guardedSize = 0;
+    if (block != nullptr && Books().GuardedSize(block, guardedSize))
         std::memset(block, 0, count * size);
     return block;
 }

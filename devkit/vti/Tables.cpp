@@ -36,7 +36,7 @@ void CopyEntries(const std::vector<Connection> &connections, ConnTrackHeader *bl
 uint32_t SizeOrCopy(const Driver &driver, const std::vector<uint8_t> &bytes, uint32_t room, void *target) {
     const auto size = static_cast<uint32_t>(bytes.size());
     if (room == 0)
-        return size;
+        return driver.claimedBytes != 0 ? driver.claimedBytes : size;
     const uint32_t copied = std::min(room, size);
     if (copied != 0)
         std::memcpy(target, bytes.data(), copied);

@@ -42,6 +42,8 @@ struct Driver {
     std::array<uint32_t, 2> scanShape{10, 1};
     /// By how much a read of a table, the blacklist or the profile claims to have filled in more than it has.
     uint32_t overstatement = 0;
+    /// What blacklist and profile claim as their size to a request without room; 0 for the size that they have.
+    uint32_t claimedBytes = 0;
     std::vector<std::string> statsLines;  ///< What qb_dump_stats prints behind the statistics, a call each.
     std::map<std::string, Fault> faults;  ///< By the operation's name, such as "vti_get_stats".
     /// Sees each operation as `calls` has it before it does its work, and may change what the driver has. Under `Lock`.

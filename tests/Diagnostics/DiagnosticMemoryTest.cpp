@@ -1,6 +1,11 @@
 // Memory that runs out, and memory that is given back.
 #include "DiagnosticsFixture.h"
 
+#include <windows.h>
+#include <psapi.h>
+
+#include "ImportTable.h"
+
 namespace {
 
 using Names = std::vector<std::string>;
@@ -66,6 +71,167 @@ TEST_F(DiagnosticMemory, WithoutABlockForItTheProfileIsEmptyAndVariable62IsLeftA
     EXPECT_TRUE(hit);
     EXPECT_EQ(driver().variables[62], 1u);
     EXPECT_EQ(calls.back(), "vti_get_profile_stats(0)");
+}
+
+// --- blocks of wxWidgets ---
+
+/// Fails a block that wxWidgets asks the C runtime for.
+class FailingBlock {
+public:
+    /// The first realloc to that size.
+    static FailingBlock GrownTo(std::size_t size) {
+        return FailingBlock("realloc", reinterpret_cast<void *>(&Realloc), size);
+    }
+    /// The first malloc of that size.
+    static FailingBlock OfSize(std::size_t size) {
+        return FailingBlock("malloc", reinterpret_cast<void *>(&Malloc), size);
+    }
+    FailingBlock(const FailingBlock &) = delete;
+    FailingBlock &operator=(const FailingBlock &) = delete;
+
+    [[nodiscard]] bool Hit() const { return m_hit; }
+
+private:
+    FailingBlock(const char *function, void *replacement, std::size_t size)
+        : m_redirection(GetModuleHandleW(L"wxbase32u_gcc_custom.dll"), function, replacement) {
+        EXPECT_TRUE(m_redirection.Found());
+        m_hit = false;
+        m_size = size;
+        m_original = m_redirection.Original();
+    }
+    static bool Fails(std::size_t size) {
+        const bool fails = !m_hit && size == m_size;
+        m_hit = m_hit || fails;
+        return fails;
+    }
+    static void *Realloc(void *block, std::size_t size) {
+        using Function = void *(void *, std::size_t);
+        return Fails(size) ? nullptr : reinterpret_cast<Function *>(m_original)(block, size);
+    }
+    static void *Malloc(std::size_t size) {
+        using Function = void *(std::size_t);
+        return Fails(size) ? nullptr : reinterpret_cast<Function *>(m_original)(size);
+    }
+
+    Simulator::Redirection m_redirection;
+    inline static bool m_hit = false;
+    inline static std::size_t m_size = 0;
+    inline static void *m_original = nullptr;
+};
+
+/// Takes a package without a block of wxWidgets.
+class Bytes : public wxOutputStream {
+public:
+    [[nodiscard]] const std::string &Get() const { return m_bytes; }
+
+protected:
+    size_t OnSysWrite(const void *buffer, size_t size) override {
+        m_bytes.append(static_cast<const char *>(buffer), size);
+        return size;
+    }
+
+private:
+    std::string m_bytes;
+};
+
+class WxMemory : public DiagnosticMemory {
+protected:
+    /// A run in which that block fails.
+    template <class Make>
+    Package RunFailing(Make makeFault, bool &hit) {
+        (void)TakeTracedLines();
+        Bytes bytes;
+        {
+            VtaCore::CZipOutputStream zip(bytes);
+            {
+                const FailingBlock fault = makeFault();
+                RunOn(zip);
+                hit = fault.Hit();
+            }
+            EXPECT_TRUE(zip.Close());
+        }
+        wxMemoryOutputStream memory;
+        memory.WriteAll(bytes.Get().data(), bytes.Get().size());
+        return Package(memory);
+    }
+    /// All but one file are as in a run without a fault; of the one that is left out a trace tells.
+    void ExpectWholeBut(const Package &package, const std::string &leftOut) {
+        Names names;
+        for (const PackedFile &file : whole.Files()) {
+            if (file.name == leftOut)
+                continue;
+            names.push_back(file.name);
+            EXPECT_TRUE(package.Has(file.name) && package.Content(file.name) == file.content) << file.name;
+        }
+        EXPECT_EQ(package.Names(), names);
+        Names failures;
+        for (const std::string &message : TakeTracedMessages("diagnostics"))
+            if (message.ends_with(" diagnostics failed"))
+                failures.push_back(message);
+        EXPECT_EQ(failures.size(), 1U);
+    }
+
+    const Package whole = Run();
+};
+
+TEST_F(WxMemory, AFileThatCannotGrowIsLeftOutAndTheOthersAreWhole) {
+    for (const PackedFile &file : whole.Files()) {
+        SCOPED_TRACE(file.name);
+        bool hit = false;
+        const Package package = RunFailing([&file] { return FailingBlock::GrownTo(file.content.size()); }, hit);
+        EXPECT_TRUE(hit);
+        ExpectWholeBut(package, file.name);
+    }
+}
+
+TEST_F(WxMemory, ATextWithAHoleIsLeftOut) {
+    for (const char *name : {kStats, kVariables}) {
+        SCOPED_TRACE(name);
+        const std::string content = whole.Content(name);
+        const std::size_t lineEnd = content.find("\r\n", content.size() / 2) + 2;
+        bool hit = false;
+        const Package package = RunFailing([lineEnd] { return FailingBlock::GrownTo(lineEnd); }, hit);
+        EXPECT_TRUE(hit);
+        ExpectWholeBut(package, name);
+    }
+}
+
+TEST_F(WxMemory, NoFileNeedsItsMemoryTwice) {
+    for (const PackedFile &file : whole.Files()) {
+        SCOPED_TRACE(file.name);
+        bool hit = false;
+        const Package package = RunFailing([&file] { return FailingBlock::OfSize(file.content.size()); }, hit);
+        EXPECT_FALSE(hit);
+        EXPECT_EQ(package.Names(), whole.Names());
+    }
+}
+
+TEST_F(WxMemory, WithoutTheBufferOfTheProfileItIsLeftOut) {
+    constexpr std::size_t bufferBytes = 1024;
+    bool hit = false;
+    const Package package = RunFailing([] { return FailingBlock::OfSize(bufferBytes); }, hit);
+    EXPECT_TRUE(hit);
+    ExpectWholeBut(package, kProfile);
+}
+
+// --- a driver that claims too much ---
+
+std::size_t PeakMiB() {
+    PROCESS_MEMORY_COUNTERS counters{};
+    counters.cb = sizeof(counters);
+    EXPECT_TRUE(K32GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters)));
+    return counters.PeakWorkingSetSize >> 20;
+}
+
+TEST_F(DiagnosticMemory, SizesThatADriverClaimsAreNotTouchedBeforeItFillsThemIn) {
+    const Package whole = Run();
+    const std::size_t before = PeakMiB();
+    ASSERT_GT(before, 0U) << "the peak can't be measured";
+    driver().claimedBytes = 0xFFFFFFFF;
+    const Package package = Run();
+    EXPECT_LT(PeakMiB() - before, 64U);
+    for (const char *name : {kBlacklist, kProfile})
+        EXPECT_EQ(package.Content(name), whole.Content(name)) << "the driver fills in no more than it has";
 }
 
 TEST_F(DiagnosticMemory, ARunGivesBackAllThatItMade) {

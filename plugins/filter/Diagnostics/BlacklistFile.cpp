@@ -1,6 +1,5 @@
 // "vta_blacklist.txt".
 #include <algorithm>
-#include <cstring>
 
 #include "DriverAnswers.h"
 #include "DriverContent.h"
@@ -18,10 +17,10 @@ bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, &head)))
         return false;
     const std::uint32_t room = head.bodySize;
-    Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::malloc(std::size_t{room} + sizeof(head))));
+    // Zeros, since a driver may fill in less than it claims: those of calloc cost nothing until they are used.
+    Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::calloc(1, std::size_t{room} + sizeof(head))));
     if (!record)
-        return false;                                                // without a word, unlike the connections
-    std::memset(record.get(), 0, std::size_t{room} + sizeof(head));  // a driver may fill in less than it claims
+        return false;  // without a word, unlike the connections
     *record = head;
     if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, record.get())))
         return false;

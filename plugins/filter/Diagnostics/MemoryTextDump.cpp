@@ -1,7 +1,6 @@
 #include "MemoryTextDump.h"
 
 #include <cstdarg>
-#include <memory>
 
 #include "fc/fc.h"
 
@@ -13,12 +12,18 @@ constexpr std::size_t kLineBytes = 1024;
 
 }  // namespace
 
-bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const wxMemoryOutputStream &memory, bool isText,
-                   const wxString &name) {
-    // To copy an empty stream is an assertion of wxWidgets, which may show a window.
-    const auto in = memory.GetLength() == 0 ? std::make_unique<wxMemoryInputStream>("", 0)
-                                            : std::make_unique<wxMemoryInputStream>(memory);
-    return zip.AddFromStream(*in, isText, name, emptyText);
+size_t FileMemory::OnSysWrite(const void *buffer, size_t size) {
+    const size_t written = wxMemoryOutputStream::OnSysWrite(buffer, size);
+    m_isWhole = m_isWhole && written == size;
+    return written;
+}
+
+bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name) {
+    if (!memory.IsWhole())
+        return false;
+    // Read where it lies: a stream that copies the other does not check whether it got the memory.
+    wxMemoryInputStream in(memory.GetOutputStreamBuffer()->GetBufferStart(), memory.GetSize());
+    return zip.AddFromStream(in, isText, name, emptyText);
 }
 
 MemoryTextDump::MemoryTextDump()

@@ -11,10 +11,22 @@
 
 namespace Filter::Diagnostics {
 
-/// Adds what a stream holds, also nothing, as a file.
+/// What a file is collected in. It remembers what wxWidgets tells nobody: that a part of it found no memory.
+class FileMemory : public wxMemoryOutputStream {
+public:
+    [[nodiscard]] bool IsWhole() const { return m_isWhole; }
+
+protected:
+    size_t OnSysWrite(const void *buffer, size_t size) override;
+
+private:
+    bool m_isWhole = true;
+};
+
+/// Adds what was collected, also nothing, as a file.
 /// @param isText  the file is a text.
-bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const wxMemoryOutputStream &memory, bool isText,
-                   const wxString &name);
+/// @return false also for one that is not whole: it is left out.
+bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name);
 
 /// Collects what the library's qb_dump_ functions print, and becomes a file of the package.
 class MemoryTextDump {
@@ -29,7 +41,7 @@ public:
     bool AddTo(VtaCore::CZipOutputStream &zip, const wxString &name);
 
 private:
-    wxMemoryOutputStream m_memory;
+    FileMemory m_memory;
     std::optional<wxTextOutputStream> m_text;
     DumpContext m_context;
 };

@@ -1,6 +1,5 @@
 // "vta.tpf": the profile of the filter's rules, as the driver gives it.
 #include <algorithm>
-#include <cstring>
 
 #include <wx/mstream.h>
 #include <wx/stream.h>
@@ -29,12 +28,12 @@ void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out,
     std::uint32_t room = 0;
     if (vti_get_profile_stats(handle, &room) != 0 || room == 0)
         return;  // no report
-    const ProfileStatsBuffer buffer(static_cast<std::uint32_t *>(std::malloc(std::size_t{room} + sizeof(room))));
+    // Zeros, since a driver may fill in less than it claims: those of calloc cost nothing until they are used.
+    const ProfileStatsBuffer buffer(static_cast<std::uint32_t *>(std::calloc(1, std::size_t{room} + sizeof(room))));
     if (!buffer) {
         Trace(site, "malloc() failed");
         return;
     }
-    std::memset(buffer.get(), 0, std::size_t{room} + sizeof(room));  // a driver may fill in less than it claims
     *buffer = room;
     const std::int32_t status = vti_get_profile_stats(handle, buffer.get());
     if (status != 0) {
@@ -49,10 +48,13 @@ void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out,
 
 bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
     Trace(kDiagnosticsTrace, "AddDriverRuleStats()");
-    // Unlike the others this one does not ask whether the driver is open, and its file is never left out.
-    wxMemoryOutputStream memory;
+    // Unlike the others this one does not ask whether the driver is open, and its file is added also where it is
+    // empty.
+    FileMemory memory;
     {
         wxBufferedOutputStream out(memory);
+        if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
+            return false;  // no memory: it would write there all the same
         WriteProfile(dom, handle, out, kDiagnosticsTrace);
     }
     return AddMemoryFile(zip, memory, false, "vta.tpf");
