@@ -319,6 +319,13 @@ TEST_F(DriverFlags, AnEmptyTableStoresAnEmptyTextAndComesBackEmpty) {
     EXPECT_EQ(TakeTracedMessages(), (Messages{"Set ifList: ", "Get IfList: "}));
 }
 
+TEST_F(DriverFlags, AnItemEndsAtItsFirstZeroAndCostsNoOtherItem) {
+    lua.Run("f.SetUncheckedIfc {'a\\0b', '\\0', '\\0c', 'd\\0', 'e'}");
+    EXPECT_EQ(List(), L"a,,,d,e");
+    EXPECT_EQ(TakeTracedMessages(), Messages{"Set ifList: a,,,d,e"});
+    EXPECT_EQ(lua.Eval("list()"), "[a|d|e]");
+}
+
 TEST_F(DriverFlags, AnItemWithACommaComesBackAsTwo) {
     lua.Run("f.SetUncheckedIfc {'a,b', 'c'}");
     EXPECT_EQ(lua.Eval("list()"), "[a|b|c]");

@@ -81,7 +81,8 @@ int BuildArray(lua_State *L) {
 }
 
 /// Lua: takes an array and a light userdata that points at a wxString; joins the items there. What is neither string
-/// nor number adds nothing, which leaves a doubled comma.
+/// nor number adds nothing, which leaves a doubled comma. An item ends at its first zero: whoever reads the registry
+/// would take that for the end of the list.
 int JoinArray(lua_State *L) {
     wxString &joined = *static_cast<wxString *>(lua_touserdata(L, 2));
     const int count = static_cast<int>(lua_rawlen(L, 1));
@@ -89,10 +90,8 @@ int JoinArray(lua_State *L) {
         if (i > 1)
             joined += ',';
         lua_rawgeti(L, 1, i);
-        std::size_t length = 0;
-        const char *const text = lua_tolstring(L, -1, &length);
-        if (text != nullptr)
-            joined += wxString::FromUTF8(text, length);
+        if (const char *const text = lua_tostring(L, -1))
+            joined += wxString::FromUTF8(text);
         lua_pop(L, 1);
     }
     return 0;
