@@ -92,6 +92,21 @@ TEST_F(FailureReport, HealthCheckFilesThatAreThereAreRemovedAndOthersStay) {
     EXPECT_TRUE(log.Take().empty());
 }
 
+TEST_F(FailureReport, AHealthCheckFileThatCantBeRemovedIsALineInTheErrorLogAndCostsNoOther) {
+    const files::path ndis = Put(L"qbimvtaHC.dat");
+    const files::path callout = Put(L"qbimwfpHC.dat");
+    const HANDLE inUse = CreateFileW(ndis.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(inUse, INVALID_HANDLE_VALUE);
+    RemoveHealthCheckFiles();
+    (void)CloseHandle(inUse);
+    const auto lines = log.Take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].level, wxLOG_Error);
+    EXPECT_NE(lines[0].text.find("qbimvtaHC.dat"), std::string::npos) << lines[0].text;
+    EXPECT_TRUE(Exists(ndis));
+    EXPECT_FALSE(Exists(callout));
+}
+
 TEST_F(FailureReport, HealthCheckFilesStayWhereTheSystemFolderIsNotTold) {
     const files::path ndis = Put(L"qbimvtaHC.dat");
     const auto plan = simulation().GetFaults().FailEvery("GetSystemDirectoryW", ERROR_ACCESS_DENIED);

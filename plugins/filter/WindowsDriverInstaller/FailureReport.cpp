@@ -25,10 +25,9 @@ void RemoveHealthCheckFiles() {
     const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
     if (length == 0 || length > MAX_PATH)
         return;
-    const wxLogNull quiet;  // a file that stays is nothing to report
     for (const char *name : {"\\qbimvtaHC.dat", "\\qbimwfpHC.dat"}) {
         const wxString path = wxString(folder) + name;
         if (wxFile::Exists(path))
-            (void)wxRemoveFile(path);
+            (void)wxRemoveFile(path);  // logs a failure itself
     }
 }

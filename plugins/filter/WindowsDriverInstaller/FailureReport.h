@@ -18,5 +18,6 @@ inline void ReportFailure(VtaCore::CDom &dom, unsigned long error, const wchar_t
     AgentEventLog_(dom, error, kSystemFailureEvent, L"%s", call);
 }
 
-/// Removes the two files from the system folder if they are there. The module never reads or writes them.
+/// Removes the two files from the system folder if they are there. One that stays is a line in the error log, and no
+/// more. The module never reads or writes them.
 void RemoveHealthCheckFiles();
