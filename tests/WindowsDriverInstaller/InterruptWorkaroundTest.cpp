@@ -208,14 +208,85 @@ TEST_F(InterruptWorkaround, AFairShareThatIsAbsentOrZeroStaysSo) {
 }
 
 TEST_F(InterruptWorkaround, AValueThatCantBeReadStaysAsItIs) {
-    registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 0);
-    // The first query of each value asks whether it is there.
-    (void)faults().FailNth("RegQueryValueExW", 2, ERROR_ACCESS_DENIED);
-    (void)faults().FailNth("RegQueryValueExW", 4, ERROR_ACCESS_DENIED);
+    for (const DWORD code : std::initializer_list<DWORD>{ERROR_ACCESS_DENIED, ERROR_MORE_DATA, ERROR_KEY_DELETED}) {
+        SCOPED_TRACE(code);
+        registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 0);
+        const auto plan = faults().FailEvery("RegQueryValueExW", code);
+        EXPECT_FALSE(SetNetworkInterruptWorkaround());
+        EXPECT_TRUE(plan->Hit());
+        faults().Clear();
+        EXPECT_EQ(BindMode(), Number(0));
+        EXPECT_EQ(FairShare(), Number(1));
+        EXPECT_EQ(Traced(), (Messages{kSetBind[0], kCheckFair}));
+    }
+}
+
+TEST_F(InterruptWorkaround, WhicheverQueryFailsItsValueStaysAsItIs) {
+    for (unsigned nth = 1;; ++nth) {
+        SCOPED_TRACE(nth);
+        PutKeys();
+        registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 0);
+        const unsigned writes = faults().Calls("RegSetValueExW");
+        const auto plan = faults().FailNth("RegQueryValueExW", nth, ERROR_ACCESS_DENIED);
+        const bool reboot = SetNetworkInterruptWorkaround();
+        const bool hit = plan->Hit();
+        faults().Clear();
+        if (!hit) {
+            EXPECT_GT(nth, 2U) << "each value is queried";
+            break;
+        }
+        EXPECT_EQ(faults().Calls("RegSetValueExW") - writes, 1U) << "that of the other value";
+        EXPECT_EQ(BindMode(), Number(reboot ? 0 : 1));
+        EXPECT_EQ(FairShare(), Number(reboot ? 0 : 1));
+    }
+}
+
+TEST_F(InterruptWorkaround, AValueOfAnotherTypeCantBeReadAndStaysAsItIs) {
+    registry().PutText(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, L"0");
+    registry().PutText(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue, L"1");
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
-    EXPECT_EQ(BindMode(), Number(0));
-    EXPECT_EQ(FairShare(), Number(1));
+    EXPECT_EQ(registry().Text(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue), L"0");
+    EXPECT_EQ(registry().Text(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue), L"1");
     EXPECT_EQ(Traced(), (Messages{kSetBind[0], kCheckFair}));
+    EXPECT_TRUE(log.Take().empty());
+}
+
+TEST_F(InterruptWorkaround, AKeyThatCantBeOpenedForReadingStaysAsItIs) {
+    SetVersion(11, 0, 0);
+    (void)faults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);  // the first asks whether it exists
+    EXPECT_FALSE(SetNetworkInterruptWorkaround());
+    EXPECT_EQ(BindMode(), Number());
+    EXPECT_EQ(Traced(), Messages{kSetBind[0]});
+}
+
+TEST_F(InterruptWorkaround, ValuesThatAreRightAlreadyAreNotWritten) {
+    registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 1);
+    registry().PutDword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue, 0);
+    const unsigned writes = faults().Calls("RegSetValueExW");
+    EXPECT_FALSE(SetNetworkInterruptWorkaround());
+    EXPECT_EQ(faults().Calls("RegSetValueExW"), writes);
+}
+
+TEST_F(InterruptWorkaround, NoFailureOfTheRegistryIsALineInTheErrorLog) {
+    for (const DWORD major : {6U, 10U}) {
+        SetVersion(major, major == 6 ? 2 : 0, 17763);
+        registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentVersion", L"10.0");
+        registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentBuildNumber", L"17763");
+        for (unsigned nth = 1;; ++nth) {
+            SCOPED_TRACE(nth);
+            PutKeys();
+            (void)log.Take();
+            const auto plan =
+                faults().FailNthOf({"RegOpenKeyExW", "RegQueryValueExW", "RegSetValueExW"}, nth, ERROR_ACCESS_DENIED);
+            const bool reboot = SetNetworkInterruptWorkaround();
+            const bool hit = plan->Hit();
+            faults().Clear();
+            for (const LogLine &line : log.Take())
+                EXPECT_TRUE(reboot && line.level == wxLOG_Info) << line.text;
+            if (!hit)
+                break;
+        }
+    }
 }
 
 TEST_F(InterruptWorkaround, AValueThatCantBeWrittenIsTracedAndNeedsNoReboot) {

@@ -8,15 +8,16 @@
 #include <wx/msw/registry.h>
 
 #include "InstallerLog.h"
+#include "RegistryKey.h"
 #include "fc/fc.h"
 
 namespace {
 
 constexpr char kVersionKey[] = "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
-constexpr char kNdisKey[] = "System\\CurrentControlSet\\Services\\NDIS\\Parameters";
-constexpr char kBindMode[] = "FilterBindLogicMode";
-constexpr char kFairShareKey[] = "System\\CurrentControlSet\\Services\\TSFairShare\\NetFS";
-constexpr char kFairShare[] = "EnableFairShare";
+constexpr wchar_t kNdisKey[] = L"System\\CurrentControlSet\\Services\\NDIS\\Parameters";
+constexpr wchar_t kBindMode[] = L"FilterBindLogicMode";
+constexpr wchar_t kFairShareKey[] = L"System\\CurrentControlSet\\Services\\TSFairShare\\NetFS";
+constexpr wchar_t kFairShare[] = L"EnableFairShare";
 
 struct WindowsVersion {
     int major = 0;
@@ -40,6 +41,7 @@ bool NeedsFairShareOff(const WindowsVersion &version) {
 
 /// What the registry says of versions that the system tells no program without a manifest.
 std::optional<WindowsVersion> VersionFromRegistry() {
+    const wxLogNull quiet;
     wxRegKey key(wxRegKey::HKLM, kVersionKey);
     wxString version;
     wxString build;
@@ -61,7 +63,20 @@ std::optional<WindowsVersion> RunningVersion() {
     return version.Is(6, 2) ? VersionFromRegistry() : version;
 }
 
-bool WriteNumber(wxRegKey &key, const char *path, const char *name, long number, const TraceSite &site) {
+/// @return ERROR_SUCCESS with the number; ERROR_FILE_NOT_FOUND only if the key was read and has no such value.
+LSTATUS QueryNumber(const wchar_t *path, const wchar_t *name, DWORD &number) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &opened) != ERROR_SUCCESS)
+        return ERROR_CANTREAD;
+    const RegistryKey key(opened);
+    DWORD type = REG_NONE;
+    DWORD size = sizeof(number);
+    const LSTATUS status = RegQueryValueExW(key.get(), name, nullptr, &type, reinterpret_cast<BYTE *>(&number), &size);
+    return status == ERROR_SUCCESS && type != REG_DWORD ? ERROR_INVALID_DATATYPE : status;
+}
+
+bool WriteNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number, const TraceSite &site) {
+    const wxLogNull quiet;  // the trace tells it
     if (key.Open(wxRegKey::Write) && key.SetValue(name, number))
         return true;
     Trace(site, "Unable to write HKLM\\%s\\%s", path, name);
@@ -74,10 +89,13 @@ void SetBindMode(const TraceSite &site) {
     wxRegKey key(wxRegKey::HKLM, kNdisKey);
     if (!key.Exists())
         return;
-    long mode = 0;
-    if (key.HasValue(kBindMode) && !key.QueryValue(kBindMode, &mode))
+    DWORD mode = 0;
+    const LSTATUS status = QueryNumber(kNdisKey, kBindMode, mode);
+    if (status == ERROR_FILE_NOT_FOUND)
+        mode = 0;
+    else if (status != ERROR_SUCCESS)
         return;
-    Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kBindMode, mode);
+    Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kBindMode, static_cast<long>(mode));
     if (mode == 0)
         (void)WriteNumber(key, kNdisKey, kBindMode, 1, site);
 }
@@ -86,10 +104,10 @@ void SetBindMode(const TraceSite &site) {
 bool TurnFairShareOff(const TraceSite &site) {
     Trace(site, "InstallOrUpdateDriver: check registry %s", kFairShare);
     wxRegKey key(wxRegKey::HKLM, kFairShareKey);
-    long enabled = 0;
-    if (!key.Exists() || !key.HasValue(kFairShare) || !key.QueryValue(kFairShare, &enabled))
+    DWORD enabled = 0;
+    if (!key.Exists() || QueryNumber(kFairShareKey, kFairShare, enabled) != ERROR_SUCCESS)
         return false;
-    Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kFairShare, enabled);
+    Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kFairShare, static_cast<long>(enabled));
     if (enabled == 0 || !WriteNumber(key, kFairShareKey, kFairShare, 0, site))
         return false;
     wxLogVerbose("InstallOrUpdateDriver: update registry %s (Reboot Require)", kFairShare);
