@@ -1,11 +1,9 @@
 // The functions of the registry, as far as they know of protected keys.
 #include <optional>
 #include <string>
-#include <vector>
-
-#include <winternl.h>
 
 #include "FunctionSet.h"
+#include "NativeKeys.h"
 #include "RegistrySandbox.h"
 #include "Security.h"
 #include "WindowsFunctions.h"
@@ -17,35 +15,34 @@ namespace {
 constexpr REGSAM kBeyondReading = KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_CREATE_LINK | DELETE | WRITE_DAC |
                                   WRITE_OWNER | GENERIC_WRITE | GENERIC_ALL;
 
-// Documented for drivers; no header for programs declares it.
-constexpr int kKeyNameInformation = 3;
-using QueryKeyFunction = LONG(NTAPI *)(HANDLE key, int kind, void *information, ULONG size, ULONG *needed);
+constexpr LONG kStatusUnsuccessful = static_cast<LONG>(0xC0000001);
+constexpr LONG kStatusAccessDenied = static_cast<LONG>(0xC0000022);
+constexpr LONG kStatusKeyDeleted = static_cast<LONG>(0xC000017C);
 
-/// The key's full name in the registry's own form; empty if there is no such key.
-std::wstring NativeName(HKEY key) {
-    static const auto query =
-        reinterpret_cast<QueryKeyFunction>(reinterpret_cast<void *>(FindRealFunction("ntdll.dll", "NtQueryKey")));
-    ULONG needed = 0;
-    (void)query(key, kKeyNameInformation, nullptr, 0, &needed);
-    std::vector<ULONG> information(needed / sizeof(ULONG) + 1);  // the length of the name in bytes, and the name
-    const auto size = static_cast<ULONG>(information.size() * sizeof(ULONG));
-    if (needed == 0 || query(key, kKeyNameInformation, information.data(), size, &needed) != 0)
-        return {};
-    return {reinterpret_cast<const wchar_t *>(information.data() + 1), information.front() / sizeof(wchar_t)};
+/// The system's own status for an error of Windows.
+LONG StatusOf(DWORD error) {
+    if (error == ERROR_ACCESS_DENIED)
+        return kStatusAccessDenied;
+    return error == ERROR_KEY_DELETED ? kStatusKeyDeleted : kStatusUnsuccessful;
 }
 
 /// The key's path below that which stands for HKEY_LOCAL_MACHINE; nothing if there is no such key, or if it lies
 /// elsewhere.
-std::optional<std::wstring> MachinePath(const RegistrySandbox &registry, HKEY parent, const wchar_t *path) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(parent, path, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS)
-        return std::nullopt;
-    const UniqueKey key(opened);
-    const std::wstring name = NativeName(key.get());
+std::optional<std::wstring> MachinePath(const RegistrySandbox &registry, HKEY key) {
+    const std::wstring name = NativeName(key);
     const std::wstring above = NativeName(registry.MachineRoot()) + L'\\';
     if (_wcsnicmp(name.c_str(), above.c_str(), above.size()) != 0)
         return std::nullopt;
     return name.substr(above.size());
+}
+
+/// @param options  REG_OPTION_OPEN_LINK for a link itself.
+std::optional<std::wstring> MachinePath(const RegistrySandbox &registry, HKEY parent, const wchar_t *path,
+                                        DWORD options) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(parent, path, options & REG_OPTION_OPEN_LINK, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS)
+        return std::nullopt;
+    return MachinePath(registry, UniqueKey(opened).get());
 }
 
 }  // namespace
@@ -54,7 +51,7 @@ void InstallProtectedKeys(FunctionSet &functions, const Security &security, cons
     functions.Put<System::RegOpenKeyExW>([&security, &registry](const auto &next, HKEY parent, LPCWSTR path,
                                                                 DWORD options, REGSAM access, HKEY *key) -> LSTATUS {
         if ((access & kBeyondReading) != 0) {
-            const std::optional<std::wstring> below = MachinePath(registry, parent, path);
+            const std::optional<std::wstring> below = MachinePath(registry, parent, path, options);
             if (below && security.IsProtected(*below))
                 return ERROR_ACCESS_DENIED;
         }
@@ -62,10 +59,15 @@ void InstallProtectedKeys(FunctionSet &functions, const Security &security, cons
     });
     functions.Put<System::RegDeleteKeyW>(
         [&security, &registry](const auto &next, HKEY parent, LPCWSTR path) -> LSTATUS {
-            const std::optional<std::wstring> below = MachinePath(registry, parent, path);
+            const std::optional<std::wstring> below = MachinePath(registry, parent, path, 0);
             const DWORD error = below ? security.DeleteErrorOf(*below) : ERROR_SUCCESS;
             return error == ERROR_SUCCESS ? next(parent, path) : static_cast<LSTATUS>(error);
         });
+    functions.Put<System::NtDeleteKey>([&security, &registry](const auto &next, HANDLE key) -> LONG {
+        const std::optional<std::wstring> below = MachinePath(registry, static_cast<HKEY>(key));
+        const DWORD error = below ? security.DeleteErrorOf(*below) : ERROR_SUCCESS;
+        return error == ERROR_SUCCESS ? next(key) : StatusOf(error);
+    });
 }
 
 }  // namespace Simulator

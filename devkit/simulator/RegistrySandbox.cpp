@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "ArgumentText.h"
 #include "CallScope.h"
@@ -62,17 +63,6 @@ DWORD AsDword(const std::vector<std::uint8_t> &bytes) {
     return value;
 }
 
-std::vector<std::wstring> SubkeyNames(HKEY key) {
-    std::vector<std::wstring> names;
-    wchar_t name[256];
-    for (DWORD length = 256; RegEnumKeyExW(key, static_cast<DWORD>(names.size()), name, &length, nullptr, nullptr,
-                                           nullptr, nullptr) == ERROR_SUCCESS;
-         length = 256)
-        names.emplace_back(name, length);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 std::vector<Value> Values(HKEY key) {
     DWORD longestName = 0;
     DWORD largest = 0;
@@ -108,28 +98,53 @@ std::string Line(const Value &value) {
     return line + "\n";
 }
 
-void AppendTree(std::string &text, HKEY root, const std::wstring &path) {
-    const UniqueKey key = Open(root, path);
-    if (!key)
+/// Of a link: what it leads to, in the registry's own form.
+std::optional<std::wstring> LinkTarget(HKEY key) {
+    for (const Value &value : Values(key))
+        if (value.type == REG_LINK)
+            return std::wstring(reinterpret_cast<const wchar_t *>(value.bytes.data()),
+                                value.bytes.size() / sizeof(wchar_t));
+    return std::nullopt;
+}
+
+/// Zeros in a name are made visible.
+std::string PathText(const std::wstring &path) {
+    std::string text;
+    for (const wchar_t character : path)
+        text += character == L'\0' ? "\\0" : Utf8(std::wstring(1, character));
+    return text;
+}
+
+void AppendTree(std::string &text, HKEY key, const std::wstring &path) {
+    text += "[" + PathText(path) + "]";
+    if (const std::optional<std::wstring> target = LinkTarget(key)) {
+        text += " -> " + Utf8(*target) + "\n";
         return;
-    text += "[" + Utf8(path) + "]\n";
-    for (const Value &value : Values(key.get()))
+    }
+    text += "\n";
+    for (const Value &value : Values(key))
         text += Line(value);
-    for (const std::wstring &name : SubkeyNames(key.get())) {
-        std::wstring below = path;
-        if (!below.empty())
-            below += L'\\';
-        below += name;
-        AppendTree(text, root, below);
+    for (const std::wstring &name : SubkeyNames(key)) {
+        const UniqueKey below = OpenBelow(key, name, KEY_READ);
+        if (below)
+            AppendTree(text, below.get(), path.empty() ? name : path + L"\\" + name);
     }
 }
 
-}  // namespace
-
-void KeyCloser::operator()(HKEY key) const {
-    const InsideSimulator inside;
-    RegCloseKey(key);
+/// The part of a path before its last name, and that name.
+std::pair<std::wstring, std::wstring> SplitPath(const std::wstring &path) {
+    const std::size_t end = path.find_last_of(L'\\');
+    return end == path.npos ? std::pair(std::wstring(), path) : std::pair(path.substr(0, end), path.substr(end + 1));
 }
+
+/// Deletes a key with all below it, if it is there; of a link nothing but itself.
+LONG DeleteTree(HKEY root, const std::wstring &path) {
+    const auto [above, name] = SplitPath(path);
+    const UniqueKey parent = Open(root, above);
+    return parent ? DeleteBelow(parent.get(), name) : 0;
+}
+
+}  // namespace
 
 RegistrySandbox::RegistrySandbox() {
     const InsideSimulator inside;
@@ -139,7 +154,7 @@ RegistrySandbox::RegistrySandbox() {
     HKEY software = nullptr;
     Check(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_ALL_ACCESS, &software), "RegOpenKeyExW");
     m_software.reset(software);
-    RegDeleteTreeW(m_software.get(), m_path.c_str());  // left by a process that had this number before
+    DeleteTree(m_software.get(), m_path);  // left by a process that had this number before
     m_machineRoot = Create(m_software.get(), m_path + L"\\machine");
     m_userRoot = Create(m_software.get(), m_path + L"\\user");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_machineRoot.get()), "RegOverridePredefKey");
@@ -155,7 +170,7 @@ RegistrySandbox::~RegistrySandbox() {
     RegOverridePredefKey(HKEY_CURRENT_USER, nullptr);
     m_machineRoot.reset();
     m_userRoot.reset();
-    RegDeleteTreeW(m_software.get(), m_path.c_str());
+    DeleteTree(m_software.get(), m_path);
     RegDeleteKeyW(m_software.get(), kParent);  // fails while other sandboxes are there
 }
 
@@ -194,11 +209,24 @@ void RegistrySandbox::PutTexts(HKEY root, const std::wstring &path, const std::w
     PutText(root, path, name, all, REG_MULTI_SZ);
 }
 
+void RegistrySandbox::PutKeyNamed(HKEY root, const std::wstring &above, const std::wstring &name) {
+    const InsideSimulator inside;
+    CreateBelow(Create(root, above).get(), name);
+}
+
+void RegistrySandbox::PutLink(HKEY root, const std::wstring &path, const std::wstring &target) {
+    const InsideSimulator inside;
+    const auto [above, name] = SplitPath(path);
+    const UniqueKey link = CreateBelow(Create(root, above).get(), name, REG_OPTION_CREATE_LINK);
+    const std::wstring full = NativeName(Create(root, L"").get()) + L"\\" + target;
+    Check(RegSetValueExW(link.get(), L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE *>(full.data()),
+                         static_cast<DWORD>(full.size() * sizeof(wchar_t))),
+          "RegSetValueExW");
+}
+
 void RegistrySandbox::Remove(HKEY root, const std::wstring &path) {
     const InsideSimulator inside;
-    const LSTATUS status = RegDeleteTreeW(root, path.c_str());
-    if (status != ERROR_FILE_NOT_FOUND)
-        Check(status, "RegDeleteTreeW");
+    Check(DeleteTree(root, path), "NtDeleteKey");
 }
 
 bool RegistrySandbox::HasKey(HKEY root, const std::wstring &path) const {
@@ -225,7 +253,9 @@ std::optional<std::wstring> RegistrySandbox::Text(HKEY root, const std::wstring 
 std::string RegistrySandbox::Tree(HKEY root, const std::wstring &path) const {
     const InsideSimulator inside;
     std::string text;
-    AppendTree(text, root, path);
+    const UniqueKey key = Open(root, path);
+    if (key)
+        AppendTree(text, key.get(), path);
     return text;
 }
 

@@ -2,20 +2,15 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include <windows.h>
 
-namespace Simulator {
+#include "NativeKeys.h"
 
-struct KeyCloser {
-    void operator()(HKEY key) const;
-};
-using UniqueKey = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
+namespace Simulator {
 
 /// While it lives, HKEY_LOCAL_MACHINE and HKEY_CURRENT_USER of the whole process are two empty keys, which lie
 /// below the real HKEY_CURRENT_USER\Software\fc-devkit\<process id>-<number>. Its end removes them. Keys that
@@ -41,7 +36,12 @@ public:
     /// Any type; `bytes` as they are.
     void PutBytes(HKEY root, const std::wstring &path, const std::wstring &name, DWORD type,
                   const std::vector<std::uint8_t> &bytes);
-    /// Removes a key with all below it, if it is there.
+    /// Makes a key whose name may have zeros in it. The functions below that take a path know no such names.
+    void PutKeyNamed(HKEY root, const std::wstring &above, const std::wstring &name);
+    /// Makes a symbolic link.
+    /// @param target  where it leads: a path below the same root, which need not be there.
+    void PutLink(HKEY root, const std::wstring &path, const std::wstring &target);
+    /// Removes a key with all below it, if it is there. Links are removed, and never followed.
     void Remove(HKEY root, const std::wstring &path);
 
     [[nodiscard]] bool HasKey(HKEY root, const std::wstring &path) const;
@@ -51,7 +51,8 @@ public:
     [[nodiscard]] std::optional<std::wstring> Text(HKEY root, const std::wstring &path, const std::wstring &name) const;
 
     /// All below a key as UTF-8 text for comparison, sorted: a line "[path]" for each key, and one for each of its
-    /// values, such as: "name" dword 17, "name" text "abc", "name" type 3: 01 02 ff.
+    /// values, such as: "name" dword 17, "name" text "abc", "name" type 3: 01 02 ff. Links are not followed: a link is
+    /// a line "[path] -> target"; a zero in a name is written as \0.
     [[nodiscard]] std::string Tree(HKEY root, const std::wstring &path = {}) const;
 
     /// What stands for HKEY_LOCAL_MACHINE.

@@ -56,7 +56,7 @@ public:
 
     /// Protects the key with all below it.
     void ProtectKey(const std::wstring &path, const std::wstring &owner = Sid::kSystem);
-    /// From now on RegDeleteKeyW fails on this key.
+    /// From now on RegDeleteKeyW and NtDeleteKey fail on this key.
     void ForbidDeletion(const std::wstring &path, DWORD error = ERROR_ACCESS_DENIED);
     [[nodiscard]] KeySecurity Key(const std::wstring &path) const;
     [[nodiscard]] bool IsProtected(const std::wstring &path) const;
@@ -111,8 +111,8 @@ private:
 /// @param security  outlives the set.
 void InstallSecurity(FunctionSet &functions, Security &security);
 
-/// Puts the protected keys under RegOpenKeyExW, which grants reading alone, and under RegDeleteKeyW, as it does those
-/// whose deletion is forbidden. Other functions of the registry do not know of them.
+/// Puts the protected keys under RegOpenKeyExW, which grants reading alone, and under RegDeleteKeyW and NtDeleteKey, as it
+/// does those whose deletion is forbidden. Other functions of the registry do not know of them.
 /// Both outlive the set.
 void InstallProtectedKeys(FunctionSet &functions, const Security &security, const RegistrySandbox &registry);
 

@@ -16,7 +16,8 @@ void PassThrough(FunctionSet &functions) {
 void InstallRegistry(FunctionSet &functions) {
     using namespace System;
     PassThrough<RegOpenKeyExW, RegCreateKeyExW, RegOpenKeyW, RegCreateKeyW, RegConnectRegistryW, RegQueryValueExW,
-                RegSetValueExW, RegCloseKey, RegDeleteKeyW, RegDeleteValueW, RegEnumKeyExW, RegEnumValueW>(functions);
+                RegSetValueExW, RegCloseKey, RegDeleteKeyW, NtDeleteKey, RegDeleteValueW, RegEnumKeyExW, RegEnumValueW>(
+        functions);
 }
 
 void InstallFiles(FunctionSet &functions) {

@@ -11,6 +11,9 @@
 
 #include "Function.h"
 
+// Documented for drivers; no header for programs declares it.
+extern "C" __declspec(dllimport) LONG NTAPI NtDeleteKey(HANDLE key);
+
 namespace Simulator::System {
 
 // Registry
@@ -23,6 +26,7 @@ SIMULATOR_FUNCTION(RegQueryValueExW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegSetValueExW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegCloseKey, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegDeleteKeyW, "ADVAPI32.dll", ReturnsStatus);
+SIMULATOR_FUNCTION(NtDeleteKey, "ntdll.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegDeleteValueW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegEnumKeyExW, "ADVAPI32.dll", ReturnsStatus);
 SIMULATOR_FUNCTION(RegEnumValueW, "ADVAPI32.dll", ReturnsStatus);

@@ -73,12 +73,12 @@ const std::map<std::string, std::vector<DWORD>> kLikelyCodes{
     {"LookupPrivilegeValueW", {ERROR_NO_SUCH_PRIVILEGE}},
     {"MapViewOfFile", {ERROR_NOT_ENOUGH_MEMORY}},
     {"MoveFileExW", {ERROR_FILE_NOT_FOUND}},
+    {"NtDeleteKey", {0xC0000121}},  // STATUS_CANNOT_DELETE
     {"OpenProcessToken", {ERROR_NO_TOKEN}},
     {"OpenSCManagerW", {RPC_S_SERVER_UNAVAILABLE}},
     {"OpenServiceW", {ERROR_SERVICE_DOES_NOT_EXIST}},
     {"QueryServiceStatus", {ERROR_INVALID_HANDLE}},
     {"RegCloseKey", {ERROR_INVALID_HANDLE}},
-    {"RegDeleteKeyW", {ERROR_FILE_NOT_FOUND}},
     {"RegEnumKeyExW", {ERROR_NO_MORE_ITEMS}},
     {"RegOpenKeyExW", {ERROR_FILE_NOT_FOUND}},
     {"RegQueryValueExW", {ERROR_FILE_NOT_FOUND}},

@@ -1,4 +1,7 @@
 // The INF files that the system copied: which are found, how they go, and what becomes of those that can't.
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -9,6 +12,8 @@
 #include <winioctl.h>
 
 #include "RemovalFixture.h"
+#include "WindowsDriverInstaller/ViewReading.h"
+#include "WindowsFunctions.h"
 
 namespace {
 
@@ -317,6 +322,100 @@ TEST_P(InfThatCannotBeRead, BelongsToNobodyAndLeavesNothingOpen) {
 INSTANTIATE_TEST_SUITE_P(Removal, InfThatCannotBeRead,
                          testing::Values("CreateFileW", "GetFileSizeEx", "CreateFileMappingW", "MapViewOfFile"),
                          [](const auto &tested) { return std::string(tested.param); });
+
+/// The code of exceptions that come from a page that can't be accessed, as long as it lives.
+DWORD raisedCode = EXCEPTION_ACCESS_VIOLATION;
+std::atomic<int> raised{0};
+
+LONG CALLBACK Recode(EXCEPTION_POINTERS *exception) {
+    if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION) {
+        exception->ExceptionRecord->ExceptionCode = raisedCode;
+        ++raised;
+    }
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
+/// A file is mapped to a view whose second page can't be read.
+class InfOnABadSector : public RemovalFixture, public testing::WithParamInterface<DWORD> {
+protected:
+    InfOnABadSector() {
+        raisedCode = GetParam();
+        m_handler = AddVectoredExceptionHandler(1, &Recode);
+        simulation().Functions().Put<Simulator::System::MapViewOfFile>(
+            [this](const auto &next, auto... arguments) -> void * { return m_bad ? m_view : next(arguments...); });
+        simulation().Functions().Put<Simulator::System::UnmapViewOfFile>(
+            [this](const auto &next, const void *view) -> BOOL {
+                m_unmapped = m_unmapped || view == m_view;
+                return view == m_view ? TRUE : next(view);
+            });
+        DWORD before = 0;
+        EXPECT_TRUE(VirtualProtect(m_view + kPage, kPage, PAGE_NOACCESS, &before));
+    }
+    ~InfOnABadSector() override {
+        (void)RemoveVectoredExceptionHandler(m_handler);
+        (void)VirtualFree(m_view, 0, MEM_RELEASE);
+    }
+    /// Whether an INF file of two pages goes that names the driver so often on the first page.
+    bool Goes(int names) {
+        for (const wchar_t *name : {L"oem1.inf", L"oem2.inf", L"oem3.inf"})
+            std::filesystem::remove(simulation().GetFolders().Inf() / name);
+        const std::string text = InfNaming("qbimvta", names);
+        std::fill_n(m_view, kPage, ' ');
+        std::copy(text.begin(), text.end(), m_view);
+        PutInf(L"oem7.inf", std::string(2 * kPage, ' '));
+        m_bad = true;
+        m_unmapped = false;
+        const Removal removal = Uninstall();
+        m_bad = false;
+        EXPECT_TRUE(removal.result);
+        EXPECT_TRUE(m_unmapped);
+        EXPECT_EQ(removal.events, Lines{});
+        EXPECT_EQ(balance().Take().Count(Simulator::Kind::kView), 0U);
+        return !HasInf(L"oem7.inf");
+    }
+
+    static constexpr std::size_t kPage = 4096;
+
+private:
+    char *m_view = static_cast<char *>(VirtualAlloc(nullptr, 2 * kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    void *m_handler = nullptr;
+    bool m_bad = false;
+    bool m_unmapped = false;
+};
+
+TEST_P(InfOnABadSector, BelongsToNobody) {
+    raised = 0;
+    EXPECT_FALSE(Goes(9));
+    EXPECT_EQ(raised, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Removal, InfOnABadSector, testing::Values(EXCEPTION_IN_PAGE_ERROR, EXCEPTION_ACCESS_VIOLATION),
+                         [](const auto &tested) {
+                             return tested.param == EXCEPTION_IN_PAGE_ERROR ? "InPageError" : "AccessViolation";
+                         });
+
+TEST(ViewReading, LetsExceptionsOfOtherPlacesPass) {
+    constexpr std::size_t page = 4096;
+    auto *const bad =
+        static_cast<std::byte *>(VirtualAlloc(nullptr, 2 * page, MEM_RESERVE | MEM_COMMIT, PAGE_NOACCESS));
+    struct Nested {
+        std::byte *bad;
+        bool innerCame = false;
+    } nested{bad};
+    // The inner reading has another view; only the outer one may end by the exception.
+    const auto inner = [](void *context) {
+        (void)*static_cast<const volatile std::byte *>(static_cast<Nested *>(context)->bad);
+    };
+    static const auto read = +inner;
+    const auto outer = [](void *context) {
+        auto &both = *static_cast<Nested *>(context);
+        (void)ReadView({both.bad + page, page}, read, context);
+        both.innerCame = true;
+    };
+    EXPECT_FALSE(ReadView({bad, page}, outer, &nested));
+    EXPECT_FALSE(nested.innerCame);
+    (void)VirtualFree(bad, 0, MEM_RELEASE);
+}
 
 TEST_F(InfRemoval, SkipsAFileThatSomebodyWrites) {
     const HANDLE writer = CreateFileW(Inf(L"oem1.inf").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,

@@ -15,7 +15,7 @@
 
 #include "LogCollector.h"
 #include "ModuleFixture.h"
-#include "RegistrySandbox.h"
+#include "NativeKeys.h"
 #include "WindowsDriverInstaller/RegistryTree.h"
 #include "WindowsFirewall/WindowsFirewall.h"
 #include "slb3_control.h"
@@ -52,7 +52,11 @@ bool HasKey(const std::wstring &path) {
 
 class RealRegistryTree : public testing::Test {
 protected:
-    ~RealRegistryTree() override { (void)RegDeleteTreeW(HKEY_LOCAL_MACHINE, root.c_str()); }
+    ~RealRegistryTree() override {
+        HKEY software = nullptr;
+        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"Software", 0, KEY_READ, &software) == ERROR_SUCCESS)
+            (void)Simulator::DeleteBelow(UniqueKey(software).get(), root.substr(std::size(L"Software")));
+    }
 
     const std::wstring root = KeyOfThisProgram();
 };
@@ -63,9 +67,7 @@ TEST_F(RealRegistryTree, GoesWithAllItsBranchesAndLeavesItsNeighbours) {
     const UniqueKey withValue = MakeKey(root + L"\\tree\\a\\b");
     const DWORD number = 1;
     EXPECT_EQ(RegSetValueExW(withValue.get(), L"name", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&number), 4), 0);
-    std::wstring path = root + L"\\tree";
-    EXPECT_EQ(DeleteRegistryTree(path), 0);
-    EXPECT_EQ(path, root + L"\\tree") << "as it was";
+    EXPECT_EQ(DeleteRegistryTree(root + L"\\tree"), 0);
     EXPECT_FALSE(HasKey(root + L"\\tree"));
     EXPECT_TRUE(HasKey(root + L"\\tree-too"));
     EXPECT_TRUE(HasKey(root + L"\\other\\tree"));
@@ -73,9 +75,7 @@ TEST_F(RealRegistryTree, GoesWithAllItsBranchesAndLeavesItsNeighbours) {
 
 TEST_F(RealRegistryTree, GoesAlsoWhereThePathEndsInABackslash) {
     (void)MakeKey(root + L"\\tree\\a\\b");
-    std::wstring path = root + L"\\tree\\";
-    EXPECT_EQ(DeleteRegistryTree(path), 0);
-    EXPECT_EQ(path, root + L"\\tree\\");
+    EXPECT_EQ(DeleteRegistryTree(root + L"\\tree\\"), 0);
     EXPECT_FALSE(HasKey(root + L"\\tree"));
 }
 
@@ -87,41 +87,47 @@ TEST_F(RealRegistryTree, GoesHoweverLongItsPathsAre) {
     ASSERT_GT(deepest.size(), 1800U);
     (void)MakeKey(deepest);
     ASSERT_TRUE(HasKey(deepest));
-    std::wstring path = root;
-    EXPECT_EQ(DeleteRegistryTree(path), 0);
-    EXPECT_EQ(path, root);
+    EXPECT_EQ(DeleteRegistryTree(root), 0);
     EXPECT_FALSE(HasKey(root));
 }
 
 TEST_F(RealRegistryTree, GoesWithHundredsOfBranches) {
     for (int i = 0; i < 300; ++i)
         (void)MakeKey(root + L"\\tree\\" + std::to_wstring(i));
-    std::wstring path = root + L"\\tree";
-    EXPECT_EQ(DeleteRegistryTree(path), 0);
+    EXPECT_EQ(DeleteRegistryTree(root + L"\\tree"), 0);
     EXPECT_FALSE(HasKey(root + L"\\tree"));
 }
 
 TEST_F(RealRegistryTree, IsGoneWhereItNeverWas) {
-    std::wstring path = root + L"\\missing\\below it";
-    EXPECT_EQ(DeleteRegistryTree(path), 0);
-    EXPECT_EQ(path, root + L"\\missing\\below it");
+    EXPECT_EQ(DeleteRegistryTree(root + L"\\missing\\below it"), 0);
 }
 
-TEST_F(RealRegistryTree, StaysWithALinkThatLeadsNowhere) {
-    (void)MakeKey(root + L"\\tree");
-    const UniqueKey link = MakeKey(root + L"\\tree\\link", REG_OPTION_CREATE_LINK);
-    const std::wstring target = L"\\Registry\\Machine\\Software\\fc-devkit-nowhere";
-    ASSERT_EQ(
-        RegSetValueExW(link.get(), L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE *>(target.c_str()),
-                       static_cast<DWORD>(target.size() * sizeof(wchar_t))),
-        ERROR_SUCCESS);
-    std::wstring path = root + L"\\tree";
-    EXPECT_EQ(DeleteRegistryTree(path), 1) << "and does not try for ever";
-    EXPECT_EQ(path, root + L"\\tree");
-    using DeleteFunction = LONG(NTAPI *)(HANDLE key);
-    const auto deleteKey = reinterpret_cast<DeleteFunction>(
-        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtDeleteKey")));
-    EXPECT_EQ(deleteKey(link.get()), 0);
+TEST_F(RealRegistryTree, GoesWithItsLinksAndLeavesWhatTheyLeadTo) {
+    (void)MakeKey(root + L"\\outside\\kept\\below");
+    (void)MakeKey(root + L"\\tree\\a");
+    for (const std::wstring name : {L"outside", L"nowhere", L"tree"}) {
+        const UniqueKey link = MakeKey(root + L"\\tree\\a\\to-" + name, REG_OPTION_CREATE_LINK);
+        const std::wstring full = L"\\Registry\\Machine\\" + root + L"\\" + name;
+        ASSERT_EQ(
+            RegSetValueExW(link.get(), L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE *>(full.c_str()),
+                           static_cast<DWORD>(full.size() * sizeof(wchar_t))),
+            ERROR_SUCCESS);
+    }
+    ASSERT_TRUE(HasKey(root + L"\\tree\\a\\to-outside\\kept\\below"));
+    EXPECT_EQ(DeleteRegistryTree(root + L"\\tree"), 0);
+    EXPECT_FALSE(HasKey(root + L"\\tree"));
+    EXPECT_TRUE(HasKey(root + L"\\outside\\kept\\below"));
+}
+
+TEST_F(RealRegistryTree, StaysWhereANameHasAZeroInIt) {
+    using namespace std::string_literals;
+    const UniqueKey parent = MakeKey(root + L"\\tree\\a");
+    for (const std::wstring &name : {L"\0name"s, L"na\0me"s}) {
+        (void)Simulator::CreateBelow(parent.get(), name);
+        EXPECT_EQ(DeleteRegistryTree(root + L"\\tree"), 1);
+        EXPECT_NE(Simulator::OpenBelow(parent.get(), name, KEY_READ), nullptr);
+        EXPECT_EQ(Simulator::DeleteBelow(parent.get(), name), 0);
+    }
 }
 
 // --- locked keys ---
@@ -281,8 +287,7 @@ TEST_F(RealKey, IsTakenFromTheSystemWhereItsAccessListIsLocked) {
     EXPECT_EQ(Take(name), std::vector<std::string>{});
     EXPECT_EQ(Security(), L"S-1-5-32-544; S-1-1-0 all; S-1-5-32-544 all");
     EXPECT_FALSE(IsTakeOwnershipEnabled()) << "not any more";
-    std::wstring deleted = path;
-    EXPECT_EQ(DeleteRegistryTree(deleted), 0);
+    EXPECT_EQ(DeleteRegistryTree(path), 0);
     EXPECT_FALSE(HasKey(path));
 }
 
@@ -293,9 +298,7 @@ TEST_F(RealKey, StaysLockedWhereItsOwnerCannotBeSet) {
     EXPECT_EQ(Take(name), std::vector<std::string>{"TakeOwnership: Could not set owner. Error: 5"});
     EXPECT_TRUE(IsTakeOwnershipEnabled()) << "nothing is undone";
     DisableTakeOwnership();
-    std::wstring kept = path;
-    EXPECT_EQ(DeleteRegistryTree(kept), 1);
-    EXPECT_EQ(kept, path);
+    EXPECT_EQ(DeleteRegistryTree(path), 1);
     EXPECT_TRUE(HasKey(path));
 }
 

@@ -37,6 +37,17 @@ protected:
     static std::wstring Below(const std::wstring &name) { return std::wstring(kOrphanKey) + L"\\" + name; }
     bool Has(const std::wstring &path) { return registry().HasKey(HKEY_LOCAL_MACHINE, path); }
 
+    static std::string Utf8Key() { return Simulator::Utf8(kOrphanKey); }
+    /// The keys that were opened to be deleted, each as the key above and its name.
+    Lines DeletionsTried() {
+        const std::string begin = "RegOpenKeyExW(";
+        const std::string end = ", 8, " + std::to_string(DELETE) + ", *)";
+        Lines keys;
+        for (const std::string &call : Calls({"RegOpenKeyExW"}))
+            if (call.ends_with(end))
+                keys.push_back(call.substr(begin.size(), call.size() - begin.size() - end.size()));
+        return keys;
+    }
     /// The lines of the clean-up. Whatever comes of it, the removal succeeds and leaves no key open.
     Lines CleanUp() {
         const Removal removal = Uninstall();
@@ -67,7 +78,7 @@ TEST_F(RegistryCleanUp, DeletesAKeyWithNothingBelowIt) {
 TEST_F(RegistryCleanUp, FindsNothingWhereThereIsNoKey) {
     registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kNothing}));
-    EXPECT_EQ(Calls({"SetNamedSecurityInfoW", "RegDeleteKeyW"}), Lines{});
+    EXPECT_EQ(Calls({"SetNamedSecurityInfoW", "NtDeleteKey"}), Lines{});
 }
 
 TEST_F(RegistryCleanUp, FindsNothingInAKeyThatCannotBeOpened) {
@@ -85,7 +96,7 @@ TEST_F(RegistryCleanUp, OpensTheKeyForReading) {
 
 TEST_F(RegistryCleanUp, TakesTheKeyBeforeItDeletes) {
     (void)CleanUp();
-    const Lines calls = NamesOfCalls({"SetNamedSecurityInfoW", "RegDeleteKeyW"});
+    const Lines calls = NamesOfCalls({"SetNamedSecurityInfoW", "NtDeleteKey"});
     ASSERT_GT(calls.size(), 1U);
     EXPECT_EQ(calls.front(), "SetNamedSecurityInfoW");
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "SetNamedSecurityInfoW"), 1);
@@ -93,11 +104,18 @@ TEST_F(RegistryCleanUp, TakesTheKeyBeforeItDeletes) {
 
 TEST_F(RegistryCleanUp, TriesADeletionBeforeItLooksBelow) {
     (void)CleanUp();
-    Lines calls = Calls({"RegDeleteKeyW"});
-    const std::string key = R"(RegDeleteKeyW(HKEY_LOCAL_MACHINE, "SYSTEM\CurrentControlSet\Enum\Root\QBIMVTA_MP)";
-    EXPECT_EQ(calls, (Lines{key + "\")", key + R"(\0001"))", key + R"(\0001\Device Parameters"))",
-                            key + R"(\0001\Device Parameters\Wdf"))", key + R"(\0001\Device Parameters"))",
-                            key + R"(\0001"))", key + R"(\0002"))", key + R"(\0003"))", key + "\")"}));
+    EXPECT_EQ(DeletionsTried(),
+              (Lines{"HKEY_LOCAL_MACHINE, \"" + Utf8Key() + '"', "*, \"0001\"", "*, \"Device Parameters\"",
+                     "*, \"Wdf\"", "*, \"Device Parameters\"", "*, \"0001\"", "*, \"0002\"", "*, \"0003\"",
+                     "HKEY_LOCAL_MACHINE, \"" + Utf8Key() + '"'}));
+}
+
+TEST_F(RegistryCleanUp, OpensEveryKeyOfTheTreeWithoutFollowingLinks) {
+    (void)CleanUp();
+    Lines calls = Calls({"RegOpenKeyExW"});
+    calls.erase(calls.begin());  // whether the key is there
+    for (const std::string &call : calls)
+        EXPECT_NE(call.find("\", " + std::to_string(REG_OPTION_OPEN_LINK) + ", "), call.npos) << call;
 }
 
 TEST_F(RegistryCleanUp, FailsAtASubkeyThatStaysAndLeavesThoseBehindIt) {
@@ -115,14 +133,10 @@ TEST_F(RegistryCleanUp, FailsAtASubkeyFurtherDown) {
     EXPECT_TRUE(Has(Below(L"0002")));
 }
 
-TEST_F(RegistryCleanUp, RestoresThePathWhereASubkeyStays) {
+TEST_F(RegistryCleanUp, SaysThatASubkeyStays) {
     simulation().GetSecurity().ForbidDeletion(Below(L"0001\\Device Parameters\\Wdf"));
-    std::wstring path = kOrphanKey;
-    EXPECT_EQ(DeleteRegistryTree(path), 1);
-    EXPECT_EQ(path, kOrphanKey);
-    EXPECT_EQ(Calls({"RegDeleteKeyW"}).back(),
-              R"(RegDeleteKeyW(HKEY_LOCAL_MACHINE, "SYSTEM\CurrentControlSet\Enum\Root\QBIMVTA_MP"))")
-        << "tried again when the subkeys are through";
+    EXPECT_EQ(DeleteRegistryTree(kOrphanKey), 1);
+    EXPECT_TRUE(Has(Below(L"0002"))) << "and those behind it are left";
 }
 
 TEST_F(RegistryCleanUp, FailsWhereTheKeyItselfStays) {
@@ -140,14 +154,15 @@ TEST_F(RegistryCleanUp, FailsWhereSubkeysCannotBeEnumerated) {
 }
 
 TEST_F(RegistryCleanUp, FailsWhereTheKeyCannotBeOpenedForItsSubkeys) {
-    const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);
+    const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 3, ERROR_ACCESS_DENIED);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
+    EXPECT_TRUE(plan->Hit());
     EXPECT_TRUE(Has(Below(L"0001")));
 }
 
 TEST_F(RegistryCleanUp, TakesAKeyThatVanishesForDeleted) {
     simulation().GetSecurity().ForbidDeletion(kOrphanKey, ERROR_KEY_DELETED);
-    const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 2, ERROR_FILE_NOT_FOUND);
+    const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 3, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
 }
 
@@ -161,8 +176,88 @@ TEST_F(RegistryCleanUp, TriesTheDeletionAlsoOfAKeyThatItCannotTake) {
     simulation().GetSecurity().ProtectKey(kOrphanKey);
     simulation().GetSecurity().WithholdPrivilege(Simulator::kTakeOwnership);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
-    EXPECT_EQ(Calls({"RegDeleteKeyW"}).size(), 8U) << "four keys on the way down, and again on the way up";
+    EXPECT_EQ(DeletionsTried().size(), 8U) << "four keys on the way down, and again on the way up";
     EXPECT_TRUE(Has(Below(L"0001")));
+}
+
+// --- what anybody may have put below a key that was left open to everyone ---
+
+constexpr wchar_t kOutside[] = L"SOFTWARE\\Outside";
+
+class PlantedKeys : public RegistryCleanUp {
+protected:
+    PlantedKeys() {
+        registry().PutDword(HKEY_LOCAL_MACHINE, std::wstring(kOutside) + L"\\kept\\below", L"number", 7);
+        registry().PutText(HKEY_LOCAL_MACHINE, kOutside, L"text", L"kept");
+        outside = Outside();
+    }
+    std::string Outside() { return registry().Tree(HKEY_LOCAL_MACHINE, kOutside); }
+
+    std::string outside;
+};
+
+TEST_F(PlantedKeys, ALinkIsDeletedAndWhatItLeadsToStays) {
+    registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0002\\link"), kOutside);
+    ASSERT_TRUE(Has(Below(L"0002\\link\\kept\\below"))) << "it leads there";
+    EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
+    EXPECT_EQ(Outside(), outside);
+    EXPECT_FALSE(Has(kOrphanKey));
+}
+
+TEST_F(PlantedKeys, ALinkInThePlaceOfADeviceIsDeletedAndWhatItLeadsToStays) {
+    registry().Remove(HKEY_LOCAL_MACHINE, Below(L"0001"));
+    registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0001"), kOutside);
+    EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
+    EXPECT_EQ(Outside(), outside);
+    EXPECT_FALSE(Has(kOrphanKey));
+}
+
+TEST_F(PlantedKeys, ALinkThatLeadsNowhereIsDeleted) {
+    registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0001\\link"), L"SOFTWARE\\Nowhere");
+    EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
+    EXPECT_FALSE(Has(kOrphanKey));
+}
+
+TEST_F(PlantedKeys, ALinkToTheKeyItselfIsDeleted) {
+    registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0001\\link"), kOrphanKey);
+    EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
+    EXPECT_FALSE(Has(kOrphanKey));
+}
+
+TEST_F(PlantedKeys, ANameWithAZeroInItStaysWithTheKeysAboveIt) {
+    using namespace std::string_literals;
+    for (const std::wstring &name : {L"\0"s, L"\0name"s, L"na\0me"s, L"0001\0"s, L"name\0"s}) {
+        SCOPED_TRACE(Simulator::Utf8(name));
+        registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
+        registry().PutKeyNamed(HKEY_LOCAL_MACHINE, Below(L"0001"), name);
+        const std::string before = registry().Tree(HKEY_LOCAL_MACHINE, kOrphanKey);
+        ASSERT_NE(before.find("\\0"), before.npos);
+        EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
+        EXPECT_EQ(registry().Tree(HKEY_LOCAL_MACHINE, kOrphanKey), before);
+    }
+}
+
+TEST_F(PlantedKeys, ANameWithAZeroInItIsNotTakenForTheShorterOne) {
+    using namespace std::string_literals;
+    registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
+    registry().PutKeyNamed(HKEY_LOCAL_MACHINE, Below(L"0001"), L"a\0"s);
+    registry().PutDword(HKEY_LOCAL_MACHINE, Below(L"0001\\a\\below"), L"number", 7);
+    (void)CleanUp();
+    // Which of the two is the first, the system decides; what is left is one that can't be opened.
+    EXPECT_NE(registry().Tree(HKEY_LOCAL_MACHINE, kOrphanKey).find("a\\0]"), std::string::npos);
+}
+
+TEST_F(PlantedKeys, ATreeOf512LevelsGoesAndADeeperOneStays) {
+    for (const int levels : {512, 513}) {
+        SCOPED_TRACE(levels);
+        registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
+        std::wstring path = kOrphanKey;
+        for (int level = 1; level < levels; ++level)
+            path += L"\\k";
+        registry().PutKey(HKEY_LOCAL_MACHINE, path);
+        EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, levels == 512 ? kDeleted : kKept}));
+        EXPECT_EQ(Has(path), levels != 512);
+    }
 }
 
 }  // namespace

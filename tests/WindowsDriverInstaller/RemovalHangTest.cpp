@@ -188,7 +188,7 @@ TEST_F(RemovalHang, IsNoticedInTimeInEachCallOfARemovalOfAnOrphan) {
         simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, std::wstring(kMiniportKey) + L"\\0001\\Control");
         simulation().GetSecurity().ProtectKey(kMiniportKey);
     });
-    EXPECT_EQ(MissingFrom(FunctionsOf(places), {"RegDeleteKeyW", "RegEnumKeyExW", "OpenProcessToken",
+    EXPECT_EQ(MissingFrom(FunctionsOf(places), {"NtDeleteKey", "RegEnumKeyExW", "OpenProcessToken",
                                                 "AdjustTokenPrivileges", "SetNamedSecurityInfoW"}),
               std::set<std::string>{});
 }

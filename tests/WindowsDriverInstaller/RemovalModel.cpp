@@ -680,10 +680,13 @@ bool RemovalRun::SetPrivilege() {
 /// A key with subkeys can't be deleted, nor one that is protected.
 bool RemovalRun::DeleteKey(std::vector<ModelKey> &keys, const std::string &name) {
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const ModelKey &other) { return other.name == name; });
-    if (!Works("RegDeleteKeyW", key->subkeys.empty() && !m.machine.keyIsProtected))
+    if (Status("RegOpenKeyExW", m.machine.keyIsProtected ? kErrorAccessDenied : kOk) != kOk)
         return false;
-    keys.erase(key);
-    return true;
+    const bool deleted = Status("NtDeleteKey", key->subkeys.empty() ? kOk : kErrorAccessDenied) == kOk;
+    (void)Close("RegCloseKey", kKey);
+    if (deleted)
+        keys.erase(key);
+    return deleted;
 }
 
 bool RemovalRun::DeleteTree(std::vector<ModelKey> &keys, const std::string &name) {

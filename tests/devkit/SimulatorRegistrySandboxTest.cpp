@@ -165,3 +165,34 @@ TEST(RegistrySandbox, AlsoLiesUnderAConnectionToThisMachine) {
     const UniqueKey owner(machine);
     EXPECT_EQ(StatusOfOpening(machine, L"A"), ERROR_SUCCESS);
 }
+
+TEST(RegistrySandbox, RemovesLinksAndLeavesWhatTheyLeadTo) {
+    const auto sandbox = MakeSandbox();
+    sandbox->PutDword(HKEY_LOCAL_MACHINE, L"outside\\below", L"number", 7);
+    const std::string outside = sandbox->Tree(HKEY_LOCAL_MACHINE, L"outside");
+    sandbox->PutKey(HKEY_LOCAL_MACHINE, L"tree\\a");
+    sandbox->PutLink(HKEY_LOCAL_MACHINE, L"tree\\a\\link", L"outside");
+    ASSERT_TRUE(sandbox->HasKey(HKEY_LOCAL_MACHINE, L"tree\\a\\link\\below")) << "it leads there";
+    sandbox->Remove(HKEY_LOCAL_MACHINE, L"tree");
+    EXPECT_FALSE(sandbox->HasKey(HKEY_LOCAL_MACHINE, L"tree"));
+    EXPECT_EQ(sandbox->Tree(HKEY_LOCAL_MACHINE, L"outside"), outside);
+}
+
+TEST(RegistrySandbox, ShowsALinkAsWhatItIs) {
+    const auto sandbox = MakeSandbox();
+    sandbox->PutKey(HKEY_LOCAL_MACHINE, L"outside\\below");
+    sandbox->PutLink(HKEY_LOCAL_MACHINE, L"tree\\link", L"outside");
+    const std::string tree = sandbox->Tree(HKEY_LOCAL_MACHINE, L"tree");
+    EXPECT_TRUE(tree.starts_with("[tree]\n[tree\\link] -> \\R")) << tree;
+    EXPECT_TRUE(tree.ends_with("\\outside\n")) << tree;
+}
+
+TEST(RegistrySandbox, KnowsNamesWithZeros) {
+    using namespace std::string_literals;
+    const auto sandbox = MakeSandbox();
+    for (const std::wstring &name : {L"\0a"s, L"b\0c"s})
+        sandbox->PutKeyNamed(HKEY_LOCAL_MACHINE, L"tree", name);
+    EXPECT_EQ(sandbox->Tree(HKEY_LOCAL_MACHINE, L"tree"), "[tree]\n[tree\\\\0a]\n[tree\\b\\0c]\n");
+    sandbox->Remove(HKEY_LOCAL_MACHINE, L"tree");
+    EXPECT_FALSE(sandbox->HasKey(HKEY_LOCAL_MACHINE, L"tree"));
+}

@@ -2,11 +2,13 @@
 
 #include <cstddef>
 #include <memory>
+#include <span>
 #include <type_traits>
 
 #include <windows.h>
 
 #include "InfScan.h"
+#include "ViewReading.h"
 
 namespace {
 
@@ -19,6 +21,16 @@ struct Unmap {
     void operator()(const void *view) const { (void)UnmapViewOfFile(view); }
 };
 using View = std::unique_ptr<const void, Unmap>;
+
+struct InfFile {
+    std::span<const std::byte> content;
+    const wchar_t *driver = nullptr;
+};
+
+void FindDriver(void *file) {
+    auto &inf = *static_cast<InfFile *>(file);
+    inf.driver = DriverNamedIn(inf.content);
+}
 
 }  // namespace
 
@@ -38,5 +50,7 @@ const wchar_t *DriverOfInfFile(const std::wstring &path) {
     const View view(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
     if (!view)
         return nullptr;
-    return DriverNamedIn({static_cast<const std::byte *>(view.get()), static_cast<std::size_t>(size.QuadPart)});
+    InfFile inf{{static_cast<const std::byte *>(view.get()), static_cast<std::size_t>(size.QuadPart)}};
+    // On a bad sector the file can be mapped all the same.
+    return ReadView(inf.content, &FindDriver, &inf) ? inf.driver : nullptr;
 }

@@ -3,7 +3,10 @@
 
 #include <string>
 
-/// @param keyPath  the key's path below HKEY_LOCAL_MACHINE, which the function writes on as it goes down; on return it
-///                 is as it was.
+/// Symbolic links in the tree are deleted and never followed: what they lead to stays. A key whose name has a zero in
+/// it stays, with those that follow it and those above it.
+/// @param keyPath  the key's path below HKEY_LOCAL_MACHINE. Nobody but the system may be able to write to the keys
+/// above
+///                 it: links in the path itself are followed, but for the key.
 /// @return 0 when the key is gone, also if it never was there, else 1. What could be deleted is gone then, too.
-int DeleteRegistryTree(std::wstring &keyPath);
+int DeleteRegistryTree(const std::wstring &keyPath);
