@@ -174,6 +174,12 @@ RegistrySandbox::~RegistrySandbox() {
     RegDeleteKeyW(m_software.get(), kParent);  // fails while other sandboxes are there
 }
 
+HKEY RegistrySandbox::KeyOf(HKEY root) const {
+    if (root == HKEY_LOCAL_MACHINE)
+        return m_machineRoot.get();
+    return root == HKEY_CURRENT_USER ? m_userRoot.get() : root;
+}
+
 void RegistrySandbox::PutKey(HKEY root, const std::wstring &path) {
     const InsideSimulator inside;
     Create(root, path);
@@ -211,14 +217,14 @@ void RegistrySandbox::PutTexts(HKEY root, const std::wstring &path, const std::w
 
 void RegistrySandbox::PutKeyNamed(HKEY root, const std::wstring &above, const std::wstring &name) {
     const InsideSimulator inside;
-    CreateBelow(Create(root, above).get(), name);
+    CreateBelow(Create(KeyOf(root), above).get(), name);
 }
 
 void RegistrySandbox::PutLink(HKEY root, const std::wstring &path, const std::wstring &target) {
     const InsideSimulator inside;
     const auto [above, name] = SplitPath(path);
-    const UniqueKey link = CreateBelow(Create(root, above).get(), name, REG_OPTION_CREATE_LINK);
-    const std::wstring full = NativeName(Create(root, L"").get()) + L"\\" + target;
+    const UniqueKey link = CreateBelow(Create(KeyOf(root), above).get(), name, REG_OPTION_CREATE_LINK);
+    const std::wstring full = NativeName(KeyOf(root)) + L"\\" + target;
     Check(RegSetValueExW(link.get(), L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE *>(full.data()),
                          static_cast<DWORD>(full.size() * sizeof(wchar_t))),
           "RegSetValueExW");
@@ -226,7 +232,7 @@ void RegistrySandbox::PutLink(HKEY root, const std::wstring &path, const std::ws
 
 void RegistrySandbox::Remove(HKEY root, const std::wstring &path) {
     const InsideSimulator inside;
-    Check(DeleteTree(root, path), "NtDeleteKey");
+    Check(DeleteTree(KeyOf(root), path), "NtDeleteKey");
 }
 
 bool RegistrySandbox::HasKey(HKEY root, const std::wstring &path) const {
@@ -253,7 +259,7 @@ std::optional<std::wstring> RegistrySandbox::Text(HKEY root, const std::wstring 
 std::string RegistrySandbox::Tree(HKEY root, const std::wstring &path) const {
     const InsideSimulator inside;
     std::string text;
-    const UniqueKey key = Open(root, path);
+    const UniqueKey key = Open(KeyOf(root), path);
     if (key)
         AppendTree(text, key.get(), path);
     return text;

@@ -61,6 +61,9 @@ public:
     [[nodiscard]] const std::wstring &RealPath() const { return m_path; }
 
 private:
+    /// The key that stands for a predefined one, which the functions of NativeKeys.h do not know.
+    [[nodiscard]] HKEY KeyOf(HKEY root) const;
+
     std::wstring m_path;
     UniqueKey m_software;  ///< The user's real one, opened before the root was replaced.
     UniqueKey m_machineRoot;
