@@ -14,7 +14,7 @@ namespace Simulator {
 
 namespace {
 
-constexpr const char *kMethods[] = {
+constexpr const char *kFirewallMethods[] = {
     "INetFwPolicy2::QueryInterface",
     "INetFwPolicy2::get_FirewallEnabled",
     "INetFwPolicy2::put_FirewallEnabled",
@@ -43,7 +43,7 @@ constexpr const char *kMethods[] = {
 }  // namespace
 
 std::span<const char *const> FirewallMethods() {
-    return kMethods;
+    return kFirewallMethods;
 }
 
 FirewallState Firewall::Read() const {
