@@ -7,7 +7,12 @@ ctest_entries() { ctest --test-dir "$BUILD" -N "$@" | sed -n 's/^ *Test *#[0-9]*
 # run_tests [PROGRAM...]: all test programs, or the named ones. The results that they leave tell how it went; ctest
 # itself knows only what scripts/run-apart.sh has found in them.
 run_tests() {
-    local results=$BUILD/test-results filter=() status=0 entries
+    local results=$BUILD/test-results filter=() status=0 entries known name
+    mapfile -t known < <(ctest_entries)
+    for name in "$@"; do
+        printf '%s\n' "${known[@]}" | grep -qxF -- "$name" ||
+            die "no test program is called '$name'; there are: ${known[*]}"
+    done
     rm -rf "$results"
     mkdir -p "$results"
     [ $# -eq 0 ] || filter=(-R "^($(
@@ -15,10 +20,39 @@ run_tests() {
         echo "$*"
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
-    [ ${#entries[@]} -gt 0 ] || die "no test program is called '$*'; there are: $(ctest_entries | tr '\n' ' ')"
     say "testing"
     ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" --timeout $((TEST_SECONDS + 60)) \
         "${filter[@]}" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
+    return "$status"
+}
+
+# The seed by which each program has shuffled its tests, to have the same order again with --gtest_random_seed.
+tell_seeds() {
+    local file
+    echo "seeds:$(for file in "$BUILD"/test-results/*.xml; do
+        sed -n 's/^<testsuites .* random_seed="\([0-9]*\)".*/\1/p' "$file" | sed "s/^/ $(basename "$file" .xml)=/"
+    done | tr -d '\n')"
+}
+
+# run_under_load RUNS [PROGRAM...]: the tests so many times, each time in another order, beside six busy loops: what
+# depends on which thread comes first fails then.
+run_under_load() {
+    local runs=$1 loops=() status=0 i
+    shift
+    for ((i = 0; i < 6; i++)); do
+        while :; do :; done &
+        loops+=($!)
+    done
+    # shellcheck disable=SC2064 # the loops of this call
+    trap "kill ${loops[*]} 2>/dev/null" EXIT
+    export FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
+    TEST_SECONDS=$FC_TEST_SECONDS
+    for ((i = 1; i <= runs; i++)); do
+        say "run $i of $runs, beside ${#loops[@]} busy loops"
+        run_tests "$@" || status=1
+        tell_seeds
+    done
+    kill "${loops[@]}"
     return "$status"
 }

@@ -167,6 +167,26 @@ AnUnknownNameFails() {
     ends_with_an_error && mentions "no test program is called 'goood'; there are: good"
 }
 
+AnUnknownNameBesideAKnownOneFails() {
+    entries good 'result good 3 0'
+    in_dev run_tests good nosuch
+    ends_with_an_error && mentions "no test program is called 'nosuch'; there are: good"
+}
+
+ANameIsNoPattern() {
+    entries good 'result good 3 0'
+    in_dev run_tests 'g.*'
+    ends_with_an_error && mentions "no test program is called 'g.*'"
+}
+
+RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
+    entries once '[ -e ../was-here ] || result once 3 0; touch ../was-here' seeded \
+        'result seeded 2 0; sed -i "s/<testsuites /&random_seed=\"77\" /" seeded.xml'
+    in_dev run_under_load 2
+    fails once 'has left no results (status 0)' 2 1 || return
+    mentions 'run 2 of 2, beside 6 busy loops' && says '5 passed, 0 failed, 0 skipped' && says 'seeds: seeded=77'
+}
+
 # Wine loses the status of about every fourth.
 ACrashOfATestProgramIsNoticed() {
     local i crash all=()
@@ -268,7 +288,9 @@ write_results shell shell.xml'
 for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \
     ResultsThatAreCutShortFail ResultsWithFewerTestsThanTheyTellFail ARunOfNoTestFails \
     AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
-    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput AnUnknownNameFails ACrashOfATestProgramIsNoticed \
+    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput AnUnknownNameFails \
+    AnUnknownNameBesideAKnownOneFails ANameIsNoPattern RunsUnderLoadAreCountedTogetherAndTellTheirSeeds \
+    ACrashOfATestProgramIsNoticed \
     TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
     AWineThatDoesNothingFails AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
