@@ -13,6 +13,8 @@ namespace {
 
 /// Between two looks of a watcher at a thread without a step.
 constexpr DWORD kPollMs = 100;
+/// Real milliseconds; a thread that takes longer is not about to end.
+constexpr DWORD kLastInstructionsMs = 10'000;
 
 bool HasEnded(HANDLE thread) {
     const InsideSimulator inside;
@@ -85,9 +87,8 @@ private:
 };
 
 StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(std::make_shared<Threads>()) {
-    // Until it has ended, or hangs.
     const auto awaitEnd = [threads = m_threads, &faults = simulation.GetFaults()](DWORD id) {
-        (void)Await(INFINITE, [&] { return threads->HasThreadEnded(id) || faults.Hangs(id); });
+        (void)Await(kLastInstructionsMs, [&] { return threads->HasThreadEnded(id) || faults.Hangs(id); });
         return threads->HasThreadEnded(id);
     };
     Simulator::FunctionSet &functions = simulation.Functions();
