@@ -111,9 +111,9 @@ private:
 /// @param security  outlives the set.
 void InstallSecurity(FunctionSet &functions, Security &security);
 
-/// Puts the protected keys under RegOpenKeyExW, which grants reading alone, and under RegDeleteKeyW and NtDeleteKey, as it
-/// does those whose deletion is forbidden. Other functions of the registry do not know of them.
-/// Both outlive the set.
+/// Puts the protected keys under RegOpenKeyExW, which grants reading alone, and under RegDeleteKeyW and NtDeleteKey, as
+/// it does those whose deletion is forbidden. Other functions of the registry do not know of them. Both outlive the
+/// set.
 void InstallProtectedKeys(FunctionSet &functions, const Security &security, const RegistrySandbox &registry);
 
 }  // namespace Simulator
