@@ -24,7 +24,6 @@ SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);  // tells where a ste
 
 constexpr char kInstall[] = "INetCfgClassSetup::Install";
 constexpr std::uint64_t kInstallLimitMs = 600'000;
-constexpr DWORD kPatienceMs = 60'000;
 
 /// The program's own reading of the counter tells simulated time.
 double RealNow() {

@@ -64,8 +64,9 @@ function SLB.filter.UpdateConnMetrics() end
 ---@return fc.ConnMetricsRow[] rows in the order of the keys
 function SLB.filter.GetConnMetrics() end
 
----One iteration of the health check. Raises no error: a wrong argument gives `action` 6. Blocks for at least 100 ms, but
----not with `action` 2 and 6. `action` 2 clears the wait of the fail-open, in "Activated", too.
+---One iteration of the health check. A wrong argument gives `action` 6. An error is raised only if Lua has no memory for the
+---result, or a finalizer that runs meanwhile raises one: the iteration has been made then. Blocks for at least 100 ms, but not
+---with `action` 2 and 6; 5 may come at once, too. `action` 2 clears the wait of the fail-open, in "Activated", too.
 ---@param dom SLB.Dom
 ---@param state "Activated"|"Deactivated" whether the filter is in fail-open
 ---@param cloud_config string the policy as JSON; "" for the local configuration file
@@ -73,7 +74,8 @@ function SLB.filter.GetConnMetrics() end
 ---@nodiscard
 function SLB.filter.CheckSystemHealthMetrics(dom, state, cloud_config) end
 
----The last evaluated iteration.
+---The last evaluated iteration. An error is raised only if Lua has no memory for the tables, or a finalizer that runs
+---meanwhile raises one.
 ---@return true ok
 ---@return fc.HealthMetric[] metrics seven of them
 ---@nodiscard
@@ -194,22 +196,27 @@ function SLB.filter.StartNDISDriver(wait) end
 function SLB.filter.RestartNDISDriver(wait) end
 
 ---Turns on what `DisableNativeFirewall` has turned off. A failure is only traced, under `FC-WFW`; the next call tries
----again.
+---again. A remembered value of zero or of another type is removed without turning anything on, but only when COM and the
+---firewall's objects were had; one that is longer than four bytes is removed at once. A thread in a multithreaded COM
+---apartment loses one initialisation of COM for each call that reached it.
 ---@return 0 result
 function SLB.filter.EnableNativeFirewall() end
 
 ---Turns off the profiles of the system's firewall that are on, and remembers them. A failure is only traced, under
----`FC-WFW`.
+---`FC-WFW`. COM is as with `EnableNativeFirewall`.
 ---@return 0 result
 function SLB.filter.DisableNativeFirewall() end
 
----Puts a program on the list of authorised applications of the current profile.
----@param path string the full path of the program's file; not empty
----@param name string how the list shows it; not empty, unless the program is listed and enabled
+---Puts a program on the list of authorised applications of the current profile. Both texts are UTF-8 and end at the first zero
+---byte; what is neither a string nor a number counts as empty. A thread in a multithreaded COM apartment loses one initialisation
+---of COM for each failed call that reached it.
+---@param path string|number the full path of the program's file; not empty
+---@param name string|number how the list shows it; not empty, unless the program is listed and enabled
 ---@return boolean ok true when the program is listed and enabled
 function SLB.filter.WindowsFirewallAddApp(path, name) end
 
----Takes a program off the list of authorised applications of the current profile.
----@param path string the full path of the program's file
+---Takes a program off the list of authorised applications of the current profile. Text and COM are as with
+---`WindowsFirewallAddApp`.
+---@param path string|number the full path of the program's file
 ---@return boolean ok
 function SLB.filter.WindowsFirewallRemoveApp(path) end

@@ -472,11 +472,18 @@ TEST_F(Policy, ANumberThatTheCLibraryWouldReadForMinutesIsAParsingError) {
 }
 
 TEST_F(Policy, NumbersOfAThousandCharactersAndLongerStringsOfDigitsAreRead) {
-    const std::string digits(5'000, '9');
+    const std::string digits(100'000, '9');
     const std::string zeros(1'000, '0');
     const std::string policy =
         R"({"\"\\": ["\\", "x\")" + digits + "\", \"" + digits + R"("], "SYS_THR_RUNQ": {"value": 50.)" + zeros + "}}";
     EXPECT_EQ(ReadPolicy(policy).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, ALongNumberBehindTheObjectIsIgnored) {
+    const std::string digits(200'000, '9');
+    for (const std::string &behind : {digits, "\n" + std::string(200'000, '-'), "]" + digits})
+        EXPECT_EQ(ReadPolicy(R"({"OTHER": [{}, 1], "SYS_THR_RUNQ": {"value": 50}} )" + behind).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 

@@ -618,11 +618,14 @@ TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOfThoseAlone) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
+    SetTotals({.bytesForward = 40 * 1024 * 1024});
+    ASSERT_EQ(CheckAt(10), kNormal);
+    ASSERT_EQ(Metric("scanmb").value, 1);
     driver().scanShape = {3, 1};
     SetTotals({.established = 400, .bytesForward = 400 * 1024 * 1024});
-    ASSERT_EQ(CheckAt(10), kNormal);
+    ASSERT_EQ(CheckAt(20), kNormal);
     EXPECT_EQ(Metric("estab").value, 10);
-    EXPECT_EQ(Metric("scanmb").value, 0);
+    EXPECT_EQ(Metric("scanmb").value, 1) << "the rate of the last answer that had it";
 }
 
 TEST_F(Sampling, CountersThatOneAnswerLeavesOutKeepTheirBaseline) {

@@ -5,11 +5,13 @@
 #include <cstddef>
 #include <future>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
 
 #include "RemovalFixture.h"
+#include "WindowsFunctions.h"
 
 #include "DriverThreadProbe.h"  // behind the others: it defines the GUIDs that they declare
 
@@ -372,6 +374,24 @@ TEST_F(DriverThread, IsNotKilledForAStepThatHasEndedMeanwhile) {
     thread.EndStep(6);
     std::uint32_t step = NoStep;
     EXPECT_EQ(JudgeOverrun(thread, step), Verdict::GoesOn);
+    EXPECT_EQ(step, NoStep);
+}
+
+TEST_F(DriverThread, IsNotKilledForAStepThatEndsWhileItsStackIsRead) {
+    Probe thread(dom);
+    thread.StartStep(3, 180);
+    thread.StartStep(6, 15);
+    AdvanceMs(15'000);
+    EXPECT_FALSE(thread.WaitForStepToFinish());
+    bool captures = false;
+    simulation().Functions().Put<Simulator::System::DuplicateHandle>([&](const auto &next, auto... arguments) {
+        if (!std::exchange(captures, true))
+            thread.EndStep(6);
+        return next(arguments...);
+    });
+    std::uint32_t step = NoStep;
+    EXPECT_EQ(JudgeOverrun(thread, step), Verdict::GoesOn);
+    EXPECT_TRUE(captures);
     EXPECT_EQ(step, NoStep);
 }
 

@@ -12,7 +12,6 @@ namespace {
 
 SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
-SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
 
 using Simulator::InsideSimulator;
 
@@ -54,7 +53,6 @@ protected:
     RemovalWatch() {
         simulation().Functions().PassThrough<TerminateThread>();
         simulation().Functions().PassThrough<ResumeThread>();
-        simulation().Functions().PassThrough<SuspendThread>();
     }
 
     /// A thread that has been killed, or not, gets no time to end.
@@ -91,7 +89,10 @@ TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Millisecond
     EXPECT_TRUE(ended);
     EXPECT_TRUE(removal.result);
     EXPECT_EQ(CallsOfMine("Sleep"), 1U);
-    EXPECT_LE(CallsOfMine("WaitForSingleObject"), 1U) << "for the end of the thread behind its body";
+    for (const auto &call : simulation().GetJournal().Entries())
+        EXPECT_FALSE(call.thread == GetCurrentThreadId() && call.function == "WaitForSingleObject" &&
+                     !call.arguments.ends_with(", 5000"))
+            << "it waits for the end of the thread behind its body alone, not for a step: " << call.arguments;
     EXPECT_EQ(removal.tookMs, 100U);
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
 }
@@ -212,10 +213,10 @@ TEST_F(RemovalWatch, KillsAWorkerThatWasMadeAndCantBeStarted) {
 }
 
 TEST_F(RemovalWatch, KillsAWorkerThatWaitsForTheLockOfItsSteps) {
-    simulation().Functions().Put<SuspendThread>([this](const auto &next, HANDLE thread) {
+    simulation().Functions().Put<TerminateThread>([this](const auto &next, HANDLE thread, DWORD code) {
         simulation().GetFaults().ReleaseHung();
         Simulator::System::Sleep::Real(200);  // it comes to the end of its step
-        return next(thread);
+        return next(thread, code);
     });
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
     EXPECT_TRUE(hang.killed);

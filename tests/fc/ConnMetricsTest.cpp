@@ -508,6 +508,7 @@ TEST_F(ConnMetrics, WithoutRandomBytesKeysAreCountedAllTheSame) {
 
 TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
     const Simulator::Redirection source = RandomSource(&KnownBytes);
+    ASSERT_TRUE(source.Found());
     // Pairs that collide in the shortcut's 32-bit hash under the known bytes: different within its record, in the
     // record's last word, behind it, and in front of a long common end.
     lua.Run(R"(

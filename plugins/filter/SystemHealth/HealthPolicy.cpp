@@ -99,17 +99,24 @@ void CheckDurations(std::int32_t &count) {
                          wxString::Format("max_dur(%f) < min_dur(%f)", maximum.value, minimum.value));
 }
 
-/// Where a number of more characters than any number needs begins, outside of strings; null if there is none. The C
-/// library's time for a number grows with the square of its length: a megabyte of digits takes half a minute.
+/// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
+/// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
+/// of digits takes half a minute.
 const char *FindEndlessNumber(const char *json) {
-    constexpr std::size_t maxCharacters = 2048;
+    constexpr std::size_t maxCharacters = 65'536;
     bool inString = false;
+    int depth = 0;
     while (*json != '\0') {
         std::size_t length = 1;
         if (*json == '"') {
             inString = !inString;
         } else if (inString) {
             length = json[0] == '\\' && json[1] != '\0' ? 2 : 1;
+        } else if (*json == '{' || *json == '[') {
+            ++depth;
+        } else if (*json == '}' || *json == ']') {
+            if (--depth <= 0)
+                return nullptr;
         } else {
             length = std::max<std::size_t>(std::strspn(json, "0123456789+-.eE"), 1);
             if (length > maxCharacters)

@@ -8,7 +8,7 @@
 /// Compares with an earlier state, not with an ideal one: what was down before counts as healthy.
 class AdaptorHealthChecker {
 public:
-    /// @param before  the earlier records; must outlive the object.
+    /// @param before  the earlier records; must outlive the object, and stay as they are.
     explicit AdaptorHealthChecker(const TcpAdapterList &before);
 
     /// @return true for a healthy adapter; traces why.

@@ -1,12 +1,12 @@
 // How a driver thread comes to its end: it is watched, killed if a step overruns, and its object is destroyed. Only
 // WindowsDriverInstaller.cpp includes this.
 //
-// Locks. Only these are held together, the one on the left first:
-//   stepLock of a worker, by its watcher while it captures the stack and kills  >  the lock of the stack walks
+// Locks. Of this module's only these are held together, the one on the left first:
 //   watchdogLock of an InstallStatus, by the script's thread for a stalled watchdog  >  the lock of the stack walks
 //   stepLock of a worker, by the worker that logs a step out of order  >  the lock of its grabbed log
 // Nobody takes stepLock or watchdogLock while holding another lock. A worker is killed with its stepLock held, so that
-// it does not hold that itself; whatever else it holds stays locked.
+// it does not hold that itself; whatever else it holds stays locked. Under stepLock the watcher also logs, and under all
+// of them wxThread takes its own lock: neither calls back into this module.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +30,9 @@ using UniqueThread = std::unique_ptr<CDriverUninstallerThread>;
 constexpr DWORD kEndOfThreadMs = 5'000;
 
 DWORD WINAPI DestroyEndedThread(void *object) {
-    const UniqueThread thread(static_cast<CDriverUninstallerThread *>(object));
-    (void)thread->End().HasCome(*thread, INFINITE);
+    UniqueThread thread(static_cast<CDriverUninstallerThread *>(object));
+    if (!thread->End().HasCome(*thread, INFINITE))
+        (void)thread.release();  // nobody can tell
     return 0;
 }
 
@@ -62,18 +63,31 @@ void StartOrKill(CDriverUninstallerThread &thread, bool create) {
 /// What becomes of a worker whose step could not be waited for any longer.
 enum class Verdict { GoesOn, IsLeftAlone, IsKilled };
 
+/// The step on top of the stack, if it can't be waited for any longer.
+std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
+    const wxCriticalSectionLocker lock(thread.StepLock());
+    return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
+}
+
 /// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step.
 /// @param step  receives the step in which it was killed.
 Verdict JudgeOverrun(CDriverUninstallerThread &thread, std::uint32_t &step) {
-    const wxCriticalSectionLocker lock(thread.StepLock());
-    if (!thread.CannotBeWaitedFor())
+    const std::optional<std::uint32_t> overrun = OverrunStep(thread);
+    if (!overrun)
         return Verdict::GoesOn;
-    step = thread.TopStep();
-    if (step == ThreadRunning)
+    if (*overrun == ThreadRunning)
         return Verdict::IsLeftAlone;
     const wxString stack = CaptureThreadStack(&thread);
-    wxLogVerbose("Stack trace:\n%s", stack);
-    KillThread(thread);
+    {
+        // Held for the kill alone: a thread that is killed while it waits for a lock may harm those that wait with it.
+        const wxCriticalSectionLocker lock(thread.StepLock());
+        if (OverrunStep(thread) != overrun)
+            return Verdict::GoesOn;
+        wxLogVerbose("Stack trace:\n%s", stack);
+        thread.End().Kill(thread);
+    }
+    (void)thread.End().HasCome(thread, kEndOfThreadMs);
+    step = *overrun;
     return Verdict::IsKilled;
 }
 

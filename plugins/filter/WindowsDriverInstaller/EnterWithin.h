@@ -3,6 +3,12 @@
 
 #include <wx/thread.h>
 
+/// Leaves a section that was entered.
+struct LeaveAtEnd {
+    wxCriticalSection &section;
+    ~LeaveAtEnd() { section.Leave(); }
+};
+
 /// @return false if it could not be entered within the time; else it is to be left.
 inline bool EnterWithin(wxCriticalSection &section, int milliseconds) {
     constexpr int pauseMs = 50;

@@ -76,9 +76,11 @@ LSTATUS QueryNumber(const wchar_t *path, const wchar_t *name, DWORD &number) {
 }
 
 bool WriteNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number, const TraceSite &site) {
-    const wxLogNull quiet;  // the trace tells it
-    if (key.Open(wxRegKey::Write) && key.SetValue(name, number))
-        return true;
+    {
+        const wxLogNull quiet;  // the trace tells it
+        if (key.Open(wxRegKey::Write) && key.SetValue(name, number))
+            return true;
+    }
     Trace(site, "Unable to write HKLM\\%s\\%s", path, name);
     return false;
 }

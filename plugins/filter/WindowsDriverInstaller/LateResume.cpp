@@ -51,10 +51,11 @@ DWORD WINAPI LateResume::ResumeIfLate(void *shared) {
     const std::unique_ptr<std::shared_ptr<Shared>> owner(static_cast<std::shared_ptr<Shared> *>(shared));
     const Shared &mine = **owner;
     (void)SetEvent(mine.ready.get());
-    if (WaitForSingleObject(mine.over.get(), kLongestPauseMs) == WAIT_OBJECT_0)
-        return 0;
-    constexpr DWORD failed = static_cast<DWORD>(-1);
-    if (ResumeThread(mine.paused.get()) == failed)
-        (void)ResumeThread(mine.paused.get());
+    // Again and again: the thread may be paused only after the first time is up.
+    while (WaitForSingleObject(mine.over.get(), kLongestPauseMs) == WAIT_TIMEOUT) {
+        constexpr DWORD failed = static_cast<DWORD>(-1);
+        if (ResumeThread(mine.paused.get()) == failed)
+            (void)ResumeThread(mine.paused.get());
+    }
     return 0;
 }

@@ -6,9 +6,9 @@
 #include <windows.h>
 #include <wx/thread.h>
 
-/// To be made before a thread is paused. Unless it is destroyed before, it resumes the thread after some seconds, once:
-/// whoever paused it may be waiting for a lock that it holds, such as the heap's or the loader's. Its own thread, which
-/// does that, allocates nothing.
+/// To be made before a thread is paused. Until it is destroyed it resumes the thread every five seconds: whoever paused
+/// the thread may be waiting for a lock that it holds, such as the heap's or the loader's. Its own thread, which does
+/// that, allocates nothing.
 class LateResume {
 public:
     explicit LateResume(const wxThread &thread);

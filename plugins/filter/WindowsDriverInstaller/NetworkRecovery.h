@@ -46,8 +46,10 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
             const wxLogNull noLog;
             installerThread->GetTcpAdapters(currentAdapters);
         }
-        const AdaptorHealthChecker isHealthy(stillUnhealthy);
-        currentAdapters.remove_if(std::cref(isHealthy));
+        {
+            const AdaptorHealthChecker isHealthy(stillUnhealthy);
+            currentAdapters.remove_if(std::cref(isHealthy));
+        }
         if (currentAdapters.empty()) {
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
@@ -137,6 +139,13 @@ void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
     }
 }
 
+/// The order by which the ids of devices are compared.
+struct LessAsDeviceId {
+    bool operator()(const wxString &left, const wxString &right) const {
+        return _wcsicmp(left.wc_str(), right.wc_str()) < 0;
+    }
+};
+
 /// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
 /// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
 /// machine be its.
@@ -169,8 +178,8 @@ public:
     }
 
 private:
-    std::map<wxString, std::map<std::size_t, const TcpAdapter *>, LessWithoutCase> m_adapters;  ///< By component id.
-    std::set<std::size_t> m_lengths;                                                            ///< Of the ids.
+    std::map<wxString, std::map<std::size_t, const TcpAdapter *>, LessAsDeviceId> m_adapters;  ///< By component id.
+    std::set<std::size_t> m_lengths;                                                           ///< Of the ids.
 };
 
 /// One change of a device's state.

@@ -12,6 +12,7 @@ extern "C" __declspec(dllimport) LONG NTAPI NtDeleteKey(HANDLE key);
 namespace {
 
 constexpr int kMaxReturns = 10;
+constexpr int kMaxSubkeys = 10'000;  ///< More than a device has: whoever makes new ones all the time ends the deletion.
 constexpr int kMaxLevels = 512;  ///< The system lets no tree be deeper.
 
 /// Opens a link itself, never what it leads to: anybody may have put one into a key that is open to everyone. For the
@@ -48,7 +49,10 @@ bool DeleteTree(HKEY parent, const std::wstring &name, int levels);
 void DeleteSubkeys(const RegistryKey &key, int levels) {
     std::wstring deleted;
     int returns = 0;
-    while (const std::optional<std::wstring> name = FirstSubkey(key)) {
+    for (int subkeys = 0; subkeys < kMaxSubkeys; ++subkeys) {
+        const std::optional<std::wstring> name = FirstSubkey(key);
+        if (!name)
+            break;
         // One that is made anew whenever it is gone, or that can't be found by its name, is not tried without end.
         if (*name == deleted && ++returns == kMaxReturns)
             break;

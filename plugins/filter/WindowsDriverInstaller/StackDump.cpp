@@ -180,14 +180,12 @@ wxString CaptureThreadStack(wxThread *thread) {
     static wxCriticalSection oneAtATime;  // the debug help library is for one thread at a time
     if (!EnterWithin(oneAtATime, kPatienceMs))
         return {};
+    const LeaveAtEnd entered{oneAtATime};
     StackDump dump;
-    {
-        const wxLogNull quiet;
-        Frames frames;
-        WalkPaused(*thread, frames);
-        if (frames.count != 0)
-            dump.Add(frames);
-    }
-    oneAtATime.Leave();
+    const wxLogNull quiet;
+    Frames frames;
+    WalkPaused(*thread, frames);
+    if (frames.count != 0)
+        dump.Add(frames);
     return dump.Text();
 }

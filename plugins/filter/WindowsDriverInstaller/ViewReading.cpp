@@ -40,7 +40,7 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
     }
 }
 
-#else
+#elif defined(__x86_64__)
 
 // The same for a compiler without __try: this is the code that it stands for.
 extern "C" {
@@ -49,12 +49,12 @@ void FcRead(const Reading *reading);
 int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame);
 }
 
-void FcRead(const Reading *reading) {
+[[gnu::used]] void FcRead(const Reading *reading) {
     reading->read(reading->context);
 }
 
 /// @param frame  that of FcGuardedRead, which keeps the reading behind the room for its callee's arguments.
-int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame) {
+[[gnu::used]] int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame) {
     return Decide(*exception->ExceptionRecord, *static_cast<const Reading *const *>(frame)[4]);
 }
 
@@ -93,4 +93,6 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
     return FcGuardedRead(&reading) != 0;
 }
 
+#else
+#error "a frame handler of this processor is needed here"
 #endif

@@ -64,7 +64,8 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
     if (!watchdog->start(50, true, 0)) {
-        ThreadEnd().Kill(*watchdog);  // made, and never to run
+        // Made, and never to run. Not by wxThread, whose kill of a detached thread may delete the object.
+        (void)TerminateThread(watchdog->MSWGetHandle(), 0);
         return false;
     }
     (void)watchdog.release();  // it frees itself

@@ -16,6 +16,6 @@ int UpdateConnMetrics(lua_State *L);
 
 /// Lua: rows = GetConnMetrics(). Drains the result: an array with a table for each kind, ordered by
 /// key. Any thread. Raises the Lua error of whatever happens while the table is built: no memory, a finalizer or
-/// a hook that raises. The result then is as if it had not been drained. Finalizers may call this module, and no
-/// lock is held while they run.
+/// a hook that raises. The result then is as if it had not been drained, but for a hook that raises when the function
+/// returns. No lock is held while finalizers run; they may call this module, adding and folding on their one thread.
 int GetConnMetrics(lua_State *L);

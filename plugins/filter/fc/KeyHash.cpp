@@ -25,7 +25,8 @@ public:
     static constexpr std::size_t kSize = XXH3_SECRET_DEFAULT_SIZE;
 
 private:
-    /// Without random bytes: what nobody outside of this process knows exactly. Keys that collide are slow, not wrong.
+    /// Without random bytes: what nobody outside of this process knows exactly. Keys that collide are slow, not
+    /// wrong; only thousands of them with one hash would take memory without end.
     void FillFromProcess() {
         struct {
             LARGE_INTEGER counter;
