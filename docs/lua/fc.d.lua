@@ -64,9 +64,10 @@ function SLB.filter.UpdateConnMetrics() end
 ---@return fc.ConnMetricsRow[] rows in the order of the keys
 function SLB.filter.GetConnMetrics() end
 
----One iteration of the health check. A wrong argument gives `action` 6. An error is raised only if Lua has no memory for the
----result, or a finalizer that runs meanwhile raises one: the iteration has been made then. Blocks for at least 100 ms, but not
----with `action` 2 and 6; 5 may come at once, too. `action` 2 clears the wait of the fail-open, in "Activated", too.
+---One iteration of the health check. A wrong argument gives `action` 6. An error is raised only if Lua has no memory
+---for the result, or a finalizer that runs meanwhile raises one: the iteration has been made then. Blocks for at least
+---100 ms, but not with `action` 2 and 6; 5 may come at once, too. `action` 2 clears the wait of the fail-open, in
+---"Activated", too.
 ---@param dom SLB.Dom
 ---@param state "Activated"|"Deactivated" whether the filter is in fail-open
 ---@param cloud_config string the policy as JSON; "" for the local configuration file
@@ -96,8 +97,8 @@ function SLB.filter.GetScanMetricPort() end
 ---@param handle fc.DriverHandle
 function SLB.filter.setup_qbtrace(handle) end
 
----Puts the state of the drivers into a diagnostic package. Event 1001 tells of each failure of the driver library, and of
----statistics in another layout.
+---Puts the state of the drivers into a diagnostic package. Event 1001 tells of each failure of the driver library, and
+---of statistics in another layout.
 ---@param dom SLB.Dom
 ---@param handle fc.DriverHandle an open one
 ---@param zip SLB.wx.ZipOutputStream stays open
@@ -149,16 +150,16 @@ function SLB.filter.GetDriverStoppedByBLPTimestamp() end
 function SLB.filter.GetFileVersion(path) end
 
 ---Installs both drivers, or brings them to the version of the files. A newer driver is left alone, whether it runs or
----not. Agent events tell what became of it: 1004 a failure, 1007 a success, 1006 a reboot that is needed, 3005 a call of
----COM, the network configuration or the devices that failed. Failures of the callout are only in the log.
+---not. Agent events tell what became of it: 1004 a failure, 1007 a success, 1006 a reboot that is needed, 3005 a call
+---of COM, the network configuration or the devices that failed. Failures of the callout are only in the log.
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string the folder of the filter driver's files
 ---@param wfp_folder string the folder of the callout's files
 ---@return boolean ended true also when the installation has failed
 function SLB.filter.InstallOrUpdateDriver(dom, ndis_folder, wfp_folder) end
 
----Removes both drivers with all that belongs to them. Event 3005 tells of a call of COM, the network configuration or the
----devices that failed. Failures of the callout and of INF files are only in the log.
+---Removes both drivers with all that belongs to them. Event 3005 tells of a call of COM, the network configuration or
+---the devices that failed. Failures of the callout and of INF files are only in the log.
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string not used
 ---@param wfp_folder string the folder of the callout's files, with a backslash at its end
@@ -196,9 +197,9 @@ function SLB.filter.StartNDISDriver(wait) end
 function SLB.filter.RestartNDISDriver(wait) end
 
 ---Turns on what `DisableNativeFirewall` has turned off. A failure is only traced, under `FC-WFW`; the next call tries
----again. A remembered value of zero or of another type is removed without turning anything on, but only when COM and the
----firewall's objects were had; one that is longer than four bytes is removed at once. A thread in a multithreaded COM
----apartment loses one initialisation of COM for each call that reached it.
+---again. A remembered value of zero or of another type is removed without turning anything on, but only when COM and
+---the firewall's objects were had; one that is longer than four bytes is removed at once. A thread in a multithreaded
+---COM apartment loses one initialisation of COM for each call that reached it.
 ---@return 0 result
 function SLB.filter.EnableNativeFirewall() end
 
@@ -207,9 +208,9 @@ function SLB.filter.EnableNativeFirewall() end
 ---@return 0 result
 function SLB.filter.DisableNativeFirewall() end
 
----Puts a program on the list of authorised applications of the current profile. Both texts are UTF-8 and end at the first zero
----byte; what is neither a string nor a number counts as empty. A thread in a multithreaded COM apartment loses one initialisation
----of COM for each failed call that reached it.
+---Puts a program on the list of authorised applications of the current profile. Both texts are UTF-8 and end at the
+---first zero byte; what is neither a string nor a number counts as empty. A thread in a multithreaded COM apartment
+---loses one initialisation of COM for each failed call that reached it.
 ---@param path string|number the full path of the program's file; not empty
 ---@param name string|number how the list shows it; not empty, unless the program is listed and enabled
 ---@return boolean ok true when the program is listed and enabled

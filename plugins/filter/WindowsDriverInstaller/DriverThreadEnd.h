@@ -5,8 +5,8 @@
 //   watchdogLock of an InstallStatus, by the script's thread for a stalled watchdog  >  the lock of the stack walks
 //   stepLock of a worker, by the worker that logs a step out of order  >  the lock of its grabbed log
 // Nobody takes stepLock or watchdogLock while holding another lock. A worker is killed with its stepLock held, so that
-// it does not hold that itself; whatever else it holds stays locked. Under stepLock the watcher also logs, and under all
-// of them wxThread takes its own lock: neither calls back into this module.
+// it does not hold that itself; whatever else it holds stays locked. Under stepLock the watcher also logs, and under
+// all of them wxThread takes its own lock: neither calls back into this module.
 #pragma once
 
 #include <cstdint>

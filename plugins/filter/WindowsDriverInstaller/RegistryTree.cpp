@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kMaxReturns = 10;
 constexpr int kMaxSubkeys = 10'000;  ///< More than a device has: whoever makes new ones all the time ends the deletion.
-constexpr int kMaxLevels = 512;  ///< The system lets no tree be deeper.
+constexpr int kMaxLevels = 512;      ///< The system lets no tree be deeper.
 
 /// Opens a link itself, never what it leads to: anybody may have put one into a key that is open to everyone. For the
 /// same reason each key is opened from the one above it, so that no link can slip into a path.

@@ -94,5 +94,6 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
 }
 
 #else
+// cppcheck-suppress preprocessorErrorDirective
 #error "a frame handler of this processor is needed here"
 #endif
