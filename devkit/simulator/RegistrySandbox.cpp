@@ -127,7 +127,7 @@ void AppendTree(std::string &text, HKEY key, const std::wstring &path) {
     for (const std::wstring &name : SubkeyNames(key)) {
         const UniqueKey below = OpenBelow(key, name, KEY_READ);
         if (below)
-            AppendTree(text, below.get(), path.empty() ? name : path + L"\\" + name);
+            AppendTree(text, below.get(), path.empty() ? name : std::wstring(path).append(L"\\").append(name));
     }
 }
 

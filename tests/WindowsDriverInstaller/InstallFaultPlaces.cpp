@@ -167,7 +167,7 @@ private:
     bool m_installs = false;
 };
 
-std::vector<DWORD> ThreadsOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller) {
+std::vector<DWORD> ThreadsInOrder(const std::vector<Simulator::JournalEntry> &journal, DWORD caller) {
     std::vector<DWORD> threads{caller};
     for (const Simulator::JournalEntry &entry : journal) {
         if (std::find(threads.begin(), threads.end(), entry.thread) == threads.end())
@@ -234,7 +234,7 @@ std::string NameOf(const FaultPlace &place) {
 }
 
 std::vector<FaultPlace> FaultPlacesOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller) {
-    const std::vector<DWORD> threads = ThreadsOf(journal, caller);
+    const std::vector<DWORD> threads = ThreadsInOrder(journal, caller);
     std::vector<FaultPlace> all;
     for (unsigned number = 0; number < threads.size(); ++number) {
         std::vector<FaultPlace> calls = CallsOf(journal, threads[number], number);

@@ -670,7 +670,10 @@ TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNoRowIsLost) {
 
 TEST_F(ConnMetrics, WhicheverAllocationFailsInADrainTheErrorIsRaisedAndNoRowIsLost) {
     // Texts that the C++ part needs memory for: of another encoding, and numbers that are not plain.
-    lua.Run("text = 'pid\\t' .. (' '):rep(100) .. '7\\nname\\t' .. ('\\233'):rep(1000) .. '\\n' .. ('n'):rep(200)");
+    const std::string beyondAscii = CharacterInCodePage().narrow;
+    lua_pushlstring(lua, beyondAscii.data(), beyondAscii.size());
+    lua_setglobal(lua, "beyondAscii");
+    lua.Run("text = 'pid\\t' .. (' '):rep(100) .. '7\\nname\\t' .. beyondAscii:rep(1000) .. '\\n' .. ('n'):rep(200)");
     lua.Run("for i = 1, 5 do add('key' .. i, text) add('plain' .. i, 'cipher\\t0000000000000000009') end");
     Fold();
     unsigned failures = 0;
