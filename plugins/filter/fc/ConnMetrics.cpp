@@ -70,6 +70,7 @@ int GetConnMetrics(lua_State *L) {
         // Any error, such as one of a finalizer that Lua runs within an allocation.
         if (status != LUA_OK)
             PutBack(drain.entries);
+        FreeEntries(drain.entries);
     }
     if (status != LUA_OK)
         return lua_error(L);

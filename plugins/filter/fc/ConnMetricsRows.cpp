@@ -27,6 +27,9 @@ constexpr const char *kFlagFields[] = {
 constexpr std::string_view kNumberFields[] = {"flags", "pid", "dst_port", "tls_version", "cipher", "container_type"};
 constexpr int kFlagsField = 0;
 
+/// Of the next text, while Lua builds the row before it.
+constexpr std::size_t kPrefetchBytes = 512;
+
 // The Lua stack while rows are built: names as Lua strings, each made once.
 constexpr int kDrainIndex = 1;
 constexpr int kResultIndex = 2;
@@ -225,11 +228,10 @@ void PushRow(lua_State *L, const ConnMetricText &text, ConnMetricsDrain &drain) 
     PushRow(L, std::wstring_view(wide.wx_str(), wide.length()), drain.wideLines, drain);
 }
 
-/// Brings the text of the entry that comes next into the cache while Lua builds the row before it: the
-/// entries lie scattered in the heap, in the order in which they were added.
-void PrefetchText(const ConnMetricText &text) {
+// Entries lie scattered in the heap, in the order in which they were added: what comes next is brought into the cache
+// while the one before it is at work.
+void PrefetchText(const ConnMetricText &text, std::size_t maxBytes) {
     constexpr std::size_t cacheLine = 64;
-    constexpr std::size_t maxBytes = 512;
     const auto *const ascii = std::get_if<std::string>(&text);
     if (!ascii)
         return;
@@ -258,7 +260,7 @@ int BuildConnMetricsRows(lua_State *L) {
     for (auto entry = drain.entries.cbegin(); entry != drain.entries.cend();) {
         const ConnMetricValue &value = entry->second;
         if (++entry != drain.entries.cend())
-            PrefetchText(entry->second.text);
+            PrefetchText(entry->second.text, kPrefetchBytes);
         PushRow(L, value.text, drain);
         // Last, so that it overwrites a field that the text calls "count".
         SetNumber(L, kCountIndex, value.count);
@@ -266,4 +268,16 @@ int BuildConnMetricsRows(lua_State *L) {
     }
     lua_settop(L, kResultIndex);
     return 1;
+}
+
+void FreeEntries(ConnMetricsMap &entries) {
+    for (auto entry = entries.begin(); entry != entries.end();) {
+        const auto next = std::next(entry);
+        if (next != entries.end()) {
+            _mm_prefetch(reinterpret_cast<const char *>(next->first.wx_str()), _MM_HINT_T0);
+            PrefetchText(next->second.text, 1);
+        }
+        entries.erase(entry);
+        entry = next;
+    }
 }
