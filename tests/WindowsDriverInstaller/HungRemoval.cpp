@@ -20,7 +20,7 @@ void HungRemoval::PutRight() {
 
 Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate) {
     const Simulator::FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep", 1, kCallerThread);
-    const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth, kWorkerThread);
+    const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth, kRemovingThread);
     const int objects = VtaCore::Control::LiveObjects();
     const Simulator::BalanceSnapshot before = balance().Take();
     const std::uint64_t deadline = simulation().GetClock().TickMs() + deadlineMs;

@@ -10,7 +10,7 @@
 
 /// The threads of a removal as fault plans number them, which are made on the caller's thread.
 inline constexpr unsigned kCallerThread = 0;
-inline constexpr unsigned kWorkerThread = 1;
+inline constexpr unsigned kRemovingThread = 1;
 
 /// What became of it; the thread is the worker.
 struct Hang : HangResult {

@@ -25,5 +25,5 @@ int main(int argc, char **argv) {
         (void)std::atexit(&Crash);
     if (how == "vanish")
         (void)TerminateProcess(GetCurrentProcess(), 0);
-    return std::atoi(how.c_str());
+    return static_cast<int>(std::strtol(how.c_str(), nullptr, 10));
 }
