@@ -31,7 +31,7 @@ run_tests() {
 tell_seeds() {
     local file
     echo "seeds:$(for file in "$BUILD"/test-results/*.xml; do
-        sed -n 's/^<testsuites .* random_seed="\([0-9]*\)".*/\1/p' "$file" | sed "s/^/ $(basename "$file" .xml)=/"
+        sed -n 's/^<testsuites.* random_seed="\([0-9]*\)".*/\1/p' "$file" | sed "s/^/ $(basename "$file" .xml)=/"
     done | tr -d '\n')"
 }
 
