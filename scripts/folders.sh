@@ -9,7 +9,10 @@ is_default_folder() {
 }
 
 # is_ours FOLDER: whether ./dev may fill and remove it.
-is_ours() { [ -f "$1/$MARKER" ] || is_default_folder "$1"; }
+is_ours() {
+    [ -f "$1/$MARKER" ] || is_default_folder "$1" ||
+        grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$1/CMakeCache.txt" # made before there was a marker
+}
 
 # claim_folder FOLDER VARIABLE: makes it, or refuses one that holds something else.
 claim_folder() {

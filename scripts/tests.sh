@@ -53,6 +53,7 @@ run_under_load() {
         run_tests "$@" || status=1
         tell_seeds
     done
-    kill "${loops[@]}"
+    kill "${loops[@]}" 2>/dev/null || true
+    trap - EXIT
     return "$status"
 }

@@ -15,8 +15,8 @@ class FastForward {
 public:
     explicit FastForward(std::shared_ptr<Simulator::Core> core);
 
-    /// As soon as a call has met the plan, time runs fast until so much of it has passed. It does not leap: those who
-    /// work out a deadline at that very time are not to miss it.
+    /// As soon as a call has met the plan, so much time passes, in leaps of ten seconds at most and exactly to the end:
+    /// those who work out a deadline at that very time are not to miss it by much.
     /// @param milliseconds  of simulated time.
     void WhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 

@@ -17,9 +17,9 @@ namespace Simulator {
 
 class FaultPlan;
 
-/// Which thread's calls a plan counts: threads are numbered in the order in which they make calls, from the making of
-/// the plan on. Thread 0 is the one that makes the plan. So a count does not depend on which of several threads comes
-/// first.
+/// A plan that counts the calls of all threads. One that counts those of one thread names it by its number: threads are
+/// numbered in the order in which they make calls, from the making of the plan on, and thread 0 is the one that makes
+/// the plan. So its count does not depend on which of several threads comes first.
 inline constexpr unsigned kAnyThread = UINT_MAX;
 
 /// What to do with one call.

@@ -463,7 +463,7 @@ TEST_F(Policy, AParsingErrorIsTracedWhateverTheEncodingOfTheText) {
 
 // ---- Large and deep
 
-TEST_F(Policy, ANumberThatTheCLibraryWouldReadForMinutesIsAParsingError) {
+TEST_F(Policy, ANumberThatTheCLibraryWouldReadForLongIsAParsingError) {
     const std::string digits(200'000, '9');
     for (const std::string &number : {"0." + digits, digits + "e-200000", "-" + digits, "[1, 2" + digits + "]"}) {
         SCOPED_TRACE(number.substr(0, 5));
@@ -471,7 +471,7 @@ TEST_F(Policy, ANumberThatTheCLibraryWouldReadForMinutesIsAParsingError) {
     }
 }
 
-TEST_F(Policy, NumbersOfAThousandCharactersAndLongerStringsOfDigitsAreRead) {
+TEST_F(Policy, NumbersOfAThousandCharactersAndStringsOfMoreDigitsAreRead) {
     const std::string digits(100'000, '9');
     const std::string zeros(1'000, '0');
     const std::string policy =

@@ -265,7 +265,7 @@ TEST_F(DriverThread, EndsAWaitWhenAPollFindsAnotherStepOnTop) {
     Probe thread(dom);
     auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
     for (int poll = 0; poll < 3; ++poll) {
-        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+        EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
         AdvanceMs(1'000);
         EXPECT_EQ(watcher.wait_for(milliseconds(50)), std::future_status::timeout) << "the same step is on top";
     }
@@ -279,7 +279,7 @@ TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBeneathRanOut) {
     thread.StartStep(3, 180);
     AdvanceMs(179'500);
     auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
-    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
     thread.StartStep(6, 15);
     AdvanceMs(500);
     EXPECT_TRUE(watcher.get());
@@ -352,7 +352,7 @@ TEST_F(DriverThread, WithoutAStepIsKeptFromStartingOneThatLong) {
     thread.EndStep(0);
     simulation().GetClock().Step();
     auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
-    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, 30'000));
+    EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
     auto worker = std::async(std::launch::async, [&] { thread.StartStep(9, 10); });
     EXPECT_EQ(worker.wait_for(milliseconds(200)), std::future_status::timeout);
     AdvanceMs(99);

@@ -218,7 +218,7 @@ TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGo
 TEST_F(InstallWatch, WarnsOnceOfAWorkerThatHangsInOneStepForAMinute) {
     const FaultPlan plan = faults().HangNth("INetCfgClassSetup::Install", 1);
     const InstallOutcome outcome = InstallWhile([&] {
-        ASSERT_TRUE(plan->WaitUntilHit(30'000));
+        ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         for (int second = 0; second < 130; ++second) {
             PassTime(1'000, 1'000);
             EXPECT_TRUE(AwaitLooks(1));

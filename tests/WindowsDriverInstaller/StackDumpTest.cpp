@@ -94,7 +94,7 @@ void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give)
     PrepareStackDump();
     HoldingThread thread(std::move(take), std::move(give));
     ASSERT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
-    EXPECT_TRUE(thread.reached.Wait(10'000));
+    EXPECT_TRUE(thread.reached.Wait(60'000));
     for (int time = 0; time < 3; ++time) {
         auto capture = std::async(std::launch::async, [&] { return CaptureThreadStack(&thread).utf8_string(); });
         while (capture.wait_for(milliseconds(60'000)) == std::future_status::timeout) {
@@ -165,7 +165,7 @@ protected:
     std::string Capture(unsigned depth) {
         SleepingThread thread(depth);
         EXPECT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
-        EXPECT_TRUE(thread.reached.Wait(10'000));
+        EXPECT_TRUE(thread.reached.Wait(60'000));
         (void)journal().Take();
         const std::size_t handles = OpenHandles();
         std::string text = CaptureThreadStack(&thread).utf8_string();
@@ -181,7 +181,7 @@ protected:
     std::string CaptureBesideLockOf() {
         HoldingUntilResumed thread;
         EXPECT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
-        EXPECT_TRUE(thread.reached.Wait(10'000));
+        EXPECT_TRUE(thread.reached.Wait(60'000));
         functions().Put<F>([&thread](const auto &next, auto... arguments) {
             const wxCriticalSectionLocker locker(thread.lock);
             return next(arguments...);

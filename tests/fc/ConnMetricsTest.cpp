@@ -815,7 +815,7 @@ TEST_F(ConnMetrics, AFinalizerThatTakesLongWithinADrainKeepsNobodyWaiting) {
     within = finished = false;
     lua_register(lua, "take_long", [](lua_State *) {
         within = true;
-        for (int i = 0; i < 1000 && !finished; ++i)
+        for (int i = 0; i < 6'000 && !finished; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return 0;
     });

@@ -102,7 +102,7 @@ void CheckDurations(std::int32_t &count) {
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
 /// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
-const char *FindEndlessNumber(const char *json) {
+const char *FindOverlongNumber(const char *json) {
     constexpr std::size_t maxCharacters = 65'536;
     bool inString = false;
     int depth = 0;
@@ -130,7 +130,7 @@ const char *FindEndlessNumber(const char *json) {
 /// @param error  receives the place of a failure; null if there is none, or it is not known.
 /// @return null for a failure.
 Json ParsePolicy(const char *json, const char *&error) {
-    error = FindEndlessNumber(json);
+    error = FindOverlongNumber(json);
     if (error != nullptr)
         return nullptr;
     Json root(cJSON_ParseWithOpts(json, nullptr, 0));

@@ -42,9 +42,8 @@ public:
         constexpr int patienceMs = 10'000;
         if (!EnterWithin(lock, patienceMs))
             return {};
-        wxString copy = text.Clone();
-        lock.Leave();
-        return copy;
+        const LeaveAtEnd entered{lock};
+        return text.Clone();
     }
     /// Of a thread that has ended. Ends the grabber, which may have held some of the text back until then.
     [[nodiscard]] wxString WholeText() {

@@ -47,17 +47,13 @@ void DestroyOnceEnded(UniqueThread thread) {
     (void)thread.release();  // the work item's; without one it stays
 }
 
-/// Kills a driver thread, and waits a moment for its end. What it was in the midst of stays as it is: nothing releases
-/// what it held.
-void KillThread(CDriverUninstallerThread &thread) {
+/// Starts a driver thread; one that was made but could not be started is killed.
+/// @param create  whether the thread has to be made, too.
+void StartOrKill(CDriverUninstallerThread &thread, bool create) {
+    if (thread.start(50, create, 0))
+        return;
     thread.End().Kill(thread);
     (void)thread.End().HasCome(thread, kEndOfThreadMs);
-}
-
-/// Makes a thread that was made but could not be started go away.
-void StartOrKill(CDriverUninstallerThread &thread, bool create) {
-    if (!thread.start(50, create, 0))
-        KillThread(thread);
 }
 
 /// What becomes of a worker whose step could not be waited for any longer.
@@ -69,7 +65,8 @@ std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
     return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
 }
 
-/// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step.
+/// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step. What it was in
+/// the midst of stays as it is: nothing releases what it held.
 /// @param step  receives the step in which it was killed.
 Verdict JudgeOverrun(CDriverUninstallerThread &thread, std::uint32_t &step) {
     const std::optional<std::uint32_t> overrun = OverrunStep(thread);

@@ -88,6 +88,7 @@ HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t l
 bool CDriverUninstallerThread::WaitForStepToFinish() {
     // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
     constexpr DWORD pollMs = 1'000;
+    waitFailed = false;
     const StepRecord *watched = nullptr;
     for (;;) {
         DWORD timeout = pollMs;

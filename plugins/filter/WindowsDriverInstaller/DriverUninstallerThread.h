@@ -56,7 +56,7 @@ public:
     /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
     /// @return false when the top step has overrun or the wait failed; otherwise it is to be called again.
     bool WaitForStepToFinish();
-    /// Watcher: whether the top step has overrun by now, or a wait has failed.
+    /// Watcher: whether the top step has overrun by now, or the last wait has failed.
     bool CannotBeWaitedFor();
     /// The step on top of the stack, NoStep where there is none. Any thread.
     std::uint32_t TopStep();
@@ -158,7 +158,7 @@ private:
     /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack, and while it kills
     /// the worker.
     wxCriticalSection stepLock;
-    bool waitFailed = false;  ///< The watcher's.
+    bool waitFailed = false;  ///< The watcher's: its last wait.
     ThreadEnd end;
 };
 

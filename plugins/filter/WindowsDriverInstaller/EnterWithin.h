@@ -4,9 +4,15 @@
 #include <wx/thread.h>
 
 /// Leaves a section that was entered.
-struct LeaveAtEnd {
-    wxCriticalSection &section;
+class LeaveAtEnd {
+public:
+    explicit LeaveAtEnd(wxCriticalSection &toLeave) : section(toLeave) {}
     ~LeaveAtEnd() { section.Leave(); }
+    LeaveAtEnd(const LeaveAtEnd &) = delete;
+    LeaveAtEnd &operator=(const LeaveAtEnd &) = delete;
+
+private:
+    wxCriticalSection &section;
 };
 
 /// @return false if it could not be entered within the time; else it is to be left.

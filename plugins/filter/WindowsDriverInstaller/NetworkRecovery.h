@@ -4,6 +4,7 @@
 
 #include <cwchar>
 #include <functional>
+#include <map>
 #include <set>
 
 #include <windows.h>
@@ -11,7 +12,6 @@
 #include <setupapi.h>
 #include <wx/log.h>
 
-#include "AdapterRecords.h"
 #include "AdaptorHealthChecker.h"
 #include "DeviceList.h"
 #include "DriverWatch.h"
@@ -139,7 +139,7 @@ void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
     }
 }
 
-/// The order by which the ids of devices are compared.
+/// Compares as the C runtime does, which folds case otherwise than wxString beyond ASCII.
 struct LessAsDeviceId {
     bool operator()(const wxString &left, const wxString &right) const {
         return _wcsicmp(left.wc_str(), right.wc_str()) < 0;
@@ -239,7 +239,8 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         std::array<wchar_t, 260> instanceId{};
         if (SetupDiGetDeviceInstanceIdW(list, &device, instanceId.data(), instanceId.size(), nullptr) == 0)
             continue;
-        for (const auto &[place, adapter] : byDevice.Of(instanceId.data())) {  // one of two records is acted on twice
+        for (const auto &[place, adapter] :
+             byDevice.Of(instanceId.data())) {  // a device of two records is acted on twice
             installerThread->DbgPrint(L"%s adapter '%.64ls'", enable ? L"Enabling" : L"Disabling",
                                       Wide(adapter->displayName));
             acted = ChangeDevice(list, device, enable) || acted;
