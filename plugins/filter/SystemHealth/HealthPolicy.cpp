@@ -26,6 +26,15 @@ struct FreeJsonText {
     void operator()(char *text) const { cJSON_free(text); }
 };
 
+/// A number as the argument of a "%s", which becomes text only if the line is wanted.
+struct NumberText {
+    double number;
+};
+
+wxString TraceArgument(const NumberText &text) {
+    return wxString::Format("%f", text.number);
+}
+
 /// Reads one policy: what has been found so far.
 class PolicyReader {
 public:
@@ -77,7 +86,7 @@ private:
 
     /// Shows the number of the last threshold, whichever row is out of boundary: kept as it always was. 0 before
     /// the first.
-    void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%f]", m_lastThreshold); }
+    void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%s]", NumberText{m_lastThreshold}); }
 
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
     [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }
