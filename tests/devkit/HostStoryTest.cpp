@@ -40,8 +40,8 @@ TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
                                   R"("kind":"removal")"}),
               nullptr);
     EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
-    EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"trace.log")), {"-- 08:00:00  The drivers are installed", "\nFC-WFW ",
-                                                                 "\nNDIS ", "The drivers are removed"}),
+    EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"trace.log")), {"-- 08:00:", "  The drivers are installed",
+                                                                 "\nFC-WFW ", "\nNDIS ", "The drivers are removed"}),
               nullptr);
     EXPECT_EQ(TextOfFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
 }
