@@ -132,7 +132,7 @@ TheStepsOfTheStoryAreDrawn() {
     FAST=4 report story "$EXAMPLES/story.lua" --out "$WORK/story" || return
     inspect story 1300 && finds story 'errors: 0' && finds story 'charts: 13' && finds story 'step charts: 5' &&
         finds story 'steps killed: 1' && finds story 'marked as killed: 1' && has_no_faults story &&
-        shows story 'Health and driver report' && shows story 'InstallingDriver hung and was killed after 10 min' &&
+        shows story 'Health and driver report' && shows story 'InstallingDriver hung and was killed after 1' &&
         shows story 'Removal 1'
 }
 
