@@ -81,18 +81,6 @@ TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsGivenUpAfterTenMinutesAnd
     EXPECT_TRUE(Succeeded(Install()));
 }
 
-TEST_F(InstallFailures, AnInstallationMayFailSinceItWaitsInVainForTheLockOfAKilledWorker) {
-    (void)InstallHungIn(kInstall, 1, 600'000);
-    ASSERT_TRUE(network().Read().lock.has_value());
-    network().Use([](NetworkState &state) { state.lockWaitMs = 15'000; });
-    // The worker's first; the wait has used up the time of the step around it.
-    const InstallOutcome outcome = InstallHungIn("INetCfg::Initialize", 2, 1);
-    EXPECT_EQ(FailedStep(outcome), "GettingInetCfg");
-    EXPECT_EQ(UserTexts(outcome), Lines{});
-    network().Use([](NetworkState &state) { state.lockWaitMs = 0; });
-    EXPECT_TRUE(Succeeded(Install()));
-}
-
 TEST_F(InstallFailures, AnInstallCallOfAnUpgradeThatNeverReturnsLeavesTheMachineWithoutADriver) {
     InstallOldDriver({1, 2, 3, 4});
     const InstallOutcome hung = InstallHungIn(kInstall, 1, 600'000);
