@@ -219,20 +219,18 @@ void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLin
     setLines();
 }
 
-void PushRow(lua_State *L, const ConnMetricText &text, ConnMetricsDrain &drain) {
-    if (const auto *const ascii = std::get_if<std::string>(&text)) {
-        PushRow(L, std::string_view(*ascii), drain.lines, drain);
-        return;
-    }
-    const wxString &wide = *std::get_if<wxString>(&text);
-    PushRow(L, std::wstring_view(wide.wx_str(), wide.length()), drain.wideLines, drain);
+void PushRow(lua_State *L, ConnMetricText text, ConnMetricsDrain &drain) {
+    if (const auto *const ascii = std::get_if<std::string_view>(&text))
+        PushRow(L, *ascii, drain.lines, drain);
+    else
+        PushRow(L, *std::get_if<std::wstring_view>(&text), drain.wideLines, drain);
 }
 
 // Entries lie scattered in the heap, in the order in which they were added: what comes next is brought into the cache
 // while the one before it is at work.
-void PrefetchText(const ConnMetricText &text, std::size_t maxBytes) {
+void PrefetchText(ConnMetricText text, std::size_t maxBytes) {
     constexpr std::size_t cacheLine = 64;
-    const auto *const ascii = std::get_if<std::string>(&text);
+    const auto *const ascii = std::get_if<std::string_view>(&text);
     if (!ascii)
         return;
     const std::size_t bytes = std::min(ascii->size(), maxBytes);
@@ -258,12 +256,12 @@ int BuildConnMetricsRows(lua_State *L) {
 
     int index = 1;
     for (auto entry = drain.entries.cbegin(); entry != drain.entries.cend();) {
-        const ConnMetricValue &value = entry->second;
+        const ConnMetric &metric = *entry;
         if (++entry != drain.entries.cend())
-            PrefetchText(entry->second.text, kPrefetchBytes);
-        PushRow(L, value.text, drain);
+            PrefetchText(entry->Text(), kPrefetchBytes);
+        PushRow(L, metric.Text(), drain);
         // Last, so that it overwrites a field that the text calls "count".
-        SetNumber(L, kCountIndex, value.count);
+        SetNumber(L, kCountIndex, metric.count);
         lua_rawseti(L, kResultIndex, index++);
     }
     lua_settop(L, kResultIndex);
@@ -273,10 +271,8 @@ int BuildConnMetricsRows(lua_State *L) {
 void FreeEntries(ConnMetricsMap &entries) {
     for (auto entry = entries.begin(); entry != entries.end();) {
         const auto next = std::next(entry);
-        if (next != entries.end()) {
-            _mm_prefetch(reinterpret_cast<const char *>(next->first.wx_str()), _MM_HINT_T0);
-            PrefetchText(next->second.text, 1);
-        }
+        if (next != entries.end())
+            PrefetchText(next->Key(), 1);
         entries.erase(entry);
         entry = next;
     }

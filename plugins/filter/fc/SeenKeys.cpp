@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::size_t kFirstRecords = 64;
+constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table is by itself
 constexpr std::size_t kWord = sizeof(std::uint64_t);
 
 std::uint64_t LoadWord(const char *from) {
@@ -33,51 +33,42 @@ bool SameBytes(const char *left, const char *right, std::size_t bytes) {
     return LoadLast(left, bytes) == LoadLast(right, bytes);
 }
 
-/// Whether the wide characters are the same ASCII characters as the bytes.
-bool SameCharacters(const wchar_t *wide, std::string_view narrow) {
-    unsigned difference = 0;
-    for (std::size_t i = 0; i < narrow.size(); ++i)
-        difference |= static_cast<unsigned>(wide[i]) ^ static_cast<unsigned char>(narrow[i]);
-    return difference == 0;
-}
-
 }  // namespace
 
 HashedKey::HashedKey(std::string_view text) : m_text(text), m_hash(HashKey(text)) {}
 
 bool SeenKeys::Has(const Record &record, std::string_view key) {
-    if (record.length != key.size())
-        return false;
-    const std::size_t inHead = std::min(key.size(), sizeof(record.head));
-    if (!SameBytes(record.head, key.data(), inHead))
-        return false;
-    return inHead == key.size() || SameCharacters(record.entry->first.wx_str() + inHead, key.substr(inHead));
+    if (key.size() <= sizeof(record.head))
+        return record.length == key.size() && SameBytes(record.head, key.data(), key.size());
+    return record.length == kLonger && SameBytes(record.head, key.data(), sizeof(record.head)) &&
+           Compare(record.entry->Key(), key) == 0;
 }
 
 bool SeenKeys::Count(const HashedKey &key, std::uint32_t count) {
-    const auto slot = m_slots.find(key, key.Hash());
-    if (slot == m_slots.end())
+    const auto record = m_records.find(key, key.Hash());
+    if (record == m_records.end())
         return false;
-    m_records[slot->record].count += count;
+    record->count += count;
     return true;
 }
 
-void SeenKeys::Insert(const HashedKey &key, Entry &entry) {
-    if (m_records.size() == m_records.capacity())
-        m_records.reserve(std::clamp(m_records.size() * 2, kFirstRecords, kMaxConnMetricKeys));
-    Record &record = m_records.emplace_back(Record{&entry, 0, static_cast<std::uint32_t>(key.Text().size()), {}});
-    std::memcpy(record.head, key.Text().data(), std::min(key.Text().size(), sizeof(record.head)));
-    m_slots.insert({key.Hash(), static_cast<std::uint32_t>(m_records.size() - 1)});
+void SeenKeys::Insert(const HashedKey &key, const ConnMetric &entry) {
+    const std::string_view text = key.Text();
+    Record record{&entry, key.Hash(), 0, kLonger, {}};
+    if (text.size() <= sizeof(record.head))
+        record.length = static_cast<std::uint8_t>(text.size());
+    std::memcpy(record.head, text.data(), std::min(text.size(), sizeof(record.head)));
+    m_records.max_load_factor(kMaxLoad);
+    m_records.insert(record);
 }
 
 void SeenKeys::Settle() {
-    for (Record &record : m_records) {
-        record.entry->second.count += record.count;
+    for (const Record &record : m_records) {
+        record.entry->count += record.count;
         record.count = 0;
     }
 }
 
 void SeenKeys::Clear() {
-    EmptySlots().swap(m_slots);
     Records().swap(m_records);
 }

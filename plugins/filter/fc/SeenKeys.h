@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
-#include <vector>
 
 #include <tsl/robin_set.h>
 
@@ -25,61 +24,49 @@ private:
 };
 
 /// A hash table for keys of ASCII characters without a NUL. They are the same text in every locale, so that their
-/// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in one cache line
-/// beside the count, so that counting costs two accesses to memory and not one for each level of the map. Not
+/// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in the table's slot
+/// beside the count, so that counting costs one access to memory and not one for each level of the map. Not
 /// thread-safe.
 class SeenKeys {
 public:
-    using Entry = ConnMetricsMap::value_type;
-
-    SeenKeys() : m_slots(EmptySlots()) {}
-    SeenKeys(const SeenKeys &) = delete;
-    SeenKeys &operator=(const SeenKeys &) = delete;
-
     /// Adds to the count of a key that was inserted before.
     /// @param key  any.
     /// @return false if it was not.
     bool Count(const HashedKey &key, std::uint32_t count);
     /// @param key    ASCII without a NUL.
     /// @param entry  has that key, is not here yet, and stays where it is until Clear.
-    void Insert(const HashedKey &key, Entry &entry);
+    void Insert(const HashedKey &key, const ConnMetric &entry);
     /// Adds what was counted here to the entries.
     void Settle();
     /// Forgets all entries and gives the memory back.
     void Clear();
 
 private:
-    struct alignas(64) Record {
-        Entry *entry;
-        std::uint32_t count;  ///< Not yet in the entry.
-        std::uint32_t length;
-        char head[48];  ///< The beginning of the key; the rest is in the entry alone.
-    };
-    static_assert(sizeof(Record) == 64);
-    using Records = std::vector<Record>;
-    struct Slot {
+    /// Fills a cache line, together with the eight bytes that the table adds.
+    struct Record {
+        const ConnMetric *entry;
         std::uint32_t hash;
-        std::uint32_t record;  ///< Its place among the records.
+        mutable std::uint32_t count;  ///< Not yet in the entry.
+        std::uint8_t length;          ///< Of the key, or kLonger.
+        char head[39];                ///< The beginning of the key; the rest is in the entry alone.
     };
-    struct HashOfSlot {
-        std::size_t operator()(const Slot &slot) const { return slot.hash; }
+    static_assert(sizeof(Record) == 56);
+    static constexpr std::uint8_t kLonger = 0xFF;  ///< The key has more characters than the head.
+    struct HashOf {
+        std::size_t operator()(const Record &record) const { return record.hash; }
         std::size_t operator()(const HashedKey &key) const { return key.Hash(); }
     };
     struct SameKey {
         using is_transparent = void;
-        const Records *records;
-
-        bool operator()(const Slot &left, const Slot &right) const { return left.record == right.record; }
-        bool operator()(const Slot &slot, const HashedKey &key) const {
-            return slot.hash == key.Hash() && Has((*records)[slot.record], key.Text());
+        bool operator()(const Record &left, const Record &right) const { return left.entry == right.entry; }
+        bool operator()(const Record &record, const HashedKey &key) const {
+            return record.hash == key.Hash() && Has(record, key.Text());
         }
-        bool operator()(const HashedKey &key, const Slot &slot) const { return (*this)(slot, key); }
+        bool operator()(const HashedKey &key, const Record &record) const { return (*this)(record, key); }
     };
-    using Slots = tsl::robin_set<Slot, HashOfSlot, SameKey>;
+    using Records = tsl::robin_set<Record, HashOf, SameKey>;
 
     [[nodiscard]] static bool Has(const Record &record, std::string_view key);
-    [[nodiscard]] Slots EmptySlots() const { return Slots(0, HashOfSlot(), SameKey{&m_records}); }
 
     Records m_records;
-    Slots m_slots;
 };

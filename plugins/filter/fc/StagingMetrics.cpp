@@ -1,15 +1,41 @@
 #include "StagingMetrics.h"
 
-#include "AsciiText.h"
+#include <wx/string.h>
 
 namespace {
 
-/// What wxString makes of the bytes up to the first NUL in the current locale; ASCII needs no conversion.
-ConnMetricText KeptText(std::string_view narrow) {
-    if (IsPlainAscii(narrow))
-        return std::string(narrow);
-    return wxString(narrow.data());
+/// ASCII throughout, and no NUL: the same text in every code page that Windows uses for a locale. The loop has no early
+/// exit, so that the compiler can use vector instructions.
+bool IsPlainAscii(std::string_view text) {
+    unsigned odd = 0;
+    for (const char character : text) {
+        const unsigned byte = static_cast<unsigned char>(character);
+        odd |= (byte - 1) | byte;  // bit 7 or more of one of them: NUL, or above 0x7F
+    }
+    return odd < 0x80;
 }
+
+/// Bytes that are ASCII as they are; other ones as what wxString makes of them up to the first NUL in the current
+/// locale.
+class KeptText {
+public:
+    explicit KeptText(std::string_view narrow) : m_narrow(narrow), m_isAscii(IsPlainAscii(narrow)) {
+        if (!m_isAscii)
+            m_wide = wxString(narrow.data());
+    }
+
+    [[nodiscard]] bool IsAscii() const { return m_isAscii; }
+    operator ConnMetricText() const {
+        if (m_isAscii)
+            return m_narrow;
+        return std::wstring_view(m_wide.wx_str(), m_wide.length());
+    }
+
+private:
+    std::string_view m_narrow;
+    bool m_isAscii;
+    wxString m_wide;
+};
 
 }  // namespace
 
@@ -20,17 +46,16 @@ void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint3
 }
 
 void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::uint32_t count) {
-    const bool plain = IsPlainAscii(key.Text());
-    wxString wide = plain ? WidenAscii(key.Text()) : wxString(key.Text().data());
-    const auto place = m_entries.lower_bound(wide);
-    if (place != m_entries.end() && place->first == wide) {
-        place->second.count += count;
+    const KeptText kept(key.Text());
+    const auto place = m_entries.lower_bound<ConnMetricText>(kept);
+    if (place != m_entries.end() && Compare(place->Key(), kept) == 0) {
+        place->count += count;
         return;
     }
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
-    const auto entry = m_entries.emplace_hint(place, std::move(wide), ConnMetricValue{KeptText(text), count});
-    if (plain)
+    const auto entry = m_entries.emplace_hint(place, kept, KeptText(text), count);
+    if (kept.IsAscii())
         m_seen.Insert(key, *entry);
 }
 
