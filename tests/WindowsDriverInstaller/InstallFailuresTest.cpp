@@ -81,6 +81,25 @@ TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsGivenUpAfterTenMinutesAnd
     EXPECT_TRUE(Succeeded(Install()));
 }
 
+TEST_F(InstallFailures, AnInstallationMayFailSinceItWaitsInVainForTheLockOfAKilledWorker) {
+    (void)InstallHungIn(kInstall, 1, 600'000);
+    ASSERT_TRUE(network().Read().lock.has_value());
+    network().Use([](NetworkState &state) { state.lockWaitMs = 15'000; });
+    // The worker's first; the wait has used up the time of the step around it.
+    const FaultPlan hang = faults().HangNth("INetCfg::Initialize", 2);
+    // The watcher's way to the kill begins with this call. A worker that is killed on its way to the hang may hold a
+    // lock of the simulator.
+    simulation().Functions().Put<Simulator::System::DuplicateHandle>([hang](const auto &next, auto... arguments) {
+        EXPECT_TRUE(hang->WaitUntilHit(kPatienceMs));
+        return next(arguments...);
+    });
+    const InstallOutcome outcome = InstallHungBy(hang, 1);
+    EXPECT_EQ(FailedStep(outcome), "GettingInetCfg");
+    EXPECT_EQ(UserTexts(outcome), Lines{});
+    network().Use([](NetworkState &state) { state.lockWaitMs = 0; });
+    EXPECT_TRUE(Succeeded(Install()));
+}
+
 TEST_F(InstallFailures, AnInstallCallOfAnUpgradeThatNeverReturnsLeavesTheMachineWithoutADriver) {
     InstallOldDriver({1, 2, 3, 4});
     const InstallOutcome hung = InstallHungIn(kInstall, 1, 600'000);

@@ -162,9 +162,12 @@ void InstallMachine::PassTime(std::int64_t milliseconds, std::uint64_t leapMs) {
 }
 
 InstallOutcome InstallMachine::InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds) {
-    const FaultPlan plan = faults().HangNth(function, nth);
+    return InstallHungBy(faults().HangNth(function, nth), milliseconds);
+}
+
+InstallOutcome InstallMachine::InstallHungBy(const FaultPlan &plan, std::int64_t milliseconds) {
     InstallOutcome outcome = InstallWhile([&] {
-        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs)) << function;
+        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs)) << "the call that is to hang never comes";
         PassTime(milliseconds);
         EXPECT_TRUE(AwaitReturn());
         plan->Release();

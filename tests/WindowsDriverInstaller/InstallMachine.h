@@ -74,6 +74,8 @@ protected:
 
     /// The call hangs until the time is up: so long behind the moment of the hang.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);
+    /// The same by a plan that was made before.
+    InstallOutcome InstallHungBy(const FaultPlan &plan, std::int64_t milliseconds);
 
 private:
     [[nodiscard]] std::size_t Looks();
