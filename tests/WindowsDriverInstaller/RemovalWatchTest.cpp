@@ -1,17 +1,18 @@
 // The watcher of a removal: how it comes to its end when no step overruns, or when more goes wrong than that.
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <wx/log.h>
 
 #include "HungRemoval.h"
-#include "WindowsFunctions.h"
+#include "ThreadFaults.h"
 
 namespace {
 
-SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
-SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(EnterCriticalSection, "KERNEL32.dll", CannotFail);
 
 using Simulator::InsideSimulator;
 
@@ -48,18 +49,30 @@ private:
     std::vector<std::string> m_infos;
 };
 
-class RemovalWatch : public HungRemoval {
-protected:
-    RemovalWatch() {
-        simulation().Functions().PassThrough<TerminateThread>();
-        simulation().Functions().PassThrough<ResumeThread>();
+/// A section that its maker's thread holds, and that another thread has come to enter.
+class ContendedSection {
+public:
+    void Note(const CRITICAL_SECTION &section) {
+        if (GetCurrentThreadId() == m_holder || HandleToULong(section.OwningThread) != m_holder)
+            return;
+        m_countBefore = section.LockCount;
+        m_section = &section;
+    }
+    /// Whether the other thread has been counted among those that wait for it.
+    [[nodiscard]] bool IsWaitedFor() const {
+        const CRITICAL_SECTION *const section = m_section;
+        return section != nullptr && section->LockCount != m_countBefore;
     }
 
-    /// A thread that has been killed, or not, gets no time to end.
-    void GiveNoTimeToEnd() {
-        simulation().Functions().Put<Simulator::System::WaitForSingleObject>(
-            [](const auto &next, HANDLE handle, DWORD ms) { return next(handle, ms == 5'000 ? 0 : ms); });
-    }
+private:
+    const DWORD m_holder = GetCurrentThreadId();
+    std::atomic<LONG> m_countBefore{0};
+    std::atomic<const CRITICAL_SECTION *> m_section{nullptr};
+};
+
+class RemovalWatch : public HungRemoval {
+protected:
+    RemovalWatch() { ThreadFaults::Redirect(simulation()); }
 
     /// How often this thread has called the function since the removal began.
     std::size_t CallsOfMine(const std::string &function) {
@@ -169,7 +182,7 @@ TEST_F(RemovalWatch, GivesTheNextStepOfAnOrphanTheRestOfTheTime) {
 // --- kills ---
 
 TEST_F(RemovalWatch, KeepsTheObjectOfAWorkerThatCantBeKilledUntilItHasEnded) {
-    GiveNoTimeToEnd();
+    ThreadFaults::GiveNoTimeToEnd(simulation());
     const auto plan = simulation().GetFaults().FailEvery("TerminateThread", ERROR_ACCESS_DENIED);
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000, Fate::LivesOn);
     EXPECT_TRUE(plan->Hit());
@@ -213,12 +226,20 @@ TEST_F(RemovalWatch, KillsAWorkerThatWasMadeAndCantBeStarted) {
 }
 
 TEST_F(RemovalWatch, KillsAWorkerThatWaitsForTheLockOfItsSteps) {
-    simulation().Functions().Put<TerminateThread>([this](const auto &next, HANDLE thread, DWORD code) {
+    const auto contended = std::make_shared<ContendedSection>();
+    simulation().Functions().Put<EnterCriticalSection>([contended](const auto &next, CRITICAL_SECTION *section) {
+        contended->Note(*section);
+        next(section);
+    });
+    bool waits = false;
+    simulation().Functions().Put<ThreadFaults::TerminateThread>([&](const auto &next, HANDLE thread, DWORD code) {
         simulation().GetFaults().ReleaseHung();
-        Simulator::System::Sleep::Real(200);  // it comes to the end of its step
+        waits =
+            Await(kPatienceMs, [&] { return contended->IsWaitedFor(); });  // the worker comes to the end of its step
         return next(thread, code);
     });
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
+    EXPECT_TRUE(waits);
     EXPECT_TRUE(hang.killed);
     EXPECT_TRUE(hang.destroyed);
     EXPECT_FALSE(hang.removal.result);
