@@ -165,13 +165,13 @@ InstallOutcome InstallFixture::Install() {
     return InstallWhile([] {});
 }
 
-InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhile) {
+InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay) {
     (void)TakeTracedMessages();
     const int objects = VtaCore::Control::LiveObjects();
     InstallOutcome installation;
     simulation().GetClock().SetFollower(GetCurrentThreadId());
     static_cast<Removal &>(installation) = CallWhile("SLB.filter.InstallOrUpdateDriver(dom, ndis, wfp)", meanwhile);
-    AwaitThreads(objects);
+    AwaitThreads(objects + objectsThatStay);
     TakeRecords(installation);
     installation.traces = TakeTracedMessages("NDIS");
     return installation;

@@ -47,7 +47,8 @@ protected:
     /// Calls SLB.filter.InstallOrUpdateDriver, and waits for its threads to end.
     InstallOutcome Install();
     /// The same while `meanwhile` runs on another thread.
-    InstallOutcome InstallWhile(const std::function<void()> &meanwhile);
+    /// @param objectsThatStay  for good, of the agent's library.
+    InstallOutcome InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay = 0);
 
     /// Waits until the threads of an installation have ended, and no more than so many objects of the agent's library
     /// are left.

@@ -50,10 +50,10 @@ public:
         return last == m_threads.rend() || last->sleeps++ == 0 ? 0 : last->id;
     }
 
-    bool AllHaveEnded() {
+    std::ptrdiff_t Living() {
         const LockGuard guard(m_lock);
-        return std::all_of(m_threads.begin(), m_threads.end(),
-                           [](const Thread &started) { return HasEnded(started.handle); });
+        return std::count_if(m_threads.begin(), m_threads.end(),
+                             [](const Thread &started) { return !HasEnded(started.handle); });
     }
 
     bool HasThreadEnded(DWORD id) {
@@ -120,6 +120,6 @@ StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(st
 
 StartedThreads::~StartedThreads() = default;
 
-bool StartedThreads::AwaitEnds(DWORD realMs) {
-    return Await(realMs, [this] { return m_threads->AllHaveEnded(); });
+bool StartedThreads::AwaitEnds(DWORD realMs, std::ptrdiff_t living) {
+    return Await(realMs, [&] { return m_threads->Living() <= living; });
 }

@@ -2,6 +2,7 @@
 // the system's load, and must not make a difference in a test: they take no time.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "Simulation.h"
@@ -18,8 +19,9 @@ public:
     StartedThreads &operator=(const StartedThreads &) = delete;
 
     /// Until all have really ended: a detached thread still gives back its own when the object that it ran is gone.
+    /// @param living  so many may live on.
     /// @return false if one has not within so many real milliseconds.
-    [[nodiscard]] bool AwaitEnds(DWORD realMs);
+    [[nodiscard]] bool AwaitEnds(DWORD realMs, std::ptrdiff_t living = 0);
 
 private:
     class Threads;
