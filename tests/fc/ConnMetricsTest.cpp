@@ -247,6 +247,22 @@ TEST_F(ConnMetrics, TheOrderOfTheRowsIsTheOrderOfTheKeysByCharacterCode) {
                   last + ">\"");
 }
 
+TEST_F(ConnMetrics, WhatATextIsMadeOfChangesNeitherItsKeysPlaceNorItsIdentity) {
+    const std::string wide = CharacterInCodePage().narrow;
+    // Key and text are kept in one encoding: each of these keys once with bytes, once with wide characters.
+    lua.Run("wide = '" + wide + R"('
+        for _, key in ipairs{'ab', 'a', 'b', 'abc', '', wide, 'a' .. wide} do
+            local plain, other = 'key\t<' .. key .. '>', 'key\t<' .. key .. '>' .. wide
+            add(key, key < 'ab' and other or plain, 1)
+            add(key, plain, 2)
+        end)");
+    Fold();
+    lua.Run("for _, key in ipairs{'b', 'a', wide} do add(key, 'wide\t' .. wide, 4) end add('aa', '')");
+    Fold();
+    lua.Run("counts = {} for i, row in ipairs(f.GetConnMetrics()) do counts[i] = row.count end");
+    EXPECT_EQ(lua.Eval("table.concat(counts, ' ')"), "3 7 1 3 3 3 7 7") << "'', a, aa, ab, abc, a+wide, b, wide";
+}
+
 TEST_F(ConnMetrics, TheKeyItselfDoesNotReachLua) {
     EXPECT_EQ(RowOf("'a\\tb'"), "a=\"b\" count=1");
 }
