@@ -17,6 +17,7 @@
 #include "CodePage.h"
 #include "ImportTable.h"
 #include "ModuleFixture.h"
+#include "fc/KeyHash.h"
 
 namespace {
 
@@ -503,6 +504,17 @@ Simulator::Redirection RandomSource(BOOLEAN(WINAPI *source)(void *, ULONG)) {
     return {GetModuleHandleW(L"fc.dll"), "SystemFunction036", reinterpret_cast<void *>(source)};
 }
 
+/// The hash that the module has of a key if it drew the known bytes: this program has a copy of it, which draws them.
+std::uint32_t KnownHash(const std::string &key) {
+    const Simulator::Redirection source(GetModuleHandleW(nullptr), "SystemFunction036",
+                                        reinterpret_cast<void *>(&KnownBytes));
+    EXPECT_TRUE(source.Found());
+    const unsigned callsOfModule = randomCalls;
+    const std::uint32_t hash = HashKey(key);
+    randomCalls = callsOfModule;
+    return hash;
+}
+
 TEST_F(ConnMetrics, TheHashOfKeysIsKeyedWithRandomBytesThatAreDrawnOnce) {
     const Simulator::Redirection source = RandomSource(&KnownBytes);
     ASSERT_TRUE(source.Found());
@@ -525,8 +537,7 @@ TEST_F(ConnMetrics, WithoutRandomBytesKeysAreCountedAllTheSame) {
 TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
     const Simulator::Redirection source = RandomSource(&KnownBytes);
     ASSERT_TRUE(source.Found());
-    // Pairs that collide in the shortcut's 32-bit hash under the known bytes: different within its record, in the
-    // record's last word, behind it, and in front of a long common end.
+    // Different within the shortcut's record, in the record's last word, behind it, and in front of a long common end.
     lua.Run(R"(
         pairs_ = {
             {'key00020759', 'key00048516'},
@@ -535,6 +546,12 @@ TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
             {'0000030001' .. ('q'):rep(60), '0000148801' .. ('q'):rep(60)},
             {'0000046370' .. ('r'):rep(250), '0000054004' .. ('r'):rep(250)},
         }
+    )");
+    for (int pair = 1; pair <= 5; ++pair) {
+        const std::string both = "pairs_[" + std::to_string(pair) + "]";
+        EXPECT_EQ(KnownHash(lua.Eval(both + "[1]")), KnownHash(lua.Eval(both + "[2]"))) << both;
+    }
+    lua.Run(R"(
         for _, pair in ipairs(pairs_) do
             for round = 1, 3 do
                 add(pair[1], 'key\t' .. pair[1], 1) add(pair[2], 'key\t' .. pair[2], 10)
@@ -543,6 +560,7 @@ TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
         expected = {}
         for _, pair in ipairs(pairs_) do expected[pair[1]] = 3 expected[pair[2]] = 30 end
     )");
+    EXPECT_EQ(randomCalls, 1U) << "the module's hash is the known one";
     Fold();
     lua.Run(
         "for _, row in ipairs(f.GetConnMetrics()) do assert(expected[row.key] == row.count, row.key) "
