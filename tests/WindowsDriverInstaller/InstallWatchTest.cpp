@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <netcfgx.h>
 
 #include "InstallMachine.h"
+#include "Lock.h"
+#include "thread_log_control.h"
 
 namespace {
 
@@ -283,6 +286,52 @@ TEST_F(InstallWatch, TakesAnHourOutsideOfAllInnerStepsForAWorkerThatIsMerelyFini
         EXPECT_FALSE(line.starts_with("Stack trace")) << line;
     EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U) << "it was not killed, and went on when it could";
     EXPECT_EQ(CallsOf("INetCfgClassSetup::Install"), 1U);
+}
+
+/// Hears what the agent's threads log, for as long as the process lives.
+class HeardLines : public VtaCore::Control::ThreadListener {
+public:
+    static HeardLines &Instance() {
+        static HeardLines &lines = *new HeardLines;
+        return lines;
+    }
+    void OnThreadBegin(DWORD, const char *) override {}
+    void OnThreadEnd(DWORD, bool) override {}
+    void OnThreadLine(const VtaCore::Control::ThreadLine &line) override {
+        const Simulator::InsideSimulator inside;
+        const Simulator::LockGuard guard(m_lock);
+        m_lines.push_back(line.text.utf8_string());
+    }
+    std::vector<std::string> Take() {
+        const Simulator::LockGuard guard(m_lock);
+        return std::exchange(m_lines, {});
+    }
+
+private:
+    Simulator::Lock m_lock;
+    std::vector<std::string> m_lines;
+};
+
+TEST_F(InstallWatch, AWorkerThatIsLeftAloneGoesOnLoggingBehindTheOutcomeAndBehindTheWatchdogsEnd) {
+    HeardLines &heard = HeardLines::Instance();
+    VtaCore::Control::SetThreadListener(&heard);
+    InstallOldDriver({1, 0, 0, 0});
+    const int objects = VtaCore::Control::LiveObjects();
+    const FaultPlan hang = faults().HangNth("ControlService", 1);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
+        PassTime(3'600'000);
+        EXPECT_TRUE(AwaitReturn());
+        EXPECT_TRUE(threads.AwaitEnds(kPatienceMs, 1));
+        EXPECT_EQ(VtaCore::Control::LiveObjects(), objects + 2) << "the worker, and its log";
+        (void)heard.Take();
+        hang->Release();
+    });
+    VtaCore::Control::SetThreadListener(nullptr);
+    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>");
+    const Lines later = heard.Take();
+    EXPECT_TRUE(Has(later, " Attempt #1 at installing qbimvta"));
+    EXPECT_EQ(WorkerLog(outcome).find("Attempt #1 at installing qbimvta"), std::string::npos);
 }
 
 TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
