@@ -235,7 +235,7 @@ struct CountedModule {
     CountedModule() : simulation({.registry = false, .folders = false, .balance = true}) {
         simulation.GetClock().Step();
         lua.Run("require 'fc' f = SLB.filter");
-        for (const wchar_t *name : {L"fc.dll", L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll"})
+        for (const wchar_t *name : {L"fc.dll", L"" FC_WX_DLL, L"libstdc++-6.dll"})
             simulation.Attach(GetModuleHandleW(name));
     }
 

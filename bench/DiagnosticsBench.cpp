@@ -92,7 +92,7 @@ double TimeGrowingBuffer() {
 /// grown to; what the driver holds does not count.
 double PeakBytes(LuaBench &lua) {
     Simulator::Simulation simulation({.registry = false, .folders = false, .machine = false});
-    for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"vta_core.dll", L"fc.dll"})
+    for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"vta_core.dll", L"fc.dll"})
         simulation.Attach(GetModuleHandleW(name));
     Simulator::Balance &balance = simulation.GetBalance();
     const std::size_t before = balance.Take().bytes;

@@ -107,7 +107,7 @@ double TimeBareCalls() {
 std::size_t CountRegistryCalls(LuaBench &lua) {
     Simulator::Simulation simulation({.folders = false, .balance = false, .machine = false});
     PutValues(simulation.GetRegistry());
-    simulation.Attach(GetModuleHandleW(L"wxbase32u_gcc_custom.dll"));
+    simulation.Attach(GetModuleHandleW(L"" FC_WX_DLL));
     (void)simulation.GetJournal().Take();
     lua.Run("flags(1)");
     std::size_t calls = 0;

@@ -4,22 +4,41 @@ if(NOT EXISTS "${FC_LIBRARIES}/complete")
     message(FATAL_ERROR "FC_LIBRARIES ('${FC_LIBRARIES}') holds no libraries: build with ./dev, which makes them")
 endif()
 
-add_library(wx SHARED IMPORTED)
+# Copies in the build folder: what lies there is linked by a relative path, and so the PDB files hold no path of the
+# building machine.
+set(linked "${CMAKE_BINARY_DIR}/libraries")
 file(GLOB wx_dll "${FC_LIBRARIES}/lib/*/wxbase32u_*.dll")
-file(GLOB wx_implib "${FC_LIBRARIES}/lib/*/*wxbase32u.*a" "${FC_LIBRARIES}/lib/*/wxbase32u.lib")
+file(GLOB import_libraries "${FC_LIBRARIES}/lib/*.a" "${FC_LIBRARIES}/lib/*.lib"
+                           "${FC_LIBRARIES}/lib/*/*wxbase32u.*a" "${FC_LIBRARIES}/lib/*/wxbase32u.lib")
+file(MAKE_DIRECTORY "${linked}")
+foreach(file ${import_libraries})
+    cmake_path(GET file FILENAME name)
+    file(COPY_FILE "${file}" "${linked}/${name}" ONLY_IF_DIFFERENT)
+endforeach()
+
+# What it is called depends on the compiler that has built it.
+cmake_path(GET wx_dll FILENAME wx_name)
+add_compile_definitions(FC_WX_DLL="${wx_name}")
+
+# import_library(TARGET NAME DLL): one that ./dev has built.
+function(import_library target name dll)
+    add_library(${target} SHARED IMPORTED)
+    file(GLOB import_library "${linked}/*${name}.*a" "${linked}/${name}.lib")
+    set_target_properties(${target} PROPERTIES IMPORTED_LOCATION "${dll}" IMPORTED_IMPLIB "${import_library}")
+endfunction()
+
 cmake_path(GET wx_dll PARENT_PATH wx_dir)
-set_target_properties(wx PROPERTIES IMPORTED_LOCATION "${wx_dll}" IMPORTED_IMPLIB "${wx_implib}")
+import_library(wx wxbase32u "${wx_dll}")
 target_include_directories(wx SYSTEM INTERFACE "${wx_dir}/baseu" "${FC_LIBRARIES}/include")
 target_compile_definitions(wx INTERFACE __WXMSW__ WXUSINGDLL wxUSE_GUI=0)
 
-add_library(lua SHARED IMPORTED)
-set_target_properties(lua PROPERTIES IMPORTED_LOCATION "${FC_LIBRARIES}/bin/lua52.dll"
-                                     IMPORTED_IMPLIB "${FC_LIBRARIES}/lib/liblua52.dll.a")
+import_library(lua lua52 "${FC_LIBRARIES}/bin/lua52.dll")
 target_include_directories(lua SYSTEM INTERFACE "${FC_LIBRARIES}/include")
 target_compile_definitions(lua INTERFACE LUA_BUILD_AS_DLL LUA_COMPAT_ALL)
 
 add_library(cjson STATIC IMPORTED)
-set_target_properties(cjson PROPERTIES IMPORTED_LOCATION "${FC_LIBRARIES}/lib/libcjson.a")
+file(GLOB cjson_library "${linked}/libcjson.a" "${linked}/cjson.lib")
+set_target_properties(cjson PROPERTIES IMPORTED_LOCATION "${cjson_library}")
 target_include_directories(cjson SYSTEM INTERFACE "${FC_LIBRARIES}/include")
 target_compile_definitions(cjson INTERFACE CJSON_HIDE_SYMBOLS)
 
@@ -30,15 +49,21 @@ endif()
 add_library(header_libraries INTERFACE IMPORTED)
 target_include_directories(header_libraries SYSTEM INTERFACE "${FC_HEADERS}/include")
 
+# Everything a program of ours needs beside itself, once, in the folder of the binaries: the libraries with their PDB files,
+# and MinGW's runtimes.
+file(GLOB beside "${FC_LIBRARIES}/bin/*.dll" "${FC_LIBRARIES}/bin/*.pdb" "${wx_dir}/wxbase32u_*.pdb")
+list(APPEND beside "${wx_dll}")
+if(FC_MINGW_COMPILER)
+    foreach(runtime libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll zlib1.dll)
+        execute_process(COMMAND "${FC_MINGW_COMPILER}" "-print-file-name=${runtime}" OUTPUT_VARIABLE path
+                        OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+        list(APPEND beside "${path}")
+    endforeach()
+endif()
 file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
-# Everything a program of ours needs beside itself, once, in the folder of the binaries.
-file(COPY_FILE "${wx_dll}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/wxbase32u_gcc_custom.dll" ONLY_IF_DIFFERENT)
-file(COPY_FILE "${FC_LIBRARIES}/bin/lua52.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/lua52.dll" ONLY_IF_DIFFERENT)
-foreach(runtime libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll zlib1.dll)
-    execute_process(COMMAND "${CMAKE_CXX_COMPILER}" "-print-file-name=${runtime}" OUTPUT_VARIABLE path
-                    OUTPUT_STRIP_TRAILING_WHITESPACE)
-    if(NOT EXISTS "${path}")
-        set(path "/usr/x86_64-w64-mingw32/lib/${runtime}")
-    endif()
-    file(COPY_FILE "${path}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${runtime}" ONLY_IF_DIFFERENT)
+set(FC_BESIDE "")  # their names
+foreach(file ${beside})
+    cmake_path(GET file FILENAME name)
+    file(COPY_FILE "${file}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}" ONLY_IF_DIFFERENT)
+    list(APPEND FC_BESIDE "${name}")
 endforeach()

@@ -26,19 +26,24 @@ wine_program() {
     if [ -x /usr/lib/wine/wine64 ]; then echo /usr/lib/wine/wine64; else command -v wine; fi
 }
 
+STRICT=OFF # whether warnings are errors; a build folder for which they once were stays so
+
+has_strictness() { grep -qsxF "CMAKE_COMPILE_WARNING_AS_ERROR:UNINITIALIZED=$1" "$BUILD/CMakeCache.txt"; }
+
 # Whether the build folder was configured for this clone, these libraries and this Wine.
 is_configured() {
-    [ -f "$BUILD/build.ninja" ] && grep -qxF "FC_LIBRARIES:PATH=$(libraries_dir)" "$BUILD/CMakeCache.txt" &&
+    [ -f "$BUILD/build.ninja" ] && has_strictness "$STRICT" && grep -qxF "FC_LIBRARIES:PATH=$(libraries_dir)" "$BUILD/CMakeCache.txt" &&
         grep -qxF "FC_HEADERS:PATH=$(headers_dir)" "$BUILD/CMakeCache.txt" &&
         grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$BUILD/CMakeCache.txt" &&
         grep -qF "CMAKE_CROSSCOMPILING_EMULATOR:UNINITIALIZED=$(wine_program)" "$BUILD/CMakeCache.txt"
 }
 
 configure_build() {
+    if has_strictness ON; then STRICT=ON; fi
     is_configured && return 0
     rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles"
     quietly configure.log "configuring" cmake -G Ninja -S "$ROOT" -B "$BUILD" \
-        -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_COMPILE_WARNING_AS_ERROR=$STRICT \
         -DFC_LIBRARIES="$(libraries_dir)" -DFC_HEADERS="$(headers_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
 }
 

@@ -15,10 +15,13 @@ CACHE=$(from_caller "${FC_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit}")
 BUILD=$(from_caller "${FC_BUILD:-$ROOT/build}")
 OUT=$ROOT/out
 LOGS=$BUILD/logs
+TOOLCHAIN=$ROOT/cmake/clang-mingw64.cmake
 JOBS=${FC_JOBS:-$(nproc)}
 # Wine makes names of files from the locale's characters; a machine without a locale would have ASCII alone.
 [ "$(locale charmap 2>/dev/null)" = UTF-8 ] || export LC_ALL=C.UTF-8
 export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
+# Folders of the machine's own compiler, which clang would search for Windows, too.
+unset CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH LIBRARY_PATH
 # No menu entries, no browser or .NET offers: the prefix is for tests only.
 export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 

@@ -12,8 +12,9 @@ libraries_dir() {
     key=$({
         cat "$CACHE"/src/{wx,lua,cjson}/.fc-version
         echo "${WX_OPTIONS[@]}"
+        clang++-19 -dumpversion
         x86_64-w64-mingw32-g++-posix -dumpfullversion
-        cat "$ROOT/cmake/mingw64.cmake" "$ROOT/cmake/libraries/CMakeLists.txt"
+        cat "$TOOLCHAIN" "$ROOT/cmake/libraries/CMakeLists.txt"
     } | sha256sum | cut -c1-16)
     echo "$CACHE/libraries/$key"
 }
@@ -21,8 +22,10 @@ libraries_dir() {
 configure_build_install() {
     local source=$1 build=$2 prefix=$3
     shift 3
-    cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
-        -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/mingw64.cmake" "$@"
+    # No path of this machine goes into the PDB files.
+    CFLAGS="-ffile-compilation-dir=. -ffile-prefix-map=$CACHE=." CXXFLAGS="-ffile-compilation-dir=. -ffile-prefix-map=$CACHE=." \
+        cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+        -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" "$@"
     cmake --build "$build" -j "$JOBS"
     cmake --install "$build"
 }
@@ -51,6 +54,9 @@ build_libraries() {
         -DLUA_SOURCE="$CACHE/src/lua" -DCJSON_SOURCE="$CACHE/src/cjson"
     quietly libraries-wx.log "building wxWidgets base, about a minute" \
         configure_build_install "$CACHE/src/wx" "$work/wx" "$prefix" "${WX_OPTIONS[@]}"
+    cp "$work"/wx/lib/*/wxbase32u_*.pdb "$prefix"/lib/*_dll/
+    # wxWidgets 3.2.8 does not install this header, which others of its own include.
+    cp -n "$CACHE/src/wx/include/wx/msw/init.h" "$prefix/include/wx/msw/"
     collect_licences "$prefix"
     touch "$prefix/complete"
     rm -rf "$final" "$work"

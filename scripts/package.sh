@@ -3,7 +3,7 @@
 
 package_version() { sed -n 's/^project(fc VERSION \([0-9.]*\).*/\1/p' "$ROOT/CMakeLists.txt"; }
 
-# The DLL without its symbols, the symbols beside it, the definitions for editors, and the licences of all that it links
+# The DLL, its symbols beside it, the definitions for editors, and the licences of all that it links
 # or carries.
 make_package() {
     local name dir zip
@@ -11,9 +11,7 @@ make_package() {
     dir=$BUILD/package/$name zip=$ROOT/dist/$name.zip
     rm -rf "$BUILD/package"
     mkdir -p "$dir/licences" "$dir/lua" "$ROOT/dist"
-    x86_64-w64-mingw32-objcopy --only-keep-debug "$BUILD/bin/fc.dll" "$dir/fc.dll.debug"
-    x86_64-w64-mingw32-strip --strip-debug "$BUILD/bin/fc.dll" -o "$dir/fc.dll"
-    x86_64-w64-mingw32-objcopy --add-gnu-debuglink="$dir/fc.dll.debug" "$dir/fc.dll"
+    cp "$BUILD/bin/fc.dll" "$BUILD/bin/fc.pdb" "$dir/"
     cp "$ROOT/docs/lua/fc.d.lua" "$dir/lua/"
     cp "$ROOT/LICENSE" "$dir/licences/fc.txt"
     cp "$(libraries_dir)"/licences/*.txt "$(headers_dir)"/licences/*.txt "$dir/licences/"

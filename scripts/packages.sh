@@ -2,8 +2,8 @@
 # The Debian packages that the project needs, and their installation.
 
 # What building and running needs; then what only ./dev test and only ./dev check need.
-PACKAGES_BUILD=(ca-certificates cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev
-    ninja-build unzip wine wine64 xz-utils zip)
+PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev lld-19
+    llvm-19 ninja-build unzip wine wine64 xz-utils zip)
 # Libraries that are headers alone.
 PACKAGES_HEADERS=(libxxhash-dev robin-map-dev)
 PACKAGES_BUILD+=("${PACKAGES_HEADERS[@]}")

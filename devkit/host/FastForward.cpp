@@ -19,14 +19,13 @@ constexpr std::chrono::milliseconds kLongestLeap{10'000};
 FastForward::FastForward(std::shared_ptr<Simulator::Core> core) : m_core(std::move(core)) {}
 
 void FastForward::WhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds) {
-    const auto hasEnded = [](const std::future<void> &thread) {
-        return thread.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    };
-    std::erase_if(m_threads, hasEnded);
-    m_threads.push_back(std::async(std::launch::async, [this, milliseconds, plan = std::move(plan)] {
+    m_waiting.remove_if([](const Waiting &waiting) { return waiting.hasEnded.load(); });
+    Waiting &waiting = m_waiting.emplace_back();
+    waiting.thread = std::jthread([this, &waiting, milliseconds, plan = std::move(plan)] {
         if (plan->WaitUntilHit(INFINITE))
             PassTime(milliseconds);
-    }));
+        waiting.hasEnded = true;
+    });
 }
 
 /// By as much as real time asks for, and exactly to the end: whoever watches sees the time up soon behind it, however

@@ -1,9 +1,10 @@
 // Puts the simulated clock forward for those who wait for a call that hangs.
 #pragma once
 
-#include <future>
+#include <atomic>
+#include <list>
 #include <memory>
-#include <vector>
+#include <thread>
 
 namespace Simulator {
 struct Core;
@@ -21,8 +22,14 @@ public:
     void WhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
 private:
+    /// A thread that waits for a plan. Its end waits for the thread.
+    struct Waiting {
+        std::atomic<bool> hasEnded = false;
+        std::jthread thread;
+    };
+
     void PassTime(unsigned long milliseconds) const;
 
     const std::shared_ptr<Simulator::Core> m_core;
-    std::vector<std::future<void>> m_threads;  ///< The end of one waits for its thread.
+    std::list<Waiting> m_waiting;
 };

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -99,10 +100,10 @@ ULONG TellArp(const NetworkState &state, MIB_IPNETTABLE *table, ULONG *size, boo
     std::vector<MIB_IPNETROW> rows;
     std::transform(state.arp.begin(), state.arp.end(), std::back_inserter(rows), RowOf);
     const auto lower = [](const auto &a, const auto &b) {
-        return _byteswap_ulong(a.dwAddr) < _byteswap_ulong(b.dwAddr);
+        return std::pair(_byteswap_ulong(a.dwAddr), a.dwIndex) < std::pair(_byteswap_ulong(b.dwAddr), b.dwIndex);
     };
     if (ordered)
-        std::stable_sort(rows.begin(), rows.end(), lower);
+        std::sort(rows.begin(), rows.end(), lower);
     table->dwNumEntries = static_cast<DWORD>(rows.size());
     std::copy(rows.begin(), rows.end(), table->table);
     return NO_ERROR;

@@ -22,7 +22,7 @@ SIMULATOR_FUNCTION(VerifyVersionInfoW, "KERNEL32.dll", ReturnsZero);
 
 /// By the name that GCC and Clang give it.
 using wxGetOsVersion =
-    Function<"_Z14wxGetOsVersionPiS_S_", "wxbase32u_gcc_custom.dll", int(int *, int *, int *), CannotFail>;
+    Function<"_Z14wxGetOsVersionPiS_S_", FC_WX_DLL, int(int *, int *, int *), CannotFail>;
 
 }  // namespace Simulator::System
 

@@ -1,8 +1,7 @@
 #include "ModuleImage.h"
 
 #include <algorithm>
-#include <cstring>
-#include <string_view>
+#include <tuple>
 
 namespace Simulator {
 
@@ -11,56 +10,6 @@ namespace {
 const IMAGE_NT_HEADERS &Headers(HMODULE module) {
     return *AtRva<const IMAGE_NT_HEADERS>(module,
                                           static_cast<std::size_t>(AtRva<const IMAGE_DOS_HEADER>(module, 0)->e_lfanew));
-}
-
-bool Within(HMODULE module, std::size_t rva, std::size_t size) {
-    const std::size_t imageSize = ImageSize(module);
-    return rva != 0 && rva < imageSize && size <= imageSize - rva;
-}
-
-bool IsLibraryName(HMODULE module, DWORD rva) {
-    constexpr std::size_t longest = 64;
-    constexpr std::string_view suffix = ".dll";
-    if (!Within(module, rva, longest))
-        return false;
-    const char *text = AtRva<const char>(module, rva);
-    const std::size_t length = strnlen(text, longest);
-    if (length == longest || length <= suffix.size())
-        return false;
-    const auto printable = [](char c) { return c > ' ' && c < 127; };
-    return std::all_of(text, text + length, printable) &&
-           _strnicmp(text + length - suffix.size(), suffix.data(), suffix.size()) == 0;
-}
-
-bool IsDelayLoadRecord(HMODULE module, const IMAGE_DELAYLOAD_DESCRIPTOR &record) {
-    return record.Attributes.AllAttributes == 1 && record.TimeDateStamp == 0 &&
-           Within(module, record.ModuleHandleRVA, sizeof(HMODULE)) &&
-           Within(module, record.ImportAddressTableRVA, sizeof(IMAGE_THUNK_DATA)) &&
-           Within(module, record.ImportNameTableRVA, sizeof(IMAGE_THUNK_DATA)) &&
-           IsLibraryName(module, record.DllNameRVA);
-}
-
-void SearchSection(HMODULE module, const IMAGE_SECTION_HEADER &section,
-                   std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> &found) {
-    constexpr std::size_t step = alignof(IMAGE_DELAYLOAD_DESCRIPTOR);
-    const std::size_t end = section.VirtualAddress + std::min(section.Misc.VirtualSize, section.SizeOfRawData);
-    for (std::size_t rva = section.VirtualAddress; rva + sizeof(IMAGE_DELAYLOAD_DESCRIPTOR) <= end; rva += step) {
-        const auto *record = AtRva<const IMAGE_DELAYLOAD_DESCRIPTOR>(module, rva);
-        if (IsDelayLoadRecord(module, *record))
-            found.push_back(record);
-    }
-}
-
-std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> SearchSections(HMODULE module) {
-    constexpr DWORD unwanted = IMAGE_SCN_MEM_DISCARDABLE | IMAGE_SCN_CNT_UNINITIALIZED_DATA;
-    std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> found;
-    const IMAGE_NT_HEADERS &headers = Headers(module);
-    const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(&headers);
-    for (WORD i = 0; i < headers.FileHeader.NumberOfSections; ++i, ++section) {
-        if ((section->Characteristics & unwanted) == 0 && (section->Characteristics & IMAGE_SCN_MEM_READ) != 0)
-            SearchSection(module, *section, found);
-    }
-    return found;
 }
 
 }  // namespace
@@ -116,8 +65,9 @@ std::vector<Export> Exports(HMODULE module) {
         if (!named[i] && functions[i] != 0)
             add({}, i);
     }
-    std::stable_sort(exports.begin(), exports.end(),
-                     [](const Export &a, const Export &b) { return a.ordinal < b.ordinal; });
+    std::sort(exports.begin(), exports.end(), [](const Export &a, const Export &b) {
+        return std::tie(a.ordinal, a.name) < std::tie(b.ordinal, b.name);
+    });
     return exports;
 }
 
@@ -131,10 +81,23 @@ std::vector<std::string> ExportNames(HMODULE module) {
     return names;
 }
 
+std::string SymbolFile(HMODULE module) {
+    const IMAGE_DATA_DIRECTORY *directory = FindDirectory(module, IMAGE_DIRECTORY_ENTRY_DEBUG);
+    if (directory == nullptr)
+        return {};
+    constexpr std::size_t nameOffset = 24;  // behind "RSDS", a GUID and an age
+    const auto *entry = AtRva<const IMAGE_DEBUG_DIRECTORY>(module, directory->VirtualAddress);
+    for (const auto *end = entry + directory->Size / sizeof *entry; entry != end; ++entry) {
+        if (entry->Type == IMAGE_DEBUG_TYPE_CODEVIEW)
+            return AtRva<const char>(module, entry->AddressOfRawData + nameOffset);
+    }
+    return {};
+}
+
 std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> DelayLoadRecords(HMODULE module) {
     const IMAGE_DATA_DIRECTORY *directory = FindDirectory(module, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
     if (directory == nullptr)
-        return SearchSections(module);
+        return {};
     std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> records;
     const auto *record = AtRva<const IMAGE_DELAYLOAD_DESCRIPTOR>(module, directory->VirtualAddress);
     for (; record->DllNameRVA != 0; ++record)

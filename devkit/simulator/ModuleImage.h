@@ -1,4 +1,4 @@
-// Reads the PE headers of a loaded module: size, flags, exports, delay-loaded libraries.
+// Reads the PE headers of a loaded module: size, flags, exports, symbol file, delay-loaded libraries.
 #pragma once
 
 #include <cstddef>
@@ -30,8 +30,10 @@ struct Export {
 /// The names among them, sorted.
 [[nodiscard]] std::vector<std::string> ExportNames(HMODULE module);
 
-/// The records of the libraries that are loaded on first use. GNU ld (2.40) leaves their directory in the
-/// header empty; the image is then searched for the records themselves.
+/// The PDB file that the image names; empty if it names none.
+[[nodiscard]] std::string SymbolFile(HMODULE module);
+
+/// The records of the libraries that are loaded on first use.
 [[nodiscard]] std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> DelayLoadRecords(HMODULE module);
 /// The names in them, as they are written there.
 [[nodiscard]] std::vector<std::string> DelayLoadedLibraries(HMODULE module);

@@ -93,7 +93,7 @@ public:
 
 private:
     FailingBlock(const char *function, void *replacement, std::size_t size)
-        : m_redirection(GetModuleHandleW(L"wxbase32u_gcc_custom.dll"), function, replacement) {
+        : m_redirection(GetModuleHandleW(L"" FC_WX_DLL), function, replacement) {
         EXPECT_TRUE(m_redirection.Found());
         m_hit = false;
         m_size = size;

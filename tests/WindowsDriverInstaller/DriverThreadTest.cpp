@@ -3,13 +3,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <future>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <windows.h>
 
+#include "CallInThread.h"
 #include "RemovalFixture.h"
 #include "WindowsFunctions.h"
 
@@ -263,26 +264,26 @@ TEST_F(DriverThread, IsPolledEachSecondInOneWait) {
 
 TEST_F(DriverThread, EndsAWaitWhenAPollFindsAnotherStepOnTop) {
     Probe thread(dom);
-    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    const CallInThread watcher([&] { return thread.WaitForStepToFinish(); });
     for (int poll = 0; poll < 3; ++poll) {
         EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
         AdvanceMs(1'000);
-        EXPECT_EQ(watcher.wait_for(milliseconds(50)), std::future_status::timeout) << "the same step is on top";
+        EXPECT_FALSE(watcher.EndsWithin(50)) << "the same step is on top";
     }
     thread.StartStep(6, 15);
     AdvanceMs(1'000);
-    EXPECT_TRUE(watcher.get());
+    EXPECT_TRUE(watcher.Get());
 }
 
 TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBeneathRanOut) {
     Probe thread(dom);
     thread.StartStep(3, 180);
     AdvanceMs(179'500);
-    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    const CallInThread watcher([&] { return thread.WaitForStepToFinish(); });
     EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
     thread.StartStep(6, 15);
     AdvanceMs(500);
-    EXPECT_TRUE(watcher.get());
+    EXPECT_TRUE(watcher.Get());
     EXPECT_EQ(WatchMs(thread), 14'500U);
 }
 
@@ -351,15 +352,18 @@ TEST_F(DriverThread, WithoutAStepIsKeptFromStartingOneThatLong) {
     Probe thread(dom);
     thread.EndStep(0);
     simulation().GetClock().Step();
-    auto watcher = std::async(std::launch::async, [&] { return thread.WaitForStepToFinish(); });
+    const CallInThread watcher([&] { return thread.WaitForStepToFinish(); });
     EXPECT_TRUE(simulation().GetClock().AwaitWaiting(1, kPatienceMs));
-    auto worker = std::async(std::launch::async, [&] { thread.StartStep(9, 10); });
-    EXPECT_EQ(worker.wait_for(milliseconds(200)), std::future_status::timeout);
+    const CallInThread worker([&] {
+        thread.StartStep(9, 10);
+        return true;
+    });
+    EXPECT_FALSE(worker.EndsWithin(200));
     AdvanceMs(99);
-    EXPECT_EQ(worker.wait_for(milliseconds(200)), std::future_status::timeout);
+    EXPECT_FALSE(worker.EndsWithin(200));
     AdvanceMs(1);
-    EXPECT_EQ(worker.wait_for(milliseconds(30'000)), std::future_status::ready);
-    EXPECT_TRUE(watcher.get());
+    EXPECT_TRUE(worker.EndsWithin(30'000));
+    EXPECT_TRUE(watcher.Get());
     EXPECT_EQ(thread.TopStep(), 9U);
 }
 
@@ -408,7 +412,7 @@ TEST_F(DriverThread, IsLeftAloneOutsideOfAllInnerSteps) {
 TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
     GrabbedLog grabbed;
     std::atomic<bool> enough{false};
-    auto worker = std::async(std::launch::async, [&] {
+    std::jthread worker([&] {
         wxLog *const before = wxLog::SetThreadActiveTarget(grabbed.Target());
         while (!enough)
             wxLogMessage("one line");
@@ -422,7 +426,7 @@ TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
         longest = std::max(longest, text.length());
     }
     enough = true;
-    worker.get();
+    worker.join();
     EXPECT_GE(grabbed.WholeText().length(), longest);
 }
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <future>
 #include <regex>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include <wx/log.h>
 #include <wx/tokenzr.h>
 
+#include "CallInThread.h"
 #include "Event.h"
 #include "Simulation.h"
 #include "WindowsFunctions.h"
@@ -96,12 +96,12 @@ void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give)
     ASSERT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
     EXPECT_TRUE(thread.reached.Wait(60'000));
     for (int time = 0; time < 3; ++time) {
-        auto capture = std::async(std::launch::async, [&] { return CaptureThreadStack(&thread).utf8_string(); });
-        while (capture.wait_for(milliseconds(60'000)) == std::future_status::timeout) {
+        const CallInThread capture([&] { return CaptureThreadStack(&thread).utf8_string(); });
+        while (!capture.EndsWithin(60'000)) {
             ADD_FAILURE() << "the walk waits for the thread that it has paused";
             (void)::ResumeThread(thread.MSWGetHandle());
         }
-        const std::string text = capture.get();
+        const std::string text = capture.Get();
         EXPECT_TRUE(text.empty() || text.starts_with("[00] ")) << text;
         EXPECT_TRUE(thread.IsRunning());
     }
@@ -157,7 +157,7 @@ protected:
         functions().PassThrough<ResumeThread>();
         functions().PassThrough<SymInitializeW>();
         functions().PassThrough<StackWalk64>();
-        for (const wchar_t *name : {static_cast<const wchar_t *>(nullptr), L"wxbase32u_gcc_custom.dll"})
+        for (const wchar_t *name : {static_cast<const wchar_t *>(nullptr), L"" FC_WX_DLL})
             EXPECT_NE(m_simulation.Attach(GetModuleHandleW(name)), 0U);
     }
 
@@ -193,8 +193,8 @@ protected:
             return count;
         });
         (void)journal().Take();
-        auto capture = std::async(std::launch::async, [&] { return CaptureThreadStack(&thread).utf8_string(); });
-        while (capture.wait_for(milliseconds(60'000)) == std::future_status::timeout) {
+        const CallInThread capture([&] { return CaptureThreadStack(&thread).utf8_string(); });
+        while (!capture.EndsWithin(60'000)) {
             ADD_FAILURE() << "the walk waits for the thread that it has paused";
             thread.resumed.Set();
             (void)ResumeThread::Real(thread.MSWGetHandle());
@@ -203,7 +203,7 @@ protected:
         EXPECT_TRUE(thread.IsRunning());
         thread.letGo.Set();
         (void)thread.Wait();
-        return capture.get();
+        return capture.Get();
     }
     [[nodiscard]] std::size_t Calls(const std::string &function) const {
         return static_cast<std::size_t>(std::count(m_names.begin(), m_names.end(), function));

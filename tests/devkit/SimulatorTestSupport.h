@@ -43,7 +43,7 @@ inline HMODULE ThisProgram() {
 }
 
 inline HMODULE WxLibrary() {
-    return GetModuleHandleW(L"wxbase32u_gcc_custom.dll");
+    return GetModuleHandleW(L"" FC_WX_DLL);
 }
 
 /// What a call that tells of success made of it.

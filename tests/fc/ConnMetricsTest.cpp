@@ -900,7 +900,7 @@ int WINAPI FromUtf8Page(UINT page, DWORD flags, const char *narrow, int length, 
 }
 
 TEST_F(ConnMetrics, ANameOrValueThatTheCodePageCannotHoldLeavesTheOtherFieldsAsTheyAre) {
-    const HMODULE wx = GetModuleHandleW(L"wxbase32u_gcc_custom.dll");
+    const HMODULE wx = GetModuleHandleW(L"" FC_WX_DLL);
     const Simulator::Redirection to(wx, "WideCharToMultiByte", reinterpret_cast<void *>(&ToUtf8Page));
     const Simulator::Redirection from(wx, "MultiByteToWideChar", reinterpret_cast<void *>(&FromUtf8Page));
     ASSERT_TRUE(to.Found() && from.Found());

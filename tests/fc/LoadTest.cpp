@@ -116,6 +116,17 @@ TEST(ModuleFile, IsLinkedForRandomAddressesAndWithoutExecutableData) {
     EXPECT_EQ(Simulator::DllCharacteristics(module.handle()) & wanted, wanted);
 }
 
+TEST(ModuleFile, NamesTheDriverLibraryInItsDelayImportDirectory) {
+    const FcModule module;
+    EXPECT_NE(Simulator::FindDirectory(module.handle(), IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT), nullptr);
+    EXPECT_EQ(Simulator::DelayLoadedLibraries(module.handle()), std::vector<std::string>{"vti.dll"});
+}
+
+TEST(ModuleFile, NamesItsSymbolFileWithoutAFolder) {
+    const FcModule module;
+    EXPECT_EQ(Simulator::SymbolFile(module.handle()), "fc.pdb");
+}
+
 TEST(ModuleFile, CarriesAVersionResource) {
     wchar_t path[] = L"fc.dll";
     const DWORD size = GetFileVersionInfoSizeW(path, nullptr);
@@ -214,7 +225,7 @@ Function As(void *address) {
 
 TEST(ModuleLoading, ConstructsItsObjectsInTheirOrder) {
     using Simulator::Redirection;
-    const HMODULE wx = LoadLibraryW(L"wxbase32u_gcc_custom.dll");
+    const HMODULE wx = LoadLibraryW(L"" FC_WX_DLL);
     ASSERT_NE(wx, nullptr);
     const Redirection locks(wx, "InitializeCriticalSection", reinterpret_cast<void *>(&NoteLock));
     const Redirection libraries(wx, "LoadLibraryW", reinterpret_cast<void *>(&NoteLibrary));

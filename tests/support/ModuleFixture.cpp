@@ -6,7 +6,7 @@
 ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simulation(parts) {
     m_simulation.GetClock().Step();
     // The libraries that the module shares the heap with come before it, whether the program uses them or not.
-    for (const wchar_t *name : {L"wxbase32u_gcc_custom.dll", L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
+    for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
         Watch(LoadLibraryW(name));
     Watch(GetModuleHandleW(nullptr));
     m_simulation.AttachWhenLoaded(L"fc.dll");
