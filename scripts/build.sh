@@ -16,7 +16,6 @@ with_lock() {
 }
 
 make_libraries() {
-    fetch_sources
     build_libraries
     copy_headers
 }

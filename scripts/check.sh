@@ -129,7 +129,7 @@ check_warnings() {
 
 check_lua() { luacheck --quiet examples docs/lua; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh tests/*/*.sh; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins tests/*/*.sh; }
 
 run_checks() {
     local failed=() name

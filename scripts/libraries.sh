@@ -1,6 +1,11 @@
 # shellcheck shell=bash
-# wxWidgets base, Lua and cJSON for Windows, built once into the cache. The folder's name is made of
-# versions and options, and it gets that name only when all of it is there.
+# wxWidgets base, Lua and cJSON for Windows, built once into the cache. The folder's name is made of the
+# pins and options, and it gets that name only when all of it is there.
+
+# Source packages.
+LIBRARIES=(wxwidgets3.2 lua5.2 cjson)
+# Headers alone, so that there is nothing to build: the packages that install them.
+HEADER_LIBRARIES=(robin-map-dev libxxhash-dev)
 
 WX_OPTIONS=(-DwxBUILD_SHARED=ON -DwxUSE_GUI=OFF -DwxUSE_STACKWALKER=ON -DwxUSE_DBGHELP=ON
     -DwxUSE_REGEX=OFF -DwxUSE_XML=OFF -DwxUSE_URL=OFF -DwxUSE_PROTOCOL=OFF -DwxUSE_FS_INET=OFF
@@ -10,7 +15,7 @@ WX_OPTIONS=(-DwxBUILD_SHARED=ON -DwxUSE_GUI=OFF -DwxUSE_STACKWALKER=ON -DwxUSE_D
 libraries_dir() {
     local key
     key=$({
-        cat "$CACHE"/src/{wx,lua,cjson}/.fc-version
+        pins_of "${LIBRARIES[@]}"
         echo "${WX_OPTIONS[@]}"
         clang++-19 -dumpversion
         x86_64-w64-mingw32-g++-posix -dumpfullversion
@@ -30,6 +35,23 @@ configure_build_install() {
     cmake --install "$build"
 }
 
+# is_whole FOLDER: whether it holds all that it had when it was made.
+is_whole() {
+    [ -e "$1/complete" ] || return 1
+    files_in "$1" | cmp -s - "$1/complete" && return 0
+    say "$1 has been damaged: making it again"
+    return 1
+}
+
+files_in() { (cd "$1" && find . -type f ! -name complete -printf '%s %P\n' | LC_ALL=C sort); }
+
+# finish_folder PARTIAL FINAL: gives the folder its name.
+finish_folder() {
+    files_in "$1" >"$1/complete"
+    rm -rf "$2"
+    mv "$1" "$2"
+}
+
 # The licences of all that a package of ours links or carries.
 collect_licences() {
     local to=$1/licences
@@ -45,7 +67,11 @@ collect_licences() {
 build_libraries() {
     local final work prefix
     final=$(libraries_dir)
-    [ -f "$final/complete" ] && return 0
+    is_whole "$final" && return 0
+    fetch_packages "${LIBRARIES[@]}"
+    unpack wxwidgets3.2 "$CACHE/src/wx"
+    unpack lua5.2 "$CACHE/src/lua"
+    unpack cjson "$CACHE/src/cjson"
     work=$final.work prefix=$final.partial
     rm -rf "$work" "$prefix"
     mkdir -p "$work" "$prefix"
@@ -58,30 +84,30 @@ build_libraries() {
     # wxWidgets 3.2.8 does not install this header, which others of its own include.
     cp -n "$CACHE/src/wx/include/wx/msw/init.h" "$prefix/include/wx/msw/"
     collect_licences "$prefix"
-    touch "$prefix/complete"
-    rm -rf "$final" "$work"
-    mv "$prefix" "$final"
+    finish_folder "$prefix" "$final"
+    rm -rf "$work" "$CACHE/src"
 }
 
 # robin-map and xxHash, in a folder of their own: another version of them costs a copy, not a build.
 headers_dir() {
     local key
-    key=$(dpkg-query -W -f='${Package} ${Version}\n' "${PACKAGES_HEADERS[@]}" | sha256sum | cut -c1-16)
+    key=$(pins_of "${HEADER_LIBRARIES[@]}" | sha256sum | cut -c1-16)
     echo "$CACHE/headers/$key"
 }
 
-# Copied, since the system's /usr/include must not get onto the cross compiler's path.
 copy_headers() {
     local final prefix
     final=$(headers_dir)
-    [ -f "$final/complete" ] && return 0
+    is_whole "$final" && return 0
+    fetch_packages "${HEADER_LIBRARIES[@]}"
+    unpack robin-map-dev "$CACHE/src/robin-map"
+    unpack libxxhash-dev "$CACHE/src/xxhash"
     prefix=$final.partial
     rm -rf "$prefix"
     mkdir -p "$prefix/include" "$prefix/licences"
-    cp -R /usr/include/tsl /usr/include/xxhash.h "$prefix/include/"
-    cp /usr/share/doc/robin-map-dev/copyright "$prefix/licences/robin-map.txt"
-    cp /usr/share/doc/libxxhash-dev/copyright "$prefix/licences/xxHash.txt"
-    touch "$prefix/complete"
-    rm -rf "$final"
-    mv "$prefix" "$final"
+    cp -R "$CACHE/src/robin-map/usr/include/tsl" "$CACHE/src/xxhash/usr/include/xxhash.h" "$prefix/include/"
+    cp "$CACHE/src/robin-map/usr/share/doc/robin-map-dev/copyright" "$prefix/licences/robin-map.txt"
+    cp "$CACHE/src/xxhash/usr/share/doc/libxxhash-dev/copyright" "$prefix/licences/xxHash.txt"
+    finish_folder "$prefix" "$final"
+    rm -rf "$CACHE/src"
 }

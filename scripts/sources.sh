@@ -1,77 +1,124 @@
 # shellcheck shell=bash
-# Sources of the libraries that are built for Windows here: fetched by apt, with the distribution's
-# patches, into the cache. A package counts as fetched only when its folder has been renamed into place.
+# Packages of the libraries: fetched from a Debian mirror into the cache, each file held against its pinned SHA-256, and
+# unpacked when they are needed. Of what is built they are the source packages, with the distribution's patches.
 
-# Source package : its folder in the cache.
-SOURCES=(wxwidgets3.2:wx lua5.2:lua cjson:cjson)
-SOURCE_TRIES=3
+PINS=$ROOT/scripts/libraries.pins
+DOWNLOADS=$CACHE/downloads
 
-# deb-src lines for the mirrors of this Debian release that the system already uses.
-source_lines() {
-    # shellcheck disable=SC2016  # apt-get itself expands these
-    apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT) $(ORIGIN)' 'Created-By: Packages' |
-        awk '$4 == "Debian" && $2 !~ /backports/ {
-            print "deb-src [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]", $1, $2, $3 }' | sort -u
-}
-
-# A sources list of our own; the system's lists stay as they are.
-write_source_list() {
-    local dir=$1
-    mkdir -p "$dir/lists/partial"
-    source_lines >"$dir/sources.list"
-    if [ ! -s "$dir/sources.list" ]; then
-        update_package_lists
-        source_lines >"$dir/sources.list"
-    fi
-    [ -s "$dir/sources.list" ] ||
-        die "apt knows no Debian mirror: add one to /etc/apt/sources.list (see 'man sources.list') and try again"
-}
-
-apt_source() {
-    local dir=$1
-    shift
-    apt-get -o Dir::Etc::SourceList="$dir/sources.list" -o Dir::Etc::SourceParts=- \
-        -o Dir::State::Lists="$dir/lists" -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= \
-        -o APT::Sandbox::User="$(id -un)" -o APT::Get::List-Cleanup=0 "$@"
-}
-
-fetch_source() {
-    local dir=$1 package=$2 folder=$3 work
-    work=$(mktemp -d "$CACHE/fetch.XXXXXX")
-    (
-        cd "$work" || exit 1
-        apt_source "$dir" source --download-only "$package" && dpkg-source --no-check -x ./*.dsc tree
-    ) || {
-        rm -rf "$work"
-        return 1
-    }
-    basename "$work"/*.dsc .dsc >"$work/tree/.fc-version"
-    mv "$work/tree" "$CACHE/src/$folder" && rm -rf "$work"
-}
-
-# Leaves the sources in $CACHE/src/{wx,lua,cjson}.
-fetch_sources() {
-    local entry package folder try dir=$CACHE/apt
-    mkdir -p "$CACHE/src"
-    for entry in "${SOURCES[@]}"; do
-        package=${entry%%:*} folder=${entry##*:}
-        [ -f "$CACHE/src/$folder/.fc-version" ] && continue
-        if [ ! -s "$dir/ready" ]; then
-            write_source_list "$dir"
-            quietly sources-update.log "reading the list of source packages" apt_source "$dir" update
-            date >"$dir/ready"
-        fi
-        rm -rf "$CACHE/src/$folder"
-        for ((try = 1; ; try++)); do
-            say "fetching the source of $package (try $try of $SOURCE_TRIES)"
-            mkdir -p "$LOGS"
-            fetch_source "$dir" "$package" "$folder" >"$LOGS/fetch-$folder.log" 2>&1 </dev/null && break
-            tail -n 5 "$LOGS/fetch-$folder.log" >&2
-            [ "$try" -lt "$SOURCE_TRIES" ] ||
-                die "the source of $package could not be fetched; see $LOGS/fetch-$folder.log, check the network and run again"
-            rm -f "$dir/ready"
-            sleep $((try * 3))
-            apt_source "$dir" update >>"$LOGS/fetch-$folder.log" 2>&1 || true
-        done
+# pins_of PACKAGE...: its lines of the pins.
+pins_of() {
+    local package
+    for package in "$@"; do
+        awk -v package="$package" '$1 == package { print; found = 1 } END { exit !found }' "$PINS" ||
+            die "$PINS has no files of $package: renew it with scripts/renew-pins"
     done
+}
+
+# The mirrors to ask: the one that FC_MIRROR names, or those of Debian that apt uses; all of apt's before its first update.
+mirrors() {
+    if [ -n "${FC_MIRROR:-}" ]; then
+        echo "${FC_MIRROR%/}"
+    elif command -v apt-get >/dev/null; then
+        {
+            # shellcheck disable=SC2016  # apt-get itself expands these
+            apt-get indextargets --format '$(REPO_URI) $(ORIGIN)' 'Created-By: Packages' | sed -n 's,/* Debian$,,p' | grep . ||
+                apt-get update --print-uris | sed -n "s,^'\(.*\)/dists/.*InRelease'.*,\1,p"
+        } | awk '!seen[$0]++'
+    fi
+}
+
+# The archive of all that Debian ever had, on the day of the pins: what an update has replaced is still there.
+snapshot() {
+    local archive=debian
+    [[ $1 != pool/updates/* ]] || archive=debian-security
+    echo "https://snapshot.debian.org/archive/$archive/$(sed -n 's/^# As of \([0-9]*\)-\([0-9]*\)-\([0-9]*\)\.$/\1\2\3T000000Z/p' "$PINS")"
+}
+
+# download URL FILE: by apt, with its proxies, or by curl where there is no apt.
+download() {
+    local helper=/usr/lib/apt/apt-helper
+    case $1 in
+    file://*) cp "${1#file://}" "$2" ;;
+    *)
+        if [ -x $helper ]; then
+            $helper -o APT::Sandbox::User="$(id -un)" -o Acquire::Retries=2 -o Acquire::http::Timeout=15 \
+                -o Acquire::https::Timeout=15 download-file "$1" "$2"
+        else
+            curl --fail --silent --show-error --location --connect-timeout 15 --output "$2" "$1"
+        fi
+        ;;
+    esac
+}
+
+checksum() { sha256sum "$1" | cut -d ' ' -f 1; }
+
+# has_gone LOG: whether a mirror has answered that there is no such file.
+has_gone() { grep -qE ' 404 |error: 404|No such file' "$1"; }
+
+# The tool's own words for what went wrong.
+reason_of() {
+    { grep -E '^(E|curl|cp):' "$1" | grep -v 'E: Download Failed' || echo "it says nothing"; } |
+        tail -n 1 | sed 's/^E: Failed to fetch [^ ]* *//; s/^[^ ]*: //'
+}
+
+# fetch_from FILE SHA256 PATH URL: leaves FILE, or yields false and says why in TROUBLE.
+fetch_from() {
+    local file=$1 sha=$2 url=$4/$3 log=$LOGS/fetch.log got
+    if ! download "$url" "$file.part" >"$log" 2>&1 </dev/null; then
+        rm -f "$file.part"
+        if has_gone "$log"; then return 1; fi
+        TROUBLE="$url can't be fetched ($(reason_of "$log")): check the network and the disk, or name another Debian mirror with FC_MIRROR, or put the files that scripts/libraries.pins names into $DOWNLOADS"
+        return 1
+    fi
+    got=$(checksum "$file.part")
+    if [ "$got" != "$sha" ]; then
+        rm -f "$file.part"
+        TROUBLE="$url is not the pinned file: its SHA-256 is $got and not $sha; nothing of it is kept. Name another Debian mirror with FC_MIRROR, or see scripts/renew-pins"
+        return 1
+    fi
+    mv "$file.part" "$file"
+}
+
+# fetch_file SHA256 PATH: leaves the file in $DOWNLOADS, its content checked.
+fetch_file() {
+    local sha=$1 path=$2 file=$DOWNLOADS/${2##*/} mirror known TROUBLE=
+    if [ -e "$file" ]; then
+        [ "$(checksum "$file")" != "$sha" ] || return 0
+        say "$file is damaged: fetching it again"
+        rm -f "$file"
+    fi
+    say "fetching ${path##*/}"
+    mapfile -t known < <(mirrors)
+    [ ${#known[@]} -gt 0 ] || die "apt knows no Debian mirror here: let FC_MIRROR name one (https://www.debian.org/mirror/list)"
+    for mirror in "${known[@]}"; do
+        ! fetch_from "$file" "$sha" "$path" "$mirror" || return 0
+    done
+    if [ -z "$TROUBLE" ]; then
+        # The mirrors answer, and none has the file.
+        [ -n "${FC_MIRROR:-}" ] || ! fetch_from "$file" "$sha" "$path" "$(snapshot "$path")" || return 0
+        TROUBLE="no mirror has $path any more (${known[*]}): let FC_MIRROR name $(snapshot "$path"), or renew the pins with scripts/renew-pins"
+    fi
+    die "$TROUBLE"
+}
+
+# fetch_packages PACKAGE...: leaves all their files in $DOWNLOADS.
+fetch_packages() {
+    local pins sha path
+    pins=$(pins_of "$@")
+    mkdir -p "$DOWNLOADS" "$LOGS"
+    while read -r _ _ sha path; do
+        fetch_file "$sha" "$path"
+    done <<<"$pins"
+}
+
+# unpack PACKAGE FOLDER: what has been fetched. No signature is checked: the checksums are pinned.
+unpack() {
+    local file
+    file=$DOWNLOADS/$(pins_of "$1" | sed -n 's,.*/\(.*\.\(dsc\|deb\)\)$,\1,p')
+    rm -rf "$2"
+    mkdir -p "$(dirname "$2")" "$LOGS"
+    case $file in
+    *.deb) dpkg-deb -x "$file" "$2" ;;
+    *) dpkg-source --no-check -x "$file" "$2" ;;
+    esac >"$LOGS/unpack.log" 2>&1 || die "$file can't be unpacked: $(tail -n 1 "$LOGS/unpack.log")"
 }
