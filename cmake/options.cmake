@@ -4,7 +4,9 @@ set(FC_TRAPPING "${CMAKE_BINARY_DIR}/bin-trapping")  # the module that crashes w
 
 if(MSVC)
     add_compile_options(/W4 /permissive- /utf-8 /EHsc)
-    add_compile_definitions(_CRT_SECURE_NO_WARNINGS)  # fopen and sscanf are meant
+    add_compile_definitions(NOMINMAX _CRT_SECURE_NO_WARNINGS)  # fopen and sscanf are meant
+    # So are inet_addr, inet_ntoa and GetVersionExW: the module goes by what just these answer.
+    add_compile_definitions(_WINSOCK_DEPRECATED_NO_WARNINGS BUILD_WINDOWS)
 else()
     add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2
                         -Wno-unknown-pragmas -fstack-protector-strong
