@@ -129,13 +129,18 @@ check_warnings() {
 
 check_lua() { luacheck --quiet examples docs/lua; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins tests/*/*.sh; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh; }
+
+# A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
+check_workflow() {
+    /usr/bin/python3 -c 'import sys, yaml; sys.exit(not yaml.safe_load(open(sys.argv[1]))["jobs"])' .github/workflows/ci.yml
+}
 
 run_checks() {
     local failed=() name
     prepare_configured "${PACKAGES_CHECK[@]}"
     require_files
-    for name in format rules shell lua cppcheck tidy warnings; do
+    for name in format rules shell workflow lua cppcheck tidy warnings; do
         say "check: $name"
         "check_$name" || failed+=("$name")
     done
