@@ -236,13 +236,15 @@ local function hung_upgrade(folder)
     local step = expect(events[1004], "the hung step is not reported"):match("^(%a+)|")
     expect(step == "InstallingDriver", "the step %s hangs", step)
     row("event 1004, failed", "in %s, whose worker was killed", step)
-    local frames = 0
+    local frames, place = 0, nil
     for _, line in ipairs(lines) do
         if line.text:find("^Stack trace:") then
             frames = select(2, line.text:gsub("\n%[", ""))
+            place = line.text:match("(CDriver[%w_:]+)%+%d+\n") -- the innermost function of the module
         end
     end
     row("its stack", "%d frames, in the verbose log", frames)
+    row("it waits in", "%s", place or "a function without a name: fc.pdb is not beside fc.dll")
     expect(frames > 0, "there is no stack trace of the worker")
     row("driver", "%s", host.driver.present and "runs" or "none: the old one is gone, the new one not there")
     row("lock of the network", "still held by %s", expect(host.machine.inventory().lock, "the lock is free"))

@@ -1,5 +1,5 @@
-// What -fstack-protector-strong asks of the C runtime, since MinGW's has it only in later versions: the value that a function
-// writes behind its buffers and finds again at its end, and what happens if it does not.
+// What -fstack-protector-strong asks of the C runtime, which not every MinGW has: the value that a function writes
+// behind its buffers and finds again at its end, and what happens if it does not.
 #include <stdint.h>
 
 #include <windows.h>
@@ -20,8 +20,12 @@ __attribute__((constructor(101))) static void MakeGuard(void) {
     LARGE_INTEGER counter;
     GetSystemTimeAsFileTime(&time);
     QueryPerformanceCounter(&counter);
-    const uintptr_t parts[] = {((uintptr_t)time.dwHighDateTime << 32) | time.dwLowDateTime, (uintptr_t)counter.QuadPart,
-                               GetCurrentProcessId(), GetCurrentThreadId(), (uintptr_t)&time, __builtin_ia32_rdtsc()};
+    const uintptr_t parts[] = {((uintptr_t)time.dwHighDateTime << 32) | time.dwLowDateTime,
+                               (uintptr_t)counter.QuadPart,
+                               GetCurrentProcessId(),
+                               GetCurrentThreadId(),
+                               (uintptr_t)&time,
+                               __builtin_ia32_rdtsc()};
     uintptr_t guard = 0;
     for (size_t i = 0; i < sizeof parts / sizeof *parts; ++i)
         guard = (guard ^ parts[i]) * 0x9E3779B97F4A7C15u;

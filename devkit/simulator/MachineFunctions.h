@@ -21,8 +21,7 @@ SIMULATOR_FUNCTION(GetVersionExW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(VerifyVersionInfoW, "KERNEL32.dll", ReturnsZero);
 
 /// By the name that GCC and Clang give it.
-using wxGetOsVersion =
-    Function<"_Z14wxGetOsVersionPiS_S_", FC_WX_DLL, int(int *, int *, int *), CannotFail>;
+using wxGetOsVersion = Function<"_Z14wxGetOsVersionPiS_S_", FC_WX_DLL, int(int *, int *, int *), CannotFail>;
 
 }  // namespace Simulator::System
 

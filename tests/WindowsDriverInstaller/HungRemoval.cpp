@@ -62,6 +62,14 @@ bool HungRemoval::AwaitEndOfWorker() {
     });
 }
 
+std::vector<Place> HungRemoval::PlacesOf(const Removal &removal) {
+    const DWORD worker = Worker();
+    if (worker == 0)
+        return {};
+    const std::vector<Simulator::JournalEntry> journal = simulation().GetJournal().Entries();
+    return ::PlacesOf(journal, worker, LinesOf(journal, worker, removal.log), LimitsOfRemoval());
+}
+
 DWORD HungRemoval::Worker() {
     const auto calls = simulation().GetJournal().Entries();
     const auto others =

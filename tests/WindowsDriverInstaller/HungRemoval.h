@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "CallPlaces.h"
 #include "HungCall.h"
 #include "RemovalFixture.h"
 
@@ -38,6 +39,9 @@ protected:
 
     /// Both drivers as they were, without orphans.
     void PutRight();
+
+    /// The calls of the worker of the last removal; none if there was no worker.
+    [[nodiscard]] std::vector<Place> PlacesOf(const Removal &removal);
 
     HungCall hung{simulation(), returned};
 

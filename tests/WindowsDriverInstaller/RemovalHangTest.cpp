@@ -70,15 +70,6 @@ protected:
     }
 
 private:
-    std::vector<Place> PlacesOf(const Removal &removal) {
-        const std::vector<Simulator::JournalEntry> journal = simulation().GetJournal().Entries();
-        const auto worker = std::find_if(journal.begin(), journal.end(),
-                                         [](const auto &entry) { return entry.thread != GetCurrentThreadId(); });
-        if (worker == journal.end())
-            return {};
-        return ::PlacesOf(journal, worker->thread, LinesOf(journal, worker->thread, removal.log), LimitsOfRemoval());
-    }
-
     void HangAt(const Place &place) {
         const bool letGo = place.step == "ThreadRunning";
         const Hang hang = HangIn(place.function, place.nth, place.deadlineMs, letGo ? Fate::LivesOn : Fate::Killed);

@@ -1,4 +1,5 @@
-// A program that ends as its argument tells: crash, crash-at-end, vanish, or an exit status.
+// A program that ends as its argument tells: crash, crash-at-end, overrun, vanish, or an exit status.
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -12,6 +13,13 @@ void Crash() {
     *wild = 1;                              // cppcheck-suppress nullPointer
 }
 
+/// Writes past its array, which the stack protector finds when it returns.
+[[gnu::noinline]] void Overrun(std::size_t length) {
+    char text[16];
+    for (std::size_t i = 0; i < length; ++i)
+        static_cast<volatile char *>(text)[i] = 'x';  // cppcheck-suppress arrayIndexOutOfBounds
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -23,6 +31,8 @@ int main(int argc, char **argv) {
         Crash();
     if (how == "crash-at-end")
         (void)std::atexit(&Crash);
+    if (how == "overrun")
+        Overrun(how.size() * 8);
     if (how == "vanish")
         (void)TerminateProcess(GetCurrentProcess(), 0);
     return static_cast<int>(std::strtol(how.c_str(), nullptr, 10));

@@ -235,6 +235,12 @@ ACrashOfTheHostOrTheBenchmarksIsNoticed() {
     done
 }
 
+AnOverrunBufferEndsTheProgram() {
+    runs_as fc-host.exe
+    in_dev run_host overrun
+    ends_with_an_error && says 'error: fc-host.exe has crashed: 0xC0000409'
+}
+
 # Nobody handles the breakpoint.
 AScriptThatCrashesTheHostIsNoticed() {
     rm -rf "$WORK/build"
@@ -290,7 +296,7 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWit
     AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
     AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput AnUnknownNameFails \
     AnUnknownNameBesideAKnownOneFails ANameIsNoPattern RunsUnderLoadAreCountedTogetherAndTellTheirSeeds \
-    ACrashOfATestProgramIsNoticed \
+    ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
     TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
     AWineThatDoesNothingFails AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do

@@ -1,5 +1,5 @@
-// A call in a thread of its own. Not std::async: its thread-local variables are libstdc++'s, which a program of clang's can't
-// reach.
+// A call in a thread of its own. Not std::async: its thread-local variables are libstdc++'s, which a program of clang's
+// can't reach.
 #pragma once
 
 #include <thread>
