@@ -62,7 +62,7 @@ public:
     }
     HMODULE Module() { return reinterpret_cast<HMODULE>(m_bytes.data()); }
 
-    /// Puts a record of one function of "late.dll", without an entry in the header.
+    /// Puts a record of one function of "late.dll"; the header's entry is for the test.
     void AddDelayRecord(std::size_t rva) {
         auto &record = At<IMAGE_DELAYLOAD_DESCRIPTOR>(rva);
         record.Attributes.AllAttributes = 1;
@@ -141,14 +141,6 @@ TEST(ModuleImage, ReadsDelayLoadedLibrariesFromTheHeader) {
     auto &headers = image.At<IMAGE_NT_HEADERS>(0x40);
     headers.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT] = {0x1200, 64};
     EXPECT_EQ(DelayLoadedLibraries(image.Module()), std::vector<std::string>{"late.dll"});
-}
-
-TEST(ModuleImage, FindsDelayLoadedLibrariesThatTheHeaderDoesNotName) {
-    HandmadeImage image;
-    image.AddDelayRecord(0x1200);
-    EXPECT_EQ(DelayLoadedLibraries(image.Module()), std::vector<std::string>{"late.dll"});
-    image.At<IMAGE_DELAYLOAD_DESCRIPTOR>(0x1200).ImportAddressTableRVA = 0x9000;
-    EXPECT_TRUE(DelayLoadedLibraries(image.Module()).empty()) << "a record that leads out of the image is none";
 }
 
 TEST(ModuleImage, FindsWhatTheShippedModuleLoadsOnFirstUse) {
