@@ -28,7 +28,7 @@ tidy_arguments() {
     echo -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0
     echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
     echo -include "$ROOT/scripts/tidy-prelude.h"
-    echo '-DFC_VERSION=""' '-DFC_DOCUMENTS=""' '-DEXAMPLES_FOLDER=""' '-DFC_WX_DLL="wx.dll"'
+    echo "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
     for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
@@ -127,7 +127,7 @@ check_warnings() {
     (STRICT=ON with_lock "$BUILD" build_targets all)
 }
 
-check_lua() { luacheck --quiet examples docs/lua; }
+check_lua() { luacheck --quiet examples docs/lua packaging; }
 
 check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh; }
 

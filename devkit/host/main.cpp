@@ -12,6 +12,7 @@
 #include "Files.h"
 #include "HostState.h"
 #include "HostLog.h"
+#include "HostVersion.h"
 #include "LuaEdge.h"
 #include "Program.h"
 #include "ReportPage.h"
@@ -161,7 +162,7 @@ bool ReadScript(const Options &options, Script &script, std::string &error) {
 }
 
 void PrintVersion() {
-    (void)std::printf("fc-host %s, %s, %s\n", FC_VERSION, LUA_RELEASE, ToUtf8(wxString(wxVERSION_STRING)).c_str());
+    (void)std::printf("fc-host %s, %s, %s\n", HostVersion(), LUA_RELEASE, ToUtf8(wxString(wxVERSION_STRING)).c_str());
 }
 
 int Run(const Options &options) {

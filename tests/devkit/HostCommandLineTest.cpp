@@ -1,5 +1,8 @@
 // fc-host.exe: options, what it needs beside itself, and its exit status.
+#include <regex>
+
 #include <gtest/gtest.h>
+#include <wx/string.h>
 
 #include "HostProcess.h"
 
@@ -37,6 +40,24 @@ TEST(HostCommandLine, VersionNamesLuaAndWxWidgets) {
     EXPECT_TRUE(Contains(run.out, "fc-host 1.")) << run.out;
     EXPECT_TRUE(Contains(run.out, "Lua 5.2")) << run.out;
     EXPECT_TRUE(Contains(run.out, "wxWidgets 3.")) << run.out;
+}
+
+/// As the version resource of fc.dll beside this program has it.
+std::string VersionOfModule() {
+    const std::wstring path = (BinaryFolder() / L"fc.dll").wstring();
+    std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), nullptr));
+    void *text = nullptr;
+    UINT length = 0;
+    EXPECT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(data.size()), data.data()));
+    EXPECT_TRUE(VerQueryValueW(data.data(), L"\\StringFileInfo\\040904B0\\ProductVersion", &text, &length));
+    return text == nullptr ? "" : wxString(static_cast<const wchar_t *>(text)).utf8_string();
+}
+
+TEST(HostCommandLine, VersionHasTheCommitAndIsThatOfTheModule) {
+    const std::string version = VersionOfModule();
+    EXPECT_TRUE(std::regex_match(version, std::regex(R"(\d+\.\d+\.\d+\+(unknown|g[0-9a-f]{10}(-dirty)?))"))) << version;
+    const HostRun run = RunHost({L"--version"});
+    EXPECT_TRUE(run.out.starts_with("fc-host " + version + ", ")) << run.out;
 }
 
 TEST(HostCommandLine, RefusesWhatItDoesNotKnowWithAHint) {

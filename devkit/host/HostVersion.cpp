@@ -1,0 +1,7 @@
+#include "HostVersion.h"
+
+#include "Version.h"
+
+const char *HostVersion() {
+    return FC_VERSION;
+}

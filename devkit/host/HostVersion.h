@@ -1,0 +1,5 @@
+// The version that all of the build has.
+#pragma once
+
+/// Such as "1.0.0+g0123456789", with the commit that it was built from.
+const char *HostVersion();
