@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <wx/string.h>
 
+#include "TestData.h"
 #include "WindowsDriverInstaller/InstallerSteps.h"
 
 namespace {
@@ -30,7 +31,7 @@ std::string ReadWhole(const std::filesystem::path &path) {
 }
 
 StepRows DocumentedSteps() {
-    const std::string text = ReadWhole(FC_DOCUMENTS "/steps.md");
+    const std::string text = ReadWhole(TestData("docs/steps.md"));
     const std::string table = text.substr(text.find("## All steps"));
     const std::regex row(R"(\n\| (\*?)`(\w+)`\*? \| (\w+) \|)");
     StepRows rows;
@@ -44,8 +45,7 @@ StepRows DocumentedSteps() {
 std::map<std::string, std::set<std::string>> BegunSteps() {
     const std::regex begins(R"((?:StartStep|CallInStep)\((\w+), (\d+)[,)])");
     std::map<std::string, std::set<std::string>> limits;
-    for (const auto &entry :
-         std::filesystem::directory_iterator(FC_DOCUMENTS "/../plugins/filter/WindowsDriverInstaller")) {
+    for (const auto &entry : std::filesystem::directory_iterator(TestData("plugins/filter/WindowsDriverInstaller"))) {
         const std::string text = ReadWhole(entry.path());
         for (std::sregex_iterator match(text.begin(), text.end(), begins), end; match != end; ++match)
             limits[(*match)[1]].insert((*match)[2]);

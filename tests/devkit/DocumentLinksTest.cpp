@@ -13,12 +13,10 @@
 
 namespace {
 
-const std::filesystem::path kDocuments = FC_DOCUMENTS;
-
 std::vector<std::filesystem::path> Documents() {
-    const std::filesystem::path root = kDocuments.parent_path();
-    std::vector<std::filesystem::path> documents{root / "README.md", root / "CONTRIBUTING.md"};
-    for (const auto &entry : std::filesystem::directory_iterator(kDocuments))
+    std::vector<std::filesystem::path> documents{TestData("README.md"), TestData("CONTRIBUTING.md"),
+                                                 TestData("CHANGELOG.md")};
+    for (const auto &entry : std::filesystem::directory_iterator(TestData("docs")))
         if (entry.path().extension() == ".md")
             documents.push_back(entry.path());
     return documents;

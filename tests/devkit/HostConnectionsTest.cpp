@@ -19,7 +19,7 @@ bool Contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-const std::wstring kExample = std::filesystem::path(EXAMPLES_FOLDER "/connections.lua").wstring();
+const std::wstring kExample = TestData("examples/connections.lua").wstring();
 
 constexpr const char *kHeader =
     "#separator \\x09\n#set_separator\t,\n#empty_field\t(empty)\n#unset_field\t-\n#path\tconn\n"
@@ -98,7 +98,7 @@ TEST_F(Connections, CountsEveryRowOfTheSample) {
     const HostRun run = RunHost({L"--quiet", L"--fast", L"60", kExample, L"--out", folder.At(L"out")});
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.err, "");
-    const std::string log = TextOfFile(std::filesystem::path(EXAMPLES_FOLDER "/conn.log").wstring());
+    const std::string log = TextOfFile(TestData("examples/conn.log").wstring());
     const int rows = CountRows(log, {});
     const JsonPtr json = Result();
     const cJSON *kinds = cJSON_GetObjectItem(json.get(), "kinds");
@@ -202,7 +202,7 @@ TEST_F(Connections, SaysSoWhenTheLogHasMoreKindsThanTheModuleKeeps) {
 }
 
 TEST(Hello, ListsTheModulesFunctions) {
-    const HostRun run = RunHost({std::filesystem::path(EXAMPLES_FOLDER "/hello.lua").wstring()});
+    const HostRun run = RunHost({TestData("examples/hello.lua").wstring()});
     EXPECT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_TRUE(Contains(run.out, "\n  AddToConnMetrics\n")) << run.out;
 }

@@ -6,7 +6,7 @@
 
 namespace {
 
-const std::wstring kDiagnosticsExample = std::filesystem::path(EXAMPLES_FOLDER "/diagnostics.lua").wstring();
+const std::wstring kDiagnosticsExample = TestData("examples/diagnostics.lua").wstring();
 
 bool HasText(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;

@@ -18,7 +18,7 @@ namespace {
 using Names = std::set<std::string>;
 
 Names Documented() {
-    const std::string text = TextOfFile(std::filesystem::path(FC_DOCUMENTS "/host.md").wstring());
+    const std::string text = TextOfFile(TestData("docs/host.md").wstring());
     const std::regex heading("(^|\n)### `([a-zA-Z_.]+)");
     Names names;
     for (std::sregex_iterator match(text.begin(), text.end(), heading), end; match != end; ++match)
@@ -97,7 +97,7 @@ TEST(HostDocument, DescribesWhatIsInTheTableAndNothingElse) {
 
 // Each example is run as it stands, on the clock for which it is written.
 TEST(HostDocument, HasExamplesThatRun) {
-    const std::string text = TextOfFile(std::filesystem::path(FC_DOCUMENTS "/host.md").wstring());
+    const std::string text = TextOfFile(TestData("docs/host.md").wstring());
     const std::string open = "```lua\n";
     int count = 0;
     for (std::size_t at = text.find(open); at != std::string::npos; at = text.find(open, at)) {

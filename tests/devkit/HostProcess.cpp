@@ -56,12 +56,6 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
 
 }  // namespace
 
-std::filesystem::path BinaryFolder() {
-    wchar_t path[MAX_PATH * 4] = L"";
-    GetModuleFileNameW(nullptr, path, static_cast<DWORD>(std::size(path)));
-    return std::filesystem::path(path).parent_path();
-}
-
 HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input,
                 const std::filesystem::path &folder) {
     const TemporaryFolder streams;

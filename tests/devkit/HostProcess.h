@@ -7,15 +7,14 @@
 
 #include <windows.h>
 
+#include "TestData.h"
+
 /// What a run of the program left.
 struct HostRun {
     DWORD exitCode = 0;
     std::string out;
     std::string err;
 };
-
-/// The folder of the test program, where the build leaves fc-host.exe and all libraries.
-std::filesystem::path BinaryFolder();
 
 /// Runs fc-host.exe; a run of more than three minutes is ended and fails the test.
 /// @param input   what it reads from its standard input.

@@ -5,7 +5,7 @@
 
 namespace {
 
-const std::wstring kRemovalExample = std::filesystem::path(EXAMPLES_FOLDER "/removal.lua").wstring();
+const std::wstring kRemovalExample = TestData("examples/removal.lua").wstring();
 
 bool Has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;

@@ -5,7 +5,7 @@
 
 namespace {
 
-const std::wstring kStory = std::filesystem::path(EXAMPLES_FOLDER "/story.lua").wstring();
+const std::wstring kStory = TestData("examples/story.lua").wstring();
 
 /// What stands behind each other in the text. @return the first that does not; null for none.
 const char *FirstMissing(const std::string &text, std::initializer_list<const char *> parts) {

@@ -69,16 +69,16 @@ private:
     bool m_isBelowExample = false;
 };
 
-std::vector<DocumentSection> SectionsOf(const char *path, const char *heading) {
-    return SectionReader(heading).Read(TextOfFile(std::filesystem::path(path).wstring()));
+std::vector<DocumentSection> SectionsOf(const char *document, const char *heading) {
+    return SectionReader(heading).Read(TextOfFile(TestData(document).wstring()));
 }
 
 std::vector<DocumentSection> FunctionSections() {
-    return SectionsOf(FC_DOCUMENTS "/lua-functions.md", "### ");
+    return SectionsOf("docs/lua-functions.md", "### ");
 }
 
 std::vector<DocumentSection> InstallationSections() {
-    return SectionsOf(FC_DOCUMENTS "/installation.md", "## ");
+    return SectionsOf("docs/installation.md", "## ");
 }
 
 std::string WithoutCarriageReturns(std::string text) {

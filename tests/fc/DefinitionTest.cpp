@@ -2,6 +2,7 @@
 // is.
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -16,6 +17,7 @@
 
 #include "ModuleFixture.h"
 #include "SLB3.h"
+#include "TestData.h"
 #include "slb3_control.h"
 #include "vta_core.h"
 #include "vti_control.h"
@@ -24,12 +26,12 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr char kDefinitions[] = FC_DOCUMENTS "/lua/fc.d.lua";
-constexpr char kFunctions[] = FC_DOCUMENTS "/lua-functions.md";
+const std::filesystem::path kDefinitions = TestData("docs/lua/fc.d.lua");
+const std::filesystem::path kFunctions = TestData("docs/lua-functions.md");
 
-std::string WholeFile(const char *path) {
+std::string WholeFile(const std::filesystem::path &path) {
     std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file) << "no " << path;
+    EXPECT_TRUE(file) << "no " << path.string();
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -94,8 +96,7 @@ Signatures DocumentedSignatures() {
 class Definition : public ModuleFixture {
 protected:
     Definition() : ModuleFixture({.registry = true, .folders = false}), m_handle(vti_open()) {
-        lua.Run("module = SLB; assert(loadfile([[" + std::string(kDefinitions) +
-                "]]))(); stubs, SLB = SLB.filter, module");
+        lua.Run("module = SLB; assert(loadfile([[" + kDefinitions.string() + "]]))(); stubs, SLB = SLB.filter, module");
         SLB3::Control::PushInstance(lua, "SLB.Dom", &m_dom);
         lua_setglobal(lua, "dom");
         SLB3::Control::PushInstance(lua, "SLB.wx.ZipOutputStream", &m_zip);

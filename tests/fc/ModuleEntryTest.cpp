@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "FcModule.h"
+#include "TestData.h"
 #include "vta_core.h"
 #include "vti_control.h"
 
@@ -90,8 +91,9 @@ TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
 
 TEST_F(ModuleEntry, HasASectionInTheDocumentsForEachFunction) {
     std::set<std::string> documented;
-    std::ifstream file(FC_DOCUMENTS "/lua-functions.md");
-    ASSERT_TRUE(file) << "no " FC_DOCUMENTS "/lua-functions.md";
+    const std::filesystem::path path = TestData("docs/lua-functions.md");
+    std::ifstream file(path);
+    ASSERT_TRUE(file) << "no " << path.string();
     for (std::string line; std::getline(file, line);)
         if (line.rfind("### ", 0) == 0)
             documented.insert(line.substr(4));
