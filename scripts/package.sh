@@ -1,23 +1,122 @@
 # shellcheck shell=bash
-# ./dev package: what is handed out.
+# ./dev package: what is handed out. Two clones of a commit, in whatever folders, make the same bytes.
 
-package_version() { sed -n 's/^project(fc VERSION \([0-9.]*\).*/\1/p' "$ROOT/CMakeLists.txt"; }
+: "${DIST:=$ROOT/dist}"
 
-# The DLL, its symbols beside it, the definitions for editors, and the licences of all that it links
-# or carries.
-make_package() {
-    local name dir zip
-    name=fc-$(package_version)
-    dir=$BUILD/package/$name zip=$ROOT/dist/$name.zip
-    rm -rf "$BUILD/package"
-    mkdir -p "$dir/licences" "$dir/lua" "$ROOT/dist"
-    cp "$BUILD/bin/fc.dll" "$BUILD/bin/fc.pdb" "$dir/"
-    cp "$ROOT/docs/lua/fc.d.lua" "$dir/lua/"
-    cp "$ROOT/LICENSE" "$dir/licences/fc.txt"
-    cp "$(libraries_dir)"/licences/*.txt "$(headers_dir)"/licences/*.txt "$dir/licences/"
-    rm -f "$zip"
-    (cd "$BUILD/package" && zip -q -X -r "$zip" "$name")
-    unzip -tq "$zip" >/dev/null || die "the package is broken; try again"
-    say "packed $zip"
-    unzip -l "$zip"
+# With the commit, as the binaries have it.
+package_version() { sed -n 's/^#define FC_VERSION "\(.*\)"$/\1/p' "$BUILD/version/Version.h"; }
+
+# package_name PREFIX: for files and folders, in whose names some programs take no +.
+package_name() { echo "$1-$(package_version | tr + -)"; }
+
+# The time of all that is packed, in seconds since 1970: that of the commit, or a fixed one for sources that are no clone.
+package_time() {
+    local time=${SOURCE_DATE_EPOCH:-}
+    [ -n "$time" ] || [[ $(package_version) == *unknown ]] || time=$(git -C "$ROOT" log -1 --format=%ct)
+    echo "${time:-631152000}"
+}
+
+# pack FOLDER ZIP: the folder with all that is in it. Nothing of it depends on when, where or by whom it is packed.
+pack() {
+    local folder=$1 zip=$2
+    find "$folder" -type d -exec chmod 755 {} + -o -exec chmod 644 {} +
+    find "$folder" -exec touch -d "@$(package_time)" {} +
+    rm -f "$zip.part"
+    (cd "$(dirname "$folder")" && find "$(basename "$folder")" | LC_ALL=C sort | TZ=UTC zip -q -X -@ "$zip.part") &&
+        unzip -tq "$zip.part" >/dev/null || die "$zip can't be packed: see whether the disk is full"
+    mv "$zip.part" "$zip"
+    say "packed $zip, $(du -h "$zip" | cut -f 1)"
+}
+
+write_checksums() {
+    (cd "$1" && find . -type f ! -name SHA256SUMS -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >SHA256SUMS)
+}
+
+# Licences of ours and of all that the package links, carries or needs.
+copy_licences() {
+    mkdir -p "$1/licences"
+    cp "$ROOT/LICENSE" "$1/licences/fc.txt"
+    cp "$(libraries_dir)"/licences/*.txt "$(headers_dir)"/licences/*.txt "$1/licences/"
+}
+
+# fc.dll as the tests load it, and what is known of it.
+make_module_package() {
+    local folder=$1 bin=$BUILD/bin
+    mkdir -p "$folder/lua"
+    cp "$bin/fc.dll" "$bin/fc.pdb" "$ROOT/CHANGELOG.md" "$folder/"
+    cp "$ROOT/docs/lua/fc.d.lua" "$folder/lua/"
+    copy_licences "$folder"
+    write_requirements "$bin" fc.dll >"$folder/REQUIREMENTS.txt"
+    write_bill fc "$bin/fc.dll" "${PARTS_MODULE[@]}" >"$folder/fc.cdx.json"
+    write_checksums "$folder"
+}
+
+test_programs() { cat "$BUILD/test-programs.txt"; }
+
+# Programs of the devkit, with the libraries that they load and all PDB files. The tests' kernel driver stays here.
+copy_binaries() {
+    local to=$1 bin=$BUILD/bin program file
+    mkdir -p "$to"
+    {
+        for program in fc-host fc-launch fc-bench $(test_programs); do
+            echo "$program.exe"
+        done
+        echo fc.dll # which nothing imports
+    } >"$to/roots"
+    while read -r file; do
+        cp "$bin/$file" "$to/" || die "$bin/$file is missing: build it with ./dev package"
+        [ ! -f "$bin/${file%.*}.pdb" ] || cp "$bin/${file%.*}.pdb" "$to/"
+    done < <(with_libraries "$bin" <"$to/roots")
+    rm "$to/roots"
+    cp "$bin/ConnMetricsPeer.lua" "$to/"
+    cp -R "$bin/test-data" "$to/"
+}
+
+# All that runs on a 64-bit Windows without a build.
+make_devkit_package() {
+    local folder=$1
+    mkdir -p "$folder"
+    copy_binaries "$folder/bin"
+    cp "$ROOT"/packaging/accept.lua "$folder/bin/"
+    test_programs | sed 's/$/\r/' >"$folder/bin/test-programs.txt"
+    sed 's/$/\r/' "$ROOT/packaging/accept.cmd" >"$folder/accept.cmd"
+    cp "$ROOT/packaging/README.md" "$ROOT/CHANGELOG.md" "$folder/"
+    cp -R "$ROOT/docs" "$ROOT/examples" "$folder/"
+    copy_licences "$folder"
+    cp /usr/share/doc/googletest/copyright "$folder/licences/GoogleTest.txt"
+    write_bill fc-devkit "$BUILD/bin/fc-host.exe" "${PARTS_DEVKIT[@]}" >"$folder/fc-devkit.cdx.json"
+    write_checksums "$folder"
+}
+
+# make_packages FOLDER: the two zip files.
+make_packages() {
+    local to=$1 stage=$BUILD/package kind name
+    mkdir -p "$to"
+    for kind in module:fc devkit:fc-devkit; do
+        name=$(package_name "${kind#*:}")
+        rm -rf "$stage"
+        mkdir -p "$stage"
+        "make_${kind%:*}_package" "$stage/$name"
+        pack "$stage/$name" "$to/$name.zip"
+    done
+    rm -rf "$stage"
+}
+
+# package_again: builds the commit a second time, from nothing but the downloads: in another clone, with another build folder
+# and another cache. Its packages must be those of the first.
+package_again() {
+    local second name status=0
+    [[ $(package_version) =~ \+g[0-9a-f]+$ ]] || die "a second clone has only what is committed, but this is $(package_version)"
+    second=$(mktemp -d)/"a second place"
+    git clone -q "$ROOT" "$second/clone"
+    mkdir -p "$second/cache"
+    touch "$second/cache/$MARKER"
+    [ ! -d "$CACHE/downloads" ] || cp -R "$CACHE/downloads" "$second/cache/"
+    FC_BUILD=$second/build FC_CACHE=$second/cache "$second/clone/dev" package
+    for name in fc fc-devkit; do
+        name=$(package_name "$name").zip
+        cmp "$DIST/$name" "$second/clone/dist/$name" && say "$name is the same from both" || status=1
+    done
+    [ $status -eq 0 ] || die "the packages differ; the second ones are in $second/clone/dist"
+    rm -rf "$(dirname "$second")"
 }

@@ -1,9 +1,10 @@
-// fc-launch STATUS-FILE PROGRAM ARGS...: runs the program, and writes its exit status to the file: the number, or
-// "killed" if it was ended from outside. Wine hands the status of a crashed program to its other processes in each
-// case, but to Unix only in most.
+// fc-launch [--seconds N] STATUS-FILE PROGRAM ARGS...: runs the program, and writes its exit status to the file: the
+// number, "killed" if it was ended from outside, or "late" if it was ended here after N seconds. Wine hands the status
+// of a crashed program to its other processes in each case, but to Unix only in most.
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cwchar>
 #include <optional>
 #include <string>
 
@@ -56,23 +57,31 @@ bool TieToThis(HANDLE program) {
            AssignProcessToJobObject(job, program) != 0;
 }
 
-/// @return its exit status; nothing if it can't be run.
-std::optional<DWORD> Run(std::wstring commandLine) {
+struct Ending {
+    DWORD status = 0;
+    bool isLate = false;
+};
+
+/// @return how it ended; nothing if it can't be run.
+std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
     if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
                        &startup, &process) == 0)
         return std::nullopt;
-    DWORD status = 0;
+    Ending ending;
     if (!TieToThis(process.hProcess) || ResumeThread(process.hThread) == static_cast<DWORD>(-1)) {
         (void)TerminateProcess(process.hProcess, kCannotLaunch);
         return std::nullopt;
     }
+    ending.isLate = WaitForSingleObject(process.hProcess, limitMs) == WAIT_TIMEOUT;
+    if (ending.isLate)
+        (void)TerminateProcess(process.hProcess, kCannotLaunch);
     if (WaitForSingleObject(process.hProcess, INFINITE) != WAIT_OBJECT_0 ||
-        GetExitCodeProcess(process.hProcess, &status) == 0)
+        GetExitCodeProcess(process.hProcess, &ending.status) == 0)
         return std::nullopt;
-    return status;
+    return ending;
 }
 
 bool WriteStatus(const wchar_t *path, const std::string &status) {
@@ -86,19 +95,26 @@ bool WriteStatus(const wchar_t *path, const std::string &status) {
 }  // namespace
 
 int wmain(int argc, wchar_t **argv) {
-    if (argc < 3) {
-        (void)std::fputs("usage: fc-launch STATUS-FILE PROGRAM ARGS...\n", stderr);
+    const bool isLimited = argc > 2 && std::wcscmp(argv[1], L"--seconds") == 0;
+    const int first = isLimited ? 3 : 1;
+    if (argc < first + 2) {
+        (void)std::fputs("usage: fc-launch [--seconds N] STATUS-FILE PROGRAM ARGS...\n", stderr);
         return kCannotLaunch;
     }
     (void)SetConsoleCtrlHandler(&IgnoreControl, TRUE);
     const HANDLE end = MakeEndEvent();
     if (end == nullptr)
         return Complain("no event for the end of the program");
-    const std::optional<DWORD> status = Run(AfterFirst(AfterFirst(GetCommandLineW())));
-    if (!status)
+    const wchar_t *commandLine = GetCommandLineW();
+    for (int i = 0; i <= first; ++i)
+        commandLine = AfterFirst(commandLine);
+    const DWORD limitMs = isLimited ? static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)) * 1000 : INFINITE;
+    const std::optional<Ending> ending = Run(commandLine, limitMs);
+    if (!ending)
         return Complain("the program can't be run");
-    const bool killed = *status == 0 && WaitForSingleObject(end, 0) != WAIT_OBJECT_0;
-    if (!WriteStatus(argv[1], killed ? "killed" : std::to_string(*status)))
+    const bool killed = ending->status == 0 && WaitForSingleObject(end, 0) != WAIT_OBJECT_0;
+    const std::string status = ending->isLate ? "late" : killed ? "killed" : std::to_string(ending->status);
+    if (!WriteStatus(argv[first], status))
         return Complain("the status can't be written");
     return 0;
 }

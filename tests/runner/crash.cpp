@@ -1,4 +1,5 @@
-// A program that ends as its argument tells: crash, crash-at-end, overrun, vanish, or an exit status.
+// A program that ends as its argument tells: crash, crash-at-end, overrun, vanish, or an exit status. It crashes
+// without one, and where it is run as a test program is, with options.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,7 @@ void Crash() {
 
 int main(int argc, char **argv) {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
-    const std::string how = argc > 1 ? argv[1] : "crash";
+    const std::string how = argc > 1 && argv[1][0] != '-' ? argv[1] : "crash";
     (void)std::puts("the program begins");
     (void)std::fflush(stdout);
     if (how == "crash")

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include "CodePage.h"
+#include "OwnMachine.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ int main(int argc, char **argv) {
     // A crash ends the program; nobody is there to close a window about it.
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     testing::InitGoogleTest(&argc, argv);
+    LeaveMachineAloneIfAsked();
     const wxInitializer wx;
     if (!wx.IsOk())
         return EXIT_FAILURE;

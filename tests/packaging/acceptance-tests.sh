@@ -1,0 +1,158 @@
+#!/usr/bin/env bash
+# Unpacks the devkit's package as on a machine that has never seen its sources, in a new Wine prefix without the drive Z:, and
+# runs its accept.cmd with Wine's cmd.
+#   acceptance-tests.sh BIN PACKAGES XML [WINE]
+# BIN holds runner-crash.exe, PACKAGES the package; the results go to XML, as GoogleTest writes them. FC_ACCEPT_ALL=1 runs all
+# test programs instead of a few fast ones.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BIN=$1 PACKAGES=$2 XML=$3
+WINE=${4:-wine}
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Acceptance
+WORK=$(mktemp -d)
+export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
+end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1" || true; }
+trap 'end_wine -k; rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+# Among them are tests that would change a machine of one's own.
+PROGRAMS=(fc-load-tests installer-tests removal-tests)
+PLACE="$WINEPREFIX/drive_c/a place with blanks"
+
+# accept ARGS...: runs accept.cmd from another folder, and leaves its output in `said` and its status in STATUS.
+accept() {
+    rm -f "$WINEPREFIX/drive_c/status.txt"
+    printf '@cd /d C:\\windows\r\n@call "C:\\a place with blanks\\%s\\accept.cmd" %s\r\n@echo %%errorlevel%%> C:\\status.txt\r\n' \
+        "${DEVKIT##*/}" "$*" >"$WINEPREFIX/drive_c/run.cmd"
+    (cd / && timeout 7200 "$WINE" cmd /c 'C:\run.cmd') >"$WORK/said" 2>&1 </dev/null || true
+    STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt" || echo none)
+}
+
+# fails_with TEXT: the last run, and says so.
+fails_with() {
+    [ "$STATUS" = 1 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/said")" || return
+    grep -qF -- "$1" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")" || return
+    [ ! -e "$DEVKIT/results/passed.txt" ] || because "it counts as passed" || return
+    grep -q '<h1 class="failed">' "$DEVKIT/results/summary.html" || because "the page says nothing of it"
+}
+
+# All that a program may have changed, but for folders of temporary files and the package's own.
+machine() {
+    end_wine -w
+    (cd "$WINEPREFIX" && find drive_c -path "drive_c/a*" -prune -o -path '*/[Tt]emp/*' -prune -o -name status.txt -prune -o \
+        -name run.cmd -prune -o -printf '%p %s %T@\n' | grep -v '^drive_c/users/[^ ]* \|^drive_c [0-9]' | LC_ALL=C sort)
+    # Without the times of the keys.
+    sed -E '/^#time/d; s/^(\[.*\]) [0-9]+$/\1/' "$WINEPREFIX/system.reg" "$WINEPREFIX/user.reg"
+}
+
+TheTestProgramsPassWithoutTheDriveOfThisMachine() {
+    local name
+    "$WINE" wineboot --init >"$WORK/log" 2>&1 </dev/null || because "$(tail -n 3 "$WORK/log")" || return
+    end_wine -w
+    rm -f "$WINEPREFIX/dosdevices/z:"
+    mkdir -p "$PLACE"
+    unzip -q "$PACKAGES"/fc-devkit-*.zip -d "$PLACE" || because "the package can't be unpacked" || return
+    DEVKIT=$(echo "$PLACE"/*)
+    machine >"$WORK/before"
+    if [ -n "${FC_ACCEPT_ALL:-}" ]; then
+        mapfile -t PROGRAMS < <(tr -d '\r' <"$DEVKIT/bin/test-programs.txt")
+        accept
+    else
+        accept "${PROGRAMS[@]}"
+    fi
+    [ ! -e "$WINEPREFIX/dosdevices/z:" ] || because "the drive Z: has come back" || return
+    [ "$STATUS" = 0 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/said")" || return
+    grep -qE '^[0-9]+ passed, 0 failed, [0-9]+ skipped' "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")" || return
+    for name in "${PROGRAMS[@]}"; do
+        grep -q '<testcase ' "$DEVKIT/results/$name.xml" || because "$name.xml has no test" || return
+        grep -q "<td>$name</td>" "$DEVKIT/results/summary.html" || because "$name is not on the page" || return
+    done
+}
+
+ItShowsHowFarItIs() {
+    grep -qF "[1/${#PROGRAMS[@]}] ${PROGRAMS[0]}" "$WORK/said" || because "it says: $(head -n 5 "$WORK/said")" || return
+    grep -qF "[${#PROGRAMS[@]}/${#PROGRAMS[@]}] ${PROGRAMS[-1]}" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")"
+}
+
+ThePageNamesVersionAndWhatWasLeftOut() {
+    local text
+    for text in "$(sed -n 's/^fc-host \([^,]*\),.*/\1/p' "$DEVKIT/results/version.txt")" RealService RealRegistryTree RealKey RealInf; do
+        grep -qF "${text:?}" "$DEVKIT/results/summary.html" || because "it does not name '$text'" || return
+    done
+    ! grep -hE 'classname="Real(Service|Services|RegistryTree|Key|Inf|InfByHand|Firewall)"' "$DEVKIT"/results/*.xml ||
+        because "such a test was run"
+}
+
+TheMachineIsAsItWas() {
+    machine >"$WORK/after"
+    diff "$WORK/before" "$WORK/after" >"$WORK/log" || because "$(head -n 10 "$WORK/log")"
+}
+
+AFailedTestFailsAll() {
+    mv "$DEVKIT/bin/test-data/docs/steps.md" "$WORK/"
+    GTEST_FILTER='StepTable.*' accept installer-tests
+    mv "$WORK/steps.md" "$DEVKIT/bin/test-data/docs/"
+    fails_with 'installer-tests has failed in' || return
+    grep -q 'StepTable' "$DEVKIT/results/summary.html" || because "the page does not name the test"
+}
+
+ACrashFailsAll() {
+    cp "$BIN/runner-crash.exe" "$DEVKIT/bin/crash-tests.exe"
+    GTEST_FILTER='ModuleFile.*' accept crash-tests fc-load-tests
+    fails_with 'crash-tests has left no results and has crashed: 0xC0000005'
+}
+
+AMissingProgramFailsAll() {
+    GTEST_FILTER='ModuleFile.*' accept fc-load-tests nosuch-tests
+    fails_with 'nosuch-tests was not run'
+}
+
+AProgramThatTakesTooLongFailsAll() {
+    FC_TEST_SECONDS=1 accept installer-tests
+    fails_with 'installer-tests was ended after 1 s'
+}
+
+# judges STATUS [SED-SCRIPT]: what is made of results of two tests, changed by the script.
+judges() {
+    local results=$DEVKIT/results
+    rm -rf "$results"
+    mkdir -p "$results"
+    echo one-tests >"$results/programs.txt"
+    printf '%s' "$1" >"$results/one-tests.status"
+    sed "${2:-}" >"$results/one-tests.xml" <<'XML'
+<?xml version="1.0" encoding="UTF-8"?>
+<testsuites tests="2" failures="0" disabled="0" errors="0" time="0.1" name="AllTests">
+  <testsuite name="Suite" tests="2" failures="0" disabled="0" skipped="0" errors="0" time="0.1">
+    <testcase name="First" status="run" result="completed" time="0." classname="Suite" />
+    <testcase name="Second" status="run" result="completed" time="0." classname="Suite" />
+  </testsuite>
+</testsuites>
+XML
+    printf '@cd /d C:\\a place with blanks\\%s\\results\r\n@..\\bin\\fc-host.exe --quiet ..\\bin\\accept.lua summary\r\n@echo %%errorlevel%%> C:\\status.txt\r\n' \
+        "${DEVKIT##*/}" >"$WINEPREFIX/drive_c/run.cmd"
+    (cd / && timeout 300 "$WINE" cmd /c 'C:\run.cmd') >"$WORK/said" 2>&1 </dev/null || true
+    STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt")
+}
+
+OnlyWholeResultsAndAGoodStatusPass() {
+    judges 0
+    [ "$STATUS" = 0 ] && [ -e "$DEVKIT/results/passed.txt" ] || because "good results do not pass: $(cat "$WORK/said")" || return
+    judges 0 '/<.testsuites>/d' && fails_with 'has left results that are not complete' || return
+    judges 0 '/Second/d' && fails_with 'has left results that are not complete' || return
+    judges 0 '/testcase/d; s/tests="2"/tests="0"/' && fails_with 'has run no test' || return
+    judges 0 's/failures="0"/failures="1"/' && fails_with 'has left results that are not complete' || return
+    judges 3 && fails_with 'has ended with status 3 after its tests' || return
+    judges 3221225477 && fails_with 'has crashed: 0xC0000005 after its tests' || return
+    judges killed && fails_with 'was ended from outside' || return
+    judges '' && fails_with 'was not run'
+}
+
+for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsHowFarItIs ThePageNamesVersionAndWhatWasLeftOut \
+    TheMachineIsAsItWas AFailedTestFailsAll ACrashFailsAll AMissingProgramFailsAll AProgramThatTakesTooLongFailsAll \
+    OnlyWholeResultsAndAGoodStatusPass; do
+    test_case "$name"
+done
+write_results acceptance-tests "$XML"

@@ -1,0 +1,171 @@
+#!/usr/bin/env bash
+# Packs what is built here, twice, and looks at the packages.
+#   packaging-tests.sh BUILD LIBRARIES HEADERS PACKAGES XML
+# The first two packages are left in the folder PACKAGES, the results in XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+BUILD=$1 LIBRARIES=$2 HEADERS=$3 PACKAGES=$4 XML=$5
+REPOSITORY=$(cd "$HERE/../.." && pwd)
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Packaging
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+export SOURCE_DATE_EPOCH=1700000000
+
+# packs PLACE: the packages of a clone and a build folder there, in PLACE/dist.
+packs() {
+    mkdir -p "$1/clone" "$1/build"
+    cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md} "$1/clone"
+    ln -s "$BUILD"/{bin,version,test-programs.txt} "$1/build/"
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    FC_BUILD=$1/build bash -euo pipefail -c '
+        CALLER=$PWD
+        for script in common folders packages sources libraries parts package; do
+            . "$1/clone/scripts/$script.sh"
+        done
+        libraries=$2 headers=$3
+        libraries_dir() { echo "$libraries"; }
+        headers_dir() { echo "$headers"; }
+        make_packages "$1/dist"' packs "$1" "$LIBRARIES" "$HEADERS" >"$WORK/log" 2>&1 ||
+        because "$(tail -n 3 "$WORK/log")" || return
+    ls "$1"/dist/fc-[0-9]*.zip "$1"/dist/fc-devkit-*.zip >"$WORK/log" 2>&1 || because "there are only $(ls "$1/dist")"
+}
+
+TwoFoldersGiveTheSameBytes() {
+    local file
+    packs "$WORK/one" || return
+    sleep 2 # as exact as the times in a zip file are
+    (umask 077 && TZ=Asia/Tokyo LC_ALL=C packs "$WORK/another place") || because "$(tail -n 3 "$WORK/log")" || return
+    for file in "$WORK"/one/dist/*; do
+        cmp "$file" "$WORK/another place/dist/${file##*/}" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
+    done
+    rm -rf "$PACKAGES"
+    cp -R "$WORK/one/dist" "$PACKAGES"
+    for file in fc-[0-9]* fc-devkit-*; do
+        # shellcheck disable=SC2086 # a pattern
+        unzip -q "$WORK"/one/dist/$file.zip -d "$WORK/unpacked" || because "$file can't be unpacked" || return
+    done
+    MODULE=$(echo "$WORK"/unpacked/fc-[0-9]*) DEVKIT=$(echo "$WORK"/unpacked/fc-devkit-*)
+}
+
+TheNamesHaveTheCommit() {
+    local version
+    version=$(sed -n 's/.*"\(.*\)"$/\1/p' "$BUILD/version/Version.h" | tr + -)
+    [[ $version =~ ^[0-9.]+-(unknown|g[0-9a-f]{10}(-dirty)?)$ ]] || because "the version is '$version'" || return
+    [ "${MODULE##*/} ${DEVKIT##*/}" = "fc-$version fc-devkit-$version" ] || because "there are $(ls "$WORK/unpacked")"
+}
+
+TheModuleIsThatWhichTheTestsLoad() {
+    cmp "$BUILD/bin/fc.dll" "$MODULE/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
+    cmp "$BUILD/bin/fc.dll" "$DEVKIT/bin/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")"
+}
+
+TheModulesPackageHasAllThatBelongsToIt() {
+    (cd "$MODULE" && find . -type f | LC_ALL=C sort | grep -v '^\./licences/') >"$WORK/names"
+    [ "$(tr '\n' ' ' <"$WORK/names")" = './CHANGELOG.md ./REQUIREMENTS.txt ./SHA256SUMS ./fc.cdx.json ./fc.dll ./fc.pdb ./lua/fc.d.lua ' ] ||
+        because "it has $(tr '\n' ' ' <"$WORK/names")" || return
+    (cd "$MODULE/licences" && ls fc.txt wxWidgets.txt Lua.txt cJSON.txt zlib.txt mingw-w64.txt GCC-runtime.txt robin-map.txt \
+        xxHash.txt) >"$WORK/log" 2>&1 || because "$(grep cannot "$WORK/log")"
+}
+
+TheSymbolsAreThoseOfTheModule() {
+    local of_module of_symbols
+    of_module=$(llvm-readobj-19 --coff-debug-directory "$MODULE/fc.dll" | sed -n 's/.*PDBGUID: {\(.*\)}.*/\1/p')
+    of_symbols=$(llvm-pdbutil-19 dump --summary "$MODULE/fc.pdb" | sed -n 's/.*GUID: {\(.*\)}.*/\1/p')
+    [ "${of_module:-none}" = "$of_symbols" ] || because "the module has '$of_module', they have '$of_symbols'"
+}
+
+# By another program than the one that made the list.
+TheRequirementsAreTheImportsOfTheModule() {
+    local library
+    x86_64-w64-mingw32-objdump -p "$MODULE/fc.dll" | sed -n 's/.*DLL Name: //p' >"$WORK/imports"
+    [ "$(wc -l <"$WORK/imports")" -gt 5 ] || because "the module imports $(cat "$WORK/imports")" || return
+    while read -r library; do
+        grep -qiE "^  $library( |,|\$)" "$MODULE/REQUIREMENTS.txt" || because "$library is not among them" || return
+    done <"$WORK/imports"
+    grep -qx '  vti.dll, at its first use' "$MODULE/REQUIREMENTS.txt" || because "vti.dll is not told as delayed" || return
+    ! grep -qE '^  (lib|lua|wx|zlib)[^ ]*$' "$MODULE/REQUIREMENTS.txt" ||
+        because "no version: $(grep -E '^  (lib|lua|wx|zlib)[^ ]*$' "$MODULE/REQUIREMENTS.txt")"
+}
+
+# json FILE PATH...: what stands there; its length for a list.
+json() {
+    cat >"$WORK/json.cmake" <<'CMAKE'
+file(READ "${FILE}" text)
+foreach(path IN LISTS PATHS)
+    string(REPLACE "." ";" path "${path}")
+    string(JSON kind TYPE "${text}" ${path})
+    if(kind STREQUAL ARRAY)
+        string(JSON value LENGTH "${text}" ${path})
+    else()
+        string(JSON value GET "${text}" ${path})
+    endif()
+    message("${value}")
+endforeach()
+CMAKE
+    local file=$1
+    shift
+    cmake "-DFILE=$file" "-DPATHS=$(
+        IFS=';'
+        echo "$*"
+    )" -P "$WORK/json.cmake" 2>&1
+}
+
+TheBillOfMaterialsHasEachPinnedFile() {
+    local bill=$MODULE/fc.cdx.json count i
+    [ "$(json "$bill" bomFormat specVersion | paste -s)" = $'CycloneDX\t1.5' ] || because "$(head -c 300 "$bill")" || return
+    [ "$(json "$bill" metadata.component.hashes.0.content)" = "$(sha256sum <"$MODULE/fc.dll" | cut -d ' ' -f 1)" ] ||
+        because "it is of another module" || return
+    count=$(json "$bill" components)
+    for ((i = 0; i < count; i++)); do
+        json "$bill" components.$i.name components.$i.version components.$i.externalReferences | paste -s -d ' '
+    done >"$WORK/components"
+    grep -v '^#' "$REPOSITORY/scripts/libraries.pins" | while read -r name version _; do echo "$name $version"; done |
+        uniq -c | while read -r files name version; do
+        grep -qxF "$name $version $files" "$WORK/components" || because "no $name $version with $files files" || return
+    done || return
+    grep -v '^#' "$REPOSITORY/scripts/libraries.pins" | cut -d ' ' -f 3 >"$WORK/sums"
+    [ "$(grep -oFf "$WORK/sums" "$bill" | sort -u | wc -l)" = "$(sort -u "$WORK/sums" | wc -l)" ] || because "a checksum is missing"
+}
+
+TheChecksumsAreThoseOfAllFiles() {
+    local folder
+    for folder in "$MODULE" "$DEVKIT"; do
+        (cd "$folder" && sha256sum --quiet --strict -c SHA256SUMS) >"$WORK/log" 2>&1 || because "$(tail -n 3 "$WORK/log")" || return
+        [ "$(find "$folder" -type f ! -name SHA256SUMS | wc -l)" = "$(wc -l <"$folder/SHA256SUMS")" ] ||
+            because "${folder##*/} has files without a checksum" || return
+    done
+}
+
+TheDevkitHasEachTestProgram() {
+    local program
+    [ "$(wc -l <"$BUILD/test-programs.txt")" -ge 20 ] || because "too few are listed" || return
+    while read -r program; do
+        [ -s "$DEVKIT/bin/$program.exe" ] || because "$program.exe is missing" || return
+    done <"$BUILD/test-programs.txt"
+    [ "$(tr -d '\r' <"$DEVKIT/bin/test-programs.txt")" = "$(cat "$BUILD/test-programs.txt")" ] || because "the list is another one" || return
+    [ -s "$DEVKIT/bin/test-data/docs/host.md" ] || because "their data are missing"
+}
+
+# None of ours is signed, and none is needed: a machine has nothing to load them.
+TheDevkitHasNoDriver() {
+    ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
+}
+
+NoFileNamesAFolderOfThisMachine() {
+    local found
+    found=$(grep -rlF -e "$REPOSITORY/" -e "$BUILD/" -e "$LIBRARIES/" "$WORK/unpacked") || true
+    [ -z "$found" ] || because "they are in ${found//$WORK\/unpacked\//}"
+}
+
+for name in TwoFoldersGiveTheSameBytes TheNamesHaveTheCommit TheModuleIsThatWhichTheTestsLoad \
+    TheModulesPackageHasAllThatBelongsToIt TheSymbolsAreThoseOfTheModule TheRequirementsAreTheImportsOfTheModule \
+    TheBillOfMaterialsHasEachPinnedFile TheChecksumsAreThoseOfAllFiles TheDevkitHasEachTestProgram TheDevkitHasNoDriver \
+    NoFileNamesAFolderOfThisMachine; do
+    test_case "$name"
+done
+write_results packaging-tests "$XML"
