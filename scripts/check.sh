@@ -117,8 +117,8 @@ check_cppcheck() {
     cppcheck --quiet --error-exitcode=1 --std=c++20 --platform=win64 --language=c++ --inline-suppr -j "$JOBS" \
         --cppcheck-build-dir="$BUILD/cppcheck" --enable=warning,performance,portability \
         --suppress=missingInclude --suppress=useInitializationList --suppress=unknownMacro --suppress='*:/usr/*' \
-        -DVTA_CORE_API= -DSLB3_API= -DVTI_API= -DWINAPI= -DTEST_F\(a,b\)=void\ b\(\) -DTEST\(a,b\)=void\ b\(\) \
-        -DTYPED_TEST\(a,b\)=void\ b\(\) -DTEST_P\(a,b\)=void\ b\(\) \
+        -DVTA_CORE_API= -DSLB3_API= -DVTI_API= -DWINAPI= -DFC_WX_DLL='"wx.dll"' \
+        -DTEST_F\(a,b\)=void\ b\(\) -DTEST\(a,b\)=void\ b\(\) -DTYPED_TEST\(a,b\)=void\ b\(\) -DTEST_P\(a,b\)=void\ b\(\) \
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
