@@ -13,13 +13,16 @@ rem For each program.
 if "%FC_TEST_SECONDS%"=="" set FC_TEST_SECONDS=1800
 
 if exist "%RESULTS%" rmdir /s /q "%RESULTS%"
+rem Nothing of an earlier run may count.
+if exist "%RESULTS%" goto nofolder
 mkdir "%RESULTS%"
+if not exist "%RESULTS%" goto nofolder
 pushd "%RESULTS%"
-if errorlevel 1 goto nofolder
 ver > system.txt
 echo %PROCESSOR_ARCHITECTURE%, %NUMBER_OF_PROCESSORS% processors>> system.txt
+rem Not by "if errorlevel 1": the status of a crash is a negative number.
 "%BIN%\fc-host.exe" --version > version.txt
-if errorlevel 1 goto nohost
+if not "%errorlevel%"=="0" goto nohost
 
 if "%~1"=="" copy "%BIN%\test-programs.txt" programs.txt > nul
 for %%P in (%*) do >>programs.txt echo %%P
@@ -29,7 +32,7 @@ for /f %%P in (programs.txt) do set /a COUNT+=1
 for /f %%P in (programs.txt) do call :run %%P
 
 "%BIN%\fc-host.exe" --quiet "%BIN%\accept.lua" summary
-if errorlevel 1 goto failed
+if not "%errorlevel%"=="0" goto failed
 if not exist passed.txt goto failed
 popd
 exit /b 0
@@ -40,7 +43,7 @@ echo FAILED: send the folder "%RESULTS%" to whoever sent you this package.
 exit /b 1
 
 :nofolder
-echo error: "%RESULTS%" can't be made: unpack the package into a folder that you may write to.
+echo error: "%RESULTS%" can't be made anew: unpack the package into a folder that you may write to, and close what uses it.
 exit /b 1
 
 :nohost

@@ -36,10 +36,9 @@ local function read_xml(result, xml)
         return "has left results that are not complete"
     end
     local sums, cases = attributes(head), 0
-    for element, rest in xml:gmatch("<testcase (.-)>([^<]*<?/?%w*)") do
+    for element in xml:gmatch("<testcase (.-)>") do
         cases = cases + 1
-        local case = attributes(element)
-        if case.result == "skipped" or rest:find("<skipped", 1, true) then
+        if attributes(element).result == "skipped" then
             result.skipped = result.skipped + 1
         end
     end
