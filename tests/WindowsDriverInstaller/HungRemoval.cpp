@@ -39,7 +39,8 @@ Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_
     hang.killed = worker.AwaitEnd(fate == Fate::LivesOn ? kWorkerLivesOnMs : kPatienceMs);
     simulation().GetFaults().Clear();
     hang.ended = worker.AwaitEnd(kPatienceMs);
-    hang.destroyed = HungCall::AwaitObjects(objects, before);
+    const int kept = fate == Fate::KilledButKept ? 1 : 0;
+    hang.destroyed = HungCall::AwaitObjects(objects + kept, before) && kept == 0;
     hang.left = NewThings(before);
     ForgetTheRest();
     return hang;

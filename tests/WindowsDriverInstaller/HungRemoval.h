@@ -25,8 +25,8 @@ struct Hang : HangResult {
 /// step in which that happens, and the clock stands still up to there.
 class HungRemoval : public RemovalFixture {
 protected:
-    /// What is to become of the worker, which tells how long to wait for its end.
-    enum class Fate { Killed, LivesOn };
+    /// What is to become of the worker and its object, which tells how long to wait for their end.
+    enum class Fate { Killed, KilledButKept, LivesOn };
 
     /// Hangs the call, moves the clock to the last millisecond before the deadline and then to it. A call whose thread
     /// lives on is let go in the end. No fault is left.

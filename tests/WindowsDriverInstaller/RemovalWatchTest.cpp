@@ -204,7 +204,7 @@ TEST_F(RemovalWatch, KillsAgainIfTheFirstKillIsRefused) {
 TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerIfNobodyCanTellWhenItHasEnded) {
     const int objects = VtaCore::Control::LiveObjects();
     simulation().GetFaults().FailEvery("DuplicateHandle", ERROR_ACCESS_DENIED);
-    const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
+    const Hang hang = HangIn("INetCfg::Apply", 1, 300'000, Fate::KilledButKept);
     EXPECT_FALSE(hang.removal.result);
     EXPECT_TRUE(hang.killed);
     EXPECT_FALSE(hang.destroyed);
