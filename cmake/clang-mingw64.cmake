@@ -10,24 +10,23 @@ set(CMAKE_AR llvm-ar-19)
 set(CMAKE_RANLIB llvm-ranlib-19)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
-# clang itself would take any MinGW that it finds. The folders are those that MinGW's compiler names.
+# clang itself would take any MinGW that it finds. The folders are those of this compiler.
 set(FC_MINGW_COMPILER x86_64-w64-mingw32-g++-posix)
 execute_process(COMMAND ${FC_MINGW_COMPILER} -print-libgcc-file-name OUTPUT_VARIABLE fc_libgcc
                 OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
-execute_process(COMMAND ${FC_MINGW_COMPILER} -E -x c++ -v /dev/null OUTPUT_QUIET ERROR_VARIABLE fc_search_list
-                COMMAND_ERROR_IS_FATAL ANY)
-string(REGEX REPLACE ".*\n#include <[^\n]*\n(.*)\nEnd of search list.*" "\\1" fc_search_list "${fc_search_list}")
-string(REGEX MATCHALL "[^ \n]+/c[+][+][^ \n]*" fc_cxx_folders "${fc_search_list}")
-list(TRANSFORM fc_cxx_folders PREPEND "-isystem ")
-list(JOIN fc_cxx_folders " " fc_cxx_folders)
-cmake_path(GET fc_libgcc PARENT_PATH fc_libgcc_folder)
+cmake_path(GET fc_libgcc PARENT_PATH fc_gcc_folder)
+set(fc_cxx_folder "${fc_gcc_folder}/include/c++")
+if(NOT EXISTS "${fc_cxx_folder}")
+    message(FATAL_ERROR "no C++ headers in ${fc_cxx_folder}: is g++-mingw-w64-x86-64-posix installed?")
+endif()
 
 # PDB files for everything, with no path of the building machine in them or in the image.
 set(CMAKE_C_FLAGS_INIT "-g -gcodeview -gno-codeview-command-line")
-set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -nostdinc++ ${fc_cxx_folders}")
+string(JOIN " " CMAKE_CXX_FLAGS_INIT ${CMAKE_C_FLAGS_INIT} -nostdinc++ -isystem ${fc_cxx_folder}
+       -isystem ${fc_cxx_folder}/x86_64-w64-mingw32 -isystem ${fc_cxx_folder}/backward)
 # lld wants the library of the threads by name. CMake gives the linker the compiler's flags, too.
 string(JOIN " " fc_linker_flags
-    -Wno-unused-command-line-argument -fuse-ld=lld "-L${fc_libgcc_folder}" -lpthread
+    -Wno-unused-command-line-argument -fuse-ld=lld -L${fc_gcc_folder} -lpthread
     -Wl,--pdb= -Wl,-Xlink=-pdbaltpath:%_PDB% -Wl,-Xlink=-pdbsourcepath:/fc -Wl,--no-insert-timestamp)
 foreach(kind EXE SHARED MODULE)
     set(CMAKE_${kind}_LINKER_FLAGS_INIT "${fc_linker_flags}")
