@@ -11,7 +11,7 @@
 #include "LuaBench.h"
 #include "Simulation.h"
 #include "slb3_control.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 namespace {
 
@@ -132,9 +132,9 @@ void PrepareLua(LuaBench &lua, VtaCore::CDom &dom, VtaCore::CZipOutputStream &zi
 
 void BenchDiagnostics(Report &report) {
     LuaBench lua;
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     NowhereStream out;
-    VtaCore::CZipOutputStream zip(out);
+    VtaCore::Control::ZipPackage zip(out);
     PrepareLua(lua, dom, zip);
     const std::vector<Simulator::Redirection> stubs = DiagnosticsStubs::PutUnder(GetModuleHandleW(L"fc.dll"));
     const auto times = MedianTimes(kDumpRounds, {[&] { return TimeModule(lua); }, TimeTextStreams, TimeGrowingBuffer});

@@ -14,7 +14,7 @@
 #include "HealthStubs.h"
 #include "LuaBench.h"
 #include "slb3_control.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 namespace {
 
@@ -130,7 +130,7 @@ void ReportParts(LuaBench &lua, Report &report) {
 void BenchHealth(Report &report) {
     LuaBench lua;
     lua.Run("require 'fc'");
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     SLB3::Control::PushInstance(lua, "SLB.Dom", &dom);
     lua_setglobal(lua, "dom");
     lua_pushstring(lua, kPolicy);

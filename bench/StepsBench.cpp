@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "vta_core_control.h"
+
 // The class lives in the unnamed namespace of this source.
 #include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above
 
@@ -66,7 +68,7 @@ void LogLinesOfStep() {
 
 void BenchSteps(Report &report) {
     CountingLog log;
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     SteppingThread thread(&dom);
     const auto times = MedianTimes(kStepRounds, {[&] { return TimeSteps(log, [&] { thread.Step(); }); },
                                                  [&] { return TimeSteps(log, LogLinesOfStep); }});

@@ -29,13 +29,9 @@ VTA_CORE_API extern volatile unsigned profiler_running;
 
 namespace VtaCore {
 
-/// The agent's central object: settings, paths, events. Owned by the agent; any thread.
+/// The agent's central object: settings, paths, events. Made and owned by the agent; any thread.
 class VTA_CORE_API CDom {
 public:
-    /// @param storePath  file that keeps the settings, written at every change; empty: memory only.
-    explicit CDom(const wxString &storePath = wxString());
-    ~CDom();
-
     CDom(const CDom &) = delete;
     CDom &operator=(const CDom &) = delete;
 
@@ -67,12 +63,9 @@ public:
     /// The same, and writes the text to the agent's log under the number `logId`.
     void DoAgentEventWriteAndLog(int event, int logId, const wchar_t *format, ...);
 
-    struct Impl;
-    /// The stand-in's own state, for the host and the tests; opaque to the module.
-    Impl &impl() const { return *m_impl; }
-
-private:
-    Impl *m_impl;
+protected:
+    CDom() = default;
+    ~CDom() = default;
 };
 
 /// The agent's thread: `Run` is its body.
@@ -148,14 +141,9 @@ private:
     Impl *m_impl;
 };
 
-/// The stream of a diagnostic package.
+/// The stream of a diagnostic package. Made and owned by the agent.
 class VTA_CORE_API CZipOutputStream {
 public:
-    /// Writes the package to `out`, which must outlive the object.
-    explicit CZipOutputStream(wxOutputStream &out);
-    /// Writes the package's directory, if `Close` has not.
-    ~CZipOutputStream();
-
     CZipOutputStream(const CZipOutputStream &) = delete;
     CZipOutputStream &operator=(const CZipOutputStream &) = delete;
 
@@ -165,12 +153,10 @@ public:
     /// @param comment  the file's comment in the package, usually empty.
     /// @return true when the file was added.
     bool AddFromStream(wxInputStream &in, bool text, const wxString &name, const wxString &comment);
-    /// Ends the package; nothing can be added any more.
-    bool Close();
 
-private:
-    struct Impl;
-    Impl *m_impl;
+protected:
+    CZipOutputStream() = default;
+    ~CZipOutputStream() = default;
 };
 
 /// Says whether trace lines of the component are wanted now.

@@ -14,7 +14,7 @@
 #include "SimulatedSystem.h"
 #include "StepDisplay.h"
 #include "ZipFile.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 struct HostState {
     Options options;
@@ -24,7 +24,7 @@ struct HostState {
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
-    std::unique_ptr<VtaCore::CDom> dom;
+    std::unique_ptr<VtaCore::Control::Dom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
 };
 

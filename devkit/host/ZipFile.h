@@ -9,7 +9,7 @@
 
 #include <wx/wfstream.h>
 
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 class ZipFile {
 public:
@@ -26,7 +26,7 @@ private:
     explicit ZipFile(std::unique_ptr<wxFileOutputStream> file) : m_file(std::move(file)), m_zip(*m_file) {}
 
     std::unique_ptr<wxFileOutputStream> m_file;
-    VtaCore::CZipOutputStream m_zip;
+    VtaCore::Control::ZipPackage m_zip;
 };
 
 struct ZippedFile {

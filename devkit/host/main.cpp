@@ -108,7 +108,7 @@ void StartHost(HostState &host) {
     VtaCore::Control::SetObserver(&host.events);
     for (const std::wstring &component : host.options.traces)
         VtaCore::Control::EnableTrace(wxString(component), true);
-    host.dom = std::make_unique<VtaCore::CDom>(wxString(host.options.settingsFile));
+    host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
     (void)std::atexit(EndHost);
 }
 

@@ -1,5 +1,6 @@
 // The agent's central object.
 #include <mutex>
+#include <type_traits>
 
 #include <wx/filename.h>
 #include <wx/stdpaths.h>
@@ -13,7 +14,7 @@
 
 namespace VtaCore {
 
-struct CDom::Impl {
+struct Control::Dom::Impl {
     explicit Impl(const wxString &storePath) : settings(storePath), exitEvent(NewEvent(Reset::Manual)) {}
 
     LiveObject live;
@@ -25,6 +26,12 @@ struct CDom::Impl {
 
 namespace {
 
+static_assert(std::is_empty_v<CDom>);  // the agent's class has no state of the stand-in's
+
+Control::Dom::Impl &ImplOf(const CDom *dom) {
+    return Control::Dom::ImplOf(*dom);
+}
+
 wxString DefaultPluginFolder() {
     return wxFileName(wxStandardPaths::Get().GetExecutablePath()).GetPath() + "\\plugins";
 }
@@ -35,37 +42,31 @@ void Send(int event, int logId, const wchar_t *format, va_list arguments) {
 
 }  // namespace
 
-CDom::CDom(const wxString &storePath) : m_impl(new Impl(storePath)) {}
-
-CDom::~CDom() {
-    delete m_impl;
-}
-
 bool CDom::Get(const char *key, bool &flag) const {
-    return m_impl->settings.GetFlag(key, flag);
+    return ImplOf(this).settings.GetFlag(key, flag);
 }
 
 void CDom::Set(const char *key, bool flag) {
-    m_impl->settings.SetFlag(key, flag);
+    ImplOf(this).settings.SetFlag(key, flag);
 }
 
 wxString CDom::GetWxString(const char *key) const {
-    return m_impl->settings.GetText(key);
+    return ImplOf(this).settings.GetText(key);
 }
 
 wxString CDom::SettingRetrieve(const wxString &key) const {
-    return m_impl->settings.GetText(ToUtf8(key));
+    return ImplOf(this).settings.GetText(ToUtf8(key));
 }
 
 void CDom::SettingStore(const wxString &key, const wxString &value) {
-    m_impl->settings.SetText(ToUtf8(key), value);
+    ImplOf(this).settings.SetText(ToUtf8(key), value);
 }
 
 wxString CDom::GetPluginFileWx(const char *plugin, const char *name) const {
     wxString folder;
     {
-        const std::lock_guard lock(m_impl->folderMutex);
-        folder = m_impl->pluginFolder;
+        const std::lock_guard lock(ImplOf(this).folderMutex);
+        folder = ImplOf(this).pluginFolder;
     }
     if (folder.empty())
         folder = DefaultPluginFolder();
@@ -75,7 +76,7 @@ wxString CDom::GetPluginFileWx(const char *plugin, const char *name) const {
 }
 
 bool CDom::ShouldExit(unsigned waitMs, bool *interrupted) const {
-    const bool exit = WaitForSingleObject(m_impl->exitEvent.get(), waitMs) == WAIT_OBJECT_0;
+    const bool exit = WaitForSingleObject(ImplOf(this).exitEvent.get(), waitMs) == WAIT_OBJECT_0;
     if (interrupted != nullptr)
         *interrupted = exit;
     return exit;
@@ -100,14 +101,20 @@ void CDom::DoAgentEventWriteAndLog(int event, int logId, const wchar_t *format, 
     va_end(arguments);
 }
 
+Control::Dom::Dom(const wxString &storePath) : m_impl(new Impl(storePath)) {}
+
+Control::Dom::~Dom() {
+    delete m_impl;
+}
+
 void Control::SetShouldExit(CDom &dom, bool exit) {
-    const HANDLE event = dom.impl().exitEvent.get();
+    const HANDLE event = ImplOf(&dom).exitEvent.get();
     exit ? SetEvent(event) : ResetEvent(event);
 }
 
 void Control::SetPluginFolder(CDom &dom, const wxString &folder) {
-    const std::lock_guard lock(dom.impl().folderMutex);
-    dom.impl().pluginFolder = folder;
+    const std::lock_guard lock(ImplOf(&dom).folderMutex);
+    ImplOf(&dom).pluginFolder = folder;
 }
 
 }  // namespace VtaCore

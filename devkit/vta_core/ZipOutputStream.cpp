@@ -1,15 +1,18 @@
 // The stream of a diagnostic package.
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
 #include <wx/zipstrm.h>
 
 #include "LiveObject.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 namespace VtaCore {
 namespace {
+
+static_assert(std::is_empty_v<CZipOutputStream>);  // the agent's class has no state of the stand-in's
 
 constexpr std::size_t kBlockSize = 64 * 1024;
 constexpr int kDefaultLevel = -1;
@@ -52,7 +55,7 @@ private:
 
 }  // namespace
 
-struct CZipOutputStream::Impl {
+struct Control::ZipPackage::Impl {
     explicit Impl(wxOutputStream &out) : sink(out), zip(sink, kDefaultLevel, wxConvUTF8) {}
 
     bool Sound() const { return zip.IsOk() && !sink.Failed(); }
@@ -63,26 +66,27 @@ struct CZipOutputStream::Impl {
     std::optional<bool> closed;  ///< The result of Close, when it has been called.
 };
 
-CZipOutputStream::CZipOutputStream(wxOutputStream &out) : m_impl(new Impl(out)) {}
-
-CZipOutputStream::~CZipOutputStream() {
-    Close();
-    delete m_impl;
-}
-
 bool CZipOutputStream::AddFromStream(wxInputStream &in, bool text, const wxString &name, const wxString &comment) {
-    if (m_impl->closed || !m_impl->Sound() || !CanBeRead(in))
+    Control::ZipPackage::Impl &package = Control::ZipPackage::ImplOf(*this);
+    if (package.closed || !package.Sound() || !CanBeRead(in))
         return false;
     auto entry = std::make_unique<wxZipEntry>(name);
     entry->SetIsText(text);
     entry->SetComment(comment);
-    if (!m_impl->zip.PutNextEntry(entry.release()))
+    if (!package.zip.PutNextEntry(entry.release()))
         return false;
-    const bool copied = Copy(in, m_impl->zip);
-    return m_impl->zip.CloseEntry() && copied && m_impl->Sound();
+    const bool copied = Copy(in, package.zip);
+    return package.zip.CloseEntry() && copied && package.Sound();
 }
 
-bool CZipOutputStream::Close() {
+Control::ZipPackage::ZipPackage(wxOutputStream &out) : m_impl(new Impl(out)) {}
+
+Control::ZipPackage::~ZipPackage() {
+    Close();
+    delete m_impl;
+}
+
+bool Control::ZipPackage::Close() {
     if (!m_impl->closed)
         m_impl->closed = m_impl->zip.Close() && !m_impl->sink.Failed();
     return *m_impl->closed;

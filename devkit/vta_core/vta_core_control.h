@@ -1,5 +1,5 @@
 // What the host and the tests can do with the stand-in for vta_core beyond the agent's interface:
-// see what was traced, sent and shown, and set what the agent would decide.
+// make its objects, see what was traced, sent and shown, and set what the agent would decide.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +9,40 @@
 #include "vta_core.h"
 
 namespace VtaCore::Control {
+
+/// The stand-in's CDom, at the same address.
+class VTA_CORE_API Dom : public CDom {
+public:
+    /// @param storePath  file that keeps the settings, written at every change; empty: memory only.
+    explicit Dom(const wxString &storePath = wxString());
+    ~Dom();
+
+    struct Impl;
+    /// Of a CDom that the stand-in has made, as all are.
+    static Impl &ImplOf(const CDom &dom) { return *static_cast<const Dom &>(dom).m_impl; }
+
+private:
+    Impl *m_impl;
+};
+
+/// The stand-in's CZipOutputStream, at the same address.
+class VTA_CORE_API ZipPackage : public CZipOutputStream {
+public:
+    /// Writes the package to `out`, which must outlive the object.
+    explicit ZipPackage(wxOutputStream &out);
+    /// Writes the package's directory, if `Close` has not.
+    ~ZipPackage();
+
+    /// Ends the package; nothing can be added any more.
+    bool Close();
+
+    struct Impl;
+    /// Of a CZipOutputStream that the stand-in has made, as all are.
+    static Impl &ImplOf(CZipOutputStream &zip) { return *static_cast<ZipPackage &>(zip).m_impl; }
+
+private:
+    Impl *m_impl;
+};
 
 /// So many trace lines, events and notifications each are kept; then the oldest goes for each new one.
 constexpr std::size_t kMaxRecords = 100'000;
@@ -67,7 +101,7 @@ VTA_CORE_API void SetPluginFolder(CDom &dom, const wxString &folder);
 /// Whether log grabbers add to their texts only when they are destroyed, and not with each line, as at first.
 VTA_CORE_API void SetGrabbersHoldBack(bool holdBack);
 
-/// Number of objects of the library's classes that are alive: CDom, CRunnable, CLogGrabber, CZipOutputStream.
+/// Number of objects of the library's classes that are alive: Dom, CRunnable, CLogGrabber, ZipPackage.
 VTA_CORE_API int LiveObjects();
 
 }  // namespace VtaCore::Control

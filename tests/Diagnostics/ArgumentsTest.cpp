@@ -37,7 +37,7 @@ protected:
     }
 
     wxMemoryOutputStream memory;
-    VtaCore::CZipOutputStream zip;
+    VtaCore::Control::ZipPackage zip;
 
 private:
     void PushHandleBlock(std::size_t size) {

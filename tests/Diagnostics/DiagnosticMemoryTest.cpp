@@ -142,7 +142,7 @@ protected:
         (void)TakeTracedLines();
         Bytes bytes;
         {
-            VtaCore::CZipOutputStream zip(bytes);
+            VtaCore::Control::ZipPackage zip(bytes);
             {
                 const FailingBlock fault = makeFault();
                 RunOn(zip);

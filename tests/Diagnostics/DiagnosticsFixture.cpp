@@ -86,7 +86,7 @@ void DiagnosticsFixture::FillDriver() {
 Package DiagnosticsFixture::Run() {
     wxMemoryOutputStream memory;
     {
-        VtaCore::CZipOutputStream zip(memory);
+        VtaCore::Control::ZipPackage zip(memory);
         RunOn(zip);
         EXPECT_TRUE(zip.Close());
     }

@@ -62,7 +62,7 @@ protected:
     /// Their messages, before they were formatted.
     static std::vector<std::string> TakeEventFormats();
 
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     vti_handle_t *handle;
     std::vector<std::string> calls;  ///< Of the driver library, in the last run.
 };

@@ -179,7 +179,7 @@ TEST_F(DriverFailure, IsReportedWithTheFirst64CharactersOfALabel) {
 TEST_F(DriverFailure, AClosedPackageTakesNoFileAndEachOfTheFiveIsTriedNonetheless) {
     VtaCore::Control::EnableTrace("diagnostics", true);
     wxMemoryOutputStream memory;
-    VtaCore::CZipOutputStream zip(memory);
+    VtaCore::Control::ZipPackage zip(memory);
     ASSERT_TRUE(zip.Close());
     RunOn(zip);
     EXPECT_EQ(Package(memory).Names(), Lines());

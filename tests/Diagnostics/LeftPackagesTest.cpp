@@ -24,7 +24,7 @@ protected:
         }
         wxMemoryOutputStream memory;
         {
-            VtaCore::CZipOutputStream zip(memory);
+            VtaCore::Control::ZipPackage zip(memory);
             RunOn(zip);
             EXPECT_TRUE(zip.Close());
         }

@@ -9,7 +9,7 @@
 #include "LogCollector.h"
 #include "Machine.h"
 #include "ModuleFixture.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 #include "vti_control.h"
 
 /// What action is, by the numbers that scripts see.
@@ -61,6 +61,6 @@ protected:
     Simulator::Machine &machine() { return simulation().GetMachine(); }
     static Vti::Driver &driver() { return Vti::TheDriver(); }
 
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     LogCollector log;
 };

@@ -57,7 +57,7 @@ protected:
     Components version{};
 
 private:
-    VtaCore::CDom m_dom;
+    VtaCore::Control::Dom m_dom;
 };
 
 TEST_F(RunningDriverVersion, HasTheFourNumbersOfTheDriversText) {

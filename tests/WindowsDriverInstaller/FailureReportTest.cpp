@@ -48,7 +48,7 @@ protected:
     }
 
     LogCollector log;
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
 };
 
 TEST_F(FailureReport, GoesToTheLogAndToTheAgent) {

@@ -19,7 +19,7 @@
 #include "WindowsDriverInstaller/RegistryTree.h"
 #include "WindowsFirewall/WindowsFirewall.h"
 #include "slb3_control.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 
 namespace {
 
@@ -415,7 +415,7 @@ protected:
     const std::filesystem::path pnf = WindowsFolder() / L"inf" / L"oemfcdevkit.pnf";
     const std::filesystem::path cat =
         WindowsFolder() / L"system32" / L"CatRoot" / L"{F750E6C3-38EE-11D1-85E5-00C04FC295EE}" / L"oemfcdevkit.cat";
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     LogCollector log;
 };
 

@@ -73,7 +73,7 @@ protected:
     [[nodiscard]] std::wstring WfpFolder();
 
     StartedThreads threads{simulation()};
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     LogCollector log;
     /// Whether the script's call that is under way has come back; for `meanwhile`.
     std::atomic<bool> returned{false};

@@ -40,7 +40,7 @@ protected:
 };
 
 TEST_F(DomSettings, AMissingFlagLeavesTheVariableAlone) {
-    const CDom dom;
+    const Control::Dom dom;
     for (bool flag : {false, true}) {
         bool value = flag;
         EXPECT_FALSE(dom.Get("missing", value));
@@ -49,7 +49,7 @@ TEST_F(DomSettings, AMissingFlagLeavesTheVariableAlone) {
 }
 
 TEST_F(DomSettings, AFlagCanBeReadAsFlagAndAsText) {
-    CDom dom;
+    Control::Dom dom;
     dom.Set("on", true);
     dom.Set("off", false);
     bool on = false;
@@ -63,7 +63,7 @@ TEST_F(DomSettings, AFlagCanBeReadAsFlagAndAsText) {
 }
 
 TEST_F(DomSettings, ATextThatSpellsAFlagCanBeReadAsOne) {
-    CDom dom;
+    Control::Dom dom;
     const std::pair<const char *, bool> spellings[] = {{"true", true},   {"True", true},   {"1", true},
                                                        {"false", false}, {"FALSE", false}, {"0", false}};
     for (const auto &[text, expected] : spellings) {
@@ -76,7 +76,7 @@ TEST_F(DomSettings, ATextThatSpellsAFlagCanBeReadAsOne) {
 }
 
 TEST_F(DomSettings, AnyOtherTextIsNoFlag) {
-    CDom dom;
+    Control::Dom dom;
     for (const char *text : {"", "yes", "2", "truth"}) {
         SCOPED_TRACE(text);
         dom.SettingStore("text", text);
@@ -87,27 +87,27 @@ TEST_F(DomSettings, AnyOtherTextIsNoFlag) {
 }
 
 TEST_F(DomSettings, AMissingTextIsEmpty) {
-    const CDom dom;
+    const Control::Dom dom;
     EXPECT_EQ(dom.GetWxString("missing"), "");
     EXPECT_EQ(dom.SettingRetrieve("missing"), "");
 }
 
 TEST_F(DomSettings, ALaterValueReplacesAnEarlierOneOfEitherKind) {
-    CDom dom(Path());
+    Control::Dom dom(Path());
     dom.SettingStore("key", "text");
     dom.Set("key", true);
     EXPECT_EQ(dom.SettingRetrieve("key"), "true");
     dom.SettingStore("key", "text again");
-    EXPECT_EQ(CDom(Path()).SettingRetrieve("key"), "text again");
+    EXPECT_EQ(Control::Dom(Path()).SettingRetrieve("key"), "text again");
 }
 
 TEST_F(DomSettings, ASecondObjectReadsWhatTheFirstStored) {
     {
-        CDom first(Path());
+        Control::Dom first(Path());
         first.Set("flag", true);
         first.SettingStore(L"Schl\u00FCssel", L"\u00E4\u65E5\u672C \U0001F600 \"quoted\" \\ \r\n\t");
     }
-    const CDom second(Path());
+    const Control::Dom second(Path());
     bool flag = false;
     EXPECT_TRUE(second.Get("flag", flag));
     EXPECT_TRUE(flag);
@@ -121,12 +121,12 @@ TEST_F(DomSettings, EveryCodeUnitSurvivesTheFileAlsoNulAndLoneSurrogates) {
         units += static_cast<wchar_t>(unit);
     units += L"\xDC00\xD800";
     const wxString text(units.data(), units.size());
-    CDom(Path()).SettingStore("all", text);
-    EXPECT_TRUE(CDom(Path()).SettingRetrieve("all") == text);
+    Control::Dom(Path()).SettingStore("all", text);
+    EXPECT_TRUE(Control::Dom(Path()).SettingRetrieve("all") == text);
 }
 
 TEST_F(DomSettings, TheFileIsJsonWithBooleansAndStrings) {
-    CDom dom(Path());
+    Control::Dom dom(Path());
     dom.Set("flag", true);
     dom.SettingStore("text", L"\u00FC");
     std::string content = Content(m_store);
@@ -135,7 +135,7 @@ TEST_F(DomSettings, TheFileIsJsonWithBooleansAndStrings) {
 }
 
 TEST_F(DomSettings, KeysAreCaseSensitive) {
-    CDom dom;
+    Control::Dom dom;
     dom.SettingStore("key", "lower");
     dom.SettingStore("KEY", "upper");
     EXPECT_EQ(dom.SettingRetrieve("key"), "lower");
@@ -144,9 +144,9 @@ TEST_F(DomSettings, KeysAreCaseSensitive) {
 
 TEST_F(DomSettings, ValuesOfOtherKindsInTheFileStay) {
     Write(R"({"number": 7, "list": [1,2]})");
-    CDom dom(Path());
+    Control::Dom dom(Path());
     dom.Set("flag", true);
-    const CDom again(Path());
+    const Control::Dom again(Path());
     EXPECT_EQ(again.SettingRetrieve("number"), "7");
     EXPECT_EQ(again.SettingRetrieve("list"), "[1,2]");
 }
@@ -157,10 +157,10 @@ TEST_F(DomSettings, ABrokenFileIsKeptAsideAndTheStoreStartsEmpty) {
     for (const std::string &content : broken) {
         SCOPED_TRACE(content);
         Write(content);
-        CDom dom(Path());
+        Control::Dom dom(Path());
         EXPECT_EQ(dom.SettingRetrieve("flag"), "");
         dom.Set("flag", true);
-        EXPECT_EQ(CDom(Path()).SettingRetrieve("flag"), "true");
+        EXPECT_EQ(Control::Dom(Path()).SettingRetrieve("flag"), "true");
         const std::wstring ending = ++number == 1 ? L".broken" : L"." + std::to_wstring(number) + L".broken";
         EXPECT_EQ(Content(m_store.wstring() + ending), content);
     }
@@ -170,7 +170,7 @@ TEST_F(DomSettings, AFileThatCannotBeReadOrMovedIsLeftAlone) {
     Write("{\"key\": \"kept\"}");
     const HANDLE lock = CreateFileW(m_store.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(lock, INVALID_HANDLE_VALUE);
-    CDom dom(Path());
+    Control::Dom dom(Path());
     CloseHandle(lock);
     dom.SettingStore("key", "new");
     EXPECT_EQ(dom.SettingRetrieve("key"), "new");
@@ -179,21 +179,21 @@ TEST_F(DomSettings, AFileThatCannotBeReadOrMovedIsLeftAlone) {
 }
 
 TEST_F(DomSettings, AStoreThatCannotBeWrittenKeepsTheOldFileAndTheNewValue) {
-    CDom dom(Path());
+    Control::Dom dom(Path());
     dom.SettingStore("key", "old");
     const HANDLE lock = CreateFileW(m_store.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(lock, INVALID_HANDLE_VALUE);
     dom.SettingStore("key", "new");
     EXPECT_EQ(dom.SettingRetrieve("key"), "new");
     EXPECT_EQ(FileCount(), 1) << "no temporary file stays";
-    EXPECT_EQ(CDom(Path()).SettingRetrieve("key"), "old");
+    EXPECT_EQ(Control::Dom(Path()).SettingRetrieve("key"), "old");
     CloseHandle(lock);
 }
 
 TEST_F(DomSettings, WithoutAPathNothingIsWritten) {
     const fs::path before = fs::current_path();
     fs::current_path(m_folder);
-    CDom().Set("flag", true);
+    Control::Dom().Set("flag", true);
     fs::current_path(before);
     EXPECT_EQ(FileCount(), 0);
 }
@@ -201,7 +201,7 @@ TEST_F(DomSettings, WithoutAPathNothingIsWritten) {
 TEST_F(DomSettings, ThreadsCanStoreAndReadAtTheSameTime) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 20;
-    CDom dom(Path());
+    Control::Dom dom(Path());
     std::vector<std::thread> threads;
     threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t)
@@ -217,13 +217,13 @@ TEST_F(DomSettings, ThreadsCanStoreAndReadAtTheSameTime) {
         });
     for (std::thread &thread : threads)
         thread.join();
-    const CDom again(Path());
+    const Control::Dom again(Path());
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(again.SettingRetrieve(wxString::Format("key%d", t)), wxString::Format("%d", kRounds - 1));
 }
 
 TEST(DomPaths, PutThePluginsFilesBelowTheSetFolder) {
-    CDom dom;
+    Control::Dom dom;
     Control::SetPluginFolder(dom, "C:\\agent");
     EXPECT_EQ(dom.GetPluginFileWx("filter", "driver.inf"), "C:\\agent\\filter\\driver.inf");
     Control::SetPluginFolder(dom, "C:\\");
@@ -234,11 +234,11 @@ TEST(DomPaths, AreBesideTheProgramAtFirst) {
     wchar_t program[MAX_PATH];
     ASSERT_GT(GetModuleFileNameW(nullptr, program, MAX_PATH), 0u);
     const fs::path expected = fs::path(program).parent_path() / "plugins" / "filter" / "driver.inf";
-    EXPECT_EQ(CDom().GetPluginFileWx("filter", "driver.inf"), expected.wstring());
+    EXPECT_EQ(Control::Dom().GetPluginFileWx("filter", "driver.inf"), expected.wstring());
 }
 
 TEST(DomExit, IsNotWantedAtFirst) {
-    const CDom dom;
+    const Control::Dom dom;
     bool interrupted = true;
     EXPECT_FALSE(dom.ShouldExit(0, &interrupted));
     EXPECT_FALSE(interrupted);
@@ -246,7 +246,7 @@ TEST(DomExit, IsNotWantedAtFirst) {
 }
 
 TEST(DomExit, IsWantedUntilItIsTakenBack) {
-    CDom dom;
+    Control::Dom dom;
     Control::SetShouldExit(dom, true);
     bool interrupted = false;
     EXPECT_TRUE(dom.ShouldExit(INFINITE, &interrupted));
@@ -257,14 +257,14 @@ TEST(DomExit, IsWantedUntilItIsTakenBack) {
 }
 
 TEST(DomExit, TheWaitLastsAsLongAsAsked) {
-    const CDom dom;
+    const Control::Dom dom;
     const auto start = std::chrono::steady_clock::now();  // the ticks of a busy system may be late
     EXPECT_FALSE(dom.ShouldExit(200, nullptr));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(180));
 }
 
 TEST(DomExit, EndsAWaitThatIsUnderWay) {
-    CDom dom;
+    Control::Dom dom;
     std::thread later([&dom] {
         Sleep(50);
         Control::SetShouldExit(dom, true);
@@ -284,7 +284,7 @@ protected:
         return events.size() == 1 ? events[0].text : wxString("no event");
     }
 
-    CDom m_dom;
+    Control::Dom m_dom;
 };
 
 TEST_F(DomEvents, AreFormattedWithWideTextsAndRecorded) {

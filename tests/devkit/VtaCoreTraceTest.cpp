@@ -128,7 +128,7 @@ TEST_F(Tracing, TheObserverIsToldOfEverythingInOrderOnTheSameThread) {
     Notes notes;
     Control::SetObserver(&notes);
     Control::EnableTrace("filter", true);
-    CDom dom;
+    Control::Dom dom;
     Trace("filter", "trace");
     Trace("other", "unwanted");
     dom.DoAgentEventWrite(1, L"event");

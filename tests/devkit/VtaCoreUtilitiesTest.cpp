@@ -130,7 +130,7 @@ TEST(LiveObjects, CountsTheObjectsOfTheLibrary) {
     const int before = Control::LiveObjects();
     {
         wxString text;
-        const CDom dom;
+        const Control::Dom dom;
         const CLogGrabber grabber(text, false, false);
         EXPECT_EQ(Control::LiveObjects(), before + 2);
     }

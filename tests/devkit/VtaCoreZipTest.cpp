@@ -99,7 +99,7 @@ private:
 
 TEST(ZipStream, CarriesFilesWithNamesCommentsAndKind) {
     wxMemoryOutputStream out;
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     const std::string text(50'000, 'a');
     const std::string noise = Noise(200'000);
     EXPECT_TRUE(Add(zip, text, "log.txt", true, "the log"));
@@ -124,7 +124,7 @@ TEST(ZipStream, CarriesFilesWithNamesCommentsAndKind) {
 TEST(ZipStream, WritesNamesAsUtf8AndSaysSo) {
     wxMemoryOutputStream out;
     {
-        CZipOutputStream zip(out);
+        Control::ZipPackage zip(out);
         EXPECT_TRUE(Add(zip, "content", L"\u00FC.txt"));
     }
     std::string bytes(static_cast<std::size_t>(out.GetSize()), '\0');
@@ -140,7 +140,7 @@ TEST(ZipStream, WritesNamesAsUtf8AndSaysSo) {
 TEST(ZipStream, AcceptsStreamsOfAllSizesAroundItsBlocks) {
     const std::size_t sizes[] = {0, 1, 6, 7, 4095, 4096, 65'535, 65'536, 65'537, 131'072};
     wxMemoryOutputStream out;
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     for (const std::size_t size : sizes)
         EXPECT_TRUE(Add(zip, Noise(size), wxString::Format("%u", static_cast<unsigned>(size))));
     EXPECT_TRUE(zip.Close());
@@ -152,7 +152,7 @@ TEST(ZipStream, AcceptsStreamsOfAllSizesAroundItsBlocks) {
 
 TEST(ZipStream, WithoutFilesIsAnEmptyPackage) {
     wxMemoryOutputStream out;
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     EXPECT_TRUE(zip.Close());
     EXPECT_GT(out.GetSize(), 0u);
     EXPECT_TRUE(Unpack(out).empty());
@@ -162,7 +162,7 @@ TEST(ZipStream, TheDestructorEndsThePackage) {
     wxMemoryOutputStream out;
     const int before = Control::LiveObjects();
     {
-        CZipOutputStream zip(out);
+        Control::ZipPackage zip(out);
         EXPECT_EQ(Control::LiveObjects(), before + 1);
         EXPECT_TRUE(Add(zip, "content", "name"));
     }
@@ -172,7 +172,7 @@ TEST(ZipStream, TheDestructorEndsThePackage) {
 
 TEST(ZipStream, NothingCanBeAddedToAClosedPackage) {
     wxMemoryOutputStream out;
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     EXPECT_TRUE(Add(zip, "content", "name"));
     EXPECT_TRUE(zip.Close());
     const auto size = out.GetSize();
@@ -186,7 +186,7 @@ TEST(ZipStream, AStreamThatFailsIsNotAddedAndTheNextOneIs) {
     for (const std::size_t good : {0u, 10u, 100'000u}) {
         SCOPED_TRACE(good);
         wxMemoryOutputStream out;
-        CZipOutputStream zip(out);
+        Control::ZipPackage zip(out);
         FailingInput failing(good);
         EXPECT_FALSE(zip.AddFromStream(failing, false, "failing", ""));
         EXPECT_TRUE(Add(zip, "content", "sound"));
@@ -200,7 +200,7 @@ TEST(ZipStream, AStreamThatFailsIsNotAddedAndTheNextOneIs) {
 
 TEST(ZipStream, AStreamThatHasFailedBeforeLeavesNoTrace) {
     wxMemoryOutputStream out;
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     FailingInput failing(0);
     failing.GetC();
     ASSERT_EQ(failing.GetLastError(), wxSTREAM_READ_ERROR);
@@ -212,7 +212,7 @@ TEST(ZipStream, AStreamThatHasFailedBeforeLeavesNoTrace) {
 /// Writes a small package.
 /// @return true when no step reported a failure.
 bool WritePackage(wxOutputStream &out) {
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     const bool first = Add(zip, std::string(10'000, 'a'), "first.txt", true);
     const bool second = Add(zip, Noise(300), "second.bin");
     return zip.Close() && first && second;
@@ -232,7 +232,7 @@ TEST(ZipStream, ReportsAnOutputThatFailsAtAnyByte) {
 
 TEST(ZipStream, AfterAFailedWriteNothingMoreIsAdded) {
     FailingOutput out(1000);
-    CZipOutputStream zip(out);
+    Control::ZipPackage zip(out);
     EXPECT_FALSE(Add(zip, Noise(100'000), "big"));
     EXPECT_FALSE(Add(zip, "", "small"));
     EXPECT_FALSE(zip.Close());

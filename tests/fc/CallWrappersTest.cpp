@@ -10,6 +10,7 @@
 #include "FcModule.h"
 #include "fc/Registration.h"
 #include "slb3_control.h"
+#include "vta_core_control.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ protected:
         EXPECT_EQ(lua_gettop(lua), 0);
     }
 
-    VtaCore::CDom dom;
+    VtaCore::Control::Dom dom;
     LuaState lua;
 };
 

@@ -19,7 +19,7 @@
 #include "SLB3.h"
 #include "TestData.h"
 #include "slb3_control.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 #include "vti_control.h"
 
 namespace {
@@ -152,9 +152,9 @@ protected:
         return "SLB.filter." + name + "(" + arguments + ")";
     }
 
-    VtaCore::CDom m_dom;
+    VtaCore::Control::Dom m_dom;
     wxMemoryOutputStream m_package;
-    VtaCore::CZipOutputStream m_zip{m_package};
+    VtaCore::Control::ZipPackage m_zip{m_package};
     vti_handle_t *const m_handle;
 };
 

@@ -11,7 +11,7 @@
 #include <wx/mstream.h>
 
 #include "SLB3.h"
-#include "vta_core.h"
+#include "vta_core_control.h"
 #include "vti.h"
 
 /// What the module takes a userdata for.
@@ -68,11 +68,11 @@ private:
     VtaCore::CDom &m_dom;
     std::vector<SLB3::SlbBaseEntry> m_bases;  ///< Of a class derived from the agent's object.
     std::optional<wxMemoryOutputStream> m_memory;
-    std::optional<VtaCore::CZipOutputStream> m_zip;
+    std::optional<VtaCore::Control::ZipPackage> m_zip;
     wxMemoryOutputStream m_closedMemory;
-    VtaCore::CZipOutputStream m_closedZip{m_closedMemory};
+    VtaCore::Control::ZipPackage m_closedZip{m_closedMemory};
     FullStream m_full;
-    VtaCore::CZipOutputStream m_fullZip{m_full};
+    VtaCore::Control::ZipPackage m_fullZip{m_full};
     vti_handle_t *m_handle = nullptr;
     vti_handle_t *m_lostHandle = nullptr;  ///< Closed, and nobody has told its userdata.
 };
