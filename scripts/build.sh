@@ -1,6 +1,9 @@
 # shellcheck shell=bash
 # From a fresh machine to built binaries and a place to run them.
 
+# Folders of the caller's, which compilers would take and name in PDB files.
+unset LIBRARY_PATH CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH
+
 # with_lock FOLDER COMMAND...: one ./dev at a time.
 with_lock() {
     local folder=$1

@@ -112,7 +112,7 @@ package_again() {
     mkdir -p "$second/cache"
     touch "$second/cache/$MARKER"
     [ ! -d "$CACHE/downloads" ] || cp -R "$CACHE/downloads" "$second/cache/"
-    FC_BUILD=$second/build FC_CACHE=$second/cache "$second/clone/dev" package
+    env -u FC_OUT FC_BUILD="$second/build" FC_CACHE="$second/cache" "$second/clone/dev" package
     for name in fc fc-devkit; do
         name=$(package_name "$name").zip
         cmp "$DIST/$name" "$second/clone/dist/$name" && say "$name is the same from both" || status=1

@@ -27,9 +27,25 @@ check_includes() {
     return $status
 }
 
+# Suites whose names begin with Real run on the machine's own parts. These only ask it.
+ONLY_ASKING='RealDevices|RealIpHelper|RealPerformanceQueries|RealSecurity|RealVersion'
+
+# The others are left out where the machine is somebody's own.
+check_real_suites() {
+    local status=0 suite
+    while read -r suite; do
+        grep -qF "\"$suite\"" tests/support/OwnMachine.cpp || {
+            echo "$suite: add it to tests/support/OwnMachine.cpp if it changes anything of the machine, else to ONLY_ASKING in scripts/rules.sh" >&2
+            status=1
+        }
+    done < <(git grep -hoE --untracked '^TEST(_F|_P)?\(Real\w+' -- tests | sed 's/.*(//' | sort -u | grep -vxE "$ONLY_ASKING")
+    return $status
+}
+
 check_rules() {
     local status=0
     check_includes || status=1
+    check_real_suites || status=1
     forbid "The product knows nothing of the devkit; use what interfaces/ offers" \
         '#include "(devkit|.*_control\.h|simulator|Simulator)' plugins interfaces || status=1
     forbid "A test that is switched off counts as nothing: mend or delete it" \
