@@ -23,7 +23,10 @@ pack() {
     find "$folder" -exec touch -d "@$(package_time)" {} +
     rm -f "$zip.part"
     (cd "$(dirname "$folder")" && find "$(basename "$folder")" | LC_ALL=C sort | TZ=UTC zip -q -X -@ "$zip.part") &&
-        unzip -tq "$zip.part" >/dev/null || die "$zip can't be packed: see whether the disk is full"
+        unzip -tq "$zip.part" >/dev/null || {
+        rm -f "$zip.part"
+        die "$zip can't be packed: see whether the disk is full"
+    }
     mv "$zip.part" "$zip"
     say "packed $zip, $(du -h "$zip" | cut -f 1)"
 }

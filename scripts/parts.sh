@@ -50,12 +50,13 @@ part_of() {
 version_of() {
     local version
     version=$(awk -v package="$1" '$1 == package { print $2; exit }' "$PINS")
-    echo "${version:-$(dpkg-query -W -f='${Version}' "$1")}"
+    [ -n "$version" ] || version=$(dpkg-query -W -f='${Version}' "$1" 2>/dev/null) || die "which version of $1 is installed?"
+    echo "$version"
 }
 
 # write_requirements FOLDER FILE: what the file needs at run time. The folder has all that is not of the system.
 write_requirements() {
-    local folder=$1 root=$2 files file library how
+    local folder=$1 root=$2 files file part library how
     mapfile -t files < <(echo "$root" | with_libraries "$folder" is_agents)
     echo "What $root $(package_version) needs at run time, by the import tables of the file and of the libraries that it loads."
     echo "What is looked up by name at run time is in no import table."
@@ -65,7 +66,9 @@ write_requirements() {
     done < <(imports_of "$folder/$root" | sed 's/delayed/at its first use/')
     printf "\nOther libraries, of the versions that Debian's packages have:\n"
     for file in "${files[@]}"; do
-        [ "$file" = "$root" ] || printf '  %-34s %s %s\n' "$file" "$(part_of "$file")" "$(version_of "$(part_of "$file")")"
+        [ "$file" != "$root" ] || continue
+        part=$(part_of "$file")
+        printf '  %-34s %s %s\n' "$file" "$part" "$(version_of "$part")"
     done
     printf '\nLibraries of a 64-bit Windows:\n'
     for file in "${files[@]}"; do
@@ -103,12 +106,14 @@ references_of() {
 
 # write_component PACKAGE
 write_component() {
-    local version kind=
-    version=$(version_of "$1")
-    [ -n "$version" ] || die "no version of $1 is known: install it"
-    [[ $(references_of "$1") != *.dsc* ]] || kind='?arch=source'
+    local version licence references kind=
+    # A failure ends no command substitution by itself.
+    version=$(version_of "$1") || return
+    licence=$(licence_of "$1") || return
+    references=$(references_of "$1")
+    [[ $references != *.dsc* ]] || kind='?arch=source'
     printf '{"type":"library","bom-ref":"%s","name":"%s","version":"%s","purl":"pkg:deb/debian/%s@%s%s","licenses":[%s],"externalReferences":[%s]}' \
-        "$1" "$1" "$version" "${1//+/%2B}" "${version//+/%2B}" "$kind" "$(licence_of "$1")" "$(references_of "$1")"
+        "$1" "$1" "$version" "${1//+/%2B}" "${version//+/%2B}" "$kind" "$licence" "$references"
 }
 
 # write_bill NAME FILE PACKAGE...: a bill of materials in CycloneDX's JSON.
