@@ -1,31 +1,11 @@
 # shellcheck shell=bash
-# From a fresh machine to built binaries and a place to run them.
-
-# Folders of the caller's, which compilers would take and name in PDB files.
-unset LIBRARY_PATH CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH
-
-# with_lock FOLDER COMMAND...: one ./dev at a time.
-with_lock() {
-    local folder=$1
-    shift
-    mkdir -p "$folder"
-    exec 9>"$folder/lock"
-    flock -n 9 || {
-        say "another ./dev is at work in $folder; waiting for it"
-        flock 9
-    }
-    "$@"
-    exec 9>&-
-}
+# From a fresh machine to built binaries.
 
 make_libraries() {
+    # What interrupted runs have left.
+    rm -rf "$CACHE"/libraries/*.{work,partial} "$CACHE"/headers/*.partial "$CACHE"/downloads/*.part "$CACHE/src"
     build_libraries
     copy_headers
-}
-
-# Debian's wrapper warns about a missing 32-bit Wine; the program behind it does not.
-wine_program() {
-    if [ -x /usr/lib/wine/wine64 ]; then echo /usr/lib/wine/wine64; else command -v wine; fi
 }
 
 STRICT=OFF # whether warnings are errors; a build folder for which they once were stays so
@@ -43,60 +23,44 @@ is_configured() {
 configure_build() {
     if has_strictness ON; then STRICT=ON; fi
     is_configured && return 0
-    rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles"
+    rm -rf "$BUILD/CMakeCache.txt" "$BUILD/CMakeFiles" "$BUILD/build.ninja"
     quietly configure.log "configuring" cmake -G Ninja -S "$ROOT" -B "$BUILD" \
         -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_COMPILE_WARNING_AS_ERROR=$STRICT \
         -DFC_LIBRARIES="$(libraries_dir)" -DFC_HEADERS="$(headers_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
 }
 
-make_wine_prefix() {
-    "$(wine_program)" wineboot --init
-    # The registry files are written when the server of this prefix ends.
-    "$(dirname "$(wine_program)")/wineserver" -w || wineserver -w
-}
-
-prepare_wine() {
-    [ -f "$WINEPREFIX/ready" ] && return 0
-    rm -rf "$WINEPREFIX"
-    mkdir -p "$WINEPREFIX"
-    quietly wineboot.log "making a private Wine prefix" make_wine_prefix
-    touch "$WINEPREFIX/ready"
-}
-
 # Under Wine the locale decides on the code page: these two have 932 and 65001. Debian's package has their definitions.
 make_locales() {
-    local name
+    local name folder
     mkdir -p "$BUILD/locales"
     for name in ja_JP hi_IN; do
-        [ -f "$BUILD/locales/$name.UTF-8/LC_IDENTIFICATION" ] ||
-            quietly "locale-$name.log" "making the locale $name" localedef -i "$name" -f UTF-8 "$BUILD/locales/$name.UTF-8"
+        folder=$BUILD/locales/$name.UTF-8
+        [ -f "$folder/LC_IDENTIFICATION" ] && continue
+        rm -rf "$folder" "$folder.partial"
+        quietly "locale-$name.log" "making the locale $name" localedef -i "$name" -f UTF-8 "$folder.partial"
+        mv "$folder.partial" "$folder"
     done
 }
 
-build_targets() {
+# prepare_configured [PACKAGE...]: leaves a configured build folder, and those packages installed, too.
+prepare_configured() {
+    in_cache install_packages "${PACKAGES_BUILD[@]}" "$@"
+    in_cache make_libraries
     configure_build
+}
+
+# prepare_build TARGET...: leaves the targets built in $BUILD/bin, and a Wine to run them.
+prepare_build() {
+    prepare_configured
     say "building"
     NINJA_STATUS='[%f/%t] ' ninja -C "$BUILD" -j "$JOBS" "$@" >&2 || die "the build failed; the compiler's words are above"
     prepare_wine
 }
 
-# Leaves a configured build folder.
-prepare_configured() {
-    install_packages "${PACKAGES_BUILD[@]}" "$@"
-    with_lock "$CACHE" make_libraries
-    with_lock "$BUILD" configure_build
+# prepare_programs TARGET...: the same for programs that run as long as they like. Others may build meanwhile: a linker
+# makes new files.
+prepare_programs() {
+    lock_build
+    prepare_build "$@"
+    unlock_build
 }
-
-# prepare_build TARGET...: leaves the targets built in $BUILD/bin.
-prepare_build() {
-    install_packages "${PACKAGES_BUILD[@]}"
-    with_lock "$CACHE" make_libraries
-    with_lock "$BUILD" build_targets "$@"
-}
-
-# run_windows PROGRAM ARGS...: runs it here, under Wine, and ends with its status.
-run_windows() { "$ROOT/scripts/run-windows.sh" "$(wine_program)" "$@"; }
-
-run_host() { run_windows "$BUILD/bin/fc-host.exe" "$@"; }
-
-run_bench() { run_windows "$BUILD/bin/fc-bench.exe" "$@"; }

@@ -20,25 +20,25 @@ check_format() {
     }
 }
 
-# clang-tidy reads the sources as clang for the same target: MinGW's headers, clang's own intrinsics.
+# One on a line. clang-tidy reads the sources as clang for the same target: MinGW's headers, clang's own intrinsics.
 tidy_arguments() {
     local folder dir libraries
     libraries=$(libraries_dir)
-    echo --target=x86_64-w64-windows-gnu -std=c++20 -nostdinc -w
-    echo -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0
-    echo -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG
-    echo -include "$ROOT/scripts/tidy-prelude.h"
-    echo "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
+    printf '%s\n' --target=x86_64-w64-windows-gnu -std=c++20 -nostdinc -w \
+        -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0 \
+        -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG \
+        -include "$ROOT/scripts/tidy-prelude.h" \
+        "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
     for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
     for dir in "$libraries/include" "$(headers_dir)/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
-        echo -isystem "$dir"
+        printf '%s\n' -isystem "$dir"
     done
     x86_64-w64-mingw32-g++-posix -E -x c++ -v /dev/null 2>&1 |
         sed -n '/#include <...> search starts/,/End of search/p' |
-        awk '/^ / && !/\/gcc\/[^ ]*\/include(-fixed)?$/ { print "-isystem", $1 }'
-    echo -isystem "$(clang -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
+        awk '/^ / && !/\/gcc\/[^ ]*\/include(-fixed)?$/ { print "-isystem\n" $1 }'
+    printf '%s\n' -isystem "$(clang -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
 }
 
 # The files of a folder are read as one, since most of the time goes into the system's headers.
@@ -100,7 +100,7 @@ check_tidy() {
     cp .clang-tidy "$BUILD/tidy/"
     mkdir -p "$BUILD/tidy/tests"
     cp tests/.clang-tidy "$BUILD/tidy/tests/"
-    mapfile -t arguments < <(tidy_arguments | tr ' ' '\n')
+    mapfile -t arguments < <(tidy_arguments)
     for folder in $(git ls-files --cached --others --exclude-standard -- '*.cpp' | xargs -n 1 dirname | sort -u); do
         mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
         case $folder in
@@ -124,12 +124,13 @@ check_cppcheck() {
 
 # The build folder stays as it is made here, so that later builds keep to it, too.
 check_warnings() {
-    (STRICT=ON with_lock "$BUILD" build_targets all)
+    STRICT=ON
+    prepare_build all
 }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
 
 # A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
 check_workflow() {
@@ -142,7 +143,8 @@ run_checks() {
     require_files
     for name in format rules shell workflow lua cppcheck tidy warnings; do
         say "check: $name"
-        "check_$name" || failed+=("$name")
+        "check_$name" &
+        wait_telling $! "check: $name" || failed+=("$name")
     done
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"
     say "all checks passed"

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What every script of ./dev shares: where things are, how it speaks, how it asks for root.
+# What every script of ./dev shares: where things are, how it speaks, how it waits and asks for root.
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
@@ -11,52 +11,80 @@ from_caller() {
     esac
 }
 
+# A path as it is told to the caller: relative if it lies below the caller's folder.
+to_caller() { realpath -ms --relative-base="$CALLER" "$1"; }
+
+export HOME=${HOME:-~}
 CACHE=$(from_caller "${FC_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit}")
 BUILD=$(from_caller "${FC_BUILD:-$ROOT/build}")
-OUT=$ROOT/out
+OUT=$(from_caller "${FC_OUT:-$ROOT}")/out
+# shellcheck disable=SC2034 # for package.sh
+DIST=$(from_caller "${FC_OUT:-$ROOT}")/dist
 LOGS=$BUILD/logs
 TOOLCHAIN=$ROOT/cmake/clang-mingw64.cmake
 JOBS=${FC_JOBS:-$(nproc)}
 # Wine makes names of files from the locale's characters; a machine without a locale would have ASCII alone.
 [ "$(locale charmap 2>/dev/null)" = UTF-8 ] || export LC_ALL=C.UTF-8
-export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
-# Folders of the machine's own compiler, which clang would search for Windows, too.
+# Folders of the machine's own compiler, which clang would search for Windows, too, and name in PDB files.
 unset CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH LIBRARY_PATH
-# No menu entries, no browser or .NET offers: the prefix is for tests only.
-export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 
-say() { printf '\033[1m==>\033[0m %s\n' "$*" >&2; }
+BOLD='' RED='' PLAIN=''
+[ ! -t 2 ] || BOLD=$'\033[1m' RED=$'\033[1;31m' PLAIN=$'\033[0m'
+PROGRESS_SECONDS=${FC_PROGRESS_SECONDS:-30}
+
+say() { printf '%s==>%s %s\n' "$BOLD" "$PLAIN" "$*" >&2; }
+complain() { printf '%serror:%s %s\n' "$RED" "$PLAIN" "$*" >&2; }
 die() {
-    printf '\033[1;31merror:\033[0m %s\n' "$*" >&2
+    complain "$*"
     exit 1
 }
 
-as_root() {
-    if [ "$(id -u)" -eq 0 ]; then
-        "$@"
-    elif command -v sudo >/dev/null; then
-        sudo "$@"
-    else
-        die "this step needs root: install sudo, or run as root: $*"
-    fi
+# tell_full_disks STATUS: after a failure. A full disk stops whatever is at work, in that program's words.
+tell_full_disks() {
+    local folder left
+    [ "$1" -gt 0 ] && [ "$1" -lt 128 ] || return 0
+    for folder in "$BUILD" "$CACHE" "$OUT" "${TMPDIR:-/tmp}"; do
+        left=$(df --output=avail -BM "$folder" 2>/dev/null | tail -n 1 | tr -dc 0-9) || continue
+        [ "${left:-1000}" -ge 50 ] ||
+            complain "only $left MiB are left on the disk that holds $folder: make room there, and run this again"
+    done
 }
 
-# quietly LOG LABEL COMMAND...: runs with its output in a log, shows elapsed time, and on failure the log's end.
+# require_root TEXT: or says the text, which tells what an administrator can do.
+require_root() {
+    [ "$(id -u)" -eq 0 ] && return
+    { command -v sudo >/dev/null && sudo -v; } || die "$1" # asks for a password here, not in a log
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# wait_telling PID LABEL [live]: waits for a job in the background and yields its status. Tells now and then that it is
+# still at work, or counts its seconds.
+wait_telling() {
+    local pid=$1 label=$2 live=${3:-} started=$SECONDS told=$SECONDS
+    while kill -0 "$pid" 2>/dev/null; do
+        sleep 0.2
+        if [ -n "$live" ]; then
+            printf '\r==> %s ... %ds ' "$label" $((SECONDS - started)) >&2
+        elif [ $((SECONDS - told)) -ge "$PROGRESS_SECONDS" ]; then
+            say "$label: at work for $((SECONDS - started)) s"
+            told=$SECONDS
+        fi
+    done
+    [ -z "$live" ] || printf '\r' >&2
+    wait "$pid"
+}
+
+# quietly LOG LABEL COMMAND...: runs with its output in a log, and on failure shows the log's end.
 quietly() {
-    local log=$LOGS/$1 label=$2 started=$SECONDS status=0 pid
+    local log=$LOGS/$1 label=$2 started=$SECONDS status=0 live=''
     shift 2
     mkdir -p "$(dirname "$log")"
-    "$@" >"$log" 2>&1 </dev/null 9>&- &
-    pid=$!
-    # A job in the background does not hear of Ctrl-C by itself.
-    trap 'kill "$pid" 2>/dev/null; die "interrupted: $label"' INT TERM
-    while kill -0 "$pid" 2>/dev/null; do
-        [ ! -t 2 ] || printf '\r==> %s ... %ds ' "$label" $((SECONDS - started)) >&2
-        sleep 0.2
-    done
-    wait "$pid" || status=$?
-    trap - INT TERM
-    [ ! -t 2 ] || printf '\r' >&2
+    [ ! -t 2 ] || live=live
+    "$@" >"$log" 2>&1 </dev/null &
+    wait_telling $! "$label" "$live" || status=$?
     say "$label ($((SECONDS - started)) s)"
     if [ "$status" -ne 0 ]; then
         tail -n 40 "$log" >&2

@@ -1,11 +1,15 @@
 # shellcheck shell=bash
-# The folders that ./dev fills and ./dev clean removes. FC_BUILD and FC_CACHE can name any folder, somebody's own work
-# among them, so a folder is used only if ./dev made it.
+# The folders that ./dev fills and ./dev clean removes, and who may use them at a time. FC_BUILD, FC_CACHE and FC_OUT can
+# name any folder, somebody's own work among them, so a folder is used only if ./dev made it.
 
 MARKER=.made-by-dev # in a folder that ./dev made, or found empty
 
 is_default_folder() {
-    [ "$1" -ef "$ROOT/build" ] || [ "$1" -ef "${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit" ]
+    local folder
+    for folder in "$ROOT"/{build,out,dist} "${XDG_CACHE_HOME:-$HOME/.cache}/fc-devkit"; do
+        [ ! "$1" -ef "$folder" ] || return 0
+    done
+    return 1
 }
 
 # is_ours FOLDER: whether ./dev may fill and remove it.
@@ -16,27 +20,71 @@ is_ours() {
 
 # claim_folder FOLDER VARIABLE: makes it, or refuses one that holds something else.
 claim_folder() {
-    local folder=$1 variable=$2
+    local folder=$1 variable=$2 foreign
     if [ -d "$folder" ] && ! is_ours "$folder" && [ -n "$(ls -A "$folder")" ]; then
         die "$folder is not empty and was not made by ./dev: let $variable name a new or an empty folder"
     fi
-    mkdir -p "$folder" || die "$folder can't be made: let $variable name a folder that you may write to"
-    touch "$folder/$MARKER" 2>/dev/null ||
-        die "$folder can't be written to by $(id -un): let $variable name another folder, or remove that one"
-}
-
-remove_outputs() {
-    # The lock lies in the build folder and goes with it.
-    rm -rf "${BUILD:?}" "${OUT:?}" "${ROOT:?}/dist"
-}
-
-# ./dev clean. Waits for a ./dev that is at work in the build folder.
-clean_folders() {
-    if [ -e "$BUILD" ]; then
-        is_ours "$BUILD" || die "$BUILD was not made by ./dev: remove it yourself if nothing in it is needed"
-        with_lock "$BUILD" remove_outputs
-    else
-        remove_outputs
+    mkdir -p "$folder" 2>/dev/null || die "$folder can't be made: let $variable name a folder that you may write to"
+    # A run as root leaves such things.
+    foreign=$(find "$folder" -maxdepth 2 ! -type l ! -writable ! -user "$(id -u)" -print -quit 2>/dev/null)
+    if [ -n "$foreign" ] || ! touch "$folder/$MARKER" 2>/dev/null; then
+        die "${foreign:-$folder} can't be written to by $(id -un): let $variable name another folder, or remove $folder"
     fi
-    say "removed $BUILD, out/ and dist/; the libraries stay in $CACHE (delete that folder to fetch them anew)"
+}
+
+# require_writable FILE: before the work that it is for.
+require_writable() {
+    if [ -d "$1" ] || [ ! -w "$([ -e "$1" ] && echo "$1" || dirname "$1")" ]; then
+        die "'$1' can't be written: is its folder there, and may you write to it?"
+    fi
+}
+
+# take_lock FD FILE HOW WHERE: takes the lock, waiting for others. Yields false if the file was removed meanwhile.
+take_lock() {
+    local fd=$1 file=$2 how=$3 where=$4
+    eval "exec $fd>>\"\$file\""
+    flock -n "$how" "$fd" || {
+        say "another ./dev is $where; waiting for it"
+        flock "$how" "$fd"
+    }
+    [ "$file" -ef "/proc/self/fd/$fd" ]
+}
+
+# One ./dev at a time builds, tests, checks, measures or packs in a build folder.
+lock_build() {
+    while
+        claim_folder "$BUILD" FC_BUILD
+        ! take_lock 9 "$BUILD/lock" --exclusive "at work in $BUILD"
+    do :; done
+}
+
+unlock_build() { exec 9>&-; }
+
+# lock_programs HOW: shared by those that run programs from the build folder, exclusive for who takes them away.
+lock_programs() { take_lock 8 "$BUILD/lock-of-programs" "$1" "running programs of $BUILD"; }
+
+# in_cache COMMAND...: one ./dev at a time changes the cache, or the packages of the machine.
+in_cache() {
+    while
+        claim_folder "$CACHE" FC_CACHE
+        ! take_lock 7 "$CACHE/lock" --exclusive "at work in $CACHE"
+    do :; done
+    "$@"
+    exec 7>&-
+}
+
+# ./dev clean.
+clean_folders() {
+    local folder
+    for folder in "$BUILD" "$OUT" "$DIST"; do
+        [ ! -e "$folder" ] || is_ours "$folder" ||
+            die "$folder was not made by ./dev: remove it yourself if nothing in it is needed"
+    done
+    if [ -e "$BUILD" ]; then
+        lock_build
+        lock_programs --exclusive
+    fi
+    # The locks lie in the build folder and go with it.
+    rm -rf "${BUILD:?}" "${OUT:?}" "${DIST:?}"
+    say "removed $BUILD, $OUT and $DIST; the libraries stay in $CACHE (delete that folder to fetch them anew)"
 }

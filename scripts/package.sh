@@ -1,8 +1,6 @@
 # shellcheck shell=bash
 # ./dev package: what is handed out. Two clones of a commit, in whatever folders, make the same bytes.
 
-: "${DIST:=$ROOT/dist}"
-
 # With the commit, as the binaries have it.
 package_version() { sed -n 's/^#define FC_VERSION "\(.*\)"$/\1/p' "$BUILD/version/Version.h"; }
 

@@ -7,6 +7,34 @@ PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-pos
 PACKAGES_TEST=(chromium fonts-dejavu-core git locales)
 PACKAGES_CHECK=(clang clang-format clang-tidy cppcheck git lua-check shellcheck)
 
+# proof_of PACKAGE: a command or a file by which it is seen to be there; most are named after their command.
+proof_of() {
+    case $1 in
+    ca-certificates) echo /etc/ssl/certs/ca-certificates.crt ;;
+    dpkg-dev) echo dpkg-source ;;
+    fonts-dejavu-core) echo /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf ;;
+    g++-mingw-w64-x86-64-posix) echo x86_64-w64-mingw32-g++-posix ;;
+    googletest) echo /usr/src/googletest/CMakeLists.txt ;;
+    libz-mingw-w64-dev) echo /usr/x86_64-w64-mingw32/include/zlib.h ;;
+    llvm-*) echo "llvm-ar-${1#llvm-}" ;;
+    locales) echo /usr/share/i18n/locales/ja_JP ;;
+    lua-check) echo luacheck ;;
+    ninja-build) echo ninja ;;
+    wine64) echo wine ;;
+    xz-utils) echo xz ;;
+    *) echo "$1" ;;
+    esac
+}
+
+is_there() {
+    case $1 in
+    /*) [ -e "$1" ] ;;
+    *) command -v "$1" >/dev/null ;;
+    esac
+}
+
+has_apt() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null; }
+
 missing_packages() {
     local package
     for package in "$@"; do
@@ -14,27 +42,32 @@ missing_packages() {
     done
 }
 
-update_package_lists() {
-    [ "$(id -u)" -eq 0 ] || ! command -v sudo >/dev/null || sudo -v # asks for a password here, not in the log
-    quietly apt-update.log "apt-get update" as_root apt-get -o DPkg::Lock::Timeout=300 update
+# Whatever has installed them.
+require_tools() {
+    local package missing=() packages=()
+    for package in "$@"; do
+        is_there "$(proof_of "$package")" || missing+=("$(proof_of "$package")") packages+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] ||
+        die "missing here: ${missing[*]}; install them by hand (on Debian: apt-get install --reinstall ${packages[*]})"
+}
+
+apt_install() {
+    local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300)
+    [ -z "$(dpkg --audit)" ] || quietly dpkg.log "finishing an interrupted installation" as_root dpkg --configure -a
+    # Without that mode a list that can't be fetched is only a warning.
+    quietly apt-update.log "apt-get update" as_root "${apt[@]}" -o APT::Update::Error-Mode=any update
+    quietly apt-install.log "apt-get install" as_root "${apt[@]}" install -y --no-install-recommends "$@"
 }
 
 # install_packages PACKAGE...: installs those that are missing, or says what to install by hand.
 install_packages() {
-    local missing
-    if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
-        cat >&2 <<TEXT
-error: there is no apt here, so that nothing can be installed for you. The devkit is built on Debian 12 (a
-container of it will do). By hand it needs what these Debian packages hold, and the sources of wxWidgets 3.2,
-Lua 5.2 and cJSON 1.7.15 as apt-get source would fetch them:
-  $*
-TEXT
-        exit 1
+    local missing=()
+    ! has_apt || mapfile -t missing < <(missing_packages "$@")
+    if [ ${#missing[@]} -gt 0 ]; then
+        require_root "packages are missing, and only root can install them; an administrator does it with: apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+        say "installing ${#missing[@]} Debian packages: ${missing[*]}"
+        apt_install "${missing[@]}"
     fi
-    mapfile -t missing < <(missing_packages "$@")
-    [ ${#missing[@]} -gt 0 ] || return 0
-    say "installing ${#missing[@]} Debian packages: ${missing[*]}"
-    update_package_lists
-    quietly apt-install.log "apt-get install" as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "${missing[@]}"
+    require_tools "$@"
 }

@@ -8,6 +8,7 @@ set -uo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/results.sh"
 entry=$1
 shift
+exec 7>&- 8>&- 9>&- # Wine's services would keep the locks of ./dev
 rm -f "$entry".{xml,log,status}
 timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
 echo $? >"$entry.status"

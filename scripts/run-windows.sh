@@ -4,6 +4,7 @@
 set -uo pipefail
 wine=$1 program=$2
 shift 2
+exec 7>&- 8>&- 9>&- # Wine's services would keep the locks of ./dev
 
 fault() {
     echo "error: $(basename "$program") $1" >&2

@@ -22,7 +22,8 @@ run_tests() {
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
     ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" --timeout $((TEST_SECONDS + 60)) \
-        "${filter[@]}" || status=$?
+        "${filter[@]}" &
+    wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
     return "$status"
 }
@@ -41,10 +42,9 @@ tell_seeds() {
 run_under_load() {
     local runs=$1 status=0 loops i
     shift
-    setsid bash -c 'for _ in {1..6}; do while :; do :; done & done; wait' &
+    # Until this ./dev is gone, however it ends.
+    setsid bash -c 'for _ in {1..6}; do while [ -d "/proc/$0" ]; do for ((n = 0; n < 100000; n++)); do :; done; done & done; wait' $$ &
     loops=$!
-    # shellcheck disable=SC2064 # the loops of this call
-    trap "kill -- -$loops 2>/dev/null" EXIT
     export FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
     TEST_SECONDS=$FC_TEST_SECONDS
     for ((i = 1; i <= runs; i++)); do
@@ -53,6 +53,5 @@ run_under_load() {
         tell_seeds
     done
     kill -- "-$loops" 2>/dev/null || true
-    trap - EXIT
     return "$status"
 }

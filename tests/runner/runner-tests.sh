@@ -24,7 +24,7 @@ in_dev() {
     FC_BUILD=$WORK/build FC_TEST_SECONDS=${SECONDS_OF_A_TEST:-60} bash -euo pipefail -c '
         prefix=${WINEPREFIX:-} CALLER=$PWD
         . "$1/scripts/common.sh"
-        . "$1/scripts/build.sh"
+        . "$1/scripts/wine.sh"
         . "$1/scripts/results.sh"
         . "$1/scripts/tests.sh"
         export WINEPREFIX=$prefix

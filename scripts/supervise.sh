@@ -1,0 +1,80 @@
+# shellcheck shell=bash
+# Ending all that ./dev has started. Its first process waits for a second one, which does the work. When it is interrupted,
+# it ends every process that carries its mark in the environment, whatever parent and process group that has: compilers
+# that ninja started, tests that ctest started, programs under Wine. All of them stay in the terminal's process group unless
+# they leave it themselves, so that programs can read from the terminal.
+
+END_SECONDS=10 # until what has not ended is killed
+
+# The mark of the first process is the last one of FC_RUN; those before are of runs that have started this one.
+is_supervised() {
+    local marks=${FC_RUN:-}
+    [[ ${marks##* } == "$PPID"-* ]]
+}
+
+session_of() {
+    local stat fields
+    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return
+    read -r -a fields <<<"${stat##*) }" # the name before it may contain blanks
+    echo "${fields[3]}"
+}
+
+# started_processes [NAME]: those with the mark. Wine's server and services have it, too, but may serve another ./dev; they
+# have sessions of their own, and end when their programs have.
+started_processes() {
+    local environ pid session
+    session=$(session_of $$)
+    grep -lszE "^FC_RUN=(.* )?$MARK( |\$)" /proc/[0-9]*/environ | while IFS=/ read -r _ _ pid environ; do
+        [ "$(session_of "$pid")" = "$session" ] || continue
+        [ $# -eq 0 ] || [ "$(cat "/proc/$pid/comm" 2>/dev/null)" = "$1" ] || continue
+        echo "$pid"
+    done
+}
+
+# tell_processes SIGNAL PID...
+tell_processes() {
+    local signal=$1
+    shift
+    [ $# -eq 0 ] || kill -s "$signal" "$@" 2>/dev/null || true # some have ended meanwhile
+}
+
+# On Ctrl-C the host ends by itself and keeps what it has gathered.
+interrupt_host() {
+    local hosts deadline=$((SECONDS + END_SECONDS))
+    mapfile -t hosts < <(started_processes fc-host.exe)
+    [ ${#hosts[@]} -gt 0 ] || return 0
+    tell_processes INT "${hosts[@]}"
+    while kill -0 "$WORKER" 2>/dev/null && [ "$SECONDS" -lt "$deadline" ]; do
+        sleep 0.1
+    done
+}
+
+# end_started SIGNAL STATUS: ends all of it, then this process.
+end_started() {
+    local processes=(${WORKER:+"$WORKER"}) deadline signal=TERM
+    trap '' HUP INT TERM
+    [ "$1" != INT ] || interrupt_host
+    deadline=$((SECONDS + END_SECONDS))
+    while [ ${#processes[@]} -gt 0 ]; do
+        tell_processes "$signal" "${processes[@]}"
+        sleep 0.1
+        [ "$SECONDS" -lt "$deadline" ] || signal=KILL
+        mapfile -t processes < <(started_processes)
+    done
+    echo "interrupted" >&2
+    exit "$2"
+}
+
+# supervise COMMAND...: runs it in a process of its own, and ends with its status.
+supervise() {
+    local status=0
+    MARK=$$-$EPOCHSECONDS WORKER=''
+    trap 'end_started HUP 129' HUP
+    trap 'end_started INT 130' INT
+    trap 'end_started TERM 143' TERM
+    # Without --default-signal a job in the background would not hear of Ctrl-C.
+    FC_RUN="${FC_RUN:+$FC_RUN }$MARK" env --default-signal=INT,QUIT "$@" <&0 &
+    WORKER=$!
+    wait "$WORKER" || status=$?
+    exit "$status"
+}

@@ -1,0 +1,73 @@
+# shellcheck shell=bash
+# A Wine prefix of our own, and programs run in it.
+
+WINE_OLDEST=8
+
+export WINEPREFIX=$BUILD/wine WINEDEBUG=${WINEDEBUG:--all} WINEARCH=win64
+# No menu entries, no browser or .NET offers: the prefix is for tests only.
+export WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
+
+# Debian's wrapper warns about a missing 32-bit Wine; the program behind it does not.
+wine_program() {
+    if [ -n "${FC_WINE:-}" ]; then
+        from_caller "$FC_WINE"
+    elif [ -x /usr/lib/wine/wine64 ]; then
+        echo /usr/lib/wine/wine64
+    else
+        command -v wine
+    fi
+}
+
+wine_server() {
+    local beside
+    beside=$(dirname "$(wine_program)")/wineserver
+    if [ -x "$beside" ]; then "$beside" "$@"; else wineserver "$@"; fi
+}
+
+wine_version() { "$(wine_program)" --version 2>/dev/null; }
+
+require_wine() {
+    local version
+    version=$(wine_version) || die "Wine does not start: try '$(wine_program) --version'"
+    [[ $version =~ ^wine-([0-9]+) && ${BASH_REMATCH[1]} -ge $WINE_OLDEST ]] ||
+        die "this needs Wine $WINE_OLDEST or newer, and here is $version: install a newer one, as Debian 12 has it"
+}
+
+# Whether the prefix is whole, and was made by this Wine for this user, as Wine demands.
+prefix_is_ready() {
+    local file
+    [ -O "$WINEPREFIX" ] && [ "$(cat "$WINEPREFIX/ready" 2>/dev/null)" = "$(wine_version)" ] || return 1
+    for file in system.reg user.reg userdef.reg; do
+        grep -qs '^WINE REGISTRY' "$WINEPREFIX/$file" || return 1
+    done
+    [ -s "$WINEPREFIX/drive_c/windows/system32/kernel32.dll" ] && [ -e "$WINEPREFIX/dosdevices/z:" ]
+}
+
+make_wine_prefix() {
+    exec 7>&- 8>&- 9>&- # Wine's server lives on, and would keep the locks
+    wine_server -k || true # one of the prefix that was here before
+    rm -rf "$WINEPREFIX"
+    mkdir -p "$WINEPREFIX"
+    "$(wine_program)" wineboot --init
+    # The registry files are written when the server of this prefix ends.
+    wine_server -w
+    wine_version >"$WINEPREFIX/ready"
+    prefix_is_ready
+}
+
+# Leaves a prefix that nobody takes away before the end of this ./dev.
+prepare_wine() {
+    require_wine
+    prefix_is_ready || {
+        lock_programs --exclusive
+        prefix_is_ready || quietly wineboot.log "making a private Wine prefix" make_wine_prefix
+    }
+    lock_programs --shared
+}
+
+# run_windows PROGRAM ARGS...: runs it here, under Wine, and ends with its status.
+run_windows() { "$ROOT/scripts/run-windows.sh" "$(wine_program)" "$@"; }
+
+run_host() { run_windows "$BUILD/bin/fc-host.exe" "$@"; }
+
+run_bench() { run_windows "$BUILD/bin/fc-bench.exe" "$@"; }

@@ -1,0 +1,231 @@
+#!/usr/bin/env bash
+# What ./dev does about the tools that it finds: Wine, packages, a full disk, in a copy of the scripts with fake programs.
+#   tools-tests.sh XML
+# The results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+XML=$1
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Tools
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+# shellcheck source=tests/runner/fakes.sh
+. "$HERE/fakes.sh"
+
+# Some programs are to be missing, or to say something else: they are looked for in PATH_OF_TEST alone.
+PATH_OF_TEST=$WORK/path
+
+# path_without NAME...: the fake programs and those of the system but these.
+path_without() {
+    local name
+    rm -rf "$PATH_OF_TEST"
+    mkdir "$PATH_OF_TEST"
+    ln -s /usr/bin/* /usr/sbin/* "$PATH_OF_TEST" 2>/dev/null || true
+    for name in "$FAKES"/*; do
+        ln -sf "$name" "$PATH_OF_TEST"
+    done
+    for name in "$@"; do
+        rm -f "${PATH_OF_TEST:?}/$name"
+    done
+}
+
+# program NAME: with the script on the input.
+program() {
+    rm -f "${PATH_OF_TEST:?}/$1"
+    { echo '#!/bin/bash'; cat; } >"$PATH_OF_TEST/$1"
+    chmod +x "$PATH_OF_TEST/$1"
+}
+
+in_path() { dev PATH="$PATH_OF_TEST" -- "$@"; }
+
+APrefixIsMadeOnce() {
+    fresh
+    dev -- run && succeeds && called 'wineboot' || return
+    echo >"$FAKE_STATE/calls"
+    dev -- run && succeeds && called_not 'wineboot'
+}
+
+AnotherWineMakesANewPrefix() {
+    fresh
+    dev -- run && succeeds || return
+    touch "$BUILD/wine/of-the-old-one"
+    echo 'wine-10.0 (Debian 10.0~repack-6)' >"$FAKE_STATE/wine-version"
+    dev -- run && succeeds || return
+    [ ! -e "$BUILD/wine/of-the-old-one" ] || because "the old prefix is used: $(<"$SAID")"
+}
+
+ADamagedPrefixIsMadeAnew() {
+    local damage
+    for damage in 'rm system.reg' 'truncate -s 0 user.reg' 'rm -r drive_c' 'rm ready' 'truncate -s 0 ready'; do
+        fresh
+        dev -- run && succeeds || return
+        echo >"$FAKE_STATE/calls"
+        (cd "$BUILD/wine" && $damage)
+        dev -- run && succeeds || return
+        called 'wineboot' || because "used after: $damage" || return
+    done
+}
+
+APrefixThatIsNotWholeIsNoSuccess() {
+    fresh
+    touch "$FAKE_STATE/wine.lazy"
+    dev -- run
+    fails_with 'making a private Wine prefix failed'
+}
+
+AWineThatIsTooOldIsRefused() {
+    local version
+    for version in 'wine-7.0.2 (Debian)' 'wine-6' 'something else' ''; do
+        fresh
+        echo "$version" >"$FAKE_STATE/wine-version"
+        dev -- run
+        fails_with "this needs Wine 8 or newer, and here is $version" && called_not 'wineboot' || return
+    done
+}
+
+WithoutAptTheToolsAreEnough() {
+    fresh
+    path_without apt-get dpkg-query dpkg sudo
+    in_path run
+    succeeds
+}
+
+WithoutAptAMissingToolIsNamed() {
+    fresh
+    path_without apt-get dpkg-query dpkg sudo ninja x86_64-w64-mingw32-g++-posix
+    in_path run
+    fails_with 'missing here: x86_64-w64-mingw32-g++-posix ninja; install them by hand (on Debian: apt-get install --reinstall g++-mingw-w64-x86-64-posix ninja-build)'
+}
+
+APackageWhoseCompilerIsGoneIsNamed() {
+    fresh
+    path_without x86_64-w64-mingw32-g++-posix
+    in_path run
+    fails_with 'missing here: x86_64-w64-mingw32-g++-posix'
+}
+
+EveryPackageIsKnownByWhatItInstalls() {
+    local packages
+    # What is missing here is what ./dev test has installed.
+    packages=$(bash -c '. "$1/scripts/packages.sh"; echo "${PACKAGES_BUILD[@]}" "${PACKAGES_TEST[@]}"' bash "$CLONE")
+    # shellcheck disable=SC2086 # the names
+    bash -c '. "$1/scripts/packages.sh"; die() { echo "$@"; exit 1; }; require_tools "${@:2}"' bash "$CLONE" $packages >"$SAID" 2>&1 ||
+        because "$(<"$SAID")"
+}
+
+# someone_else NAME...: a user who is not root, without these programs.
+someone_else() {
+    path_without "$@"
+    # shellcheck disable=SC2016 # for the program
+    program id <<<'case $1 in -u) echo 1000 ;; *) echo user ;; esac'
+    touch "$FAKE_STATE/dpkg-query.failing"
+}
+
+WithoutRootAnAdministratorIsTold() {
+    fresh
+    someone_else sudo
+    in_path run
+    fails_with 'an administrator does it with: apt-get update && apt-get install -y --no-install-recommends ca-certificates' || return
+    called_not '^apt-get' || return
+    rm "$FAKE_STATE/dpkg-query.failing" # the administrator has done it
+    in_path run
+    succeeds
+}
+
+SomeoneWhoMayNotBecomeRootIsToldTheSame() {
+    fresh
+    someone_else
+    program sudo <<<'echo "user is not in the sudoers file." >&2; exit 1'
+    in_path run
+    fails_with 'an administrator does it with: apt-get update && apt-get install' && called_not '^apt-get'
+}
+
+PackagesAreInstalledWithSudo() {
+    fresh
+    someone_else
+    # shellcheck disable=SC2016 # for the program
+    program sudo <<<'[ "$1" = -v ] || { echo "sudo $*" >>"$FAKE_STATE/calls"; "$@"; }'
+    in_path run
+    succeeds && called '^sudo .*apt-get .*update' && called '^sudo .*apt-get .*install .*cmake'
+}
+
+AnUpdateThatFailsIsAnError() {
+    fresh
+    touch "$FAKE_STATE/dpkg-query.failing" "$FAKE_STATE/apt-get.fails"
+    dev -- run
+    fails_with 'apt-get update failed' && called 'apt-get .*APT::Update::Error-Mode=any' && called_not 'apt-get .* install'
+}
+
+AnInterruptedInstallationIsFinishedFirst() {
+    fresh
+    touch "$FAKE_STATE/dpkg-query.failing"
+    echo "the following packages are only half configured" >"$FAKE_STATE/dpkg.audit"
+    dev -- run
+    succeeds && called 'dpkg --configure -a'
+}
+
+AFullDiskIsTold() {
+    fresh
+    path_without
+    # shellcheck disable=SC2016 # for the program
+    program df <<<'echo "Avail"; case "${@: -1}" in *build) echo "1M" ;; *) echo "900000M" ;; esac'
+    touch "$FAKE_STATE/ninja.fails"
+    in_path run
+    says 'error: the build failed' && says "error: only 1 MiB are left on the disk that holds $BUILD: make room there" || return
+    rm "$FAKE_STATE/ninja.fails"
+    in_path run
+    succeeds && says_not 'MiB'
+}
+
+AFailureOnADiskWithRoomSaysNothingOfIt() {
+    fresh
+    path_without
+    program df <<<'echo "Avail"; echo "900000M"'
+    touch "$FAKE_STATE/ninja.fails"
+    in_path run
+    fails_with 'the build failed' && says_not 'MiB'
+}
+
+LongWorkTellsThatItGoesOn() {
+    fresh
+    touch "$FAKE_STATE/cmake.hangs"
+    start FC_PROGRESS_SECONDS=1 -- run
+    eventually has_said 'configuring: at work for ' || return
+    rm "$FAKE_STATE/cmake.hangs"
+    ends_with 0
+}
+
+ColoursAreForTerminalsAlone() {
+    local line
+    fresh
+    dev -- run && succeeds && says_not $'\033' || return
+    dev_command -- nosuch
+    printf -v line '%q ' "${COMMAND[@]}"
+    SHELL=/bin/bash timeout 60 script -qec "$line" "$SAID" </dev/null >/dev/null 2>&1
+    says $'\033[1;31merror:'
+}
+
+WhatInterruptedRunsHaveLeftInTheCacheIsRemoved() {
+    local left
+    fresh
+    for left in libraries/0123.work libraries/0123.partial headers/0123.partial downloads/a.part src; do
+        mkdir -p "$WORK/cache/$left"
+    done
+    touch "$WORK/cache/.made-by-dev"
+    dev -- run && succeeds || return
+    left=$(find "$WORK/cache" -name '*.work' -o -name '*.part*' -o -name src)
+    [ -z "$left" ] || because "left: $left"
+}
+
+for name in APrefixIsMadeOnce AnotherWineMakesANewPrefix ADamagedPrefixIsMadeAnew APrefixThatIsNotWholeIsNoSuccess \
+    AWineThatIsTooOldIsRefused WithoutAptTheToolsAreEnough WithoutAptAMissingToolIsNamed APackageWhoseCompilerIsGoneIsNamed \
+    EveryPackageIsKnownByWhatItInstalls WithoutRootAnAdministratorIsTold SomeoneWhoMayNotBecomeRootIsToldTheSame \
+    PackagesAreInstalledWithSudo AnUpdateThatFailsIsAnError AnInterruptedInstallationIsFinishedFirst AFullDiskIsTold \
+    AFailureOnADiskWithRoomSaysNothingOfIt LongWorkTellsThatItGoesOn ColoursAreForTerminalsAlone \
+    WhatInterruptedRunsHaveLeftInTheCacheIsRemoved; do
+    test_case "$name"
+done
+write_results tools-tests "$XML"
