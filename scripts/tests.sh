@@ -48,7 +48,7 @@ run_under_load() {
     export FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
     TEST_SECONDS=$FC_TEST_SECONDS
     for ((i = 1; i <= runs; i++)); do
-        say "run $i of $runs, beside six busy loops"
+        say "run $i of $runs, beside 6 busy loops"
         run_tests "$@" || status=1
         tell_seeds
     done
