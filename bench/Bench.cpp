@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <system_error>
 
 #include <cJSON.h>
 #include <windows.h>
@@ -12,6 +14,7 @@
 namespace {
 
 bool isShortRun = false;
+constexpr int kRowWidth = 78;
 
 bool Meets(double value, const std::string &goal) {
     std::istringstream words(goal);
@@ -25,6 +28,10 @@ bool Meets(double value, const std::string &goal) {
     if (comparison == ">=")
         return value >= bound;
     return false;
+}
+
+std::filesystem::path Beside(const std::wstring &path) {
+    return path + L".partial";
 }
 
 }  // namespace
@@ -75,21 +82,21 @@ void Report::Add(const std::string &row, double value, const std::string &unit) 
     m_rows.push_back({row, value, unit, "", true});
 }
 
-void Report::Print() const {
-    if (isShortRun)
+void Report::PrintNew() {
+    if (isShortRun && m_printed == 0)
         std::printf("A short run: the figures mean nothing.\n");
-    std::size_t width = 0;
-    for (const Row &row : m_rows)
-        width = std::max(width, row.row.size());
-    for (const Row &row : m_rows)
-        std::printf("%-*s  %10.3f %-22s %-8s %s\n", static_cast<int>(width), row.row.c_str(), row.value,
-                    row.unit.c_str(), row.goal.c_str(),
+    for (; m_printed < m_rows.size(); ++m_printed) {
+        const Row &row = m_rows[m_printed];
+        std::printf("%-*s  %10.3f %-22s %-8s %s\n", kRowWidth, row.row.c_str(), row.value, row.unit.c_str(),
+                    row.goal.c_str(),
                     row.goal.empty() ? ""
                     : row.met        ? "met"
                                      : "NOT MET");
+    }
+    (void)std::fflush(stdout);
 }
 
-bool Report::WriteJson(const std::string &path) const {
+bool Report::WriteJson(const std::wstring &path) const {
     const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> array(cJSON_CreateArray(), &cJSON_Delete);
     for (const Row &row : m_rows) {
         cJSON *const object = cJSON_CreateObject();
@@ -101,9 +108,20 @@ bool Report::WriteJson(const std::string &path) const {
         cJSON_AddBoolToObject(object, "met", row.met);
     }
     const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_Print(array.get()), &cJSON_free);
-    std::ofstream file(path, std::ios::binary);
+    std::ofstream file(Beside(path), std::ios::binary);
     file << text.get() << '\n';
-    return static_cast<bool>(file.flush());
+    file.close();
+    std::error_code error;
+    if (file)
+        std::filesystem::rename(Beside(path), path, error);
+    return file && !error;
+}
+
+bool CanWriteJson(const std::wstring &path) {
+    std::error_code error;
+    const bool opened = !std::filesystem::is_directory(path, error) && std::ofstream(Beside(path), std::ios::binary);
+    std::filesystem::remove(Beside(path), error);
+    return opened;
 }
 
 bool Report::AllMet() const {

@@ -1,6 +1,7 @@
 // What benchmarks share: timing, medians, and the report with its goals.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,10 +27,11 @@ public:
     /// A row that is told only.
     void Add(const std::string &row, double value, const std::string &unit);
 
-    /// Prints the rows as a table.
-    void Print() const;
-    /// Writes the rows as a JSON array. @return false when the file can't be written.
-    bool WriteJson(const std::string &path) const;
+    /// Prints the rows since the last call as lines of a table.
+    void PrintNew();
+    /// Writes all rows as a JSON array; a file that is there is replaced by a whole one. @return false when that can't
+    /// be done.
+    [[nodiscard]] bool WriteJson(const std::wstring &path) const;
     bool AllMet() const;
 
 private:
@@ -41,4 +43,8 @@ private:
         bool met;
     };
     std::vector<Row> m_rows;
+    std::size_t m_printed = 0;
 };
+
+/// Whether WriteJson could write the file.
+[[nodiscard]] bool CanWriteJson(const std::wstring &path);

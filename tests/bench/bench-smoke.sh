@@ -44,7 +44,51 @@ AnUnknownGroupIsRefused() {
     [ "$STATUS" -eq 2 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")"
 }
 
-for name in AllGroupsAreMeasuredInOneRun AShortRunJudgesNoGoal AnUnknownGroupIsRefused; do
+AnOptionWithoutItsFileIsRefused() {
+    bench --short --json
+    [ "$STATUS" -eq 2 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")"
+}
+
+AFileThatCannotBeWrittenIsRefusedBeforeMeasuring() {
+    bench --short --json "$WORK/nosuch/rows.json" flags
+    [ "$STATUS" -eq 2 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")" || return
+    grep -q "can't write" "$WORK/out" || because "it says: $(<"$WORK/out")" || return
+    ! grep -q 'driver-flag' "$WORK/out" || because "it has measured"
+}
+
+RowsAreWrittenToAFileOfAnyName() {
+    bench --short --json "$WORK/größe 日本.json" flags
+    [ "$STATUS" -eq 0 ] || because "status $STATUS: $(tail -n 3 "$WORK/out")" || return
+    grep -q 'the seven driver-flag functions' "$WORK/größe 日本.json" || because "there is no row in: $(ls "$WORK")"
+}
+
+# is_there FILE: within a minute.
+is_there() {
+    local i
+    for ((i = 0; i < 600; i++)); do
+        [ ! -e "$1" ] || return 0
+        sleep 0.1
+    done
+    because "there is no $1"
+}
+
+FinishedGroupsAreKeptWhenALaterOneEndsBadly() {
+    local rows="$WORK/rows.json" bench
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    bash -c '. "$1/../../scripts/supervise.sh"; supervise "${@:2}"' bench "$HERE" "${WINE[@]}" "$BIN/fc-bench.exe" \
+        --short --json "$rows" >"$WORK/out" 2>&1 </dev/null &
+    bench=$!
+    is_there "$rows" || return
+    kill $bench
+    wait $bench 2>/dev/null || true
+    grep -q 'AddToConnMetrics, present key' "$rows" || because "the rows are: $(<"$rows")" || return
+    [ "$(tail -c 2 "$rows")" = ']' ] || because "the file is cut short: $(<"$rows")" || return
+    grep -q '^AddToConnMetrics, present key' "$WORK/out" || because "they are not printed: $(<"$WORK/out")"
+}
+
+for name in AllGroupsAreMeasuredInOneRun AShortRunJudgesNoGoal AnUnknownGroupIsRefused AnOptionWithoutItsFileIsRefused \
+    AFileThatCannotBeWrittenIsRefusedBeforeMeasuring RowsAreWrittenToAFileOfAnyName \
+    FinishedGroupsAreKeptWhenALaterOneEndsBadly; do
     test_case "$name"
 done
 write_results bench-smoke "$XML"

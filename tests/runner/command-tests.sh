@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the commands of ./dev do with folders and arguments, in a copy of the scripts.
+# What the commands of ./dev do with folders and arguments, in a copy of the scripts with fake programs.
 #   command-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -13,21 +13,8 @@ trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
 
-CLONE="$WORK/a clone"
-mkdir -p "$CLONE"
-cp -r "$HERE/../../dev" "$HERE/../../scripts" "$CLONE"
-
-# dev VARIABLE=VALUE... -- ARGS...: runs the copy, with its own home. Its words are in `said`.
-dev() {
-    local settings=()
-    while [ "$1" != -- ]; do
-        settings+=("$1")
-        shift
-    done
-    shift
-    env -u FC_BUILD -u FC_CACHE HOME="$WORK/home" XDG_CACHE_HOME="$WORK/home/cache" "${settings[@]}" \
-        timeout 60 "$CLONE/dev" "$@" >"$WORK/said" 2>&1 </dev/null
-}
+# shellcheck source=tests/runner/fakes.sh
+. "$HERE/fakes.sh"
 
 make_thesis() {
     rm -rf "$WORK/thesis"
@@ -38,10 +25,9 @@ make_thesis() {
 
 # refuses TEXT VARIABLE=VALUE... -- ARGS...: the command fails, and says the text.
 refuses() {
-    local text=$1
-    shift
-    ! dev "$@" || because "the status is 0: $(cat "$WORK/said")" || return
-    grep -qF "$text" "$WORK/said" || because "it says: $(cat "$WORK/said")"
+    dev "${@:2}"
+    [ "$STATUS" -ne 0 ] || because "the status is 0: $(<"$SAID")" || return
+    says "$1"
 }
 
 AFolderThatHoldsSomethingElseIsNotCleaned() {
@@ -69,14 +55,16 @@ AFolderThatWasMadeForABuildIsCleaned() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build/logs" "$CLONE/out" "$CLONE/dist"
     touch "$WORK/build/.made-by-dev"
-    dev FC_BUILD="$WORK/build" -- clean || because "$(cat "$WORK/said")" || return
+    dev FC_BUILD="$WORK/build" -- clean
+    succeeds || return
     ls -d "$WORK/build" "$CLONE/out" "$CLONE/dist" >"$WORK/left" 2>/dev/null || true
     [ ! -s "$WORK/left" ] || because "left: $(cat "$WORK/left")"
 }
 
 TheUsualFolderIsCleaned() {
     mkdir -p "$CLONE/build/logs"
-    dev -- clean || because "$(cat "$WORK/said")" || return
+    dev FC_BUILD= -- clean
+    succeeds || return
     [ ! -e "$CLONE/build" ] || because "it is left"
 }
 
@@ -84,8 +72,8 @@ AskingForHelpDoesNothingElse() {
     local command
     mkdir -p "$CLONE/build"
     for command in run test bench check package shell clean; do
-        dev -- "$command" --help || because "$command: $(cat "$WORK/said")" || return
-        grep -q "^  $command " "$WORK/said" || because "$command says: $(cat "$WORK/said")" || return
+        dev FC_BUILD= -- "$command" --help
+        succeeds && says "  $command " || return
     done
     [ "$(find "$CLONE/build")" = "$CLONE/build" ] || because "the build folder has changed"
 }
@@ -94,17 +82,82 @@ AnUnknownArgumentIsRefused() {
     local command
     mkdir -p "$CLONE/build"
     for command in run check package clean; do
-        refuses "has no option '--al'" -- "$command" --al || return
-        refuses "takes no argument 'c'" -- "$command" c c || return
+        refuses "has no option '--al'" FC_BUILD= -- "$command" --al || return
+        refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
     done
-    refuses "takes no argument 'second'" -- run first second || return
-    refuses "there is no command 'nosuch'" -- nosuch || return
+    refuses "takes no argument 'second'" FC_BUILD= -- run first second || return
+    refuses "there is no command 'nosuch'" FC_BUILD= -- nosuch || return
     [ -d "$CLONE/build" ] || because "the build folder is gone"
+}
+
+AFolderOfSomebodyElseIsNamed() {
+    local variable
+    for variable in FC_BUILD FC_CACHE FC_OUT; do
+        fresh
+        mkdir -p "$WORK/theirs/out"
+        touch "$WORK/theirs/.made-by-dev" "$WORK/theirs/out/.made-by-dev"
+        chmod -R a-w "$WORK/theirs"
+        as_another_user
+        dev "$variable=$WORK/theirs" -- run
+        as_before
+        chmod -R u+w "$WORK/theirs"
+        rm -rf "$WORK/theirs"
+        fails_with "let $variable name another folder" || return
+        [ "$(wc -l <"$SAID")" -le 1 ] || because "it says more: $(<"$SAID")" || return
+    done
+}
+
+# Root may write anywhere: then nobody runs ./dev.
+as_another_user() {
+    [ "$(id -u)" -eq 0 ] || return 0
+    chmod -R a+rwX "$WORK"
+    chmod -R a-w "$WORK/theirs"
+    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+}
+as_before() { RUN_AS=(); }
+
+OutAndDistCanLieElsewhere() {
+    fresh
+    dev FC_OUT="$WORK/out" -- run
+    succeeds && called "fc-host.exe .*--out $WORK/out/out" && says "The report is $WORK/out/out/report.html" || return
+    [ ! -e "$CLONE/out" ] || because "there is an out/ in the clone, too"
+}
+
+ResultsAreToldAsTheCallerSeesThem() {
+    fresh
+    (cd "$CLONE" && dev -- run && succeeds) || because "it fails: $(<"$SAID")" || return
+    says 'The report is out/report.html, the events are out/events.json' && called 'fc-host.exe .* examples/story.lua --out out$' || return
+    (cd "$WORK" && dev -- run && succeeds) || because "it fails: $(<"$SAID")" || return
+    says 'The report is a clöne/out/report.html' || return
+    mkdir -p "$WORK/elsewhere"
+    (cd "$WORK/elsewhere" && dev -- run the.log && succeeds) || because "it fails: $(<"$SAID")" || return
+    called "fc-host.exe .*$CLONE/examples/connections.lua --out $CLONE/out the.log"
+}
+
+AnOutFolderOfSomebodysOwnIsNotUsed() {
+    fresh
+    mkdir -p "$WORK/work/out" "$WORK/work/dist"
+    echo text | tee "$WORK/work/out/thesis.tex" >"$WORK/work/dist/thesis.tex"
+    refuses "let FC_OUT name a new or an empty folder" FC_OUT="$WORK/work" -- run || return
+    refuses "let FC_OUT name a new or an empty folder" FC_OUT="$WORK/work" -- package || return
+    refuses "was not made by ./dev" FC_OUT="$WORK/work" -- clean || return
+    [ -s "$WORK/work/out/thesis.tex" ] || because "the file is gone" || return
+    [ -d "$BUILD" ] || because "the build folder is gone"
+}
+
+ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
+    fresh
+    refuses "--json needs the name of a file" -- bench --json || return
+    refuses "--json needs the name of a file" -- bench --short --json || return
+    refuses "can't be written" -- bench --json nosuch/rows.json || return
+    refuses "can't be written" -- bench --json "$WORK" metrics || return
+    called_not ninja
 }
 
 for name in AFolderThatHoldsSomethingElseIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderThatHoldsSomethingElseIsNotFilled AFolderThatWasMadeForABuildIsCleaned TheUsualFolderIsCleaned \
-    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused; do
+    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed OutAndDistCanLieElsewhere \
+    ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
     test_case "$name"
 done
 write_results command-tests "$XML"

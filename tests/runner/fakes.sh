@@ -7,6 +7,7 @@ BUILD="$WORK/the build"
 export FAKES=$HERE/fakes
 export FAKE_STATE=$WORK/state
 SAID=$WORK/said
+RUN_AS=() # what runs ./dev as somebody else
 
 mkdir -p "$CLONE"
 cp -r "$HERE/../../dev" "$HERE/../../scripts" "$CLONE"
@@ -45,7 +46,7 @@ dev_command() {
 dev() {
     STATUS=0
     dev_command "$@"
-    timeout 60 "${COMMAND[@]}" >"$SAID" 2>&1 </dev/null || STATUS=$?
+    timeout 60 "${RUN_AS[@]}" "${COMMAND[@]}" >"$SAID" 2>&1 </dev/null || STATUS=$?
 }
 
 # start VARIABLE=VALUE... -- ARGS...: the same in the background, as process DEV.

@@ -270,6 +270,43 @@ AWineThatDoesNothingFails() {
     ends_with_an_error && says 'error: fc-bench.exe has left no status: it could not be run, or Wine has failed'
 }
 
+# start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script makes the file.
+start_loop() {
+    local script=$1.lua
+    printf 'io.open([[%s]], "w"):close()\nwhile true do end\n' "$1" >"$script"
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    env --default-signal=INT,QUIT bash -c '. "$1/scripts/supervise.sh"; supervise "${@:2}"' supervise "$REPOSITORY" \
+        "$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/fc-host.exe" --quiet "$script" >"$WORK/out" 2>&1 </dev/null &
+    LOOP=$!
+    for ((i = 0; i < 600; i++)); do
+        [ ! -e "$1" ] || return 0
+        sleep 0.1
+    done
+    because "the script has not begun: $(<"$WORK/out")"
+}
+
+runs() { grep -qszF "$1.lua" /proc/[0-9]*/cmdline; }
+
+# Wine's server, which it may have started, serves others, too.
+ASignalEndsTheHostAndNoOtherProgramUnderWine() {
+    local first signal status
+    for signal in TERM INT; do
+        start_loop "$WORK/first" || return
+        first=$LOOP
+        start_loop "$WORK/second" || return
+        kill -s $signal "$first"
+        status=0
+        wait "$first" || status=$?
+        [ "$status" -gt 128 ] || because "status $status after $signal: $(<"$WORK/out")" || return
+        ! runs "$WORK/first" || because "it runs on after $signal" || return
+        runs "$WORK/second" || because "the other program was ended, too" || return
+        kill "$LOOP"
+        wait "$LOOP" || true
+        ! runs "$WORK/second" || because "the second one runs on" || return
+        rm -f "$WORK"/{first,second}*
+    done
+}
+
 AProgramThatIsMissingFails() {
     runs_as fc-host.exe
     in_dev run_bench 0
@@ -299,7 +336,7 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWit
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
     TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
-    AWineThatDoesNothingFails AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
+    AWineThatDoesNothingFails ASignalEndsTheHostAndNoOtherProgramUnderWine AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
