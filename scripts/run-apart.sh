@@ -10,8 +10,12 @@ entry=$1
 shift
 exec 7>&- 8>&- 9>&- # Wine's services would keep the locks of ./dev
 rm -f "$entry".{xml,log,status}
+TMPDIR=$(mktemp -d -t fc-test.XXXXXX) || exit 1
+export TMPDIR
+echo "$TMPDIR" >"$entry.temporary" # for ./dev test to remove it, if this is killed
 timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
 echo $? >"$entry.status"
+rm -rf "$TMPDIR" "$entry.temporary"
 cat "$entry.log"
 fault=$(fault_of "$PWD/$entry")
 [ -z "$fault" ] || {

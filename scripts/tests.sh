@@ -4,6 +4,14 @@
 # ctest_entries OPTIONS...: the names of its tests, those included that others need.
 ctest_entries() { ctest --test-dir "$BUILD" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
 
+# remove_left_temporaries FOLDER: the temporary folders of a run that was killed.
+remove_left_temporaries() {
+    local file
+    for file in "$1"/*.temporary; do
+        [ ! -s "$file" ] || rm -rf "$(<"$file")"
+    done
+}
+
 # run_tests [PROGRAM...]: all test programs, or the named ones. The results that they leave tell how it went; ctest
 # itself knows only what scripts/run-apart.sh has found in them.
 run_tests() {
@@ -13,6 +21,7 @@ run_tests() {
         printf '%s\n' "${known[@]}" | grep -qxF -- "$name" ||
             die "no test program is called '$name'; there are: ${known[*]}"
     done
+    remove_left_temporaries "$results"
     rm -rf "$results"
     mkdir -p "$results"
     [ $# -eq 0 ] || filter=(-R "^($(

@@ -63,6 +63,13 @@ prepare_wine() {
         prefix_is_ready || quietly wineboot.log "making a private Wine prefix" make_wine_prefix
     }
     lock_programs --shared
+    remove_left_folders
+}
+
+# Programs that were ended leave their temporary folders. While no other runs, all of them are such.
+remove_left_folders() {
+    ! flock -n --exclusive 8 || rm -rf "$WINEPREFIX"/drive_c/users/*/{,AppData/Local/}Temp/fc-*
+    flock --shared 8
 }
 
 # run_windows PROGRAM ARGS...: runs it here, under Wine, and ends with its status.

@@ -161,6 +161,28 @@ AProgramThatTakesTooLongKeepsItsOutput() {
     fails slow 'was ended after 1 s' 0 1 && says '    a word before the end'
 }
 
+TheTemporaryFilesOfAProgramAreRemoved() {
+    local folder
+    # shellcheck disable=SC2016 # expanded by the entry
+    entries good 'mktemp -d; echo "$TMPDIR" >../folder; result good 1 0'
+    in_dev run_tests
+    passes 1 || return
+    folder=$(<"$WORK/build/folder")
+    [[ $folder == */fc-test.* && ! -e $folder ]] || because "left: $folder"
+}
+
+WhatAKilledRunHasLeftIsRemovedByTheNext() {
+    # shellcheck disable=SC2016 # expanded by the entry
+    entries good '[ -e ../folder ] || { echo "$TMPDIR" >../folder; ls -d "$TMPDIR"; kill -KILL $(cut -d " " -f 4 /proc/$PPID/stat); sleep 1; }
+result good 1 0'
+    in_dev run_tests
+    ends_with_an_error || return
+    [ -d "$(<"$WORK/build/folder")" ] || because "nothing is left, so that this shows nothing" || return
+    in_dev run_tests
+    passes 1 || return
+    [ ! -e "$(<"$WORK/build/folder")" ] || because "left: $(<"$WORK/build/folder")"
+}
+
 AnUnknownNameFails() {
     entries good 'result good 3 0'
     in_dev run_tests goood
@@ -331,7 +353,8 @@ write_results shell shell.xml'
 for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \
     ResultsThatAreCutShortFail ResultsWithFewerTestsThanTheyTellFail ARunOfNoTestFails \
     AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
-    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput AnUnknownNameFails \
+    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput TheTemporaryFilesOfAProgramAreRemoved \
+    WhatAKilledRunHasLeftIsRemovedByTheNext AnUnknownNameFails \
     AnUnknownNameBesideAKnownOneFails ANameIsNoPattern RunsUnderLoadAreCountedTogetherAndTellTheirSeeds \
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
     TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \

@@ -220,12 +220,29 @@ WhatInterruptedRunsHaveLeftInTheCacheIsRemoved() {
     [ -z "$left" ] || because "left: $left"
 }
 
+WhatEndedProgramsHaveLeftIsRemovedWhileNoneRuns() {
+    local temporary host
+    fresh
+    touch "$FAKE_STATE/fc-host.exe.hangs"
+    start -- host loop.lua
+    host=$DEV
+    eventually test -e "$FAKE_STATE/fc-host.exe.is-hanging" || return
+    temporary=$BUILD/wine/drive_c/users/someone/Temp
+    mkdir -p "$temporary"/{fc-devkit-1-1,other}
+    dev -- test && succeeds || return
+    [ -d "$temporary/fc-devkit-1-1" ] || because "a folder of the program that runs is gone" || return
+    rm "$FAKE_STATE/fc-host.exe.hangs"
+    wait "$host"
+    dev -- test && succeeds || return
+    [ "$(ls "$temporary")" = other ] || because "there are: $(ls "$temporary")"
+}
+
 for name in APrefixIsMadeOnce AnotherWineMakesANewPrefix ADamagedPrefixIsMadeAnew APrefixThatIsNotWholeIsNoSuccess \
     AWineThatIsTooOldIsRefused WithoutAptTheToolsAreEnough WithoutAptAMissingToolIsNamed APackageWhoseCompilerIsGoneIsNamed \
     EveryPackageIsKnownByWhatItInstalls WithoutRootAnAdministratorIsTold SomeoneWhoMayNotBecomeRootIsToldTheSame \
     PackagesAreInstalledWithSudo AnUpdateThatFailsIsAnError AnInterruptedInstallationIsFinishedFirst AFullDiskIsTold \
     AFailureOnADiskWithRoomSaysNothingOfIt LongWorkTellsThatItGoesOn ColoursAreForTerminalsAlone \
-    WhatInterruptedRunsHaveLeftInTheCacheIsRemoved; do
+    WhatInterruptedRunsHaveLeftInTheCacheIsRemoved WhatEndedProgramsHaveLeftIsRemovedWhileNoneRuns; do
     test_case "$name"
 done
 write_results tools-tests "$XML"
