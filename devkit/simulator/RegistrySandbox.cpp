@@ -26,6 +26,17 @@ UniqueKey Create(HKEY parent, const std::wstring &path) {
     return UniqueKey(key);
 }
 
+/// As above; another process may take the parent that all share away while it is empty, between the making of the two.
+UniqueKey CreateRoot(HKEY software, const std::wstring &path) {
+    constexpr int tries = 1000;
+    HKEY key = nullptr;
+    LSTATUS status = ERROR_KEY_DELETED;
+    for (int i = 0; i < tries && status == ERROR_KEY_DELETED; ++i)
+        status = RegCreateKeyExW(software, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    Check(status, "RegCreateKeyExW");
+    return UniqueKey(key);
+}
+
 UniqueKey Open(HKEY parent, const std::wstring &path) {
     HKEY key = nullptr;
     return UniqueKey(RegOpenKeyExW(parent, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS ? key : nullptr);
@@ -155,8 +166,8 @@ RegistrySandbox::RegistrySandbox() {
     Check(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_ALL_ACCESS, &software), "RegOpenKeyExW");
     m_software.reset(software);
     DeleteTree(m_software.get(), m_path);  // left by a process that had this number before
-    m_machineRoot = Create(m_software.get(), m_path + L"\\machine");
-    m_userRoot = Create(m_software.get(), m_path + L"\\user");
+    m_machineRoot = CreateRoot(m_software.get(), m_path + L"\\machine");
+    m_userRoot = CreateRoot(m_software.get(), m_path + L"\\user");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_machineRoot.get()), "RegOverridePredefKey");
     const LSTATUS status = RegOverridePredefKey(HKEY_CURRENT_USER, m_userRoot.get());
     if (status != ERROR_SUCCESS)

@@ -1,6 +1,8 @@
 #include "RegistrySandbox.h"
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <wx/buffer.h>
@@ -85,6 +87,21 @@ TEST(RegistrySandbox, LeavesNothingBehind) {
     EXPECT_EQ(StatusOfOpening(software.get(), (path + L"\\machine\\A\\B\\C").c_str()), ERROR_SUCCESS);
     sandbox.reset();
     EXPECT_EQ(StatusOfOpening(software.get(), path.c_str()), ERROR_FILE_NOT_FOUND);
+}
+
+TEST(RegistrySandbox, IsMadeWhileOtherProcessesTakeTheParentThatAllShareAway) {
+    const UniqueKey software = Open(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(software);
+    std::atomic<bool> done = false;
+    // It can be taken while no other test program has its sandbox there.
+    std::thread others([&] {
+        while (!done)
+            (void)RegDeleteKeyW(software.get(), L"fc-devkit");
+    });
+    for (int i = 0; i < 300; ++i)
+        EXPECT_NO_THROW((void)MakeSandbox());
+    done = true;
+    others.join();
 }
 
 TEST(RegistrySandbox, IsFreshEachTime) {
