@@ -143,7 +143,7 @@ run_checks() {
     require_files
     for name in format rules shell workflow lua cppcheck tidy warnings; do
         say "check: $name"
-        "check_$name" &
+        ("check_$name" || exit 1) &
         wait_telling $! "check: $name" || failed+=("$name")
     done
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"

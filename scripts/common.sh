@@ -57,7 +57,14 @@ require_root() {
 }
 
 as_root() {
-    if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        # Nobody but root can end it. So it is ended when this process is gone.
+        # shellcheck disable=SC2016 # expanded by root's shell
+        sudo bash -c '"${@:2}" & while kill -0 $! 2>/dev/null; do [ -d "/proc/$1" ] || kill $!; sleep 0.2; done; wait $!' \
+            as_root $$ "$@"
+    fi
 }
 
 # wait_telling PID LABEL [live]: waits for a job in the background and yields its status. Tells now and then that it is

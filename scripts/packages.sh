@@ -20,7 +20,7 @@ proof_of() {
     locales) echo /usr/share/i18n/locales/ja_JP ;;
     lua-check) echo luacheck ;;
     ninja-build) echo ninja ;;
-    wine64) echo wine ;;
+    wine | wine64) echo "${FC_WINE:-wine}" ;;
     xz-utils) echo xz ;;
     *) echo "$1" ;;
     esac

@@ -30,8 +30,9 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
-    ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" --timeout $((TEST_SECONDS + 60)) \
-        "${filter[@]}" &
+    # Without --default-signal no test could try Ctrl-C.
+    env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" \
+        --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
     return "$status"

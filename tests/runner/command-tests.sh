@@ -97,7 +97,7 @@ AFolderOfSomebodyElseIsNamed() {
         mkdir -p "$WORK/theirs/out"
         touch "$WORK/theirs/.made-by-dev" "$WORK/theirs/out/.made-by-dev"
         chmod -R a-w "$WORK/theirs"
-        as_another_user
+        as_another_user "$WORK/theirs"
         dev "$variable=$WORK/theirs" -- run
         as_before
         chmod -R u+w "$WORK/theirs"
@@ -107,14 +107,28 @@ AFolderOfSomebodyElseIsNamed() {
     done
 }
 
-# Root may write anywhere: then nobody runs ./dev.
+# as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
     chmod -R a+rwX "$WORK"
-    chmod -R a-w "$WORK/theirs"
+    chmod -R a-w "$1"
     RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 }
 as_before() { RUN_AS=(); }
+
+AReadOnlyCloneIsEnough() {
+    fresh
+    mkdir -p "$WORK/mine"
+    chmod -R a-w "$CLONE"
+    as_another_user "$CLONE"
+    dev -- run
+    fails_with "let FC_OUT name" && dev FC_OUT="$WORK/mine" -- run && succeeds
+    local status=$?
+    as_before
+    chmod -R u+w "$WORK"
+    rm -rf "$WORK/mine"
+    return $status
+}
 
 OutAndDistCanLieElsewhere() {
     fresh
@@ -156,7 +170,7 @@ ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
 
 for name in AFolderThatHoldsSomethingElseIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderThatHoldsSomethingElseIsNotFilled AFolderThatWasMadeForABuildIsCleaned TheUsualFolderIsCleaned \
-    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed OutAndDistCanLieElsewhere \
+    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed AReadOnlyCloneIsEnough OutAndDistCanLieElsewhere \
     ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
     test_case "$name"
 done

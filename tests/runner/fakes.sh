@@ -4,13 +4,14 @@
 
 CLONE="$WORK/a clöne"
 BUILD="$WORK/the build"
-export FAKES=$HERE/fakes
+export FAKES=$WORK/bin
 export FAKE_STATE=$WORK/state
 SAID=$WORK/said
 RUN_AS=() # what runs ./dev as somebody else
 
 mkdir -p "$CLONE"
 cp -r "$HERE/../../dev" "$HERE/../../scripts" "$CLONE"
+cp -r "$HERE/fakes" "$FAKES"
 # The libraries have tests of their own.
 echo >"$CLONE/scripts/sources.sh"
 cat >"$CLONE/scripts/libraries.sh" <<'TEXT'

@@ -72,6 +72,18 @@ ASignalEndsAnInstallation() {
     starts_and_hangs apt-get package && is_ended_by TERM 143
 }
 
+ASignalEndsAnInstallationBySudo() {
+    fresh
+    touch "$FAKE_STATE/dpkg-query.failing" "$FAKE_STATE/id.of-a-user"
+    starts_and_hangs apt-get package || return
+    kill "$DEV"
+    ends_with 143 && called '^sudo ' && eventually has_ended "$(tail -n 1 "$FAKE_STATE/pids")" || return
+    goes_on apt-get
+    # Its own children are its affair.
+    mapfile -t left <"$FAKE_STATE/pids"
+    kill "${left[@]}" 2>/dev/null || true
+}
+
 ASignalEndsTheHost() {
     fresh
     starts_and_hangs fc-host.exe host loop.lua && is_ended_by TERM 143
@@ -213,7 +225,7 @@ ARunThatHasWaitedForACleanStartsFromNothing() {
 }
 
 for name in ASignalEndsWhatRunsInTheBackground ASignalEndsTheBuild ASignalEndsTheTests ASignalEndsTheBusyLoops \
-    ASignalEndsAnInstallation ASignalEndsTheHost WhatIgnoresTheSignalIsKilled TheHostKeepsWhatItHasWhenItIsInterrupted \
+    ASignalEndsAnInstallation ASignalEndsAnInstallationBySudo ASignalEndsTheHost WhatIgnoresTheSignalIsKilled TheHostKeepsWhatItHasWhenItIsInterrupted \
     CtrlCOnATerminalEndsTheBuildWithoutAnError CtrlCOnATerminalReachesTheHost TheHostReadsFromTheTerminal \
     AnInterruptedRunIsMadeUpForByTheNext TwoRunsOfTestsWaitForEachOther AllThatWorksInTheBuildFolderWaits \
     CleanWaitsForAProgramThatRuns ABuildDoesNotWaitForAProgramThatRuns ARunThatHasWaitedForACleanStartsFromNothing; do

@@ -116,12 +116,10 @@ EveryPackageIsKnownByWhatItInstalls() {
         because "$(<"$SAID")"
 }
 
-# someone_else NAME...: a user who is not root, without these programs.
+# someone_else NAME...: a user who is not root, and lacks packages; without these programs.
 someone_else() {
     path_without "$@"
-    # shellcheck disable=SC2016 # for the program
-    program id <<<'case $1 in -u) echo 1000 ;; *) echo user ;; esac'
-    touch "$FAKE_STATE/dpkg-query.failing"
+    touch "$FAKE_STATE/id.of-a-user" "$FAKE_STATE/dpkg-query.failing"
 }
 
 WithoutRootAnAdministratorIsTold() {
@@ -146,8 +144,6 @@ SomeoneWhoMayNotBecomeRootIsToldTheSame() {
 PackagesAreInstalledWithSudo() {
     fresh
     someone_else
-    # shellcheck disable=SC2016 # for the program
-    program sudo <<<'[ "$1" = -v ] || { echo "sudo $*" >>"$FAKE_STATE/calls"; "$@"; }'
     in_path run
     succeeds && called '^sudo .*apt-get .*update' && called '^sudo .*apt-get .*install .*cmake'
 }
