@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <list>
 
 #include "Console.h"
 #include "Text.h"
@@ -42,11 +43,11 @@ void HostLog::WantVerbose(bool wanted) {
 
 std::vector<LoggedLine> HostLog::TakeLines() {
     FlushActive();  // what other threads have logged
-    std::vector<LoggedLine> lines(std::make_move_iterator(m_lines.begin()), std::make_move_iterator(m_lines.end()));
+    // A list's order is stable, too, and clang finds std::stable_sort deprecated by what libstdc++ makes it of.
+    std::list<LoggedLine> lines(std::make_move_iterator(m_lines.begin()), std::make_move_iterator(m_lines.end()));
     m_lines.clear();
-    std::stable_sort(lines.begin(), lines.end(),
-                     [](const LoggedLine &a, const LoggedLine &b) { return a.time < b.time; });
-    return lines;
+    lines.sort([](const LoggedLine &a, const LoggedLine &b) { return a.time < b.time; });
+    return {std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end())};
 }
 
 void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {

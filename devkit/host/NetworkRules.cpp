@@ -34,9 +34,10 @@ void NetworkRules::Add(NetworkRule rule) {
 
 std::vector<NetworkRule> NetworkRules::Take(const NetworkHappening &happening) {
     const Simulator::LockGuard guard(m_lock);
-    const auto taken = std::stable_partition(
-        m_rules.begin(), m_rules.end(), [&happening](const NetworkRule &rule) { return !IsMomentOf(rule, happening); });
-    std::vector<NetworkRule> rules(std::make_move_iterator(taken), std::make_move_iterator(m_rules.end()));
-    m_rules.erase(taken, m_rules.end());
-    return rules;
+    std::vector<NetworkRule> taken;
+    std::vector<NetworkRule> left;
+    for (NetworkRule &rule : m_rules)
+        (IsMomentOf(rule, happening) ? taken : left).push_back(std::move(rule));
+    m_rules = std::move(left);
+    return taken;
 }
