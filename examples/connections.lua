@@ -4,12 +4,13 @@
 --
 -- LOG is a conn.log in Zeek's TSV format; without it the sample beside this script is read. The most
 -- frequent kinds are printed, all of them are written to DIR/connections.json (out/connections.json).
--- Ends with 1 when the log has no usable row.
+-- Ends with 1 when the log has no usable row. Ctrl-C ends the reading; what was counted so far is written.
 
 local MAX_KINDS = 10000 -- the module keeps no more
 local FOLD_AFTER_SECONDS = 61 -- it folds what was added once a minute
 local TOP = 10
 local MAX_REPORTED = 5
+local MAX_SKIPPED = 1000 -- of so many rows the result tells what is wrong; the others are counted
 
 local FLAGS = { ssl = 1, udp = 2, outbound = 4, start_tls = 256 } -- bits of the flags word
 local REQUIRED_FIELDS = { "proto", "id.resp_p" }
@@ -64,11 +65,31 @@ local function unescape(text)
     end))
 end
 
-local function check_format(line, where)
-    if line:sub(1, 2) == "\31\139" then
-        fail("%s: the log is compressed with gzip; unpack it first, with gunzip", where)
-    elseif line:match("^%s*{") then
-        fail("%s: the log is in JSON; have Zeek write TSV (LogAscii::use_json = F)", where)
+local BYTE_ORDER_MARK = "\xEF\xBB\xBF"
+
+-- What files of other kinds begin with, and what is to be done.
+local OTHER_KINDS = {
+    { "^\x1F\x8B", "is compressed with gzip; unpack it first, with gunzip" },
+    { "^\xFD7zXZ", "is compressed with xz; unpack it first, with unxz" },
+    { "^%(\xB5\x2F\xFD", "is compressed with zstd; unpack it first, with unzstd" },
+    { "^BZh", "is compressed with bzip2; unpack it first, with bunzip2" },
+    { "^PK\3\4", "is in a zip file; unpack it first, with unzip" },
+    { "^\xFF\xFE", "is in UTF-16; convert it first, with iconv -f UTF-16 -t UTF-8" },
+    { "^\xFE\xFF", "is in UTF-16; convert it first, with iconv -f UTF-16 -t UTF-8" },
+    { "^#\0", "is in UTF-16; convert it first, with iconv -f UTF-16LE -t UTF-8" },
+    { "^\0#", "is in UTF-16; convert it first, with iconv -f UTF-16BE -t UTF-8" },
+    { "^%s*{", "is in JSON; have Zeek write TSV (LogAscii::use_json = F)" },
+}
+
+-- Leaves the file behind a byte order mark.
+local function check_format(file, path)
+    local head = file:read(64) or ""
+    local has_mark = head:sub(1, #BYTE_ORDER_MARK) == BYTE_ORDER_MARK
+    file:seek("set", has_mark and #BYTE_ORDER_MARK or 0)
+    for _, kind in ipairs(OTHER_KINDS) do
+        if head:match(kind[1], has_mark and #BYTE_ORDER_MARK + 1 or 1) then
+            fail("%s:1: the log %s", path, kind[2])
+        end
     end
 end
 
@@ -137,41 +158,46 @@ local function read_row(format, line)
     return row
 end
 
--- Hands each usable row to the function. Returns the number of usable rows, and the malformed ones.
-local function read_log(path, use)
+-- Takes a line; where() tells which one it is. Counts usable rows and others in `seen`.
+local function read_line(format, line, where, use, seen)
+    if line:sub(1, 1) == "#" then
+        read_header(format, line, where())
+    elseif line ~= "" then
+        if not format.columns then
+            fail("%s: a row comes before the #fields line; give a conn.log in Zeek's TSV format", where())
+        end
+        local row, reason = read_row(format, line)
+        if row then
+            use(row)
+            seen.used = seen.used + 1
+        else
+            seen.skipped = seen.skipped + 1
+            if #seen.malformed < MAX_SKIPPED then
+                seen.malformed[#seen.malformed + 1] = { line = seen.lines, reason = reason }
+            end
+        end
+    end
+end
+
+-- Hands each usable row to the function, and counts in `seen`, which tells how far it came if it is interrupted.
+local function read_log(path, use, seen)
     local file, message = io.open(path, "rb")
     if not file then
         fail("%s; give the name of a conn.log", message)
     end
+    check_format(file, path)
     local format = { separator = "\t", unset = "-", empty = "(empty)" }
-    local used, malformed, number = 0, {}, 0
+    local function where()
+        return path .. ":" .. seen.lines
+    end
     for line in file:lines() do
-        number = number + 1
-        local where = path .. ":" .. number
-        line = line:gsub("\r$", "")
-        if number == 1 then
-            check_format(line, where)
-        end
-        if line:sub(1, 1) == "#" then
-            read_header(format, line, where)
-        elseif line ~= "" then
-            if not format.columns then
-                fail("%s: a row comes before the #fields line; give a conn.log in Zeek's TSV format", where)
-            end
-            local row, reason = read_row(format, line)
-            if row then
-                used = used + 1
-                use(row)
-            else
-                malformed[#malformed + 1] = { line = number, reason = reason }
-            end
-        end
+        seen.lines = seen.lines + 1
+        read_line(format, line:gsub("\r$", ""), where, use, seen)
     end
     file:close()
     if not format.columns then
         fail("%s: there is no #fields line; give a conn.log in Zeek's TSV format", path)
     end
-    return used, malformed
 end
 
 -- Connections as the module takes them ---------------------------------------------------------------
@@ -322,13 +348,13 @@ local function print_flags(rows)
     print_table({ { "count", "right" }, { "flag" } }, cells)
 end
 
-local function print_malformed(path, malformed)
-    for i = 1, math.min(MAX_REPORTED, #malformed) do
-        local row = malformed[i]
+local function print_skipped(path, seen)
+    for i = 1, math.min(MAX_REPORTED, seen.skipped) do
+        local row = seen.malformed[i]
         io.stderr:write(string.format("connections: %s:%d: row skipped: %s\n", path, row.line, row.reason))
     end
-    if #malformed > MAX_REPORTED then
-        io.stderr:write(string.format("connections: and %d more rows\n", #malformed - MAX_REPORTED))
+    if seen.skipped > MAX_REPORTED then
+        io.stderr:write(string.format("connections: and %d more rows\n", seen.skipped - MAX_REPORTED))
     end
 end
 
@@ -344,31 +370,40 @@ end
 local function main(arguments)
     local options = parse_arguments(arguments)
     require "fc"
-    local used, malformed = read_log(options.log, add_connection)
-    print_malformed(options.log, malformed)
-    if used == 0 then
+    local seen = { lines = 0, used = 0, skipped = 0, malformed = {} }
+    local whole, message = pcall(read_log, options.log, add_connection, seen)
+    if not whole and not host.interrupted() then
+        error(message, 0)
+    end
+    print_skipped(options.log, seen)
+    if seen.used == 0 then
         fail("%s has no usable row", options.log)
     end
 
     local rows = drain_metrics()
-    local missing = count_missing(used, rows)
-    print(string.format("%s: %d connections, %d rows skipped", options.log, used, #malformed))
+    local missing = count_missing(seen.used, rows)
+    print(string.format("%s: %d connections, %d rows skipped", options.log, seen.used, seen.skipped))
     print_top(rows)
     print_flags(rows)
-    if missing ~= 0 then
+    if whole and missing ~= 0 then
         io.stderr:write(string.format(
             "connections: %d of %d connections are not counted: the module keeps %d kinds, and the log has more\n",
-            missing, used, MAX_KINDS))
+            missing, seen.used, MAX_KINDS))
     end
 
     local result = options.out:gsub("[/\\]$", "") .. "/connections.json"
     host.write_json(result, {
         log = options.log,
-        connections = used,
-        not_counted = missing,
-        skipped_rows = malformed,
+        interrupted = not whole,
+        connections = seen.used,
+        not_counted = math.max(missing, 0), -- the row at which it was interrupted may be counted already
+        skipped = seen.skipped,
+        skipped_rows = seen.malformed,
         kinds = rows,
     })
+    if not whole then
+        fail("interrupted in line %d; the result so far is in %s", seen.lines, result)
+    end
     print("\nThe whole result is in " .. result)
 end
 

@@ -4,7 +4,7 @@
 --   fc-host --fast 4 --quiet --report out/report.html --events out/events.json examples/story.lua [--out DIR]
 --
 -- Machine, driver and clock are simulated. The diagnostic package goes to DIR/diagnostics.zip (out/diagnostics.zip),
--- the agent's trace to DIR/trace.log. Ends with 1 when something did not go as it is told here.
+-- the agent's trace to DIR/trace.log after each chapter. Ends with 1 when something did not go as it is told here.
 
 local ETHERNET, WIFI = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
 local MORNING = 1772438400 -- 2 March 2026, 08:00 UTC
@@ -344,21 +344,32 @@ local function diagnose(path)
     expect(#files >= 4, "the package has %d files", #files)
 end
 
+local function write_trace(out)
+    keep_traces()
+    host.write_file(out .. "/trace.log", table.concat(trace_lines, "\n"):sub(2) .. "\n")
+end
+
+local function tell_the_day(folder, out)
+    for _, tell in ipairs { install_first, health, count_connections, function() diagnose(out .. "/diagnostics.zip") end,
+        upgrade, hung_upgrade, broken_network, remove } do
+        tell(folder)
+        write_trace(out)
+        host.advance(600) -- until the next chapter
+    end
+end
+
 local function main(arguments)
     local options = parse_arguments(arguments)
     host.set_trace("*", true)
     local folder = make_machine(options.out)
     require "fc"
     print("One day of a machine with two network adapters; the machine and its clock are simulated.")
-    local package = options.out .. "/diagnostics.zip"
-    for _, tell in ipairs { install_first, health, count_connections, function() diagnose(package) end, upgrade,
-        hung_upgrade, broken_network, remove } do
-        tell(folder)
-        keep_traces()
-        host.advance(600) -- until the next chapter
+    local whole, message = pcall(tell_the_day, folder, options.out)
+    if not whole then
+        write_trace(options.out)
+        error(message, 0)
     end
-    write_file(options.out .. "/trace.log", table.concat(trace_lines, "\n"):sub(2) .. "\n")
-    print(string.format("\nThe package is %s, the agent's trace is %s/trace.log", package, options.out))
+    print(string.format("\nThe package is %s/diagnostics.zip, the agent's trace is %s/trace.log", options.out, options.out))
 end
 
 main({ ... })

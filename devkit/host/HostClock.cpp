@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include "Interruption.h"
 #include "WallClock.h"
 
 namespace {
@@ -29,10 +30,16 @@ SimulatedSystem &CheckClock(lua_State *L, const char *function) {
     return system;
 }
 
-/// Lua: host.sleep(seconds). On the simulated clock, if there is one.
+/// Lua: host.sleep(seconds). On the simulated clock, if there is one; an interruption ends it.
 int SleepSeconds(lua_State *L) {
-    Sleep(static_cast<DWORD>(CheckSeconds(L, kMaxSleepSeconds) * 1000));
+    (void)WaitForSingleObject(InterruptionEvent(), static_cast<DWORD>(CheckSeconds(L, kMaxSleepSeconds) * 1000));
     return 0;
+}
+
+/// Lua: interrupted = host.interrupted(). Whether Ctrl-C has come.
+int GetInterrupted(lua_State *L) {
+    lua_pushboolean(L, IsInterrupted() ? 1 : 0);
+    return 1;
 }
 
 /// Lua: seconds = host.time(). Since 1970, UTC, with a fraction.
@@ -61,8 +68,8 @@ int SetWallClock(lua_State *L) {
 
 void AddClockFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {
-        {"sleep", SleepSeconds},          {"time", GetTime},  {"advance", AdvanceClock},
-        {"set_wall_clock", SetWallClock}, {nullptr, nullptr},
+        {"sleep", SleepSeconds},   {"interrupted", GetInterrupted},  {"time", GetTime},
+        {"advance", AdvanceClock}, {"set_wall_clock", SetWallClock}, {nullptr, nullptr},
     };
     AddFunctions(L, host, functions);
 }

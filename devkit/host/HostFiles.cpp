@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Files.h"
+#include "HostState.h"
 #include "LuaEdge.h"
 #include "Text.h"
 
@@ -43,7 +45,26 @@ int OpenFile(lua_State *L) {
     return 1;
 }
 
+/// Lua: host.write_file(path, content). Replaces the file when all of it is written; missing folders are made.
+int WriteFileOfScript(lua_State *L) {
+    const std::string_view path = CheckText(L, 1);
+    const std::string_view content = CheckText(L, 2);
+    bool written = false;
+    bool pushed = false;
+    {
+        std::string error;
+        written = WriteWholeFile(ToWide(path), content, error);
+        pushed = written || PushText(L, error);
+    }
+    return written ? 0 : RaiseText(L, pushed);
+}
+
 }  // namespace
+
+void AddFileFunctions(lua_State *L, HostState &host) {
+    constexpr luaL_Reg functions[] = {{"write_file", WriteFileOfScript}, {nullptr, nullptr}};
+    AddFunctions(L, host, functions);
+}
 
 void UseUtf8FileNames(lua_State *L) {
     lua_getglobal(L, "io");

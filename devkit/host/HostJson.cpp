@@ -27,7 +27,7 @@ int WriteJsonFile(lua_State *L) {
     }
     if (written)
         return 0;
-    return pushed ? luaL_error(L, "%s", lua_tostring(L, -1)) : lua_error(L);
+    return RaiseText(L, pushed);
 }
 
 void PushJson(lua_State *L, const cJSON *value) {
@@ -78,7 +78,7 @@ int ReadJsonFile(lua_State *L) {
     }
     if (read && pushed)
         return 1;
-    return pushed ? luaL_error(L, "%s", lua_tostring(L, -1)) : lua_error(L);
+    return RaiseText(L, pushed);
 }
 
 }  // namespace

@@ -42,6 +42,7 @@ void AddDomFunctions(lua_State *L, HostState &host);
 void AddDriverFunctions(lua_State *L, HostState &host);
 void AddHandleFunctions(lua_State *L, HostState &host);
 void AddZipFunctions(lua_State *L, HostState &host);
+void AddFileFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);

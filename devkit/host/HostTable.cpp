@@ -5,6 +5,7 @@
 #include "HostFiles.h"
 #include "LuaEdge.h"
 #include "Program.h"
+#include "Script.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddDriverFunctions(L, host);
     AddHandleFunctions(L, host);
     AddZipFunctions(L, host);
+    AddFileFunctions(L, host);
     AddJsonFunctions(L, host);
     AddClockFunctions(L, host);
     AddMachineFunctions(L, host);
@@ -52,4 +54,5 @@ void OpenHostTable(lua_State *L, HostState &host) {
     lua_pop(L, 1);
 
     UseUtf8FileNames(L);
+    UseCheckedExit(L);
 }

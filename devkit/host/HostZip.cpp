@@ -10,8 +10,8 @@ namespace {
 constexpr const char *kZipTypeName = "SLB.wx.ZipOutputStream";
 
 /// Opens the package and keeps it; null when its file can't be made.
-VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path) {
-    std::unique_ptr<ZipFile> zip = ZipFile::Create(wxString(ToWide(path)));
+VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path, std::string &error) {
+    std::unique_ptr<ZipFile> zip = ZipFile::Create(ToWide(path), error);
     if (zip == nullptr)
         return nullptr;
     const void *key = &zip->Stream();
@@ -30,9 +30,15 @@ const void *ObjectOf(lua_State *L, int index) {
 /// Lua: zip = host.zip(path). A new zip file, for the module's functions that write a package.
 int NewZip(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
-    VtaCore::CZipOutputStream *stream = OpenZip(HostOf(L), path);
+    VtaCore::CZipOutputStream *stream = nullptr;
+    bool pushed = false;
+    {
+        std::string error;
+        stream = OpenZip(HostOf(L), path, error);
+        pushed = stream != nullptr || PushText(L, error);
+    }
     if (stream == nullptr)
-        return luaL_error(L, "cannot write %s", path.data());
+        return RaiseText(L, pushed);
     SLB3::Control::PushInstance(L, kZipTypeName, stream);
     return 1;
 }
@@ -43,11 +49,17 @@ int CloseZip(lua_State *L) {
     const auto open = host.zips.find(ObjectOf(L, 1));
     luaL_argcheck(L, open != host.zips.end(), 1, "an open zip of host.zip expected");
     SLB3::Control::ForgetObject(L, 1);
-    const bool closed = open->second->Close();
+    bool closed = false;
+    bool pushed = false;
+    {
+        std::string error;
+        closed = open->second->Close(error);
+        pushed = closed || PushText(L, error);
+    }
     host.zips.erase(open);
-    if (!closed)
-        return luaL_error(L, "the zip could not be written completely");
-    return 0;
+    if (closed)
+        return 0;
+    return RaiseText(L, pushed);
 }
 
 /// Lua: files = host.read_zip(path). The files in it: an array of tables with `name` and `content`.

@@ -28,6 +28,11 @@ template <typename Build>
     return PushProtected(L, [text](lua_State *state) { lua_pushlstring(state, text.data(), text.size()); });
 }
 
+/// Raises the text on top of the stack as an error, with the place in the script; or what PushText has left there.
+inline int RaiseText(lua_State *L, bool pushed) {
+    return pushed ? luaL_error(L, "%s", lua_tostring(L, -1)) : lua_error(L);
+}
+
 /// Does work that may throw, and that must not raise Lua errors.
 /// @return false with an error on the stack, where something was thrown.
 template <typename Work>

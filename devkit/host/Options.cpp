@@ -1,6 +1,12 @@
 #include "Options.h"
 
 #include <cwchar>
+#include <map>
+#include <utility>
+
+#include <windows.h>
+
+#include "AnyCase.h"
 
 namespace {
 
@@ -95,6 +101,30 @@ bool TakeOption(Options &options, const std::vector<std::wstring> &arguments, st
     return false;
 }
 
+std::wstring FullPath(const std::wstring &path) {
+    std::wstring full(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr), L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    return full;
+}
+
+/// Two of the files that are written have one name.
+bool NamesOneFileTwice(const Options &options, std::wstring &error) {
+    const std::pair<const wchar_t *, const std::wstring *> files[] = {
+        {L"--events", &options.eventsFile}, {L"--report", &options.reportFile}, {L"--settings", &options.settingsFile}};
+    std::map<std::wstring, const wchar_t *, Simulator::LessInAnyCase> known;
+    for (const auto &[option, path] : files) {
+        if (path->empty())
+            continue;
+        const auto [first, isNew] = known.emplace(FullPath(*path), option);
+        if (!isNew) {
+            error = std::wstring(first->second) + L" and " + option + L" name one file, '" + *path +
+                    L"'; give each a file of its own";
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Whether the options agree with each other.
 bool IsComplete(const Options &options, std::wstring &error) {
     if (options.help || options.version)
@@ -103,7 +133,7 @@ bool IsComplete(const Options &options, std::wstring &error) {
         error = L"no script is given: fc-host SCRIPT runs one, fc-host -i opens a prompt, fc-host --help tells more";
     else if (!options.script.empty() && options.interactive)
         error = L"-i opens a prompt and runs no script; leave out either -i or '" + options.script + L"'";
-    return error.empty();
+    return error.empty() && !NamesOneFileTwice(options, error);
 }
 
 }  // namespace
@@ -145,5 +175,6 @@ const char *HelpText() {
            "\n"
            "A script finds the module with require \"fc\" and the agent's side in the global table host.\n"
            "It ends with status 0, with 1 after an error in the script, with 2 when it can't be run, and\n"
-           "with the integer that the script returns or gives to os.exit.\n";
+           "with the whole number from 0 to 255 that the script returns or gives to os.exit. Ctrl-C ends it\n"
+           "with 130; what was gathered so far is written then, and a second Ctrl-C ends it at once.\n";
 }

@@ -6,6 +6,8 @@
 
 #include <io.h>
 
+#include "Interruption.h"
+
 namespace {
 
 constexpr const char *kChunkName = "=prompt";
@@ -16,6 +18,7 @@ std::optional<std::string> ReadLine(const char *prompt) {
         (void)std::fputs(prompt, stdout);
         (void)std::fflush(stdout);
     }
+    const Idle idle;
     std::string line;
     for (int character = 0; (character = std::getchar()) != EOF;) {
         if (character == '\n')
@@ -87,5 +90,7 @@ void RunPrompt(lua_State *L) {
         if (CallReporting(L, &*text))
             lua_pop(L, 1);
         (void)std::fflush(stdout);
+        if (IsInterrupted())
+            return;
     }
 }

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <optional>
+
+#include "Interruption.h"
 
 namespace {
 
@@ -44,11 +48,32 @@ int RunChunk(lua_State *L) {
     return 1;
 }
 
-int StatusFromResult(lua_State *L, int index) {
-    if (lua_type(L, index) != LUA_TNUMBER)
+constexpr const char *kStatusExpected = "nothing, a boolean or a whole number from 0 to 255 expected";
+
+/// @return nothing for what is no status. Others than these could not be told apart by shells.
+std::optional<int> ReadStatus(lua_State *L, int index) {
+    constexpr lua_Number most = 255;
+    if (lua_isnoneornil(L, index))
         return 0;
+    if (lua_isboolean(L, index))
+        return lua_toboolean(L, index) != 0 ? 0 : kScriptFailed;
+    if (lua_type(L, index) != LUA_TNUMBER)
+        return std::nullopt;
     const lua_Number number = lua_tonumber(L, index);
-    return number == std::floor(number) && std::fabs(number) <= 2147483647.0 ? static_cast<int>(number) : 0;
+    if (number != std::floor(number) || number < 0 || number > most)
+        return std::nullopt;
+    return static_cast<int>(number);
+}
+
+/// Lua: os.exit([status [, close]])
+int Exit(lua_State *L) {
+    const std::optional<int> status = ReadStatus(L, 1);
+    if (!status)
+        return luaL_argerror(L, 1, kStatusExpected);
+    InterruptScript(nullptr);
+    if (lua_toboolean(L, 2) != 0)
+        lua_close(L);
+    std::exit(*status);
 }
 
 }  // namespace
@@ -72,7 +97,19 @@ int RunScript(lua_State *L, const Script &script) {
     lua_pushcfunction(L, RunChunk);
     if (!CallReporting(L, &script))
         return kScriptFailed;
-    const int status = StatusFromResult(L, -1);
+    const std::optional<int> status = ReadStatus(L, -1);
+    if (!status) {
+        (void)std::fflush(stdout);
+        const char *what = lua_type(L, -1) == LUA_TNUMBER ? lua_tostring(L, -1) : luaL_typename(L, -1);
+        (void)std::fprintf(stderr, "fc-host: the script returns %s; %s\n", what, kStatusExpected);
+    }
     lua_pop(L, 1);
-    return status;
+    return status.value_or(kScriptFailed);
+}
+
+void UseCheckedExit(lua_State *L) {
+    lua_getglobal(L, "os");
+    lua_pushcfunction(L, Exit);
+    lua_setfield(L, -2, "exit");
+    lua_pop(L, 1);
 }

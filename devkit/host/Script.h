@@ -17,12 +17,15 @@ struct Script {
 };
 
 /// Runs the script with its arguments; an error goes to the standard error output with a traceback.
-/// @return the status for the program: the integer that the script returns, 0 where it returns none,
-///         kScriptFailed after an error.
+/// @return the status for the program: what the script returns, if that is a whole number from 0 to 255; 0 for nothing
+///         and true, kScriptFailed for false, after an error, and for anything else, which is told.
 [[nodiscard]] int RunScript(lua_State *L, const Script &script);
 
+/// Replaces os.exit by one that takes the same values as results of scripts. Raises Lua errors.
+void UseCheckedExit(lua_State *L);
+
 /// Reads lines from the standard input and runs each; the values of expressions are printed, and errors
-/// too. Ends with the input.
+/// too. Ends with the input, or with an interruption.
 void RunPrompt(lua_State *L);
 
 /// Calls the function on top of the stack, which takes the argument as a light userdata and yields one

@@ -63,7 +63,7 @@ void SimulatedSystem::StartFastClock(unsigned factor) {
     Simulator::InstallClock(parts.functions, parts.core->clock);
     m_hasClock = true;
     const std::set<std::string> clockFunctions = parts.functions.Names();
-    parts.functions.Attach(GetModuleHandleW(nullptr), {"Sleep", "GetSystemTimeAsFileTime"});  // HostClock.cpp
+    parts.functions.Attach(GetModuleHandleW(nullptr), {"Sleep", "WaitForSingleObject", "GetSystemTimeAsFileTime"});
     parts.functions.Attach(FindWx(), clockFunctions);
     for (const wchar_t *library : kLoadedLibraries)
         parts.functions.Attach(GetModuleHandleW(library), clockFunctions);

@@ -3,8 +3,10 @@
 #include <array>
 #include <cstdint>
 
-#include <wx/filename.h>
+#include <wx/log.h>
 #include <wx/zipstrm.h>
+
+#include "Text.h"
 
 namespace {
 
@@ -22,18 +24,26 @@ bool ReadEntry(wxZipInputStream &zip, wxFileOffset size, std::string &content) {
 
 }  // namespace
 
-std::unique_ptr<ZipFile> ZipFile::Create(const wxString &path) {
-    const wxLogNull quiet;  // the caller tells of the failure
-    (void)wxFileName(path).Mkdir(wxS_DIR_DEFAULT, wxPATH_MKDIR_FULL);
-    auto file = std::make_unique<wxFileOutputStream>(path);
-    if (!file->IsOk())
+std::unique_ptr<ZipFile> ZipFile::Create(const std::wstring &path, std::string &error) {
+    std::optional<NewFile> file = NewFile::Create(path, error);
+    if (!file)
         return nullptr;
-    return std::unique_ptr<ZipFile>(new ZipFile(std::move(file)));
+    const int descriptor = file->Descriptor();
+    if (descriptor < 0) {
+        error = "cannot write " + ToUtf8(path);
+        return nullptr;
+    }
+    return std::unique_ptr<ZipFile>(new ZipFile(std::move(*file), descriptor));
 }
 
-bool ZipFile::Close() {
+bool ZipFile::Close(std::string &error) {
+    const wxLogNull quiet;  // the caller tells of the failure
     const bool closed = m_zip.Close();
-    return m_file->Close() && closed;
+    if (!m_file->Close() || !closed) {
+        error = "the zip could not be written completely";
+        return false;
+    }
+    return m_new.Replace(error);
 }
 
 std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error) {

@@ -9,22 +9,27 @@
 
 #include <wx/wfstream.h>
 
+#include "Files.h"
 #include "vta_core_control.h"
 
+/// Takes its place when it is closed; unless it is, nothing of it is left.
 class ZipFile {
 public:
-    /// Makes the file, and missing folders above it; null when that can't be done.
-    static std::unique_ptr<ZipFile> Create(const wxString &path);
+    /// Makes the file, and missing folders above it.
+    /// @param error  says which file and why, when the result is null.
+    static std::unique_ptr<ZipFile> Create(const std::wstring &path, std::string &error);
 
     VtaCore::CZipOutputStream &Stream() { return m_zip; }
 
-    /// Ends the package. @return true when all of it was written.
-    bool Close();
+    /// Ends the package.
+    /// @param error  says which file and why, when not all of it was written.
+    [[nodiscard]] bool Close(std::string &error);
 
 private:
-    /// @param file  is open.
-    explicit ZipFile(std::unique_ptr<wxFileOutputStream> file) : m_file(std::move(file)), m_zip(*m_file) {}
+    ZipFile(NewFile file, int descriptor)
+        : m_new(std::move(file)), m_file(std::make_unique<wxFileOutputStream>(descriptor)), m_zip(*m_file) {}
 
+    NewFile m_new;
     std::unique_ptr<wxFileOutputStream> m_file;
     VtaCore::Control::ZipPackage m_zip;
 };

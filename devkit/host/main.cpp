@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include <windows.h>
@@ -13,6 +14,7 @@
 #include "HostState.h"
 #include "HostLog.h"
 #include "HostVersion.h"
+#include "Interruption.h"
 #include "LuaEdge.h"
 #include "Program.h"
 #include "ReportPage.h"
@@ -54,14 +56,16 @@ void PrepareConsole() {
     (void)_setmode(_fileno(stderr), _O_BINARY);
 }
 
+bool Succeeds(bool succeeded, const std::string &error) {
+    if (!succeeded)
+        (void)Complain(error);
+    return succeeded;
+}
+
 bool WriteEvents(const HostState &host) {
-    if (host.options.eventsFile.empty())
-        return true;
     std::string error;
-    if (WriteWholeFile(host.options.eventsFile, host.events.AsJson(), error))
-        return true;
-    (void)Complain(error);
-    return false;
+    return host.options.eventsFile.empty() ||
+           Succeeds(WriteWholeFile(host.options.eventsFile, host.events.AsJson(), error), error);
 }
 
 bool WriteReport(const HostState &host) {
@@ -70,23 +74,78 @@ bool WriteReport(const HostState &host) {
     std::string error;
     const std::optional<std::string> page =
         MakeReportPage(*host.history, host.runs.All(), ToUtf8(host.options.script), error);
-    if (page && WriteWholeFile(host.options.reportFile, *page, error))
-        return true;
-    (void)Complain(error);
-    return false;
+    return Succeeds(page && WriteWholeFile(host.options.reportFile, *page, error), error);
+}
+
+/// Before the script has run, so that a name that can't be written is no surprise afterwards. What is there stays.
+bool CanWriteOutputs(const HostState &host) {
+    const Options &options = host.options;
+    std::string error;
+    for (const std::wstring &path : {options.eventsFile, options.reportFile, options.settingsFile})
+        if (!path.empty() && !CanWriteFile(path, error))
+            return Succeeds(false, error);
+    return host.history == nullptr ||
+           Succeeds(MakeReportPage(*host.history, host.runs.All(), {}, error).has_value(), error);
+}
+
+/// Whether all settings are in their file.
+bool AreSettingsKept(const HostState &host) {
+    const DWORD error = VtaCore::Control::SettingsError(*host.dom);
+    return error == 0 ||
+           Succeeds(false, "the settings are not kept: " + WriteFailure(host.options.settingsFile, error));
+}
+
+/// Packages that the script has left open. Those of a script that was interrupted are not whole.
+bool CloseZips(HostState &host) {
+    bool closed = true;
+    if (!IsInterrupted()) {
+        for (const auto &zip : host.zips) {
+            std::string error;
+            closed = Succeeds(zip.second->Close(error), error) && closed;
+        }
+    }
+    host.zips.clear();
+    return closed;
+}
+
+/// Whether all that the script has printed is where it was to go, unless that is a pipe whose reader has enough.
+bool IsOutputWritten() {
+    const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    return written || GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE ||
+           Succeeds(false, "cannot write all of the standard output");
+}
+
+/// Held for good by the thread that ends the program.
+std::mutex g_ending;
+
+/// For a script that does not come back. Nothing that it may be using is touched.
+void SaveForInterruption() {
+    g_ending.lock();
+    const HostState &host = TheHost();
+    (void)WriteEvents(host);
+    (void)WriteReport(host);
+    (void)std::fflush(stdout);
 }
 
 /// What has to happen however the program ends: a script may call os.exit.
 void EndHost() {
+    g_ending.lock();
     wxLog::FlushActive();  // what other threads have logged
     HostState &host = TheHost();
     host.steps.End();
     VtaCore::Control::SetThreadListener(nullptr);
     VtaCore::Control::SetObserver(nullptr);
-    host.zips.clear();
-    (void)WriteEvents(host);
-    (void)WriteReport(host);
+    bool complete = CloseZips(host);
+    complete = WriteEvents(host) && complete;
+    complete = WriteReport(host) && complete;
+    complete = AreSettingsKept(host) && complete;
+    complete = IsOutputWritten() && complete;
     host.system.End();
+    (void)std::fflush(nullptr);
+    if (IsInterrupted())
+        _exit(kInterrupted);
+    if (!complete)
+        _exit(kCannotRun);
 }
 
 /// Who installs and removes drivers is watched for the console and for the report.
@@ -99,7 +158,11 @@ void WatchRuns(HostState &host) {
     VtaCore::Control::SetThreadListener(&host.runs);
 }
 
-void StartHost(HostState &host) {
+/// @return false if the settings can't be kept.
+bool StartHost(HostState &host) {
+    host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
+    if (!AreSettingsKept(host))
+        return false;
     host.log = new HostLog(!host.options.quiet, host.history.get());
     delete wxLog::SetActiveTarget(host.log);
     host.events.SetPrinting(!host.options.quiet);
@@ -108,8 +171,7 @@ void StartHost(HostState &host) {
     VtaCore::Control::SetObserver(&host.events);
     for (const std::wstring &component : host.options.traces)
         VtaCore::Control::EnableTrace(wxString(component), true);
-    host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
-    (void)std::atexit(EndHost);
+    return std::atexit(EndHost) == 0;
 }
 
 void SetArgumentTable(lua_State *L, const Script &script) {
@@ -141,10 +203,14 @@ int RunLua(const Options &options, const Script &script) {
     if (!CallReporting(L.get(), &script))
         return kCannotRun;
     lua_pop(L.get(), 1);
-    if (!options.interactive)
-        return RunScript(L.get(), script);
-    RunPrompt(L.get());
-    return 0;
+    InterruptScript(L.get());
+    int status = 0;
+    if (options.interactive)
+        RunPrompt(L.get());
+    else
+        status = RunScript(L.get(), script);
+    InterruptScript(nullptr);
+    return status;
 }
 
 /// The script's file; for the prompt there is none.
@@ -179,14 +245,16 @@ int Run(const Options &options) {
         return Complain("wxWidgets could not be initialised");
     HostState &host = TheHost();
     host.options = options;
-    // Before the script has run, so that a name that can't be written is no surprise afterwards.
     if (!options.reportFile.empty())
         host.history = std::make_unique<HealthHistory>();
-    if (!WriteEvents(host) || !WriteReport(host))
+    if (!CanWriteOutputs(host))
         return kCannotRun;
     if (options.fast > 0)
         host.system.StartFastClock(options.fast);
-    StartHost(host);
+    if (!WatchForInterruption(SaveForInterruption))
+        return Complain("Ctrl-C can't be watched for");
+    if (!StartHost(host))
+        return kCannotRun;
     return RunLua(options, script);
 }
 

@@ -32,8 +32,11 @@ const wchar_t *AfterFirst(const wchar_t *commandLine) {
     return commandLine;
 }
 
-/// Ctrl-C is for the program.
-BOOL WINAPI IgnoreControl(DWORD /*kind*/) {
+/// Ctrl-C is for the program. When the console is closed, the system ends this process as soon as this returns, and
+/// with it the program, which still has something to write.
+BOOL WINAPI IgnoreControl(DWORD kind) {
+    if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT)
+        Sleep(INFINITE);
     return TRUE;
 }
 

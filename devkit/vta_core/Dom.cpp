@@ -112,6 +112,10 @@ void Control::SetShouldExit(CDom &dom, bool exit) {
     exit ? SetEvent(event) : ResetEvent(event);
 }
 
+unsigned long Control::SettingsError(const CDom &dom) {
+    return ImplOf(&dom).settings.Error();
+}
+
 void Control::SetPluginFolder(CDom &dom, const wxString &folder) {
     const std::lock_guard lock(ImplOf(&dom).folderMutex);
     ImplOf(&dom).pluginFolder = folder;

@@ -1,9 +1,9 @@
 #include "SettingsStore.h"
 
+#include <functional>
 #include <new>
 #include <optional>
 
-#include "Handle.h"
 #include "Utf8.h"
 
 namespace VtaCore {
@@ -49,8 +49,10 @@ bool WriteWholeFile(const wxString &path, std::string_view content) {
     if (file.get() == INVALID_HANDLE_VALUE)
         return false;
     DWORD written = 0;
-    return WriteFile(file.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr) &&
-           written == content.size();
+    if (!WriteFile(file.get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr))
+        return false;
+    SetLastError(ERROR_DISK_FULL);  // for a part that was not written
+    return written == content.size();
 }
 
 /// The object that the whole text stands for, or null.
@@ -62,6 +64,11 @@ Json ParseObject(const std::string &text) {
 }
 
 bool KeepAside(const wxString &path) {
+    const DWORD attributes = GetFileAttributesW(path.wc_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return false;
+    }
     for (int i = 1; i <= kMaxBrokenFiles; ++i) {
         const wxString aside = path + (i == 1 ? wxString(".broken") : wxString::Format(".%d.broken", i));
         if (MoveFileExW(path.wc_str(), aside.wc_str(), 0))
@@ -72,6 +79,34 @@ bool KeepAside(const wxString &path) {
     }
     return false;
 }
+
+/// A mutex with a name made of the file's, which itself may be too long for one.
+Handle MutexOf(const wxString &path) {
+    std::wstring full(GetFullPathNameW(path.wc_str(), 0, nullptr, nullptr), L'\0');
+    full.resize(GetFullPathNameW(path.wc_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
+    CharLowerW(full.data());
+    const std::wstring name = L"fc-devkit-settings-" + std::to_wstring(std::hash<std::wstring>()(full));
+    return Handle(CreateMutexW(nullptr, FALSE, name.c_str()));
+}
+
+/// Holds a mutex; also one that a process has left held, since files are replaced as a whole.
+class MutexGuard {
+public:
+    /// @param mutex  null for none.
+    explicit MutexGuard(HANDLE mutex) : m_mutex(mutex) {
+        if (m_mutex != nullptr)
+            (void)WaitForSingleObject(m_mutex, INFINITE);
+    }
+    ~MutexGuard() {
+        if (m_mutex != nullptr)
+            (void)ReleaseMutex(m_mutex);
+    }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    HANDLE m_mutex;
+};
 
 std::optional<bool> FlagOfText(const wxString &text) {
     if (text == "1" || text.IsSameAs("true", false))
@@ -94,15 +129,23 @@ wxString TextOf(const cJSON *value) {
 
 SettingsStore::SettingsStore(const wxString &path) : m_path(path) {
     if (!m_path.empty()) {
+        m_changing = MutexOf(m_path);
         std::string content;
         const FileState state = ReadWholeFile(m_path, content);
         if (state == FileState::Read)
             m_root = ParseObject(content);
-        if (!m_root && state != FileState::Missing && !KeepAside(m_path))
+        if (!m_root && state != FileState::Missing && !KeepAside(m_path)) {
+            m_error = GetLastError();
             m_path.clear();
+        }
     }
     if (!m_root)
         m_root = Checked(cJSON_CreateObject());
+}
+
+DWORD SettingsStore::Error() const {
+    const std::lock_guard lock(m_mutex);
+    return m_error;
 }
 
 bool SettingsStore::GetFlag(const std::string &key, bool &flag) const {
@@ -128,22 +171,36 @@ void SettingsStore::SetText(const std::string &key, const wxString &text) {
 
 void SettingsStore::Put(const std::string &key, Json value) {
     const std::lock_guard lock(m_mutex);
+    const MutexGuard changing(m_changing.get());
+    TakeChangesOfOthers();
     cJSON_DeleteItemFromObjectCaseSensitive(m_root.get(), key.c_str());
     if (cJSON_AddItemToObject(m_root.get(), key.c_str(), value.get()))
         (void)value.release();  // the object owns it now
-    Save();
+    if (!m_path.empty())
+        m_error = Save();
 }
 
-void SettingsStore::Save() const {
-    if (m_path.empty())
+/// Not while the file lacks a change of this store.
+void SettingsStore::TakeChangesOfOthers() {
+    std::string content;
+    if (m_path.empty() || m_error != 0 || ReadWholeFile(m_path, content) != FileState::Read)
         return;
+    if (Json root = ParseObject(content))
+        m_root = std::move(root);
+}
+
+/// @return the error of the system, 0 for none.
+DWORD SettingsStore::Save() const {
     const JsonText json(cJSON_Print(m_root.get()));
     if (!json)
-        return;
+        return ERROR_NOT_ENOUGH_MEMORY;
     const wxString temporary = m_path + ".new";
-    if (!WriteWholeFile(temporary, json.get()) ||
-        !MoveFileExW(temporary.wc_str(), m_path.wc_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-        DeleteFileW(temporary.wc_str());
+    if (WriteWholeFile(temporary, json.get()) &&
+        MoveFileExW(temporary.wc_str(), m_path.wc_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return 0;
+    const DWORD error = GetLastError();
+    DeleteFileW(temporary.wc_str());
+    return error;
 }
 
 }  // namespace VtaCore

@@ -8,6 +8,8 @@
 #include <cJSON.h>
 #include <wx/string.h>
 
+#include "Handle.h"
+
 namespace VtaCore {
 
 struct JsonDeleter {
@@ -19,11 +21,15 @@ using Json = std::unique_ptr<cJSON, JsonDeleter>;
 /// there until they are replaced. Keys are UTF-8 and case-sensitive. Any thread.
 class SettingsStore {
 public:
-    /// @param path  the file, replaced as a whole at every change; empty: memory only.
+    /// @param path  the file, replaced as a whole at every change; empty: memory only. A change keeps what other stores
+    ///              have changed in the file meanwhile, and is read by them at their next change.
     ///              A file without a readable store in it is renamed to "PATH.broken" ("PATH.2.broken"
-    ///              and so on while there is such a file) and the store starts empty. A file that
-    ///              cannot be renamed either is left alone, and the store is in memory only.
+    ///              and so on while there is such a file) and the store starts empty. A folder, and a file that
+    ///              cannot be renamed either, is left alone, and the store is in memory only.
     explicit SettingsStore(const wxString &path);
+
+    /// Why the file lacks what was stored, as GetLastError tells it; 0 if it has all.
+    DWORD Error() const;
 
     /// @return false when there is no such key or its text is none of true, 1, false, 0; `flag` stays then.
     bool GetFlag(const std::string &key, bool &flag) const;
@@ -35,11 +41,14 @@ public:
 
 private:
     void Put(const std::string &key, Json value);
-    void Save() const;
+    void TakeChangesOfOthers();
+    DWORD Save() const;
 
     mutable std::mutex m_mutex;
     wxString m_path;
+    Handle m_changing;  ///< A mutex of all stores on the file; null without a file.
     Json m_root;
+    DWORD m_error = 0;
 };
 
 }  // namespace VtaCore

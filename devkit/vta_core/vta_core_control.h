@@ -94,6 +94,8 @@ VTA_CORE_API std::vector<Notification> TakeNotifications();
 
 /// Makes CDom::ShouldExit true, and ends its waits.
 VTA_CORE_API void SetShouldExit(CDom &dom, bool exit);
+/// Why the file of the settings lacks some of what was stored, as GetLastError tells it; 0 if it has all. Any thread.
+VTA_CORE_API unsigned long SettingsError(const CDom &dom);
 /// The folder below which CDom::GetPluginFileWx places a plugin's files, as FOLDER\PLUGIN\NAME; empty, as at
 /// first: the folder "plugins" beside the program.
 VTA_CORE_API void SetPluginFolder(CDom &dom, const wxString &folder);

@@ -104,6 +104,27 @@ TEST(HostCommandLine, NamesAnEventsFileThatCannotBeWrittenBeforeTheScriptRuns) {
     EXPECT_TRUE(Contains(run.err, "cannot write " + folder.Path().string())) << run.err;
 }
 
+TEST(HostCommandLine, RefusesOneFileForTwoOfItsOptions) {
+    const TemporaryFolder folder;
+    const std::wstring same = folder.At(L"SAME.html");
+    const HostRun run = RunScript("print 'ran'", {L"--events", folder.At(L"same.html"), L"--report", same});
+    EXPECT_EQ(run.exitCode, kCannotRun);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "fc-host: --events and --report name one file, '" + std::filesystem::path(same).string() +
+                           "'; give each a file of its own\n");
+}
+
+TEST(HostCommandLine, RefusesAFolderForEachOfItsFiles) {
+    for (const wchar_t *option : {L"--events", L"--report", L"--settings"}) {
+        const TemporaryFolder folder;
+        const HostRun run = RunScript("print 'ran'", {option, folder.Path().wstring()});
+        EXPECT_EQ(run.exitCode, kCannotRun);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, "fc-host: cannot write " + folder.Path().string() + ": it is a folder\n");
+        EXPECT_TRUE(std::filesystem::is_directory(folder.Path()));
+    }
+}
+
 TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
     for (const wchar_t *missing : {L"fc.dll", L"vti.dll"}) {
         const TemporaryFolder folder;

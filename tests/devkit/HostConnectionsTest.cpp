@@ -183,6 +183,56 @@ TEST_F(Connections, NamesFileLineAndRemedyOfALogThatCannotBeRead) {
     ExpectFails(std::string(kHeader) + "1.0\n", "conn.log has no usable row");
 }
 
+TEST_F(Connections, SaysWhatToDoWithALogThatIsPackedOrInAnotherEncoding) {
+    ExpectFails(std::string("\xFD"
+                            "7zXZ\0\0packed",
+                            12),
+                "conn.log:1: the log is compressed with xz; unpack it first, with unxz");
+    ExpectFails("\x28\xB5\x2F\xFD packed", "conn.log:1: the log is compressed with zstd; unpack it first");
+    ExpectFails("BZh9 packed", "conn.log:1: the log is compressed with bzip2; unpack it first");
+    ExpectFails("PK\x03\x04 packed", "conn.log:1: the log is in a zip file; unpack it first");
+    for (const std::string &utf16 : {std::string("\xFF\xFE#\0s\0", 6), std::string("\xFE\xFF\0#\0s", 6),
+                                     std::string("#\0s\0", 4), std::string("\0#\0s", 4)})
+        ExpectFails(utf16, "conn.log:1: the log is in UTF-16; convert it first, with iconv -f UTF-16");
+    ExpectFails("\xEF\xBB\xBF{\"ts\": 1}\n", "conn.log:1: the log is in JSON");
+}
+
+TEST_F(Connections, SkipsAByteOrderMark) {
+    const HostRun run = Run("\xEF\xBB\xBF" + std::string(kHeader) + kRow);
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_EQ(Number(Result(), "connections"), 1);
+}
+
+TEST_F(Connections, TellsOfAThousandMalformedRowsAndCountsTheOthers) {
+    std::string log = std::string(kHeader) + kRow;
+    for (int row = 0; row < 1200; ++row)
+        log += "1.0\n";
+    const HostRun run = Run(log);
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    EXPECT_TRUE(Contains(run.err, "connections: and 1195 more rows\n")) << run.err;
+    EXPECT_TRUE(Contains(run.out, "1 connections, 1200 rows skipped")) << run.out;
+    const JsonPtr json = Result();
+    EXPECT_EQ(Number(json, "skipped"), 1200);
+    EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(json.get(), "skipped_rows")), 1000);
+}
+
+TEST_F(Connections, LeavesWhatWasCountedWhenItIsInterrupted) {
+    const std::wstring log = folder.Write(L"conn.log",
+                                          "#separator \\x09\n#path\tconn\n#fields\tproto\tid.resp_p\n"
+                                          "tcp\t1\ntcp\t2\ntcp\t3\n");
+    const std::wstring script = folder.Write(L"script.lua",
+                                             "require 'fc'\nlocal add, rows = SLB.filter.AddToConnMetrics, 0\n"
+                                             "SLB.filter.AddToConnMetrics = function(...)\n"
+                                             "add(...)\nrows = rows + 1\n"
+                                             "if rows == 2 then print 'ready' io.stdout:flush() while true do end end\n"
+                                             "end\nassert(loadfile(arg[1]))(arg[2], '--out', arg[3])");
+    const HostRun run = InterruptHost({L"--fast", L"1", script, kExample, log, folder.At(L"out")});
+    EXPECT_EQ(run.exitCode, 130U);
+    EXPECT_TRUE(Contains(run.err, "connections: interrupted in line 5; the result so far is in ")) << run.err;
+    const std::string result = TextOfFile(folder.At(L"out\\connections.json"));
+    EXPECT_TRUE(Contains(result, "\"interrupted\":\ttrue")) << result;
+}
+
 TEST_F(Connections, NamesALogThatIsNotThere) {
     const HostRun run = RunHost({L"--fast", L"1", kExample, folder.At(L"none.log")});
     EXPECT_EQ(run.exitCode, 1U);

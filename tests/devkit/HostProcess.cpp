@@ -1,5 +1,6 @@
 #include "HostProcess.h"
 
+#include <cwchar>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -26,7 +27,9 @@ Handle OpenInherited(const std::wstring &path, DWORD access) {
 }
 
 /// Starts the program in the current folder. @return null after a failure.
-Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams) {
+/// @param flags  see CreateProcessW.
+Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
+             DWORD flags = 0) {
     const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
     const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
     const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
@@ -37,7 +40,7 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
     startup.hStdOutput = out.get();
     startup.hStdError = err.get();
     PROCESS_INFORMATION started{};
-    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr, &startup,
                         &started)) {
         ADD_FAILURE() << "CreateProcess: " << GetLastError();
         return nullptr;
@@ -54,14 +57,8 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
     return line;
 }
 
-}  // namespace
-
-HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input,
-                const std::filesystem::path &folder) {
-    const TemporaryFolder streams;
-    (void)streams.Write(L"in", input);
-    const std::filesystem::path program = folder / L"fc-host.exe";
-    const Handle process = Start(program, CommandLine(program, arguments), streams);
+/// Waits for the end of the program, or ends it.
+HostRun Await(const Handle &process, const TemporaryFolder &streams) {
     HostRun run;
     if (process == nullptr)
         return run;
@@ -74,6 +71,83 @@ HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &i
     run.out = TextOfFile(streams.At(L"out"));
     run.err = TextOfFile(streams.At(L"err"));
     return run;
+}
+
+/// Until the script has printed "ready". @return false if it ends before.
+bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
+    constexpr DWORD pollMs = 20;
+    while (TextOfFile(streams.At(L"out")).find("ready") == std::string::npos) {
+        if (WaitForSingleObject(process, pollMs) == WAIT_OBJECT_0) {
+            ADD_FAILURE() << "the script has ended before it was ready";
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Does what Ctrl-C does in the console of a process, in a second process of this program, which has to leave its own
+/// console for that: as soon as it starts, if it finds the variable, "PROCESS TIMES".
+constexpr wchar_t kInterruptVariable[] = L"FC_TEST_INTERRUPT";
+constexpr DWORD kBetweenMs = 1'200;
+
+bool InterruptConsole(const wchar_t *request) {
+    wchar_t *rest = nullptr;
+    const DWORD process = std::wcstoul(request, &rest, 10);
+    const unsigned long times = std::wcstoul(rest, nullptr, 10);
+    (void)FreeConsole();
+    if (!AttachConsole(process) || !SetConsoleCtrlHandler(nullptr, TRUE))
+        return false;
+    for (unsigned long time = 0; time < times; ++time) {
+        if (time != 0)
+            Sleep(kBetweenMs);
+        if (!GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0))
+            return false;
+    }
+    return true;
+}
+
+class Interrupter {
+public:
+    Interrupter() {
+        if (const wchar_t *const request = _wgetenv(kInterruptVariable))
+            ExitProcess(InterruptConsole(request) ? 0 : 1);
+    }
+};
+const Interrupter interrupter;
+
+void Interrupt(HANDLE process, unsigned times) {
+    const TemporaryFolder streams;
+    const std::wstring request = std::to_wstring(GetProcessId(process)) + L" " + std::to_wstring(times);
+    wchar_t program[MAX_PATH * 4] = L"";
+    GetModuleFileNameW(nullptr, program, static_cast<DWORD>(std::size(program)));
+    (void)SetEnvironmentVariableW(kInterruptVariable, request.c_str());
+    const Handle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
+    (void)SetEnvironmentVariableW(kInterruptVariable, nullptr);
+    DWORD status = 1;
+    if (second != nullptr && WaitForSingleObject(second.get(), kTimeoutMs) == WAIT_OBJECT_0)
+        GetExitCodeProcess(second.get(), &status);
+    EXPECT_EQ(status, 0U) << "nobody was interrupted";
+}
+
+}  // namespace
+
+HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input,
+                const std::filesystem::path &folder) {
+    const TemporaryFolder streams;
+    (void)streams.Write(L"in", input);
+    const std::filesystem::path program = folder / L"fc-host.exe";
+    return Await(Start(program, CommandLine(program, arguments), streams), streams);
+}
+
+HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times, const std::string &input) {
+    const TemporaryFolder streams;
+    (void)streams.Write(L"in", input);
+    const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
+    // In a console of its own, so that nobody else is interrupted.
+    const Handle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
+    if (process != nullptr && AwaitReady(process.get(), streams))
+        Interrupt(process.get(), times);
+    return Await(process, streams);
 }
 
 TemporaryFolder::TemporaryFolder() {

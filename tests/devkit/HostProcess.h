@@ -22,6 +22,10 @@ struct HostRun {
 HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input = {},
                 const std::filesystem::path &folder = BinaryFolder());
 
+/// The same for a script that prints "ready" at some time and is interrupted then, as by Ctrl-C.
+/// @param times  so often, with more than a second between them.
+HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times = 1, const std::string &input = {});
+
 /// A new folder that is removed with all that is in it.
 class TemporaryFolder {
 public:

@@ -11,17 +11,34 @@ bool Contains(const std::string &text, const std::string &part) {
 
 }  // namespace
 
-TEST(HostScript, EndsWithTheIntegerThatTheScriptReturns) {
+TEST(HostScript, EndsWithTheWholeNumberOrTheBooleanThatTheScriptReturns) {
     EXPECT_EQ(RunScript("return 7").exitCode, 7U);
+    EXPECT_EQ(RunScript("return 255").exitCode, 255U);
     EXPECT_EQ(RunScript("return").exitCode, 0U);
-    EXPECT_EQ(RunScript("return 'text'").exitCode, 0U);
-    EXPECT_EQ(RunScript("return 1.5").exitCode, 0U);
+    EXPECT_EQ(RunScript("return nil, 5").exitCode, 0U);
+    EXPECT_EQ(RunScript("return true").exitCode, 0U);
+    EXPECT_EQ(RunScript("return false").exitCode, 1U);
+}
+
+TEST(HostScript, AResultThatIsNoStatusIsToldAndEndsItWithOne) {
+    const std::pair<const char *, const char *> results[] = {
+        {"return 'text'", "string"}, {"return 1.5", "1.5"}, {"return -1", "-1"}, {"return 256", "256"}};
+    for (const auto &[script, told] : results) {
+        const HostRun run = RunScript(script);
+        EXPECT_EQ(run.exitCode, 1U) << script;
+        EXPECT_EQ(run.err, std::string("fc-host: the script returns ") + told +
+                               "; nothing, a boolean or a whole number from 0 to 255 expected\n");
+    }
 }
 
 TEST(HostScript, HonoursOsExit) {
     EXPECT_EQ(RunScript("os.exit(5)").exitCode, 5U);
+    EXPECT_EQ(RunScript("os.exit()").exitCode, 0U);
     EXPECT_EQ(RunScript("os.exit(false)").exitCode, 1U);
     EXPECT_EQ(RunScript("os.exit(true, true)").exitCode, 0U);
+    const HostRun odd = RunScript("os.exit(256)");
+    EXPECT_EQ(odd.exitCode, 1U);
+    EXPECT_TRUE(Contains(odd.err, "bad argument #1 to 'exit'")) << odd.err;
 }
 
 TEST(HostScript, AnErrorEndsItWithOneAndATraceback) {

@@ -47,6 +47,21 @@ TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
     EXPECT_EQ(TextOfFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
 }
 
+TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
+    const TemporaryFolder folder;
+    const std::wstring script = folder.Write(L"script.lua",
+                                             "local mark = host.mark\n"
+                                             "host.mark = function(text)\n"
+                                             "mark(text)\n"
+                                             "if text:match('is overloaded') then print 'ready' io.stdout:flush()\n"
+                                             "while true do end end\nend\n"
+                                             "assert(loadfile(arg[1]))('--out', arg[2])");
+    const HostRun run = InterruptHost({L"--quiet", L"--fast", L"1000", script, kStory, folder.At(L"out")});
+    EXPECT_EQ(run.exitCode, 130U) << run.err;
+    const std::string trace = TextOfFile(folder.At(L"out\\trace.log"));
+    EXPECT_EQ(FirstMissing(trace, {"  The drivers are installed", "  The machine is overloaded"}), nullptr) << trace;
+}
+
 TEST(Story, SaysHowItIsStarted) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);

@@ -38,6 +38,19 @@ TEST(HostTable, KeepsSettingsInTheFileItIsGiven) {
     ExpectPasses("assert(host.get_setting('a') == '')");
 }
 
+TEST(HostTable, SettingsThatAreNotKeptAreToldAndEndItWithTwo) {
+    const TemporaryFolder folder;
+    const std::wstring path = folder.At(L"settings");
+    const HostRun run = RunScript("host.set_setting('a', '1')\nlocal held = io.open([[" +
+                                      std::filesystem::path(path).string() + "]])\nhost.set_setting('a', '2')",
+                                  {L"--settings", path});
+    EXPECT_EQ(run.exitCode, 2U);
+    EXPECT_TRUE(Contains(
+        run.err, "fc-host: the settings are not kept: cannot write " + std::filesystem::path(path).string() + ": "))
+        << run.err;
+    EXPECT_TRUE(Contains(TextOfFile(path), "\"1\""));
+}
+
 TEST(HostTable, AnOpenHandleIsClosedByHandOrWithItsUserdata) {
     ExpectPasses(R"(
         local first, second = host.driver_handle(), host.driver_handle()

@@ -190,6 +190,60 @@ TEST_F(DomSettings, AStoreThatCannotBeWrittenKeepsTheOldFileAndTheNewValue) {
     CloseHandle(lock);
 }
 
+TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUpFor) {
+    CDom dom(Path());
+    dom.SettingStore("key", "old");
+    EXPECT_EQ(Control::SettingsError(dom), 0u);
+    const HANDLE lock = CreateFileW(m_store.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(lock, INVALID_HANDLE_VALUE);
+    dom.SettingStore("key", "new");
+    EXPECT_NE(Control::SettingsError(dom), 0u);
+    CloseHandle(lock);
+    dom.SettingStore("other", "value");
+    EXPECT_EQ(Control::SettingsError(dom), 0u);
+    EXPECT_EQ(CDom(Path()).SettingRetrieve("key"), "new");
+}
+
+TEST_F(DomSettings, AFolderIsLeftAloneAndTold) {
+    fs::create_directories(m_store / "below");
+    CDom dom(Path());
+    EXPECT_NE(Control::SettingsError(dom), 0u);
+    dom.Set("flag", true);
+    EXPECT_TRUE(fs::is_directory(m_store / "below"));
+    EXPECT_EQ(FileCount(), 1);
+}
+
+TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChanges) {
+    CDom first(Path());
+    CDom second(Path());
+    first.SettingStore("a", "of the first");
+    second.SettingStore("b", "of the second");
+    first.SettingStore("c", "of the first");
+    const CDom again(Path());
+    EXPECT_EQ(again.SettingRetrieve("a"), "of the first");
+    EXPECT_EQ(again.SettingRetrieve("b"), "of the second");
+    EXPECT_EQ(again.SettingRetrieve("c"), "of the first");
+    EXPECT_EQ(first.SettingRetrieve("b"), "of the second");
+}
+
+TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChangesAlsoAtTheSameTime) {
+    constexpr int kRounds = 20;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([this, t] {
+            CDom dom(Path());
+            for (int i = 0; i < kRounds; ++i)
+                dom.SettingStore(wxString::Format("key%d-%d", t, i), "value");
+            EXPECT_EQ(Control::SettingsError(dom), 0u);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    const CDom again(Path());
+    for (int t = 0; t < 2; ++t)
+        for (int i = 0; i < kRounds; ++i)
+            EXPECT_EQ(again.SettingRetrieve(wxString::Format("key%d-%d", t, i)), "value") << t << " " << i;
+}
+
 TEST_F(DomSettings, WithoutAPathNothingIsWritten) {
     const fs::path before = fs::current_path();
     fs::current_path(m_folder);

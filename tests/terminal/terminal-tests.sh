@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at what the host shows on a terminal, which `script` makes.
+# Looks at what the host shows on a terminal, which `script` makes, and at how Ctrl-C reaches it.
 #   terminal-tests.sh BIN XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -23,6 +23,13 @@ host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, delay = 3 }
 local folder = host.machine.folders().program_files
 assert(SLB.filter.UninstallDriver(host.dom(), folder, folder))
 print("the removal is over")
+LUA
+
+# Says that it is ready by making a file, and never ends.
+cat >"$WORK/loop.lua" <<'LUA'
+host.send_event(7, "before Ctrl-C")
+io.open(arg[1], "w"):close()
+while true do end
 LUA
 
 # on_terminal OPTIONS...: runs the removal. Leaves what came to the terminal in `shown`, without what moves its cursor; what
@@ -54,8 +61,51 @@ NothingIsShownWhenTheHostIsQuiet() {
     ! grep -q 'UninstallingDriver' "$WORK/shown" || because "a step is shown"
 }
 
+# The loop, with a file of events of a run before. Its command is in `loop`.
+prepare_loop() {
+    rm -f "$WORK/ready"
+    echo "older events" >"$WORK/events.json"
+    loop=("${WINE[@]}" "$BIN/fc-host.exe" --quiet --events "$WORK/events.json" "$WORK/loop.lua" "$WORK/ready")
+}
+
+await_ready() {
+    local tries
+    for ((tries = 0; tries < 600; tries++)); do
+        [ ! -e "$WORK/ready" ] || return 0
+        sleep 0.1
+    done
+    because "the script was never ready"
+}
+
+# leaves_events STATUS: how the loop ended.
+leaves_events() {
+    [ "$1" -eq 130 ] || because "the status is $1" || return
+    grep -qF '"before Ctrl-C"' "$WORK/events.json" || because "the events are $(head -c 200 "$WORK/events.json")"
+}
+
+CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
+    local command status=0
+    prepare_loop
+    printf -v command '%q ' "${loop[@]}"
+    { await_ready && printf '\003' && sleep 1; } |
+        timeout 120 script -qec "$command" "$WORK/typescript" >/dev/null || status=$?
+    leaves_events "$status"
+}
+
+AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
+    local status=0 group
+    prepare_loop
+    setsid timeout --foreground 120 "${loop[@]}" </dev/null >"$WORK/shown" 2>&1 &
+    group=$!
+    await_ready || { kill -KILL -- "-$group"; return 1; }
+    kill -INT -- "-$group"
+    wait "$group" || status=$?
+    leaves_events "$status"
+}
+
 for name in TheStepThatIsUnderWayIsShownInOneLineThatChanges WhatTheScriptPrintsNextFindsAnEmptyLine \
-    NothingIsShownWhenTheHostIsQuiet; do
+    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents \
+    AnInterruptSignalEndsALoopWith130AndLeavesItsEvents; do
     test_case "$name"
 done
 write_results terminal-tests "$XML"
