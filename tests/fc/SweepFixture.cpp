@@ -246,8 +246,8 @@ void SweepFixture::RestoreDriverLibrary() {
 void SweepFixture::RestoreMachine() {
     constexpr const char *configurations[] = {
         "", "SYSTEM_RUNQ_PCT_THRESHOLD=20\n",
-        "SYSTEM_CONNECTION_REFUSAL_PORT=443\nSYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=10\n"
-        "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=5\nSYSTEM_MIN_FREE_MEM_PCT=5\n"};
+        ("SYSTEM_CONNECTION_REFUSAL_PORT=443\nSYSTEM_CONNECTION_REFUSAL_PCT_THRESHOLD=10\n"
+         "SYSTEM_CONNECTION_ESTABLISHED_PER_CPU=5\nSYSTEM_MIN_FREE_MEM_PCT=5\n")};
     RestoreServices();
     RestoreRegistry();
     RestoreDriverLibrary();
