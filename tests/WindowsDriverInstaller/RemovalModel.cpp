@@ -19,7 +19,6 @@ constexpr Code kErrorInUse = 32;
 constexpr Code kErrorNoMoreItems = 259;
 constexpr Code kErrorNoService = 1060;
 constexpr Code kErrorNotActive = 1062;
-constexpr Code kErrorNotAllAssigned = 1300;
 
 constexpr char kHandle[] = "handle";
 constexpr char kService[] = "service handle";
