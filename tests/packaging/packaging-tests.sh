@@ -84,8 +84,9 @@ TheRequirementsAreTheImportsOfTheModule() {
     local library
     x86_64-w64-mingw32-objdump -p "$MODULE/fc.dll" | sed -n 's/.*DLL Name: //p' >"$WORK/imports"
     [ "$(wc -l <"$WORK/imports")" -gt 5 ] || because "the module imports $(cat "$WORK/imports")" || return
+    sed -n 's/^  \([^ ,]*\).*/\1/p' "$MODULE/REQUIREMENTS.txt" >"$WORK/names"
     while read -r library; do
-        grep -qiE "^  $library( |,|\$)" "$MODULE/REQUIREMENTS.txt" || because "$library is not among them" || return
+        grep -qixF "$library" "$WORK/names" || because "$library is not among them" || return
     done <"$WORK/imports"
     grep -qx '  vti.dll, at its first use' "$MODULE/REQUIREMENTS.txt" || because "vti.dll is not told as delayed" || return
     ! grep -qE '^  (lib|lua|wx|zlib)[^ ]*$' "$MODULE/REQUIREMENTS.txt" ||
