@@ -26,10 +26,10 @@ libraries_dir() {
 
 configure_build_install() {
     local source=$1 build=$2 prefix=$3
-    shift 3
     # No path of this machine goes into the PDB files.
-    CFLAGS="-ffile-compilation-dir=. -ffile-prefix-map=$CACHE=." CXXFLAGS="-ffile-compilation-dir=. -ffile-prefix-map=$CACHE=." \
-        cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+    local flags="-ffile-compilation-dir=. \"-ffile-prefix-map=$CACHE=.\""
+    shift 3
+    CFLAGS=$flags CXXFLAGS=$flags cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
         -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" "$@"
     cmake --build "$build" -j "$JOBS"
     cmake --install "$build"
