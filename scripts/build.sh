@@ -8,7 +8,7 @@ make_libraries() {
     copy_headers
 }
 
-STRICT=OFF # whether warnings are errors; a build folder for which they once were stays so
+STRICT=OFF # whether warnings are errors: ./dev check turns it on, and a build folder that it has made stays so
 
 has_strictness() { grep -qsxF "CMAKE_COMPILE_WARNING_AS_ERROR:UNINITIALIZED=$1" "$BUILD/CMakeCache.txt"; }
 

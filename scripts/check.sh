@@ -122,11 +122,7 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
-# The build folder stays as it is made here, so that later builds keep to it, too.
-check_warnings() {
-    STRICT=ON
-    prepare_build all
-}
+check_warnings() { prepare_build all; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
@@ -139,6 +135,7 @@ check_workflow() {
 
 run_checks() {
     local failed=() name
+    STRICT=ON
     prepare_configured "${PACKAGES_CHECK[@]}"
     require_files
     for name in format rules shell workflow lua cppcheck tidy warnings; do
