@@ -16,7 +16,9 @@ bool Contains(const std::string &text, const std::string &part) {
 }
 
 bool HasFullDevice() {
-    return GetFileAttributesW(kFullDevice) != INVALID_FILE_ATTRIBUTES;
+    const HANDLE device = CreateFileW(kFullDevice, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return device != INVALID_HANDLE_VALUE && CloseHandle(device);
 }
 
 class HostFiles : public testing::Test {
