@@ -191,7 +191,7 @@ TEST_F(DomSettings, AStoreThatCannotBeWrittenKeepsTheOldFileAndTheNewValue) {
 }
 
 TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUpFor) {
-    CDom dom(Path());
+    Control::Dom dom(Path());
     dom.SettingStore("key", "old");
     EXPECT_EQ(Control::SettingsError(dom), 0u);
     const HANDLE lock = CreateFileW(m_store.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -206,7 +206,7 @@ TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUp
 
 TEST_F(DomSettings, AFolderIsLeftAloneAndTold) {
     fs::create_directories(m_store / "below");
-    CDom dom(Path());
+    Control::Dom dom(Path());
     EXPECT_NE(Control::SettingsError(dom), 0u);
     dom.Set("flag", true);
     EXPECT_TRUE(fs::is_directory(m_store / "below"));
@@ -214,12 +214,12 @@ TEST_F(DomSettings, AFolderIsLeftAloneAndTold) {
 }
 
 TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChanges) {
-    CDom first(Path());
-    CDom second(Path());
+    Control::Dom first(Path());
+    Control::Dom second(Path());
     first.SettingStore("a", "of the first");
     second.SettingStore("b", "of the second");
     first.SettingStore("c", "of the first");
-    const CDom again(Path());
+    const Control::Dom again(Path());
     EXPECT_EQ(again.SettingRetrieve("a"), "of the first");
     EXPECT_EQ(again.SettingRetrieve("b"), "of the second");
     EXPECT_EQ(again.SettingRetrieve("c"), "of the first");
@@ -231,14 +231,14 @@ TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChangesAlsoAtTheSameTime) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t)
         threads.emplace_back([this, t] {
-            CDom dom(Path());
+            Control::Dom dom(Path());
             for (int i = 0; i < kRounds; ++i)
                 dom.SettingStore(wxString::Format("key%d-%d", t, i), "value");
             EXPECT_EQ(Control::SettingsError(dom), 0u);
         });
     for (std::thread &thread : threads)
         thread.join();
-    const CDom again(Path());
+    const Control::Dom again(Path());
     for (int t = 0; t < 2; ++t)
         for (int i = 0; i < kRounds; ++i)
             EXPECT_EQ(again.SettingRetrieve(wxString::Format("key%d-%d", t, i)), "value") << t << " " << i;
