@@ -201,7 +201,7 @@ TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUp
     CloseHandle(lock);
     dom.SettingStore("other", "value");
     EXPECT_EQ(Control::SettingsError(dom), 0u);
-    EXPECT_EQ(CDom(Path()).SettingRetrieve("key"), "new");
+    EXPECT_EQ(Control::Dom(Path()).SettingRetrieve("key"), "new");
 }
 
 TEST_F(DomSettings, AFolderIsLeftAloneAndTold) {
