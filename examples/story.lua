@@ -350,7 +350,8 @@ local function write_trace(out)
 end
 
 local function tell_the_day(folder, out)
-    for _, tell in ipairs { install_first, health, count_connections, function() diagnose(out .. "/diagnostics.zip") end,
+    local function pack() diagnose(out .. "/diagnostics.zip") end
+    for _, tell in ipairs { install_first, health, count_connections, pack,
         upgrade, hung_upgrade, broken_network, remove } do
         tell(folder)
         write_trace(out)
@@ -369,7 +370,8 @@ local function main(arguments)
         write_trace(options.out)
         error(message, 0)
     end
-    print(string.format("\nThe package is %s/diagnostics.zip, the agent's trace is %s/trace.log", options.out, options.out))
+    print(string.format("\nThe package is %s/diagnostics.zip, the agent's trace is %s/trace.log",
+        options.out, options.out))
 end
 
 main({ ... })
