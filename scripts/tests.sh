@@ -53,7 +53,8 @@ run_under_load() {
     local runs=$1 status=0 loops i
     shift
     # Until this ./dev is gone, however it ends.
-    setsid bash -c 'for _ in {1..6}; do while [ -d "/proc/$0" ]; do for ((n = 0; n < 100000; n++)); do :; done; done & done; wait' $$ &
+    setsid bash -c 'for _ in {1..6}; do while [ -d "/proc/$0" ]; do for ((n = 0; n < 100000; n++)); do :; done; done & done; wait' $$ \
+        7>&- 8>&- 9>&- &
     loops=$!
     export FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
     TEST_SECONDS=$FC_TEST_SECONDS

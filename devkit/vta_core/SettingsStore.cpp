@@ -130,6 +130,7 @@ wxString TextOf(const cJSON *value) {
 SettingsStore::SettingsStore(const wxString &path) : m_path(path) {
     if (!m_path.empty()) {
         m_changing = MutexOf(m_path);
+        const MutexGuard changing(m_changing.get());  // a file that is being replaced may look damaged
         std::string content;
         const FileState state = ReadWholeFile(m_path, content);
         if (state == FileState::Read)

@@ -168,6 +168,8 @@ TEST(ImportTable, ListsWhatTheModuleImportsWithItsAddress) {
 
 TEST(ImportTable, ListsDelayedImports) {
     HandmadeImage image;
+    image.At<IMAGE_NT_HEADERS>(0x40).OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT].VirtualAddress =
+        0x1200;
     image.AddDelayRecord(0x1200);
     const std::vector<Import> imports = Imports(image.Module());
     ASSERT_EQ(imports.size(), 1U);

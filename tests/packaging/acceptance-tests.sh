@@ -25,6 +25,7 @@ PLACE="$WINEPREFIX/drive_c/a place with blanks"
 
 # accept ARGS...: runs accept.cmd from another folder, and leaves its output in `said` and its status in STATUS.
 accept() {
+    end_wine -k # its services keep the folder in which the first program ran
     rm -f "$WINEPREFIX/drive_c/status.txt"
     printf '@cd /d C:\\windows\r\n@call "C:\\a place with blanks\\%s\\accept.cmd" %s\r\n@>C:\\status.txt echo %%errorlevel%%\r\n' \
         "${DEVKIT##*/}" "$*" >"$WINEPREFIX/drive_c/run.cmd"

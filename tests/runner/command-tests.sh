@@ -110,6 +110,7 @@ AFolderOfSomebodyElseIsNamed() {
 # as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
+    chmod a+rx "${TMPDIR:-/tmp}" 2>/dev/null || true
     chmod -R a+rwX "$WORK"
     chmod -R a-w "$1"
     RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups)
