@@ -113,7 +113,7 @@ as_another_user() {
     chmod a+rx "${TMPDIR:-/tmp}" 2>/dev/null || true
     chmod -R a+rwX "$WORK"
     chmod -R a-w "$1"
-    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups env "TMPDIR=$WORK")
 }
 as_before() { RUN_AS=(); }
 
