@@ -10,12 +10,13 @@ entry=$1
 shift
 exec 7>&- 8>&- 9>&- # Wine's services would keep the locks of ./dev
 rm -f "$entry".{xml,log,status}
-TMPDIR=$(mktemp -d -t fc-test.XXXXXX) || exit 1
-export TMPDIR
-echo "$TMPDIR" >"$entry.temporary" # for ./dev test to remove it, if this is killed
+# Not as TMPDIR, below which Debian's Wine has the socket of its server: each test would start a server of its own.
+FC_TEMPORARY=$(mktemp -d -t fc-test.XXXXXX) || exit 1
+export FC_TEMPORARY
+echo "$FC_TEMPORARY" >"$entry.temporary" # for ./dev test to remove it, if this is killed
 timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
 echo $? >"$entry.status"
-rm -rf "$TMPDIR" "$entry.temporary"
+rm -rf "$FC_TEMPORARY" "$entry.temporary"
 cat "$entry.log"
 fault=$(fault_of "$PWD/$entry")
 [ -z "$fault" ] || {

@@ -18,7 +18,7 @@ windows_path() {
     echo "${path//\//\\}"
 }
 
-report=$(mktemp)
+report=$(mktemp -p "${FC_TEMPORARY:-}")
 trap 'rm -f "$report"' EXIT
 "$wine" "$(dirname "$program")/fc-launch.exe" "$(windows_path "$report")" "$(windows_path "$program")" "$@"
 status=$(<"$report")

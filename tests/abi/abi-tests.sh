@@ -10,7 +10,7 @@ XML=$1
 REPOSITORY=$(cd "$HERE/../.." && pwd)
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=Abi
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"

@@ -11,7 +11,7 @@ WINE=("${@:4}")
 BROWSER=$(command -v chromium || true)
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=Report
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"

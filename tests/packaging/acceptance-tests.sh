@@ -11,7 +11,7 @@ BIN=$1 PACKAGES=$2 XML=$3
 WINE=${4:-wine}
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=Acceptance
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1" || true; }
 trap 'end_wine -k; rm -rf "$WORK"' EXIT

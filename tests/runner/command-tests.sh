@@ -8,7 +8,7 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=DevCommand
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
@@ -110,10 +110,10 @@ AFolderOfSomebodyElseIsNamed() {
 # as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
-    chmod a+rx "${TMPDIR:-/tmp}" 2>/dev/null || true
+    chmod a+rx "${FC_TEMPORARY:-$WORK}"
     chmod -R a+rwX "$WORK"
     chmod -R a-w "$1"
-    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups env "TMPDIR=$WORK")
+    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups env "FC_TEMPORARY=$WORK")
 }
 as_before() { RUN_AS=(); }
 

@@ -11,7 +11,7 @@ WINE=${3:-wine}
 REPOSITORY=$(cd "$HERE/../.." && pwd)
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=Runner
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
@@ -164,7 +164,7 @@ AProgramThatTakesTooLongKeepsItsOutput() {
 TheTemporaryFilesOfAProgramAreRemoved() {
     local folder
     # shellcheck disable=SC2016 # expanded by the entry
-    entries good 'mktemp -d; echo "$TMPDIR" >../folder; result good 1 0'
+    entries good 'mktemp -d -p "$FC_TEMPORARY"; echo "$FC_TEMPORARY" >../folder; result good 1 0'
     in_dev run_tests
     passes 1 || return
     folder=$(<"$WORK/build/folder")
@@ -173,7 +173,7 @@ TheTemporaryFilesOfAProgramAreRemoved() {
 
 WhatAKilledRunHasLeftIsRemovedByTheNext() {
     # shellcheck disable=SC2016 # expanded by the entry
-    entries good '[ -e ../folder ] || { echo "$TMPDIR" >../folder; ls -d "$TMPDIR"; kill -KILL $(cut -d " " -f 4 /proc/$PPID/stat); sleep 1; }
+    entries good '[ -e ../folder ] || { echo "$FC_TEMPORARY" >../folder; ls -d "$FC_TEMPORARY"; kill -KILL $(cut -d " " -f 4 /proc/$PPID/stat); sleep 1; }
 result good 1 0'
     in_dev run_tests
     ends_with_an_error || return

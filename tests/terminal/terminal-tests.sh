@@ -10,7 +10,7 @@ WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
 # shellcheck disable=SC2034 # for shell-tests.sh
 SUITE=Terminal
-WORK=$(mktemp -d)
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
 trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
