@@ -71,6 +71,8 @@ local function judge(name)
         result.fault = "was not run"
     elseif status == "late" then
         result.fault = "was ended after " .. (os.getenv("FC_TEST_SECONDS") or "?") .. " s"
+    elseif status == "begun" then
+        result.fault = "was left by fc-launch.exe, which has ended"
     elseif status == "killed" then
         result.fault = "was ended from outside"
     elseif status ~= "0" and result.failed == 0 then

@@ -20,10 +20,19 @@ windows_path() {
 
 report=$(mktemp -p "${FC_TEMPORARY:-}")
 trap 'rm -f "$report"' EXIT
-"$wine" "$(dirname "$program")/fc-launch.exe" "$(windows_path "$report")" "$(windows_path "$program")" "$@"
+# Once in some thousand times Wine ends before it has run anything. Such a start is no run of the program.
+run() {
+    "$wine" "$(dirname "$program")/fc-launch.exe" "$(windows_path "$report")" "$(windows_path "$program")" "$@"
+}
+run "$@"
+[ -s "$report" ] || {
+    echo "warning: Wine has ended before $(basename "$program") began; starting it once more" >&2
+    run "$@"
+}
 status=$(<"$report")
 case $status in
-'') fault "has left no status: it could not be run, or Wine has failed" ;;
+'') fault "could not be run: Wine has failed, or fc-launch.exe" ;;
+begun) fault "has left no status: Wine has failed while it ran" ;;
 killed) fault "was ended from outside" ;;
 *[!0-9]*) fault "has left the status '$status'" ;;
 esac

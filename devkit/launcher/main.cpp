@@ -1,6 +1,7 @@
 // fc-launch [--seconds N] STATUS-FILE PROGRAM ARGS...: runs the program, and writes its exit status to the file: the
-// number, "killed" if it was ended from outside, or "late" if it was ended here after N seconds. Wine hands the status
-// of a crashed program to its other processes in each case, but to Unix only in most.
+// number, "killed" if it was ended from outside, or "late" if it was ended here after N seconds; "begun" until then, so
+// that an empty file tells that nothing of the program has run. Wine hands the status of a crashed program to its other
+// processes in each case, but to Unix only in most.
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -65,8 +66,16 @@ struct Ending {
     bool isLate = false;
 };
 
+bool WriteStatus(const wchar_t *path, const std::string &status) {
+    std::FILE *const file = _wfopen(path, L"wb");
+    if (file == nullptr)
+        return false;
+    const bool written = std::fputs(status.c_str(), file) >= 0;
+    return std::fclose(file) == 0 && written;
+}
+
 /// @return how it ended; nothing if it can't be run.
-std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs) {
+std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs, const wchar_t *statusPath) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
@@ -74,7 +83,8 @@ std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs) {
                        &startup, &process) == 0)
         return std::nullopt;
     Ending ending;
-    if (!TieToThis(process.hProcess) || ResumeThread(process.hThread) == static_cast<DWORD>(-1)) {
+    if (!TieToThis(process.hProcess) || !WriteStatus(statusPath, "begun") ||
+        ResumeThread(process.hThread) == static_cast<DWORD>(-1)) {
         (void)TerminateProcess(process.hProcess, kCannotLaunch);
         return std::nullopt;
     }
@@ -85,14 +95,6 @@ std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs) {
         GetExitCodeProcess(process.hProcess, &ending.status) == 0)
         return std::nullopt;
     return ending;
-}
-
-bool WriteStatus(const wchar_t *path, const std::string &status) {
-    std::FILE *const file = _wfopen(path, L"wb");
-    if (file == nullptr)
-        return false;
-    const bool written = std::fputs(status.c_str(), file) >= 0;
-    return std::fclose(file) == 0 && written;
 }
 
 }  // namespace
@@ -112,7 +114,7 @@ int wmain(int argc, wchar_t **argv) {
     for (int i = 0; i <= first; ++i)
         commandLine = AfterFirst(commandLine);
     const DWORD limitMs = isLimited ? static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)) * 1000 : INFINITE;
-    const std::optional<Ending> ending = Run(commandLine, limitMs);
+    const std::optional<Ending> ending = Run(commandLine, limitMs, argv[first]);
     if (!ending)
         return Complain("the program can't be run");
     const bool killed = ending->status == 0 && WaitForSingleObject(end, 0) != WAIT_OBJECT_0;

@@ -150,6 +150,7 @@ OnlyWholeResultsAndAGoodStatusPass() {
     judges 3 && fails_with 'has ended with status 3 after its tests' || return
     judges 3221225477 && fails_with 'has crashed: 0xC0000005 after its tests' || return
     judges killed && fails_with 'was ended from outside' || return
+    judges begun && fails_with 'was left by fc-launch.exe, which has ended' || return
     judges '' && fails_with 'was not run'
 }
 

@@ -286,10 +286,40 @@ AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
 AWineThatDoesNothingFails() {
     runs_as fc-host.exe
     RUNNER_WINE=$(command -v true) in_dev run_host 0
-    ends_with_an_error && says 'error: fc-host.exe has left no status: it could not be run, or Wine has failed' || return
+    ends_with_an_error && says 'error: fc-host.exe could not be run: Wine has failed, or fc-launch.exe' || return
     runs_as fc-bench.exe
     RUNNER_WINE=$(command -v true) in_dev run_bench 0
-    ends_with_an_error && says 'error: fc-bench.exe has left no status: it could not be run, or Wine has failed'
+    ends_with_an_error && says 'error: fc-bench.exe could not be run: Wine has failed, or fc-launch.exe'
+}
+
+# fake_wine NAME: a Wine that fails once in the way that it is named after, and then works.
+fake_wine() {
+    RUNNER_WINE=$WORK/$1
+    cat >"$RUNNER_WINE" <<TEXT
+#!/usr/bin/env bash
+[ -e "$WORK/$1.first" ] && exec "$WINE" "\$@"
+touch "$WORK/$1.first"
+report=\${2#Z:}
+[ $1 != dies-at-work ] || echo -n begun >"\${report//\\\\//}"
+TEXT
+    chmod +x "$RUNNER_WINE"
+}
+
+AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore() {
+    runs_as fc-host.exe
+    fake_wine dies-at-once
+    in_dev run_host 7
+    unset RUNNER_WINE
+    [ "$STATUS" -eq 7 ] || because "the status is $STATUS, after: $(tail -n 12 "$WORK/out")" || return
+    says 'warning: Wine has ended before fc-host.exe began; starting it once more'
+}
+
+AWineThatEndsAfterTheProgramHasBegunFails() {
+    runs_as fc-host.exe
+    fake_wine dies-at-work
+    in_dev run_host 0
+    unset RUNNER_WINE
+    ends_with_an_error && says 'error: fc-host.exe has left no status: Wine has failed while it ran'
 }
 
 # start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script makes the file.
@@ -332,7 +362,7 @@ ASignalEndsTheHostAndNoOtherProgramUnderWine() {
 AProgramThatIsMissingFails() {
     runs_as fc-host.exe
     in_dev run_bench 0
-    ends_with_an_error && mentions 'error: fc-bench.exe has left no status'
+    ends_with_an_error && mentions 'error: fc-bench.exe could not be run'
 }
 
 # A test in shell that ends in its midst leaves no results.
@@ -359,7 +389,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWit
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
     TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
-    AWineThatDoesNothingFails ASignalEndsTheHostAndNoOtherProgramUnderWine AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
+    AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore AWineThatEndsAfterTheProgramHasBegunFails \
+    ASignalEndsTheHostAndNoOtherProgramUnderWine AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
