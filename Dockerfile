@@ -5,13 +5,13 @@
 # Debian 13 instead of 12: --build-arg RELEASE=trixie
 ARG RELEASE=bookworm
 FROM --platform=linux/amd64 debian:$RELEASE
-SHELL ["/bin/bash", "-euo", "pipefail", "-c"]
 COPY scripts/packages.sh /tmp/
-RUN source /tmp/packages.sh \
-    && apt-get update \
-    && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
-        "${PACKAGES_BUILD[@]}" "${PACKAGES_TEST[@]}" "${PACKAGES_CHECK[@]}" \
-    && rm /tmp/packages.sh
+# Without SHELL, which podman and buildah ignore.
+RUN bash -euo pipefail -c 'source /tmp/packages.sh; \
+    apt-get update; \
+    DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
+        "${PACKAGES_BUILD[@]}" "${PACKAGES_TEST[@]}" "${PACKAGES_CHECK[@]}"; \
+    rm /tmp/packages.sh'
 # For users whom the image does not know.
 RUN mkdir -m 1777 /cache
 ENV HOME=/cache USER=dev FC_CACHE=/cache/fc-devkit
