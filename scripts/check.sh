@@ -14,8 +14,8 @@ require_files() {
 check_format() {
     local files
     mapfile -t files < <(cpp_files)
-    clang-format --dry-run -Werror "${files[@]}" || {
-        echo "format them with: clang-format -i FILE..." >&2
+    clang-format-19 --dry-run -Werror "${files[@]}" || {
+        echo "format them with: clang-format-19 -i FILE..." >&2
         return 1
     }
 }
@@ -38,7 +38,7 @@ tidy_arguments() {
     x86_64-w64-mingw32-g++-posix -E -x c++ -v /dev/null 2>&1 |
         sed -n '/#include <...> search starts/,/End of search/p' |
         awk '/^ / && !/\/gcc\/[^ ]*\/include(-fixed)?$/ { print "-isystem\n" $1 }'
-    printf '%s\n' -isystem "$(clang -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
+    printf '%s\n' -isystem "$(clang-19 -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
 }
 
 # The files of a folder are read as one, since most of the time goes into the system's headers.
@@ -108,7 +108,7 @@ check_tidy() {
         *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
         esac
     done
-    printf '%s\n' "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy --quiet UNIT -- "${arguments[@]}" \
+    printf '%s\n' "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy-19 --quiet UNIT -- "${arguments[@]}" \
         2> >(grep -v 'warnings\? generated\|Suppressed\|^Use -header-filter' >&2)
 }
 

@@ -16,8 +16,11 @@ std::optional<std::array<Number, 4>> ParseFourNumbers(std::string_view text) {
     const char *at = text.data();
     const char *const end = at + text.size();
     for (std::size_t i = 0; i < numbers.size(); ++i) {
-        if (i > 0 && (at == end || *at++ != '.'))
-            return std::nullopt;
+        if (i > 0) {
+            if (at == end || *at != '.')
+                return std::nullopt;
+            ++at;
+        }
         const std::from_chars_result read = std::from_chars(at, end, numbers[i]);
         if (read.ec != std::errc())
             return std::nullopt;

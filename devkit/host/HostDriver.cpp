@@ -207,9 +207,8 @@ int SetFault(lua_State *L) {
     const std::string_view operation = CheckText(L, 1);
     const auto status = static_cast<std::int32_t>(luaL_checkinteger(L, 2));
     const std::string_view text = CheckText(L, 3);
-    WithDriver([&](Vti::Driver &driver) {
-        driver.faults[std::string(operation)] = {status, std::string(text), -1, 0};
-    });
+    WithDriver(
+        [&](Vti::Driver &driver) { driver.faults[std::string(operation)] = {status, std::string(text), -1, 0}; });
     return 0;
 }
 

@@ -84,8 +84,11 @@ bool ParseMac(std::string_view text, MacAddress &mac) {
     const char *at = text.data();
     const char *const end = at + text.size();
     for (unsigned &part : mac) {
-        if (&part != &mac.front() && (at == end || *at++ != ':'))
-            return false;
+        if (&part != &mac.front()) {
+            if (at == end || *at != ':')
+                return false;
+            ++at;
+        }
         const auto [next, error] = std::from_chars(at, end, part, 16);
         if (error != std::errc() || next - at > 2)
             return false;

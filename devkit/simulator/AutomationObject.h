@@ -56,8 +56,7 @@ protected:
         const InsideSimulator inside;
         (ClearInterface(arguments), ...);
         const std::string name = std::string(m_interfaceName) + "::" + method;
-        return this->Call(
-            name.c_str(), [] { return E_NOTIMPL; }, arguments...);
+        return this->Call(name.c_str(), [] { return E_NOTIMPL; }, arguments...);
     }
 
 private:

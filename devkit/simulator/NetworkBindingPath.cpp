@@ -23,15 +23,13 @@ HRESULT NetworkBindingPath::IsEnabled() {
 }
 
 HRESULT NetworkBindingPath::Enable(BOOL enable) {
-    return Call(
-        "INetCfgBindingPath::Enable", [&] { return m_engine->Enable(m_ends, enable != FALSE); }, enable);
+    return Call("INetCfgBindingPath::Enable", [&] { return m_engine->Enable(m_ends, enable != FALSE); }, enable);
 }
 
 HRESULT NetworkBindingPath::EnumBindingInterfaces(IEnumNetCfgBindingInterface **interfaces) {
     static constexpr char name[] = "INetCfgBindingPath::EnumBindingInterfaces";
     ClearResult(interfaces);
-    return Call(
-        name, [&] { return Enumerate(name, interfaces); }, interfaces);
+    return Call(name, [&] { return Enumerate(name, interfaces); }, interfaces);
 }
 
 HRESULT NetworkBindingPath::Enumerate(const char *function, IEnumNetCfgBindingInterface **interfaces) {
@@ -48,30 +46,25 @@ HRESULT NetworkBindingPath::Enumerate(const char *function, IEnumNetCfgBindingIn
 }
 
 HRESULT NetworkBindingPath::IsSamePathAs(INetCfgBindingPath *path) {
-    return Call(
-        "INetCfgBindingPath::IsSamePathAs", [] { return E_NOTIMPL; }, path);
+    return Call("INetCfgBindingPath::IsSamePathAs", [] { return E_NOTIMPL; }, path);
 }
 
 HRESULT NetworkBindingPath::IsSubPathOf(INetCfgBindingPath *path) {
-    return Call(
-        "INetCfgBindingPath::IsSubPathOf", [] { return E_NOTIMPL; }, path);
+    return Call("INetCfgBindingPath::IsSubPathOf", [] { return E_NOTIMPL; }, path);
 }
 
 HRESULT NetworkBindingPath::GetPathToken(LPWSTR *token) {
     ClearResult(token);
-    return Call(
-        "INetCfgBindingPath::GetPathToken", [] { return E_NOTIMPL; }, token);
+    return Call("INetCfgBindingPath::GetPathToken", [] { return E_NOTIMPL; }, token);
 }
 
 HRESULT NetworkBindingPath::GetOwner(INetCfgComponent **component) {
     ClearResult(component);
-    return Call(
-        "INetCfgBindingPath::GetOwner", [] { return E_NOTIMPL; }, component);
+    return Call("INetCfgBindingPath::GetOwner", [] { return E_NOTIMPL; }, component);
 }
 
 HRESULT NetworkBindingPath::GetDepth(ULONG *interfaces) {
-    return Call(
-        "INetCfgBindingPath::GetDepth", [] { return E_NOTIMPL; }, interfaces);
+    return Call("INetCfgBindingPath::GetDepth", [] { return E_NOTIMPL; }, interfaces);
 }
 
 NetworkBindingInterface::NetworkBindingInterface(const std::shared_ptr<Core> &core,
@@ -89,21 +82,18 @@ HRESULT NetworkBindingInterface::Provide(REFIID iid, const char *function, void 
 HRESULT NetworkBindingInterface::GetUpperComponent(INetCfgComponent **component) {
     static constexpr char name[] = "INetCfgBindingInterface::GetUpperComponent";
     ClearResult(component);
-    return Call(
-        name, [&] { return GiveEnd(m_ends.component, name, component); }, component);
+    return Call(name, [&] { return GiveEnd(m_ends.component, name, component); }, component);
 }
 
 HRESULT NetworkBindingInterface::GetLowerComponent(INetCfgComponent **component) {
     static constexpr char name[] = "INetCfgBindingInterface::GetLowerComponent";
     ClearResult(component);
-    return Call(
-        name, [&] { return GiveEnd(m_ends.adapter, name, component); }, component);
+    return Call(name, [&] { return GiveEnd(m_ends.adapter, name, component); }, component);
 }
 
 HRESULT NetworkBindingInterface::GetName(LPWSTR *name) {
     ClearResult(name);
-    return Call(
-        "INetCfgBindingInterface::GetName", [] { return E_NOTIMPL; }, name);
+    return Call("INetCfgBindingInterface::GetName", [] { return E_NOTIMPL; }, name);
 }
 
 HRESULT NetworkBindingInterface::GiveEnd(unsigned key, const char *function, INetCfgComponent **component) {

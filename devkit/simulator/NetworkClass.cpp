@@ -77,15 +77,13 @@ HRESULT NetworkClass::Provide(REFIID iid, const char *function, void **object) {
 HRESULT NetworkClass::FindComponent(LPCWSTR id, INetCfgComponent **component) {
     static constexpr char name[] = "INetCfgClass::FindComponent";
     ClearResult(component);
-    return Call(
-        name, [&] { return m_engine->Find(id, &m_classGuid, name, component); }, id, component);
+    return Call(name, [&] { return m_engine->Find(id, &m_classGuid, name, component); }, id, component);
 }
 
 HRESULT NetworkClass::EnumComponents(IEnumNetCfgComponent **components) {
     static constexpr char name[] = "INetCfgClass::EnumComponents";
     ClearResult(components);
-    return Call(
-        name, [&] { return m_engine->Enumerate(&m_classGuid, name, components); }, components);
+    return Call(name, [&] { return m_engine->Enumerate(&m_classGuid, name, components); }, components);
 }
 
 NetworkClassSetup::NetworkClassSetup(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
@@ -102,8 +100,7 @@ HRESULT NetworkClassSetup::Provide(REFIID iid, const char *function, void **obje
 
 HRESULT NetworkClassSetup::SelectAndInstall(HWND parent, OBO_TOKEN *token, INetCfgComponent **component) {
     ClearResult(component);
-    return Call(
-        "INetCfgClassSetup::SelectAndInstall", [] { return E_NOTIMPL; }, parent, token, component);
+    return Call("INetCfgClassSetup::SelectAndInstall", [] { return E_NOTIMPL; }, parent, token, component);
 }
 
 HRESULT NetworkClassSetup::Install(LPCWSTR id, OBO_TOKEN *token, DWORD setupFlags, DWORD upgradeFromBuild,
@@ -133,8 +130,7 @@ HRESULT NetworkClassSetup::Put(LPCWSTR id, const OBO_TOKEN *token, const char *f
 
 HRESULT NetworkClassSetup::DeInstall(INetCfgComponent *component, OBO_TOKEN *token, LPWSTR *references) {
     ClearResult(references);
-    return Call(
-        "INetCfgClassSetup::DeInstall", [&] { return Remove(component, token); }, component, token, references);
+    return Call("INetCfgClassSetup::DeInstall", [&] { return Remove(component, token); }, component, token, references);
 }
 
 HRESULT NetworkClassSetup::Remove(INetCfgComponent *component, const OBO_TOKEN *token) {

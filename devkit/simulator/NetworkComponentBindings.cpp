@@ -22,8 +22,7 @@ HRESULT NetworkComponentBindings::Provide(REFIID iid, const char *function, void
 }
 
 HRESULT NetworkComponentBindings::IsBoundTo(INetCfgComponent *adapter) {
-    return Call(
-        "INetCfgComponentBindings::IsBoundTo", [&] { return Compare(adapter); }, adapter);
+    return Call("INetCfgComponentBindings::IsBoundTo", [&] { return Compare(adapter); }, adapter);
 }
 
 HRESULT NetworkComponentBindings::Compare(INetCfgComponent *adapter) {
@@ -37,8 +36,7 @@ HRESULT NetworkComponentBindings::Compare(INetCfgComponent *adapter) {
 HRESULT NetworkComponentBindings::EnumBindingPaths(DWORD flags, IEnumNetCfgBindingPath **paths) {
     static constexpr char name[] = "INetCfgComponentBindings::EnumBindingPaths";
     ClearResult(paths);
-    return Call(
-        name, [&] { return Enumerate(flags, name, paths); }, flags, paths);
+    return Call(name, [&] { return Enumerate(flags, name, paths); }, flags, paths);
 }
 
 HRESULT NetworkComponentBindings::Enumerate(DWORD flags, const char *function, IEnumNetCfgBindingPath **paths) {
@@ -60,33 +58,27 @@ HRESULT NetworkComponentBindings::Enumerate(DWORD flags, const char *function, I
 }
 
 HRESULT NetworkComponentBindings::BindTo(INetCfgComponent *component) {
-    return Call(
-        "INetCfgComponentBindings::BindTo", [] { return E_NOTIMPL; }, component);
+    return Call("INetCfgComponentBindings::BindTo", [] { return E_NOTIMPL; }, component);
 }
 
 HRESULT NetworkComponentBindings::UnbindFrom(INetCfgComponent *component) {
-    return Call(
-        "INetCfgComponentBindings::UnbindFrom", [] { return E_NOTIMPL; }, component);
+    return Call("INetCfgComponentBindings::UnbindFrom", [] { return E_NOTIMPL; }, component);
 }
 
 HRESULT NetworkComponentBindings::SupportsBindingInterface(DWORD flags, LPCWSTR name) {
-    return Call(
-        "INetCfgComponentBindings::SupportsBindingInterface", [] { return E_NOTIMPL; }, flags, name);
+    return Call("INetCfgComponentBindings::SupportsBindingInterface", [] { return E_NOTIMPL; }, flags, name);
 }
 
 HRESULT NetworkComponentBindings::IsBindableTo(INetCfgComponent *component) {
-    return Call(
-        "INetCfgComponentBindings::IsBindableTo", [] { return E_NOTIMPL; }, component);
+    return Call("INetCfgComponentBindings::IsBindableTo", [] { return E_NOTIMPL; }, component);
 }
 
 HRESULT NetworkComponentBindings::MoveBefore(INetCfgBindingPath *path, INetCfgBindingPath *other) {
-    return Call(
-        "INetCfgComponentBindings::MoveBefore", [] { return E_NOTIMPL; }, path, other);
+    return Call("INetCfgComponentBindings::MoveBefore", [] { return E_NOTIMPL; }, path, other);
 }
 
 HRESULT NetworkComponentBindings::MoveAfter(INetCfgBindingPath *path, INetCfgBindingPath *other) {
-    return Call(
-        "INetCfgComponentBindings::MoveAfter", [] { return E_NOTIMPL; }, path, other);
+    return Call("INetCfgComponentBindings::MoveAfter", [] { return E_NOTIMPL; }, path, other);
 }
 
 }  // namespace Simulator

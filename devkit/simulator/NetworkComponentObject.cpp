@@ -63,14 +63,12 @@ HRESULT NetworkComponentObject::GetDisplayName(LPWSTR *name) {
 }
 
 HRESULT NetworkComponentObject::SetDisplayName(LPCWSTR name) {
-    return Call(
-        "INetCfgComponent::SetDisplayName", [] { return E_NOTIMPL; }, name);
+    return Call("INetCfgComponent::SetDisplayName", [] { return E_NOTIMPL; }, name);
 }
 
 HRESULT NetworkComponentObject::GetHelpText(LPWSTR *text) {
     ClearResult(text);
-    return Call(
-        "INetCfgComponent::GetHelpText", [] { return E_NOTIMPL; }, text);
+    return Call("INetCfgComponent::GetHelpText", [] { return E_NOTIMPL; }, text);
 }
 
 HRESULT NetworkComponentObject::GetCharacteristics(LPDWORD characteristics) {
@@ -88,8 +86,7 @@ HRESULT NetworkComponentObject::GetCharacteristics(LPDWORD characteristics) {
 }
 
 HRESULT NetworkComponentObject::GetInstanceGuid(GUID *instanceGuid) {
-    return Call(
-        "INetCfgComponent::GetInstanceGuid", [] { return E_NOTIMPL; }, instanceGuid);
+    return Call("INetCfgComponent::GetInstanceGuid", [] { return E_NOTIMPL; }, instanceGuid);
 }
 
 HRESULT NetworkComponentObject::GetPnpDevNodeId(LPWSTR *id) {
@@ -127,13 +124,11 @@ HRESULT NetworkComponentObject::GetDeviceStatus(ULONG *status) {
 
 HRESULT NetworkComponentObject::OpenParamKey(HKEY *key) {
     ClearResult(key);
-    return Call(
-        "INetCfgComponent::OpenParamKey", [] { return E_NOTIMPL; }, key);
+    return Call("INetCfgComponent::OpenParamKey", [] { return E_NOTIMPL; }, key);
 }
 
 HRESULT NetworkComponentObject::RaisePropertyUi(HWND parent, DWORD flags, IUnknown *context) {
-    return Call(
-        "INetCfgComponent::RaisePropertyUi", [] { return E_NOTIMPL; }, parent, flags, context);
+    return Call("INetCfgComponent::RaisePropertyUi", [] { return E_NOTIMPL; }, parent, flags, context);
 }
 
 }  // namespace Simulator

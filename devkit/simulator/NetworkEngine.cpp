@@ -78,15 +78,13 @@ HRESULT NetworkEngine::Cancel() {
 HRESULT NetworkEngine::EnumComponents(const GUID *classGuid, IEnumNetCfgComponent **components) {
     static constexpr char name[] = "INetCfg::EnumComponents";
     ClearResult(components);
-    return Call(
-        name, [&] { return Enumerate(classGuid, name, components); }, classGuid, components);
+    return Call(name, [&] { return Enumerate(classGuid, name, components); }, classGuid, components);
 }
 
 HRESULT NetworkEngine::FindComponent(LPCWSTR id, INetCfgComponent **component) {
     static constexpr char name[] = "INetCfg::FindComponent";
     ClearResult(component);
-    return Call(
-        name, [&] { return Find(id, nullptr, name, component); }, id, component);
+    return Call(name, [&] { return Find(id, nullptr, name, component); }, id, component);
 }
 
 HRESULT NetworkEngine::QueryNetCfgClass(const GUID *classGuid, REFIID iid, void **object) {

@@ -52,8 +52,7 @@ public:
             std::fill_n(items, count, nullptr);
         if (fetched != nullptr)
             *fetched = 0;
-        return this->Call(
-            m_names.next, [&] { return Fetch(count, items, fetched); }, count, items, fetched);
+        return this->Call(m_names.next, [&] { return Fetch(count, items, fetched); }, count, items, fetched);
     }
 
     /// S_FALSE if there are not so many left.

@@ -126,11 +126,10 @@ DWORD Adjust(Security &security, HANDLE token, bool disableAll, const TOKEN_PRIV
 }  // namespace
 
 void InstallSecurity(FunctionSet &functions, Security &security) {
-    functions.Put<System::SetNamedSecurityInfoW>([&security](const auto &, const wchar_t *name, SE_OBJECT_TYPE type,
-                                                             SECURITY_INFORMATION information, PSID owner, PSID,
-                                                             ACL *list, ACL *) {
-        return SetKeySecurity(security, {name, type, information, owner, list});
-    });
+    functions.Put<System::SetNamedSecurityInfoW>(
+        [&security](const auto &, const wchar_t *name, SE_OBJECT_TYPE type, SECURITY_INFORMATION information,
+                    PSID owner, PSID, ACL *list,
+                    ACL *) { return SetKeySecurity(security, {name, type, information, owner, list}); });
     functions.Put<System::AdjustTokenPrivileges>([&security](const auto &, HANDLE token, BOOL disableAll,
                                                              TOKEN_PRIVILEGES *wanted, DWORD,
                                                              TOKEN_PRIVILEGES *previous, DWORD *) -> BOOL {

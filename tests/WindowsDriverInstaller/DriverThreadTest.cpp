@@ -91,7 +91,9 @@ TEST_F(DriverThread, RunsInStepZeroFromItsMakingOn) {
 
 TEST_F(DriverThread, LeavesItsEventOpen) {
     const Simulator::BalanceSnapshot before = balance().Take();
-    { const Probe thread(dom); }
+    {
+        const Probe thread(dom);
+    }
     const Simulator::BalanceSnapshot after = balance().Take();
     EXPECT_EQ(after.Count(Simulator::Kind::kHandle), before.Count(Simulator::Kind::kHandle) + 1);
     EXPECT_EQ(Arguments("CreateEventW"), Texts{"null, 0, 0, null"}) << "auto-reset, not signalled, without a name";
