@@ -200,7 +200,10 @@ void RegistrySandbox::PutBytes(HKEY root, const std::wstring &path, const std::w
                                const std::vector<std::uint8_t> &bytes) {
     const InsideSimulator inside;
     const UniqueKey key = Create(root, path);
-    Check(RegSetValueExW(key.get(), name.c_str(), 0, type, bytes.data(), static_cast<DWORD>(bytes.size())),
+    // A zero that happens to follow a text without one would be stored with it.
+    std::vector<std::uint8_t> ended = bytes;
+    ended.insert(ended.end(), 2 * sizeof(wchar_t), 0xff);
+    Check(RegSetValueExW(key.get(), name.c_str(), 0, type, ended.data(), static_cast<DWORD>(bytes.size())),
           "RegSetValueExW");
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "LogCollector.h"
+#include "NativeKeys.h"
 #include "vta_core_control.h"
 
 namespace {
@@ -95,13 +96,17 @@ void FirewallFixture::PutFlag(const StoredFlag &flag) {
 
 std::optional<StoredFlag> FirewallFixture::Flag() {
     const Simulator::InsideSimulator inside;
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kAgentKey, 0, KEY_READ, &opened) != ERROR_SUCCESS)
+        return std::nullopt;
+    const Simulator::UniqueKey key(opened);
     StoredFlag flag{};
     DWORD size = 0;
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, kAgentKey, kFlagName, RRF_RT_ANY, &flag.type, nullptr, &size) != ERROR_SUCCESS)
+    // RegGetValueW would end a text that is stored without a zero.
+    if (RegQueryValueExW(key.get(), kFlagName, nullptr, &flag.type, nullptr, &size) != ERROR_SUCCESS)
         return std::nullopt;
     flag.bytes.resize(size);
-    EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, kAgentKey, kFlagName, RRF_RT_ANY, nullptr, flag.bytes.data(), &size),
-              ERROR_SUCCESS);
+    EXPECT_EQ(RegQueryValueExW(key.get(), kFlagName, nullptr, nullptr, flag.bytes.data(), &size), ERROR_SUCCESS);
     return flag;
 }
 

@@ -1,8 +1,10 @@
 #include "RegistrySandbox.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <wx/buffer.h>
@@ -124,6 +126,17 @@ TEST(RegistrySandbox, GivesWhatWasPutToTheRealFunctions) {
     EXPECT_STREQ(text, L"abc");
     EXPECT_EQ(type, static_cast<DWORD>(REG_EXPAND_SZ));
     EXPECT_EQ(size, 8U);
+}
+
+TEST(RegistrySandbox, KeepsATextWithoutAZeroAsItIs) {
+    const auto sandbox = MakeSandbox();
+    std::vector<std::uint8_t> bytes{'7', 0, 0, 0};
+    bytes.resize(2);  // the memory behind it keeps its zeros
+    sandbox->PutBytes(HKEY_LOCAL_MACHINE, L"A", L"text", REG_SZ, bytes);
+    const UniqueKey key = Open(HKEY_LOCAL_MACHINE, L"A");
+    DWORD size = 0;
+    ASSERT_EQ(RegQueryValueExW(key.get(), L"text", nullptr, nullptr, nullptr, &size), ERROR_SUCCESS);
+    EXPECT_EQ(size, 2U);
 }
 
 TEST(RegistrySandbox, LiesUnderWxToo) {
