@@ -58,7 +58,7 @@ has_gone() { grep -qE ' 404 |error: 404|No such file' "$1"; }
 # The tool's own words for what went wrong.
 reason_of() {
     { grep -E '^(E|curl|cp):' "$1" | grep -v 'E: Download Failed' || echo "it says nothing"; } |
-        tail -n 1 | sed 's/^E: Failed to fetch [^ ]* *//; s/^[^ ]*: //'
+        tail -n 1 | sed 's/^E: Failed to fetch [^ ]* *//; s/^[^ ]*: //; s/:$//'
 }
 
 # fetch_from FILE SHA256 PATH URL: leaves FILE, or yields false and says why in TROUBLE.

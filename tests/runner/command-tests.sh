@@ -107,13 +107,14 @@ AFolderOfSomebodyElseIsNamed() {
     done
 }
 
-# as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev.
+# as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev, and may perhaps not
+# even enter the folder where these tests are run.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
     chmod a+rx "${FC_TEMPORARY:-$WORK}"
     chmod -R a+rwX "$WORK"
     chmod -R a-w "$1"
-    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups env "FC_TEMPORARY=$WORK")
+    RUN_AS=(setpriv --reuid=65534 --regid=65534 --clear-groups env -C "$WORK" "FC_TEMPORARY=$WORK")
 }
 as_before() { RUN_AS=(); }
 

@@ -175,7 +175,10 @@ WithoutANetworkOneLineSaysWhatToDo() {
     local started=$SECONDS
     fresh
     in_dev FC_MIRROR=http://127.0.0.1:9/debian -- copy_headers
-    fails_with "can't be fetched (Could not connect to 127.0.0.1:9" && says "put the files that scripts/libraries.pins names into $DOWNLOADS" || return
+    fails_with "put the files that scripts/libraries.pins names into $DOWNLOADS" || return
+    # In apt's own words, of which newer ones are fewer.
+    grep -qE "can't be fetched \((Could not connect to 127.0.0.1:9 \(.*|Unable to connect to 127.0.0.1:9)\): check" "$WORK/said" ||
+        because "it says: $(cat "$WORK/said")" || return
     [ $((SECONDS - started)) -lt 30 ] || because "it took $((SECONDS - started)) s"
 }
 
