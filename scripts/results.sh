@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Judging the results that the entries of ctest leave in a folder: ENTRY.xml, ENTRY.log and ENTRY.status.
 
-TEST_SECONDS=${FC_TEST_SECONDS:-600} # for each entry
+TEST_SECONDS=${FC_TEST_SECONDS:-1200} # for each entry
 
 # count_results XML: prints how many tests there were, how many failed and how many were skipped. Yields false when the
 # file is not there or not complete.
