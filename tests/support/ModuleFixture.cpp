@@ -9,6 +9,9 @@ ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simula
     for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
         Watch(LoadLibraryW(name));
     Watch(GetModuleHandleW(nullptr));
+    // Of the system's they stay loaded: with each module anew they take longer than the module.
+    for (const wchar_t *name : {L"dbghelp.dll", L"iphlpapi.dll", L"pdh.dll", L"setupapi.dll"})
+        (void)LoadLibraryW(name);
     m_simulation.AttachWhenLoaded(L"fc.dll");
     m_module = std::make_unique<FcModule>();
     Open(lua);
