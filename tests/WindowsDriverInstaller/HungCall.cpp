@@ -21,6 +21,9 @@ SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 }  // namespace System
 
+/// With this variable Wine's library for stacks leaves out the host's own libraries, too, of which it reads every byte.
+constexpr wchar_t kNoSystemLibraries[] = L"DBGHELP_NOLIVE";
+
 }  // namespace
 
 SeenThread::SeenThread(DWORD id) {
@@ -76,9 +79,11 @@ HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &r
 
 HungCall::~HungCall() {
     wxLog::SetVerbose(false);
+    SetEnvironmentVariableW(kNoSystemLibraries, nullptr);
 }
 
 void HungCall::LoadNoModulesForStacks() {
+    SetEnvironmentVariableW(kNoSystemLibraries, L"1");
     m_simulation.Functions().Put<System::SymInitializeW>(
         [](const auto &next, HANDLE process, PCWSTR path, BOOL) -> BOOL { return next(process, path, FALSE); });
 }
