@@ -93,6 +93,14 @@ tidy_units_of() {
     tidy_unit "$folder/others" "${others[@]}"
 }
 
+# longest_first UNIT...: by what they include of ours, so that none is left to run alone at the end.
+longest_first() {
+    local unit
+    for unit in "$@"; do
+        echo "$(sed -n 's,^#include "\(/[^"]*\)"$,\1,p' "$unit" | xargs -r -d '\n' cat | wc -c) $unit"
+    done | sort -rn | cut -d ' ' -f 2-
+}
+
 check_tidy() {
     local arguments folder files units=()
     rm -rf "$BUILD/tidy"
@@ -108,7 +116,7 @@ check_tidy() {
         *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
         esac
     done
-    printf '%s\n' "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy-19 --quiet UNIT -- "${arguments[@]}" \
+    longest_first "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy-19 --quiet UNIT -- "${arguments[@]}" \
         2> >(grep -v 'warnings\? generated\|Suppressed\|^Use -header-filter' >&2)
 }
 
@@ -133,16 +141,26 @@ check_workflow() {
     /usr/bin/python3 -c 'import sys, yaml; sys.exit(not yaml.safe_load(open(sys.argv[1]))["jobs"])' .github/workflows/ci.yml
 }
 
+# All but the build run at once, since some of them keep one processor busy. Their words are shown one after the other.
 run_checks() {
     local failed=() name
+    local -A pids
     STRICT=ON
     prepare_configured "${PACKAGES_CHECK[@]}"
     require_files
-    for name in format rules shell workflow lua cppcheck tidy warnings; do
-        say "check: $name"
-        ("check_$name" || exit 1) &
-        wait_telling $! "check: $name" || failed+=("$name")
+    mkdir -p "$LOGS"
+    for name in tidy cppcheck format rules shell workflow lua; do
+        ("check_$name" || exit 1) >"$LOGS/check-$name.log" 2>&1 &
+        pids[$name]=$!
     done
+    for name in format rules shell workflow lua cppcheck tidy; do
+        say "check: $name"
+        wait_telling "${pids[$name]}" "check: $name" || failed+=("$name")
+        cat "$LOGS/check-$name.log" >&2
+    done
+    say "check: warnings"
+    (check_warnings || exit 1) &
+    wait_telling $! "check: warnings" || failed+=(warnings)
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"
     say "all checks passed"
 }
