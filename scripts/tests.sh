@@ -30,8 +30,9 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
+    # Twice as many as processors: most of them wait for Wine's server again and again.
     # Without --default-signal no test could try Ctrl-C.
-    env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j "$JOBS" \
+    env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
@@ -46,9 +47,9 @@ tell_seeds() {
     done | tr -d '\n')"
 }
 
-# run_under_load RUNS [PROGRAM...]: the tests so many times, each time in another order, beside six busy loops: what
-# depends on which thread comes first fails then. The loops have a session of their own, like another terminal's: Linux
-# shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
+# run_under_load RUNS [PROGRAM...]: the tests so many times, each time in another order and with more random tries, beside
+# six busy loops: what depends on which thread comes first fails then. The loops have a session of their own, like another
+# terminal's: Linux shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
 run_under_load() {
     local runs=$1 status=0 loops i
     shift
@@ -56,7 +57,7 @@ run_under_load() {
     setsid bash -c 'for _ in {1..6}; do while [ -d "/proc/$0" ]; do for ((n = 0; n < 100000; n++)); do :; done; done & done; wait' $$ \
         7>&- 8>&- 9>&- &
     loops=$!
-    export FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
+    export FC_THOROUGH=1 FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
     TEST_SECONDS=$FC_TEST_SECONDS
     for ((i = 1; i <= runs; i++)); do
         say "run $i of $runs, beside 6 busy loops"

@@ -1,5 +1,6 @@
 #include "FcModule.h"
 
+#include <cstdlib>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -10,6 +11,10 @@ std::mt19937 SeededRandom() {
 
 std::string HowToRepeat() {
     return "again with --gtest_random_seed=" + std::to_string(testing::UnitTest::GetInstance()->random_seed());
+}
+
+unsigned Thoroughly(unsigned usual, unsigned thorough) {
+    return std::getenv("FC_THOROUGH") ? thorough : usual;
 }
 
 void UnloadFc() {

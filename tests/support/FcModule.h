@@ -11,6 +11,9 @@
 std::mt19937 SeededRandom();
 /// The option that makes the same random tests again.
 std::string HowToRepeat();
+/// How often a random test tries: the second number where FC_THOROUGH is set, as ./dev test --load does, else the
+/// first.
+unsigned Thoroughly(unsigned usual, unsigned thorough);
 
 /// Unloads the module for good, the reference that it holds on itself included; its next user has it fresh.
 void UnloadFc();
