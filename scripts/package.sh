@@ -15,12 +15,13 @@ package_time() {
 }
 
 # pack FOLDER ZIP: the folder with all that is in it. Nothing of it depends on when, where or by whom it is packed.
+# More compression makes it a twentieth smaller, in more than twice the time.
 pack() {
     local folder=$1 zip=$2
     find "$folder" -type d -exec chmod 755 {} + -o -exec chmod 644 {} +
     find "$folder" -exec touch -d "@$(package_time)" {} +
     rm -f "$zip.part"
-    (cd "$(dirname "$folder")" && find "$(basename "$folder")" | LC_ALL=C sort | TZ=UTC zip -q -X -@ "$zip.part") &&
+    (cd "$(dirname "$folder")" && find "$(basename "$folder")" | LC_ALL=C sort | TZ=UTC zip -q -4 -X -@ "$zip.part") &&
         unzip -tq "$zip.part" >/dev/null || {
         rm -f "$zip.part"
         die "$zip can't be packed: see whether the disk is full"
