@@ -4,6 +4,7 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 

@@ -1,7 +1,7 @@
 #include "Backoff.h"
 
 #include "HealthLog.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 std::uint64_t backoff_wait = 0;
 std::uint64_t last_check = 0;

@@ -15,7 +15,10 @@
 #include "HostSample.h"
 #include "ScanMetrics.h"
 #include "SystemHealth.h"
-#include "fc/fc.h"
+#include "common/MessageText.h"
+#include "common/SharedObjects.h"
+#include "common/Trace.h"
+#include "common/UserdataArguments.h"
 
 std::int32_t sysHealthEnabled = 0;
 

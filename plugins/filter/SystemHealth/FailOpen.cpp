@@ -5,7 +5,7 @@
 #include "Backoff.h"
 #include "HealthConfig.h"
 #include "HealthMetrics.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 
 #include "HealthLog.h"
 #include "FileHandle.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <wx/string.h>
 
-#include "fc/fc.h"
+#include "common/Trace.h"
 #include "vta_core.h"
 
 /// One value.

@@ -4,7 +4,7 @@
 #include "HealthLog.h"
 #include "HostSample.h"
 #include "ScanMetrics.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include <cJSON.h>
@@ -11,20 +10,16 @@
 #include "HealthConfig.h"
 #include "HealthLog.h"
 #include "FileHandle.h"
+#include "common/Trace.h"
+#include "common/Unique.h"
 
 namespace {
 
 constexpr char kCloudConfigFile[] = "C:\\ProgramData\\Quillon\\Vantry Agent\\diag\\vt_filter_json.log";
 constexpr char kValueKey[] = "value";
 
-struct DeleteJson {
-    void operator()(cJSON *json) const { cJSON_Delete(json); }
-};
-using Json = std::unique_ptr<cJSON, DeleteJson>;
-
-struct FreeJsonText {
-    void operator()(char *text) const { cJSON_free(text); }
-};
+using Json = Unique<cJSON *, cJSON_Delete>;
+using JsonText = Unique<char *, cJSON_free>;
 
 /// A number as the argument of a "%s", which becomes text only if the line is wanted.
 struct NumberText {
@@ -211,7 +206,7 @@ bool outputCloudConfig() {
             return false;
         }
     }
-    const std::unique_ptr<char, FreeJsonText> text(cJSON_Print(root.get()));
+    const JsonText text(cJSON_Print(root.get()));
     if (!text) {
         Trace(kEngineTrace, "Fail to print JSON");
         return false;

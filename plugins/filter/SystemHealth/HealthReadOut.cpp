@@ -14,7 +14,8 @@
 #include "HealthMetrics.h"
 #include "HealthSwitch.h"
 #include "SystemHealth.h"
-#include "fc/fc.h"
+#include "common/SharedObjects.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -1,13 +1,11 @@
 #include "HostSample.h"
 
-#include <memory>
-#include <type_traits>
-
 #include <windows.h>
 #include <pdh.h>
 
 #include "HealthLog.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
+#include "common/Unique.h"
 
 namespace {
 
@@ -15,10 +13,7 @@ constexpr wchar_t kRunQueuePath[] = L"\\System\\Processor Queue Length";
 constexpr DWORD kSampleMs = 100;
 constexpr unsigned kKiBShift = 10;
 
-struct CloseQuery {
-    void operator()(PDH_HQUERY query) const { (void)PdhCloseQuery(query); }
-};
-using Query = std::unique_ptr<std::remove_pointer_t<PDH_HQUERY>, CloseQuery>;
+using Query = Unique<PDH_HQUERY, PdhCloseQuery>;
 
 }  // namespace
 

@@ -7,7 +7,9 @@
 
 #include "HealthConfig.h"
 #include "HealthLog.h"
-#include "fc/fc.h"
+#include "common/DriverFailure.h"
+#include "common/DriverHandle.h"
+#include "common/Trace.h"
 
 double scanCounterRate[kScanCounters];
 std::int32_t scanPort = 0;

@@ -1,5 +1,4 @@
 #include <functional>
-#include <memory>
 
 #include <windows.h>
 #include <oleauto.h>
@@ -7,15 +6,14 @@
 #include "FirewallLog.h"
 #include "FirewallObjects.h"
 #include "WindowsFirewall.h"
+#include "common/RequireObject.h"
+#include "common/Unique.h"
 
 namespace WindowsFirewall {
 
 namespace {
 
-struct FreeText {
-    void operator()(wchar_t *text) const { SysFreeString(text); }
-};
-using ComText = std::unique_ptr<wchar_t, FreeText>;
+using ComText = Unique<BSTR, SysFreeString>;
 
 /// An empty text counts as one that there was no memory for; that is meant so.
 HRESULT MakeText(const wchar_t *text, ComText &made, const TraceLine &line) {
@@ -26,7 +24,7 @@ HRESULT MakeText(const wchar_t *text, ComText &made, const TraceLine &line) {
 HRESULT GetApplications(INetFwProfile *profile, ComPtr<INetFwAuthorizedApplications> &applications,
                         const TraceLine &line) {
     const HRESULT hr = profile->get_AuthorizedApplications(&applications);
-    return Judged(Obtained(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", line);
+    return Judged(RequireObject(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", line);
 }
 
 HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path, unsigned *enabled) {
@@ -56,7 +54,7 @@ HRESULT AddEntry(INetFwAuthorizedApplications *applications, const wchar_t *path
     ComPtr<INetFwAuthorizedApplication> application;
     HRESULT hr = CoCreateInstance(__uuidof(NetFwAuthorizedApplication), nullptr, CLSCTX_INPROC_SERVER,
                                   IID_PPV_ARGS(&application));
-    if (FAILED(Judged(hr = Obtained(hr, application), "CoCreateInstance failed: 0x%08lx", site)))
+    if (FAILED(Judged(hr = RequireObject(hr, application), "CoCreateInstance failed: 0x%08lx", site)))
         return hr;
     ComText file;
     ComText name;

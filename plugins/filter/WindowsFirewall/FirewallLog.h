@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 constexpr wchar_t kFirewallTrace[] = L"FC-WFW";
 

@@ -2,6 +2,7 @@
 
 #include "FirewallLog.h"
 #include "FirewallService.h"
+#include "common/RequireObject.h"
 
 namespace WindowsFirewall {
 
@@ -21,21 +22,21 @@ HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **polic
     if (IsVistaOrLater()) {
         ComPtr<INetFwPolicy2> made;
         hr = CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&made));
-        if (FAILED(Judged(hr = Obtained(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site)))
+        if (FAILED(Judged(hr = RequireObject(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site)))
             return hr;
         *policy = made.Detach();
     }
     ComPtr<INetFwMgr> manager;
     hr = CoCreateInstance(__uuidof(NetFwMgr), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
-    if (FAILED(Judged(hr = Obtained(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site)))
+    if (FAILED(Judged(hr = RequireObject(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site)))
         return hr;
     ComPtr<INetFwPolicy> localPolicy;
     hr = manager->get_LocalPolicy(&localPolicy);
-    if (FAILED(Judged(hr = Obtained(hr, localPolicy), "get_LocalPolicy failed: 0x%08lx", site)))
+    if (FAILED(Judged(hr = RequireObject(hr, localPolicy), "get_LocalPolicy failed: 0x%08lx", site)))
         return hr;
     ComPtr<INetFwProfile> current;
     hr = localPolicy->get_CurrentProfile(&current);
-    (void)Judged(hr = Obtained(hr, current), "get_CurrentProfile failed: 0x%08lx", site);
+    (void)Judged(hr = RequireObject(hr, current), "get_CurrentProfile failed: 0x%08lx", site);
     *profile = current.Detach();
     return hr;
 }

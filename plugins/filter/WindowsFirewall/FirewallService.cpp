@@ -1,9 +1,8 @@
 #include "FirewallService.h"
 
-#include <memory>
-#include <type_traits>
-
 #include "FirewallLog.h"
+#include "common/Unique.h"
+#include "common/WindowsVersion.h"
 
 namespace WindowsFirewall {
 
@@ -16,15 +15,10 @@ constexpr int kStartPolls = 600;
 constexpr int kStopPolls = 60;
 constexpr DWORD kPauseMs = 1'000;
 
-struct CloseService {
-    void operator()(SC_HANDLE handle) const { (void)CloseServiceHandle(handle); }
-};
-using Handle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseService>;
-
 /// The firewall's service, with the service manager that it was opened by.
 struct Service {
-    Handle manager;
-    Handle service;  ///< Closed first.
+    UniqueService manager;
+    UniqueService service;  ///< Closed first.
 
     void Close() {
         service.reset();
@@ -75,13 +69,13 @@ bool Open(Service &opened, DWORD access, const char *withoutService, bool *resul
     return false;
 }
 
-bool SetStartType(const Handle &service, DWORD startType) {
+bool SetStartType(const UniqueService &service, DWORD startType) {
     return ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
                                 nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
 }
 
 /// The service is never left enabled: it runs on, with its start type as it was found.
-bool StartDisabled(const Handle &service, const TraceSite &site) {
+bool StartDisabled(const UniqueService &service, const TraceSite &site) {
     Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
     if (!SetStartType(service, SERVICE_DEMAND_START))
         return Failed(site, "Error enabling '%.64s' service: %#08x", GetLastError());
@@ -91,7 +85,7 @@ bool StartDisabled(const Handle &service, const TraceSite &site) {
     return started || Failed(site, "Error starting '%.64s' service after enabling it: %#08x", error);
 }
 
-bool StartStopped(const Handle &service, const TraceSite &site) {
+bool StartStopped(const UniqueService &service, const TraceSite &site) {
     if (::StartServiceW(service.get(), 0, nullptr) != 0)
         return true;
     const DWORD error = GetLastError();
@@ -104,11 +98,9 @@ bool StartStopped(const Handle &service, const TraceSite &site) {
 void FillOsVersionRecord() {
     // The size of the smaller record is the mark that this one is filled.
     constexpr DWORD filled = sizeof(OSVERSIONINFOW);
-    static_assert(filled == 276);
     if (osVersionRecord.dwOSVersionInfoSize == filled)
         return;
-    osVersionRecord.dwOSVersionInfoSize = filled;
-    (void)GetVersionExW(reinterpret_cast<OSVERSIONINFOW *>(&osVersionRecord));
+    (void)QueryWindowsVersion(osVersionRecord, filled);
 }
 
 bool IsVistaOrLater() {

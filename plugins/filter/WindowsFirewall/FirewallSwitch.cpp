@@ -1,6 +1,4 @@
 #include <array>
-#include <memory>
-#include <type_traits>
 
 #include <windows.h>
 
@@ -8,6 +6,7 @@
 #include "FirewallObjects.h"
 #include "FirewallService.h"
 #include "WindowsFirewall.h"
+#include "common/Unique.h"
 
 namespace WindowsFirewall {
 
@@ -15,11 +14,6 @@ namespace {
 
 constexpr wchar_t kKey[] = L"SOFTWARE\\Quillon\\Vantry Agent";
 constexpr wchar_t kFlag[] = L"WindowsFirewallDisabledByInstaller";
-
-struct CloseKey {
-    void operator()(HKEY key) const { (void)RegCloseKey(key); }
-};
-using Key = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseKey>;
 
 /// A profile's number is its bit in the mask.
 struct Profile {
@@ -116,7 +110,7 @@ void WriteFlag(DWORD mask, const TraceSite &site) {
     HKEY made = nullptr;
     if (RegCreateKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &made) != ERROR_SUCCESS)
         return;
-    const Key key(made);
+    const UniqueKey key(made);
     Trace(site, "Writing the registry key to flag that vantry turned off the windows firewall %d",
           static_cast<int>(mask));
     if (RegSetValueExW(key.get(), kFlag, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&mask), sizeof(mask)) !=
@@ -124,7 +118,7 @@ void WriteFlag(DWORD mask, const TraceSite &site) {
         Trace(site, "Error writing registry key.");
 }
 
-void DeleteFlag(const Key &key, const TraceSite &site) {
+void DeleteFlag(const UniqueKey &key, const TraceSite &site) {
     const LSTATUS error = RegDeleteValueW(key.get(), kFlag);
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND)
         Trace(site, "RegDeleteValue('WindowsFirewallDisabledByInstaller') failed: 0x%08lx",
@@ -180,7 +174,7 @@ int EnableFirewall() {
     HKEY opened = nullptr;
     if (RegOpenKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &opened) != ERROR_SUCCESS)
         return 0;
-    Key key(opened);
+    UniqueKey key(opened);
     DWORD type = 0;
     DWORD mask = 0;
     DWORD size = sizeof(mask);

@@ -10,7 +10,7 @@
 #include <wx/msw/registry.h>
 #include <wx/tokenzr.h>
 
-#include "Trace.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <wx/dynlib.h>
 
 #include "StagingMetrics.h"
+#include "common/SharedObjects.h"
 #include "vti.h"
 
 // The order of these definitions is the order of construction; keep it.

@@ -1,11 +1,10 @@
 // The module-wide objects. They are constructed when the library is loaded, in the order in which
-// ModuleObjects.cpp defines them, and destroyed when it is unloaded.
+// ModuleObjects.cpp defines them, and destroyed when it is unloaded. common/SharedObjects.h
+// declares those that other folders use.
 #pragma once
 
 #include <cstdint>
 
-#include <windows.h>
-#include <wx/string.h>
 #include <wx/thread.h>
 
 #include "ConnMetricsMap.h"
@@ -26,15 +25,8 @@ using PrintFunction = int(void *, const char *, ...);
 /// The driver-interface library's own print function. Nothing reads it; it keeps its place.
 extern PrintFunction *libraryPrint;
 
-/// The comment of the files in a diagnostic package: none.
-extern const wxString emptyText;
-
 /// Guards the one-time call of `vti_set_profiler`.
 extern wxCriticalSection moduleInitLock;
-/// Guards the metrics, rates, backoff and switch of the health subsystem.
-extern wxCriticalSection sysHealthLock;
 
 /// 1 once the profiler's words were handed to the driver-interface library.
 extern std::uint8_t profilerInstalled;
-/// This library, for the look-up of its messages.
-extern HINSTANCE moduleInstance;

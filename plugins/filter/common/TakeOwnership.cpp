@@ -1,28 +1,17 @@
+#include "TakeOwnership.h"
+
 #include <array>
-#include <memory>
-#include <type_traits>
 
 #include <windows.h>
 #include <aclapi.h>
 
-#include "WindowsFirewall.h"
+#include "Unique.h"
 
 namespace {
 
-struct CloseToken {
-    void operator()(HANDLE token) const { (void)CloseHandle(token); }
-};
-using Token = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseToken>;
-
-struct FreeAcl {
-    void operator()(ACL *acl) const { (void)LocalFree(acl); }
-};
-using Acl = std::unique_ptr<ACL, FreeAcl>;
-
-struct FreeIdentifier {
-    void operator()(void *sid) const { (void)FreeSid(sid); }
-};
-using Sid = std::unique_ptr<void, FreeIdentifier>;
+using OwnershipLog = std::function<void(const wxString &line)>;
+using Acl = Unique<ACL *, LocalFree>;
+using Sid = Unique<PSID, FreeSid>;
 
 /// S-1-1-0. @return null with the last error.
 Sid MakeEveryone() {
@@ -67,7 +56,7 @@ unsigned SetAcl(wchar_t *objectName, const Acl &acl) {
 }
 
 /// @param attributes  SE_PRIVILEGE_ENABLED, or 0 to disable it.
-bool SetTakeOwnershipPrivilege(const Token &token, DWORD attributes) {
+bool SetTakeOwnershipPrivilege(const UniqueHandle &token, DWORD attributes) {
     TOKEN_PRIVILEGES privileges = {};
     static_assert(sizeof(privileges) == 16);
     privileges.PrivilegeCount = 1;
@@ -80,7 +69,7 @@ bool SetTakeOwnershipPrivilege(const Token &token, DWORD attributes) {
 }
 
 /// @param format  takes the last error.
-void LogLastError(const ThreadLog &log, const char *format) {
+void LogLastError(const OwnershipLog &log, const char *format) {
     const unsigned error = GetLastError();
     log(wxString::Format(format, error));
 }
@@ -88,8 +77,8 @@ void LogLastError(const ThreadLog &log, const char *format) {
 }  // namespace
 
 // After a failure nothing is undone: an owner once set stays, and so does the privilege if it was not disabled yet.
-void TakeOwnership(const ThreadLog &log, wchar_t *objectName) {
-    Token token;  // closed last
+void TakeOwnership(const OwnershipLog &log, wchar_t *objectName) {
+    UniqueHandle token;  // closed last
     Acl acl;
     const Sid everyone = MakeEveryone();
     if (!everyone)
