@@ -17,7 +17,7 @@
 #include "CodePage.h"
 #include "ImportTable.h"
 #include "ModuleFixture.h"
-#include "fc/KeyHash.h"
+#include "fc/metrics/KeyHash.h"
 
 namespace {
 

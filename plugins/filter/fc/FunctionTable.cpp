@@ -1,14 +1,14 @@
 #include "FunctionTable.h"
 
-#include "ConnMetrics.h"
 #include "Diagnostics/Diagnostics.h"
-#include "DriverFlags.h"
 #include "Registration.h"
 #include "SLB3.h"
 #include "SystemHealth/SystemHealth.h"
-#include "TraceBridge.h"
 #include "WindowsDriverInstaller/WindowsDriverInstaller.h"
 #include "WindowsFirewall/WindowsFirewall.h"
+#include "flags/DriverFlags.h"
+#include "metrics/ConnMetrics.h"
+#include "trace/TraceBridge.h"
 
 namespace {
 

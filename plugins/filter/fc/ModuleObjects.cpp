@@ -4,8 +4,8 @@
 
 #include <wx/dynlib.h>
 
-#include "StagingMetrics.h"
 #include "common/SharedObjects.h"
+#include "metrics/ConnMetricsObjects.h"
 #include "vti.h"
 
 // The order of these definitions is the order of construction; keep it.
