@@ -3,7 +3,7 @@
 #include <windows.h>
 #include <pdh.h>
 
-#include "HealthLog.h"
+#include "HealthTrace.h"
 #include "common/Trace.h"
 #include "common/Unique.h"
 
@@ -17,16 +17,10 @@ using Query = Unique<PDH_HQUERY, PdhCloseQuery>;
 
 }  // namespace
 
-VmStatEntry vmStats[kVmStatRows] = {
-    {"vmstat_phys_mem", "null", 0, 0}, {"vmstat_runQ", "r", 0, 0}, {"vmstat_avm", "avm", 0, 0},
-    {"vmstat_freemem", "fre", 0, 0},   {"user_cpu", "us", 0, 0},   {"sys_cpu", "sy", 15, 0},
-    {"idle_cpu", "id", 0, 0},          {"wait_cpu", "wa", 0, 0},
-};
-
-std::int32_t queryRunQueueLength(double &rqlen) {
+std::optional<double> queryRunQueueLength() {
     const auto failed = [](const char *message, const TraceLine &line = kEngineTrace) {
         Trace(line, "%s", message);
-        return 1;
+        return std::nullopt;
     };
     PDH_HQUERY opened = nullptr;
     if (PdhOpenQueryW(nullptr, 0, &opened) != ERROR_SUCCESS)
@@ -43,11 +37,10 @@ std::int32_t queryRunQueueLength(double &rqlen) {
     PDH_FMT_COUNTERVALUE value = {};
     if (PdhGetFormattedCounterValue(counter, PDH_FMT_DOUBLE, nullptr, &value) != ERROR_SUCCESS)
         return failed("PdhGetFormattedCounterValue failed");
-    rqlen = value.doubleValue;
-    return 0;
+    return value.doubleValue;
 }
 
-bool getMemoryMetrics() {
+bool getMemoryMetrics(HostMemory &memory) {
     MEMORYSTATUSEX status = {};
     status.dwLength = sizeof(status);
     static_assert(sizeof(status) == 64);
@@ -55,7 +48,7 @@ bool getMemoryMetrics() {
         Trace(kEngineTrace, "GlobalMemoryStatusEx failed");
         return false;
     }
-    vmStats[vmstat_phys_mem].value = status.ullTotalPhys >> kKiBShift;
-    vmStats[vmstat_freemem].value = status.ullAvailPhys >> kKiBShift;
+    memory.vmStats[vmstat_phys_mem].value = status.ullTotalPhys >> kKiBShift;
+    memory.vmStats[vmstat_freemem].value = status.ullAvailPhys >> kKiBShift;
     return true;
 }

@@ -4,13 +4,9 @@
 
 #include <windows.h>
 #include <wx/string.h>
-#include <wx/thread.h>
 
 /// The comment of the files in a diagnostic package: none.
 extern const wxString emptyText;
 
 /// This library, for the look-up of its messages.
 extern HINSTANCE moduleInstance;
-
-/// Guards the metrics, rates, backoff and switch of the health subsystem.
-extern wxCriticalSection sysHealthLock;

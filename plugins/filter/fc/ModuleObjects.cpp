@@ -4,6 +4,7 @@
 
 #include <wx/dynlib.h>
 
+#include "SystemHealth/SystemHealth.h"
 #include "common/SharedObjects.h"
 #include "metrics/ConnMetricsObjects.h"
 #include "vti.h"
@@ -23,7 +24,7 @@ const wxString emptyText;
 [[maybe_unused]] static const bool keptLoaded = new wxDynamicLibrary("fc", wxDL_NOW) != nullptr;
 
 wxCriticalSection moduleInitLock;
-wxCriticalSection sysHealthLock;
+HealthState healthState;
 
 std::uint8_t profilerInstalled = 0;
 HINSTANCE moduleInstance = nullptr;
