@@ -9,7 +9,6 @@
 
 namespace {
 
-using OwnershipLog = std::function<void(const wxString &line)>;
 using Acl = Unique<ACL *, LocalFree>;
 using Sid = Unique<PSID, FreeSid>;
 
@@ -30,7 +29,7 @@ Sid MakeAdministrators() {
                    : nullptr);
 }
 
-EXPLICIT_ACCESS_W FullAccess(const Sid &sid, TRUSTEE_TYPE type) {
+EXPLICIT_ACCESS_W FullAccessFor(const Sid &sid, TRUSTEE_TYPE type) {
     EXPLICIT_ACCESS_W access = {};
     access.grfAccessPermissions = GENERIC_ALL;
     access.grfAccessMode = SET_ACCESS;
@@ -42,15 +41,15 @@ EXPLICIT_ACCESS_W FullAccess(const Sid &sid, TRUSTEE_TYPE type) {
 }
 
 /// @return null on failure.
-Acl MakeAcl(const Sid &everyone, const Sid &administrators) {
-    std::array<EXPLICIT_ACCESS_W, 2> entries{FullAccess(everyone, TRUSTEE_IS_WELL_KNOWN_GROUP),
-                                             FullAccess(administrators, TRUSTEE_IS_GROUP)};
+Acl MakeKeyAcl(const Sid &everyone, const Sid &administrators) {
+    std::array<EXPLICIT_ACCESS_W, 2> entries{FullAccessFor(everyone, TRUSTEE_IS_WELL_KNOWN_GROUP),
+                                             FullAccessFor(administrators, TRUSTEE_IS_GROUP)};
     ACL *acl = nullptr;
     const DWORD error = SetEntriesInAclW(static_cast<ULONG>(entries.size()), entries.data(), nullptr, &acl);
     return Acl(error == ERROR_SUCCESS ? acl : nullptr);
 }
 
-unsigned SetAcl(wchar_t *objectName, const Acl &acl) {
+unsigned SetKeyAcl(wchar_t *objectName, const Acl &acl) {
     return SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, acl.get(),
                                  nullptr);
 }
@@ -69,46 +68,68 @@ bool SetTakeOwnershipPrivilege(const UniqueHandle &token, DWORD attributes) {
 }
 
 /// @param format  takes the last error.
-void LogLastError(const OwnershipLog &log, const char *format) {
+void LogOwnershipError(const OwnershipLog &log, const char *format) {
     const unsigned error = GetLastError();
     log(wxString::Format(format, error));
 }
 
+/// Makes the Administrators the owner, with a privilege that is enabled for that alone.
+/// @return false after a line in the log. Nothing is undone then: an owner once set stays, and so does the privilege if
+/// it was not disabled yet.
+bool MakeKeyOwner(const OwnershipLog &log, wchar_t *objectName, const Sid &owner, UniqueHandle &token) {
+    HANDLE opened = nullptr;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &opened) == 0) {
+        LogOwnershipError(log, "TakeOwnership: OpenProcessToken failed: %u");
+        return false;
+    }
+    token.reset(opened);
+    if (!SetTakeOwnershipPrivilege(token, SE_PRIVILEGE_ENABLED)) {
+        log("TakeOwnership: Must be logged on as Administrator");
+        return false;
+    }
+    const unsigned error = SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, OWNER_SECURITY_INFORMATION, owner.get(),
+                                                 nullptr, nullptr, nullptr);
+    if (error != ERROR_SUCCESS) {
+        log(wxString::Format("TakeOwnership: Could not set owner. Error: %u", error));
+        return false;
+    }
+    if (!SetTakeOwnershipPrivilege(token, 0)) {
+        log("TakeOwnership: Failed SetPrivilege call unexpectedly");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
-// After a failure nothing is undone: an owner once set stays, and so does the privilege if it was not disabled yet.
 void TakeOwnership(const OwnershipLog &log, wchar_t *objectName) {
     UniqueHandle token;  // closed last
     Acl acl;
     const Sid everyone = MakeEveryone();
-    if (!everyone)
-        return LogLastError(log, "TakeOwnership: AllocateAndInitializeSid (Everyone) error %u");
+    if (!everyone) {
+        LogOwnershipError(log, "TakeOwnership: AllocateAndInitializeSid (Everyone) error %u");
+        return;
+    }
     const Sid administrators = MakeAdministrators();
-    if (!administrators)
-        return LogLastError(log, "TakeOwnership: AllocateAndInitializeSid (Admin) error %u");
-    acl = MakeAcl(everyone, administrators);
-    if (!acl)
-        return log("TakeOwnership: Failed SetEntriesInAcl");
-
-    unsigned error = SetAcl(objectName, acl);
+    if (!administrators) {
+        LogOwnershipError(log, "TakeOwnership: AllocateAndInitializeSid (Admin) error %u");
+        return;
+    }
+    acl = MakeKeyAcl(everyone, administrators);
+    if (!acl) {
+        log("TakeOwnership: Failed SetEntriesInAcl");
+        return;
+    }
+    unsigned error = SetKeyAcl(objectName, acl);
     if (error == ERROR_SUCCESS)
         return;
-    if (error != ERROR_ACCESS_DENIED)
-        return log(wxString::Format("TakeOwnership: First SetNamedSecurityInfo call failed: %u", error));
-
-    HANDLE opened = nullptr;
-    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &opened) == 0)
-        return LogLastError(log, "TakeOwnership: OpenProcessToken failed: %u");
-    token.reset(opened);
-    if (!SetTakeOwnershipPrivilege(token, SE_PRIVILEGE_ENABLED))
-        return log("TakeOwnership: Must be logged on as Administrator");
-    error = SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, OWNER_SECURITY_INFORMATION, administrators.get(),
-                                  nullptr, nullptr, nullptr);
-    if (error != ERROR_SUCCESS)
-        return log(wxString::Format("TakeOwnership: Could not set owner. Error: %u", error));
-    if (!SetTakeOwnershipPrivilege(token, 0))
-        return log("TakeOwnership: Failed SetPrivilege call unexpectedly");
-    error = SetAcl(objectName, acl);
+    if (error != ERROR_ACCESS_DENIED) {
+        log(wxString::Format("TakeOwnership: First SetNamedSecurityInfo call failed: %u", error));
+        return;
+    }
+    if (!MakeKeyOwner(log, objectName, administrators, token))
+        return;
+    error = SetKeyAcl(objectName, acl);
     if (error != ERROR_SUCCESS)
         log(wxString::Format("TakeOwnership: Second SetNamedSecurityInfo call failed: %u", error));
 }

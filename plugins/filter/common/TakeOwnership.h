@@ -5,8 +5,10 @@
 
 #include <wx/string.h>
 
+/// Is given a line for each failure.
+using OwnershipLog = std::function<void(const wxString &line)>;
+
 /// Gives Everyone and the Administrators full access to a key and, where that is denied, makes the Administrators its
 /// owner first. No failure reaches the caller.
-/// @param log         is given a line for each failure.
 /// @param objectName  of the key in the form of the security functions, such as MACHINE\SYSTEM\...
-void TakeOwnership(const std::function<void(const wxString &line)> &log, wchar_t *objectName);
+void TakeOwnership(const OwnershipLog &log, wchar_t *objectName);
