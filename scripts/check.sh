@@ -122,6 +122,9 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
+# Each header of the product alone.
+check_headers() { ninja -C "$BUILD" -j "$JOBS" header_checks; }
+
 check_warnings() { prepare_build all; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
@@ -138,7 +141,7 @@ run_checks() {
     STRICT=ON
     prepare_configured "${PACKAGES_CHECK[@]}"
     require_files
-    for name in format rules shell workflow lua cppcheck tidy warnings; do
+    for name in format rules shell workflow lua cppcheck tidy headers warnings; do
         say "check: $name"
         ("check_$name" || exit 1) &
         wait_telling $! "check: $name" || failed+=("$name")
