@@ -148,12 +148,12 @@ void NarrowToLocale(std::wstring_view text, std::wstring &wide, std::string &nar
         narrow.clear();
 }
 
-void PushText(lua_State *L, std::string_view text, ConnMetricsDrain &) {
+void PushMetricText(lua_State *L, std::string_view text, ConnMetricsDrain &) {
     lua_pushlstring(L, text.data(), text.size());
 }
 
 /// Pushes ASCII as it is: a locale may be unable to convert anything, though its encoding could hold it.
-void PushText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
+void PushMetricText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
     WithMemory(L, [text, &drain] {
         if (!NarrowAscii(text, drain.narrow))
             NarrowToLocale(text, drain.wide, drain.narrow);
@@ -175,8 +175,8 @@ void SetFlagFields(lua_State *L, std::uint32_t flags) {
 template <typename Character>
 void SetFieldsOfLine(lua_State *L, const ConnMetricLine<Character> &line, ConnMetricsDrain &drain) {
     if (line.numberField == kNoNumberField) {
-        PushText(L, line.name, drain);
-        PushText(L, line.value, drain);
+        PushMetricText(L, line.name, drain);
+        PushMetricText(L, line.value, drain);
         lua_rawset(L, kRowIndex);
         return;
     }
@@ -198,8 +198,8 @@ int FieldCount(std::span<const ConnMetricLine<Character>> lines) {
 /// Leaves a row with the fields of the text on the stack.
 /// @param ahead  room for its first lines, and then for those that come next.
 template <typename Character>
-void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLinesAhead<Character> &ahead,
-             ConnMetricsDrain &drain) {
+void PushMetricRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLinesAhead<Character> &ahead,
+                   ConnMetricsDrain &drain) {
     std::size_t count = 0;
     bool made = false;
     const auto setLines = [&] {
@@ -219,11 +219,11 @@ void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLin
     setLines();
 }
 
-void PushRow(lua_State *L, ConnMetricText text, ConnMetricsDrain &drain) {
+void PushMetricRow(lua_State *L, ConnMetricText text, ConnMetricsDrain &drain) {
     if (const auto *const ascii = std::get_if<std::string_view>(&text))
-        PushRow(L, *ascii, drain.lines, drain);
+        PushMetricRow(L, *ascii, drain.lines, drain);
     else
-        PushRow(L, *std::get_if<std::wstring_view>(&text), drain.wideLines, drain);
+        PushMetricRow(L, *std::get_if<std::wstring_view>(&text), drain.wideLines, drain);
 }
 
 // Entries lie scattered in the heap, in the order in which they were added: what comes next is brought into the cache
@@ -259,7 +259,7 @@ int BuildConnMetricsRows(lua_State *L) {
         const ConnMetric &metric = *entry;
         if (++entry != drain.entries.cend())
             PrefetchText(entry->Text(), kPrefetchBytes);
-        PushRow(L, metric.Text(), drain);
+        PushMetricRow(L, metric.Text(), drain);
         // Last, so that it overwrites a field that the text calls "count".
         SetNumberField(L, kCountIndex, metric.count);
         lua_rawseti(L, kResultIndex, index++);

@@ -41,7 +41,7 @@ bool SeenKeys::Has(const Record &record, std::string_view key) {
     if (key.size() <= sizeof(record.head))
         return record.length == key.size() && SameKeyBytes(record.head, key.data(), key.size());
     return record.length == kLonger && SameKeyBytes(record.head, key.data(), sizeof(record.head)) &&
-           Compare(record.entry->Key(), key) == 0;
+           CompareMetricTexts(record.entry->Key(), key) == 0;
 }
 
 bool SeenKeys::Count(const HashedKey &key, std::uint32_t count) {
