@@ -29,7 +29,7 @@ tidy_arguments() {
         -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG \
         -include "$ROOT/scripts/tidy-prelude.h" \
         "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
-    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
+    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/machines devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
     for dir in "$libraries/include" "$(headers_dir)/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do

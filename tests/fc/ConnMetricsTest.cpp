@@ -17,6 +17,7 @@
 #include "CodePage.h"
 #include "ImportTable.h"
 #include "ModuleFixture.h"
+#include "SeededRandom.h"
 #include "fc/metrics/KeyHash.h"
 
 namespace {
