@@ -9,8 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "AdapterMachine.h"
 #include "Bench.h"
-#include "WindowsDriverInstaller/InstallFixture.h"
+#include "Failure.h"
 #include "WindowsFunctions.h"
 
 using Simulator::InsideSimulator;
@@ -32,10 +33,8 @@ double RealNow() {
 }
 
 void Require(bool condition, const char *what) {
-    if (condition)
-        return;
-    (void)std::fprintf(stderr, "bench: the installation that is measured has failed: %s\n", what);
-    std::exit(2);
+    if (!condition)
+        NoteFailure(what);
 }
 
 /// What the worker's calls tell of its steps.
@@ -113,7 +112,12 @@ private:
 
 }  // namespace
 
-class MeasuredInstallation::Machine : public InstallFixture {
+void NoteFailure(const std::string &what) {
+    (void)std::fprintf(stderr, "bench: the installation that is measured has failed: %s\n", what.c_str());
+    std::exit(2);
+}
+
+class MeasuredInstallation::Machine : protected AdapterMachine {
 public:
     explicit Machine(std::size_t adapters) {
         for (std::size_t i = 0; i < adapters; ++i)
@@ -178,8 +182,6 @@ public:
     }
 
 private:
-    void TestBody() override {}
-
     template <class F>
     void Watch(Stamp::What what) {
         simulation().Functions().Put<F>(

@@ -29,7 +29,7 @@ tidy_arguments() {
         -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG \
         -include "$ROOT/scripts/tidy-prelude.h" \
         "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
-    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/host tests tests/support tests/WindowsDriverInstaller; do
+    for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/machines devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
     done
     for dir in "$libraries/include" "$(headers_dir)/include" "$libraries"/lib/*/baseu /usr/src/googletest/googletest/include; do
@@ -130,6 +130,9 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
+# Each header of the product alone.
+check_headers() { ninja -C "$BUILD" -j "$JOBS" header_checks; }
+
 check_warnings() { prepare_build all; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
@@ -158,9 +161,11 @@ run_checks() {
         wait_telling "${pids[$name]}" "check: $name" || failed+=("$name")
         cat "$LOGS/check-$name.log" >&2
     done
-    say "check: warnings"
-    (check_warnings || exit 1) &
-    wait_telling $! "check: warnings" || failed+=(warnings)
+    for name in headers warnings; do
+        say "check: $name"
+        ("check_$name" || exit 1) &
+        wait_telling $! "check: $name" || failed+=("$name")
+    done
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"
     say "all checks passed"
 }

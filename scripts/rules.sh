@@ -11,18 +11,41 @@ forbid() {
     return 1
 }
 
-# A folder below plugins/filter includes its own headers, and of another one only the header named after it.
+# folder_of_header FILE HEADER: the folder below plugins/filter that an included header lies in; nothing if it is another's.
+folder_of_header() {
+    local path
+    for path in "${1%/*}/$2" "plugins/filter/$2"; do
+        path=$(realpath -ms --relative-base="$PWD" "$path")
+        case $path in plugins/filter/*/*) [ ! -e "$path" ] || { echo "$path" | cut -d/ -f3 && return; } ;; esac
+    done
+}
+
+# Arrows between the folders below plugins/filter go one way: fc (the entry) -> the subjects -> common. The entry includes
+# of a subject the header that is named after it.
 check_includes() {
     local status=0 file own folder header
     while IFS=: read -r file _ header; do
-        own=$(echo "$file" | cut -d/ -f3)
         header=${header#*\"}
         header=${header%\"*}
-        case $header in */*) folder=${header%%/*} ;; *) continue ;; esac
-        if [ "$folder" != "$own" ] && [ "$header" != "$folder/$folder.h" ]; then
-            echo "$file includes $header: include $folder/$folder.h, which says what that folder offers" >&2
+        own=$(echo "$file" | cut -d/ -f3)
+        folder=$(folder_of_header "$file" "$header")
+        case $own:$folder in
+        *: | "$own:$own") ;;
+        common:*)
+            echo "$file includes $header: common uses none of the other folders; hand it what it needs from there" >&2
             status=1
-        fi
+            ;;
+        *:common | fc:*)
+            [ "$folder" = common ] || [ "$header" = "$folder/$folder.h" ] || {
+                echo "$file includes $header: include $folder/$folder.h, which says what that folder offers" >&2
+                status=1
+            }
+            ;;
+        *)
+            echo "$file includes $header: a subject uses common alone; move there what both need" >&2
+            status=1
+            ;;
+        esac
     done < <(git grep -nE --untracked '^#include "' -- plugins)
     return $status
 }
@@ -51,7 +74,7 @@ check_rules() {
     forbid "A test that is switched off counts as nothing: mend or delete it" \
         '\bDISABLED_' tests || status=1
     forbid "Trace through the one helper, which asks first whether the component is wanted" \
-        'VtaCore::LogTrace\(' plugins ':!plugins/filter/fc/Trace.h' || status=1
+        'VtaCore::LogTrace\(' plugins ':!plugins/filter/common/Trace.h' || status=1
     forbid "Do it now, or leave it out: the code is no list of wishes" '\b(TODO|FIXME|XXX)\b' \
         plugins interfaces devkit tests bench examples || status=1
     return $status

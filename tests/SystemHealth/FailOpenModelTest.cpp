@@ -7,6 +7,7 @@
 
 #include "FailOpenModel.h"
 #include "HealthFixture.h"
+#include "SeededRandom.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 

@@ -11,6 +11,7 @@
 
 #include "ConfigurationFixture.h"
 #include "FcModule.h"
+#include "SeededRandom.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 

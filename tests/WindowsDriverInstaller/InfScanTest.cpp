@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "FcModule.h"
+#include "SeededRandom.h"
 
 namespace {
 

@@ -1,75 +1,8 @@
-// A machine with adapters, the files of both drivers, and the script's call that installs them.
+// A test with a machine that has adapters, and the files of both drivers.
 #pragma once
 
-#include <array>
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
-#include "RemovalFixture.h"
-#include "vti_control.h"
+#include "AdapterMachine.h"
 
-/// The threads of an installation as fault plans number them, which are made on the script's thread.
-inline constexpr unsigned kWatchdogThread = 1;
-inline constexpr unsigned kWorkerThread = 2;
-
-/// What one call of SLB.filter.InstallOrUpdateDriver did.
-struct InstallOutcome : Removal {
-    std::vector<std::string> traces;  ///< Of the component NDIS.
-
-    /// The texts of one agent event.
-    [[nodiscard]] std::vector<std::string> EventTexts(int number) const;
-    [[nodiscard]] bool AskedForReboot() const;
-};
-
-/// Two connected adapters with addresses, bound to TCP/IP; no driver at first. Our copy has version 2.0.0.0. Installing
-/// the filter loads it in our version, removing it unloads it.
-class InstallFixture : public RemovalFixture {
-protected:
-    using Version = std::array<std::uint16_t, 4>;
-
-    InstallFixture();
-    ~InstallFixture() override;
-
-    /// Both drivers are there and run, the filter is bound to both adapters.
-    void InstallOldDriver(const Version &version);
-    /// Writes a file with that version.
-    static void WriteVersion(const std::filesystem::path &file, const Version &version);
-    void SetOurVersion(const Version &version);
-    /// The version of the driver that runs; none: it can't be opened.
-    void SetRunningVersion(const std::optional<Version> &version);
-    /// The version that is loaded by an Install of the filter; nothing changes for none.
-    void SetVersionAfterInstall(const std::optional<Version> &version) { m_loadedByInstall = version; }
-
-    /// Calls SLB.filter.InstallOrUpdateDriver, and waits for its threads to end.
-    InstallOutcome Install();
-    /// The same while `meanwhile` runs on another thread.
-    /// @param objectsThatStay  for good, of the agent's library.
-    InstallOutcome InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay = 0);
-
-    /// Waits until the threads of an installation have ended, and no more than so many objects of the agent's library
-    /// are left.
-    void AwaitThreads(int objects);
-
-    [[nodiscard]] std::filesystem::path NdisFolder();
-    [[nodiscard]] Simulator::NetworkConfiguration &network() { return simulation().GetNetwork(); }
-    /// Whether the filter is bound to the adapter.
-    [[nodiscard]] bool IsBound(const std::wstring &node);
-
-    static constexpr wchar_t kFirst[] = L"PCI\\VEN_8086&DEV_100E\\1";
-    static constexpr wchar_t kSecond[] = L"PCI\\VEN_10EC&DEV_8168\\2";
-    static constexpr Version kOurVersion{2, 0, 0, 0};
-
-    /// Is told of each moment of the network, on the thread where it happens.
-    std::function<void(const Simulator::NetworkMoment &)> onMoment;
-
-private:
-    void PutAdapters();
-    void WriteDriverFiles();
-    void FollowFilter(const Simulator::NetworkMoment &moment);
-
-    std::optional<Version> m_loadedByInstall = kOurVersion;
-};
+class InstallFixture : public testing::Test, protected AdapterMachine {};

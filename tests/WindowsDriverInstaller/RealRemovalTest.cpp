@@ -19,7 +19,7 @@
 #include "ModuleFixture.h"
 #include "NativeKeys.h"
 #include "WindowsDriverInstaller/RegistryTree.h"
-#include "WindowsFirewall/WindowsFirewall.h"
+#include "common/TakeOwnership.h"
 #include "slb3_control.h"
 #include "vta_core_control.h"
 

@@ -17,7 +17,8 @@
 #include "CodePage.h"
 #include "ImportTable.h"
 #include "ModuleFixture.h"
-#include "fc/KeyHash.h"
+#include "SeededRandom.h"
+#include "fc/metrics/KeyHash.h"
 
 namespace {
 

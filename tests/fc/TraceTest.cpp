@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "LogCollector.h"
-#include "fc/Trace.h"
+#include "common/Trace.h"
 #include "vta_core_control.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "FcModule.h"
 #include "SLB3.h"
-#include "fc/UserdataArguments.h"
+#include "common/UserdataArguments.h"
 #include "slb3_control.h"
 
 namespace {

@@ -1,40 +1,13 @@
-// A fresh module in a Lua state, under a clock that stands still until a test moves it, with all that
-// it makes counted.
+// A test with a fresh module.
 #pragma once
-
-#include <cstdint>
-#include <memory>
 
 #include <gtest/gtest.h>
 
-#include "FcModule.h"
-#include "Simulation.h"
+#include "ModuleMachine.h"
 
-class ModuleFixture : public testing::Test {
+class ModuleFixture : public testing::Test, protected ModuleMachine {
 protected:
     /// @param parts  of the simulated Windows; the balance must be among them.
-    explicit ModuleFixture(const Simulator::SimulationParts &parts = {.registry = false, .folders = false});
-    ~ModuleFixture() override;
-
-    /// Forward, or backward for a negative number: the wall clock alone moves backwards.
-    void AdvanceSeconds(std::int64_t seconds);
-    /// @param seconds  since 1970.
-    void SetTime(std::int64_t seconds);
-    [[nodiscard]] std::int64_t Time();
-    /// The module anew, as after a restart of the process, opened in the same Lua state.
-    void Reload();
-    /// Opens the module in another state.
-    void Open(lua_State *state);
-
-    Simulator::Simulation &simulation() { return m_simulation; }
-    Simulator::Balance &balance() { return m_simulation.GetBalance(); }
-
-private:
-    void Watch(HMODULE module);
-
-    Simulator::Simulation m_simulation;
-    std::unique_ptr<FcModule> m_module;
-
-protected:
-    LuaState lua;  ///< Closed before the module goes.
+    explicit ModuleFixture(const Simulator::SimulationParts &parts = {.registry = false, .folders = false})
+        : ModuleMachine(parts) {}
 };

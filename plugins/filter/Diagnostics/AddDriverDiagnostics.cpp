@@ -1,7 +1,8 @@
 // The Lua function of the driver diagnostics.
 #include "Diagnostics.h"
 #include "DriverContent.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
+#include "common/UserdataArguments.h"
 
 int AddDriverDiagnostics(lua_State *L) {
     Trace(kFilterTrace, "AddDriverDiagnostics");

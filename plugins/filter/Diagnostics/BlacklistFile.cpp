@@ -4,6 +4,8 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Block.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 

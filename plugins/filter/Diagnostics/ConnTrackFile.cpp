@@ -6,6 +6,8 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Block.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 
@@ -20,17 +22,17 @@ constexpr std::size_t kEntryBytes = 64;
 /// A UDP table directly followed by a TCP table.
 using ConnTrackBuffer = Block<std::uint8_t>;
 
-std::size_t TableBytes(std::size_t entries) {
+std::size_t ConnTrackTableBytes(std::size_t entries) {
     return sizeof(ConnTrackHeader) + kEntryBytes * entries;
 }
 
-std::int32_t Request(vti_handle_t *handle, ConnTrackHeader &table) {
+std::int32_t RequestConnTrack(vti_handle_t *handle, ConnTrackHeader &table) {
     std::uint32_t unused = 0;
-    return vti_get_conntrack(handle, &table, static_cast<std::uint32_t>(TableBytes(table.entry_ct)), &unused);
+    return vti_get_conntrack(handle, &table, static_cast<std::uint32_t>(ConnTrackTableBytes(table.entry_ct)), &unused);
 }
 
 /// Makes the head of a table at an address that has room for it and the entries.
-ConnTrackHeader &PrepareTable(std::uint8_t *at, std::uint16_t entries, std::uint8_t protocol) {
+ConnTrackHeader &PrepareConnTrackTable(std::uint8_t *at, std::uint16_t entries, std::uint8_t protocol) {
     auto *const table = new (at) ConnTrackHeader{};
     table->word0 = kHeadWord;
     table->entry_ct = entries;
@@ -40,9 +42,9 @@ ConnTrackHeader &PrepareTable(std::uint8_t *at, std::uint16_t entries, std::uint
 
 /// Reads a table. One that can't be read stays as an empty one; one that claims more entries than it had room for
 /// has as many as it had room for.
-void ReadTable(VtaCore::CDom &dom, vti_handle_t *handle, ConnTrackHeader &table, const TraceLine &line) {
+void ReadConnTrackTable(VtaCore::CDom &dom, vti_handle_t *handle, ConnTrackHeader &table, const TraceLine &line) {
     const std::uint16_t room = table.entry_ct;
-    const std::int32_t status = Request(handle, table);
+    const std::int32_t status = RequestConnTrack(handle, table);
     if (!ShowErrors(dom, handle, kConnTrackLabel, status)) {
         Trace(line, "rc = %d", status);
         table.entry_ct = 0;
@@ -60,28 +62,28 @@ static bool getDriverConnTrack(VtaCore::CDom &dom, vti_handle_t *handle, ConnTra
         return true;
     ConnTrackHeader totConn = {};
     totConn.word0 = kHeadWord;
-    if (!ShowErrors(dom, handle, kConnTrackLabel, Request(handle, totConn)))
+    if (!ShowErrors(dom, handle, kConnTrackLabel, RequestConnTrack(handle, totConn)))
         return false;
     Trace(kDiagnosticsTrace, "totConn.entry_ct was %d", totConn.entry_ct);
     const std::uint16_t entries = totConn.entry_ct;
     if (entries == 0)
         return true;
 
-    const std::size_t bytes = TableBytes(entries) + sizeof(ConnTrackHeader);
+    const std::size_t bytes = ConnTrackTableBytes(entries) + sizeof(ConnTrackHeader);
     buffer.reset(static_cast<std::uint8_t *>(std::malloc(bytes)));
     if (!buffer) {
         Trace(kDiagnosticsTrace, "malloc %u bytes failed.", static_cast<unsigned>(bytes));
         return true;
     }
     std::memset(buffer.get(), 0, bytes);  // a driver may fill in less than it claims
-    ConnTrackHeader &udpConn = PrepareTable(buffer.get(), entries, kUdp);
-    ReadTable(dom, handle, udpConn, kDiagnosticsTrace);
+    ConnTrackHeader &udpConn = PrepareConnTrackTable(buffer.get(), entries, kUdp);
+    ReadConnTrackTable(dom, handle, udpConn, kDiagnosticsTrace);
     Trace(kDiagnosticsTrace, "udpConn->entry_ct = %u", udpConn.entry_ct);
     // TCP gets the room that UDP has left.
     const auto rest = static_cast<std::uint16_t>(entries - udpConn.entry_ct);
-    ConnTrackHeader &tcpConn = PrepareTable(buffer.get() + TableBytes(udpConn.entry_ct), rest, kTcp);
+    ConnTrackHeader &tcpConn = PrepareConnTrackTable(buffer.get() + ConnTrackTableBytes(udpConn.entry_ct), rest, kTcp);
     if (rest != 0)
-        ReadTable(dom, handle, tcpConn, kDiagnosticsTrace);
+        ReadConnTrackTable(dom, handle, tcpConn, kDiagnosticsTrace);
     Trace(kDiagnosticsTrace, "tcpConn->entry_ct = %u", tcpConn.entry_ct);
     return true;
 }

@@ -1,5 +1,8 @@
 #include "DriverAnswers.h"
 
+#include "common/DriverFailure.h"
+#include "common/Trace.h"
+
 namespace Filter::Diagnostics {
 
 namespace {

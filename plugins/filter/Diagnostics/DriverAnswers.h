@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "fc/fc.h"
 #include "vta_core.h"
 #include "vti.h"
 

@@ -1,6 +1,7 @@
 #include "DriverContent.h"
 
 #include "DriverAnswers.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 

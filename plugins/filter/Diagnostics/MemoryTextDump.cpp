@@ -2,7 +2,7 @@
 
 #include <cstdarg>
 
-#include "fc/fc.h"
+#include "common/SharedObjects.h"
 
 namespace Filter::Diagnostics {
 

@@ -7,6 +7,8 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Block.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 
@@ -24,7 +26,7 @@ void ResetProfileVariable(vti_handle_t *handle) {
         (void)vti_set_var(handle, kProfileVariable, 0);
 }
 
-void WriteProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out, const TraceSite &site) {
+void WriteRuleProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out, const TraceSite &site) {
     std::uint32_t room = 0;
     if (vti_get_profile_stats(handle, &room) != 0 || room == 0)
         return;  // no report
@@ -55,7 +57,7 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
         wxBufferedOutputStream out(memory);
         if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
             return false;  // no memory: it would write there all the same
-        WriteProfile(dom, handle, out, kDiagnosticsTrace);
+        WriteRuleProfile(dom, handle, out, kDiagnosticsTrace);
     }
     return AddMemoryFile(zip, memory, false, "vta.tpf");
 }

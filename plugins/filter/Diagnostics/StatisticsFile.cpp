@@ -4,6 +4,8 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Block.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 
@@ -16,7 +18,7 @@ constexpr std::uint16_t kLayout0 = 293;
 constexpr std::uint16_t kLayout1 = 21;
 constexpr std::uint16_t kLayout2 = 1;
 
-void PrepareRequest(StatsRecord &record) {
+void PrepareStatsRequest(StatsRecord &record) {
     record.word0 = 12;
     record.word4 = 6;
     record.word12 = 7325;
@@ -50,7 +52,7 @@ bool AddDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZip
     Block<StatsRecord> record(static_cast<StatsRecord *>(std::calloc(1, sizeof(StatsRecord))));
     if (!record)
         return false;
-    PrepareRequest(*record);
+    PrepareStatsRequest(*record);
     Trace(kDiagnosticsTrace, "AddDriverStatistics() - about to get stats");
     MemoryTextDump dump;
     if (!getDriverStatistics(dom, handle, *record))

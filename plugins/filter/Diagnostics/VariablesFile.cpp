@@ -4,6 +4,7 @@
 #include "DriverAnswers.h"
 #include "DriverContent.h"
 #include "MemoryTextDump.h"
+#include "common/Trace.h"
 
 namespace Filter::Diagnostics {
 
@@ -13,7 +14,7 @@ constexpr std::uint32_t kVariables = 174;
 /// The one failure that is not worth a report.
 constexpr std::int32_t kSilentFailure = -10017;
 
-bool ReadVariable(VtaCore::CDom &dom, vti_handle_t *handle, FilterVariable &variable) {
+bool ReadFilterVariable(VtaCore::CDom &dom, vti_handle_t *handle, FilterVariable &variable) {
     const std::int32_t status = vti_get_varv(handle, &variable);
     return status != kSilentFailure && ShowErrors(dom, handle, L"GET_VARIABLE", status);
 }
@@ -29,7 +30,7 @@ bool AddDriverVariables(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     if (!IsDriverOpen(handle))
         return false;
     for (FilterVariable &variable : variables)
-        if (!ReadVariable(dom, handle, variable))
+        if (!ReadFilterVariable(dom, handle, variable))
             return false;
     for (const FilterVariable &variable : variables)
         qb_dump_filter_variable(dump.Context(), &variable, 0);

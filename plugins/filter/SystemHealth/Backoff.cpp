@@ -1,10 +1,7 @@
 #include "Backoff.h"
 
-#include "HealthLog.h"
-#include "fc/fc.h"
-
-std::uint64_t backoff_wait = 0;
-std::uint64_t last_check = 0;
+#include "HealthTrace.h"
+#include "common/Trace.h"
 
 namespace {
 
@@ -14,28 +11,29 @@ constexpr int kDecimal = 10;
 
 }  // namespace
 
-void loadBackoffState(const VtaCore::CDom &dom) {
+void loadBackoffState(Backoff &backoff, const VtaCore::CDom &dom) {
     const wxString waitText = dom.SettingRetrieve(kWaitSetting);
     const wxString checkText = dom.SettingRetrieve(kCheckSetting);
     // The two are parsed unalike on purpose: a wait has 32 bits.
     unsigned long wait = 0;
     if (!waitText.empty() && waitText.ToULong(&wait, kDecimal))
-        backoff_wait = wait;  // also one above the longest wait, which caps growth alone
+        backoff.backoff_wait = wait;  // also one above the longest wait, which caps growth alone
     wxULongLong_t check = 0;
     if (!checkText.empty() && checkText.ToULongLong(&check, kDecimal))
-        last_check = check;
-    Trace(kEngineTrace, "loadBackoffState() backoff_wait=%llu last_check=%llu", backoff_wait, last_check);
+        backoff.last_check = check;
+    Trace(kEngineTrace, "loadBackoffState() backoff_wait=%llu last_check=%llu", backoff.backoff_wait,
+          backoff.last_check);
 }
 
-void saveBackoffState(VtaCore::CDom &dom) {
-    dom.SettingStore(kWaitSetting, wxString::Format("%llu", backoff_wait));
-    dom.SettingStore(kCheckSetting, wxString::Format("%llu", last_check));
-    Trace(kEngineTrace, "saveBackoffState() backoff_wait=%llu last_check=%llu", backoff_wait, last_check);
+void saveBackoffState(const Backoff &backoff, VtaCore::CDom &dom) {
+    dom.SettingStore(kWaitSetting, wxString::Format("%llu", backoff.backoff_wait));
+    dom.SettingStore(kCheckSetting, wxString::Format("%llu", backoff.last_check));
+    Trace(kEngineTrace, "saveBackoffState() backoff_wait=%llu last_check=%llu", backoff.backoff_wait,
+          backoff.last_check);
 }
 
-void clearBackoffState(VtaCore::CDom &dom) {
-    backoff_wait = 0;
-    last_check = 0;
+void clearBackoffState(Backoff &backoff, VtaCore::CDom &dom) {
+    backoff = {};
     dom.SettingStore(kWaitSetting, "0");
     dom.SettingStore(kCheckSetting, "0");
     Trace(kEngineTrace, "clearBackoffState() cleared backoff state");

@@ -5,28 +5,20 @@
 #include <windows.h>
 #include <wx/log.h>
 
-#include "Backoff.h"
 #include "FailOpen.h"
-#include "HealthConfig.h"
-#include "HealthLog.h"
-#include "HealthMetrics.h"
 #include "HealthPolicy.h"
-#include "HealthSwitch.h"
-#include "HostSample.h"
-#include "ScanMetrics.h"
+#include "HealthState.h"
+#include "HealthTrace.h"
 #include "SystemHealth.h"
-#include "fc/fc.h"
-
-std::int32_t sysHealthEnabled = 0;
+#include "common/MessageText.h"
+#include "common/Trace.h"
+#include "common/UserdataArguments.h"
 
 namespace {
 
 constexpr std::uint64_t kMicrosecondsPerSecond = 1'000'000;
 constexpr double kDefaultMinMinutes = 30;
 constexpr double kDefaultMaxMinutes = 240;
-
-/// `now` of the previous call, whatever became of it.
-std::uint64_t lastIterationTime = 0;
 
 /// Microseconds since 1601. By the wall clock: one that is set back makes differences wrap.
 std::uint64_t SystemMicroseconds() {
@@ -36,7 +28,7 @@ std::uint64_t SystemMicroseconds() {
     return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime) / intervalsPerMicrosecond;
 }
 
-struct Arguments {
+struct CheckArguments {
     VtaCore::CDom *dom;
     FailOpenState state;
     const char *cloudConfig;
@@ -48,7 +40,7 @@ bool BeginsWith(const char *text, const char *beginning) {
 }
 
 /// A text that begins with a state's name passes for it.
-std::optional<FailOpenState> StateFromText(const char *text) {
+std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
     if (BeginsWith(text, "Activated"))
         return FailOpenState::Activated;
     if (BeginsWith(text, "Deactivated"))
@@ -58,7 +50,7 @@ std::optional<FailOpenState> StateFromText(const char *text) {
 }
 
 /// The string at the index, without a conversion of other types; null where there is none.
-const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
+const char *IterationTextArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
     if (lua_type(L, index) == LUA_TSTRING)
         return lua_tolstring(L, index, length);
     // The text is the same for both strings; the line tells which one it was.
@@ -66,39 +58,40 @@ const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceL
     return nullptr;
 }
 
-std::optional<Arguments> ReadArguments(lua_State *L, const TraceSite &site) {
+std::optional<CheckArguments> ReadCheckArguments(lua_State *L, const TraceSite &site) {
     VtaCore::CDom *const dom = GetDomArg(L);
     if (dom == nullptr)
         return std::nullopt;  // the one wrong argument that nothing is said about
-    const char *const stateText = StringArg(L, 2, nullptr, site);
+    const char *const stateText = IterationTextArg(L, 2, nullptr, site);
     if (stateText == nullptr)
         return std::nullopt;
-    const std::optional<FailOpenState> state = StateFromText(stateText);
+    const std::optional<FailOpenState> state = FailOpenStateFromText(stateText);
     if (!state)
         return std::nullopt;
     std::size_t length = 0;
-    const char *const cloudConfig = StringArg(L, 3, &length, site);
+    const char *const cloudConfig = IterationTextArg(L, 3, &length, site);
     if (cloudConfig == nullptr)
         return std::nullopt;
-    return Arguments{dom, *state, cloudConfig, length};
+    return CheckArguments{dom, *state, cloudConfig, length};
 }
 
+/// From the policy that the caller hands over, else from the local file.
 /// @return accepted values, less than one for nothing to go by.
-std::int32_t ReadConfiguration(const Arguments &arguments, const TraceSite &site) {
+std::int32_t ReadHealthConfiguration(HealthConfig &config, const CheckArguments &arguments, const TraceSite &site) {
     Trace(site, "cloud_config size[%d]:%s ", static_cast<int>(arguments.cloudConfigLength),
           OutsideText{arguments.cloudConfig});
     const std::int32_t activated = arguments.state == FailOpenState::Activated ? 1 : 0;
     const std::int32_t count = arguments.cloudConfigLength == 0
-                                   ? readSystemHealthConfig(*arguments.dom, activated)
-                                   : readSystemHealthPolicy(*arguments.dom, activated, arguments.cloudConfig);
-    if (!outputCloudConfig())
+                                   ? readSystemHealthConfig(config, *arguments.dom, activated)
+                                   : readSystemHealthPolicy(config, *arguments.dom, activated, arguments.cloudConfig);
+    if (!outputCloudConfig(config))
         wxLogError("Failed to output cloud config");
     return count;
 }
 
 /// Takes out the metrics that need a port when there is none.
-/// @return false if there was one of them: it switches the whole subsystem off for this iteration.
-bool GuardPort(std::int32_t &count) {
+/// @return how many. One of them switches the whole subsystem off for this iteration.
+std::int32_t RemoveMetricsWithoutPort(HealthConfig &config) {
     struct NeedsPort {
         ConfigRow row;
         const char *message;
@@ -108,51 +101,50 @@ bool GuardPort(std::int32_t &count) {
         {SYS_THR_CONN_EST_PER_CPU, "SysHealth - Conn Established enabled but monitoring port not configured"},
         {SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU, "SysHealth - Scan Mbytes enabled but monitoring port not configured"},
     };
-    bool usable = true;
+    std::int32_t removed = 0;
     for (const NeedsPort &metric : kNeedPort) {
-        if (sysHealthConfig[metric.row].is_set == 0 || sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
+        if (config[metric.row].is_set == 0 || config[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
             continue;
         wxLogError("%s", metric.message);
-        sysHealthConfig[metric.row].is_set = 0;
-        --count;
-        usable = false;
+        config[metric.row].is_set = 0;
+        ++removed;
     }
-    return usable;
+    return removed;
 }
 
 /// The host and the driver at one moment.
-struct Sample {
+struct HealthSample {
+    Action failure = actionNormal;  ///< Another one is what the iteration is to end with; the rest says nothing then.
     double rqlen = 0.0;
     std::uint32_t numCpus = 0;
-    ScanMetricsRecord scan = {};
-    bool hasScan = false;
+    std::optional<ScanMetricsRecord> scan{};
 };
 
-/// @return actionNormal, or what the iteration is to end with.
-Action TakeSample(Sample &sample, const TraceSite &site) {
-    if (queryRunQueueLength(sample.rqlen) != 0) {
+HealthSample TakeHealthSample(HealthState &health, const TraceSite &site) {
+    const std::optional<double> rqlen = queryRunQueueLength();
+    if (!rqlen) {
         Trace(site, "failed to collect rqLen, exiting");
-        return actionCollectFailed;
+        return {actionCollectFailed};
     }
     SYSTEM_INFO system = {};
     GetSystemInfo(&system);
-    sample.numCpus = system.dwNumberOfProcessors;
-    if (sample.numCpus == 0) {
+    if (system.dwNumberOfProcessors == 0) {
         Trace(site, "failed to collect numCpus, exiting");
-        return actionCollectFailed;
+        return {actionCollectFailed};
     }
-    if (!getMemoryMetrics()) {
+    if (!getMemoryMetrics(health.memory)) {
         Trace(site, "failed to collect memory metrics, exiting");
-        return actionMemoryFailed;
+        return {actionMemoryFailed};
     }
-    if (sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
-        sample.hasScan = RunDriverPass(sample.scan, site);
-    return actionNormal;
+    HealthSample sample{actionNormal, *rqlen, system.dwNumberOfProcessors};
+    if (health.config[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
+        sample.scan = RunDriverPass(health.scan, health.config, site);
+    return sample;
 }
 
 /// Whole minutes. Less than one becomes 0, with which every iteration in fail-open is a recovery check.
-std::uint64_t ConfiguredMinutes(ConfigRow row, double otherwise) {
-    return static_cast<std::uint64_t>(sysHealthConfig[row].is_set != 0 ? sysHealthConfig[row].value : otherwise);
+std::uint64_t ConfiguredMinutes(const SysHealthConfigEntry &entry, double otherwise) {
+    return static_cast<std::uint64_t>(entry.is_set != 0 ? entry.value : otherwise);
 }
 
 /// An iteration's times.
@@ -162,10 +154,11 @@ struct IterationTime {
 };
 
 /// The long line: all that an iteration went by.
-void LogIteration(const IterationTime &time, const FailOpenInput &input, const FailOpenResult &result) {
+void LogHealthIteration(const HealthState &health, const IterationTime &time, const FailOpenInput &input,
+                        const FailOpenResult &result) {
     const auto name = [](FailOpenState state) { return state == FailOpenState::Activated ? "Act" : "Deact"; };
     const auto limit = [&result](const SysHealthMetric &metric) { return metric.Limit(result.factor); };
-    const auto &[rq, refusal, established, scan, memory, interval] = sysHealthMetrics;
+    const auto &[rq, refusal, established, scan, memory, interval] = health.metrics.sysHealthMetrics;
     // Only the low 32 bits of the seconds, and the minimum in seconds: the line always had them so.
     const std::uint64_t seconds = static_cast<std::uint32_t>(time.now / kMicrosecondsPerSecond);
     const std::uint64_t minimumSeconds = input.min_dur * 60;
@@ -174,62 +167,64 @@ void LogIteration(const IterationTime &time, const FailOpenInput &input, const F
         "backoff=%llu next_chk=%llu port=%d %s=%.3f(%.3f) %s=%.3f(%.3f) %s=%.3f(%.3f) %s=%.3f(%.3f) "
         "%s=%.3f(%.3f) %s=%.3f(%.3f)",
         static_cast<int>(result.action), seconds, time.now % kMicrosecondsPerSecond, time.delta_t, name(input.state),
-        name(result.state), minimumSeconds, result.act_dur / kMicrosecondsPerSecond, backoff_wait, result.next_chk,
-        scanPort, rq.short_name, rq.value, limit(rq), refusal.short_name, refusal.value, limit(refusal),
-        established.short_name, established.value, limit(established), scan.short_name, scan.value, limit(scan),
-        memory.short_name, memory.value, limit(memory), interval.short_name, interval.value, limit(interval));
+        name(result.state), minimumSeconds, result.act_dur / kMicrosecondsPerSecond, health.backoff.backoff_wait,
+        result.next_chk, health.scan.scanPort, rq.short_name, rq.value, limit(rq), refusal.short_name, refusal.value,
+        limit(refusal), established.short_name, established.value, limit(established), scan.short_name, scan.value,
+        limit(scan), memory.short_name, memory.value, limit(memory), interval.short_name, interval.value,
+        limit(interval));
 }
 
-FailOpenResult Evaluate(const FailOpenInput &input, const IterationTime &time, const Sample &sample,
-                        const TraceSite &site) {
-    const wxCriticalSectionLocker lock(sysHealthLock);
-    if (sample.hasScan)
-        RunRatePass(sample.scan, time.delta_t);
-    ArmHealthMetrics();
-    loadBackoffState(input.dom);
-    calculateHealthMetrics(sample.rqlen, sample.numCpus, time.delta_t);
-    return RunFailOpen(input, site);
+FailOpenResult EvaluateSample(HealthState &health, const HealthSample &sample, const IterationTime &time,
+                              const FailOpenInput &input, const TraceSite &site) {
+    const wxCriticalSectionLocker lock(health.lock);
+    if (sample.scan)
+        RunRatePass(health.scan, *sample.scan, time.delta_t);
+    ArmHealthMetrics(health.metrics, health.config);
+    loadBackoffState(health.backoff, input.dom);
+    calculateHealthMetrics(health.metrics, {sample.rqlen, sample.numCpus, time.delta_t, health.memory, health.scan});
+    return RunFailOpen(health, input, site);
 }
 
-Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &site) {
-    const std::optional<Arguments> arguments = ReadArguments(L, site);
+Action RunHealthIteration(HealthState &health, lua_State *L, const IterationTime &time, const TraceSite &site) {
+    const std::optional<CheckArguments> arguments = ReadCheckArguments(L, site);
     if (!arguments)
         return actionBadArgument;
-    std::int32_t count = ReadConfiguration(*arguments, site);
-    if (!GuardPort(count) || count <= 0) {
-        clearBackoffState(*arguments->dom);
+    HealthConfig &config = health.config;
+    const std::int32_t accepted = ReadHealthConfiguration(config, *arguments, site);
+    const std::int32_t removed = RemoveMetricsWithoutPort(config);
+    if (removed != 0 || accepted <= 0) {
+        clearBackoffState(health.backoff, *arguments->dom);
         return actionDisabled;
     }
-    Sample sample;
-    const Action failure = TakeSample(sample, site);
-    if (failure != actionNormal)
-        return failure;
+    const HealthSample sample = TakeHealthSample(health, site);
+    if (sample.failure != actionNormal)
+        return sample.failure;
     const FailOpenInput input{*arguments->dom, arguments->state, time.now,
-                              ConfiguredMinutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
-                              ConfiguredMinutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)};
-    const FailOpenResult result = Evaluate(input, time, sample, site);
-    LogIteration(time, input, result);
+                              ConfiguredMinutes(config[SYS_CONF_MIN_ACT_DURATION], kDefaultMinMinutes),
+                              ConfiguredMinutes(config[SYS_CONF_MAX_ACT_DURATION], kDefaultMaxMinutes)};
+    const FailOpenResult result = EvaluateSample(health, sample, time, input, site);
+    LogHealthIteration(health, time, input, result);
     return result.action;
 }
 
-Action CheckHealth(lua_State *L, const TraceSite &site) {
+Action CheckHealth(HealthState &health, lua_State *L, const TraceSite &site) {
     const std::uint64_t now = SystemMicroseconds();
-    const double delta_t = lastIterationTime == 0 ? 0.0
-                                                  : static_cast<double>(now - lastIterationTime) /
-                                                        static_cast<double>(kMicrosecondsPerSecond);
-    const Action action = RunIteration(L, {now, delta_t}, site);
-    lastIterationTime = now;
+    const double delta_t = health.lastIterationTime == 0 ? 0.0
+                                                         : static_cast<double>(now - health.lastIterationTime) /
+                                                               static_cast<double>(kMicrosecondsPerSecond);
+    const Action action = RunHealthIteration(health, L, {now, delta_t}, site);
+    health.lastIterationTime = now;
     const bool isDisabled = action == actionDisabled;
     Trace(site, "Setting status: %s", isDisabled ? "disabled" : "enabled");
-    const wxCriticalSectionLocker lock(sysHealthLock);
-    sysHealthEnabled = isDisabled ? 0 : 1;
+    const wxCriticalSectionLocker lock(health.lock);
+    health.sysHealthEnabled = isDisabled ? 0 : 1;
     return action;
 }
 
 }  // namespace
 
 int CheckSystemHealthMetrics(lua_State *L) {
-    const Action action = CheckHealth(L, kEngineTrace);
+    const Action action = CheckHealth(healthState, L, kEngineTrace);
     lua_createtable(L, 0, 1);
     lua_pushnumber(L, action);
     lua_setfield(L, -2, "action");

@@ -5,6 +5,7 @@
 
 #include "vta_core.h"
 
+struct HealthState;
 struct TraceSite;
 
 /// What an iteration tells its caller. The numbers are part of the Lua interface; 3 and 4 are not in use.
@@ -37,6 +38,7 @@ struct FailOpenResult {
     std::uint64_t next_chk = 0;  ///< Minutes until the next recovery check.
 };
 
-/// One step from the state that the caller says to be in, by the metrics of this iteration. Under sysHealthLock.
+/// One step from the state that the caller says to be in, by the metrics of this iteration. Under the
+/// state's lock.
 /// @param site  of the iteration, in whose name it is traced.
-FailOpenResult RunFailOpen(const FailOpenInput &input, const TraceSite &site);
+FailOpenResult RunFailOpen(HealthState &health, const FailOpenInput &input, const TraceSite &site);

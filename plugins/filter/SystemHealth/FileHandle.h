@@ -2,9 +2,7 @@
 #pragma once
 
 #include <cstdio>
-#include <memory>
 
-struct CloseFile {
-    void operator()(std::FILE *file) const { (void)std::fclose(file); }
-};
-using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
+#include "common/Unique.h"
+
+using FileHandle = Unique<std::FILE *, std::fclose>;

@@ -1,12 +1,14 @@
 // The thirteen values that can be tuned, and the local file that tunes them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 
 #include <wx/string.h>
 
-#include "fc/fc.h"
+#include "common/Trace.h"
 #include "vta_core.h"
 
 /// One value.
@@ -37,32 +39,48 @@ enum ConfigRow : std::int32_t {
     kConfigRows,
 };
 
-/// Rebuilt from nothing by each iteration, outside sysHealthLock.
-extern SysHealthConfigEntry sysHealthConfig[kConfigRows];
+/// The table.
+class HealthConfig {
+public:
+    /// Without values.
+    HealthConfig();
 
-/// Forgets all values.
-void ResetSystemHealthConfig();
-/// Stores a value of a row of the table.
-void AcceptValue(SysHealthConfigEntry &entry, double value);
-/// The port that is monitored; none while the table is being rebuilt. Any thread.
-std::optional<std::uint16_t> ConfiguredPort();
-/// Takes the values of the three metrics that need the driver out of this pass; they stay readable, and count.
-void DisableDriverMetrics();
+    SysHealthConfigEntry &operator[](ConfigRow row) { return m_rows[row]; }
+    const SysHealthConfigEntry &operator[](ConfigRow row) const { return m_rows[row]; }
+    SysHealthConfigEntry *begin() { return std::begin(m_rows); }
+    SysHealthConfigEntry *end() { return std::end(m_rows); }
+    [[nodiscard]] const SysHealthConfigEntry *begin() const { return std::begin(m_rows); }
+    [[nodiscard]] const SysHealthConfigEntry *end() const { return std::end(m_rows); }
+
+    /// Forgets all values.
+    void Reset();
+    /// Stores a value of a row of the table.
+    void AcceptValue(SysHealthConfigEntry &entry, double value);
+    /// The port that is monitored; none while the table is being rebuilt. Any thread.
+    [[nodiscard]] std::optional<std::uint16_t> Port() const;
+    /// Takes the values of the three metrics that need the driver out of this pass; they stay readable, and count.
+    void DisableDriverMetrics();
+
+private:
+    SysHealthConfigEntry m_rows[kConfigRows];
+    /// The port for the read-outs, which run while the table is written: its two fields can't be read at once.
+    std::atomic<std::int32_t> m_port;
+};
+
 // The two switches, when all values are read.
 
 /// Tells the agent whether fail-open is to unload the driver: only the value 1 asks for it.
 /// @param site     of the reader, and
 /// @param message  traced there if so.
-void ApplyUnloadDriver(VtaCore::CDom &dom, const TraceSite &site, const char *message);
+void ApplyUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site, const char *message);
 /// Whether the whole subsystem is switched off, which is traced at `site`: only the value 1 does so.
-bool IsSystemHealthDisabled(const TraceSite &site);
+bool IsSystemHealthDisabled(const HealthConfig &config, const TraceSite &site);
 
 /// Fills the table from the local file.
 /// @param activated  non-zero in fail-open, where the driver's metrics are not judged.
 /// @return the number of accepted lines; 0 also when the file can't be read or switches the subsystem off.
-std::int32_t readSystemHealthConfig(VtaCore::CDom &dom, std::int32_t activated);
+std::int32_t readSystemHealthConfig(HealthConfig &config, VtaCore::CDom &dom, std::int32_t activated);
 
 /// Takes back an accepted value, so that its default applies.
-/// @param count   accepted values, one less afterwards.
 /// @param reason  for the trace.
-void invalidateConfig(std::int32_t index, std::int32_t &count, const wxString &reason);
+void invalidateConfig(HealthConfig &config, ConfigRow row, const wxString &reason);

@@ -1,10 +1,10 @@
 #include "HealthMetrics.h"
 
 #include "HealthConfig.h"
-#include "HealthLog.h"
+#include "HealthTrace.h"
 #include "HostSample.h"
 #include "ScanMetrics.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 
@@ -21,24 +21,24 @@ constexpr ThresholdSource kThresholdSources[] = {
     {SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU, scanmb}, {SYS_THR_FREE_MEM, frepct},
 };
 
-double RefusalPercent() {
-    const double created = scanCounterRate[conn_new];
-    const double refused = scanCounterRate[conn_halfopen2close];
+double RefusalPercent(const ScanRates &scan) {
+    const double created = scan.scanCounterRate[conn_new];
+    const double refused = scan.scanCounterRate[conn_halfopen2close];
     return created <= kMinNewConnections ? 0.0 : refused * 100.0 / created;
 }
 
-double EstablishedPerCpu(double numCpus) {
-    return scanCounterRate[conn_established] / numCpus;
+double EstablishedPerCpu(const ScanRates &scan, double numCpus) {
+    return scan.scanCounterRate[conn_established] / numCpus;
 }
 
-double ScanMBytesPerCpu(double numCpus) {
-    return (scanCounterRate[scanbytes_fwd] + scanCounterRate[scanbytes_bwd]) / (numCpus * kBytesPerMiB);
+double ScanMBytesPerCpu(const ScanRates &scan, double numCpus) {
+    return (scan.scanCounterRate[scanbytes_fwd] + scan.scanCounterRate[scanbytes_bwd]) / (numCpus * kBytesPerMiB);
 }
 
 /// A host without memory is not guarded against: the comparison with the threshold follows from the result.
-double FreeMemoryPercent() {
-    return static_cast<double>(vmStats[vmstat_freemem].value) * 100.0 /
-           static_cast<double>(vmStats[vmstat_phys_mem].value);
+double FreeMemoryPercent(const HostMemory &memory) {
+    return static_cast<double>(memory.vmStats[vmstat_freemem].value) * 100.0 /
+           static_cast<double>(memory.vmStats[vmstat_phys_mem].value);
 }
 
 /// Traces a metric past its limit. @return whether it is.
@@ -60,63 +60,61 @@ bool IsPastLimit(const SysHealthMetric &metric, double factor, const TraceSite &
 
 }  // namespace
 
-// The first name is kept although its value is neither per processor nor a percentage. Only a read-out before the
-// first iteration sees these thresholds.
-SysHealthMetric sysHealthMetrics[kMetricRows] = {
-    {"runnable_processes_per_cpu_pct", "rqpct", 0, 0, 50.0, 0},
-    {"connections_refused_per_new_conn_pct", "refusalpct", 0, 0, 10.0, 0},
-    {"connections_established_per_cpu", "estab", 0, 0, 50.0, 0},
-    {"total_scan_mbytes_per_cpu", "scanmb", 0, 0, 100.0, 0},
-    {"free_memory_pct", "frepct", 1, 0, 100.0, 0},
-    {"iteration interval", "delta_t", 0, 0, 100.0, 0},
-};
-
-void ArmHealthMetrics() {
+void ArmHealthMetrics(HealthMetrics &metrics, const HealthConfig &config) {
+    auto &rows = metrics.sysHealthMetrics;
     for (int row = 0; row < delta_t_row; ++row) {
-        sysHealthMetrics[row].value = 0.0;
-        sysHealthMetrics[row].threshold = 0.0;
-        sysHealthMetrics[row].enabled = 0;
+        rows[row].value = 0.0;
+        rows[row].threshold = 0.0;
+        rows[row].enabled = 0;
     }
     for (const ThresholdSource &source : kThresholdSources) {
-        if (sysHealthConfig[source.config].is_set != 0) {
-            sysHealthMetrics[source.metric].threshold = sysHealthConfig[source.config].value;
-            sysHealthMetrics[source.metric].enabled = 1;
+        if (config[source.config].is_set != 0) {
+            rows[source.metric].threshold = config[source.config].value;
+            rows[source.metric].enabled = 1;
         }
     }
-    const SysHealthConfigEntry &interval = sysHealthConfig[SYS_THR_MAX_ITERATION_INVL];
-    SysHealthMetric &delta = sysHealthMetrics[delta_t_row];
-    delta.value = 0.0;
-    delta.threshold = interval.is_set != 0 ? interval.value : kDefaultIterationLimit;
-    delta.enabled = 1;
+    const SysHealthConfigEntry &interval = config[SYS_THR_MAX_ITERATION_INVL];
+    rows[delta_t_row].value = 0.0;
+    rows[delta_t_row].threshold = interval.is_set != 0 ? interval.value : kDefaultIterationLimit;
+    rows[delta_t_row].enabled = 1;
 }
 
-void calculateHealthMetrics(double rqlen, std::uint32_t numCpus, double delta_t) {
-    const double cpus = numCpus;
-    const auto set = [](MetricRow row, double value) { return sysHealthMetrics[row].value = value; };
-    const auto isEnabled = [](MetricRow row) { return sysHealthMetrics[row].enabled != 0; };
+void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
+    const double cpus = from.numCpus;
+    const double(&rates)[kScanCounters] = from.scan.scanCounterRate;
+    auto &[rq, refusal, established, scan, freeMemory, interval] = metrics.sysHealthMetrics;
 
-    if (isEnabled(rqpct))  // neither divided nor scaled, whatever its name says
-        Trace(kEngineTrace, "rqlen=%f numCpus=%d rqlen_pct=%f", rqlen, numCpus, set(rqpct, rqlen));
-    if (isEnabled(refusalpct))
-        Trace(kEngineTrace, "conn_halfopen2close=%f conn_new=%f conn_ref_pct=%f", scanCounterRate[conn_halfopen2close],
-              scanCounterRate[conn_new], set(refusalpct, RefusalPercent()));
-    if (isEnabled(estab))
-        Trace(kEngineTrace, "conn_established=%f numCpus=%f conn_est_per_cpu=%f", scanCounterRate[conn_established],
-              cpus, set(estab, EstablishedPerCpu(cpus)));
-    if (isEnabled(scanmb))
-        Trace(kEngineTrace, "scanbytes_fwd=%f scanbytes_bwd=%f numCpus=%f scan_mbytes_per_cpu=%f",
-              scanCounterRate[scanbytes_fwd], scanCounterRate[scanbytes_bwd], cpus,
-              set(scanmb, ScanMBytesPerCpu(cpus)));
-    if (isEnabled(frepct))  // KiB both, whatever the words say
-        Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f", vmStats[vmstat_freemem].value,
-              vmStats[vmstat_phys_mem].value, set(frepct, FreeMemoryPercent()));
-    if (isEnabled(delta_t_row))
-        set(delta_t_row, delta_t);
+    if (rq.enabled != 0) {
+        rq.value = from.rqlen;  // neither divided nor scaled, whatever the metric's name says
+        Trace(kEngineTrace, "rqlen=%f numCpus=%d rqlen_pct=%f", from.rqlen, from.numCpus, rq.value);
+    }
+    if (refusal.enabled != 0) {
+        refusal.value = RefusalPercent(from.scan);
+        Trace(kEngineTrace, "conn_halfopen2close=%f conn_new=%f conn_ref_pct=%f", rates[conn_halfopen2close],
+              rates[conn_new], refusal.value);
+    }
+    if (established.enabled != 0) {
+        established.value = EstablishedPerCpu(from.scan, cpus);
+        Trace(kEngineTrace, "conn_established=%f numCpus=%f conn_est_per_cpu=%f", rates[conn_established], cpus,
+              established.value);
+    }
+    if (scan.enabled != 0) {
+        scan.value = ScanMBytesPerCpu(from.scan, cpus);
+        Trace(kEngineTrace, "scanbytes_fwd=%f scanbytes_bwd=%f numCpus=%f scan_mbytes_per_cpu=%f", rates[scanbytes_fwd],
+              rates[scanbytes_bwd], cpus, scan.value);
+    }
+    if (freeMemory.enabled != 0) {
+        freeMemory.value = FreeMemoryPercent(from.memory);
+        Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",  // KiB both, whatever the words say
+              from.memory.vmStats[vmstat_freemem].value, from.memory.vmStats[vmstat_phys_mem].value, freeMemory.value);
+    }
+    if (interval.enabled != 0)
+        interval.value = from.delta_t;
 }
 
-std::int32_t check_health_metric_thresholds(double factor) {
+std::int32_t check_health_metric_thresholds(const HealthMetrics &metrics, double factor) {
     std::int32_t overCount = 0;
-    for (const SysHealthMetric &metric : sysHealthMetrics)
+    for (const SysHealthMetric &metric : metrics.sysHealthMetrics)
         if (metric.enabled != 0 && IsPastLimit(metric, factor, kEngineTrace))
             ++overCount;
     return overCount;

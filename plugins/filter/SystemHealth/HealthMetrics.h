@@ -1,8 +1,11 @@
-// The six metrics of an iteration, and which of them are past their limits. All under sysHealthLock, but for the
-// log line of the same iteration.
+// The six metrics of an iteration, and which of them are past their limits.
 #pragma once
 
 #include <cstdint>
+
+class HealthConfig;
+struct HostMemory;
+struct ScanRates;
 
 struct SysHealthMetric {
     const char *const name;
@@ -19,17 +22,35 @@ struct SysHealthMetric {
 /// Rows of the table: the order of evaluation, of the log line and of the read-out.
 enum MetricRow { rqpct, refusalpct, estab, scanmb, frepct, delta_t_row, kMetricRows };
 
-extern SysHealthMetric sysHealthMetrics[kMetricRows];
+/// The table.
+struct HealthMetrics {
+    // The first name is kept although its value is neither per processor nor a percentage. Only a read-out before the
+    // first iteration sees these thresholds.
+    SysHealthMetric sysHealthMetrics[kMetricRows] = {
+        {"runnable_processes_per_cpu_pct", "rqpct", 0, 0, 50.0, 0},
+        {"connections_refused_per_new_conn_pct", "refusalpct", 0, 0, 10.0, 0},
+        {"connections_established_per_cpu", "estab", 0, 0, 50.0, 0},
+        {"total_scan_mbytes_per_cpu", "scanmb", 0, 0, 100.0, 0},
+        {"free_memory_pct", "frepct", 1, 0, 100.0, 0},
+        {"iteration interval", "delta_t", 0, 0, 100.0, 0},
+    };
+};
+
+/// What the metrics of an iteration are calculated from.
+struct MetricSources {
+    double rqlen;           ///< Threads that wait for a processor.
+    std::uint32_t numCpus;  ///< Not 0.
+    double delta_t;         ///< Seconds since the previous iteration.
+    const HostMemory &memory;
+    const ScanRates &scan;
+};
 
 /// Clears the table and takes the thresholds from the configuration.
-void ArmHealthMetrics();
+void ArmHealthMetrics(HealthMetrics &metrics, const HealthConfig &config);
 
 /// Fills in the values of the enabled metrics.
-/// @param rqlen    threads that wait for a processor.
-/// @param numCpus  processors, not 0.
-/// @param delta_t  seconds since the previous iteration.
-void calculateHealthMetrics(double rqlen, std::uint32_t numCpus, double delta_t);
+void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from);
 
 /// @param factor  makes every limit stricter below 1.0.
 /// @return how many enabled metrics are past their limit; each is traced.
-std::int32_t check_health_metric_thresholds(double factor);
+std::int32_t check_health_metric_thresholds(const HealthMetrics &metrics, double factor);

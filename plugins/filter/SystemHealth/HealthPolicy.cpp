@@ -3,28 +3,22 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include <cJSON.h>
 
-#include "HealthConfig.h"
-#include "HealthLog.h"
 #include "FileHandle.h"
+#include "HealthTrace.h"
+#include "common/Trace.h"
+#include "common/Unique.h"
 
 namespace {
 
 constexpr char kCloudConfigFile[] = "C:\\ProgramData\\Quillon\\Vantry Agent\\diag\\vt_filter_json.log";
 constexpr char kValueKey[] = "value";
 
-struct DeleteJson {
-    void operator()(cJSON *json) const { cJSON_Delete(json); }
-};
-using Json = std::unique_ptr<cJSON, DeleteJson>;
-
-struct FreeJsonText {
-    void operator()(char *text) const { cJSON_free(text); }
-};
+using Json = Unique<cJSON *, cJSON_Delete>;
+using JsonText = Unique<char *, cJSON_free>;
 
 /// A number as the argument of a "%s", which becomes text only if the line is wanted.
 struct NumberText {
@@ -38,9 +32,9 @@ wxString TraceArgument(const NumberText &text) {
 /// Reads one policy: what has been found so far.
 class PolicyReader {
 public:
-    explicit PolicyReader(const TraceSite &site) : m_site(site) {}
+    PolicyReader(HealthConfig &config, const TraceSite &site) : m_config(config), m_site(site) {}
 
-    void Take(SysHealthConfigEntry &entry, const cJSON &item) {
+    void TakeItem(SysHealthConfigEntry &entry, const cJSON &item) {
         switch (entry.json_type) {
             case cJSON_Object:
                 TakeThreshold(entry, item);
@@ -65,7 +59,7 @@ private:
         if (!cJSON_IsNumber(value))
             return;
         if (value->valuedouble > 0.0 && value->valuedouble <= entry.max_value)
-            Store(entry, value->valuedouble);
+            StoreValue(entry, value->valuedouble);
         else
             TraceOutOfBoundary();
     }
@@ -73,13 +67,13 @@ private:
     /// The item's type is not looked at: what is no number reads as 0, which passes.
     void TakeNumber(SysHealthConfigEntry &entry, const cJSON &item) {
         if (item.valuedouble >= 0.0 && item.valuedouble <= entry.max_value)
-            Store(entry, item.valuedouble);
+            StoreValue(entry, item.valuedouble);
         else
             TraceOutOfBoundary();
     }
 
-    void Store(SysHealthConfigEntry &entry, double value) {
-        AcceptValue(entry, value);
+    void StoreValue(SysHealthConfigEntry &entry, double value) {
+        m_config.AcceptValue(entry, value);
         ++m_count;
         Trace(Config(), "stored %s  %f", entry.file_key, value);
     }
@@ -91,21 +85,32 @@ private:
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
     [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }
 
+    HealthConfig &m_config;
     TraceSite m_site;
     std::int32_t m_count = 0;
     double m_lastThreshold = 0.0;
 };
 
-void CheckDurations(std::int32_t &count) {
-    const SysHealthConfigEntry &minimum = sysHealthConfig[SYS_CONF_MIN_ACT_DURATION];
-    const SysHealthConfigEntry &maximum = sysHealthConfig[SYS_CONF_MAX_ACT_DURATION];
-    if (minimum.is_set != 0 && minimum.value <= 0.0)
-        invalidateConfig(SYS_CONF_MIN_ACT_DURATION, count, wxString::Format("min_dur(%f) <= 0", minimum.value));
-    if (maximum.is_set != 0 && maximum.value <= 0.0)
-        invalidateConfig(SYS_CONF_MAX_ACT_DURATION, count, wxString::Format("max_dur(%f) <= 0", maximum.value));
-    if (minimum.is_set != 0 && maximum.is_set != 0 && minimum.value > maximum.value)
-        invalidateConfig(SYS_CONF_MAX_ACT_DURATION, count,
+/// Takes back durations that make no sense.
+/// @return how many.
+std::int32_t InvalidateDurations(HealthConfig &config) {
+    const SysHealthConfigEntry &minimum = config[SYS_CONF_MIN_ACT_DURATION];
+    const SysHealthConfigEntry &maximum = config[SYS_CONF_MAX_ACT_DURATION];
+    std::int32_t invalid = 0;
+    if (minimum.is_set != 0 && minimum.value <= 0.0) {
+        invalidateConfig(config, SYS_CONF_MIN_ACT_DURATION, wxString::Format("min_dur(%f) <= 0", minimum.value));
+        ++invalid;
+    }
+    if (maximum.is_set != 0 && maximum.value <= 0.0) {
+        invalidateConfig(config, SYS_CONF_MAX_ACT_DURATION, wxString::Format("max_dur(%f) <= 0", maximum.value));
+        ++invalid;
+    }
+    if (minimum.is_set != 0 && maximum.is_set != 0 && minimum.value > maximum.value) {
+        invalidateConfig(config, SYS_CONF_MAX_ACT_DURATION,
                          wxString::Format("max_dur(%f) < min_dur(%f)", maximum.value, minimum.value));
+        ++invalid;
+    }
+    return invalid;
 }
 
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
@@ -136,25 +141,27 @@ const char *FindOverlongNumber(const char *json) {
     return nullptr;
 }
 
-/// @param error  receives the place of a failure; null if there is none, or it is not known.
-/// @return null for a failure.
-Json ParsePolicy(const char *json, const char *&error) {
-    error = FindOverlongNumber(json);
-    if (error != nullptr)
-        return nullptr;
-    Json root(cJSON_ParseWithOpts(json, nullptr, 0));
-    if (!root) {
+struct ParsedPolicy {
+    Json root;                    ///< Null for a failure.
+    const char *error = nullptr;  ///< The place of a failure; null if there is none, or it is not known.
+};
+
+ParsedPolicy ParsePolicy(const char *json) {
+    if (const char *const number = FindOverlongNumber(json))
+        return {nullptr, number};
+    ParsedPolicy parsed{Json(cJSON_ParseWithOpts(json, nullptr, 0))};
+    if (!parsed.root) {
         // The position is the whole process's: another thread may have parsed something else meanwhile.
         const char *const place = cJSON_GetErrorPtr();
         if (place >= json && place <= json + std::strlen(json))
-            error = place;
+            parsed.error = place;
     }
-    return root;
+    return parsed;
 }
 
 /// Adds one value to the root. A number that finds no memory is left out.
 /// @return false if there is no memory for the object around it.
-bool AddEntry(cJSON &root, const SysHealthConfigEntry &entry) {
+bool AddConfigEntry(cJSON &root, const SysHealthConfigEntry &entry) {
     if (entry.json_type == cJSON_Number) {
         (void)cJSON_AddNumberToObject(&root, entry.policy_key, entry.value);
         return true;
@@ -170,48 +177,47 @@ bool AddEntry(cJSON &root, const SysHealthConfigEntry &entry) {
 
 }  // namespace
 
-std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, const char *json) {
-    ResetSystemHealthConfig();
-    const char *error = nullptr;
-    Json root = ParsePolicy(json, error);
-    if (!root) {
-        if (error != nullptr)
-            Trace(kEngineTrace, "json parsing error [%s]", OutsideText{error});
+std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, std::int32_t activated,
+                                    const char *json) {
+    config.Reset();
+    ParsedPolicy policy = ParsePolicy(json);
+    if (!policy.root) {
+        if (policy.error != nullptr)
+            Trace(kEngineTrace, "json parsing error [%s]", OutsideText{policy.error});
         // Not 0: the iteration goes on, with the iteration interval alone. The agent's flag stays as it was.
         return 1;
     }
 
-    PolicyReader reader(kConfigTrace);
-    for (SysHealthConfigEntry &entry : sysHealthConfig)
-        if (const cJSON *const item = cJSON_GetObjectItem(root.get(), entry.policy_key))
-            reader.Take(entry, *item);
-    std::int32_t count = reader.Count();
-    CheckDurations(count);
-    ApplyUnloadDriver(dom, kConfigTrace, "Windows driver unload enabled for fail-open (from policy)");
-    root.reset();
+    PolicyReader reader(config, kConfigTrace);
+    for (SysHealthConfigEntry &entry : config)
+        if (const cJSON *const item = cJSON_GetObjectItem(policy.root.get(), entry.policy_key))
+            reader.TakeItem(entry, *item);
+    const std::int32_t count = reader.Count() - InvalidateDurations(config);
+    ApplyUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open (from policy)");
+    policy.root.reset();
 
-    if (IsSystemHealthDisabled(kConfigTrace))
+    if (IsSystemHealthDisabled(config, kConfigTrace))
         return 0;
     if (activated != 0)
-        DisableDriverMetrics();
+        config.DisableDriverMetrics();
     if (count > 0)  // the file reader's text; only the function of the line tells the two apart
         Trace(kConfigTrace, "readSystemHealthConfig returning %d", count);
     return count;
 }
 
-bool outputCloudConfig() {
+bool outputCloudConfig(const HealthConfig &config) {
     const Json root(cJSON_CreateObject());
     if (!root) {
         Trace(kEngineTrace, "Fail to cJSON_CreateObject for root");
         return false;
     }
-    for (const SysHealthConfigEntry &entry : sysHealthConfig) {
-        if (entry.is_set == 1 && !AddEntry(*root, entry)) {
+    for (const SysHealthConfigEntry &entry : config) {
+        if (entry.is_set == 1 && !AddConfigEntry(*root, entry)) {
             Trace(kEngineTrace, "Fail to cJSON_CreateObject for object");
             return false;
         }
     }
-    const std::unique_ptr<char, FreeJsonText> text(cJSON_Print(root.get()));
+    const JsonText text(cJSON_Print(root.get()));
     if (!text) {
         Trace(kEngineTrace, "Fail to print JSON");
         return false;

@@ -4,15 +4,16 @@
 
 #include <cstdint>
 
+#include "HealthConfig.h"
 #include "vta_core.h"
 
-/// Fills sysHealthConfig from the policy.
+/// Fills the table from the policy.
 /// @param activated  non-zero in fail-open, where the driver's metrics are not judged.
 /// @param json       ends with a NUL; what stands behind the object is ignored.
 /// @return the number of stored values; 0 when the policy switches the subsystem off; 1, with nothing stored, when
 ///         it can't be parsed.
-std::int32_t readSystemHealthPolicy(VtaCore::CDom &dom, std::int32_t activated, const char *json);
+std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, std::int32_t activated, const char *json);
 
 /// Writes the values that are set to the diagnostic file, anew each time.
 /// @return whether it was written.
-bool outputCloudConfig();
+bool outputCloudConfig(const HealthConfig &config);

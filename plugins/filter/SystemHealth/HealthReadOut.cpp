@@ -9,18 +9,16 @@
 
 #include <windows.h>
 
-#include "HealthConfig.h"
-#include "HealthLog.h"
-#include "HealthMetrics.h"
-#include "HealthSwitch.h"
+#include "HealthState.h"
+#include "HealthTrace.h"
 #include "SystemHealth.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 
 /// The number's integer part. One that is no number or has no 64-bit integer part gives the least integer, as the
 /// processor's own conversion has it.
-lua_Integer IntegerPart(double number) {
+lua_Integer MetricIntegerPart(double number) {
     constexpr double limit = 9223372036854775808.0;  // 2 to the power of 63
     static_assert(sizeof(lua_Integer) == 8);
     if (!(std::fabs(number) < limit))
@@ -37,18 +35,18 @@ struct ShownMetric {
 using ShownMetrics = std::array<ShownMetric, kMetricRows>;
 static_assert(std::is_trivially_destructible_v<ShownMetrics>, "it is alive while Lua may raise an error");
 
-ShownMetrics CopyMetrics() {
+ShownMetrics CopyShownMetrics() {
     ShownMetrics shown = {};
-    const wxCriticalSectionLocker lock(sysHealthLock);
-    std::transform(std::begin(sysHealthMetrics), std::end(sysHealthMetrics), shown.begin(),
-                   [](const SysHealthMetric &metric) {
-                       // The threshold is never shown with a factor.
-                       return ShownMetric{metric.short_name, IntegerPart(metric.value), IntegerPart(metric.threshold)};
-                   });
+    const wxCriticalSectionLocker lock(healthState.lock);
+    const auto &metrics = healthState.metrics.sysHealthMetrics;
+    std::transform(std::begin(metrics), std::end(metrics), shown.begin(), [](const SysHealthMetric &metric) {
+        // The threshold is never shown with a factor.
+        return ShownMetric{metric.short_name, MetricIntegerPart(metric.value), MetricIntegerPart(metric.threshold)};
+    });
     return shown;
 }
 
-void PushMetric(lua_State *L, const ShownMetric &metric) {
+void PushShownMetric(lua_State *L, const ShownMetric &metric) {
     lua_createtable(L, 0, 3);
     lua_pushinteger(L, metric.value);
     lua_setfield(L, -2, "value");
@@ -59,11 +57,11 @@ void PushMetric(lua_State *L, const ShownMetric &metric) {
 }
 
 /// Pushes the array of the metrics, the processor count behind them.
-void PushMetrics(lua_State *L, const ShownMetrics &metrics) {
+void PushShownMetrics(lua_State *L, const ShownMetrics &metrics) {
     lua_createtable(L, kMetricRows + 1, 0);
     int index = 0;
     for (const ShownMetric &metric : metrics) {
-        PushMetric(L, metric);
+        PushShownMetric(L, metric);
         lua_rawseti(L, -2, ++index);
     }
     SYSTEM_INFO system = {};
@@ -80,26 +78,27 @@ int GetSysHealthMetrics(lua_State *L) {
     Trace(kReadOutTrace, "GetSysHealthMetrics() called");
     // Not under the lock: while Lua makes the tables it may run scripts' finalizers, which may take long, raise an
     // error or start an iteration.
-    const ShownMetrics metrics = CopyMetrics();
+    const ShownMetrics metrics = CopyShownMetrics();
     lua_pushboolean(L, 1);
-    PushMetrics(L, metrics);
+    PushShownMetrics(L, metrics);
     Trace(kReadOutTrace, "GetSysHealthMetrics() returning");
     return 2;
 }
 
 int GetSysHealthEnabled(lua_State *L) {
     Trace(kEngineTrace, "GetSysHealthEnabled() called");
-    const wxCriticalSectionLocker lock(sysHealthLock);
-    lua_pushboolean(L, sysHealthEnabled);
-    Trace(kEngineTrace, "GetSysHealthEnabled() returning %d", sysHealthEnabled);
+    const wxCriticalSectionLocker lock(healthState.lock);
+    lua_pushboolean(L, healthState.sysHealthEnabled);
+    Trace(kEngineTrace, "GetSysHealthEnabled() returning %d", healthState.sysHealthEnabled);
     return 1;
 }
 
 // The configured port, not the one that the driver knows; the configuration is written without this lock.
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
-    const wxCriticalSectionLocker lock(sysHealthLock);
-    const std::optional<std::uint16_t> port = sysHealthEnabled == 1 ? ConfiguredPort() : std::nullopt;
+    const wxCriticalSectionLocker lock(healthState.lock);
+    const std::optional<std::uint16_t> port =
+        healthState.sysHealthEnabled == 1 ? healthState.config.Port() : std::nullopt;
     lua_pushboolean(L, port ? 1 : 0);
     lua_pushinteger(L, port.value_or(0));
     Trace(kEngineTrace, "GetScanMetricPort() returning");  // on the engine's component, unlike the call

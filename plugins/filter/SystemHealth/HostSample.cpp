@@ -1,13 +1,11 @@
 #include "HostSample.h"
 
-#include <memory>
-#include <type_traits>
-
 #include <windows.h>
 #include <pdh.h>
 
-#include "HealthLog.h"
-#include "fc/fc.h"
+#include "HealthTrace.h"
+#include "common/Trace.h"
+#include "common/Unique.h"
 
 namespace {
 
@@ -15,23 +13,14 @@ constexpr wchar_t kRunQueuePath[] = L"\\System\\Processor Queue Length";
 constexpr DWORD kSampleMs = 100;
 constexpr unsigned kKiBShift = 10;
 
-struct CloseQuery {
-    void operator()(PDH_HQUERY query) const { (void)PdhCloseQuery(query); }
-};
-using Query = std::unique_ptr<std::remove_pointer_t<PDH_HQUERY>, CloseQuery>;
+using Query = Unique<PDH_HQUERY, PdhCloseQuery>;
 
 }  // namespace
 
-VmStatEntry vmStats[kVmStatRows] = {
-    {"vmstat_phys_mem", "null", 0, 0}, {"vmstat_runQ", "r", 0, 0}, {"vmstat_avm", "avm", 0, 0},
-    {"vmstat_freemem", "fre", 0, 0},   {"user_cpu", "us", 0, 0},   {"sys_cpu", "sy", 15, 0},
-    {"idle_cpu", "id", 0, 0},          {"wait_cpu", "wa", 0, 0},
-};
-
-std::int32_t queryRunQueueLength(double &rqlen) {
+std::optional<double> queryRunQueueLength() {
     const auto failed = [](const char *message, const TraceLine &line = kEngineTrace) {
         Trace(line, "%s", message);
-        return 1;
+        return std::nullopt;
     };
     PDH_HQUERY opened = nullptr;
     if (PdhOpenQueryW(nullptr, 0, &opened) != ERROR_SUCCESS)
@@ -48,11 +37,10 @@ std::int32_t queryRunQueueLength(double &rqlen) {
     PDH_FMT_COUNTERVALUE value = {};
     if (PdhGetFormattedCounterValue(counter, PDH_FMT_DOUBLE, nullptr, &value) != ERROR_SUCCESS)
         return failed("PdhGetFormattedCounterValue failed");
-    rqlen = value.doubleValue;
-    return 0;
+    return value.doubleValue;
 }
 
-bool getMemoryMetrics() {
+bool getMemoryMetrics(HostMemory &memory) {
     MEMORYSTATUSEX status = {};
     status.dwLength = sizeof(status);
     static_assert(sizeof(status) == 64);
@@ -60,7 +48,7 @@ bool getMemoryMetrics() {
         Trace(kEngineTrace, "GlobalMemoryStatusEx failed");
         return false;
     }
-    vmStats[vmstat_phys_mem].value = status.ullTotalPhys >> kKiBShift;
-    vmStats[vmstat_freemem].value = status.ullAvailPhys >> kKiBShift;
+    memory.vmStats[vmstat_phys_mem].value = status.ullTotalPhys >> kKiBShift;
+    memory.vmStats[vmstat_freemem].value = status.ullAvailPhys >> kKiBShift;
     return true;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 /// A figure of the host.
 struct VmStatEntry {
@@ -24,13 +25,18 @@ enum VmStatRow {
     kVmStatRows
 };
 
-/// Only vmstat_phys_mem and vmstat_freemem are in use; both in KiB.
-extern VmStatEntry vmStats[kVmStatRows];
+/// The table. Only vmstat_phys_mem and vmstat_freemem are in use; both in KiB.
+struct HostMemory {
+    VmStatEntry vmStats[kVmStatRows] = {
+        {"vmstat_phys_mem", "null", 0, 0}, {"vmstat_runQ", "r", 0, 0}, {"vmstat_avm", "avm", 0, 0},
+        {"vmstat_freemem", "fre", 0, 0},   {"user_cpu", "us", 0, 0},   {"sys_cpu", "sy", 15, 0},
+        {"idle_cpu", "id", 0, 0},          {"wait_cpu", "wa", 0, 0},
+    };
+};
 
 /// Threads that wait for a processor, measured over 100 ms, for which the caller is held.
-/// @param rqlen  receives the number.
-/// @return 0 for success, 1 for a failure, which is traced.
-std::int32_t queryRunQueueLength(double &rqlen);
+/// @return nothing after a failure, which is traced.
+std::optional<double> queryRunQueueLength();
 
 /// Fills the two rows of the table. @return false for a failure, which is traced.
-bool getMemoryMetrics();
+bool getMemoryMetrics(HostMemory &memory);

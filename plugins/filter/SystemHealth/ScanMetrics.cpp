@@ -6,17 +6,12 @@
 #include <wx/log.h>
 
 #include "HealthConfig.h"
-#include "HealthLog.h"
-#include "fc/fc.h"
-
-double scanCounterRate[kScanCounters];
-std::int32_t scanPort = 0;
+#include "HealthTrace.h"
+#include "common/DriverFailure.h"
+#include "common/DriverHandle.h"
+#include "common/Trace.h"
 
 namespace {
-
-std::uint64_t scanCounterPrev[kScanCounters];
-std::int32_t baselineCounters = 0;  // how many of them were ever filled in
-std::int32_t firstScanPass = 1;
 
 constexpr std::uint32_t kRequestWord = 1;
 constexpr std::uint32_t kInbound = 1;
@@ -29,9 +24,9 @@ struct ScanTarget {
     std::int32_t outbound;
 };
 
-ScanTarget ConfiguredTarget() {
-    const SysHealthConfigEntry &outbound = sysHealthConfig[SYS_CONF_CONN_REFUSAL_OUTBOUND];
-    return {static_cast<std::uint16_t>(sysHealthConfig[SYS_CONF_CONN_REFUSAL_PORT].value),
+ScanTarget ConfiguredScanTarget(const HealthConfig &config) {
+    const SysHealthConfigEntry &outbound = config[SYS_CONF_CONN_REFUSAL_OUTBOUND];
+    return {static_cast<std::uint16_t>(config[SYS_CONF_CONN_REFUSAL_PORT].value),
             outbound.is_set != 0 && static_cast<std::int32_t>(outbound.value) == 1 ? 1 : 0};
 }
 
@@ -67,48 +62,50 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
     return code;
 }
 
-bool RunDriverPass(ScanMetricsRecord &record, const TraceSite &iteration) {
+std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &config, const TraceSite &iteration) {
     const TraceSite site(kScanTrace, iteration.place);
-    const ScanTarget target = ConfiguredTarget();
+    const ScanTarget target = ConfiguredScanTarget(config);
     const DriverHandle handle(vti_open());
     if (!handle) {
-        DisableDriverMetrics();
-        return false;
+        config.DisableDriverMetrics();
+        return std::nullopt;
     }
-    if (firstScanPass != 0) {
+    if (scan.firstScanPass != 0) {
         Trace(site, "setting scan config %d, %d", target.port, target.outbound);
         (void)set_scan_metrics_config(handle.get(), target.port, target.outbound);
-        scanPort = target.port;  // whatever became of it
+        scan.scanPort = target.port;  // whatever became of it
     }
     Trace(site, "Collecting scan metrics");
     // The port that the driver knows, with the direction of this pass.
+    std::optional<ScanMetricsRecord> record(std::in_place);
     const std::int32_t code =
-        get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);
+        get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scan.scanPort), target.outbound, *record);
     if (code != 0) {
         // In spite of the text, the iteration goes on without the driver's metrics.
         const wxString error = DriverErrorText(handle.get(), kErrorBytes);
         wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
-        DisableDriverMetrics();
-        return false;
+        config.DisableDriverMetrics();
+        return std::nullopt;
     }
-    return true;
+    return record;
 }
 
-void RunRatePass(const ScanMetricsRecord &record, double delta_t) {
+void RunRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t) {
     const auto rows = static_cast<std::int32_t>(record.row_count);
     // The driver's word is taken for how many counters it has filled, but the record has room for no more.
     const std::int32_t counters =
         std::min(static_cast<std::int32_t>(record.counters_per_row), static_cast<std::int32_t>(kScanCounters));
     if (rows <= 0 || counters <= 0)
         return;
-    firstScanPass = 0;
+    scan.firstScanPass = 0;
     // A counter that comes for the first time only lays its baseline.
-    for (std::int32_t i = 0; i < std::min(counters, baselineCounters); ++i) {
+    for (std::int32_t i = 0; i < std::min(counters, scan.baselineCounters); ++i) {
         const std::uint64_t current = record.counters[i];
         // A total that fell gives no rate, not a huge one.
-        const std::uint64_t difference = current < scanCounterPrev[i] ? 0 : current - scanCounterPrev[i];
-        scanCounterRate[i] = static_cast<double>(difference) / delta_t;
+        const std::uint64_t previous = scan.scanCounterPrev[i];
+        const std::uint64_t difference = current < previous ? 0 : current - previous;
+        scan.scanCounterRate[i] = static_cast<double>(difference) / delta_t;
     }
-    std::copy_n(record.counters, counters, scanCounterPrev);
-    baselineCounters = std::max(baselineCounters, counters);
+    std::copy_n(record.counters, counters, scan.scanCounterPrev);
+    scan.baselineCounters = std::max(scan.baselineCounters, counters);
 }

@@ -1,7 +1,9 @@
-// What the health subsystem offers to the rest of the module: its Lua functions.
+// What the health subsystem offers to the rest of the module: its Lua functions, and its one module-wide object.
 #pragma once
 
 #include <lua.hpp>
+
+#include "HealthState.h"
 
 /// Lua: {action = number} = f(dom, state, cloud_config). One iteration: reads the configuration, samples the host
 /// and decides on fail-open. Blocks for at least 100 ms. Wrong arguments are told by `action`. One caller at a time.

@@ -1,7 +1,7 @@
 #include "AdaptorHealthChecker.h"
 
 #include "InstallerLog.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "RegistryTree.h"
 #include "ServiceControl.h"
 #include "SetupLibrary.h"
-#include "WindowsFirewall/WindowsFirewall.h"
+#include "common/TakeOwnership.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {

@@ -13,7 +13,7 @@
 #include "DriverVersions.h"
 #include "EnterWithin.h"
 #include "TcpAdapter.h"
-#include "fc/fc.h"
+#include "common/Block.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {

@@ -11,6 +11,7 @@
 #include "DriverInstallerThread.h"
 #include "DriverVersions.h"
 #include "TcpAdapter.h"
+#include "common/Trace.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {

@@ -7,7 +7,7 @@
 #include <wrl/client.h>
 
 #include "DriverThreadSteps.h"
-#include "fc/fc.h"
+#include "common/SharedObjects.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {

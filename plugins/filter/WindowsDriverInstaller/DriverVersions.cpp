@@ -9,7 +9,10 @@
 #include <windows.h>
 
 #include "InstallerLog.h"
-#include "fc/fc.h"
+#include "common/Block.h"
+#include "common/DriverFailure.h"
+#include "common/DriverHandle.h"
+#include "common/Trace.h"
 #include "vti.h"
 
 namespace {

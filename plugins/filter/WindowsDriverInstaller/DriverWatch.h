@@ -16,7 +16,7 @@
 #include "InstallerLog.h"
 #include "InterruptWorkaround.h"
 #include "StackDump.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {

@@ -9,7 +9,7 @@
 
 #include "InstallerLog.h"
 #include "RegistryKey.h"
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace {
 

@@ -1,17 +1,10 @@
 // Whether a thread has ended, also when it was killed.
 #pragma once
 
-#include <memory>
-#include <type_traits>
-
 #include <windows.h>
 #include <wx/thread.h>
 
-struct CloseAnyHandle {
-    void operator()(HANDLE handle) const { (void)CloseHandle(handle); }
-};
-/// Owns a handle whose empty value is null.
-using UniqueHandle = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseAnyHandle>;
+#include "common/Unique.h"
 
 /// Tells whether a thread has ended. wxThread gives its handle up at a kill, whether or not the thread has ended then.
 class ThreadEnd {

@@ -1,7 +1,6 @@
-// What the driver installer offers to the rest of the module.
+// What the driver installer offers to the rest of the module: the functions that become Lua's.
 #pragma once
 
-#include <lua.hpp>
-
-/// Registers the installer's functions in SLB.filter.
-void RegisterDriverInstallerFunctions(lua_State *L);
+#include "DriverThreads.h"
+#include "DriverVersions.h"
+#include "ServiceControl.h"

@@ -1,77 +1,80 @@
 #include <functional>
-#include <memory>
 
 #include <windows.h>
 #include <oleauto.h>
 
-#include "FirewallLog.h"
+#include "FirewallTrace.h"
 #include "FirewallObjects.h"
 #include "WindowsFirewall.h"
+#include "common/RequireObject.h"
+#include "common/Unique.h"
 
 namespace WindowsFirewall {
 
 namespace {
 
-struct FreeText {
-    void operator()(wchar_t *text) const { SysFreeString(text); }
-};
-using ComText = std::unique_ptr<wchar_t, FreeText>;
+using ComText = Unique<BSTR, SysFreeString>;
 
 /// An empty text counts as one that there was no memory for; that is meant so.
-HRESULT MakeText(const wchar_t *text, ComText &made, const TraceLine &line) {
+HRESULT MakeComText(const wchar_t *text, ComText &made, const TraceLine &line) {
     made.reset(SysAllocString(text));
-    return Judged(SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK, "SysAllocString failed: 0x%08lx", line);
+    const HRESULT hr = SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK;
+    return TraceIfFailed(hr, "SysAllocString failed: 0x%08lx", line);
 }
 
-HRESULT GetApplications(INetFwProfile *profile, ComPtr<INetFwAuthorizedApplications> &applications,
-                        const TraceLine &line) {
+HRESULT GetAuthorizedApplications(INetFwProfile *profile, ComPtr<INetFwAuthorizedApplications> &applications,
+                                  const TraceLine &line) {
     const HRESULT hr = profile->get_AuthorizedApplications(&applications);
-    return Judged(Obtained(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", line);
+    return TraceIfFailed(RequireObject(hr, applications), "get_AuthorizedApplications failed: 0x%08lx", line);
 }
 
 HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path, unsigned *enabled) {
     const TraceSite site(kFirewallTrace);
     *enabled = 0;
     ComPtr<INetFwAuthorizedApplications> applications;
-    HRESULT hr = GetApplications(profile, applications, site);
+    HRESULT hr = GetAuthorizedApplications(profile, applications, site);
     if (FAILED(hr))
         return hr;
     ComPtr<INetFwAuthorizedApplication> application;
     ComText name;
-    hr = MakeText(path, name, site);
+    hr = MakeComText(path, name, site);
     if (FAILED(hr))
         return hr;
     if (FAILED(applications->Item(name.get(), &application)) || !application)
         return S_OK;  // not listed
     VARIANT_BOOL isEnabled = VARIANT_FALSE;
-    hr = Judged(application->get_Enabled(&isEnabled), "get_Enabled failed: 0x%08lx", site);
+    hr = application->get_Enabled(&isEnabled);
+    hr = TraceIfFailed(hr, "get_Enabled failed: 0x%08lx", site);
     if (SUCCEEDED(hr) && isEnabled == VARIANT_TRUE)
         *enabled = 1;
     return hr;
 }
 
 /// Fills a new entry and puts it on the list. An entry that is there already is written again.
-HRESULT AddEntry(INetFwAuthorizedApplications *applications, const wchar_t *path, const wchar_t *displayName,
-                 const TraceSite &site) {
+HRESULT AddAuthorizedApplication(INetFwAuthorizedApplications *applications, const wchar_t *path,
+                                 const wchar_t *displayName, const TraceSite &site) {
     ComPtr<INetFwAuthorizedApplication> application;
     HRESULT hr = CoCreateInstance(__uuidof(NetFwAuthorizedApplication), nullptr, CLSCTX_INPROC_SERVER,
                                   IID_PPV_ARGS(&application));
-    if (FAILED(Judged(hr = Obtained(hr, application), "CoCreateInstance failed: 0x%08lx", site)))
+    hr = TraceIfFailed(RequireObject(hr, application), "CoCreateInstance failed: 0x%08lx", site);
+    if (FAILED(hr))
         return hr;
     ComText file;
     ComText name;
-    if (FAILED(hr = MakeText(path, file, site)))
+    hr = MakeComText(path, file, site);
+    if (FAILED(hr))
         return hr;
     hr = application->put_ProcessImageFileName(file.get());
-    if (FAILED(Judged(hr, "put_ProcessImageFileName failed: 0x%08lx", site)))
+    if (FAILED(TraceIfFailed(hr, "put_ProcessImageFileName failed: 0x%08lx", site)))
         return hr;
-    if (FAILED(hr = MakeText(displayName, name, site)))
+    hr = MakeComText(displayName, name, site);
+    if (FAILED(hr))
         return hr;
     hr = application->put_Name(name.get());
-    if (FAILED(Judged(hr, "put_Name failed: 0x%08lx", site)))
+    if (FAILED(TraceIfFailed(hr, "put_Name failed: 0x%08lx", site)))
         return hr;
-    hr = Judged(applications->Add(application.Get()), "Add failed: 0x%08lx", site);
-    if (SUCCEEDED(hr))
+    hr = applications->Add(application.Get());
+    if (SUCCEEDED(TraceIfFailed(hr, "Add failed: 0x%08lx", site)))
         Trace(site, "Authorized application %ls is now enabled in the firewall.", path);
     return hr;
 }
@@ -80,35 +83,39 @@ HRESULT DoWindowsFirewallAddApp(INetFwProfile *profile, const wchar_t *path, con
     const TraceSite site(kFirewallTrace);
     unsigned enabled = 0;
     HRESULT hr = WindowsFirewallAppIsEnabled(profile, path, &enabled);
-    if (FAILED(Judged(hr, "WindowsFirewallAppIsEnabled failed: 0x%08lx", site)))
+    if (FAILED(TraceIfFailed(hr, "WindowsFirewallAppIsEnabled failed: 0x%08lx", site)))
         return hr;
     if (enabled != 0)
         return S_OK;
     ComPtr<INetFwAuthorizedApplications> applications;
-    hr = GetApplications(profile, applications, site);
-    return FAILED(hr) ? hr : AddEntry(applications.Get(), path, displayName, site);
+    hr = GetAuthorizedApplications(profile, applications, site);
+    return FAILED(hr) ? hr : AddAuthorizedApplication(applications.Get(), path, displayName, site);
 }
 
 HRESULT DoWindowsFirewallRemoveApp(INetFwProfile *profile, const wchar_t *path) {
     const TraceSite site(kFirewallTrace);
     ComPtr<INetFwAuthorizedApplications> applications;
     ComText name;
-    HRESULT hr = GetApplications(profile, applications, site);
+    HRESULT hr = GetAuthorizedApplications(profile, applications, site);
     if (SUCCEEDED(hr))
-        hr = MakeText(path, name, site);
-    return FAILED(hr) ? hr : Judged(applications->Remove(name.get()), "Remove failed: 0x%08lx", site);
+        hr = MakeComText(path, name, site);
+    if (FAILED(hr))
+        return hr;
+    hr = applications->Remove(name.get());
+    return TraceIfFailed(hr, "Remove failed: 0x%08lx", site);
 }
 
 /// Does the work on the current profile, with COM around it.
-bool WithProfile(const std::function<HRESULT(INetFwProfile *)> &work, const TraceSite &site) {
+bool DoWithCurrentProfile(const std::function<HRESULT(INetFwProfile *)> &work, const TraceSite &site) {
     if (!StartCom(site))
         return false;
     {
         ComPtr<INetFwPolicy2> policy;
         ComPtr<INetFwProfile> profile;
-        const HRESULT hr = WindowsFirewallInitialize(&profile, &policy);
-        if (SUCCEEDED(Judged(hr, "WindowsFirewallInitialize failed: 0x%08lx", site)) &&
-            SUCCEEDED(Judged(work(profile.Get()), "WindowsFirewallAddApp failed: 0x%08lx", site))) {
+        HRESULT hr = WindowsFirewallInitialize(&profile, &policy);
+        if (SUCCEEDED(TraceIfFailed(hr, "WindowsFirewallInitialize failed: 0x%08lx", site)))
+            hr = TraceIfFailed(work(profile.Get()), "WindowsFirewallAddApp failed: 0x%08lx", site);
+        if (SUCCEEDED(hr)) {
             // Both stay for the life of the thread, and so does COM; that is kept so.
             (void)profile.Detach();
             (void)policy.Detach();
@@ -130,7 +137,7 @@ bool WindowsFirewallAddApp(const char *path, const char *displayName) {
     const wxString file = TextArgument(path);
     const wxString name = TextArgument(displayName);
     Trace(site, "WindowsFirewallAddApp called with path = %s displayName = %s", file, name);
-    return WithProfile(
+    return DoWithCurrentProfile(
         [&](INetFwProfile *profile) { return DoWindowsFirewallAddApp(profile, file.wc_str(), name.wc_str()); }, site);
 }
 
@@ -139,8 +146,8 @@ bool WindowsFirewallRemoveApp(const char *path) {
     const wxString file = TextArgument(path);
     Trace(site, "WindowsFirewallRemoveApp called with path = %s", file);
     // A failure is logged under the add's name; the text stays so.
-    return WithProfile([&](INetFwProfile *profile) { return DoWindowsFirewallRemoveApp(profile, file.wc_str()); },
-                       site);
+    return DoWithCurrentProfile(
+        [&](INetFwProfile *profile) { return DoWindowsFirewallRemoveApp(profile, file.wc_str()); }, site);
 }
 
 }  // namespace WindowsFirewall

@@ -1,7 +1,8 @@
 #include "FirewallObjects.h"
 
-#include "FirewallLog.h"
+#include "FirewallTrace.h"
 #include "FirewallService.h"
+#include "common/RequireObject.h"
 
 namespace WindowsFirewall {
 
@@ -17,25 +18,27 @@ HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **polic
     const TraceSite site(kFirewallTrace);
     *profile = nullptr;
     *policy = nullptr;
-    HRESULT hr = S_OK;
     if (IsVistaOrLater()) {
         ComPtr<INetFwPolicy2> made;
-        hr = CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&made));
-        if (FAILED(Judged(hr = Obtained(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site)))
+        HRESULT hr = CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&made));
+        hr = TraceIfFailed(RequireObject(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site);
+        if (FAILED(hr))
             return hr;
         *policy = made.Detach();
     }
     ComPtr<INetFwMgr> manager;
-    hr = CoCreateInstance(__uuidof(NetFwMgr), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
-    if (FAILED(Judged(hr = Obtained(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site)))
+    HRESULT hr = CoCreateInstance(__uuidof(NetFwMgr), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
+    hr = TraceIfFailed(RequireObject(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site);
+    if (FAILED(hr))
         return hr;
     ComPtr<INetFwPolicy> localPolicy;
     hr = manager->get_LocalPolicy(&localPolicy);
-    if (FAILED(Judged(hr = Obtained(hr, localPolicy), "get_LocalPolicy failed: 0x%08lx", site)))
+    hr = TraceIfFailed(RequireObject(hr, localPolicy), "get_LocalPolicy failed: 0x%08lx", site);
+    if (FAILED(hr))
         return hr;
     ComPtr<INetFwProfile> current;
     hr = localPolicy->get_CurrentProfile(&current);
-    (void)Judged(hr = Obtained(hr, current), "get_CurrentProfile failed: 0x%08lx", site);
+    hr = TraceIfFailed(RequireObject(hr, current), "get_CurrentProfile failed: 0x%08lx", site);
     *profile = current.Detach();
     return hr;
 }

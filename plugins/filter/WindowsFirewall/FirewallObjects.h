@@ -5,7 +5,7 @@
 #include <netfw.h>
 #include <wrl/client.h>
 
-#include "fc/fc.h"
+#include "common/Trace.h"
 
 namespace WindowsFirewall {
 
@@ -14,12 +14,6 @@ using Microsoft::WRL::ComPtr;
 /// Enters a single-threaded apartment. A thread whose model is another one already counts as entered; in either case a
 /// success is matched by one CoUninitialize, which is meant so. A failure is logged.
 bool StartCom(const TraceLine &line);
-
-/// A success without the object that it promises counts as a failure.
-template <typename Interface>
-HRESULT Obtained(HRESULT hr, const ComPtr<Interface> &object) {
-    return SUCCEEDED(hr) && !object ? E_NOINTERFACE : hr;
-}
 
 /// Makes the objects; logs a failure.
 /// @param profile  receives the current profile of the legacy interfaces, on every system.

@@ -1,9 +1,8 @@
 #include "FirewallService.h"
 
-#include <memory>
-#include <type_traits>
-
-#include "FirewallLog.h"
+#include "FirewallTrace.h"
+#include "common/Unique.h"
+#include "common/WindowsVersion.h"
 
 namespace WindowsFirewall {
 
@@ -16,22 +15,16 @@ constexpr int kStartPolls = 600;
 constexpr int kStopPolls = 60;
 constexpr DWORD kPauseMs = 1'000;
 
-struct CloseService {
-    void operator()(SC_HANDLE handle) const { (void)CloseServiceHandle(handle); }
-};
-using Handle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseService>;
-
 /// The firewall's service, with the service manager that it was opened by.
-struct Service {
-    Handle manager;
-    Handle service;  ///< Closed first.
+struct FirewallServiceHandles {
+    UniqueService manager;
+    UniqueService service;  ///< Closed first.
 
-    void Close() {
+    void CloseBoth() {
         service.reset();
         manager.reset();
     }
-    /// Leaves both open.
-    void Abandon() {
+    void LeaveBothOpen() {
         (void)service.release();
         (void)manager.release();
     }
@@ -39,64 +32,128 @@ struct Service {
 
 constexpr char kQueryFailed[] = "Error querying '%.64s' service: %#08x";
 
-/// Traces a failure. @return false.
-bool Failed(const TraceLine &line, const char *format, DWORD error) {
+void TraceServiceError(const TraceLine &line, const char *format, DWORD error) {
     Trace(line, format, kService, static_cast<unsigned>(error));
-    return false;
 }
 
-/// Closes the service, then traces the failure of the last call. @return false.
-bool FailedAndClosed(Service &opened, const TraceLine &line, const char *format) {
+/// Closes the service, then traces the last error.
+void CloseAndTraceLastError(FirewallServiceHandles &opened, const TraceLine &line, const char *format) {
     const DWORD error = GetLastError();
-    opened.Close();
-    return Failed(line, format, error);
+    opened.CloseBoth();
+    TraceServiceError(line, format, error);
 }
 
-/// @param access         to the service.
+enum class Opening { Opened, NoSuchService, Failed };
+
+/// @param access          to the service.
 /// @param withoutService  what is traced where there is no such service.
-/// @param result          when it could not be opened: true where there is none, false after a failure.
-bool Open(Service &opened, DWORD access, const char *withoutService, bool *result, const TraceSite &site) {
-    *result = false;
+Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const char *withoutService,
+                            const TraceSite &site) {
     opened.manager.reset(OpenSCManagerW(nullptr, nullptr, STANDARD_RIGHTS_READ));
     if (!opened.manager) {
         const DWORD error = GetLastError();
         Trace(site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
-        return false;
+        return Opening::Failed;
     }
     opened.service.reset(OpenServiceW(opened.manager.get(), kService, access));
     if (opened.service)
-        return true;
+        return Opening::Opened;
     const DWORD error = GetLastError();
-    opened.Close();
-    if (error != ERROR_SERVICE_DOES_NOT_EXIST)
-        return Failed(site, "Error opening '%.64s' service: %#08x", error);
+    opened.CloseBoth();
+    if (error != ERROR_SERVICE_DOES_NOT_EXIST) {
+        TraceServiceError(site, "Error opening '%.64s' service: %#08x", error);
+        return Opening::Failed;
+    }
     Trace(site, withoutService, kService);
-    *result = true;
-    return false;
+    return Opening::NoSuchService;
 }
 
-bool SetStartType(const Handle &service, DWORD startType) {
+bool SetFirewallStartType(const UniqueService &service, DWORD startType) {
     return ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
                                 nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
 }
 
 /// The service is never left enabled: it runs on, with its start type as it was found.
-bool StartDisabled(const Handle &service, const TraceSite &site) {
+bool StartDisabledService(const UniqueService &service, const TraceSite &site) {
     Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
-    if (!SetStartType(service, SERVICE_DEMAND_START))
-        return Failed(site, "Error enabling '%.64s' service: %#08x", GetLastError());
+    if (!SetFirewallStartType(service, SERVICE_DEMAND_START)) {
+        TraceServiceError(site, "Error enabling '%.64s' service: %#08x", GetLastError());
+        return false;
+    }
     const bool started = ::StartServiceW(service.get(), 0, nullptr) != 0;
     const DWORD error = GetLastError();
-    (void)SetStartType(service, SERVICE_DISABLED);
-    return started || Failed(site, "Error starting '%.64s' service after enabling it: %#08x", error);
+    (void)SetFirewallStartType(service, SERVICE_DISABLED);
+    if (!started)
+        TraceServiceError(site, "Error starting '%.64s' service after enabling it: %#08x", error);
+    return started;
 }
 
-bool StartStopped(const Handle &service, const TraceSite &site) {
+bool StartStoppedService(const UniqueService &service, const TraceSite &site) {
     if (::StartServiceW(service.get(), 0, nullptr) != 0)
         return true;
     const DWORD error = GetLastError();
-    return error == ERROR_SERVICE_DISABLED ? StartDisabled(service, site)
-                                           : Failed(site, "Error starting '%.64s' service: %#08x", error);
+    if (error == ERROR_SERVICE_DISABLED)
+        return StartDisabledService(service, site);
+    TraceServiceError(site, "Error starting '%.64s' service: %#08x", error);
+    return false;
+}
+
+/// Of a service that has stopped after it was started.
+void TraceExitCodes(const SERVICE_STATUS &status, const TraceLine &line) {
+    Trace(line, "Service '%.64s' stopped with Windows error code %#08x, service-specific code %#08x", kService,
+          static_cast<unsigned>(status.dwWin32ExitCode), static_cast<unsigned>(status.dwServiceSpecificExitCode));
+}
+
+/// Polls the service until it runs, for ten minutes at most.
+/// @param running  set to false once it is seen stopped.
+/// @param start    start it then, once; otherwise it is left as it is, and that is a success.
+bool AwaitRunningService(FirewallServiceHandles &opened, bool &running, bool start, const TraceSite &site) {
+    bool attempted = false;
+    for (int poll = 0; poll < kStartPolls; ++poll) {
+        SERVICE_STATUS status = {};
+        if (QueryServiceStatus(opened.service.get(), &status) == 0) {
+            TraceServiceError(site, kQueryFailed, GetLastError());  // before it is closed, unlike those of a stop
+            return false;
+        }
+        if (status.dwCurrentState == SERVICE_RUNNING)
+            return true;  // `running` stays false if a stop was seen before
+        if (status.dwCurrentState == SERVICE_START_PENDING)
+            Sleep(kPauseMs);
+        if (status.dwCurrentState != SERVICE_STOPPED)
+            continue;  // any other state is polled without a pause; that is meant so
+        running = false;
+        if (!start) {
+            opened.LeaveBothOpen();  // on this road the two handles stay open; that is kept so
+            return true;
+        }
+        if (attempted) {
+            TraceExitCodes(status, site);
+            return false;
+        }
+        attempted = true;
+        if (!StartStoppedService(opened.service, site))
+            return false;
+    }
+    opened.CloseBoth();
+    Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
+    return false;
+}
+
+/// Waits for a minute at most. @return false after a line in the trace.
+bool AwaitStoppedService(FirewallServiceHandles &opened, const TraceSite &site) {
+    for (int poll = 0; poll < kStopPolls; ++poll) {
+        SERVICE_STATUS status = {};
+        if (QueryServiceStatus(opened.service.get(), &status) == 0) {
+            CloseAndTraceLastError(opened, site, kQueryFailed);
+            return false;
+        }
+        if (status.dwCurrentState == SERVICE_STOPPED)
+            return true;
+        Sleep(kPauseMs);
+    }
+    opened.CloseBoth();
+    Trace(site, "Unable to stop '%.64s' service", kService);
+    return false;
 }
 
 }  // namespace
@@ -104,11 +161,9 @@ bool StartStopped(const Handle &service, const TraceSite &site) {
 void FillOsVersionRecord() {
     // The size of the smaller record is the mark that this one is filled.
     constexpr DWORD filled = sizeof(OSVERSIONINFOW);
-    static_assert(filled == 276);
     if (osVersionRecord.dwOSVersionInfoSize == filled)
         return;
-    osVersionRecord.dwOSVersionInfoSize = filled;
-    (void)GetVersionExW(reinterpret_cast<OSVERSIONINFOW *>(&osVersionRecord));
+    (void)QueryWindowsVersion(osVersionRecord, filled);
 }
 
 bool IsVistaOrLater() {
@@ -136,73 +191,41 @@ void StopFirewallService(bool *wasRunning) {
 bool StartServiceW(bool *running, bool start) {
     const TraceSite site(kFirewallTrace);
     Trace(site, "Starting '%.64s' service...", kService);
-    Service opened;
-    bool result = false;
-    if (!Open(opened, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START,
-              "Service '%.64s' doesn't exist. Continuing without trying to start it.", &result, site))
-        return result;
+    FirewallServiceHandles opened;
+    const Opening opening =
+        OpenFirewallService(opened, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START,
+                            "Service '%.64s' doesn't exist. Continuing without trying to start it.", site);
+    if (opening != Opening::Opened)
+        return opening == Opening::NoSuchService;
     *running = true;
-    bool attempted = false;
-    for (int poll = 0; poll < kStartPolls; ++poll) {
-        SERVICE_STATUS status = {};
-        if (QueryServiceStatus(opened.service.get(), &status) == 0)
-            return Failed(site, kQueryFailed, GetLastError());  // the failures of a start are told before it is closed
-        if (status.dwCurrentState == SERVICE_RUNNING)
-            return true;  // `running` stays false if a stop was seen before
-        if (status.dwCurrentState == SERVICE_START_PENDING)
-            Sleep(kPauseMs);
-        if (status.dwCurrentState != SERVICE_STOPPED)
-            continue;  // any other state is polled without a pause; that is meant so
-        *running = false;
-        if (!start) {
-            opened.Abandon();  // on this road the two handles stay open; that is kept so
-            return true;
-        }
-        if (attempted) {
-            Trace(site, "Service '%.64s' stopped with Windows error code %#08x, service-specific code %#08x", kService,
-                  static_cast<unsigned>(status.dwWin32ExitCode),
-                  static_cast<unsigned>(status.dwServiceSpecificExitCode));
-            return false;
-        }
-        attempted = true;
-        if (!StartStopped(opened.service, site))
-            return false;
-    }
-    opened.Close();
-    Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
-    return false;
+    return AwaitRunningService(opened, *running, start, site);
 }
 
 bool StopService(bool *wasRunning) {
     const TraceSite site(kFirewallTrace);
     Trace(site, "Stopping '%.64s' service...", kService);
     *wasRunning = false;
-    Service opened;
-    bool result = false;
-    if (!Open(opened, SERVICE_QUERY_STATUS | SERVICE_STOP, "Service '%.64s' does not exist - no need to stop it.",
-              &result, site))
-        return result;
+    FirewallServiceHandles opened;
+    const Opening opening = OpenFirewallService(opened, SERVICE_QUERY_STATUS | SERVICE_STOP,
+                                                "Service '%.64s' does not exist - no need to stop it.", site);
+    if (opening != Opening::Opened)
+        return opening == Opening::NoSuchService;
     SERVICE_STATUS status = {};
-    if (QueryServiceStatus(opened.service.get(), &status) == 0)
-        return FailedAndClosed(opened, site, kQueryFailed);
+    if (QueryServiceStatus(opened.service.get(), &status) == 0) {
+        CloseAndTraceLastError(opened, site, kQueryFailed);
+        return false;
+    }
     if (status.dwCurrentState == SERVICE_STOPPED) {
-        opened.Abandon();  // on this road the two handles stay open; that is kept so
+        opened.LeaveBothOpen();  // on this road the two handles stay open; that is kept so
         return true;
     }
     *wasRunning = status.dwCurrentState == SERVICE_RUNNING;
     if (status.dwCurrentState != SERVICE_STOP_PENDING &&
-        ControlService(opened.service.get(), SERVICE_CONTROL_STOP, &status) == 0)
-        return FailedAndClosed(opened, site, "Error stopping '%.64s' service: %#08x");
-    for (int poll = 0; poll < kStopPolls; ++poll) {
-        if (QueryServiceStatus(opened.service.get(), &status) == 0)
-            return FailedAndClosed(opened, site, kQueryFailed);
-        if (status.dwCurrentState == SERVICE_STOPPED)
-            return true;
-        Sleep(kPauseMs);
+        ControlService(opened.service.get(), SERVICE_CONTROL_STOP, &status) == 0) {
+        CloseAndTraceLastError(opened, site, "Error stopping '%.64s' service: %#08x");
+        return false;
     }
-    opened.Close();
-    Trace(site, "Unable to stop '%.64s' service", kService);
-    return false;
+    return AwaitStoppedService(opened, site);
 }
 
 }  // namespace WindowsFirewall

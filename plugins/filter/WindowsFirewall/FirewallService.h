@@ -18,7 +18,15 @@ bool IsVistaOrLater();
 /// @param start    start it if it is stopped; otherwise it is only looked at.
 /// @return false on failure.
 bool StartFirewallService(bool *running, bool start);
-/// The same, whatever the system. Has nothing to do with the system's function of that name.
+/// Whether it runs, by the same function.
+inline bool IsFirewallServiceRunning(bool *running) {
+    return StartFirewallService(running, false);
+}
+/// Starts it if it is stopped, by the same function.
+inline bool EnsureFirewallServiceRuns(bool *wasRunning) {
+    return StartFirewallService(wasRunning, true);
+}
+/// What StartFirewallService does, whatever the system. Has nothing to do with the system's function of that name.
 bool StartServiceW(bool *running, bool start);
 /// Stops the service on old systems.
 void StopFirewallService(bool *wasRunning);

@@ -1,25 +1,20 @@
 #include <array>
-#include <memory>
-#include <type_traits>
+#include <optional>
 
 #include <windows.h>
 
-#include "FirewallLog.h"
+#include "FirewallTrace.h"
 #include "FirewallObjects.h"
 #include "FirewallService.h"
 #include "WindowsFirewall.h"
+#include "common/Unique.h"
 
 namespace WindowsFirewall {
 
 namespace {
 
-constexpr wchar_t kKey[] = L"SOFTWARE\\Quillon\\Vantry Agent";
+constexpr wchar_t kFlagKey[] = L"SOFTWARE\\Quillon\\Vantry Agent";
 constexpr wchar_t kFlag[] = L"WindowsFirewallDisabledByInstaller";
-
-struct CloseKey {
-    void operator()(HKEY key) const { (void)RegCloseKey(key); }
-};
-using Key = std::unique_ptr<std::remove_pointer_t<HKEY>, CloseKey>;
 
 /// A profile's number is its bit in the mask.
 struct Profile {
@@ -45,78 +40,82 @@ constexpr std::array<Profile, 3> kProfiles{{
      "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) failed: 0x%08lx"},
 }};
 
-/// The switches: those of the profiles where there is a policy, else the one of the current profile.
-class Switches {
+/// The profiles of the policy where there is one, else the current profile alone.
+class FirewallProfiles {
 public:
-    explicit Switches(const TraceSite &site) : m_site(site) {}
+    explicit FirewallProfiles(const TraceSite &site) : m_site(site) {}
 
-    HRESULT Open() {
+    /// @return false after a failure, which is traced, as with the others.
+    bool Open() {
         const HRESULT hr = WindowsFirewallInitialize(&m_profile, &m_policy);
-        return Judged(hr, "WindowsFirewallInitialize failed: 0x%08lx", m_site);
+        return SUCCEEDED(TraceIfFailed(hr, "WindowsFirewallInitialize failed: 0x%08lx", m_site));
     }
 
-    /// @param mask  receives what is on.
-    HRESULT Read(DWORD &mask) {
-        mask = 0;
+    /// @return the mask of what is on.
+    std::optional<DWORD> EnabledMask() { return m_policy ? EnabledOfPolicy() : EnabledOfCurrentProfile(); }
+
+    /// @param mask  not zero; bits that are no profile's are ignored.
+    bool Enable(DWORD mask) { return PutEnabled(mask, VARIANT_TRUE); }
+    bool Disable(DWORD mask) { return PutEnabled(mask, VARIANT_FALSE); }
+
+private:
+    std::optional<DWORD> EnabledOfCurrentProfile() {
         VARIANT_BOOL enabled = VARIANT_FALSE;
-        if (!m_policy) {
-            const HRESULT hr =
-                Judged(m_profile->get_FirewallEnabled(&enabled), "get_FirewallEnabled failed: 0x%08lx", m_site);
-            if (FAILED(hr))
-                return hr;
-            Trace(m_site, "fwPolicy->get_FirewallEnabled returned %d", static_cast<int>(enabled));
-            mask = enabled != VARIANT_FALSE ? 1 : 0;
-            return hr;
-        }
+        const HRESULT hr = m_profile->get_FirewallEnabled(&enabled);
+        if (FAILED(TraceIfFailed(hr, "get_FirewallEnabled failed: 0x%08lx", m_site)))
+            return std::nullopt;
+        Trace(m_site, "fwPolicy->get_FirewallEnabled returned %d", static_cast<int>(enabled));
+        return enabled != VARIANT_FALSE ? 1 : 0;
+    }
+
+    std::optional<DWORD> EnabledOfPolicy() {
+        DWORD mask = 0;
         for (const Profile &profile : kProfiles) {
-            enabled = VARIANT_FALSE;
-            const HRESULT hr =
-                Judged(m_policy->get_FirewallEnabled(profile.number, &enabled), profile.readFailed, m_site);
-            if (FAILED(hr))
-                return hr;
+            VARIANT_BOOL enabled = VARIANT_FALSE;
+            const HRESULT hr = m_policy->get_FirewallEnabled(profile.number, &enabled);
+            if (FAILED(TraceIfFailed(hr, profile.readFailed, m_site)))
+                return std::nullopt;
             Trace(m_site, profile.read, static_cast<int>(enabled));
             mask |= enabled != VARIANT_FALSE ? static_cast<DWORD>(profile.number) : 0;
         }
-        return S_OK;
+        return mask;
     }
 
-    /// @param mask  not zero; bits that are no profile's are ignored.
-    HRESULT Write(DWORD mask, bool on) {
-        const VARIANT_BOOL enabled = on ? VARIANT_TRUE : VARIANT_FALSE;
+    bool PutEnabled(DWORD mask, VARIANT_BOOL enabled) {
+        const bool on = enabled != VARIANT_FALSE;
         if (!m_policy) {
             Trace(m_site, on ? "put_FirewallEnabled true" : "put_FirewallEnabled false");
-            return Judged(m_profile->put_FirewallEnabled(enabled), "put_FirewallEnabled failed: 0x%08lx", m_site);
+            const HRESULT hr = m_profile->put_FirewallEnabled(enabled);
+            return SUCCEEDED(TraceIfFailed(hr, "put_FirewallEnabled failed: 0x%08lx", m_site));
         }
         for (const Profile &profile : kProfiles) {
             if ((mask & static_cast<DWORD>(profile.number)) == 0)
                 continue;
             Trace(m_site, on ? profile.turningOn : profile.turningOff);
-            const HRESULT hr =
-                Judged(m_policy->put_FirewallEnabled(profile.number, enabled), profile.writeFailed, m_site);
-            if (FAILED(hr))
-                return hr;
+            const HRESULT hr = m_policy->put_FirewallEnabled(profile.number, enabled);
+            if (FAILED(TraceIfFailed(hr, profile.writeFailed, m_site)))
+                return false;
         }
-        return S_OK;
+        return true;
     }
 
-private:
     TraceSite m_site;
     ComPtr<INetFwPolicy2> m_policy;
     ComPtr<INetFwProfile> m_profile;  ///< Released first.
 };
 
-std::array<wchar_t, 256> KeyName() {
+std::array<wchar_t, 256> FlagKeyName() {
     std::array<wchar_t, 256> name{};
-    (void)lstrcpynW(name.data(), kKey, static_cast<int>(name.size()));
+    (void)lstrcpynW(name.data(), kFlagKey, static_cast<int>(name.size()));
     return name;
 }
 
 /// A key that can't be made leaves no record and no word; that is meant so.
-void WriteFlag(DWORD mask, const TraceSite &site) {
+void RememberDisabledProfiles(DWORD mask, const TraceSite &site) {
     HKEY made = nullptr;
-    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &made) != ERROR_SUCCESS)
+    if (RegCreateKeyW(HKEY_LOCAL_MACHINE, FlagKeyName().data(), &made) != ERROR_SUCCESS)
         return;
-    const Key key(made);
+    const UniqueKey key(made);
     Trace(site, "Writing the registry key to flag that vantry turned off the windows firewall %d",
           static_cast<int>(mask));
     if (RegSetValueExW(key.get(), kFlag, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&mask), sizeof(mask)) !=
@@ -124,7 +123,7 @@ void WriteFlag(DWORD mask, const TraceSite &site) {
         Trace(site, "Error writing registry key.");
 }
 
-void DeleteFlag(const Key &key, const TraceSite &site) {
+void ForgetDisabledProfiles(const UniqueKey &key, const TraceSite &site) {
     const LSTATUS error = RegDeleteValueW(key.get(), kFlag);
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND)
         Trace(site, "RegDeleteValue('WindowsFirewallDisabledByInstaller') failed: 0x%08lx",
@@ -133,26 +132,28 @@ void DeleteFlag(const Key &key, const TraceSite &site) {
 
 /// The flag follows only when all are off. So a failure half way leaves profiles off that no restore brings back; that
 /// is meant so.
-void TurnOff(const TraceSite &site) {
-    Switches switches(site);
-    DWORD mask = 0;
-    if (FAILED(switches.Open()) || FAILED(switches.Read(mask)) || mask == 0)
+void TurnProfilesOff(const TraceSite &site) {
+    FirewallProfiles profiles(site);
+    if (!profiles.Open())
+        return;
+    const std::optional<DWORD> mask = profiles.EnabledMask();
+    if (!mask || *mask == 0)
         return;
     Trace(site, "The windows firewall is enabled going to disable it");
-    if (SUCCEEDED(switches.Write(mask, false)))
-        WriteFlag(mask, site);
+    if (profiles.Disable(*mask))
+        RememberDisabledProfiles(*mask, site);
 }
 
 /// @param type  of the flag, and
 /// @param mask  its data. An odd flag restores nothing.
 /// @return false when something could not be restored: the flag then stays whole.
-bool TurnBackOn(Switches &switches, DWORD type, DWORD mask, const TraceSite &site) {
-    if (FAILED(switches.Open()))
+bool TurnProfilesBackOn(FirewallProfiles &profiles, DWORD type, DWORD mask, const TraceSite &site) {
+    if (!profiles.Open())
         return false;
     if (type != REG_DWORD || mask == 0)
         return true;
     Trace(site, "Turning Windows Firewall back on, previous Setting was %d", static_cast<int>(mask));
-    return SUCCEEDED(switches.Write(mask, true));
+    return profiles.Enable(mask);
 }
 
 }  // namespace
@@ -162,12 +163,12 @@ int DisableFirewall() {
     Trace(site, "DisableFirewall()");
     FillOsVersionRecord();
     bool running = false;
-    if (!StartFirewallService(&running, false)) {
+    if (!IsFirewallServiceRunning(&running)) {
         Trace(site, "StartFirewallService returned false when disabling windows firewall");
     } else if (!running) {
         Trace(site, "Windows firewall(SharedService) is not enabled");
     } else if (StartCom(site)) {
-        TurnOff(site);
+        TurnProfilesOff(site);
         CoUninitialize();
     }
     return 0;
@@ -178,27 +179,27 @@ int EnableFirewall() {
     Trace(site, "EnableFirewall()");
     FillOsVersionRecord();
     HKEY opened = nullptr;
-    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &opened) != ERROR_SUCCESS)
+    if (RegOpenKeyW(HKEY_LOCAL_MACHINE, FlagKeyName().data(), &opened) != ERROR_SUCCESS)
         return 0;
-    Key key(opened);
+    UniqueKey key(opened);
     DWORD type = 0;
     DWORD mask = 0;
     DWORD size = sizeof(mask);
     if (RegQueryValueExW(key.get(), kFlag, nullptr, &type, reinterpret_cast<BYTE *>(&mask), &size) != ERROR_SUCCESS) {
-        DeleteFlag(key, site);
+        ForgetDisabledProfiles(key, site);
         return 0;
     }
     bool wasRunning = false;
-    if (!StartFirewallService(&wasRunning, true)) {
+    if (!EnsureFirewallServiceRuns(&wasRunning)) {
         Trace(site, "StartFirewallService returned false when enabling windows firewall");
         (void)key.release();  // on this one road the handle stays open; that is kept so
         return 0;
     }
     if (StartCom(site)) {
         {
-            Switches switches(site);
-            if (TurnBackOn(switches, type, mask, site))
-                DeleteFlag(key, site);
+            FirewallProfiles profiles(site);
+            if (TurnProfilesBackOn(profiles, type, mask, site))
+                ForgetDisabledProfiles(key, site);
             key.reset();
         }
         CoUninitialize();

@@ -1,6 +1,6 @@
 #include "CallWrappers.h"
 
-#include "UserdataArguments.h"
+#include "common/UserdataArguments.h"
 
 namespace {
 

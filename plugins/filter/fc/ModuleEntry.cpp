@@ -3,16 +3,9 @@
 #include <lua.hpp>
 #include <windows.h>
 
-#include "ConnMetrics.h"
-#include "Diagnostics/Diagnostics.h"
-#include "DriverFlags.h"
+#include "FunctionTable.h"
 #include "ModuleObjects.h"
-#include "Registration.h"
-#include "SLB3.h"
-#include "SystemHealth/SystemHealth.h"
-#include "TraceBridge.h"
-#include "WindowsDriverInstaller/WindowsDriverInstaller.h"
-#include "WindowsFirewall/WindowsFirewall.h"
+#include "common/SharedObjects.h"
 #include "vta_core.h"
 #include "vti.h"
 
@@ -27,34 +20,6 @@ void InstallProfiler() {
     }
 }
 
-void RegisterFilterFunctions(lua_State *L) {
-    SLB3::Namespace filter(L, kFilterTableName);
-    RegisterBound(L, filter, "EnableNativeFirewall", WindowsFirewall::EnableFirewall);
-    RegisterBound(L, filter, "DisableNativeFirewall", WindowsFirewall::DisableFirewall);
-    RegisterDirect(L, filter, "AddDriverDiagnostics", AddDriverDiagnostics);
-    RegisterDirect(L, filter, "setup_qbtrace", setup_qbtrace);
-    RegisterDirect(L, filter, "AddToConnMetrics", AddToConnMetrics);
-    RegisterDirect(L, filter, "UpdateConnMetrics", UpdateConnMetrics);
-    RegisterDirect(L, filter, "GetConnMetrics", GetConnMetrics);
-    RegisterDirect(L, filter, "CheckSystemHealthMetrics", CheckSystemHealthMetrics);
-    RegisterDirect(L, filter, "GetSysHealthMetrics", GetSysHealthMetrics);
-    RegisterDirect(L, filter, "GetSysHealthEnabled", GetSysHealthEnabled);
-    RegisterDirect(L, filter, "GetScanMetricPort", GetScanMetricPort);
-    RegisterDirect(L, filter, "GetDriverCheckedFromReg", GetDriverCheckedFromReg);
-    RegisterDirect(L, filter, "SetDriverCheckedToReg", SetDriverCheckedToReg);
-    RegisterDirect(L, filter, "GetDriverHookedFromReg", GetDriverHookedFromReg);
-    RegisterDirect(L, filter, "SetDriverHookedToReg", SetDriverHookedToReg);
-    RegisterDirect(L, filter, "GetUncheckedIfc", GetUncheckedInterface);
-    RegisterDirect(L, filter, "SetUncheckedIfc", SetUncheckedInterface);
-    RegisterDirect(L, filter, "GetDriverStoppedByBLPTimestamp", GetDriverStoppedByBLPTimestamp);
-}
-
-void RegisterFirewallApplicationFunctions(lua_State *L) {
-    SLB3::Namespace filter(L, kFilterTableName);
-    RegisterBound(L, filter, "WindowsFirewallAddApp", WindowsFirewall::WindowsFirewallAddApp);
-    RegisterBound(L, filter, "WindowsFirewallRemoveApp", WindowsFirewall::WindowsFirewallRemoveApp);
-}
-
 }  // namespace
 
 /// Stores the library's instance on every notification, and always reports success.
@@ -67,11 +32,7 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD, LPVOID) {
 /// states may open the module, on any threads.
 extern "C" int luaopen_fc(lua_State *L) {
     InstallProfiler();
-    // A Lua error (no memory) in a round skips the end of its namespace, which costs the registry of
-    // this Lua state one reference until the state is closed.
     RegisterFilterFunctions(L);
-    RegisterDriverInstallerFunctions(L);
-    RegisterFirewallApplicationFunctions(L);
     lua_pushboolean(L, 1);
     return 1;
 }

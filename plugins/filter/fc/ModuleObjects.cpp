@@ -4,7 +4,9 @@
 
 #include <wx/dynlib.h>
 
-#include "StagingMetrics.h"
+#include "SystemHealth/SystemHealth.h"
+#include "common/SharedObjects.h"
+#include "metrics/ConnMetricsObjects.h"
 #include "vti.h"
 
 // The order of these definitions is the order of construction; keep it.
@@ -22,7 +24,7 @@ const wxString emptyText;
 [[maybe_unused]] static const bool keptLoaded = new wxDynamicLibrary("fc", wxDL_NOW) != nullptr;
 
 wxCriticalSection moduleInitLock;
-wxCriticalSection sysHealthLock;
+HealthState healthState;
 
 std::uint8_t profilerInstalled = 0;
 HINSTANCE moduleInstance = nullptr;

@@ -15,7 +15,7 @@ constexpr std::size_t kMaxConnMetricKeys = 10'000;
 using ConnMetricText = std::variant<std::string_view, std::wstring_view>;
 
 /// @return less than, equal to or greater than 0, by character code.
-int Compare(const ConnMetricText &left, const ConnMetricText &right);
+int CompareMetricTexts(const ConnMetricText &left, const ConnMetricText &right);
 
 /// A key, what is known of it, and how often it was seen. Key and text are one block of memory: a drain frees
 /// thousands of them.
@@ -38,13 +38,13 @@ private:
 struct ConnMetricOrder {
     using is_transparent = void;
     bool operator()(const ConnMetric &left, const ConnMetric &right) const {
-        return Compare(left.Key(), right.Key()) < 0;
+        return CompareMetricTexts(left.Key(), right.Key()) < 0;
     }
     bool operator()(const ConnMetric &left, const ConnMetricText &right) const {
-        return Compare(left.Key(), right) < 0;
+        return CompareMetricTexts(left.Key(), right) < 0;
     }
     bool operator()(const ConnMetricText &left, const ConnMetric &right) const {
-        return Compare(left, right.Key()) < 0;
+        return CompareMetricTexts(left, right.Key()) < 0;
     }
 };
 

@@ -42,4 +42,4 @@ struct ConnMetricsDrain {
 int BuildConnMetricsRows(lua_State *L);
 
 /// Leaves the map empty. Asks early for the memory of what it frees next, which `clear` of the map would wait for.
-void FreeEntries(ConnMetricsMap &entries);
+void FreeConnMetrics(ConnMetricsMap &entries);

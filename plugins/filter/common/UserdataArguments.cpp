@@ -6,7 +6,7 @@
 
 namespace {
 
-bool IsNamed(const char *name, const char *wanted) {
+bool IsTypeNamed(const char *name, const char *wanted) {
     return name && (name == wanted || std::strcmp(name, wanted) == 0);
 }
 
@@ -16,12 +16,12 @@ void *ResolveInstance(const SLB3::SlbInstance &instance, const char *typeName) {
         return nullptr;
     const SLB3::SlbInstanceView view{&instance, &instance + 1};
     void *const object = instance.resolve(&view);
-    if (!object || IsNamed(instance.typeName, typeName))
+    if (!object || IsTypeNamed(instance.typeName, typeName))
         return object;  // cppcheck-suppress returnDanglingLifetime; it does not lie in the view
     if (!instance.bases)
         return nullptr;
     for (const SLB3::SlbBaseEntry *base = instance.bases; base->marker != 0; ++base)
-        if (IsNamed(base->name, typeName))
+        if (IsTypeNamed(base->name, typeName))
             return base->convert ? base->convert(object) : nullptr;
     return nullptr;
 }

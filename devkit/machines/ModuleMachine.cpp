@@ -1,9 +1,9 @@
-#include "ModuleFixture.h"
+#include "ModuleMachine.h"
 
 #include <chrono>
 #include <stdexcept>
 
-ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simulation(parts) {
+ModuleMachine::ModuleMachine(const Simulator::SimulationParts &parts) : m_simulation(parts) {
     m_simulation.GetClock().Step();
     // The libraries that the module shares the heap with come before it, whether the program uses them or not.
     for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
@@ -17,34 +17,34 @@ ModuleFixture::ModuleFixture(const Simulator::SimulationParts &parts) : m_simula
     Open(lua);
 }
 
-ModuleFixture::~ModuleFixture() = default;
+ModuleMachine::~ModuleMachine() = default;
 
-void ModuleFixture::Watch(HMODULE module) {
+void ModuleMachine::Watch(HMODULE module) {
     if (!module || m_simulation.Attach(module) == 0)
         throw std::logic_error("a library that is to be watched is not there, or imports nothing that is counted");
 }
 
-void ModuleFixture::Open(lua_State *state) {
+void ModuleMachine::Open(lua_State *state) {
     lua_pushcfunction(state, m_module->luaopen());
     lua_call(state, 0, 0);
 }
 
-void ModuleFixture::AdvanceSeconds(std::int64_t seconds) {
+void ModuleMachine::AdvanceSeconds(std::int64_t seconds) {
     if (seconds >= 0)
         m_simulation.GetClock().Advance(std::chrono::seconds(seconds));
     else
         SetTime(Time() + seconds);
 }
 
-void ModuleFixture::SetTime(std::int64_t seconds) {
+void ModuleMachine::SetTime(std::int64_t seconds) {
     m_simulation.GetClock().SetWallClockUnix(seconds);
 }
 
-std::int64_t ModuleFixture::Time() {
+std::int64_t ModuleMachine::Time() {
     return m_simulation.GetClock().WallUnix();
 }
 
-void ModuleFixture::Reload() {
+void ModuleMachine::Reload() {
     m_module.reset();
     m_module = std::make_unique<FcModule>();
     Open(lua);

@@ -44,7 +44,7 @@ bool IsNarrow(const ConnMetricText &text) {
 
 }  // namespace
 
-int Compare(const ConnMetricText &left, const ConnMetricText &right) {
+int CompareMetricTexts(const ConnMetricText &left, const ConnMetricText &right) {
     if (const auto *const narrow = std::get_if<std::string_view>(&left))
         if (const auto *const other = std::get_if<std::string_view>(&right))
             return narrow->compare(*other);
@@ -82,7 +82,7 @@ void FoldConnMetrics(ConnMetricsMap &from, ConnMetricsMap &into) {
         const auto entry = next++;
         const ConnMetricText key = entry->Key();
         int order = -1;
-        while (place != into.end() && (order = Compare(place->Key(), key)) < 0)
+        while (place != into.end() && (order = CompareMetricTexts(place->Key(), key)) < 0)
             ++place;
         if (place != into.end() && order == 0)
             place->count += entry->count;

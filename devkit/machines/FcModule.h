@@ -1,19 +1,10 @@
-// fc.dll as the agent has it: loaded from the folder of the test program, opened by Lua states.
+// fc.dll as the agent has it: loaded from the folder of the program, opened by Lua states.
 #pragma once
 
-#include <random>
 #include <string>
 
 #include <lua.hpp>
 #include <windows.h>
-
-/// A generator for random tests, seeded by GoogleTest's --gtest_random_seed (0: by the time).
-std::mt19937 SeededRandom();
-/// The option that makes the same random tests again.
-std::string HowToRepeat();
-/// How often a random test tries: the second number where FC_THOROUGH is set, as ./dev test --load does, else the
-/// first.
-unsigned Thoroughly(unsigned usual, unsigned thorough);
 
 /// Unloads the module for good, the reference that it holds on itself included; its next user has it fresh.
 void UnloadFc();
@@ -45,7 +36,7 @@ public:
 
     operator lua_State *() const { return m_state; }
 
-    /// Runs the code; an error fails the test.
+    /// Runs the code; an error is a failure (Failure.h).
     void Run(const std::string &code);
     /// Runs the code, and yields the message of the error that it raises, "" when it raises none.
     std::string ErrorOf(const std::string &code);

@@ -1,7 +1,7 @@
 #include "TraceBridge.h"
 
-#include "Trace.h"
-#include "UserdataArguments.h"
+#include "common/Trace.h"
+#include "common/UserdataArguments.h"
 
 namespace {
 

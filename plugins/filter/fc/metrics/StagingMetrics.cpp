@@ -48,7 +48,7 @@ void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint3
 void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::uint32_t count) {
     const KeptText kept(key.Text());
     const auto place = m_entries.lower_bound<ConnMetricText>(kept);
-    if (place != m_entries.end() && Compare(place->Key(), kept) == 0) {
+    if (place != m_entries.end() && CompareMetricTexts(place->Key(), kept) == 0) {
         place->count += count;
         return;
     }

@@ -3,9 +3,8 @@
 #include <cmath>
 #include <ctime>
 
+#include "ConnMetricsObjects.h"
 #include "ConnMetricsRows.h"
-#include "ModuleObjects.h"
-#include "StagingMetrics.h"
 
 namespace {
 
@@ -22,7 +21,7 @@ std::uint32_t CountFromNumber(lua_Number number) {
 
 /// Puts back what a failed drain has taken, as if there had been no drain: it was in the result before all that was
 /// folded meanwhile.
-void PutBack(ConnMetricsMap &drained) {
+void PutBackDrained(ConnMetricsMap &drained) {
     const wxCriticalSectionLocker lock(connMetricsLock);
     drained.swap(mergedMetrics);
     FoldConnMetrics(drained, mergedMetrics);
@@ -69,8 +68,8 @@ int GetConnMetrics(lua_State *L) {
         status = lua_pcall(L, 1, 1, 0);
         // Any error, such as one of a finalizer that Lua runs within an allocation.
         if (status != LUA_OK)
-            PutBack(drain.entries);
-        FreeEntries(drain.entries);
+            PutBackDrained(drain.entries);
+        FreeConnMetrics(drain.entries);
     }
     if (status != LUA_OK)
         return lua_error(L);

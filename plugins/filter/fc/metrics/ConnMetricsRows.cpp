@@ -148,12 +148,12 @@ void NarrowToLocale(std::wstring_view text, std::wstring &wide, std::string &nar
         narrow.clear();
 }
 
-void PushText(lua_State *L, std::string_view text, ConnMetricsDrain &) {
+void PushMetricText(lua_State *L, std::string_view text, ConnMetricsDrain &) {
     lua_pushlstring(L, text.data(), text.size());
 }
 
 /// Pushes ASCII as it is: a locale may be unable to convert anything, though its encoding could hold it.
-void PushText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
+void PushMetricText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
     WithMemory(L, [text, &drain] {
         if (!NarrowAscii(text, drain.narrow))
             NarrowToLocale(text, drain.wide, drain.narrow);
@@ -161,30 +161,30 @@ void PushText(lua_State *L, std::wstring_view text, ConnMetricsDrain &drain) {
     lua_pushlstring(L, drain.narrow.data(), drain.narrow.size());
 }
 
-void SetNumber(lua_State *L, int nameIndex, lua_Number number) {
+void SetNumberField(lua_State *L, int nameIndex, lua_Number number) {
     lua_pushvalue(L, nameIndex);
     lua_pushnumber(L, number);
     lua_rawset(L, kRowIndex);
 }
 
-void SetFlags(lua_State *L, std::uint32_t flags) {
+void SetFlagFields(lua_State *L, std::uint32_t flags) {
     for (int bit = 0; bit < static_cast<int>(std::size(kFlagFields)); ++bit)
-        SetNumber(L, kFirstFlagIndex + bit, (flags >> bit) & 1U);
+        SetNumberField(L, kFirstFlagIndex + bit, (flags >> bit) & 1U);
 }
 
 template <typename Character>
-void SetLine(lua_State *L, const ConnMetricLine<Character> &line, ConnMetricsDrain &drain) {
+void SetFieldsOfLine(lua_State *L, const ConnMetricLine<Character> &line, ConnMetricsDrain &drain) {
     if (line.numberField == kNoNumberField) {
-        PushText(L, line.name, drain);
-        PushText(L, line.value, drain);
+        PushMetricText(L, line.name, drain);
+        PushMetricText(L, line.value, drain);
         lua_rawset(L, kRowIndex);
         return;
     }
     int number = 0;
     WithMemory(L, [&] { number = NumberFromText(line.value, drain.wide); });
     if (line.numberField == kFlagsField)
-        SetFlags(L, static_cast<std::uint32_t>(number));
-    SetNumber(L, kFirstNumberIndex + line.numberField, number);
+        SetFlagFields(L, static_cast<std::uint32_t>(number));
+    SetNumberField(L, kFirstNumberIndex + line.numberField, number);
 }
 
 /// Fields that the lines will make, the count among them, if no name occurs twice.
@@ -198,8 +198,8 @@ int FieldCount(std::span<const ConnMetricLine<Character>> lines) {
 /// Leaves a row with the fields of the text on the stack.
 /// @param ahead  room for its first lines, and then for those that come next.
 template <typename Character>
-void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLinesAhead<Character> &ahead,
-             ConnMetricsDrain &drain) {
+void PushMetricRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLinesAhead<Character> &ahead,
+                   ConnMetricsDrain &drain) {
     std::size_t count = 0;
     bool made = false;
     const auto setLines = [&] {
@@ -208,7 +208,7 @@ void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLin
             lua_createtable(L, 0, FieldCount(lines));
         made = true;
         for (const ConnMetricLine<Character> &line : lines)
-            SetLine(L, line, drain);
+            SetFieldsOfLine(L, line, drain);
         count = 0;
     };
     ForEachLine(text, [&](const ConnMetricLine<Character> &line) {
@@ -219,11 +219,11 @@ void PushRow(lua_State *L, std::basic_string_view<Character> text, ConnMetricLin
     setLines();
 }
 
-void PushRow(lua_State *L, ConnMetricText text, ConnMetricsDrain &drain) {
+void PushMetricRow(lua_State *L, ConnMetricText text, ConnMetricsDrain &drain) {
     if (const auto *const ascii = std::get_if<std::string_view>(&text))
-        PushRow(L, *ascii, drain.lines, drain);
+        PushMetricRow(L, *ascii, drain.lines, drain);
     else
-        PushRow(L, *std::get_if<std::wstring_view>(&text), drain.wideLines, drain);
+        PushMetricRow(L, *std::get_if<std::wstring_view>(&text), drain.wideLines, drain);
 }
 
 // Entries lie scattered in the heap, in the order in which they were added: what comes next is brought into the cache
@@ -238,7 +238,7 @@ void PrefetchText(ConnMetricText text, std::size_t maxBytes) {
         _mm_prefetch(ascii->data() + i, _MM_HINT_T0);
 }
 
-void PushNames(lua_State *L) {
+void PushFieldNames(lua_State *L) {
     for (const char *name : kFlagFields)
         lua_pushstring(L, name);
     for (const std::string_view name : kNumberFields)
@@ -252,23 +252,23 @@ int BuildConnMetricsRows(lua_State *L) {
     ConnMetricsDrain &drain = *static_cast<ConnMetricsDrain *>(lua_touserdata(L, kDrainIndex));
     luaL_checkstack(L, kStackNeeded, nullptr);
     lua_createtable(L, 0, 0);
-    PushNames(L);
+    PushFieldNames(L);
 
     int index = 1;
     for (auto entry = drain.entries.cbegin(); entry != drain.entries.cend();) {
         const ConnMetric &metric = *entry;
         if (++entry != drain.entries.cend())
             PrefetchText(entry->Text(), kPrefetchBytes);
-        PushRow(L, metric.Text(), drain);
+        PushMetricRow(L, metric.Text(), drain);
         // Last, so that it overwrites a field that the text calls "count".
-        SetNumber(L, kCountIndex, metric.count);
+        SetNumberField(L, kCountIndex, metric.count);
         lua_rawseti(L, kResultIndex, index++);
     }
     lua_settop(L, kResultIndex);
     return 1;
 }
 
-void FreeEntries(ConnMetricsMap &entries) {
+void FreeConnMetrics(ConnMetricsMap &entries) {
     for (auto entry = entries.begin(); entry != entries.end();) {
         const auto next = std::next(entry);
         if (next != entries.end())

@@ -10,27 +10,27 @@ namespace {
 constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table is by itself
 constexpr std::size_t kWord = sizeof(std::uint64_t);
 
-std::uint64_t LoadWord(const char *from) {
+std::uint64_t LoadKeyWord(const char *from) {
     std::uint64_t word = 0;
     std::memcpy(&word, from, kWord);
     return word;
 }
 
 /// The last eight bytes of a text; of a shorter one all, filled up with ones.
-std::uint64_t LoadLast(const char *text, std::size_t bytes) {
+std::uint64_t LoadLastKeyWord(const char *text, std::size_t bytes) {
     if (bytes >= kWord)
-        return LoadWord(text + bytes - kWord);
+        return LoadKeyWord(text + bytes - kWord);
     std::uint64_t word = 0x0101010101010101U;
     for (std::size_t i = 0; i < bytes; ++i)
         word = word << 8 | static_cast<unsigned char>(text[i]);
     return word;
 }
 
-bool SameBytes(const char *left, const char *right, std::size_t bytes) {
+bool SameKeyBytes(const char *left, const char *right, std::size_t bytes) {
     for (std::size_t i = 0; i + kWord < bytes; i += kWord)
-        if (LoadWord(left + i) != LoadWord(right + i))
+        if (LoadKeyWord(left + i) != LoadKeyWord(right + i))
             return false;
-    return LoadLast(left, bytes) == LoadLast(right, bytes);
+    return LoadLastKeyWord(left, bytes) == LoadLastKeyWord(right, bytes);
 }
 
 }  // namespace
@@ -39,9 +39,9 @@ HashedKey::HashedKey(std::string_view text) : m_text(text), m_hash(HashKey(text)
 
 bool SeenKeys::Has(const Record &record, std::string_view key) {
     if (key.size() <= sizeof(record.head))
-        return record.length == key.size() && SameBytes(record.head, key.data(), key.size());
-    return record.length == kLonger && SameBytes(record.head, key.data(), sizeof(record.head)) &&
-           Compare(record.entry->Key(), key) == 0;
+        return record.length == key.size() && SameKeyBytes(record.head, key.data(), key.size());
+    return record.length == kLonger && SameKeyBytes(record.head, key.data(), sizeof(record.head)) &&
+           CompareMetricTexts(record.entry->Key(), key) == 0;
 }
 
 bool SeenKeys::Count(const HashedKey &key, std::uint32_t count) {

@@ -1,21 +1,8 @@
 #include "FcModule.h"
 
-#include <cstdlib>
 #include <stdexcept>
 
-#include <gtest/gtest.h>
-
-std::mt19937 SeededRandom() {
-    return std::mt19937(static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()));
-}
-
-std::string HowToRepeat() {
-    return "again with --gtest_random_seed=" + std::to_string(testing::UnitTest::GetInstance()->random_seed());
-}
-
-unsigned Thoroughly(unsigned usual, unsigned thorough) {
-    return std::getenv("FC_THOROUGH") ? thorough : usual;
-}
+#include "Failure.h"
 
 void UnloadFc() {
     while (const HMODULE module = GetModuleHandleW(L"fc.dll"))
@@ -36,7 +23,8 @@ lua_CFunction FcModule::luaopen() const {
 
 void LuaState::Run(const std::string &code) {
     const std::string error = ErrorOf(code);
-    EXPECT_EQ(error, "") << "in: " << code;
+    if (!error.empty())
+        NoteFailure(error + ", in: " + code);
 }
 
 std::string LuaState::ErrorOf(const std::string &code) {
@@ -53,7 +41,7 @@ std::string LuaState::Eval(const std::string &expression) {
     const std::string code = "return tostring(" + expression + ")";
     std::string result;
     if (luaL_loadbuffer(m_state, code.data(), code.size(), "=test") || lua_pcall(m_state, 0, 1, 0))
-        ADD_FAILURE() << code << ": " << lua_tostring(m_state, -1);
+        NoteFailure(code + ": " + lua_tostring(m_state, -1));
     size_t length = 0;
     const char *text = lua_tolstring(m_state, -1, &length);
     if (text)

@@ -1,10 +1,12 @@
-#include "InstallFixture.h"
+#include "AdapterMachine.h"
 
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
 #include <stdexcept>
+
+#include "Failure.h"
 
 namespace {
 
@@ -50,7 +52,7 @@ bool InstallOutcome::AskedForReboot() const {
     return false;
 }
 
-InstallFixture::InstallFixture() {
+AdapterMachine::AdapterMachine() {
     Vti::Reset();
     VtaCore::Control::EnableTrace("NDIS", true);
     RemoveDrivers();
@@ -72,12 +74,12 @@ InstallFixture::InstallFixture() {
     };
 }
 
-InstallFixture::~InstallFixture() {
+AdapterMachine::~AdapterMachine() {
     VtaCore::Control::EnableTrace("NDIS", false);
     Vti::Reset();
 }
 
-void InstallFixture::PutAdapters() {
+void AdapterMachine::PutAdapters() {
     network().Put({.id = L"ms_tcpip", .classGuid = GUID_DEVCLASS_NETTRANS});
     network().Put({.id = L"ms_tcpip6", .classGuid = GUID_DEVCLASS_NETTRANS});
     network().PutAdapter({.id = L"PCI\\VEN_8086&DEV_100E",
@@ -103,7 +105,7 @@ void InstallFixture::PutAdapters() {
 }
 
 /// The driver is loaded and unloaded with its component.
-void InstallFixture::FollowFilter(const Simulator::NetworkMoment &moment) {
+void AdapterMachine::FollowFilter(const Simulator::NetworkMoment &moment) {
     using What = Simulator::NetworkMoment::What;
     if (moment.component != L"qbimvta")
         return;
@@ -113,11 +115,11 @@ void InstallFixture::FollowFilter(const Simulator::NetworkMoment &moment) {
         SetRunningVersion(std::nullopt);
 }
 
-path InstallFixture::NdisFolder() {
+path AdapterMachine::NdisFolder() {
     return simulation().GetFolders().ProgramFiles() / L"ndis";
 }
 
-void InstallFixture::WriteDriverFiles() {
+void AdapterMachine::WriteDriverFiles() {
     create_directories(NdisFolder());
     SetOurVersion(kOurVersion);
     for (const wchar_t *inf : {L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf"})
@@ -127,7 +129,7 @@ void InstallFixture::WriteDriverFiles() {
     lua_setglobal(lua, "ndis");
 }
 
-void InstallFixture::WriteVersion(const path &file, const Version &version) {
+void AdapterMachine::WriteVersion(const path &file, const Version &version) {
     std::ifstream sample("C:\\windows\\system32\\version.dll", std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(sample), {}};
     const Version stored{version[1], version[0], version[3], version[2]};  // the lower word of each pair first
@@ -135,18 +137,18 @@ void InstallFixture::WriteVersion(const path &file, const Version &version) {
     std::ofstream(file, std::ios::binary) << bytes;
 }
 
-void InstallFixture::SetOurVersion(const Version &version) {
+void AdapterMachine::SetOurVersion(const Version &version) {
     WriteVersion(NdisFolder() / L"qbimvta.sys", version);
 }
 
-void InstallFixture::SetRunningVersion(const std::optional<Version> &version) {
+void AdapterMachine::SetRunningVersion(const std::optional<Version> &version) {
     const std::lock_guard lock(Vti::Lock());
     Vti::TheDriver().present = version.has_value();
     if (version)
         Vti::TheDriver().version = VersionText(*version);
 }
 
-void InstallFixture::InstallOldDriver(const Version &version) {
+void AdapterMachine::InstallOldDriver(const Version &version) {
     network().Put({.id = L"qbimvta"});
     for (const wchar_t *node : {kFirst, kSecond})
         network().Bind(node, L"qbimvta");
@@ -157,15 +159,15 @@ void InstallFixture::InstallOldDriver(const Version &version) {
     SetRunningVersion(version);
 }
 
-bool InstallFixture::IsBound(const std::wstring &node) {
+bool AdapterMachine::IsBound(const std::wstring &node) {
     return network().Binding(node, L"qbimvta").value_or(false);
 }
 
-InstallOutcome InstallFixture::Install() {
+InstallOutcome AdapterMachine::Install() {
     return InstallWhile([] {});
 }
 
-InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay) {
+InstallOutcome AdapterMachine::InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay) {
     (void)TakeTracedMessages();
     const int objects = VtaCore::Control::LiveObjects();
     InstallOutcome installation;
@@ -177,8 +179,10 @@ InstallOutcome InstallFixture::InstallWhile(const std::function<void()> &meanwhi
     return installation;
 }
 
-void InstallFixture::AwaitThreads(int objects) {
-    EXPECT_TRUE(threads.AwaitEnds(kPatienceMs));
-    (void)Await(kPatienceMs, [objects] { return VtaCore::Control::LiveObjects() == objects; });
-    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
+void AdapterMachine::AwaitThreads(int objects) {
+    if (!threads.AwaitEnds(kPatienceMs))
+        NoteFailure("threads of the module have not ended");
+    if (!Await(kPatienceMs, [objects] { return VtaCore::Control::LiveObjects() == objects; }))
+        NoteFailure("objects of the agent's library are left: " + std::to_string(VtaCore::Control::LiveObjects()) +
+                    " instead of " + std::to_string(objects));
 }

@@ -10,7 +10,7 @@
 #include <wx/msw/registry.h>
 #include <wx/tokenzr.h>
 
-#include "Trace.h"
+#include "common/Trace.h"
 
 namespace {
 
@@ -23,11 +23,11 @@ constexpr char kUncheckedInterfaces[] = "UncheckedIfs";
 constexpr char kLastStop[] = "LastTimeDriverStoppedByBLP";
 constexpr long kUnknown = -1;
 
-wxRegKey MachineKey(const char *path) {
+wxRegKey DriverRegistryKey(const char *path) {
     return wxRegKey(wxRegKey::HKLM, path, wxRegKey::WOW64ViewMode_Default);
 }
 
-std::optional<long> ReadNumber(wxRegKey &key, const char *name) {
+std::optional<long> ReadFlagNumber(wxRegKey &key, const char *name) {
     const wxLogNull quiet;  // a value that is not there is nothing to report
     long number = 0;
     if (!key.HasValue(name) || !key.QueryValue(name, &number))
@@ -37,8 +37,8 @@ std::optional<long> ReadNumber(wxRegKey &key, const char *name) {
 
 /// @param value  a wxString or a long.
 template <typename Value>
-void WriteIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
-    wxRegKey key = MachineKey(kDriverKey);
+void WriteFlagIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
+    wxRegKey key = DriverRegistryKey(kDriverKey);
     if (!key.Exists())
         return;
     if (!key.Open(wxRegKey::Write) || !key.SetValue(name, value))
@@ -54,22 +54,22 @@ long IntegerPart32(lua_Number number) {
     return static_cast<std::int32_t>(number);
 }
 
-int PushFlag(lua_State *L, const char *name, const char *format, const TraceSite &site) {
-    wxRegKey key = MachineKey(kDriverKey);
-    const std::optional<long> number = ReadNumber(key, name);
+int PushDriverFlag(lua_State *L, const char *name, const char *format, const TraceSite &site) {
+    wxRegKey key = DriverRegistryKey(kDriverKey);
+    const std::optional<long> number = ReadFlagNumber(key, name);
     if (number)
         Trace(site, format, *number);
     lua_pushnumber(L, number.value_or(kUnknown));
     return 1;
 }
 
-int StoreFlag(lua_State *L, const char *name, const TraceSite &site) {
-    WriteIfKeyExists(name, IntegerPart32(luaL_checknumber(L, 1)), site);
+int StoreDriverFlag(lua_State *L, const char *name, const TraceSite &site) {
+    WriteFlagIfKeyExists(name, IntegerPart32(luaL_checknumber(L, 1)), site);
     return 1;  // and nothing pushed: see DriverFlags.h
 }
 
 /// Lua: takes a light userdata that points at the texts, in UTF-8; yields them as an array.
-int BuildArray(lua_State *L) {
+int BuildInterfaceArray(lua_State *L) {
     const auto &texts = *static_cast<const std::vector<std::string> *>(lua_touserdata(L, 1));
     lua_createtable(L, static_cast<int>(texts.size()), 0);
     int index = 0;
@@ -83,7 +83,7 @@ int BuildArray(lua_State *L) {
 /// Lua: takes an array and a light userdata that points at a wxString; joins the items there. What is neither string
 /// nor number adds nothing, which leaves a doubled comma. An item ends at its first zero: whoever reads the registry
 /// would take that for the end of the list.
-int JoinArray(lua_State *L) {
+int JoinInterfaceArray(lua_State *L) {
     wxString &joined = *static_cast<wxString *>(lua_touserdata(L, 2));
     const int count = static_cast<int>(lua_rawlen(L, 1));
     for (int i = 1; i <= count; ++i) {
@@ -98,7 +98,7 @@ int JoinArray(lua_State *L) {
 }
 
 std::vector<std::string> ReadUncheckedInterfaces(const TraceSite &site) {
-    wxRegKey key = MachineKey(kDriverKey);
+    wxRegKey key = DriverRegistryKey(kDriverKey);
     wxString list;
     {
         const wxLogNull quiet;
@@ -119,19 +119,19 @@ std::vector<std::string> ReadUncheckedInterfaces(const TraceSite &site) {
 }  // namespace
 
 int GetDriverCheckedFromReg(lua_State *L) {
-    return PushFlag(L, kChecked, "Get last driverChecked value: %ld", kFilterTrace);
+    return PushDriverFlag(L, kChecked, "Get last driverChecked value: %ld", kFilterTrace);
 }
 
 int SetDriverCheckedToReg(lua_State *L) {
-    return StoreFlag(L, kChecked, kFilterTrace);
+    return StoreDriverFlag(L, kChecked, kFilterTrace);
 }
 
 int GetDriverHookedFromReg(lua_State *L) {
-    return PushFlag(L, kHooked, "Get last driverHooked value: %ld", kFilterTrace);
+    return PushDriverFlag(L, kHooked, "Get last driverHooked value: %ld", kFilterTrace);
 }
 
 int SetDriverHookedToReg(lua_State *L) {
-    return StoreFlag(L, kHooked, kFilterTrace);
+    return StoreDriverFlag(L, kHooked, kFilterTrace);
 }
 
 int GetUncheckedInterface(lua_State *L) {
@@ -139,7 +139,7 @@ int GetUncheckedInterface(lua_State *L) {
     {
         // Lua may run out of memory: its error would pass by the destructors.
         std::vector<std::string> items = ReadUncheckedInterfaces(kFilterTrace);
-        lua_pushcfunction(L, BuildArray);
+        lua_pushcfunction(L, BuildInterfaceArray);
         lua_pushlightuserdata(L, &items);
         status = lua_pcall(L, 1, 1, 0);
     }
@@ -154,13 +154,13 @@ int SetUncheckedInterface(lua_State *L) {
     int status = LUA_OK;
     {
         wxString list;
-        lua_pushcfunction(L, JoinArray);
+        lua_pushcfunction(L, JoinInterfaceArray);
         lua_pushvalue(L, 1);
         lua_pushlightuserdata(L, &list);
         status = lua_pcall(L, 2, 0, 0);
         if (status == LUA_OK) {
             Trace(kFilterTrace, "Set ifList: %s", list);  // also when the key is missing
-            WriteIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
+            WriteFlagIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
         }
     }
     if (status != LUA_OK)
@@ -169,13 +169,13 @@ int SetUncheckedInterface(lua_State *L) {
 }
 
 int GetDriverStoppedByBLPTimestamp(lua_State *L) {
-    wxRegKey driver = MachineKey(kDriverParametersKey);
-    wxRegKey callout = MachineKey(kCalloutParametersKey);
-    const std::optional<long> driverStop = driver.Exists() ? ReadNumber(driver, kLastStop) : std::nullopt;
+    wxRegKey driver = DriverRegistryKey(kDriverParametersKey);
+    wxRegKey callout = DriverRegistryKey(kCalloutParametersKey);
+    const std::optional<long> driverStop = driver.Exists() ? ReadFlagNumber(driver, kLastStop) : std::nullopt;
     if (driverStop)
         Trace(kFilterTrace, "Get last vta last value: %ld", *driverStop);
     lua_pushnumber(L, driverStop.value_or(kUnknown));
-    const std::optional<long> calloutStop = callout.Exists() ? ReadNumber(callout, kLastStop) : std::nullopt;
+    const std::optional<long> calloutStop = callout.Exists() ? ReadFlagNumber(callout, kLastStop) : std::nullopt;
     if (calloutStop)
         Trace(kFilterTrace, "Get last wfp last value: %ld", *calloutStop);
     lua_pushnumber(L, calloutStop.value_or(kUnknown));

@@ -1,0 +1,7 @@
+// The functions of SLB.filter.
+#pragma once
+
+#include <lua.hpp>
+
+/// Registers all functions of the module. Any number of states, on any threads.
+void RegisterFilterFunctions(lua_State *L);
