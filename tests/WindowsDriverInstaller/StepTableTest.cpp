@@ -13,7 +13,7 @@
 #include <wx/string.h>
 
 #include "TestData.h"
-#include "WindowsDriverInstaller/InstallerSteps.h"
+#include "WindowsDriverInstaller/threads/Steps.h"
 
 namespace {
 
@@ -45,7 +45,10 @@ StepRows DocumentedSteps() {
 std::map<std::string, std::set<std::string>> BegunSteps() {
     const std::regex begins(R"((?:StartStep|CallInStep)\((\w+), (\d+)[,)])");
     std::map<std::string, std::set<std::string>> limits;
-    for (const auto &entry : std::filesystem::directory_iterator(TestData("plugins/filter/WindowsDriverInstaller"))) {
+    for (const auto &entry :
+         std::filesystem::recursive_directory_iterator(TestData("plugins/filter/WindowsDriverInstaller"))) {
+        if (!entry.is_regular_file())
+            continue;
         const std::string text = ReadWhole(entry.path());
         for (std::sregex_iterator match(text.begin(), text.end(), begins), end; match != end; ++match)
             limits[(*match)[1]].insert((*match)[2]);

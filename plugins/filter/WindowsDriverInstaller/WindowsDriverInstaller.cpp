@@ -1,24 +1,44 @@
-// The driver threads. Their classes live in this file's unnamed namespace; each has private headers of its own, which
-// no other file of the module includes; those that are named after a subject hold the bodies. Tests that need the
-// classes include this file.
+// The functions that run the driver threads, as Lua calls them. The threads' classes live in this file's unnamed
+// namespace, so their bodies are compiled here, too. A test that needs the classes includes this file.
 
 #include <initguid.h>
 
-#include "AdapterBindings.h"
-#include "AdapterRecords.h"
-#include "DriverFilesRemoval.h"
-#include "DriverInstallation.h"
-#include "DriverInstallerThread.h"
-#include "DriverInstallerWatchdog.h"
-#include "DriverRemoval.h"
-#include "DriverThreadEnd.h"
-#include "DriverThreadNetCfg.h"
-#include "DriverThreadSteps.h"
-#include "DriverThreads.h"
-#include "DriverUninstallerThread.h"
-#include "DriverWatch.h"
-#include "NetworkRecovery.h"
-#include "StackDump.h"
+#include "WindowsDriverInstaller.h"
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include <windows.h>
+#include <wx/log.h>
+#include <wx/string.h>
+#include <wx/thread.h>
+
+#include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
+#include "WindowsDriverInstaller/reports/InstallEvents.h"
+#include "WindowsDriverInstaller/reports/StackDump.h"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Adapters.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Bindings.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Callout.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.FilterComponent.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.InfFiles.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Installation.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.UnsuitableAdapters.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.AdapterRestart.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Arp.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Decision.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Installation.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.NetworkRecovery.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Callout.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.InfFiles.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Log.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.NetCfg.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Orphans.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Removal.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Steps.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Watch.cpp"
+#include "WindowsDriverInstaller/threads/DestroyOnceEnded.cpp"
+#include "WindowsDriverInstaller/threads/WatchAndKill.cpp"
 
 namespace {
 

@@ -1,0 +1,18 @@
+#include "HealthCheckFiles.h"
+
+#include <windows.h>
+#include <wx/file.h>
+#include <wx/filefn.h>
+#include <wx/string.h>
+
+void RemoveHealthCheckFiles() {
+    wchar_t folder[MAX_PATH] = L"";
+    const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
+    if (length == 0 || length > MAX_PATH)
+        return;
+    for (const char *name : {"\\qbimvtaHC.dat", "\\qbimwfpHC.dat"}) {
+        const wxString path = wxString(folder) + name;
+        if (wxFile::Exists(path))
+            (void)wxRemoveFile(path);  // logs a failure itself
+    }
+}

@@ -1,0 +1,104 @@
+// Binds the filter driver to adapters and unbinds it. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverInstallerThread.h"
+
+#include <optional>
+
+#include "WindowsDriverInstaller/adapters/AdapterRecords.h"
+#include "WindowsDriverInstaller/adapters/AdaptersByNode.h"
+#include "WindowsDriverInstaller/adapters/DeviceClasses.h"
+
+namespace {
+
+bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState) {
+    if (enable && adapters == nullptr)
+        return false;
+    INetCfg *netCfg = nullptr;
+    if (FAILED(AcquireINetCfg(true, &netCfg)))
+        return false;
+    {
+        const std::optional<AdaptersByNode> byNode =
+            adapters ? std::make_optional<AdaptersByNode>(*adapters) : std::nullopt;
+        ComPtr<IEnumNetCfgComponent> components;
+        if (SUCCEEDED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) && components) {
+            ComPtr<INetCfgComponent> component;
+            for (; components->Next(1, &component, nullptr) == S_OK && component; component.Reset())
+                SetBindingsOf(netCfg, component.Get(), byNode ? &*byNode : nullptr, useIpState);
+        }
+    }
+    (void)ReleaseINetCfg(true, netCfg);
+    return true;
+}
+
+/// What can't be read of the component leaves it as it is.
+void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
+                                           bool useIpState) {
+    DWORD characteristics = 0;  // only whether they can be read counts
+    TcpAdapter adapter;
+    if (FAILED(component->GetCharacteristics(&characteristics)) ||
+        !ReadText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
+        return;
+    if (!ReadText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
+        adapter.displayName = adapter.pnpDevNodeId;
+    ComPtr<INetCfgComponentBindings> bindings;
+    ComPtr<IEnumNetCfgBindingPath> paths;
+    if (FAILED(component->QueryInterface(IID_INetCfgComponentBindings, &bindings)) || !bindings ||
+        FAILED(bindings->EnumBindingPaths(EBP_ABOVE, &paths)) || !paths)
+        return;
+    ComPtr<INetCfgBindingPath> path;
+    for (; paths->Next(1, &path, nullptr) == S_OK && path; path.Reset())
+        SetBindingsOfPath(netCfg, path.Get(), adapter, adapters, useIpState);
+}
+
+/// Whether the upper end of a binding is the filter driver.
+bool LeadsToFilter(INetCfgBindingInterface *binding) {
+    ComPtr<INetCfgComponent> upper;
+    wxString id;
+    return SUCCEEDED(binding->GetUpperComponent(&upper)) && upper &&
+           ReadText(upper.Get(), &INetCfgComponent::GetId, id) && id == kFilterComponent;
+}
+
+void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
+                                               const AdaptersByNode *adapters, bool useIpState) {
+    const bool enabled = path->IsEnabled() == S_OK;
+    ComPtr<IEnumNetCfgBindingInterface> interfaces;
+    if (FAILED(path->EnumBindingInterfaces(&interfaces)) || !interfaces)
+        return;
+    ComPtr<INetCfgBindingInterface> binding;
+    for (; interfaces->Next(1, &binding, nullptr) == S_OK && binding; binding.Reset()) {
+        if (!LeadsToFilter(binding.Get()))
+            continue;
+        if (NeedsChange(adapter, enabled, adapters, useIpState))
+            ToggleBinding(netCfg, path, adapter.displayName, enabled);
+        else
+            DbgPrint(L"No need to change the bindings of adapter '%s'", Wide(adapter.displayName));
+    }
+}
+
+bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters,
+                                         bool useIpState) {
+    DbgPrint(L"Adapter '%s' is%s bound to %ls", Wide(adapter.displayName), enabled ? L"" : L" not", kFilterComponent);
+    if (adapters == nullptr)
+        return enabled;
+    const TcpAdapter *const record = adapters->Find(adapter.pnpDevNodeId);
+    if (record == nullptr)
+        return false;
+    DbgPrint(L"Original bindings of adapter '%s' are %ls=%d %ls=%d", Wide(adapter.displayName), L"ms_tcpip",
+             record->boundToIp ? 1 : 0, kFilterComponent, record->boundToFilter ? 1 : 0);
+    return (useIpState ? record->boundToIp : record->boundToFilter) != enabled;
+}
+
+/// Applied at once, for this one change. A failure is reported, not tried again.
+void CDriverInstallerThread::ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName,
+                                           bool enabled) {
+    HRESULT hr = path->Enable(enabled ? FALSE : TRUE);
+    if (FAILED(hr)) {
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgBindingInterface::Enable()");  // its name in the events
+        return;
+    }
+    DbgPrint(L"%s binding from '%s' -> %ls", enabled ? L"Disabling" : L"Enabling", Wide(displayName), kFilterComponent);
+    hr = netCfg->Apply();
+    if (FAILED(hr))
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Apply()");
+}
+
+}  // namespace

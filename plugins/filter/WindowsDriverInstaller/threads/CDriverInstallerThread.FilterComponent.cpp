@@ -1,0 +1,122 @@
+// The installation of the filter driver's network component. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverInstallerThread.h"
+
+#include <string>
+
+#include <windows.h>
+#include <netcfgn.h>
+#include <wx/log.h>
+
+#include "WindowsDriverInstaller/adapters/DeviceClasses.h"
+#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "common/RequireObject.h"
+#include "common/WindowsVersion.h"
+
+namespace {
+
+constexpr int kMaxInstallAttempts = 3;
+
+HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
+    DbgPrint(L"Trying to install '%ls'...", kFilterComponent);
+    if (directory == nullptr || *directory == L'\0') {
+        NoteFailedStep();
+        return E_INVALIDARG;
+    }
+    HRESULT hr = CopyInfFiles(directory);
+    if (hr != S_OK)
+        return hr;
+    INetCfg *netCfg = nullptr;
+    hr = AcquireINetCfg(true, &netCfg);
+    if (FAILED(hr)) {
+        NoteFailedStep();
+        return hr;
+    }
+    const HRESULT installed = InstallOnThisSystem(netCfg, directory);
+    hr = installed;
+    if (SUCCEEDED(installed)) {
+        hr = CallInStep(ApplyingInetCfgChanges, 300, L"INetCfg::Apply", [netCfg] { return netCfg->Apply(); });
+        if (hr == S_OK && installed == NETCFG_S_REBOOT)
+            hr = installed;  // that the changes could be applied doesn't take back the wish for a reboot
+    }
+    (void)ReleaseINetCfg(true, netCfg);
+    if (FAILED(hr))
+        NoteFailedStep();
+    return hr;
+}
+
+HRESULT CDriverInstallerThread::InstallOnThisSystem(INetCfg *netCfg, const wchar_t *directory) {
+    OSVERSIONINFOEXW version = {};
+    const bool isEmbedded = QueryWindowsVersion(version) && (version.wSuiteMask & VER_SUITE_EMBEDDEDNT) != 0;
+    return isEmbedded ? InstallOnEmbeddedSystem(netCfg, directory) : InstallFilterComponent(netCfg);
+}
+
+/// Such a system looks for the driver in its own folder. No failure around the copy changes the outcome.
+HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory) {
+    wchar_t windows[MAX_PATH] = L"";
+    if (GetWindowsDirectoryW(windows, MAX_PATH) == 0) {
+        const DWORD error = GetLastError();
+        AgentEventLog_(*dom, error, kSystemFailureEvent, L"GetWindowsDirectory()");
+        return InstallFilterComponent(netCfg);
+    }
+    const std::wstring source = std::wstring(directory) + L"qbimvta.sys";
+    const std::wstring destination = std::wstring(windows) + L"\\qbimvta.sys";
+    DbgPrint(L"Copying '%s.sys' to '%s'", kFilterComponent, destination.c_str());
+    if (CopyFileW(source.c_str(), destination.c_str(), FALSE) == 0) {
+        const DWORD error = GetLastError();
+        AgentEventLog_(*dom, error, kSystemFailureEvent, L"CopyFile('%s', '%s')", source.c_str(), destination.c_str());
+    }
+    const HRESULT hr = InstallFilterComponent(netCfg);
+    // Also a file that was there before and could not be replaced.
+    DbgPrint(L"Deleting '%s'", destination.c_str());
+    if (DeleteFileW(destination.c_str()) == 0) {
+        const DWORD error = GetLastError();
+        AgentEventLog_(*dom, error, kSystemFailureEvent, L"DeleteFile('%s')", destination.c_str());
+    }
+    return hr;
+}
+
+HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
+    StartStep(GettingINetCfgClassSetup, 10);
+    ComPtr<INetCfgClassSetup> classSetup;
+    HRESULT hr = netCfg->QueryNetCfgClass(&GUID_DEVCLASS_NETSERVICE, IID_INetCfgClassSetup, &classSetup);
+    hr = RequireObject(hr, classSetup);
+    if (FAILED(hr))
+        NoteFailedStep();
+    EndStep(GettingINetCfgClassSetup);
+    if (FAILED(hr)) {
+        const wxString guid = VtaCore::toString(GUID_DEVCLASS_NETSERVICE);
+        AgentEventLog_(*dom, static_cast<unsigned long>(hr), kSystemFailureEvent, L"INetCfg::QueryNetCfgClass(%s)",
+                       static_cast<const wchar_t *>(guid.wc_str()));
+        return hr;
+    }
+    const auto isMarkedForDelete = [&hr] { return HRESULT_CODE(hr) == ERROR_SERVICE_MARKED_FOR_DELETE; };
+    for (int attempt = 1; attempt <= kMaxInstallAttempts; ++attempt) {
+        hr = AttemptInstall(classSetup.Get(), attempt);
+        if (hr == S_OK)
+            return hr;
+        if (attempt == 1)  // only the first failure is reported
+            AgentEventLog_(*dom, static_cast<unsigned long>(hr), kSystemFailureEvent, L"INetCfgClassSetup::Install()");
+        if (isMarkedForDelete())  // behind the last attempt, too
+            wxThread::Sleep(5'000);
+    }
+    if (isMarkedForDelete())
+        rebootRequired = true;
+    return hr;
+}
+
+/// Only S_OK ends the attempts: a wish for a reboot counts as a failure here.
+HRESULT CDriverInstallerThread::AttemptInstall(INetCfgClassSetup *classSetup, int attempt) {
+    OBO_TOKEN token = {};
+    token.Type = OBO_USER;
+    DbgPrint(L"Attempt #%d at installing %ls", attempt, kFilterComponent);
+    StartStep(InstallingDriver, 600);
+    ComPtr<INetCfgComponent> component;
+    const HRESULT hr =
+        classSetup->Install(kFilterComponent, &token, NSF_POSTSYSINSTALL, 0, nullptr, nullptr, &component);
+    if (FAILED(hr) && attempt == kMaxInstallAttempts)
+        NoteFailedStep();
+    EndStep(InstallingDriver);
+    return hr;
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+// An installation as the watchdog runs it: its worker, the bindings afterwards, and its outcome. Compiled as a part
+// of WindowsDriverInstaller.cpp.
+#include "CDriverInstallerWatchdog.h"
+
+#include <memory>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "WatchAndKill.h"
+#include "WindowsDriverInstaller/NdisTrace.h"
+#include "WindowsDriverInstaller/drivers/InterruptWorkaround.h"
+#include "WindowsDriverInstaller/reports/GrabbedLog.h"
+#include "WindowsDriverInstaller/reports/InstallEvents.h"
+#include "common/Trace.h"
+
+namespace {
+
+constexpr int kPathWithSeparator = wxPATH_GET_VOLUME | wxPATH_GET_SEPARATOR;
+
+bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
+    auto log = std::make_unique<GrabbedLog>();
+    if (!CreateWorker(log->Target()))
+        return false;
+    if (SetNetworkInterruptWorkaround())
+        installerThread->rebootRequired = true;
+    unsigned failedStep = NoStep;
+    const bool succeeded = AttemptInstallation(&failedStep);
+    if (installerThread->End().HasCome(*installerThread, installerThread->isRunning() ? 0 : kEndOfThreadMs)) {
+        installLog = log->WholeText();
+    } else {
+        installLog = log->TextSoFar();
+        installerThread->Keep(std::move(log));
+    }
+    log.reset();
+    installLog += extraLog;
+    Heartbeat();
+    const bool notified = installerThread->rebootRequired;
+    if (notified) {
+        dom->AgentEventWrite(kRebootRequiredEvent, "1");
+        VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
+    }
+    ReportOutcome(succeeded, failedStep);
+    Heartbeat();
+    if (!IsNetworkAsBefore(site) && !notified)
+        VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
+    Heartbeat();
+    return true;
+}
+
+bool CDriverInstallerWatchdog::CreateWorker(wxLog *logTarget) {
+    installerThread.reset(new (std::nothrow) CDriverInstallerThread(dom, ndisDriverFile.GetPath(kPathWithSeparator),
+                                                                    wfpDriverFile.GetPath(kPathWithSeparator),
+                                                                    installNeeded, upgradeNeeded, logTarget));
+    return installerThread && installerThread->Create(0) == wxTHREAD_NO_ERROR;
+}
+
+void CDriverInstallerWatchdog::ReportOutcome(bool succeeded, unsigned failedStep) {
+    if (!succeeded) {
+        dom->DoAgentEventWriteAndLog(kInstallFailedEvent, kInstallFailedEvent, L"%s|%s", StepName(failedStep),
+                                     Wide(installLog));
+        return;
+    }
+    dom->DoAgentEventWrite(kInstalledEvent, L"%d.%d.%d.%d|%d.%d.%d.%d|%s", installedVersion.major,
+                           installedVersion.minor, installedVersion.build, installedVersion.revision, ourVersion.major,
+                           ourVersion.minor, ourVersion.build, ourVersion.revision, Wide(installLog));
+}
+
+bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
+    installerThread->GetTcpAdapters(adaptersBefore);
+    StartOrKill(*installerThread, false);
+    wxThread::Sleep(100);
+    Heartbeat();
+    const bool succeeded = WatchWorker(failedStep);
+    if (upgradeNeeded) {
+        // A failed upgrade leaves the bindings as they are.
+        if (!succeeded)
+            return false;
+        installerThread->DbgPrint(L"Restoring network bindings.");
+        Heartbeat();
+        (void)installerThread->SetFilterBindings(false, &adaptersBefore, false);
+    } else {
+        Heartbeat();
+        installerThread->UnbindUnsuitableAdapters();  // whatever became of the attempt
+        if (!succeeded)
+            return false;
+    }
+    RebindIfStale();
+    return true;
+}
+
+/// @return the worker's result; false if it was killed.
+bool CDriverInstallerWatchdog::WatchWorker(unsigned *failedStep) {
+    const std::optional<std::uint32_t> killedIn = WatchAndKill(*installerThread, [this] { Heartbeat(); });
+    const bool succeeded = !killedIn && installerThread->succeeded;
+    if (!succeeded)
+        *failedStep = killedIn.value_or(installerThread->failedStep);
+    return succeeded;
+}
+
+/// An old driver that is still loaded may go when nothing is bound to it.
+void CDriverInstallerWatchdog::RebindIfStale() {
+    DriverVersion running;
+    if (!GetDriverVersion(*dom, running) || running == ourVersion)
+        return;
+    Heartbeat();
+    installerThread->DbgPrint(
+        L"Installation succeeded but the wrong driver version is still loaded. Trying an "
+        L"unbind/bind to see if that fixes it.");
+    TcpAdapterList adapters;
+    installerThread->GetTcpAdapters(adapters);
+    (void)installerThread->SetFilterBindings(false, nullptr, false);
+    wxThread::Sleep(1'000);
+    Heartbeat();
+    (void)installerThread->SetFilterBindings(true, &adapters, false);
+    wxThread::Sleep(1'000);
+    Heartbeat();
+    // One-sided, which is meant so: an answer counts as stale whatever it says.
+    if (!GetDriverVersion(*dom, running) && running == ourVersion)
+        return;
+    Heartbeat();
+    installerThread->DbgPrint(
+        L"Rebinding didn't help - driver %d.%d.%d.%d is still loaded. Setting the "
+        L"reboot-required flag.",
+        running.major, running.minor, running.build, running.revision);
+    installerThread->rebootRequired = true;
+}
+
+}  // namespace

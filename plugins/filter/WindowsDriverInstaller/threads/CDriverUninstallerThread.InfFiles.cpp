@@ -1,0 +1,75 @@
+// The removal of the INF files that the system has copied. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverUninstallerThread.h"
+
+#include <string>
+
+#include <windows.h>
+#include <setupapi.h>
+
+#include "WindowsDriverInstaller/cleanup/InfFile.h"
+#include "WindowsDriverInstaller/cleanup/InfFolders.h"
+#include "common/Unique.h"
+
+namespace {
+
+/// A search for files.
+using UniqueSearch = Unique<HANDLE, FindClose>;
+
+HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOemInf) {
+    StartStep(RemovingInfFiles, 300);
+    InfFolders folders;
+    HRESULT status = FindInfFolders(folders);
+    WIN32_FIND_DATAW found = {};
+    const UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
+    if (search) {
+        do {
+            // None of the drivers' INF files is empty, let alone of 4 GiB and more.
+            const bool canBeOurs = found.nFileSizeHigh == 0 && found.nFileSizeLow != 0;
+            const std::wstring path = folders.inf + found.cFileName;
+            const wchar_t *driver = canBeOurs ? DriverOfInfFile(path) : nullptr;
+            if (driver == nullptr)
+                continue;
+            DbgPrint(L"Matched '%ls' in file '%s'. Deleting this inf+pnf+cat.", driver, path.c_str());
+            (void)SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+            if (uninstallOemInf != nullptr)
+                UninstallInf(uninstallOemInf, found.cFileName);
+            else
+                RemoveInfByHand(folders, found.cFileName, status);
+        } while (FindNextFileW(search.get(), &found) != 0);
+    }
+    EndStep(RemovingInfFiles);
+    return status;  // a file that can't be removed is no failure
+}
+
+void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name) {
+    if (uninstallOemInf(name, SUOI_FORCEDELETE, nullptr) != 0) {
+        DbgPrint(L"SetupUninstallOEMInf('%s') succeeded", name);
+    } else {
+        const DWORD error = GetLastError();
+        DbgPrint(L"SetupUninstallOEMInf('%s') returned %#lx", name, error);
+    }
+}
+
+void CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const wchar_t *name, HRESULT &status) {
+    RemoveWithExtension(folders.inf + name, L".pnf", status);
+    RemoveWithExtension(folders.inf + name, L".inf", status);
+    RemoveWithExtension(folders.catalogs + name, L".cat", status);
+}
+
+void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wchar_t *extension, HRESULT &status) {
+    const std::size_t dot = path.rfind(L'.');
+    if (dot == path.npos)
+        return;
+    path.replace(dot, path.npos, extension);
+    (void)SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if (DeleteFileW(path.c_str()) != 0)
+        return;
+    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {  // also for one that is not there
+        status = NETCFG_S_REBOOT;
+    } else {
+        const DWORD error = GetLastError();
+        DbgPrint(L"Unable to delete file '%s': %#lx", path.c_str(), error);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+// The removal of the drivers. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverUninstallerThread.h"
+
+#include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
+#include "WindowsDriverInstaller/cleanup/SetupLibrary.h"
+#include "WindowsDriverInstaller/drivers/ServiceControl.h"
+#include "common/RequireObject.h"
+
+namespace {
+
+constexpr wchar_t kLegacyComponent[] = L"rxwim";
+
+void CDriverUninstallerThread::Run() {
+    succeeded = UninstallDriver();
+}
+
+bool CDriverUninstallerThread::UninstallDriver() {
+    DbgPrint(L"UninstallDriver running.");
+    const SetupLibrary setup;
+    UninstallOemInf uninstallOemInf = nullptr;
+    setup.Find("SetupUninstallOEMInfW", uninstallOemInf);
+    DbgPrint(L"SetupUninstallOEMInfW() is at address 0x%p", reinterpret_cast<void *>(uninstallOemInf));
+    RemoveHealthCheckFiles();
+    if (IsWfpServiceInstalled())
+        RemoveWfpCallout();
+
+    bool notInstalled = false;
+    HRESULT hr = UninstallComponent(kFilterComponent, &notInstalled);
+    if (notInstalled)
+        hr = UninstallComponent(kLegacyComponent, &notInstalled);
+    // A wish for a reboot is lost here; that is accepted.
+    if (SUCCEEDED(hr))
+        hr = RemoveOemInfFiles(uninstallOemInf);
+    DbgPrint(L"Checking if %ls is still installed", kFilterComponent);
+    if (IsFilterComponentPresent() == S_FALSE) {
+        // With the component gone only the orphans decide, whatever failed before.
+        DbgPrint(L"Checking for orphaned QBIMVTA_MP bindings");
+        hr = CleanUpOrphans();
+    }
+    if (hr == NETCFG_S_REBOOT)
+        rebootRequired = true;
+    return hr == S_OK || hr == NETCFG_S_REBOOT;
+}
+
+HRESULT CDriverUninstallerThread::UninstallComponent(const wchar_t *componentId, bool *notInstalled) {
+    *notInstalled = false;
+    DbgPrint(L"Trying to uninstall '%ls'...", componentId);
+    INetCfg *netCfg = nullptr;
+    HRESULT hr = AcquireINetCfg(true, &netCfg);
+    if (FAILED(hr))
+        return hr;
+    hr = RemoveComponent(netCfg, componentId);
+    if (hr == S_OK) {
+        hr = CallInStep(ApplyingInetCfgChanges, 300, L"INetCfg::Apply", [netCfg] { return netCfg->Apply(); });
+    } else if (hr == S_FALSE) {
+        DbgPrint(L"'%ls' is not installed", componentId);
+        *notInstalled = true;
+        hr = S_OK;
+    } else if (hr != NETCFG_S_REBOOT) {  // which leaves the rest to the boot: nothing is applied
+        NoteFailedStep();
+    }
+    (void)ReleaseINetCfg(true, netCfg);
+    return hr;
+}
+
+HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t *componentId) {
+    OBO_TOKEN token = {};
+    token.Type = OBO_USER;
+
+    ComPtr<INetCfgComponent> component;
+    StartStep(FindingComponent, 15);
+    HRESULT hr = netCfg->FindComponent(componentId, &component);  // the one failure that the caller notes
+    if (hr == S_OK)
+        hr = RequireObject(hr, component);
+    if (FAILED(hr))
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
+    EndStep(FindingComponent);
+    if (hr != S_OK)
+        return hr;
+
+    GUID classGuid = {};
+    hr = CallInStep(GettingClassGUID, 10, L"INetCfgComponent::GetClassGuid",
+                    [&] { return component->GetClassGuid(&classGuid); });
+    if (FAILED(hr))
+        return hr;
+    ComPtr<INetCfgClass> netClass;
+    hr = CallInStep(GettingINetCfgClass, 10, L"INetCfg::QueryNetCfgClass", [&] {
+        const HRESULT queried = netCfg->QueryNetCfgClass(&classGuid, IID_INetCfgClass, &netClass);
+        return RequireObject(queried, netClass);
+    });
+    if (FAILED(hr))
+        return hr;
+    ComPtr<INetCfgClassSetup> classSetup;
+    hr = CallInStep(GettingINetCfgClassSetup, 10, L"INetCfgClass::QueryInterface(IID_INetCfgClassSetup)", [&] {
+        const HRESULT queried = netClass->QueryInterface(IID_INetCfgClassSetup, &classSetup);
+        return RequireObject(queried, classSetup);
+    });
+    if (FAILED(hr))
+        return hr;
+    return CallInStep(UninstallingDriver, 600, L"INetCfgClassSetup::DeInstall",
+                      [&] { return classSetup->DeInstall(component.Get(), &token, nullptr); });
+}
+
+HRESULT CDriverUninstallerThread::IsFilterComponentPresent() {
+    StartStep(CheckingIfStillInstalled, 60);
+    INetCfg *netCfg = nullptr;
+    HRESULT hr = AcquireINetCfg(false, &netCfg);
+    if (hr == S_OK) {
+        {
+            ComPtr<INetCfgComponent> component;
+            hr = netCfg->FindComponent(kFilterComponent, &component);
+        }
+        if (FAILED(hr))
+            ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
+        (void)ReleaseINetCfg(false, netCfg);
+    }
+    EndStep(CheckingIfStillInstalled);
+    return hr;
+}
+
+}  // namespace

@@ -1,0 +1,63 @@
+// How a driver thread's steps are watched from another thread. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverUninstallerThread.h"
+
+#include <algorithm>
+
+#include <wx/log.h>
+
+namespace {
+
+bool CDriverUninstallerThread::WaitForStepToFinish() {
+    // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
+    constexpr DWORD pollMs = 1'000;
+    waitFailed = false;
+    const StepRecord *watched = nullptr;
+    for (;;) {
+        DWORD timeout = pollMs;
+        {
+            const wxCriticalSectionLocker lock(stepLock);
+            if (stepStack.empty()) {
+                wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
+                return true;
+            }
+            const StepRecord *const top = stepStack.back().get();
+            if (watched != nullptr && top != watched)
+                return true;
+            watched = top;
+            timeout = std::min(timeout, RestOfTopStep());
+        }
+        // The end of a step between the poll and the wait leaves the event set; two ends may be one wake-up.
+        switch (WaitForSingleObject(stepFinished, timeout)) {
+            case WAIT_OBJECT_0:
+            case WAIT_ABANDONED:
+                return true;
+            case WAIT_TIMEOUT:
+                if (HasTopStepOverrun())
+                    return false;
+                break;
+            default:
+                wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
+                waitFailed = true;
+                return false;
+        }
+    }
+}
+
+/// Only the top step is watched. The clock of those beneath runs on all the same.
+DWORD CDriverUninstallerThread::RestOfTopStep() const {
+    const StepRecord &top = *stepStack.back();
+    const std::uint32_t limit = top.limitSeconds * 1000;
+    const std::uint32_t waited = VtaCore::SystemTickCount() - top.startTick;
+    return waited > limit ? 0 : limit - waited;
+}
+
+bool CDriverUninstallerThread::HasTopStepOverrun() {
+    const wxCriticalSectionLocker lock(stepLock);
+    return !stepStack.empty() && RestOfTopStep() == 0;
+}
+
+bool CDriverUninstallerThread::CannotBeWaitedFor() {
+    return waitFailed || HasTopStepOverrun();
+}
+
+}  // namespace
