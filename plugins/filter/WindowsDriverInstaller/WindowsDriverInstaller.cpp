@@ -17,6 +17,7 @@
 #include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
 #include "WindowsDriverInstaller/reports/InstallEvents.h"
 #include "WindowsDriverInstaller/reports/StackDump.h"
+#include "WindowsDriverInstaller/threads/StartThread.h"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.Adapters.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.Bindings.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.Callout.cpp"
@@ -58,6 +59,7 @@ void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
 bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
     constexpr std::uint32_t warnAfterMs = 60'000;
     constexpr std::uint32_t giveUpAfterMs = 3'600'000;
+    constexpr unsigned long pollMs = 250;
     std::uint32_t lastWarned = 0;
     while (!dom.ShouldExit(0, nullptr) && !status.done) {
         const std::uint32_t lastProgress = status.lastProgress;
@@ -71,7 +73,7 @@ bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
             lastWarned = lastProgress;
             wxLogWarning("Installer thread has not made any progress in the last %u seconds.", elapsed / 1000);
         }
-        wxThread::Sleep(250);
+        wxThread::Sleep(pollMs);
     }
     return status.result;
 }
@@ -83,7 +85,7 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     const auto status = std::make_shared<InstallStatus>();
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
-    if (!watchdog->start(50, true, 0)) {
+    if (!MakeAndStart(*watchdog)) {
         // Made, and never to run. Not by wxThread, whose kill of a detached thread may delete the object.
         (void)TerminateThread(watchdog->MSWGetHandle(), 0);
         return false;
@@ -95,8 +97,9 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();
     auto thread = std::make_unique<CDriverUninstallerThread>(&dom, ndisDriverDir, wfpDriverDir);
-    StartOrKill(*thread, true);
-    wxThread::Sleep(100);
+    if (!MakeAndStart(*thread))
+        KillUnstarted(*thread);
+    wxThread::Sleep(kThreadStartMs);
     const bool wasKilled = WatchAndKill(*thread, [] {}).has_value();
     const bool succeeded = !wasKilled && thread->succeeded;
     DestroyOnceEnded(std::move(thread));

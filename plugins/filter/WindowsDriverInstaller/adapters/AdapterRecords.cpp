@@ -15,7 +15,7 @@
 
 namespace {
 
-std::uint32_t AddressFrom(const IP_ADDR_STRING &entry) {
+std::uint32_t AddressFromIpHelper(const IP_ADDR_STRING &entry) {
     const std::uint32_t address = inet_addr(entry.IpAddress.String);
     return address == 0 ? kNoAddress : address;
 }
@@ -27,8 +27,8 @@ void TakeIpHelperFields(const IpHelperByName &records, TcpAdapter &adapter) {
     adapter.adapterIndex = record->Index;
     const std::size_t length = std::min<std::size_t>(record->AddressLength, sizeof(record->Address));
     adapter.macAddress.assign(reinterpret_cast<const char *>(record->Address), length);
-    adapter.gatewayAddress = AddressFrom(record->GatewayList);
-    adapter.ipAddress = AddressFrom(record->IpAddressList);
+    adapter.gatewayAddress = AddressFromIpHelper(record->GatewayList);
+    adapter.ipAddress = AddressFromIpHelper(record->IpAddressList);
 }
 
 /// @return the number of bytes that the driver answered; nothing on failure.
@@ -70,8 +70,8 @@ void TakeNdisFields(TcpAdapter &adapter) {
 
 }  // namespace
 
-bool ReadText(INetCfgComponent *component, HRESULT (STDMETHODCALLTYPE INetCfgComponent::*read)(LPWSTR *),
-              wxString &text) {
+bool ReadComponentText(INetCfgComponent *component, HRESULT (STDMETHODCALLTYPE INetCfgComponent::*read)(LPWSTR *),
+                       wxString &text) {
     wchar_t *given = nullptr;
     const HRESULT hr = (component->*read)(&given);
     const TaskText owner(given);
@@ -88,13 +88,13 @@ std::optional<TcpAdapter> ReadAdapter(INetCfgComponent *component, const IpHelpe
     if ((characteristics & (NCF_VIRTUAL | NCF_PHYSICAL)) == 0)
         return std::nullopt;
     adapter.characteristics = characteristics;
-    (void)ReadText(component, &INetCfgComponent::GetBindName, adapter.bindName);
+    (void)ReadComponentText(component, &INetCfgComponent::GetBindName, adapter.bindName);
     ULONG deviceStatus = 0;
     if (SUCCEEDED(component->GetDeviceStatus(&deviceStatus)))
         adapter.deviceStatus = deviceStatus;
-    (void)ReadText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId);
-    (void)ReadText(component, &INetCfgComponent::GetId, adapter.componentId);
-    if (!ReadText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
+    (void)ReadComponentText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId);
+    (void)ReadComponentText(component, &INetCfgComponent::GetId, adapter.componentId);
+    if (!ReadComponentText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
         adapter.displayName = adapter.pnpDevNodeId;
     TakeIpHelperFields(ipHelper, adapter);
     if (!adapter.bindName.empty())

@@ -13,19 +13,19 @@
 #include "TcpAdapter.h"
 
 /// A text that a component hands out, such as its display name. @return false where it has none.
-bool ReadText(INetCfgComponent *component, HRESULT (STDMETHODCALLTYPE INetCfgComponent::*read)(LPWSTR *),
-              wxString &text);
+bool ReadComponentText(INetCfgComponent *component, HRESULT (STDMETHODCALLTYPE INetCfgComponent::*read)(LPWSTR *),
+                       wxString &text);
 
 /// What binds to adapters, as far as it is there.
-class Bindings {
+class ComponentBindings {
 public:
-    Bindings(INetCfg *netCfg, const wchar_t *componentId) {
+    ComponentBindings(INetCfg *netCfg, const wchar_t *componentId) {
         if (netCfg->FindComponent(componentId, &m_component) != S_OK || !m_component)
             return;
         (void)m_component->QueryInterface(IID_INetCfgComponentBindings, &m_bindings);
     }
 
-    [[nodiscard]] bool AreTo(INetCfgComponent *adapter) const {
+    [[nodiscard]] bool IsBoundTo(INetCfgComponent *adapter) const {
         return m_bindings && m_bindings->IsBoundTo(adapter) == S_OK;
     }
 

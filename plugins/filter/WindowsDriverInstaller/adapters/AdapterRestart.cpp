@@ -16,10 +16,10 @@ public:
     }
 
     void SetScope(DWORD scope) { m_change.Scope = scope; }
-    bool Prepare() {
+    bool SetParameters() {
         return SetupDiSetClassInstallParamsW(m_devices, &m_device, &m_change.ClassInstallHeader, sizeof(m_change)) != 0;
     }
-    bool Carry() { return SetupDiCallClassInstaller(DIF_PROPERTYCHANGE, m_devices, &m_device) != 0; }
+    bool CallInstaller() { return SetupDiCallClassInstaller(DIF_PROPERTYCHANGE, m_devices, &m_device) != 0; }
 
 private:
     HDEVINFO m_devices;
@@ -31,16 +31,16 @@ private:
 
 bool ChangeDevice(HDEVINFO devices, SP_DEVINFO_DATA &device, bool enable) {
     DeviceChange change(devices, device, enable);
-    if (!change.Prepare())
+    if (!change.SetParameters())
         return false;
     if (!enable) {
-        if (!change.Carry())
+        if (!change.CallInstaller())
             wxLogSysError("not critical - SetupDiCallClassInstaller()");
         return true;
     }
-    (void)change.Carry();  // for all hardware profiles; the one for this profile follows whatever came of it
+    (void)change.CallInstaller();  // for all hardware profiles; the one for this profile follows whatever came of it
     change.SetScope(DICS_FLAG_CONFIGSPECIFIC);
-    if (change.Prepare() && !change.Carry())
+    if (change.SetParameters() && !change.CallInstaller())
         wxLogSysError("not critical - SetupDiCallClassInstaller(DICS_FLAG_CONFIGSPECIFIC)");
     return true;
 }

@@ -37,7 +37,7 @@ public:
     }
 
     /// By their places in the list.
-    [[nodiscard]] std::map<std::size_t, const TcpAdapter *> Of(const wxString &instanceId) const {
+    [[nodiscard]] std::map<std::size_t, const TcpAdapter *> OfDevice(const wxString &instanceId) const {
         std::map<std::size_t, const TcpAdapter *> found;
         for (const std::size_t length : m_lengths) {
             if (length > instanceId.length())

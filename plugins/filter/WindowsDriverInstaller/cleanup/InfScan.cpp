@@ -74,7 +74,7 @@ std::uint64_t FirstLettersIn(const std::byte *block) {
 }
 
 template <typename Character>
-const wchar_t *Scan(std::span<const std::byte> file) {
+const wchar_t *CountNamesIn(std::span<const std::byte> file) {
     constexpr std::size_t unseen = kUnseenCharacters * sizeof(Character);
     static_assert(unseen > kNameLength * sizeof(Character), "a name that is looked at must end within the file");
     // Where characters may begin: at 16 bits, on every other byte.
@@ -104,9 +104,9 @@ const wchar_t *DriverNamedIn(std::span<const std::byte> file) {
 }
 
 const wchar_t *DriverNamedIn8Bit(std::span<const std::byte> file) {
-    return Scan<char>(file);
+    return CountNamesIn<char>(file);
 }
 
 const wchar_t *DriverNamedIn16Bit(std::span<const std::byte> file) {
-    return Scan<wchar_t>(file);
+    return CountNamesIn<wchar_t>(file);
 }

@@ -25,7 +25,7 @@ LSTATUS OpenItself(HKEY parent, const std::wstring &name, REGSAM access, UniqueK
 }
 
 /// @return false also for a key that has subkeys.
-bool DeleteKey(HKEY parent, const std::wstring &name) {
+bool DeleteKeyWithoutSubkeys(HKEY parent, const std::wstring &name) {
     UniqueKey key;
     return OpenItself(parent, name, DELETE, key) == ERROR_SUCCESS && NtDeleteKey(key.get()) == 0;
 }
@@ -43,7 +43,7 @@ std::optional<std::wstring> FirstSubkey(const UniqueKey &key) {
     return name;
 }
 
-bool DeleteTree(HKEY parent, const std::wstring &name, int levels);
+bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels);
 
 /// Always takes the first one, since each is gone when the next is asked for. Ends at the first that stays.
 void DeleteSubkeys(const UniqueKey &key, int levels) {
@@ -56,16 +56,16 @@ void DeleteSubkeys(const UniqueKey &key, int levels) {
         // One that is made anew whenever it is gone, or that can't be found by its name, is not tried without end.
         if (*name == deleted && ++returns == kMaxReturns)
             break;
-        if (!DeleteTree(key.get(), *name, levels))
+        if (!DeleteKeyWithSubkeys(key.get(), *name, levels))
             break;
         deleted = *name;
     }
 }
 
 /// @param levels  how many more the tree may have.
-bool DeleteTree(HKEY parent, const std::wstring &name, int levels) {
+bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels) {
     // A key without subkeys needs no more.
-    if (DeleteKey(parent, name))
+    if (DeleteKeyWithoutSubkeys(parent, name))
         return true;
     {
         UniqueKey key;
@@ -75,11 +75,11 @@ bool DeleteTree(HKEY parent, const std::wstring &name, int levels) {
         if (levels > 1)
             DeleteSubkeys(key, levels - 1);
     }
-    return DeleteKey(parent, name);
+    return DeleteKeyWithoutSubkeys(parent, name);
 }
 
 }  // namespace
 
 int DeleteRegistryTree(const std::wstring &keyPath) {
-    return DeleteTree(HKEY_LOCAL_MACHINE, keyPath, kMaxLevels) ? 0 : 1;
+    return DeleteKeyWithSubkeys(HKEY_LOCAL_MACHINE, keyPath, kMaxLevels) ? 0 : 1;
 }

@@ -11,7 +11,7 @@ public:
 
     /// @param function  set to null where there is no such function.
     template <typename Function>
-    void Find(const char *name, Function &function) const {
+    void FindFunction(const char *name, Function &function) const {
         // By its name: it may be there although it could not be loaded once more.
         const HMODULE module = GetModuleHandleW(L"setupapi");
         const FARPROC found = module == nullptr ? nullptr : GetProcAddress(module, name);

@@ -17,7 +17,7 @@ bool IsWithin(std::span<const std::byte> view, std::uintptr_t address) {
 }
 
 /// What becomes of an exception: a value of an __except filter.
-int Decide(const EXCEPTION_RECORD &exception, const Reading &reading) {
+int DecideOnException(const EXCEPTION_RECORD &exception, const Reading &reading) {
     const bool isPage =
         exception.ExceptionCode == EXCEPTION_IN_PAGE_ERROR || exception.ExceptionCode == EXCEPTION_ACCESS_VIOLATION;
     // The second word of both is the address that was read.
@@ -35,7 +35,7 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
     __try {
         reading.read(reading.context);
         return true;
-    } __except (Decide(*GetExceptionInformation()->ExceptionRecord, reading)) {
+    } __except (DecideOnException(*GetExceptionInformation()->ExceptionRecord, reading)) {
         return false;
     }
 }
@@ -55,7 +55,7 @@ int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame);
 
 /// @param frame  that of FcGuardedRead, which keeps the reading behind the room for its callee's arguments.
 [[gnu::used]] int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame) {
-    return Decide(*exception->ExceptionRecord, *static_cast<const Reading *const *>(frame)[4]);
+    return DecideOnException(*exception->ExceptionRecord, *static_cast<const Reading *const *>(frame)[4]);
 }
 
 __asm__(R"(

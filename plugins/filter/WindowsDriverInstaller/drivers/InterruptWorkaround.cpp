@@ -63,7 +63,7 @@ std::optional<WindowsVersion> RunningVersion() {
 }
 
 /// @return ERROR_SUCCESS with the number; ERROR_FILE_NOT_FOUND only if the key was read and has no such value.
-LSTATUS QueryNumber(const wchar_t *path, const wchar_t *name, DWORD &number) {
+LSTATUS QueryRegistryNumber(const wchar_t *path, const wchar_t *name, DWORD &number) {
     HKEY opened = nullptr;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &opened) != ERROR_SUCCESS)
         return ERROR_CANTREAD;
@@ -74,7 +74,7 @@ LSTATUS QueryNumber(const wchar_t *path, const wchar_t *name, DWORD &number) {
     return status == ERROR_SUCCESS && type != REG_DWORD ? ERROR_INVALID_DATATYPE : status;
 }
 
-bool WriteNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number, const TraceSite &site) {
+bool WriteRegistryNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number, const TraceSite &site) {
     {
         const wxLogNull quiet;  // the trace tells it
         if (key.Open(wxRegKey::Write) && key.SetValue(name, number))
@@ -91,14 +91,14 @@ void SetBindMode(const TraceSite &site) {
     if (!key.Exists())
         return;
     DWORD mode = 0;
-    const LSTATUS status = QueryNumber(kNdisKey, kBindMode, mode);
+    const LSTATUS status = QueryRegistryNumber(kNdisKey, kBindMode, mode);
     if (status == ERROR_FILE_NOT_FOUND)
         mode = 0;
     else if (status != ERROR_SUCCESS)
         return;
     Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kBindMode, static_cast<long>(mode));
     if (mode == 0)
-        (void)WriteNumber(key, kNdisKey, kBindMode, 1, site);
+        (void)WriteRegistryNumber(key, kNdisKey, kBindMode, 1, site);
 }
 
 /// An absent value stays absent, unlike the other one. @return whether it was changed.
@@ -106,10 +106,10 @@ bool TurnFairShareOff(const TraceSite &site) {
     Trace(site, "InstallOrUpdateDriver: check registry %s", kFairShare);
     wxRegKey key(wxRegKey::HKLM, kFairShareKey);
     DWORD enabled = 0;
-    if (!key.Exists() || QueryNumber(kFairShareKey, kFairShare, enabled) != ERROR_SUCCESS)
+    if (!key.Exists() || QueryRegistryNumber(kFairShareKey, kFairShare, enabled) != ERROR_SUCCESS)
         return false;
     Trace(site, "InstallOrUpdateDriver: registry %s status: %ld", kFairShare, static_cast<long>(enabled));
-    if (enabled == 0 || !WriteNumber(key, kFairShareKey, kFairShare, 0, site))
+    if (enabled == 0 || !WriteRegistryNumber(key, kFairShareKey, kFairShare, 0, site))
         return false;
     wxLogVerbose("InstallOrUpdateDriver: update registry %s (Reboot Require)", kFairShare);
     return true;
@@ -121,6 +121,7 @@ bool SetNetworkInterruptWorkaround() {
     const std::optional<WindowsVersion> version = RunningVersion();
     if (!version || !NeedsBindMode(*version))
         return false;
-    SetBindMode(kNdisTrace);
-    return NeedsFairShareOff(*version) && TurnFairShareOff(kNdisTrace);
+    const TraceSite site(kNdisTrace);
+    SetBindMode(site);
+    return NeedsFairShareOff(*version) && TurnFairShareOff(site);
 }

@@ -10,40 +10,40 @@ namespace {
 
 constexpr wchar_t kNdisService[] = L"qbimvta";
 constexpr wchar_t kWfpService[] = L"qbimwfp";
-constexpr DWORD kWaitMs = 30'000;
+constexpr DWORD kStateWaitMs = 30'000;
 
-UniqueService OpenManager() {
+UniqueService OpenServiceManager() {
     return UniqueService(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
 }
 
-UniqueService OpenDriver(const UniqueService &manager, const wchar_t *name) {
+UniqueService OpenDriverService(const UniqueService &manager, const wchar_t *name) {
     return UniqueService(OpenServiceW(manager.get(), name, SERVICE_ALL_ACCESS));
 }
 
-bool IsRunning(const wchar_t *name) {
-    const UniqueService manager = OpenManager();
+bool IsServiceRunning(const wchar_t *name) {
+    const UniqueService manager = OpenServiceManager();
     if (!manager)
         return false;
-    const UniqueService service = OpenDriver(manager, name);
+    const UniqueService service = OpenDriverService(manager, name);
     SERVICE_STATUS status = {};
     return service && QueryServiceStatus(service.get(), &status) != 0 && status.dwCurrentState == SERVICE_RUNNING;
 }
 
 /// What a start and a stop do differently.
-struct Action {
+struct ServiceChange {
     bool (*act)(SC_HANDLE service);
     const char *failure;  ///< The log's text.
     DWORD harmlessError;  ///< The service is in that state already.
     DWORD awaitedState;
 };
 
-constexpr Action kStart = {[](SC_HANDLE service) { return StartServiceW(service, 0, nullptr) != 0; },
-                           "StartService: error=%d", ERROR_SERVICE_ALREADY_RUNNING, SERVICE_RUNNING};
-constexpr Action kStop = {[](SC_HANDLE service) {
-                              SERVICE_STATUS status = {};
-                              return ControlService(service, SERVICE_CONTROL_STOP, &status) != 0;
-                          },
-                          "ControlService: error=%d", ERROR_SERVICE_NOT_ACTIVE, SERVICE_STOPPED};
+constexpr ServiceChange kStartService = {[](SC_HANDLE service) { return StartServiceW(service, 0, nullptr) != 0; },
+                                         "StartService: error=%d", ERROR_SERVICE_ALREADY_RUNNING, SERVICE_RUNNING};
+constexpr ServiceChange kStopService = {[](SC_HANDLE service) {
+                                            SERVICE_STATUS status = {};
+                                            return ControlService(service, SERVICE_CONTROL_STOP, &status) != 0;
+                                        },
+                                        "ControlService: error=%d", ERROR_SERVICE_NOT_ACTIVE, SERVICE_STOPPED};
 
 /// Logs the last error. @return it.
 DWORD LogLastError(const char *format) {
@@ -52,33 +52,33 @@ DWORD LogLastError(const char *format) {
     return error;
 }
 
-bool Perform(const Action &action, const wchar_t *name, bool wait) {
-    if (IsRunning(name) == (action.awaitedState == SERVICE_RUNNING))
+bool ChangeServiceState(const ServiceChange &change, const wchar_t *name, bool wait) {
+    if (IsServiceRunning(name) == (change.awaitedState == SERVICE_RUNNING))
         return true;
-    const UniqueService manager = OpenManager();
+    const UniqueService manager = OpenServiceManager();
     if (!manager) {
         (void)LogLastError("OpenSCManager: error=%d");
         return false;
     }
-    const UniqueService service = OpenDriver(manager, name);
+    const UniqueService service = OpenDriverService(manager, name);
     if (!service) {
         (void)LogLastError("OpenService: error=%d");
         return true;
     }
-    if (!action.act(service.get()))
-        return LogLastError(action.failure) == action.harmlessError;
-    if (!wait || WaitForServiceState(service.get(), action.awaitedState))
+    if (!change.act(service.get()))
+        return LogLastError(change.failure) == change.harmlessError;
+    if (!wait || WaitForServiceState(service.get(), change.awaitedState))
         return true;
     (void)LogLastError("WaitForServiceState: error=%d");
     return false;
 }
 
-bool Restart(const wchar_t *name, bool wait) {
-    return Perform(kStop, name, wait) && Perform(kStart, name, wait);
+bool RestartDriver(const wchar_t *name, bool wait) {
+    return ChangeServiceState(kStopService, name, wait) && ChangeServiceState(kStartService, name, wait);
 }
 
-/// How long to wait before the next look, in milliseconds: a tenth of what the service hints at.
-DWORD PauseFor(const SERVICE_STATUS &status) {
+/// How long to wait before the next query, in milliseconds: a tenth of what the service hints at.
+DWORD PauseUntilNextQuery(const SERVICE_STATUS &status) {
     constexpr DWORD shortest = 1'000;
     constexpr DWORD longest = 10'000;
     return std::clamp(status.dwWaitHint / 10, shortest, longest);
@@ -87,41 +87,41 @@ DWORD PauseFor(const SERVICE_STATUS &status) {
 }  // namespace
 
 bool StartWFPCallout(bool wait) {
-    return Perform(kStart, kWfpService, wait);
+    return ChangeServiceState(kStartService, kWfpService, wait);
 }
 
 bool StopWFPCallout(bool wait) {
-    return Perform(kStop, kWfpService, wait);
+    return ChangeServiceState(kStopService, kWfpService, wait);
 }
 
 bool RestartWFPCallout(bool wait) {
-    return Restart(kWfpService, wait);
+    return RestartDriver(kWfpService, wait);
 }
 
 bool StartNDISDriver(bool wait) {
-    return Perform(kStart, kNdisService, wait);
+    return ChangeServiceState(kStartService, kNdisService, wait);
 }
 
 bool StopNDISDriver(bool wait) {
-    return Perform(kStop, kNdisService, wait);
+    return ChangeServiceState(kStopService, kNdisService, wait);
 }
 
 bool RestartNDISDriver(bool wait) {
-    return Restart(kNdisService, wait);
+    return RestartDriver(kNdisService, wait);
 }
 
 bool IsWfpServiceInstalled() {
-    const UniqueService manager = OpenManager();
-    return manager && OpenDriver(manager, kWfpService);
+    const UniqueService manager = OpenServiceManager();
+    return manager && OpenDriverService(manager, kWfpService);
 }
 
 bool DeleteWfpService() {
-    const UniqueService manager = OpenManager();
+    const UniqueService manager = OpenServiceManager();
     if (!manager) {
         (void)LogLastError("OpenSCManager: error=%d");
         return false;
     }
-    const UniqueService service = OpenDriver(manager, kWfpService);
+    const UniqueService service = OpenDriverService(manager, kWfpService);
     if (!service) {
         (void)LogLastError("OpenService: error=%d");
         return false;
@@ -134,16 +134,16 @@ bool DeleteWfpService() {
 }
 
 bool IsNdisServiceRunning() {
-    return IsRunning(kNdisService);
+    return IsServiceRunning(kNdisService);
 }
 
 bool IsWfpServiceRunning() {
-    return IsRunning(kWfpService);
+    return IsServiceRunning(kWfpService);
 }
 
 bool WaitForServiceState(SC_HANDLE service, DWORD state) {
     // Compared directly, not by difference: ticks that wrap end the wait early or late, and that is kept.
-    const DWORD deadline = GetTickCount() + kWaitMs;
+    const DWORD deadline = GetTickCount() + kStateWaitMs;
     SERVICE_STATUS status = {};
     if (QueryServiceStatus(service, &status) == 0)
         return false;
@@ -156,7 +156,7 @@ bool WaitForServiceState(SC_HANDLE service, DWORD state) {
         if (status.dwCurrentState == noted.dwCurrentState && status.dwCheckPoint < noted.dwCheckPoint)
             return false;  // no progress; the last error is whatever it is
         noted = status;
-        Sleep(PauseFor(status));
+        Sleep(PauseUntilNextQuery(status));
         if (QueryServiceStatus(service, &status) == 0)
             return false;
     }

@@ -13,7 +13,8 @@
 /// Collects a worker's log. The text may be read while the worker goes on logging.
 class GuardedGrabber : public VtaCore::CLogGrabber {
 public:
-    GuardedGrabber(wxString &text, wxCriticalSection &toLock) : CLogGrabber(text, false, true), lock(toLock) {}
+    GuardedGrabber(wxString &text, wxCriticalSection &toLock)
+        : CLogGrabber(text, /*passOn=*/false, /*withVerbose=*/true), lock(toLock) {}
 
 protected:
     void DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) override {

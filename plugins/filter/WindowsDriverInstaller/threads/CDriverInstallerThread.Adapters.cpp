@@ -8,21 +8,26 @@
 #include <iphlpapi.h>
 #include <wx/log.h>
 
+#include "NetCfgSession.h"
 #include "WindowsDriverInstaller/adapters/AdapterRecords.h"
-#include "WindowsDriverInstaller/adapters/DeviceClasses.h"
+#include "WindowsDriverInstaller/adapters/NetworkComponents.h"
 #include "WindowsDriverInstaller/adapters/ResizeBlock.h"
 
 namespace {
 
 void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
-    StartStep(GettingAdapterInfo, 10);
-    INetCfg *netCfg = nullptr;
-    IpHelperRecords ipHelper;
-    if (SUCCEEDED(AcquireINetCfg(false, &netCfg)) && ReadIpHelper(ipHelper)) {
-        ReadAdapters(netCfg, ipHelper.get(), adapters);
-        (void)ReleaseINetCfg(false, netCfg);
-    } else {
-        NoteFailedStep();  // a configuration that is open stays unreleased then; that is kept so
+    StartStep(GettingAdapterInfo);
+    {
+        IpHelperRecords ipHelper;
+        NetCfgSession netCfg(*this, NetCfgSession::Access::Read);
+        if (FAILED(netCfg.Result())) {
+            NoteFailedStep();
+        } else if (ReadIpHelper(ipHelper)) {
+            ReadAdapters(netCfg.Get(), ipHelper.get(), adapters);
+        } else {
+            NoteFailedStep();
+            netCfg.LeaveOpen();  // without memory the configuration stays open, and COM with it; agreed behaviour
+        }
     }
     EndStep(GettingAdapterInfo);
 }
@@ -51,22 +56,18 @@ bool CDriverInstallerThread::ReadIpHelper(IpHelperRecords &records) {
 }
 
 void CDriverInstallerThread::ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO *ipHelper, TcpAdapterList &adapters) {
-    const Bindings ip(netCfg, L"ms_tcpip");
-    const Bindings ip6(netCfg, L"ms_tcpip6");
-    const Bindings filter(netCfg, kFilterComponent);
-    ComPtr<IEnumNetCfgComponent> components;
-    if (FAILED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) || !components)
-        return;
+    const ComponentBindings ip(netCfg, L"ms_tcpip");
+    const ComponentBindings ip6(netCfg, L"ms_tcpip6");
+    const ComponentBindings filter(netCfg, kFilterComponent);
     const IpHelperByName recordsByName(ipHelper);
-    ComPtr<INetCfgComponent> component;
-    while (components->Next(1, &component, nullptr) == S_OK && component) {
-        if (std::optional<TcpAdapter> adapter = ReadAdapter(component.Get(), recordsByName)) {
-            adapter->boundToIp = ip.AreTo(component.Get()) || ip6.AreTo(component.Get());
-            adapter->boundToFilter = filter.AreTo(component.Get());
-            adapters.push_back(*std::move(adapter));
-        }
-        component.Reset();
-    }
+    ForEachNetworkComponent(netCfg, [&](INetCfgComponent *component) {
+        std::optional<TcpAdapter> adapter = ReadAdapter(component, recordsByName);
+        if (!adapter)
+            return;
+        adapter->boundToIp = ip.IsBoundTo(component) || ip6.IsBoundTo(component);
+        adapter->boundToFilter = filter.IsBoundTo(component);
+        adapters.push_back(*std::move(adapter));
+    });
 }
 
 }  // namespace

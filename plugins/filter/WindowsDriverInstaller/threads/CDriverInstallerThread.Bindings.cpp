@@ -3,29 +3,24 @@
 
 #include <optional>
 
+#include "NetCfgSession.h"
 #include "WindowsDriverInstaller/adapters/AdapterRecords.h"
 #include "WindowsDriverInstaller/adapters/AdaptersByNode.h"
-#include "WindowsDriverInstaller/adapters/DeviceClasses.h"
+#include "WindowsDriverInstaller/adapters/NetworkComponents.h"
 
 namespace {
 
 bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState) {
     if (enable && adapters == nullptr)
         return false;
-    INetCfg *netCfg = nullptr;
-    if (FAILED(AcquireINetCfg(true, &netCfg)))
+    const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);
+    if (FAILED(netCfg.Result()))
         return false;
-    {
-        const std::optional<AdaptersByNode> byNode =
-            adapters ? std::make_optional<AdaptersByNode>(*adapters) : std::nullopt;
-        ComPtr<IEnumNetCfgComponent> components;
-        if (SUCCEEDED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) && components) {
-            ComPtr<INetCfgComponent> component;
-            for (; components->Next(1, &component, nullptr) == S_OK && component; component.Reset())
-                SetBindingsOf(netCfg, component.Get(), byNode ? &*byNode : nullptr, useIpState);
-        }
-    }
-    (void)ReleaseINetCfg(true, netCfg);
+    const std::optional<AdaptersByNode> byNode =
+        adapters != nullptr ? std::make_optional<AdaptersByNode>(*adapters) : std::nullopt;
+    ForEachNetworkComponent(netCfg.Get(), [&](INetCfgComponent *component) {
+        SetBindingsOf(netCfg.Get(), component, byNode ? &*byNode : nullptr, useIpState);
+    });
     return true;
 }
 
@@ -35,18 +30,17 @@ void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *co
     DWORD characteristics = 0;  // only whether they can be read counts
     TcpAdapter adapter;
     if (FAILED(component->GetCharacteristics(&characteristics)) ||
-        !ReadText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
+        !ReadComponentText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
         return;
-    if (!ReadText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
+    if (!ReadComponentText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
         adapter.displayName = adapter.pnpDevNodeId;
     ComPtr<INetCfgComponentBindings> bindings;
     ComPtr<IEnumNetCfgBindingPath> paths;
     if (FAILED(component->QueryInterface(IID_INetCfgComponentBindings, &bindings)) || !bindings ||
         FAILED(bindings->EnumBindingPaths(EBP_ABOVE, &paths)) || !paths)
         return;
-    ComPtr<INetCfgBindingPath> path;
-    for (; paths->Next(1, &path, nullptr) == S_OK && path; path.Reset())
-        SetBindingsOfPath(netCfg, path.Get(), adapter, adapters, useIpState);
+    ForEachObject<INetCfgBindingPath>(
+        paths.Get(), [&](INetCfgBindingPath *path) { SetBindingsOfPath(netCfg, path, adapter, adapters, useIpState); });
 }
 
 /// Whether the upper end of a binding is the filter driver.
@@ -54,7 +48,7 @@ bool LeadsToFilter(INetCfgBindingInterface *binding) {
     ComPtr<INetCfgComponent> upper;
     wxString id;
     return SUCCEEDED(binding->GetUpperComponent(&upper)) && upper &&
-           ReadText(upper.Get(), &INetCfgComponent::GetId, id) && id == kFilterComponent;
+           ReadComponentText(upper.Get(), &INetCfgComponent::GetId, id) && id == kFilterComponent;
 }
 
 void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
@@ -63,15 +57,14 @@ void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPa
     ComPtr<IEnumNetCfgBindingInterface> interfaces;
     if (FAILED(path->EnumBindingInterfaces(&interfaces)) || !interfaces)
         return;
-    ComPtr<INetCfgBindingInterface> binding;
-    for (; interfaces->Next(1, &binding, nullptr) == S_OK && binding; binding.Reset()) {
-        if (!LeadsToFilter(binding.Get()))
-            continue;
+    ForEachObject<INetCfgBindingInterface>(interfaces.Get(), [&](INetCfgBindingInterface *binding) {
+        if (!LeadsToFilter(binding))
+            return;
         if (NeedsChange(adapter, enabled, adapters, useIpState))
             ToggleBinding(netCfg, path, adapter.displayName, enabled);
         else
             DbgPrint(L"No need to change the bindings of adapter '%s'", Wide(adapter.displayName));
-    }
+    });
 }
 
 bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters,

@@ -4,7 +4,7 @@
 namespace {
 
 bool CDriverInstallerThread::InstallWFPCallout() {
-    StartStep(InstallingWfpCalloutDriver, 300);
+    StartStep(InstallingWfpCalloutDriver);
     const bool result = InstallWFPCalloutWithInstallHinfSection();
     EndStep(InstallingWfpCalloutDriver);
     return result;

@@ -7,6 +7,7 @@
 #include <netcfgn.h>
 #include <wx/log.h>
 
+#include "NetCfgSession.h"
 #include "WindowsDriverInstaller/adapters/DeviceClasses.h"
 #include "WindowsDriverInstaller/reports/FailureReport.h"
 #include "common/RequireObject.h"
@@ -15,6 +16,8 @@
 namespace {
 
 constexpr int kMaxInstallAttempts = 3;
+/// For whoever still has the old service open.
+constexpr unsigned long kMarkedForDeletePauseMs = 5'000;
 
 HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
     DbgPrint(L"Trying to install '%ls'...", kFilterComponent);
@@ -25,20 +28,18 @@ HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
     HRESULT hr = CopyInfFiles(directory);
     if (hr != S_OK)
         return hr;
-    INetCfg *netCfg = nullptr;
-    hr = AcquireINetCfg(true, &netCfg);
-    if (FAILED(hr)) {
-        NoteFailedStep();
-        return hr;
+    {
+        const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);
+        hr = netCfg.Result();
+        if (SUCCEEDED(hr)) {
+            const HRESULT installed = InstallOnThisSystem(netCfg.Get(), directory);
+            hr = installed;
+            if (SUCCEEDED(installed))
+                hr = CallInStep(ApplyingInetCfgChanges, L"INetCfg::Apply", [&netCfg] { return netCfg.Get()->Apply(); });
+            if (hr == S_OK && installed == NETCFG_S_REBOOT)
+                hr = installed;  // the reboot request is kept even if Apply succeeds
+        }
     }
-    const HRESULT installed = InstallOnThisSystem(netCfg, directory);
-    hr = installed;
-    if (SUCCEEDED(installed)) {
-        hr = CallInStep(ApplyingInetCfgChanges, 300, L"INetCfg::Apply", [netCfg] { return netCfg->Apply(); });
-        if (hr == S_OK && installed == NETCFG_S_REBOOT)
-            hr = installed;  // that the changes could be applied doesn't take back the wish for a reboot
-    }
-    (void)ReleaseINetCfg(true, netCfg);
     if (FAILED(hr))
         NoteFailedStep();
     return hr;
@@ -76,7 +77,7 @@ HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const w
 }
 
 HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
-    StartStep(GettingINetCfgClassSetup, 10);
+    StartStep(GettingINetCfgClassSetup);
     ComPtr<INetCfgClassSetup> classSetup;
     HRESULT hr = netCfg->QueryNetCfgClass(&GUID_DEVCLASS_NETSERVICE, IID_INetCfgClassSetup, &classSetup);
     hr = RequireObject(hr, classSetup);
@@ -97,19 +98,19 @@ HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
         if (attempt == 1)  // only the first failure is reported
             AgentEventLog_(*dom, static_cast<unsigned long>(hr), kSystemFailureEvent, L"INetCfgClassSetup::Install()");
         if (isMarkedForDelete())  // behind the last attempt, too
-            wxThread::Sleep(5'000);
+            wxThread::Sleep(kMarkedForDeletePauseMs);
     }
     if (isMarkedForDelete())
         rebootRequired = true;
     return hr;
 }
 
-/// Only S_OK ends the attempts: a wish for a reboot counts as a failure here.
+/// Only S_OK ends the attempts: a reboot request counts as a failure here.
 HRESULT CDriverInstallerThread::AttemptInstall(INetCfgClassSetup *classSetup, int attempt) {
     OBO_TOKEN token = {};
     token.Type = OBO_USER;
     DbgPrint(L"Attempt #%d at installing %ls", attempt, kFilterComponent);
-    StartStep(InstallingDriver, 600);
+    StartStep(InstallingDriver);
     ComPtr<INetCfgComponent> component;
     const HRESULT hr =
         classSetup->Install(kFilterComponent, &token, NSF_POSTSYSINSTALL, 0, nullptr, nullptr, &component);

@@ -23,7 +23,7 @@ constexpr std::size_t kCopiedInfFiles = 3;
 
 /// Copies each of the INF files that is there.
 HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
-    StartStep(CopyingInfFiles, 600);
+    StartStep(CopyingInfFiles);
     HRESULT hr = S_OK;
     for (std::size_t i = 0; i < kCopiedInfFiles; ++i) {
         const wchar_t *const inf = kInfFiles[i];

@@ -30,7 +30,7 @@ void CDriverInstallerThread::Run() {
         if (succeeded && !rebootRequired)
             WaitForDriverToUnload();
     }
-    // A wish for a reboot leaves the new driver to the installation after it; the removal's result stands then.
+    // With a reboot request the new driver is left to the installation after the reboot; the removal's result stands.
     if (installNeeded && succeeded && !rebootRequired) {
         succeeded = InstallDriver();
         WriteServiceValues();
@@ -40,9 +40,11 @@ void CDriverInstallerThread::Run() {
 
 /// For half a minute at most. Nothing follows from a driver that is still there then.
 void CDriverInstallerThread::WaitForDriverToUnload() {
-    StartStep(EnsuringDriverUnloaded, 60);
-    for (int pass = 0; pass < 60; ++pass) {
-        wxThread::Sleep(500);
+    StartStep(EnsuringDriverUnloaded);
+    constexpr int maxPolls = 60;
+    constexpr unsigned long pollMs = 500;
+    for (int poll = 0; poll < maxPolls; ++poll) {
+        wxThread::Sleep(pollMs);
         DriverVersion version;
         if (!GetDriverVersion(*dom, version))
             break;
@@ -72,7 +74,7 @@ bool CDriverInstallerThread::InstallDriver() {
     // The filter driver is installed also without a callout that works.
     if (!InstallWFPCallout())
         wxLogError("InstallWFPCallout() failed.");
-    else if (!StartWFPCallout(true))
+    else if (!StartWFPCallout(/*wait=*/true))
         wxLogError("StartWFPCallout() failed.");
     DbgPrint(L"Checking if %ls is installed.", kFilterComponent);
     if (IsFilterComponentPresent() == S_FALSE) {

@@ -18,7 +18,7 @@ void CDriverInstallerThread::UnbindUnsuitableAdapters() {
     GetTcpAdapters(adapters);
     const TcpAdapterList toUnbind = UnsuitableAmong(adapters, lookForDuplicates);
     if (!toUnbind.empty())
-        (void)SetFilterBindings(false, &toUnbind, false);
+        (void)RestoreBindings(toUnbind);
 }
 
 /// @return copies that say unbound.

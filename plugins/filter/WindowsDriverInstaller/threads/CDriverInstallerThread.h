@@ -18,6 +18,9 @@
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
+/// Between two changes of the bindings.
+constexpr unsigned long kRebindPauseMs = 1'000;
+
 /// A chain of adapters as IP Helper tells them.
 using IpHelperRecords = Block<IP_ADAPTER_INFO>;
 
@@ -47,11 +50,17 @@ public:
     /// @param useIpState  the record's `boundToIp` counts, otherwise its `boundToFilter`.
     /// @return false for `enable` without a list, and when the network configuration can't be opened.
     bool SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState);
+    // The three ways in which it is called; the results are the same.
+    bool UnbindAll() { return SetFilterBindings(false, nullptr, false); }
+    /// Binds the filter to each adapter whose record says so, and unbinds it from the others of the list.
+    bool RestoreBindings(const TcpAdapterList &adapters) { return SetFilterBindings(false, &adapters, false); }
+    /// Binds the filter to each adapter whose record says that IP is bound, and unbinds it from the others of the list.
+    bool BindWhereIpWas(const TcpAdapterList &adapters) { return SetFilterBindings(true, &adapters, true); }
     /// Unbinds adapters without TCP/IP and, on older servers, physical ones that share their MAC with another.
     void UnbindUnsuitableAdapters();
 
     /// Keeps the log for as long as the object lives.
-    void Keep(std::unique_ptr<GrabbedLog> log) { keptLog = std::move(log); }
+    void KeepLog(std::unique_ptr<GrabbedLog> log) { keptLog = std::move(log); }
 
 protected:
     void Run() override;

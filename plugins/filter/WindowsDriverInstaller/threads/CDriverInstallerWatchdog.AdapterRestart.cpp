@@ -12,18 +12,21 @@
 
 namespace {
 
+/// How long the adapters stay disabled.
+constexpr unsigned long kDisabledMs = 2'000;
+
 void CDriverInstallerWatchdog::RestartAdapters(const TcpAdapterList &adapters) {
     installerThread->DbgPrint(L"Network still doesn't appear healthy - enabling & disabling adapters bound to %ls",
                               kFilterComponent);
-    bool useIp = false;
-    if (!EnableOrDisableAdapters(adapters, false, false)) {
-        useIp = true;
+    BoundTo boundTo = BoundTo::Filter;
+    if (!DisableAdapters(adapters, boundTo)) {
+        boundTo = BoundTo::Ip;
         installerThread->DbgPrint(L"No adapters are bound to %ls - enabling and disabling adapters bound to IP",
                                   kFilterComponent);
-        (void)EnableOrDisableAdapters(adapters, false, true);
+        (void)DisableAdapters(adapters, boundTo);
     }
-    wxThread::Sleep(2'000);
-    (void)EnableOrDisableAdapters(adapters, true, useIp);
+    wxThread::Sleep(kDisabledMs);
+    (void)EnableAdapters(adapters, boundTo);
 }
 
 bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &adapters, bool enable, bool useIpState) {
@@ -43,7 +46,7 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         if (SetupDiGetDeviceInstanceIdW(devices.get(), &device, instanceId.data(), instanceId.size(), nullptr) == 0)
             continue;
         for (const auto &[place, adapter] :
-             byDevice.Of(instanceId.data())) {  // a device of two records is acted on twice
+             byDevice.OfDevice(instanceId.data())) {  // a device of two records is acted on twice
             installerThread->DbgPrint(L"%s adapter '%.64ls'", enable ? L"Enabling" : L"Disabling",
                                       Wide(adapter->displayName));
             acted = ChangeDevice(devices.get(), device, enable) || acted;

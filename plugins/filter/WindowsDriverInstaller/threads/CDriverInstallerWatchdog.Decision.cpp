@@ -9,6 +9,7 @@
 #include <shlobj.h>
 
 #include "DestroyOnceEnded.h"
+#include "StartThread.h"
 #include "WindowsDriverInstaller/NdisTrace.h"
 #include "WindowsDriverInstaller/reports/FailureReport.h"
 #include "WindowsDriverInstaller/reports/InstallEvents.h"
@@ -18,7 +19,7 @@ namespace {
 
 CDriverInstallerWatchdog::CDriverInstallerWatchdog(VtaCore::CDom *toDom, std::shared_ptr<InstallStatus> status,
                                                    const wxString &ndisDriverDir, const wxString &wfpDriverDir)
-    : CRunnable(false, -1, true),
+    : CRunnable(/*suspended=*/false, kAnyProcessor, /*detached=*/true),
       installerStatus(std::move(status)),
       ndisDriverFile(ndisDriverDir, "qbimvta", "sys"),
       wfpDriverFile(wfpDriverDir, "qbimwfp", "sys"),
@@ -42,7 +43,7 @@ void CDriverInstallerWatchdog::Run() {
 }
 
 /// One number for comparisons. A component of 0x8000 or more fills the bits above it with ones; that is meant so.
-std::int64_t Packed(const DriverVersion &version) {
+std::int64_t PackVersion(const DriverVersion &version) {
     auto packed = std::uint64_t{0};
     for (const unsigned short component : {version.major, version.minor, version.build, version.revision})
         packed = (packed << 16) | static_cast<std::uint64_t>(std::int64_t{static_cast<std::int16_t>(component)});
@@ -50,6 +51,7 @@ std::int64_t Packed(const DriverVersion &version) {
 }
 
 bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
+    const TraceSite site(kNdisTrace);
     bool isLoadTest = false;
     if (dom->Get("vta.mode.loadtest", isLoadTest); isLoadTest)
         return true;
@@ -57,7 +59,7 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     if (!GetBundledDriverVersion())
         return true;  // nothing to install
     if (GetInstalledDriverVersion())
-        DecideByVersions(kNdisTrace);
+        DecideByVersions(site);
     else
         installNeeded = true;
     if (!installNeeded && !upgradeNeeded) {
@@ -68,15 +70,15 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     if (!installNeeded && !upgradeNeeded)
         return true;
     Heartbeat();
-    return InstallWithWorker(kNdisTrace);
+    return InstallWithWorker(site);
 }
 
 void CDriverInstallerWatchdog::DecideByVersions(const TraceSite &site) {
     Trace(site, "Installed driver is %d.%d.%d.%d, our copy is %d.%d.%d.%d", installedVersion.major,
           installedVersion.minor, installedVersion.build, installedVersion.revision, ourVersion.major, ourVersion.minor,
           ourVersion.build, ourVersion.revision);
-    const std::int64_t installed = Packed(installedVersion);
-    const std::int64_t ours = Packed(ourVersion);
+    const std::int64_t installed = PackVersion(installedVersion);
+    const std::int64_t ours = PackVersion(ourVersion);
     if (installed < ours) {
         installNeeded = upgradeNeeded = true;
         dom->DoAgentEventWrite(kUpgradeEvent, L"%d.%d.%d.%d|%d.%d.%d.%d", installedVersion.major,

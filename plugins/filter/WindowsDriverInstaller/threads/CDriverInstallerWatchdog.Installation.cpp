@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "StartThread.h"
 #include "WatchAndKill.h"
 #include "WindowsDriverInstaller/NdisTrace.h"
 #include "WindowsDriverInstaller/drivers/InterruptWorkaround.h"
@@ -30,7 +31,7 @@ bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
         installLog = log->WholeText();
     } else {
         installLog = log->TextSoFar();
-        installerThread->Keep(std::move(log));
+        installerThread->KeepLog(std::move(log));
     }
     log.reset();
     installLog += extraLog;
@@ -68,8 +69,9 @@ void CDriverInstallerWatchdog::ReportOutcome(bool succeeded, unsigned failedStep
 
 bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     installerThread->GetTcpAdapters(adaptersBefore);
-    StartOrKill(*installerThread, false);
-    wxThread::Sleep(100);
+    if (!StartMade(*installerThread))
+        KillUnstarted(*installerThread);
+    wxThread::Sleep(kThreadStartMs);
     Heartbeat();
     const bool succeeded = WatchWorker(failedStep);
     if (upgradeNeeded) {
@@ -78,7 +80,7 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
             return false;
         installerThread->DbgPrint(L"Restoring network bindings.");
         Heartbeat();
-        (void)installerThread->SetFilterBindings(false, &adaptersBefore, false);
+        (void)installerThread->RestoreBindings(adaptersBefore);
     } else {
         Heartbeat();
         installerThread->UnbindUnsuitableAdapters();  // whatever became of the attempt
@@ -109,11 +111,11 @@ void CDriverInstallerWatchdog::RebindIfStale() {
         L"unbind/bind to see if that fixes it.");
     TcpAdapterList adapters;
     installerThread->GetTcpAdapters(adapters);
-    (void)installerThread->SetFilterBindings(false, nullptr, false);
-    wxThread::Sleep(1'000);
+    (void)installerThread->UnbindAll();
+    wxThread::Sleep(kRebindPauseMs);
     Heartbeat();
-    (void)installerThread->SetFilterBindings(true, &adapters, false);
-    wxThread::Sleep(1'000);
+    (void)installerThread->RestoreBindings(adapters);
+    wxThread::Sleep(kRebindPauseMs);
     Heartbeat();
     // One-sided, which is meant so: an answer counts as stale whatever it says.
     if (!GetDriverVersion(*dom, running) && running == ourVersion)

@@ -14,6 +14,11 @@
 
 namespace {
 
+/// For a network that has just been changed.
+constexpr unsigned long kSettlingMs = 2'000;
+constexpr int kHealthPolls = 3;
+constexpr unsigned long kHealthPollMs = 2'000;
+
 bool CDriverInstallerWatchdog::IsNetworkAsBefore(const TraceSite &site) {
     const bool someOnline = std::any_of(adaptersBefore.begin(), adaptersBefore.end(), [](const TcpAdapter &adapter) {
         return adapter.mediaConnectStatus == kMediaConnected;
@@ -24,31 +29,32 @@ bool CDriverInstallerWatchdog::IsNetworkAsBefore(const TraceSite &site) {
               "the network status.");
         return true;
     }
-    wxThread::Sleep(2'000);
+    wxThread::Sleep(kSettlingMs);
     return CheckNetworkHealth(upgradeNeeded);
 }
 
 bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
+    const TraceSite site(kNdisTrace);
     Heartbeat();
     ClearArpCache();
     Heartbeat();
     TcpAdapterList stillUnhealthy = adaptersBefore;
     TcpAdapterList currentAdapters;
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters, kNdisTrace))
+    if (AwaitHealth(stillUnhealthy, currentAdapters, site))
         return true;
     RebindFilter(stillUnhealthy, upgraded);
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters, kNdisTrace))
+    if (AwaitHealth(stillUnhealthy, currentAdapters, site))
         return true;
     RestartAdapters(currentAdapters);
-    return false;  // what came of the second cure is not looked at
+    return false;  // whether the restart has helped is not checked
 }
 
 bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
                                            const TraceSite &site) {
-    for (int look = 0; look < 3; ++look) {
-        wxThread::Sleep(2'000);
+    for (int poll = 0; poll < kHealthPolls; ++poll) {
+        wxThread::Sleep(kHealthPollMs);
         GenerateOutgoingTraffic();
         currentAdapters.clear();
         {
@@ -63,7 +69,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
-        // An adapter that was healthy once is not judged again.
+        // An adapter that was healthy once is not checked again.
         std::set<wxString> unhealthyNames;
         for (const TcpAdapter &now : currentAdapters)
             unhealthyNames.insert(now.bindName);
@@ -77,10 +83,13 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
 /// After an upgrade the recorded binding is put back, after a fresh installation the filter goes where IP was.
 void CDriverInstallerWatchdog::RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded) {
     installerThread->DbgPrint(L"Network doesn't appear healthy - unbinding & rebinding %ls", kFilterComponent);
-    if (!installerThread->SetFilterBindings(false, &stillUnhealthy, false))
+    if (!installerThread->RestoreBindings(stillUnhealthy))
         return;
-    wxThread::Sleep(1'000);
-    (void)installerThread->SetFilterBindings(true, &stillUnhealthy, !upgraded);
+    wxThread::Sleep(kRebindPauseMs);
+    if (upgraded)
+        (void)installerThread->RestoreBindings(stillUnhealthy);
+    else
+        (void)installerThread->BindWhereIpWas(stillUnhealthy);
 }
 
 }  // namespace

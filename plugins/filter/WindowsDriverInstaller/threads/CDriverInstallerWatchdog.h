@@ -53,12 +53,21 @@ private:
 
     /// Repairs the network if an adapter got worse. @return true when it is taken to be healthy.
     bool CheckNetworkHealth(bool upgraded);
-    /// @return whether all adapters are healthy within three looks.
+    /// @return whether all adapters are healthy within three polls.
     bool AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
     void RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded);
     void RestartAdapters(const TcpAdapterList &adapters);
     void ClearArpCache();
     void GenerateOutgoingTraffic();
+    /// What decides which adapters are restarted.
+    enum class BoundTo { Filter, Ip };
+    // @return whether there was one.
+    bool EnableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
+        return EnableOrDisableAdapters(adapters, true, boundTo == BoundTo::Ip);
+    }
+    bool DisableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
+        return EnableOrDisableAdapters(adapters, false, boundTo == BoundTo::Ip);
+    }
     /// @param useIpState  acts on adapters that are bound to IP, otherwise on those that are bound to the filter.
     /// @return whether there was one.
     bool EnableOrDisableAdapters(const TcpAdapterList &adapters, bool enable, bool useIpState);

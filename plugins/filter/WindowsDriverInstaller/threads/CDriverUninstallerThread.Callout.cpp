@@ -17,14 +17,14 @@ using InstallHinfSection = void(WINAPI *)(HWND window, HINSTANCE instance, PCWST
 
 /// No failure in here stops the removal or shows in its result.
 void CDriverUninstallerThread::RemoveWfpCallout() {
-    if (!StopWFPCallout(true))
+    if (!StopWFPCallout(/*wait=*/true))
         wxLogError("StopWFPCallout() failed.");
     else if (!UninstallWFPCallout())
         wxLogError("UninstallWFPCallout() failed.");
 }
 
 bool CDriverUninstallerThread::UninstallWFPCallout() {
-    StartStep(UninstallingWfpCalloutDriver, 300);
+    StartStep(UninstallingWfpCalloutDriver);
     bool result = UninstallWFPCalloutWithInstallHinfSection();
     // Without its INF file the service is left alone, too.
     if (result && IsWfpServiceInstalled())
@@ -48,7 +48,7 @@ bool CDriverUninstallerThread::RunWfpInfSection(const wxString &commandStart) {
     wxLogVerbose("InstallHinfSectionW: executing, cmd = %s.", command);
     const SetupLibrary setup;
     InstallHinfSection installHinfSection = nullptr;
-    setup.Find("InstallHinfSectionW", installHinfSection);
+    setup.FindFunction("InstallHinfSectionW", installHinfSection);
     DbgPrint(L"InstallHinfSectionW() is at address 0x%p", reinterpret_cast<void *>(installHinfSection));
     if (installHinfSection == nullptr)
         return false;

@@ -16,7 +16,7 @@ namespace {
 using UniqueSearch = Unique<HANDLE, FindClose>;
 
 HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOemInf) {
-    StartStep(RemovingInfFiles, 300);
+    StartStep(RemovingInfFiles);
     InfFolders folders;
     HRESULT status = FindInfFolders(folders);
     WIN32_FIND_DATAW found = {};

@@ -27,7 +27,7 @@ HRESULT CDriverUninstallerThread::AcquireINetCfg(bool writeLock, INetCfg **resul
         ReportFailure(static_cast<unsigned long>(hr), L"CoInitializeEx");
         return hr;
     }
-    StartStep(GettingInetCfg, 10);
+    StartStep(GettingInetCfg);
     hr = OpenINetCfg(writeLock, result);
     if (FAILED(hr)) {
         CoUninitialize();
@@ -69,7 +69,7 @@ void CDriverUninstallerThread::ReleaseWriteLock(INetCfgLock *lock) {
 }
 
 HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result) {
-    StartStep(GettingNetworkConfigLock, 30);
+    StartStep(GettingNetworkConfigLock);
     ComPtr<INetCfgLock> lock;
     HRESULT hr = netCfg->QueryInterface(IID_INetCfgLock, &lock);
     hr = RequireObject(hr, lock);
@@ -104,7 +104,7 @@ HRESULT CDriverUninstallerThread::TakeWriteLock(INetCfgLock *lock) {
 }
 
 HRESULT CDriverUninstallerThread::ReleaseINetCfg(bool writeLock, INetCfg *netCfg) {
-    StartStep(ReleasingInetCfg, 10);
+    StartStep(ReleasingInetCfg);
     HRESULT hr = netCfg->Uninitialize();
     if (FAILED(hr))
         ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");  // the lock stays then
@@ -126,7 +126,7 @@ HRESULT CDriverUninstallerThread::ReleaseWriteLock(INetCfg *netCfg) {
         ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::QueryInterface(IID_INetCfgLock)");
         return hr;
     }
-    return CallInStep(ReleasingNetworkConfigLock, 10, L"INetCfgLock::ReleaseWriteLock",
+    return CallInStep(ReleasingNetworkConfigLock, L"INetCfgLock::ReleaseWriteLock",
                       [&lock] { return lock->ReleaseWriteLock(); });
 }
 

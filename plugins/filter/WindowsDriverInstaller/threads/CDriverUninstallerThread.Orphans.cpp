@@ -24,7 +24,7 @@ bool KeyExists(const wchar_t *path) {
 
 HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     constexpr int maxAttempts = 4;
-    StartStep(CleaningUpOrphans, 180);
+    StartStep(CleaningUpOrphans);
     int attempts = 0;
     HRESULT hr = S_OK;
     while (attempts < maxAttempts && !OrphanScanIsClean(*dom)) {

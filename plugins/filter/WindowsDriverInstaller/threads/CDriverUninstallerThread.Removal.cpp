@@ -1,6 +1,7 @@
 // The removal of the drivers. Compiled as a part of WindowsDriverInstaller.cpp.
 #include "CDriverUninstallerThread.h"
 
+#include "NetCfgSession.h"
 #include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
 #include "WindowsDriverInstaller/cleanup/SetupLibrary.h"
 #include "WindowsDriverInstaller/drivers/ServiceControl.h"
@@ -18,7 +19,7 @@ bool CDriverUninstallerThread::UninstallDriver() {
     DbgPrint(L"UninstallDriver running.");
     const SetupLibrary setup;
     UninstallOemInf uninstallOemInf = nullptr;
-    setup.Find("SetupUninstallOEMInfW", uninstallOemInf);
+    setup.FindFunction("SetupUninstallOEMInfW", uninstallOemInf);
     DbgPrint(L"SetupUninstallOEMInfW() is at address 0x%p", reinterpret_cast<void *>(uninstallOemInf));
     RemoveHealthCheckFiles();
     if (IsWfpServiceInstalled())
@@ -28,7 +29,7 @@ bool CDriverUninstallerThread::UninstallDriver() {
     HRESULT hr = UninstallComponent(kFilterComponent, &notInstalled);
     if (notInstalled)
         hr = UninstallComponent(kLegacyComponent, &notInstalled);
-    // A wish for a reboot is lost here; that is accepted.
+    // A reboot request of DeInstall is replaced by the result of this; that is accepted.
     if (SUCCEEDED(hr))
         hr = RemoveOemInfFiles(uninstallOemInf);
     DbgPrint(L"Checking if %ls is still installed", kFilterComponent);
@@ -45,13 +46,12 @@ bool CDriverUninstallerThread::UninstallDriver() {
 HRESULT CDriverUninstallerThread::UninstallComponent(const wchar_t *componentId, bool *notInstalled) {
     *notInstalled = false;
     DbgPrint(L"Trying to uninstall '%ls'...", componentId);
-    INetCfg *netCfg = nullptr;
-    HRESULT hr = AcquireINetCfg(true, &netCfg);
-    if (FAILED(hr))
-        return hr;
-    hr = RemoveComponent(netCfg, componentId);
+    const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);
+    if (FAILED(netCfg.Result()))
+        return netCfg.Result();
+    HRESULT hr = RemoveComponent(netCfg.Get(), componentId);
     if (hr == S_OK) {
-        hr = CallInStep(ApplyingInetCfgChanges, 300, L"INetCfg::Apply", [netCfg] { return netCfg->Apply(); });
+        hr = CallInStep(ApplyingInetCfgChanges, L"INetCfg::Apply", [&netCfg] { return netCfg.Get()->Apply(); });
     } else if (hr == S_FALSE) {
         DbgPrint(L"'%ls' is not installed", componentId);
         *notInstalled = true;
@@ -59,7 +59,6 @@ HRESULT CDriverUninstallerThread::UninstallComponent(const wchar_t *componentId,
     } else if (hr != NETCFG_S_REBOOT) {  // which leaves the rest to the boot: nothing is applied
         NoteFailedStep();
     }
-    (void)ReleaseINetCfg(true, netCfg);
     return hr;
 }
 
@@ -68,7 +67,7 @@ HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t
     token.Type = OBO_USER;
 
     ComPtr<INetCfgComponent> component;
-    StartStep(FindingComponent, 15);
+    StartStep(FindingComponent);
     HRESULT hr = netCfg->FindComponent(componentId, &component);  // the one failure that the caller notes
     if (hr == S_OK)
         hr = RequireObject(hr, component);
@@ -79,40 +78,40 @@ HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t
         return hr;
 
     GUID classGuid = {};
-    hr = CallInStep(GettingClassGUID, 10, L"INetCfgComponent::GetClassGuid",
+    hr = CallInStep(GettingClassGUID, L"INetCfgComponent::GetClassGuid",
                     [&] { return component->GetClassGuid(&classGuid); });
     if (FAILED(hr))
         return hr;
     ComPtr<INetCfgClass> netClass;
-    hr = CallInStep(GettingINetCfgClass, 10, L"INetCfg::QueryNetCfgClass", [&] {
+    hr = CallInStep(GettingINetCfgClass, L"INetCfg::QueryNetCfgClass", [&] {
         const HRESULT queried = netCfg->QueryNetCfgClass(&classGuid, IID_INetCfgClass, &netClass);
         return RequireObject(queried, netClass);
     });
     if (FAILED(hr))
         return hr;
     ComPtr<INetCfgClassSetup> classSetup;
-    hr = CallInStep(GettingINetCfgClassSetup, 10, L"INetCfgClass::QueryInterface(IID_INetCfgClassSetup)", [&] {
+    hr = CallInStep(GettingINetCfgClassSetup, L"INetCfgClass::QueryInterface(IID_INetCfgClassSetup)", [&] {
         const HRESULT queried = netClass->QueryInterface(IID_INetCfgClassSetup, &classSetup);
         return RequireObject(queried, classSetup);
     });
     if (FAILED(hr))
         return hr;
-    return CallInStep(UninstallingDriver, 600, L"INetCfgClassSetup::DeInstall",
+    return CallInStep(UninstallingDriver, L"INetCfgClassSetup::DeInstall",
                       [&] { return classSetup->DeInstall(component.Get(), &token, nullptr); });
 }
 
 HRESULT CDriverUninstallerThread::IsFilterComponentPresent() {
-    StartStep(CheckingIfStillInstalled, 60);
-    INetCfg *netCfg = nullptr;
-    HRESULT hr = AcquireINetCfg(false, &netCfg);
-    if (hr == S_OK) {
-        {
+    StartStep(CheckingIfStillInstalled);
+    HRESULT hr = S_OK;
+    {
+        const NetCfgSession netCfg(*this, NetCfgSession::Access::Read);
+        hr = netCfg.Result();
+        if (hr == S_OK) {
             ComPtr<INetCfgComponent> component;
-            hr = netCfg->FindComponent(kFilterComponent, &component);
+            hr = netCfg.Get()->FindComponent(kFilterComponent, &component);
+            if (FAILED(hr))
+                ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
         }
-        if (FAILED(hr))
-            ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
-        (void)ReleaseINetCfg(false, netCfg);
     }
     EndStep(CheckingIfStillInstalled);
     return hr;

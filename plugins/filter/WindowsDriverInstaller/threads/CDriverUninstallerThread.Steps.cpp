@@ -5,18 +5,19 @@
 
 #include <wx/log.h>
 
+#include "StartThread.h"
 #include "WindowsDriverInstaller/reports/FailureReport.h"
 
 namespace {
 
 CDriverUninstallerThread::CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
                                                    const wxString &toWfpDriverDir)
-    : CRunnable(false, -1, false),
+    : CRunnable(/*suspended=*/false, kAnyProcessor, /*detached=*/false),
       dom(toDom),
       stepFinished(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
       ndisDriverDir(toNdisDriverDir.Clone()),
       wfpDriverDir(toWfpDriverDir.Clone()) {
-    CDriverUninstallerThread::StartStep(ThreadRunning, 3600);
+    StartStep(ThreadRunning);
 }
 
 void CDriverUninstallerThread::OnExit() {

@@ -10,6 +10,7 @@ namespace {
 bool CDriverUninstallerThread::WaitForStepToFinish() {
     // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
     constexpr DWORD pollMs = 1'000;
+    constexpr unsigned long emptyStackPauseMs = 100;
     waitFailed = false;
     const StepRecord *watched = nullptr;
     for (;;) {
@@ -17,7 +18,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
         {
             const wxCriticalSectionLocker lock(stepLock);
             if (stepStack.empty()) {
-                wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
+                wxThread::Sleep(emptyStackPauseMs);  // with the lock held: the worker's next step waits it out
                 return true;
             }
             const StepRecord *const top = stepStack.back().get();

@@ -42,6 +42,8 @@ const wchar_t *Wide(const wxString &text) {
 /// setupapi's SetupUninstallOEMInfW, which not every system has.
 using UninstallOemInf = BOOL(WINAPI *)(PCWSTR fileName, DWORD flags, PVOID reserved);
 
+class NetCfgSession;
+
 /// Two threads meet here: the worker, which runs the steps, and the watcher, which calls WaitForStepToFinish in a loop
 /// and kills the worker when a step overruns. A killed worker leaves what it held: COM objects, the write lock of the
 /// network configuration, libraries.
@@ -82,6 +84,8 @@ protected:
     /// @param format  begins with the indentation.
     virtual void DbgPrintV(const wchar_t *format, va_list arguments);
 
+    /// Begins a step with the limit of the table.
+    void StartStep(InstallerStep step) { StartStep(step, StepLimitSeconds(step)); }
     void StartStep(std::uint32_t step, std::uint32_t limitSeconds);
     /// Ends the step on top, whichever that is; a warning is logged if it is not `step`.
     void EndStep(std::uint32_t step);
@@ -92,7 +96,7 @@ protected:
     void ReportFailure(unsigned long error, const wchar_t *call);
     /// A call in a step of its own; a failure is reported and noted. @return its result.
     template <typename Call>
-    HRESULT CallInStep(std::uint32_t step, std::uint32_t limitSeconds, const wchar_t *name, Call call);
+    HRESULT CallInStep(InstallerStep step, const wchar_t *name, Call call);
 
     /// Opens the network configuration, and COM on this thread. A success is matched by ReleaseINetCfg.
     /// @param writeLock  take its write lock, too; a foreign holder is named to the user.
@@ -143,6 +147,8 @@ protected:
     wxString wfpDriverDir;
 
 private:
+    friend class NetCfgSession;
+
     /// Of a stack that is not empty, with its lock held. @return milliseconds until the limit of the step on top.
     DWORD RestOfTopStep() const;
     bool HasTopStepOverrun();
@@ -165,9 +171,8 @@ private:
 };
 
 template <typename Call>
-HRESULT CDriverUninstallerThread::CallInStep(std::uint32_t step, std::uint32_t limitSeconds, const wchar_t *name,
-                                             Call call) {
-    StartStep(step, limitSeconds);
+HRESULT CDriverUninstallerThread::CallInStep(InstallerStep step, const wchar_t *name, Call call) {
+    StartStep(step);
     const HRESULT hr = call();
     if (FAILED(hr)) {
         ReportFailure(static_cast<unsigned long>(hr), name);

@@ -1,4 +1,4 @@
-// The steps of the driver threads: their ids, and the names that logs and events give them.
+// The steps of the driver threads. Their one table, with names and limits, is in Steps.cpp.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +32,9 @@ enum InstallerStep : std::uint32_t {
 
 /// The name of a step, "<UnknownStep>" for an id that is none.
 const wchar_t *StepName(std::uint32_t step);
+
+/// How many seconds the step may take. 0 for the two that are never started, and for an id that is none.
+std::uint32_t StepLimitSeconds(std::uint32_t step);
 
 /// Whether the step leaves no line in the log. Its limit is watched like any other's.
 bool IsSilentStep(std::uint32_t step);

@@ -16,9 +16,8 @@
 
 namespace {
 
-/// Starts a driver thread; one that was made but could not be started is killed.
-/// @param create  whether the thread has to be made, too.
-void StartOrKill(CDriverUninstallerThread &thread, bool create);
+/// Kills a driver thread that was made and could not be started.
+void KillUnstarted(CDriverUninstallerThread &thread);
 
 /// Follows the worker from step to step, and kills it if one overruns.
 /// @param heartbeat  called before each wait for a step.

@@ -1,0 +1,24 @@
+// Walks through the objects of the network configuration.
+#pragma once
+
+#include <windows.h>
+#include <netcfgx.h>
+#include <wrl/client.h>
+
+#include "DeviceClasses.h"
+
+/// Calls `action` with each object of an enumeration. The first that can't be had ends it.
+template <typename Object, typename Enumeration, typename Action>
+void ForEachObject(Enumeration *enumeration, Action action) {
+    Microsoft::WRL::ComPtr<Object> object;
+    for (; enumeration->Next(1, &object, nullptr) == S_OK && object; object.Reset())
+        action(object.Get());
+}
+
+/// The same with each component of the class of network adapters.
+template <typename Action>
+void ForEachNetworkComponent(INetCfg *netCfg, Action action) {
+    Microsoft::WRL::ComPtr<IEnumNetCfgComponent> components;
+    if (SUCCEEDED(netCfg->EnumComponents(&GUID_DEVCLASS_NET, &components)) && components)
+        ForEachObject<INetCfgComponent>(components.Get(), action);
+}
