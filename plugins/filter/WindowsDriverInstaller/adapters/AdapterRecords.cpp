@@ -20,7 +20,7 @@ std::uint32_t AddressFromIpHelper(const IP_ADDR_STRING &entry) {
     return address == 0 ? kNoAddress : address;
 }
 
-void TakeIpHelperFields(const IpHelperByName &records, TcpAdapter &adapter) {
+void FillFromIpHelper(const IpHelperByName &records, TcpAdapter &adapter) {
     const IP_ADAPTER_INFO *const record = records.Find(adapter.bindName);
     if (record == nullptr)
         return;
@@ -51,7 +51,7 @@ std::uint64_t ReadFramesReceived(const UniqueHandle &device) {
     return QueryNdis(device, OID_GEN_RCV_OK, &fewer, sizeof(fewer)) == sizeof(fewer) ? fewer : 0;
 }
 
-void TakeNdisFields(TcpAdapter &adapter) {
+void FillFromNdis(TcpAdapter &adapter) {
     const wxString path = "\\\\.\\" + adapter.bindName;
     const UniqueHandle device(
         ValidHandle(CreateFileW(path.wc_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr)));
@@ -96,8 +96,8 @@ std::optional<TcpAdapter> ReadAdapter(INetCfgComponent *component, const IpHelpe
     (void)ReadComponentText(component, &INetCfgComponent::GetId, adapter.componentId);
     if (!ReadComponentText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
         adapter.displayName = adapter.pnpDevNodeId;
-    TakeIpHelperFields(ipHelper, adapter);
+    FillFromIpHelper(ipHelper, adapter);
     if (!adapter.bindName.empty())
-        TakeNdisFields(adapter);
+        FillFromNdis(adapter);
     return adapter;
 }

@@ -8,7 +8,7 @@
 
 #include "vta_core.h"
 
-bool LooksForDuplicates() {
+bool MustUnbindDuplicates() {
     OSVERSIONINFOEXW wanted = {};
     wanted.dwOSVersionInfoSize = sizeof(wanted);
     wanted.wProductType = VER_NT_WORKSTATION;

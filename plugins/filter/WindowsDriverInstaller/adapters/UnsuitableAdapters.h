@@ -9,8 +9,8 @@
 
 #include "TcpAdapter.h"
 
-/// Only servers before version 6.2 are asked for adapters that share a MAC.
-bool LooksForDuplicates();
+/// Whether physical adapters that share a MAC are unsuitable, too: on servers before version 6.2.
+bool MustUnbindDuplicates();
 
 bool HasValidMac(const TcpAdapter &adapter);
 

@@ -14,11 +14,10 @@ namespace {
 constexpr char kFilterServiceKey[] = "System\\CurrentControlSet\\Services\\qbimvta";
 
 CDriverInstallerThread::~CDriverInstallerThread() {
-    if (stepFinished == nullptr)
+    if (!stepFinished)
         return;
-    (void)SetEvent(stepFinished);
-    (void)CloseHandle(stepFinished);
-    stepFinished = nullptr;
+    (void)SetEvent(stepFinished.get());
+    stepFinished.reset();
 }
 
 void CDriverInstallerThread::Run() {

@@ -13,16 +13,16 @@
 namespace {
 
 void CDriverInstallerThread::UnbindUnsuitableAdapters() {
-    const bool lookForDuplicates = LooksForDuplicates();
+    const bool unbindDuplicates = MustUnbindDuplicates();
     TcpAdapterList adapters;
     GetTcpAdapters(adapters);
-    const TcpAdapterList toUnbind = UnsuitableAmong(adapters, lookForDuplicates);
+    const TcpAdapterList toUnbind = UnsuitableAmong(adapters, unbindDuplicates);
     if (!toUnbind.empty())
         (void)RestoreBindings(toUnbind);
 }
 
 /// @return copies that say unbound.
-TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &adapters, bool lookForDuplicates) {
+TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &adapters, bool unbindDuplicates) {
     TcpAdapterList toUnbind;
     std::set<wxString> nodesToUnbind;
     const auto mark = [&](const TcpAdapter &adapter) {
@@ -41,7 +41,7 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
             DbgPrint(L"Adapter '%s' is not bound to TCPIP - marking it to be unbound from QBIMVTA",
                      Wide(adapter.displayName));
             mark(adapter);
-        } else if (lookForDuplicates) {
+        } else if (unbindDuplicates) {
             const TcpAdapter *const twin = FindTwin(groups, adapter);
             if (twin == nullptr)
                 continue;

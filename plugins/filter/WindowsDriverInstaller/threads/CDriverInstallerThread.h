@@ -1,5 +1,4 @@
-// The thread that installs the drivers, in steps as the removal has them. Only WindowsDriverInstaller.cpp includes
-// this.
+// The thread that installs the drivers, in steps as the removal has them. Belongs to WindowsDriverInstaller.cpp.
 #pragma once
 
 #include <memory>
@@ -15,7 +14,6 @@
 #include "WindowsDriverInstaller/reports/GrabbedLog.h"
 #include "common/Block.h"
 
-// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
 /// Between two changes of the bindings.
@@ -86,7 +84,7 @@ private:
                            const AdaptersByNode *adapters, bool useIpState);
     bool NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters, bool useIpState);
     void ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName, bool enabled);
-    TcpAdapterList UnsuitableAmong(const TcpAdapterList &adapters, bool lookForDuplicates);
+    TcpAdapterList UnsuitableAmong(const TcpAdapterList &adapters, bool unbindDuplicates);
 
     bool installNeeded;
     bool upgradeNeeded;
@@ -95,4 +93,3 @@ private:
 };
 
 }  // namespace
-// NOLINTEND(misc-definitions-in-headers)

@@ -1,5 +1,5 @@
-// The thread that decides what an installation has to do, and watches it. Only WindowsDriverInstaller.cpp includes
-// this.
+// The thread that decides what an installation has to do, and watches it. Belongs to
+// WindowsDriverInstaller.cpp.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,6 @@
 #include "WindowsDriverInstaller/drivers/DriverVersions.h"
 #include "common/Trace.h"
 
-// NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
 
 /// Frees itself when its thread ends.
@@ -88,4 +87,3 @@ private:
 };
 
 }  // namespace
-// NOLINTEND(misc-definitions-in-headers)

@@ -18,7 +18,8 @@ using UniqueSearch = Unique<HANDLE, FindClose>;
 HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOemInf) {
     StartStep(RemovingInfFiles);
     InfFolders folders;
-    HRESULT status = FindInfFolders(folders);
+    const HRESULT status = FindInfFolders(folders);
+    bool isLeftToBoot = false;
     WIN32_FIND_DATAW found = {};
     const UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
     if (search) {
@@ -34,11 +35,11 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
             if (uninstallOemInf != nullptr)
                 UninstallInf(uninstallOemInf, found.cFileName);
             else
-                RemoveInfByHand(folders, found.cFileName, status);
+                isLeftToBoot = RemoveInfByHand(folders, found.cFileName) || isLeftToBoot;
         } while (FindNextFileW(search.get(), &found) != 0);
     }
     EndStep(RemovingInfFiles);
-    return status;  // a file that can't be removed is no failure
+    return isLeftToBoot ? NETCFG_S_REBOOT : status;  // a file that can't be removed is no failure
 }
 
 void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name) {
@@ -50,26 +51,28 @@ void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, con
     }
 }
 
-void CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const wchar_t *name, HRESULT &status) {
-    RemoveWithExtension(folders.inf + name, L".pnf", status);
-    RemoveWithExtension(folders.inf + name, L".inf", status);
-    RemoveWithExtension(folders.catalogs + name, L".cat", status);
+/// @return whether one of its files is left to the next boot.
+bool CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const wchar_t *name) {
+    const bool isCompiledLeft = RemoveWithExtension(folders.inf + name, L".pnf");
+    const bool isSourceLeft = RemoveWithExtension(folders.inf + name, L".inf");
+    const bool isCatalogLeft = RemoveWithExtension(folders.catalogs + name, L".cat");
+    return isCompiledLeft || isSourceLeft || isCatalogLeft;
 }
 
-void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wchar_t *extension, HRESULT &status) {
+/// @return whether the file is left to the next boot, also where there is none.
+bool CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wchar_t *extension) {
     const std::size_t dot = path.rfind(L'.');
     if (dot == path.npos)
-        return;
+        return false;
     path.replace(dot, path.npos, extension);
     (void)SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
     if (DeleteFileW(path.c_str()) != 0)
-        return;
-    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {  // also for one that is not there
-        status = NETCFG_S_REBOOT;
-    } else {
-        const DWORD error = GetLastError();
-        DbgPrint(L"Unable to delete file '%s': %#lx", path.c_str(), error);
-    }
+        return false;
+    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0)
+        return true;
+    const DWORD error = GetLastError();
+    DbgPrint(L"Unable to delete file '%s': %#lx", path.c_str(), error);
+    return false;
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ void CDriverUninstallerThread::EndStep(std::uint32_t step) {
     // Behind the lock, so the watcher may have moved on when this is logged.
     if (!IsSilentStep(step))
         DbgPrint(L"<%s", StepName(step));
-    (void)SetEvent(stepFinished);
+    (void)SetEvent(stepFinished.get());
 }
 
 std::uint32_t CDriverUninstallerThread::TopStep() {

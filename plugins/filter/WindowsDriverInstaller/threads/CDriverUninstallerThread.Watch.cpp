@@ -28,7 +28,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
             timeout = std::min(timeout, RestOfTopStep());
         }
         // The end of a step between the poll and the wait leaves the event set; two ends may be one wake-up.
-        switch (WaitForSingleObject(stepFinished, timeout)) {
+        switch (WaitForSingleObject(stepFinished.get(), timeout)) {
             case WAIT_OBJECT_0:
             case WAIT_ABANDONED:
                 return true;

@@ -1,5 +1,5 @@
-// The thread that removes the drivers, in named steps with time limits that another thread watches. Only
-// WindowsDriverInstaller.cpp includes this: the classes of the driver threads are its own.
+// The thread that removes the drivers, in named steps with time limits that another thread watches. The classes of the
+// driver threads belong to WindowsDriverInstaller.cpp: only it and the sources that it consists of include this.
 #pragma once
 
 #include <atomic>
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <string>
 
 #include <windows.h>
 #include <netcfgx.h>
@@ -17,7 +18,13 @@
 #include "Steps.h"
 #include "ThreadEnd.h"
 #include "WindowsDriverInstaller/cleanup/InfFolders.h"
+#include "common/Unique.h"
 #include "vta_core.h"
+
+/// An argument of DbgPrint; valid for as long as the text.
+inline const wchar_t *Wide(const wxString &text) {
+    return text.wc_str();
+}
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
@@ -33,11 +40,6 @@ struct StepRecord {
     std::uint32_t step;
     std::uint32_t startTick;  ///< Milliseconds of VtaCore::SystemTickCount; differences are taken in 32 bits.
 };
-
-/// An argument of DbgPrint; valid for as long as the text.
-const wchar_t *Wide(const wxString &text) {
-    return text.wc_str();
-}
 
 /// setupapi's SetupUninstallOEMInfW, which not every system has.
 using UninstallOemInf = BOOL(WINAPI *)(PCWSTR fileName, DWORD flags, PVOID reserved);
@@ -55,7 +57,7 @@ public:
     /// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
     CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir);
     /// Leaves `stepFinished` open: each object of this very class costs one event handle, which is meant so.
-    ~CDriverUninstallerThread() override = default;
+    ~CDriverUninstallerThread() override { (void)stepFinished.release(); }
 
     /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
     /// @return false when the top step has overrun or the wait failed; otherwise it is to be called again.
@@ -137,7 +139,7 @@ public:
 protected:
     VtaCore::CDom *dom;
 
-    HANDLE stepFinished;  ///< Auto-reset event; see the destructor.
+    UniqueHandle stepFinished;  ///< Auto-reset event; see the destructor.
 
 public:
     std::atomic<std::uint32_t> failedStep{NoStep};  ///< The first step that failed.
@@ -159,8 +161,8 @@ private:
     HRESULT ReleaseWriteLock(INetCfg *netCfg);
     void RemoveWfpCallout();
     void UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name);
-    void RemoveInfByHand(const InfFolders &folders, const wchar_t *name, HRESULT &status);
-    void RemoveWithExtension(std::wstring path, const wchar_t *extension, HRESULT &status);
+    bool RemoveInfByHand(const InfFolders &folders, const wchar_t *name);
+    bool RemoveWithExtension(std::wstring path, const wchar_t *extension);
 
     std::deque<std::unique_ptr<StepRecord>> stepStack;
     /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack, and while it kills

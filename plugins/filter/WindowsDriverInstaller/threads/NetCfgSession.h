@@ -6,7 +6,6 @@
 
 #include "CDriverUninstallerThread.h"
 
-// NOLINTBEGIN(misc-definitions-in-headers): the definitions are those of one file
 namespace {
 
 /// Opens the network configuration, and COM on this thread, and closes both at its end. A thread that is killed
@@ -41,4 +40,3 @@ private:
 };
 
 }  // namespace
-// NOLINTEND(misc-definitions-in-headers)

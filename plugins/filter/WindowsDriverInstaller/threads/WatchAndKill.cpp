@@ -15,6 +15,10 @@ void KillUnstarted(CDriverUninstallerThread &thread) {
 
 /// What becomes of a worker whose step could not be waited for any longer.
 enum class OverrunOutcome { GoesOn, IsLeftAlone, IsKilled };
+struct Overrun {
+    OverrunOutcome outcome = OverrunOutcome::GoesOn;
+    std::uint32_t step = NoStep;  ///< In which it was killed.
+};
 
 /// The step on top of the stack, if it can't be waited for any longer.
 std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
@@ -24,36 +28,34 @@ std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
 
 /// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step. What it was in
 /// the midst of stays as it is: nothing releases what it held.
-/// @param step  receives the step in which it was killed.
-OverrunOutcome KillIfOverrun(CDriverUninstallerThread &thread, std::uint32_t &step) {
+Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
     const std::optional<std::uint32_t> overrun = OverrunStep(thread);
     if (!overrun)
-        return OverrunOutcome::GoesOn;
+        return {};
     if (*overrun == ThreadRunning)
-        return OverrunOutcome::IsLeftAlone;
+        return {.outcome = OverrunOutcome::IsLeftAlone};
     const wxString stack = CaptureThreadStack(&thread);
     {
         // Held for the kill alone: a thread that is killed while it waits for a lock may harm those that wait with it.
         const wxCriticalSectionLocker lock(thread.StepLock());
         if (OverrunStep(thread) != overrun)
-            return OverrunOutcome::GoesOn;
+            return {};
         wxLogVerbose("Stack trace:\n%s", stack);
         thread.End().Kill(thread);
     }
     (void)thread.End().HasCome(thread, kEndOfThreadMs);
-    step = *overrun;
-    return OverrunOutcome::IsKilled;
+    return {.outcome = OverrunOutcome::IsKilled, .step = *overrun};
 }
 
 std::optional<std::uint32_t> WatchAndKill(CDriverUninstallerThread &thread, const std::function<void()> &heartbeat) {
     while (thread.isRunning()) {
         heartbeat();
-        std::uint32_t step = NoStep;
-        const OverrunOutcome outcome =
-            thread.WaitForStepToFinish() ? OverrunOutcome::GoesOn : KillIfOverrun(thread, step);
-        if (outcome == OverrunOutcome::IsKilled)
-            return step;
-        if (outcome == OverrunOutcome::IsLeftAlone)
+        if (thread.WaitForStepToFinish())
+            continue;
+        const Overrun overrun = KillIfOverrun(thread);
+        if (overrun.outcome == OverrunOutcome::IsKilled)
+            return overrun.step;
+        if (overrun.outcome == OverrunOutcome::IsLeftAlone)
             break;
     }
     return std::nullopt;
