@@ -20,6 +20,29 @@ UniqueService OpenDriverService(const UniqueService &manager, const wchar_t *nam
     return UniqueService(OpenServiceW(manager.get(), name, SERVICE_ALL_ACCESS));
 }
 
+/// Logs the last error. @return it.
+DWORD LogLastError(const char *format) {
+    const DWORD error = GetLastError();
+    wxLogError(format, static_cast<int>(error));
+    return error;
+}
+
+/// @return nothing, with a line in the log, where it can't be opened.
+UniqueService OpenServiceManagerOrLog() {
+    UniqueService manager = OpenServiceManager();
+    if (!manager)
+        (void)LogLastError("OpenSCManager: error=%d");
+    return manager;
+}
+
+/// The same of a driver's service.
+UniqueService OpenDriverServiceOrLog(const UniqueService &manager, const wchar_t *name) {
+    UniqueService service = OpenDriverService(manager, name);
+    if (!service)
+        (void)LogLastError("OpenService: error=%d");
+    return service;
+}
+
 bool IsServiceRunning(const wchar_t *name) {
     const UniqueService manager = OpenServiceManager();
     if (!manager)
@@ -45,26 +68,15 @@ constexpr ServiceChange kStopService = {[](SC_HANDLE service) {
                                         },
                                         "ControlService: error=%d", ERROR_SERVICE_NOT_ACTIVE, SERVICE_STOPPED};
 
-/// Logs the last error. @return it.
-DWORD LogLastError(const char *format) {
-    const DWORD error = GetLastError();
-    wxLogError(format, static_cast<int>(error));
-    return error;
-}
-
 bool ChangeServiceState(const ServiceChange &change, const wchar_t *name, bool wait) {
     if (IsServiceRunning(name) == (change.awaitedState == SERVICE_RUNNING))
         return true;
-    const UniqueService manager = OpenServiceManager();
-    if (!manager) {
-        (void)LogLastError("OpenSCManager: error=%d");
+    const UniqueService manager = OpenServiceManagerOrLog();
+    if (!manager)
         return false;
-    }
-    const UniqueService service = OpenDriverService(manager, name);
-    if (!service) {
-        (void)LogLastError("OpenService: error=%d");
+    const UniqueService service = OpenDriverServiceOrLog(manager, name);
+    if (!service)
         return true;
-    }
     if (!change.act(service.get()))
         return LogLastError(change.failure) == change.harmlessError;
     if (!wait || WaitForServiceState(service.get(), change.awaitedState))
@@ -116,16 +128,12 @@ bool IsWfpServiceInstalled() {
 }
 
 bool DeleteWfpService() {
-    const UniqueService manager = OpenServiceManager();
-    if (!manager) {
-        (void)LogLastError("OpenSCManager: error=%d");
+    const UniqueService manager = OpenServiceManagerOrLog();
+    if (!manager)
         return false;
-    }
-    const UniqueService service = OpenDriverService(manager, kWfpService);
-    if (!service) {
-        (void)LogLastError("OpenService: error=%d");
+    const UniqueService service = OpenDriverServiceOrLog(manager, kWfpService);
+    if (!service)
         return false;
-    }
     if (DeleteService(service.get()) == 0) {
         (void)LogLastError("DeleteService: error=%d");
         return false;

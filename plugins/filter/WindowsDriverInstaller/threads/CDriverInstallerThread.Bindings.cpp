@@ -85,13 +85,13 @@ void CDriverInstallerThread::ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *
                                            bool enabled) {
     HRESULT hr = path->Enable(enabled ? FALSE : TRUE);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgBindingInterface::Enable()");  // its name in the events
+        ReportFailure(hr, L"INetCfgBindingInterface::Enable()");  // its name in the events
         return;
     }
     DbgPrint(L"%s binding from '%s' -> %ls", enabled ? L"Disabling" : L"Enabling", Wide(displayName), kFilterComponent);
     hr = netCfg->Apply();
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Apply()");
+        ReportFailure(hr, L"INetCfg::Apply()");
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ HRESULT CDriverUninstallerThread::AcquireINetCfg(bool writeLock, INetCfg **resul
     *result = nullptr;
     HRESULT hr = InitializeCom();
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"CoInitializeEx");
+        ReportFailure(hr, L"CoInitializeEx");
         return hr;
     }
     StartStep(GettingInetCfg);
@@ -42,7 +42,7 @@ HRESULT CDriverUninstallerThread::OpenINetCfg(bool writeLock, INetCfg **result) 
     HRESULT hr = CoCreateInstance(CLSID_CNetCfg, nullptr, CLSCTX_INPROC_SERVER, IID_INetCfg, &netCfg);
     hr = RequireObject(hr, netCfg);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"CoCreateInstance(CLSID_CNetCfg)");
+        ReportFailure(hr, L"CoCreateInstance(CLSID_CNetCfg)");
         return hr;
     }
     ComPtr<INetCfgLock> lock;
@@ -52,7 +52,7 @@ HRESULT CDriverUninstallerThread::OpenINetCfg(bool writeLock, INetCfg **result) 
         return hr;
     hr = netCfg->Initialize(nullptr);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Initialize");
+        ReportFailure(hr, L"INetCfg::Initialize");
         if (lock)
             ReleaseWriteLock(lock.Get());
         return hr;
@@ -65,7 +65,7 @@ HRESULT CDriverUninstallerThread::OpenINetCfg(bool writeLock, INetCfg **result) 
 void CDriverUninstallerThread::ReleaseWriteLock(INetCfgLock *lock) {
     const HRESULT hr = lock->ReleaseWriteLock();
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgLock::ReleaseWriteLock");
+        ReportFailure(hr, L"INetCfgLock::ReleaseWriteLock");
 }
 
 HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result) {
@@ -74,7 +74,7 @@ HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock 
     HRESULT hr = netCfg->QueryInterface(IID_INetCfgLock, &lock);
     hr = RequireObject(hr, lock);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::QueryInterface(IID_INetCfgLock)");
+        ReportFailure(hr, L"INetCfg::QueryInterface(IID_INetCfgLock)");
         NoteFailedStep();
     } else {
         hr = TakeWriteLock(lock.Get());
@@ -98,7 +98,7 @@ HRESULT CDriverUninstallerThread::TakeWriteLock(INetCfgLock *lock) {
         VtaCore::ShowUserNotification(2, text, "");
         hr = NETCFG_E_NO_WRITE_LOCK;
     }
-    ReportFailure(static_cast<unsigned long>(hr), L"INetCfgLock::AcquireWriteLock");
+    ReportFailure(hr, L"INetCfgLock::AcquireWriteLock");
     NoteFailedStep();
     return hr;
 }
@@ -107,7 +107,7 @@ HRESULT CDriverUninstallerThread::ReleaseINetCfg(bool writeLock, INetCfg *netCfg
     StartStep(ReleasingInetCfg);
     HRESULT hr = netCfg->Uninitialize();
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");  // the lock stays then
+        ReportFailure(hr, L"INetCfg::Uninitialize");  // the lock stays then
     else if (writeLock)
         hr = ReleaseWriteLock(netCfg);
     netCfg->Release();
@@ -123,7 +123,7 @@ HRESULT CDriverUninstallerThread::ReleaseWriteLock(INetCfg *netCfg) {
     HRESULT hr = netCfg->QueryInterface(IID_INetCfgLock, &lock);
     hr = RequireObject(hr, lock);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::QueryInterface(IID_INetCfgLock)");
+        ReportFailure(hr, L"INetCfg::QueryInterface(IID_INetCfgLock)");
         return hr;
     }
     return CallInStep(ReleasingNetworkConfigLock, L"INetCfgLock::ReleaseWriteLock",

@@ -72,7 +72,7 @@ HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t
     if (hr == S_OK)
         hr = RequireObject(hr, component);
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
+        ReportFailure(hr, L"INetCfg::FindComponent");
     EndStep(FindingComponent);
     if (hr != S_OK)
         return hr;
@@ -110,7 +110,7 @@ HRESULT CDriverUninstallerThread::IsFilterComponentPresent() {
             ComPtr<INetCfgComponent> component;
             hr = netCfg.Get()->FindComponent(kFilterComponent, &component);
             if (FAILED(hr))
-                ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::FindComponent");
+                ReportFailure(hr, L"INetCfg::FindComponent");
         }
     }
     EndStep(CheckingIfStillInstalled);

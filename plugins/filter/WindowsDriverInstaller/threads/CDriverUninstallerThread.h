@@ -96,6 +96,7 @@ protected:
     /// Reports a failure of the system or of COM as an agent event.
     /// @param error  code of Windows or HRESULT.
     void ReportFailure(unsigned long error, const wchar_t *call);
+    void ReportFailure(HRESULT hr, const wchar_t *call) { ReportFailure(static_cast<unsigned long>(hr), call); }
     /// A call in a step of its own; a failure is reported and noted. @return its result.
     template <typename Call>
     HRESULT CallInStep(InstallerStep step, const wchar_t *name, Call call);
@@ -177,7 +178,7 @@ HRESULT CDriverUninstallerThread::CallInStep(InstallerStep step, const wchar_t *
     StartStep(step);
     const HRESULT hr = call();
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), name);
+        ReportFailure(hr, name);
         NoteFailedStep();
     }
     EndStep(step);
