@@ -3,6 +3,7 @@
 #include "CDriverInstallerWatchdog.h"
 
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include <windows.h>
@@ -70,7 +71,13 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     if (!installNeeded && !upgradeNeeded)
         return true;
     Heartbeat();
-    return InstallWithWorker(site);
+    const std::optional<bool> notified = InstallWithWorker();
+    if (!notified)
+        return false;
+    if (!IsNetworkAsBefore(site) && !*notified)
+        VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
+    Heartbeat();
+    return true;
 }
 
 void CDriverInstallerWatchdog::DecideByVersions(const TraceSite &site) {

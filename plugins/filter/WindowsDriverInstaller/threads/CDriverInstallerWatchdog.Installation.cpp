@@ -9,20 +9,18 @@
 
 #include "StartThread.h"
 #include "WatchAndKill.h"
-#include "WindowsDriverInstaller/NdisTrace.h"
 #include "WindowsDriverInstaller/drivers/InterruptWorkaround.h"
 #include "WindowsDriverInstaller/reports/GrabbedLog.h"
 #include "WindowsDriverInstaller/reports/InstallEvents.h"
-#include "common/Trace.h"
 
 namespace {
 
 constexpr int kPathWithSeparator = wxPATH_GET_VOLUME | wxPATH_GET_SEPARATOR;
 
-bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
+std::optional<bool> CDriverInstallerWatchdog::InstallWithWorker() {
     auto log = std::make_unique<GrabbedLog>();
     if (!CreateWorker(log->Target()))
-        return false;
+        return std::nullopt;
     if (SetNetworkInterruptWorkaround())
         installerThread->rebootRequired = true;
     unsigned failedStep = NoStep;
@@ -43,10 +41,7 @@ bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
     }
     ReportOutcome(succeeded, failedStep);
     Heartbeat();
-    if (!IsNetworkAsBefore(site) && !notified)
-        VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
-    Heartbeat();
-    return true;
+    return notified;
 }
 
 bool CDriverInstallerWatchdog::CreateWorker(wxLog *logTarget) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include <wx/filename.h>
 
@@ -39,8 +40,8 @@ private:
     bool GetBundledDriverVersion();
     bool GetInstalledDriverVersion();
     bool GetVersionOfSystemFile(const TraceSite &site);
-    /// @return false when the worker could not be made.
-    bool InstallWithWorker(const TraceSite &site);
+    /// @return whether the user was notified of a reboot request; nothing when the worker could not be made.
+    std::optional<bool> InstallWithWorker();
     bool CreateWorker(wxLog *logTarget);
     /// @param failedStep  receives the step when the attempt fails.
     bool AttemptInstallation(unsigned *failedStep);
