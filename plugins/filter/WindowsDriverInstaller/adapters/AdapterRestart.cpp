@@ -38,7 +38,7 @@ bool ChangeDevice(HDEVINFO devices, SP_DEVINFO_DATA &device, bool enable) {
             wxLogSysError("not critical - SetupDiCallClassInstaller()");
         return true;
     }
-    (void)change.CallInstaller();  // for all hardware profiles; the one for this profile follows whatever came of it
+    (void)change.CallInstaller();  // for all hardware profiles; compat 108: a failure is not logged
     change.SetScope(DICS_FLAG_CONFIGSPECIFIC);
     if (change.SetParameters() && !change.CallInstaller())
         wxLogSysError("not critical - SetupDiCallClassInstaller(DICS_FLAG_CONFIGSPECIFIC)");

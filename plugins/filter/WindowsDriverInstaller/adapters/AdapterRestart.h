@@ -21,6 +21,7 @@ struct LessAsDeviceId {
 /// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
 /// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
 /// machine be its.
+/// compat 107: restarts every device of the same model
 class AdaptersByDevice {
 public:
     /// @param adapters    have to stay.

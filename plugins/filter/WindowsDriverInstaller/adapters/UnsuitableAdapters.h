@@ -9,7 +9,7 @@
 
 #include "TcpAdapter.h"
 
-/// Whether physical adapters that share a MAC are unsuitable, too: on servers before version 6.2.
+/// compat 100: only servers before version 6.2 are searched for adapters that share a MAC
 bool MustUnbindDuplicates();
 
 bool HasValidMac(const TcpAdapter &adapter);

@@ -10,6 +10,7 @@ void RemoveHealthCheckFiles() {
     const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
     if (length == 0 || length > MAX_PATH)
         return;
+    // compat 109: deletes two files that nobody reads or writes
     for (const char *name : {"\\qbimvtaHC.dat", "\\qbimwfpHC.dat"}) {
         const wxString path = wxString(folder) + name;
         if (wxFile::Exists(path))

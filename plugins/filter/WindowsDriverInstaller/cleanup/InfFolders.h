@@ -11,5 +11,5 @@ struct InfFolders {
     std::wstring catalogs;
 };
 
-/// @return whether the second was found; the first doesn't count.
+/// compat 118: only the second look-up decides the result
 HRESULT FindInfFolders(InfFolders &folders);

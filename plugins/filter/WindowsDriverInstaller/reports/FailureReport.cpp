@@ -5,6 +5,7 @@
 #include <wx/log.h>
 
 void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const wchar_t *format, ...) {
+    // compat 110: an error of 0 stands for the last error
     if (error == 0)
         error = wxSysErrorCode();
     va_list arguments;

@@ -26,7 +26,7 @@ void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
             ReadAdapters(netCfg.Get(), ipHelper.get(), adapters);
         } else {
             NoteFailedStep();
-            netCfg.LeaveOpen();  // without memory the configuration stays open, and COM with it; agreed behaviour
+            netCfg.LeaveOpen();  // compat 96: leaves an open configuration unreleased
         }
     }
     EndStep(GettingAdapterInfo);

@@ -27,7 +27,7 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
 /// What can't be read of the component leaves it as it is.
 void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
                                            bool useIpState) {
-    DWORD characteristics = 0;  // only whether they can be read counts
+    DWORD characteristics = 0;  // compat 155: only whether they can be read counts
     TcpAdapter adapter;
     if (FAILED(component->GetCharacteristics(&characteristics)) ||
         !ReadComponentText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
@@ -80,12 +80,12 @@ bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled
     return (useIpState ? record->boundToIp : record->boundToFilter) != enabled;
 }
 
-/// Applied at once, for this one change. A failure is reported, not tried again.
+/// compat 98: applied at once, for this one change; a failure is reported and not retried
 void CDriverInstallerThread::ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName,
                                            bool enabled) {
     HRESULT hr = path->Enable(enabled ? FALSE : TRUE);
     if (FAILED(hr)) {
-        ReportFailure(hr, L"INetCfgBindingInterface::Enable()");  // its name in the events
+        ReportFailure(hr, L"INetCfgBindingInterface::Enable()");  // compat 97: another name
         return;
     }
     DbgPrint(L"%s binding from '%s' -> %ls", enabled ? L"Disabling" : L"Enabling", Wide(displayName), kFilterComponent);

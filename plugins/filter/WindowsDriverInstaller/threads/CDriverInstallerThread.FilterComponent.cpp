@@ -67,7 +67,7 @@ HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const w
         AgentEventLog_(*dom, error, kSystemFailureEvent, L"CopyFile('%s', '%s')", source.c_str(), destination.c_str());
     }
     const HRESULT hr = InstallFilterComponent(netCfg);
-    // Also a file that was there before and could not be replaced.
+    // compat 83: deletes a file that was there before, too
     DbgPrint(L"Deleting '%s'", destination.c_str());
     if (DeleteFileW(destination.c_str()) == 0) {
         const DWORD error = GetLastError();
@@ -95,9 +95,9 @@ HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
         hr = AttemptInstall(classSetup.Get(), attempt);
         if (hr == S_OK)
             return hr;
-        if (attempt == 1)  // only the first failure is reported
+        if (attempt == 1)  // compat 85: reports only the first failure
             AgentEventLog_(*dom, static_cast<unsigned long>(hr), kSystemFailureEvent, L"INetCfgClassSetup::Install()");
-        if (isMarkedForDelete())  // behind the last attempt, too
+        if (isMarkedForDelete())  // compat 86: also after the last attempt
             wxThread::Sleep(kMarkedForDeletePauseMs);
     }
     if (isMarkedForDelete())
@@ -105,7 +105,7 @@ HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
     return hr;
 }
 
-/// Only S_OK ends the attempts: a reboot request counts as a failure here.
+/// compat 84: only S_OK ends the attempts; a reboot request counts as a failed attempt
 HRESULT CDriverInstallerThread::AttemptInstall(INetCfgClassSetup *classSetup, int attempt) {
     OBO_TOKEN token = {};
     token.Type = OBO_USER;

@@ -16,7 +16,7 @@ namespace {
 constexpr wchar_t kSigningArticle[] = L"https://support.quillon.example/articles/signed-drivers";
 /// SetupCopyOEMInf's answer to such a driver.
 constexpr unsigned long kDriverNotSigned = 0x800F0247;
-/// The INF files of the filter driver. Those of its forerunner behind them are not copied, which is meant so.
+/// The filter driver's INF files. compat 80: the predecessor's two at the end are never copied
 constexpr std::array<const wchar_t *, 5> kInfFiles{L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf",
                                                    L"netrxwim.inf", L"netrxwip.inf"};
 constexpr std::size_t kCopiedInfFiles = 3;
@@ -28,6 +28,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     for (std::size_t i = 0; i < kCopiedInfFiles; ++i) {
         const wchar_t *const inf = kInfFiles[i];
         const std::wstring path = std::wstring(directory) + inf;
+        // compat 81: copies each file that is there and skips a missing one silently
         if (!wxFile::Exists(path))
             continue;
         wchar_t destination[MAX_PATH] = L"";
@@ -43,7 +44,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     return hr;
 }
 
-/// @return the error as a result; 0 stays a success.
+/// @return the error as a result. compat 82: an error of 0 stays a success
 HRESULT CDriverInstallerThread::ReportCopyFailure(const wchar_t *inf, unsigned long error) {
     constexpr unsigned long setupError = 0xE0000000;
     constexpr unsigned long codeBits = 0xFFFF;

@@ -22,14 +22,14 @@ CDriverInstallerThread::~CDriverInstallerThread() {
 
 void CDriverInstallerThread::Run() {
     wxLog *const oldTarget = wxLog::SetThreadActiveTarget(logTarget);
-    // On every installation, also when no driver is there.
+    // compat 75: removes in every installation, twice for an upgrade; the second result counts
     succeeded = UninstallDriver();
     if (upgradeNeeded) {
         succeeded = UninstallDriver();
         if (succeeded && !rebootRequired)
             WaitForDriverToUnload();
     }
-    // With a reboot request the new driver is left to the installation after the reboot; the removal's result stands.
+    // compat 76: a reboot request skips the installation; the removal's result stands
     if (installNeeded && succeeded && !rebootRequired) {
         succeeded = InstallDriver();
         WriteServiceValues();
@@ -37,7 +37,7 @@ void CDriverInstallerThread::Run() {
     (void)wxLog::SetThreadActiveTarget(oldTarget);
 }
 
-/// For half a minute at most. Nothing follows from a driver that is still there then.
+/// compat 77: waits half a minute at most; nothing follows from a driver that is still loaded then
 void CDriverInstallerThread::WaitForDriverToUnload() {
     StartStep(EnsuringDriverUnloaded);
     constexpr int maxPolls = 60;
@@ -53,7 +53,7 @@ void CDriverInstallerThread::WaitForDriverToUnload() {
     EndStep(EnsuringDriverUnloaded);
 }
 
-/// What the filter driver reads at its start. Whether it works doesn't change the result.
+/// What the filter driver reads at its start. compat 78: written after a failure, too; its own failure is no result
 void CDriverInstallerThread::WriteServiceValues() {
     wxRegKey key(wxRegKey::HKLM, kFilterServiceKey);
     if (!key.Exists())
@@ -70,7 +70,7 @@ void CDriverInstallerThread::WriteServiceValues() {
 }
 
 bool CDriverInstallerThread::InstallDriver() {
-    // The filter driver is installed also without a callout that works.
+    // compat 79: installs the filter driver even if the callout fails
     if (!InstallWFPCallout())
         wxLogError("InstallWFPCallout() failed.");
     else if (!StartWFPCallout(/*wait=*/true))

@@ -52,7 +52,7 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
     }
     for (const std::string &mac : sharedMacs)
         for (const TcpAdapter *adapter : groups.at(mac)) {
-            // Of a physical and a virtual adapter that share a MAC, the physical one loses the filter.
+            // compat 99: of a physical and a virtual adapter that share a MAC, the physical one loses the filter
             if ((adapter->characteristics & NCF_PHYSICAL) == 0 || nodesToUnbind.count(adapter->pnpDevNodeId) != 0)
                 continue;
             DbgPrint(L"Marking physical adapter '%s' with duplicate MAC %s to be unbound from QBIMVTA",

@@ -46,7 +46,7 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         if (SetupDiGetDeviceInstanceIdW(devices.get(), &device, instanceId.data(), instanceId.size(), nullptr) == 0)
             continue;
         for (const auto &[place, adapter] :
-             byDevice.OfDevice(instanceId.data())) {  // a device of two records is acted on twice
+             byDevice.OfDevice(instanceId.data())) {  // compat 106: a device of two records is acted on twice
             installerThread->DbgPrint(L"%s adapter '%.64ls'", enable ? L"Enabling" : L"Disabling",
                                       Wide(adapter->displayName));
             acted = ChangeDevice(devices.get(), device, enable) || acted;

@@ -47,12 +47,12 @@ void CDriverInstallerWatchdog::ClearArpCache() {
         if (row->dwType != MIB_IPNET_TYPE_INVALID && row->dwType != MIB_IPNET_TYPE_DYNAMIC)
             continue;
         const DWORD deleted = DeleteIpNetEntry(row);
-        if (deleted > 1)  // 1 passes, too
+        if (deleted > 1)  // compat 104: 1 is no failure
             wxLogSysError(static_cast<long>(deleted), "DeleteIpNetEntry(%s) failed:", AddressText(row->dwAddr));
     }
 }
 
-/// What counts is that something is sent; the reply is not used.
+/// compat 105: what counts is that something is sent; the reply is not used
 void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
     for (const TcpAdapter &adapter : adaptersBefore) {
         if (!adapter.boundToIp || adapter.gatewayAddress == kNoAddress)

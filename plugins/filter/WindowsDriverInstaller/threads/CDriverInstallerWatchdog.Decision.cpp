@@ -43,7 +43,7 @@ void CDriverInstallerWatchdog::Run() {
     installerStatus->done = true;
 }
 
-/// One number for comparisons. A component of 0x8000 or more fills the bits above it with ones; that is meant so.
+/// One number for comparisons. compat 67: a component of 0x8000 or more fills the bits above it with ones
 std::int64_t PackVersion(const DriverVersion &version) {
     auto packed = std::uint64_t{0};
     for (const unsigned short component : {version.major, version.minor, version.build, version.revision})
@@ -74,6 +74,7 @@ bool CDriverInstallerWatchdog::InstallOrUpdateDriver() {
     const std::optional<bool> notified = InstallWithWorker();
     if (!notified)
         return false;
+    // compat 157: this reboot request has no event 1006
     if (!IsNetworkAsBefore(site) && !*notified)
         VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     Heartbeat();

@@ -70,7 +70,7 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     Heartbeat();
     const bool succeeded = WatchWorker(failedStep);
     if (upgradeNeeded) {
-        // A failed upgrade leaves the bindings as they are.
+        // compat 72: a failed upgrade leaves the bindings as they are
         if (!succeeded)
             return false;
         installerThread->DbgPrint(L"Restoring network bindings.");
@@ -78,7 +78,7 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
         (void)installerThread->RestoreBindings(adaptersBefore);
     } else {
         Heartbeat();
-        installerThread->UnbindUnsuitableAdapters();  // whatever became of the attempt
+        installerThread->UnbindUnsuitableAdapters();  // compat 73: also after a failure
         if (!succeeded)
             return false;
     }
@@ -112,7 +112,7 @@ void CDriverInstallerWatchdog::RebindIfStale() {
     (void)installerThread->RestoreBindings(adapters);
     wxThread::Sleep(kRebindPauseMs);
     Heartbeat();
-    // One-sided, which is meant so: an answer counts as stale whatever it says.
+    // compat 71: any answer counts as stale, whatever version it has
     if (!GetDriverVersion(*dom, running) && running == ourVersion)
         return;
     Heartbeat();

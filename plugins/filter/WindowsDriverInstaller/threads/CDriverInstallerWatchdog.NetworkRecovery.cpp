@@ -48,7 +48,7 @@ bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
     if (AwaitHealth(stillUnhealthy, currentAdapters, site))
         return true;
     RestartAdapters(currentAdapters);
-    return false;  // whether the restart has helped is not checked
+    return false;  // compat 101: does not check whether the second recovery helped
 }
 
 bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
@@ -69,7 +69,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
-        // An adapter that was healthy once is not checked again.
+        // compat 102: an adapter that was healthy once is not checked again
         std::set<wxString> unhealthyNames;
         for (const TcpAdapter &now : currentAdapters)
             unhealthyNames.insert(now.bindName);
@@ -79,7 +79,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
     return false;
 }
 
-/// The first call puts back what the record says of the filter, which for an adapter that had it changes nothing.
+/// compat 103: the first call restores the recorded binding, so an adapter that had the filter keeps it.
 /// After an upgrade the recorded binding is put back, after a fresh installation the filter goes where IP was.
 void CDriverInstallerWatchdog::RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded) {
     installerThread->DbgPrint(L"Network doesn't appear healthy - unbinding & rebinding %ls", kFilterComponent);

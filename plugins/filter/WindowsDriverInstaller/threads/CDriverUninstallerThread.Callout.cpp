@@ -15,7 +15,7 @@ namespace {
 /// setupapi's InstallHinfSectionW, which reports nothing back.
 using InstallHinfSection = void(WINAPI *)(HWND window, HINSTANCE instance, PCWSTR command, INT show);
 
-/// No failure in here stops the removal or shows in its result.
+/// compat 113: no failure in here stops the removal or shows in its result
 void CDriverUninstallerThread::RemoveWfpCallout() {
     if (!StopWFPCallout(/*wait=*/true))
         wxLogError("StopWFPCallout() failed.");
@@ -26,7 +26,7 @@ void CDriverUninstallerThread::RemoveWfpCallout() {
 bool CDriverUninstallerThread::UninstallWFPCallout() {
     StartStep(UninstallingWfpCalloutDriver);
     bool result = UninstallWFPCalloutWithInstallHinfSection();
-    // Without its INF file the service is left alone, too.
+    // compat 121: without its INF file the service is left alone, too
     if (result && IsWfpServiceInstalled())
         result = UninstallWFPCalloutWithSC();
     EndStep(UninstallingWfpCalloutDriver);

@@ -39,7 +39,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
         } while (FindNextFileW(search.get(), &found) != 0);
     }
     EndStep(RemovingInfFiles);
-    return isLeftToBoot ? NETCFG_S_REBOOT : status;  // a file that can't be removed is no failure
+    return isLeftToBoot ? NETCFG_S_REBOOT : status;  // compat 120: a file that can't be removed is no failure
 }
 
 void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name) {
@@ -59,7 +59,7 @@ bool CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const 
     return isCompiledLeft || isSourceLeft || isCatalogLeft;
 }
 
-/// @return whether the file is left to the next boot, also where there is none.
+/// @return whether the file is left to the next boot.
 bool CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wchar_t *extension) {
     const std::size_t dot = path.rfind(L'.');
     if (dot == path.npos)
@@ -69,7 +69,7 @@ bool CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wcha
     if (DeleteFileW(path.c_str()) != 0)
         return false;
     if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0)
-        return true;
+        return true;  // compat 119: also for a missing file
     const DWORD error = GetLastError();
     DbgPrint(L"Unable to delete file '%s': %#lx", path.c_str(), error);
     return false;

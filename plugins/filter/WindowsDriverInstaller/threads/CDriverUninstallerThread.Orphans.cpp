@@ -45,7 +45,7 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     if (attempts < maxAttempts)
         return hr;
 
-    // Under no limit of its own from here on. Whatever comes of it, the rest is left to the next boot.
+    // compat 114: under no limit of its own from here on, and a reboot request whatever comes of it
     if (!OrphanScanIsClean(*dom)) {
         DbgPrint(L"HrCleanupOrphans: registry cleanup");
         cleanup_registry();
@@ -65,8 +65,8 @@ void CDriverUninstallerThread::cleanup_registry() {
     std::wstring path = std::wstring(L"MACHINE\\") + kMiniportKey;
     TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", Wide(line)); }, path.data());
     path = kMiniportKey;
-    if (DeleteRegistryTree(path) == 0)                           // tried whatever became of the ownership
-        DbgPrint(L"    cleanup_registry: successfuly deleted");  // spelt as it always was
+    if (DeleteRegistryTree(path) == 0)                           // compat 124: even without ownership
+        DbgPrint(L"    cleanup_registry: successfuly deleted");  // compat 123: misspelt
     else
         DbgPrint(L"    cleanup_registry: failed to delete");
 }

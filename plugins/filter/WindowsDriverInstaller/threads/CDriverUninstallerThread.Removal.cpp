@@ -29,17 +29,18 @@ bool CDriverUninstallerThread::UninstallDriver() {
     HRESULT hr = UninstallComponent(kFilterComponent, &notInstalled);
     if (notInstalled)
         hr = UninstallComponent(kLegacyComponent, &notInstalled);
-    // A reboot request of DeInstall is replaced by the result of this; that is accepted.
+    // compat 111: loses a reboot request
     if (SUCCEEDED(hr))
         hr = RemoveOemInfFiles(uninstallOemInf);
     DbgPrint(L"Checking if %ls is still installed", kFilterComponent);
     if (IsFilterComponentPresent() == S_FALSE) {
-        // With the component gone only the orphans decide, whatever failed before.
+        // compat 112: with the component gone only the orphans decide, whatever failed before
         DbgPrint(L"Checking for orphaned QBIMVTA_MP bindings");
         hr = CleanUpOrphans();
     }
     if (hr == NETCFG_S_REBOOT)
         rebootRequired = true;
+    // compat 115: a script does not learn of the reboot request
     return hr == S_OK || hr == NETCFG_S_REBOOT;
 }
 

@@ -18,7 +18,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
         {
             const wxCriticalSectionLocker lock(stepLock);
             if (stepStack.empty()) {
-                wxThread::Sleep(emptyStackPauseMs);  // with the lock held: the worker's next step waits it out
+                wxThread::Sleep(emptyStackPauseMs);  // compat 89: with the lock held; the worker's next step waits
                 return true;
             }
             const StepRecord *const top = stepStack.back().get();

@@ -12,6 +12,7 @@ struct Step {
 };
 
 constexpr std::uint32_t kNeverBegun = 0;
+/// compat 90: four steps log neither their start nor their end
 constexpr bool kNotLogged = false;
 
 constexpr std::array<Step, 22> kSteps{{
@@ -35,6 +36,7 @@ constexpr std::array<Step, 22> kSteps{{
     {UninstallingDriver, L"UninstallingDriver", 600},
     {InstallingWfpCalloutDriver, L"InstallingWfpCalloutDriver", 300},
     {UninstallingWfpCalloutDriver, L"UninstallingWfpCalloutDriver", 300},
+    // compat 91: no code starts these two
     {StartingWfpCalloutDriver, L"StartingWfpCalloutDriver", kNeverBegun},
     {StoppingWfpCalloutDriver, L"StoppingWfpCalloutDriver", kNeverBegun},
 }};

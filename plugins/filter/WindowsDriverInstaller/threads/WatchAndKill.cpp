@@ -26,12 +26,13 @@ std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
     return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
 }
 
-/// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step. What it was in
+/// Kills the worker after its stack was logged, unless it went on or is in no inner step. compat 93: what it was in
 /// the midst of stays as it is: nothing releases what it held.
 Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
     const std::optional<std::uint32_t> overrun = OverrunStep(thread);
     if (!overrun)
         return {};
+    // compat 92: an overrun of the whole is no reason to kill
     if (*overrun == ThreadRunning)
         return {.outcome = OverrunOutcome::IsLeftAlone};
     const wxString stack = CaptureThreadStack(&thread);
