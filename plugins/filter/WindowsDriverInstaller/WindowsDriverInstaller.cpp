@@ -68,7 +68,7 @@ bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
             ReportStall(dom, status);
             return false;
         }
-        // Once for each stall.
+        // Once per stall.
         if (elapsed > warnAfterMs && lastProgress != lastWarned) {
             lastWarned = lastProgress;
             wxLogWarning("Installer thread has not made any progress in the last %u seconds.", elapsed / 1000);
@@ -86,11 +86,12 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
     if (!MakeAndStart(*watchdog)) {
-        // Made, and never to run. Not by wxThread, whose kill of a detached thread may delete the object.
+        // The thread was created and must never run. wxThread's own kill may delete a detached object, so it is not
+        // used.
         (void)TerminateThread(watchdog->MSWGetHandle(), 0);
         return false;
     }
-    (void)watchdog.release();  // it frees itself
+    (void)watchdog.release();  // it deletes itself
     return FollowInstallation(dom, *status);
 }
 

@@ -31,7 +31,7 @@ void FillFromIpHelper(const IpHelperByName &records, TcpAdapter &adapter) {
     adapter.ipAddress = AddressFromIpHelper(record->IpAddressList);
 }
 
-/// @return the number of bytes that the driver answered; nothing on failure.
+/// @return the number of bytes in the driver's answer; nothing on failure.
 std::optional<DWORD> QueryNdis(const UniqueHandle &device, ULONG id, void *answer, DWORD size) {
     DWORD length = 0;
     const BOOL answered =

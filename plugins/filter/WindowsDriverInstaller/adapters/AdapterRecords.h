@@ -1,4 +1,4 @@
-// What the system tells about a network adapter.
+// Reads the records of network adapters.
 #pragma once
 
 #include <map>
@@ -12,11 +12,11 @@
 
 #include "TcpAdapter.h"
 
-/// A text that a component hands out, such as its display name. @return false where it has none.
+/// Reads a text of a component, such as its display name. @return false if it has none.
 bool ReadComponentText(INetCfgComponent *component, HRESULT (STDMETHODCALLTYPE INetCfgComponent::*read)(LPWSTR *),
                        wxString &text);
 
-/// What binds to adapters, as far as it is there.
+/// The bindings of a component, which may be missing.
 class ComponentBindings {
 public:
     ComponentBindings(INetCfg *netCfg, const wchar_t *componentId) {
@@ -38,10 +38,10 @@ struct LessWithoutCase {
     bool operator()(const wxString &a, const wxString &b) const { return a.CmpNoCase(b) < 0; }
 };
 
-/// The records of IP Helper by the names of their adapters, which know no case; of several the first counts.
+/// IP Helper's records by adapter name, ignoring case. The first of several counts.
 class IpHelperByName {
 public:
-    /// @param record  the first of a chain, which has to stay; may be null.
+    /// @param record  the first of a chain, which must outlive the object; may be null.
     explicit IpHelperByName(const IP_ADAPTER_INFO *record) {
         for (; record != nullptr; record = record->Next)
             (void)m_records.emplace(record->AdapterName, record);
@@ -57,5 +57,5 @@ private:
     std::map<wxString, const IP_ADAPTER_INFO *, LessWithoutCase> m_records;
 };
 
-/// @return the record without its bindings; nothing for a component that is no adapter.
+/// Reads everything but the bindings. @return nothing for a component that is not an adapter.
 std::optional<TcpAdapter> ReadAdapter(INetCfgComponent *component, const IpHelperByName &ipHelper);

@@ -11,7 +11,7 @@
 
 #include "TcpAdapter.h"
 
-/// Compares as the C runtime does, which folds case otherwise than wxString beyond ASCII.
+/// Compares like the C runtime, which folds non-ASCII characters in another way than wxString.
 struct LessAsDeviceId {
     bool operator()(const wxString &left, const wxString &right) const {
         return _wcsicmp(left.wc_str(), right.wc_str()) < 0;
@@ -24,7 +24,7 @@ struct LessAsDeviceId {
 /// compat 107: restarts every device of the same model
 class AdaptersByDevice {
 public:
-    /// @param adapters    have to stay.
+    /// @param adapters    must outlive the object.
     /// @param useIpState  takes those that IP is bound to instead of those that the filter is bound to.
     AdaptersByDevice(const TcpAdapterList &adapters, bool useIpState) {
         std::size_t place = 0;
@@ -37,7 +37,7 @@ public:
         }
     }
 
-    /// By their places in the list.
+    /// @return the device's adapters by their places in the list.
     [[nodiscard]] std::map<std::size_t, const TcpAdapter *> OfDevice(const wxString &instanceId) const {
         std::map<std::size_t, const TcpAdapter *> found;
         for (const std::size_t length : m_lengths) {

@@ -5,10 +5,10 @@
 
 #include "TcpAdapter.h"
 
-/// The first record of each node.
+/// Finds the first record of each node.
 class AdaptersByNode {
 public:
-    /// @param adapters  have to stay.
+    /// @param adapters  must outlive the object.
     explicit AdaptersByNode(const TcpAdapterList &adapters) {
         for (const TcpAdapter &adapter : adapters)
             (void)m_adapters.emplace(adapter.pnpDevNodeId, &adapter);

@@ -1,4 +1,4 @@
-// Whether an adapter got worse by a change of the drivers.
+// Checks whether an adapter got worse when the drivers were changed.
 #pragma once
 
 #include <map>

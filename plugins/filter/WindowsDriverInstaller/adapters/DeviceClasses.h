@@ -1,4 +1,4 @@
-// The system's ids of device classes; their header has no guard of its own.
+// The ids of device classes. The system's header has no include guard.
 #pragma once
 
 #include <windows.h>

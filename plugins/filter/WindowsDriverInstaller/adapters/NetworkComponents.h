@@ -1,4 +1,4 @@
-// Walks through the objects of the network configuration.
+// Loops over objects of the network configuration.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +7,7 @@
 
 #include "DeviceClasses.h"
 
-/// Calls `action` with each object of an enumeration. The first that can't be had ends it.
+/// Calls `action` with each object of an enumeration. Ends at the first failure.
 template <typename Object, typename Enumeration, typename Action>
 void ForEachObject(Enumeration *enumeration, Action action) {
     Microsoft::WRL::ComPtr<Object> object;
@@ -15,7 +15,7 @@ void ForEachObject(Enumeration *enumeration, Action action) {
         action(object.Get());
 }
 
-/// The same with each component of the class of network adapters.
+/// Calls `action` with each component of the network adapter class.
 template <typename Action>
 void ForEachNetworkComponent(INetCfg *netCfg, Action action) {
     Microsoft::WRL::ComPtr<IEnumNetCfgComponent> components;

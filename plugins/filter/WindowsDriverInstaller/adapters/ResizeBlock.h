@@ -1,4 +1,4 @@
-// Blocks for the tables of IP Helper, whose sizes are only known once they were asked for.
+// Resizes the blocks for IP Helper's tables, whose sizes are known only after a first call.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 #include "common/Block.h"
 
-/// Changes the size of a block, which stays as it is without memory.
+/// Changes the size of a block. @return false if memory runs out; the block stays as it is then.
 template <typename T>
 bool ResizeBlock(Block<T> &block, std::size_t size) {
     void *const resized = std::realloc(block.get(), std::max<std::size_t>(size, 1));  // 0 would free it

@@ -1,4 +1,4 @@
-// A network adapter at one moment.
+// The state of a network adapter.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 /// No address, as inet_addr tells it.
 constexpr std::uint32_t kNoAddress = 0xFFFFFFFF;
-/// An adapter that could not be asked counts as not connected.
+/// An adapter that can't be queried counts as not connected.
 constexpr std::uint32_t kMediaUnknown = 0xFFFFFFFF;
 constexpr std::uint32_t kMediaConnected = 0;  ///< NdisMediaStateConnected
 
@@ -30,5 +30,5 @@ struct TcpAdapter {
     std::uint64_t framesReceived = 0;
 };
 
-/// In the order of the enumeration.
+/// In enumeration order.
 using TcpAdapterList = std::list<TcpAdapter>;

@@ -1,4 +1,4 @@
-// What makes an adapter one that the filter driver must not be bound to.
+// Decides which adapters the filter driver must not be bound to.
 #pragma once
 
 #include <map>
@@ -14,7 +14,7 @@ bool MustUnbindDuplicates();
 
 bool HasValidMac(const TcpAdapter &adapter);
 
-/// The virtual adapters of remote access share a MAC that names them.
+/// Virtual adapters for remote access share a MAC address that contains their name.
 bool IsRemoteAccess(const TcpAdapter &adapter);
 
 /// Adapters by their MACs, in the order of the list.

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A file as it is mapped into memory.
+/// A view of a mapped file.
 using View = Unique<const void *, UnmapViewOfFile>;
 
 struct InfFile {
@@ -31,7 +31,7 @@ const wchar_t *DriverOfInfFile(const std::wstring &path) {
                                                     FILE_FLAG_SEQUENTIAL_SCAN, nullptr)));
     if (!file)
         return nullptr;
-    // Not the size that the folder tells: the file may have shrunk since. From here on nobody can write to it.
+    // Not the size from the directory: the file may have shrunk since. From here on nobody can write to it.
     LARGE_INTEGER size = {};
     if (GetFileSizeEx(file.get(), &size) == 0)
         return nullptr;
@@ -42,6 +42,6 @@ const wchar_t *DriverOfInfFile(const std::wstring &path) {
     if (!view)
         return nullptr;
     InfFile inf{{static_cast<const std::byte *>(view.get()), static_cast<std::size_t>(size.QuadPart)}};
-    // On a bad sector the file can be mapped all the same.
+    // A file with a bad sector can still be mapped.
     return ReadView(inf.content, &FindDriver, &inf) ? inf.driver : nullptr;
 }

@@ -5,7 +5,7 @@
 namespace {
 
 /// @param subfolder  appended to the shell's folder.
-/// @param fallback   taken whole where the shell doesn't tell.
+/// @param fallback   the whole path if the shell has none.
 /// @return the shell's result.
 HRESULT FindFolder(int id, const wchar_t *subfolder, const wchar_t *fallback, std::wstring &folder) {
     wchar_t path[MAX_PATH] = L"";

@@ -5,7 +5,7 @@
 
 #include <windows.h>
 
-/// Each with a backslash behind it.
+/// Each ends in a backslash.
 struct InfFolders {
     std::wstring inf;
     std::wstring catalogs;

@@ -36,12 +36,12 @@ bool IsName(const wchar_t *text, const DriverName &name) {
 template <typename Character>
 class NameCounts {
 public:
-    /// Looks for a name that begins here.
+    /// Counts a name that begins here.
     /// @return the driver that is now named often enough; null if none is.
     const wchar_t *CountAt(const std::byte *position) {
         std::array<Character, kNameLength> text;
         std::memcpy(text.data(), position, sizeof(text));
-        // The second letter spares most of them the two calls.
+        // Checking the second letter avoids most of the calls.
         // compat 116: the first letter counts in lower case only, the others in any case
         if (text[0] != kFirstLetter || (text[1] != 'b' && text[1] != 'B'))
             return nullptr;
@@ -55,7 +55,7 @@ private:
     std::array<int, kDriverNames.size()> m_counts{};
 };
 
-/// All bits of each of these 16 bytes that is the first letter.
+/// Sets all bits of each of these 16 bytes that is the first letter.
 __m128i MarkFirstLetters(const std::byte *bytes) {
     return _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes)), _mm_set1_epi8(kFirstLetter));
 }
@@ -65,7 +65,7 @@ std::uint64_t FirstLettersIn(const std::byte *block) {
     const __m128i marks[] = {MarkFirstLetters(block), MarkFirstLetters(block + 16), MarkFirstLetters(block + 32),
                              MarkFirstLetters(block + 48)};
     const __m128i any = _mm_or_si128(_mm_or_si128(marks[0], marks[1]), _mm_or_si128(marks[2], marks[3]));
-    // Most blocks hold none, so one test has to do for the four.
+    // Most blocks hold none, so one test covers all four.
     if (_mm_movemask_epi8(any) == 0)
         return 0;
     const auto bits = [&marks](std::size_t i) {

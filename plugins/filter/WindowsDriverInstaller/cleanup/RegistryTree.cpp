@@ -6,14 +6,14 @@
 
 #include "common/Unique.h"
 
-// Documented for drivers; no header for programs declares it. RegDeleteKeyW takes a path, and follows the links in it.
+// Documented for drivers; no user-mode header declares it. RegDeleteKeyW takes a path and follows the links in it.
 extern "C" __declspec(dllimport) LONG NTAPI NtDeleteKey(HANDLE key);
 
 namespace {
 
 constexpr int kMaxReturns = 10;
-constexpr int kMaxSubkeys = 10'000;  ///< More than a device has: whoever makes new ones all the time ends the deletion.
-constexpr int kMaxLevels = 512;      ///< The system lets no tree be deeper.
+constexpr int kMaxSubkeys = 10'000;  ///< More than a device has: ends the deletion if somebody keeps adding keys.
+constexpr int kMaxLevels = 512;      ///< The registry's own limit.
 
 /// Opens a link itself, never what it leads to: anybody may have put one into a key that is open to everyone. For the
 /// same reason each key is opened from the one above it, so that no link can slip into a path.
@@ -24,7 +24,7 @@ LSTATUS OpenItself(HKEY parent, const std::wstring &name, REGSAM access, UniqueK
     return status;
 }
 
-/// @return false also for a key that has subkeys.
+/// @return false also if the key has subkeys.
 bool DeleteKeyWithoutSubkeys(HKEY parent, const std::wstring &name) {
     UniqueKey key;
     return OpenItself(parent, name, DELETE, key) == ERROR_SUCCESS && NtDeleteKey(key.get()) == 0;
@@ -45,7 +45,7 @@ std::optional<std::wstring> FirstSubkey(const UniqueKey &key) {
 
 bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels);
 
-/// Always takes the first one, since each is gone when the next is asked for. Ends at the first that stays.
+/// Always deletes the first one, since each is gone when the next is queried. Stops at the first that stays.
 void DeleteSubkeys(const UniqueKey &key, int levels) {
     std::wstring deleted;
     int returns = 0;
@@ -53,7 +53,7 @@ void DeleteSubkeys(const UniqueKey &key, int levels) {
         const std::optional<std::wstring> name = FirstSubkey(key);
         if (!name)
             break;
-        // One that is made anew whenever it is gone, or that can't be found by its name, is not tried without end.
+        // A key that is recreated each time, or can't be found by its name, must not keep this loop running.
         if (*name == deleted && ++returns == kMaxReturns)
             break;
         if (!DeleteKeyWithSubkeys(key.get(), *name, levels))
@@ -62,9 +62,9 @@ void DeleteSubkeys(const UniqueKey &key, int levels) {
     }
 }
 
-/// @param levels  how many more the tree may have.
+/// @param levels  how deep the rest of the tree may be.
 bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels) {
-    // A key without subkeys needs no more.
+    // Enough for a key without subkeys.
     if (DeleteKeyWithoutSubkeys(parent, name))
         return true;
     {

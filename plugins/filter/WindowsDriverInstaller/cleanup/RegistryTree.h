@@ -1,12 +1,11 @@
-// Deletes a registry key with all below it.
+// Deletes a registry key and everything below it.
 #pragma once
 
 #include <string>
 
-/// Symbolic links in the tree are deleted and never followed: what they lead to stays. A key whose name has a zero in
-/// it stays, with those that follow it and those above it.
-/// @param keyPath  the key's path below HKEY_LOCAL_MACHINE. The keys above it must be writable by the system alone,
-/// since
-///                 links among them are followed.
-/// @return 0 when the key is gone, also if it never was there, else 1. What could be deleted is gone then, too.
+/// Deletes symbolic links in the tree and never follows them. A key whose name contains a zero stays, with the keys
+/// after it and above it.
+/// @param keyPath  path below HKEY_LOCAL_MACHINE. Links among the keys above it are followed, so only the system may
+///                 have write access to those.
+/// @return 0 if the key is gone or never existed, else 1; then what could be deleted is gone, too.
 int DeleteRegistryTree(const std::wstring &keyPath);

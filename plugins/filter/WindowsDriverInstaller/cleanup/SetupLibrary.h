@@ -1,4 +1,4 @@
-// setupapi, whose functions for INF files are looked for at run time: not every system has them.
+// setupapi, whose functions for INF files are resolved at run time: not every system has them.
 #pragma once
 
 #include <windows.h>
@@ -12,7 +12,7 @@ public:
     /// @param function  set to null where there is no such function.
     template <typename Function>
     void FindFunction(const char *name, Function &function) const {
-        // By its name: it may be there although it could not be loaded once more.
+        // By name: it may be loaded already even if loading it again has failed.
         const HMODULE module = GetModuleHandleW(L"setupapi");
         const FARPROC found = module == nullptr ? nullptr : GetProcAddress(module, name);
         function = reinterpret_cast<Function>(reinterpret_cast<void *>(found));

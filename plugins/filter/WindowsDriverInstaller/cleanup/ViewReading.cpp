@@ -16,7 +16,7 @@ bool IsWithin(std::span<const std::byte> view, std::uintptr_t address) {
     return address - reinterpret_cast<std::uintptr_t>(view.data()) < view.size();
 }
 
-/// What becomes of an exception: a value of an __except filter.
+/// The result of the __except filter.
 int DecideOnException(const EXCEPTION_RECORD &exception, const Reading &reading) {
     const bool isPage =
         exception.ExceptionCode == EXCEPTION_IN_PAGE_ERROR || exception.ExceptionCode == EXCEPTION_ACCESS_VIOLATION;
@@ -42,7 +42,7 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
 
 #elif defined(__x86_64__)
 
-// The same for a compiler without __try: this is the code that it stands for.
+// The same for compilers without __try: what MSVC would generate.
 extern "C" {
 int FcGuardedRead(const Reading *reading);
 void FcRead(const Reading *reading);

@@ -17,10 +17,10 @@
 
 namespace {
 
-constexpr std::size_t kVersionTextBytes = 112;  // what the library is offered; it is not told
+constexpr std::size_t kVersionTextBytes = 112;  // the size of the library's buffer, which it is not told
 constexpr int kComponents = 4;
 
-/// The text that the running driver answers with. @return false without a driver, or after a report.
+/// Reads the running driver's version text. @return false without a driver, or after reporting a failure.
 bool ReadVersionText(VtaCore::CDom &dom, std::array<char, kVersionTextBytes + 1> &text) {
     DriverHandle handle(vti_open());
     // compat 151: a driver that can't be opened sends no event

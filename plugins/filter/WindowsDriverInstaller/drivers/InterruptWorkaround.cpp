@@ -28,7 +28,7 @@ struct WindowsVersion {
     [[nodiscard]] bool Is(int otherMajor, int otherMinor) const { return major == otherMajor && minor == otherMinor; }
 };
 
-/// From version 10.0 with this build on, filters bind by another logic.
+/// From this build of version 10.0 on, filters bind by another logic.
 bool NeedsBindMode(const WindowsVersion &version) {
     constexpr int firstBuild = 16299;
     return version.major > 10 || (version.major == 10 && (version.minor > 0 || version.build >= firstBuild));
@@ -40,7 +40,7 @@ bool NeedsFairShareOff(const WindowsVersion &version) {
     return version.Is(10, 0) && version.build >= firstBuild && version.build <= lastBuild;
 }
 
-/// What the registry says of versions that the system tells no program without a manifest.
+/// The version in the registry. Windows hides it from programs without a manifest.
 std::optional<WindowsVersion> VersionFromRegistry() {
     const wxLogNull quiet;
     wxRegKey key(wxRegKey::HKLM, kVersionKey);
@@ -76,7 +76,7 @@ LSTATUS QueryRegistryNumber(const wchar_t *path, const wchar_t *name, DWORD &num
 
 bool WriteRegistryNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number, const TraceSite &site) {
     {
-        const wxLogNull quiet;  // the trace tells it
+        const wxLogNull quiet;  // traced below
         if (key.Open(wxRegKey::Write) && key.SetValue(name, number))
             return true;
     }
@@ -84,7 +84,7 @@ bool WriteRegistryNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name
     return false;
 }
 
-/// An absent value is made, one that can't be read stays as it is.
+/// Creates the value if it is absent; leaves one that can't be read.
 void SetBindMode(const TraceSite &site) {
     Trace(site, "InstallOrUpdateDriver: set registry %s", kBindMode);
     wxRegKey key(wxRegKey::HKLM, kNdisKey);

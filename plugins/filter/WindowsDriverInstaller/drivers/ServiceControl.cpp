@@ -27,7 +27,7 @@ DWORD LogLastError(const char *format) {
     return error;
 }
 
-/// @return nothing, with a line in the log, where it can't be opened.
+/// Logs a failure. @return null if it can't be opened.
 UniqueService OpenServiceManagerOrLog() {
     UniqueService manager = OpenServiceManager();
     if (!manager)
@@ -35,7 +35,7 @@ UniqueService OpenServiceManagerOrLog() {
     return manager;
 }
 
-/// The same of a driver's service.
+/// The same for a driver's service.
 UniqueService OpenDriverServiceOrLog(const UniqueService &manager, const wchar_t *name) {
     UniqueService service = OpenDriverService(manager, name);
     if (!service)
@@ -52,10 +52,10 @@ bool IsServiceRunning(const wchar_t *name) {
     return service && QueryServiceStatus(service.get(), &status) != 0 && status.dwCurrentState == SERVICE_RUNNING;
 }
 
-/// What a start and a stop do differently.
+/// How starting and stopping differ.
 struct ServiceChange {
     bool (*act)(SC_HANDLE service);
-    const char *failure;  ///< The log's text.
+    const char *failure;  ///< The line in the log.
     DWORD harmlessError;  ///< The service is in that state already.
     DWORD awaitedState;
 };

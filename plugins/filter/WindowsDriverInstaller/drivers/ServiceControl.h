@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-// Each yields whether the driver is then in the state that was asked for, or on its way there.
+// Each returns whether the driver is in the requested state, or on its way there.
 // compat 127: a service that can't be opened is a success; a stop without a service manager, too, but not a start
 // @param wait  wait for the state, for half a minute at most.
 bool StartWFPCallout(bool wait);
@@ -18,7 +18,7 @@ bool RestartNDISDriver(bool wait);
 bool IsWfpServiceInstalled();
 /// Deletes the callout's service. @return false with a line in the log.
 bool DeleteWfpService();
-// Whether the service runs; false also where that can't be found out.
+// Whether the service runs; false also if that can't be queried.
 bool IsNdisServiceRunning();
 bool IsWfpServiceRunning();
 

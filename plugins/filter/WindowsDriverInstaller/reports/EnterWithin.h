@@ -1,9 +1,9 @@
-// A critical section that must not hold up the one who enters it for ever.
+// Enters a critical section with a time limit.
 #pragma once
 
 #include <wx/thread.h>
 
-/// Leaves a section that was entered.
+/// Leaves an entered section at the end of the scope.
 class LeaveAtEnd {
 public:
     explicit LeaveAtEnd(wxCriticalSection &toLeave) : section(toLeave) {}
@@ -15,7 +15,7 @@ private:
     wxCriticalSection &section;
 };
 
-/// @return false if it could not be entered within the time; else it is to be left.
+/// @return false if it could not be entered in time; otherwise the caller has to leave it.
 inline bool EnterWithin(wxCriticalSection &section, int milliseconds) {
     constexpr int pauseMs = 50;
     for (; !section.TryEnter(); milliseconds -= pauseMs) {

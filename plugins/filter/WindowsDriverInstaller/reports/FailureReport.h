@@ -1,4 +1,4 @@
-// The one reporter of failures of the system.
+// Reports failures of the operating system.
 #pragma once
 
 #include "vta_core.h"

@@ -26,11 +26,11 @@ private:
     wxCriticalSection &lock;
 };
 
-/// What a driver thread logs, as text. A thread that is left running takes it along.
+/// The log of a driver thread, as text. A thread that is left running keeps it.
 class GrabbedLog {
 public:
     [[nodiscard]] wxLog *Target() const { return grabber.get(); }
-    /// Of a thread that may still log. Empty if it hangs in a line.
+    /// For a thread that may still log. Empty if it hangs while it logs a line.
     [[nodiscard]] wxString TextSoFar() {
         constexpr int patienceMs = 10'000;
         if (!EnterWithin(lock, patienceMs))
@@ -38,7 +38,7 @@ public:
         const LeaveAtEnd entered{lock};
         return text.Clone();
     }
-    /// Of a thread that has ended. Ends the grabber, which may have held some of the text back until then.
+    /// For a thread that has ended. Ends the grabber, which may still hold back some text.
     [[nodiscard]] wxString WholeText() {
         grabber.reset();
         return text;

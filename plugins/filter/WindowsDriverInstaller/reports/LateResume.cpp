@@ -36,7 +36,7 @@ void LateResume::Start() {
     shared->helper.reset(CreateThread(nullptr, 0, &ResumeIfLate, forHelper.get(), 0, nullptr));
     if (!shared->helper)
         return;
-    (void)forHelper.release();  // the helper's
+    (void)forHelper.release();  // owned by the helper now
     isReady = WaitForSingleObject(shared->ready.get(), kStartOrEndMs) == WAIT_OBJECT_0;
 }
 
@@ -51,7 +51,7 @@ DWORD WINAPI LateResume::ResumeIfLate(void *shared) {
     const std::unique_ptr<std::shared_ptr<Shared>> owner(static_cast<std::shared_ptr<Shared> *>(shared));
     const Shared &mine = **owner;
     (void)SetEvent(mine.ready.get());
-    // Again and again: the thread may be paused only after the first time is up.
+    // Repeatedly: the thread may be paused only after the first timeout.
     while (WaitForSingleObject(mine.over.get(), kLongestPauseMs) == WAIT_TIMEOUT) {
         constexpr DWORD failed = static_cast<DWORD>(-1);
         if (ResumeThread(mine.paused.get()) == failed)

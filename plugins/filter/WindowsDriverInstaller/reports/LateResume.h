@@ -1,4 +1,4 @@
-// A paused thread goes on, also when whoever paused it can't resume it.
+// Resumes a paused thread if the one that paused it can't.
 #pragma once
 
 #include <memory>
@@ -6,13 +6,13 @@
 #include <windows.h>
 #include <wx/thread.h>
 
-/// To be made before a thread is paused. Until it is destroyed it resumes the thread every five seconds: whoever paused
+/// Create it before a thread is paused. Until it is destroyed it resumes the thread every five seconds: whoever paused
 /// the thread may be waiting for a lock that it holds, such as the heap's or the loader's. Its own thread, which does
 /// that, allocates nothing.
 class LateResume {
 public:
     explicit LateResume(const wxThread &thread);
-    /// The thread is not resumed by it any more.
+    /// Stops resuming the thread.
     ~LateResume();
     LateResume(const LateResume &) = delete;
     LateResume &operator=(const LateResume &) = delete;
@@ -25,6 +25,6 @@ private:
     static DWORD WINAPI ResumeIfLate(void *shared);
     void Start();
 
-    std::shared_ptr<Shared> shared;  // with a helper that could not start yet, or not end
+    std::shared_ptr<Shared> shared;  // shared with a helper that may not have started or ended yet
     bool isReady = false;
 };

@@ -4,7 +4,7 @@
 #include <string>
 
 #include <windows.h>
-// behind windows.h, which it needs
+// needs windows.h before it
 #include <dbghelp.h>
 #include <wx/log.h>
 #include <wx/stackwalk.h>
@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kMaxFrames = 200;
 constexpr int kPatienceMs = 10'000;  ///< Longer than a walk takes.
 
-/// A stack by its addresses, the innermost first.
+/// The addresses of a stack, the innermost first.
 struct Frames {
     std::array<DWORD64, kMaxFrames> addresses{};
     std::size_t count = 0;
@@ -89,14 +89,14 @@ public:
     }
 
 protected:
-    void OnGetName() override {}  // it has it
+    void OnGetName() override {}  // set already
 };
 
 class StackDump : public wxStackWalker {
 public:
     StackDump() : wxStackWalker(nullptr) {}
 
-    /// Adds the frames with their names. Needs locks that a paused thread may hold.
+    /// Adds the frames with their names. Takes locks that a paused thread may hold.
     void Add(const Frames &frames) {
         const Symbols symbols;
         for (std::size_t level = 0; level < frames.count; ++level)
@@ -151,7 +151,7 @@ void WalkStack(DWORD id, Frames &frames) {
         WalkFrom(context, frames);
 }
 
-/// Nothing in here allocates while the thread is paused, but what the system does.
+/// Allocates nothing while the thread is paused, except inside the system.
 void WalkPaused(wxThread &thread, Frames &frames) {
     const LateResume late(thread);
     const auto id = static_cast<DWORD>(thread.GetId());
@@ -165,7 +165,7 @@ void WalkPaused(wxThread &thread, Frames &frames) {
 }  // namespace
 
 void PrepareStackDump() {
-    // The library may load others at its first walk.
+    // The first walk may load libraries.
     static const bool walked = [] {
         CONTEXT context = {};
         RtlCaptureContext(&context);

@@ -1,10 +1,10 @@
-// Where a stuck thread stands, as text for the log.
+// The call stack of a stuck thread, as text.
 #pragma once
 
 #include <wx/string.h>
 #include <wx/thread.h>
 
-/// Loads what CaptureThreadStack needs. To be called before the thread can be stuck.
+/// Loads what CaptureThreadStack needs. Call it before the thread can get stuck.
 void PrepareStackDump();
 
 /// The thread's call stack, a line for each frame, the innermost first; 200 frames at most. The thread is paused while

@@ -32,9 +32,9 @@ void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
     EndStep(GettingAdapterInfo);
 }
 
-/// Without the records the adapters have no addresses.
-/// @param records  null when the system doesn't tell.
-/// @return false without memory.
+/// Reads IP Helper's records, from which the adapters' addresses come.
+/// @param records  null if the system returns none.
+/// @return false if memory runs out.
 bool CDriverInstallerThread::ReadIpHelper(IpHelperRecords &records) {
     ULONG size = 11'264;
     if (!ResizeBlock(records, size)) {

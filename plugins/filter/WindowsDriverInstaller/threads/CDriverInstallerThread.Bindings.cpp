@@ -24,7 +24,7 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
     return true;
 }
 
-/// What can't be read of the component leaves it as it is.
+/// If something of the component can't be read, its bindings stay.
 void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
                                            bool useIpState) {
     DWORD characteristics = 0;  // compat 155: only whether they can be read counts

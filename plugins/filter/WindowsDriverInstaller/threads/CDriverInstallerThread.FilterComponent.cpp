@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int kMaxInstallAttempts = 3;
-/// For whoever still has the old service open.
+/// Gives others time to close the old service.
 constexpr unsigned long kMarkedForDeletePauseMs = 5'000;
 
 HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
@@ -51,7 +51,7 @@ HRESULT CDriverInstallerThread::InstallOnThisSystem(INetCfg *netCfg, const wchar
     return isEmbedded ? InstallOnEmbeddedSystem(netCfg, directory) : InstallFilterComponent(netCfg);
 }
 
-/// Such a system looks for the driver in its own folder. No failure around the copy changes the outcome.
+/// Such a system searches its own folder for the driver. A failed copy does not change the outcome.
 HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory) {
     wchar_t windows[MAX_PATH] = L"";
     if (GetWindowsDirectoryW(windows, MAX_PATH) == 0) {

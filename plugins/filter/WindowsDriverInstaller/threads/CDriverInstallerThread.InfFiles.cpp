@@ -12,16 +12,15 @@
 
 namespace {
 
-/// Where a driver without a signature that the system accepts is explained.
+/// The support article on drivers whose signature Windows does not accept.
 constexpr wchar_t kSigningArticle[] = L"https://support.quillon.example/articles/signed-drivers";
-/// SetupCopyOEMInf's answer to such a driver.
+/// SetupCopyOEMInf's error for such a driver.
 constexpr unsigned long kDriverNotSigned = 0x800F0247;
 /// The filter driver's INF files. compat 80: the predecessor's two at the end are never copied
 constexpr std::array<const wchar_t *, 5> kInfFiles{L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf",
                                                    L"netrxwim.inf", L"netrxwip.inf"};
 constexpr std::size_t kCopiedInfFiles = 3;
 
-/// Copies each of the INF files that is there.
 HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     StartStep(CopyingInfFiles);
     HRESULT hr = S_OK;

@@ -21,7 +21,7 @@ void CDriverInstallerThread::UnbindUnsuitableAdapters() {
         (void)RestoreBindings(toUnbind);
 }
 
-/// @return copies that say unbound.
+/// @return copies whose records say unbound.
 TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &adapters, bool unbindDuplicates) {
     TcpAdapterList toUnbind;
     std::set<wxString> nodesToUnbind;

@@ -1,4 +1,5 @@
-// The thread that installs the drivers, in steps as the removal has them. Belongs to WindowsDriverInstaller.cpp.
+// The thread that installs the drivers, in the same kind of steps as the removal. Belongs to
+// WindowsDriverInstaller.cpp.
 #pragma once
 
 #include <memory>
@@ -16,43 +17,43 @@
 
 namespace {
 
-/// Between two changes of the bindings.
+/// Pause between two changes of the bindings.
 constexpr unsigned long kRebindPauseMs = 1'000;
 
-/// A chain of adapters as IP Helper tells them.
+/// IP Helper's chain of adapters.
 using IpHelperRecords = Block<IP_ADAPTER_INFO>;
 
-/// The watchdog uses the object, too, before the thread starts and after it has ended: for its log and the bindings.
+/// The watchdog also uses the object for its log and the bindings, before the thread starts and after it has ended.
 class CDriverInstallerThread : public CDriverUninstallerThread {
 public:
     /// @param toInstallNeeded  install the drivers.
-    /// @param toUpgradeNeeded  a driver of another version is there and goes first.
-    /// @param toLogTarget      receives the log of the thread; outlives it.
+    /// @param toUpgradeNeeded  remove a driver of another version first.
+    /// @param toLogTarget      receives the thread's log; must outlive the thread.
     CDriverInstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir,
                            bool toInstallNeeded, bool toUpgradeNeeded, wxLog *toLogTarget)
         : CDriverUninstallerThread(toDom, toNdisDriverDir, toWfpDriverDir),
           installNeeded(toInstallNeeded),
           upgradeNeeded(toUpgradeNeeded),
           logTarget(toLogTarget) {}
-    /// Unlike the base on its own, closes `stepFinished`.
+    /// Closes `stepFinished`, unlike the base class.
     ~CDriverInstallerThread() override;
 
     const char *Name() const override { return "CDriverInstallerThread"; }
 
-    /// Appends a record for each adapter. What can't be read stays out of the record, or the record out of the list.
+    /// Appends a record for each adapter. Leaves out fields that can't be read, or the whole record.
     void GetTcpAdapters(TcpAdapterList &adapters);
-    /// Brings each adapter of the list to the state that its record tells, or, without a list, unbinds all of them.
-    /// Each change is applied at once.
-    /// @param enable      false without a list; of no effect with one.
+    /// Binds or unbinds each adapter of the list according to its record. Without a list, unbinds all adapters. Applies
+    /// each change at once.
+    /// @param enable      must be false without a list; has no effect with one.
     /// @param adapters    null for all; adapters that are not in the list stay as they are.
     /// @param useIpState  the record's `boundToIp` counts, otherwise its `boundToFilter`.
-    /// @return false for `enable` without a list, and when the network configuration can't be opened.
+    /// @return false if `enable` is set without a list, or if the network configuration can't be opened.
     bool SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState);
-    // The three ways in which it is called; the results are the same.
+    // The three uses of SetFilterBindings, with its result.
     bool UnbindAll() { return SetFilterBindings(false, nullptr, false); }
-    /// Binds the filter to each adapter whose record says so, and unbinds it from the others of the list.
+    /// Binds the filter to the adapters of the list that it was bound to, and unbinds it from the others.
     bool RestoreBindings(const TcpAdapterList &adapters) { return SetFilterBindings(false, &adapters, false); }
-    /// Binds the filter to each adapter whose record says that IP is bound, and unbinds it from the others of the list.
+    /// Binds the filter to the adapters of the list that IP was bound to, and unbinds it from the others.
     bool BindWhereIpWas(const TcpAdapterList &adapters) { return SetFilterBindings(true, &adapters, true); }
     /// Unbinds adapters without TCP/IP and, on older servers, physical ones that share their MAC with another.
     void UnbindUnsuitableAdapters();

@@ -95,7 +95,7 @@ bool CDriverInstallerWatchdog::WatchWorker(unsigned *failedStep) {
     return succeeded;
 }
 
-/// An old driver that is still loaded may go when nothing is bound to it.
+/// An old driver that is still loaded may be unloaded when nothing is bound to it.
 void CDriverInstallerWatchdog::RebindIfStale() {
     DriverVersion running;
     if (!GetDriverVersion(*dom, running) || running == ourVersion)

@@ -14,7 +14,7 @@
 
 namespace {
 
-/// For a network that has just been changed.
+/// Lets a network settle that has just been changed.
 constexpr unsigned long kSettlingMs = 2'000;
 constexpr int kHealthPolls = 3;
 constexpr unsigned long kHealthPollMs = 2'000;
@@ -80,7 +80,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
 }
 
 /// compat 103: the first call restores the recorded binding, so an adapter that had the filter keeps it.
-/// After an upgrade the recorded binding is put back, after a fresh installation the filter goes where IP was.
+/// After an upgrade the recorded bindings are restored; after a new installation the filter is bound where IP was.
 void CDriverInstallerWatchdog::RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded) {
     installerThread->DbgPrint(L"Network doesn't appear healthy - unbinding & rebinding %ls", kFilterComponent);
     if (!installerThread->RestoreBindings(stillUnhealthy))

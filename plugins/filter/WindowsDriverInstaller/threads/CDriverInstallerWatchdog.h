@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Frees itself when its thread ends.
+/// Deletes itself when its thread ends.
 class CDriverInstallerWatchdog : public VtaCore::CRunnable {
 public:
     /// @param toDom          must outlive the thread.
@@ -35,7 +35,7 @@ private:
 
     /// compat 66: true also when the installation failed; false only when the work could not be started
     bool InstallOrUpdateDriver();
-    /// Sets the two flags by the versions.
+    /// Sets installNeeded and upgradeNeeded from the versions.
     void DecideByVersions(const TraceSite &site);
     bool GetBundledDriverVersion();
     bool GetInstalledDriverVersion();
@@ -48,10 +48,10 @@ private:
     bool WatchWorker(unsigned *failedStep);
     void RebindIfStale();
     void ReportOutcome(bool succeeded, unsigned failedStep);
-    /// @return whether the network is as good as it was, as far as that can be told.
+    /// @return whether the network is as good as before, as far as that can be checked.
     bool IsNetworkAsBefore(const TraceSite &site);
 
-    /// Repairs the network if an adapter got worse. @return true when it is taken to be healthy.
+    /// Tries to recover the network if an adapter got worse. @return whether the network is considered healthy.
     bool CheckNetworkHealth(bool upgraded);
     /// @return whether all adapters are healthy within three polls.
     bool AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
@@ -59,9 +59,9 @@ private:
     void RestartAdapters(const TcpAdapterList &adapters);
     void ClearArpCache();
     void GenerateOutgoingTraffic();
-    /// What decides which adapters are restarted.
+    /// Which adapters are restarted.
     enum class BoundTo { Filter, Ip };
-    // @return whether there was one.
+    // @return whether a device was changed.
     bool EnableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
         return EnableOrDisableAdapters(adapters, true, boundTo == BoundTo::Ip);
     }
@@ -69,7 +69,7 @@ private:
         return EnableOrDisableAdapters(adapters, false, boundTo == BoundTo::Ip);
     }
     /// @param useIpState  acts on adapters that are bound to IP, otherwise on those that are bound to the filter.
-    /// @return whether there was one.
+    /// @return whether a device was changed.
     bool EnableOrDisableAdapters(const TcpAdapterList &adapters, bool enable, bool useIpState);
 
     std::shared_ptr<InstallStatus> installerStatus;

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// setupapi's InstallHinfSectionW, which reports nothing back.
+/// setupapi's InstallHinfSectionW, which returns nothing.
 using InstallHinfSection = void(WINAPI *)(HWND window, HINSTANCE instance, PCWSTR command, INT show);
 
 /// compat 113: no failure in here stops the removal or shows in its result

@@ -24,7 +24,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
     const UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
     if (search) {
         do {
-            // None of the drivers' INF files is empty, let alone of 4 GiB and more.
+            // None of the drivers' INF files is empty, or 4 GiB or more.
             const bool canBeOurs = found.nFileSizeHigh == 0 && found.nFileSizeLow != 0;
             const std::wstring path = folders.inf + found.cFileName;
             const wchar_t *driver = canBeOurs ? DriverOfInfFile(path) : nullptr;

@@ -9,11 +9,11 @@
 
 namespace {
 
-/// How this module names itself to others that want the write lock.
+/// The name under which other programs see this module hold the write lock.
 constexpr wchar_t kLockDescription[] = L"Quillon Vantry Agent Installer";
 // compat 152: longer than the ten seconds of the step around the wait
 constexpr DWORD kWriteLockWaitMs = 15'000;
-/// The one entry of the module's message table.
+/// The only entry in the module's message table.
 constexpr unsigned kConfigurationLockedMessage = 0x80007530;
 
 HRESULT InitializeCom() {
@@ -59,10 +59,10 @@ HRESULT CDriverUninstallerThread::OpenINetCfg(bool writeLock, INetCfg **result) 
         return hr;
     }
     (void)netCfg.CopyTo(result);
-    return S_OK;  // whatever success it was: callers ask for this one
+    return S_OK;  // whichever success it was: callers check for this one
 }
 
-/// After a failure, which stays the result.
+/// For use after a failure, which stays the result.
 void CDriverUninstallerThread::ReleaseWriteLock(INetCfgLock *lock) {
     const HRESULT hr = lock->ReleaseWriteLock();
     if (FAILED(hr))

@@ -57,7 +57,7 @@ HRESULT CDriverUninstallerThread::UninstallComponent(const wchar_t *componentId,
         DbgPrint(L"'%ls' is not installed", componentId);
         *notInstalled = true;
         hr = S_OK;
-    } else if (hr != NETCFG_S_REBOOT) {  // which leaves the rest to the boot: nothing is applied
+    } else if (hr != NETCFG_S_REBOOT) {  // a reboot request leaves the rest to the boot: nothing is applied
         NoteFailedStep();
     }
     return hr;
@@ -69,7 +69,7 @@ HRESULT CDriverUninstallerThread::RemoveComponent(INetCfg *netCfg, const wchar_t
 
     ComPtr<INetCfgComponent> component;
     StartStep(FindingComponent);
-    HRESULT hr = netCfg->FindComponent(componentId, &component);  // the one failure that the caller notes
+    HRESULT hr = netCfg->FindComponent(componentId, &component);  // the only failure that the caller notes
     if (hr == S_OK)
         hr = RequireObject(hr, component);
     if (FAILED(hr))

@@ -44,7 +44,7 @@ void CDriverUninstallerThread::EndStep(std::uint32_t step) {
             stepStack.pop_back();
         }
     }
-    // Behind the lock, so the watcher may have moved on when this is logged.
+    // Outside the lock, so the watcher may have moved on when this is logged.
     if (!IsSilentStep(step))
         DbgPrint(L"<%s", StepName(step));
     (void)SetEvent(stepFinished.get());

@@ -8,7 +8,7 @@
 namespace {
 
 bool CDriverUninstallerThread::WaitForStepToFinish() {
-    // A step that begins signals nothing, so the watcher must not wait for long on what it saw beneath.
+    // A new step signals nothing, so the watcher must poll.
     constexpr DWORD pollMs = 1'000;
     constexpr unsigned long emptyStackPauseMs = 100;
     waitFailed = false;
@@ -27,7 +27,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
             watched = top;
             timeout = std::min(timeout, RestOfTopStep());
         }
-        // The end of a step between the poll and the wait leaves the event set; two ends may be one wake-up.
+        // A step that ends between the poll and the wait leaves the event set. Two ends may cause one wake-up.
         switch (WaitForSingleObject(stepFinished.get(), timeout)) {
             case WAIT_OBJECT_0:
             case WAIT_ABANDONED:
@@ -44,7 +44,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
     }
 }
 
-/// Only the top step is watched. The clock of those beneath runs on all the same.
+/// Only the top step is watched, but the clocks of the others keep running.
 DWORD CDriverUninstallerThread::RestOfTopStep() const {
     const StepRecord &top = *stepStack.back();
     const std::uint32_t limit = top.limitSeconds * 1000;

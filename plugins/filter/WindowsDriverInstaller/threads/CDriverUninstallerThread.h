@@ -21,7 +21,7 @@
 #include "common/Unique.h"
 #include "vta_core.h"
 
-/// An argument of DbgPrint; valid for as long as the text.
+/// Converts an argument of DbgPrint. The result is valid as long as the text.
 inline const wchar_t *Wide(const wxString &text) {
     return text.wc_str();
 }
@@ -34,7 +34,7 @@ using Microsoft::WRL::ComPtr;
 /// The filter driver's network component.
 constexpr wchar_t kFilterComponent[] = L"qbimvta";
 
-/// A step that runs.
+/// A running step.
 struct StepRecord {
     std::uint32_t limitSeconds;
     std::uint32_t step;
@@ -52,23 +52,23 @@ class NetCfgSession;
 class CDriverUninstallerThread : public VtaCore::CRunnable {
 public:
     /// @param dom            must outlive the object.
-    /// @param ndisDriverDir  folder of the filter driver's files, with a separator behind it; read by the installer
+    /// @param ndisDriverDir  folder of the filter driver's files, ending in a separator; read by the installer
     /// only.
-    /// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
+    /// @param wfpDriverDir   folder of the callout driver's files, ending in a separator.
     CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir);
     /// compat 87: leaves `stepFinished` open; each object of this very class costs one event handle
     ~CDriverUninstallerThread() override { (void)stepFinished.release(); }
 
     /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
-    /// @return false when the top step has overrun or the wait failed; otherwise it is to be called again.
+    /// @return false when the top step has overrun or the wait failed; otherwise call it again.
     bool WaitForStepToFinish();
-    /// Watcher: whether the top step has overrun by now, or the last wait has failed.
+    /// Watcher: whether the top step has overrun, or the last wait has failed.
     bool CannotBeWaitedFor();
-    /// The step on top of the stack, NoStep where there is none. Any thread.
+    /// The step on top of the stack, or NoStep. Any thread.
     std::uint32_t TopStep();
     /// Held by a watcher that kills the worker, so that the worker doesn't hold it.
     wxCriticalSection &StepLock() { return stepLock; }
-    /// What tells whether the thread has ended.
+    /// Tells whether the thread has ended.
     ThreadEnd &End() { return end; }
     /// Writes a line to the thread's log, indented by the depth of the step stack. Any thread.
     /// @param format  follows the rules of a wide printf.
@@ -86,28 +86,28 @@ protected:
     /// @param format  begins with the indentation.
     virtual void DbgPrintV(const wchar_t *format, va_list arguments);
 
-    /// Begins a step with the limit of the table.
+    /// Begins a step with its limit from the table.
     void StartStep(InstallerStep step) { StartStep(step, StepLimitSeconds(step)); }
     void StartStep(std::uint32_t step, std::uint32_t limitSeconds);
-    /// Ends the step on top, whichever that is; a warning is logged if it is not `step`.
+    /// Ends the step on top; logs a warning if that is not `step`.
     void EndStep(std::uint32_t step);
-    /// Keeps the step on top as the one that failed, unless one failed before. Called while the step is on the stack.
+    /// Remembers the step on top as the one that failed, unless another failed before. Call it before the step ends.
     void NoteFailedStep();
     /// Reports a failure of the system or of COM as an agent event.
-    /// @param error  code of Windows or HRESULT.
+    /// @param error  Windows error code or HRESULT.
     void ReportFailure(unsigned long error, const wchar_t *call);
     void ReportFailure(HRESULT hr, const wchar_t *call) { ReportFailure(static_cast<unsigned long>(hr), call); }
-    /// A call in a step of its own; a failure is reported and noted. @return its result.
+    /// Makes a call in a step of its own; reports and notes a failure. @return the call's result.
     template <typename Call>
     HRESULT CallInStep(InstallerStep step, const wchar_t *name, Call call);
 
-    /// Opens the network configuration, and COM on this thread. A success is matched by ReleaseINetCfg.
-    /// @param writeLock  take its write lock, too; a foreign holder is named to the user.
+    /// Opens the network configuration, and COM on this thread. After a success, call ReleaseINetCfg.
+    /// @param writeLock  take its write lock, too. The user is told which other program holds it.
     HRESULT AcquireINetCfg(bool writeLock, INetCfg **result);
-    /// @param writeLock  as it was at AcquireINetCfg.
+    /// @param writeLock  as passed to AcquireINetCfg.
     HRESULT ReleaseINetCfg(bool writeLock, INetCfg *netCfg);
 
-    /// The removal. @return true when nothing that counts failed.
+    /// Removes the drivers. @return true when nothing that counts failed.
     bool UninstallDriver();
     /// @param notInstalled  set to whether there was no such component, which is no failure.
     HRESULT UninstallComponent(const wchar_t *componentId, bool *notInstalled);
@@ -115,18 +115,19 @@ protected:
     HRESULT RemoveComponent(INetCfg *netCfg, const wchar_t *componentId);
     /// @return S_OK when present, S_FALSE when absent.
     HRESULT IsFilterComponentPresent();
-    /// Removes miniport devices that were left behind, as far as that goes.
+    /// Removes orphaned miniport devices, as far as possible.
     HRESULT CleanUpOrphans();
 
-    /// Removes the INF files of the drivers that the system copied.
-    /// @param uninstallOemInf  null where the system has none.
-    /// @return S_OK, NETCFG_S_REBOOT if a file can only go at the next boot, or why the system folder wasn't found.
+    /// Removes the system's copies of the drivers' INF files.
+    /// @param uninstallOemInf  null if the system has none.
+    /// @return S_OK, NETCFG_S_REBOOT if a file can be deleted only at the next boot, or why the system folder wasn't
+    /// found.
     HRESULT RemoveOemInfFiles(UninstallOemInf uninstallOemInf);
     bool UninstallWFPCallout();
     bool UninstallWFPCalloutWithInstallHinfSection();
     bool UninstallWFPCalloutWithSC();
     /// Runs a section of the callout's INF file through setupapi.
-    /// @param commandStart  what setupapi is told before the file's path: section and mode.
+    /// @param commandStart  setupapi's command before the file's path: section and mode.
     /// @return whether it was run. compat 122: setupapi does not report the section's result
     bool RunWfpInfSection(const wxString &commandStart);
     /// Deletes the enumeration key of a miniport device that nothing else could remove.
@@ -152,7 +153,7 @@ protected:
 private:
     friend class NetCfgSession;
 
-    /// Of a stack that is not empty, with its lock held. @return milliseconds until the limit of the step on top.
+    /// Call it with the lock held and a step on the stack. @return milliseconds until the top step's limit.
     DWORD RestOfTopStep() const;
     bool HasTopStepOverrun();
     HRESULT OpenINetCfg(bool writeLock, INetCfg **result);
@@ -166,10 +167,9 @@ private:
     bool RemoveWithExtension(std::wstring path, const wchar_t *extension);
 
     std::deque<std::unique_ptr<StepRecord>> stepStack;
-    /// Guards the stack alone. Held for a moment, but for the watcher's sleep with an empty stack, and while it kills
-    /// the worker.
+    /// Guards only the stack. Held briefly, except while the watcher sleeps on an empty stack or kills the worker.
     wxCriticalSection stepLock;
-    bool waitFailed = false;  ///< The watcher's: its last wait.
+    bool waitFailed = false;  ///< Of the watcher's last wait.
     ThreadEnd end;
 };
 

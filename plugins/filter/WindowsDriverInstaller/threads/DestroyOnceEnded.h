@@ -9,8 +9,8 @@ namespace {
 
 using UniqueThread = std::unique_ptr<CDriverUninstallerThread>;
 
-/// Destroys the object as soon as its thread has ended: one that still runs would work on freed memory. Where nobody
-/// can tell the object stays.
+/// Destroys the object as soon as its thread has ended: a running thread would use freed memory. Leaks the object if
+/// the end can't be known.
 void DestroyOnceEnded(UniqueThread thread);
 
 }  // namespace

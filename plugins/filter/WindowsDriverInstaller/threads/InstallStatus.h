@@ -10,13 +10,13 @@ namespace {
 
 class CDriverInstallerWatchdog;
 
-/// How the thread that called from Lua follows an installation. Both threads hold it: the caller may go first.
+/// What the calling thread sees of an installation. Both threads share it: the caller may return first.
 struct InstallStatus {
     std::atomic<bool> done{false};  ///< Set after the result.
     std::atomic<bool> result{false};
     std::atomic<std::uint32_t> lastProgress{0};  ///< Milliseconds of VtaCore::SystemTickCount at the last heartbeat.
 
-    /// The watchdog while it lives, for its stack. Nothing else needs the lock.
+    /// The watchdog while it exists, for its stack. Nothing else needs the lock.
     wxCriticalSection watchdogLock;
     CDriverInstallerWatchdog *watchdog = nullptr;
 };

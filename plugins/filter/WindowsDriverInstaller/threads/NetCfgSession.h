@@ -1,4 +1,4 @@
-// The network configuration, as long as a driver thread has it open.
+// The network configuration while a driver thread has it open.
 #pragma once
 
 #include <windows.h>
@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Opens the network configuration, and COM on this thread, and closes both at its end. A thread that is killed
+/// Opens the network configuration, and COM on this thread; the destructor closes both. A thread that is killed
 /// meanwhile leaves both open.
 class NetCfgSession {
 public:
@@ -29,14 +29,14 @@ public:
     /// S_OK, or why the configuration is not open.
     [[nodiscard]] HRESULT Result() const { return m_result; }
     [[nodiscard]] INetCfg *Get() const { return m_netCfg; }
-    /// Nobody closes the configuration any more.
+    /// Keeps the configuration open beyond this object.
     void LeaveOpen() { m_netCfg = nullptr; }
 
 private:
     CDriverUninstallerThread &m_thread;
     bool m_isLocked;
     INetCfg *m_netCfg = nullptr;
-    HRESULT m_result;  ///< Behind the pointer, which the same call fills in.
+    HRESULT m_result;  ///< After the pointer, which the same call sets.
 };
 
 }  // namespace

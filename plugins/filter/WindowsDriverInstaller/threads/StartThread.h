@@ -1,9 +1,9 @@
-// How the threads of the installer are started.
+// Starts the installer's threads.
 #pragma once
 
 #include "vta_core.h"
 
-/// How long a thread is given to begin before it is watched.
+/// How long a new thread gets before it is watched.
 constexpr unsigned long kThreadStartMs = 100;
 constexpr int kAnyProcessor = -1;
 constexpr unsigned kNormalPriority = 50;

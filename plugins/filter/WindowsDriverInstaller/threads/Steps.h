@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-/// Ids are part of what support tools know; keep them.
+/// Support tools know these ids; keep them.
 enum InstallerStep : std::uint32_t {
     ThreadRunning = 0,
     ApplyingInetCfgChanges = 1,
@@ -25,16 +25,16 @@ enum InstallerStep : std::uint32_t {
     UninstallingDriver = 17,
     InstallingWfpCalloutDriver = 18,
     UninstallingWfpCalloutDriver = 19,
-    StartingWfpCalloutDriver = 20,  ///< Of this one and the next the names exist only: they are never started.
+    StartingWfpCalloutDriver = 20,  ///< This one and the next exist in name only: they are never started.
     StoppingWfpCalloutDriver = 21,
     NoStep = 0xFFFFFFFF
 };
 
-/// The name of a step, "<UnknownStep>" for an id that is none.
+/// The name of a step, or "<UnknownStep>" for an unknown id.
 const wchar_t *StepName(std::uint32_t step);
 
-/// How many seconds the step may take. 0 for the two that are never started, and for an id that is none.
+/// How many seconds the step may take. 0 for the two that are never started, and for an unknown id.
 std::uint32_t StepLimitSeconds(std::uint32_t step);
 
-/// Whether the step leaves no line in the log. Its limit is watched like any other's.
+/// Whether the step logs nothing. Its limit is watched like the others.
 bool IsSilentStep(std::uint32_t step);

@@ -1,10 +1,10 @@
 #include "ThreadEnd.h"
 
 void ThreadEnd::Kill(wxThread &thread) {
-    constexpr DWORD exitCode = static_cast<DWORD>(-1);  // as wxThread has it
+    constexpr DWORD exitCode = static_cast<DWORD>(-1);  // the one that wxThread uses
     const HANDLE own = thread.MSWGetHandle();
     if (own == nullptr)
-        return;  // never made, or killed before
+        return;  // never created, or killed already
     HANDLE duplicate = nullptr;
     if (DuplicateHandle(GetCurrentProcess(), own, GetCurrentProcess(), &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS) !=
         0)

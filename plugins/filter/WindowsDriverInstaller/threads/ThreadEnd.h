@@ -6,18 +6,18 @@
 
 #include "common/Unique.h"
 
-/// Longer than a thread needs whose body has returned, or that was killed.
+/// Longer than a thread needs to end after its body has returned, or after a kill.
 constexpr DWORD kEndOfThreadMs = 5'000;
 
-/// Tells whether a thread has ended. wxThread gives its handle up at a kill, whether or not the thread has ended then.
+/// Tells whether a thread has ended. wxThread drops its handle at a kill, whether or not the thread has ended yet.
 class ThreadEnd {
 public:
-    /// Kills the thread, also one that was made and could not be started, or that wxThread takes for paused.
+    /// Kills the thread, even if it was created but not started, or if wxThread takes it for paused.
     void Kill(wxThread &thread);
-    /// Waits for so many milliseconds.
-    /// @return whether the thread has ended, or was never made; false if nobody can tell.
+    /// @param waitMs  how long to wait at most.
+    /// @return whether the thread has ended or was never created; false if that is unknown.
     [[nodiscard]] bool HasCome(const wxThread &thread, DWORD waitMs) const;
-    /// @return false if there is nothing to wait for: nobody will ever be able to tell.
+    /// @return false if there is no handle to wait for: the end will never be known.
     [[nodiscard]] bool CanBeAwaited(const wxThread &thread) const { return HandleOf(thread) != nullptr; }
 
 private:

@@ -13,14 +13,14 @@ void KillUnstarted(CDriverUninstallerThread &thread) {
     (void)thread.End().HasCome(thread, kEndOfThreadMs);
 }
 
-/// What becomes of a worker whose step could not be waited for any longer.
+/// What happens to a worker whose step has overrun.
 enum class OverrunOutcome { GoesOn, IsLeftAlone, IsKilled };
 struct Overrun {
     OverrunOutcome outcome = OverrunOutcome::GoesOn;
-    std::uint32_t step = NoStep;  ///< In which it was killed.
+    std::uint32_t step = NoStep;  ///< The step in which it was killed.
 };
 
-/// The step on top of the stack, if it can't be waited for any longer.
+/// @return the top step if it has overrun or can't be watched any longer.
 std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
     const wxCriticalSectionLocker lock(thread.StepLock());
     return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
@@ -37,7 +37,7 @@ Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
         return {.outcome = OverrunOutcome::IsLeftAlone};
     const wxString stack = CaptureThreadStack(&thread);
     {
-        // Held for the kill alone: a thread that is killed while it waits for a lock may harm those that wait with it.
+        // Held only for the kill: killing a thread that waits for a lock may harm the others that wait for it.
         const wxCriticalSectionLocker lock(thread.StepLock());
         if (OverrunStep(thread) != overrun)
             return {};
