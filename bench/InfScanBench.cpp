@@ -11,7 +11,7 @@
 #include <emmintrin.h>
 #include <windows.h>
 
-#include "WindowsDriverInstaller/InfScan.h"
+#include "WindowsDriverInstaller/cleanup/InfScan.h"
 
 namespace {
 

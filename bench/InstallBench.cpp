@@ -9,7 +9,7 @@
 #include <wx/thread.h>
 
 #include "MeasuredInstallation.h"
-#include "WindowsDriverInstaller/StackDump.h"
+#include "WindowsDriverInstaller/reports/StackDump.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "WindowsDriverInstaller/StackDump.h"
+#include "WindowsDriverInstaller/reports/StackDump.h"
 
 namespace {
 

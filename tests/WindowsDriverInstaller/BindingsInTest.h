@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "WindowsDriverInstaller/TcpAdapter.h"
+#include "WindowsDriverInstaller/adapters/TcpAdapter.h"
 #include "vta_core.h"
 
 /// What a call on a fresh object of the thread's class left in it.

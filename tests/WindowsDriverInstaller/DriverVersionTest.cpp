@@ -6,7 +6,7 @@
 
 #include "LogCollector.h"
 #include "ModuleFixture.h"
-#include "WindowsDriverInstaller/DriverVersions.h"
+#include "WindowsDriverInstaller/drivers/DriverVersions.h"
 #include "vta_core.h"
 #include "vta_core_control.h"
 #include "vti_control.h"

@@ -13,7 +13,7 @@
 
 #include "LogCollector.h"
 #include "ModuleFixture.h"
-#include "WindowsDriverInstaller/DriverVersions.h"
+#include "WindowsDriverInstaller/drivers/DriverVersions.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "BindingsFixture.h"
-#include "WindowsDriverInstaller/AdaptorHealthChecker.h"
+#include "WindowsDriverInstaller/adapters/AdaptorHealthChecker.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <winioctl.h>
 
 #include "RemovalFixture.h"
-#include "WindowsDriverInstaller/ViewReading.h"
+#include "WindowsDriverInstaller/cleanup/ViewReading.h"
 #include "WindowsFunctions.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Whose an INF file is, on files of every kind that end where memory ends.
-#include "WindowsDriverInstaller/InfScan.h"
+#include "WindowsDriverInstaller/cleanup/InfScan.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,5 +1,5 @@
 // The change to the registry before an installation, on a registry and a version of the test's own.
-#include "WindowsDriverInstaller/InterruptWorkaround.h"
+#include "WindowsDriverInstaller/drivers/InterruptWorkaround.h"
 
 #include <optional>
 #include <string>

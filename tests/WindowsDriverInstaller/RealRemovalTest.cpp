@@ -18,7 +18,7 @@
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "NativeKeys.h"
-#include "WindowsDriverInstaller/RegistryTree.h"
+#include "WindowsDriverInstaller/cleanup/RegistryTree.h"
 #include "common/TakeOwnership.h"
 #include "slb3_control.h"
 #include "vta_core_control.h"

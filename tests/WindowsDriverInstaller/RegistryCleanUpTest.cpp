@@ -5,7 +5,7 @@
 
 #include "RemovalFixture.h"
 #include "WindowsFunctions.h"
-#include "WindowsDriverInstaller/RegistryTree.h"
+#include "WindowsDriverInstaller/cleanup/RegistryTree.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Start, stop and restart of the drivers through SLB.filter, on simulated services.
-#include "WindowsDriverInstaller/ServiceControl.h"
+#include "WindowsDriverInstaller/drivers/ServiceControl.h"
 
 #include <map>
 #include <regex>

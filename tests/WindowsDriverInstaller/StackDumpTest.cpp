@@ -1,5 +1,5 @@
 // The call stack of a real thread.
-#include "WindowsDriverInstaller/StackDump.h"
+#include "WindowsDriverInstaller/reports/StackDump.h"
 
 #include <algorithm>
 #include <chrono>

@@ -13,7 +13,7 @@
 #include <wx/string.h>
 
 #include "TestData.h"
-#include "WindowsDriverInstaller/InstallerSteps.h"
+#include "WindowsDriverInstaller/threads/Steps.h"
 
 namespace {
 
@@ -41,16 +41,19 @@ StepRows DocumentedSteps() {
     return rows;
 }
 
-/// The steps that the driver threads begin, each with the limits that it is given.
-std::map<std::string, std::set<std::string>> BegunSteps() {
-    const std::regex begins(R"((?:StartStep|CallInStep)\((\w+), (\d+)[,)])");
-    std::map<std::string, std::set<std::string>> limits;
-    for (const auto &entry : std::filesystem::directory_iterator(TestData("plugins/filter/WindowsDriverInstaller"))) {
+/// The steps that the driver threads begin.
+std::set<std::string> BegunSteps() {
+    const std::regex begins(R"((?:StartStep|CallInStep)\(([A-Z]\w+)[,)])");
+    std::set<std::string> steps;
+    for (const auto &entry :
+         std::filesystem::recursive_directory_iterator(TestData("plugins/filter/WindowsDriverInstaller"))) {
+        if (!entry.is_regular_file())
+            continue;
         const std::string text = ReadWhole(entry.path());
         for (std::sregex_iterator match(text.begin(), text.end(), begins), end; match != end; ++match)
-            limits[(*match)[1]].insert((*match)[2]);
+            steps.insert((*match)[1]);
     }
-    return limits;
+    return steps;
 }
 
 std::string NameOf(std::uint32_t step) {
@@ -70,12 +73,15 @@ TEST(StepTable, HasEachStepAndNoOther) {
 }
 
 TEST(StepTable, HasTheLimitWithWhichEachStepBegins) {
-    const auto begun = BegunSteps();
+    const StepRows rows = DocumentedSteps();
+    const std::set<std::string> begun = BegunSteps();
     EXPECT_EQ(begun.size(), 20U);
-    for (const auto &[name, row] : DocumentedSteps()) {
-        const auto limits = begun.find(name);
-        const std::set<std::string> actual = limits == begun.end() ? std::set<std::string>{"none"} : limits->second;
-        EXPECT_EQ(actual, std::set<std::string>{row.limit}) << name;
+    for (std::uint32_t step = 0; step <= StoppingWfpCalloutDriver; ++step) {
+        const auto row = rows.find(NameOf(step));
+        ASSERT_NE(row, rows.end()) << NameOf(step);
+        const std::uint32_t limit = StepLimitSeconds(step);
+        EXPECT_EQ(row->second.limit, limit == 0 ? "none" : std::to_string(limit)) << NameOf(step);
+        EXPECT_EQ(begun.contains(NameOf(step)), limit != 0) << NameOf(step);
     }
 }
 

@@ -1,28 +1,49 @@
-// The driver threads. Their classes live in this file's unnamed namespace; each has private headers of its own, which
-// no other file of the module includes; those that are named after a subject hold the bodies. Tests that need the
-// classes include this file.
+// The functions that run the driver threads, as Lua calls them. The threads' classes live in this file's unnamed
+// namespace, so their bodies are compiled here, too. A test that needs the classes includes this file.
 
 #include <initguid.h>
 
-#include "AdapterBindings.h"
-#include "AdapterRecords.h"
-#include "DriverFilesRemoval.h"
-#include "DriverInstallation.h"
-#include "DriverInstallerThread.h"
-#include "DriverInstallerWatchdog.h"
-#include "DriverRemoval.h"
-#include "DriverThreadEnd.h"
-#include "DriverThreadNetCfg.h"
-#include "DriverThreadSteps.h"
-#include "DriverThreads.h"
-#include "DriverUninstallerThread.h"
-#include "DriverWatch.h"
-#include "NetworkRecovery.h"
-#include "StackDump.h"
+#include "WindowsDriverInstaller.h"
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include <windows.h>
+#include <wx/log.h>
+#include <wx/string.h>
+#include <wx/thread.h>
+
+#include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
+#include "WindowsDriverInstaller/reports/InstallEvents.h"
+#include "WindowsDriverInstaller/reports/StackDump.h"
+#include "WindowsDriverInstaller/threads/StartThread.h"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Adapters.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Bindings.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Callout.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.FilterComponent.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.InfFiles.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Installation.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.UnsuitableAdapters.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.AdapterRestart.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Arp.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Decision.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Installation.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.NetworkRecovery.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Callout.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.InfFiles.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Log.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.NetCfg.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Orphans.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Removal.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Steps.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Watch.cpp"
+#include "WindowsDriverInstaller/threads/DestroyOnceEnded.cpp"
+#include "WindowsDriverInstaller/threads/WatchAndKill.cpp"
 
 namespace {
 
-/// The watchdog has made no progress for an hour. It is neither ended nor freed here.
+/// The watchdog has made no progress for an hour. compat 150: it is neither ended nor freed
 void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
     VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     wxString stack;
@@ -38,6 +59,7 @@ void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
 bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
     constexpr std::uint32_t warnAfterMs = 60'000;
     constexpr std::uint32_t giveUpAfterMs = 3'600'000;
+    constexpr unsigned long pollMs = 250;
     std::uint32_t lastWarned = 0;
     while (!dom.ShouldExit(0, nullptr) && !status.done) {
         const std::uint32_t lastProgress = status.lastProgress;
@@ -46,12 +68,12 @@ bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
             ReportStall(dom, status);
             return false;
         }
-        // Once for each stall.
+        // Once per stall.
         if (elapsed > warnAfterMs && lastProgress != lastWarned) {
             lastWarned = lastProgress;
             wxLogWarning("Installer thread has not made any progress in the last %u seconds.", elapsed / 1000);
         }
-        wxThread::Sleep(250);
+        wxThread::Sleep(pollMs);
     }
     return status.result;
 }
@@ -63,20 +85,22 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     const auto status = std::make_shared<InstallStatus>();
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
-    if (!watchdog->start(50, true, 0)) {
-        // Made, and never to run. Not by wxThread, whose kill of a detached thread may delete the object.
+    if (!MakeAndStart(*watchdog)) {
+        // The thread was created and must never run. wxThread's own kill may delete a detached object, so it is not
+        // used.
         (void)TerminateThread(watchdog->MSWGetHandle(), 0);
         return false;
     }
-    (void)watchdog.release();  // it frees itself
+    (void)watchdog.release();  // it deletes itself
     return FollowInstallation(dom, *status);
 }
 
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();
     auto thread = std::make_unique<CDriverUninstallerThread>(&dom, ndisDriverDir, wfpDriverDir);
-    StartOrKill(*thread, true);
-    wxThread::Sleep(100);
+    if (!MakeAndStart(*thread))
+        KillUnstarted(*thread);
+    wxThread::Sleep(kThreadStartMs);
     const bool wasKilled = WatchAndKill(*thread, [] {}).has_value();
     const bool succeeded = !wasKilled && thread->succeeded;
     DestroyOnceEnded(std::move(thread));

@@ -1,0 +1,17 @@
+// The installation of the callout driver. Compiled as a part of WindowsDriverInstaller.cpp.
+#include "CDriverInstallerThread.h"
+
+namespace {
+
+bool CDriverInstallerThread::InstallWFPCallout() {
+    StartStep(InstallingWfpCalloutDriver);
+    const bool result = InstallWFPCalloutWithInstallHinfSection();
+    EndStep(InstallingWfpCalloutDriver);
+    return result;
+}
+
+bool CDriverInstallerThread::InstallWFPCalloutWithInstallHinfSection() {
+    return RunWfpInfSection("DefaultInstall 128 ");
+}
+
+}  // namespace
