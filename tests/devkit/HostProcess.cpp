@@ -40,8 +40,12 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
     startup.hStdOutput = out.get();
     startup.hStdError = err.get();
     PROCESS_INFORMATION started{};
-    if (!CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr, &startup,
-                        &started)) {
+    const auto create = [&] {
+        return CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr,
+                              &startup, &started) != 0;
+    };
+    // Once in some thousand times Wine's new process ends before it has run anything, which is told by this error.
+    if (!create() && (GetLastError() != ERROR_INTERNAL_ERROR || !create())) {
         ADD_FAILURE() << "CreateProcess: " << GetLastError();
         return nullptr;
     }
