@@ -25,7 +25,7 @@ constexpr std::uint64_t kMicrosecondsPerSecond = 1'000'000;
 constexpr double kDefaultMinMinutes = 30;
 constexpr double kDefaultMaxMinutes = 240;
 
-/// `now` of the previous call, whatever became of it.
+/// compat 49: `now` of the previous call, even of a failed one
 std::uint64_t lastIterationTime = 0;
 
 /// Microseconds since 1601. By the wall clock: one that is set back makes differences wrap.
@@ -47,7 +47,7 @@ bool BeginsWith(const char *text, const char *beginning) {
     return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
 }
 
-/// A text that begins with a state's name passes for it.
+/// compat 41: accepts any text that begins with a state's name
 std::optional<FailOpenState> StateFromText(const char *text) {
     if (BeginsWith(text, "Activated"))
         return FailOpenState::Activated;
@@ -61,7 +61,7 @@ std::optional<FailOpenState> StateFromText(const char *text) {
 const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
     if (lua_type(L, index) == LUA_TSTRING)
         return lua_tolstring(L, index, length);
-    // The text is the same for both strings; the line tells which one it was.
+    // compat 43: the same text for both strings; only the traced line differs
     Trace(line, "incorrect type %d for state string", lua_type(L, index));
     return nullptr;
 }
@@ -69,7 +69,7 @@ const char *StringArg(lua_State *L, int index, std::size_t *length, const TraceL
 std::optional<Arguments> ReadArguments(lua_State *L, const TraceSite &site) {
     VtaCore::CDom *const dom = GetDomArg(L);
     if (dom == nullptr)
-        return std::nullopt;  // the one wrong argument that nothing is said about
+        return std::nullopt;  // compat 42: a wrong agent object is no message
     const char *const stateText = StringArg(L, 2, nullptr, site);
     if (stateText == nullptr)
         return std::nullopt;
@@ -97,7 +97,7 @@ std::int32_t ReadConfiguration(const Arguments &arguments, const TraceSite &site
 }
 
 /// Takes out the metrics that need a port when there is none.
-/// @return false if there was one of them: it switches the whole subsystem off for this iteration.
+/// @return false if there was one. compat 37: one of them switches the whole subsystem off for this iteration
 bool GuardPort(std::int32_t &count) {
     struct NeedsPort {
         ConfigRow row;
@@ -150,7 +150,7 @@ Action TakeSample(Sample &sample, const TraceSite &site) {
     return actionNormal;
 }
 
-/// Whole minutes. Less than one becomes 0, with which every iteration in fail-open is a recovery check.
+/// compat 44: whole minutes; less than one becomes 0, which makes every iteration in fail-open a recovery check
 std::uint64_t ConfiguredMinutes(ConfigRow row, double otherwise) {
     return static_cast<std::uint64_t>(sysHealthConfig[row].is_set != 0 ? sysHealthConfig[row].value : otherwise);
 }
@@ -166,7 +166,7 @@ void LogIteration(const IterationTime &time, const FailOpenInput &input, const F
     const auto name = [](FailOpenState state) { return state == FailOpenState::Activated ? "Act" : "Deact"; };
     const auto limit = [&result](const SysHealthMetric &metric) { return metric.Limit(result.factor); };
     const auto &[rq, refusal, established, scan, memory, interval] = sysHealthMetrics;
-    // Only the low 32 bits of the seconds, and the minimum in seconds: the line always had them so.
+    // compat 45: the low 32 bits of the seconds, and the minimum in seconds
     const std::uint64_t seconds = static_cast<std::uint32_t>(time.now / kMicrosecondsPerSecond);
     const std::uint64_t minimumSeconds = input.min_dur * 60;
     wxLogVerbose(
@@ -197,6 +197,7 @@ Action RunIteration(lua_State *L, const IterationTime &time, const TraceSite &si
         return actionBadArgument;
     std::int32_t count = ReadConfiguration(*arguments, site);
     if (!GuardPort(count) || count <= 0) {
+        // compat 38: clears the wait in fail-open, too
         clearBackoffState(*arguments->dom);
         return actionDisabled;
     }
@@ -222,6 +223,7 @@ Action CheckHealth(lua_State *L, const TraceSite &site) {
     const bool isDisabled = action == actionDisabled;
     Trace(site, "Setting status: %s", isDisabled ? "disabled" : "enabled");
     const wxCriticalSectionLocker lock(sysHealthLock);
+    // compat 46: an iteration that failed counts as enabled
     sysHealthEnabled = isDisabled ? 0 : 1;
     return action;
 }

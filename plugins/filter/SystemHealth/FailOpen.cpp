@@ -19,7 +19,7 @@ FailOpenResult StepDeactivated(const FailOpenInput &input, const TraceSite &site
     if (overCount == 0)
         return {actionNormal, FailOpenState::Deactivated};
     activationTime = input.now;
-    // The first wait begins with the first call that comes in Activated.
+    // compat 40: clears the wait here and starts it with the first call in Activated
     clearBackoffState(input.dom);
     Trace(site, "SysHealth transitioning to Fail-Open, metrics over threshold = %d", overCount);
     return {actionFailOpen, FailOpenState::Activated};
@@ -41,7 +41,7 @@ void GrowBackoff(const FailOpenInput &input, std::int32_t overCount, const Trace
 }
 
 FailOpenResult CheckRecovery(const FailOpenInput &input, FailOpenResult result, const TraceSite &site) {
-    // A factor of 0, which a policy may set, makes every limit unreachable.
+    // compat 47: a factor of 0, which a policy may set, makes every limit unreachable
     const SysHealthConfigEntry &recoverFactor = sysHealthConfig[SYS_CONF_RECOVER_FACTOR];
     if (recoverFactor.is_set != 0)
         result.factor = recoverFactor.value * 0.01;
@@ -64,8 +64,9 @@ FailOpenResult StepActivated(const FailOpenInput &input, const TraceSite &site) 
     result.act_dur = input.now - activationTime;
     if (backoff_wait == 0)
         StartBackoff(input, site);
-    // A clock that was set back makes this huge, so that a recovery is tried at once.
+    // compat 48: a clock that was set back makes this huge, so that recovery is checked at once
     const std::uint64_t elapsed = (input.now - last_check) / kMicrosecondsPerMinute;
+    // compat 39: judges no metric before the wait is over
     if (elapsed >= backoff_wait)
         return CheckRecovery(input, result, site);
     result.next_chk = backoff_wait - elapsed;

@@ -35,7 +35,7 @@ double ScanMBytesPerCpu(double numCpus) {
     return (scanCounterRate[scanbytes_fwd] + scanCounterRate[scanbytes_bwd]) / (numCpus * kBytesPerMiB);
 }
 
-/// A host without memory is not guarded against: the comparison with the threshold follows from the result.
+/// compat 35: does not guard against a host without memory; the comparison follows from the result
 double FreeMemoryPercent() {
     return static_cast<double>(vmStats[vmstat_freemem].value) * 100.0 /
            static_cast<double>(vmStats[vmstat_phys_mem].value);
@@ -60,8 +60,8 @@ bool IsPastLimit(const SysHealthMetric &metric, double factor, const TraceSite &
 
 }  // namespace
 
-// The first name is kept although its value is neither per processor nor a percentage. Only a read-out before the
-// first iteration sees these thresholds.
+// compat 29: keeps the first name, though its value is neither per processor nor a percentage
+// compat 156: only a read-out before the first iteration sees these thresholds
 SysHealthMetric sysHealthMetrics[kMetricRows] = {
     {"runnable_processes_per_cpu_pct", "rqpct", 0, 0, 50.0, 0},
     {"connections_refused_per_new_conn_pct", "refusalpct", 0, 0, 10.0, 0},
@@ -95,7 +95,7 @@ void calculateHealthMetrics(double rqlen, std::uint32_t numCpus, double delta_t)
     const auto set = [](MetricRow row, double value) { return sysHealthMetrics[row].value = value; };
     const auto isEnabled = [](MetricRow row) { return sysHealthMetrics[row].enabled != 0; };
 
-    if (isEnabled(rqpct))  // neither divided nor scaled, whatever its name says
+    if (isEnabled(rqpct))  // compat 29: neither divided nor scaled, whatever its name says
         Trace(kEngineTrace, "rqlen=%f numCpus=%d rqlen_pct=%f", rqlen, numCpus, set(rqpct, rqlen));
     if (isEnabled(refusalpct))
         Trace(kEngineTrace, "conn_halfopen2close=%f conn_new=%f conn_ref_pct=%f", scanCounterRate[conn_halfopen2close],
@@ -107,7 +107,7 @@ void calculateHealthMetrics(double rqlen, std::uint32_t numCpus, double delta_t)
         Trace(kEngineTrace, "scanbytes_fwd=%f scanbytes_bwd=%f numCpus=%f scan_mbytes_per_cpu=%f",
               scanCounterRate[scanbytes_fwd], scanCounterRate[scanbytes_bwd], cpus,
               set(scanmb, ScanMBytesPerCpu(cpus)));
-    if (isEnabled(frepct))  // KiB both, whatever the words say
+    if (isEnabled(frepct))  // compat 30: both in KiB, whatever the words say
         Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f", vmStats[vmstat_freemem].value,
               vmStats[vmstat_phys_mem].value, set(frepct, FreeMemoryPercent()));
     if (isEnabled(delta_t_row))

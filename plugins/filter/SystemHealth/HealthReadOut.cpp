@@ -95,13 +95,13 @@ int GetSysHealthEnabled(lua_State *L) {
     return 1;
 }
 
-// The configured port, not the one that the driver knows; the configuration is written without this lock.
+// compat 54: shows the configured port, not the one that the driver knows. The configuration has another lock
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
     const wxCriticalSectionLocker lock(sysHealthLock);
     const std::optional<std::uint16_t> port = sysHealthEnabled == 1 ? ConfiguredPort() : std::nullopt;
     lua_pushboolean(L, port ? 1 : 0);
     lua_pushinteger(L, port.value_or(0));
-    Trace(kEngineTrace, "GetScanMetricPort() returning");  // on the engine's component, unlike the call
+    Trace(kEngineTrace, "GetScanMetricPort() returning");  // compat 53: on the engine's component, unlike the entry
     return 2;
 }

@@ -22,6 +22,7 @@ using Query = std::unique_ptr<std::remove_pointer_t<PDH_HQUERY>, CloseQuery>;
 
 }  // namespace
 
+// compat 36: only two of the rows and one of the numbers are used
 VmStatEntry vmStats[kVmStatRows] = {
     {"vmstat_phys_mem", "null", 0, 0}, {"vmstat_runQ", "r", 0, 0}, {"vmstat_avm", "avm", 0, 0},
     {"vmstat_freemem", "fre", 0, 0},   {"user_cpu", "us", 0, 0},   {"sys_cpu", "sy", 15, 0},

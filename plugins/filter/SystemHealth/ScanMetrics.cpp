@@ -71,6 +71,7 @@ bool RunDriverPass(ScanMetricsRecord &record, const TraceSite &iteration) {
     const TraceSite site(kScanTrace, iteration.place);
     const ScanTarget target = ConfiguredTarget();
     const DriverHandle handle(vti_open());
+    // compat 34: a driver that can't be opened is no message
     if (!handle) {
         DisableDriverMetrics();
         return false;
@@ -78,14 +79,14 @@ bool RunDriverPass(ScanMetricsRecord &record, const TraceSite &iteration) {
     if (firstScanPass != 0) {
         Trace(site, "setting scan config %d, %d", target.port, target.outbound);
         (void)set_scan_metrics_config(handle.get(), target.port, target.outbound);
-        scanPort = target.port;  // whatever became of it
+        scanPort = target.port;  // compat 31: stays for good, also after a failure
     }
     Trace(site, "Collecting scan metrics");
-    // The port that the driver knows, with the direction of this pass.
+    // compat 32: reads the port that the driver was told, with the direction of this pass
     const std::int32_t code =
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scanPort), target.outbound, record);
     if (code != 0) {
-        // In spite of the text, the iteration goes on without the driver's metrics.
+        // compat 33: goes on without the driver's metrics in spite of the text
         const wxString error = DriverErrorText(handle.get(), kErrorBytes);
         wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
         DisableDriverMetrics();
@@ -107,6 +108,7 @@ void RunRatePass(const ScanMetricsRecord &record, double delta_t) {
         const std::uint64_t current = record.counters[i];
         // A total that fell gives no rate, not a huge one.
         const std::uint64_t difference = current < scanCounterPrev[i] ? 0 : current - scanCounterPrev[i];
+        // compat 35: does not guard against an interval of zero seconds
         scanCounterRate[i] = static_cast<double>(difference) / delta_t;
     }
     std::copy_n(record.counters, counters, scanCounterPrev);

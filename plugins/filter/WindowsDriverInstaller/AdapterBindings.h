@@ -53,7 +53,7 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
 /// What can't be read of the component leaves it as it is.
 void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
                                            bool useIpState) {
-    DWORD characteristics = 0;  // only whether they can be read counts
+    DWORD characteristics = 0;  // compat 155: only whether they can be read counts
     TcpAdapter adapter;
     if (FAILED(component->GetCharacteristics(&characteristics)) ||
         !ReadText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
@@ -108,12 +108,12 @@ bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled
     return (useIpState ? record->boundToIp : record->boundToFilter) != enabled;
 }
 
-/// Applied at once, for this one change. A failure is reported, not tried again.
+/// compat 98: applied at once, for this one change; a failure is reported and not retried
 void CDriverInstallerThread::ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName,
                                            bool enabled) {
     HRESULT hr = path->Enable(enabled ? FALSE : TRUE);
     if (FAILED(hr)) {
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgBindingInterface::Enable()");  // its name in the events
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfgBindingInterface::Enable()");  // compat 97: another name
         return;
     }
     DbgPrint(L"%s binding from '%s' -> %ls", enabled ? L"Disabling" : L"Enabling", Wide(displayName), kFilterComponent);
@@ -122,7 +122,7 @@ void CDriverInstallerThread::ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *
         ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Apply()");
 }
 
-/// Only servers before version 6.2 are asked for adapters that share a MAC.
+/// compat 100: only servers before version 6.2 are searched for adapters that share a MAC
 bool LooksForDuplicates() {
     OSVERSIONINFOEXW wanted = {};
     wanted.dwOSVersionInfoSize = sizeof(wanted);
@@ -211,7 +211,7 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
     }
     for (const std::string &mac : sharedMacs)
         for (const TcpAdapter *adapter : groups.at(mac)) {
-            // Of a physical and a virtual adapter that share a MAC, the physical one loses the filter.
+            // compat 99: of a physical and a virtual adapter that share a MAC, the physical one loses the filter
             if ((adapter->characteristics & NCF_PHYSICAL) == 0 || nodesToUnbind.count(adapter->pnpDevNodeId) != 0)
                 continue;
             DbgPrint(L"Marking physical adapter '%s' with duplicate MAC %s to be unbound from QBIMVTA",

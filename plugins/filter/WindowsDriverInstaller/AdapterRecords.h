@@ -175,7 +175,7 @@ void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
         ReadAdapters(netCfg, ipHelper.get(), adapters);
         (void)ReleaseINetCfg(false, netCfg);
     } else {
-        NoteFailedStep();  // a configuration that is open stays unreleased then; that is kept so
+        NoteFailedStep();  // compat 96: leaves an open configuration unreleased
     }
     EndStep(GettingAdapterInfo);
 }

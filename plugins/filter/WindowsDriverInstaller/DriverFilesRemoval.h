@@ -42,7 +42,7 @@ HRESULT FindFolder(int id, const wchar_t *subfolder, const wchar_t *fallback, st
     return hr;
 }
 
-/// The folders of INF files and of their catalogues. @return whether the second was found; the first doesn't count.
+/// The folders of INF files and catalogues. compat 118: only the second look-up decides the result
 HRESULT FindInfFolders(InfFolders &folders) {
     (void)FindFolder(CSIDL_WINDOWS, L"\\inf\\", L"c:\\winnt\\inf\\", folders.inf);
     return FindFolder(CSIDL_SYSTEM, L"\\CatRoot\\{F750E6C3-38EE-11D1-85E5-00C04FC295EE}\\",
@@ -73,7 +73,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
         } while (FindNextFileW(find.get(), &found) != 0);
     }
     EndStep(RemovingInfFiles);
-    return status;  // a file that can't be removed is no failure
+    return status;  // compat 120: a file that can't be removed is no failure
 }
 
 void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name) {
@@ -99,7 +99,7 @@ void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wcha
     (void)SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
     if (DeleteFileW(path.c_str()) != 0)
         return;
-    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {  // also for one that is not there
+    if (MoveFileExW(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {  // compat 119: also for a missing file
         status = NETCFG_S_REBOOT;
     } else {
         const DWORD error = GetLastError();
@@ -110,7 +110,7 @@ void CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wcha
 bool CDriverUninstallerThread::UninstallWFPCallout() {
     StartStep(UninstallingWfpCalloutDriver, 300);
     bool result = UninstallWFPCalloutWithInstallHinfSection();
-    // Without its INF file the service is left alone, too.
+    // compat 121: without its INF file the service is left alone, too
     if (result && IsWfpServiceInstalled())
         result = UninstallWFPCalloutWithSC();
     EndStep(UninstallingWfpCalloutDriver);
@@ -156,8 +156,8 @@ void CDriverUninstallerThread::cleanup_registry() {
     std::wstring path = std::wstring(L"MACHINE\\") + kMiniportKey;
     TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", Wide(line)); }, path.data());
     path = kMiniportKey;
-    if (DeleteRegistryTree(path) == 0)                           // tried whatever became of the ownership
-        DbgPrint(L"    cleanup_registry: successfuly deleted");  // spelt as it always was
+    if (DeleteRegistryTree(path) == 0)                           // compat 124: even without ownership
+        DbgPrint(L"    cleanup_registry: successfuly deleted");  // compat 123: misspelt
     else
         DbgPrint(L"    cleanup_registry: failed to delete");
 }

@@ -24,7 +24,7 @@ constexpr wchar_t kSigningArticle[] = L"https://support.quillon.example/articles
 /// SetupCopyOEMInf's answer to such a driver.
 constexpr unsigned long kDriverNotSigned = 0x800F0247;
 constexpr int kMaxInstallAttempts = 3;
-/// The INF files of the filter driver. Those of its forerunner behind them are not copied, which is meant so.
+/// The filter driver's INF files. compat 80: the predecessor's two at the end are never copied
 constexpr std::array<const wchar_t *, 5> kInfFiles{L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf",
                                                    L"netrxwim.inf", L"netrxwip.inf"};
 constexpr std::size_t kCopiedInfFiles = 3;
@@ -39,14 +39,14 @@ CDriverInstallerThread::~CDriverInstallerThread() {
 
 void CDriverInstallerThread::Run() {
     wxLog *const oldTarget = wxLog::SetThreadActiveTarget(logTarget);
-    // On every installation, also when no driver is there.
+    // compat 75: removes in every installation, twice for an upgrade; the second result counts
     succeeded = UninstallDriver();
     if (upgradeNeeded) {
         succeeded = UninstallDriver();
         if (succeeded && !rebootRequired)
             WaitForDriverToUnload();
     }
-    // A wish for a reboot leaves the new driver to the installation after it; the removal's result stands then.
+    // compat 76: a reboot request skips the installation; the removal's result stands
     if (installNeeded && succeeded && !rebootRequired) {
         succeeded = InstallDriver();
         WriteServiceValues();
@@ -54,7 +54,7 @@ void CDriverInstallerThread::Run() {
     (void)wxLog::SetThreadActiveTarget(oldTarget);
 }
 
-/// For half a minute at most. Nothing follows from a driver that is still there then.
+/// compat 77: waits half a minute at most; nothing follows from a driver that is still loaded then
 void CDriverInstallerThread::WaitForDriverToUnload() {
     StartStep(EnsuringDriverUnloaded, 60);
     for (int pass = 0; pass < 60; ++pass) {
@@ -68,7 +68,7 @@ void CDriverInstallerThread::WaitForDriverToUnload() {
     EndStep(EnsuringDriverUnloaded);
 }
 
-/// What the filter driver reads at its start. Whether it works doesn't change the result.
+/// What the filter driver reads at its start. compat 78: written after a failure, too; its own failure is no result
 void CDriverInstallerThread::WriteServiceValues() {
     wxRegKey key(wxRegKey::HKLM, kFilterServiceKey);
     if (!key.Exists())
@@ -85,7 +85,7 @@ void CDriverInstallerThread::WriteServiceValues() {
 }
 
 bool CDriverInstallerThread::InstallDriver() {
-    // The filter driver is installed also without a callout that works.
+    // compat 79: installs the filter driver even if the callout fails
     if (!InstallWFPCallout())
         wxLogError("InstallWFPCallout() failed.");
     else if (!StartWFPCallout(true))
@@ -147,6 +147,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     for (std::size_t i = 0; i < kCopiedInfFiles; ++i) {
         const wchar_t *const inf = kInfFiles[i];
         const std::wstring path = std::wstring(directory) + inf;
+        // compat 81: copies each file that is there and skips a missing one silently
         if (!wxFile::Exists(path))
             continue;
         wchar_t destination[MAX_PATH] = L"";
@@ -162,7 +163,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
     return hr;
 }
 
-/// @return the error as a result; 0 stays a success.
+/// @return the error as a result. compat 82: an error of 0 stays a success
 HRESULT CDriverInstallerThread::ReportCopyFailure(const wchar_t *inf, unsigned long error) {
     constexpr unsigned long setupError = 0xE0000000;
     constexpr unsigned long codeBits = 0xFFFF;
@@ -204,7 +205,7 @@ HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const w
         AgentEventLog_(*dom, error, kSystemFailureEvent, L"CopyFile('%s', '%s')", source.c_str(), destination.c_str());
     }
     const HRESULT hr = InstallFilterComponent(netCfg);
-    // Also a file that was there before and could not be replaced.
+    // compat 83: deletes a file that was there before, too
     DbgPrint(L"Deleting '%s'", destination.c_str());
     if (DeleteFileW(destination.c_str()) == 0) {
         const DWORD error = GetLastError();
@@ -232,9 +233,9 @@ HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
         hr = AttemptInstall(classSetup.Get(), attempt);
         if (hr == S_OK)
             return hr;
-        if (attempt == 1)  // only the first failure is reported
+        if (attempt == 1)  // compat 85: reports only the first failure
             AgentEventLog_(*dom, static_cast<unsigned long>(hr), kSystemFailureEvent, L"INetCfgClassSetup::Install()");
-        if (isMarkedForDelete())  // behind the last attempt, too
+        if (isMarkedForDelete())  // compat 86: also after the last attempt
             wxThread::Sleep(5'000);
     }
     if (isMarkedForDelete())
@@ -242,7 +243,7 @@ HRESULT CDriverInstallerThread::InstallFilterComponent(INetCfg *netCfg) {
     return hr;
 }
 
-/// Only S_OK ends the attempts: a wish for a reboot counts as a failure here.
+/// compat 84: only S_OK ends the attempts; a reboot request counts as a failed attempt
 HRESULT CDriverInstallerThread::AttemptInstall(INetCfgClassSetup *classSetup, int attempt) {
     OBO_TOKEN token = {};
     token.Type = OBO_USER;

@@ -46,7 +46,7 @@ protected:
 private:
     void Heartbeat() { installerStatus->lastProgress = VtaCore::SystemTickCount(); }
 
-    /// The decision and the work. @return false only when the work could not be started.
+    /// compat 66: true also when the installation failed; false only when the work could not be started
     bool InstallOrUpdateDriver();
     /// Sets the two flags by the versions.
     void DecideByVersions(const TraceSite &site);
@@ -84,7 +84,7 @@ private:
     wxFileName ndisDriverFile;
     wxFileName wfpDriverFile;
     VtaCore::CDom *dom;
-    wxString extraLog;  ///< Nothing writes to it; it is appended to the log all the same.
+    wxString extraLog;  ///< compat 74: appended to the log, though nothing writes to it
     wxString installLog;
     DriverVersion installedVersion;
     DriverVersion ourVersion;

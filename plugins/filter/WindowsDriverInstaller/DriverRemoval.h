@@ -30,21 +30,22 @@ bool CDriverUninstallerThread::UninstallDriver() {
     HRESULT hr = UninstallComponent(kFilterComponent, &notInstalled);
     if (notInstalled)
         hr = UninstallComponent(kLegacyComponent, &notInstalled);
-    // A wish for a reboot is lost here; that is accepted.
+    // compat 111: loses a reboot request
     if (SUCCEEDED(hr))
         hr = RemoveOemInfFiles(uninstallOemInf);
     DbgPrint(L"Checking if %ls is still installed", kFilterComponent);
     if (IsFilterComponentPresent() == S_FALSE) {
-        // With the component gone only the orphans decide, whatever failed before.
+        // compat 112: with the component gone only the orphans decide, whatever failed before
         DbgPrint(L"Checking for orphaned QBIMVTA_MP bindings");
         hr = CleanUpOrphans();
     }
     if (hr == NETCFG_S_REBOOT)
         rebootRequired = true;
+    // compat 115: a script does not learn of the reboot request
     return hr == S_OK || hr == NETCFG_S_REBOOT;
 }
 
-/// No failure in here stops the removal or shows in its result.
+/// compat 113: no failure in here stops the removal or shows in its result
 void CDriverUninstallerThread::RemoveWfpCallout() {
     if (!StopWFPCallout(true))
         wxLogError("StopWFPCallout() failed.");
@@ -151,7 +152,7 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     if (attempts < maxAttempts)
         return hr;
 
-    // Under no limit of its own from here on. Whatever comes of it, the rest is left to the next boot.
+    // compat 114: under no limit of its own from here on, and a reboot request whatever comes of it
     if (!OrphanScanIsClean(*dom)) {
         DbgPrint(L"HrCleanupOrphans: registry cleanup");
         cleanup_registry();

@@ -65,13 +65,14 @@ std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
     return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
 }
 
-/// Kills the worker after its stack was logged, unless it has gone on meanwhile, or is in no inner step. What it was in
+/// Kills the worker after its stack was logged, unless it went on or is in no inner step. compat 93: what it was in
 /// the midst of stays as it is: nothing releases what it held.
 /// @param step  receives the step in which it was killed.
 Verdict JudgeOverrun(CDriverUninstallerThread &thread, std::uint32_t &step) {
     const std::optional<std::uint32_t> overrun = OverrunStep(thread);
     if (!overrun)
         return Verdict::GoesOn;
+    // compat 92: an overrun of the whole is no reason to kill
     if (*overrun == ThreadRunning)
         return Verdict::IsLeftAlone;
     const wxString stack = CaptureThreadStack(&thread);

@@ -16,6 +16,7 @@ using Microsoft::WRL::ComPtr;
 
 /// How this module names itself to others that want the write lock.
 constexpr wchar_t kLockDescription[] = L"Quillon Vantry Agent Installer";
+// compat 152: longer than the ten seconds of the step around the wait
 constexpr DWORD kWriteLockWaitMs = 15'000;
 /// The one entry of the module's message table.
 constexpr unsigned kConfigurationLockedMessage = 0x80007530;
@@ -104,7 +105,7 @@ HRESULT CDriverUninstallerThread::TakeWriteLock(INetCfgLock *lock) {
     wchar_t *name = nullptr;
     HRESULT hr = lock->AcquireWriteLock(kWriteLockWaitMs, kLockDescription, &name);
     const std::unique_ptr<wchar_t, FreeTaskMemory> lockedBy(name);
-    // Whoever gives the same description counts as this module.
+    // compat 94: whoever gives the same description counts as this module
     if (hr == S_OK || (hr == S_FALSE && lockedBy && std::wcscmp(lockedBy.get(), kLockDescription) == 0))
         return S_OK;
     if (hr == S_FALSE) {
@@ -122,7 +123,7 @@ HRESULT CDriverUninstallerThread::ReleaseINetCfg(bool writeLock, INetCfg *netCfg
     StartStep(ReleasingInetCfg, 10);
     HRESULT hr = netCfg->Uninitialize();
     if (FAILED(hr))
-        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");  // the lock stays then
+        ReportFailure(static_cast<unsigned long>(hr), L"INetCfg::Uninitialize");  // compat 95: keeps the lock
     else if (writeLock)
         hr = ReleaseWriteLock(netCfg);
     netCfg->Release();

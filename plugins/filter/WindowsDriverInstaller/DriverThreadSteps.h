@@ -46,7 +46,7 @@ void CDriverUninstallerThread::EndStep(std::uint32_t step) {
         const wxCriticalSectionLocker lock(stepLock);
         if (!stepStack.empty()) {
             const std::uint32_t top = stepStack.back()->step;
-            if (top != step)  // logged with the lock held; that is how it is meant
+            if (top != step)  // compat 88: warns with the lock held, and pops the top step all the same
                 wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",
                              StepName(step), StepName(top));
             stepStack.pop_back();
@@ -95,7 +95,7 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
         {
             const wxCriticalSectionLocker lock(stepLock);
             if (stepStack.empty()) {
-                wxThread::Sleep(100);  // with the lock held: the worker's next step waits it out
+                wxThread::Sleep(100);  // compat 89: with the lock held; the worker's next step waits
                 return true;
             }
             const StepRecord *const top = stepStack.back().get();

@@ -50,7 +50,7 @@ public:
     /// only.
     /// @param wfpDriverDir   folder of the callout driver's files, with a separator behind it.
     CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir);
-    /// Leaves `stepFinished` open: each object of this very class costs one event handle, which is meant so.
+    /// compat 87: leaves `stepFinished` open; each object of this very class costs one event handle
     ~CDriverUninstallerThread() override = default;
 
     /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
@@ -118,7 +118,7 @@ protected:
     bool UninstallWFPCalloutWithSC();
     /// Runs a section of the callout's INF file through setupapi.
     /// @param commandStart  what setupapi is told before the file's path: section and mode.
-    /// @return whether it was run; what became of it nobody tells.
+    /// @return whether it was run. compat 122: setupapi does not report the section's result
     bool RunWfpInfSection(const wxString &commandStart);
     /// Deletes the enumeration key of a miniport device that nothing else could remove.
     void cleanup_registry();

@@ -20,6 +20,7 @@ constexpr int kComponents = 4;
 /// The text that the running driver answers with. @return false without a driver, or after a report.
 bool ReadVersionText(VtaCore::CDom &dom, std::array<char, kVersionTextBytes + 1> &text) {
     DriverHandle handle(vti_open());
+    // compat 151: a driver that can't be opened sends no event
     if (!handle)
         return false;
     const std::int32_t status = vti_get_version(handle.get(), text.data());
@@ -36,9 +37,10 @@ int GetFileVersion(lua_State *L) {
     std::array<unsigned short, kComponents> version = {};
     const char *const path = luaL_checklstring(L, 1, nullptr);
     if (!GetFileVersion(wxString::FromUTF8(path), &version[0], &version[1], &version[2], &version[3]))
+        // compat 69: no result at all, not nil
         return 0;
     for (const unsigned short component : version)
-        lua_pushinteger(L, static_cast<std::int16_t>(component));  // signed: 65535 comes out as -1
+        lua_pushinteger(L, static_cast<std::int16_t>(component));  // compat 68: signed, so 65535 comes out as -1
     return kComponents;
 }
 
@@ -75,6 +77,7 @@ bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short 
               OutsideText{text.data()});
         return false;
     }
+    // compat 70: cuts each part to 16 bits
     *major = static_cast<unsigned short>(parts[0]);
     *minor = static_cast<unsigned short>(parts[1]);
     *build = static_cast<unsigned short>(parts[2]);

@@ -54,7 +54,7 @@ void CDriverInstallerWatchdog::Run() {
     installerStatus->done = true;
 }
 
-/// One number for comparisons. A component of 0x8000 or more fills the bits above it with ones; that is meant so.
+/// One number for comparisons. compat 67: a component of 0x8000 or more fills the bits above it with ones
 std::int64_t Packed(const DriverVersion &version) {
     auto packed = std::uint64_t{0};
     for (const unsigned short component : {version.major, version.minor, version.build, version.revision})
@@ -172,6 +172,7 @@ bool CDriverInstallerWatchdog::InstallWithWorker(const TraceSite &site) {
     }
     ReportOutcome(succeeded, failedStep);
     Heartbeat();
+    // compat 157: this reboot request has no event 1006
     if (!IsNetworkAsBefore(site) && !notified)
         VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     Heartbeat();
@@ -217,7 +218,7 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     Heartbeat();
     const bool succeeded = WatchWorker(failedStep);
     if (upgradeNeeded) {
-        // A failed upgrade leaves the bindings as they are.
+        // compat 72: a failed upgrade leaves the bindings as they are
         if (!succeeded)
             return false;
         installerThread->DbgPrint(L"Restoring network bindings.");
@@ -225,7 +226,7 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
         (void)installerThread->SetFilterBindings(false, &adaptersBefore, false);
     } else {
         Heartbeat();
-        installerThread->UnbindUnsuitableAdapters();  // whatever became of the attempt
+        installerThread->UnbindUnsuitableAdapters();  // compat 73: also after a failure
         if (!succeeded)
             return false;
     }
@@ -259,7 +260,7 @@ void CDriverInstallerWatchdog::RebindIfStale() {
     (void)installerThread->SetFilterBindings(true, &adapters, false);
     wxThread::Sleep(1'000);
     Heartbeat();
-    // One-sided, which is meant so: an answer counts as stale whatever it says.
+    // compat 71: any answer counts as stale, whatever version it has
     if (!GetDriverVersion(*dom, running) && running == ourVersion)
         return;
     Heartbeat();

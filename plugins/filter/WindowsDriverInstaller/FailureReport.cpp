@@ -8,6 +8,7 @@
 #include <wx/log.h>
 
 void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const wchar_t *format, ...) {
+    // compat 110: an error of 0 stands for the last error
     if (error == 0)
         error = wxSysErrorCode();
     va_list arguments;
@@ -25,6 +26,7 @@ void RemoveHealthCheckFiles() {
     const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
     if (length == 0 || length > MAX_PATH)
         return;
+    // compat 109: deletes two files that nobody reads or writes
     for (const char *name : {"\\qbimvtaHC.dat", "\\qbimwfpHC.dat"}) {
         const wxString path = wxString(folder) + name;
         if (wxFile::Exists(path))

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr std::size_t kNameLength = 7;
-constexpr std::size_t kUnseenCharacters = 8;  ///< At the end of a file: no name is looked for from there on.
+constexpr std::size_t kUnseenCharacters = 8;  ///< compat 117: of a file's end; a name that begins there is not seen.
 constexpr int kEnoughNames = 10;
 constexpr char kFirstLetter = 'q';
 constexpr std::size_t kBlockBytes = 64;
@@ -42,6 +42,7 @@ public:
         std::array<Character, kNameLength> text;
         std::memcpy(text.data(), position, sizeof(text));
         // The second letter spares most of them the two calls.
+        // compat 116: the first letter counts in lower case only, the others in any case
         if (text[0] != kFirstLetter || (text[1] != 'b' && text[1] != 'B'))
             return nullptr;
         for (std::size_t i = 0; i < kDriverNames.size(); ++i)

@@ -25,6 +25,7 @@ constexpr std::array<const wchar_t *, 22> kNames{
     L"UninstallingDriver",
     L"InstallingWfpCalloutDriver",
     L"UninstallingWfpCalloutDriver",
+    // compat 91: no code starts these two
     L"StartingWfpCalloutDriver",
     L"StoppingWfpCalloutDriver",
 };
@@ -38,6 +39,7 @@ const wchar_t *StepName(std::uint32_t step) {
 }
 
 bool IsSilentStep(std::uint32_t step) {
+    // compat 90: these four log neither their start nor their end
     return step == GettingInetCfg || step == GettingNetworkConfigLock || step == ReleasingInetCfg ||
            step == ReleasingNetworkConfigLock;
 }

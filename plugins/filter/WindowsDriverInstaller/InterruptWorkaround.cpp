@@ -102,7 +102,7 @@ void SetBindMode(const TraceSite &site) {
         (void)WriteNumber(key, kNdisKey, kBindMode, 1, site);
 }
 
-/// An absent value stays absent, unlike the other one. @return whether it was changed.
+/// compat 130: an absent value stays absent, unlike the other one. @return whether it was changed.
 bool TurnFairShareOff(const TraceSite &site) {
     Trace(site, "InstallOrUpdateDriver: check registry %s", kFairShare);
     wxRegKey key(wxRegKey::HKLM, kFairShareKey);

@@ -33,7 +33,7 @@ bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
     if (AwaitHealth(stillUnhealthy, currentAdapters, kNdisTrace))
         return true;
     RestartAdapters(currentAdapters);
-    return false;  // what came of the second cure is not looked at
+    return false;  // compat 101: does not check whether the second recovery helped
 }
 
 bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
@@ -54,7 +54,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
-        // An adapter that was healthy once is not judged again.
+        // compat 102: an adapter that was healthy once is not judged again
         std::set<wxString> unhealthyNames;
         for (const TcpAdapter &now : currentAdapters)
             unhealthyNames.insert(now.bindName);
@@ -64,7 +64,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
     return false;
 }
 
-/// The first call puts back what the record says of the filter, which for an adapter that had it changes nothing.
+/// compat 103: the first call restores the recorded binding, so an adapter that had the filter keeps it.
 /// After an upgrade the recorded binding is put back, after a fresh installation the filter goes where IP was.
 void CDriverInstallerWatchdog::RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded) {
     installerThread->DbgPrint(L"Network doesn't appear healthy - unbinding & rebinding %ls", kFilterComponent);
@@ -119,12 +119,12 @@ void CDriverInstallerWatchdog::ClearArpCache() {
         if (row->dwType != MIB_IPNET_TYPE_INVALID && row->dwType != MIB_IPNET_TYPE_DYNAMIC)
             continue;
         const DWORD deleted = DeleteIpNetEntry(row);
-        if (deleted > 1)  // 1 passes, too
+        if (deleted > 1)  // compat 104: 1 is no failure
             wxLogSysError(static_cast<long>(deleted), "DeleteIpNetEntry(%s) failed:", AddressText(row->dwAddr));
     }
 }
 
-/// What counts is that something is sent; the reply is not used.
+/// compat 105: what counts is that something is sent; the reply is not used
 void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
     for (const TcpAdapter &adapter : adaptersBefore) {
         if (!adapter.boundToIp || adapter.gatewayAddress == kNoAddress)
@@ -149,6 +149,7 @@ struct LessAsDeviceId {
 /// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
 /// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
 /// machine be its.
+/// compat 107: restarts every device of the same model
 class AdaptersByDevice {
 public:
     /// @param adapters    have to stay.
@@ -215,7 +216,7 @@ bool ChangeDevice(HDEVINFO devices, SP_DEVINFO_DATA &device, bool enable) {
             wxLogSysError("not critical - SetupDiCallClassInstaller()");
         return true;
     }
-    (void)change.Carry();  // for all hardware profiles; the one for this profile follows whatever came of it
+    (void)change.Carry();  // for all hardware profiles; compat 108: a failure is not logged
     change.SetScope(DICS_FLAG_CONFIGSPECIFIC);
     if (change.Prepare() && !change.Carry())
         wxLogSysError("not critical - SetupDiCallClassInstaller(DICS_FLAG_CONFIGSPECIFIC)");
@@ -240,7 +241,7 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         if (SetupDiGetDeviceInstanceIdW(list, &device, instanceId.data(), instanceId.size(), nullptr) == 0)
             continue;
         for (const auto &[place, adapter] :
-             byDevice.Of(instanceId.data())) {  // a device of two records is acted on twice
+             byDevice.Of(instanceId.data())) {  // compat 106: a device of two records is acted on twice
             installerThread->DbgPrint(L"%s adapter '%.64ls'", enable ? L"Enabling" : L"Disabling",
                                       Wide(adapter->displayName));
             acted = ChangeDevice(list, device, enable) || acted;

@@ -29,6 +29,7 @@ bool IsMiniport(VtaCore::CDom &dom, const DeviceList &devices, SP_DEVINFO_DATA &
         ReportFailure(dom, GetLastError(), L"SetupDiGetDeviceRegistryProperty");
         return false;
     }
+    // compat 126: compares case, and takes no device without a description
     return std::wcsstr(instanceId.data(), kMiniport) != nullptr;
 }
 

@@ -147,7 +147,7 @@ bool IsWfpServiceRunning() {
 }
 
 bool WaitForServiceState(SC_HANDLE service, DWORD state) {
-    // Compared directly, not by difference: ticks that wrap end the wait early or late, and that is kept.
+    // compat 128: compared directly, so ticks that wrap end the wait early or late
     const DWORD deadline = GetTickCount() + kWaitMs;
     SERVICE_STATUS status = {};
     if (QueryServiceStatus(service, &status) == 0)
@@ -159,7 +159,7 @@ bool WaitForServiceState(SC_HANDLE service, DWORD state) {
             return false;
         }
         if (status.dwCurrentState == noted.dwCurrentState && status.dwCheckPoint < noted.dwCheckPoint)
-            return false;  // no progress; the last error is whatever it is
+            return false;  // compat 129: a lower checkpoint; the last error is arbitrary
         noted = status;
         Sleep(PauseFor(status));
         if (QueryServiceStatus(service, &status) == 0)

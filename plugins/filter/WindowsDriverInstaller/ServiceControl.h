@@ -4,9 +4,8 @@
 
 #include <windows.h>
 
-// Each yields whether the driver is then in the state that was asked for, or on its way there. What is uneven in the
-// results is meant so: a service that can't be opened needs no starting or stopping and counts as success, and what
-// can't be looked at doesn't run, so a stop without a service manager is a success and a start is a failure.
+// Each yields whether the driver is then in the state that was asked for, or on its way there.
+// compat 127: a service that can't be opened is a success; a stop without a service manager, too, but not a start
 // @param wait  wait for the state, for half a minute at most.
 bool StartWFPCallout(bool wait);
 bool StopWFPCallout(bool wait);

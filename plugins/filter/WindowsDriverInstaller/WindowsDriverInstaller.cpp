@@ -22,7 +22,7 @@
 
 namespace {
 
-/// The watchdog has made no progress for an hour. It is neither ended nor freed here.
+/// The watchdog has made no progress for an hour. compat 150: it is neither ended nor freed
 void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
     VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     wxString stack;

@@ -17,7 +17,7 @@ struct FreeText {
 };
 using ComText = std::unique_ptr<wchar_t, FreeText>;
 
-/// An empty text counts as one that there was no memory for; that is meant so.
+/// compat 141: an empty text counts as one that there was no memory for
 HRESULT MakeText(const wchar_t *text, ComText &made, const TraceLine &line) {
     made.reset(SysAllocString(text));
     return Judged(SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK, "SysAllocString failed: 0x%08lx", line);
@@ -45,6 +45,7 @@ HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path,
         return S_OK;  // not listed
     VARIANT_BOOL isEnabled = VARIANT_FALSE;
     hr = Judged(application->get_Enabled(&isEnabled), "get_Enabled failed: 0x%08lx", site);
+    // compat 142: only VARIANT_TRUE counts as enabled, while any non-zero profile switch is on
     if (SUCCEEDED(hr) && isEnabled == VARIANT_TRUE)
         *enabled = 1;
     return hr;
@@ -109,7 +110,7 @@ bool WithProfile(const std::function<HRESULT(INetFwProfile *)> &work, const Trac
         const HRESULT hr = WindowsFirewallInitialize(&profile, &policy);
         if (SUCCEEDED(Judged(hr, "WindowsFirewallInitialize failed: 0x%08lx", site)) &&
             SUCCEEDED(Judged(work(profile.Get()), "WindowsFirewallAddApp failed: 0x%08lx", site))) {
-            // Both stay for the life of the thread, and so does COM; that is kept so.
+            // compat 139: both stay with the thread after a success, and so does COM
             (void)profile.Detach();
             (void)policy.Detach();
             return true;
@@ -138,7 +139,7 @@ bool WindowsFirewallRemoveApp(const char *path) {
     const TraceSite site(kFirewallTrace);
     const wxString file = TextArgument(path);
     Trace(site, "WindowsFirewallRemoveApp called with path = %s", file);
-    // A failure is logged under the add's name; the text stays so.
+    // compat 140: logs a failure under the add's name
     return WithProfile([&](INetFwProfile *profile) { return DoWindowsFirewallRemoveApp(profile, file.wc_str()); },
                        site);
 }

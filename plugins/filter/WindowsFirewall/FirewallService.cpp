@@ -70,6 +70,7 @@ bool Open(Service &opened, DWORD access, const char *withoutService, bool *resul
     opened.Close();
     if (error != ERROR_SERVICE_DOES_NOT_EXIST)
         return Failed(site, "Error opening '%.64s' service: %#08x", error);
+    // compat 149: a missing service is a success; where it was to be started, it counts as running
     Trace(site, withoutService, kService);
     *result = true;
     return false;
@@ -80,7 +81,7 @@ bool SetStartType(const Handle &service, DWORD startType) {
                                 nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
 }
 
-/// The service is never left enabled: it runs on, with its start type as it was found.
+/// compat 147: never leaves the service enabled; it runs on with its start type as found
 bool StartDisabled(const Handle &service, const TraceSite &site) {
     Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
     if (!SetStartType(service, SERVICE_DEMAND_START))
@@ -102,7 +103,7 @@ bool StartStopped(const Handle &service, const TraceSite &site) {
 }  // namespace
 
 void FillOsVersionRecord() {
-    // The size of the smaller record is the mark that this one is filled.
+    // compat 144: the size marks the record as filled, even if the version can't be read
     constexpr DWORD filled = sizeof(OSVERSIONINFOW);
     static_assert(filled == 276);
     if (osVersionRecord.dwOSVersionInfoSize == filled)
@@ -148,14 +149,15 @@ bool StartServiceW(bool *running, bool start) {
         if (QueryServiceStatus(opened.service.get(), &status) == 0)
             return Failed(site, kQueryFailed, GetLastError());  // the failures of a start are told before it is closed
         if (status.dwCurrentState == SERVICE_RUNNING)
-            return true;  // `running` stays false if a stop was seen before
+            return true;  // compat 148: `running` stays false if it was seen stopped before
+        // compat 153: waits for a starting service even if it is only to be checked
         if (status.dwCurrentState == SERVICE_START_PENDING)
             Sleep(kPauseMs);
         if (status.dwCurrentState != SERVICE_STOPPED)
-            continue;  // any other state is polled without a pause; that is meant so
+            continue;  // compat 145: any other state is polled without a pause
         *running = false;
         if (!start) {
-            opened.Abandon();  // on this road the two handles stay open; that is kept so
+            opened.Abandon();  // compat 146: leaves both handles open
             return true;
         }
         if (attempted) {
@@ -186,7 +188,7 @@ bool StopService(bool *wasRunning) {
     if (QueryServiceStatus(opened.service.get(), &status) == 0)
         return FailedAndClosed(opened, site, kQueryFailed);
     if (status.dwCurrentState == SERVICE_STOPPED) {
-        opened.Abandon();  // on this road the two handles stay open; that is kept so
+        opened.Abandon();  // compat 146: leaves both handles open
         return true;
     }
     *wasRunning = status.dwCurrentState == SERVICE_RUNNING;

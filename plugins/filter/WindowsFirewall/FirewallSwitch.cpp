@@ -80,7 +80,7 @@ public:
         return S_OK;
     }
 
-    /// @param mask  not zero; bits that are no profile's are ignored.
+    /// @param mask  not zero. compat 154: ignores bits of no profile, except before Vista
     HRESULT Write(DWORD mask, bool on) {
         const VARIANT_BOOL enabled = on ? VARIANT_TRUE : VARIANT_FALSE;
         if (!m_policy) {
@@ -111,7 +111,7 @@ std::array<wchar_t, 256> KeyName() {
     return name;
 }
 
-/// A key that can't be made leaves no record and no word; that is meant so.
+/// compat 133: a key that can't be made leaves neither record nor trace
 void WriteFlag(DWORD mask, const TraceSite &site) {
     HKEY made = nullptr;
     if (RegCreateKeyW(HKEY_LOCAL_MACHINE, KeyName().data(), &made) != ERROR_SUCCESS)
@@ -131,21 +131,21 @@ void DeleteFlag(const Key &key, const TraceSite &site) {
               static_cast<unsigned long>(error));
 }
 
-/// The flag follows only when all are off. So a failure half way leaves profiles off that no restore brings back; that
-/// is meant so.
+/// compat 132: writes the flag only when all are off, so no restore brings back what went off before a failure
 void TurnOff(const TraceSite &site) {
     Switches switches(site);
     DWORD mask = 0;
     if (FAILED(switches.Open()) || FAILED(switches.Read(mask)) || mask == 0)
         return;
+    // compat 137: a new mask replaces the old one, whose profiles are forgotten
     Trace(site, "The windows firewall is enabled going to disable it");
     if (SUCCEEDED(switches.Write(mask, false)))
         WriteFlag(mask, site);
 }
 
 /// @param type  of the flag, and
-/// @param mask  its data. An odd flag restores nothing.
-/// @return false when something could not be restored: the flag then stays whole.
+/// @param mask  its data. compat 135: an odd flag restores nothing and is deleted
+/// @return false when something could not be restored. compat 136: the flag then stays whole
 bool TurnBackOn(Switches &switches, DWORD type, DWORD mask, const TraceSite &site) {
     if (FAILED(switches.Open()))
         return false;
@@ -191,7 +191,7 @@ int EnableFirewall() {
     bool wasRunning = false;
     if (!StartFirewallService(&wasRunning, true)) {
         Trace(site, "StartFirewallService returned false when enabling windows firewall");
-        (void)key.release();  // on this one road the handle stays open; that is kept so
+        (void)key.release();  // compat 134: leaves the handle open
         return 0;
     }
     if (StartCom(site)) {

@@ -87,7 +87,7 @@ void LogLastError(const ThreadLog &log, const char *format) {
 
 }  // namespace
 
-// After a failure nothing is undone: an owner once set stays, and so does the privilege if it was not disabled yet.
+// compat 125: undoes nothing after a failure; the new owner stays, and the privilege if not disabled yet
 void TakeOwnership(const ThreadLog &log, wchar_t *objectName) {
     Token token;  // closed last
     Acl acl;

@@ -23,7 +23,7 @@ extern ConnMetricsMap mergedMetrics;
 extern std::int64_t lastMetricsUpdate;
 
 using PrintFunction = int(void *, const char *, ...);
-/// The driver-interface library's own print function. Nothing reads it; it keeps its place.
+/// compat 2: the driver-interface library's own print function; nothing reads it
 extern PrintFunction *libraryPrint;
 
 /// The comment of the files in a diagnostic package: none.
