@@ -80,11 +80,30 @@ check_compatibility() {
     return $status
 }
 
+# Agent events, by their numbers: constants such as kUpgradeEvent in the code, rows of the index for support.
+events_in_code() { git grep -hoE --untracked 'constexpr int k\w+Event = [0-9]+' -- plugins | grep -oE '[0-9]+$' | sort -u; }
+events_on_page() { sed -nE 's/^\| ([0-9]{4}) \|.*/\1/p' docs/support.md | sort -u; }
+# The module's messages in English, up to what is inserted.
+messages_in_code() { git grep -h --untracked -A 1 '^Language=English' -- 'plugins/*.mc' | sed -nE '/^(Language|--|\.)/d; s/ *%.*//p'; }
+
+check_support_page() {
+    local status=0 page=docs/support.md text
+    [ -n "$(events_in_code)" ] || { echo "no constant k...Event in plugins: adapt events_in_code" >&2 && return 1; }
+    [ -n "$(messages_in_code)" ] || { echo "no English message in plugins: adapt messages_in_code" >&2 && return 1; }
+    comm -23 <(events_in_code) <(events_on_page) | complain_of "Events that $page does not explain: add a row" || status=1
+    comm -13 <(events_in_code) <(events_on_page) | complain_of "Events on $page that the code does not send: remove the row" || status=1
+    while read -r text; do
+        grep -qF "$text" $page || echo "$text"
+    done < <(messages_in_code) | complain_of "Messages that $page does not have: quote them" || status=1
+    return $status
+}
+
 check_rules() {
     local status=0
     check_includes || status=1
     check_real_suites || status=1
     check_compatibility || status=1
+    check_support_page || status=1
     forbid "The product knows nothing of the devkit; use what interfaces/ offers" \
         '#include "(devkit|.*_control\.h|simulator|Simulator)' plugins interfaces || status=1
     forbid "A test that is switched off counts as nothing: fix or delete it" \

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What ./dev check says of the numbers of deliberate oddities, in a repository of a few lines.
+# What ./dev check says of the numbers of deliberate oddities and of events, in a repository of a few lines.
 #   rules-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -26,11 +26,14 @@ fresh() {
     printf '%s\n' '| No. | What | Why | Test |' '|---|---|---|---|' \
         '| 1 | Leaves it open. | *agreed* | `Keys.StayOpen`, `Names.AreLong` |' '| 2 | `Nothing.Reads` it. | *agreed* | no test |' \
         >docs/compatibility.md
+    printf '%s\n' 'constexpr int kUpgradeEvent = 1005;' 'constexpr int kFailureEvent = 3005;' >plugins/events.h
+    printf '%s\n' 'Language=English' 'It is locked by %1.%0' '.' 'Language=Japanese' '%1' '.' >plugins/Messages.mc
+    printf '%s\n' '| 1005 | upgrade |' '| 3005 | failure |' '| 3005 | another |' '> It is locked by NAME.' >docs/support.md
 }
 
 check() {
-    bash -c 'set -euo pipefail; die() { echo "$*" >&2; exit 1; }; . "$0/../../scripts/rules.sh"; check_compatibility' \
-        "$HERE" >"$SAID" 2>&1
+    bash -c 'set -euo pipefail; die() { echo "$*" >&2; exit 1; }; . "$0/../../scripts/rules.sh"; "$@"' \
+        "$HERE" "${CHECK:-check_compatibility}" >"$SAID" 2>&1
 }
 passes() { check || because "it does not pass: $(<"$SAID")"; }
 # fails_with TEXT...: and says each of them.
@@ -85,9 +88,33 @@ ACommentThatGivesNoReasonFails() {
     fails_with 'Say why' 'plugins/a.cpp:3'
 }
 
+EventsAndMessagesOfThePagePass() {
+    fresh
+    CHECK=check_support_page passes
+}
+
+AnEventThatThePageDoesNotExplainFails() {
+    fresh
+    sed -i 1d docs/support.md
+    CHECK=check_support_page fails_with 'does not explain' 1005
+}
+
+AnEventThatTheCodeDoesNotSendFails() {
+    fresh
+    sed -i 2d plugins/events.h
+    CHECK=check_support_page fails_with 'does not send' 3005
+}
+
+AMessageThatThePageDoesNotHaveFails() {
+    fresh
+    sed -i 's/locked by/held by/' docs/support.md
+    CHECK=check_support_page fails_with 'does not have' 'It is locked by'
+}
+
 for name in NumbersOnBothSidesAndTestsThatExistPass ANumberThatThePageDoesNotExplainFails \
     ANumberThatTheCodeDoesNotHaveFails ANumberThatStandsTwiceOnThePageFails ATestThatDoesNotExistFails APageWithoutRowsFails \
-    ACommentThatGivesNoReasonFails; do
+    ACommentThatGivesNoReasonFails EventsAndMessagesOfThePagePass AnEventThatThePageDoesNotExplainFails \
+    AnEventThatTheCodeDoesNotSendFails AMessageThatThePageDoesNotHaveFails; do
     test_case "$name"
 done
 write_results rules-tests "$XML"
