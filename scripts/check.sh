@@ -126,7 +126,7 @@ check_warnings() { prepare_build all; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/report-picture scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
 
 # A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
 check_workflow() {
