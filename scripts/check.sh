@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# ./dev check: formatting, lint and the rules of the house. Every check runs; each failure counts.
+# ./dev check: formatting, lint and the house rules. Every check runs; each failure counts.
 
 CPP_GLOBS=('*.cpp' '*.h' '*.c')
 CPP_FOLDERS=(plugins interfaces devkit tests bench)
 
 cpp_files() { git ls-files --cached --others --exclude-standard -- "${CPP_GLOBS[@]}"; }
 
-# A check of nothing must not pass: without git's list of files there is nothing to go by.
+# A check of nothing must not pass: without git's list of files there is nothing to check.
 require_files() {
     [ "$(cpp_files | wc -l)" -gt 0 ] || die "git lists no sources here: run this in a clone (see 'git status')"
 }

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# Rules of the house that no other tool knows. Each message says what to do instead.
+# House rules that no other tool knows. Each message says what to do instead.
 
-# forbid MESSAGE PATTERN PATH...: fails when the pattern stands in a file.
+# forbid MESSAGE PATTERN PATH...: fails if the pattern occurs in a file.
 forbid() {
     local message=$1 pattern=$2 found
     shift 2
@@ -27,10 +27,10 @@ check_includes() {
     return $status
 }
 
-# Suites whose names begin with Real run on the machine's own parts. These only ask it.
+# Suites whose names begin with Real use the machine itself. These only query it.
 ONLY_ASKING='RealDevices|RealIpHelper|RealPerformanceQueries|RealSecurity|RealVersion'
 
-# The others are left out where the machine is somebody's own.
+# The others are skipped on somebody's own machine.
 check_real_suites() {
     local status=0 suite
     while read -r suite; do
