@@ -29,11 +29,11 @@ end
 -- Fills the result by the XML; yields what is wrong with it.
 local function read_xml(result, xml)
     if not xml or xml == "" then
-        return "has left no results"
+        return "left no results"
     end
     local head = xml:match("<testsuites (.-)>")
     if not head or not xml:match("</testsuites>%s*$") then
-        return "has left results that are not complete"
+        return "left incomplete results"
     end
     local sums, cases = attributes(head), 0
     for element in xml:gmatch("<testcase (.-)>") do
@@ -54,11 +54,11 @@ local function read_xml(result, xml)
     result.seconds = tonumber(sums.time) or 0
     result.left_out = sums.left_out or ""
     if cases ~= tonumber(sums.tests) or result.failed ~= #result.failures then
-        return "has left results that are not complete"
+        return "left incomplete results"
     elseif cases == 0 then
-        return "has run no test"
+        return "ran no tests"
     elseif result.failed > 0 then
-        return ("has failed in %d of %d tests"):format(result.failed, cases)
+        return ("failed in %d of %d tests"):format(result.failed, cases)
     end
 end
 
@@ -70,7 +70,7 @@ local function judge(name)
     if status == "" then
         result.fault = "was not run"
     elseif status == "late" then
-        result.fault = "was ended after " .. (os.getenv("FC_TEST_SECONDS") or "?") .. " s"
+        result.fault = "was killed after " .. (os.getenv("FC_TEST_SECONDS") or "?") .. " s"
     elseif status == "begun" then
         result.fault = "was left by fc-launch.exe, which has ended"
     elseif status == "killed" then
@@ -78,7 +78,7 @@ local function judge(name)
     elseif status ~= "0" and result.failed == 0 then
         local number = tonumber(status) or 0
         local ending = number >= 0x80000000 and ("crashed: 0x%08X"):format(number) or "ended with status " .. status
-        result.fault = result.fault and result.fault .. " and has " .. ending or "has " .. ending .. " after its tests"
+        result.fault = result.fault and result.fault .. " and " .. ending or ending .. " after its tests"
     end
     result.passed = result.tests - result.failed - result.skipped
     if result.fault and result.failed == 0 then

@@ -37,7 +37,7 @@ make_locales() {
         folder=$BUILD/locales/$name.UTF-8
         [ -f "$folder/LC_IDENTIFICATION" ] && continue
         rm -rf "$folder" "$folder.partial"
-        quietly "locale-$name.log" "making the locale $name" localedef -i "$name" -f UTF-8 "$folder.partial"
+        quietly "locale-$name.log" "creating the locale $name" localedef -i "$name" -f UTF-8 "$folder.partial"
         mv "$folder.partial" "$folder"
     done
 }
@@ -53,7 +53,7 @@ prepare_configured() {
 prepare_build() {
     prepare_configured
     say "building"
-    NINJA_STATUS='[%f/%t] ' ninja -C "$BUILD" -j "$JOBS" "$@" >&2 || die "the build failed; the compiler's words are above"
+    NINJA_STATUS='[%f/%t] ' ninja -C "$BUILD" -j "$JOBS" "$@" >&2 || die "the build failed; the compiler's messages are above"
     prepare_wine
 }
 

@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# ./dev check: formatting, lint and the rules of the house. Every check runs; each failure counts.
+# ./dev check: formatting, lint and the house rules. Every check runs; each failure counts.
 
 CPP_GLOBS=('*.cpp' '*.h' '*.c')
 CPP_FOLDERS=(plugins interfaces devkit tests bench)
 
 cpp_files() { git ls-files --cached --others --exclude-standard -- "${CPP_GLOBS[@]}"; }
 
-# A check of nothing must not pass: without git's list of files there is nothing to go by.
+# A check of nothing must not pass: without git's list of files there is nothing to check.
 require_files() {
     [ "$(cpp_files | wc -l)" -gt 0 ] || die "git lists no sources here: run this in a clone (see 'git status')"
 }
@@ -137,7 +137,7 @@ check_warnings() { prepare_build all; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
-check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
+check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/report-picture scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
 
 # A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
 check_workflow() {

@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# What every script of ./dev shares: where things are, how it speaks, how it waits and asks for root.
+# What the scripts of ./dev share: folders, messages, waiting, and root privileges.
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# A name that the caller gave, seen from the caller's folder.
+# A name that the caller gave, relative to the caller's folder.
 from_caller() {
     case $1 in
     /*) echo "$1" ;;
@@ -11,7 +11,7 @@ from_caller() {
     esac
 }
 
-# A path as it is told to the caller: relative if it lies below the caller's folder.
+# A path for messages: relative if it lies below the caller's folder.
 to_caller() { realpath -ms --relative-base="$CALLER" "$1"; }
 
 export HOME=${HOME:-~}
@@ -23,7 +23,7 @@ DIST=$(from_caller "${FC_OUT:-$ROOT}")/dist
 LOGS=$BUILD/logs
 TOOLCHAIN=$ROOT/cmake/clang-mingw64.cmake
 JOBS=${FC_JOBS:-$(nproc)}
-# Wine makes names of files from the locale's characters; a machine without a locale would have ASCII alone.
+# Wine takes file names in the locale's characters; a machine without a locale would have only ASCII.
 [ "$(locale charmap 2>/dev/null)" = UTF-8 ] || export LC_ALL=C.UTF-8
 # Folders of the machine's own compiler, which clang would search for Windows, too, and name in PDB files.
 unset CPATH C_INCLUDE_PATH CPLUS_INCLUDE_PATH LIBRARY_PATH
@@ -39,18 +39,18 @@ die() {
     exit 1
 }
 
-# tell_full_disks STATUS: after a failure. A full disk stops whatever is at work, in that program's words.
+# tell_full_disks STATUS: after a failure. A full disk stops whatever is running, with that program's message.
 tell_full_disks() {
     local folder left
     [ "$1" -gt 0 ] && [ "$1" -lt 128 ] || return 0
     for folder in "$BUILD" "$CACHE" "$OUT" "${TMPDIR:-/tmp}"; do
         left=$(df --output=avail -BM "$folder" 2>/dev/null | tail -n 1 | tr -dc 0-9) || continue
         [ "${left:-1000}" -ge 50 ] ||
-            complain "only $left MiB are left on the disk that holds $folder: make room there, and run this again"
+            complain "only $left MiB are left on the disk that holds $folder: free some space there, and run this again"
     done
 }
 
-# require_root TEXT: or says the text, which tells what an administrator can do.
+# require_root TEXT: or prints the text, which says what an administrator can do.
 require_root() {
     [ "$(id -u)" -eq 0 ] && return
     { command -v sudo >/dev/null && sudo -v; } || die "$1" # asks for a password here, not in a log
@@ -60,15 +60,15 @@ as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
     else
-        # Nobody but root can end it. So it is ended when this process is gone.
+        # Only root can end it. So it ends when this process is gone.
         # shellcheck disable=SC2016 # expanded by root's shell
         sudo bash -c '"${@:2}" & while kill -0 $! 2>/dev/null; do [ -d "/proc/$1" ] || kill $!; sleep 0.2; done; wait $!' \
             as_root $$ "$@"
     fi
 }
 
-# wait_telling PID LABEL [live]: waits for a job in the background and yields its status. Tells now and then that it is
-# still at work, or counts its seconds.
+# wait_telling PID LABEL [live]: waits for a background job and returns its status. Says now and then that it is still
+# running, or counts its seconds.
 wait_telling() {
     local pid=$1 label=$2 live=${3:-} started=$SECONDS told=$SECONDS
     while kill -0 "$pid" 2>/dev/null; do
@@ -76,7 +76,7 @@ wait_telling() {
         if [ -n "$live" ]; then
             printf '\r==> %s ... %ds ' "$label" $((SECONDS - started)) >&2
         elif [ $((SECONDS - told)) -ge "$PROGRESS_SECONDS" ]; then
-            say "$label: at work for $((SECONDS - started)) s"
+            say "$label: still running after $((SECONDS - started)) s"
             told=$SECONDS
         fi
     done
@@ -84,7 +84,7 @@ wait_telling() {
     wait "$pid"
 }
 
-# quietly LOG LABEL COMMAND...: runs with its output in a log, and on failure shows the log's end.
+# quietly LOG LABEL COMMAND...: runs the command with its output in a log, and shows the log's end on failure.
 quietly() {
     local log=$LOGS/$1 label=$2 started=$SECONDS status=0 live=''
     shift 2
@@ -95,6 +95,6 @@ quietly() {
     say "$label ($((SECONDS - started)) s)"
     if [ "$status" -ne 0 ]; then
         tail -n 40 "$log" >&2
-        die "$label failed with status $status; the whole output is in $log"
+        die "$label failed with status $status; the full output is in $log"
     fi
 }

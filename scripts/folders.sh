@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# The folders that ./dev fills and ./dev clean removes, and who may use them at a time. FC_BUILD, FC_CACHE and FC_OUT can
-# name any folder, somebody's own work among them, so a folder is used only if ./dev made it.
+# The folders that ./dev fills and ./dev clean removes, and their locks. FC_BUILD, FC_CACHE and FC_OUT can name any folder,
+# even one with somebody's own work, so a folder is used only if ./dev made it.
 
 MARKER=.made-by-dev # in a folder that ./dev made, or found empty
 
@@ -18,28 +18,28 @@ is_ours() {
         grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$1/CMakeCache.txt" # made before there was a marker
 }
 
-# claim_folder FOLDER VARIABLE: makes it, or refuses one that holds something else.
+# claim_folder FOLDER VARIABLE: creates it, or rejects one with other contents.
 claim_folder() {
     local folder=$1 variable=$2 foreign
     if [ -d "$folder" ] && ! is_ours "$folder" && [ -n "$(ls -A "$folder")" ]; then
-        die "$folder is not empty and was not made by ./dev: let $variable name a new or an empty folder"
+        die "$folder is not empty and was not made by ./dev: set $variable to a new or empty folder"
     fi
-    mkdir -p "$folder" 2>/dev/null || die "$folder can't be made: let $variable name a folder that you may write to"
+    mkdir -p "$folder" 2>/dev/null || die "$folder can't be created: set $variable to a folder that you may write to"
     # A run as root leaves such things.
     foreign=$(find "$folder" -maxdepth 2 ! -type l ! -writable ! -user "$(id -u)" -print -quit 2>/dev/null)
     if [ -n "$foreign" ] || ! touch "$folder/$MARKER" 2>/dev/null; then
-        die "${foreign:-$folder} can't be written to by $(id -un): let $variable name another folder, or remove $folder"
+        die "${foreign:-$folder} can't be written to by $(id -un): set $variable to another folder, or remove $folder"
     fi
 }
 
-# require_writable FILE: before the work that it is for.
+# require_writable FILE: checked before the work starts.
 require_writable() {
     if [ -d "$1" ] || [ ! -w "$([ -e "$1" ] && echo "$1" || dirname "$1")" ]; then
-        die "'$1' can't be written: is its folder there, and may you write to it?"
+        die "'$1' can't be written: does its folder exist, and may you write to it?"
     fi
 }
 
-# take_lock FD FILE HOW WHERE: takes the lock, waiting for others. Yields false if the file was removed meanwhile.
+# take_lock FD FILE HOW WHERE: takes the lock, waiting for others. Returns false if the file was removed meanwhile.
 take_lock() {
     local fd=$1 file=$2 how=$3 where=$4
     eval "exec $fd>>\"\$file\""
@@ -50,7 +50,7 @@ take_lock() {
     [ "$file" -ef "/proc/self/fd/$fd" ]
 }
 
-# One ./dev at a time builds, tests, checks, measures or packs in a build folder.
+# One ./dev at a time builds, tests, checks, measures or packages in a build folder.
 lock_build() {
     while
         claim_folder "$BUILD" FC_BUILD
@@ -60,7 +60,7 @@ lock_build() {
 
 unlock_build() { exec 9>&-; }
 
-# lock_programs HOW: shared by those that run programs from the build folder, exclusive for who takes them away.
+# lock_programs HOW: shared by those that run programs from the build folder, exclusive for whoever removes them.
 lock_programs() { take_lock 8 "$BUILD/lock-of-programs" "$1" "running programs of $BUILD"; }
 
 # in_cache COMMAND...: one ./dev at a time changes the cache, or the packages of the machine.
@@ -86,5 +86,5 @@ clean_folders() {
     fi
     # The locks lie in the build folder and go with it.
     rm -rf "${BUILD:?}" "${OUT:?}" "${DIST:?}"
-    say "removed $BUILD, $OUT and $DIST; the libraries stay in $CACHE (delete that folder to fetch them anew)"
+    say "removed $BUILD, $OUT and $DIST; the libraries stay in $CACHE (delete that folder to fetch them again)"
 }

@@ -39,7 +39,7 @@ configure_build_install() {
 is_whole() {
     [ -e "$1/complete" ] || return 1
     files_in "$1" | cmp -s - "$1/complete" && return 0
-    say "$1 has been damaged: making it again"
+    say "$1 is damaged: rebuilding it"
     return 1
 }
 

@@ -24,7 +24,7 @@ pack() {
     (cd "$(dirname "$folder")" && find "$(basename "$folder")" | LC_ALL=C sort | TZ=UTC zip -q -4 -X -@ "$zip.part") &&
         unzip -tq "$zip.part" >/dev/null || {
         rm -f "$zip.part"
-        die "$zip can't be packed: see whether the disk is full"
+        die "$zip can't be packed: check whether the disk is full"
     }
     mv "$zip.part" "$zip"
     say "packed $zip, $(du -h "$zip" | cut -f 1)"
@@ -117,7 +117,7 @@ package_again() {
     env -u FC_OUT FC_BUILD="$second/build" FC_CACHE="$second/cache" "$second/clone/dev" package
     for name in fc fc-devkit; do
         name=$(package_name "$name").zip
-        cmp "$DIST/$name" "$second/clone/dist/$name" && say "$name is the same from both" || status=1
+        cmp "$DIST/$name" "$second/clone/dist/$name" && say "$name is identical in both" || status=1
     done
     [ $status -eq 0 ] || die "the packages differ; the second ones are in $second/clone/dist"
     rm -rf "$(dirname "$second")"

@@ -49,7 +49,7 @@ require_tools() {
         is_there "$(proof_of "$package")" || missing+=("$(proof_of "$package")") packages+=("$package")
     done
     [ ${#missing[@]} -eq 0 ] ||
-        die "missing here: ${missing[*]}; install them by hand (on Debian: apt-get install --reinstall ${packages[*]})"
+        die "missing: ${missing[*]}; install them by hand (on Debian: apt-get install --reinstall ${packages[*]})"
 }
 
 apt_install() {

@@ -3,8 +3,8 @@
 
 TEST_SECONDS=${FC_TEST_SECONDS:-1200} # for each entry
 
-# count_results XML: prints how many tests there were, how many failed and how many were skipped. Yields false when the
-# file is not there or not complete.
+# count_results XML: prints how many tests there were, how many failed and how many were skipped. Returns false if the
+# file is missing or incomplete.
 count_results() {
     [ -s "$1" ] || return 1
     awk '
@@ -20,7 +20,7 @@ count_results() {
         }' "$1"
 }
 
-# fault_of RESULT: what is wrong with RESULT.xml and RESULT.status; nothing if the tests were run and passed.
+# fault_of RESULT: what is wrong with RESULT.xml and RESULT.status; nothing if the tests ran and passed.
 fault_of() {
     local status counts tests failed
     [ -s "$1.status" ] || {
@@ -29,30 +29,30 @@ fault_of() {
     }
     status=$(<"$1.status")
     if [ "$status" -eq 124 ] || [ "$status" -eq 137 ]; then
-        echo "was ended after $TEST_SECONDS s"
+        echo "was killed after $TEST_SECONDS s"
     elif [ ! -s "$1.xml" ]; then
-        echo "has left no results (status $status)"
+        echo "left no results (status $status)"
     elif ! counts=$(count_results "$1.xml"); then
-        echo "has left results that are not complete (status $status)"
+        echo "left incomplete results (status $status)"
     else
         read -r tests failed _ <<<"$counts"
         if [ "$tests" -eq 0 ]; then
-            echo "has run no test"
+            echo "ran no tests"
         elif [ "$failed" -gt 0 ]; then
-            echo "has failed in $failed of $tests tests"
+            echo "failed in $failed of $tests tests"
         elif [ "$status" -ne 0 ]; then
-            echo "has ended with status $status after its tests"
+            echo "ended with status $status after its tests"
         fi
     fi
 }
 
-# end_of_output LOG: without what Wine's debugger tells of a crash on many lines, which would hide the program's own.
+# end_of_output LOG: without the many lines of Wine's debugger about a crash, which would hide the program's own.
 end_of_output() {
     sed '/^Register dump:/,/^ *Host version:/d; s/^/    /' "$1" | tail -n 20
 }
 
-# tell_results FOLDER ENTRY...: prints what is wrong with an entry and the end of its output, then the sums. Yields false
-# when anything is wrong.
+# tell_results FOLDER ENTRY...: prints what is wrong with an entry and the end of its output, then the sums. Returns false
+# if anything is wrong.
 tell_results() {
     local folder=$1 entry fault tests failed skipped status=0 all=(0 0 0)
     shift

@@ -26,20 +26,20 @@ run() {
 }
 run "$@"
 [ -s "$report" ] || {
-    echo "warning: Wine has ended before $(basename "$program") began; starting it once more" >&2
+    echo "warning: Wine ended before $(basename "$program") began; starting it again" >&2
     run "$@"
 }
 status=$(<"$report")
 case $status in
-'') fault "could not be run: Wine has failed, or fc-launch.exe" ;;
-begun) fault "has left no status: Wine has failed while it ran" ;;
+'') fault "could not be run: Wine or fc-launch.exe failed" ;;
+begun) fault "left no status: Wine failed while it ran" ;;
 killed) fault "was ended from outside" ;;
-*[!0-9]*) fault "has left the status '$status'" ;;
+*[!0-9]*) fault "left the status '$status'" ;;
 esac
 [ "$status" -gt 255 ] || exit "$status"
 low=$((status & 255))
 [ "$low" -ne 0 ] || low=1
 case $(printf '0x%08X' "$status") in
-0x[8C]*) fault "has crashed: $(printf '0x%08X' "$status")" "$low" ;; # the code of an exception
+0x[8C]*) fault "crashed: $(printf '0x%08X' "$status")" "$low" ;; # the code of an exception
 *) exit "$low" ;;
 esac

@@ -89,14 +89,14 @@ fetch_file() {
     fi
     say "fetching ${path##*/}"
     mapfile -t known < <(mirrors)
-    [ ${#known[@]} -gt 0 ] || die "apt knows no Debian mirror here: let FC_MIRROR name one (https://www.debian.org/mirror/list)"
+    [ ${#known[@]} -gt 0 ] || die "apt knows no Debian mirror here: set FC_MIRROR to one (https://www.debian.org/mirror/list)"
     for mirror in "${known[@]}"; do
         ! fetch_from "$file" "$sha" "$path" "$mirror" || return 0
     done
     if [ -z "$TROUBLE" ]; then
         # The mirrors answer, and none has the file.
         [ -n "${FC_MIRROR:-}" ] || ! fetch_from "$file" "$sha" "$path" "$(snapshot "$path")" || return 0
-        TROUBLE="no mirror has $path any more (${known[*]}): let FC_MIRROR name $(snapshot "$path"), or renew the pins with scripts/renew-pins"
+        TROUBLE="no mirror has $path any more (${known[*]}): set FC_MIRROR to $(snapshot "$path"), or renew the pins with scripts/renew-pins"
     fi
     die "$TROUBLE"
 }

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# Running the tests, and saying how they went.
+# Running the tests and reporting the results.
 
-# ctest_entries OPTIONS...: the names of its tests, those included that others need.
+# ctest_entries OPTIONS...: the names of its tests, including those that others need.
 ctest_entries() { ctest --test-dir "$BUILD" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
 
 # remove_left_temporaries FOLDER: the temporary folders of a run that was killed.
@@ -12,8 +12,8 @@ remove_left_temporaries() {
     done
 }
 
-# run_tests [PROGRAM...]: all test programs, or the named ones. The results that they leave tell how it went; ctest
-# itself knows only what scripts/run-apart.sh has found in them.
+# run_tests [PROGRAM...]: all test programs, or the named ones. Their result files decide; ctest itself knows only what
+# scripts/run-apart.sh found in them.
 run_tests() {
     local results=$BUILD/test-results filter=() status=0 entries known name
     mapfile -t known < <(ctest_entries)
@@ -39,7 +39,7 @@ run_tests() {
     return "$status"
 }
 
-# The seed by which each program has shuffled its tests, to have the same order again with --gtest_random_seed.
+# The seed by which each program shuffled its tests; --gtest_random_seed repeats the order.
 tell_seeds() {
     local file
     echo "seeds:$(for file in "$BUILD"/test-results/*.xml; do
@@ -47,9 +47,9 @@ tell_seeds() {
     done | tr -d '\n')"
 }
 
-# run_under_load RUNS [PROGRAM...]: the tests so many times, each time in another order and with more random tries, beside
-# six busy loops: what depends on which thread comes first fails then. The loops have a session of their own, like another
-# terminal's: Linux shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
+# run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random tries,
+# beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a session of their own, like
+# another terminal's: Linux shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
 run_under_load() {
     local runs=$1 status=0 loops i
     shift

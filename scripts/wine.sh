@@ -60,7 +60,7 @@ prepare_wine() {
     require_wine
     prefix_is_ready || {
         lock_programs --exclusive
-        prefix_is_ready || quietly wineboot.log "making a private Wine prefix" make_wine_prefix
+        prefix_is_ready || quietly wineboot.log "creating a private Wine prefix" make_wine_prefix
     }
     lock_programs --shared
     remove_left_folders

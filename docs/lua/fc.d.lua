@@ -1,7 +1,7 @@
 ---@meta fc
 -- The module's functions for editors with a Lua language server: completion, hover texts, and warnings about wrong
 -- arguments. Put this folder into the server's setting `Lua.workspace.library`. It is never run by the agent.
--- docs/lua-functions.md tells the whole of each function.
+-- docs/lua-functions.md describes each function in full.
 
 ---The table that the agent's modules share. `require "fc"` leaves the functions in `SLB.filter`.
 SLB = {}
@@ -97,8 +97,8 @@ function SLB.filter.GetScanMetricPort() end
 ---@param handle fc.DriverHandle
 function SLB.filter.setup_qbtrace(handle) end
 
----Puts the state of the drivers into a diagnostic package. Event 1001 tells of each failure of the driver library, and
----of statistics in another layout.
+---Puts the state of the drivers into a diagnostic package. Event 1001 reports each failure of the driver library, and
+---statistics in another layout.
 ---@param dom SLB.Dom
 ---@param handle fc.DriverHandle an open one
 ---@param zip SLB.wx.ZipOutputStream stays open
@@ -155,15 +155,15 @@ function SLB.filter.GetFileVersion(path) end
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string the folder of the filter driver's files
 ---@param wfp_folder string the folder of the callout's files
----@return boolean ended true also when the installation has failed
+---@return boolean ended true even if the installation failed
 function SLB.filter.InstallOrUpdateDriver(dom, ndis_folder, wfp_folder) end
 
----Removes both drivers with all that belongs to them. Event 3005 tells of a call of COM, the network configuration or
----the devices that failed. Failures of the callout and of INF files are only in the log.
+---Removes both drivers with everything that belongs to them. Event 3005 reports each failed call of COM, of the network
+---configuration and of the devices. Failures of the callout and of INF files are only in the log.
 ---@param dom SLB.Dom must outlive the work, which may go on after the call
 ---@param ndis_folder string not used
 ---@param wfp_folder string the folder of the callout's files, with a backslash at its end
----@return boolean removed true also when a reboot has to finish it
+---@return boolean removed true even if a reboot has to finish it
 function SLB.filter.UninstallDriver(dom, ndis_folder, wfp_folder) end
 
 ---Starts `qbimwfp` unless it runs.

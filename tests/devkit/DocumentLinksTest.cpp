@@ -97,4 +97,31 @@ TEST(DocumentLinks, LeadToPlacesThatExist) {
     EXPECT_GE(count, 30U);
 }
 
+/// All documents that links lead to from one of them, step by step.
+std::set<std::filesystem::path> ReachableFrom(const std::filesystem::path &start) {
+    std::set<std::filesystem::path> reached;
+    std::vector<std::filesystem::path> ahead{std::filesystem::canonical(start)};
+    while (!ahead.empty()) {
+        const std::filesystem::path document = ahead.back();
+        ahead.pop_back();
+        if (!reached.insert(document).second)
+            continue;
+        for (const std::string &link : RelativeLinks(TextOfFile(document.wstring())))
+            if (link.ends_with(".md"))
+                ahead.push_back(std::filesystem::canonical(document.parent_path() / link));
+    }
+    return reached;
+}
+
+TEST(DocumentLinks, LeadFromTheIndexToEveryDocument) {
+    const std::set<std::filesystem::path> reached = ReachableFrom(TestData("docs/README.md"));
+    for (const std::filesystem::path &document : Documents())
+        EXPECT_TRUE(reached.contains(std::filesystem::canonical(document)))
+            << document.string() << " cannot be reached from docs/README.md";
+}
+
+TEST(DocumentLinks, LeadFromTheFirstPageToTheIndex) {
+    EXPECT_TRUE(ReachableFrom(TestData("README.md")).contains(std::filesystem::canonical(TestData("docs/README.md"))));
+}
+
 }  // namespace

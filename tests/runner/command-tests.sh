@@ -45,8 +45,8 @@ AFolderThatHoldsSomethingElseIsNotFilled() {
     local command
     make_thesis
     for command in run test bench check package shell host; do
-        refuses "FC_BUILD name a new or an empty folder" FC_BUILD="$WORK/thesis" -- "$command" || return
-        refuses "FC_CACHE name a new or an empty folder" FC_BUILD="$WORK/new" FC_CACHE="$WORK/thesis" -- "$command" || return
+        refuses "FC_BUILD to a new or empty folder" FC_BUILD="$WORK/thesis" -- "$command" || return
+        refuses "FC_CACHE to a new or empty folder" FC_BUILD="$WORK/new" FC_CACHE="$WORK/thesis" -- "$command" || return
     done
     [ "$(ls -A "$WORK/thesis")" = $'lock\nthesis.tex' ] || because "the folder holds $(ls -A "$WORK/thesis")"
 }
@@ -102,7 +102,7 @@ AFolderOfSomebodyElseIsNamed() {
         as_before
         chmod -R u+w "$WORK/theirs"
         rm -rf "$WORK/theirs"
-        fails_with "let $variable name another folder" || return
+        fails_with "set $variable to another folder" || return
         [ "$(wc -l <"$SAID")" -le 1 ] || because "it says more: $(<"$SAID")" || return
     done
 }
@@ -124,7 +124,7 @@ AReadOnlyCloneIsEnough() {
     chmod -R a-w "$CLONE"
     as_another_user "$CLONE"
     dev -- run
-    fails_with "let FC_OUT name" && dev FC_OUT="$WORK/mine" -- run && succeeds
+    fails_with "set FC_OUT to" && dev FC_OUT="$WORK/mine" -- run && succeeds
     local status=$?
     as_before
     chmod -R u+w "$WORK"
@@ -154,8 +154,8 @@ AnOutFolderOfSomebodysOwnIsNotUsed() {
     fresh
     mkdir -p "$WORK/work/out" "$WORK/work/dist"
     echo text | tee "$WORK/work/out/thesis.tex" >"$WORK/work/dist/thesis.tex"
-    refuses "let FC_OUT name a new or an empty folder" FC_OUT="$WORK/work" -- run || return
-    refuses "let FC_OUT name a new or an empty folder" FC_OUT="$WORK/work" -- package || return
+    refuses "set FC_OUT to a new or empty folder" FC_OUT="$WORK/work" -- run || return
+    refuses "set FC_OUT to a new or empty folder" FC_OUT="$WORK/work" -- package || return
     refuses "was not made by ./dev" FC_OUT="$WORK/work" -- clean || return
     [ -s "$WORK/work/out/thesis.tex" ] || because "the file is gone" || return
     [ -d "$BUILD" ] || because "the build folder is gone"

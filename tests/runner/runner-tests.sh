@@ -100,43 +100,43 @@ ProgramsThatPassEndWithZero() {
 AFailedTestCountsThoughItsProgramEndsWithZero() {
     entries good 'result good 3 0' bad 'echo "a word at the end"; result bad 4 1'
     in_dev run_tests
-    fails bad 'has failed in 1 of 4 tests' 6 1 && says '    a word at the end'
+    fails bad 'failed in 1 of 4 tests' 6 1 && says '    a word at the end'
 }
 
 AProgramWithoutResultsFails() {
     entries good 'result good 3 0' silent 'echo "a word at the end"'
     in_dev run_tests
-    fails silent 'has left no results (status 0)' 3 1 && says '    a word at the end'
+    fails silent 'left no results (status 0)' 3 1 && says '    a word at the end'
 }
 
 ResultsThatAreCutShortFail() {
     entries short 'result short 3 0; head -n -1 short.xml >cut; mv cut short.xml'
     in_dev run_tests
-    fails short 'has left results that are not complete (status 0)' 0 1
+    fails short 'left incomplete results (status 0)' 0 1
 }
 
 ResultsWithFewerTestsThanTheyTellFail() {
     entries short 'result short 3 0; sed -i "/Test1/d" short.xml'
     in_dev run_tests
-    fails short 'has left results that are not complete (status 0)' 0 1
+    fails short 'left incomplete results (status 0)' 0 1
 }
 
 ARunOfNoTestFails() {
     entries none 'result none 0 0'
     in_dev run_tests
-    fails none 'has run no test' 0 1
+    fails none 'ran no tests' 0 1
 }
 
 AProgramThatEndsBadlyAfterItsTestsFails() {
     entries late 'result late 3 0; exit 5'
     in_dev run_tests
-    fails late 'has ended with status 5 after its tests' 3 1
+    fails late 'ended with status 5 after its tests' 3 1
 }
 
 TheResultsOfAnotherEntryDoNotCount() {
     entries program 'result program 3 0' program-again 'result program 3 0'
     in_dev run_tests
-    fails program-again 'has left no results (status 0)' 3 1
+    fails program-again 'left no results (status 0)' 3 1
 }
 
 ResultsOfAnEarlierRunDoNotCount() {
@@ -144,7 +144,7 @@ ResultsOfAnEarlierRunDoNotCount() {
     in_dev run_tests
     passes 3 || return
     in_dev run_tests
-    fails once 'has left no results (status 0)' 0 1
+    fails once 'left no results (status 0)' 0 1
 }
 
 AProgramThatIsNotRunFails() {
@@ -158,7 +158,7 @@ set_tests_properties(second PROPERTIES FIXTURES_REQUIRED f)' >>"$WORK/build/CTes
 AProgramThatTakesTooLongKeepsItsOutput() {
     entries slow 'echo "a word before the end"; sleep 100'
     SECONDS_OF_A_TEST=1 in_dev run_tests
-    fails slow 'was ended after 1 s' 0 1 && says '    a word before the end'
+    fails slow 'was killed after 1 s' 0 1 && says '    a word before the end'
 }
 
 TheTemporaryFilesOfAProgramAreRemoved() {
@@ -205,7 +205,7 @@ RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
     entries once '[ -e ../was-here ] || result once 3 0; touch ../was-here' seeded \
         'result seeded 2 0; sed -i "s/<testsuites /&random_seed=\"77\" /" seeded.xml'
     in_dev run_under_load 2
-    fails once 'has left no results (status 0)' 2 1 || return
+    fails once 'left no results (status 0)' 2 1 || return
     mentions 'run 2 of 2, beside 6 busy loops' && says '5 passed, 0 failed, 0 skipped' && says 'seeds: seeded=77'
 }
 
@@ -220,10 +220,10 @@ ACrashOfATestProgramIsNoticed() {
     entries "${all[@]}"
     in_dev run_tests
     for i in 1 2 3; do
-        fails "before$i" 'has left no results (status 5)' 3 6 &&
-            fails "after$i" 'has ended with status 5 after its tests' 3 6 || return
+        fails "before$i" 'left no results (status 5)' 3 6 &&
+            fails "after$i" 'ended with status 5 after its tests' 3 6 || return
     done
-    mentions '    the program begins' && says '    error: runner-crash.exe has crashed: 0xC0000005'
+    mentions '    the program begins' && says '    error: runner-crash.exe crashed: 0xC0000005'
 }
 
 # runs_as PROGRAM: $WORK/build has the program that ends badly in the place of this one of ours.
@@ -251,16 +251,16 @@ ACrashOfTheHostOrTheBenchmarksIsNoticed() {
     cp "$WORK/build/bin/fc-host.exe" "$WORK/build/bin/fc-bench.exe"
     for how in crash crash-at-end; do
         in_dev run_host $how
-        ends_with_an_error && says 'error: fc-host.exe has crashed: 0xC0000005' || return
+        ends_with_an_error && says 'error: fc-host.exe crashed: 0xC0000005' || return
         in_dev run_bench $how
-        ends_with_an_error && says 'error: fc-bench.exe has crashed: 0xC0000005' || return
+        ends_with_an_error && says 'error: fc-bench.exe crashed: 0xC0000005' || return
     done
 }
 
 AnOverrunBufferEndsTheProgram() {
     runs_as fc-host.exe
     in_dev run_host overrun
-    ends_with_an_error && says 'error: fc-host.exe has crashed: 0xC0000409'
+    ends_with_an_error && says 'error: fc-host.exe crashed: 0xC0000409'
 }
 
 # Nobody handles the breakpoint.
@@ -274,7 +274,7 @@ io.stdout:flush()
 package.loadlib("kernel32.dll", "DebugBreak")()
 LUA
     in_dev run_host --quiet "$WORK/crash.lua"
-    ends_with_an_error && mentions 'error: fc-host.exe has crashed: 0x80000003' && says 'the script begins'
+    ends_with_an_error && mentions 'error: fc-host.exe crashed: 0x80000003' && says 'the script begins'
 }
 
 AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
@@ -286,10 +286,10 @@ AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
 AWineThatDoesNothingFails() {
     runs_as fc-host.exe
     RUNNER_WINE=$(command -v true) in_dev run_host 0
-    ends_with_an_error && says 'error: fc-host.exe could not be run: Wine has failed, or fc-launch.exe' || return
+    ends_with_an_error && says 'error: fc-host.exe could not be run: Wine or fc-launch.exe failed' || return
     runs_as fc-bench.exe
     RUNNER_WINE=$(command -v true) in_dev run_bench 0
-    ends_with_an_error && says 'error: fc-bench.exe could not be run: Wine has failed, or fc-launch.exe'
+    ends_with_an_error && says 'error: fc-bench.exe could not be run: Wine or fc-launch.exe failed'
 }
 
 # fake_wine NAME: a Wine that fails once in the way that it is named after, and then works.
@@ -311,7 +311,7 @@ AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore() {
     in_dev run_host 7
     unset RUNNER_WINE
     [ "$STATUS" -eq 7 ] || because "the status is $STATUS, after: $(tail -n 12 "$WORK/out")" || return
-    says 'warning: Wine has ended before fc-host.exe began; starting it once more'
+    says 'warning: Wine ended before fc-host.exe began; starting it again'
 }
 
 AWineThatEndsAfterTheProgramHasBegunFails() {
@@ -319,7 +319,7 @@ AWineThatEndsAfterTheProgramHasBegunFails() {
     fake_wine dies-at-work
     in_dev run_host 0
     unset RUNNER_WINE
-    ends_with_an_error && says 'error: fc-host.exe has left no status: Wine has failed while it ran'
+    ends_with_an_error && says 'error: fc-host.exe left no status: Wine failed while it ran'
 }
 
 # start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script makes the file.
@@ -377,7 +377,7 @@ test_case Fine
 test_case Ends
 write_results shell shell.xml'
     in_dev run_tests
-    fails shell 'has left no results (status 0)' 0 1
+    fails shell 'left no results (status 0)' 0 1
 }
 
 for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \

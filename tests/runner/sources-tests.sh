@@ -138,7 +138,7 @@ AnAptWithoutMirrorsIsToldWhatToSet() {
     fresh
     fake_apt '' ''
     in_dev -- copy_headers
-    fails_with "apt knows no Debian mirror here: let FC_MIRROR name one"
+    fails_with "apt knows no Debian mirror here: set FC_MIRROR to one"
 }
 
 AFileWithAnotherContentIsRefused() {
@@ -245,7 +245,7 @@ ADamagedFolderOfTheCacheIsMadeAgain() {
     works || return
     truncate -s 0 "$WORK"/cache/headers/*/include/xxhash.h
     in_dev FC_MIRROR=http://127.0.0.1:9/debian -- copy_headers
-    works && says "has been damaged: making it again" && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev || return
+    works && says "is damaged: rebuilding it" && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev || return
     in_dev FC_MIRROR=http://127.0.0.1:9/debian -- copy_headers
     [ ! -s "$WORK/said" ] || because "made once more: $(cat "$WORK/said")"
 }

@@ -73,7 +73,7 @@ APrefixThatIsNotWholeIsNoSuccess() {
     fresh
     touch "$FAKE_STATE/wine.lazy"
     dev -- run
-    fails_with 'making a private Wine prefix failed'
+    fails_with 'creating a private Wine prefix failed'
 }
 
 AWineThatIsTooOldIsRefused() {
@@ -97,14 +97,14 @@ WithoutAptAMissingToolIsNamed() {
     fresh
     path_without apt-get dpkg-query dpkg sudo ninja x86_64-w64-mingw32-g++-posix
     in_path run
-    fails_with 'missing here: x86_64-w64-mingw32-g++-posix ninja; install them by hand (on Debian: apt-get install --reinstall g++-mingw-w64-x86-64-posix ninja-build)'
+    fails_with 'missing: x86_64-w64-mingw32-g++-posix ninja; install them by hand (on Debian: apt-get install --reinstall g++-mingw-w64-x86-64-posix ninja-build)'
 }
 
 APackageWhoseCompilerIsGoneIsNamed() {
     fresh
     path_without x86_64-w64-mingw32-g++-posix
     in_path run
-    fails_with 'missing here: x86_64-w64-mingw32-g++-posix'
+    fails_with 'missing: x86_64-w64-mingw32-g++-posix'
 }
 
 EveryPackageIsKnownByWhatItInstalls() {
@@ -170,7 +170,7 @@ AFullDiskIsTold() {
     program df <<<'echo "Avail"; case "${@: -1}" in *build) echo "1M" ;; *) echo "900000M" ;; esac'
     touch "$FAKE_STATE/ninja.fails"
     in_path run
-    says 'error: the build failed' && says "error: only 1 MiB are left on the disk that holds $BUILD: make room there" || return
+    says 'error: the build failed' && says "error: only 1 MiB are left on the disk that holds $BUILD: free some space there" || return
     rm "$FAKE_STATE/ninja.fails"
     in_path run
     succeeds && says_not 'MiB'
@@ -189,7 +189,7 @@ LongWorkTellsThatItGoesOn() {
     fresh
     touch "$FAKE_STATE/cmake.hangs"
     start FC_PROGRESS_SECONDS=1 -- run
-    eventually has_said 'configuring: at work for ' || return
+    eventually has_said 'configuring: still running after ' || return
     rm "$FAKE_STATE/cmake.hangs"
     ends_with 0
 }

@@ -83,7 +83,7 @@ ARootCanBeKept() {
     ends_with 0 && says "the root stays in $WORK/root" || return
     [ "$(cat "$WORK/root/etc/debian_version")" = 99 ] || because "it is not there" || return
     try trixie
-    ends_with 1 && says "$WORK/root is not empty: let FC_TRY name a new folder" || return
+    ends_with 1 && says "$WORK/root is not empty: set FC_TRY to a new folder" || return
     [ -e "$WORK/root/etc" ] || because "it is gone" || return
     rm -rf --one-file-system "$WORK/root"
 }
@@ -111,7 +111,7 @@ AMachineWithoutNamespacesIsToldSo() {
 
 NamesAndOptionsAreChecked() {
     try
-    ends_with 1 && says 'name a release of Debian' || return
+    ends_with 1 && says 'name a Debian release' || return
     try --all trixie
     ends_with 1 && says "has no option '--all'" || return
     try --help

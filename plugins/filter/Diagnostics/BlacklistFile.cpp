@@ -10,7 +10,7 @@
 namespace Filter::Diagnostics {
 
 bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
-    constexpr wchar_t label[] = L"BLACKLIST_ADD";  // for reading, too
+    constexpr wchar_t label[] = L"BLACKLIST_ADD";  // compat 57: the label of adding, for reading
     Trace(kDiagnosticsTrace, "AddDriverBlacklist()");
     MemoryTextDump dump;
     if (!IsDriverOpen(handle))
@@ -22,7 +22,7 @@ bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     // Zeros, since a driver may fill in less than it claims: those of calloc cost nothing until they are used.
     Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::calloc(1, std::size_t{room} + sizeof(head))));
     if (!record)
-        return false;  // without a word, unlike the connections
+        return false;  // compat 62: not traced, unlike the connections' block
     *record = head;
     if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, record.get())))
         return false;

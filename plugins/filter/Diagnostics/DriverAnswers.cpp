@@ -12,7 +12,7 @@ constexpr std::uint32_t kErrorBytes = 80;
 }  // namespace
 
 bool IsDriverOpen(vti_handle_t *handle) {
-    // Asked once more for the trace, as it always was.
+    // compat 56: asks the driver once more for the trace
     if (VtaCore::LogTraceIsEnabled(kDiagnosticsTrace))
         Trace(kDiagnosticsTrace, "IsDriverOpen %d", vti_driver_available(handle));
     return vti_driver_available(handle) > 0;
@@ -24,8 +24,7 @@ bool ShowErrors(VtaCore::CDom &dom, vti_handle_t *handle, const wchar_t *label, 
     const wxString message = wxString::Format("%.64s|%08x (%.128s)", label, static_cast<std::uint32_t>(status),
                                               DriverErrorText(handle, kErrorBytes));
     Trace(kDiagnosticsTrace, "AgentWrite 1001 %s", message);
-    // The message is the format: a percent sign in the driver's text is taken as a directive. That is how this
-    // event is written.
+    // compat 55: the message is the format, so a percent sign in the driver's text is a directive
     dom.AgentEventWrite(kDriverFailureEvent, message);
     return false;
 }

@@ -17,6 +17,7 @@ bool AddDriverContent(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOut
         Trace(kDiagnosticsTrace, "AddDriverBlacklist diagnostics failed");
     if (!AddDriverRuleStats(dom, handle, zip))
         Trace(kDiagnosticsTrace, "AddDriverRuleStats diagnostics failed");
+    // compat 59: true whatever failed
     return true;
 }
 

@@ -35,6 +35,7 @@ bool MemoryTextDump::AddTo(VtaCore::CZipOutputStream &zip, const wxString &name)
 }
 
 int DumpToTextStream(void *context, const char *format, ...) {
+    // compat 65: cuts a longer line, its line feed included
     char line[kLineBytes] = "";
     va_list arguments;
     va_start(arguments, format);

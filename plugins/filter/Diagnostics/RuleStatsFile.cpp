@@ -19,7 +19,7 @@ constexpr std::uint32_t kProfileVariable = 62;
 /// The room in bytes, on return the bytes present; that many bytes follow.
 using ProfileStatsBuffer = Block<std::uint32_t>;
 
-/// Sets the variable back once its profile was read.
+/// compat 64: sets the variable from 1 back to 0 once its profile was read
 void ResetProfileVariable(vti_handle_t *handle) {
     FilterVariable variable = {};
     if (vti_get_var(handle, kProfileVariable, &variable) == 0 && variable.value == 1)
@@ -50,8 +50,7 @@ void WriteRuleProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &
 
 bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
     Trace(kDiagnosticsTrace, "AddDriverRuleStats()");
-    // Unlike the others this one does not ask whether the driver is open, and its file is added also where it is
-    // empty.
+    // compat 60: does not ask whether the driver is open, and adds its file even if empty
     FileMemory memory;
     {
         wxBufferedOutputStream out(memory);

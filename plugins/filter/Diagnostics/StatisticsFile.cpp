@@ -13,7 +13,7 @@ namespace {
 
 constexpr wchar_t kStatsLabel[] = L"GET_STATS";
 constexpr std::int32_t kWrongLayout = -1;
-// The layout that the library was built for: its answer must have the same.
+// compat 63: reports an answer of another layout as a failed call with status -1
 constexpr std::uint16_t kLayout0 = 293;
 constexpr std::uint16_t kLayout1 = 21;
 constexpr std::uint16_t kLayout2 = 1;

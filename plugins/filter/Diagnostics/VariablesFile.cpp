@@ -11,7 +11,7 @@ namespace Filter::Diagnostics {
 namespace {
 
 constexpr std::uint32_t kVariables = 174;
-/// The one failure that is not worth a report.
+/// compat 58: the one status that is not reported
 constexpr std::int32_t kSilentFailure = -10017;
 
 bool ReadFilterVariable(VtaCore::CDom &dom, vti_handle_t *handle, FilterVariable &variable) {

@@ -14,10 +14,11 @@ constexpr int kDecimal = 10;
 void loadBackoffState(Backoff &backoff, const VtaCore::CDom &dom) {
     const wxString waitText = dom.SettingRetrieve(kWaitSetting);
     const wxString checkText = dom.SettingRetrieve(kCheckSetting);
-    // The two are parsed unalike on purpose: a wait has 32 bits.
+    // compat 50: parses the wait in 32 bits and the check in 64
     unsigned long wait = 0;
+    // compat 51: a setting that is no number leaves the last value
     if (!waitText.empty() && waitText.ToULong(&wait, kDecimal))
-        backoff.backoff_wait = wait;  // also one above the longest wait, which caps growth alone
+        backoff.backoff_wait = wait;  // compat 52: also above the longest wait, which caps growth alone
     wxULongLong_t check = 0;
     if (!checkText.empty() && checkText.ToULongLong(&check, kDecimal))
         backoff.last_check = check;

@@ -39,7 +39,7 @@ bool BeginsWith(const char *text, const char *beginning) {
     return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
 }
 
-/// A text that begins with a state's name passes for it.
+/// compat 41: accepts any text that begins with a state's name
 std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
     if (BeginsWith(text, "Activated"))
         return FailOpenState::Activated;
@@ -53,7 +53,7 @@ std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
 const char *IterationTextArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
     if (lua_type(L, index) == LUA_TSTRING)
         return lua_tolstring(L, index, length);
-    // The text is the same for both strings; the line tells which one it was.
+    // compat 43: the same text for both strings; only the traced line differs
     Trace(line, "incorrect type %d for state string", lua_type(L, index));
     return nullptr;
 }
@@ -61,7 +61,7 @@ const char *IterationTextArg(lua_State *L, int index, std::size_t *length, const
 std::optional<CheckArguments> ReadCheckArguments(lua_State *L, const TraceSite &site) {
     VtaCore::CDom *const dom = GetDomArg(L);
     if (dom == nullptr)
-        return std::nullopt;  // the one wrong argument that nothing is said about
+        return std::nullopt;  // compat 42: a wrong agent object is no message
     const char *const stateText = IterationTextArg(L, 2, nullptr, site);
     if (stateText == nullptr)
         return std::nullopt;
@@ -90,7 +90,7 @@ std::int32_t ReadHealthConfiguration(HealthConfig &config, const CheckArguments 
 }
 
 /// Takes out the metrics that need a port when there is none.
-/// @return how many. One of them switches the whole subsystem off for this iteration.
+/// @return how many. compat 37: one of them switches the whole subsystem off for this iteration
 std::int32_t RemoveMetricsWithoutPort(HealthConfig &config) {
     struct NeedsPort {
         ConfigRow row;
@@ -142,7 +142,7 @@ HealthSample TakeHealthSample(HealthState &health, const TraceSite &site) {
     return sample;
 }
 
-/// Whole minutes. Less than one becomes 0, with which every iteration in fail-open is a recovery check.
+/// compat 44: whole minutes; less than one becomes 0, which makes every iteration in fail-open a recovery check
 std::uint64_t ConfiguredMinutes(const SysHealthConfigEntry &entry, double otherwise) {
     return static_cast<std::uint64_t>(entry.is_set != 0 ? entry.value : otherwise);
 }
@@ -159,7 +159,7 @@ void LogHealthIteration(const HealthState &health, const IterationTime &time, co
     const auto name = [](FailOpenState state) { return state == FailOpenState::Activated ? "Act" : "Deact"; };
     const auto limit = [&result](const SysHealthMetric &metric) { return metric.Limit(result.factor); };
     const auto &[rq, refusal, established, scan, memory, interval] = health.metrics.sysHealthMetrics;
-    // Only the low 32 bits of the seconds, and the minimum in seconds: the line always had them so.
+    // compat 45: the low 32 bits of the seconds, and the minimum in seconds
     const std::uint64_t seconds = static_cast<std::uint32_t>(time.now / kMicrosecondsPerSecond);
     const std::uint64_t minimumSeconds = input.min_dur * 60;
     wxLogVerbose(
@@ -193,6 +193,7 @@ Action RunHealthIteration(HealthState &health, lua_State *L, const IterationTime
     const std::int32_t accepted = ReadHealthConfiguration(config, *arguments, site);
     const std::int32_t removed = RemoveMetricsWithoutPort(config);
     if (removed != 0 || accepted <= 0) {
+        // compat 38: clears the wait in fail-open, too
         clearBackoffState(health.backoff, *arguments->dom);
         return actionDisabled;
     }
@@ -217,6 +218,7 @@ Action CheckHealth(HealthState &health, lua_State *L, const TraceSite &site) {
     const bool isDisabled = action == actionDisabled;
     Trace(site, "Setting status: %s", isDisabled ? "disabled" : "enabled");
     const wxCriticalSectionLocker lock(health.lock);
+    // compat 46: an iteration that failed counts as enabled
     health.sysHealthEnabled = isDisabled ? 0 : 1;
     return action;
 }

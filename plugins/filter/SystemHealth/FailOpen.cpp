@@ -14,7 +14,7 @@ FailOpenResult StepDeactivated(HealthState &health, const FailOpenInput &input, 
     if (overCount == 0)
         return {actionNormal, FailOpenState::Deactivated};
     health.activationTime = input.now;
-    // The first wait begins with the first call that comes in Activated.
+    // compat 40: clears the wait here and starts it with the first call in Activated
     clearBackoffState(health.backoff, input.dom);
     Trace(site, "SysHealth transitioning to Fail-Open, metrics over threshold = %d", overCount);
     return {actionFailOpen, FailOpenState::Activated};
@@ -37,7 +37,7 @@ void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t over
 
 FailOpenResult CheckRecovery(HealthState &health, const FailOpenInput &input, FailOpenResult result,
                              const TraceSite &site) {
-    // A factor of 0, which a policy may set, makes every limit unreachable.
+    // compat 47: a factor of 0, which a policy may set, makes every limit unreachable
     const SysHealthConfigEntry &recoverFactor = health.config[SYS_CONF_RECOVER_FACTOR];
     if (recoverFactor.is_set != 0)
         result.factor = recoverFactor.value * 0.01;
@@ -61,8 +61,9 @@ FailOpenResult StepActivated(HealthState &health, const FailOpenInput &input, co
     const Backoff &backoff = health.backoff;
     if (backoff.backoff_wait == 0)
         StartBackoff(health.backoff, input, site);
-    // A clock that was set back makes this huge, so that a recovery is tried at once.
+    // compat 48: a clock that was set back makes this huge, so that recovery is checked at once
     const std::uint64_t elapsed = (input.now - backoff.last_check) / kMicrosecondsPerMinute;
+    // compat 39: judges no metric before the wait is over
     if (elapsed >= backoff.backoff_wait)
         return CheckRecovery(health, input, result, site);
     result.next_chk = backoff.backoff_wait - elapsed;

@@ -25,18 +25,19 @@ bool TakeConfigLine(HealthConfig &config, SysHealthConfigEntry &entry, const cha
     const std::size_t keyLength = std::strlen(entry.file_key);
     if (std::strncmp(line, entry.file_key, keyLength) != 0)
         return false;
-    // Single precision is intended, and so is that trailing text is ignored.
+    // compat 16: reads single precision and ignores trailing text
     const double value = std::strtof(line + keyLength, nullptr);
+    // compat 18: zero is never accepted, unlike from a policy
     if (value > 0.0 && value <= entry.max_value) {
         config.AcceptValue(entry, value);
         return true;
     }
-    // The stored value is meant, not the rejected one.
+    // compat 17: logs the stored value, not the rejected one
     wxLogError("value %f for  %s is out of range, max= %f", entry.value, entry.file_key, entry.max_value);
     return false;
 }
 
-/// @return the number of accepted lines; a key on two lines counts twice.
+/// @return the number of accepted lines. compat 19: counts a key on two lines twice
 std::int32_t ReadConfigLines(HealthConfig &config, std::FILE *file) {
     std::int32_t count = 0;
     char line[kLineBytes] = {};
@@ -49,7 +50,7 @@ std::int32_t ReadConfigLines(HealthConfig &config, std::FILE *file) {
 
 }  // namespace
 
-// The limits of the two durations equal their defaults: they can be shortened, never lengthened.
+// compat 20: the limits of the two durations equal their defaults, so they can only be shortened
 HealthConfig::HealthConfig()
     : m_rows{
           {"SYSTEM_CONNECTION_REFUSAL_PORT=", "SYS_CONF_CONN_REFUSAL_PORT", 65535.0, 0, 0, cJSON_Number},
@@ -104,7 +105,7 @@ void ApplyUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const Tra
 bool IsSystemHealthDisabled(const HealthConfig &config, const TraceSite &site) {
     if (config[SYS_CONF_DISABLE_FAIL_OPEN].value != 1.0)
         return false;
-    // Only a message: no environment variable is read.
+    // compat 23: names an environment variable that nobody reads
     Trace(site, "VTA_SYSHEALTH_DISABLE_FAIL_OPEN  return 0");
     return true;
 }
@@ -113,13 +114,16 @@ std::int32_t readSystemHealthConfig(HealthConfig &config, VtaCore::CDom &dom, st
     std::int32_t count = 0;
     FileHandle file(std::fopen(kConfigFile, "r"));
     config.Reset();
+    // compat 22: a missing file is no message, and leaves the agent's unload flag
     if (file) {
+        // compat 21: does not check the first wait against the longest one, unlike a policy's
         count = ReadConfigLines(config, file.get());
         ApplyUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open");
         file.reset();
         if (IsSystemHealthDisabled(config, kConfigTrace))
             return 0;
     }
+    // compat 24: turns the driver's metrics off in fail-open, but still counts them
     if (activated != 0)
         config.DisableDriverMetrics();
     if (count > 0)

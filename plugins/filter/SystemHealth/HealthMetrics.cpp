@@ -35,7 +35,7 @@ double ScanMBytesPerCpu(const ScanRates &scan, double numCpus) {
     return (scan.scanCounterRate[scanbytes_fwd] + scan.scanCounterRate[scanbytes_bwd]) / (numCpus * kBytesPerMiB);
 }
 
-/// A host without memory is not guarded against: the comparison with the threshold follows from the result.
+/// compat 35: does not guard against a host without memory; the comparison follows from the result
 double FreeMemoryPercent(const HostMemory &memory) {
     return static_cast<double>(memory.vmStats[vmstat_freemem].value) * 100.0 /
            static_cast<double>(memory.vmStats[vmstat_phys_mem].value);
@@ -85,7 +85,7 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
     auto &[rq, refusal, established, scan, freeMemory, interval] = metrics.sysHealthMetrics;
 
     if (rq.enabled != 0) {
-        rq.value = from.rqlen;  // neither divided nor scaled, whatever the metric's name says
+        rq.value = from.rqlen;  // compat 29: neither divided nor scaled, whatever its name says
         Trace(kEngineTrace, "rqlen=%f numCpus=%d rqlen_pct=%f", from.rqlen, from.numCpus, rq.value);
     }
     if (refusal.enabled != 0) {
@@ -105,7 +105,8 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
     }
     if (freeMemory.enabled != 0) {
         freeMemory.value = FreeMemoryPercent(from.memory);
-        Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",  // KiB both, whatever the words say
+        // compat 30: both in KiB, whatever the words say
+        Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",
               from.memory.vmStats[vmstat_freemem].value, from.memory.vmStats[vmstat_phys_mem].value, freeMemory.value);
     }
     if (interval.enabled != 0)

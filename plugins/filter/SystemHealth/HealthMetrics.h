@@ -24,8 +24,8 @@ enum MetricRow { rqpct, refusalpct, estab, scanmb, frepct, delta_t_row, kMetricR
 
 /// The table.
 struct HealthMetrics {
-    // The first name is kept although its value is neither per processor nor a percentage. Only a read-out before the
-    // first iteration sees these thresholds.
+    // compat 29: keeps the first name, though its value is neither per processor nor a percentage
+    // compat 156: only a read-out before the first iteration sees these thresholds
     SysHealthMetric sysHealthMetrics[kMetricRows] = {
         {"runnable_processes_per_cpu_pct", "rqpct", 0, 0, 50.0, 0},
         {"connections_refused_per_new_conn_pct", "refusalpct", 0, 0, 10.0, 0},

@@ -42,7 +42,7 @@ public:
             case cJSON_Number:
                 TakeNumber(entry, item);
                 break;
-            default:  // none of the rows
+            default:  // none of the rows; compat 123: misspelt
                 Trace(Engine(), "unsupport json type[%d]", item.type);
                 entry.is_set = 0;
         }
@@ -64,7 +64,7 @@ private:
             TraceOutOfBoundary();
     }
 
-    /// The item's type is not looked at: what is no number reads as 0, which passes.
+    /// compat 26: does not check the item's type; what is no number reads as 0, which passes
     void TakeNumber(SysHealthConfigEntry &entry, const cJSON &item) {
         if (item.valuedouble >= 0.0 && item.valuedouble <= entry.max_value)
             StoreValue(entry, item.valuedouble);
@@ -78,8 +78,7 @@ private:
         Trace(Config(), "stored %s  %f", entry.file_key, value);
     }
 
-    /// Shows the number of the last threshold, whichever row is out of boundary: kept as it always was. 0 before
-    /// the first.
+    /// compat 27: shows the number of the last threshold, whichever row is out of boundary; 0 before the first
     void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%s]", NumberText{m_lastThreshold}); }
 
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
@@ -184,7 +183,7 @@ std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, st
     if (!policy.root) {
         if (policy.error != nullptr)
             Trace(kEngineTrace, "json parsing error [%s]", OutsideText{policy.error});
-        // Not 0: the iteration goes on, with the iteration interval alone. The agent's flag stays as it was.
+        // compat 25: not 0, so the iteration goes on with its interval alone; the agent's flag stays as it was
         return 1;
     }
 
@@ -200,7 +199,7 @@ std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, st
         return 0;
     if (activated != 0)
         config.DisableDriverMetrics();
-    if (count > 0)  // the file reader's text; only the function of the line tells the two apart
+    if (count > 0)  // compat 28: the file reader's text; only the traced function differs
         Trace(kConfigTrace, "readSystemHealthConfig returning %d", count);
     return count;
 }

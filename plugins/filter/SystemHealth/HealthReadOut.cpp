@@ -93,7 +93,7 @@ int GetSysHealthEnabled(lua_State *L) {
     return 1;
 }
 
-// The configured port, not the one that the driver knows; the configuration is written without this lock.
+// compat 54: shows the configured port, not the one that the driver knows. The configuration has another lock
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
     const wxCriticalSectionLocker lock(healthState.lock);
@@ -101,6 +101,6 @@ int GetScanMetricPort(lua_State *L) {
         healthState.sysHealthEnabled == 1 ? healthState.config.Port() : std::nullopt;
     lua_pushboolean(L, port ? 1 : 0);
     lua_pushinteger(L, port.value_or(0));
-    Trace(kEngineTrace, "GetScanMetricPort() returning");  // on the engine's component, unlike the call
+    Trace(kEngineTrace, "GetScanMetricPort() returning");  // compat 53: on the engine's component, unlike the entry
     return 2;
 }

@@ -15,7 +15,7 @@ struct HealthState {
     // Read and written by iterations alone, of which there is one at a time. They take no lock for it.
     HealthConfig config;  ///< Rebuilt from nothing by each. Any thread may ask for its port.
     HostMemory memory;
-    std::uint64_t lastIterationTime = 0;  ///< `now` of the previous one, whatever became of it.
+    std::uint64_t lastIterationTime = 0;  ///< compat 49: `now` of the previous one, even of a failed one
 
     /// Guards what follows. Where an iteration finds the subsystem switched off it clears the backoff without.
     wxCriticalSection lock;

@@ -25,7 +25,8 @@ enum VmStatRow {
     kVmStatRows
 };
 
-/// The table. Only vmstat_phys_mem and vmstat_freemem are in use; both in KiB.
+/// The table; vmstat_phys_mem and vmstat_freemem are in KiB.
+/// compat 36: only these two of the rows and one of the numbers are used
 struct HostMemory {
     VmStatEntry vmStats[kVmStatRows] = {
         {"vmstat_phys_mem", "null", 0, 0}, {"vmstat_runQ", "r", 0, 0}, {"vmstat_avm", "avm", 0, 0},

@@ -66,6 +66,7 @@ std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &co
     const TraceSite site(kScanTrace, iteration.place);
     const ScanTarget target = ConfiguredScanTarget(config);
     const DriverHandle handle(vti_open());
+    // compat 34: a driver that can't be opened is no message
     if (!handle) {
         config.DisableDriverMetrics();
         return std::nullopt;
@@ -73,15 +74,15 @@ std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &co
     if (scan.firstScanPass != 0) {
         Trace(site, "setting scan config %d, %d", target.port, target.outbound);
         (void)set_scan_metrics_config(handle.get(), target.port, target.outbound);
-        scan.scanPort = target.port;  // whatever became of it
+        scan.scanPort = target.port;  // compat 31: stays for good, also after a failure
     }
     Trace(site, "Collecting scan metrics");
-    // The port that the driver knows, with the direction of this pass.
+    // compat 32: reads the port that the driver was told, with the direction of this pass
     std::optional<ScanMetricsRecord> record(std::in_place);
     const std::int32_t code =
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scan.scanPort), target.outbound, *record);
     if (code != 0) {
-        // In spite of the text, the iteration goes on without the driver's metrics.
+        // compat 33: goes on without the driver's metrics in spite of the text
         const wxString error = DriverErrorText(handle.get(), kErrorBytes);
         wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
         config.DisableDriverMetrics();
@@ -104,6 +105,7 @@ void RunRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_
         // A total that fell gives no rate, not a huge one.
         const std::uint64_t previous = scan.scanCounterPrev[i];
         const std::uint64_t difference = current < previous ? 0 : current - previous;
+        // compat 35: does not guard against an interval of zero seconds
         scan.scanCounterRate[i] = static_cast<double>(difference) / delta_t;
     }
     std::copy_n(record.counters, counters, scan.scanCounterPrev);

@@ -15,7 +15,7 @@ namespace {
 
 using ComText = Unique<BSTR, SysFreeString>;
 
-/// An empty text counts as one that there was no memory for; that is meant so.
+/// compat 141: an empty text counts as one that there was no memory for
 HRESULT MakeComText(const wchar_t *text, ComText &made, const TraceLine &line) {
     made.reset(SysAllocString(text));
     const HRESULT hr = SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK;
@@ -45,6 +45,7 @@ HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path,
     VARIANT_BOOL isEnabled = VARIANT_FALSE;
     hr = application->get_Enabled(&isEnabled);
     hr = TraceIfFailed(hr, "get_Enabled failed: 0x%08lx", site);
+    // compat 142: only VARIANT_TRUE counts as enabled, while any non-zero profile switch is on
     if (SUCCEEDED(hr) && isEnabled == VARIANT_TRUE)
         *enabled = 1;
     return hr;
@@ -116,7 +117,7 @@ bool DoWithCurrentProfile(const std::function<HRESULT(INetFwProfile *)> &work, c
         if (SUCCEEDED(TraceIfFailed(hr, "WindowsFirewallInitialize failed: 0x%08lx", site)))
             hr = TraceIfFailed(work(profile.Get()), "WindowsFirewallAddApp failed: 0x%08lx", site);
         if (SUCCEEDED(hr)) {
-            // Both stay for the life of the thread, and so does COM; that is kept so.
+            // compat 139: both stay with the thread after a success, and so does COM
             (void)profile.Detach();
             (void)policy.Detach();
             return true;
@@ -145,7 +146,7 @@ bool WindowsFirewallRemoveApp(const char *path) {
     const TraceSite site(kFirewallTrace);
     const wxString file = TextArgument(path);
     Trace(site, "WindowsFirewallRemoveApp called with path = %s", file);
-    // A failure is logged under the add's name; the text stays so.
+    // compat 140: logs a failure under the add's name
     return DoWithCurrentProfile(
         [&](INetFwProfile *profile) { return DoWindowsFirewallRemoveApp(profile, file.wc_str()); }, site);
 }

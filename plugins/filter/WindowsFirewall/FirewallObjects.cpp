@@ -26,6 +26,7 @@ HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **polic
             return hr;
         *policy = made.Detach();
     }
+    // compat 158: needs the legacy manager on new systems, too
     ComPtr<INetFwMgr> manager;
     HRESULT hr = CoCreateInstance(__uuidof(NetFwMgr), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager));
     hr = TraceIfFailed(RequireObject(hr, manager), "CoCreateInstance(NetFwMgr) failed: 0x%08lx", site);

@@ -11,8 +11,8 @@ namespace WindowsFirewall {
 
 using Microsoft::WRL::ComPtr;
 
-/// Enters a single-threaded apartment. A thread whose model is another one already counts as entered; in either case a
-/// success is matched by one CoUninitialize, which is meant so. A failure is logged.
+/// Enters a single-threaded apartment. A failure is logged.
+/// compat 138: a thread of another model counts as entered, and is matched by one CoUninitialize, too
 bool StartCom(const TraceLine &line);
 
 /// Makes the objects; logs a failure.

@@ -64,6 +64,7 @@ Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const 
         TraceServiceError(site, "Error opening '%.64s' service: %#08x", error);
         return Opening::Failed;
     }
+    // compat 149: a missing service is a success; where it was to be started, it counts as running
     Trace(site, withoutService, kService);
     return Opening::NoSuchService;
 }
@@ -73,7 +74,7 @@ bool SetFirewallStartType(const UniqueService &service, DWORD startType) {
                                 nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
 }
 
-/// The service is never left enabled: it runs on, with its start type as it was found.
+/// compat 147: never leaves the service enabled; it runs on with its start type as found
 bool StartDisabledService(const UniqueService &service, const TraceSite &site) {
     Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
     if (!SetFirewallStartType(service, SERVICE_DEMAND_START)) {
@@ -116,14 +117,15 @@ bool AwaitRunningService(FirewallServiceHandles &opened, bool &running, bool sta
             return false;
         }
         if (status.dwCurrentState == SERVICE_RUNNING)
-            return true;  // `running` stays false if a stop was seen before
+            return true;  // compat 148: `running` stays false if it was seen stopped before
+        // compat 153: waits for a starting service even if it is only to be checked
         if (status.dwCurrentState == SERVICE_START_PENDING)
             Sleep(kPauseMs);
         if (status.dwCurrentState != SERVICE_STOPPED)
-            continue;  // any other state is polled without a pause; that is meant so
+            continue;  // compat 145: any other state is polled without a pause
         running = false;
         if (!start) {
-            opened.LeaveBothOpen();  // on this road the two handles stay open; that is kept so
+            opened.LeaveBothOpen();  // compat 146: leaves both handles open
             return true;
         }
         if (attempted) {
@@ -159,7 +161,7 @@ bool AwaitStoppedService(FirewallServiceHandles &opened, const TraceSite &site) 
 }  // namespace
 
 void FillOsVersionRecord() {
-    // The size of the smaller record is the mark that this one is filled.
+    // compat 144: the size marks the record as filled, even if the version can't be read
     constexpr DWORD filled = sizeof(OSVERSIONINFOW);
     if (osVersionRecord.dwOSVersionInfoSize == filled)
         return;
@@ -216,7 +218,7 @@ bool StopService(bool *wasRunning) {
         return false;
     }
     if (status.dwCurrentState == SERVICE_STOPPED) {
-        opened.LeaveBothOpen();  // on this road the two handles stay open; that is kept so
+        opened.LeaveBothOpen();  // compat 146: leaves both handles open
         return true;
     }
     *wasRunning = status.dwCurrentState == SERVICE_RUNNING;

@@ -5,7 +5,7 @@
 
 namespace WindowsFirewall {
 
-/// The running system. FillOsVersionRecord alone fills it; until then the major version reads 0.
+/// compat 143: the running system; only the two switches fill it, and until then the major version reads 0
 extern OSVERSIONINFOEXW osVersionRecord;
 void FillOsVersionRecord();
 /// What the record says, so false until it is filled.

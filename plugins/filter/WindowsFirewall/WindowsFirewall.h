@@ -3,8 +3,8 @@
 
 namespace WindowsFirewall {
 
-// What was on is remembered in one value of the registry, so that another process can restore it. No outcome reaches
-// the script: failures are log lines. On the thread of the call, in a single-threaded apartment.
+// What was on is remembered in one value of the registry, so that another process can restore it. On the thread of the
+// call, in a single-threaded apartment. compat 131: no outcome reaches the script; failures are only traced
 
 /// Turns off each profile that is on. @return 0.
 int DisableFirewall();
@@ -12,7 +12,7 @@ int DisableFirewall();
 int EnableFirewall();
 
 // Lua's arguments, in UTF-8; null is an empty text. The list is that of the current profile. Failures are logged.
-// After a success COM and the firewall's objects stay with the thread; that is kept so.
+// compat 139: after a success COM and the firewall's objects stay with the thread
 
 /// @param path         full name of the program's file, the key of the list.
 /// @param displayName  how the list names it; of no effect on a program that is listed and enabled.

@@ -102,6 +102,7 @@ bool MakeKeyOwner(const OwnershipLog &log, wchar_t *objectName, const Sid &owner
 
 }  // namespace
 
+// compat 125: undoes nothing after a failure; the new owner stays, and the privilege if not disabled yet
 void TakeOwnership(const OwnershipLog &log, wchar_t *objectName) {
     UniqueHandle token;  // closed last
     Acl acl;

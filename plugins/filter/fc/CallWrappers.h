@@ -1,6 +1,6 @@
 // The wrappers behind bound functions: closures over two upvalues, of which the first is a userdata
 // that holds the address of a plain native function and the second is the binder's own. A wrapper
-// takes the arguments as they come and tests no type, but for the agent object.
+// takes the arguments as they come. compat 3: tests no argument's type, except the agent object's
 #pragma once
 
 #include <lua.hpp>

@@ -19,8 +19,7 @@ PrintFunction *libraryPrint = &qb_dump_printf;
 
 const wxString emptyText;
 
-// One more load reference to this library, meant to stay: never deleted, so that the module is not
-// unloaded before the process ends, however often its users free it.
+// compat 1: keeps one load reference to this library, so that the module stays loaded until the process ends
 [[maybe_unused]] static const bool keptLoaded = new wxDynamicLibrary("fc", wxDL_NOW) != nullptr;
 
 wxCriticalSection moduleInitLock;

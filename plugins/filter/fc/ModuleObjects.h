@@ -8,7 +8,7 @@
 #include <wx/thread.h>
 
 using PrintFunction = int(void *, const char *, ...);
-/// The driver-interface library's own print function. Nothing reads it; it keeps its place.
+/// compat 2: the driver-interface library's own print function; nothing reads it
 extern PrintFunction *libraryPrint;
 
 /// Guards the one-time call of `vti_set_profiler`.

@@ -39,6 +39,7 @@ std::optional<long> ReadFlagNumber(wxRegKey &key, const char *name) {
 template <typename Value>
 void WriteFlagIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
     wxRegKey key = DriverRegistryKey(kDriverKey);
+    // compat 8: stores nothing and says nothing without the driver's key
     if (!key.Exists())
         return;
     if (!key.Open(wxRegKey::Write) || !key.SetValue(name, value))
@@ -48,6 +49,7 @@ void WriteFlagIfKeyExists(const char *name, const Value &value, const TraceSite 
 /// The number's integer part. What 32 bits don't hold becomes the least number, as the processor's own conversion
 /// has it.
 long IntegerPart32(lua_Number number) {
+    // compat 10: stores what 32 bits don't hold as the least number
     constexpr lua_Number limit = 2147483648.0;  // 2 to the power of 31
     if (!(number > -limit - 1 && number < limit))
         return std::numeric_limits<std::int32_t>::min();
@@ -65,7 +67,7 @@ int PushDriverFlag(lua_State *L, const char *name, const char *format, const Tra
 
 int StoreDriverFlag(lua_State *L, const char *name, const TraceSite &site) {
     WriteFlagIfKeyExists(name, IntegerPart32(luaL_checknumber(L, 1)), site);
-    return 1;  // and nothing pushed: see DriverFlags.h
+    return 1;  // compat 7: pushes nothing, so Lua gets the last argument
 }
 
 /// Lua: takes a light userdata that points at the texts, in UTF-8; yields them as an array.
@@ -87,6 +89,7 @@ int JoinInterfaceArray(lua_State *L) {
     wxString &joined = *static_cast<wxString *>(lua_touserdata(L, 2));
     const int count = static_cast<int>(lua_rawlen(L, 1));
     for (int i = 1; i <= count; ++i) {
+        // compat 9: joins with commas and escapes none
         if (i > 1)
             joined += ',';
         lua_rawgeti(L, 1, i);
@@ -165,7 +168,7 @@ int SetUncheckedInterface(lua_State *L) {
     }
     if (status != LUA_OK)
         return lua_error(L);
-    return 1;  // and nothing pushed: see DriverFlags.h
+    return 1;  // compat 7: pushes nothing, so Lua gets the last argument
 }
 
 int GetDriverStoppedByBLPTimestamp(lua_State *L) {

@@ -13,6 +13,7 @@ constexpr std::int64_t kFoldAfterSeconds = 60;
 /// The low 32 bits of the number's integer part. A number beyond 64 bits, infinite or no number
 /// has none of them set, as the processor's own conversion has it.
 std::uint32_t CountFromNumber(lua_Number number) {
+    // compat 13: a negative count wraps, and a count of 0 in 32 bits is no data
     constexpr lua_Number limit = 9223372036854775808.0;  // 2 to the power of 63
     if (!(std::fabs(number) < limit))
         return 0;
@@ -42,7 +43,7 @@ int AddToConnMetrics(lua_State *L) {
 
 int UpdateConnMetrics(lua_State *) {
     const std::int64_t now = _time64(nullptr);
-    // A clock that was set back stops the folding until it has caught up.
+    // compat 12: a clock that was set back stops the folding until it has caught up
     if (now - lastMetricsUpdate <= kFoldAfterSeconds)
         return 0;
     {
@@ -50,7 +51,7 @@ int UpdateConnMetrics(lua_State *) {
         stagingMetrics.FoldInto(mergedMetrics);
         lastMetricsUpdate = now;
     }
-    // Deliberately outside the lock, which guards the result only.
+    // compat 11: empties staging outside the lock, which guards the result only
     stagingMetrics.Clear();
     return 0;
 }

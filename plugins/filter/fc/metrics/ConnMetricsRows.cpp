@@ -260,7 +260,7 @@ int BuildConnMetricsRows(lua_State *L) {
         if (++entry != drain.entries.cend())
             PrefetchText(entry->Text(), kPrefetchBytes);
         PushMetricRow(L, metric.Text(), drain);
-        // Last, so that it overwrites a field that the text calls "count".
+        // compat 15: set last, so that it overwrites a field that the text calls "count"
         SetNumberField(L, kCountIndex, metric.count);
         lua_rawseti(L, kResultIndex, index++);
     }

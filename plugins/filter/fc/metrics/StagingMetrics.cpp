@@ -52,6 +52,7 @@ void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::
         place->count += count;
         return;
     }
+    // compat 14: drops a new key without a message when the map is full
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
     const auto entry = m_entries.emplace_hint(place, kept, KeptText(text), count);

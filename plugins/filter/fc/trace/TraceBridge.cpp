@@ -15,19 +15,19 @@ int setup_qbtrace(lua_State *L) {
     const DriverHandleBlock *const block = GetDriverHandleArg(L, 1);
     if (block == nullptr)
         return luaL_argerror(L, 1, "vti handle expected");
-    // A handle that has been closed is deliberately handed on: the library's answers are not looked at.
+    // compat 4: passes the null word of a closed handle on to the library
     if (VtaCore::LogTraceIsEnabled(kDriverTrace)) {
         (void)vti_set_trace_level(block->handle, kTrace);
         (void)vti_set_trace_handler(block->handle, qb_trace_handler);
     } else {
-        (void)vti_set_trace_level(block->handle, kTraceNothing);  // a callback that was set before stays
+        (void)vti_set_trace_level(block->handle, kTraceNothing);  // compat 5: leaves a callback that was set before
     }
     return 0;
 }
 
 std::int32_t qb_trace_handler(std::int32_t level, const char *source, const char *file, std::int32_t line,
                               const char *text) {
-    // The two blanks and the line feed are part of the line.
+    // compat 6: two blanks and a line feed in the traced line
     Trace(kDriverTrace, "%s/%d  | %s | %s:%d\n", LocaleText{source}, level, LocaleText{text}, LocaleText{file}, line);
     return 0;
 }
