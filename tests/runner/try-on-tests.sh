@@ -29,11 +29,12 @@ cat >"$WORK/bin/debootstrap" <<'FAKE'
 mkdir -p "$3"/{proc,dev,root,etc/apt/apt.conf.d}
 echo 99 >"$3/etc/debian_version"
 FAKE
-# ./dev ARGS is what stands behind `try`: one of them fails, one never ends.
+# ./dev ARGS is what stands behind `try`: one of them fails, one never ends, and beside one somebody commits to the clone.
 cat >"$WORK/bin/chroot" <<'FAKE'
 #!/usr/bin/env bash
 case $* in
 *' try fail') echo '3 passed, 1 failed, 0 skipped'; exit 4 ;;
+*' try slow') git -c user.name=x -c user.email=x@example.com commit -q --allow-empty -m later ;;
 *' try hang') sleep "$HANGS" & wait ;;
 *' try '*) echo '5 passed, 0 failed, 0 skipped' ;;
 esac
@@ -69,6 +70,14 @@ ACommandThatFailsIsToldAndTheNextOneIsTried() {
     try trixie fail 'test fc-tests'
     ends_with 1 && says '^\./dev fail .* FAILED, status 4: 3 passed, 1 failed, 0 skipped$' &&
         says '^\./dev test fc-tests .* done: 5 passed' && leaves_nothing
+}
+
+TheCommitIsThatWhichWasTried() {
+    local tried
+    tried=$(git -C "$CLONE" log -1 --format=%h)
+    try trixie slow
+    ends_with 0 && says "^$tried on Debian 99, " || return
+    [ "$(git -C "$CLONE" log -1 --format=%s)" = later ] || because "there is no later one"
 }
 
 AReleaseThatThereIsNotIsTold() {
@@ -121,8 +130,8 @@ NamesAndOptionsAreChecked() {
 names=(NamesAndOptionsAreChecked)
 # The namespaces need root, and more than root has in most containers.
 if unshare --mount --pid --fork true 2>/dev/null; then
-    names+=(BothCommandsAreTriedAndTold ACommandThatFailsIsToldAndTheNextOneIsTried AReleaseThatThereIsNotIsTold
-        ARootCanBeKept AnInterruptionLeavesNothing)
+    names+=(BothCommandsAreTriedAndTold ACommandThatFailsIsToldAndTheNextOneIsTried TheCommitIsThatWhichWasTried
+        AReleaseThatThereIsNotIsTold ARootCanBeKept AnInterruptionLeavesNothing)
 else
     names+=(AMachineWithoutNamespacesIsToldSo)
 fi
