@@ -14,6 +14,7 @@
 #include "BindingsMachines.h"
 #include "BindingsModel.h"
 #include "InstallFixture.h"
+#include "SeededRandom.h"
 #include "WindowsFunctions.h"
 
 namespace {

@@ -1,4 +1,5 @@
 // The reporter of failures of the system, and the removal of the health-check files.
+#include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
 #include "WindowsDriverInstaller/reports/FailureReport.h"
 
 #include <filesystem>

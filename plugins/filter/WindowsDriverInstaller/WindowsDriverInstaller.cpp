@@ -1,8 +1,5 @@
 // The functions that run the driver threads, as Lua calls them. The threads' classes live in this file's unnamed
 // namespace, so their bodies are compiled here, too. A test that needs the classes includes this file.
-
-#include <initguid.h>
-
 #include "WindowsDriverInstaller.h"
 
 #include <cstdint>

@@ -3,8 +3,6 @@
 #include <array>
 #include <cwchar>
 
-#include <initguid.h>
-
 #include <windows.h>
 #include <setupapi.h>
 
