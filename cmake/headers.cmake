@@ -1,8 +1,6 @@
 # The target header_checks, for ./dev check: compiles each header of the product and of interfaces/ alone, so that none
 # needs another one to be included before it.
 file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h)
-# Those of the driver threads are parts of one source so far.
-list(FILTER headers EXCLUDE REGEX "/WindowsDriverInstaller/")
 set(sources "")
 foreach(header IN LISTS headers)
     set(source "${CMAKE_BINARY_DIR}/headers/${header}.cpp")
