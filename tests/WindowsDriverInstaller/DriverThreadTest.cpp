@@ -377,7 +377,9 @@ TEST_F(DriverThread, IsNotKilledForAStepThatHasEndedMeanwhile) {
     AdvanceMs(15'000);
     EXPECT_FALSE(thread.WaitForStepToFinish());
     thread.EndStep(6);
-    EXPECT_EQ(KillIfOverrun(thread).outcome, OverrunOutcome::GoesOn);
+    const Overrun overrun = KillIfOverrun(thread);
+    EXPECT_EQ(overrun.outcome, OverrunOutcome::GoesOn);
+    EXPECT_EQ(overrun.step, NoStep);
 }
 
 TEST_F(DriverThread, IsNotKilledForAStepThatEndsWhileItsStackIsRead) {
@@ -392,8 +394,10 @@ TEST_F(DriverThread, IsNotKilledForAStepThatEndsWhileItsStackIsRead) {
             thread.EndStep(6);
         return next(arguments...);
     });
-    EXPECT_EQ(KillIfOverrun(thread).outcome, OverrunOutcome::GoesOn);
+    const Overrun overrun = KillIfOverrun(thread);
+    EXPECT_EQ(overrun.outcome, OverrunOutcome::GoesOn);
     EXPECT_TRUE(captures);
+    EXPECT_EQ(overrun.step, NoStep);
 }
 
 TEST_F(DriverThread, IsLeftAloneOutsideOfAllInnerSteps) {
