@@ -35,6 +35,7 @@ std::vector<std::string> Journal::Names() const {
     const InsideSimulator inside;
     const LockGuard guard(m_lock);
     std::vector<std::string> names;
+    names.reserve(m_entries.size());
     for (const JournalEntry &entry : m_entries)
         names.push_back(entry.function);
     return names;

@@ -19,8 +19,11 @@ HRESULT CountRemoval(NetworkComponent *component, std::optional<std::wstring> &g
     if (component == nullptr)
         return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
     unsigned &left = component->deInstallsUntilGone;
-    if (SUCCEEDED(component->deInstallResult) && left != 0 && --left == 0)
-        gone = component->id;
+    if (SUCCEEDED(component->deInstallResult) && left != 0) {
+        --left;
+        if (left == 0)
+            gone = component->id;
+    }
     return component->deInstallResult;
 }
 

@@ -72,8 +72,11 @@ DWORD SetKeySecurity(Security &security, const NamedSecurity &asked) {
     change.setsOwner = (asked.information & OWNER_SECURITY_INFORMATION) != 0;
     change.setsAccess = (asked.information & DACL_SECURITY_INFORMATION) != 0;
     change.withoutList = asked.list == nullptr;
-    if (change.setsOwner && (change.owner = SidText(asked.owner)).empty())
-        return ERROR_INVALID_SID;
+    if (change.setsOwner) {
+        change.owner = SidText(asked.owner);
+        if (change.owner.empty())
+            return ERROR_INVALID_SID;
+    }
     if (change.setsAccess && asked.list != nullptr) {
         if (!IsValidAcl(asked.list))
             return ERROR_INVALID_ACL;
@@ -118,6 +121,7 @@ DWORD Adjust(Security &security, HANDLE token, bool disableAll, const TOKEN_PRIV
     if (wanted == nullptr)
         return ERROR_INVALID_PARAMETER;
     std::vector<Security::Adjustment> adjustments;
+    adjustments.reserve(wanted->PrivilegeCount);
     for (DWORD i = 0; i < wanted->PrivilegeCount; ++i)
         adjustments.push_back({PrivilegeName(wanted->Privileges[i].Luid), wanted->Privileges[i].Attributes});
     return security.Adjust(adjustments);

@@ -124,7 +124,6 @@ private:
 TEST_F(FileVersion, IsTheOneInTheBytesOfTheSystemsLibraries) {
     int read = 0;
     for (const fs::directory_entry &entry : fs::directory_iterator(kSystem)) {
-        const std::wstring name = entry.path().filename().wstring();
         if (entry.path().extension() != L".dll" || entry.file_size() > 300'000 || read == 150)
             continue;
         const std::optional<Version> expected = VersionInBytes(BytesOf(entry.path()));

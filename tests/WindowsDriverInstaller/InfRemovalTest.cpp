@@ -254,6 +254,16 @@ TEST_F(InfRemoval, SucceedsWhereThereAreNoCopiedFiles) {
     EXPECT_EQ(Calls({"FindNextFileW", "FindClose", "CreateFileW"}), Lines{});
 }
 
+TEST_F(InfRemoval, EndsItsSearchWithinTheStep) {
+    (void)Uninstall();
+    const Lines calls = Calls({"FindNextFileW", "FindClose", "SetEvent"});
+    const auto closed = std::find_if(calls.begin(), calls.end(),
+                                     [](const std::string &call) { return call.starts_with("FindClose"); });
+    ASSERT_NE(closed, calls.begin());
+    ASSERT_NE(closed, calls.end());
+    EXPECT_TRUE(closed[-1].starts_with("FindNextFileW")) << "the step ended first: " << closed[-1];
+}
+
 TEST_F(InfRemoval, LooksIntoCopiedFilesAlone) {
     PutInf(L"netqbimvta.inf", InfNaming("qbimvta", 10));
     PutInf(L"oem4.txt", InfNaming("qbimvta", 10));

@@ -104,7 +104,9 @@ Lines AddBy(INetFwAuthorizedApplications *applications) {
     ComPtr<INetFwAuthorizedApplication> listed;
     VARIANT_BOOL enabled = VARIANT_FALSE;
     HRESULT hr = applications->Item(path.text, &listed);
-    if (SUCCEEDED(hr) && FAILED(hr = listed->get_Enabled(&enabled)))
+    if (SUCCEEDED(hr))
+        hr = listed->get_Enabled(&enabled);
+    if (listed && FAILED(hr))
         return {Failure("get_Enabled", hr), Failure("WindowsFirewallAppIsEnabled", hr),
                 Failure("WindowsFirewallAddApp", hr), ""};
     if (enabled == VARIANT_TRUE)
@@ -112,11 +114,14 @@ Lines AddBy(INetFwAuthorizedApplications *applications) {
     ComPtr<INetFwAuthorizedApplication> entry;
     hr = CoCreateInstance(__uuidof(NetFwAuthorizedApplication), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&entry));
     EXPECT_EQ(hr, S_OK);
-    if (FAILED(hr = entry->put_ProcessImageFileName(path.text)))
+    hr = entry->put_ProcessImageFileName(path.text);
+    if (FAILED(hr))
         return {Failure("put_ProcessImageFileName", hr), Failure("WindowsFirewallAddApp", hr), ""};
-    if (FAILED(hr = entry->put_Name(name.text)))
+    hr = entry->put_Name(name.text);
+    if (FAILED(hr))
         return {Failure("put_Name", hr), Failure("WindowsFirewallAddApp", hr), ""};
-    if (FAILED(hr = applications->Add(entry.Get())))
+    hr = applications->Add(entry.Get());
+    if (FAILED(hr))
         return {Failure("Add", hr), Failure("WindowsFirewallAddApp", hr), ""};
     return {R"(Authorized application C:\agent.exe is now enabled in the firewall.)"};
 }

@@ -21,7 +21,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
     const HRESULT status = FindInfFolders(folders);
     bool isLeftToBoot = false;
     WIN32_FIND_DATAW found = {};
-    const UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
+    UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
     if (search) {
         do {
             // None of the drivers' INF files is empty, or 4 GiB or more.
@@ -38,6 +38,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
                 isLeftToBoot = RemoveInfByHand(folders, found.cFileName) || isLeftToBoot;
         } while (FindNextFileW(search.get(), &found) != 0);
     }
+    search.reset();  // in the step, whose limit is for this call, too
     EndStep(RemovingInfFiles);
     return isLeftToBoot ? NETCFG_S_REBOOT : status;  // compat 120: a file that can't be removed is no failure
 }
