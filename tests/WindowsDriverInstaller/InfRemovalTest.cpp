@@ -257,8 +257,8 @@ TEST_F(InfRemoval, SucceedsWhereThereAreNoCopiedFiles) {
 TEST_F(InfRemoval, EndsItsSearchWithinTheStep) {
     (void)Uninstall();
     const Lines calls = Calls({"FindNextFileW", "FindClose", "SetEvent"});
-    const auto closed = std::find_if(calls.begin(), calls.end(),
-                                     [](const std::string &call) { return call.starts_with("FindClose"); });
+    const auto closed =
+        std::find_if(calls.begin(), calls.end(), [](const std::string &call) { return call.starts_with("FindClose"); });
     ASSERT_NE(closed, calls.begin());
     ASSERT_NE(closed, calls.end());
     EXPECT_TRUE(closed[-1].starts_with("FindNextFileW")) << "the step ended first: " << closed[-1];
