@@ -1,19 +1,15 @@
 #include "KeyHash.h"
 
 #include <array>
-#include <cstddef>
 
 // clang-format off
 #include <windows.h>
 #include <ntsecapi.h>
 // clang-format on
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 namespace {
 
-/// The whole secret of the hash. A seed would only be added to a published one.
+/// Random bytes. A seed would only be added to a published secret.
 class HashSecret {
 public:
     HashSecret() {
@@ -21,8 +17,7 @@ public:
             FillFromProcess();
     }
 
-    [[nodiscard]] const std::byte *Bytes() const { return m_bytes.data(); }
-    static constexpr std::size_t kSize = XXH3_SECRET_DEFAULT_SIZE;
+    [[nodiscard]] std::span<const std::byte> Bytes() const { return m_bytes; }
 
 private:
     /// Without random bytes: what nobody outside of this process knows exactly. Keys that collide are slow, not
@@ -45,14 +40,13 @@ private:
         XXH3_generateSecret(m_bytes.data(), m_bytes.size(), &state, sizeof(state));
     }
 
-    std::array<std::byte, kSize> m_bytes{};
+    std::array<std::byte, XXH3_SECRET_DEFAULT_SIZE> m_bytes{};
 };
 
 }  // namespace
 
-std::uint32_t HashKey(std::string_view key) {
+std::span<const std::byte> KeyHashSecret() {
     // At its first use, not while the library is loaded: drawing random bytes may load another one.
     static const HashSecret secret;
-    return static_cast<std::uint32_t>(
-        XXH3_64bits_withSecret(key.data(), key.size(), secret.Bytes(), HashSecret::kSize));
+    return secret.Bytes();
 }
