@@ -13,7 +13,7 @@ namespace Simulator {
 /// A component (a protocol, a filter) above an adapter. It counts while both are there.
 struct NetworkBinding {
     std::wstring adapter;    ///< Its pnpDevNodeId.
-    std::wstring component;  ///< Its id.
+    std::wstring component;  ///< Its id; behind those of others that lie above it in this path, such as L"upper>filter".
     bool enabled = true;
 };
 
