@@ -17,10 +17,11 @@ struct CloseTheHandle {
 using Handle = std::unique_ptr<void, CloseTheHandle>;
 
 /// A file that the program inherits. Files, not pipes: nobody has to wait for all who have inherited one.
-Handle OpenInherited(const std::wstring &path, DWORD access) {
+/// @param disposition  as CreateFileW has it.
+Handle OpenInherited(const std::wstring &path, DWORD access, DWORD disposition) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     Handle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
-                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+                            disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.get() == INVALID_HANDLE_VALUE)
         ADD_FAILURE() << "CreateFile: " << GetLastError();
     return file;
@@ -30,9 +31,9 @@ Handle OpenInherited(const std::wstring &path, DWORD access) {
 /// @param flags  see CreateProcessW.
 Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
              DWORD flags = 0) {
-    const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
-    const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
-    const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
+    const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ, OPEN_ALWAYS);
+    const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE, CREATE_NEW);
+    const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE, CREATE_NEW);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -159,6 +160,7 @@ TemporaryFolder::TemporaryFolder() {
     const std::wstring name =
         L"fc-host-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count);
     m_path = std::filesystem::temp_directory_path() / name;
+    std::filesystem::remove_all(m_path);  // of an older process with this number
     std::filesystem::create_directories(m_path);
 }
 
