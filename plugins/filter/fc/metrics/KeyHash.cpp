@@ -14,9 +14,9 @@
 namespace {
 
 /// The whole secret of the hash. A seed would only be added to a published one.
-class HashSecret {
+class KeyHashSecret {
 public:
-    HashSecret() {
+    KeyHashSecret() {
         if (!RtlGenRandom(m_bytes.data(), static_cast<ULONG>(m_bytes.size())))
             FillFromProcess();
     }
@@ -52,7 +52,9 @@ private:
 
 std::uint32_t HashKey(std::string_view key) {
     // At its first use, not while the library is loaded: drawing random bytes may load another one.
-    static const HashSecret secret;
+    static const KeyHashSecret secret;
     return static_cast<std::uint32_t>(
-        XXH3_64bits_withSecret(key.data(), key.size(), secret.Bytes(), HashSecret::kSize));
+        XXH3_64bits_withSecret(key.data(), key.size(), secret.Bytes(), KeyHashSecret::kSize));
 }
+
+KeyWithHash::KeyWithHash(std::string_view text) : m_text(text), m_hash(HashKey(text)) {}

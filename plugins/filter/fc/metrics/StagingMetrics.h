@@ -23,7 +23,7 @@ public:
     void Clear();
 
 private:
-    void AddToMap(const HashedKey &key, std::string_view text, std::uint32_t count);
+    void AddToMap(const KeyWithHash &key, std::string_view text, std::uint32_t count);
 
     ConnMetricsMap m_entries;
     SeenKeys m_seen;
