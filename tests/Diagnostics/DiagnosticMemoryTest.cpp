@@ -61,7 +61,7 @@ TEST_F(DiagnosticMemory, EachFailedAllocationAffectsOnlyItsOwnFile) {
         EXPECT_EQ(TakeEvents(), Names());
     }
     (void)RunWithout(std::size(kLosses) + 1, hit);
-    EXPECT_FALSE(hit) << "the module asks for more blocks than this test knows of";
+    EXPECT_FALSE(hit) << "the module requests more blocks than this test expects";
 }
 
 TEST_F(DiagnosticMemory, WithoutMemoryTheProfileIsEmptyAndVariable62IsUnchanged) {

@@ -89,7 +89,7 @@ TEST_F(DiagnosticTrace, ReportsTablesThatCannotBeRead) {
                      Line("getDriverConnTrack", "rc = -9"), Line("getDriverConnTrack", "tcpConn->entry_ct = 0")}));
 }
 
-TEST_F(DiagnosticTrace, ChecksBeforeEachStepWhetherTheDriverIsOpen) {
+TEST_F(DiagnosticTrace, ChecksTwiceWhetherTheDriverIsOpenWhenTracing) {
     (void)Run();
     EXPECT_EQ(CallsOf(calls, "vti_driver_available").size(), 8u);
     VtaCore::Control::EnableTrace("*", false);

@@ -72,8 +72,8 @@ TEST_F(ConfigurationFile, AFileThatCannotBeOpenedCountsAsMissing) {
     EXPECT_FALSE(heard.count);
     EXPECT_EQ(heard.configuration, Lines());
     EXPECT_EQ(heard.errors, Lines());
-    EXPECT_EQ(Flag(kUnloadFlag), "true") << "as it was left by the file that could be read";
-    EXPECT_EQ(WrittenJson(), kNothingWritten) << "the settings of the file before are gone";
+    EXPECT_EQ(Flag(kUnloadFlag), "true") << "as the file that could be read left it";
+    EXPECT_EQ(WrittenJson(), kNothingWritten) << "the settings of the earlier file are gone";
 }
 
 TEST_F(ConfigurationFile, ASettingRemovedFromTheFileIsNoLongerInForce) {

@@ -304,7 +304,7 @@ TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
         iterations, restarts, actions[0], actions[1], actions[2], actions[5], actions[6], actions[7],
         HowToRepeat().c_str());
     for (const std::size_t action : {0U, 1U, 2U, 5U, 6U, 7U})
-        EXPECT_GT(actions.at(action), iterations / 2000) << "the histories say little about action " << action;
+        EXPECT_GT(actions.at(action), iterations / 2000) << "too few results with action " << action;
 }
 
 /// A history in which only a restart could make a difference: no driver, no pause that even a recovery check finds too

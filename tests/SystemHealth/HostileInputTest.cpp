@@ -277,7 +277,7 @@ private:
                   << " of them on the guarded heap; actions";
         for (std::size_t action = 0; action < m_actions.size(); ++action) {
             std::cout << " " << action << ": " << m_actions[action];
-            EXPECT_GT(m_actions[action], kInputs / 100) << "too few of action " << action << " to tell anything";
+            EXPECT_GT(m_actions[action], kInputs / 100) << "too few results with action " << action;
         }
         std::cout << std::endl;
     }

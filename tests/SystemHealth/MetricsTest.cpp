@@ -69,7 +69,7 @@ TEST_F(HealthMetrics, ARemovedThresholdDisablesItsMetric) {
     ASSERT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 7, 50}));
     WriteConfig(kFreeMemory);
     machine().processorQueue = 1000;
-    ASSERT_EQ(Check(), kNormal) << "not judged";
+    ASSERT_EQ(Check(), kNormal) << "not checked";
     EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 0, 0}));
 }
 

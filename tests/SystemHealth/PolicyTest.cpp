@@ -413,7 +413,7 @@ TEST_F(Policy, IsTheSameInEveryLocaleOfTheSystem) {
         EXPECT_EQ(ReadPolicy(kFractions).count, 5);
         ASSERT_EQ(WrittenJson(), kFractionsWritten);
     }
-    EXPECT_GE(withoutPoint, 20) << "most of Europe has none";
+    EXPECT_GE(withoutPoint, 20) << "most of Europe uses a comma";
 }
 
 // ---- Texts that are not JSON
@@ -425,7 +425,7 @@ TEST_F(Policy, MalformedTextLetsTheIterationContinueWithNothingSet) {
         SCOPED_TRACE(testing::PrintToString(policy));
         (void)ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
         ExpectParseError(policy);
-        EXPECT_EQ(Flag(kUnloadFlag), "true") << "left as it was";
+        EXPECT_EQ(Flag(kUnloadFlag), "true") << "unchanged";
     }
 }
 
@@ -665,7 +665,7 @@ TEST_F(PolicyWithoutMemory, EachFailedAllocationAffectsOnlyItsPurpose) {
         for (std::size_t i = 0; i < expected.size(); ++i)
             told[i] = told[i] || !heard.EngineLines(expected[i]).empty();
     }
-    EXPECT_GT(nth, 60u) << "the policy alone has so many items";
+    EXPECT_GT(nth, 60u) << "the policy alone has that many items";
     for (std::size_t i = 0; i < expected.size(); ++i)
         EXPECT_TRUE(told[i]) << expected[i];
 }

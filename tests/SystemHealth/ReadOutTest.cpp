@@ -70,7 +70,7 @@ TEST_F(HealthReadOut, ThereAreSevenItemsWhicheverMetricsAreEnabled) {
     for (const std::string &config : {kPort, kRunQueue, kDriverMetrics + kRunQueue + kFreeMemory}) {
         WriteConfig(config);
         ASSERT_EQ(Check(), kNormal);
-        EXPECT_EQ(Metrics().size(), 6u) << "and the processors, as its own check has it";
+        EXPECT_EQ(Metrics().size(), 6u) << "and the processors, which have their own test";
     }
 }
 
@@ -82,7 +82,7 @@ TEST_F(HealthReadOut, ValuesAreTruncated) {
     ASSERT_EQ(Check(), kNormal);
     EXPECT_EQ(Metric("rqpct").value, 7);
     EXPECT_EQ(Metric("frepct").value, 99) << "of 99.99";
-    EXPECT_EQ(lua.Eval("metrics[1].value == 7 and metrics[5].value == 99"), "true") << "no fraction is left";
+    EXPECT_EQ(lua.Eval("metrics[1].value == 7 and metrics[5].value == 99"), "true") << "fractions are cut off";
 }
 
 TEST_F(HealthReadOut, NegativeValuesAreTruncatedTowardZero) {
@@ -128,7 +128,7 @@ TEST_F(HealthReadOut, TheProcessorsAreCountedAtTheReadOut) {
     machine().processorCount = 64;
     EXPECT_EQ(processors(), "64");
     machine().processorCount = 0;
-    EXPECT_EQ(processors(), "0") << "a zero is not looked at";
+    EXPECT_EQ(processors(), "0") << "a zero is kept";
 }
 
 TEST_F(HealthReadOut, OnlyTheProcessorsAreSampled) {
@@ -196,7 +196,7 @@ TEST_F(HealthReadOut, ThePortOfTheLastReadingSurvivesFailedIterations) {
     ASSERT_EQ(Check(), kCollectFailed);
     EXPECT_EQ(Port(), "true 443");
     ASSERT_EQ(Check("bad"), kBadArgument);
-    EXPECT_EQ(Port(), "true 443") << "nothing was read anew";
+    EXPECT_EQ(Port(), "true 443") << "nothing new was read";
 }
 
 TEST_F(HealthReadOut, EachFunctionTracesItsEntryAndItsExit) {
@@ -268,7 +268,7 @@ TEST_F(HealthReadOut, APortRemovedDuringTheReadOutIsShownCompletelyOrNotAtAll) {
         WriteConfig(kRunQueue);
         EXPECT_EQ(Check(), kNormal);
     };
-    EXPECT_EQ(Port(), "true 443") << "read before it went";
+    EXPECT_EQ(Port(), "true 443") << "read before it was removed";
     EXPECT_FALSE(BeforePush::happens) << "it happened";
     EXPECT_EQ(Port(), "false 0");
 }

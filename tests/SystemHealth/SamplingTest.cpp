@@ -321,7 +321,7 @@ TEST_F(Sampling, AnUnreachableDriverDisablesTheDriverMetricsWithoutAMessage) {
     WriteConfig(kDriverMetrics + kRunQueue + kFreeMemory);
     driver().present = false;
     machine().processorQueue = 51;
-    ASSERT_EQ(Check(), kFailOpen) << "the queue is judged";
+    ASSERT_EQ(Check(), kFailOpen) << "the queue is checked";
     EXPECT_EQ(TakeDriverCalls(), (std::vector<std::string>{"vti_open()"}));
     EXPECT_TRUE(TakeErrors().empty());
     EXPECT_TRUE(TakeTracedMessages("SysHealth.scan").empty());
@@ -362,7 +362,7 @@ TEST_F(Sampling, AFailedFirstReadingIsConfiguredAgainByTheNextIteration) {
     WriteConfig(kPort);
     driver().faults["vti_get_scan_metrics"] = {.status = -1, .error = "busy", .remaining = 1};
     ASSERT_EQ(Check(), kNormal);
-    EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443") << "latched all the same";
+    EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443") << "latched anyway";
     Forget();
     WriteConfig("SYSTEM_CONNECTION_REFUSAL_PORT=80\n");
     ASSERT_EQ(Check(), kNormal);
@@ -386,7 +386,7 @@ TEST_F(Sampling, AFailedConfigurationIsLoggedAndOtherwiseIgnored) {
     ASSERT_EQ(Check(), kNormal);
     EXPECT_EQ(TakeDriverCalls(),
               (std::vector<std::string>{"vti_open()", "vti_get_scan_metrics(1, 443)", "vti_close()"}))
-        << "the reading succeeded, so this is not tried again";
+        << "the reading succeeded, so there is no retry";
 }
 
 TEST_F(Sampling, EmptyErrorTextsAreLoggedAsEmpty) {
@@ -477,7 +477,7 @@ TEST_F(Sampling, TheFirstPassSetsABaselineAndTheSecondGivesRates) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "estab"), "12.500(100.000)") << "500 in 10 s on 4 processors";
 }
 
-TEST_F(Sampling, RatesAreNotComputedFromTheInitialBaseline) {
+TEST_F(Sampling, TheFirstPassOnlySetsTheBaselineEvenIfSecondsHavePassed) {
     WriteConfig(kRunQueue);
     ASSERT_EQ(CheckAt(0), kNormal);
     WriteConfig(kDriverMetrics);
@@ -563,10 +563,10 @@ TEST_F(Sampling, TwoIterationsInTheSameMicrosecondDivideByZeroSeconds) {
     SetTotals({.established = 100});
     ASSERT_EQ(CheckAt(0), kNormal);
     SetTotals({.established = 101});
-    EXPECT_EQ(CheckAt(0), kFailOpen) << "an infinite rate is past its limit";
+    EXPECT_EQ(CheckAt(0), kFailOpen) << "an infinite rate exceeds its limit";
     EXPECT_TRUE(
         Has(TakeTracedMessages("SysHealth.eng"), "SysHealth transitioning to Fail-Open, metrics over threshold = 1"));
-    EXPECT_EQ(CheckAt(0), kNormal) << "nothing in no time is no number, which is past no limit";
+    EXPECT_EQ(CheckAt(0), kNormal) << "nothing in no time is NaN, which exceeds no limit";
     EXPECT_EQ(FieldOf(TakeLongLine(), "delta_t"), "0.000(45.000)");
     ExpectLockFree();
 }
@@ -676,7 +676,7 @@ TEST_F(Sampling, AFirstAnswerWithoutRowsSetsNoBaselineAndTheDriverGetsItsPortAga
     driver().scanShape = {10, 1};
     ASSERT_EQ(CheckAt(10), kNormal);
     EXPECT_TRUE(HasBeginning(TakeDriverCalls(), "vti_set_scan_monitoring"));
-    EXPECT_EQ(Metric("estab").value, 0) << "this pass lays the baseline";
+    EXPECT_EQ(Metric("estab").value, 0) << "this pass sets the baseline";
 }
 
 // ---- Unusual numbers
@@ -706,7 +706,7 @@ TEST_F(Sampling, NoMemoryAtAllExceedsNoLimit) {
     WriteConfig(kFreeMemory);
     machine().memoryTotal = 0;
     machine().memoryAvailable = 0;
-    EXPECT_EQ(Check(), kNormal) << "zero of zero is no number";
+    EXPECT_EQ(Check(), kNormal) << "zero divided by zero is NaN";
     ExpectLockFree();
 }
 

@@ -139,7 +139,7 @@ TEST_F(FirewallApplications, TraceEachStepWithItsOwnLineNumber) {
         if (line.function == "WindowsFirewall::WindowsFirewallAddApp")
             places[line.message].insert(line.file + ":" + std::to_string(line.line));
     }
-    EXPECT_EQ(places.size(), 4U) << "the call, and a failure of COM, of its objects, and of the work";
+    EXPECT_EQ(places.size(), 4U) << "the call, and a failure of COM, of its objects, and of the operation";
     std::set<std::string> all;
     for (const auto &[message, lines] : places) {
         EXPECT_EQ(lines.size(), 1U) << message;
@@ -186,7 +186,7 @@ TEST_F(FirewallApplications, LeaveThePolicyTooOnceASwitchHasQueriedTheVersion) {
     EXPECT_EQ(Left(), (LeftThings{{"COM initialisation", 1}, {"COM reference", 2}}));
     (void)faults().FailNth("INetFwAuthorizedApplications::Remove", 1, static_cast<DWORD>(E_FAIL));
     EXPECT_EQ(Call(kRemove).result, "false");
-    EXPECT_EQ(Left(), LeftThings()) << "a failure takes both back";
+    EXPECT_EQ(Left(), LeftThings()) << "a failure releases both";
 }
 
 TEST_F(FirewallApplications, AreRemovedByTheirPathCaseInsensitively) {

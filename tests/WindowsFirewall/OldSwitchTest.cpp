@@ -23,7 +23,7 @@ TEST_F(OldNativeFirewall, TurnsOffTheCurrentProfileAndRemembersIt) {
     EXPECT_EQ(CurrentProfile(), VARIANT_FALSE);
     EXPECT_EQ(Flag(), MaskFlag(1));
     EXPECT_EQ(Left(), LeftThings());
-    EXPECT_EQ(Calls("CoCreateInstance").size(), 1U) << "the manager alone";
+    EXPECT_EQ(Calls("CoCreateInstance").size(), 1U) << "only the manager";
     EXPECT_EQ(Profiles(), 7) << "there are none";
 }
 
@@ -91,7 +91,7 @@ TEST_F(OldNativeFirewall, ChangesNothingWhileItsServiceIsStopped) {
     EXPECT_EQ(TurnOff(), kOldOff + Lines{"Windows firewall(SharedService) is not enabled"});
     EXPECT_EQ(Calls("Co"), Lines()) << "no COM";
     EXPECT_EQ(Calls("Reg"), Lines());
-    EXPECT_EQ(Calls("StartServiceW"), Lines()) << "it is only looked at";
+    EXPECT_EQ(Calls("StartServiceW"), Lines()) << "it is only checked";
     EXPECT_EQ(OldService().status.state, static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(Left(), kHandlesLeft);
 }

@@ -86,7 +86,7 @@ TEST_F(FirewallService, IsWaitedForWhileItStartsEvenWhenItIsOnlyChecked) {
     (void)TurnOff();
     EXPECT_EQ(TookMs(), 3000U);
     EXPECT_EQ(Calls("Sleep").size(), 3U);
-    EXPECT_EQ(CurrentProfile(), VARIANT_FALSE) << "it ran in the end";
+    EXPECT_EQ(CurrentProfile(), VARIANT_FALSE) << "it was running in the end";
     ExpectHandlesClosed();
 }
 
@@ -220,7 +220,7 @@ TEST_F(FirewallService, IsWaitedForAtMostAMinuteWhileItStops) {
     PutService({.status = kStopped, .stopping = {kStopPending}});
     EXPECT_EQ(TurnOn(), (kServiceOn + kRestored + Lines{kStopping, "Unable to stop 'SharedAccess' service"}));
     EXPECT_EQ(TookMs(), 60'000U);
-    EXPECT_EQ(Calls("QueryServiceStatus").size(), 2U + 1U + 60U) << "to start it, to look at it, to wait for it";
+    EXPECT_EQ(Calls("QueryServiceStatus").size(), 2U + 1U + 60U) << "to start it, to check it, to wait for it";
     ExpectHandlesClosed();
 }
 

@@ -94,7 +94,7 @@ TEST_F(NativeFirewall, ChangesNothingWhenAllIsOff) {
     EXPECT_FALSE(simulation().GetRegistry().HasKey(HKEY_LOCAL_MACHINE, kAgentKey));
     simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kAgentKey);
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
-    EXPECT_EQ(Calls("RegDeleteValueW").size(), 1U) << "of the value that is not there";
+    EXPECT_EQ(Calls("RegDeleteValueW").size(), 1U) << "of the absent value";
     ExpectNothingTouched();
     EXPECT_EQ(Left(), LeftThings());
 }
@@ -265,7 +265,7 @@ TEST_F(NativeFirewall, LogsNothingWhenTheKeyOfTheFlagCannotBeCreated) {
     EXPECT_EQ(Profiles(), 0);
     EXPECT_EQ(Left(), LeftThings());
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
-    EXPECT_EQ(Profiles(), 0) << "there is no way back";
+    EXPECT_EQ(Profiles(), 0) << "they cannot be restored";
 }
 
 TEST_F(NativeFirewall, LogsThatTheFlagCannotBeWritten) {
