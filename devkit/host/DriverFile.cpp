@@ -12,7 +12,7 @@
 
 namespace {
 
-/// A small library with a version, which every system has.
+/// A small library with a version resource, which every system has.
 std::string ReadSample() {
     wchar_t folder[MAX_PATH] = L"";
     (void)GetSystemDirectoryW(folder, MAX_PATH);
@@ -20,7 +20,7 @@ std::string ReadSample() {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Where the four words of the version begin in a program file.
+/// The offset of the version's four words in a program file.
 std::size_t FindVersionWords(const std::string &program) {
     constexpr std::string_view signatureAndLayout("\xBD\x04\xEF\xFE\x00\x00\x01\x00", 8);
     const std::u16string_view key = u"VS_VERSION_INFO";

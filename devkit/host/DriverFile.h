@@ -1,4 +1,4 @@
-// Files of drivers that tell a version.
+// Driver files with a version.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 using FileVersion = std::array<std::uint16_t, 4>;
 
-/// Writes a program file whose version resource tells that version.
-/// @throws std::runtime_error  if it can't be written, or if the system's own library, whose copy it is, has no
-///                             version.
+/// Writes a program file with that version in its version resource.
+/// @throws std::runtime_error  if it can't be written, or if the system's own library, which it is copied from, has no
+///   version.
 void WriteDriverFile(const std::filesystem::path &path, const FileVersion &version);

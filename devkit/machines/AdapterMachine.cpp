@@ -19,7 +19,7 @@ std::string VersionText(const std::array<std::uint16_t, 4> &version) {
     return text;
 }
 
-/// Where the version's four words begin in a program file.
+/// The offset of the version's four words in a program file.
 std::size_t FindVersion(const std::string &bytes) {
     const std::u16string_view key = u"VS_VERSION_INFO";
     std::string marker(reinterpret_cast<const char *>(key.data()), key.size() * sizeof(char16_t));
