@@ -1,4 +1,4 @@
-// The devices of network adapters, which NDIS answers.
+// The devices of network adapters, which NDIS implements.
 #pragma once
 
 #include <memory>

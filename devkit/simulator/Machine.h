@@ -9,12 +9,12 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// What the machine answers from the next call on. Do not change it while another thread asks.
+/// What the machine reports from the next call on. Do not change it while another thread queries it.
 struct Machine {
-    double processorQueue = 0;  ///< \System\Processor Queue Length, as it is collected; any double, also NaN.
+    double processorQueue = 0;  ///< \System\Processor Queue Length, when it is collected; any double, even NaN.
     DWORD processorCount = 4;   ///< May be 0.
     std::uint64_t memoryTotal = std::uint64_t{8} << 30;      ///< Bytes of physical memory; may be 0.
-    std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may be more than there are.
+    std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may exceed the total.
     DWORD osMajor = 10;
     DWORD osMinor = 0;
     DWORD osBuild = 19045;

@@ -26,16 +26,16 @@ SIMULATOR_FUNCTION(SetupCopyOEMInfW, "SETUPAPI.dll", ReturnsZero);
 
 }  // namespace System
 
-/// The plain members are set before the functions are called. The others: any thread.
+/// Set the plain members before the functions are called. The others: any thread.
 class SetupLibrary {
 public:
-    /// What each SetupUninstallOEMInfW fails with.
+    /// The error of each SetupUninstallOEMInfW.
     DWORD uninstallError = ERROR_SUCCESS;
-    /// What an InstallHinfSectionW does, inside the simulator; nothing if it is empty.
+    /// Called by InstallHinfSectionW, inside the simulator; may be empty.
     /// @param command  such as L"DefaultUninstall 128 C:\\folder\\driver.inf".
     std::function<void(const std::wstring &command)> onInstallSection;
 
-    /// From now on SetupCopyOEMInfW fails for INF files of that name, in any case.
+    /// From now on SetupCopyOEMInfW fails for INF files of that name, case-insensitive.
     /// @param fileName  without a folder, such as L"driver.inf".
     /// @param error     ERROR_SUCCESS ends it.
     void FailCopy(const std::wstring &fileName, DWORD error);
@@ -45,7 +45,7 @@ public:
     /// @param function  "SetupUninstallOEMInfW" or "InstallHinfSectionW".
     void Lack(const std::string &function);
     [[nodiscard]] bool Lacks(const std::string &function) const;
-    /// The commands that InstallHinfSectionW was given, in the order of the calls.
+    /// The commands passed to InstallHinfSectionW, in the order of the calls.
     [[nodiscard]] std::vector<std::wstring> Commands() const;
 
     void InstallSection(const std::wstring &command);
