@@ -24,12 +24,11 @@ struct ComLibrary {
     [[nodiscard]] bool IsInitialised() const;
 };
 
-/// Puts these functions in journal and faults:
-/// - CoInitializeEx and CoUninitialize, which do the real thing but for what ComLibrary says. Each success counts
-///   until it is given back.
-/// - CoCreateInstance, which does the real thing for the classes that are not put under it. A planned failure leaves
-///   its result alone.
-/// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, as does that which simulated objects hand out.
+/// Adds these functions to journal and faults:
+/// - CoInitializeEx and CoUninitialize, which are real except for what ComLibrary says. Each success counts until it is
+///   undone.
+/// - CoCreateInstance, which is real for classes that are not simulated. A planned failure does not change its output.
+/// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, like that which simulated objects return.
 /// - SysAllocString and SysFreeString, whose texts count in the same way, and SysStringLen.
 /// @param library  outlives the set.
 void InstallCom(FunctionSet &functions, ComLibrary &library);

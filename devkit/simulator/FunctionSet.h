@@ -21,15 +21,15 @@ struct SimulatedFunction {
     void *replacement = nullptr;
 };
 
-/// To redirect one function with a model of its own:
+/// To redirect one function with a custom model:
 ///     SIMULATOR_FUNCTION(GetSystemMetrics, "USER32.dll", ReturnsZero);              // in a header or .cpp
 ///     functions.Put<GetSystemMetrics>([&machine](const auto &next, int index) {
 ///         return index == SM_REMOTESESSION ? machine.remoteSession : next(index);
 ///     });
-/// and to have it in the journal and the fault plans only: functions.PassThrough<GetSystemMetrics>().
+/// and to have it only in the journal and the fault plans: functions.PassThrough<GetSystemMetrics>().
 ///
-/// Once per process at a time. GetProcAddress is simulated from the start: a module that it is redirected in
-/// gets the replacements from it. All from one thread, but for the replaced functions themselves.
+/// Once per process at a time. GetProcAddress is simulated from the start: a module in which it is redirected gets the
+/// replacements from it. Use it from one thread, except for the replaced functions themselves.
 class FunctionSet {
 public:
     /// @throws std::logic_error  if there is another.

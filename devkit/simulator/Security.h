@@ -99,13 +99,12 @@ private:
     std::map<std::wstring, bool> m_privileges;  ///< The held ones, and whether they are enabled.
 };
 
-/// Puts the security under these functions:
-/// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; whatever else is asked of
-/// it
-///   fails with ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
-/// - AdjustTokenPrivileges: the privileges of the one token that there is; the handle must be open for
-///   TOKEN_ADJUST_PRIVILEGES. Asked for the previous state, fails with ERROR_NOT_SUPPORTED.
-/// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are let
+/// Simulates these functions with the security:
+/// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; any other request fails with
+///   ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
+/// - AdjustTokenPrivileges: the privileges of the only token; the handle must be open for TOKEN_ADJUST_PRIVILEGES. Fails
+///   with ERROR_NOT_SUPPORTED if the previous state is requested.
+/// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are passed
 /// through.
 /// @param security  outlives the set.
 void InstallSecurity(FunctionSet &functions, Security &security);

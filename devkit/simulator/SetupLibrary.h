@@ -57,15 +57,15 @@ private:
     std::vector<std::wstring> m_commands;
 };
 
-/// Puts the library under its functions, and under GetProcAddress for those that it lacks.
-/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It wants a name without a
-///   folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and is there
+/// Simulates the library's functions, and GetProcAddress for those that it lacks.
+/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It requires a name without
+///   a folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and exists
 ///   (else ERROR_FILE_NOT_FOUND).
-/// - SetupCopyOEMInfW copies the file that is there to the folder of INF files, as oemN.inf with the least N that is
-///   free. It fails with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the path that it has then does not
-///   fit, and with ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
-/// - InstallHinfSectionW notes its command and hands it on.
-/// Further lets GetModuleHandleW through.
+/// - SetupCopyOEMInfW copies an existing file to the folder of INF files, as oemN.inf with the lowest free N. It fails
+///   with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the new path does not fit, and with
+///   ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
+/// - InstallHinfSectionW records its command and passes it on.
+/// Also passes GetModuleHandleW through.
 /// @param folders  null: there is no INF file.
 /// Both outlive the set.
 void InstallSetupLibrary(FunctionSet &functions, SetupLibrary &setup, const SystemFolders *folders);

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at the host's report in a real browser: runs examples, opens their pages in Chromium, reads what check.js finds.
+# Checks the host's report in a real browser: runs examples, opens their pages in Chromium, reads the findings of check.js.
 #   browser-tests.sh BIN EXAMPLES XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail

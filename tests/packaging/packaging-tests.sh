@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Packs what is built here, twice, and looks at the packages.
+# Makes the packages of this build, twice, and checks them.
 #   packaging-tests.sh BUILD LIBRARIES HEADERS PACKAGES XML
 # The first two packages are left in the folder PACKAGES, the results in XML, as GoogleTest writes them.
 set -euo pipefail

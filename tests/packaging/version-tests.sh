@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The version that the build finds, in sources that are made up for it.
+# The version that the build determines, in temporary sources.
 #   version-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail

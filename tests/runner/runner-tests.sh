@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Breaks programs on purpose, and looks at whether ./dev notices: test programs in a build folder that is made up for it,
+# Breaks programs on purpose, and checks whether ./dev notices: test programs in a temporary build folder,
 # then the host and the benchmarks.
 #   runner-tests.sh BIN XML [WINE]
 # BIN holds fc-launch.exe, fc-host.exe and runner-crash.exe, which WINE runs; the results go to XML, as GoogleTest writes them.

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# How the sources of the libraries come into the cache: from mirrors that are made up in a folder, in a copy of the scripts.
+# How the sources of the libraries get into the cache: from simulated mirrors in a folder, with a copy of the scripts.
 #   sources-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What scripts/try-on does around the root that it makes; debootstrap and chroot are made up.
+# What scripts/try-on does around the root that it makes; debootstrap and chroot are fakes.
 #   try-on-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail

@@ -1,18 +1,18 @@
 # shellcheck shell=bash
 # Tests in shell: a function for each, and results as GoogleTest writes them. To be sourced.
-#   SUITE=NAME, then test_case FUNCTION for each test, then write_results PROGRAM XML.
+# write_results PROGRAM XML: returns false if a test has failed.
 
 RESULTS=() FAILED=0
 REASON=''
 
-# because TEXT...: notes why the test fails. Bash ends no function by itself here: `|| because ... || return`.
+# because TEXT...: records why the test fails. A failure does not end a function by itself: `|| because ... || return`.
 because() {
     REASON=$*
     echo "  $REASON" >&2
     return 1
 }
 
-# test_case NAME: runs the function of that name, which yields false after `because`.
+# test_case NAME: runs the function of that name, which returns false after `because`.
 test_case() {
     local started=$SECONDS escaped
     REASON='a command failed'

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at what the host shows on a terminal, which `script` makes, and at how Ctrl-C reaches it.
+# Checks what the host shows on a terminal, which `script` creates, and how Ctrl-C reaches it.
 #   terminal-tests.sh BIN XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
