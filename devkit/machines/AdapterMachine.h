@@ -36,8 +36,6 @@ protected:
 
     /// Installs both drivers, running, and binds the filter to both adapters.
     void InstallOldDriver(const Version &version);
-    /// Writes a file with that version.
-    static void WriteVersion(const std::filesystem::path &file, const Version &version);
     void SetOurVersion(const Version &version);
     /// The version of the running driver; none: it can't be opened.
     void SetRunningVersion(const std::optional<Version> &version);

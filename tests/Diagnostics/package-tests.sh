@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 FOLDER=$1 XML=$2
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=UnpackedPackage
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" UnpackedPackage
 
 # unpacks NAME: the package is sound, and holds the expected files in their order, byte by byte.
 unpacks() {

@@ -8,12 +8,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Abi
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Abi
 
 # header NAME: takes its text from the input.
 header() {

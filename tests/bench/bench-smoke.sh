@@ -8,12 +8,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Benchmarks
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Benchmarks
 
 # bench ARGUMENTS...: leaves the output in `out` and the status in STATUS.
 bench() {

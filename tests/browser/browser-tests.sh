@@ -9,12 +9,8 @@ BIN=$1 EXAMPLES=$2 XML=$3
 WINE=("${@:4}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
 BROWSER=$(command -v chromium || true)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Report
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Report
 
 # browse PAGE OPTIONS...: runs the browser without a window, with its own profile.
 browse() {

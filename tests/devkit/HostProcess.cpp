@@ -184,3 +184,15 @@ HostRun RunScript(const std::string &script, std::vector<std::wstring> options) 
     options.push_back(folder.Write(L"script.lua", script));
     return RunHost(options);
 }
+
+const std::string kScriptHelpers = R"(
+    local function refused(expected, f, ...)
+        local ok, message = pcall(f, ...)
+        assert(not ok and message:find(expected, 1, true), tostring(message))
+    end
+    local function write(path, text)
+        local file = assert(io.open(path, "wb"))
+        file:write(text)
+        file:close()
+    end
+)";

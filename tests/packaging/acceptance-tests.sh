@@ -9,14 +9,11 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 PACKAGES=$2 XML=$3
 WINE=${4:-wine}
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Acceptance
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh" Acceptance
 export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1" || true; }
 trap 'end_wine -k; rm -rf "$WORK"' EXIT
-# shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
 
 # Some tests would change the user's own machine. Stack dumps are slow.
 PROGRAMS=(fc-load-tests installer-tests removal-tests)

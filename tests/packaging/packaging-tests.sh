@@ -7,12 +7,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BUILD=$1 LIBRARIES=$2 HEADERS=$3 PACKAGES=$4 XML=$5
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Packaging
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Packaging
 
 export SOURCE_DATE_EPOCH=1700000000
 

@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Interruption
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Interruption
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 

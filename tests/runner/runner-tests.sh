@@ -9,12 +9,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=${3:-wine}
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Runner
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Runner
 
 # in_dev COMMAND...: runs it as ./dev would, with $WORK/build as the build folder. Leaves the output in $WORK/out, the
 # status in STATUS. RUNNER_WINE is used as Wine.

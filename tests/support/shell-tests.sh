@@ -1,6 +1,11 @@
 # shellcheck shell=bash
-# Tests in shell: a function for each, and results as GoogleTest writes them. To be sourced.
-# write_results PROGRAM XML: returns false if a test has failed.
+# Tests in shell: a function for each, and results as GoogleTest writes them.
+#   . shell-tests.sh SUITE, then test_case FUNCTION for each test, then write_results PROGRAM XML.
+
+SUITE=$1
+# A folder for the tests, removed at the end.
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+trap 'rm -rf "$WORK"' EXIT
 
 RESULTS=() FAILED=0
 REASON=''
@@ -29,7 +34,7 @@ test_case() {
     fi
 }
 
-# write_results PROGRAM XML: yields false when a test has failed.
+# write_results PROGRAM XML: returns false if a test has failed.
 write_results() {
     local counts="tests=\"${#RESULTS[@]}\" failures=\"$FAILED\" errors=\"0\""
     {

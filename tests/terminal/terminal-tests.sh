@@ -8,12 +8,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Terminal
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Terminal
 
 # A removal that takes three seconds in one of its steps.
 cat >"$WORK/removal.lua" <<'LUA'
