@@ -185,6 +185,12 @@ HostRun RunScript(const std::string &script, std::vector<std::wstring> options) 
     return RunHost(options);
 }
 
+HostRun RunPassingScript(const std::string &script, std::vector<std::wstring> options) {
+    HostRun run = RunScript(script, std::move(options));
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    return run;
+}
+
 const std::string kScriptHelpers = R"(
     local function refused(expected, f, ...)
         local ok, message = pcall(f, ...)
