@@ -23,28 +23,28 @@ unpacks() {
     done <"$package/names"
 }
 
-AnOrdinaryDriversIsWhole() {
+AnOrdinaryDriversPackageIsComplete() {
     unpacks ordinary
 }
 
-ACrowdedDriversIsWhole() {
+ACrowdedDriversPackageIsComplete() {
     unpacks crowded
 }
 
-AnEmptyDriversIsWhole() {
+AnEmptyDriversPackageIsComplete() {
     unpacks empty
 }
 
-ADriversThatIsNotOpenIsWhole() {
+AClosedDriversPackageIsComplete() {
     unpacks closed
 }
 
-ADriversThatPrintsBytesBeyondAsciiIsWhole() {
+APackageWithBytesBeyondAsciiIsComplete() {
     unpacks foreign
 }
 
-for name in AnOrdinaryDriversIsWhole ACrowdedDriversIsWhole AnEmptyDriversIsWhole ADriversThatIsNotOpenIsWhole \
-    ADriversThatPrintsBytesBeyondAsciiIsWhole; do
+for name in AnOrdinaryDriversPackageIsComplete ACrowdedDriversPackageIsComplete AnEmptyDriversPackageIsComplete AClosedDriversPackageIsComplete \
+    APackageWithBytesBeyondAsciiIsComplete; do
     test_case "$name"
 done
 write_results package-tests "$XML"

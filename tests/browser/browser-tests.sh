@@ -68,7 +68,7 @@ TheBrowserIsInstalled() {
     [ -n "$BROWSER" ] || because "there is no chromium: ./dev test installs it and runs this test"
 }
 
-TheExampleMakesItsPage() {
+TheExampleWritesItsPage() {
     report health "$EXAMPLES/health.lua" --out "$WORK/out" || return
     [ -s "$WORK/health.html" ] || because "the example has made no page, which the other tests look at"
 }
@@ -154,7 +154,7 @@ LUA
         shows removal 'Driver report' && shows removal 'ended with failures after'
 }
 
-for name in TheBrowserIsInstalled TheExampleMakesItsPage; do # the others need both files
+for name in TheBrowserIsInstalled TheExampleWritesItsPage; do # the others need both files
     [ "$FAILED" -gt 0 ] || test_case "$name"
 done
 if [ "$FAILED" -eq 0 ]; then

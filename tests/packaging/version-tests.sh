@@ -36,28 +36,28 @@ is_version() {
 
 commit_of() { echo "g$(git -C "$WORK/$1" rev-parse HEAD | cut -c 1-10)"; }
 
-OfACloneItHasTheCommit() {
+TheVersionOfACloneContainsTheCommit() {
     make_clone clone && is_version clone "1.2.3+$(commit_of clone)"
 }
 
-OfAChangedCloneItSaysSo() {
+TheVersionOfAChangedCloneIsMarkedDirty() {
     make_clone clone || return
     echo two >"$WORK/clone/file"
     is_version clone "1.2.3+$(commit_of clone)-dirty"
 }
 
-AFileThatIsNotUnderVersionControlChangesNothing() {
+AnUntrackedFileChangesNothing() {
     make_clone clone || return
     echo note >"$WORK/clone/note"
     is_version clone "1.2.3+$(commit_of clone)"
 }
 
-OfSourcesWithoutACloneItIsUnknown() {
+TheCommitOfSourcesWithoutACloneIsUnknown() {
     mkdir -p "$WORK/unpacked"
     is_version unpacked 1.2.3+unknown
 }
 
-TheCommitOfAnotherCloneAroundTheSourcesIsNotTaken() {
+TheCommitOfAnEnclosingCloneIsNotUsed() {
     make_clone other || return
     mkdir -p "$WORK/other/unpacked"
     is_version other/unpacked 1.2.3+unknown
@@ -68,7 +68,7 @@ ACloneWithoutACommitIsUnknown() {
     git_in empty init && is_version empty 1.2.3+unknown
 }
 
-WithoutGitItIsUnknown() {
+TheCommitIsUnknownWithoutGit() {
     local folder=$WORK/tools
     make_clone clone || return
     mkdir -p "$folder"
@@ -90,9 +90,9 @@ TheHeaderIsWrittenOnlyIfItChanges() {
     [ "$(stat -c %Y "$WORK/Version.h")" != "$before" ] || because "it is not written"
 }
 
-for name in OfACloneItHasTheCommit OfAChangedCloneItSaysSo AFileThatIsNotUnderVersionControlChangesNothing \
-    OfSourcesWithoutACloneItIsUnknown TheCommitOfAnotherCloneAroundTheSourcesIsNotTaken ACloneWithoutACommitIsUnknown \
-    WithoutGitItIsUnknown TheHeaderIsWrittenOnlyIfItChanges; do
+for name in TheVersionOfACloneContainsTheCommit TheVersionOfAChangedCloneIsMarkedDirty AnUntrackedFileChangesNothing \
+    TheCommitOfSourcesWithoutACloneIsUnknown TheCommitOfAnEnclosingCloneIsNotUsed ACloneWithoutACommitIsUnknown \
+    TheCommitIsUnknownWithoutGit TheHeaderIsWrittenOnlyIfItChanges; do
     test_case "$name"
 done
 write_results version-tests "$XML"

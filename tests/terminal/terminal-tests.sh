@@ -39,7 +39,7 @@ on_terminal() {
         tr '\r' '\n' >"$WORK/shown"
 }
 
-TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
+TheCurrentStepIsShownInOneLineThatChanges() {
     local times
     on_terminal || return
     times=$(grep -oE '^removal, [0-9.]+ s: UninstallingDriver, [0-9.]+ s of 600 s' "$WORK/shown" | sort -u | wc -l)
@@ -47,7 +47,7 @@ TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
     ! grep -q '^step ' "$WORK/shown" || because "there are lines of steps, too"
 }
 
-WhatTheScriptPrintsNextFindsAnEmptyLine() {
+TheScriptsNextOutputBeginsOnAnEmptyLine() {
     on_terminal || return
     grep -qE '^the removal is over *$' "$WORK/shown" || because "the line is not there: $(tail -c 300 "$WORK/shown")"
 }
@@ -79,7 +79,7 @@ leaves_events() {
     grep -qF '"before Ctrl-C"' "$WORK/events.json" || because "the events are $(head -c 200 "$WORK/events.json")"
 }
 
-CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
+CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents() {
     local command status=0
     prepare_loop
     printf -v command '%q ' "${loop[@]}"
@@ -88,7 +88,7 @@ CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
+AnInterruptSignalEndsALoopWith130AndWritesItsEvents() {
     local status=0 group
     prepare_loop
     setsid timeout --foreground 120 "${loop[@]}" </dev/null >"$WORK/shown" 2>&1 &
@@ -99,9 +99,9 @@ AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-for name in TheStepThatIsUnderWayIsShownInOneLineThatChanges WhatTheScriptPrintsNextFindsAnEmptyLine \
-    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents \
-    AnInterruptSignalEndsALoopWith130AndLeavesItsEvents; do
+for name in TheCurrentStepIsShownInOneLineThatChanges TheScriptsNextOutputBeginsOnAnEmptyLine \
+    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents \
+    AnInterruptSignalEndsALoopWith130AndWritesItsEvents; do
     test_case "$name"
 done
 write_results terminal-tests "$XML"
