@@ -247,7 +247,7 @@ TEST_F(Policy, AMaximumThatWasResetIs240Minutes) {
 
 // ---- The two switches
 
-TEST_F(Policy, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
+TEST_F(Policy, TheUnloadSwitchDoesNotTurnTheSubsystemOff) {
     const Heard heard = ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 1);
