@@ -10,14 +10,6 @@ constexpr int32_t kOutOfRange = -10002;
 constexpr int32_t kInvalidRequest = -10003;
 
 class VtiQueries : public OpenedDriver {};
-vti_get_error(handle, text, sizeof text);
-return text;
-}
-
-vti_handle_t *handle = nullptr;
-Vti::Driver &driver = Vti::TheDriver();
-}
-;
 
 std::unique_ptr<StatsRecord> StatsRequest() {
     auto record = std::make_unique<StatsRecord>();
