@@ -272,7 +272,8 @@ int AddRule(lua_State *L) {
 /// Lua: host.machine.write_driver(path, version)
 int WriteDriver(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
-    const std::optional<FileVersion> version = ParseFourNumbers<FileVersion::value_type>(CheckText(L, 2));
+    const std::optional<Simulator::FileVersion> version =
+        ParseFourNumbers<Simulator::FileVersion::value_type>(CheckText(L, 2));
     luaL_argcheck(L, version.has_value(), 2, "a version such as 2.0.0.0 expected");
     return Guarded(L, [&] { Simulator::WriteDriverFile(ToWide(path), *version); }) ? 0 : lua_error(L);
 }
