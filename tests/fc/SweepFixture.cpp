@@ -23,7 +23,7 @@ namespace {
 
 constexpr wchar_t kServices[] = L"System\\CurrentControlSet\\Services";
 constexpr wchar_t kAgent[] = L"SOFTWARE\\Quillon\\Vantry Agent";
-constexpr wchar_t kAgentFolder[] = L"Quillon/Vantry Agent";
+constexpr wchar_t kVendorsAgentFolder[] = L"Quillon/Vantry Agent";
 
 /// Of the call that is under way; written and read without a lock, since a crash may hold any.
 char currentCall[2000];
@@ -175,8 +175,8 @@ SweepFixture::SweepFixture() {
     const Simulator::InsideSimulator inside;
     const std::filesystem::path programData = simulation().GetFolders().ProgramData();
     simulation().GetFolders().MapPath(L"C:\\ProgramData", programData);
-    std::filesystem::create_directories(programData / kAgentFolder / L"filter");
-    std::filesystem::create_directories(programData / kAgentFolder / L"diag");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"filter");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"diag");
     m_network = network().Read();
     m_onInstallSection = simulation().GetSetup().onInstallSection;
     objects = std::make_unique<SweepObjects>(dom);
@@ -257,7 +257,7 @@ void SweepFixture::RestoreMachine() {
     machine.processorCount = static_cast<DWORD>(dice.Below(5));
     {
         const Simulator::InsideSimulator inside;
-        std::ofstream(simulation().GetFolders().ProgramData() / kAgentFolder / L"filter" / L"vt_filter.conf")
+        std::ofstream(simulation().GetFolders().ProgramData() / kVendorsAgentFolder / L"filter" / L"vt_filter.conf")
             << dice.OneOf(configurations);
     }
     VtaCore::Control::EnableTrace("*", dice.OneIn(2));
