@@ -133,10 +133,8 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
-# Each header of the product alone.
-check_headers() { ninja -C "$BUILD" -j "$JOBS" header_checks; }
-
-check_warnings() { prepare_build all; }
+# With warnings as errors, and each header of the product alone.
+check_build() { prepare_build all header_checks; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
@@ -147,7 +145,15 @@ check_workflow() {
     /usr/bin/python3 -c 'import sys, yaml; sys.exit(not yaml.safe_load(open(sys.argv[1]))["jobs"])' .github/workflows/ci.yml
 }
 
-# All but the build run at once, since some of them keep one processor busy. Their words are shown one after the other.
+# finish_check NAME: waits for a check that runs, and shows what it says.
+finish_check() {
+    say "check: $1"
+    wait_telling "${pids[$1]}" "check: $1" || failed+=("$1")
+    cat "$LOGS/check-$1.log" >&2
+}
+
+# The others run at once, since some of them keep one processor busy, and the longest beside the build. Their words are shown
+# one after the other.
 run_checks() {
     local failed=() name
     local -A pids
@@ -159,16 +165,13 @@ run_checks() {
         ("check_$name" || exit 1) >"$LOGS/check-$name.log" 2>&1 &
         pids[$name]=$!
     done
-    for name in format rules shell workflow lua cppcheck tidy; do
-        say "check: $name"
-        wait_telling "${pids[$name]}" "check: $name" || failed+=("$name")
-        cat "$LOGS/check-$name.log" >&2
+    for name in format rules shell workflow lua cppcheck; do
+        finish_check "$name"
     done
-    for name in headers warnings; do
-        say "check: $name"
-        ("check_$name" || exit 1) &
-        wait_telling $! "check: $name" || failed+=("$name")
-    done
+    say "check: build"
+    (check_build || exit 1) &
+    wait_telling $! "check: build" || failed+=(build)
+    finish_check tidy
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"
     say "all checks passed"
 }
