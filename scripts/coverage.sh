@@ -21,14 +21,6 @@ replaced_entries() {
     printf '%s-replaced\n' "${names[@]}" | grep -v '^-'
 }
 
-# unreached LCOV: prints a line "FILE LINES REACHED BRANCHES REACHED" for each source, and a line "FILE:LINE: WHAT" for what is not
-# reached. Left out is what a comment in the source gives a reason for:
-#   code;  // not reached: REASON       that line
-#   // not reached: REASON              alone: the statement that follows, to its end
-unreached() {
-    awk -v root="$ROOT/" -f "$ROOT/scripts/coverage.awk" "$1"
-}
-
 # run_coverage [PROGRAM...]: with all test programs, or the named ones. Returns false if a test fails: then the figures mean little.
 run_coverage() {
     local profiles=$BUILD/profiles out=$OUT/coverage status=0 entries image=$BUILD/covered/fc.dll
@@ -41,16 +33,15 @@ run_coverage() {
     [ -n "$(ls -A "$profiles")" ] || die "the tests left no profile in $profiles"
     quietly coverage.log "merging the profiles" llvm-profdata-19 merge --sparse -o "$out/fc.profdata" "$profiles"/*.profraw
     export_coverage "$image" "$out"
-    unreached "$out/fc.lcov"
+    "$ROOT/scripts/coverage.py" "$ROOT" "$out/fc.lcov" "$out/fc.json"
     echo "The page is $(to_caller "$out/index.html")"
     return $status
 }
 
-# export_coverage IMAGE FOLDER: from fc.profdata the page and fc.lcov.
+# export_coverage IMAGE FOLDER: from fc.profdata the page, and what scripts/coverage.py reads.
 export_coverage() {
-    # Of the libraries' headers only what is expanded into the module would be known.
-    local how=(--instr-profile="$2/fc.profdata" "--path-equivalence=.,$ROOT" --compilation-dir="$ROOT"
-        --ignore-filename-regex='(^|/)(usr|libraries|headers)/')
+    local how=(--instr-profile="$2/fc.profdata" --compilation-dir="$ROOT" --ignore-filename-regex='(^|/)(usr|libraries|headers)/')
     llvm-cov-19 show "$1" "${how[@]}" --format=html --show-branches=count --output-dir="$2" >/dev/null
     llvm-cov-19 export "$1" "${how[@]}" --format=lcov >"$2/fc.lcov"
+    llvm-cov-19 export "$1" "${how[@]}" --skip-expansions --skip-functions >"$2/fc.json"
 }

@@ -1,27 +1,50 @@
 # shellcheck shell=bash
 # Random single changes of the module, each run against the tests of its folder: whether they bite.
 
-MUTANTS=$BUILD/mutants # source/ is a copy of the sources, build/ its build, drawn/ what scripts/mutations.py has drawn
+MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
+OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir
 
-# copy_sources: what the module is built from. A file keeps its time while it is the same, so that only a change is compiled.
-copy_sources() {
-    local file
-    mkdir -p "$MUTANTS/source"
-    for file in CMakeLists.txt bench cmake devkit interfaces plugins; do
-        (cd "$ROOT" && find "$file" -type f -print0) | while IFS= read -r -d '' file; do
-            cmp -s "$ROOT/$file" "$MUTANTS/source/$file" || install -D -m 644 "$ROOT/$file" "$MUTANTS/source/$file"
-        done
+# objects_with PATH: the objects of the module that are made from this file.
+objects_with() {
+    ninja -C "$BUILD" -t deps 2>/dev/null | awk -v objects="$OBJECTS/" -v file="    $ROOT/$1" '
+        /^[^ ]/ { object = index($0, objects) == 1 && match($0, /\.obj: #deps/) ? substr($0, 1, RSTART + 3) : "" }
+        $0 == file && object { print object }'
+}
+
+# overlay PATH SOURCE: for the compiler, which then reads the source where it looks for the path.
+overlay() {
+    cat <<TEXT
+{"version": 0, "use-external-names": false, "roots": [{"type": "directory", "name": "$ROOT/${1%/*}",
+ "contents": [{"type": "file", "name": "${1##*/}", "external-contents": "$2"}]}]}
+TEXT
+}
+
+# build_changed DRAWN: leaves the module with this change in bin/, by the commands of the usual build. Returns false if the change
+# can't be compiled. SAME tells whether the code is what it was.
+build_changed() {
+    local path object made link compile
+    path=$(<"$1/path")
+    overlay "$path" "$1/source" >"$MUTANTS/overlay.json"
+    rm -rf "$MUTANTS/objects" "$MUTANTS/bin"
+    mkdir -p "$MUTANTS/objects" "$MUTANTS/bin"
+    link=$(grep -E -- ' -o bin/fc\.dll ' "$MUTANTS/commands")
+    link=${link//bin\/fc.dll/mutants/bin/fc.dll}
+    link=${link//plugins\/filter\/libfc.dll.a/mutants/libfc.dll.a}
+    SAME=1
+    for object in $(objects_with "$path"); do
+        made=mutants/objects/${object//\//-}
+        # The warnings of the usual build may be errors.
+        compile=$(grep -F -- " -o $object " "$MUTANTS/commands")
+        (cd "$BUILD" && eval "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json") >"$LOGS/mutant.log" 2>&1 || return
+        link=${link//$object/$made}
+        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$made")" ] || SAME=0
     done
+    [ "$link" = "${link/mutants\/objects/}" ] && die "no object of the module is made from $path"
+    (cd "$BUILD" && eval "$link") >"$LOGS/mutant.log" 2>&1 || die "the changed module can't be linked; see $LOGS/mutant.log"
 }
 
-# build_copy: the module of the copy. Returns false if it can't be compiled.
-build_copy() { ninja -C "$MUTANTS/build" -j "$JOBS" fc >"$LOGS/mutant.log" 2>&1; }
-
-configure_copy() {
-    [ -f "$MUTANTS/build/build.ninja" ] || quietly configure-mutants.log "configuring a copy" cmake -G Ninja \
-        -S "$MUTANTS/source" -B "$MUTANTS/build" -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DFC_LIBRARIES="$(libraries_dir)" -DFC_HEADERS="$(headers_dir)" -DBUILD_TESTING=OFF
-}
+# code_of OBJECT: a checksum of it without what debuggers read.
+code_of() { llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"; }
 
 # programs_of FOLDER: the test programs of that folder; of common and of the whole module all those of the module.
 programs_of() {
@@ -32,11 +55,12 @@ programs_of() {
     done <"$BUILD/test-programs.txt"
 }
 
-# run_mutant ENTRY...: whether all tests pass with the module of the copy. Prints what fails first. No result file, no pass: a crash or
+# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Prints what fails first. No result file, no pass: a crash or
 # an early end is a failure.
 run_mutant() {
     local results=$BUILD/test-results entry fault
-    replace_module "$MUTANTS/build/bin"
+    replace_module "$1"
+    shift
     rm -rf "$results"
     mkdir -p "$results"
     env --default-signal=INT,QUIT GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
@@ -61,32 +85,22 @@ run_mutant() {
 # first_failure LOG: the name of the test.
 first_failure() { sed -n 's/^\[  FAILED  \] \([A-Za-z0-9_/.]*\).*/: \1/p' "$1" | head -n 1; }
 
-# try_mutant FOLDER ENTRY...: the change in that folder of drawn/. Tells how it ended in OUTCOME: invalid, same, caught or survived.
+# try_mutant DRAWN ENTRY...: this change. Tells how it ended in OUTCOME: invalid, same, caught or survived.
 try_mutant() {
-    local drawn=$1 path copy object before reason
+    local drawn=$1 reason
     shift
-    path=$(<"$drawn/path") copy=$MUTANTS/source/$path
-    object=$MUTANTS/build/plugins/filter/CMakeFiles/fc_objects.dir/${path#plugins/filter/}.obj
-    before=$(code_of "$object")
-    cp "$drawn/source" "$copy"
-    if ! build_copy; then
-        OUTCOME=invalid
-    elif [[ $path == *.cpp && $(code_of "$object") == "$before" ]]; then
-        OUTCOME=same
-    elif reason=$(run_mutant "$@"); then
-        OUTCOME=survived
+    OUTCOME=invalid
+    build_changed "$drawn" || return 0
+    OUTCOME=same
+    [ "$SAME" = 0 ] || return 0
+    OUTCOME=survived
+    if reason=$(run_mutant "$MUTANTS/bin" "$@"); then
+        echo SURVIVED
     else
         OUTCOME=caught
+        echo "caught by $reason"
     fi
-    cp "$ROOT/$path" "$copy"
-    case $OUTCOME in caught) printf 'caught by %s\n' "$reason" ;; survived) echo SURVIVED ;; *) return 0 ;; esac
     cat "$drawn/what"
-}
-
-# code_of OBJECT: a checksum of it without what debuggers read.
-code_of() {
-    [ -f "$1" ] || return 0
-    llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"
 }
 
 # make_wine_of_mutants: a change may spoil what the tests do to the machine, so it is a Wine prefix that nobody else uses.
@@ -98,20 +112,17 @@ make_wine_of_mutants() {
 
 # run_mutate FOLDER SEED COUNT: so many changes of the sources in that folder below plugins/filter. Returns false if one survives.
 run_mutate() {
-    local folder=$1 seed=$2 count=$3 files entries number tried=0 started survived=() outcomes
+    local folder=$1 seed=$2 count=$3 files entries number tried=0 started survived=() fault
     [ -d "$ROOT/plugins/filter/$folder" ] || die "there is no folder '$folder' below plugins/filter"
     mapfile -t files < <(cd "$ROOT" && find "plugins/filter/$folder" -name '*.cpp' -o -name '*.h' | LC_ALL=C sort)
     [ ${#files[@]} -gt 0 ] || die "plugins/filter/$folder has no sources"
     mapfile -t entries < <(programs_of "${folder%%/*}")
     mapfile -t entries < <(replaced_entries "${entries[@]}")
     make_wine_of_mutants
-    copy_sources
-    configure_copy
-    say "building the copy"
-    build_copy || die "the copy can't be built; see $LOGS/mutant.log"
-    say "testing the copy as it is: ${entries[*]%-replaced}"
+    ninja -C "$BUILD" -t commands bin/fc.dll >"$MUTANTS/commands"
+    say "testing the unchanged module: ${entries[*]%-replaced}"
     started=$SECONDS
-    outcomes=$(run_mutant "${entries[@]}") || die "the tests fail with the unchanged module: $outcomes"
+    fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"
     # A change may make a loop endless.
     TEST_SECONDS=$((60 + 3 * (SECONDS - started)))
     export FC_TEST_SECONDS=$TEST_SECONDS

@@ -14,10 +14,27 @@ trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
 
-# counted LINE...: what is told of these lines of lcov's about $WORK/x.cpp; the table without its head and blanks.
+# counted LINES [BRANCH]...: what is told of $WORK/x.cpp; the table without its head and blanks. LINES are the counts of its lines, 0 or
+# more, or - where there is no code, a BRANCH is LINE,COLUMN,TRUE,FALSE.
 counted() {
-    printf '%s\n' "SF:$WORK/x.cpp" "$@" end_of_record >"$WORK/lcov"
-    awk -v root="$WORK/" -f "$SCRIPTS/coverage.awk" "$WORK/lcov" | sed '/file$/d; s/  */ /g; s/^ //' >"$WORK/out"
+    local count number=0 branches=()
+    {
+        echo "SF:$WORK/x.cpp"
+        for count in $1; do
+            number=$((number + 1))
+            [ "$count" = - ] || echo "DA:$number,$count"
+        done
+        echo end_of_record
+    } >"$WORK/lcov"
+    for branch in "${@:2}"; do
+        IFS=, read -ra branch <<<"$branch"
+        branches+=("[${branch[0]}, ${branch[1]}, ${branch[0]}, 99, ${branch[2]}, ${branch[3]}, 0, 0, 4]")
+    done
+    (
+        IFS=,
+        echo "{\"data\": [{\"files\": [{\"filename\": \"$WORK/x.cpp\", \"branches\": [${branches[*]}]}]}]}"
+    ) >"$WORK/json"
+    "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" | sed '/file$/d; s/  */ /g; s/^ //' >"$WORK/out"
 }
 
 # is_told LINE...: all that the last count told.
@@ -27,7 +44,7 @@ is_told() {
 
 LinesAndBranchesAreCounted() {
     printf 'a\nb\nc\n' >"$WORK/x.cpp"
-    counted DA:1,3 DA:2,0 DA:3,1 BRDA:1,0,0,3 BRDA:1,0,1,0 BRDA:2,0,0,- BRDA:2,0,1,- BRDA:3,0,0,0 BRDA:3,0,1,1
+    counted '3 0 1' 1,5,3,0 2,5,0,0 3,5,0,1
     is_told 'x.cpp:1: never false' 'x.cpp:2: not reached' 'x.cpp:3: never true' \
         '3 2 66.7 % 6 2 33.3 % x.cpp' '3 2 66.7 % 6 2 33.3 % all'
 }
@@ -43,19 +60,25 @@ if (answer) {
 }
 fourth();
 CPP
-    counted DA:1,1 DA:2,0 DA:5,1 DA:6,0 DA:7,0 DA:8,0 BRDA:5,0,0,0 BRDA:5,0,1,1
+    counted '1 0 - - 1 0 0 0' 5,5,0,1
     is_told 'x.cpp:8: not reached' '2 1 50.0 % 0 0 100.0 % x.cpp' '2 1 50.0 % 0 0 100.0 % all'
 }
 
 ACommentThatIsNoLongerTrueIsTold() {
     echo 'first();  // not reached: it has no first' >"$WORK/x.cpp"
-    counted DA:1,1
+    counted 1
     grep -qxF 'x.cpp:1: the comment says "not reached", and all of it is reached' "$WORK/out" || because "it says: $(<"$WORK/out")"
+}
+
+TheInstancesOfATemplateAreOne() {
+    echo a >"$WORK/x.cpp"
+    counted 1 1,5,1,0 1,5,0,1 1,9,1,0
+    is_told 'x.cpp:1: never false' '1 1 100.0 % 4 3 75.0 % x.cpp' '1 1 100.0 % 4 3 75.0 % all'
 }
 
 AReportOfNothingFails() {
     : >"$WORK/lcov"
-    ! awk -v root="$WORK/" -f "$SCRIPTS/coverage.awk" "$WORK/lcov" >/dev/null || because "no line of source is a success"
+    ! "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" >/dev/null 2>&1 || because "no line of source is a success"
 }
 
 # draw SEED COUNT: changes of $WORK/y.cpp; `drawn` has what they are changed to.
@@ -96,7 +119,7 @@ TheSeedDecides() {
     ! cmp -s "$WORK/first" "$WORK/out" || because "another seed draws the same"
 }
 
-for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold AReportOfNothingFails \
+for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne AReportOfNothingFails \
     EachKindOfChangeIsDrawn CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
     test_case "$name"
 done

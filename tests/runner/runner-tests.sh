@@ -231,8 +231,8 @@ ACrashOfATestProgramIsNoticed() {
 # another_module PROGRAM COMMAND...: entries that run with another module, and such a module.
 another_module() {
     entries "$@"
-    mkdir -p "$WORK/build"/{bin,covered,mutants/build/bin,logs}
-    touch "$WORK/build"/{covered,mutants/build/bin}/fc.{dll,pdb} "$WORK/build/bin/"{fc.dll,one-tests.exe}
+    mkdir -p "$WORK/build"/{bin,covered,mutants/bin,logs}
+    touch "$WORK/build"/{covered,mutants/bin}/fc.{dll,pdb} "$WORK/build/bin/"{fc.dll,one-tests.exe}
 }
 
 # shellcheck disable=SC2016 # expanded by the entry
@@ -240,25 +240,25 @@ CRASH='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
 
 AChangeThatCrashesTheTestsIsCaught() {
     another_module good-replaced 'result good-replaced 3 0' crash-replaced "result crash-replaced 3 0; $CRASH crash-at-end"
-    in_dev run_mutant good-replaced crash-replaced
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced crash-replaced
     ends_with_an_error && says 'crash ended with status 5 after its tests'
 }
 
 AChangeSurvivesOnlyWholeResults() {
     another_module good-replaced 'result good-replaced 3 0'
-    in_dev run_mutant good-replaced
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced
     [ "$STATUS" -eq 0 ] || because "a change that nothing notices does not survive: $(tail -n 5 "$WORK/out")" || return
     another_module good-replaced 'result good-replaced 3 0' silent-replaced true
-    in_dev run_mutant good-replaced silent-replaced
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced silent-replaced
     ends_with_an_error && says 'silent left no results (status 0)' || return
     another_module good-replaced 'result good-replaced 3 0'
-    in_dev run_mutant good-replaced nosuch-replaced
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced nosuch-replaced
     ends_with_an_error && says 'nosuch-replaced was not run'
 }
 
 TheTestThatNoticesAChangeIsNamed() {
     another_module bad-replaced 'echo "[  FAILED  ] Suite.First (3 ms)"; result bad-replaced 3 1'
-    in_dev run_mutant bad-replaced
+    in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced
     ends_with_an_error && says 'bad failed in 1 of 3 tests: Suite.First'
 }
 
@@ -274,7 +274,12 @@ TheModuleIsReplacedBesideLinksToAllElse() {
 covers() {
     # shellcheck disable=SC2016 # expanded by the inner shell
     in_dev eval 'llvm-profdata-19() { :; }
-        llvm-cov-19() { [ "$1" = show ] || printf "SF:%s/x.cpp\nDA:1,1\nend_of_record\n" "$ROOT"; }
+        llvm-cov-19() {
+            case $* in
+            *lcov*) printf "SF:%s/dev\nDA:1,1\nend_of_record\n" "$ROOT" ;;
+            export*) echo "{\"data\": [{\"files\": []}]}" ;;
+            esac
+        }
         OUT=$BUILD/out
         run_coverage '"$1"
 }
