@@ -184,8 +184,9 @@ bool StartFirewallService(bool *running, bool start) {
 }
 
 void StopFirewallService(bool *wasRunning) {
-    if (!IsVistaOrLater())
+    if (!IsVistaOrLater())  // not reached: from Vista on the service counts as running before, and nobody stops it
         (void)StopService(wasRunning);
+    // not reached: the same
     else
         Trace(kFirewallTrace, "OS is Vista or greater - no need to stop the SharedAccess service.");
 }

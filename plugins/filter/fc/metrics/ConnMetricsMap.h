@@ -43,9 +43,6 @@ struct ConnMetricOrder {
     bool operator()(const ConnMetric &left, const ConnMetricText &right) const {
         return CompareMetricTexts(left.Key(), right) < 0;
     }
-    bool operator()(const ConnMetricText &left, const ConnMetric &right) const {
-        return CompareMetricTexts(left, right.Key()) < 0;
-    }
 };
 
 using ConnMetricsMap = std::set<ConnMetric, ConnMetricOrder>;
