@@ -58,6 +58,7 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
             return false;  // no memory: it would write there all the same
         WriteRuleProfile(dom, handle, out, kDiagnosticsTrace);
     }
+    // not reached: clang counts nothing behind a block with a return
     return AddMemoryFile(zip, memory, false, "vta.tpf");
 }
 
