@@ -27,7 +27,7 @@ TracedLine Line(const std::string &function, const std::string &message) {
     return {"diagnostics", "Filter::Diagnostics::" + function, message};
 }
 
-TEST_F(DiagnosticTrace, TellsEachStepWithTheFunctionThatTakesIt) {
+TEST_F(DiagnosticTrace, ReportsEachStepWithItsFunction) {
     (void)Run();
     EXPECT_EQ(TakeTracedLines(), (Trace{
                                      {"filter", "AddDriverDiagnostics", "AddDriverDiagnostics"},
@@ -59,7 +59,7 @@ TEST_F(DiagnosticTrace, NamesTheFileAndALineOfItsOwnForEachMessage) {
         {"Filter::Diagnostics::AddDriverContent", "DriverContent.cpp"},
         {"Filter::Diagnostics::AddDriverStatistics", "StatisticsFile.cpp"},
         {"Filter::Diagnostics::getDriverStatistics", "StatisticsFile.cpp"},
-        {"Filter::Diagnostics::IsDriverOpen", "DriverAnswers.cpp"},
+        {"Filter::Diagnostics::IsDriverOpen", "IsDriverOpen.cpp"},
         {"Filter::Diagnostics::AddDriverVariables", "VariablesFile.cpp"},
         {"Filter::Diagnostics::AddDriverConnTrack", "ConnTrackFile.cpp"},
         {"Filter::Diagnostics::getDriverConnTrack", "ConnTrackFile.cpp"},
@@ -79,7 +79,7 @@ TEST_F(DiagnosticTrace, NamesTheFileAndALineOfItsOwnForEachMessage) {
     }
 }
 
-TEST_F(DiagnosticTrace, TellsOfADriverThatIsNotOpen) {
+TEST_F(DiagnosticTrace, ReportsADriverThatIsNotOpen) {
     driver().available = false;
     driver().faults["vti_driver_available"] = {-3, ""};
     (void)Run();
@@ -104,7 +104,7 @@ TEST_F(DiagnosticTrace, TellsOfADriverThatIsNotOpen) {
                                  }));
 }
 
-TEST_F(DiagnosticTrace, TellsOfTablesThatCanNotBeRead) {
+TEST_F(DiagnosticTrace, ReportsTablesThatCannotBeRead) {
     driver().faults["vti_get_conntrack"] = {-9, "locked", -1, 1};
     (void)Run();
     Trace ofTables;
@@ -118,7 +118,7 @@ TEST_F(DiagnosticTrace, TellsOfTablesThatCanNotBeRead) {
                      Line("getDriverConnTrack", "rc = -9"), Line("getDriverConnTrack", "tcpConn->entry_ct = 0")}));
 }
 
-TEST_F(DiagnosticTrace, AsksTheDriverOnceMoreEachTimeThatItIsAskedWhetherItIsOpen) {
+TEST_F(DiagnosticTrace, ChecksTwiceWhetherTheDriverIsOpenWhenTracing) {
     (void)Run();
     EXPECT_EQ(CallsOf(calls, "vti_driver_available").size(), 8u);
     VtaCore::Control::EnableTrace("*", false);

@@ -7,12 +7,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
 LEAVE=("${@:2}" --gtest_filter='LeftPackage.*')
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=UnpackedPackage
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" UnpackedPackage
 
 # Leaves the packages, for whichever test comes first.
 packages() {
@@ -35,28 +31,28 @@ unpacks() {
     done <"$package/names"
 }
 
-AnOrdinaryDriversIsWhole() {
+AnOrdinaryDriversPackageIsComplete() {
     unpacks ordinary
 }
 
-ACrowdedDriversIsWhole() {
+ACrowdedDriversPackageIsComplete() {
     unpacks crowded
 }
 
-AnEmptyDriversIsWhole() {
+AnEmptyDriversPackageIsComplete() {
     unpacks empty
 }
 
-ADriversThatIsNotOpenIsWhole() {
+AClosedDriversPackageIsComplete() {
     unpacks closed
 }
 
-ADriversThatPrintsBytesBeyondAsciiIsWhole() {
+APackageWithBytesBeyondAsciiIsComplete() {
     unpacks foreign
 }
 
-for name in AnOrdinaryDriversIsWhole ACrowdedDriversIsWhole AnEmptyDriversIsWhole ADriversThatIsNotOpenIsWhole \
-    ADriversThatPrintsBytesBeyondAsciiIsWhole; do
+for name in AnOrdinaryDriversPackageIsComplete ACrowdedDriversPackageIsComplete AnEmptyDriversPackageIsComplete AClosedDriversPackageIsComplete \
+    APackageWithBytesBeyondAsciiIsComplete; do
     test_case "$name"
 done
 write_results package-tests "$XML"

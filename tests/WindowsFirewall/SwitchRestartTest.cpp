@@ -1,4 +1,4 @@
-// The firewall off in one process and on in another: what survives lies in the registry alone.
+// The firewall switched off in one process and on in another: only the registry survives.
 
 #include <atomic>
 #include <functional>
@@ -50,7 +50,7 @@ private:
 
 class RestartedFirewall : public FirewallFixture {
 protected:
-    /// A new module, for another Lua state: nothing of the old ones is known to it.
+    /// A new module, for another Lua state: it knows nothing of the old ones.
     Lines TurnOnInAnotherState() {
         Reload();
         const LuaState other;
@@ -140,7 +140,7 @@ TEST_F(RestartedFirewall, RestoresAllAfterACrashWithinTheRestore) {
     }
 }
 
-TEST_F(RestartedFirewall, GoesOnInTheNextProcessWhereARestoreFailed) {
+TEST_F(RestartedFirewall, RepeatsAFailedRestoreInTheNextProcess) {
     (void)TurnOff();
     (void)faults().FailNth("INetFwPolicy2::put_FirewallEnabled", 3, static_cast<DWORD>(E_FAIL));
     (void)TurnOn();
@@ -150,7 +150,7 @@ TEST_F(RestartedFirewall, GoesOnInTheNextProcessWhereARestoreFailed) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(RestartedFirewall, KeepsTheFlagThroughAnotherTurningOffInANewProcess) {
+TEST_F(RestartedFirewall, KeepsTheFlagWhenANewProcessTurnsOffAgain) {
     (void)TurnOff();
     Reload();
     (void)TurnOff();
@@ -160,7 +160,7 @@ TEST_F(RestartedFirewall, KeepsTheFlagThroughAnotherTurningOffInANewProcess) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(RestartedFirewall, RestoresTheProfileThatAnUpgradeFromAnOldSystemMeans) {
+TEST_F(RestartedFirewall, RestoresTheProfileOfTheFlagAfterAnUpgradeFromAnOldSystem) {
     MakeSystemOld();
     (void)TurnOff();
     EXPECT_EQ(Flag(), MaskFlag(1));

@@ -22,25 +22,26 @@ struct TracedPlace {
 
 constexpr char kSwitchFile[] = "FirewallSwitch.cpp";
 constexpr char kServiceFile[] = "FirewallService.cpp";
-constexpr char kObjectsFile[] = "FirewallObjects.cpp";
+constexpr char kProfilesFile[] = "FirewallProfiles.cpp";
+constexpr char kInitializeFile[] = "WindowsFirewallInitialize.cpp";
 constexpr char kApplicationsFile[] = "FirewallApplications.cpp";
 
 const std::vector<TracedPlace> kPlaces{
     {"DisableFirewall()", "WindowsFirewall::DisableFirewall", kSwitchFile},
-    {"fwPolicy2->get_FirewallEnabled NET_FW_PROFILE2_", "WindowsFirewall::DisableFirewall", kSwitchFile},
+    {"fwPolicy2->get_FirewallEnabled NET_FW_PROFILE2_", "WindowsFirewall::DisableFirewall", kProfilesFile},
     {"The windows firewall is enabled going to disable it", "WindowsFirewall::DisableFirewall", kSwitchFile},
-    {"put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) false", "WindowsFirewall::DisableFirewall", kSwitchFile},
+    {"put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) false", "WindowsFirewall::DisableFirewall", kProfilesFile},
     {"Writing the registry key to flag", "WindowsFirewall::DisableFirewall", kSwitchFile},
     {"Error writing registry key.", "WindowsFirewall::DisableFirewall", kSwitchFile},
     {"CoInitializeEx failed", "WindowsFirewall::DisableFirewall", kSwitchFile},
-    {"CoCreateInstance(NetFwPolicy2) failed", "WindowsFirewall::WindowsFirewallInitialize", kObjectsFile},
-    {"CoCreateInstance(NetFwMgr) failed", "WindowsFirewall::WindowsFirewallInitialize", kObjectsFile},
-    {"get_LocalPolicy failed", "WindowsFirewall::WindowsFirewallInitialize", kObjectsFile},
-    {"get_CurrentProfile failed", "WindowsFirewall::WindowsFirewallInitialize", kObjectsFile},
-    {"WindowsFirewallInitialize failed", "WindowsFirewall::DisableFirewall", kSwitchFile},
+    {"CoCreateInstance(NetFwPolicy2) failed", "WindowsFirewall::WindowsFirewallInitialize", kInitializeFile},
+    {"CoCreateInstance(NetFwMgr) failed", "WindowsFirewall::WindowsFirewallInitialize", kInitializeFile},
+    {"get_LocalPolicy failed", "WindowsFirewall::WindowsFirewallInitialize", kInitializeFile},
+    {"get_CurrentProfile failed", "WindowsFirewall::WindowsFirewallInitialize", kInitializeFile},
+    {"WindowsFirewallInitialize failed", "WindowsFirewall::DisableFirewall", kProfilesFile},
     {"EnableFirewall()", "WindowsFirewall::EnableFirewall", kSwitchFile},
     {"Turning Windows Firewall back on", "WindowsFirewall::EnableFirewall", kSwitchFile},
-    {"put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) failed", "WindowsFirewall::EnableFirewall", kSwitchFile},
+    {"put_FirewallEnabled(NET_FW_PROFILE2_DOMAIN) failed", "WindowsFirewall::EnableFirewall", kProfilesFile},
     {"RegDeleteValue('WindowsFirewallDisabledByInstaller') failed", "WindowsFirewall::EnableFirewall", kSwitchFile},
     {"OS is Vista or greater - no need to start", "WindowsFirewall::StartFirewallService", kServiceFile},
     {"Windows version is 5", "WindowsFirewall::StartFirewallService", kServiceFile},
@@ -50,8 +51,8 @@ const std::vector<TracedPlace> kPlaces{
     {"Service 'SharedAccess' stopped with", "WindowsFirewall::StartServiceW", kServiceFile},
     {"Timed out waiting for service", "WindowsFirewall::StartServiceW", kServiceFile},
     {"StartFirewallService returned false when enabling", "WindowsFirewall::EnableFirewall", kSwitchFile},
-    {"fwPolicy->get_FirewallEnabled returned", "WindowsFirewall::DisableFirewall", kSwitchFile},
-    {"put_FirewallEnabled failed", "WindowsFirewall::EnableFirewall", kSwitchFile},
+    {"fwPolicy->get_FirewallEnabled returned", "WindowsFirewall::DisableFirewall", kProfilesFile},
+    {"put_FirewallEnabled failed", "WindowsFirewall::EnableFirewall", kProfilesFile},
     {"Stopping 'SharedAccess' service", "WindowsFirewall::StopService", kServiceFile},
     {"Error stopping 'SharedAccess' service", "WindowsFirewall::StopService", kServiceFile},
     {"Unable to stop 'SharedAccess' service", "WindowsFirewall::StopService", kServiceFile},

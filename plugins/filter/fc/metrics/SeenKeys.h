@@ -8,7 +8,7 @@
 
 #include <tsl/robin_set.h>
 
-#include "ConnMetricsMap.h"
+#include "ConnMetric.h"
 
 /// A hash table for keys of ASCII characters without a NUL. They are the same text in every locale, so that their
 /// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in the table's slot
@@ -45,7 +45,6 @@ private:
     };
     struct HashOf {
         std::size_t operator()(const Record &record) const { return record.hash; }
-        std::size_t operator()(const HashedKey &key) const { return key.hash; }
     };
     struct SameKey {
         using is_transparent = void;
@@ -53,7 +52,6 @@ private:
         bool operator()(const Record &record, const HashedKey &key) const {
             return record.hash == key.hash && Has(record, key.text);
         }
-        bool operator()(const HashedKey &key, const Record &record) const { return (*this)(record, key); }
     };
     using Records = tsl::robin_set<Record, HashOf, SameKey>;
 
