@@ -29,7 +29,7 @@ protected:
     void Stall(Hung &hung) {
         ASSERT_TRUE(hung.WaitUntilHit(kPatienceMs));
         AdvanceMs(kTwoThirdsOfAMinuteMs);
-        EXPECT_TRUE(AwaitLooks());
+        EXPECT_TRUE(AwaitPolls());
         hung.Release();
     }
     template <class First, class Second>
