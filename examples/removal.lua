@@ -4,8 +4,8 @@
 --   fc-host --fast 1 --quiet examples/removal.lua
 --
 -- The machine and the clock are simulated: the clock is advanced while the call hangs, so that the ten minutes after
--- which the call is abandoned take a few seconds. docs/removal.md explains each line of the log. The exit code is 1 if a
--- removal did not go as planned.
+-- which the call is abandoned take a few seconds. docs/removal.md explains each line of the log. The exit code is 1 if
+-- a removal did not go as planned.
 
 local STUCK_SECONDS = 601 -- the limit of the step in which the call is made is 600
 local CALLOUT_INF = [[
