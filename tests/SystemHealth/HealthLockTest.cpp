@@ -150,11 +150,11 @@ TEST_F(HealthLock, IsHeldFromTheFirstToTheLastLineOfAnEvaluation) {
     WriteConfig(kRunQueue);
     machine().processorQueue = 51;
     ASSERT_EQ(CheckNoting(), kFailOpen);
+    const std::string exceeded =
+        "runnable_processes_per_cpu_pct value of 51.000000 exceeds threshold of 50.000000 (1.000000 x 50.000000) ";
     EXPECT_EQ(Held(),
               (Points{"loadBackoffState() backoff_wait=0 last_check=0", "rqlen=51.000000 numCpus=4 rqlen_pct=51.000000",
-                      "runnable_processes_per_cpu_pct value of 51.000000 exceeds threshold of 50.000000 (1.000000 x "
-                      "50.000000) ",
-                      "clearBackoffState() cleared backoff state",
+                      exceeded, "clearBackoffState() cleared backoff state",
                       "SysHealth transitioning to Fail-Open, metrics over threshold = 1"}));
     ASSERT_EQ(CheckNoting("Activated"), kFailOpen);
     ExpectHeldAt({"loadBackoffState()", "rqlen=", "saveBackoffState()", "SysHealth initializing backoff",
