@@ -37,11 +37,18 @@ bool HasOthersAbove(const std::wstring &path) {
 void AppendThoseAbove(const NetworkState &state, const NetworkComponent &adapter, std::vector<BindingEnds> &bindings) {
     if (!adapter.adapter)
         return;
-    const auto bound = state.bindings.OfAdapter(adapter.adapter->pnpDevNodeId);
+    struct Bound {
+        std::wstring lowest;  ///< The component next to the adapter.
+        std::wstring path;    ///< Empty if that is the only one.
+    };
+    std::vector<Bound> bound;
+    for (const NetworkBinding *each : state.bindings.OfAdapter(adapter.adapter->pnpDevNodeId))
+        bound.push_back(
+            {ComponentsOf(each->component).back(), HasOthersAbove(each->component) ? each->component : L""});
     for (const NetworkComponent &other : state.components)
-        for (const NetworkBinding *each : bound)
-            if (SameInAnyCase(ComponentsOf(each->component).back(), other.id))
-                bindings.push_back({adapter.key, other.key, HasOthersAbove(each->component) ? each->component : L""});
+        for (const Bound &each : bound)
+            if (SameInAnyCase(each.lowest, other.id))
+                bindings.push_back({adapter.key, other.key, each.path});
 }
 
 void AppendThoseBelow(const NetworkState &state, const NetworkComponent &component,
