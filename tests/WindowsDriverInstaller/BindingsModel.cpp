@@ -288,8 +288,9 @@ bool AcquireLock(World &world) {
         world.Report("INetCfg::QueryInterface(IID_INetCfgLock)");
         return false;
     }
-    if (world.Fails("INetCfgLock::AcquireWriteLock") || world.lock == World::Lock::Another) {
-        if (world.lock == World::Lock::Another)
+    const bool fails = world.Fails("INetCfgLock::AcquireWriteLock");
+    if (fails || world.lock == World::Lock::Another) {
+        if (!fails)
             ++world.outcome.lockNotices;
         world.Report("INetCfgLock::AcquireWriteLock");
         return false;
