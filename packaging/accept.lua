@@ -26,6 +26,12 @@ local function attributes(element)
     return found
 end
 
+-- A property of the whole program: an attribute in GoogleTest 1.12, an element in later versions.
+local function property(xml, sums, name)
+    local elements = xml:match("<testsuites [^>]*>%s*<properties>(.-)</properties>") or ""
+    return sums[name] or elements:match('<property name="' .. name .. '" value="([^"]*)"') or ""
+end
+
 -- Fills the result from the XML; returns what is wrong with it.
 local function read_xml(result, xml)
     if not xml or xml == "" then
@@ -52,7 +58,7 @@ local function read_xml(result, xml)
     result.tests = cases
     result.failed = tonumber(sums.failures) + tonumber(sums.errors or 0)
     result.seconds = tonumber(sums.time) or 0
-    result.left_out = sums.left_out or ""
+    result.left_out = property(xml, sums, "left_out")
     if cases ~= tonumber(sums.tests) or result.failed ~= #result.failures then
         return "left incomplete results"
     elseif cases == 0 then

@@ -151,9 +151,16 @@ OnlyCompleteResultsWithASuccessfulStatusPass() {
     judges '' && fails_with 'was not run'
 }
 
+SkippedSuitesAreFoundInEachVersionOfTheResults() {
+    judges 0 's/<testsuites /&left_out="RealKey" /'
+    grep -qF RealKey "$DEVKIT/results/summary.html" || because "an attribute is not read" || return
+    judges 0 's,^<testsuites .*,&<properties><property name="code_page" value="1252"/><property name="left_out" value="RealKey"/></properties>,'
+    grep -qF RealKey "$DEVKIT/results/summary.html" || because "an element is not read"
+}
+
 for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsItsProgress ThePageNamesTheVersionAndSkippedSuites \
     TheMachineIsUnchanged AFailedTestFailsTheAcceptance ACrashFailsTheAcceptance AMissingProgramFailsTheAcceptance ASlowProgramFailsTheAcceptance \
-    OnlyCompleteResultsWithASuccessfulStatusPass; do
+    OnlyCompleteResultsWithASuccessfulStatusPass SkippedSuitesAreFoundInEachVersionOfTheResults; do
     test_case "$name"
 done
 write_results acceptance-tests "$XML"
