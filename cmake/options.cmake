@@ -25,10 +25,11 @@ add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00)
 
 # fc_build_fast(TARGET headers...), fc_build_fast(TARGET REUSE_FROM OTHER): for the devkit and the tests, whose build
 # time matters more than their speed. The headers are precompiled, or the other target's are reused, which must have the
-# same definitions; ./dev check builds without them.
+# same definitions. FC_FAST_LEVEL is the level of optimization.
+set(FC_FAST_LEVEL -O1)
 function(fc_build_fast target)
     if(NOT MSVC)
-        target_compile_options(${target} PRIVATE -O1 -g1)
+        target_compile_options(${target} PRIVATE ${FC_FAST_LEVEL} -g1)
     endif()
     if("${ARGV1}" STREQUAL "REUSE_FROM")
         target_precompile_headers(${target} ${ARGN})

@@ -112,11 +112,13 @@ longest_first() {
 }
 
 check_tidy() {
-    local arguments units
+    local arguments units folder
     rm -rf "$BUILD/tidy"
-    mkdir -p "$BUILD/tidy/tests"
+    for folder in plugins tests; do
+        mkdir -p "$BUILD/tidy/$folder"
+        cp "$folder/.clang-tidy" "$BUILD/tidy/$folder/"
+    done
     cp .clang-tidy "$BUILD/tidy/"
-    cp tests/.clang-tidy "$BUILD/tidy/tests/"
     mapfile -t arguments < <(tidy_arguments)
     write_units "$BUILD/tidy"
     mapfile -t units < <(find "$BUILD/tidy" -name '*.cpp')
