@@ -9,7 +9,7 @@
 namespace {
 
 /// Appends to the std::string behind the context.
-int Collect(void *context, const char *format, ...) {
+[[gnu::format(printf, 2, 3)]] int Collect(void *context, const char *format, ...) {
     char line[8192];
     va_list arguments;
     va_start(arguments, format);

@@ -23,7 +23,7 @@ int32_t KeepTrace(int32_t level, const char *source, const char *file, int32_t l
     return 0;
 }
 
-int AppendTo(void *context, const char *format, ...) {
+[[gnu::format(printf, 2, 3)]] int AppendTo(void *context, const char *format, ...) {
     char line[400];
     va_list arguments;
     va_start(arguments, format);
