@@ -410,6 +410,17 @@ TEST_F(Policy, ANumberThatTheCLibraryWouldTakeLongToReadIsAParsingError) {
         SCOPED_TRACE(number.substr(0, 5));
         ExpectParseError(R"({"SYS_THR_RUNQ": {"value": 50}, "OTHER": )" + number + "}");
     }
+    ExpectParseError(digits);
+    ExpectParseError("\xEF\xBB\xBF \x01\r\n" + digits);
+}
+
+TEST_F(Policy, ANumberIsReadAt65536CharactersAndRejectedAt65537) {
+    const auto policyOf = [](std::size_t length) {
+        return R"({"SYS_THR_RUNQ": {"value": 50.)" + std::string(length - 3, '0') + "}}";
+    };
+    EXPECT_EQ(ReadPolicy(policyOf(65'536)).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+    ExpectParseError(policyOf(65'537));
 }
 
 TEST_F(Policy, NumbersOfAThousandCharactersAndStringsOfMoreDigitsAreRead) {
@@ -426,6 +437,19 @@ TEST_F(Policy, ALongNumberAfterTheObjectIsIgnored) {
     for (const std::string &behind : {digits, "\n" + std::string(200'000, '-'), "]" + digits})
         EXPECT_EQ(ReadPolicy(R"({"OTHER": [{}, 1], "SYS_THR_RUNQ": {"value": 50}} )" + behind).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, ALongNumberAfterAValueThatIsNoObjectIsIgnored) {
+    const std::string digits(200'000, '9');
+    for (const std::string value :
+         {"5", "-1e2", "null", "true", "\"a\"", "\"\\\"{\"", " \t\r\n5", "\xEF\xBB\xBF 5", "[]"}) {
+        SCOPED_TRACE(value);
+        dom.Set(kUnloadFlag, true);
+        dom.SettingStore("vtp.filter.SysHealthBackoffWait", "120");
+        ExpectNothingInIt(value + " " + digits);
+        EXPECT_EQ(Flag(kUnloadFlag), "false");
+        EXPECT_EQ(Setting("vtp.filter.SysHealthBackoffWait"), "0");
+    }
 }
 
 TEST_F(Policy, NestingOfTenThousandIsRejected) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include <cJSON.h>
 
@@ -104,11 +105,25 @@ std::int32_t InvalidatePolicyDurations(HealthConfig &config) {
     return invalid;
 }
 
+/// Where the policy's value begins: behind a byte order mark and blanks, as cJSON skips them.
+const char *PolicyValueIn(const char *json) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (std::strncmp(json, byteOrderMark.data(), byteOrderMark.size()) == 0)
+        json += byteOrderMark.size();
+    while (*json != '\0' && static_cast<unsigned char>(*json) <= ' ')
+        ++json;
+    return json;
+}
+
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
 /// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
 const char *FindOverlongPolicyNumber(const char *json) {
     constexpr std::size_t maxCharacters = 65'536;
+    const auto numberLength = [](const char *text) { return std::strspn(text, "0123456789+-.eE"); };
+    json = PolicyValueIn(json);
+    if (*json != '{' && *json != '[')  // a number, string or word alone
+        return numberLength(json) > maxCharacters ? json : nullptr;
     bool inString = false;
     int depth = 0;
     while (*json != '\0') {
@@ -120,10 +135,10 @@ const char *FindOverlongPolicyNumber(const char *json) {
         } else if (*json == '{' || *json == '[') {
             ++depth;
         } else if (*json == '}' || *json == ']') {
-            if (--depth <= 0)
+            if (--depth == 0)
                 return nullptr;
         } else {
-            length = std::max<std::size_t>(std::strspn(json, "0123456789+-.eE"), 1);
+            length = std::max<std::size_t>(numberLength(json), 1);
             if (length > maxCharacters)
                 return json;
         }
