@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,25 @@ TEST_F(Policy, TheCountIsTracedByItsReader) {
     const Heard heard = ReadPolicy(kGood);
     EXPECT_EQ(heard.count, 1);
     EXPECT_NE(heard.countedBy.find("readSystemHealthPolicy"), std::string::npos) << heard.countedBy;
+}
+
+TEST_F(Policy, TracesNameTheReaderAndTheirOwnLines) {
+    (void)TakeTracedLines();
+    ASSERT_EQ(Check("Deactivated", R"({"SYS_CONF_CONN_REFUSAL_PORT": 65536, "SYS_CONF_MIN_ACT_DURATION": 0,
+        "SYS_THR_RUNQ": {"value": 50}, "SYS_THR_FREE_MEM": {"value": 26}, "SYS_CONF_UNLOAD_DRIVER": 1,
+        "SYS_CONF_DISABLE_FAIL_OPEN": 1})"),
+              kDisabled);
+    const std::vector<TracedLine> lines = TakeTracedLines();
+    ExpectTraced(lines, {{"stored ", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {" value out of boundary", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {"min_dur(0.000000) <= 0", "invalidateConfig", "HealthConfig.cpp"},
+                         {"Windows driver unload enabled", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthPolicy", "HealthPolicy.cpp"}});
+    std::set<int> places;
+    for (const TracedLine &line : lines)
+        if (line.file == "HealthPolicy.cpp")
+            places.insert(line.line);
+    EXPECT_EQ(places.size(), 6U) << "numbers and thresholds have lines of their own";
 }
 
 TEST_F(Policy, ReplacesTheFile) {

@@ -52,27 +52,29 @@ private:
         if (!cJSON_IsNumber(value))
             return;
         if (value->valuedouble > 0.0 && value->valuedouble <= entry.max_value)
-            StoreValue(entry, value->valuedouble);
+            StoreValue(entry, value->valuedouble, Config());
         else
-            TraceOutOfBoundary();
+            TraceOutOfBoundary(Engine());
     }
 
     /// compat 26: does not check the item's type; what is no number reads as 0, which passes
     void TakeNumber(SysHealthConfigEntry &entry, const cJSON &item) {
         if (item.valuedouble >= 0.0 && item.valuedouble <= entry.max_value)
-            StoreValue(entry, item.valuedouble);
+            StoreValue(entry, item.valuedouble, Config());
         else
-            TraceOutOfBoundary();
+            TraceOutOfBoundary(Engine());
     }
 
-    void StoreValue(SysHealthConfigEntry &entry, double value) {
+    void StoreValue(SysHealthConfigEntry &entry, double value, const TraceLine &line) {
         m_config.AcceptValue(entry, value);
         ++m_count;
-        Trace(Config(), "stored %s  %f", entry.file_key, value);
+        Trace(line, "stored %s  %f", entry.file_key, value);
     }
 
     /// compat 27: shows the number of the last threshold, whichever row is out of boundary; 0 before the first
-    void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%s]", NumberText{m_lastThreshold}); }
+    void TraceOutOfBoundary(const TraceLine &line) const {
+        Trace(line, " value out of boundary [%s]", NumberText{m_lastThreshold});
+    }
 
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
     [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }
