@@ -205,6 +205,13 @@ TEST_F(Policy, ANumberOutOfBoundaryDoesNotStopTheOthersAndItsTraceShowsTheLastTh
     EXPECT_EQ(WrittenKeys(), (Messages{"SYS_CONF_RECOVER_FACTOR", "SYS_THR_RUNQ", "SYS_CONF_DISABLE_FAIL_OPEN"}));
 }
 
+TEST_F(Policy, TheTraceOfANumberOutOfBoundaryShowsTheLastThresholdEvenIfThatIsNoNumber) {
+    const Heard heard = ReadPolicy(
+        R"({"SYS_THR_RUNQ": {"value": 50}, "SYS_THR_FREE_MEM": {"value": "5"}, "SYS_CONF_UNLOAD_DRIVER": 2})");
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(heard.EngineLines(" value out of boundary ["), Messages{" value out of boundary [0.000000]"});
+}
+
 TEST_F(Policy, PortZeroIsMonitored) {
     EXPECT_EQ(ReadPolicy(R"({"SYS_CONF_CONN_REFUSAL_PORT": 0, "SYS_THR_CONN_REFUSAL_PCT": {"value": 10}})").count, 2);
     const std::lock_guard lock(Vti::Lock());
@@ -227,6 +234,15 @@ TEST_F(Policy, ADurationOfZeroIsStoredAndThenReset) {
     EXPECT_EQ(maximum.count, 1);
     EXPECT_EQ(maximum.configuration, (Messages{Stored("SYS_CONF_MAX_ACT_DURATION", 0), Stored("SYS_THR_RUNQ", 50),
                                                "max_dur(0.000000) <= 0, invalidating to use default"}));
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, AMinimumOfZeroIsCountedOnceAndSubtractedOnce) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 50}})");
+    EXPECT_EQ(heard.action, kNormal);
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_CONF_MIN_ACT_DURATION", 0), Stored("SYS_THR_RUNQ", 50),
+                                             "min_dur(0.000000) <= 0, invalidating to use default"}));
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
