@@ -113,6 +113,15 @@ TEST_F(ConfigurationFile, TheCountIsTracedByItsReader) {
     EXPECT_NE(heard.countedBy.find("readSystemHealthConfig"), std::string::npos) << heard.countedBy;
 }
 
+TEST_F(ConfigurationFile, ItsSwitchesAreTracedByItsReader) {
+    WriteConfig("SYSTEM_UNLOAD_DRIVER=1\nSYSTEM_DISABLE_FAIL_OPEN=1\n");
+    (void)TakeTracedLines();
+    ASSERT_EQ(Check(), kDisabled);
+    ExpectTraced(TakeTracedLines(),
+                 {{"Windows driver unload enabled for fail-open", "readSystemHealthConfig", "HealthConfig.cpp"},
+                  {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthConfig", "HealthConfig.cpp"}});
+}
+
 TEST_F(ConfigurationFile, IsClosedAtTheEnd) {
     for (const char *text : {"", "SYSTEM_RUNQ_PCT_THRESHOLD=50\n", "SYSTEM_DISABLE_FAIL_OPEN=1\n"}) {
         (void)ReadFile(text);

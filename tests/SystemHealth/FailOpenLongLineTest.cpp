@@ -74,6 +74,15 @@ TEST_F(FailOpen, TheLongLineOfARecovery) {
                   std::string(kLineOfDisabledMetrics) + " frepct=50.000(25.000) delta_t=30.000(36.000)");
 }
 
+TEST_F(FailOpen, TheLongLineHasTheLow32BitsOfTheSecondsWithoutASign) {
+    constexpr double year2000 = 946'684'800 - kStart;
+    ASSERT_EQ(CheckAt(year2000 + 0.5), kNormal);
+    EXPECT_EQ(FieldOf(TakeLongLine(), "tval"), "4001223808.500000");
+    constexpr double year2100 = 4'102'444'800 - kStart;
+    ASSERT_EQ(CheckAt(year2100), kFailOpen);
+    EXPECT_EQ(FieldOf(TakeLongLine(), "tval"), "2862016512.000000");
+}
+
 TEST_F(FailOpen, ARecoveryForgetsTheTimeOfActivation) {
     Overload(true);
     ASSERT_EQ(CheckAt(0), kFailOpen);

@@ -13,6 +13,7 @@
 #include "IterationFixture.h"
 #include "Patience.h"
 #include "WindowsFunctions.h"
+#include "slb3_control.h"
 #include "vta_core_control.h"
 
 namespace {
@@ -63,6 +64,21 @@ protected:
         VtaCore::Control::SetObserver(nullptr);
         driver().onCall = nullptr;
         return action;
+    }
+
+    /// Runs `work` on another thread while this one holds the lock, and `meanwhile` here once it waits for the lock.
+    void RunBehindTheLock(const std::function<void()> &work, const std::function<void()> &meanwhile) {
+        Hold(true);
+        Worker worker([&] {
+            m_reader = GetCurrentThreadId();
+            work();
+        });
+        EXPECT_TRUE(m_readerAsks.Wait(kPatienceMs)) << "it does not take the lock";
+        meanwhile();
+        EXPECT_FALSE(m_readerEntered);
+        Hold(false);
+        EXPECT_TRUE(worker.EndsWithin(kPatienceMs));
+        EXPECT_TRUE(m_readerEntered);
     }
 
     /// The points whose names begin so, of which there is one at least, find the lock held, or free.
@@ -120,6 +136,13 @@ private:
         (IsFree() ? m_free : m_held).push_back(point);
         if (onPoint)
             onPoint(point);
+    }
+    void Hold(bool isHeld) {
+        const Simulator::InsideSimulator inside;
+        if (isHeld)
+            ::EnterCriticalSection(m_lock);
+        else
+            LeaveCriticalSection(m_lock);
     }
     /// Asked on another thread, since its owner may enter it again.
     bool IsFree() {
@@ -189,6 +212,38 @@ TEST_F(HealthLock, MakesAReadOutWaitForTheWholeEvaluation) {
     EXPECT_FALSE(enteredMeanwhile);
     ExpectHeldAt({"loadBackoffState()", "SysHealth transitioning"});
     EXPECT_EQ(lua_tointeger(state, -1), 57) << "the reader sees the finished table";
+}
+
+TEST_F(HealthLock, MakesAReadOutOfTheFlagWait) {
+    WriteConfig(kRunQueue);
+    LuaState state;
+    Open(state);
+    RunBehindTheLock([&] { state.Run("enabled = SLB.filter.GetSysHealthEnabled()"); },
+                     [this] { EXPECT_EQ(Check(), kNormal); });
+    EXPECT_EQ(state.Eval("enabled"), "true") << "it sees what has happened while it waited";
+}
+
+TEST_F(HealthLock, MakesAReadOutOfThePortWait) {
+    WriteConfig(kPort);
+    LuaState state;
+    Open(state);
+    RunBehindTheLock([&] { state.Run("isKnown, port = SLB.filter.GetScanMetricPort()"); },
+                     [this] { EXPECT_EQ(Check(), kNormal); });
+    EXPECT_EQ(state.Eval("isKnown") + " " + state.Eval("port"), "true 443");
+}
+
+TEST_F(HealthLock, IsTakenToSetTheFlag) {
+    const char *const enabled = "f.GetSysHealthEnabled()";
+    WriteConfig(kRunQueue);
+    ASSERT_EQ(Check(), kNormal);
+    RemoveConfig();
+    LuaState state;
+    Open(state);
+    SLB3::Control::PushInstance(state, "SLB.Dom", &dom);
+    lua_setglobal(state, "dom");
+    RunBehindTheLock([&] { state.Run("SLB.filter.CheckSystemHealthMetrics(dom, 'Deactivated', '')"); },
+                     [&] { EXPECT_EQ(lua.Eval(enabled), "true") << "it is set under the lock"; });
+    EXPECT_EQ(lua.Eval(enabled), "false");
 }
 
 TEST_F(HealthLock, IsFreeWhileTheFileIsReadAndTheValuesInUseAreWritten) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,25 @@ TEST_F(Policy, TheCountIsTracedByItsReader) {
     const Heard heard = ReadPolicy(kGood);
     EXPECT_EQ(heard.count, 1);
     EXPECT_NE(heard.countedBy.find("readSystemHealthPolicy"), std::string::npos) << heard.countedBy;
+}
+
+TEST_F(Policy, TracesNameTheReaderAndTheirOwnLines) {
+    (void)TakeTracedLines();
+    ASSERT_EQ(Check("Deactivated", R"({"SYS_CONF_CONN_REFUSAL_PORT": 65536, "SYS_CONF_MIN_ACT_DURATION": 0,
+        "SYS_THR_RUNQ": {"value": 50}, "SYS_THR_FREE_MEM": {"value": 26}, "SYS_CONF_UNLOAD_DRIVER": 1,
+        "SYS_CONF_DISABLE_FAIL_OPEN": 1})"),
+              kDisabled);
+    const std::vector<TracedLine> lines = TakeTracedLines();
+    ExpectTraced(lines, {{"stored ", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {" value out of boundary", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {"min_dur(0.000000) <= 0", "invalidateConfig", "HealthConfig.cpp"},
+                         {"Windows driver unload enabled", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                         {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthPolicy", "HealthPolicy.cpp"}});
+    std::set<int> places;
+    for (const TracedLine &line : lines)
+        if (line.file == "HealthPolicy.cpp")
+            places.insert(line.line);
+    EXPECT_EQ(places.size(), 6U) << "numbers and thresholds have lines of their own";
 }
 
 TEST_F(Policy, ReplacesTheFile) {
@@ -185,6 +205,13 @@ TEST_F(Policy, ANumberOutOfBoundaryDoesNotStopTheOthersAndItsTraceShowsTheLastTh
     EXPECT_EQ(WrittenKeys(), (Messages{"SYS_CONF_RECOVER_FACTOR", "SYS_THR_RUNQ", "SYS_CONF_DISABLE_FAIL_OPEN"}));
 }
 
+TEST_F(Policy, TheTraceOfANumberOutOfBoundaryShowsTheLastThresholdEvenIfThatIsNoNumber) {
+    const Heard heard = ReadPolicy(
+        R"({"SYS_THR_RUNQ": {"value": 50}, "SYS_THR_FREE_MEM": {"value": "5"}, "SYS_CONF_UNLOAD_DRIVER": 2})");
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(heard.EngineLines(" value out of boundary ["), Messages{" value out of boundary [0.000000]"});
+}
+
 TEST_F(Policy, PortZeroIsMonitored) {
     EXPECT_EQ(ReadPolicy(R"({"SYS_CONF_CONN_REFUSAL_PORT": 0, "SYS_THR_CONN_REFUSAL_PCT": {"value": 10}})").count, 2);
     const std::lock_guard lock(Vti::Lock());
@@ -207,6 +234,15 @@ TEST_F(Policy, ADurationOfZeroIsStoredAndThenReset) {
     EXPECT_EQ(maximum.count, 1);
     EXPECT_EQ(maximum.configuration, (Messages{Stored("SYS_CONF_MAX_ACT_DURATION", 0), Stored("SYS_THR_RUNQ", 50),
                                                "max_dur(0.000000) <= 0, invalidating to use default"}));
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, AMinimumOfZeroIsCountedOnceAndSubtractedOnce) {
+    const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_THR_RUNQ": {"value": 50}})");
+    EXPECT_EQ(heard.action, kNormal);
+    EXPECT_EQ(heard.count, 1);
+    EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_CONF_MIN_ACT_DURATION", 0), Stored("SYS_THR_RUNQ", 50),
+                                             "min_dur(0.000000) <= 0, invalidating to use default"}));
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
@@ -410,6 +446,17 @@ TEST_F(Policy, ANumberThatTheCLibraryWouldTakeLongToReadIsAParsingError) {
         SCOPED_TRACE(number.substr(0, 5));
         ExpectParseError(R"({"SYS_THR_RUNQ": {"value": 50}, "OTHER": )" + number + "}");
     }
+    ExpectParseError(digits);
+    ExpectParseError("\xEF\xBB\xBF \x01\r\n" + digits);
+}
+
+TEST_F(Policy, ANumberIsReadAt65536CharactersAndRejectedAt65537) {
+    const auto policyOf = [](std::size_t length) {
+        return R"({"SYS_THR_RUNQ": {"value": 50.)" + std::string(length - 3, '0') + "}}";
+    };
+    EXPECT_EQ(ReadPolicy(policyOf(65'536)).count, 1);
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+    ExpectParseError(policyOf(65'537));
 }
 
 TEST_F(Policy, NumbersOfAThousandCharactersAndStringsOfMoreDigitsAreRead) {
@@ -426,6 +473,19 @@ TEST_F(Policy, ALongNumberAfterTheObjectIsIgnored) {
     for (const std::string &behind : {digits, "\n" + std::string(200'000, '-'), "]" + digits})
         EXPECT_EQ(ReadPolicy(R"({"OTHER": [{}, 1], "SYS_THR_RUNQ": {"value": 50}} )" + behind).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
+TEST_F(Policy, ALongNumberAfterAValueThatIsNoObjectIsIgnored) {
+    const std::string digits(200'000, '9');
+    for (const std::string value :
+         {"5", "-1e2", "null", "true", "\"a\"", "\"\\\"{\"", " \t\r\n5", "\xEF\xBB\xBF 5", "[]"}) {
+        SCOPED_TRACE(value);
+        dom.Set(kUnloadFlag, true);
+        dom.SettingStore("vtp.filter.SysHealthBackoffWait", "120");
+        ExpectNothingInIt(value + " " + digits);
+        EXPECT_EQ(Flag(kUnloadFlag), "false");
+        EXPECT_EQ(Setting("vtp.filter.SysHealthBackoffWait"), "0");
+    }
 }
 
 TEST_F(Policy, NestingOfTenThousandIsRejected) {

@@ -132,6 +132,32 @@ TEST_F(Sampling, AnUnreachableDriverDisablesTheDriverMetricsWithoutAMessage) {
     EXPECT_EQ(Metrics(), expected);
 }
 
+TEST_F(Sampling, AnUnreachableDriverLeavesMemoryAndTheIntervalChecked) {
+    constexpr std::uint64_t total = 1000 << 10;
+    WriteConfig(kDriverMetrics + kFreeMemory + kInterval);
+    machine().memoryTotal = total;
+    driver().faults["vti_get_scan_metrics"] = {.status = 31, .error = "no driver"};
+    double seconds = 0;
+    for (const bool opens : {false, true}) {
+        SCOPED_TRACE(opens ? "it can't be read" : "it can't be opened");
+        driver().present = opens;
+        machine().memoryAvailable = total / 2;
+        ASSERT_EQ(CheckAt(seconds), kNormal);
+        Forget();
+        machine().memoryAvailable = total / 10;
+        EXPECT_EQ(CheckAt(seconds + 10), kFailOpen);
+        EXPECT_EQ(TakePastLimits(),
+                  (std::vector<std::string>{"free_memory_pct value of 10.000000 less than threshold of "
+                                            "20.000000 (20.000000 / 1.000000) "}));
+        machine().memoryAvailable = total / 2;
+        EXPECT_EQ(CheckAt(seconds + 71), kFailOpen);
+        EXPECT_EQ(TakePastLimits(),
+                  (std::vector<std::string>{"iteration interval value of 61.000000 exceeds threshold of "
+                                            "60.000000 (1.000000 x 60.000000) "}));
+        seconds += 100;
+    }
+}
+
 TEST_F(Sampling, AnUnreachableDriverIsConfiguredOnceItIsReachable) {
     WriteConfig(kPort);
     driver().present = false;

@@ -26,6 +26,13 @@ protected:
         return calls;
     }
 
+    /// The metrics past their limits since the last call, as they were traced.
+    static std::vector<std::string> TakePastLimits() {
+        std::vector<std::string> lines = TakeTracedMessages("SysHealth.eng");
+        std::erase_if(lines, [](const std::string &line) { return line.find(" threshold of ") == std::string::npos; });
+        return lines;
+    }
+
     /// The request that the driver received, as the one bit of it that is set.
     void ExpectMonitored(unsigned port, bool outbound) {
         std::vector<std::uint8_t> expected(16392);

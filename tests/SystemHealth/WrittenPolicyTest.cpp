@@ -73,6 +73,18 @@ TEST_F(WrittenPolicy, AFileThatCannotBeWrittenIsReportedAndClosed) {
     EXPECT_EQ(WrittenJson(), kLongBefore);
 }
 
+TEST_F(WrittenPolicy, ATextThatCannotBePutOrFlushedIsReportedAndItsFileClosed) {
+    for (const char *function : {"fputs", "fflush"}) {
+        SCOPED_TRACE(function);
+        const auto fault = simulation().GetFaults().FailNth(function, 1, ENOSPC);
+        ExpectNoOutput("Failed to write json config to file");
+        EXPECT_TRUE(fault->Hit());
+        simulation().GetFaults().Clear();
+    }
+    EXPECT_EQ(ReadPolicy(kGood).errors, Messages());
+    EXPECT_EQ(WrittenJson(), kGoodWritten);
+}
+
 TEST_F(WrittenPolicy, AFailureOfTheOutputDoesNotChangeTheAction) {
     std::filesystem::remove_all(JsonPath().parent_path());
     EXPECT_EQ(ReadPolicy("{}").action, kDisabled);

@@ -146,19 +146,19 @@ std::uint64_t HealthConfig::Minutes(ConfigRow row, double otherwise) const {
     return static_cast<std::uint64_t>(m_rows[row].is_set != 0 ? m_rows[row].value : otherwise);
 }
 
-void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site,
+void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceLine &line,
                                  const char *message) {
     const bool unload = config[SYS_CONF_UNLOAD_DRIVER].value == 1.0;
     dom.Set(kUnloadDriverSetting, unload);
     if (unload)
-        Trace(site, "%s", message);
+        Trace(line, "%s", message);
 }
 
-bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceSite &site) {
+bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceLine &line) {
     if (config[SYS_CONF_DISABLE_FAIL_OPEN].value != 1.0)
         return false;
     // compat 23: names an environment variable that nobody reads
-    Trace(site, "VTA_SYSHEALTH_DISABLE_FAIL_OPEN  return 0");
+    Trace(line, "VTA_SYSHEALTH_DISABLE_FAIL_OPEN  return 0");
     return true;
 }
 

@@ -74,12 +74,12 @@ private:
 // The two switches, when all values are read.
 
 /// Tells the agent whether fail-open is to unload the driver: only the value 1 asks for it.
-/// @param site     of the reader, and
+/// @param line     of the reader, and
 /// @param message  traced there if so.
-void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site,
+void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceLine &line,
                                  const char *message);
-/// Whether the whole subsystem is switched off, which is traced at `site`: only the value 1 does so.
-bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceSite &site);
+/// Whether the whole subsystem is switched off, which is traced as `line`: only the value 1 does so.
+bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceLine &line);
 
 /// Fills the table from the local file.
 /// @param activated  non-zero in fail-open, where the driver's metrics are not judged.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include <cJSON.h>
 
@@ -51,27 +52,29 @@ private:
         if (!cJSON_IsNumber(value))
             return;
         if (value->valuedouble > 0.0 && value->valuedouble <= entry.max_value)
-            StoreValue(entry, value->valuedouble);
+            StoreValue(entry, value->valuedouble, Config());
         else
-            TraceOutOfBoundary();
+            TraceOutOfBoundary(Engine());
     }
 
     /// compat 26: does not check the item's type; what is no number reads as 0, which passes
     void TakeNumber(SysHealthConfigEntry &entry, const cJSON &item) {
         if (item.valuedouble >= 0.0 && item.valuedouble <= entry.max_value)
-            StoreValue(entry, item.valuedouble);
+            StoreValue(entry, item.valuedouble, Config());
         else
-            TraceOutOfBoundary();
+            TraceOutOfBoundary(Engine());
     }
 
-    void StoreValue(SysHealthConfigEntry &entry, double value) {
+    void StoreValue(SysHealthConfigEntry &entry, double value, const TraceLine &line) {
         m_config.AcceptValue(entry, value);
         ++m_count;
-        Trace(Config(), "stored %s  %f", entry.file_key, value);
+        Trace(line, "stored %s  %f", entry.file_key, value);
     }
 
     /// compat 27: shows the number of the last threshold, whichever row is out of boundary; 0 before the first
-    void TraceOutOfBoundary() const { Trace(Engine(), " value out of boundary [%s]", NumberText{m_lastThreshold}); }
+    void TraceOutOfBoundary(const TraceLine &line) const {
+        Trace(line, " value out of boundary [%s]", NumberText{m_lastThreshold});
+    }
 
     [[nodiscard]] TraceSite Engine() const { return {kEngineTrace, m_site.place}; }
     [[nodiscard]] TraceSite Config() const { return {kConfigTrace, m_site.place}; }
@@ -104,11 +107,25 @@ std::int32_t InvalidatePolicyDurations(HealthConfig &config) {
     return invalid;
 }
 
+/// Where the policy's value begins: behind a byte order mark and blanks, as cJSON skips them.
+const char *PolicyValueIn(const char *json) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (std::strncmp(json, byteOrderMark.data(), byteOrderMark.size()) == 0)
+        json += byteOrderMark.size();
+    while (*json != '\0' && static_cast<unsigned char>(*json) <= ' ')
+        ++json;
+    return json;
+}
+
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
 /// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
 const char *FindOverlongPolicyNumber(const char *json) {
     constexpr std::size_t maxCharacters = 65'536;
+    const auto numberLength = [](const char *text) { return std::strspn(text, "0123456789+-.eE"); };
+    json = PolicyValueIn(json);
+    if (*json != '{' && *json != '[')  // a number, string or word alone
+        return numberLength(json) > maxCharacters ? json : nullptr;
     bool inString = false;
     int depth = 0;
     while (*json != '\0') {
@@ -120,10 +137,10 @@ const char *FindOverlongPolicyNumber(const char *json) {
         } else if (*json == '{' || *json == '[') {
             ++depth;
         } else if (*json == '}' || *json == ']') {
-            if (--depth <= 0)
+            if (--depth == 0)
                 return nullptr;
         } else {
-            length = std::max<std::size_t>(std::strspn(json, "0123456789+-.eE"), 1);
+            length = std::max<std::size_t>(numberLength(json), 1);
             if (length > maxCharacters)
                 return json;
         }
