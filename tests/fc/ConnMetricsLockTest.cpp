@@ -1,6 +1,7 @@
 // What happens with the lock of the connection metrics held, and what without it.
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,30 +20,34 @@ protected:
     ConnMetricsLock() {
         for (const char *function : {"EnterCriticalSection", "LeaveCriticalSection"})
             simulation().GetJournal().Mute(function);
-        simulation().Functions().Put<EnterCriticalSection>([this](const auto &next, CRITICAL_SECTION *section) {
-            next(section);
-            const Simulator::InsideSimulator inside;
-            m_entered.push_back(section);
-        });
-        simulation().Functions().Put<LeaveCriticalSection>([this](const auto &next, CRITICAL_SECTION *section) {
-            next(section);
-            const Simulator::InsideSimulator inside;
-            if (onLeft)
-                onLeft(section);
-        });
+        simulation().Functions().Put<EnterCriticalSection>(
+            [watch = m_watch](const auto &next, CRITICAL_SECTION *section) {
+                next(section);
+                watch->entered.push_back(section);
+            });
+        simulation().Functions().Put<LeaveCriticalSection>(
+            [watch = m_watch](const auto &next, CRITICAL_SECTION *section) {
+                next(section);
+                if (watch->onLeft)
+                    watch->onLeft();
+            });
         lua.Run("collectgarbage() collectgarbage('stop')");
     }
 
     Sections EnteredBy(const std::string &code) {
-        m_entered.clear();
+        m_watch->entered.clear();
         lua.Run(code);
-        return m_entered;
+        return m_watch->entered;
     }
-
-    std::function<void(CRITICAL_SECTION *)> onLeft;
+    void OnLeft(const std::function<void()> &call) { m_watch->onLeft = call; }
 
 private:
-    Sections m_entered;
+    /// Lives on while the module is unloaded.
+    struct Watch {
+        Sections entered;
+        std::function<void()> onLeft;
+    };
+    std::shared_ptr<Watch> m_watch = std::make_shared<Watch>();
 };
 
 TEST_F(ConnMetricsLock, IsNotEnteredToCount) {
@@ -59,9 +64,9 @@ TEST_F(ConnMetricsLock, IsLeftBeforeAFoldFreesWhatHadNoRoom) {
     lua.Run("fill(20001, 20100)");
     AdvanceSeconds(61);
     std::size_t blocks = 0;
-    onLeft = [&](CRITICAL_SECTION *) { blocks = balance().Take().blocks; };
+    OnLeft([&] { blocks = balance().Take().blocks; });
     EXPECT_EQ(EnteredBy("f.UpdateConnMetrics()").size(), 1U);
-    onLeft = nullptr;
+    OnLeft(nullptr);
     EXPECT_GE(blocks, balance().Take().blocks + 100);
     lua.Run("rows = f.GetConnMetrics()");
     EXPECT_EQ(lua.Eval("#rows"), "10000");
