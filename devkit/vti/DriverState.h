@@ -29,10 +29,10 @@ HandleTable &OpenHandles();
 /// Adds a call to Driver::calls.
 void RecordCall(const char *operation, const std::string &arguments);
 
-/// The fault that this call of the operation meets, counted down; null if it should do its work.
+/// The fault that this call of the operation meets, counted down; null if it should succeed.
 const Fault *NextFault(const char *operation);
 
-/// Takes the lock, records the call, and does the work unless the handle is not open or a fault is due.
+/// Takes the lock, records the call, and does the work unless the handle is not open or a fault prevents it.
 /// @param work  called with the driver, under the lock; returns an Outcome.
 /// @return the status; its text is kept as the handle's last error.
 template <typename Work>
@@ -42,11 +42,12 @@ int32_t Perform(const char *operation, vti_handle_t *handle, const std::string &
     const auto open = OpenHandles().find(handle);
     if (open == OpenHandles().end())
         return kInvalidHandle;
-    if (const Fault *fault = NextFault(operation)) {
-        open->second = fault->error;
-        return fault->status;
-    }
-    Outcome outcome = std::forward<Work>(work)(TheDriver());
+    const Fault *const fault = NextFault(operation);
+    Outcome outcome;
+    if (fault == nullptr || fault->works)
+        outcome = std::forward<Work>(work)(TheDriver());
+    if (fault != nullptr)
+        outcome = {fault->status, fault->error};
     if (outcome.status != 0)
         open->second = std::move(outcome.error);
     return outcome.status;

@@ -13,12 +13,13 @@
 
 namespace Vti {
 
-/// What one operation returns instead of doing its work.
+/// How one operation fails.
 struct Fault {
     int32_t status = 0;  ///< The status it returns.
     std::string error;   ///< What vti_get_error then returns.
     int remaining = -1;  ///< For this many calls, -1 for all.
     int after = 0;       ///< Only after this many successful calls.
+    bool works = false;  ///< It does its work before it fails; otherwise it leaves its record untouched.
 };
 
 /// A connection as the driver's table holds it.

@@ -82,12 +82,28 @@ TEST_F(DriverFailure, OfTheProfilesSizeLeavesAnEmptyFileWithoutAReport) {
     EXPECT_EQ(TakeEvents(), Lines());
 }
 
+TEST_F(DriverFailure, OfTheProfilesSizeCountsThoughASizeHasArrived) {
+    driver().faults["vti_get_profile_stats"] = {-1, "no size", -1, 0, true};
+    EXPECT_EQ(Run().Content(kProfile), "");
+    EXPECT_EQ(CallsOf(calls, "vti_get_profile_stats"), Lines{"vti_get_profile_stats(0)"});
+    EXPECT_EQ(CallsOf(calls, "vti_get_var("), Lines());
+}
+
 TEST_F(DriverFailure, OfTheProfileLeavesAnEmptyFileAndIsReported) {
     driver().faults["vti_get_profile_stats"] = {-1, "no bytes", -1, 1};
     const Package package = Run();
     EXPECT_EQ(package.Names(), AllFilesBut(""));
     EXPECT_EQ(package.Content(kProfile), "");
     EXPECT_EQ(TakeEvents(), Lines{"1001 vti_get_profile_stats()|ffffffff (no bytes)"});
+}
+
+TEST_F(DriverFailure, OfVariable62LeavesItAtOneThoughItsValueHasArrived) {
+    driver().variables[62] = 1;
+    driver().faults["vti_get_var"] = {-1, "late", -1, 0, true};
+    (void)Run();
+    EXPECT_EQ(CallsOf(calls, "vti_get_var("), Lines{"vti_get_var(62)"});
+    EXPECT_EQ(CallsOf(calls, "vti_set_var"), Lines());
+    EXPECT_EQ(driver().variables[62], 1U);
 }
 
 TEST_F(DriverFailure, OfAVariableWithStatusMinus10017IsNotReported) {

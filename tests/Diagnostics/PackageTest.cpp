@@ -121,6 +121,16 @@ TEST_F(DiagnosticPackage, StatisticsOfAnotherLayoutAreReportedAndLeftOut) {
     }
 }
 
+TEST_F(DiagnosticPackage, StatisticsOfAnotherLayoutAreReportedWithTheTextOfAnEarlierFailure) {
+    driver().faults["vti_get_blacklist"] = {-3, "an earlier failure"};
+    (void)Run();
+    (void)TakeEvents();
+    driver().faults.clear();
+    driver().statsLayout[0] = 294;
+    (void)Run();
+    EXPECT_EQ(TakeEvents(), Texts{"1001 GET_STATS|ffffffff (an earlier failure)"});
+}
+
 // ---- Connections
 
 TEST_F(DiagnosticPackage, WithoutConnectionsTheirFileIsLeftOutAndTheCallSucceeds) {
@@ -140,6 +150,21 @@ TEST_F(DiagnosticPackage, AFailedUdpTableLeavesTheRoomOfAllEntriesToTcp) {
     EXPECT_EQ(CallsOf(calls, "vti_get_conntrack"),
               (Texts{"vti_get_conntrack(0, 16)", "vti_get_conntrack(17, 336)", "vti_get_conntrack(6, 336)"}));
     EXPECT_EQ(TakeEvents(), Texts{"1001 GET_CONN_TRACK|fffffff9 (no UDP)"});
+}
+
+TEST_F(DiagnosticPackage, WhatAFailedUdpTableHasLeftInTheRoomOfTcpIsNotListed) {
+    driver().udp = ManyConnections(0, 5);
+    driver().tcp.clear();
+    driver().faults["vti_get_conntrack"] = {-7, "half done", 1, 1, true};
+    At("vti_get_conntrack(6, 336)", [](Vti::Driver &driver) {
+        driver.tcp = {ConnectionOf(9)};
+        driver.overstatement = 4;
+    });
+    const Package package = Run();
+    driver().overstatement = 0;
+    Connections listed(5);
+    listed[0] = ConnectionOf(9);
+    EXPECT_EQ(package.Content(kConnTrack), PrintedConnections({}, listed));
 }
 
 TEST_F(DiagnosticPackage, AFailedTcpTableStaysEmptyBesideTheUdpTable) {

@@ -161,6 +161,39 @@ TEST_F(DriverThread, WarnsWhenAStepThatIsNotOnTopEnds) {
                                           "was on top of the step stack."});
 }
 
+/// Tries the lock on another thread whenever there is a warning.
+class LockTriedAtWarnings : public LogCollector {
+public:
+    explicit LockTriedAtWarnings(wxCriticalSection &lock) : m_lock(lock) {}
+
+    Texts found;
+
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) override {
+        if (level == wxLOG_Warning) {
+            const CallInThread other([this] {
+                const bool isFree = m_lock.TryEnter();
+                if (isFree)
+                    m_lock.Leave();
+                return isFree;
+            });
+            found.emplace_back(other.Get() ? "free" : "held");
+        }
+        LogCollector::DoLogRecord(level, message, info);
+    }
+
+private:
+    wxCriticalSection &m_lock;
+};
+
+TEST_F(DriverThread, WarnsWithTheLockOfItsStepsHeld) {
+    Probe thread(dom);
+    LockTriedAtWarnings tried(thread.StepLock());
+    wxLogWarning("not from a step");
+    thread.EndStep(8);
+    EXPECT_EQ(tried.found, (Texts{"free", "held"}));
+}
+
 TEST_F(DriverThread, PopsTheTopStepWhicheverStepEnds) {
     Probe thread(dom);
     thread.StartStep(6, 15);
@@ -211,6 +244,14 @@ TEST_F(DriverThread, KeepsTheFirstStepThatFailed) {
     thread.EndStep(17);
     thread.NoteFailedStep();
     EXPECT_EQ(thread.failedStep, 17U);
+}
+
+TEST_F(DriverThread, RecordsNoFailedStepWhenDeInstallAsksForAReboot) {
+    simulation().GetNetwork().Use([](auto &state) { state.components.front().deInstallResult = NETCFG_S_REBOOT; });
+    Probe thread(dom, WfpFolder());
+    EXPECT_TRUE(thread.UninstallDriver());
+    EXPECT_EQ(Arguments("INetCfgClassSetup::DeInstall").size(), 1U);
+    EXPECT_EQ(thread.failedStep, NoStep);
 }
 
 TEST_F(DriverThread, RecordsNoFailedStepWhileNoneRuns) {
@@ -601,6 +642,14 @@ TEST_F(DriverThreadNetCfg, ReleasesTheLockWhenItCannotBeInitialised) {
     EXPECT_EQ(thread.failedStep, 9U);
     EXPECT_EQ(Events(), Texts{"3005 INetCfg::Initialize"});
     EXPECT_EQ(Arguments("INetCfgLock::ReleaseWriteLock").size(), 1U);
+}
+
+TEST_F(DriverThreadNetCfg, IsOpenWhicheverSuccessItsInitialisationReports) {
+    simulation().GetNetwork().Use([](auto &state) { state.initializeResult = S_FALSE; });
+    EXPECT_EQ(Acquire(true), S_OK) << "S_FALSE would be taken for an absent component";
+    ASSERT_NE(netCfg, nullptr);
+    EXPECT_EQ(Release(true), S_OK);
+    EXPECT_EQ(Left(), Texts{});
 }
 
 TEST_F(DriverThreadNetCfg, LeaksNothingWhicheverCallOfItsOpeningFails) {

@@ -254,6 +254,17 @@ TEST_F(InstallFailures, AnInfFileThatCanOnlyBeDeletedAtTheNextBootPostponesTheIn
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
+TEST_F(InstallFailures, AMissingCataloguePostponesTheInstallationToo) {
+    InstallOldDriver({1, 2, 3, 4});
+    KeepComponentOnRemoval();
+    simulation().GetSetup().Lack("SetupUninstallOEMInfW");
+    remove(simulation().GetFolders().Catalogs() / L"oem1.cat");
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(CallsOf(kInstall), 0U);
+    EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
+}
+
 // --- services ---
 
 TEST_F(InstallFailures, AServiceMarkedForDeletionThreeTimesFailsAndAsksForAReboot) {

@@ -1,5 +1,6 @@
 // The file that an embedded system needs during an installation, and the values of the filter's service.
 
+#include <fstream>
 #include <string>
 
 #include "InstallStepsFixture.h"
@@ -50,6 +51,16 @@ TEST_F(InstallSteps, InstallOnAnEmbeddedSystemIfTheCopyFails) {
     EXPECT_EQ(outcome.EventTexts(3005), (Lines{Report("CopyFile('" + Source() + "', '" + copy + "')", ERROR_DISK_FULL),
                                                Report("DeleteFile('" + copy + "')", ERROR_FILE_NOT_FOUND)}));
     EXPECT_EQ(CallsOf(kInstall), 1U);
+}
+
+TEST_F(InstallSteps, DeleteAFileOnAnEmbeddedSystemThatTheFailedCopyDidNotReplace) {
+    MakeSystemEmbedded();
+    std::ofstream(WindowsCopy()) << "somebody else's";
+    faults().FailEvery("CopyFileW", ERROR_ACCESS_DENIED);
+    const InstallOutcome outcome = Install();
+    EXPECT_TRUE(Succeeded(outcome));
+    EXPECT_EQ(outcome.EventTexts(3005).size(), 1U) << "the copy's";
+    EXPECT_FALSE(exists(WindowsCopy()));
 }
 
 TEST_F(InstallSteps, SucceedOnAnEmbeddedSystemIfTheCopyCannotBeDeleted) {

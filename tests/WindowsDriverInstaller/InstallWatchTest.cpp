@@ -10,9 +10,12 @@
 
 #include "InstallMachine.h"
 #include "Lock.h"
+#include "WindowsFunctions.h"
 #include "thread_log_control.h"
 
 namespace {
+
+SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
 
 using Simulator::NetworkAdapter;
 using Simulator::NetworkMoment;
@@ -251,6 +254,7 @@ TEST_F(InstallWatch, DoesNotWarnWhileStepsEnd) {
 }
 
 TEST_F(InstallWatch, KillsAWorkerWhoseStepOverrunsAndNamesTheStep) {
+    simulation().Functions().PassThrough<SuspendThread>();
     wxLog::SetVerbose(true);
     const InstallOutcome outcome = InstallHungIn("INetCfgClassSetup::Install", 1, 600'000);
     wxLog::SetVerbose(false);
@@ -261,6 +265,7 @@ TEST_F(InstallWatch, KillsAWorkerWhoseStepOverrunsAndNamesTheStep) {
     EXPECT_EQ(std::count_if(infos.begin(), infos.end(),
                             [](const std::string &line) { return line.starts_with("Stack trace:\n[00] "); }),
               1);
+    EXPECT_EQ(CallsOf("SuspendThread"), 1U) << "for the stack";
     EXPECT_FALSE(outcome.AskedForReboot());
 }
 
@@ -284,6 +289,7 @@ TEST_F(InstallWatch, UnbindsUnsuitableAdaptersEvenWhenTheWorkerWasKilled) {
 }
 
 TEST_F(InstallWatch, DoesNotKillAWorkerAfterAnHourOutsideOfAllInnerSteps) {
+    simulation().Functions().PassThrough<SuspendThread>();
     wxLog::SetVerbose(true);
     InstallOldDriver({1, 0, 0, 0});
     // The stop of the callout has no step of its own.
@@ -293,6 +299,7 @@ TEST_F(InstallWatch, DoesNotKillAWorkerAfterAnHourOutsideOfAllInnerSteps) {
     EXPECT_EQ(FailedStep(outcome), "<UnknownStep>") << "the worker's, which is in no step";
     for (const std::string &line : outcome.Lines(wxLOG_Info))
         EXPECT_FALSE(line.starts_with("Stack trace")) << line;
+    EXPECT_EQ(CallsOf("SuspendThread"), 0U) << "nor is its stack read";
     EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U) << "it was not killed, and continued once it was released";
     EXPECT_EQ(CallsOf("INetCfgClassSetup::Install"), 1U);
 }

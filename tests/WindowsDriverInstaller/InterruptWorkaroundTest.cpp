@@ -206,6 +206,14 @@ TEST_F(InterruptWorkaround, KeepsAFairShareThatIsAbsentOrZero) {
     EXPECT_EQ(Verbose(), Messages{});
 }
 
+TEST_F(InterruptWorkaround, ReadsNumbersOfEitherByteOrder) {
+    registry().PutBytes(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, REG_DWORD_BIG_ENDIAN, {0, 0, 0, 0});
+    registry().PutBytes(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue, REG_DWORD_BIG_ENDIAN, {0, 0, 0, 1});
+    EXPECT_TRUE(SetNetworkInterruptWorkaround());
+    EXPECT_EQ(BindMode(), Number(1));
+    EXPECT_EQ(FairShare(), Number(0));
+}
+
 TEST_F(InterruptWorkaround, KeepsAValueThatCannotBeRead) {
     for (const DWORD code : std::initializer_list<DWORD>{ERROR_ACCESS_DENIED, ERROR_MORE_DATA, ERROR_KEY_DELETED}) {
         SCOPED_TRACE(code);

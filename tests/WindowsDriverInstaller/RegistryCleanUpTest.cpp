@@ -134,10 +134,13 @@ TEST_F(RegistryCleanUp, StopsAtASubkeyFurtherDown) {
     EXPECT_TRUE(Has(Below(L"0002")));
 }
 
-TEST_F(RegistryCleanUp, LogsASubkeyThatCannotBeDeleted) {
+TEST_F(RegistryCleanUp, TellsOneForATreeOfWhichSomethingStaysAndZeroForOneThatIsGone) {
     simulation().GetSecurity().ForbidDeletion(Below(L"0001\\Device Parameters\\Wdf"));
     EXPECT_EQ(DeleteRegistryTree(kOrphanKey), 1);
-    EXPECT_TRUE(Has(Below(L"0002"))) << "and those after it are kept";
+    EXPECT_TRUE(Has(Below(L"0002"))) << "those after it are kept";
+    EXPECT_EQ(DeleteRegistryTree(Below(L"0002")), 0);
+    EXPECT_FALSE(Has(Below(L"0002")));
+    EXPECT_EQ(DeleteRegistryTree(Below(L"0002")), 0) << "one that was never there counts as gone";
 }
 
 TEST_F(RegistryCleanUp, FailsWhenTheKeyItselfCannotBeDeleted) {

@@ -430,8 +430,9 @@ Code RemovalRun::Open(bool writeLock) {
         Report(hr, "INetCfg::Initialize");
         if (writeLock)
             m.machine.isLocked = Failed(Status("INetCfgLock::ReleaseWriteLock"));
+        return hr;
     }
-    return hr;
+    return kOk;  // whichever success it was
 }
 
 Code RemovalRun::AcquireLock() {

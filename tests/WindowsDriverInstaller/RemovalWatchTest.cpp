@@ -13,6 +13,7 @@
 namespace {
 
 SIMULATOR_FUNCTION(EnterCriticalSection, "KERNEL32.dll", CannotFail);
+SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
 
 using Simulator::InsideSimulator;
 
@@ -140,11 +141,13 @@ TEST_F(RemovalWatch, DoesNotKillTheWorkerWhenTheWaitFailsOutsideOfAllInnerSteps)
 }
 
 TEST_F(RemovalWatch, DoesNotKillTheWorkerAfterAnHour) {
+    simulation().Functions().PassThrough<SuspendThread>();
     const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.waitedToTheEnd);
     EXPECT_FALSE(hang.removal.result);
     EXPECT_FALSE(hang.killed);
     EXPECT_EQ(hang.Stacks(), std::vector<std::string>{});
+    EXPECT_EQ(simulation().GetJournal().Count("SuspendThread"), 0U) << "its stack is not read";
     EXPECT_EQ(hang.removal.tookMs, 3'600'000U);
     EXPECT_TRUE(hang.ended);
     EXPECT_TRUE(hang.destroyed);
@@ -152,9 +155,11 @@ TEST_F(RemovalWatch, DoesNotKillTheWorkerAfterAnHour) {
 }
 
 TEST_F(RemovalWatch, LogsTheStackOnlyIfVerbose) {
+    simulation().Functions().PassThrough<SuspendThread>();
     wxLog::SetVerbose(false);
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
     EXPECT_TRUE(hang.killed);
+    EXPECT_EQ(simulation().GetJournal().Count("SuspendThread"), 1U) << "it is read in any case";
     EXPECT_EQ(hang.removal.Lines(wxLOG_Info), std::vector<std::string>{});
 }
 

@@ -68,6 +68,16 @@ protected:
     void PutRaw(const wchar_t *value, DWORD type, const std::vector<std::uint8_t> &bytes) {
         registry().PutBytes(HKEY_LOCAL_MACHINE, kService, value, type, bytes);
     }
+    /// The traced lines as component, function and message; each must name the source and a line.
+    static Messages TakeTracedNames() {
+        Messages lines;
+        for (const TracedLine &line : TakeTracedLines()) {
+            lines.push_back(line.component + " " + line.function + " " + line.message);
+            EXPECT_EQ(line.file, "DriverFlags.cpp") << line.message;
+            EXPECT_GT(line.line, 0) << line.message;
+        }
+        return lines;
+    }
     std::string StopTimes() {
         lua.Run(
             "local r = table.pack(f.GetDriverStoppedByBLPTimestamp()) assert(r.n == 2) times = r[1] .. ' ' .. r[2]");
@@ -252,13 +262,7 @@ TEST_F(DriverFlags, EachFunctionTracesWithItsOwnName) {
     lua.Run(R"(
         f.SetDriverCheckedToReg(1) f.GetDriverCheckedFromReg() f.SetDriverHookedToReg(-7) f.GetDriverHookedFromReg()
         f.SetUncheckedIfc {'a', 'b'} f.GetUncheckedIfc() f.GetDriverStoppedByBLPTimestamp())");
-    Messages lines;
-    for (const TracedLine &line : TakeTracedLines()) {
-        lines.push_back(line.component + " " + line.function + " " + line.message);
-        EXPECT_EQ(line.file, "DriverFlags.cpp") << line.message;
-        EXPECT_GT(line.line, 0) << line.message;
-    }
-    EXPECT_EQ(lines,
+    EXPECT_EQ(TakeTracedNames(),
               (Messages{"filter GetDriverCheckedFromReg Get last driverChecked value: 1",
                         "filter GetDriverHookedFromReg Get last driverHooked value: -7",
                         "filter SetUncheckedInterface Set ifList: a,b", "filter GetUncheckedInterface Get IfList: a,b",
@@ -381,7 +385,7 @@ TEST_F(DriverFlags, AnItemThatIsNotUtf8AddsNothing) {
 }
 
 TEST_F(DriverFlags, AStoredItemIsReadUpToItsFirstZero) {
-    lua.Run("f.SetUncheckedIfc {'a\\0b', 'c'}");
+    PutRaw(kList, REG_SZ, {'a', 0, 0, 0, 'b', 0, ',', 0, 'c', 0, 0, 0});
     EXPECT_EQ(lua.Eval("list()"), "[a|c]");
 }
 
@@ -457,14 +461,27 @@ TEST_F(DriverFlags, AKeyThatCannotBeOpenedForWritingIsTracedByKeyAndValue) {
     EXPECT_EQ(registry().Tree(HKEY_LOCAL_MACHINE, kService), "[System\\CurrentControlSet\\Services\\qbimvta]\n");
 }
 
-TEST_F(DriverFlags, AFailedWriteIsTracedByKeyAndValue) {
+TEST_F(DriverFlags, AFailedWriteIsTracedByKeyAndValueWithTheNameOfTheSetter) {
     (void)faults().FailEvery("RegSetValueExW", ERROR_ACCESS_DENIED);
     lua.Run("f.SetDriverCheckedToReg(1)");
-    EXPECT_EQ(TakeTracedMessages(), Messages{kUnwritable + "driverChecked"});
+    EXPECT_EQ(TakeTracedNames(), Messages{"filter SetDriverCheckedToReg " + kUnwritable + "driverChecked"});
     lua.Run("f.SetDriverHookedToReg(1)");
-    EXPECT_EQ(TakeTracedMessages(), Messages{kUnwritable + "driverHooked"});
+    EXPECT_EQ(TakeTracedNames(), Messages{"filter SetDriverHookedToReg " + kUnwritable + "driverHooked"});
     lua.Run("f.SetUncheckedIfc {'a'}");
-    EXPECT_EQ(TakeTracedMessages(), (Messages{"Set ifList: a", kUnwritable + "UncheckedIfs"}));
+    EXPECT_EQ(TakeTracedNames(), (Messages{"filter SetUncheckedInterface Set ifList: a",
+                                           "filter SetUncheckedInterface " + kUnwritable + "UncheckedIfs"}));
+}
+
+TEST_F(DriverFlags, AFailedWriteIsTracedWithTheOneLineThatTracesIt) {
+    (void)faults().FailEvery("RegSetValueExW", ERROR_ACCESS_DENIED);
+    lua.Run("f.SetUncheckedIfc {'a'} f.SetDriverCheckedToReg(1) f.SetDriverHookedToReg(1)");
+    std::vector<int> lines;
+    for (const TracedLine &line : TakeTracedLines())
+        lines.push_back(line.line);
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_NE(lines[0], lines[1]) << "that of the list, which is not the write's";
+    EXPECT_EQ(lines[1], lines[2]);
+    EXPECT_EQ(lines[1], lines[3]);
 }
 
 /// Runs the code once for each of its registry calls, with that call failing.

@@ -6,10 +6,12 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "FcModule.h"
+#include "ImportTable.h"
 #include "TestData.h"
 #include "vta_core.h"
 #include "vti_control.h"
@@ -129,6 +131,84 @@ TEST_F(ModuleEntry, RegistersBoundFunctionsWithTheirFunctionAndItsSignature) {
         EXPECT_EQ(lua_getupvalue(state, -3, 3), nullptr) << name;
         lua_pop(state, 3);
     }
+}
+
+// ---- The order of registration
+
+constexpr char kRawSet[] = "_ZN4SLB35Table6rawSetEPKc";
+constexpr char kNamespaceBegins[] = "_ZN4SLB39NamespaceC1EP9lua_StatePKc";
+constexpr char kNamespaceEnds[] = "_ZN4SLB39NamespaceD1Ev";
+
+/// What the module has asked of the binder: the names that it registered, and "[TABLE" and "]" around each access.
+std::vector<std::string> binderCalls;
+
+template <class Function>
+Function *OfBinder(const char *symbol, Function *) {
+    return reinterpret_cast<Function *>(
+        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"SLB3.dll"), symbol)));
+}
+void NoteRegistration(void *table, const char *key) {
+    binderCalls.emplace_back(key);
+    OfBinder(kRawSet, &NoteRegistration)(table, key);
+}
+void *NoteBeginOfAccess(void *place, lua_State *state, const char *name) {
+    binderCalls.push_back(std::string("[") + name);
+    return OfBinder(kNamespaceBegins, &NoteBeginOfAccess)(place, state, name);
+}
+void NoteEndOfAccess(void *place) {
+    binderCalls.emplace_back("]");
+    OfBinder(kNamespaceEnds, &NoteEndOfAccess)(place);
+}
+
+TEST_F(ModuleEntry, RegistersItsFunctionsInThisOrderInThreeAccessesToTheTable) {
+    const Simulator::Redirection redirections[] = {
+        {module.handle(), kRawSet, reinterpret_cast<void *>(&NoteRegistration)},
+        {module.handle(), kNamespaceBegins, reinterpret_cast<void *>(&NoteBeginOfAccess)},
+        {module.handle(), kNamespaceEnds, reinterpret_cast<void *>(&NoteEndOfAccess)},
+    };
+    for (const Simulator::Redirection &redirection : redirections)
+        ASSERT_TRUE(redirection.Found());
+    binderCalls.clear();
+    const LuaState state;
+    Open(state);
+    const std::vector<std::string> expected{
+        "[SLB.filter",
+        "EnableNativeFirewall",
+        "DisableNativeFirewall",
+        "AddDriverDiagnostics",
+        "setup_qbtrace",
+        "AddToConnMetrics",
+        "UpdateConnMetrics",
+        "GetConnMetrics",
+        "CheckSystemHealthMetrics",
+        "GetSysHealthMetrics",
+        "GetSysHealthEnabled",
+        "GetScanMetricPort",
+        "GetDriverCheckedFromReg",
+        "SetDriverCheckedToReg",
+        "GetDriverHookedFromReg",
+        "SetDriverHookedToReg",
+        "GetUncheckedIfc",
+        "SetUncheckedIfc",
+        "GetDriverStoppedByBLPTimestamp",
+        "]",
+        "[SLB.filter",
+        "GetFileVersion",
+        "InstallOrUpdateDriver",
+        "UninstallDriver",
+        "StartWFPDriver",
+        "StopWFPDriver",
+        "RestartWFPDriver",
+        "StopNDISDriver",
+        "StartNDISDriver",
+        "RestartNDISDriver",
+        "]",
+        "[SLB.filter",
+        "WindowsFirewallAddApp",
+        "WindowsFirewallRemoveApp",
+        "]",
+    };
+    EXPECT_EQ(binderCalls, expected);
 }
 
 TEST_F(ModuleEntry, KeepsOtherContentsOfTheTables) {

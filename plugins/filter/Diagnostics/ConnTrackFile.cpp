@@ -33,8 +33,10 @@ std::int32_t RequestConnTrack(vti_handle_t *handle, ConnTrackHeader &table) {
     return vti_get_conntrack(handle, &table, static_cast<std::uint32_t>(ConnTrackTableBytes(table.entry_ct)), &unused);
 }
 
-/// Makes the head of a table at an address that has room for it and the entries.
+/// Makes a table at an address that has room for its head and the entries.
 ConnTrackHeader &PrepareConnTrackTable(std::uint8_t *at, std::uint16_t entries, std::uint8_t protocol) {
+    // Zeros: a driver may fill in less than it claims, and the room of TCP may hold what UDP has left there.
+    std::memset(at, 0, ConnTrackTableBytes(entries));
     auto *const table = new (at) ConnTrackHeader{};
     table->word0 = kHeadWord;
     table->entry_ct = entries;
@@ -77,7 +79,6 @@ static bool getDriverConnTrack(VtaCore::CDom &dom, vti_handle_t *handle, ConnTra
         Trace(kDiagnosticsTrace, "malloc %u bytes failed.", static_cast<unsigned>(bytes));
         return true;
     }
-    std::memset(buffer.get(), 0, bytes);  // a driver may fill in less than it claims
     ConnTrackHeader &udpConn = PrepareConnTrackTable(buffer.get(), entries, kUdp);
     ReadConnTrackTable(dom, handle, udpConn, kDiagnosticsTrace);
     Trace(kDiagnosticsTrace, "udpConn->entry_ct = %u", udpConn.entry_ct);

@@ -190,6 +190,7 @@ std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, st
 
     if (IsDisabledByHealthConfig(config, kConfigTrace))
         return 0;
+    // compat 24: turns the driver's metrics off in fail-open, but they are counted already
     if (activated != 0)
         config.DisableDriverMetrics();
     if (count > 0)  // compat 28: the file reader's text; only the traced function differs

@@ -60,6 +60,7 @@ bool FollowInstallOrUpdate(VtaCore::CDom &dom, InstallStatus &status) {
     constexpr std::uint32_t giveUpAfterMs = 3'600'000;
     constexpr unsigned long pollMs = 250;
     std::uint32_t lastWarned = 0;
+    // compat 150: a watchdog that has not come to its end goes on when the agent has to exit
     while (!dom.ShouldExit(0, nullptr) && !status.done) {
         const std::uint32_t lastProgress = status.lastProgress;
         const std::uint32_t elapsed = VtaCore::SystemTickCount() - lastProgress;

@@ -71,7 +71,8 @@ LSTATUS QueryWorkaroundNumber(const wchar_t *path, const wchar_t *name, DWORD &n
     DWORD type = REG_NONE;
     DWORD size = sizeof(number);
     const LSTATUS status = RegQueryValueExW(key.get(), name, nullptr, &type, reinterpret_cast<BYTE *>(&number), &size);
-    return status == ERROR_SUCCESS && type != REG_DWORD ? ERROR_INVALID_DATATYPE : status;
+    const bool isNumber = type == REG_DWORD || type == REG_DWORD_BIG_ENDIAN;  // what wxRegKey takes for one
+    return status == ERROR_SUCCESS && !isNumber ? ERROR_INVALID_DATATYPE : status;
 }
 
 bool WriteWorkaroundNumber(wxRegKey &key, const wchar_t *path, const wchar_t *name, long number,
