@@ -8,5 +8,5 @@
 /// The comment of the files in a diagnostic package: none.
 extern const wxString emptyText;
 
-/// This library, for the look-up of its messages.
+/// This library, used to load its message texts.
 extern HINSTANCE moduleInstance;
