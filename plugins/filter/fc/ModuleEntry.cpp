@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Hands the profiler's words to the driver-interface library, once per process.
+/// Hands the addresses of the profiler's variables to the driver library, once per process.
 void InstallProfilerAtModuleEntry() {
     const wxCriticalSectionLocker lock(moduleInitLock);
     if (profilerInstalled == 0) {
