@@ -16,8 +16,7 @@
 #include "DriverThreadProbe.h"
 #include "RemovalFixture.h"
 #include "WindowsFunctions.h"
-
-HINSTANCE moduleInstance = nullptr;
+#include "common/ModuleInstance.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "NativeKeys.h"
 #include "SecurityFunctions.h"
 #include "WindowsDriverInstaller/cleanup/RegistryTree.h"
-#include "common/TakeOwnership.h"
+#include "WindowsDriverInstaller/cleanup/TakeOwnership.h"
 #include "slb3_control.h"
 #include "vta_core_control.h"
 

@@ -15,7 +15,7 @@
 #include "MessageText.h"
 #include "vta_core.h"
 
-/// The module frame's component.
+/// The component of the driver flags, and of the diagnostic package as a whole.
 constexpr wchar_t kFilterTrace[] = L"filter";
 
 /// The component that a line belongs to, and the function that it names.

@@ -5,7 +5,7 @@
 
 #include "FunctionTable.h"
 #include "ModuleObjects.h"
-#include "common/SharedObjects.h"
+#include "common/ModuleInstance.h"
 #include "vta_core.h"
 #include "vti.h"
 

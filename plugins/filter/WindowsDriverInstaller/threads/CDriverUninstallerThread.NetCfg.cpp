@@ -4,8 +4,8 @@
 #include <cwchar>
 
 #include "WindowsDriverInstaller/adapters/TaskText.h"
+#include "common/ModuleInstance.h"
 #include "common/RequireObject.h"
-#include "common/SharedObjects.h"
 
 namespace {
 
