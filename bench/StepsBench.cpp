@@ -8,8 +8,6 @@
 // The class lives in the unnamed namespace of this source.
 #include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above
 
-HINSTANCE moduleInstance = nullptr;  // the module's; its message table is not used
-
 namespace {
 
 constexpr int kStepRounds = 51;

@@ -1,38 +1,18 @@
-# The target header_checks, for ./dev check: compiles each header of the product and of interfaces/ alone, so that none
-# depends on another include before it.
-file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${headers})
+# The target header_checks, for ./dev check: compiles each header of the product and of interfaces/ alone, and each body of
+# the driver threads' classes, so that none depends on what another includes before it.
+file(GLOB_RECURSE checked_alone CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h
+     plugins/filter/WindowsDriverInstaller/threads/*.cpp)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${checked_alone})
 
-# includes_core(HEADER RESULT): whether it includes vta_core.h, itself or by way of others.
-function(includes_core header result)
-    set(${result} FALSE PARENT_SCOPE)
-    cmake_path(GET header PARENT_PATH folder)
-    file(STRINGS "${PROJECT_SOURCE_DIR}/${header}" lines REGEX "^#include \"")
-    foreach(line IN LISTS lines)
-        string(REGEX REPLACE "^#include \"([^\"]*)\".*" "\\1" name "${line}")
-        set(found FALSE)
-        if(name STREQUAL "vta_core.h")
-            set(found TRUE)
-        elseif(EXISTS "${PROJECT_SOURCE_DIR}/${folder}/${name}")
-            includes_core("${folder}/${name}" found)
-        elseif(EXISTS "${PROJECT_SOURCE_DIR}/plugins/filter/${name}")
-            includes_core("plugins/filter/${name}" found)
-        endif()
-        if(found)
-            set(${result} TRUE PARENT_SCOPE)
-            return()
-        endif()
-    endforeach()
-endfunction()
-
-# Those that include vta_core.h, and with it most of the system's headers, have it precompiled.
+# vta_core.h includes most of the system's headers. It is precompiled for those that include it, or a class of the driver
+# threads, which does; never for others, which would not have to include what they use.
 set(core_sources "")
 set(other_sources "")
-foreach(header IN LISTS headers)
-    set(source "${CMAKE_BINARY_DIR}/headers/${header}.cpp")
-    file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${PROJECT_SOURCE_DIR}/${header}\"\n" @ONLY)
-    includes_core("${header}" found)
-    if(found)
+foreach(file IN LISTS checked_alone)
+    set(source "${CMAKE_BINARY_DIR}/headers/${file}.cpp")
+    file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${PROJECT_SOURCE_DIR}/${file}\"\n" @ONLY)
+    file(STRINGS "${PROJECT_SOURCE_DIR}/${file}" core_include REGEX "^#include \"(vta_core|CDriver[A-Za-z]+)\\.h\"")
+    if(core_include)
         list(APPEND core_sources "${source}")
     else()
         list(APPEND other_sources "${source}")
@@ -46,6 +26,6 @@ foreach(target core_header_checks other_header_checks)
     add_dependencies(header_checks ${target})
     target_link_libraries(${target} PRIVATE fc_objects)
     if(NOT MSVC)
-        target_compile_options(${target} PRIVATE -O0 -g0 -w)  # a header may leave declarations unused
+        target_compile_options(${target} PRIVATE -O0 -g0 -w)  # a header may leave declarations unused, and a body functions undefined
     endif()
 endforeach()

@@ -287,11 +287,11 @@ end
 -- Work -----------------------------------------------------------------------------------------------
 
 -- Checks the machine's health until the module gives the answer. Returns how often.
-local function look_until(state, action)
-    for look = 1, 100 do
+local function poll_until(state, action)
+    for poll = 1, 100 do
         host.advance(HEALTH_SECONDS)
         if SLB.filter.CheckSystemHealthMetrics(host.dom(), state, "").action == action then
-            return look
+            return poll
         end
     end
     fail("the health check never answers %d", action)
@@ -299,14 +299,14 @@ end
 
 local function health()
     chapter("The machine is overloaded, and recovers")
-    look_until("Deactivated", 0)
+    poll_until("Deactivated", 0)
     row(clock_text(), "a queue of 4 processes: the filter works")
     host.machine.processor_queue = 90
-    look_until("Deactivated", 1)
+    poll_until("Deactivated", 1)
     row(clock_text(), "a queue of 90 is above 50: the filter fails open")
     host.machine.processor_queue = 6
-    local looks = look_until("Activated", 0)
-    row(clock_text(), "recovered: %d looks, %d s apart, until the wait was over", looks, HEALTH_SECONDS)
+    local polls = poll_until("Activated", 0)
+    row(clock_text(), "recovered: %d polls, %d s apart, until the wait was over", polls, HEALTH_SECONDS)
 end
 
 local function count_connections()

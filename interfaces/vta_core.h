@@ -22,7 +22,7 @@ enum _RebootReason : int {
 };
 
 extern "C" {
-/// The two words through which the agent's profiler communicates with the driver-interface library.
+/// The two variables through which the agent's profiler communicates with the driver library.
 VTA_CORE_API extern volatile unsigned profiler_blockfilter;
 VTA_CORE_API extern volatile unsigned profiler_running;
 }
@@ -60,7 +60,7 @@ public:
     /// Sends an agent event; the arguments follow the rules of wxString::Format's narrow core, that
     /// is, %s takes a `const wchar_t *`.
     void DoAgentEventWrite(int event, const wchar_t *format, ...);
-    /// The same, and writes the text to the agent's log under the number `logId`.
+    /// Sends an agent event, and writes the text to the agent's log under the number `logId`.
     void DoAgentEventWriteAndLog(int event, int logId, const wchar_t *format, ...);
 
 protected:

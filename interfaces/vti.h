@@ -1,4 +1,4 @@
-/* vti, the closed driver-interface library: the way to both filter drivers. A C interface.
+/* vti, the closed driver library: the way to both filter drivers. A C interface.
  * Every operation that yields a status yields 0 for success; the text of the last failure of a handle
  * comes from vti_get_error. Records cross the boundary, so their layout is fixed. */
 #pragma once

@@ -1,5 +1,5 @@
 @echo off
-rem Runs the test programs one after the other, and judges what they leave in the folder "results" beside this file.
+rem Runs the test programs one after the other, and checks what they leave in the folder "results" beside this file.
 rem   accept.cmd [PROGRAM...]     all of them, or those that are named
 rem Ends with 0 if every program has left complete results without a failure, and with 1 otherwise.
 rem

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Random single changes of the module, each run against the tests of its folder: whether they bite.
+# Random single changes of the module, each run against the tests of its folder: whether they notice.
 
 MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
 OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir

@@ -1,4 +1,4 @@
-// The driver behind the stand-in for vti, for scripts.
+// The driver of the stand-in for vti, for scripts.
 #include "HostState.h"
 
 #include <cmath>

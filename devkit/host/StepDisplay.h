@@ -35,6 +35,6 @@ private:
     std::mutex m_lock;  ///< That it should end.
     std::condition_variable m_wake;
     bool m_ends = false;
-    /// A run that has ended is not shown again. A killed thread may keep this locked; nobody waits for ever.
+    /// A run that has ended is not shown again. A killed thread may keep this locked; no wait is unlimited.
     std::timed_mutex m_showing;
 };

@@ -61,7 +61,7 @@ protected:
     /// The calls of these functions since the last Uninstall began, in order, such as "FreeLibrary(*)": pointers and
     /// handles are stars.
     [[nodiscard]] std::vector<std::string> Calls(const std::set<std::string> &functions);
-    /// The same, only by name.
+    /// The names of the calls of these functions since then, in order.
     [[nodiscard]] std::vector<std::string> NamesOfCalls(const std::set<std::string> &functions);
 
     [[nodiscard]] bool HasInf(const std::wstring &name);

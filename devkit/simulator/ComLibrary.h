@@ -16,8 +16,8 @@ inline constexpr char kComInitialisation[] = "COM initialisation";  ///< Its val
 }
 
 struct ComLibrary {
-    /// Threads already have a single-threaded apartment, made by other code: CoInitializeEx returns RPC_E_CHANGED_MODE
-    /// for the multithreaded model, and S_FALSE for the other.
+    /// Threads already have a single-threaded apartment, created by other code: CoInitializeEx returns
+    /// RPC_E_CHANGED_MODE for the multithreaded model, and S_FALSE for the other.
     std::atomic<bool> threadsHaveApartments{false};
 
     /// Whether the calling thread has a model. What another thread has initialised does not count.

@@ -223,7 +223,7 @@ void FunctionSet::AttachWhenLoaded(const std::wstring &baseName) {
     const auto registerNotification = NtdllFunction<RegisterFunction>("LdrRegisterDllNotification");
     if (registerNotification == nullptr ||
         registerNotification(0, &LoadNotification::OnLoaded, this, &m_loadNotification) != 0)
-        throw std::runtime_error("the loader tells nobody of the modules that it loads");
+        throw std::runtime_error("the loader's notifications are not available");
 }
 
 bool FunctionSet::IsAwaited(const std::wstring &baseName) const {

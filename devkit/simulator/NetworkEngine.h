@@ -51,7 +51,7 @@ public:
         return m_network->Use(
             [&](NetworkState &state) -> HRESULT { return m_initialized ? body(state) : NETCFG_E_NOT_INITIALIZED; });
     }
-    /// The same, with the write lock.
+    /// Runs the body if the engine is initialised and has the write lock.
     template <class Body>
     HRESULT WhenLocked(Body body) {
         return WhenInitialized(

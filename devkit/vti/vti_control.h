@@ -1,4 +1,4 @@
-// The driver behind the stand-in for vti: its answers, its failures, and its calls.
+// The driver of the stand-in for vti: its answers, its failures, and its calls.
 #pragma once
 
 #include <array>

@@ -16,8 +16,7 @@
 #include "DriverThreadProbe.h"
 #include "RemovalFixture.h"
 #include "WindowsFunctions.h"
-
-HINSTANCE moduleInstance = nullptr;
+#include "common/ModuleInstance.h"
 
 namespace {
 
@@ -70,10 +69,10 @@ protected:
     std::uint64_t WatchMs(Probe &thread) {
         simulation().GetClock().Step(Simulator::Clock::AutoAdvance::SleepsAndWaits);
         const std::uint64_t begin = simulation().GetClock().TickMs();
-        int looks = 0;
-        while (thread.WaitForStepToFinish() && ++looks < 100) {
+        int polls = 0;
+        while (thread.WaitForStepToFinish() && ++polls < 100) {
         }
-        EXPECT_LT(looks, 100);
+        EXPECT_LT(polls, 100);
         return simulation().GetClock().TickMs() - begin;
     }
     void AdvanceMs(int by) { simulation().GetClock().Advance(milliseconds(by)); }

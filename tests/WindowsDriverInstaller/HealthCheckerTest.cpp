@@ -52,7 +52,7 @@ protected:
         return adapter;
     }
     /// The check's verdict on the adapter now, compared with these earlier records; the message includes the result.
-    static std::string Judge(const TcpAdapterList &before, const TcpAdapter &now) {
+    static std::string Check(const TcpAdapterList &before, const TcpAdapter &now) {
         const bool healthy = AdaptorHealthChecker(before)(now);
         const std::vector<std::string> messages = TakeTracedMessages("NDIS");
         EXPECT_EQ(messages.size(), 1U);
@@ -63,54 +63,54 @@ protected:
 };
 
 TEST_F(HealthChecker, AcceptsAnUnchangedAdapter) {
-    EXPECT_EQ(Judge({One()}, One()), kHealthy);
+    EXPECT_EQ(Check({One()}, One()), kHealthy);
 }
 
 TEST_F(HealthChecker, AcceptsAnyStateOfAnAdapterThatIsNotBoundToTheFilter) {
     for (const auto &[breakIt, message] : kRules) {
         TcpAdapter now = Changed(breakIt);
         now.boundToFilter = false;
-        EXPECT_EQ(Judge({One()}, now), kUnbound) << message;
+        EXPECT_EQ(Check({One()}, now), kUnbound) << message;
     }
 }
 
 TEST_F(HealthChecker, UsesTheCurrentBindingAndNotTheEarlierOne) {
     TcpAdapter before = One();
     before.boundToFilter = false;
-    EXPECT_EQ(Judge({before}, Changed(kRules[0].first)), kDisconnected);
+    EXPECT_EQ(Check({before}, Changed(kRules[0].first)), kDisconnected);
 }
 
 TEST_F(HealthChecker, AcceptsANewAdapter) {
     TcpAdapter other = One();
     other.bindName = "{other}";
     for (const auto &[breakIt, message] : kRules) {
-        EXPECT_EQ(Judge({other}, Changed(breakIt)), kHealthy) << message;
-        EXPECT_EQ(Judge({}, Changed(breakIt)), kHealthy) << message;
+        EXPECT_EQ(Check({other}, Changed(breakIt)), kHealthy) << message;
+        EXPECT_EQ(Check({}, Changed(breakIt)), kHealthy) << message;
     }
 }
 
 TEST_F(HealthChecker, ComparesTheBindNameCaseSensitively) {
     TcpAdapter before = One();
     before.bindName = "{ONE}";
-    EXPECT_EQ(Judge({before}, Changed(kRules[0].first)), kHealthy);
+    EXPECT_EQ(Check({before}, Changed(kRules[0].first)), kHealthy);
 }
 
 TEST_F(HealthChecker, ComparesWithTheFirstRecordOfTheBindName) {
     const TcpAdapter down = Changed([](TcpAdapter &adapter) { adapter.mediaConnectStatus = 1; });
-    EXPECT_EQ(Judge({down, One()}, down), kHealthy);
-    EXPECT_EQ(Judge({One(), down}, down), kDisconnected);
+    EXPECT_EQ(Check({down, One()}, down), kHealthy);
+    EXPECT_EQ(Check({One(), down}, down), kDisconnected);
 }
 
 TEST_F(HealthChecker, RejectsWhatGotWorse) {
     for (const auto &[breakIt, message] : kRules)
-        EXPECT_EQ(Judge({One()}, Changed(breakIt)), message);
+        EXPECT_EQ(Check({One()}, Changed(breakIt)), message);
 }
 
 TEST_F(HealthChecker, AcceptsWhatWasDownBefore) {
     for (const auto &[breakIt, message] : kRules) {
         const TcpAdapter down = Changed(breakIt);
-        EXPECT_EQ(Judge({down}, down), kHealthy) << message;
-        EXPECT_EQ(Judge({down}, One()), kHealthy) << "it got better: " << message;
+        EXPECT_EQ(Check({down}, down), kHealthy) << message;
+        EXPECT_EQ(Check({down}, One()), kHealthy) << "it got better: " << message;
     }
 }
 
@@ -119,23 +119,23 @@ TEST_F(HealthChecker, ReportsOnlyTheFirstBrokenRule) {
         TcpAdapter now = One();
         for (std::size_t rule = first; rule < kRules.size(); ++rule)
             kRules[rule].first(now);
-        EXPECT_EQ(Judge({One()}, now), kRules[first].second);
+        EXPECT_EQ(Check({One()}, now), kRules[first].second);
     }
 }
 
 TEST_F(HealthChecker, TreatsAnAdapterThatCannotBeQueriedAsDisconnected) {
     const TcpAdapter unknown = Changed([](TcpAdapter &adapter) { adapter.mediaConnectStatus = 0xFFFFFFFF; });
-    EXPECT_EQ(Judge({One()}, unknown), kDisconnected);
-    EXPECT_EQ(Judge({unknown}, unknown), kHealthy);
+    EXPECT_EQ(Check({One()}, unknown), kDisconnected);
+    EXPECT_EQ(Check({unknown}, unknown), kHealthy);
     const TcpAdapter down = Changed([](TcpAdapter &adapter) { adapter.mediaConnectStatus = 1; });
-    EXPECT_EQ(Judge({unknown}, down), kHealthy);
-    EXPECT_EQ(Judge({down}, unknown), kHealthy);
+    EXPECT_EQ(Check({unknown}, down), kHealthy);
+    EXPECT_EQ(Check({down}, unknown), kHealthy);
 }
 
 TEST_F(HealthChecker, AcceptsAnotherNonzeroStatus) {
     const TcpAdapter before = Changed([](TcpAdapter &adapter) { adapter.deviceStatus = 10; });
     const TcpAdapter now = Changed([](TcpAdapter &adapter) { adapter.deviceStatus = 22; });
-    EXPECT_EQ(Judge({before}, now), kHealthy);
+    EXPECT_EQ(Check({before}, now), kHealthy);
 }
 
 TEST_F(HealthChecker, AcceptsOtherAddresses) {
@@ -143,13 +143,13 @@ TEST_F(HealthChecker, AcceptsOtherAddresses) {
         adapter.ipAddress = 0x0B00000A;
         adapter.gatewayAddress = 0x0200000A;
     });
-    EXPECT_EQ(Judge({One()}, now), kHealthy);
+    EXPECT_EQ(Check({One()}, now), kHealthy);
 }
 
 TEST_F(HealthChecker, UsesTheAdaptersCurrentName) {
     TcpAdapter before = One();
     before.displayName = "Another name";
-    EXPECT_EQ(Judge({before}, Changed(kRules[1].first)), kStatus);
+    EXPECT_EQ(Check({before}, Changed(kRules[1].first)), kStatus);
 }
 
 TEST_F(HealthChecker, TracesNothingWhileItsChannelIsOff) {

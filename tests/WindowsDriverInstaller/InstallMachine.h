@@ -74,7 +74,7 @@ protected:
 
     /// The call hangs until the given time after the moment of the hang.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);
-    /// The same with a plan that was made before.
+    /// The call of an existing plan hangs until then.
     InstallOutcome InstallHungBy(const FaultPlan &plan, std::int64_t milliseconds);
 
 private:

@@ -1,4 +1,4 @@
-// What is told, and in which order, of an installation that nobody can wait for any longer.
+// What is reported, and in which order, of an installation that can no longer be waited for.
 #include <string>
 #include <vector>
 

@@ -20,7 +20,7 @@
 #include "NativeKeys.h"
 #include "SecurityFunctions.h"
 #include "WindowsDriverInstaller/cleanup/RegistryTree.h"
-#include "common/TakeOwnership.h"
+#include "WindowsDriverInstaller/cleanup/TakeOwnership.h"
 #include "slb3_control.h"
 #include "vta_core_control.h"
 
@@ -298,7 +298,7 @@ TEST_F(RealKey, IsTakenFromTheSystemWhenItsAccessListIsLocked) {
         });
     EXPECT_EQ(Take(name), std::vector<std::string>{});
     EXPECT_EQ(enabledAtOwner, std::vector<bool>{true}) << "Windows would refuse it otherwise";
-    EXPECT_EQ(enabledAtList, (std::vector<bool>{false, false})) << "before it, and no longer behind it";
+    EXPECT_EQ(enabledAtList, (std::vector<bool>{false, false})) << "before it, and no longer after it";
     EXPECT_EQ(Security(), L"S-1-5-32-544; S-1-1-0 all; S-1-5-32-544 all");
     EXPECT_FALSE(IsTakeOwnershipEnabled()) << "no longer";
     EXPECT_EQ(DeleteRegistryTree(path), 0);

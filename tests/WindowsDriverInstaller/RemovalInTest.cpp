@@ -2,8 +2,7 @@
 
 #include "CallScope.h"
 #include "DriverThreadProbe.h"
-
-HINSTANCE moduleInstance = nullptr;
+#include "common/ModuleInstance.h"
 
 ProbeResult RunRemovalInTest(VtaCore::CDom &dom, const wxString &wfpDriverDir) {
     {

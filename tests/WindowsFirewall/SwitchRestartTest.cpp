@@ -69,8 +69,8 @@ protected:
         unsigned nth;
         int profiles;
     };
-    /// Calls SLB.filter.<call> in a process that ends when it comes to that call, before this does anything: the thread
-    /// is ended within it, and the next process has the module anew.
+    /// Calls SLB.filter.<call> in a process that ends when it reaches that call, before this does anything: the thread
+    /// is ended within it, and the next process loads the module again.
     void CrashIn(const std::string &call, const std::string &function, unsigned nth) {
         lua_State *const state = luaL_newstate();  // never closed: its thread is still in a call
         luaL_openlibs(state);

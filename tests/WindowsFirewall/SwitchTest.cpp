@@ -371,7 +371,7 @@ TEST_F(NativeFirewall, UsesNoServiceOnANewSystem) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(NativeFirewall, JudgesTheSystemOnlyByItsMajorVersion) {
+TEST_F(NativeFirewall, ChecksOnlyTheMajorVersion) {
     simulation().GetMachine().osMajor = 6;
     simulation().GetMachine().osMinor = 0;
     EXPECT_EQ(TurnOff().at(1), kNoStart);

@@ -67,7 +67,7 @@ TEST_F(SimulatedCom, CreatesNothingInAThreadWithoutAModel) {
     EXPECT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
     InThread([] {
         auto *object = reinterpret_cast<IUnknown *>(0x4711);
-        EXPECT_EQ(Create(&object), CO_E_NOTINITIALIZED) << "what another thread has made does not count";
+        EXPECT_EQ(Create(&object), CO_E_NOTINITIALIZED) << "what another thread has created does not count";
         EXPECT_EQ(object, nullptr);
     });
     CoUninitialize();

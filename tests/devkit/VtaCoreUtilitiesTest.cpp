@@ -104,7 +104,7 @@ TEST(SafePrint, TruncatesAndTerminatesATextThatDoesNotFit) {
     EXPECT_STREQ(buffer, "1234567");
     EXPECT_EQ(Print(buffer, 1, "%d", 7), -1);
     EXPECT_STREQ(buffer, "");
-    EXPECT_EQ(buffer[8], '\0') << "nothing behind the room was written";
+    EXPECT_EQ(buffer[8], '\0') << "nothing after the room was written";
 }
 
 TEST(SafePrint, DoesNothingWithoutABuffer) {

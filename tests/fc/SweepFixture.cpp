@@ -142,15 +142,15 @@ void CallWatch::Begin(const std::string &call) {
 }
 
 void CallWatch::Watch() const {
-    constexpr unsigned lookEachMs = 50;
-    constexpr unsigned looksAtMost = 180'000 / lookEachMs;
+    constexpr unsigned pollEachMs = 50;
+    constexpr unsigned pollsAtMost = 180'000 / pollEachMs;
     unsigned seen = callsBegun;
-    for (unsigned looks = 0; !m_ended; ++looks) {
-        Simulator::System::Sleep::Real(lookEachMs);
+    for (unsigned polls = 0; !m_ended; ++polls) {
+        Simulator::System::Sleep::Real(pollEachMs);
         if (seen != callsBegun)
-            looks = 0;
+            polls = 0;
         seen = callsBegun;
-        if (looks == looksAtMost) {
+        if (polls == pollsAtMost) {
             TellCurrentCall("hang");
             TerminateProcess(GetCurrentProcess(), EXIT_FAILURE);
         }

@@ -80,7 +80,7 @@ protected:
 
     /// The state for a group of calls; the effects of earlier groups on the machine are undone.
     void RestoreMachine();
-    /// The same, with or without drivers, before each call that starts threads.
+    /// The state before each call that starts threads, with or without drivers.
     void RestoreDrivers();
 
     /// Makes one call and checks all that it returns.

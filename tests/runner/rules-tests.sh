@@ -86,7 +86,10 @@ APageWithoutRowsFails() {
 ACommentWithoutAReasonFails() {
     fresh
     echo "// leaves it open; that is kept ""so" >>plugins/a.cpp
-    fails_with 'Say why' 'plugins/a.cpp:3'
+    fails_with 'Say why' 'plugins/a.cpp:3' || return
+    fresh
+    echo "That is kept ""so." >docs/page.md
+    fails_with 'Say why' 'docs/page.md:1'
 }
 
 EventsAndMessagesOfThePagePass() {
@@ -171,12 +174,23 @@ TheEntryIncludesOnlyTheHeaderNamedAfterASubject() {
     finds 'fc/Table.cpp includes Subject/parts/Part.h: include Subject/Subject.h'
 }
 
+APartOfTheEntryDoesNotIncludeTheEntry() {
+    local header
+    for header in ../Table.h fc/Table.h; do
+        fresh_folders
+        file fc/Table.h ''
+        file fc/metrics/Map.h ''
+        file fc/metrics/Map.cpp '#include "Map.h"' '#include "fc/metrics/Map.h"' "#include \"$header\""
+        finds "fc/metrics/Map.cpp includes $header: the entry uses its parts" || return
+    done
+}
+
 for name in MatchingNumbersAndExistingTestsPass ANumberThatThePageDoesNotExplainFails \
     ANumberThatTheCodeDoesNotHaveFails ADuplicateNumberOnThePageFails AMissingTestFails APageWithoutRowsFails \
     ACommentWithoutAReasonFails EventsAndMessagesOfThePagePass AnEventThatThePageDoesNotExplainFails \
     AnEventThatTheCodeDoesNotSendFails AMessageThatThePageDoesNotHaveFails \
     IncludesInTheRightDirectionPass CommonIncludesNoOtherFolder ASubjectIncludesNoOtherSubject ASubjectDoesNotIncludeTheEntry \
-    TheEntryIncludesOnlyTheHeaderNamedAfterASubject; do
+    TheEntryIncludesOnlyTheHeaderNamedAfterASubject APartOfTheEntryDoesNotIncludeTheEntry; do
     test_case "$name"
 done
 write_results rules-tests "$XML"

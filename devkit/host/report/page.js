@@ -97,10 +97,10 @@ function scaleOf(metric) {
 }
 
 function describe(metric, run) {
-  const judged = run.time.map((_, row) => row).filter(row => !isOff(metric, row));
-  if (!judged.length) return 'never judged: no limit is configured';
-  const over = judged.filter(row => isOver(metric, row)).length;
-  const [low, high] = rangeOf(judged.map(row => metric.value[row]).filter(value => value !== null));
+  const checked = run.time.map((_, row) => row).filter(row => !isOff(metric, row));
+  if (!checked.length) return 'never checked: no limit is configured';
+  const over = checked.filter(row => isOver(metric, row)).length;
+  const [low, high] = rangeOf(checked.map(row => metric.value[row]).filter(value => value !== null));
   return `${metric.name} · from ${formatNumber(low)} to ${formatNumber(high)}` +
     (over ? ` · past its limit in ${plural(over, 'iteration', 'iterations')}` : '');
 }
@@ -261,7 +261,7 @@ function fillTip(run, row) {
     line.insertCell().textContent = metric.title;
     const cell = line.insertCell();
     const bound = metric.isFloor ? 'at least' : 'at most';
-    cell.textContent = isOff(metric, row) ? 'not judged' :
+    cell.textContent = isOff(metric, row) ? 'not checked' :
       `${formatNumber(metric.value[row])} (${bound} ${formatNumber(metric.limit[row])})`;
     if (isOver(metric, row)) cell.className = 'is-over';
   }
@@ -400,7 +400,7 @@ function fillTransitions(run) {
         `${reasonsOf(run, row)}; the next check is in ${run.wait[row]} min`]);
     else if (step === STEP.RECOVERED)
       rows.push([time, { textContent: 'Recovered', className: 'is-recovered narrow' },
-        'all judged metrics are within the limits for recovery']);
+        'all checked metrics are within the limits for recovery']);
   });
   fillList(byId('transitions'), ['Time (UTC)', 'What', 'Why'], rows, 'None: the state did not change.');
 }

@@ -9,7 +9,7 @@ namespace Filter::Diagnostics {
 /// Adds all five, in this order. @return true, whatever became of them.
 bool AddDriverContent(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip);
 
-// Each adds its file, and yields whether its job was done.
+// Each adds its file, and returns whether it succeeded.
 
 /// "vta_stats.txt".
 bool AddDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip);

@@ -1,6 +1,6 @@
 #include "FileMemory.h"
 
-#include "common/SharedObjects.h"
+#include "Diagnostics.h"
 
 namespace Filter::Diagnostics {
 

@@ -7,7 +7,7 @@
 
 namespace Filter::Diagnostics {
 
-/// What a file is collected in. It remembers what wxWidgets tells nobody: that a part of it found no memory.
+/// What a file is collected in. Records allocation failures, which wxWidgets does not report.
 class FileMemory : public wxMemoryOutputStream {
 public:
     [[nodiscard]] bool IsWhole() const;

@@ -1,4 +1,4 @@
-// A text file of the package while the driver-interface library prints it.
+// A text file of the package while the driver library prints it.
 #pragma once
 
 #include <optional>

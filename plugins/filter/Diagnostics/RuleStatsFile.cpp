@@ -43,7 +43,7 @@ void WriteRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &ou
         (void)ShowErrors(dom, handle, L"vti_get_profile_stats()", status);
         return;
     }
-    out.Write(buffer.get() + 1, std::min(*buffer, room));  // or claim more than there is room for
+    out.Write(buffer.get() + 1, std::min(*buffer, room));  // the driver may claim more than fits
     ResetRuleStatsVariable(handle);
 }
 
@@ -56,10 +56,10 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     {
         wxBufferedOutputStream out(memory);
         if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
-            return false;  // no memory: it would write there all the same
+            return false;  // no memory: the stream would write to null
         WriteRuleStats(dom, handle, out, kDiagnosticsTrace);
     }
-    // not reached: clang counts nothing behind a block with a return
+    // not reached: clang counts nothing after a block with a return
     return AddFileMemory(zip, memory, false, "vta.tpf");
 }
 

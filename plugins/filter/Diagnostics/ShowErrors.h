@@ -1,4 +1,4 @@
-// Reports what the driver refuses.
+// Reports failed driver calls.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// How long fail-open lasts before a recovery is tried: kept as settings of the agent, so that a restart goes on with
-// the wait that had been reached.
+// How long fail-open lasts before a recovery is tried: kept as settings of the agent, so that the current
+// wait survives a restart.
 #pragma once
 
 #include <cstdint>

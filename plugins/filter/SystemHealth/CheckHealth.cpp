@@ -62,7 +62,7 @@ std::optional<CheckArguments> ReadCheckHealthArguments(lua_State *L, const Trace
 }
 
 /// From the policy that the caller hands over, else from the local file.
-/// @return accepted values, less than one for nothing to go by.
+/// @return accepted values; below 1 if nothing usable is configured.
 std::int32_t ReadCheckHealthConfiguration(HealthConfig &config, const CheckArguments &arguments,
                                           const TraceSite &site) {
     Trace(site, "cloud_config size[%d]:%s ", static_cast<int>(arguments.cloudConfigLength),
@@ -82,7 +82,7 @@ struct IterationTime {
     double delta_t;     ///< Seconds since the previous call; 0 in the first.
 };
 
-/// The long line: all that an iteration went by.
+/// The long line: all inputs and results of an iteration.
 void LogCheckHealth(const HealthState &health, const IterationTime &time, const FailOpenInput &input,
                     const FailOpenResult &result) {
     const auto name = [](FailOpenState state) { return state == FailOpenState::Activated ? "Act" : "Deact"; };

@@ -3,6 +3,6 @@
 
 class HealthConfig;
 
-/// Writes the values that are set to the diagnostic file, anew each time.
+/// Writes the values that are set to the diagnostic file, overwriting it.
 /// @return whether it was written.
 bool outputCloudConfig(const HealthConfig &config);

@@ -55,7 +55,7 @@ FailOpenResult StepFailOpenActivated(HealthState &health, const FailOpenInput &i
         StartBackoff(health.backoff, input, site);
     // compat 48: a clock that was set back makes this huge, so that recovery is checked at once
     const std::uint64_t elapsed = (input.now - backoff.last_check) / kMicrosecondsPerMinute;
-    // compat 39: judges no metric before the wait is over
+    // compat 39: checks no metric before the wait is over
     if (elapsed >= backoff.backoff_wait)
         return CheckFailOpenRecovery(health, input, result, site);
     result.next_chk = backoff.backoff_wait - elapsed;

@@ -24,16 +24,16 @@ enum class FailOpenState { Deactivated, Activated };
 /// The state of that name, as scripts give it; nothing for another text, which is logged as an error.
 std::optional<FailOpenState> FailOpenStateFromText(const char *text);
 
-/// What the state machine is to go by.
+/// Input of the state machine.
 struct FailOpenInput {
     VtaCore::CDom &dom;
     FailOpenState state;
     std::uint64_t now;      ///< Microseconds since 1601.
     std::uint64_t min_dur;  ///< First wait, minutes.
-    std::uint64_t max_dur;  ///< Longest wait that growth leads to, minutes.
+    std::uint64_t max_dur;  ///< Upper limit for growth, minutes.
 };
 
-/// What it came to.
+/// Its result.
 struct FailOpenResult {
     Action action;
     FailOpenState state;

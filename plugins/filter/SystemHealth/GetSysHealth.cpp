@@ -15,8 +15,8 @@
 
 namespace {
 
-/// The number's integer part. One that is no number or has no 64-bit integer part gives the least integer, as the
-/// processor's own conversion has it.
+/// The number's integer part. One that is no number or has no 64-bit integer part gives the least integer, as the CPU
+/// converts it.
 lua_Integer SysHealthIntegerPart(double number) {
     constexpr double limit = 9223372036854775808.0;  // 2 to the power of 63
     static_assert(sizeof(lua_Integer) == 8);
@@ -56,7 +56,7 @@ void PushSysHealthMetric(lua_State *L, const ShownMetric &metric) {
     lua_setfield(L, -2, "name");
 }
 
-/// Pushes the array of the metrics, the processor count behind them.
+/// Pushes the array of the metrics, the processor count after them.
 void PushSysHealthMetrics(lua_State *L, const ShownMetrics &metrics) {
     lua_createtable(L, kMetricRows + 1, 0);
     int index = 0;

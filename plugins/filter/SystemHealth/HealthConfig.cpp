@@ -20,7 +20,7 @@ constexpr char kUnloadDriverSetting[] = "vtp.filter.FailOpenUnloadDriver";
 
 constexpr std::int32_t kNoPort = -1;
 
-/// Takes the value of one row from the line if it stands there.
+/// Takes the value of one row from the line if the line has that key.
 /// @return whether it was accepted.
 bool TakeConfigLine(HealthConfig &config, SysHealthConfigEntry &entry, const char *line) {
     const std::size_t keyLength = std::strlen(entry.file_key);

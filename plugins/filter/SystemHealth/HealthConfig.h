@@ -74,15 +74,15 @@ private:
 // The two switches, when all values are read.
 
 /// Tells the agent whether fail-open is to unload the driver: only the value 1 asks for it.
-/// @param line     of the reader, and
-/// @param message  traced there if so.
+/// @param line     the reader's trace line.
+/// @param message  traced if the driver is to be unloaded.
 void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceLine &line,
                                  const char *message);
 /// Whether the whole subsystem is switched off, which is traced as `line`: only the value 1 does so.
 bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceLine &line);
 
 /// Fills the table from the local file.
-/// @param activated  non-zero in fail-open, where the driver's metrics are not judged.
+/// @param activated  non-zero in fail-open, where the driver's metrics are not checked.
 /// @return the number of accepted lines; 0 also when the file can't be read or switches the subsystem off.
 std::int32_t readSystemHealthConfig(HealthConfig &config, VtaCore::CDom &dom, std::int32_t activated);
 

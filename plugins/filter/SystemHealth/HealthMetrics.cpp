@@ -109,7 +109,7 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
     }
     if (freeMemory.enabled != 0) {
         freeMemory.value = FreeMemoryHealthMetric(from.memory);
-        // compat 30: both in KiB, whatever the words say
+        // compat 30: both in KiB, although the text says pages and MB
         Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",
               from.memory.vmStats[vmstat_freemem].value, from.memory.vmStats[vmstat_phys_mem].value, freeMemory.value);
     }

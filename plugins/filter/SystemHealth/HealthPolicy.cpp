@@ -118,7 +118,7 @@ const char *PolicyValueIn(const char *json) {
 }
 
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
-/// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
+/// after the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
 const char *FindOverlongPolicyNumber(const char *json) {
     constexpr std::size_t maxCharacters = 65'536;

@@ -10,8 +10,8 @@
 constexpr char kPolicyValueKey[] = "value";
 
 /// Fills the table from the policy.
-/// @param activated  non-zero in fail-open, where the driver's metrics are not judged.
-/// @param json       ends with a NUL; what stands behind the object is ignored.
+/// @param activated  non-zero in fail-open, where the driver's metrics are not checked.
+/// @param json       ends with a NUL; text after the object is ignored.
 /// @return the number of stored values; 0 when the policy switches the subsystem off; 1, with nothing stored, when
 ///         it can't be parsed.
 std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, std::int32_t activated, const char *json);

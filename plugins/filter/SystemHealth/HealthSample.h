@@ -1,4 +1,4 @@
-// What an iteration goes by.
+// One sample of host and driver.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ struct TraceSite;
 
 /// The host and the driver at one moment.
 struct HealthSample {
-    Action failure = actionNormal;  ///< Another one is what the iteration is to end with; the rest says nothing then.
+    Action failure = actionNormal;  ///< Otherwise the iteration's action; the other fields are then unset.
     double rqlen = 0.0;
     std::uint32_t numCpus = 0;
     std::optional<ScanMetricsRecord> scan{};

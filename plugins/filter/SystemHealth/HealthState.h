@@ -1,4 +1,4 @@
-// All that the health subsystem knows: one object.
+// The state of the health subsystem.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 #include "ScanMetrics.h"
 
 struct HealthState {
-    // Read and written by iterations alone, of which there is one at a time. They take no lock for it.
+    // Read and written by iterations alone (only one runs at a time). They take no lock for it.
     HealthConfig config;  ///< Rebuilt from nothing by each. Any thread may ask for its port.
     HostMemory memory;
     std::uint64_t lastIterationTime = 0;  ///< compat 49: `now` of the previous one, even of a failed one

@@ -3,6 +3,6 @@
 
 #include <optional>
 
-/// Threads that wait for a processor, measured over 100 ms, for which the caller is held.
+/// Threads that wait for a processor, measured over 100 ms; blocks the caller meanwhile.
 /// @return nothing after a failure, which is traced.
 std::optional<double> queryRunQueueLength();

@@ -94,7 +94,7 @@ std::optional<ScanMetricsRecord> RunScanDriverPass(ScanRates &scan, HealthConfig
 
 void RunScanRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t) {
     const auto rows = static_cast<std::int32_t>(record.row_count);
-    // The driver's word is taken for how many counters it has filled, but the record has room for no more.
+    // The driver reports how many counters it has filled, but the record has room for no more.
     const std::int32_t counters =
         std::min(static_cast<std::int32_t>(record.counters_per_row), static_cast<std::int32_t>(kScanCounters));
     if (rows <= 0 || counters <= 0)

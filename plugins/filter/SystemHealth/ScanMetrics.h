@@ -1,4 +1,4 @@
-// The driver's counters of the monitored port, and the rates that they come to.
+// The driver's counters of the monitored port, and the rates computed from them.
 #pragma once
 
 #include <cstdint>

@@ -6,7 +6,8 @@
 #include "HealthState.h"
 
 /// Lua: {action = number} = f(dom, state, cloud_config). One iteration: reads the configuration, samples the host
-/// and decides on fail-open. Blocks for at least 100 ms. Wrong arguments are told by `action`. One caller at a time.
+/// and decides on fail-open. Blocks for at least 100 ms. Wrong arguments are reported in `action`. One caller at a
+/// time.
 int CheckSystemHealthMetrics(lua_State *L);
 
 /// Lua: true, metrics = f(). The metrics of the last evaluated iteration. Any thread.

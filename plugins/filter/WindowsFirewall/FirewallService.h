@@ -9,12 +9,12 @@ namespace WindowsFirewall {
 // starts, for one where it stops.
 
 /// @param running  receives whether the service runs; always true on Vista and later.
-/// @param start    start it if it is stopped; otherwise it is only looked at.
+/// @param start    start it if it is stopped; otherwise it is only queried.
 /// @return false on failure.
 bool StartFirewallService(bool *running, bool start);
-/// Whether it runs, by the same function.
+/// Whether it runs, by a call of StartFirewallService.
 bool IsFirewallServiceRunning(bool *running);
-/// Starts it if it is stopped, by the same function.
+/// Starts it if it is stopped, by a call of StartFirewallService.
 bool EnsureFirewallServiceRuns(bool *wasRunning);
 /// What StartFirewallService does, whatever the system. Has nothing to do with the system's function of that name.
 bool StartServiceW(bool *running, bool start);

@@ -24,7 +24,7 @@ std::array<wchar_t, 256> FirewallSwitchKeyName() {
     return name;
 }
 
-/// compat 133: a key that can't be made leaves neither record nor trace
+/// compat 133: a key that can't be created leaves neither record nor trace
 void RememberSwitchedProfiles(DWORD mask, const TraceSite &site) {
     HKEY made = nullptr;
     if (RegCreateKeyW(HKEY_LOCAL_MACHINE, FirewallSwitchKeyName().data(), &made) != ERROR_SUCCESS)

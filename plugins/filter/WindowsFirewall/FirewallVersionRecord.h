@@ -1,4 +1,4 @@
-// The Windows version by which the firewall is handled.
+// The Windows version that selects the firewall interfaces.
 #pragma once
 
 #include <windows.h>

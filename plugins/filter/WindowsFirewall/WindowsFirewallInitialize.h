@@ -15,11 +15,11 @@ using Microsoft::WRL::ComPtr;
 /// compat 138: a thread of another model counts as entered, and is matched by one CoUninitialize, too
 bool InitializeFirewallCom(const TraceLine &line);
 
-/// Makes the objects; logs a failure.
+/// Creates the objects; logs a failure.
 /// @param profile  receives the current profile of the legacy interfaces, on every system.
-/// @param policy   receives the policy where the version record says Vista or later; null elsewhere, and so as long as
-///                 nobody has filled the record.
-/// @return a negative result leaves in the two what was obtained before the failure, for the caller to release.
+/// @param policy   receives the policy where the version record says Vista or later; null elsewhere, and until the
+///                 record is filled.
+/// @return after a negative result both may hold objects created before the failure, for the caller to release.
 HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **policy);
 
 }  // namespace WindowsFirewall

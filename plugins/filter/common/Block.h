@@ -1,4 +1,4 @@
-// The owner of a block of malloc.
+// Owns a block from malloc.
 #pragma once
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// What the module says about failures of the driver-interface library.
+// Texts for failures of the driver library.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include "MessageText.h"
 #include "vti.h"
 
-/// Agent event of a failure of the driver-interface library.
+/// Agent event of a failure of the driver library.
 constexpr int kDriverFailureEvent = 1001;
 
 /// The text of the handle's last failure, for a message.

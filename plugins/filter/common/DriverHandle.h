@@ -1,4 +1,4 @@
-// The owner of a handle of the driver-interface library.
+// The owner of a handle of the driver library.
 #pragma once
 
 #include "Unique.h"

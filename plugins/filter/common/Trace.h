@@ -1,4 +1,4 @@
-// Trace lines. A line is one call of Trace, which formats nothing unless the component is wanted:
+// Trace lines. A line is one call of Trace, which formats nothing unless the component is enabled:
 //     Trace(kFilterTrace, "Set ifList: %s", list);
 // A helper that traces on behalf of a function that readers know is handed that function's TraceSite: its lines carry
 // that function's name and their own numbers. A helper whose one line serves several callers takes a TraceLine instead,
@@ -15,12 +15,12 @@
 #include "MessageText.h"
 #include "vta_core.h"
 
-/// The module frame's component.
+/// The component of the driver flags, and of the diagnostic package as a whole.
 constexpr wchar_t kFilterTrace[] = L"filter";
 
 /// The component that a line belongs to, and the function that it names.
 struct TraceSite {
-    // NOLINTNEXTLINE(google-explicit-constructor): the conversion takes down the place of the call
+    // NOLINTNEXTLINE(google-explicit-constructor): the conversion records the call site
     TraceSite(const wchar_t *toComponent, const std::source_location &from = std::source_location::current())
         : component(toComponent), place(from) {}
 
@@ -28,9 +28,9 @@ struct TraceSite {
     std::source_location place;  ///< Somewhere in the function.
 };
 
-/// The same, with the place whose file and number the line carries.
+/// A TraceSite, with the place whose file and number the line carries.
 struct TraceLine {
-    // NOLINTNEXTLINE(google-explicit-constructor): the conversion takes down the place of the call
+    // NOLINTNEXTLINE(google-explicit-constructor): the conversion records the call site
     TraceLine(const TraceSite &site, const std::source_location &from = std::source_location::current())
         : component(site.component), function(site.place), place(from) {}
     // NOLINTNEXTLINE(google-explicit-constructor)
@@ -47,7 +47,7 @@ constexpr const char *TraceFileNameOf(std::string_view path) {
     return path.data() + (path.find_last_of("/\\") + 1);  // without a folder that is npos + 1, which is 0
 }
 
-/// The name of a function, with its namespaces and classes, from the text that the compiler makes of it:
+/// The name of a function, with its namespaces and classes, from the compiler's signature:
 /// "bool Filter::Diagnostics::IsDriverOpen(vti_handle_t*)" is Filter::Diagnostics::IsDriverOpen. Unnamed namespaces are
 /// left out.
 inline std::string TraceFunctionNameOf(std::string_view signature) {
@@ -65,12 +65,12 @@ inline std::string TraceFunctionNameOf(std::string_view signature) {
     return name.ends_with("::operator") ? name + "()" : name;
 }
 
-/// A text from outside as an argument of Trace, made by TextForMessage only if the line is wanted.
+/// A text from outside as an argument of Trace, converted by TextForMessage only if the line is written.
 struct OutsideText {
     const char *text;
 };
 
-/// The same, made by LibraryTextForMessage; null is an empty text.
+/// A text from outside as an argument of Trace, converted by LibraryTextForMessage; null is an empty text.
 struct LocaleText {
     const char *text;
 };
@@ -86,8 +86,8 @@ inline wxString TraceArgument(const LocaleText &locale) {
     return LibraryTextForMessage(locale.text);
 }
 
-/// Writes a line if the component is wanted. Any thread.
-/// @param format     as wxString::Format has it, and
+/// Writes a line if the component is enabled. Any thread.
+/// @param format     a wxString::Format string, and
 /// @param arguments  its arguments.
 template <typename... Arguments>
 void Trace(const TraceLine &line, const wxFormatString &format, const Arguments &...arguments) {

@@ -1,5 +1,5 @@
-// Owners of what the system or a library hands out and wants back. One template for all: it names the function that
-// takes the thing back.
+// Owners of resources of the system or a library. One template for all: it names the function that releases the
+// resource.
 //     using DeviceList = Unique<HDEVINFO, SetupDiDestroyDeviceInfoList>;
 //     const DeviceList list(UniqueHandleOrNull(SetupDiGetClassDevsW(...)));
 #pragma once
@@ -9,7 +9,7 @@
 
 #include <windows.h>
 
-/// Gives a thing back by one call, whose result nobody needs. The thread's last error stays: it may be that of the
+/// Releases a resource and ignores the result. The thread's last error stays: it may be that of the
 /// failure that ends the owner's scope.
 template <auto GiveBack>
 struct UniqueDeleter {
@@ -21,8 +21,8 @@ struct UniqueDeleter {
     }
 };
 
-/// Owns a handle or a block of memory; null stands for none.
-/// @tparam Pointer  the type as the functions of the thing have it, such as HANDLE or SC_HANDLE.
+/// Owns a handle or a block of memory; null means none.
+/// @tparam Pointer  the handle type, such as HANDLE or SC_HANDLE.
 template <typename Pointer, auto GiveBack>
 using Unique = std::unique_ptr<std::remove_pointer_t<Pointer>, UniqueDeleter<GiveBack>>;
 
@@ -33,7 +33,7 @@ using UniqueKey = Unique<HKEY, RegCloseKey>;
 /// A service, or the service manager.
 using UniqueService = Unique<SC_HANDLE, CloseServiceHandle>;
 
-/// The handle that a function has returned which answers INVALID_HANDLE_VALUE for none. @return null for that.
+/// Converts INVALID_HANDLE_VALUE, which some functions return for none, to null.
 inline HANDLE UniqueHandleOrNull(HANDLE returned) {
     return returned == INVALID_HANDLE_VALUE ? nullptr : returned;
 }

@@ -28,5 +28,5 @@ VtaCore::CDom *GetDomArg(lua_State *L);
 /// The `SLB.wx.ZipOutputStream` at the index, or null as with GetUserdataArg.
 VtaCore::CZipOutputStream *GetZipArg(lua_State *L, int index);
 
-/// The driver handle's block at the index, or null when there is none; its word may be null.
+/// The driver handle's block at the index, or null when there is none; its handle may be null.
 const DriverHandleBlock *GetDriverHandleArg(lua_State *L, int index);

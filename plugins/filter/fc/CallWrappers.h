@@ -1,4 +1,4 @@
-// The wrappers behind bound functions: closures over two upvalues, of which the first is a userdata
+// The wrappers of bound functions: closures over two upvalues, of which the first is a userdata
 // that holds the address of a plain native function and the second is the binder's own. A wrapper
 // takes the arguments as they come. compat 3: tests no argument's type, except the agent object's
 #pragma once
@@ -17,7 +17,7 @@ using BoolFromDomStrStr = bool (*)(VtaCore::CDom &, const wxString &, const wxSt
 /// Lua: integer = f().
 int CallIntVoid(lua_State *L);
 
-/// Lua: boolean = f(flag), by Lua's own truth.
+/// Lua: boolean = f(flag), by Lua's truth rules.
 int CallBoolBool(lua_State *L);
 
 /// Lua: boolean = f(text). What is neither string nor number arrives as a null pointer.

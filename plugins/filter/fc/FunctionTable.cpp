@@ -55,8 +55,8 @@ void AddFirewallApplicationsToFunctionTable(lua_State *L) {
 
 }  // namespace
 
-// A Lua error (no memory) in a round skips the end of its namespace, which costs the registry of this Lua state one
-// reference until the state is closed.
+// A Lua error (no memory) in one of these functions skips the end of its namespace, which costs the registry of this
+// Lua state one reference until the state is closed.
 void FillFunctionTable(lua_State *L) {
     FillFunctionTableFirst(L);
     AddDriverInstallerToFunctionTable(L);

@@ -5,13 +5,13 @@
 
 #include "FunctionTable.h"
 #include "ModuleObjects.h"
-#include "common/SharedObjects.h"
+#include "common/ModuleInstance.h"
 #include "vta_core.h"
 #include "vti.h"
 
 namespace {
 
-/// Hands the profiler's words to the driver-interface library, once per process.
+/// Hands the addresses of the profiler's variables to the driver library, once per process.
 void InstallProfilerAtModuleEntry() {
     const wxCriticalSectionLocker lock(moduleInitLock);
     if (profilerInstalled == 0) {

@@ -4,8 +4,8 @@
 
 #include <wx/dynlib.h>
 
+#include "Diagnostics/Diagnostics.h"
 #include "SystemHealth/SystemHealth.h"
-#include "common/SharedObjects.h"
 #include "metrics/ConnMetricsObjects.h"
 #include "vti.h"
 
@@ -26,4 +26,3 @@ wxCriticalSection moduleInitLock;
 HealthState healthState;
 
 std::uint8_t profilerInstalled = 0;
-HINSTANCE moduleInstance = nullptr;

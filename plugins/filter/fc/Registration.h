@@ -1,4 +1,4 @@
-// How functions come into the table SLB.filter.
+// Registers functions in the table SLB.filter.
 #pragma once
 
 #include <new>
@@ -33,7 +33,7 @@ constexpr lua_CFunction RegistrationWrapperOf(BoolFromDomStrStr) {
     return CallBoolDomStrStr;
 }
 
-/// Registers a plain native function behind the wrapper of its type.
+/// Registers a plain native function with the wrapper of its type.
 template <typename Function>
 void RegisterBound(lua_State *L, SLB3::Table &table, const char *name, Function function) {
     static_assert(sizeof(function) == 8);

@@ -1,4 +1,4 @@
-// What the MACs of adapters tell: of a virtual one, or of one that is there twice.
+// Checks of MAC addresses: of a virtual adapter, or of one that is there twice.
 #pragma once
 
 #include <map>

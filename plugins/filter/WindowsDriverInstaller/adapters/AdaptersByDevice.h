@@ -10,8 +10,8 @@
 #include "TcpAdapter.h"
 
 /// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
-/// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
-/// machine be its.
+/// so all devices of a model match. An adapter whose id couldn't be read has no device; otherwise every device would
+/// match.
 /// compat 107: restarts every device of the same model
 class AdaptersByDevice {
 public:

@@ -1,5 +1,5 @@
-// The system's GUIDs of device classes and of the network configuration. In a source of their own, so that whoever
-// needs one gets no more than that.
+// The system's GUIDs of device classes and of the network configuration. In a source of their own, so that linking
+// one pulls in nothing else.
 #include <initguid.h>
 
 #include <windows.h>

@@ -7,7 +7,7 @@
 
 #include <wx/string.h>
 
-/// No address, as inet_addr tells it.
+/// No address, as inet_addr reports it.
 constexpr std::uint32_t kNoAddress = 0xFFFFFFFF;
 /// An adapter that can't be queried counts as not connected.
 constexpr std::uint32_t kMediaUnknown = 0xFFFFFFFF;
@@ -22,7 +22,7 @@ struct TcpAdapter {
     std::uint32_t characteristics = 0;  ///< NCF_VIRTUAL and its like.
     wxString componentId;
     std::uint32_t deviceStatus = 0;
-    std::string macAddress;  ///< Raw, of the length that the system tells.
+    std::string macAddress;  ///< Raw, of the length as reported.
     wxString pnpDevNodeId;
     wxString displayName;
     std::uint32_t adapterIndex = 0;

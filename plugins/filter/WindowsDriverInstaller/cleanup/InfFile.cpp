@@ -31,7 +31,7 @@ const wchar_t *DriverOfInfFile(const std::wstring &path) {
                                                            OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr)));
     if (!file)
         return nullptr;
-    // Not the size from the directory: the file may have shrunk since. From here on nobody can write to it.
+    // Not the size from the directory: the file may have shrunk since. From here on it is locked against writing.
     LARGE_INTEGER size = {};
     if (GetFileSizeEx(file.get(), &size) == 0)
         return nullptr;

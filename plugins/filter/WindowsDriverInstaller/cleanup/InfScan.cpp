@@ -77,7 +77,7 @@ std::uint64_t InfScanLettersIn(const std::byte *block) {
 template <typename Character>
 const wchar_t *CountInfScanNames(std::span<const std::byte> file) {
     constexpr std::size_t unseen = kUnseenCharacters * sizeof(Character);
-    static_assert(unseen > kNameLength * sizeof(Character), "a name that is looked at must end within the file");
+    static_assert(unseen > kNameLength * sizeof(Character), "a name that is compared must end within the file");
     // Where characters may begin: at 16 bits, on every other byte.
     constexpr std::uint64_t beginnings = sizeof(Character) == 1 ? ~0ULL : 0x5555'5555'5555'5555ULL;
     const std::byte *const view = file.data();
@@ -97,8 +97,8 @@ const wchar_t *CountInfScanNames(std::span<const std::byte> file) {
 }  // namespace
 
 const wchar_t *ScanInfForDriver(std::span<const std::byte> file) {
-    // The beginning of a file too large for an int tells as much. Its size stays even: an odd one would by itself
-    // speak against 16 bits.
+    // The beginning of a file too large for an int is enough. Its size stays even: an odd one would make
+    // IsTextUnicode reject 16 bits.
     constexpr std::size_t most = INT_MAX - 1;
     const int size = static_cast<int>(std::min(file.size(), most));
     return IsTextUnicode(file.data(), size, nullptr) != FALSE ? ScanInfForDriver16Bit(file)

@@ -8,7 +8,7 @@
 /// ten times. A name counts if its first letter is lower case, whatever the case of the others, and if it begins before
 /// the last 8 characters of the file.
 /// @param file  the whole content, of any size and alignment; nothing outside of it is read.
-/// @return L"qbimvta" or L"qbimwfp", the one that got there first; null if the file is neither's.
+/// @return L"qbimvta" or L"qbimwfp", whichever reaches ten first; null if the file is neither's.
 /// Any thread. Logs nothing.
 const wchar_t *ScanInfForDriver(std::span<const std::byte> file);
 

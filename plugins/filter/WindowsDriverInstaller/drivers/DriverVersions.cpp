@@ -74,7 +74,7 @@ bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short 
     if (!ReadDriverVersionText(dom, text))
         return false;
     std::array<int, kComponents> parts = {};
-    // NOLINTNEXTLINE(cert-err34-c): what does not fit is cut to 16 bits all the same
+    // NOLINTNEXTLINE(cert-err34-c): what does not fit is truncated to 16 bits anyway
     if (std::sscanf(text.data(), "%d.%d.%d.%d", &parts[0], &parts[1], &parts[2], &parts[3]) != kComponents) {
         Trace(kNdisTrace, "Unable to parse the version string returned from the running driver ('%.64s')",
               OutsideText{text.data()});

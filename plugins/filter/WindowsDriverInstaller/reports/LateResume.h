@@ -1,4 +1,4 @@
-// Resumes a paused thread if the one that paused it can't.
+// Resumes a paused thread if the pausing thread can't.
 #pragma once
 
 #include <memory>

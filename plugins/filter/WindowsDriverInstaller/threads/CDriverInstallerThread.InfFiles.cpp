@@ -6,9 +6,11 @@
 #include <string>
 
 #include <windows.h>
+#include <netcfgx.h>
 #include <setupapi.h>
 #include <wx/file.h>
 
+#include "NetCfgSession.h"
 #include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 namespace {

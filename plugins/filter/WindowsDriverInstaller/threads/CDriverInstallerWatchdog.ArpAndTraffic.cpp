@@ -1,4 +1,4 @@
-// The ARP cache, which has to be filled anew, and requests that do so. Compiled as a part of
+// The ARP cache, which is cleared, and ARP requests, which refill it. Compiled as a part of
 // WindowsDriverInstaller.cpp.
 #include "CDriverInstallerWatchdog.h"
 

@@ -40,7 +40,7 @@ private:
     bool GetBundledDriverVersion();
     bool GetInstalledDriverVersion();
     bool GetVersionOfSystemFile(const TraceSite &site);
-    /// @return whether the user was notified of a reboot request; nothing when the worker could not be made.
+    /// @return whether the user was notified of a reboot request; nothing when the worker could not be created.
     std::optional<bool> InstallWithWorker();
     bool CreateInstallationWorker(wxLog *logTarget);
     /// @param failedStep  receives the step when the attempt fails.

@@ -4,8 +4,8 @@
 #include <cwchar>
 
 #include "WindowsDriverInstaller/adapters/TaskText.h"
+#include "common/ModuleInstance.h"
 #include "common/RequireObject.h"
-#include "common/SharedObjects.h"
 
 namespace {
 
@@ -90,7 +90,7 @@ HRESULT CDriverUninstallerThread::TakeNetCfgWriteLock(INetCfgLock *lock) {
     wchar_t *name = nullptr;
     HRESULT hr = lock->AcquireWriteLock(kWriteLockWaitMs, kLockDescription, &name);
     const TaskText lockedBy(name);
-    // compat 94: whoever gives the same description counts as this module
+    // compat 94: a holder with the same description counts as this module
     if (hr == S_OK || (hr == S_FALSE && lockedBy && std::wcscmp(lockedBy.get(), kLockDescription) == 0))
         return S_OK;
     if (hr == S_FALSE) {

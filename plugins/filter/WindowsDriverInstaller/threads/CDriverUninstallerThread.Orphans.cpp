@@ -28,7 +28,7 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     if (attempts < maxAttempts)
         return hr;
 
-    // compat 114: under no limit of its own from here on, and a reboot request whatever comes of it
+    // compat 114: under no limit of its own from here on, and a reboot request whatever the result
     if (!OrphanScanIsClean(*dom)) {
         DbgPrint(L"HrCleanupOrphans: registry cleanup");
         cleanup_registry();

@@ -7,7 +7,7 @@
 #include <windows.h>
 
 #include "WindowsDriverInstaller/cleanup/RegistryTree.h"
-#include "common/TakeOwnership.h"
+#include "WindowsDriverInstaller/cleanup/TakeOwnership.h"
 #include "common/Unique.h"
 
 namespace {

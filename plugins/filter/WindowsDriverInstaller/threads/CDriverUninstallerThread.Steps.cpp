@@ -26,7 +26,7 @@ void CDriverUninstallerThread::EndStep(std::uint32_t step) {
         const wxCriticalSectionLocker lock(stepLock);
         if (!stepStack.empty()) {
             const std::uint32_t top = stepStack.back()->step;
-            if (top != step)  // compat 88: warns with the lock held, and pops the top step all the same
+            if (top != step)  // compat 88: warns with the lock held, and still pops the top step
                 wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",
                              StepName(step), StepName(top));
             stepStack.pop_back();

@@ -18,8 +18,8 @@
 #include "Steps.h"
 #include "ThreadEnd.h"
 #include "WindowsDriverInstaller/cleanup/InfFolders.h"
+#include "WindowsDriverInstaller/reports/Wide.h"
 #include "common/Unique.h"
-#include "common/Wide.h"
 #include "vta_core.h"
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's

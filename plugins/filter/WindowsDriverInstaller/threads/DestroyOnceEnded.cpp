@@ -8,7 +8,7 @@ namespace {
 DWORD WINAPI DestroyEndedThread(void *object) {
     UniqueThread thread(static_cast<CDriverUninstallerThread *>(object));
     if (!thread->End().HasCome(*thread, INFINITE))
-        (void)thread.release();  // nobody can tell when it has ended
+        (void)thread.release();  // its end can't be detected
     return 0;
 }
 

@@ -1,4 +1,4 @@
-// How far an installation has come.
+// Progress of an installation.
 #pragma once
 
 #include <atomic>

@@ -26,8 +26,8 @@ std::optional<std::uint32_t> WatchedOverrun(CDriverUninstallerThread &thread) {
     return thread.CannotWaitForStep() ? std::optional(thread.TopStep()) : std::nullopt;
 }
 
-/// Kills the worker after its stack was logged, unless it went on or is in no inner step. compat 93: what it was in
-/// the midst of stays as it is: nothing releases what it held.
+/// Kills the worker after its stack was logged, unless it went on or is in no inner step. compat 93: unfinished
+/// work stays as it is: nothing releases what it held.
 Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
     const std::optional<std::uint32_t> overrun = WatchedOverrun(thread);
     if (!overrun)

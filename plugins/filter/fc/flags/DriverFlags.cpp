@@ -28,7 +28,7 @@ wxRegKey DriverFlagKey(const char *path) {
 }
 
 std::optional<long> ReadDriverFlagNumber(wxRegKey &key, const char *name) {
-    const wxLogNull quiet;  // a value that is not there is nothing to report
+    const wxLogNull quiet;  // a missing value is not an error
     long number = 0;
     if (!key.HasValue(name) || !key.QueryValue(name, &number))
         return std::nullopt;
@@ -46,8 +46,7 @@ void WriteDriverFlagIfKeyExists(const char *name, const Value &value, const Trac
         Trace(site, "Unable to write HKLM\\%s\\%s", kDriverKey, name);
 }
 
-/// The number's integer part. What 32 bits don't hold becomes the least number, as the processor's own conversion
-/// has it.
+/// The number's integer part. What 32 bits don't hold becomes the least number, as the CPU converts it.
 long DriverFlagIntegerPart(lua_Number number) {
     // compat 10: stores what 32 bits don't hold as the least number
     constexpr lua_Number limit = 2147483648.0;  // 2 to the power of 31
@@ -140,7 +139,7 @@ int SetDriverHookedToReg(lua_State *L) {
 int GetUncheckedInterface(lua_State *L) {
     int status = LUA_OK;
     {
-        // Lua may run out of memory: its error would pass by the destructors.
+        // Lua may run out of memory: its error would skip the destructors.
         std::vector<std::string> items = ReadUncheckedInterfaces(kFilterTrace);
         lua_pushcfunction(L, BuildUncheckedInterfaceArray);
         lua_pushlightuserdata(L, &items);

@@ -1,5 +1,5 @@
 // Facts about the filter drivers that scripts keep in the drivers' service keys. The module gives the values no
-// meaning. A key that is missing is never made: the flags live and die with the driver's service.
+// meaning. Missing keys are never created: the flags exist only as long as the driver's service.
 #pragma once
 
 #include <lua.hpp>

@@ -56,7 +56,7 @@ void ForEachMetricLineSeparator(std::string_view text, const Found &found) {
     }
 }
 
-/// Calls `found` with each line, in order: what is before its first tab, and what is behind that. Empty lines are
+/// Calls `found` with each line, in order: what is before its first tab, and what follows it. Empty lines are
 /// skipped.
 template <typename Character, typename Found>
 void ForEachMetricLine(std::basic_string_view<Character> text, const Found &found) {

@@ -21,7 +21,7 @@ bool IsNarrowMetricText(const ConnMetricText &text);
 /// were added: whoever goes through them asks for the next one while it works on the one before it.
 void PrefetchMetricText(const ConnMetricText &text, std::size_t maxBytes);
 
-/// One text behind the other.
+/// Concatenates two texts.
 /// @tparam Character  char only if both are narrow.
 template <typename Character>
 std::basic_string<Character> JoinMetricTexts(const ConnMetricText &left, const ConnMetricText &right) {

@@ -11,7 +11,7 @@ namespace {
 constexpr std::int64_t kFoldAfterSeconds = 60;
 
 /// The low 32 bits of the number's integer part. A number beyond 64 bits, infinite or no number
-/// has none of them set, as the processor's own conversion has it.
+/// has none of them set, as the CPU converts it.
 std::uint32_t ConnMetricsCount(lua_Number number) {
     // compat 13: a negative count wraps, and a count of 0 in 32 bits is no data
     constexpr lua_Number limit = 9223372036854775808.0;  // 2 to the power of 63
@@ -20,7 +20,7 @@ std::uint32_t ConnMetricsCount(lua_Number number) {
     return static_cast<std::uint32_t>(static_cast<std::int64_t>(number));
 }
 
-/// Puts back what a failed drain has taken, as if there had been no drain: it was in the result before all that was
+/// Puts back what a failed drain has taken, as if it had not been drained: it was in the result before all that was
 /// folded meanwhile.
 void PutBackDrainedConnMetrics(ConnMetricsMap &drained) {
     const wxCriticalSectionLocker lock(connMetricsLock);

@@ -27,5 +27,5 @@ using ConnMetricsMap = std::set<ConnMetric, ConnMetricsMapOrder>;
 /// room, in key order; what had no room stays in `from`. Allocates nothing.
 void FoldConnMetricsMap(ConnMetricsMap &from, ConnMetricsMap &into);
 
-/// Leaves the map empty. Asks early for the memory of what it frees next, which `clear` of the map would wait for.
+/// Leaves the map empty. Prefetches the entry that it frees next, which `clear` of the map would wait for.
 void FreeConnMetricsMap(ConnMetricsMap &entries);

@@ -23,7 +23,7 @@ constexpr const char *kFlagFields[] = {
 /// Of the next text, while Lua builds the row before it.
 constexpr std::size_t kPrefetchBytes = 512;
 
-// The Lua stack while rows are built: names as Lua strings, each made once.
+// The Lua stack while rows are built: names as Lua strings, each created once.
 constexpr int kDrainIndex = 1;
 constexpr int kResultIndex = 2;
 constexpr int kFirstFlagIndex = 3;
@@ -62,7 +62,7 @@ int NumberFromRowText(std::basic_string_view<Character> text, std::wstring &wide
     return _wtoi(wide.c_str());
 }
 
-/// @return false if the text is not ASCII throughout; `narrow` is of no use then.
+/// @return false if the text is not ASCII throughout; `narrow` is unspecified then.
 bool NarrowAsciiRowText(std::wstring_view text, std::string &narrow) {
     narrow.resize(text.size());
     unsigned all = 0;
@@ -75,7 +75,7 @@ bool NarrowAsciiRowText(std::wstring_view text, std::string &narrow) {
 
 /// Fills `narrow` with the text in the locale's encoding; leaves it empty where that can't hold the text.
 void NarrowRowTextToLocale(std::wstring_view text, std::wstring &wide, std::string &narrow) {
-    wide.assign(text);                                                         // with a NUL behind it
+    wide.assign(text);                                                         // NUL-terminated
     const std::size_t bytes = wxConvLibc.FromWChar(nullptr, 0, wide.c_str());  // that NUL among them
     narrow.resize(bytes == wxCONV_FAILED ? 0 : bytes);
     if (!narrow.empty() && wxConvLibc.FromWChar(narrow.data(), bytes, wide.c_str()) != wxCONV_FAILED)

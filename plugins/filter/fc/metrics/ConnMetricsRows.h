@@ -11,7 +11,8 @@
 #include "ConnMetricLines.h"
 #include "ConnMetricsMap.h"
 
-/// Lines that are read before the first of them is set in its row, so that the row is made with their number of fields.
+/// Lines that are read before the first of them is set in its row, so that the row is created with their number of
+/// fields.
 constexpr std::size_t kLinesAhead = 32;
 template <typename Character>
 using ConnMetricLinesAhead = std::array<ConnMetricLine<Character>, kLinesAhead>;
@@ -20,7 +21,7 @@ using ConnMetricLinesAhead = std::array<ConnMetricLine<Character>, kLinesAhead>;
 /// error in Lua runs no destructor.
 struct ConnMetricsDrain {
     ConnMetricsMap entries;  ///< All, until the table is whole: a drain that fails has lost none.
-    // Of the entry at hand: lines that are not yet in the row, of bytes where the whole text is ASCII.
+    // Of the current entry: lines that are not yet in the row, of bytes where the whole text is ASCII.
     ConnMetricLinesAhead<char> lines;
     ConnMetricLinesAhead<wchar_t> wideLines;
     // A name or value on its way into another encoding.

@@ -20,7 +20,7 @@ public:
     [[nodiscard]] std::span<const std::byte> Bytes() const { return m_bytes; }
 
 private:
-    /// Without random bytes: what nobody outside of this process knows exactly. Keys that collide are slow, not
+    /// Without random bytes: values that are hard to guess from outside. Keys that collide are slow, not
     /// wrong; only thousands of them with one hash would take memory without end.
     void FillFromProcess() {
         struct {

@@ -1,4 +1,4 @@
-// A hash of keys that whoever chooses the keys can't foresee.
+// A key hash that an attacker can't predict.
 #pragma once
 
 #include <cstddef>

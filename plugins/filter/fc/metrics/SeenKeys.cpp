@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table is by itself
+constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table's default
 constexpr std::size_t kWord = sizeof(std::uint64_t);
 
 std::uint64_t LoadSeenKeyWord(const char *from) {

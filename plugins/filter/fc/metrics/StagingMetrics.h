@@ -11,8 +11,7 @@
 class StagingMetrics {
 public:
     /// Adds to the key's count; a new key is inserted with the text, unless the map is full.
-    /// @param key, text  in the current locale's encoding, up to the first NUL; a NUL must follow
-    ///                   behind their end.
+    /// @param key, text  in the current locale's encoding, up to the first NUL; NUL-terminated.
     void Add(std::string_view key, std::string_view text, std::uint32_t count) {
         if (!m_seen.Count(key, count))
             AddToMap(key, text, count);

@@ -1,4 +1,4 @@
-// The driver-interface library's own trace, as trace lines of the agent.
+// The driver library's own trace, as trace lines of the agent.
 #pragma once
 
 #include <cstdint>

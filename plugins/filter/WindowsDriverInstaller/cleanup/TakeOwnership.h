@@ -1,11 +1,11 @@
-// Opening up registry keys that the system has locked against the agent.
+// Gives the agent access to registry keys that are protected.
 #pragma once
 
 #include <functional>
 
 #include <wx/string.h>
 
-/// Is given a line for each failure.
+/// Receives a line for each failure.
 using OwnershipLog = std::function<void(const wxString &line)>;
 
 /// Gives Everyone and the Administrators full access to a key and, where that is denied, makes the Administrators its

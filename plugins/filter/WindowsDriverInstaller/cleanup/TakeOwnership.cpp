@@ -5,7 +5,7 @@
 #include <windows.h>
 #include <aclapi.h>
 
-#include "Unique.h"
+#include "common/Unique.h"
 
 namespace {
 

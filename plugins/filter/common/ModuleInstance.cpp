@@ -1,0 +1,3 @@
+#include "ModuleInstance.h"
+
+HINSTANCE moduleInstance = nullptr;
