@@ -95,7 +95,8 @@ protected:
         for (const Scenario other : kScenarios) {
             if (other == scenario)
                 break;
-            for (const InstallPlace &place : InstallOn(other).places)
+            const GoodInstall earlier = InstallOn(other);
+            for (const InstallPlace &place : earlier.places)
                 known.insert(KeyOf(place));
         }
         HangCallsOn(scenario, known, "calls, the first one of each step and those that no earlier scenario has,");
