@@ -1,5 +1,6 @@
 // The firewall's service on old systems, as the two switches check it, start it and stop it.
 
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -266,6 +267,19 @@ TEST_F(FirewallService, IsClosedBeforeItsFailureToStopIsLogged) {
         });
     EXPECT_EQ(TurnOn(), Lines{"Unable to stop 'SharedAccess' service"});
     EXPECT_EQ(saidBefore, kServiceOn + kRestored + Lines{kStopping});
+}
+
+TEST_F(FirewallService, IsClosedAfterItsFailureToBeQueriedIsLogged) {
+    PutService({.status = kStopped});
+    Lines saidBefore;
+    simulation().Functions().Put<Simulator::System::CloseServiceHandle>(
+        [&saidBefore](const auto &next, SC_HANDLE handle) {
+            saidBefore = saidBefore + TakeTracedMessages("FC-WFW");
+            return next(handle);
+        });
+    (void)faults().FailNth("QueryServiceStatus", 1, ERROR_INVALID_HANDLE);
+    (void)TurnOn();
+    EXPECT_EQ(std::count(saidBefore.begin(), saidBefore.end(), "Error querying 'SharedAccess' service: 0x000006"), 1);
 }
 
 TEST_F(FirewallService, LogsWhyItCannotBeStopped) {

@@ -21,8 +21,7 @@ bool AddDriverBlacklist(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
     if (!ShowErrors(dom, handle, label, vti_get_blacklist(handle, &head)))
         return false;
     const std::uint32_t room = head.bodySize;
-    // Zeros, since a driver may fill in less than it claims: those of calloc cost nothing until they are used.
-    Block<BlacklistRecord> record(static_cast<BlacklistRecord *>(std::calloc(1, std::size_t{room} + sizeof(head))));
+    Block<BlacklistRecord> record = MakeZeroedBlock<BlacklistRecord>(sizeof(head) + room);
     if (!record)
         return false;  // compat 62: not traced, unlike the connections' block
     *record = head;

@@ -14,12 +14,12 @@ size_t FileMemory::OnSysWrite(const void *buffer, size_t size) {
     return written;
 }
 
-bool AddFileMemory(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name) {
+bool AddFileMemory(VtaCore::CZipOutputStream &zip, const FileMemory &memory, FileKind kind, const wxString &name) {
     if (!memory.IsWhole())
         return false;
     // Read where it lies: a stream that copies the other does not check whether it got the memory.
     wxMemoryInputStream in(memory.GetOutputStreamBuffer()->GetBufferStart(), memory.GetSize());
-    return zip.AddFromStream(in, isText, name, emptyText);
+    return zip.AddFromStream(in, kind == FileKind::Text, name, emptyText);
 }
 
 }  // namespace Filter::Diagnostics

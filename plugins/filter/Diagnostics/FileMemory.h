@@ -19,9 +19,10 @@ private:
     bool m_isWhole = true;
 };
 
+enum class FileKind { Binary, Text };
+
 /// Adds what was collected, also nothing, as a file.
-/// @param isText  the file is a text.
 /// @return false also for one that is not whole: it is left out.
-bool AddFileMemory(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name);
+bool AddFileMemory(VtaCore::CZipOutputStream &zip, const FileMemory &memory, FileKind kind, const wxString &name);
 
 }  // namespace Filter::Diagnostics

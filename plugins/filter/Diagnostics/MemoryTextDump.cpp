@@ -19,7 +19,7 @@ DumpContext *MemoryTextDump::Context() {
 
 bool MemoryTextDump::AddTo(VtaCore::CZipOutputStream &zip, const wxString &name) {
     m_text.reset();  // all of it is in the memory stream from here on
-    return AddFileMemory(zip, m_memory, true, name);
+    return AddFileMemory(zip, m_memory, FileKind::Text, name);
 }
 
 int DumpToTextStream(void *context, const char *format, ...) {

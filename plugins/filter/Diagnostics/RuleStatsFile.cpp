@@ -1,7 +1,6 @@
 // "vta.tpf": the profile of the filter's rules, as the driver gives it.
 #include <algorithm>
 
-#include <wx/mstream.h>
 #include <wx/stream.h>
 
 #include "DiagnosticsTrace.h"
@@ -31,8 +30,7 @@ void WriteRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &ou
     std::uint32_t room = 0;
     if (vti_get_profile_stats(handle, &room) != 0 || room == 0)
         return;  // no report
-    // Zeros, since a driver may fill in less than it claims: those of calloc cost nothing until they are used.
-    const ProfileStatsBuffer buffer(static_cast<std::uint32_t *>(std::calloc(1, std::size_t{room} + sizeof(room))));
+    const ProfileStatsBuffer buffer = MakeZeroedBlock<std::uint32_t>(sizeof(room) + room);
     if (!buffer) {
         Trace(site, "malloc() failed");
         return;
@@ -60,7 +58,7 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
         WriteRuleStats(dom, handle, out, kDiagnosticsTrace);
     }
     // not reached: clang counts nothing after a block with a return
-    return AddFileMemory(zip, memory, false, "vta.tpf");
+    return AddFileMemory(zip, memory, FileKind::Binary, "vta.tpf");
 }
 
 }  // namespace Filter::Diagnostics

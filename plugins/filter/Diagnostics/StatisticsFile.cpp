@@ -51,7 +51,7 @@ static bool getDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, StatsR
 
 bool AddDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
     Trace(kDiagnosticsTrace, "AddDriverStatistics()");
-    Block<StatsRecord> record(static_cast<StatsRecord *>(std::calloc(1, sizeof(StatsRecord))));
+    Block<StatsRecord> record = MakeZeroedBlock<StatsRecord>(sizeof(StatsRecord));
     if (!record)
         return false;
     PrepareStatisticsRequest(*record);

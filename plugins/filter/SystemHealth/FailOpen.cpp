@@ -16,7 +16,7 @@ bool BeginsWithFailOpenState(const char *text, const char *beginning) {
     return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
 }
 
-FailOpenResult StepFailOpenDeactivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
+FailOpenResult RunFailOpenDeactivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
     const std::int32_t overCount = check_health_metric_thresholds(health.metrics, 1.0);
     if (overCount == 0)
         return {actionNormal, FailOpenState::Deactivated};
@@ -47,7 +47,7 @@ FailOpenResult CheckFailOpenRecovery(HealthState &health, const FailOpenInput &i
     return result;
 }
 
-FailOpenResult StepFailOpenActivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
+FailOpenResult RunFailOpenActivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
     FailOpenResult result{actionFailOpen, FailOpenState::Activated};
     result.act_dur = input.now - health.activationTime;
     const Backoff &backoff = health.backoff;
@@ -76,6 +76,6 @@ std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
 }
 
 FailOpenResult RunFailOpen(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
-    return input.state == FailOpenState::Activated ? StepFailOpenActivated(health, input, site)
-                                                   : StepFailOpenDeactivated(health, input, site);
+    return input.state == FailOpenState::Activated ? RunFailOpenActivated(health, input, site)
+                                                   : RunFailOpenDeactivated(health, input, site);
 }

@@ -113,7 +113,7 @@ void RunScanRatePass(ScanRates &scan, const ScanMetricsRecord &record, double de
     scan.baselineCounters = std::max(scan.baselineCounters, counters);
 }
 
-// compat 54: shows the configured port, not the one that the driver knows. The configuration has another lock
+// compat 54: shows the configured port, not the one that the driver knows
 int GetScanMetricPort(lua_State *L) {
     Trace(kReadOutTrace, "GetScanMetricPort() called");
     const wxCriticalSectionLocker lock(healthState.lock);

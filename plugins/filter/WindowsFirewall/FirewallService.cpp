@@ -103,40 +103,49 @@ void TraceServiceExitCodes(const SERVICE_STATUS &status, const TraceLine &line) 
           static_cast<unsigned>(status.dwWin32ExitCode), static_cast<unsigned>(status.dwServiceSpecificExitCode));
 }
 
+struct AwaitedService {
+    bool succeeded = false;
+    bool wasRunning = true;  ///< False once it was seen stopped.
+};
+
 /// Polls the service until it runs, for ten minutes at most.
-/// @param running  set to false once it is seen stopped.
-/// @param start    start it then, once; otherwise it is left as it is, and that is a success.
-bool AwaitRunningService(FirewallServiceHandles &opened, bool &running, bool start, const TraceSite &site) {
+/// @param start  start it, once, when it is seen stopped; otherwise it is left as it is, and that is a success.
+AwaitedService AwaitRunningService(FirewallServiceHandles &opened, bool start, const TraceSite &site) {
+    AwaitedService result;
     bool attempted = false;
     for (int poll = 0; poll < kStartPolls; ++poll) {
         SERVICE_STATUS status = {};
         if (QueryServiceStatus(opened.service.get(), &status) == 0) {
-            TraceServiceError(site, kQueryFailed, GetLastError());  // before it is closed, unlike those of a stop
-            return false;
+            // compat 159: traced before it is closed, unlike the failures of a stop
+            TraceServiceError(site, kQueryFailed, GetLastError());
+            return result;
         }
-        if (status.dwCurrentState == SERVICE_RUNNING)
-            return true;  // compat 148: `running` stays false if it was seen stopped before
+        if (status.dwCurrentState == SERVICE_RUNNING) {
+            result.succeeded = true;  // compat 148: `wasRunning` stays false if it was seen stopped before
+            return result;
+        }
         // compat 153: waits for a starting service even if it is only to be checked
         if (status.dwCurrentState == SERVICE_START_PENDING)
             Sleep(kPauseMs);
         if (status.dwCurrentState != SERVICE_STOPPED)
             continue;  // compat 145: any other state is polled without a pause
-        running = false;
+        result.wasRunning = false;
         if (!start) {
             opened.LeaveBothOpen();  // compat 146: leaves both handles open
-            return true;
+            result.succeeded = true;
+            return result;
         }
         if (attempted) {
             TraceServiceExitCodes(status, site);
-            return false;
+            return result;
         }
         attempted = true;
         if (!StartStoppedService(opened.service, site))
-            return false;
+            return result;
     }
     opened.CloseBoth();
     Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
-    return false;
+    return result;
 }
 
 /// Waits for a minute at most. @return false after a line in the trace.
@@ -195,8 +204,9 @@ bool StartServiceW(bool *running, bool start) {
                             "Service '%.64s' doesn't exist. Continuing without trying to start it.", site);
     if (opening != Opening::Opened)
         return opening == Opening::NoSuchService;
-    *running = true;
-    return AwaitRunningService(opened, *running, start, site);
+    const AwaitedService awaited = AwaitRunningService(opened, start, site);
+    *running = awaited.wasRunning;
+    return awaited.succeeded;
 }
 
 bool StopService(bool *wasRunning) {

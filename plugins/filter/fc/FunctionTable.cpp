@@ -12,7 +12,7 @@
 
 namespace {
 
-void FillFunctionTableFirst(lua_State *L) {
+void AddOtherSubjectsToFunctionTable(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterBound(L, filter, "EnableNativeFirewall", WindowsFirewall::EnableFirewall);
     RegisterBound(L, filter, "DisableNativeFirewall", WindowsFirewall::DisableFirewall);
@@ -58,7 +58,7 @@ void AddFirewallApplicationsToFunctionTable(lua_State *L) {
 // A Lua error (no memory) in one of these functions skips the end of its namespace, which costs the registry of this
 // Lua state one reference until the state is closed.
 void FillFunctionTable(lua_State *L) {
-    FillFunctionTableFirst(L);
+    AddOtherSubjectsToFunctionTable(L);
     AddDriverInstallerToFunctionTable(L);
     AddFirewallApplicationsToFunctionTable(L);
 }

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include <windows.h>
 #include <ntddndis.h>
@@ -24,7 +23,7 @@ void FillAdapterRecordFromIpHelper(const IpHelperByName &records, TcpAdapter &ad
     const IP_ADAPTER_INFO *const record = records.Find(adapter.bindName);
     if (record == nullptr)
         return;
-    adapter.adapterIndex = record->Index;
+    adapter.adapterIndex = record->Index;  // compat 160: kept, though nothing reads it
     const std::size_t length = std::min<std::size_t>(record->AddressLength, sizeof(record->Address));
     adapter.macAddress.assign(reinterpret_cast<const char *>(record->Address), length);
     adapter.gatewayAddress = AdapterAddressFromIpHelper(record->GatewayList);
@@ -66,7 +65,7 @@ void FillAdapterRecordFromNdis(TcpAdapter &adapter) {
     std::uint32_t status = kMediaUnknown;
     if (QueryNdisForAdapterRecord(device, OID_GEN_MEDIA_CONNECT_STATUS, &status, sizeof(status)))
         adapter.mediaConnectStatus = status;
-    adapter.framesReceived = ReadAdapterFramesReceived(device);
+    adapter.framesReceived = ReadAdapterFramesReceived(device);  // compat 160: queried, though nothing reads it
 }
 
 }  // namespace

@@ -15,13 +15,13 @@
 /// compat 107: restarts every device of the same model
 class AdaptersByDevice {
 public:
-    /// @param adapters    must outlive the object.
-    /// @param useIpState  takes those that IP is bound to instead of those that the filter is bound to.
-    AdaptersByDevice(const TcpAdapterList &adapters, bool useIpState) {
+    /// @param adapters  must outlive the object.
+    /// @param bound     takes those with this field: TcpAdapter::boundToIp or TcpAdapter::boundToFilter.
+    AdaptersByDevice(const TcpAdapterList &adapters, bool TcpAdapter::*bound) {
         std::size_t place = 0;
         for (const TcpAdapter &adapter : adapters) {
             ++place;
-            if (adapter.componentId.empty() || !(useIpState ? adapter.boundToIp : adapter.boundToFilter))
+            if (adapter.componentId.empty() || !(adapter.*bound))
                 continue;
             m_adapters[adapter.componentId].emplace(place, &adapter);
             m_lengths.insert(adapter.componentId.length());

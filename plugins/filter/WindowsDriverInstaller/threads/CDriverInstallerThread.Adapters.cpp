@@ -19,28 +19,30 @@ namespace {
 void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
     StartStep(GettingAdapterInfo);
     {
-        IpHelperRecords ipHelper;
+        std::optional<IpHelperRecords> ipHelper;
         NetCfgSession netCfg(*this, NetCfgSession::Access::Read);
-        if (FAILED(netCfg.Result())) {
-            NoteFailedStep();
-        } else if (ReadAdaptersOfIpHelper(ipHelper)) {
-            ReadAdapters(netCfg.Get(), ipHelper.get(), adapters);
+        const bool isOpen = SUCCEEDED(netCfg.Result());
+        if (isOpen)
+            ipHelper = ReadAdaptersOfIpHelper();
+        if (ipHelper) {
+            ReadAdapters(netCfg.Get(), ipHelper->get(), adapters);
         } else {
             NoteFailedStep();
-            netCfg.LeaveOpen();  // compat 96: leaves an open configuration unreleased
+            if (isOpen)
+                netCfg.LeaveOpen();  // compat 96: leaves an open configuration unreleased
         }
     }
     EndStep(GettingAdapterInfo);
 }
 
 /// Reads IP Helper's records, from which the adapters' addresses come.
-/// @param records  null if the system returns none.
-/// @return false if memory runs out.
-bool CDriverInstallerThread::ReadAdaptersOfIpHelper(IpHelperRecords &records) {
+/// @return null if the system returns none; nothing if memory runs out.
+std::optional<IpHelperRecords> CDriverInstallerThread::ReadAdaptersOfIpHelper() {
     ULONG size = 11'264;
+    IpHelperRecords records;
     if (!ResizeBlock(records, size)) {
         wxLogError("GetInterfaces() - error allocating memory.");
-        return false;
+        return std::nullopt;
     }
     ULONG error = GetAdaptersInfo(records.get(), &size);
     if (error == ERROR_BUFFER_OVERFLOW) {
@@ -53,7 +55,7 @@ bool CDriverInstallerThread::ReadAdaptersOfIpHelper(IpHelperRecords &records) {
         ReportFailure(error, L"GetAdaptersInfo()");
         records.reset();
     }
-    return true;
+    return records;
 }
 
 void CDriverInstallerThread::ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO *ipHelper, TcpAdapterList &adapters) {

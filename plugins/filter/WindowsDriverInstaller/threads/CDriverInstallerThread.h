@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include <windows.h>
 #include <iphlpapi.h>
@@ -73,7 +74,7 @@ private:
     HRESULT InstallFilterComponent(INetCfg *netCfg);
     HRESULT AttemptInstall(INetCfgClassSetup *classSetup, int attempt);
 
-    bool ReadAdaptersOfIpHelper(IpHelperRecords &records);
+    std::optional<IpHelperRecords> ReadAdaptersOfIpHelper();
     void ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO *ipHelper, TcpAdapterList &adapters);
     void SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters, bool useIpState);
     void SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,

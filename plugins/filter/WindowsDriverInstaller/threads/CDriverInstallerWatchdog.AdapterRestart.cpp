@@ -46,7 +46,7 @@ bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &ada
         AgentEventLog_(*dom, error, kSystemFailureEvent, L"SetupDiGetClassDevs");
         return false;
     }
-    const AdaptersByDevice byDevice(adapters, useIpState);
+    const AdaptersByDevice byDevice(adapters, useIpState ? &TcpAdapter::boundToIp : &TcpAdapter::boundToFilter);
     bool acted = false;
     SP_DEVINFO_DATA device = {};
     device.cbSize = sizeof(device);

@@ -2,6 +2,7 @@
 // of WindowsDriverInstaller.cpp.
 #include "CDriverInstallerWatchdog.h"
 
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <optional>
@@ -23,25 +24,28 @@ std::optional<bool> CDriverInstallerWatchdog::InstallWithWorker() {
         return std::nullopt;
     if (SetNetworkInterruptWorkaround())
         installerThread->rebootRequired = true;
-    unsigned failedStep = NoStep;
-    const bool succeeded = AttemptInstallation(&failedStep);
-    if (installerThread->End().HasCome(*installerThread, installerThread->isRunning() ? 0 : kEndOfThreadMs)) {
-        installLog = log->WholeText();
-    } else {
-        installLog = log->TextSoFar();
-        installerThread->KeepLog(std::move(log));
-    }
-    log.reset();
-    installLog += extraLog;
+    const std::optional<std::uint32_t> failedStep = AttemptInstallation();
+    TakeInstallLog(std::move(log));
     Heartbeat();
     const bool notified = installerThread->rebootRequired;
     if (notified) {
         dom->AgentEventWrite(kRebootRequiredEvent, "1");
         VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     }
-    ReportInstallationOutcome(succeeded, failedStep);
+    ReportInstallationOutcome(failedStep);
     Heartbeat();
     return notified;
+}
+
+/// A worker that has not ended keeps its log.
+void CDriverInstallerWatchdog::TakeInstallLog(std::unique_ptr<GrabbedLog> log) {
+    if (installerThread->End().HasEnded(*installerThread, installerThread->isRunning() ? 0 : kEndOfThreadMs)) {
+        installLog = log->WholeText();
+    } else {
+        installLog = log->TextSoFar();
+        installerThread->KeepLog(std::move(log));
+    }
+    installLog += extraLog;
 }
 
 bool CDriverInstallerWatchdog::CreateInstallationWorker(wxLog *logTarget) {
@@ -51,9 +55,9 @@ bool CDriverInstallerWatchdog::CreateInstallationWorker(wxLog *logTarget) {
     return installerThread && installerThread->Create(0) == wxTHREAD_NO_ERROR;
 }
 
-void CDriverInstallerWatchdog::ReportInstallationOutcome(bool succeeded, unsigned failedStep) {
-    if (!succeeded) {
-        dom->DoAgentEventWriteAndLog(kInstallFailedEvent, kInstallFailedEvent, L"%s|%s", StepName(failedStep),
+void CDriverInstallerWatchdog::ReportInstallationOutcome(std::optional<std::uint32_t> failedStep) {
+    if (failedStep) {
+        dom->DoAgentEventWriteAndLog(kInstallFailedEvent, kInstallFailedEvent, L"%s|%s", StepName(*failedStep),
                                      Wide(installLog));
         return;
     }
@@ -62,37 +66,35 @@ void CDriverInstallerWatchdog::ReportInstallationOutcome(bool succeeded, unsigne
                            ourVersion.minor, ourVersion.build, ourVersion.revision, Wide(installLog));
 }
 
-bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
+std::optional<std::uint32_t> CDriverInstallerWatchdog::AttemptInstallation() {
     installerThread->GetTcpAdapters(adaptersBefore);
     if (!StartMadeThread(*installerThread))
         KillUnstartedThread(*installerThread);
     wxThread::Sleep(kThreadStartMs);
     Heartbeat();
-    const bool succeeded = WatchInstallation(failedStep);
+    const std::optional<std::uint32_t> failedStep = WatchInstallation();
     if (upgradeNeeded) {
         // compat 72: a failed upgrade leaves the bindings as they are
-        if (!succeeded)
-            return false;
+        if (failedStep)
+            return failedStep;
         installerThread->DbgPrint(L"Restoring network bindings.");
         Heartbeat();
         (void)installerThread->RestoreBindings(adaptersBefore);
     } else {
         Heartbeat();
         installerThread->UnbindUnsuitableAdapters();  // compat 73: also after a failure
-        if (!succeeded)
-            return false;
+        if (failedStep)
+            return failedStep;
     }
     RebindAfterInstallation();
-    return true;
+    return std::nullopt;
 }
 
-/// @return the worker's result; false if it was killed.
-bool CDriverInstallerWatchdog::WatchInstallation(unsigned *failedStep) {
+std::optional<std::uint32_t> CDriverInstallerWatchdog::WatchInstallation() {
     const std::optional<std::uint32_t> killedIn = WatchAndKill(*installerThread, [this] { Heartbeat(); });
-    const bool succeeded = !killedIn && installerThread->succeeded;
-    if (!succeeded)
-        *failedStep = killedIn.value_or(installerThread->failedStep);
-    return succeeded;
+    if (killedIn || installerThread->succeeded)
+        return killedIn;
+    return installerThread->failedStep.load();
 }
 
 /// An old driver that is still loaded may be unloaded when nothing is bound to it.

@@ -39,39 +39,39 @@ bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
     ClearArpCache();
     Heartbeat();
     TcpAdapterList stillUnhealthy = adaptersBefore;
-    TcpAdapterList currentAdapters;
+    TcpAdapterList unhealthyNow;
     Heartbeat();
-    if (AwaitNetworkHealth(stillUnhealthy, currentAdapters, site))
+    if (AwaitNetworkHealth(stillUnhealthy, unhealthyNow, site))
         return true;
     RecoverNetworkByRebinding(stillUnhealthy, upgraded);
     Heartbeat();
-    if (AwaitNetworkHealth(stillUnhealthy, currentAdapters, site))
+    if (AwaitNetworkHealth(stillUnhealthy, unhealthyNow, site))
         return true;
-    RestartAdapters(currentAdapters);
+    RestartAdapters(unhealthyNow);
     return false;  // compat 101: does not check whether the second recovery helped
 }
 
-bool CDriverInstallerWatchdog::AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
+bool CDriverInstallerWatchdog::AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &unhealthyNow,
                                                   const TraceSite &site) {
     for (int poll = 0; poll < kHealthPolls; ++poll) {
         wxThread::Sleep(kHealthPollMs);
         GenerateOutgoingTraffic();
-        currentAdapters.clear();
+        unhealthyNow.clear();
         {
             const wxLogNull noLog;
-            installerThread->GetTcpAdapters(currentAdapters);
+            installerThread->GetTcpAdapters(unhealthyNow);
         }
         {
             const AdaptorHealthChecker isHealthy(stillUnhealthy);
-            currentAdapters.remove_if(std::cref(isHealthy));
+            unhealthyNow.remove_if(std::cref(isHealthy));
         }
-        if (currentAdapters.empty()) {
+        if (unhealthyNow.empty()) {
             Trace(site, "Adapters all seem to be healthy and have IP info - presumably IP is working.");
             return true;
         }
         // compat 102: an adapter that was healthy once is not checked again
         std::set<wxString> unhealthyNames;
-        for (const TcpAdapter &now : currentAdapters)
+        for (const TcpAdapter &now : unhealthyNow)
             unhealthyNames.insert(now.bindName);
         stillUnhealthy.remove_if(
             [&unhealthyNames](const TcpAdapter &before) { return unhealthyNames.count(before.bindName) == 0; });

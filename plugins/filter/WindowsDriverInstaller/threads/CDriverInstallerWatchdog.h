@@ -2,6 +2,7 @@
 // WindowsDriverInstaller.cpp.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -43,18 +44,22 @@ private:
     /// @return whether the user was notified of a reboot request; nothing when the worker could not be created.
     std::optional<bool> InstallWithWorker();
     bool CreateInstallationWorker(wxLog *logTarget);
-    /// @param failedStep  receives the step when the attempt fails.
-    bool AttemptInstallation(unsigned *failedStep);
-    bool WatchInstallation(unsigned *failedStep);
+    /// @return the step that failed; nothing after a success.
+    std::optional<std::uint32_t> AttemptInstallation();
+    /// @return the step in which the worker failed or was killed; nothing after a success.
+    std::optional<std::uint32_t> WatchInstallation();
     void RebindAfterInstallation();
-    void ReportInstallationOutcome(bool succeeded, unsigned failedStep);
+    void TakeInstallLog(std::unique_ptr<GrabbedLog> log);
+    void ReportInstallationOutcome(std::optional<std::uint32_t> failedStep);
     /// @return whether the network is as good as before, as far as that can be checked.
     bool IsNetworkAsBefore(const TraceSite &site);
 
     /// Tries to recover the network if an adapter got worse. @return whether the network is considered healthy.
     bool CheckNetworkHealth(bool upgraded);
+    /// @param stillUnhealthy  earlier records of the adapters to check; those that were healthy once are removed.
+    /// @param unhealthyNow    receives the present records of those that are not healthy.
     /// @return whether all adapters are healthy within three polls.
-    bool AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
+    bool AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &unhealthyNow, const TraceSite &site);
     void RecoverNetworkByRebinding(const TcpAdapterList &stillUnhealthy, bool upgraded);
     void RestartAdapters(const TcpAdapterList &adapters);
     void ClearArpCache();

@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr unsigned kMessageCharacters = 2'048;
+constexpr int kErrorSeverity = 2;
 /// The name under which other programs see this module hold the write lock.
 constexpr wchar_t kLockDescription[] = L"Quillon Vantry Agent Installer";
 // compat 152: longer than the ten seconds of the step around the wait
@@ -94,9 +96,9 @@ HRESULT CDriverUninstallerThread::TakeNetCfgWriteLock(INetCfgLock *lock) {
     if (hr == S_OK || (hr == S_FALSE && lockedBy && std::wcscmp(lockedBy.get(), kLockDescription) == 0))
         return S_OK;
     if (hr == S_FALSE) {
-        const wxString text =
-            VtaCore::LocalizedMsg(kConfigurationLockedMessage, 2048, moduleInstance, lockedBy ? lockedBy.get() : L"");
-        VtaCore::ShowUserNotification(2, text, "");
+        const wxString text = VtaCore::LocalizedMsg(kConfigurationLockedMessage, kMessageCharacters, moduleInstance,
+                                                    lockedBy ? lockedBy.get() : L"");
+        VtaCore::ShowUserNotification(kErrorSeverity, text, "");
         hr = NETCFG_E_NO_WRITE_LOCK;
     }
     ReportFailure(hr, L"INetCfgLock::AcquireWriteLock");

@@ -19,8 +19,7 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
             rebootRequired = true;
         } else if (hr != S_OK) {
             NoteFailedStep();
-            EndStep(CleaningUpOrphans);
-            return hr;
+            break;
         }
         ++attempts;
     }

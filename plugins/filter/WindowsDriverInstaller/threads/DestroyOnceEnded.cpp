@@ -7,16 +7,16 @@ namespace {
 
 DWORD WINAPI DestroyEndedThread(void *object) {
     UniqueThread thread(static_cast<CDriverUninstallerThread *>(object));
-    if (!thread->End().HasCome(*thread, INFINITE))
+    if (!thread->End().HasEnded(*thread, INFINITE))
         (void)thread.release();  // its end can't be detected
     return 0;
 }
 
 void DestroyOnceEnded(UniqueThread thread) {
     // A body that is still running may take long: don't wait for it here.
-    if (thread->End().HasCome(*thread, thread->isRunning() ? 0 : kEndOfThreadMs))
+    if (thread->End().HasEnded(*thread, thread->isRunning() ? 0 : kEndOfThreadMs))
         return;
-    if (thread->End().CanBeAwaited(*thread))
+    if (thread->End().CanWait(*thread))
         (void)QueueUserWorkItem(&DestroyEndedThread, thread.get(), WT_EXECUTELONGFUNCTION);
     (void)thread.release();  // the work item owns it now; if none was queued, it is leaked
 }

@@ -14,14 +14,14 @@ void ThreadEnd::Kill(wxThread &thread) {
         (void)TerminateThread(HandleOf(thread), exitCode);
 }
 
-bool ThreadEnd::HasCome(const wxThread &thread, DWORD waitMs) const {
+bool ThreadEnd::HasEnded(const wxThread &thread, DWORD waitMs) const {
     const HANDLE handle = HandleOf(thread);
     if (handle == nullptr)
         return !wasKilled;
     return WaitForSingleObject(handle, waitMs) == WAIT_OBJECT_0;
 }
 
-bool ThreadEnd::CanBeAwaited(const wxThread &thread) const {
+bool ThreadEnd::CanWait(const wxThread &thread) const {
     return HandleOf(thread) != nullptr;
 }
 

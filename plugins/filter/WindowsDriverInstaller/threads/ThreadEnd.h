@@ -16,9 +16,9 @@ public:
     void Kill(wxThread &thread);
     /// @param waitMs  how long to wait at most.
     /// @return whether the thread has ended or was never created; false if that is unknown.
-    [[nodiscard]] bool HasCome(const wxThread &thread, DWORD waitMs) const;
+    [[nodiscard]] bool HasEnded(const wxThread &thread, DWORD waitMs) const;
     /// @return false if there is no handle to wait for: the end will never be known.
-    [[nodiscard]] bool CanBeAwaited(const wxThread &thread) const;
+    [[nodiscard]] bool CanWait(const wxThread &thread) const;
 
 private:
     [[nodiscard]] HANDLE HandleOf(const wxThread &thread) const;

@@ -10,7 +10,7 @@ namespace {
 
 void KillUnstartedThread(CDriverUninstallerThread &thread) {
     thread.End().Kill(thread);
-    (void)thread.End().HasCome(thread, kEndOfThreadMs);
+    (void)thread.End().HasEnded(thread, kEndOfThreadMs);
 }
 
 /// What happens to a worker whose step has overrun.
@@ -44,7 +44,7 @@ Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
         wxLogVerbose("Stack trace:\n%s", stack);
         thread.End().Kill(thread);
     }
-    (void)thread.End().HasCome(thread, kEndOfThreadMs);
+    (void)thread.End().HasEnded(thread, kEndOfThreadMs);
     return {.outcome = OverrunOutcome::IsKilled, .step = *overrun};
 }
 

@@ -1,6 +1,5 @@
 #include "DriverFlags.h"
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <optional>
