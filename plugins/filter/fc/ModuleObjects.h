@@ -1,6 +1,7 @@
 // The module-wide objects. They are constructed when the library is loaded, in the order in which
 // ModuleObjects.cpp defines them, and destroyed when it is unloaded. Those that others than the entry use are declared
-// where those find them: in Diagnostics/Diagnostics.h, in SystemHealth/SystemHealth.h and in metrics/ConnMetricsObjects.h.
+// where those find them: in Diagnostics/Diagnostics.h, in SystemHealth/SystemHealth.h and in
+// metrics/ConnMetricsObjects.h.
 #pragma once
 
 #include <cstdint>
