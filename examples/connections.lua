@@ -1,6 +1,6 @@
 -- Counts the connections of a Zeek conn.log by kind, with the module's connection metrics.
 --
---   fc-host --fast 1 examples/connections.lua [LOG] [--out DIR]
+--   fc-host --clock steps examples/connections.lua [LOG] [--out DIR]
 --
 -- LOG is a conn.log in Zeek's TSV format; without it the sample beside this script is read. The most
 -- frequent kinds are printed, all of them are written to DIR/connections.json (out/connections.json).

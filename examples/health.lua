@@ -1,9 +1,9 @@
 -- An agent's day: asks the module every 30 seconds whether the filter is to fail open, and acts on the answer.
 --
---   fc-host --fast 100 --quiet --report out/health.html examples/health.lua [--out DIR]
+--   fc-host --clock steps --quiet --report out/health.html examples/health.lua [--out DIR]
 --
--- The machine and the driver are simulated, and so is the clock: each call of the module holds the script for
--- 100 ms of simulated time, which is why the clock has to be a fast one. The configuration is vt_filter.conf beside
+-- The machine and the driver are simulated, and so is the clock, which stands still but for the waits: so each run prints
+-- the same. The configuration is vt_filter.conf beside
 -- this script; the policy that comes in the evening is policy.json. The module's files are written below DIR/agent
 -- (out/agent). Ends with 1 when the day did not go as it is told here.
 
@@ -35,7 +35,7 @@ local function parse_arguments(arguments)
         fail("unknown argument '%s'; usage: health.lua [--out DIR]", arguments[1])
     end
     if not pcall(host.advance, 0) then
-        fail("a day takes a simulated clock: start fc-host with --fast 100")
+        fail("a day takes a simulated clock: start fc-host with --clock steps")
     end
     return options
 end

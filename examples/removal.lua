@@ -1,13 +1,12 @@
 -- Removes the drivers from a machine on which one call never comes back, and shows what those who look after such a
 -- machine see of it. Then removes them again, in the same process.
 --
---   fc-host --fast 1 --quiet examples/removal.lua
+--   fc-host --clock steps --quiet examples/removal.lua
 --
--- The machine is simulated, and so is the clock: it is put forward while the call hangs, so that the ten minutes after
--- which the call is given up take a few seconds. docs/removal.md tells what each line of the log means. Ends with 1
+-- The machine is simulated, and so is the clock: it moves on when all wait, so that the ten minutes after which the call is
+-- given up take a few seconds. docs/removal.md tells what each line of the log means. Ends with 1
 -- when a removal did not go as it is told here.
 
-local STUCK_SECONDS = 601 -- the limit of the step in which the call is made is 600
 local CALLOUT_INF = [[
 [Version]
 Signature = "$Windows NT$"
@@ -113,7 +112,7 @@ end
 
 local function first_removal(folder)
     print("\nThe first removal: the call that takes the filter away does not come back")
-    host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = STUCK_SECONDS }
+    host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true }
     local removed, log = remove_drivers(folder)
     expect(not removed, "the first removal succeeds")
     expect(log:find(">UninstallingDriver. 600s max", 1, true), "the first removal does not get to its step")
@@ -142,7 +141,7 @@ local function main(arguments)
     if arguments[1] then
         fail("unknown argument '%s'; usage: removal.lua", arguments[1])
     elseif not pcall(host.advance, 0) then
-        fail("ten minutes take a simulated clock: start fc-host with --fast 1")
+        fail("ten minutes take a simulated clock: start fc-host with --clock steps")
     end
     local folder = install_drivers()
     host.set_verbose_log(true) -- else there is no stack trace

@@ -3,6 +3,8 @@
 
 #include "LuaEdge.h"
 #include "Text.h"
+#include "TraceComponents.h"
+#include "UnknownName.h"
 
 namespace {
 
@@ -106,7 +108,13 @@ int SetVerboseLog(lua_State *L) {
 int SetTrace(lua_State *L) {
     const std::string_view component = CheckText(L, 1);
     luaL_checktype(L, 2, LUA_TBOOLEAN);
-    VtaCore::Control::EnableTrace(wxString(ToWide(component)), lua_toboolean(L, 2) != 0);
+    if (IsMisspeltTraceComponent(component))
+        return RaiseUnknownName(L, "there is no trace component", component, ModuleTraceComponents);
+    const bool wanted = lua_toboolean(L, 2) != 0;
+    luaL_where(L, 1);
+    VtaCore::Control::EnableTrace(wxString(ToWide(component)), wanted);
+    if (wanted)
+        NoteWantedTrace(HostOf(L), lua_tostring(L, -1), std::string(component));
     return 0;
 }
 
@@ -117,6 +125,7 @@ int WriteTrace(lua_State *L) {
     lua_Debug caller{};
     if (lua_getstack(L, 1, &caller) != 0)
         (void)lua_getinfo(L, "Sl", &caller);
+    HostOf(L).tracedByScript.emplace(component);
     const wxString name(ToWide(component));
     if (VtaCore::LogTraceIsEnabled(name))
         VtaCore::LogTrace(name, caller.short_src, caller.currentline, "script", wxString(ToWide(text)));
@@ -141,6 +150,14 @@ int NotifyUser(lua_State *L) {
 }
 
 }  // namespace
+
+void NoteWantedTrace(HostState &host, const std::string &where, const std::string &component) {
+    if (component == "*" || IsModuleTraceComponent(component))
+        return;
+    host.plans.Add(UnusedPlans::Kind::Trace, [&host, text = where + "nobody traced as " + component, component] {
+        return host.tracedByScript.contains(component) ? std::string() : text;
+    });
+}
 
 void AddEventFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {

@@ -264,8 +264,18 @@ int AddRule(lua_State *L) {
     const std::string_view node = CheckText(L, 2);
     CheckChangeFields(L, 3);
     const CheckedChange change = CheckChange(L, 3);
+    luaL_where(L, 1);
+    const char *const where = lua_tostring(L, -1);
     return ChangeInstallation(L, [&](Installation &installation) {
-        installation.When({{happening.what, ToWide(component), ToWide(adapter)}, ToWide(node), change.Make()});
+        const std::size_t rule =
+            installation.When({{happening.what, ToWide(component), ToWide(adapter)}, ToWide(node), change.Make()});
+        HostOf(L).plans.Add(
+            UnusedPlans::Kind::NetworkRule,
+            [&installation, rule,
+             text = where + ("nothing was " + std::string(happening.name)) +
+                    " for which host.machine.when waits: " + std::string(happening.isOfDevice ? adapter : component)] {
+                return installation.Awaits(rule) ? text : std::string();
+            });
     });
 }
 

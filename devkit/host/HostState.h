@@ -3,6 +3,8 @@
 
 #include <map>
 #include <memory>
+#include <set>
+#include <string>
 
 #include <lua.hpp>
 
@@ -13,6 +15,7 @@
 #include "Options.h"
 #include "SimulatedSystem.h"
 #include "StepDisplay.h"
+#include "UnusedPlans.h"
 #include "ZipFile.h"
 #include "vta_core_control.h"
 
@@ -26,6 +29,8 @@ struct HostState {
     SimulatedSystem system;
     std::unique_ptr<VtaCore::Control::Dom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
+    UnusedPlans plans;
+    std::set<std::string> tracedByScript;  ///< Components of host.trace.
 };
 
 /// The state, in a function that AddFunctions has registered.
@@ -53,6 +58,12 @@ void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
+void AddRebootFunction(lua_State *L, HostState &host);
+
+/// The trace of a component was switched on. If it is none of the module's, and the script does not trace as it, that
+/// is told at the end.
+/// @param where  what switched it on, such as "script.lua:3: ".
+void NoteWantedTrace(HostState &host, const std::string &where, const std::string &component);
 
 /// Makes the global table `host`, lets require find the modules beside the program, and opens files
 /// by names in UTF-8. Raises Lua errors.

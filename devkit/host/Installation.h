@@ -51,18 +51,21 @@ public:
 
     void PutComponent(const Simulator::NetworkComponent &component);
     void PutDevice(const Simulator::Device &device);
-    /// @param state  SERVICE_RUNNING and its like.
-    void PutService(const std::wstring &name, DWORD state);
+    /// @param state      SERVICE_RUNNING and its like.
+    /// @param startType  SERVICE_AUTO_START and its like.
+    void PutService(const std::wstring &name, DWORD state, DWORD startType = SERVICE_DEMAND_START);
     /// @param path  below HKEY_LOCAL_MACHINE.
     void PutKey(const std::wstring &path);
     /// Another program holds the write lock of the network configuration.
     void LockNetwork(const std::wstring &holder);
+    /// Whoever holds it gives it back.
+    void UnlockNetwork();
     /// @param function  see Simulator::SetupLibrary::Lack.
     void Lack(const std::string &function);
 
     /// Adds an adapter with its device, or replaces it. It gets a name to bind to.
     void PutAdapter(Simulator::NetworkAdapter adapter);
-    /// @throws std::invalid_argument  if there is no such adapter, as the next two do.
+    /// @throws std::invalid_argument  if there is no such adapter, as the next two do, or no such component.
     void ChangeAdapterAt(const std::wstring &node, const AdapterChange &change);
     void RemoveAdapter(const std::wstring &node);
     void Bind(const std::wstring &node, const std::wstring &component, bool bound);
@@ -71,7 +74,14 @@ public:
     /// @param loads  the version of the driver that runs as soon as the component is installed, until it is removed;
     ///               none: the driver stays as it is.
     void PutInstallable(const Simulator::InstallableComponent &installable, const std::optional<std::string> &loads);
-    void When(const NetworkRule &rule) { m_rules.Add(rule); }
+    /// @return the rule's number.
+    std::size_t When(const NetworkRule &rule) { return m_rules.Add(rule); }
+    /// Whether the rule's moment is still to come.
+    bool Awaits(std::size_t rule) const { return m_rules.IsOpen(rule); }
+
+    /// The machine is booted anew: what was left to the boot is done, nobody holds the lock of the network
+    /// configuration, services run as their start types tell, and of the drivers those that are installed.
+    void Reboot();
 
     Simulator::Firewall &GetFirewall() { return *m_firewall; }
     const Simulator::SystemFolders &Folders() const { return m_folders; }
@@ -79,11 +89,12 @@ public:
 
 private:
     void CheckAdapter(const std::wstring &node) const;
+    void CheckComponent(const std::wstring &id) const;
     void InstallSection(const std::wstring &command);
     void OnNetwork(const Simulator::NetworkMoment &moment);
     void OnDevice(const Simulator::DeviceChange &change);
     void FollowRules(const NetworkHappening &happening);
-    void LoadDriver(const std::wstring &component, bool loaded);
+    std::optional<std::string> LoadedBy(const std::wstring &component) const;
 
     Simulator::RegistrySandbox m_registry;
     Simulator::SystemFolders m_folders;

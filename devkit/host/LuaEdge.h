@@ -65,14 +65,19 @@ inline void SetField(lua_State *L, const char *name, int number) {
     lua_setfield(L, -2, name);
 }
 
-/// Sets an array of texts in the table on top of the stack.
-inline void SetTexts(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+/// Pushes an array of texts.
+inline void PushTexts(lua_State *L, const std::vector<std::string> &texts) {
     lua_createtable(L, static_cast<int>(texts.size()), 0);
     int index = 0;
     for (const std::string &text : texts) {
         lua_pushlstring(L, text.data(), text.size());
         lua_rawseti(L, -2, ++index);
     }
+}
+
+/// Sets an array of texts in the table on top of the stack.
+inline void SetTexts(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+    PushTexts(L, texts);
     lua_setfield(L, -2, name);
 }
 

@@ -10,7 +10,8 @@ struct Options {
     bool version = false;
     bool quiet = false;        ///< No traces, events and log lines on the console.
     bool interactive = false;  ///< A prompt instead of a script.
-    unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0 is the real clock.
+    unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0: another clock.
+    bool steps = false;        ///< A simulated clock that stands still unless all threads wait.
     std::vector<std::wstring> traces;
     std::wstring eventsFile;    ///< Empty: none.
     std::wstring reportFile;    ///< Empty: none.

@@ -10,6 +10,7 @@
 #include <io.h>
 #include <wx/init.h>
 
+#include "Console.h"
 #include "Files.h"
 #include "HostState.h"
 #include "HostLog.h"
@@ -127,6 +128,14 @@ void SaveForInterruption() {
     (void)std::fflush(stdout);
 }
 
+/// Faults that never struck, and the like. A script that was interrupted did not get that far.
+void TellUnusedPlans(HostState &host) {
+    if (IsInterrupted())
+        return;
+    for (const std::string &text : host.plans.SettleAll())
+        (void)Complain(text);
+}
+
 /// What has to happen however the program ends: a script may call os.exit.
 void EndHost() {
     g_ending.lock();
@@ -135,6 +144,7 @@ void EndHost() {
     host.steps.End();
     VtaCore::Control::SetThreadListener(nullptr);
     VtaCore::Control::SetObserver(nullptr);
+    TellUnusedPlans(host);
     bool complete = CloseZips(host);
     complete = WriteEvents(host) && complete;
     complete = WriteReport(host) && complete;
@@ -169,8 +179,10 @@ bool StartHost(HostState &host) {
     host.events.SetHistory(host.history.get());
     WatchRuns(host);
     VtaCore::Control::SetObserver(&host.events);
-    for (const std::wstring &component : host.options.traces)
+    for (const std::wstring &component : host.options.traces) {
         VtaCore::Control::EnableTrace(wxString(component), true);
+        NoteWantedTrace(host, "--trace: ", ToUtf8(component));
+    }
     return std::atexit(EndHost) == 0;
 }
 
@@ -213,6 +225,16 @@ int RunLua(const Options &options, const Script &script) {
     return status;
 }
 
+/// The module takes the delay for one of its own: a health check, for example, for an interval that is too long.
+void TellTooFast(double seconds) {
+    char text[160] = "";
+    (void)std::snprintf(text, sizeof text,
+                        "--fast %u is too fast for this machine: a wait ended %.0f s late. Take a smaller number, or "
+                        "--clock steps",
+                        TheHost().options.fast, seconds);
+    PrintLine(std::string("fc-host: ") + text);
+}
+
 /// The script's file; for the prompt there is none.
 bool ReadScript(const Options &options, Script &script, std::string &error) {
     script.name = ToUtf8(options.script);
@@ -250,7 +272,9 @@ int Run(const Options &options) {
     if (!CanWriteOutputs(host))
         return kCannotRun;
     if (options.fast > 0)
-        host.system.StartFastClock(options.fast);
+        host.system.StartFastClock(options.fast, TellTooFast);
+    else if (options.steps)
+        host.system.StartSteppedClock();
     if (!WatchForInterruption(SaveForInterruption))
         return Complain("Ctrl-C can't be watched for");
     if (!StartHost(host))

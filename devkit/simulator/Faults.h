@@ -12,9 +12,11 @@
 
 #include "Event.h"
 #include "Lock.h"
+#include "UniqueHandle.h"
 
 namespace Simulator {
 
+class Clock;
 class FaultPlan;
 
 /// A plan that counts the calls of all threads. One that counts those of one thread names it by its number: threads are
@@ -45,6 +47,10 @@ public:
     [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.WaitUnless(m_released, timeoutMs); }
     /// Hangs the calling thread until the plan is released.
     void Hang();
+    /// The same as a wait of the clock, so that others get their turns.
+    void Hang(Clock &clock);
+    /// Kills the threads that hang.
+    void KillHung();
     /// Ends the plan, and lets go what hangs by it: those calls then do their work.
     void Release();
 
@@ -55,6 +61,7 @@ private:
     bool IsForThisThread();
     void Apply(const std::string &function, Verdict &verdict);
     void Meet();
+    void BeginHanging();
 
     enum class Kind { Fail, Hang, Delay };
     Kind m_kind = Kind::Fail;
@@ -68,6 +75,7 @@ private:
     std::string m_hitFunction;
     std::atomic<unsigned> m_hits{0};
     std::atomic<DWORD> m_hangingThread{0};  ///< The last one that came to hang.
+    std::vector<UniqueHandle> m_hung;       ///< Their numbers may be those of others when they have ended.
     Event m_hit;
     Event m_released;
 };
@@ -95,6 +103,8 @@ public:
 
     /// Releases every plan that hangs calls.
     void ReleaseHung();
+    /// Kills the threads that hang. The plans stay.
+    void KillHung();
     /// Releases and forgets all plans. Counts stay.
     void Clear();
 

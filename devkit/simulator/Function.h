@@ -10,8 +10,8 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -60,8 +60,8 @@ struct FixedText {
 /// The function of a library that is loaded for it if need be; null if there is none. Keeps the last error.
 [[nodiscard]] FARPROC FindRealFunction(const char *library, const char *function);
 
-/// The names of all functions that this program could put in a FunctionSet.
-[[nodiscard]] std::set<std::string_view> &ReplaceableFunctions();
+/// The names of all functions that this program could put in a FunctionSet, and whether a plan can make them fail.
+[[nodiscard]] std::map<std::string_view, bool> &ReplaceableFunctions();
 
 template <FixedText Name, FixedText Library, class Signature, class FailureValue>
 class Function;
@@ -138,7 +138,7 @@ private:
     };
 
     /// Set before the program begins, wherever Begin is compiled in.
-    inline static const bool isListed = ReplaceableFunctions().insert(name).second;
+    inline static const bool isListed = ReplaceableFunctions().emplace(name, Failure::canFail).second;
 
     /// Never destroyed: replacements may be called while the process ends.
     static Slot &TheSlot() {

@@ -33,6 +33,7 @@ struct NetworkComponent {
     unsigned deInstallsUntilGone = 1;  ///< The DeInstall that takes it away, among those that succeed; 0 for none.
     std::optional<NetworkAdapter> adapter{};  ///< What it is, if it is one; see PutAdapter.
     unsigned key = 0;                         ///< Set by Put; never that of another.
+    bool goesAtBoot = false;                  ///< A DeInstall asked for a reboot, and left it there.
 };
 
 /// What INetCfgClassSetup::Install knows to install: the component as Put gets it, bound to every adapter there is.
@@ -51,8 +52,9 @@ struct NetworkMoment {
         BindingEnabled,
     };
     What what;
-    std::wstring component;  ///< Its id, as the machine has it.
-    std::wstring adapter{};  ///< Its pnpDevNodeId; empty if no binding is meant.
+    std::wstring component;    ///< Its id, as the machine has it.
+    std::wstring adapter{};    ///< Its pnpDevNodeId; empty if no binding is meant.
+    bool needsReboot = false;  ///< The call asked for one.
 };
 
 /// Who holds the write lock.
@@ -129,6 +131,11 @@ public:
     [[nodiscard]] bool Has(const std::wstring &id) const;
     /// The lock is held by another process from now on.
     void LockFromElsewhere(const std::wstring &description);
+    /// Whoever holds the lock gives it back.
+    void Unlock();
+    /// What a boot does: nobody holds the lock, the ARP cache is empty, and components whose removal waited for it are
+    /// gone.
+    void Boot();
     [[nodiscard]] NetworkState Read() const;
 
     /// Reads or changes the state: network.Use([](NetworkState &state) { state.applyResult = E_FAIL; }).

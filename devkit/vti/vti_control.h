@@ -13,12 +13,31 @@
 
 namespace Vti {
 
+/// The operations that a fault can be set for.
+inline constexpr std::array kOperations{
+    "vti_driver_available",
+    "vti_get_blacklist",
+    "vti_get_conntrack",
+    "vti_get_profile_stats",
+    "vti_get_scan_metrics",
+    "vti_get_stats",
+    "vti_get_var",
+    "vti_get_varv",
+    "vti_get_version",
+    "vti_open",
+    "vti_set_scan_monitoring",
+    "vti_set_trace_handler",
+    "vti_set_trace_level",
+    "vti_set_var",
+};
+
 /// What one operation answers instead of doing its work.
 struct Fault {
     int32_t status = 0;  ///< The status it yields.
     std::string error;   ///< What vti_get_error then tells.
     int remaining = -1;  ///< For so many calls, -1 for all of them.
     int after = 0;       ///< Only after so many calls that still work.
+    unsigned met = 0;    ///< By so many calls.
 };
 
 /// A connection as the driver's table holds it.

@@ -6,13 +6,10 @@
 
 namespace ThreadFaults {
 
-SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
-SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
-
 /// From now on these two are redirected.
 inline void Redirect(Simulator::Simulation &simulation) {
-    simulation.Functions().PassThrough<TerminateThread>();
-    simulation.Functions().PassThrough<ResumeThread>();
+    simulation.Functions().PassThrough<Simulator::System::TerminateThread>();
+    simulation.Functions().PassThrough<Simulator::System::ResumeThread>();
 }
 
 /// A thread that hangs although somebody tried to kill it gets no time to end. Waits for anything else keep theirs.

@@ -30,7 +30,7 @@ TEST(HostCommandLine, HelpNamesEveryOption) {
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_EQ(run.err, "");
     for (const char *option :
-         {"-i", "--quiet", "--trace", "--events", "--report", "--settings", "--fast", "--help", "--version"})
+         {"-i", "--quiet", "--trace", "--events", "--report", "--settings", "--clock", "--fast", "--help", "--version"})
         EXPECT_TRUE(Contains(run.out, option)) << option;
 }
 

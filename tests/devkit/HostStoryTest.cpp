@@ -22,7 +22,7 @@ const char *FirstMissing(const std::string &text, std::initializer_list<const ch
 
 TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
     const TemporaryFolder folder;
-    const HostRun run = RunHost({L"--fast", L"4", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
+    const HostRun run = RunHost({L"--clock", L"steps", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
                                  folder.At(L"events.json"), kStory, L"--out", folder.Path().wstring()});
     ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
     EXPECT_EQ(run.err, "");
@@ -56,7 +56,7 @@ TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
                                              "if text:match('is overloaded') then print 'ready' io.stdout:flush()\n"
                                              "while true do end end\nend\n"
                                              "assert(loadfile(arg[1]))('--out', arg[2])");
-    const HostRun run = InterruptHost({L"--quiet", L"--fast", L"1000", script, kStory, folder.At(L"out")});
+    const HostRun run = InterruptHost({L"--quiet", L"--clock", L"steps", script, kStory, folder.At(L"out")});
     EXPECT_EQ(run.exitCode, 130U) << run.err;
     const std::string trace = TextOfFile(folder.At(L"out\\trace.log"));
     EXPECT_EQ(FirstMissing(trace, {"  The drivers are installed", "  The machine is overloaded"}), nullptr) << trace;
@@ -65,9 +65,9 @@ TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
 TEST(Story, SaysHowItIsStarted) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);
-    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --fast 4"), std::string::npos)
+    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --clock steps"), std::string::npos)
         << slow.err;
-    const HostRun unknown = RunHost({L"--fast", L"4", kStory, L"again"});
+    const HostRun unknown = RunHost({L"--clock", L"steps", kStory, L"again"});
     EXPECT_EQ(unknown.exitCode, 1U);
     EXPECT_NE(unknown.err.find("unknown argument 'again'; usage: story.lua [--out DIR]"), std::string::npos);
 }

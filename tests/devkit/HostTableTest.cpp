@@ -135,6 +135,29 @@ TEST(HostTable, AZipIsARealFile) {
     EXPECT_EQ(TextOfFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
 }
 
+TEST(HostTable, AZipTakesFilesOfTheScript) {
+    const TemporaryFolder folder;
+    ExpectPasses("local path = " + LuaText(folder.At(L"package.zip")) + R"(
+        local zip = host.zip(path)
+        zip:add("gr\195\188n/a.txt", "first\0\255")
+        zip:add("empty.txt", "")
+        zip:add("numbers.txt", 12)
+        local function refused(part, ...)
+            local ok, message = pcall(...)
+            assert(not ok and message:find(part, 1, true), tostring(message))
+        end
+        refused("a file's name expected", zip.add, zip, "", "text")
+        refused("string expected, got no value", zip.add, zip, "a.txt")
+        refused("an open zip of host.zip expected", zip.add, io.stdout, "a.txt", "text")
+        host.close_zip(zip)
+        refused("an open zip of host.zip expected", zip.add, zip, "late.txt", "text")
+        local files = host.read_zip(path)
+        assert(#files == 3)
+        assert(files[1].name:gsub("\\", "/") == "gr\195\188n/a.txt" and files[1].content == "first\0\255", files[1].name)
+        assert(files[2].content == "" and files[3].content == "12")
+    )");
+}
+
 TEST(HostTable, JsonComesBackAsItWasWritten) {
     const TemporaryFolder folder;
     const std::wstring path = folder.At(L"a\\b\\value.json");
@@ -191,7 +214,7 @@ TEST(HostTable, RealTimeCannotBePutForward) {
         "assert(host.time() - before >= 0.015 and host.time() - before < 5)\n"
         "host.advance(1)");
     EXPECT_EQ(run.exitCode, 1U);
-    EXPECT_TRUE(Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --fast N"))
+    EXPECT_TRUE(Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --clock steps"))
         << run.err;
 }
 

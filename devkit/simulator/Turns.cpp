@@ -1,0 +1,223 @@
+#include "Turns.h"
+
+#include <utility>
+
+#include "CallScope.h"
+#include "UniqueHandle.h"
+
+namespace Simulator {
+
+namespace {
+
+/// Real milliseconds; a thread that leaves has only a few instructions left.
+constexpr DWORD kLastInstructionsMs = 5'000;
+
+UniqueHandle Copy(HANDLE thread) {
+    HANDLE copy = nullptr;
+    (void)DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &copy, SYNCHRONIZE | THREAD_TERMINATE,
+                          FALSE, 0);
+    return UniqueHandle(copy);
+}
+
+}  // namespace
+
+struct Turns::Thread {
+    Thread(unsigned toNumber, HANDLE thread) : number(toNumber), handle(Copy(thread)) {}
+
+    [[nodiscard]] bool HasEnded() const { return WaitForSingleObject(handle.get(), 0) == WAIT_OBJECT_0; }
+    [[nodiscard]] bool WantsTurn() const { return suspensions == 0 && (isNew || (waits && hasProbe && !isProbed)); }
+    [[nodiscard]] bool WaitsForTime() const { return suspensions == 0 && waits && until.has_value(); }
+
+    const unsigned number;  ///< The youngest thread has the highest.
+    const UniqueHandle handle;
+    const UniqueHandle turn{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    unsigned suspensions = 0;
+    bool isNew = true;
+    bool waits = false;
+    bool hasProbe = false;
+    bool isProbed = false;  ///< Since another thread has run.
+    bool isDue = false;
+    std::optional<Interval> until;
+};
+
+Turns::~Turns() {
+    End();
+    const InsideSimulator inside;
+    m_threads.clear();
+}
+
+void Turns::Begin(MoveTime moveTime) {
+    const InsideSimulator inside;
+    auto self = std::make_shared<Thread>(0, GetCurrentThread());
+    self->isNew = false;
+    const LockGuard guard(m_lock);
+    m_moveTime = std::move(moveTime);
+    m_threads = {{GetCurrentThreadId(), std::move(self)}};
+    m_ended = false;
+}
+
+bool Turns::TakesPart() const {
+    return !m_ended && Mine() != nullptr;
+}
+
+Turns::ThreadHandle Turns::Mine() const {
+    const LockGuard guard(m_lock);
+    const auto found = m_threads.find(GetCurrentThreadId());
+    return found == m_threads.end() ? nullptr : found->second;
+}
+
+Turns::ThreadHandle Turns::Find(HANDLE thread) const {
+    const LockGuard guard(m_lock);
+    const auto found = m_threads.find(GetThreadId(thread));
+    return found == m_threads.end() ? nullptr : found->second;
+}
+
+void Turns::Add(HANDLE thread, bool isSuspended) {
+    const InsideSimulator inside;
+    auto added = std::make_shared<Thread>(++m_added, thread);
+    added->suspensions = isSuspended ? 1 : 0;
+    const LockGuard guard(m_lock);
+    m_threads[GetThreadId(thread)] = std::move(added);
+}
+
+void Turns::NoteSuspended(HANDLE thread, bool isSuspended) {
+    const InsideSimulator inside;
+    const ThreadHandle noted = Find(thread);
+    if (noted == nullptr)
+        return;
+    if (isSuspended)
+        ++noted->suspensions;
+    else if (noted->suspensions > 0)
+        --noted->suspensions;
+}
+
+void Turns::AwaitFirst() {
+    const InsideSimulator inside;
+    const ThreadHandle self = Mine();
+    if (m_ended || self == nullptr)
+        return;
+    AwaitTurn(*self);
+    self->isNew = false;
+}
+
+void Turns::AwaitTurn(const Thread &self) {
+    (void)WaitForSingleObject(self.turn.get(), INFINITE);
+    const ThreadHandle leaving = std::exchange(m_leaving, nullptr);
+    if (leaving != nullptr)
+        (void)WaitForSingleObject(leaving->handle.get(), kLastInstructionsMs);
+}
+
+void Turns::Leave() {
+    const InsideSimulator inside;
+    const ThreadHandle self = Mine();
+    if (m_ended || self == nullptr)
+        return;
+    {
+        const LockGuard guard(m_lock);
+        m_threads.erase(GetCurrentThreadId());
+    }
+    m_leaving = self;
+    ProbeAllAgain();
+    if (const ThreadHandle next = PickNext())
+        SetEvent(next->turn.get());
+}
+
+bool Turns::Wait(std::optional<Interval> until, const Probe &probe) {
+    const InsideSimulator inside;
+    const ThreadHandle self = Mine();
+    ProbeAllAgain();
+    self->until = until;
+    self->hasProbe = probe != nullptr;
+    self->waits = true;
+    bool isOver = false;
+    while (!m_ended && !isOver) {
+        const ThreadHandle next = PickNext();
+        if (next != nullptr && next != self) {
+            SetEvent(next->turn.get());
+            AwaitTurn(*self);
+        }
+        if (m_ended || std::exchange(self->isDue, false))
+            break;
+        self->isProbed = true;
+        isOver = probe != nullptr && probe();
+    }
+    self->waits = false;
+    return isOver;
+}
+
+void Turns::ForgetEnded() {
+    const LockGuard guard(m_lock);
+    std::erase_if(m_threads, [](const auto &thread) { return thread.second->HasEnded(); });
+}
+
+void Turns::KillOthers() {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    for (const auto &[id, thread] : m_threads)
+        if (id != GetCurrentThreadId())
+            KillThread(thread->handle.get());
+    std::erase_if(m_threads, [](const auto &thread) { return thread.first != GetCurrentThreadId(); });
+}
+
+/// Another thread has run: a wait may be over by now.
+void Turns::ProbeAllAgain() {
+    const LockGuard guard(m_lock);
+    for (const auto &[id, thread] : m_threads)
+        thread->isProbed = false;
+}
+
+Turns::ThreadHandle Turns::YoungestThatWantsTurn() const {
+    const LockGuard guard(m_lock);
+    ThreadHandle youngest;
+    for (const auto &[id, thread] : m_threads)
+        if (thread->WantsTurn() && (youngest == nullptr || thread->number > youngest->number))
+            youngest = thread;
+    return youngest;
+}
+
+Turns::ThreadHandle Turns::FirstWhoseTimeComes() const {
+    const LockGuard guard(m_lock);
+    ThreadHandle first;
+    for (const auto &[id, thread] : m_threads) {
+        if (!thread->WaitsForTime())
+            continue;
+        const bool isEarlier = first == nullptr || *thread->until < *first->until ||
+                               (*thread->until == *first->until && thread->number > first->number);
+        if (isEarlier)
+            first = thread;
+    }
+    return first;
+}
+
+/// @return null when all threads have ended.
+Turns::ThreadHandle Turns::PickNext() {
+    for (; !m_ended; ProbeAllAgain()) {
+        ForgetEnded();
+        if (ThreadHandle next = YoungestThatWantsTurn())
+            return next;
+        if (ThreadHandle next = FirstWhoseTimeComes()) {
+            m_moveTime(*next->until);
+            next->isDue = true;
+            return next;
+        }
+        if (IsEmpty())
+            return nullptr;
+        Sleep(1);  // only somebody who takes no part can end a wait
+    }
+    return nullptr;
+}
+
+bool Turns::IsEmpty() const {
+    const LockGuard guard(m_lock);
+    return m_threads.empty();
+}
+
+void Turns::End() {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_ended = true;
+    for (const auto &[id, thread] : m_threads)
+        SetEvent(thread->turn.get());
+}
+
+}  // namespace Simulator
