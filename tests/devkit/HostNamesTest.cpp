@@ -80,7 +80,7 @@ TEST(HostNames, OfAllFaultsAreListedInTheirOrder) {
 TEST(HostNames, OfFaultsMayBeThoseOfTheModulesEvents) {
     const std::set<std::string> names =
         InSources("plugins/filter/WindowsDriverInstaller",
-                  R"rx((?:ReportFailure\([^"\n]*|CallInStep\([^"\n]*|kSystemFailureEvent,\s*)L"([^"]+)")rx");
+                  R"rx((?:ReportFailure\([^"\n]*|CallInStep\([^"\n]*|kSystemFailureEvent,\s*)L"([A-Z][^"]+)")rx");
     ASSERT_GE(names.size(), 20U);
     ASSERT_TRUE(names.contains("SetupCopyOEMInf(%ls)") && names.contains("INetCfg::Apply"));
     std::string script;

@@ -339,7 +339,8 @@ TEST(RemovalExample, TellsWhereTheFirstRemovalIsStuckAndThatTheSecondSucceeds) {
 TEST(RemovalExample, SaysHowItIsStarted) {
     const HostRun slow = RunHost({kRemovalExample});
     EXPECT_EQ(slow.exitCode, 1U);
-    EXPECT_TRUE(Has(slow.err, "removal: ten minutes take a simulated clock: start fc-host with --clock steps")) << slow.err;
+    EXPECT_TRUE(Has(slow.err, "removal: ten minutes take a simulated clock: start fc-host with --clock steps"))
+        << slow.err;
     const HostRun unknown = RunHost({L"--clock", L"steps", kRemovalExample, L"--out"});
     EXPECT_EQ(unknown.exitCode, 1U);
     EXPECT_TRUE(Has(unknown.err, "removal: unknown argument '--out'; usage: removal.lua")) << unknown.err;

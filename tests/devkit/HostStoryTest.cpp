@@ -65,7 +65,8 @@ TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
 TEST(Story, SaysHowItIsStarted) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);
-    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --clock steps"), std::string::npos)
+    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --clock steps"),
+              std::string::npos)
         << slow.err;
     const HostRun unknown = RunHost({L"--clock", L"steps", kStory, L"again"});
     EXPECT_EQ(unknown.exitCode, 1U);

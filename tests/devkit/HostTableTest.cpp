@@ -214,7 +214,8 @@ TEST(HostTable, RealTimeCannotBePutForward) {
         "assert(host.time() - before >= 0.015 and host.time() - before < 5)\n"
         "host.advance(1)");
     EXPECT_EQ(run.exitCode, 1U);
-    EXPECT_TRUE(Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --clock steps"))
+    EXPECT_TRUE(
+        Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --clock steps"))
         << run.err;
 }
 
