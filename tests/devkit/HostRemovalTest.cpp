@@ -263,7 +263,7 @@ TEST(HostFault, RefusesWhatItCannotDo) {
     (void)RunRemovalScript(R"(
         refused("no call of that name is simulated: 'INetCfg::Go'", host.fault, { call = "INetCfg::Go", fail = 5 })
         refused("no call of that name is simulated: 'INetCfg::AddRef'", host.fault, { call = "INetCfg::AddRef", fail = 5 })
-        local counted = "CloseHandle" -- the simulator can count it, but the host does not
+        local counted = "CreateMutexW" -- the simulator can count it, but the host does not
         refused("no call of that name is simulated: '" .. counted, host.fault, { call = counted, fail = 5 })
         refused("Sleep can't fail: it can only be late, or hang", host.fault, { call = "Sleep", fail = 5 })
         local one = "one of fail, hang and delay expected"
