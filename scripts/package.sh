@@ -82,7 +82,7 @@ make_devkit_package() {
     cp "$ROOT"/packaging/accept.lua "$folder/bin/"
     test_programs | sed 's/$/\r/' >"$folder/bin/test-programs.txt"
     sed 's/$/\r/' "$ROOT/packaging/accept.cmd" >"$folder/accept.cmd"
-    cp "$ROOT/packaging/README.md" "$ROOT/CHANGELOG.md" "$folder/"
+    cp "$ROOT/packaging/README.md" "$ROOT/CHANGELOG.md" "$ROOT/CONTRIBUTING.md" "$folder/"
     cp -R "$ROOT/docs" "$ROOT/examples" "$folder/"
     copy_licences "$folder"
     cp /usr/share/doc/googletest/copyright "$folder/licences/GoogleTest.txt"

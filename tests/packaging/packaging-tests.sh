@@ -19,7 +19,7 @@ export SOURCE_DATE_EPOCH=1700000000
 # packs PLACE: the packages of a clone and a build folder there, in PLACE/dist.
 packs() {
     mkdir -p "$1/clone" "$1/build"
-    cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md} "$1/clone"
+    cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md,CONTRIBUTING.md} "$1/clone"
     ln -s "$BUILD"/{bin,version,test-programs.txt} "$1/build/"
     # shellcheck disable=SC2016 # expanded by the inner shell
     FC_BUILD=$1/build bash -euo pipefail -c '
@@ -152,6 +152,18 @@ TheDevkitHasEachTestProgram() {
     [ -s "$DEVKIT/bin/test-data/docs/host.md" ] || because "their data are missing"
 }
 
+# Those of CONTRIBUTING.md lead to files of a clone.
+TheLinksOfTheDevkitsPagesLeadToItsFiles() {
+    local page link count=0
+    for page in "$DEVKIT"/README.md "$DEVKIT"/docs/*.md; do
+        while read -r link; do
+            [ -e "${page%/*}/$link" ] || because "${page#"$DEVKIT/"} links to $link" || return
+            count=$((count + 1))
+        done < <(sed 's/](/\n&/g' "$page" | sed -n 's/^](\([^)#: ]\{1,\}\)[)#].*/\1/p')
+    done
+    [ $count -ge 50 ] || because "they have only $count links"
+}
+
 # None of ours is signed, and none is needed: a machine has nothing to load them.
 TheDevkitHasNoDriver() {
     ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
@@ -165,8 +177,8 @@ NoFileNamesAFolderOfThisMachine() {
 
 for name in TwoFoldersGiveTheSameBytes TheNamesHaveTheCommit TheModuleIsThatWhichTheTestsLoad \
     TheModulesPackageHasAllThatBelongsToIt TheSymbolsAreThoseOfTheModule TheRequirementsAreTheImportsOfTheModule \
-    TheBillOfMaterialsHasEachPinnedFile TheChecksumsAreThoseOfAllFiles TheDevkitHasEachTestProgram TheDevkitHasNoDriver \
-    NoFileNamesAFolderOfThisMachine; do
+    TheBillOfMaterialsHasEachPinnedFile TheChecksumsAreThoseOfAllFiles TheDevkitHasEachTestProgram \
+    TheLinksOfTheDevkitsPagesLeadToItsFiles TheDevkitHasNoDriver NoFileNamesAFolderOfThisMachine; do
     test_case "$name"
 done
 write_results packaging-tests "$XML"
