@@ -236,6 +236,6 @@ void BenchWidth(Report &report, const Width &width) {
 }  // namespace
 
 void BenchInfScan(Report &report) {
-    BenchWidth<char>(report, {"8 bit", DriverNamedIn8Bit, ScanPlainly8Bit});
-    BenchWidth<wchar_t>(report, {"16 bit", DriverNamedIn16Bit, ScanPlainly16Bit});
+    BenchWidth<char>(report, {"8 bit", ScanInfForDriver8Bit, ScanPlainly8Bit});
+    BenchWidth<wchar_t>(report, {"16 bit", ScanInfForDriver16Bit, ScanPlainly16Bit});
 }

@@ -2,7 +2,7 @@
 #include "CodePage.h"
 #include "DiagnosticsFixture.h"
 
-#include "Diagnostics/DriverAnswers.h"
+#include "Diagnostics/ShowErrors.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The reporter of failures of the system, and the removal of the health-check files.
 #include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 #include <filesystem>
 #include <fstream>

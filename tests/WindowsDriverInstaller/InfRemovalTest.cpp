@@ -12,7 +12,7 @@
 #include <winioctl.h>
 
 #include "RemovalFixture.h"
-#include "WindowsDriverInstaller/cleanup/ViewReading.h"
+#include "WindowsDriverInstaller/cleanup/ReadView.h"
 #include "WindowsFunctions.h"
 
 namespace {

@@ -103,9 +103,9 @@ protected:
 
     static const wchar_t *Scan(Bytes file) {
         if constexpr (kWidth == 1)
-            return DriverNamedIn8Bit(file);
+            return ScanInfForDriver8Bit(file);
         else
-            return DriverNamedIn16Bit(file);
+            return ScanInfForDriver16Bit(file);
     }
     /// The driver named in the text, with some bytes of the next character behind it.
     std::string Named(const Text &text, std::size_t moreBytes = 0) {
@@ -249,9 +249,9 @@ TEST(InfScanOf16Bit, OnlyWholeCharactersAreLookedAt) {
         text += L"qbimvta ";
     text += L"        ";
     const Bytes bytes = std::as_bytes(std::span(text));
-    EXPECT_EQ(Told(DriverNamedIn16Bit(bytes)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn16Bit(bytes.subspan(1))), "none");
-    EXPECT_EQ(Told(DriverNamedIn8Bit(bytes)), "none");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(bytes)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(bytes.subspan(1))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver8Bit(bytes)), "none");
 }
 
 TEST(InfScanOf16Bit, OtherLettersThatLookAlikeAreOthers) {
@@ -271,7 +271,7 @@ TEST(InfScanOf16Bit, OtherLettersThatLookAlikeAreOthers) {
         for (int i = 0; i < 20; ++i)
             text += row.name;
         text += L"        ";
-        EXPECT_EQ(Told(DriverNamedIn16Bit(std::as_bytes(std::span(text)))), "none") << row.what;
+        EXPECT_EQ(Told(ScanInfForDriver16Bit(std::as_bytes(std::span(text)))), "none") << row.what;
     }
 }
 
@@ -285,27 +285,27 @@ const std::string kInf = [] {
 const std::wstring kWideInf = L"\xfeff" + std::wstring(kInf.begin(), kInf.end());
 
 TEST(InfScanOfEither, ATextOf8BitsIsReadAsSuch) {
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kInf)))), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kInf)))), "qbimvta");
 }
 
 TEST(InfScanOfEither, ATextOf16BitsIsReadAsSuch) {
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kWideInf)))), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kWideInf)))), "qbimvta");
 }
 
 TEST(InfScanOfEither, NamesOfTheOtherWidthAreNotSeen) {
     std::string narrow = kInf.substr(0, kInf.find("HKR"));
     narrow.resize(1024, ' ');
     narrow.append(reinterpret_cast<const char *>(kWideInf.data()), kWideInf.size() * sizeof(wchar_t));
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(narrow)))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(narrow)))), "none");
     std::string wide(reinterpret_cast<const char *>(kWideInf.data()), 2 * kInf.find("HKR"));
     wide += kInf + kInf.substr(0, kInf.size() % 2);
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(wide)))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(wide)))), "none");
 }
 
 TEST(InfScanOfEither, ShortAndEmptyFilesAreNoOnes) {
     for (std::size_t size = 0; size < 20; ++size) {
-        EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kInf)).first(size))), "none") << size;
-        EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kWideInf)).first(size))), "none") << size;
+        EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kInf)).first(size))), "none") << size;
+        EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kWideInf)).first(size))), "none") << size;
     }
 }
 
@@ -322,12 +322,12 @@ TEST(InfScanOfEither, AFileIsScannedBeyondTwoGigabytes) {
     std::memset(text, ' ', kPage);
     kInf.copy(text, kInf.find("HKR"));
     kInf.copy(end, kInf.size());
-    EXPECT_EQ(Told(DriverNamedIn8Bit(file)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver8Bit(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(file)), "qbimvta");
     kWideInf.copy(reinterpret_cast<wchar_t *>(text), kWideInf.find(L"HKR"));
     kWideInf.copy(reinterpret_cast<wchar_t *>(end), kWideInf.size());
-    EXPECT_EQ(Told(DriverNamedIn16Bit(file)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(file)), "qbimvta");
 }
 
 /// Makes files by chance that come close to naming a driver, the same ones for the same seed.
@@ -400,7 +400,7 @@ TYPED_TEST(InfScan, AgreesWithTheRuleOnAnyFile) {
         const std::string expected = Told(ScanSlowly<TypeParam>(file));
         ASSERT_EQ(Told(this->Scan(file)), expected);
         const bool is16Bit = IsTextUnicode(file.data(), static_cast<int>(size), nullptr) != FALSE;
-        ASSERT_EQ(Told(DriverNamedIn(file)), Told(is16Bit ? ScanSlowly<wchar_t>(file) : ScanSlowly<char>(file)));
+        ASSERT_EQ(Told(ScanInfForDriver(file)), Told(is16Bit ? ScanSlowly<wchar_t>(file) : ScanSlowly<char>(file)));
         ++(expected == "none" ? kinds.none : expected == "qbimvta" ? kinds.vta : kinds.wfp);
         ++(is16Bit ? kinds.taken16Bit : kinds.taken8Bit);
     }

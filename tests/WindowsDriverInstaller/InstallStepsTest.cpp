@@ -37,6 +37,37 @@ constexpr char kRemovalOfNothing[] = R"(
  Checking for orphaned QBIMVTA_MP bindings
  >CleaningUpOrphans. 180s max
  <CleaningUpOrphans)";
+constexpr char kRemovalOfBoth[] = R"(
+ UninstallDriver running.
+ SetupUninstallOEMInfW() is at address <address>
+ >UninstallingWfpCalloutDriver. 300s max
+  InstallHinfSectionW() is at address <address>
+ <UninstallingWfpCalloutDriver
+ Trying to uninstall 'qbimvta'...
+ >FindingComponent. 15s max
+ <FindingComponent
+ >GettingClassGUID. 10s max
+ <GettingClassGUID
+ >GettingINetCfgClass. 10s max
+ <GettingINetCfgClass
+ >GettingINetCfgClassSetup. 10s max
+ <GettingINetCfgClassSetup
+ >UninstallingDriver. 600s max
+ <UninstallingDriver
+ >ApplyingInetCfgChanges. 300s max
+ <ApplyingInetCfgChanges
+ >RemovingInfFiles. 300s max
+  Matched 'qbimvta' in file '<folder>\Windows\inf\oem1.inf'. Deleting this inf+pnf+cat.
+  SetupUninstallOEMInf('oem1.inf') succeeded
+  Matched 'qbimwfp' in file '<folder>\Windows\inf\oem2.inf'. Deleting this inf+pnf+cat.
+  SetupUninstallOEMInf('oem2.inf') succeeded
+ <RemovingInfFiles
+ Checking if qbimvta is still installed
+ >CheckingIfStillInstalled. 60s max
+ <CheckingIfStillInstalled
+ Checking for orphaned QBIMVTA_MP bindings
+ >CleaningUpOrphans. 180s max
+ <CleaningUpOrphans)";
 constexpr char kInstallationUpToFiles[] = R"(
  >InstallingWfpCalloutDriver. 300s max
   InstallHinfSectionW() is at address <address>
@@ -106,37 +137,7 @@ TEST_F(InstallSteps, OfAnUpgradeLogThisTree) {
     InstallOldDriver({1, 2, 3, 4});
     network().Bind(kSecond, L"qbimvta", false);
     const InstallOutcome outcome = Install();
-    EXPECT_EQ(WorkerLog(outcome), std::string(R"(
- UninstallDriver running.
- SetupUninstallOEMInfW() is at address <address>
- >UninstallingWfpCalloutDriver. 300s max
-  InstallHinfSectionW() is at address <address>
- <UninstallingWfpCalloutDriver
- Trying to uninstall 'qbimvta'...
- >FindingComponent. 15s max
- <FindingComponent
- >GettingClassGUID. 10s max
- <GettingClassGUID
- >GettingINetCfgClass. 10s max
- <GettingINetCfgClass
- >GettingINetCfgClassSetup. 10s max
- <GettingINetCfgClassSetup
- >UninstallingDriver. 600s max
- <UninstallingDriver
- >ApplyingInetCfgChanges. 300s max
- <ApplyingInetCfgChanges
- >RemovingInfFiles. 300s max
-  Matched 'qbimvta' in file '<folder>\Windows\inf\oem1.inf'. Deleting this inf+pnf+cat.
-  SetupUninstallOEMInf('oem1.inf') succeeded
-  Matched 'qbimwfp' in file '<folder>\Windows\inf\oem2.inf'. Deleting this inf+pnf+cat.
-  SetupUninstallOEMInf('oem2.inf') succeeded
- <RemovingInfFiles
- Checking if qbimvta is still installed
- >CheckingIfStillInstalled. 60s max
- <CheckingIfStillInstalled
- Checking for orphaned QBIMVTA_MP bindings
- >CleaningUpOrphans. 180s max
- <CleaningUpOrphans)") + kRemovalOfNothing +
+    EXPECT_EQ(WorkerLog(outcome), std::string(kRemovalOfBoth) + kRemovalOfNothing +
                                       R"(
  >EnsuringDriverUnloaded. 60s max
  <EnsuringDriverUnloaded)" + kInstallationUpToFiles +

@@ -6,15 +6,7 @@
 
 namespace {
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - refused(message, f, ...) expects f to raise an error,
-/// - adapter(node) is an adapter's state, or nil, and bound(node) what is bound to it, as one text,
-/// - ready(version) makes a machine with two adapters, E and W, on which that version can be installed,
-/// - install() installs, and yields the agent's events by their numbers, and how often a reboot was asked for.
-HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
-    std::vector<std::wstring> all = options;
-    all.insert(all.end(), {L"--fast", L"4"});
-    HostRun run = RunScript(R"(
+const std::string kInstallPrelude = R"(
         local machine = host.machine
         local E, W = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
         local function refused(expected, f, ...)
@@ -62,8 +54,17 @@ HostRun RunInstallScript(const std::string &script, const std::vector<std::wstri
             end
             return texts, reboots
         end
-    )" + script,
-                            all);
+    )";
+
+/// Runs a script whose assertions are the test's. It may use these:
+/// - refused(message, f, ...) expects f to raise an error,
+/// - adapter(node) is an adapter's state, or nil, and bound(node) what is bound to it, as one text,
+/// - ready(version) makes a machine with two adapters, E and W, on which that version can be installed,
+/// - install() installs, and yields the agent's events by their numbers, and how often a reboot was asked for.
+HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
+    std::vector<std::wstring> all = options;
+    all.insert(all.end(), {L"--fast", L"4"});
+    HostRun run = RunScript(kInstallPrelude + script, all);
     EXPECT_EQ(run.exitCode, 0U) << run.err;
     return run;
 }

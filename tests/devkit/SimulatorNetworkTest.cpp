@@ -147,6 +147,47 @@ TEST_F(SimulatedNetwork, InitializesAndAppliesWithTheResultsItIsGiven) {
     EXPECT_EQ(engine->Apply(), NETCFG_S_REBOOT);
 }
 
+namespace {
+
+/// All methods but QueryInterface, without regard to what they answer.
+void CallEachMethod(INetCfg *engine, INetCfgLock *lock) {
+    (void)engine->Initialize(nullptr);
+    (void)engine->Apply();
+    (void)engine->Cancel();
+    (void)engine->EnumComponents(nullptr, nullptr);
+    (void)engine->FindComponent(nullptr, nullptr);
+    (void)engine->QueryNetCfgClass(nullptr, IID_INetCfgClass, nullptr);
+    (void)engine->Uninitialize();
+    (void)lock->AcquireWriteLock(0, nullptr, nullptr);
+    (void)lock->IsWriteLocked(nullptr);
+    (void)lock->ReleaseWriteLock();
+}
+
+void CallEachMethod(INetCfgClass *netClass, INetCfgClassSetup *setup) {
+    (void)netClass->FindComponent(nullptr, nullptr);
+    (void)netClass->EnumComponents(nullptr);
+    (void)setup->SelectAndInstall(nullptr, nullptr, nullptr);
+    (void)setup->Install(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
+    (void)setup->DeInstall(nullptr, nullptr, nullptr);
+}
+
+void CallEachMethod(INetCfgComponent *component) {
+    (void)component->GetDisplayName(nullptr);
+    (void)component->SetDisplayName(nullptr);
+    (void)component->GetHelpText(nullptr);
+    (void)component->GetId(nullptr);
+    (void)component->GetCharacteristics(nullptr);
+    (void)component->GetInstanceGuid(nullptr);
+    (void)component->GetPnpDevNodeId(nullptr);
+    (void)component->GetClassGuid(nullptr);
+    (void)component->GetBindName(nullptr);
+    (void)component->GetDeviceStatus(nullptr);
+    (void)component->OpenParamKey(nullptr);
+    (void)component->RaisePropertyUi(nullptr, 0, nullptr);
+}
+
+}  // namespace
+
 TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> engine = CreateInitialised();
@@ -160,33 +201,9 @@ TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
     for (IUnknown *object :
          std::initializer_list<IUnknown *>{engine.Get(), lock.Get(), netClass.Get(), setup.Get(), component.Get()})
         (void)object->QueryInterface(IID_IUnknown, nullptr);
-    (void)engine->Initialize(nullptr);
-    (void)engine->Apply();
-    (void)engine->Cancel();
-    (void)engine->EnumComponents(nullptr, nullptr);
-    (void)engine->FindComponent(nullptr, nullptr);
-    (void)engine->QueryNetCfgClass(nullptr, IID_INetCfgClass, nullptr);
-    (void)engine->Uninitialize();
-    (void)lock->AcquireWriteLock(0, nullptr, nullptr);
-    (void)lock->IsWriteLocked(nullptr);
-    (void)lock->ReleaseWriteLock();
-    (void)netClass->FindComponent(nullptr, nullptr);
-    (void)netClass->EnumComponents(nullptr);
-    (void)setup->SelectAndInstall(nullptr, nullptr, nullptr);
-    (void)setup->Install(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
-    (void)setup->DeInstall(nullptr, nullptr, nullptr);
-    (void)component->GetDisplayName(nullptr);
-    (void)component->SetDisplayName(nullptr);
-    (void)component->GetHelpText(nullptr);
-    (void)component->GetId(nullptr);
-    (void)component->GetCharacteristics(nullptr);
-    (void)component->GetInstanceGuid(nullptr);
-    (void)component->GetPnpDevNodeId(nullptr);
-    (void)component->GetClassGuid(nullptr);
-    (void)component->GetBindName(nullptr);
-    (void)component->GetDeviceStatus(nullptr);
-    (void)component->OpenParamKey(nullptr);
-    (void)component->RaisePropertyUi(nullptr, 0, nullptr);
+    CallEachMethod(engine.Get(), lock.Get());
+    CallEachMethod(netClass.Get(), setup.Get());
+    CallEachMethod(component.Get());
 
     // Those of bindings and enumerations are not called here.
     const std::set<std::string> interfaces{"INetCfg", "INetCfgLock", "INetCfgClass", "INetCfgClassSetup",

@@ -49,11 +49,11 @@ constexpr Spelling kSpellings[] = {
 
 TEST(TracedFunction, HasItsPlainNameWithEachCompiler) {
     for (const auto &[signature, name] : kSpellings)
-        EXPECT_EQ(FunctionNameOf(signature), name) << signature;
+        EXPECT_EQ(TraceFunctionNameOf(signature), name) << signature;
 }
 
 TEST(TracedFunction, IsNothingWhereTheCompilerTellsNothing) {
-    EXPECT_EQ(FunctionNameOf(""), "");
+    EXPECT_EQ(TraceFunctionNameOf(""), "");
 }
 
 void OneLine(const TraceLine &line) {

@@ -10,9 +10,9 @@
 namespace {
 
 /// Random bytes. A seed would only be added to a published secret.
-class HashSecret {
+class DrawnKeyHashSecret {
 public:
-    HashSecret() {
+    DrawnKeyHashSecret() {
         if (!RtlGenRandom(m_bytes.data(), static_cast<ULONG>(m_bytes.size())))
             FillFromProcess();
     }
@@ -47,6 +47,6 @@ private:
 
 std::span<const std::byte> KeyHashSecret() {
     // At its first use, not while the library is loaded: drawing random bytes may load another one.
-    static const HashSecret secret;
+    static const DrawnKeyHashSecret secret;
     return secret.Bytes();
 }

@@ -8,7 +8,7 @@
 
 #include <tsl/robin_set.h>
 
-#include "ConnMetricsMap.h"
+#include "ConnMetric.h"
 
 /// A hash table for keys of ASCII characters without a NUL. They are the same text in every locale, so that their
 /// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in the table's slot

@@ -11,12 +11,12 @@
 
 #include "WindowsDriverInstaller/NdisTrace.h"
 #include "WindowsDriverInstaller/adapters/ResizeBlock.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 #include "common/Trace.h"
 
 namespace {
 
-wxString AddressText(std::uint32_t address) {
+wxString ArpAddressText(std::uint32_t address) {
     in_addr value = {};
     value.s_addr = address;
     return inet_ntoa(value);
@@ -48,7 +48,7 @@ void CDriverInstallerWatchdog::ClearArpCache() {
             continue;
         const DWORD deleted = DeleteIpNetEntry(row);
         if (deleted > 1)  // compat 104: 1 is no failure
-            wxLogSysError(static_cast<long>(deleted), "DeleteIpNetEntry(%s) failed:", AddressText(row->dwAddr));
+            wxLogSysError(static_cast<long>(deleted), "DeleteIpNetEntry(%s) failed:", ArpAddressText(row->dwAddr));
     }
 }
 
@@ -58,7 +58,7 @@ void CDriverInstallerWatchdog::GenerateOutgoingTraffic() {
         if (!adapter.boundToIp || adapter.gatewayAddress == kNoAddress)
             continue;
         Trace(kNdisTrace, "Sending ARP request for MAC of %s - the default gateway of adapter %s",
-              AddressText(adapter.gatewayAddress), adapter.displayName);
+              ArpAddressText(adapter.gatewayAddress), adapter.displayName);
         std::array<ULONG, 2> mac{};
         ULONG length = sizeof(mac);
         const DWORD error = SendARP(adapter.gatewayAddress, 0, mac.data(), &length);

@@ -1,22 +1,13 @@
-// The devices of adapters, and changes of their state.
+// Adapters by their devices.
 #pragma once
 
 #include <cstddef>
-#include <cwchar>
 #include <map>
 #include <set>
 
-#include <windows.h>
-#include <setupapi.h>
+#include <wx/string.h>
 
 #include "TcpAdapter.h"
-
-/// Compares like the C runtime, which folds non-ASCII characters in another way than wxString.
-struct LessAsDeviceId {
-    bool operator()(const wxString &left, const wxString &right) const {
-        return _wcsicmp(left.wc_str(), right.wc_str()) < 0;
-    }
-};
 
 /// Finds the adapters of a device. A device is an adapter's if its instance id begins with the adapter's component id:
 /// so all devices of a model are meant. An adapter whose id couldn't be read has no device, lest every device of the
@@ -51,10 +42,12 @@ public:
     }
 
 private:
+    /// Compares like the C runtime, which folds non-ASCII characters in another way than wxString.
+    struct LessAsDeviceId {
+        bool operator()(const wxString &left, const wxString &right) const {
+            return _wcsicmp(left.wc_str(), right.wc_str()) < 0;
+        }
+    };
     std::map<wxString, std::map<std::size_t, const TcpAdapter *>, LessAsDeviceId> m_adapters;  ///< By component id.
     std::set<std::size_t> m_lengths;                                                           ///< Of the ids.
 };
-
-/// Enables or disables a device.
-/// @return false if the change could not even be prepared.
-bool ChangeDevice(HDEVINFO devices, SP_DEVINFO_DATA &device, bool enable);

@@ -1,18 +1,12 @@
-// What the files have in common in asking the driver.
+// Reports what the driver refuses.
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 
 #include "vta_core.h"
 #include "vti.h"
 
 namespace Filter::Diagnostics {
-
-constexpr wchar_t kDiagnosticsTrace[] = L"diagnostics";
-
-/// Whether the driver answers.
-bool IsDriverOpen(vti_handle_t *handle);
 
 /// Reports a status that is no success as agent event 1001, with the text of the handle's last failure.
 /// @param label  what was asked.

@@ -1,5 +1,6 @@
-#include "DriverAnswers.h"
+#include "ShowErrors.h"
 
+#include "DiagnosticsTrace.h"
 #include "common/DriverFailure.h"
 #include "common/Trace.h"
 
@@ -11,18 +12,11 @@ constexpr std::uint32_t kErrorBytes = 80;
 
 }  // namespace
 
-bool IsDriverOpen(vti_handle_t *handle) {
-    // compat 56: asks the driver once more for the trace
-    if (VtaCore::LogTraceIsEnabled(kDiagnosticsTrace))
-        Trace(kDiagnosticsTrace, "IsDriverOpen %d", vti_driver_available(handle));
-    return vti_driver_available(handle) > 0;
-}
-
 bool ShowErrors(VtaCore::CDom &dom, vti_handle_t *handle, const wchar_t *label, std::int32_t status) {
     if (status == 0)
         return true;
     const wxString message = wxString::Format("%.64s|%08x (%.128s)", label, static_cast<std::uint32_t>(status),
-                                              DriverErrorText(handle, kErrorBytes));
+                                              DriverFailureText(handle, kErrorBytes));
     Trace(kDiagnosticsTrace, "AgentWrite 1001 %s", message);
     // compat 55: the message is the format, so a percent sign in the driver's text is a directive
     dom.AgentEventWrite(kDriverFailureEvent, message);

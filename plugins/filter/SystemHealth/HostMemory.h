@@ -1,8 +1,7 @@
-// What the system tells of the host's load.
+// The host's memory.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 /// A figure of the host.
 struct VmStatEntry {
@@ -34,10 +33,6 @@ struct HostMemory {
         {"idle_cpu", "id", 0, 0},          {"wait_cpu", "wa", 0, 0},
     };
 };
-
-/// Threads that wait for a processor, measured over 100 ms, for which the caller is held.
-/// @return nothing after a failure, which is traced.
-std::optional<double> queryRunQueueLength();
 
 /// Fills the two rows of the table. @return false for a failure, which is traced.
 bool getMemoryMetrics(HostMemory &memory);

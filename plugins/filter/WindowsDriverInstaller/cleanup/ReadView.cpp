@@ -1,4 +1,4 @@
-#include "ViewReading.h"
+#include "ReadView.h"
 
 #include <cstdint>
 
@@ -12,16 +12,16 @@ struct Reading {
     void *context;
 };
 
-bool IsWithin(std::span<const std::byte> view, std::uintptr_t address) {
+bool IsWithinView(std::span<const std::byte> view, std::uintptr_t address) {
     return address - reinterpret_cast<std::uintptr_t>(view.data()) < view.size();
 }
 
 /// The result of the __except filter.
-int DecideOnException(const EXCEPTION_RECORD &exception, const Reading &reading) {
+int DecideOnViewException(const EXCEPTION_RECORD &exception, const Reading &reading) {
     const bool isPage =
         exception.ExceptionCode == EXCEPTION_IN_PAGE_ERROR || exception.ExceptionCode == EXCEPTION_ACCESS_VIOLATION;
     // The second word of both is the address that was read.
-    return isPage && exception.NumberParameters >= 2 && IsWithin(reading.view, exception.ExceptionInformation[1])
+    return isPage && exception.NumberParameters >= 2 && IsWithinView(reading.view, exception.ExceptionInformation[1])
                ? EXCEPTION_EXECUTE_HANDLER
                : EXCEPTION_CONTINUE_SEARCH;
 }
@@ -35,7 +35,7 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
     __try {
         reading.read(reading.context);
         return true;
-    } __except (DecideOnException(*GetExceptionInformation()->ExceptionRecord, reading)) {
+    } __except (DecideOnViewException(*GetExceptionInformation()->ExceptionRecord, reading)) {
         return false;
     }
 }
@@ -44,33 +44,33 @@ bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void
 
 // The same for compilers without __try: what MSVC would generate.
 extern "C" {
-int FcGuardedRead(const Reading *reading);
-void FcRead(const Reading *reading);
-int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame);
+int FcReadViewGuarded(const Reading *reading);
+void FcReadView(const Reading *reading);
+int FcReadViewFilter(const EXCEPTION_POINTERS *exception, const void *frame);
 }
 
-[[gnu::used]] void FcRead(const Reading *reading) {
+[[gnu::used]] void FcReadView(const Reading *reading) {
     reading->read(reading->context);
 }
 
-/// @param frame  that of FcGuardedRead, which keeps the reading behind the room for its callee's arguments.
-[[gnu::used]] int FcReadFilter(const EXCEPTION_POINTERS *exception, const void *frame) {
-    return DecideOnException(*exception->ExceptionRecord, *static_cast<const Reading *const *>(frame)[4]);
+/// @param frame  that of FcReadViewGuarded, which keeps the reading behind the room for its callee's arguments.
+[[gnu::used]] int FcReadViewFilter(const EXCEPTION_POINTERS *exception, const void *frame) {
+    return DecideOnViewException(*exception->ExceptionRecord, *static_cast<const Reading *const *>(frame)[4]);
 }
 
 __asm__(R"(
     .text
-    .def FcGuardedRead; .scl 2; .type 32; .endef
-    .globl FcGuardedRead
+    .def FcReadViewGuarded; .scl 2; .type 32; .endef
+    .globl FcReadViewGuarded
     .p2align 4
-    .seh_proc FcGuardedRead
-FcGuardedRead:
+    .seh_proc FcReadViewGuarded
+FcReadViewGuarded:
     subq $40, %rsp
     .seh_stackalloc 40
     .seh_endprologue
     movq %rcx, 32(%rsp)
 .LFcReadBegins:
-    call FcRead
+    call FcReadView
     nop
 .LFcReadEnds:
     movl $1, %eax
@@ -83,14 +83,14 @@ FcGuardedRead:
     .seh_handler __C_specific_handler, @except
     .seh_handlerdata
     .long 1
-    .rva .LFcReadBegins, .LFcReadEnds, FcReadFilter, .LFcReadFails
+    .rva .LFcReadBegins, .LFcReadEnds, FcReadViewFilter, .LFcReadFails
     .text
     .seh_endproc
 )");
 
 bool ReadView(std::span<const std::byte> view, void (*read)(void *context), void *context) {
     const Reading reading{view, read, context};
-    return FcGuardedRead(&reading) != 0;
+    return FcReadViewGuarded(&reading) != 0;
 }
 
 #else

@@ -1,4 +1,4 @@
-#include "AdapterRestart.h"
+#include "DeviceChange.h"
 
 #include <wx/log.h>
 

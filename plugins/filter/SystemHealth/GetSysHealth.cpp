@@ -4,7 +4,6 @@
 #include <cmath>
 #include <iterator>
 #include <limits>
-#include <optional>
 #include <type_traits>
 
 #include <windows.h>
@@ -18,7 +17,7 @@ namespace {
 
 /// The number's integer part. One that is no number or has no 64-bit integer part gives the least integer, as the
 /// processor's own conversion has it.
-lua_Integer MetricIntegerPart(double number) {
+lua_Integer SysHealthIntegerPart(double number) {
     constexpr double limit = 9223372036854775808.0;  // 2 to the power of 63
     static_assert(sizeof(lua_Integer) == 8);
     if (!(std::fabs(number) < limit))
@@ -35,18 +34,19 @@ struct ShownMetric {
 using ShownMetrics = std::array<ShownMetric, kMetricRows>;
 static_assert(std::is_trivially_destructible_v<ShownMetrics>, "it is alive while Lua may raise an error");
 
-ShownMetrics CopyShownMetrics() {
+ShownMetrics CopySysHealthMetrics() {
     ShownMetrics shown = {};
     const wxCriticalSectionLocker lock(healthState.lock);
     const auto &metrics = healthState.metrics.sysHealthMetrics;
     std::transform(std::begin(metrics), std::end(metrics), shown.begin(), [](const SysHealthMetric &metric) {
         // The threshold is never shown with a factor.
-        return ShownMetric{metric.short_name, MetricIntegerPart(metric.value), MetricIntegerPart(metric.threshold)};
+        return ShownMetric{metric.short_name, SysHealthIntegerPart(metric.value),
+                           SysHealthIntegerPart(metric.threshold)};
     });
     return shown;
 }
 
-void PushShownMetric(lua_State *L, const ShownMetric &metric) {
+void PushSysHealthMetric(lua_State *L, const ShownMetric &metric) {
     lua_createtable(L, 0, 3);
     lua_pushinteger(L, metric.value);
     lua_setfield(L, -2, "value");
@@ -57,11 +57,11 @@ void PushShownMetric(lua_State *L, const ShownMetric &metric) {
 }
 
 /// Pushes the array of the metrics, the processor count behind them.
-void PushShownMetrics(lua_State *L, const ShownMetrics &metrics) {
+void PushSysHealthMetrics(lua_State *L, const ShownMetrics &metrics) {
     lua_createtable(L, kMetricRows + 1, 0);
     int index = 0;
     for (const ShownMetric &metric : metrics) {
-        PushShownMetric(L, metric);
+        PushSysHealthMetric(L, metric);
         lua_rawseti(L, -2, ++index);
     }
     SYSTEM_INFO system = {};
@@ -78,9 +78,9 @@ int GetSysHealthMetrics(lua_State *L) {
     Trace(kReadOutTrace, "GetSysHealthMetrics() called");
     // Not under the lock: while Lua makes the tables it may run scripts' finalizers, which may take long, raise an
     // error or start an iteration.
-    const ShownMetrics metrics = CopyShownMetrics();
+    const ShownMetrics metrics = CopySysHealthMetrics();
     lua_pushboolean(L, 1);
-    PushShownMetrics(L, metrics);
+    PushSysHealthMetrics(L, metrics);
     Trace(kReadOutTrace, "GetSysHealthMetrics() returning");
     return 2;
 }
@@ -91,16 +91,4 @@ int GetSysHealthEnabled(lua_State *L) {
     lua_pushboolean(L, healthState.sysHealthEnabled);
     Trace(kEngineTrace, "GetSysHealthEnabled() returning %d", healthState.sysHealthEnabled);
     return 1;
-}
-
-// compat 54: shows the configured port, not the one that the driver knows. The configuration has another lock
-int GetScanMetricPort(lua_State *L) {
-    Trace(kReadOutTrace, "GetScanMetricPort() called");
-    const wxCriticalSectionLocker lock(healthState.lock);
-    const std::optional<std::uint16_t> port =
-        healthState.sysHealthEnabled == 1 ? healthState.config.Port() : std::nullopt;
-    lua_pushboolean(L, port ? 1 : 0);
-    lua_pushinteger(L, port.value_or(0));
-    Trace(kEngineTrace, "GetScanMetricPort() returning");  // compat 53: on the engine's component, unlike the entry
-    return 2;
 }

@@ -13,7 +13,7 @@ using Microsoft::WRL::ComPtr;
 
 /// Enters a single-threaded apartment. A failure is logged.
 /// compat 138: a thread of another model counts as entered, and is matched by one CoUninitialize, too
-bool StartCom(const TraceLine &line);
+bool InitializeFirewallCom(const TraceLine &line);
 
 /// Makes the objects; logs a failure.
 /// @param profile  receives the current profile of the legacy interfaces, on every system.

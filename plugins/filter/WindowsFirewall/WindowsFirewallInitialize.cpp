@@ -1,12 +1,12 @@
-#include "FirewallObjects.h"
+#include "WindowsFirewallInitialize.h"
 
 #include "FirewallTrace.h"
-#include "FirewallService.h"
+#include "FirewallVersionRecord.h"
 #include "common/RequireObject.h"
 
 namespace WindowsFirewall {
 
-bool StartCom(const TraceLine &line) {
+bool InitializeFirewallCom(const TraceLine &line) {
     const HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE);
     if (SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE)
         return true;
@@ -18,7 +18,7 @@ HRESULT WindowsFirewallInitialize(INetFwProfile **profile, INetFwPolicy2 **polic
     const TraceSite site(kFirewallTrace);
     *profile = nullptr;
     *policy = nullptr;
-    if (IsVistaOrLater()) {
+    if (IsRecordedVersionVistaOrLater()) {
         ComPtr<INetFwPolicy2> made;
         HRESULT hr = CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&made));
         hr = TraceIfFailed(RequireObject(hr, made), "CoCreateInstance(NetFwPolicy2) failed: 0x%08lx", site);

@@ -13,6 +13,4 @@ constexpr int kSystemFailureEvent = 3005;
 void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const wchar_t *format, ...);
 
 /// The same for a call that failed. @param call  its name.
-inline void ReportFailure(VtaCore::CDom &dom, unsigned long error, const wchar_t *call) {
-    AgentEventLog_(dom, error, kSystemFailureEvent, L"%s", call);
-}
+void AgentEventLogFailure(VtaCore::CDom &dom, unsigned long error, const wchar_t *call);

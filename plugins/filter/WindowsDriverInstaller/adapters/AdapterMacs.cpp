@@ -1,4 +1,4 @@
-#include "UnsuitableAdapters.h"
+#include "AdapterMacs.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -8,7 +8,7 @@
 
 #include "vta_core.h"
 
-bool MustUnbindDuplicates() {
+bool MustUnbindDuplicateMacs() {
     OSVERSIONINFOEXW wanted = {};
     wanted.dwOSVersionInfoSize = sizeof(wanted);
     wanted.wProductType = VER_NT_WORKSTATION;
@@ -28,18 +28,18 @@ bool HasValidMac(const TcpAdapter &adapter) {
            adapter.macAddress.find_first_not_of('\0') != adapter.macAddress.npos;
 }
 
-bool IsRemoteAccess(const TcpAdapter &adapter) {
+bool IsRemoteAccessMac(const TcpAdapter &adapter) {
     return (adapter.characteristics & NCF_VIRTUAL) != 0 && adapter.macAddress.compare(2, 4, " RAS") == 0;
 }
 
-AdaptersByMac GroupByMac(const TcpAdapterList &adapters) {
+AdaptersByMac GroupAdaptersByMac(const TcpAdapterList &adapters) {
     AdaptersByMac groups;
     for (const TcpAdapter &adapter : adapters)
         groups[adapter.macAddress].push_back(&adapter);
     return groups;
 }
 
-const TcpAdapter *FindTwin(const AdaptersByMac &groups, const TcpAdapter &adapter) {
+const TcpAdapter *FindMacTwin(const AdaptersByMac &groups, const TcpAdapter &adapter) {
     const std::vector<const TcpAdapter *> &group = groups.at(adapter.macAddress);
     const auto twin = std::find_if(group.begin(), group.end(), [&adapter](const TcpAdapter *other) {
         return other->pnpDevNodeId != adapter.pnpDevNodeId;

@@ -1,4 +1,4 @@
-#include "FailureReport.h"
+#include "AgentEventLog.h"
 
 #include <cstdarg>
 
@@ -16,4 +16,8 @@ void AgentEventLog_(VtaCore::CDom &dom, unsigned long error, int eventId, const 
     wxLogError("%s: %s (%#lx)", text, reason, error);
     dom.DoAgentEventWrite(eventId, L"%s|%s (%#lx)", static_cast<const wchar_t *>(text.wc_str()),
                           static_cast<const wchar_t *>(reason.wc_str()), error);
+}
+
+void AgentEventLogFailure(VtaCore::CDom &dom, unsigned long error, const wchar_t *call) {
+    AgentEventLog_(dom, error, kSystemFailureEvent, L"%s", call);
 }

@@ -1,4 +1,4 @@
-#include "HostSample.h"
+#include "RunQueue.h"
 
 #include <windows.h>
 #include <pdh.h>
@@ -11,7 +11,6 @@ namespace {
 
 constexpr wchar_t kRunQueuePath[] = L"\\System\\Processor Queue Length";
 constexpr DWORD kSampleMs = 100;
-constexpr unsigned kKiBShift = 10;
 
 using Query = Unique<PDH_HQUERY, PdhCloseQuery>;
 
@@ -38,17 +37,4 @@ std::optional<double> queryRunQueueLength() {
     if (PdhGetFormattedCounterValue(counter, PDH_FMT_DOUBLE, nullptr, &value) != ERROR_SUCCESS)
         return failed("PdhGetFormattedCounterValue failed");
     return value.doubleValue;
-}
-
-bool getMemoryMetrics(HostMemory &memory) {
-    MEMORYSTATUSEX status = {};
-    status.dwLength = sizeof(status);
-    static_assert(sizeof(status) == 64);
-    if (GlobalMemoryStatusEx(&status) == 0) {
-        Trace(kEngineTrace, "GlobalMemoryStatusEx failed");
-        return false;
-    }
-    memory.vmStats[vmstat_phys_mem].value = status.ullTotalPhys >> kKiBShift;
-    memory.vmStats[vmstat_freemem].value = status.ullAvailPhys >> kKiBShift;
-    return true;
 }

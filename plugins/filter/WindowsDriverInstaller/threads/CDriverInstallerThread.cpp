@@ -13,11 +13,27 @@ namespace {
 
 constexpr char kFilterServiceKey[] = "System\\CurrentControlSet\\Services\\qbimvta";
 
+CDriverInstallerThread::CDriverInstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
+                                               const wxString &toWfpDriverDir, bool toInstallNeeded,
+                                               bool toUpgradeNeeded, wxLog *toLogTarget)
+    : CDriverUninstallerThread(toDom, toNdisDriverDir, toWfpDriverDir),
+      installNeeded(toInstallNeeded),
+      upgradeNeeded(toUpgradeNeeded),
+      logTarget(toLogTarget) {}
+
 CDriverInstallerThread::~CDriverInstallerThread() {
     if (!stepFinished)
         return;
     (void)SetEvent(stepFinished.get());
     stepFinished.reset();
+}
+
+const char *CDriverInstallerThread::Name() const {
+    return "CDriverInstallerThread";
+}
+
+void CDriverInstallerThread::KeepLog(std::unique_ptr<GrabbedLog> log) {
+    keptLog = std::move(log);
 }
 
 void CDriverInstallerThread::Run() {
@@ -32,7 +48,7 @@ void CDriverInstallerThread::Run() {
     // compat 76: a reboot request skips the installation; the removal's result stands
     if (installNeeded && succeeded && !rebootRequired) {
         succeeded = InstallDriver();
-        WriteServiceValues();
+        WriteDriverServiceValues();
     }
     (void)wxLog::SetThreadActiveTarget(oldTarget);
 }
@@ -54,7 +70,7 @@ void CDriverInstallerThread::WaitForDriverToUnload() {
 }
 
 /// What the filter driver reads at its start. compat 78: written after a failure, too; its own failure is no result
-void CDriverInstallerThread::WriteServiceValues() {
+void CDriverInstallerThread::WriteDriverServiceValues() {
     wxRegKey key(wxRegKey::HKLM, kFilterServiceKey);
     if (!key.Exists())
         return;
