@@ -17,7 +17,7 @@ local function trimmed(text)
     return (text or ""):match("^%s*(.-)%s*$")
 end
 
--- The attributes of an XML element, still escaped, which is how HTML wants them.
+-- The attributes of an XML element, still escaped, as HTML needs them.
 local function attributes(element)
     local found = {}
     for name, value in element:gmatch('([%w_]+)="([^"]*)"') do
@@ -26,7 +26,7 @@ local function attributes(element)
     return found
 end
 
--- Fills the result by the XML; yields what is wrong with it.
+-- Fills the result from the XML; returns what is wrong with it.
 local function read_xml(result, xml)
     if not xml or xml == "" then
         return "left no results"
@@ -62,7 +62,7 @@ local function read_xml(result, xml)
     end
 end
 
--- What a program has left; `fault` says why it has not passed.
+-- What a program has left; `fault` says why it did not pass.
 local function judge(name)
     local result = { name = name, tests = 0, failed = 0, skipped = 0, seconds = 0, left_out = "", failures = {} }
     local status = trimmed(content(name .. ".status"))

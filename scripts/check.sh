@@ -6,7 +6,7 @@ CPP_FOLDERS=(plugins interfaces devkit tests bench)
 
 cpp_files() { git ls-files --cached --others --exclude-standard -- "${CPP_GLOBS[@]}"; }
 
-# A check of nothing must not pass: without git's list of files there is nothing to check.
+# An empty check must not pass: without git's list of files there is nothing to check.
 require_files() {
     [ "$(cpp_files | wc -l)" -gt 0 ] || die "git lists no sources here: run this in a clone (see 'git status')"
 }
@@ -20,7 +20,8 @@ check_format() {
     }
 }
 
-# One on a line. clang-tidy reads the sources as clang for the same target: MinGW's headers, clang's own intrinsics.
+# One per line. clang-tidy reads the sources as clang would for the same target: MinGW's headers, clang's own
+# intrinsics.
 tidy_arguments() {
     local folder dir libraries
     libraries=$(libraries_dir)
@@ -41,8 +42,8 @@ tidy_arguments() {
     printf '%s\n' -isystem "$(clang-19 -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
 }
 
-# The files of a folder are read as one, since most of the time goes into the system's headers.
-# tidy_unit NAME FILE...: makes such a file and tells its path.
+# The files of a folder are checked as one, since the system's headers take most of the time. tidy_unit NAME FILE...:
+# writes such a file and prints its path.
 tidy_unit() {
     local unit=$BUILD/tidy/$1.cpp
     shift
@@ -51,7 +52,7 @@ tidy_unit() {
     echo "$unit"
 }
 
-# The same for tests, whose files define the same names: each in a namespace of its own, with all headers before.
+# The same for tests, whose files define the same names: each in its own namespace, after all headers.
 # tidy_unit_of_tests NAME FILE...
 tidy_unit_of_tests() {
     local unit=$BUILD/tidy/$1.cpp file header count=0
@@ -73,10 +74,10 @@ tidy_unit_of_tests() {
     echo "$unit"
 }
 
-# Units of the test programs with many files.
+# The units of test programs that have many files.
 tidy_units_of() {
     local folder=$1 file tests=() others=() apart=(-e '^#include ".*\.cpp"' -e '^SIMULATOR_FUNCTION')
-    # Those that include sources, or declare functions of the system, don't go together with others.
+    # Files that include sources, or declare system functions, can't be combined with others.
     while read -r file; do
         apart+=(-e "^#include \"${file##*/}\"")
     done < <(grep -l '^#include ".*\.cpp"' "$folder"/*.h)
@@ -93,7 +94,7 @@ tidy_units_of() {
     tidy_unit "$folder/others" "${others[@]}"
 }
 
-# longest_first UNIT...: by what they include of ours, so that none is left to run alone at the end.
+# longest_first UNIT...: sorts by the amount of our code that they include, so that none runs alone at the end.
 longest_first() {
     local unit
     for unit in "$@"; do
@@ -130,7 +131,7 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
-# Each header of the product alone.
+# Compiles each header of the product alone.
 check_headers() { ninja -C "$BUILD" -j "$JOBS" header_checks; }
 
 check_warnings() { prepare_build all; }
@@ -139,12 +140,13 @@ check_lua() { luacheck --quiet examples docs/lua packaging; }
 
 check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/report-picture scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
 
-# A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
+# A linter for workflows checks more (CONTRIBUTING.md); this only checks that it can be parsed. clang-tidy installs
+# Python's yaml.
 check_workflow() {
     /usr/bin/python3 -c 'import sys, yaml; sys.exit(not yaml.safe_load(open(sys.argv[1]))["jobs"])' .github/workflows/ci.yml
 }
 
-# All but the build run at once, since some of them keep one processor busy. Their words are shown one after the other.
+# Everything but the build runs at once, since some checks use only one processor. Their output is shown in sequence.
 run_checks() {
     local failed=() name
     local -A pids

@@ -10,10 +10,10 @@ entry=$1
 shift
 exec 7>&- 8>&- 9>&- # Wine's services would keep the locks of ./dev
 rm -f "$entry".{xml,log,status}
-# Not as TMPDIR, below which Debian's Wine has the socket of its server: each test would start a server of its own.
+# Not as TMPDIR, which contains the socket of Debian's Wine server: each test would start its own server.
 FC_TEMPORARY=$(mktemp -d -t fc-test.XXXXXX) || exit 1
 export FC_TEMPORARY
-echo "$FC_TEMPORARY" >"$entry.temporary" # for ./dev test to remove it, if this is killed
+echo "$FC_TEMPORARY" >"$entry.temporary" # so that ./dev test can remove it if this script is killed
 timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
 echo $? >"$entry.status"
 rm -rf "$FC_TEMPORARY" "$entry.temporary"

@@ -30,8 +30,8 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
-    # Twice as many as processors: most of them wait for Wine's server again and again.
-    # Without --default-signal no test could try Ctrl-C.
+    # Twice as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
+    # Ctrl-C.
     env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
@@ -39,7 +39,7 @@ run_tests() {
     return "$status"
 }
 
-# The seed by which each program shuffled its tests; --gtest_random_seed repeats the order.
+# The seed with which each program shuffled its tests; --gtest_random_seed repeats the order.
 tell_seeds() {
     local file
     echo "seeds:$(for file in "$BUILD"/test-results/*.xml; do

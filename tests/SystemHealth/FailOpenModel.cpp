@@ -89,7 +89,7 @@ Health::Accepted Health::ReadPolicy(const Configuration &configuration, bool act
     std::array<bool, kValues> found{};
     for (const auto &[value, number] : configuration.lines) {
         const bool passes = number <= kGreatest[value] && (IsThreshold(value) ? number > 0 : number >= 0);
-        const bool isFirst = !found[value];  // of two members with one name only the first counts
+        const bool isFirst = !found[value];  // of two members with the same name only the first counts
         found[value] = true;
         if (passes && isFirst) {
             accepted.values[value] = number;

@@ -1,4 +1,4 @@
-// The policy that the agent hands over, and the file into which the settings in use are written.
+// The policy that the agent passes, and the file to which the settings in use are written.
 
 #include <algorithm>
 #include <array>
@@ -52,7 +52,7 @@ std::string Stored(const std::string &key, double number) {
 
 class Policy : public ConfigurationFixture {
 protected:
-    /// The policy can't be parsed, and the iteration goes on with nothing set.
+    /// The policy can't be parsed, and the iteration continues with nothing set.
     void ExpectParseError(const std::string &policy) {
         const Heard heard = ReadPolicy(policy);
         EXPECT_EQ(heard.action, kNormal);
@@ -62,7 +62,7 @@ protected:
         EXPECT_EQ(heard.EngineLines("json parsing error [").size(), 1u);
         EXPECT_EQ(WrittenJson(), kNothingWritten);
     }
-    /// The policy is read, and there is nothing of use in it.
+    /// The policy is read, and contains no known setting.
     void ExpectNothingInIt(const std::string &policy) {
         const Heard heard = ReadPolicy(policy);
         EXPECT_EQ(heard.action, kDisabled);
@@ -75,9 +75,9 @@ protected:
     }
 };
 
-// ---- What is taken
+// ---- What is accepted
 
-TEST_F(Policy, AllSettingsAreTakenInTheirOrderAndWrittenOut) {
+TEST_F(Policy, AllSettingsAreReadInOrderAndWritten) {
     const Heard heard = ReadPolicy(AllMembers());
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 13);
@@ -95,7 +95,7 @@ TEST_F(Policy, TheCountIsTracedByItsReader) {
     EXPECT_NE(heard.countedBy.find("readSystemHealthPolicy"), std::string::npos) << heard.countedBy;
 }
 
-TEST_F(Policy, StandsInForTheFile) {
+TEST_F(Policy, ReplacesTheFile) {
     WriteConfig("SYSTEM_MIN_FREE_MEM_PCT=5\nSYSTEM_DISABLE_FAIL_OPEN=1\n");
     EXPECT_EQ(ReadPolicy(kGood).action, kNormal);
     EXPECT_EQ(WrittenKeys(), Messages{"SYS_THR_RUNQ"});
@@ -103,20 +103,20 @@ TEST_F(Policy, StandsInForTheFile) {
     EXPECT_EQ(WrittenKeys(), (Messages{"SYS_THR_FREE_MEM", "SYS_CONF_DISABLE_FAIL_OPEN"}));
 }
 
-TEST_F(Policy, ASettingThatHasLeftThePolicyIsGone) {
+TEST_F(Policy, ASettingRemovedFromThePolicyIsNoLongerInForce) {
     EXPECT_EQ(ReadPolicy(AllMembers()).count, 13);
     EXPECT_EQ(ReadPolicy(kGood).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(Policy, KeysAreFoundInAnyCase) {
+TEST_F(Policy, KeysAreCaseInsensitive) {
     const Heard heard = ReadPolicy(R"({"sys_thr_runq": {"VaLuE": 50}, "Sys_Conf_Recover_Factor": 80})");
     EXPECT_EQ(heard.count, 2);
     EXPECT_EQ(heard.configuration, (Messages{Stored("SYS_CONF_RECOVER_FACTOR", 80), Stored("SYS_THR_RUNQ", 50)}));
     EXPECT_EQ(WrittenKeys(), (Messages{"SYS_CONF_RECOVER_FACTOR", "SYS_THR_RUNQ"}));
 }
 
-TEST_F(Policy, OfTwoMembersOfOneNameTheFirstCounts) {
+TEST_F(Policy, OfTwoMembersWithTheSameNameTheFirstCounts) {
     const Heard heard =
         ReadPolicy(R"({"sys_thr_runq": {"value": 50, "VALUE": 51}, "SYS_THR_RUNQ": {"value": 60}, "SYS_THR_RUNQ": 1})");
     EXPECT_EQ(heard.count, 1);
@@ -130,7 +130,7 @@ TEST_F(Policy, NumbersHaveDoublePrecision) {
     EXPECT_NE(WrittenJson().find("\t0.1\r\n"), std::string::npos) << WrittenJson();
 }
 
-TEST_F(Policy, TextBehindTheObjectAndBlanksBeforeItAreAllowed) {
+TEST_F(Policy, TextAfterTheObjectAndSpacesBeforeItAreAllowed) {
     EXPECT_EQ(ReadPolicy(std::string(" \r\n\t") + kGood + " and more } %s").count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
@@ -145,7 +145,7 @@ TEST_F(Policy, TheTextEndsAtANulCharacter) {
 
 // ---- Types
 
-TEST_F(Policy, AThresholdThatIsNoObjectWithANumberIsSkippedWithoutAWord) {
+TEST_F(Policy, AThresholdThatIsNotAnObjectWithANumberIsSkippedSilently) {
     for (const std::string threshold : {"50", "\"50\"", "null", "true", "[50]", "[{\"value\": 50}]", "{}",
                                         "{\"value\": \"50\"}", "{\"value\": null}", "{\"value\": {\"value\": 50}}",
                                         "{\"value\": true}", "{\"values\": 50}", "{\"value\": \"\", \"value\": 50}"}) {
@@ -154,7 +154,7 @@ TEST_F(Policy, AThresholdThatIsNoObjectWithANumberIsSkippedWithoutAWord) {
     }
 }
 
-TEST_F(Policy, ANumberThatIsNoneIsStoredAsZeroAndCounted) {
+TEST_F(Policy, AValueThatIsNotANumberIsStoredAsZeroAndCounted) {
     for (const std::string item : {"{\"value\": 80}", "\"80\"", "null", "true", "false", "[80]"}) {
         SCOPED_TRACE(item);
         const Heard heard = ReadPolicy("{\"SYS_CONF_RECOVER_FACTOR\": " + item + "}");
@@ -170,7 +170,7 @@ TEST_F(Policy, OtherMembersOfAThresholdAreIgnored) {
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(Policy, WithoutAKnownMemberItDisablesAndClearsTheUnloadFlag) {
+TEST_F(Policy, APolicyWithoutAKnownMemberDisablesAndClearsTheUnloadFlag) {
     for (const std::string policy :
          {"{}", "[]", "[1, {\"SYS_THR_RUNQ\": {\"value\": 50}}]", "5", "null", "\"SYS_THR_RUNQ\"", "{\"value\": 50}",
           "{\"policy\": {\"SYS_THR_RUNQ\": {\"value\": 50}}}", "{\"SYS_THR_RUNQ \": {\"value\": 50}}"}) {
@@ -196,7 +196,7 @@ TEST_F(Policy, EverySettingIsAcceptedAtItsMaximum) {
     }
 }
 
-TEST_F(Policy, NothingAboveAMaximumOrBelowZeroIsAccepted) {
+TEST_F(Policy, ValuesAboveAMaximumOrBelowZeroAreRejected) {
     for (const SettingNames &setting : kSettings) {
         for (const std::string &number : {Fixed(setting.max + 0.001), std::string("1e308"), std::string("1e999"),
                                           std::string("-0.001"), std::string("-1e999")}) {
@@ -256,7 +256,7 @@ TEST_F(Policy, PortZeroIsMonitored) {
 
 // ---- The two durations
 
-TEST_F(Policy, ADurationOfZeroIsStoredThenTakenBack) {
+TEST_F(Policy, ADurationOfZeroIsStoredAndThenReset) {
     const Heard minimum = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0})");
     EXPECT_EQ(minimum.action, kDisabled);
     EXPECT_FALSE(minimum.count);
@@ -269,7 +269,7 @@ TEST_F(Policy, ADurationOfZeroIsStoredThenTakenBack) {
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(Policy, BothDurationsCanBeTakenBackAtOnce) {
+TEST_F(Policy, BothDurationsCanBeReset) {
     const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 0, "SYS_CONF_MAX_ACT_DURATION": "10"})");
     EXPECT_FALSE(heard.count);
     ASSERT_EQ(heard.configuration.size(), 4u);
@@ -278,7 +278,7 @@ TEST_F(Policy, BothDurationsCanBeTakenBackAtOnce) {
     EXPECT_EQ(WrittenJson(), kNothingWritten);
 }
 
-TEST_F(Policy, AMaximumBelowTheMinimumIsTakenBackAlone) {
+TEST_F(Policy, OnlyAMaximumBelowTheMinimumIsReset) {
     const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 20, "SYS_CONF_MAX_ACT_DURATION": 10})");
     EXPECT_EQ(heard.count, 1);
     ASSERT_EQ(heard.configuration.size(), 3u);
@@ -287,13 +287,13 @@ TEST_F(Policy, AMaximumBelowTheMinimumIsTakenBackAlone) {
     EXPECT_EQ(Written("SYS_CONF_MAX_ACT_DURATION"), std::nullopt);
 }
 
-TEST_F(Policy, EqualDurationsStand) {
+TEST_F(Policy, EqualDurationsAreAccepted) {
     const Heard heard = ReadPolicy(R"({"SYS_CONF_MIN_ACT_DURATION": 20, "SYS_CONF_MAX_ACT_DURATION": 20})");
     EXPECT_EQ(heard.count, 2);
     EXPECT_EQ(heard.configuration.size(), 2u);
 }
 
-TEST_F(Policy, AMaximumThatWasTakenBackIs240Minutes) {
+TEST_F(Policy, AMaximumThatWasResetIs240Minutes) {
     machine().processorQueue = 5;
     dom.SettingStore("vtp.filter.SysHealthBackoffWait", "200");
     dom.SettingStore("vtp.filter.SysHealthLastRecoveryCheck", "1");
@@ -316,7 +316,7 @@ TEST_F(Policy, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
     EXPECT_EQ(lua.Eval("f.GetSysHealthEnabled()"), "true");
 }
 
-TEST_F(Policy, SwitchesActAtExactlyOneAlone) {
+TEST_F(Policy, SwitchesTakeEffectOnlyAtExactlyOne) {
     for (const std::string number : {"0", "0.5", "0.9999999999", "\"1\""}) {
         SCOPED_TRACE(number);
         dom.Set(kUnloadFlag, true);
@@ -329,7 +329,7 @@ TEST_F(Policy, SwitchesActAtExactlyOneAlone) {
     }
 }
 
-TEST_F(Policy, TheDisablingSwitchDisablesWhateverElseThePolicyHolds) {
+TEST_F(Policy, TheDisablingSwitchDisablesWhateverElseThePolicyContains) {
     const Heard heard =
         ReadPolicy(R"({"SYS_CONF_DISABLE_FAIL_OPEN": 1, "SYS_CONF_UNLOAD_DRIVER": 1, "SYS_THR_RUNQ": {"value": 50}})");
     EXPECT_EQ(heard.action, kDisabled);
@@ -345,7 +345,7 @@ TEST_F(Policy, TheDisablingSwitchDisablesWhateverElseThePolicyHolds) {
 
 // ---- In fail-open
 
-TEST_F(Policy, InFailOpenTheMetricsOfTheDriverAreOffButCounted) {
+TEST_F(Policy, InFailOpenTheDriverMetricsAreOffButCounted) {
     const Heard heard = ReadPolicy(AllMembers(), "Activated");
     EXPECT_EQ(heard.count, 13);
     EXPECT_EQ(heard.configuration.size(), 13u);
@@ -355,7 +355,7 @@ TEST_F(Policy, InFailOpenTheMetricsOfTheDriverAreOffButCounted) {
                         "SYS_THR_MAX_ITERATION_INVL", "SYS_CONF_UNLOAD_DRIVER", "SYS_CONF_DISABLE_FAIL_OPEN"}));
 }
 
-TEST_F(Policy, TheDisablingSwitchLeavesTheMetricsOfTheDriverOnInFailOpen) {
+TEST_F(Policy, TheDisablingSwitchKeepsTheDriverMetricsOnInFailOpen) {
     const Heard heard = ReadPolicy(
         R"({"SYS_CONF_DISABLE_FAIL_OPEN": 1, "SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU": {"value": 8}})", "Activated");
     EXPECT_EQ(heard.action, kDisabled);
@@ -364,7 +364,7 @@ TEST_F(Policy, TheDisablingSwitchLeavesTheMetricsOfTheDriverOnInFailOpen) {
 
 // ---- Locales
 
-/// As setlocale takes them: language and country.
+/// In the form of setlocale: language and country.
 std::vector<std::string> LocaleNames() {
     std::vector<std::string> names;
     const auto add = [](wchar_t *name, DWORD, LPARAM to) -> BOOL {
@@ -391,7 +391,7 @@ constexpr char kFractionsWritten[] =
     "\t\"SYS_THR_CONN_EST_PER_CPU\":\t{\r\n\t\t\"value\":\t1234567.25\r\n\t}\r\n"
     "}\r\n";
 
-TEST_F(Policy, IsTheSameWhereAScriptHasChosenADecimalComma) {
+TEST_F(Policy, IsTheSameWhenAScriptHasChosenADecimalComma) {
     machine().processorQueue = 5000;
     lua.Run("assert(os.setlocale('German_Germany') and ('%.1f'):format(0.5) == '0,5')");
     const Heard heard = ReadPolicy(R"({"SYS_THR_RUNQ": {"value": 0.5}})");
@@ -413,19 +413,19 @@ TEST_F(Policy, IsTheSameInEveryLocaleOfTheSystem) {
         EXPECT_EQ(ReadPolicy(kFractions).count, 5);
         ASSERT_EQ(WrittenJson(), kFractionsWritten);
     }
-    EXPECT_GE(withoutPoint, 20) << "most of Europe has none";
+    EXPECT_GE(withoutPoint, 20) << "most of Europe uses a comma";
 }
 
-// ---- Texts that are no JSON
+// ---- Texts that are not JSON
 
-TEST_F(Policy, MalformedTextLetsTheIterationGoOnWithNothingSet) {
+TEST_F(Policy, MalformedTextLetsTheIterationContinueWithNothingSet) {
     for (const std::string policy : {" ", "{", "}", "x", "{\"SYS_THR_RUNQ\": {\"value\": 50}", "{\"SYS_THR_RUNQ\": }",
                                      "{'SYS_THR_RUNQ': 1}", "{\"a\": \"\\u12\"}", "{\"a\": \"\\ud800\"}", "[1,", "nul",
                                      "{\"a\": 1 \"b\": 2}", "\xFF\xFE{\"", "{\"a\": \"", "-"}) {
         SCOPED_TRACE(testing::PrintToString(policy));
         (void)ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
         ExpectParseError(policy);
-        EXPECT_EQ(Flag(kUnloadFlag), "true") << "left as it was";
+        EXPECT_EQ(Flag(kUnloadFlag), "true") << "unchanged";
     }
 }
 
@@ -436,12 +436,12 @@ TEST_F(Policy, MalformedTextInFailOpenLeavesItInForce) {
     EXPECT_EQ(WrittenJson(), kNothingWritten);
 }
 
-TEST_F(Policy, AParsingErrorShowsTheTextAtItsPlace) {
+TEST_F(Policy, AParsingErrorShowsTheTextAtItsPosition) {
     EXPECT_EQ(ReadPolicy(R"({"SYS_THR_RUNQ": x50})").EngineLines("json"), Messages{"json parsing error [x50}]"});
     EXPECT_EQ(ReadPolicy("nonsense").EngineLines("json"), Messages{"json parsing error [nonsense]"});
 }
 
-TEST_F(Policy, AParsingErrorShowsLongTextsWholeAndPercentSignsAsTheyAre) {
+TEST_F(Policy, AParsingErrorShowsLongTextsInFullAndPercentSignsUnchanged) {
     std::string text = "x%s%n%d%5$s%%%llu";
     while (text.size() < 2000)
         text += " %s%n 0123456789";
@@ -463,7 +463,7 @@ TEST_F(Policy, AParsingErrorIsTracedWhateverTheEncodingOfTheText) {
 
 // ---- Large and deep
 
-TEST_F(Policy, ANumberThatTheCLibraryWouldReadForLongIsAParsingError) {
+TEST_F(Policy, ANumberThatTheCLibraryWouldTakeLongToReadIsAParsingError) {
     const std::string digits(200'000, '9');
     for (const std::string &number : {"0." + digits, digits + "e-200000", "-" + digits, "[1, 2" + digits + "]"}) {
         SCOPED_TRACE(number.substr(0, 5));
@@ -480,14 +480,14 @@ TEST_F(Policy, NumbersOfAThousandCharactersAndStringsOfMoreDigitsAreRead) {
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(Policy, ALongNumberBehindTheObjectIsIgnored) {
+TEST_F(Policy, ALongNumberAfterTheObjectIsIgnored) {
     const std::string digits(200'000, '9');
     for (const std::string &behind : {digits, "\n" + std::string(200'000, '-'), "]" + digits})
         EXPECT_EQ(ReadPolicy(R"({"OTHER": [{}, 1], "SYS_THR_RUNQ": {"value": 50}} )" + behind).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(Policy, NestingOfTenThousandIsRefusedWithoutHarm) {
+TEST_F(Policy, NestingOfTenThousandIsRejected) {
     for (const std::string open : {"[", "{\"a\":", "{\"SYS_THR_RUNQ\":"}) {
         std::string policy;
         for (int i = 0; i < 10'000; ++i)
@@ -497,13 +497,13 @@ TEST_F(Policy, NestingOfTenThousandIsRefusedWithoutHarm) {
     }
 }
 
-TEST_F(Policy, NestingThatIsReadIsIgnored) {
+TEST_F(Policy, AcceptedNestingIsIgnored) {
     const std::string deep = std::string(900, '[') + std::string(900, ']');
     EXPECT_EQ(ReadPolicy(R"({"other": )" + deep + R"(, "SYS_THR_RUNQ": {"value": 50}})").count, 1);
     EXPECT_EQ(ReadPolicy(R"({"SYS_CONF_RECOVER_FACTOR": )" + deep + "}").count, 1);
 }
 
-TEST_F(Policy, FourMebibytesAreReadOrRefusedWhole) {
+TEST_F(Policy, FourMebibytesAreReadOrRejectedAsAWhole) {
     const std::string padding(std::size_t{4} << 20, 'x');
     const Heard heard = ReadPolicy(R"({"other": ")" + padding + R"(", "SYS_THR_RUNQ": {"value": 50}})");
     EXPECT_EQ(heard.count, 1);
@@ -513,9 +513,9 @@ TEST_F(Policy, FourMebibytesAreReadOrRefusedWhole) {
     EXPECT_TRUE(lines[0] == "json parsing error [" + padding + "]") << lines[0].size() << " bytes";
 }
 
-// ---- The file that is written
+// ---- The written file
 
-/// What the output file was before; stands as long as it can't be written.
+/// The previous content of the output file, which stays if the file can't be written.
 constexpr char kLongBefore[] = "a text that is longer than the one that takes its place: 0123456789 0123456789";
 
 class WrittenPolicy : public Policy {
@@ -529,7 +529,7 @@ protected:
         ASSERT_EQ(std::fclose(file), 0);
     }
 
-    /// The iteration goes on without the output.
+    /// The iteration continues without the output.
     void ExpectNoOutput(const std::string &message) {
         const Heard heard = ReadPolicy(kGood);
         EXPECT_EQ(heard.action, kNormal);
@@ -539,7 +539,7 @@ protected:
         EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFile), 0u);
     }
 
-    /// The module opens files for reading alone.
+    /// The module can open files only for reading.
     void OpenForReadingAlone() {
         simulation().Functions().Put<Simulator::System::fopen>(
             [](const auto &next, const char *path, const char *) { return next(path, "r"); });
@@ -548,18 +548,18 @@ protected:
     }
 };
 
-TEST_F(WrittenPolicy, TakesThePlaceOfTheWholeFile) {
+TEST_F(WrittenPolicy, ReplacesTheWholeFile) {
     EXPECT_EQ(ReadPolicy(kGood).errors, Messages());
     EXPECT_EQ(WrittenJson(), kGoodWritten);
 }
 
-TEST_F(WrittenPolicy, AFolderThatIsMissingIsReported) {
+TEST_F(WrittenPolicy, AMissingFolderIsReported) {
     std::filesystem::remove_all(JsonPath().parent_path());
     ExpectNoOutput("Failed to open file of json config for writing.");
     EXPECT_FALSE(std::filesystem::exists(JsonPath().parent_path()));
 }
 
-TEST_F(WrittenPolicy, AFileThatCannotBeOpenedIsReportedAndLeftAlone) {
+TEST_F(WrittenPolicy, AFileThatCannotBeOpenedIsReportedAndUnchanged) {
     const auto fault = simulation().GetFaults().FailNthOf({"fopen", "_wfopen", "fopen_s", "_wfopen_s"}, 1, EACCES);
     ExpectNoOutput("Failed to open file of json config for writing.");
     EXPECT_TRUE(fault->Hit());
@@ -581,7 +581,7 @@ TEST_F(WrittenPolicy, AFailureOfTheOutputDoesNotChangeTheAction) {
 
 // ---- Without memory
 
-/// Memory of the module's cJSON, of which one block can't be had.
+/// The memory of the module's cJSON, of which one allocation fails.
 class JsonMemory {
 public:
     static void Use(HMODULE module) {
@@ -598,7 +598,7 @@ public:
     }
     /// Blocks since then.
     static unsigned Asked() { return m_asked; }
-    /// Blocks that are there.
+    /// Blocks in use.
     static int Alive() { return m_alive; }
 
 private:
@@ -631,7 +631,7 @@ protected:
     }
     [[nodiscard]] bool WasAsked() const { return m_wasAsked; }
 
-    /// What is to be there after the output was given up with that message, or was not.
+    /// The expected file, depending on whether the output was abandoned with that message.
     void ExpectOutputOf(const Heard &heard) {
         const Messages failures = heard.EngineLines("Fail");
         EXPECT_EQ(heard.errors, failures.empty() ? Messages() : Messages{"Failed to output cloud config"});
@@ -648,7 +648,7 @@ private:
     bool m_wasAsked = false;
 };
 
-TEST_F(PolicyWithoutMemory, EachBlockThatIsMissingCostsWhatItWasForAndNoMore) {
+TEST_F(PolicyWithoutMemory, EachFailedAllocationAffectsOnlyItsPurpose) {
     constexpr std::array expected{"json parsing error [", "Fail to cJSON_CreateObject for root",
                                   "Fail to cJSON_CreateObject for object", "Fail to print JSON"};
     std::array<bool, expected.size()> told{};
@@ -665,12 +665,12 @@ TEST_F(PolicyWithoutMemory, EachBlockThatIsMissingCostsWhatItWasForAndNoMore) {
         for (std::size_t i = 0; i < expected.size(); ++i)
             told[i] = told[i] || !heard.EngineLines(expected[i]).empty();
     }
-    EXPECT_GT(nth, 60u) << "the policy alone has so many items";
+    EXPECT_GT(nth, 60u) << "the policy alone has that many items";
     for (std::size_t i = 0; i < expected.size(); ++i)
         EXPECT_TRUE(told[i]) << expected[i];
 }
 
-TEST_F(PolicyWithoutMemory, TheNextIterationIsWholeAgain) {
+TEST_F(PolicyWithoutMemory, TheNextIterationIsCompleteAgain) {
     for (const unsigned nth : {1u, 40u, 80u, 100u}) {
         (void)ReadWithout(nth);
         EXPECT_TRUE(WasAsked());

@@ -1,4 +1,4 @@
-// What an iteration asks of the platform and of the driver, and the rates that it makes of the driver's totals.
+// What an iteration queries from the platform and the driver, and the rates that it computes from the driver's totals.
 
 #include <algorithm>
 #include <array>
@@ -16,7 +16,7 @@ namespace {
 
 using namespace Health;
 
-/// The functions that tell the machine's load.
+/// The functions that report the machine's load.
 const std::set<std::string> kPlatform{
     "PdhOpenQueryW", "PdhAddCounterW", "PdhCollectQueryData", "PdhGetFormattedCounterValue",
     "PdhCloseQuery", "GetSystemInfo",  "GlobalMemoryStatusEx"};
@@ -27,7 +27,7 @@ const std::set<std::string> kFailable{"PdhOpenQueryW", "PdhAddCounterW", "PdhCol
 
 class Sampling : public IterationFixture {
 protected:
-    /// What was asked of the platform since the last call, with the sleeps.
+    /// The queries of the platform since the last call, with the sleeps.
     std::vector<std::string> TakePlatformCalls() {
         std::vector<std::string> calls;
         for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take())
@@ -36,7 +36,7 @@ protected:
         return calls;
     }
 
-    /// The request that lies at the driver, as the one bit of it that is set.
+    /// The request that the driver received, as the one bit of it that is set.
     void ExpectMonitored(unsigned port, bool outbound) {
         std::vector<std::uint8_t> expected(16392);
         expected[0] = 1;
@@ -47,7 +47,7 @@ protected:
 
 // ---- The platform
 
-TEST_F(Sampling, AnIterationAsksThePlatformInThisOrder) {
+TEST_F(Sampling, AnIterationQueriesThePlatformInThisOrder) {
     WriteConfig(kRunQueue);
     ASSERT_EQ(Check(), kNormal);
     EXPECT_EQ(TakePlatformCalls(),
@@ -56,7 +56,7 @@ TEST_F(Sampling, AnIterationAsksThePlatformInThisOrder) {
                                         "GetSystemInfo", "GlobalMemoryStatusEx"}));
 }
 
-TEST_F(Sampling, EachIterationTakesASampleOfItsOwn) {
+TEST_F(Sampling, EachIterationTakesItsOwnSample) {
     WriteConfig(kRunQueue);
     ASSERT_EQ(Check(), kNormal);
     const std::vector<std::string> first = TakePlatformCalls();
@@ -77,7 +77,7 @@ TEST_F(Sampling, TheQueueIsReadFromTheSystemsCounterWithoutADataSource) {
     EXPECT_NE(added.find("\"\\System\\Processor Queue Length\""), std::string::npos) << added;
 }
 
-TEST_F(Sampling, TheProcessorsAreCountedAnewInEachIteration) {
+TEST_F(Sampling, TheProcessorsAreCountedInEachIteration) {
     WriteConfig(kRunQueue);
     ASSERT_EQ(Check(), kNormal);
     machine().processorCount = 64;
@@ -125,7 +125,7 @@ TEST_F(Sampling, AFailingStepOfTheQueueIsTracedAndEndsTheIteration) {
     EXPECT_EQ(Check(), kNormal);
 }
 
-TEST_F(Sampling, AFailingStepOfTheQueueClosesTheQueryAndAsksNoMore) {
+TEST_F(Sampling, AFailingStepOfTheQueueClosesTheQueryAndEndsTheSampling) {
     WriteConfig(kRunQueue);
     for (const FailingStep &step : kQueueSteps) {
         SCOPED_TRACE(step.trace);
@@ -145,7 +145,7 @@ TEST_F(Sampling, AFailingStepOfTheQueueClosesTheQueryAndAsksNoMore) {
     }
 }
 
-TEST_F(Sampling, AQueryThatDoesNotCloseCostsNothingElse) {
+TEST_F(Sampling, AQueryThatCannotBeClosedAffectsNothingElse) {
     WriteConfig(kRunQueue);
     const auto plan = simulation().GetFaults().FailNth("PdhCloseQuery", 1, PDH_INVALID_HANDLE);
     EXPECT_EQ(Check(), kNormal);
@@ -153,7 +153,7 @@ TEST_F(Sampling, AQueryThatDoesNotCloseCostsNothingElse) {
     EXPECT_EQ(Metric("rqpct").value, 1);
 }
 
-TEST_F(Sampling, NoProcessorsEndTheIterationBeforeMemoryIsAsked) {
+TEST_F(Sampling, NoProcessorsEndTheIterationBeforeMemoryIsQueried) {
     WriteConfig(kRunQueue);
     machine().processorCount = 0;
     EXPECT_EQ(Check(), kCollectFailed);
@@ -164,7 +164,7 @@ TEST_F(Sampling, NoProcessorsEndTheIterationBeforeMemoryIsAsked) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(Sampling, UnreadableMemoryEndsTheIterationBeforeTheDriverIsAsked) {
+TEST_F(Sampling, UnreadableMemoryEndsTheIterationBeforeTheDriverIsQueried) {
     WriteConfig(kDriverMetrics);
     const auto plan = simulation().GetFaults().FailNth("GlobalMemoryStatusEx", 1, ERROR_GEN_FAILURE);
     EXPECT_EQ(Check(), kMemoryFailed);
@@ -176,7 +176,7 @@ TEST_F(Sampling, UnreadableMemoryEndsTheIterationBeforeTheDriverIsAsked) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(Sampling, EachPlatformCallMayFailAndLeavesNothingBehind) {
+TEST_F(Sampling, EachPlatformCallMayFailWithoutALeak) {
     WriteConfig(kRunQueue + kDriverMetrics);
     const auto iterationWithFault = [this](unsigned nth, std::string &failed) {
         simulation().GetFaults().Clear();
@@ -221,7 +221,7 @@ TEST_F(Sampling, ReadOutsAreAnsweredWhileASampleHangs) {
 
 // ---- The driver
 
-TEST_F(Sampling, WithoutAPortTheDriverIsNotAsked) {
+TEST_F(Sampling, WithoutAPortTheDriverIsNotQueried) {
     WriteConfig(kRunQueue);
     EXPECT_EQ(Check(), kNormal);
     EXPECT_TRUE(TakeDriverCalls().empty());
@@ -241,13 +241,13 @@ TEST_F(Sampling, TheFirstPassConfiguresTheDriverAndLaterOnesOnlyRead) {
     EXPECT_EQ(driver().openHandles, 0);
 }
 
-TEST_F(Sampling, TheDriverIsOpenedBehindThePlatformsSampleAndReadAlsoInFailOpen) {
+TEST_F(Sampling, TheDriverIsOpenedAfterThePlatformsSampleAndReadInFailOpenToo) {
     WriteConfig(kRunQueue + kPort);
     ASSERT_EQ(Check("Activated"), kFailOpen);
     EXPECT_EQ(TakeDriverCalls().size(), 4u);
 }
 
-TEST_F(Sampling, OneBitOfTheRequestIsThePort) {
+TEST_F(Sampling, ThePortIsOneBitOfTheRequest) {
     for (const unsigned port : {1u, 7u, 31u, 32u, 443u, 8080u, 65534u, 65535u}) {
         Reload();
         lua.Run("f = SLB.filter");
@@ -295,7 +295,7 @@ TEST_F(Sampling, APortOfZeroFromAPolicyIsMonitored) {
     EXPECT_TRUE(Has(TakeDriverCalls(), "vti_get_scan_metrics(1, 0)"));
 }
 
-TEST_F(Sampling, APortChangedLaterReachesNeitherDriverNorReading) {
+TEST_F(Sampling, APortChangedLaterAffectsNeitherTheDriverNorTheReading) {
     WriteConfig(kRunQueue + kPort);
     ASSERT_EQ(Check(), kNormal);
     Forget();
@@ -307,7 +307,7 @@ TEST_F(Sampling, APortChangedLaterReachesNeitherDriverNorReading) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443");
 }
 
-TEST_F(Sampling, ADirectionChangedLaterReachesTheReadingAlone) {
+TEST_F(Sampling, ADirectionChangedLaterAffectsOnlyTheReading) {
     WriteConfig(kPort);
     ASSERT_EQ(Check(), kNormal);
     Forget();
@@ -317,11 +317,11 @@ TEST_F(Sampling, ADirectionChangedLaterReachesTheReadingAlone) {
     ExpectMonitored(443, false);
 }
 
-TEST_F(Sampling, AnUnreachableDriverCostsTheDriversMetricsWithoutAMessage) {
+TEST_F(Sampling, AnUnreachableDriverDisablesTheDriverMetricsWithoutAMessage) {
     WriteConfig(kDriverMetrics + kRunQueue + kFreeMemory);
     driver().present = false;
     machine().processorQueue = 51;
-    ASSERT_EQ(Check(), kFailOpen) << "the queue is judged";
+    ASSERT_EQ(Check(), kFailOpen) << "the queue is checked";
     EXPECT_EQ(TakeDriverCalls(), (std::vector<std::string>{"vti_open()"}));
     EXPECT_TRUE(TakeErrors().empty());
     EXPECT_TRUE(TakeTracedMessages("SysHealth.scan").empty());
@@ -330,7 +330,7 @@ TEST_F(Sampling, AnUnreachableDriverCostsTheDriversMetricsWithoutAMessage) {
     EXPECT_EQ(Metrics(), expected);
 }
 
-TEST_F(Sampling, AnUnreachableDriverIsConfiguredWhenItIsThere) {
+TEST_F(Sampling, AnUnreachableDriverIsConfiguredOnceItIsReachable) {
     WriteConfig(kPort);
     driver().present = false;
     ASSERT_EQ(Check(), kNormal);
@@ -342,7 +342,7 @@ TEST_F(Sampling, AnUnreachableDriverIsConfiguredWhenItIsThere) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "80");
 }
 
-TEST_F(Sampling, AFailedReadingIsLoggedTwiceAndCostsTheDriversMetrics) {
+TEST_F(Sampling, AFailedReadingIsLoggedTwiceAndDisablesTheDriverMetrics) {
     WriteConfig(kDriverMetrics + kRunQueue);
     ASSERT_EQ(CheckAt(0), kNormal);
     Forget();
@@ -358,11 +358,11 @@ TEST_F(Sampling, AFailedReadingIsLoggedTwiceAndCostsTheDriversMetrics) {
     ExpectLockFree();
 }
 
-TEST_F(Sampling, AFailedFirstReadingLeavesTheConfiguringToTheNextIteration) {
+TEST_F(Sampling, AFailedFirstReadingIsConfiguredAgainByTheNextIteration) {
     WriteConfig(kPort);
     driver().faults["vti_get_scan_metrics"] = {.status = -1, .error = "busy", .remaining = 1};
     ASSERT_EQ(Check(), kNormal);
-    EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443") << "latched all the same";
+    EXPECT_EQ(FieldOf(TakeLongLine(), "port"), "443") << "latched anyway";
     Forget();
     WriteConfig("SYSTEM_CONNECTION_REFUSAL_PORT=80\n");
     ASSERT_EQ(Check(), kNormal);
@@ -371,7 +371,7 @@ TEST_F(Sampling, AFailedFirstReadingLeavesTheConfiguringToTheNextIteration) {
     ExpectMonitored(80, false);
 }
 
-TEST_F(Sampling, AFailedConfiguringIsLoggedAndNotLookedAt) {
+TEST_F(Sampling, AFailedConfigurationIsLoggedAndOtherwiseIgnored) {
     WriteConfig(kPort);
     driver().faults["vti_set_scan_monitoring"] = {.status = -7, .error = "too many ports"};
     ASSERT_EQ(Check(), kNormal);
@@ -386,7 +386,7 @@ TEST_F(Sampling, AFailedConfiguringIsLoggedAndNotLookedAt) {
     ASSERT_EQ(Check(), kNormal);
     EXPECT_EQ(TakeDriverCalls(),
               (std::vector<std::string>{"vti_open()", "vti_get_scan_metrics(1, 443)", "vti_close()"}))
-        << "the reading succeeded, so this is not tried again";
+        << "the reading succeeded, so there is no retry";
 }
 
 TEST_F(Sampling, EmptyErrorTextsAreLoggedAsEmpty) {
@@ -397,7 +397,7 @@ TEST_F(Sampling, EmptyErrorTextsAreLoggedAsEmpty) {
                                                       "get_scan_metrics() failed rc=5, exiting, buf{}"}));
 }
 
-TEST_F(Sampling, ErrorTextsBeyondAsciiStillMakeALine) {
+TEST_F(Sampling, ErrorTextsBeyondAsciiAreLogged) {
     WriteConfig(kPort);
     std::vector<CodePageText> texts = TextsOutsideCodePage();
     texts.push_back(CharacterInCodePage());
@@ -420,7 +420,7 @@ TEST_F(Sampling, ErrorTextsInAnyEncodingKeepTheirAscii) {
     EXPECT_TRUE(errors[0].ends_with("%s%n}")) << errors[0];
 }
 
-TEST_F(Sampling, LongErrorTextsAreCutWhetherTheyHaveAnEndMarkOrNot) {
+TEST_F(Sampling, LongErrorTextsAreTruncatedWithOrWithoutATerminator) {
     WriteConfig(kPort);
     for (const std::size_t length : {126u, 127u, 128u, 129u, 5000u}) {
         SCOPED_TRACE(length);
@@ -439,9 +439,9 @@ TEST_F(Sampling, LongErrorTextsAreCutWhetherTheyHaveAnEndMarkOrNot) {
     }
 }
 
-TEST_F(Sampling, EachDriverCallMayFailAndLeavesNothingBehind) {
+TEST_F(Sampling, EachDriverCallMayFailWithoutALeak) {
     WriteConfig(kDriverMetrics + kRunQueue);
-    // A failed reading behind the failed configuring, so that the driver is configured again.
+    // A failed reading after the failed configuration, so that the driver is configured again.
     for (const std::vector<std::string> &operations : {std::vector<std::string>{"vti_open"},
                                                        {"vti_set_scan_monitoring", "vti_get_scan_metrics"},
                                                        {"vti_get_scan_metrics"}}) {
@@ -467,7 +467,7 @@ TEST_F(Sampling, EachDriverCallMayFailAndLeavesNothingBehind) {
 
 // ---- Rates
 
-TEST_F(Sampling, TheFirstPassLaysABaselineAndTheSecondGivesRates) {
+TEST_F(Sampling, TheFirstPassSetsABaselineAndTheSecondGivesRates) {
     WriteConfig(kDriverMetrics);
     SetTotals({.established = 1'000'000});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -477,7 +477,7 @@ TEST_F(Sampling, TheFirstPassLaysABaselineAndTheSecondGivesRates) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "estab"), "12.500(100.000)") << "500 in 10 s on 4 processors";
 }
 
-TEST_F(Sampling, TheBaselineIsNotTakenForRatesOfALongPast) {
+TEST_F(Sampling, TheFirstPassOnlySetsTheBaselineEvenIfSecondsHavePassed) {
     WriteConfig(kRunQueue);
     ASSERT_EQ(CheckAt(0), kNormal);
     WriteConfig(kDriverMetrics);
@@ -486,7 +486,7 @@ TEST_F(Sampling, TheBaselineIsNotTakenForRatesOfALongPast) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "estab"), "0.000(100.000)");
 }
 
-TEST_F(Sampling, ATotalThatFellGivesARateOfZeroAndTheNewBaseline) {
+TEST_F(Sampling, ADecreasedTotalGivesARateOfZeroAndTheNewBaseline) {
     WriteConfig(kDriverMetrics);
     SetTotals({.established = 1000});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -499,7 +499,7 @@ TEST_F(Sampling, ATotalThatFellGivesARateOfZeroAndTheNewBaseline) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "estab"), "20.000(100.000)") << "800 in 10 s on 4 processors";
 }
 
-TEST_F(Sampling, OneTotalThatFellLeavesTheOthersTheirRates) {
+TEST_F(Sampling, OneDecreasedTotalDoesNotAffectTheOtherRates) {
     WriteConfig(kDriverMetrics);
     SetTotals({.connNew = 1000, .halfOpenToClose = 0});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -511,7 +511,7 @@ TEST_F(Sampling, OneTotalThatFellLeavesTheOthersTheirRates) {
     EXPECT_EQ(Metric("scanmb").value, 0);
 }
 
-TEST_F(Sampling, TheWholeRangeOf64BitsIsDifferenced) {
+TEST_F(Sampling, DifferencesCoverTheWholeRangeOf64Bits) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -521,7 +521,7 @@ TEST_F(Sampling, TheWholeRangeOf64BitsIsDifferenced) {
     EXPECT_EQ(lua.Eval("metrics[3].value == 2^62"), "true") << "a quarter of it, in a second";
 }
 
-TEST_F(Sampling, AFailedScanKeepsTheBaselineButTimeGoesOn) {
+TEST_F(Sampling, AFailedScanKeepsTheBaselineButTimeAdvances) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -534,7 +534,7 @@ TEST_F(Sampling, AFailedScanKeepsTheBaselineButTimeGoesOn) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "estab"), "20.000(100.000)") << "800 since the baseline, 10 s, 4 processors";
 }
 
-TEST_F(Sampling, WithoutThePortForOneIterationTheBaselineStays) {
+TEST_F(Sampling, AnIterationWithoutThePortKeepsTheBaseline) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -546,7 +546,7 @@ TEST_F(Sampling, WithoutThePortForOneIterationTheBaselineStays) {
     EXPECT_EQ(Metric("estab").value, 10);
 }
 
-TEST_F(Sampling, TheRatesGoOnInFailOpenThoughTheyAreNotJudged) {
+TEST_F(Sampling, RatesAreStillComputedInFailOpenThoughTheyAreNotChecked) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -563,15 +563,15 @@ TEST_F(Sampling, TwoIterationsInTheSameMicrosecondDivideByZeroSeconds) {
     SetTotals({.established = 100});
     ASSERT_EQ(CheckAt(0), kNormal);
     SetTotals({.established = 101});
-    EXPECT_EQ(CheckAt(0), kFailOpen) << "an infinite rate is past its limit";
+    EXPECT_EQ(CheckAt(0), kFailOpen) << "an infinite rate exceeds its limit";
     EXPECT_TRUE(
         Has(TakeTracedMessages("SysHealth.eng"), "SysHealth transitioning to Fail-Open, metrics over threshold = 1"));
-    EXPECT_EQ(CheckAt(0), kNormal) << "nothing in no time is no number, which is past no limit";
+    EXPECT_EQ(CheckAt(0), kNormal) << "nothing in no time is NaN, which exceeds no limit";
     EXPECT_EQ(FieldOf(TakeLongLine(), "delta_t"), "0.000(45.000)");
     ExpectLockFree();
 }
 
-TEST_F(Sampling, RefusalsOverConnectionsOfNoTimeAreNoNumber) {
+TEST_F(Sampling, RefusalsPerConnectionsInNoTimeAreNotANumber) {
     WriteConfig(kPort + kRefusals);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -579,7 +579,7 @@ TEST_F(Sampling, RefusalsOverConnectionsOfNoTimeAreNoNumber) {
     EXPECT_EQ(CheckAt(0), kNormal);
 }
 
-TEST_F(Sampling, ADriverThatAnswersNoRowsLeavesRatesAndBaseline) {
+TEST_F(Sampling, ADriverThatReturnsNoRowsKeepsRatesAndBaseline) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -599,7 +599,7 @@ TEST_F(Sampling, ADriverThatAnswersNoRowsLeavesRatesAndBaseline) {
     EXPECT_EQ(Metric("estab").value, 20) << "800 more than what was last counted";
 }
 
-TEST_F(Sampling, ADriverThatClaimsMoreThanOneRowOfTenCountersIsReadNoFurtherThanTheRecord) {
+TEST_F(Sampling, ADriverThatClaimsMoreThanOneRowOfTenCountersIsNotReadBeyondTheRecord) {
     WriteConfig(kDriverMetrics);
     std::uint64_t established = 0;
     double at = 0;
@@ -614,7 +614,7 @@ TEST_F(Sampling, ADriverThatClaimsMoreThanOneRowOfTenCountersIsReadNoFurtherThan
     }
 }
 
-TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOfThoseAlone) {
+TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOnlyForThose) {
     WriteConfig(kDriverMetrics);
     SetTotals({});
     ASSERT_EQ(CheckAt(0), kNormal);
@@ -628,7 +628,7 @@ TEST_F(Sampling, ADriverThatFillsFewerCountersGivesRatesOfThoseAlone) {
     EXPECT_EQ(Metric("scanmb").value, 1) << "the rate of the last answer that had it";
 }
 
-TEST_F(Sampling, CountersThatOneAnswerLeavesOutKeepTheirBaseline) {
+TEST_F(Sampling, CountersMissingFromOneAnswerKeepTheirBaseline) {
     WriteConfig(kDriverMetrics);
     const Totals before{.connNew = 1'000'000, .established = 1'000'000, .bytesForward = 4'000'000'000'000};
     SetTotals(before);
@@ -646,7 +646,7 @@ TEST_F(Sampling, CountersThatOneAnswerLeavesOutKeepTheirBaseline) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "scanmb"), "2.000(8.000)") << "80 MiB in 10 s on 4 processors";
 }
 
-TEST_F(Sampling, CountersThatTheFirstAnswerLeavesOutLayTheirBaselineWhenTheyCome) {
+TEST_F(Sampling, CountersMissingFromTheFirstAnswerSetTheirBaselineWhenTheyAppear) {
     WriteConfig(kDriverMetrics);
     driver().scanShape = {3, 1};
     SetTotals({.connNew = 1'000'000, .established = 1'000'000});
@@ -667,7 +667,7 @@ TEST_F(Sampling, CountersThatTheFirstAnswerLeavesOutLayTheirBaselineWhenTheyCome
     EXPECT_EQ(Metric("scanmb").value, 2);
 }
 
-TEST_F(Sampling, AFirstAnswerWithoutRowsIsNoBaselineAndTheDriverIsToldItsPortAgain) {
+TEST_F(Sampling, AFirstAnswerWithoutRowsSetsNoBaselineAndTheDriverGetsItsPortAgain) {
     WriteConfig(kDriverMetrics);
     driver().scanShape = {10, 0};
     SetTotals({.established = 5000});
@@ -676,41 +676,41 @@ TEST_F(Sampling, AFirstAnswerWithoutRowsIsNoBaselineAndTheDriverIsToldItsPortAga
     driver().scanShape = {10, 1};
     ASSERT_EQ(CheckAt(10), kNormal);
     EXPECT_TRUE(HasBeginning(TakeDriverCalls(), "vti_set_scan_monitoring"));
-    EXPECT_EQ(Metric("estab").value, 0) << "this pass lays the baseline";
+    EXPECT_EQ(Metric("estab").value, 0) << "this pass sets the baseline";
 }
 
-// ---- Odd figures
+// ---- Unusual numbers
 
-TEST_F(Sampling, AQueueThatIsNoNumberIsPastNoLimit) {
+TEST_F(Sampling, AQueueThatIsNotANumberExceedsNoLimit) {
     WriteConfig(kRunQueue);
     machine().processorQueue = std::numeric_limits<double>::quiet_NaN();
     EXPECT_EQ(Check(), kNormal);
     ExpectLockFree();
 }
 
-TEST_F(Sampling, AnInfiniteQueueIsPastItsLimit) {
+TEST_F(Sampling, AnInfiniteQueueExceedsItsLimit) {
     WriteConfig(kRunQueue);
     machine().processorQueue = std::numeric_limits<double>::infinity();
     EXPECT_EQ(Check(), kFailOpen);
     ExpectLockFree();
 }
 
-TEST_F(Sampling, ANegativeQueueIsTakenAsItIs) {
+TEST_F(Sampling, ANegativeQueueIsKept) {
     WriteConfig(kRunQueue);
     machine().processorQueue = -7.9;
     EXPECT_EQ(Check(), kNormal);
     EXPECT_EQ(FieldOf(TakeLongLine(), "rqpct"), "-7.900(50.000)");
 }
 
-TEST_F(Sampling, NoMemoryAtAllIsPastNoLimit) {
+TEST_F(Sampling, NoMemoryAtAllExceedsNoLimit) {
     WriteConfig(kFreeMemory);
     machine().memoryTotal = 0;
     machine().memoryAvailable = 0;
-    EXPECT_EQ(Check(), kNormal) << "zero of zero is no number";
+    EXPECT_EQ(Check(), kNormal) << "zero divided by zero is NaN";
     ExpectLockFree();
 }
 
-TEST_F(Sampling, FreeMemoryOfNoneIsInfinitelyMuch) {
+TEST_F(Sampling, FreeMemoryOutOfNoneIsInfinite) {
     WriteConfig(kFreeMemory);
     machine().memoryTotal = 0;
     machine().memoryAvailable = 1 << 20;
@@ -718,7 +718,7 @@ TEST_F(Sampling, FreeMemoryOfNoneIsInfinitelyMuch) {
     ExpectLockFree();
 }
 
-TEST_F(Sampling, MoreFreeMemoryThanThereIsIsMoreThanAll) {
+TEST_F(Sampling, MoreFreeMemoryThanTotalIsMoreThanAHundredPercent) {
     WriteConfig(kFreeMemory);
     machine().memoryTotal = 1 << 20;
     machine().memoryAvailable = 3 << 20;
@@ -726,7 +726,7 @@ TEST_F(Sampling, MoreFreeMemoryThanThereIsIsMoreThanAll) {
     EXPECT_EQ(Metric("frepct"), (ReadOut{"frepct", 300, 20}));
 }
 
-TEST_F(Sampling, FiguresBeyond32BitsAreKept) {
+TEST_F(Sampling, NumbersBeyond32BitsAreKept) {
     WriteConfig(kFreeMemory);
     machine().memoryTotal = std::uint64_t{1} << 62;
     machine().memoryAvailable = std::uint64_t{1} << 61;

@@ -14,14 +14,14 @@ namespace {
 
 namespace System {
 
-// They tell where a step ends, and that a file is removed by the C runtime.
+// They mark the end of a step, and the removal of a file by the C runtime.
 SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(_wremove, Simulator::kCRuntime, CannotFail);
 SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 }  // namespace System
 
-/// With this variable Wine's library for stacks leaves out the host's own libraries, too, of which it reads every byte.
+/// With this variable Wine's stack library also skips the host's own libraries, of which it reads every byte.
 constexpr wchar_t kNoSystemLibraries[] = L"DBGHELP_NOLIVE";
 
 }  // namespace
@@ -62,7 +62,7 @@ bool IsThread(const Simulator::BalanceItem &item) {
 }
 
 HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &returned)
-    : m_simulation(simulation), m_returned(returned), m_sight(simulation) {
+    : m_simulation(simulation), m_returned(returned), m_watcherClock(simulation) {
     wxLog::SetVerbose(true);
     Simulator::FunctionSet &functions = simulation.Functions();
     functions.PassThrough<System::SetEvent>();

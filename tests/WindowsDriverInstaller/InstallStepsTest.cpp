@@ -116,7 +116,7 @@ protected:
     }
 };
 
-// --- whole roads ---
+// --- whole installations ---
 
 TEST_F(InstallSteps, OnAFreshMachineLogThisTree) {
     const InstallOutcome outcome = Install();
@@ -175,7 +175,7 @@ TEST_F(InstallSteps, CallTheSystemInThisOrder) {
                             "GetIpNetTable"}),
               (Lines{"INetCfg::Initialize", "GetAdaptersInfo", "INetCfg::FindComponent", "INetCfg::FindComponent",
                      "INetCfg::FindComponent", "INetCfg::Uninitialize",
-                     // the removal: of the filter, of its forerunner, is the filter there, are there orphans
+                     // the removal: is the filter there, its predecessor, is the filter still there, are there orphans
                      "INetCfgLock::AcquireWriteLock", "INetCfg::Initialize", "INetCfg::FindComponent",
                      "INetCfg::Uninitialize", "INetCfgLock::ReleaseWriteLock", "INetCfgLock::AcquireWriteLock",
                      "INetCfg::Initialize", "INetCfg::FindComponent", "INetCfg::Uninitialize",
@@ -196,7 +196,7 @@ TEST_F(InstallSteps, CallTheSystemInThisOrder) {
 
 // --- the removal before it ---
 
-TEST_F(InstallSteps, RemoveTheOldDriverTwiceBeforeAnUpgradeAndTheSecondResultCounts) {
+TEST_F(InstallSteps, RemoveTheOldDriverTwiceBeforeAnUpgradeAndUseTheSecondResult) {
     InstallOldDriver({1, 2, 3, 4});
     const FaultPlan plan = faults().FailNth("INetCfgClassSetup::DeInstall", 1, static_cast<DWORD>(E_FAIL));
     const InstallOutcome outcome = Install();
@@ -207,7 +207,7 @@ TEST_F(InstallSteps, RemoveTheOldDriverTwiceBeforeAnUpgradeAndTheSecondResultCou
     EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgClassSetup::DeInstall", 0x80004005)});
 }
 
-TEST_F(InstallSteps, InstallNothingWhereTheRemovalFailed) {
+TEST_F(InstallSteps, InstallNothingWhenTheRemovalFailed) {
     InstallOldDriver({1, 2, 3, 4});
     PutServiceKey();
     faults().FailEvery("INetCfgClassSetup::DeInstall", static_cast<DWORD>(E_FAIL));
@@ -228,7 +228,7 @@ TEST_F(InstallSteps, WaitUntilTheOldDriverIsUnloaded) {
     };
     int asked = 0;
     Vti::TheDriver().onCall = [&asked](Vti::Driver &driver, const std::string &call) {
-        if (call == "vti_open()" && ++asked == 5)  // the decision asks first
+        if (call == "vti_open()" && ++asked == 5)  // the decision queries it first
             driver.present = false;
     };
     const InstallOutcome outcome = Install();
@@ -243,7 +243,7 @@ TEST_F(InstallSteps, WaitUntilTheOldDriverIsUnloaded) {
 )"));
 }
 
-TEST_F(InstallSteps, WaitNoLongerThanHalfAMinuteForTheOldDriverAndInstallAllTheSame) {
+TEST_F(InstallSteps, WaitAtMostHalfAMinuteForTheOldDriverAndInstallAnyway) {
     InstallOldDriver({1, 2, 3, 4});
     onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Removed)
@@ -261,14 +261,14 @@ TEST_F(InstallSteps, DoNotWaitForTheDriverToUnloadWithoutAnUpgrade) {
     EXPECT_FALSE(Contains(WorkerLog(Install()), "EnsuringDriverUnloaded"));
 }
 
-TEST_F(InstallSteps, StopBehindTheRemovalWhenTheNetworkWorkaroundNeedsAReboot) {
+TEST_F(InstallSteps, StopAfterTheRemovalWhenTheNetworkWorkaroundNeedsAReboot) {
     simulation().GetMachine().osBuild = 17763;
     simulation().GetRegistry().PutDword(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Services\\TSFairShare\\NetFS",
                                         L"EnableFairShare", 1);
     PutServiceKey();
     InstallOldDriver({1, 2, 3, 4});
     const InstallOutcome outcome = Install();
-    EXPECT_TRUE(Succeeded(outcome)) << "that of the removal stands";
+    EXPECT_TRUE(Succeeded(outcome)) << "the result of the removal counts";
     EXPECT_EQ(Removals(outcome), 2U);
     EXPECT_FALSE(Contains(WorkerLog(outcome), "EnsuringDriverUnloaded"));
     EXPECT_EQ(CallsOf(kInstall), 0U);
@@ -278,7 +278,7 @@ TEST_F(InstallSteps, StopBehindTheRemovalWhenTheNetworkWorkaroundNeedsAReboot) {
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
-TEST_F(InstallSteps, StopBehindARemovalThatNeedsAReboot) {
+TEST_F(InstallSteps, StopAfterARemovalThatNeedsAReboot) {
     PutOrphan();
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -316,7 +316,7 @@ TEST_F(InstallSteps, InstallTheFilterWithoutTheCalloutsInfFile) {
     EXPECT_TRUE(network().Has(L"qbimvta"));
 }
 
-TEST_F(InstallSteps, InstallTheFilterWhereTheSetupLibraryCantRunTheSection) {
+TEST_F(InstallSteps, InstallTheFilterWhenTheSetupLibraryCannotRunTheSection) {
     simulation().GetSetup().Lack("InstallHinfSectionW");
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -326,7 +326,7 @@ TEST_F(InstallSteps, InstallTheFilterWhereTheSetupLibraryCantRunTheSection) {
     EXPECT_TRUE(network().Has(L"qbimvta"));
 }
 
-TEST_F(InstallSteps, InstallTheFilterWhereTheCalloutDoesNotStart) {
+TEST_F(InstallSteps, InstallTheFilterWhenTheCalloutDoesNotStart) {
     simulation().GetSetup().onInstallSection = [this](const std::wstring &) {
         simulation().GetServices().Put(L"qbimwfp", {.startError = ERROR_ACCESS_DENIED});
     };
@@ -336,7 +336,7 @@ TEST_F(InstallSteps, InstallTheFilterWhereTheCalloutDoesNotStart) {
     EXPECT_TRUE(network().Has(L"qbimvta"));
 }
 
-TEST_F(InstallSteps, LookForOrphansOnlyWhereTheFilterIsAbsent) {
+TEST_F(InstallSteps, SearchForOrphansOnlyWhenTheFilterIsAbsent) {
     InstallOldDriver(kOurVersion);
     KeepComponentOnRemoval();
     SetRunningVersion(std::nullopt);
@@ -373,7 +373,7 @@ TEST_F(InstallSteps, SkipAMissingInfFileSilently) {
 )"));
 }
 
-TEST_F(InstallSteps, WithoutAnyInfFileLeaveItToTheComponentsInstallation) {
+TEST_F(InstallSteps, LeaveItToTheComponentsInstallationWithoutAnyInfFile) {
     for (const wchar_t *inf : {L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf"})
         remove(NdisFolder() / inf);
     const InstallOutcome outcome = Install();
@@ -397,7 +397,7 @@ void PrintTo(const CopyError &tested, std::ostream *out) {
 
 class InstallCopyError : public InstallSteps, public testing::WithParamInterface<CopyError> {};
 
-TEST_P(InstallCopyError, OfTheFirstFileThatFailsIsReportedAsAResultAndEndsTheAttempt) {
+TEST_P(InstallCopyError, OfTheFirstFileIsReportedAsAResultAndEndsTheAttempt) {
     const FaultPlan plan = faults().FailNth("SetupCopyOEMInfW", 2, GetParam().error);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());
@@ -428,7 +428,7 @@ constexpr CopyError kCopyErrors[] = {
 INSTANTIATE_TEST_SUITE_P(Codes, InstallCopyError, testing::ValuesIn(kCopyErrors),
                          [](const auto &tested) { return std::string(tested.param.name); });
 
-TEST_F(InstallSteps, GoOnBehindACopyThatFailsWithoutAnErrorButLeaveTheOtherFiles) {
+TEST_F(InstallSteps, ContinueAfterACopyThatFailsWithoutAnErrorButSkipTheOtherFiles) {
     const FaultPlan plan = faults().FailNth("SetupCopyOEMInfW", 1, 0);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());
@@ -439,8 +439,8 @@ TEST_F(InstallSteps, GoOnBehindACopyThatFailsWithoutAnErrorButLeaveTheOtherFiles
     EXPECT_EQ(CallsOf(kInstall), 1U);
 }
 
-TEST_F(InstallSteps, WithAnEmptyFolderFailInTheOutermostStep) {
-    // Our copy is then looked for in the current folder.
+TEST_F(InstallSteps, FailInTheOutermostStepWithAnEmptyFolder) {
+    // Our copy is then searched for in the current folder.
     const std::filesystem::path before = std::filesystem::current_path();
     std::filesystem::current_path(NdisFolder());
     lua_pushstring(lua, "");
@@ -455,7 +455,7 @@ TEST_F(InstallSteps, WithAnEmptyFolderFailInTheOutermostStep) {
 
 // --- the component ---
 
-TEST_F(InstallSteps, AskForTheClassOfServicesAndInstallBehindTheSystemsSetup) {
+TEST_F(InstallSteps, OpenTheServiceClassAndInstallThroughTheSystemsSetup) {
     (void)Install();
     EXPECT_EQ(Calls({"INetCfg::QueryNetCfgClass", kInstall}),
               (Lines{"INetCfg::QueryNetCfgClass({4D36E974-E325-11CE-BFC1-08002BE10318}, "
@@ -463,7 +463,7 @@ TEST_F(InstallSteps, AskForTheClassOfServicesAndInstallBehindTheSystemsSetup) {
                      "INetCfgClassSetup::Install(\"qbimvta\", *, 2, 0, null, null, *)"}));
 }
 
-TEST_F(InstallSteps, FailWithTheStepAndAReportWhereTheClassCantBeHad) {
+TEST_F(InstallSteps, FailWithTheStepAndAReportWhenTheClassIsUnavailable) {
     faults().FailEvery("INetCfg::QueryNetCfgClass", static_cast<DWORD>(E_NOINTERFACE));
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "GettingINetCfgClassSetup");
@@ -502,7 +502,7 @@ TEST_F(InstallSteps, TryAgainAfterAPositiveResultAndForgetItWhenTheNextSucceeds)
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
 }
 
-TEST_F(InstallSteps, WaitFiveSecondsBehindEachAttemptThatMeetsAServiceMarkedForDeletion) {
+TEST_F(InstallSteps, WaitFiveSecondsAfterEachAttemptThatFindsTheServiceMarkedForDeletion) {
     SetResults(
         {HRESULT_FROM_WIN32(ERROR_SERVICE_MARKED_FOR_DELETE), HRESULT_FROM_WIN32(ERROR_SERVICE_MARKED_FOR_DELETE)});
     const InstallOutcome outcome = Install();
@@ -512,7 +512,7 @@ TEST_F(InstallSteps, WaitFiveSecondsBehindEachAttemptThatMeetsAServiceMarkedForD
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
 }
 
-TEST_F(InstallSteps, TakeAPositiveResultWithThatErrorInItsLowHalfForOneTooButApply) {
+TEST_F(InstallSteps, TreatAPositiveResultWithThatErrorInItsLowHalfAsOneTooButApply) {
     SetResults({ERROR_SERVICE_MARKED_FOR_DELETE, ERROR_SERVICE_MARKED_FOR_DELETE, ERROR_SERVICE_MARKED_FOR_DELETE});
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -522,7 +522,7 @@ TEST_F(InstallSteps, TakeAPositiveResultWithThatErrorInItsLowHalfForOneTooButApp
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
 }
 
-TEST_F(InstallSteps, FailWhereTheChangesCantBeApplied) {
+TEST_F(InstallSteps, FailWhenTheChangesCannotBeApplied) {
     faults().FailEvery("INetCfg::Apply", static_cast<DWORD>(E_UNEXPECTED));
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "ApplyingInetCfgChanges");
@@ -531,7 +531,7 @@ TEST_F(InstallSteps, FailWhereTheChangesCantBeApplied) {
     EXPECT_FALSE(network().Read().lock.has_value());
 }
 
-TEST_F(InstallSteps, CountAnyOtherPositiveResultOfTheApplicationAsAFailureWithoutAStep) {
+TEST_F(InstallSteps, TreatAnyOtherPositiveResultOfApplyAsAFailureWithoutAStep) {
     faults().FailEvery("INetCfg::Apply", S_FALSE);
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "<UnknownStep>");
@@ -547,7 +547,7 @@ TEST_F(InstallSteps, NameTheFirstStepThatFailedAndNotALaterOne) {
     EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
 }
 
-TEST_F(InstallSteps, AFailureToReleaseTheConfigurationDoesNotChangeTheOutcome) {
+TEST_F(InstallSteps, IgnoreAFailureToReleaseTheConfiguration) {
     const FaultPlan plan = faults().FailNth("INetCfgLock::ReleaseWriteLock", 3, static_cast<DWORD>(E_FAIL));
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());
@@ -555,8 +555,8 @@ TEST_F(InstallSteps, AFailureToReleaseTheConfigurationDoesNotChangeTheOutcome) {
     EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("INetCfgLock::ReleaseWriteLock", 0x80004005)});
 }
 
-TEST_F(InstallSteps, FailWhereTheConfigurationCantBeOpenedForTheInstallation) {
-    // The removal looks for two components under the lock before.
+TEST_F(InstallSteps, FailWhenTheConfigurationCannotBeOpenedForTheInstallation) {
+    // The removal searches for two components under the lock first.
     const FaultPlan plan = faults().FailNth("INetCfgLock::AcquireWriteLock", 3, static_cast<DWORD>(E_ACCESSDENIED));
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());
@@ -568,7 +568,7 @@ TEST_F(InstallSteps, FailWhereTheConfigurationCantBeOpenedForTheInstallation) {
 
 // --- embedded systems ---
 
-TEST_F(InstallSteps, OnAnEmbeddedSystemHaveTheDriverInTheSystemsFolderWhileItIsInstalled) {
+TEST_F(InstallSteps, CopyTheDriverToTheSystemFolderDuringAnInstallationOnAnEmbeddedSystem) {
     MakeSystemEmbedded();
     bool there = false;
     onMoment = [&](const NetworkMoment &moment) {
@@ -581,7 +581,7 @@ TEST_F(InstallSteps, OnAnEmbeddedSystemHaveTheDriverInTheSystemsFolderWhileItIsI
     EXPECT_EQ(Calls({"CopyFileW"}), Lines{"CopyFileW(\"" + Source() + "\", \"" + WindowsCopy().string() + "\", 0)"});
 }
 
-TEST_F(InstallSteps, OnAnEmbeddedSystemDeleteTheCopyAfterAFailureToo) {
+TEST_F(InstallSteps, DeleteTheCopyOnAnEmbeddedSystemAfterAFailureToo) {
     MakeSystemEmbedded();
     SetResults({E_FAIL, E_FAIL, E_FAIL});
     EXPECT_EQ(FailedStep(Install()), "InstallingDriver");
@@ -589,7 +589,7 @@ TEST_F(InstallSteps, OnAnEmbeddedSystemDeleteTheCopyAfterAFailureToo) {
     EXPECT_EQ(CallsOf("CopyFileW"), 1U);
 }
 
-TEST_F(InstallSteps, OnAnEmbeddedSystemWithoutAKnownFolderInstallWithoutACopy) {
+TEST_F(InstallSteps, InstallOnAnEmbeddedSystemWithoutACopyIfTheFolderIsUnknown) {
     MakeSystemEmbedded();
     faults().FailEvery("GetWindowsDirectoryW", ERROR_GEN_FAILURE);
     const InstallOutcome outcome = Install();
@@ -599,7 +599,7 @@ TEST_F(InstallSteps, OnAnEmbeddedSystemWithoutAKnownFolderInstallWithoutACopy) {
     EXPECT_FALSE(Contains(WorkerLog(outcome), "Deleting '"));
 }
 
-TEST_F(InstallSteps, OnAnEmbeddedSystemInstallWithoutTheCopyThatFailed) {
+TEST_F(InstallSteps, InstallOnAnEmbeddedSystemIfTheCopyFails) {
     MakeSystemEmbedded();
     faults().FailEvery("CopyFileW", ERROR_DISK_FULL);
     const InstallOutcome outcome = Install();
@@ -610,7 +610,7 @@ TEST_F(InstallSteps, OnAnEmbeddedSystemInstallWithoutTheCopyThatFailed) {
     EXPECT_EQ(CallsOf(kInstall), 1U);
 }
 
-TEST_F(InstallSteps, OnAnEmbeddedSystemACopyThatStaysChangesNothing) {
+TEST_F(InstallSteps, SucceedOnAnEmbeddedSystemIfTheCopyCannotBeDeleted) {
     MakeSystemEmbedded();
     simulation().GetFilesInUse().Hold(WindowsCopy());
     const InstallOutcome outcome = Install();
@@ -620,7 +620,7 @@ TEST_F(InstallSteps, OnAnEmbeddedSystemACopyThatStaysChangesNothing) {
     EXPECT_TRUE(exists(WindowsCopy()));
 }
 
-TEST_F(InstallSteps, CopyNothingOnOtherSystemsNorWhereTheSystemDoesNotTellItsEdition) {
+TEST_F(InstallSteps, CopyNothingOnOtherSystemsOrIfTheEditionIsUnknown) {
     (void)Install();
     EXPECT_EQ(CallsOf("CopyFileW"), 0U);
     SetRunningVersion(std::nullopt);
@@ -649,12 +649,12 @@ TEST_F(InstallSteps, WriteTheServicesValuesAfterAFailureOfTheInstallationToo) {
     EXPECT_NE(ServiceValue(L"ConfigBinary"), std::nullopt);
 }
 
-TEST_F(InstallSteps, MakeNoKeyForTheServicesValues) {
+TEST_F(InstallSteps, CreateNoKeyForTheServicesValues) {
     EXPECT_TRUE(Succeeded(Install()));
     EXPECT_FALSE(simulation().GetRegistry().HasKey(HKEY_LOCAL_MACHINE, kServiceKey));
 }
 
-TEST_F(InstallSteps, LogEachValueThatCantBeWrittenAndSucceedAllTheSame) {
+TEST_F(InstallSteps, LogEachValueThatCannotBeWrittenAndSucceedAnyway) {
     PutServiceKey();
     dom.SettingStore("app.path.bin", "C:\\bin");
     const FaultPlan plan = faults().FailNth("RegSetValueExW", 1, ERROR_ACCESS_DENIED);
@@ -668,7 +668,7 @@ TEST_F(InstallSteps, LogEachValueThatCantBeWrittenAndSucceedAllTheSame) {
     EXPECT_EQ(ServiceValue(L"EndpointRoot"), L"C:\\bin");
 }
 
-TEST_F(InstallSteps, LogBothValuesWhereTheKeyCantBeWritten) {
+TEST_F(InstallSteps, LogBothValuesWhenTheKeyCannotBeWritten) {
     PutServiceKey();
     faults().FailEvery("RegSetValueExW", ERROR_ACCESS_DENIED);
     const InstallOutcome outcome = Install();

@@ -7,6 +7,5 @@
 
 #include "Balance.h"
 
-/// Gives all of it back, as far as the system can be given it back; memory stays.
-/// @return how much there was of each kind.
+/// Releases all of it, as far as that is possible; memory stays. @return how much there was of each kind.
 std::map<std::string, int> TakeBack(const std::vector<Simulator::BalanceItem> &items);

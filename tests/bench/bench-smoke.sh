@@ -62,7 +62,7 @@ RowsAreWrittenToAFileOfAnyName() {
     grep -q 'the seven driver-flag functions' "$WORK/größe 日本.json" || because "there is no row in: $(ls "$WORK")"
 }
 
-# is_there FILE: within a minute.
+# is_there FILE: waits for it, at most a minute.
 is_there() {
     local i
     for ((i = 0; i < 600; i++)); do

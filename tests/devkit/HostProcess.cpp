@@ -16,7 +16,8 @@ struct CloseTheHandle {
 };
 using Handle = std::unique_ptr<void, CloseTheHandle>;
 
-/// A file that the program inherits. Files, not pipes: nobody has to wait for all who have inherited one.
+/// A file that the program inherits. Files rather than pipes: a pipe's reader would have to wait for every process that
+/// inherited it.
 Handle OpenInherited(const std::wstring &path, DWORD access) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     Handle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
@@ -26,8 +27,7 @@ Handle OpenInherited(const std::wstring &path, DWORD access) {
     return file;
 }
 
-/// Starts the program in the current folder. @return null after a failure.
-/// @param flags  see CreateProcessW.
+/// Starts the program in the current folder. @param flags  see CreateProcessW. @return null on failure.
 Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
              DWORD flags = 0) {
     const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
@@ -44,7 +44,7 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
         return CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr,
                               &startup, &started) != 0;
     };
-    // Once in some thousand times Wine's new process ends before it has run anything, which is told by this error.
+    // Once in some thousand times Wine's new process ends before it has run anything, and reports this error.
     if (!create() && (GetLastError() != ERROR_INTERNAL_ERROR || !create())) {
         ADD_FAILURE() << "CreateProcess: " << GetLastError();
         return nullptr;
@@ -53,7 +53,7 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
     return Handle(started.hProcess);
 }
 
-/// Arguments in these tests hold no quotes and end in no backslash.
+/// Arguments in these tests contain no quotes and end in no backslash.
 std::wstring CommandLine(const std::filesystem::path &program, const std::vector<std::wstring> &arguments) {
     std::wstring line = L"\"" + program.wstring() + L"\"";
     for (const std::wstring &argument : arguments)
@@ -61,7 +61,7 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
     return line;
 }
 
-/// Waits for the end of the program, or ends it.
+/// Waits for the program to end, or terminates it.
 HostRun Await(const Handle &process, const TemporaryFolder &streams) {
     HostRun run;
     if (process == nullptr)
@@ -77,7 +77,7 @@ HostRun Await(const Handle &process, const TemporaryFolder &streams) {
     return run;
 }
 
-/// Until the script has printed "ready". @return false if it ends before.
+/// Waits until the script has printed "ready". @return false if it ends before.
 bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
     constexpr DWORD pollMs = 20;
     while (TextOfFile(streams.At(L"out")).find("ready") == std::string::npos) {
@@ -89,8 +89,8 @@ bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
     return true;
 }
 
-/// Does what Ctrl-C does in the console of a process, in a second process of this program, which has to leave its own
-/// console for that: as soon as it starts, if it finds the variable, "PROCESS TIMES".
+/// Sends Ctrl-C to a process's console, from a second process of this program, which has to leave its own console for
+/// that: at its start, if the variable is set to "PROCESS TIMES".
 constexpr wchar_t kInterruptVariable[] = L"FC_TEST_INTERRUPT";
 constexpr DWORD kBetweenMs = 1'200;
 
@@ -147,7 +147,7 @@ HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times
     const TemporaryFolder streams;
     (void)streams.Write(L"in", input);
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
-    // In a console of its own, so that nobody else is interrupted.
+    // In its own console, so that nobody else is interrupted.
     const Handle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
     if (process != nullptr && AwaitReady(process.get(), streams))
         Interrupt(process.get(), times);

@@ -23,7 +23,7 @@ std::string LuaText(const std::wstring &path) {
 
 }  // namespace
 
-TEST(HostTable, HandsOutTheAgentsObject) {
+TEST(HostTable, ProvidesTheAgentsObject) {
     ExpectPasses(R"(
         assert(type(host.dom()) == "userdata" and type(host.const_dom()) == "userdata")
         assert(tostring(host.dom()):match("^SLB%.Dom"))
@@ -38,7 +38,7 @@ TEST(HostTable, KeepsSettingsInTheFileItIsGiven) {
     ExpectPasses("assert(host.get_setting('a') == '')");
 }
 
-TEST(HostTable, SettingsThatAreNotKeptAreToldAndEndItWithTwo) {
+TEST(HostTable, SettingsThatCannotBeSavedAreReportedAndExitWithTwo) {
     const TemporaryFolder folder;
     const std::wstring path = folder.At(L"settings");
     const HostRun run = RunScript("host.set_setting('a', '1')\nlocal held = io.open([[" +
@@ -51,7 +51,7 @@ TEST(HostTable, SettingsThatAreNotKeptAreToldAndEndItWithTwo) {
     EXPECT_TRUE(Contains(TextOfFile(path), "\"1\""));
 }
 
-TEST(HostTable, AnOpenHandleIsClosedByHandOrWithItsUserdata) {
+TEST(HostTable, AnOpenHandleIsClosedExplicitlyOrWithItsUserdata) {
     ExpectPasses(R"(
         local first, second = host.driver_handle(), host.driver_handle()
         assert(host.driver.open_handles == 2)
@@ -87,7 +87,7 @@ TEST(HostTable, TheDriversFieldsCanBeReadAndSet) {
     )");
 }
 
-TEST(HostTable, TheDriverRefusesWhatItCannotHold) {
+TEST(HostTable, TheDriverRejectsInvalidValues) {
     ExpectPasses(R"(
         local function refused(part, f, ...)
             local ok, message = pcall(f, ...)
@@ -106,7 +106,7 @@ TEST(HostTable, TheDriverRefusesWhatItCannotHold) {
     )");
 }
 
-TEST(HostTable, AFaultOfTheDriverIsMetByTheModulesSide) {
+TEST(HostTable, AFaultOfTheDriverAffectsTheModule) {
     ExpectPasses(R"(
         host.driver.set_fault("vti_open", -1, "")
         assert(host.driver_handle() == nil)
@@ -135,7 +135,7 @@ TEST(HostTable, AZipIsARealFile) {
     EXPECT_EQ(TextOfFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
 }
 
-TEST(HostTable, JsonComesBackAsItWasWritten) {
+TEST(HostTable, JsonIsReadAsItWasWritten) {
     const TemporaryFolder folder;
     const std::wstring path = folder.At(L"a\\b\\value.json");
     ExpectPasses("local path = " + LuaText(path) + R"(
@@ -152,7 +152,7 @@ TEST(HostTable, JsonComesBackAsItWasWritten) {
     EXPECT_EQ(text.back(), '\n');
 }
 
-TEST(HostTable, JsonSaysWhatItCannotHold) {
+TEST(HostTable, JsonReportsWhatItCannotRepresent) {
     const TemporaryFolder folder;
     ExpectPasses("local path = " + LuaText(folder.At(L"value.json")) + R"(
         local function refused(part, ...)
@@ -185,7 +185,7 @@ TEST(HostTable, JsonIsAlwaysValidUtf8) {
         << TextOfFile(path);
 }
 
-TEST(HostTable, RealTimeCannotBePutForward) {
+TEST(HostTable, RealTimeCannotBeAdvanced) {
     const HostRun run = RunScript(
         "local before = host.time() host.sleep(0.02)\n"
         "assert(host.time() - before >= 0.015 and host.time() - before < 5)\n"
@@ -195,7 +195,7 @@ TEST(HostTable, RealTimeCannotBePutForward) {
         << run.err;
 }
 
-TEST(HostTable, SimulatedTimeRunsFastAndCanBePutForward) {
+TEST(HostTable, SimulatedTimeRunsFastAndCanBeAdvanced) {
     ExpectPasses(R"(
         local real = os.clock()
         local time, os_time = host.time(), os.time()
@@ -225,7 +225,7 @@ TEST(HostTable, TheModuleSeesTheSimulatedTime) {
                  {L"--fast", L"1"});
 }
 
-TEST(HostTable, EventsAndNotificationsArePrintedAndHandedToTheScript) {
+TEST(HostTable, EventsAndNotificationsArePrintedAndReturnedToTheScript) {
     const HostRun run = RunScript(R"(
         host.send_event(1004, "100% gr\195\188n")
         host.notify_user(2, "look", "closer")
@@ -267,7 +267,7 @@ TEST(HostTable, TheEventsFileIsWrittenHoweverTheScriptEnds) {
     }
 }
 
-TEST(HostTable, TracesArePrintedAndKeptOnlyWhereTheyAreWanted) {
+TEST(HostTable, TracesArePrintedAndKeptOnlyIfEnabled) {
     const HostRun run = RunScript(R"(
         host.trace("other", "not wanted")
         host.trace("filter", "wanted \195\188")
@@ -289,7 +289,7 @@ TEST(HostTable, TracesArePrintedAndKeptOnlyWhereTheyAreWanted) {
     EXPECT_FALSE(Contains(run.err, "not wanted")) << run.err;
 }
 
-TEST(HostTable, AStarWantsAllTraces) {
+TEST(HostTable, AStarEnablesAllTraces) {
     const HostRun run = RunScript("host.trace('any', 'shown')", {L"--trace", L"*"});
     EXPECT_TRUE(Contains(run.err, "trace  any               script: shown (")) << run.err;
 }

@@ -56,7 +56,7 @@ int CountLine(void *context, const char *, ...) {
     return 0;
 }
 
-/// A head with room for entries behind it.
+/// A header with space for entries after it.
 struct ConnTrackTable {
     ConnTrackHeader head{3, 0, 0, 0, 0, 0, {}};
     std::array<std::array<uint8_t, 64>, 3> entries{};
@@ -85,7 +85,7 @@ TEST_F(VtiQueries, StatisticsFillAllThreeRegionsRecognisably) {
     EXPECT_EQ(record->layout1, 22);
 }
 
-TEST_F(VtiQueries, StatisticsRefuseAnyWordThatIsNotTheRequests) {
+TEST_F(VtiQueries, StatisticsRefuseAnyOtherRequestWord) {
     for (const unsigned offset : {0U, 4U, 8U, 12U, 16U, 20U, 24U, 26U, 28U, 30U, 40U, 48U, 56U}) {
         SCOPED_TRACE(offset);
         const auto record = StatsRequest();
@@ -96,7 +96,7 @@ TEST_F(VtiQueries, StatisticsRefuseAnyWordThatIsNotTheRequests) {
     }
 }
 
-TEST_F(VtiQueries, StatisticsRefuseARecordThatWasCopied) {
+TEST_F(VtiQueries, StatisticsRefuseACopiedRecord) {
     const auto record = StatsRequest();
     const auto copy = std::make_unique<StatsRecord>(*record);
     EXPECT_EQ(vti_get_stats(handle, copy.get(), sizeof *copy), kInvalidRequest);
@@ -151,7 +151,7 @@ TEST_F(VtiQueries, ConnectionTotalsAreTheSumOfBothTables) {
     EXPECT_EQ(head.entry_ct, 65'535);
 }
 
-TEST_F(VtiQueries, ConnectionsOfAProtocolAreCopiedWithinTheRoom) {
+TEST_F(VtiQueries, ConnectionsOfAProtocolAreCopiedAsFarAsTheyFit) {
     driver.udp = {ConnectionOf(0xA1), ConnectionOf(0xA2), ConnectionOf(0xA3)};
     driver.tcp = {ConnectionOf(0xB1)};
     ConnTrackTable table;
@@ -179,7 +179,7 @@ TEST_F(VtiQueries, ConnectionsRefuseASizeThatDoesNotFitTheEntries) {
     EXPECT_EQ(vti_get_conntrack(handle, &table.head, sizeof table, nullptr), kInvalidRequest);
 }
 
-TEST_F(VtiQueries, TheBlacklistTellsItsSizeFirst) {
+TEST_F(VtiQueries, TheBlacklistReportsItsSizeFirst) {
     driver.blacklist = {1, 2, 3, 4, 5};
     std::vector<uint8_t> buffer(sizeof(BlacklistRecord) + 6, 0xEE);
     auto *record = reinterpret_cast<BlacklistRecord *>(buffer.data());
@@ -220,7 +220,7 @@ TEST_F(VtiQueries, TheDriverMayChangeBetweenTwoCalls) {
     EXPECT_EQ(variable.value, 5U);
 }
 
-TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheLinesThatAreSet) {
+TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheConfiguredLines) {
     driver.statsLines = {"100%\n", "end"};
     const auto record = StatsRequest();
     EXPECT_EQ(vti_get_stats(handle, record.get(), sizeof *record), 0);
@@ -234,7 +234,7 @@ TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheLinesThatAreSet) {
     EXPECT_EQ(lines, 6128U / 4 + 2);
 }
 
-TEST_F(VtiQueries, TheProfileNeverExceedsItsRoom) {
+TEST_F(VtiQueries, TheProfileNeverExceedsItsBuffer) {
     driver.profile = {9, 8, 7, 6};
     std::array<uint32_t, 3> buffer{};
     EXPECT_EQ(vti_get_profile_stats(handle, buffer.data()), 0);

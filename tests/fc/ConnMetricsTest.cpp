@@ -44,19 +44,19 @@ protected:
         )");
     }
 
-    /// Lets the time for a fold come, and folds.
+    /// Advances the time far enough for a fold, and folds.
     void Fold() {
         AdvanceSeconds(61);
         lua.Run("f.UpdateConnMetrics()");
     }
 
-    /// The rows as show() tells them, one per line.
+    /// The rows as show() prints them, one per line.
     std::string Drain() {
         lua.Run("rows = f.GetConnMetrics() text = {} for i, row in ipairs(rows) do text[i] = show(row) end");
         return lua.Eval("table.concat(text, '\\n')");
     }
 
-    /// The one row that the text makes under a count of 1.
+    /// The one row that the text gives with a count of 1.
     std::string RowOf(const std::string &luaText) {
         lua.Run("add('key', " + luaText + ")");
         Fold();
@@ -66,7 +66,7 @@ protected:
 
 // ---- Counting
 
-TEST_F(ConnMetrics, ACountWhoseLow32BitsAreZeroLeavesTheStoreAsItWas) {
+TEST_F(ConnMetrics, ACountWhoseLow32BitsAreZeroChangesNothing) {
     lua.Run("for _, n in ipairs{0, 0.5, -0.5, 4294967296, -4294967296, '0'} do add('key', 'a\\tb', n) end");
     Fold();
     EXPECT_EQ(Drain(), "");
@@ -87,13 +87,13 @@ TEST_F(ConnMetrics, MinusOneIsAddedAs4294967295) {
     EXPECT_EQ(Drain(), "count=0\ncount=4294967295");
 }
 
-TEST_F(ConnMetrics, CountsAreTruncatedTowardZeroAndKeptTo32Bits) {
+TEST_F(ConnMetrics, CountsAreTruncatedTowardZeroAndTo32Bits) {
     lua.Run("add('a', '', 1.9) add('b', '', -1.9) add('c', '', 4294967297) add('d', '', 2^52 + 7) add('e', '', '3')");
     Fold();
     EXPECT_EQ(Drain(), "count=1\ncount=4294967295\ncount=1\ncount=7\ncount=3");
 }
 
-TEST_F(ConnMetrics, ANumberThatFitsNo64BitsIsNoData) {
+TEST_F(ConnMetrics, ANumberThatDoesNotFit64BitsIsNoData) {
     lua.Run("for _, n in ipairs{1/0, -1/0, 0/0, 1e300, -1e300, 2^63, -2^63} do add('key', '', n) end");
     Fold();
     EXPECT_EQ(Drain(), "");
@@ -107,7 +107,7 @@ TEST_F(ConnMetrics, CountsWrapAt32BitsInBothMaps) {
     EXPECT_EQ(Drain(), "count=1");
 }
 
-TEST_F(ConnMetrics, TwoAddsWithOneKeyKeepTheFirstTextAndSumTheCounts) {
+TEST_F(ConnMetrics, TwoAddsWithTheSameKeyKeepTheFirstTextAndSumTheCounts) {
     lua.Run("add('key', 'text\\tfirst', 2) add('key', 'text\\tsecond', 3)");
     Fold();
     EXPECT_EQ(Drain(), "count=5 text=\"first\"");
@@ -148,7 +148,7 @@ TEST_F(ConnMetrics, AFoldIsSkippedAt60SecondsAndMadeAt61) {
     EXPECT_EQ(Drain(), "count=1 name=\"value\"");
 }
 
-TEST_F(ConnMetrics, ASkippedFoldDoesNotMoveTheTimeOfTheLastFold) {
+TEST_F(ConnMetrics, ASkippedFoldDoesNotUpdateTheTimeOfTheLastFold) {
     Fold();
     lua.Run("add('key')");
     for (int i = 0; i < 6; ++i) {
@@ -161,7 +161,7 @@ TEST_F(ConnMetrics, ASkippedFoldDoesNotMoveTheTimeOfTheLastFold) {
     EXPECT_EQ(Drain(), "count=1 name=\"value\"");
 }
 
-TEST_F(ConnMetrics, AFoldOfAnEmptyStagingMapMovesTheTimeOfTheLastFold) {
+TEST_F(ConnMetrics, AFoldOfAnEmptyStagingMapUpdatesTheTimeOfTheLastFold) {
     Fold();
     AdvanceSeconds(61);
     lua.Run("f.UpdateConnMetrics() add('key')");
@@ -170,7 +170,7 @@ TEST_F(ConnMetrics, AFoldOfAnEmptyStagingMapMovesTheTimeOfTheLastFold) {
     EXPECT_EQ(Drain(), "");
 }
 
-TEST_F(ConnMetrics, AClockThatWasSetBackStopsTheFoldingUntilItHasCaughtUp) {
+TEST_F(ConnMetrics, AClockSetBackStopsFoldsUntilItHasCaughtUp) {
     Fold();
     lua.Run("add('key')");
     AdvanceSeconds(-100000);
@@ -184,13 +184,13 @@ TEST_F(ConnMetrics, AClockThatWasSetBackStopsTheFoldingUntilItHasCaughtUp) {
     EXPECT_EQ(Drain(), "count=1 name=\"value\"");
 }
 
-TEST_F(ConnMetrics, AFoldIntoAnEmptyResultTakesAllOfStagingOver) {
+TEST_F(ConnMetrics, AFoldIntoAnEmptyResultMovesAllOfStaging) {
     lua.Run("add('a', 'x\\t1', 2) add('b', 'y\\t2', 3)");
     Fold();
     EXPECT_EQ(Drain(), "count=2 x=\"1\"\ncount=3 y=\"2\"");
 }
 
-TEST_F(ConnMetrics, AFoldIntoAResultAddsCountsAndKeepsTheOlderText) {
+TEST_F(ConnMetrics, AFoldIntoANonEmptyResultAddsCountsAndKeepsTheOlderText) {
     lua.Run("add('b', 'text\\told', 2)");
     Fold();
     lua.Run("add('b', 'text\\tyoung', 3) add('a', 'text\\tfirst', 1) add('c', 'text\\tlast', 1)");
@@ -198,7 +198,7 @@ TEST_F(ConnMetrics, AFoldIntoAResultAddsCountsAndKeepsTheOlderText) {
     EXPECT_EQ(Drain(), "count=1 text=\"first\"\ncount=5 text=\"old\"\ncount=1 text=\"last\"");
 }
 
-TEST_F(ConnMetrics, AFoldEmptiesStagingSoThatTheNextCountsAnew) {
+TEST_F(ConnMetrics, AFoldEmptiesStagingSoThatCountsStartOver) {
     lua.Run("add('key', 'text\\told', 2)");
     Fold();
     EXPECT_EQ(Drain(), "count=2 text=\"old\"");
@@ -207,18 +207,18 @@ TEST_F(ConnMetrics, AFoldEmptiesStagingSoThatTheNextCountsAnew) {
     EXPECT_EQ(Drain(), "count=1 text=\"young\"");
 }
 
-TEST_F(ConnMetrics, AtTheLimitTheFirstKeysInOrderWinTheLastPlacesAndTheOthersAreGone) {
+TEST_F(ConnMetrics, AtTheLimitTheFirstKeysInOrderGetTheLastPlacesAndTheOthersAreDropped) {
     lua.Run("fill(1, 9998)");
     Fold();
     lua.Run("for _, key in ipairs{'zzz', 'bbb', 'aaa'} do add(key, 'key\\t' .. key) end add('key00001', '', 5)");
     Fold();
     lua.Run("rows = f.GetConnMetrics()");
     EXPECT_EQ(lua.Eval("#rows"), "10000");
-    EXPECT_EQ(lua.Eval("rows[1].key .. ' ' .. rows[2].key"), "aaa bbb") << "the first of the three found room";
-    EXPECT_EQ(lua.Eval("rows[3].count"), "6") << "a key that is there still counts";
-    EXPECT_EQ(lua.Eval("rows[10000].key"), "nil") << "zzz found none";
+    EXPECT_EQ(lua.Eval("rows[1].key .. ' ' .. rows[2].key"), "aaa bbb") << "the first of the three had room";
+    EXPECT_EQ(lua.Eval("rows[3].count"), "6") << "a present key still counts";
+    EXPECT_EQ(lua.Eval("rows[10000].key"), "nil") << "there was no room for zzz";
     Fold();
-    EXPECT_EQ(Drain(), "") << "staging was emptied all the same";
+    EXPECT_EQ(Drain(), "") << "staging was emptied anyway";
 }
 
 // ---- Draining
@@ -228,7 +228,7 @@ TEST_F(ConnMetrics, WithoutAFoldTheResultIsAnEmptyTable) {
     EXPECT_EQ(lua.Eval("type(rows)"), "table");
     EXPECT_EQ(lua.Eval("next(rows)"), "nil");
     Fold();
-    EXPECT_EQ(Drain(), "count=1 name=\"value\"") << "what was not folded yet stays for later";
+    EXPECT_EQ(Drain(), "count=1 name=\"value\"") << "what was not folded yet is kept";
 }
 
 TEST_F(ConnMetrics, ASecondDrainWithNoFoldBetweenIsEmpty) {
@@ -238,7 +238,7 @@ TEST_F(ConnMetrics, ASecondDrainWithNoFoldBetweenIsEmpty) {
     EXPECT_EQ(Drain(), "");
 }
 
-TEST_F(ConnMetrics, TheOrderOfTheRowsIsTheOrderOfTheKeysByCharacterCode) {
+TEST_F(ConnMetrics, RowsAreOrderedByTheCharacterCodesOfTheirKeys) {
     const std::string last = CharacterInCodePage().narrow;
     lua.Run("for _, key in ipairs{'b', 'a', 'B', '', 'aa', '_', '" + last +
             "'} do add(key, 'key\\t<' .. key .. '>') end");
@@ -249,9 +249,9 @@ TEST_F(ConnMetrics, TheOrderOfTheRowsIsTheOrderOfTheKeysByCharacterCode) {
                   last + ">\"");
 }
 
-TEST_F(ConnMetrics, WhatATextIsMadeOfChangesNeitherItsKeysPlaceNorItsIdentity) {
+TEST_F(ConnMetrics, TheContentOfATextAffectsNeitherTheOrderNorTheIdentityOfItsKey) {
     const std::string wide = CharacterInCodePage().narrow;
-    // Key and text are kept in one encoding: each of these keys once with bytes, once with wide characters.
+    // A key and its text have the same encoding: each of these keys once with bytes, once with wide characters.
     lua.Run("wide = '" + wide + R"('
         for _, key in ipairs{'ab', 'a', 'b', 'abc', '', wide, 'a' .. wide} do
             local plain, other = 'key\t<' .. key .. '>', 'key\t<' .. key .. '>' .. wide
@@ -265,7 +265,7 @@ TEST_F(ConnMetrics, WhatATextIsMadeOfChangesNeitherItsKeysPlaceNorItsIdentity) {
     EXPECT_EQ(lua.Eval("table.concat(counts, ' ')"), "3 7 1 3 3 3 7 7") << "'', a, aa, ab, abc, a+wide, b, wide";
 }
 
-TEST_F(ConnMetrics, TheKeyItselfDoesNotReachLua) {
+TEST_F(ConnMetrics, TheKeyIsNotReturnedToLua) {
     EXPECT_EQ(RowOf("'a\\tb'"), "a=\"b\" count=1");
 }
 
@@ -276,7 +276,7 @@ TEST_F(ConnMetrics, ALineWithFlagsSetsTheWordAndAllTwelveBits) {
               "cf_ssl_connection=1 cf_start_tls=0 cf_udp_connection=0 count=1 flags=33 service=\"web\"");
 }
 
-TEST_F(ConnMetrics, EachBitOfTheFlagsHasItsField) {
+TEST_F(ConnMetrics, EachFlagBitHasItsField) {
     const char *const names[] = {"cf_ssl_connection",        "cf_udp_connection",       "cf_outbound_connection",
                                  "cf_rsa_key_imported",      "cf_nuagent_key_imported", "cf_do_dpi",
                                  "cf_nuagent_key_not_found", "cf_nuagent_key_error",    "cf_start_tls",
@@ -289,7 +289,7 @@ TEST_F(ConnMetrics, EachBitOfTheFlagsHasItsField) {
     }
 }
 
-TEST_F(ConnMetrics, NegativeFlagsSetEveryBitAndBitsBeyondTheTwelveSetNoField) {
+TEST_F(ConnMetrics, NegativeFlagsSetEveryBitAndFurtherBitsSetNoField) {
     RowOf("'flags\\t-1'");
     EXPECT_EQ(lua.Eval("rows[1].flags"), "-1");
     EXPECT_EQ(lua.Eval("rows[1].cf_ssl_connection + rows[1].cf_nuagent_banned"), "2");
@@ -297,7 +297,7 @@ TEST_F(ConnMetrics, NegativeFlagsSetEveryBitAndBitsBeyondTheTwelveSetNoField) {
     EXPECT_EQ(lua.Eval("rows[1].cf_ssl_connection + rows[1].cf_nuagent_banned"), "0");
 }
 
-TEST_F(ConnMetrics, TheListedNamesBecomeNumbersAndAllOthersTexts) {
+TEST_F(ConnMetrics, ListedNamesBecomeNumbersAndAllOthersTexts) {
     EXPECT_EQ(RowOf("'pid\\t1\\ndst_port\\t443\\ntls_version\\t771\\ncipher\\t49195\\ncontainer_type\\t2\\nPID\\t1'"),
               "PID=\"1\" cipher=49195 container_type=2 count=1 dst_port=443 pid=1 tls_version=771");
 }
@@ -310,16 +310,16 @@ TEST_F(ConnMetrics, ALineCalledCountIsOverwrittenByTheEntrysCount) {
     EXPECT_EQ(RowOf("'count\\t99\\na\\tb'"), "a=\"b\" count=1");
 }
 
-TEST_F(ConnMetrics, AnEmptyTextGivesARowWithTheCountAlone) {
+TEST_F(ConnMetrics, AnEmptyTextGivesARowWithOnlyTheCount) {
     EXPECT_EQ(RowOf("''"), "count=1");
     EXPECT_EQ(RowOf("'\\n\\n\\n'"), "count=1") << "empty lines are skipped";
 }
 
-TEST_F(ConnMetrics, OnlyTheFirstTabOfALineDivides) {
+TEST_F(ConnMetrics, OnlyTheFirstTabOfALineIsASeparator) {
     EXPECT_EQ(RowOf("'a\\tb\\tc\\n\\tno name'"), "=\"no name\" a=\"b\tc\" count=1");
 }
 
-TEST_F(ConnMetrics, OfTwoLinesWithOneNameTheLastWins) {
+TEST_F(ConnMetrics, OfTwoLinesWithTheSameNameTheLastWins) {
     EXPECT_EQ(RowOf("'a\\t1\\na\\t2\\npid\\t1\\npid\\t2'"), "a=\"2\" count=1 pid=2");
     RowOf("'cf_do_dpi\\tbefore\\nflags\\t0\\ncf_start_tls\\tafter'");
     EXPECT_EQ(lua.Eval("rows[1].cf_do_dpi"), "0");
@@ -362,7 +362,7 @@ TEST_F(ConnMetrics, NumbersAreReadAsTheCRuntimeReadsThem) {
     }
 }
 
-TEST_F(ConnMetrics, ANumberWithoutAValueDoesNotReadOnIntoTheNextLine) {
+TEST_F(ConnMetrics, ANumberWithoutAValueIsNotReadFromTheNextLine) {
     EXPECT_EQ(RowOf("'pid\\t\\n5\\t6'"), "5=\"6\" count=1 pid=0");
     EXPECT_EQ(RowOf("'pid\\t \\n5'"), "5=\"\" count=1 pid=0");
 }
@@ -407,7 +407,7 @@ TEST_F(ConnMetrics, AWrongArgumentRaisesTheUsualErrorAndLeavesTheMapsUnchanged) 
     EXPECT_EQ(Drain(), "count=2 kept=\"yes\"");
 }
 
-TEST_F(ConnMetrics, NumbersServeAsTexts) {
+TEST_F(ConnMetrics, NumbersAreAcceptedAsTexts) {
     lua.Run("add(7, 8, 1) add('7', '9', 1)");
     Fold();
     EXPECT_EQ(Drain(), "8=\"\" count=2");
@@ -419,7 +419,7 @@ TEST_F(ConnMetrics, TextsAndKeysEndAtTheFirstNul) {
     EXPECT_EQ(Drain(), "a=\"b\" count=3");
 }
 
-TEST_F(ConnMetrics, EveryByteValueSurvivesTheWayThroughTheModule) {
+TEST_F(ConnMetrics, EveryByteValueComesBackUnchanged) {
     std::string bytes = CharactersOfOneByte() + CharacterInCodePage().narrow;
     std::erase_if(bytes, [](char byte) { return byte == '\t' || byte == '\n'; });
     if (GetACP() == 1252) {
@@ -435,7 +435,7 @@ TEST_F(ConnMetrics, EveryByteValueSurvivesTheWayThroughTheModule) {
     EXPECT_EQ(lua.Eval("rows[2][bytes]"), "value");
 }
 
-TEST_F(ConnMetrics, KeysAndTextsThatAreNotInTheCodePageAreEmpty) {
+TEST_F(ConnMetrics, KeysAndTextsOutsideTheCodePageAreEmpty) {
     const std::vector<std::string> odd{"k\xE9", "k\x81", "\xE4\xB8\x9C", "k\xFC\xFC"};
     const auto outside = std::count_if(odd.begin(), odd.end(), [](const auto &text) { return !IsInCodePage(text); });
     if (!TextsOutsideCodePage().empty()) {
@@ -448,21 +448,21 @@ TEST_F(ConnMetrics, KeysAndTextsThatAreNotInTheCodePageAreEmpty) {
     lua.Run(
         "rows = f.GetConnMetrics() fields = 0 for i, row in ipairs(rows) do for _ in pairs(row) do"
         " fields = fields + 1 end end");
-    // One row for the empty key and all that are not in the code page, one for each other key.
+    // One row for the empty key and all those outside the code page, one for each other key.
     const std::size_t ordinary = odd.size() - static_cast<std::size_t>(outside);
     EXPECT_EQ(lua.Eval("#rows"), std::to_string(1 + 2 * ordinary));
     EXPECT_EQ(lua.Eval("rows[1].count"), std::to_string(10 + 2 * outside));
     EXPECT_EQ(lua.Eval("fields"), std::to_string(2 * (1 + 2 * ordinary)));
 }
 
-TEST_F(ConnMetrics, ATextThatIsNotInTheCodePageLeavesTheCountAlone) {
+TEST_F(ConnMetrics, ATextOutsideTheCodePageGivesARowWithOnlyTheCount) {
     for (const CodePageText &text : TextsOutsideCodePage())
         EXPECT_EQ(RowOf("'name\\t" + text.narrow + "'"), "count=1");
     const std::string character = CharacterInCodePage().narrow;
     EXPECT_EQ(RowOf("'name\\t" + character + "'"), "count=1 name=\"" + character + "\"");
 }
 
-TEST_F(ConnMetrics, TextsAndKeysOfOneMebibyteAreKeptWhole) {
+TEST_F(ConnMetrics, TextsAndKeysOfOneMebibyteAreKeptInFull) {
     lua.Run(R"(
         big = string.rep('k', 1024 * 1024)
         add(big .. '1', 'name\t' .. big) add(big .. '2', big .. '\tvalue') add(big .. '1', 'other\ttext')
@@ -483,9 +483,9 @@ TEST_F(ConnMetrics, ATextOfManyLinesMakesAsManyFields) {
     EXPECT_EQ(lua.Eval("row.n1 .. row.n20000"), "v1v20000");
 }
 
-// ---- Keys that are much alike
+// ---- Keys that are similar
 
-/// Sources of random bytes in the place of the system's.
+/// Sources of random bytes that replace the system's.
 unsigned randomCalls = 0;
 ULONG randomBytes = 0;
 BOOLEAN WINAPI KnownBytes(void *buffer, ULONG size) {
@@ -505,7 +505,7 @@ Simulator::Redirection RandomSource(BOOLEAN(WINAPI *source)(void *, ULONG)) {
     return {GetModuleHandleW(L"fc.dll"), "SystemFunction036", reinterpret_cast<void *>(source)};
 }
 
-/// The hash that the module has of a key if it drew the known bytes: this program has a copy of it, which draws them.
+/// The module's hash of a key if it drew the known bytes: this program contains a copy of it, which draws them.
 std::uint32_t KnownHash(const std::string &key) {
     const Simulator::Redirection source(GetModuleHandleW(nullptr), "SystemFunction036",
                                         reinterpret_cast<void *>(&KnownBytes));
@@ -516,7 +516,7 @@ std::uint32_t KnownHash(const std::string &key) {
     return hash;
 }
 
-TEST_F(ConnMetrics, TheHashOfKeysIsKeyedWithRandomBytesThatAreDrawnOnce) {
+TEST_F(ConnMetrics, TheHashOfKeysUsesRandomBytesThatAreDrawnOnce) {
     const Simulator::Redirection source = RandomSource(&KnownBytes);
     ASSERT_TRUE(source.Found());
     lua.Run("fill(1, 100)");
@@ -526,7 +526,7 @@ TEST_F(ConnMetrics, TheHashOfKeysIsKeyedWithRandomBytesThatAreDrawnOnce) {
     EXPECT_EQ(randomBytes, 192U) << "the whole secret of the hash";
 }
 
-TEST_F(ConnMetrics, WithoutRandomBytesKeysAreCountedAllTheSame) {
+TEST_F(ConnMetrics, WithoutRandomBytesKeysAreStillCounted) {
     const Simulator::Redirection source = RandomSource(&NoBytes);
     lua.Run("fill(1, 1000) fill(1, 1000)");
     EXPECT_EQ(randomCalls, 1U);
@@ -535,10 +535,10 @@ TEST_F(ConnMetrics, WithoutRandomBytesKeysAreCountedAllTheSame) {
     EXPECT_EQ(lua.Eval("#rows .. ' ' .. sum(rows)"), "1000 2000");
 }
 
-TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
+TEST_F(ConnMetrics, KeysWithEqualHashesAreDistinguishedWhereverTheyDiffer) {
     const Simulator::Redirection source = RandomSource(&KnownBytes);
     ASSERT_TRUE(source.Found());
-    // Different within the shortcut's record, in the record's last word, behind it, and in front of a long common end.
+    // Different within the prefix record, in its last word, after it, and before a long common suffix.
     lua.Run(R"(
         pairs_ = {
             {'key00020759', 'key00048516'},
@@ -568,7 +568,7 @@ TEST_F(ConnMetrics, KeysWithEqualHashesAreToldApartWhereverTheyDiffer) {
         "expected[row.key] = nil end assert(next(expected) == nil)");
 }
 
-TEST_F(ConnMetrics, KeysOfEveryLengthAreToldFromThoseThatDifferInOneByte) {
+TEST_F(ConnMetrics, KeysOfEveryLengthAreDistinguishedByOneByte) {
     lua.Run(R"(
         expected = {}
         local function count(key, n)
@@ -595,7 +595,7 @@ TEST_F(ConnMetrics, KeysOfEveryLengthAreToldFromThoseThatDifferInOneByte) {
 
 // ---- Threads
 
-TEST_F(ConnMetrics, DrainsOnAnotherThreadLoseAndDoubleNothing) {
+TEST_F(ConnMetrics, DrainsOnAnotherThreadLoseAndDuplicateNothing) {
     std::atomic<bool> finished{false};
     double drained = 0;
     std::thread drainer([&] {
@@ -618,7 +618,7 @@ TEST_F(ConnMetrics, DrainsOnAnotherThreadLoseAndDoubleNothing) {
 
 // ---- What is left behind
 
-TEST_F(ConnMetrics, NothingIsLeftAfterADrainAndTheCloseOfTheState) {
+TEST_F(ConnMetrics, NothingIsLeftAfterADrainOnceTheStateIsClosed) {
     const auto cycle = [this] {
         LuaState own;
         Open(own);
@@ -629,14 +629,14 @@ TEST_F(ConnMetrics, NothingIsLeftAfterADrainAndTheCloseOfTheState) {
         AdvanceSeconds(61);
         own.Run("SLB.filter.UpdateConnMetrics() assert(#SLB.filter.GetConnMetrics() == 10000)");
     };
-    cycle();  // what the libraries make once and keep
+    cycle();  // what the libraries allocate once and keep
     const Simulator::BalanceSnapshot before = balance().Take();
     cycle();
     EXPECT_GT(balance().Take().sequence, before.sequence + 50000) << "allocations are counted";
     EXPECT_EQ(balance().Difference(before, balance().Take()), "");
 }
 
-TEST_F(ConnMetrics, ABadArgumentLeavesNothingBehind) {
+TEST_F(ConnMetrics, ABadArgumentLeaksNothing) {
     const auto badCalls = [this] {
         EXPECT_NE(lua.ErrorOf("f.AddToConnMetrics('key', {}, 1)"), "");
         EXPECT_NE(lua.ErrorOf("f.AddToConnMetrics('key', 'a', 'x')"), "");
@@ -648,7 +648,7 @@ TEST_F(ConnMetrics, ABadArgumentLeavesNothingBehind) {
     EXPECT_EQ(balance().Difference(before, balance().Take()), "");
 }
 
-/// A Lua allocator that has no memory from one request on.
+/// A Lua allocator that fails from the given request on.
 struct ShortMemory {
     int left = 0;
     static void *Allocate(void *self, void *block, size_t oldSize, size_t newSize) {
@@ -694,7 +694,7 @@ TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNoRowIsLost) {
             }
         }
         for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take()))
-            ADD_FAILURE() << item.size << " bytes are left of " << item.function;
+            ADD_FAILURE() << item.size << " bytes are left by " << item.function;
         if (status == LUA_OK)
             break;
         ++failures;
@@ -704,7 +704,7 @@ TEST_F(ConnMetrics, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNoRowIsLost) {
 }
 
 TEST_F(ConnMetrics, WhicheverAllocationFailsInADrainTheErrorIsRaisedAndNoRowIsLost) {
-    // Texts that the C++ part needs memory for: of another encoding, and numbers that are not plain.
+    // Texts for which the C++ part needs memory: in another encoding, and numbers that are not plain.
     const std::string beyondAscii = CharacterInCodePage().narrow;
     lua_pushlstring(lua, beyondAscii.data(), beyondAscii.size());
     lua_setglobal(lua, "beyondAscii");
@@ -722,7 +722,7 @@ TEST_F(ConnMetrics, WhicheverAllocationFailsInADrainTheErrorIsRaisedAndNoRowIsLo
         const int status = lua_pcall(lua, 0, 1, 0);
         hit = fault->Hit();
         balance().CancelAllocationFaults();
-        // Lua has a second try when it is short of memory: not every failure is one of the drain.
+        // Lua retries when it is short of memory: not every failure fails the drain.
         if (status == LUA_OK) {
             ASSERT_EQ(lua_rawlen(lua, -1), 10U);
             lua_settop(lua, 0);
@@ -741,7 +741,7 @@ TEST_F(ConnMetrics, WhicheverAllocationFailsInADrainTheErrorIsRaisedAndNoRowIsLo
     EXPECT_EQ(lua.Eval("rows[5].pid .. ' ' .. rows[10].cipher"), "7 9");
 }
 
-// ---- Drains that are disturbed
+// ---- Interrupted drains
 
 TEST_F(ConnMetrics, ADrainThatAFinalizerMakesFailLosesNoRow) {
     lua.Run("fill(1, 2000)");
@@ -803,7 +803,7 @@ TEST_F(ConnMetrics, AFinalizerMayUseTheModuleWithinADrain) {
     EXPECT_EQ(Drain(), "count=7 name=\"new\"\ncount=5 name=\"young\"");
 }
 
-TEST_F(ConnMetrics, WhatWasFoldedDuringADrainThatFailsIsAddedToWhatItPutsBack) {
+TEST_F(ConnMetrics, WhatWasFoldedDuringAFailedDrainIsAddedToTheRestoredRows) {
     lua.Run("fill(1, 2000)");
     Fold();
     AdvanceSeconds(61);
@@ -823,7 +823,7 @@ TEST_F(ConnMetrics, WhatWasFoldedDuringADrainThatFailsIsAddedToWhatItPutsBack) {
     EXPECT_EQ(lua.Eval("show(rows[3])"), "count=4294967295 name=\"value\"");
 }
 
-TEST_F(ConnMetrics, WhatAFailedDrainPutsBackGoesBeforeWhatWasFoldedMeanwhile) {
+TEST_F(ConnMetrics, RowsRestoredByAFailedDrainTakePrecedenceOverThoseFoldedMeanwhile) {
     lua.Run("fill(1, 9999)");
     Fold();
     AdvanceSeconds(61);
@@ -841,7 +841,7 @@ TEST_F(ConnMetrics, WhatAFailedDrainPutsBackGoesBeforeWhatWasFoldedMeanwhile) {
     EXPECT_EQ(lua.Eval("rows[1].key .. ' ' .. rows[2].count"), "aaa 2") << "one place was left: the first in order";
 }
 
-TEST_F(ConnMetrics, AFinalizerThatTakesLongWithinADrainKeepsNobodyWaiting) {
+TEST_F(ConnMetrics, ASlowFinalizerWithinADrainDelaysNoOtherThread) {
     lua.Run("fill(1, 2000)");
     Fold();
     AdvanceSeconds(61);
@@ -887,7 +887,7 @@ TEST_F(ConnMetrics, ADrainOfManyLinesNeedsLittleMemoryBesideTheText) {
 
 // ---- Code pages
 
-/// The conversions of wxWidgets as they are where the system's code page is UTF-8.
+/// The conversions of wxWidgets as they are with UTF-8 as the system's code page.
 int WINAPI ToUtf8Page(UINT page, DWORD flags, const wchar_t *wide, int length, char *narrow, int room,
                       const char *standIn, BOOL *replaced) {
     if (page == CP_ACP && (flags != 0 || replaced)) {
@@ -900,7 +900,7 @@ int WINAPI FromUtf8Page(UINT page, DWORD flags, const char *narrow, int length, 
     return MultiByteToWideChar(page == CP_ACP ? CP_UTF8 : page, flags, narrow, length, wide, room);
 }
 
-TEST_F(ConnMetrics, ANameOrValueThatTheCodePageCannotHoldLeavesTheOtherFieldsAsTheyAre) {
+TEST_F(ConnMetrics, ANameOrValueOutsideTheCodePageDoesNotAffectTheOtherFields) {
     const HMODULE wx = GetModuleHandleW(L"" FC_WX_DLL);
     const Simulator::Redirection to(wx, "WideCharToMultiByte", reinterpret_cast<void *>(&ToUtf8Page));
     const Simulator::Redirection from(wx, "MultiByteToWideChar", reinterpret_cast<void *>(&FromUtf8Page));
@@ -909,9 +909,9 @@ TEST_F(ConnMetrics, ANameOrValueThatTheCodePageCannotHoldLeavesTheOtherFieldsAsT
               "=\"name\" city=\"\" count=1 pid=7 service=\"web\"");
 }
 
-// ---- Against the slow road
+// ---- Compared with a simple implementation
 
-/// The row as the plain words have it: a tokenizer, one string for each name and value.
+/// The row by a simple implementation: a tokenizer, one string for each name and value.
 std::map<std::string, std::string> SlowRow(const std::string &text, unsigned count) {
     static const char *const bits[] = {"cf_ssl_connection",        "cf_udp_connection",       "cf_outbound_connection",
                                        "cf_rsa_key_imported",      "cf_nuagent_key_imported", "cf_do_dpi",
@@ -939,7 +939,7 @@ std::map<std::string, std::string> SlowRow(const std::string &text, unsigned cou
     return row;
 }
 
-TEST_F(ConnMetrics, RandomTextsGiveTheRowsOfTheSlowRoad) {
+TEST_F(ConnMetrics, RandomTextsGiveTheRowsOfASimpleImplementation) {
     std::mt19937 random = SeededRandom();
     SCOPED_TRACE(HowToRepeat());
     const std::string pieces[] = {"\n",       "\n",   "\t",   "\t",     "flags", "pid",       "cf_do_dpi", "count",
@@ -964,7 +964,7 @@ TEST_F(ConnMetrics, RandomTextsGiveTheRowsOfTheSlowRoad) {
     }
 }
 
-TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfAPlainModel) {
+TEST_F(ConnMetrics, RandomTrafficGivesTheCountsOfASimpleModel) {
     std::mt19937 random = SeededRandom();
     SCOPED_TRACE(HowToRepeat());
     std::map<std::string, unsigned> staging, merged;

@@ -25,7 +25,7 @@ constexpr wchar_t kServices[] = L"System\\CurrentControlSet\\Services";
 constexpr wchar_t kAgent[] = L"SOFTWARE\\Quillon\\Vantry Agent";
 constexpr wchar_t kAgentFolder[] = L"Quillon/Vantry Agent";
 
-/// Of the call that is under way; written and read without a lock, since a crash may hold any.
+/// The current call; accessed without a lock, since a crash may hold any lock.
 char currentCall[2000];
 std::atomic<unsigned> callsBegun{0};
 
@@ -39,7 +39,7 @@ LONG WINAPI OnCrash(EXCEPTION_POINTERS *) {
     return EXCEPTION_CONTINUE_SEARCH;
 }
 
-/// What gives back which kind of thing, where that can fail: then it stays.
+/// Functions that release a resource and may fail: then it stays.
 const std::map<std::string, std::string> &Closers() {
     namespace Kind = Simulator::Kind;
     static const std::map<std::string, std::string> closers{
@@ -52,15 +52,15 @@ const std::map<std::string, std::string> &Closers() {
     return closers;
 }
 
-/// Failures that end more than the call:
+/// Failures that affect more than the call:
 /// - without its event, or a wait for it, a thread can't be watched, and is killed wherever it is, maybe in the heap;
-/// - without a function of the driver library its import, which is resolved on first use, ends the process.
+/// - if a function of the driver library is missing, resolving its import on first use ends the process.
 bool MayFail(const std::string &function) {
     return function != "CreateEventW" && !function.starts_with("WaitFor") && function != "GetProcAddress" &&
            function != "LoadLibraryA";
 }
 
-/// Functions that have no failure.
+/// Functions that cannot fail.
 bool CannotFail(const std::string &function) {
     static const std::set<std::string> functions{"CoTaskMemFree",
                                                  "CoUninitialize",
@@ -93,12 +93,12 @@ std::string Shortened(const std::string &text) {
     return text.size() <= most ? text : text.substr(0, most) + "...";
 }
 
-/// wxWidgets keeps a word or two for each thread that logs, and does not give them back when the thread ends.
+/// wxWidgets allocates a few words for each thread that logs, and does not free them when the thread ends.
 bool IsWordOfAThread(const Simulator::BalanceItem &item) {
     return item.thread != GetCurrentThreadId() && item.size == sizeof(void *) && item.function == std::string("calloc");
 }
 
-/// The calls that made the things of that kind.
+/// The calls that created the resources of that kind.
 std::string MadeBy(const std::string &kind, const std::vector<Simulator::BalanceItem> &items) {
     std::string calls;
     for (const Simulator::BalanceItem &item : items) {
@@ -191,7 +191,7 @@ SweepFixture::~SweepFixture() {
     Forget();
 }
 
-/// One table holds them, so that each is one value in all calls.
+/// One table holds them, so that each is the same value in all calls.
 void SweepFixture::PutValues() {
     const std::string wfp = std::filesystem::path(WfpFolder()).string();
     values = objects->Values(NdisFolder().string() + "\\", wfp);
@@ -426,7 +426,7 @@ int SweepFixture::CallProtected(lua_State *L, const SweptCall &call) {
     return status;
 }
 
-/// A thread frees its object a moment after it is done, and closes its handle when it ends.
+/// A thread frees its object a moment after its work, and closes its handle when it ends.
 void SweepFixture::AwaitThreads(int objectsBefore, const Simulator::BalanceSnapshot &before) {
     constexpr DWORD longEnoughMs = 60'000;
     for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take())) {
@@ -435,7 +435,7 @@ void SweepFixture::AwaitThreads(int objectsBefore, const Simulator::BalanceSnaps
     }
     for (DWORD i = 0; i < longEnoughMs && VtaCore::Control::LiveObjects() != objectsBefore; ++i)
         Simulator::System::Sleep::Real(1);
-    EXPECT_EQ(VtaCore::Control::LiveObjects(), objectsBefore) << "a thread goes on: " << currentCall;
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objectsBefore) << "a thread is still running: " << currentCall;
 }
 
 void SweepFixture::Run(const SweptCall &call) {
@@ -504,7 +504,7 @@ void SweepFixture::Account(const SweptCall &call, bool raised, bool answeredTrue
     }
     if (name.ends_with("NativeFirewall") && m_seemsOld) {
         mayStay(Kind::kService, 0, 4);  // of a service that is stopped
-        mayStay(Kind::kKey, 0, 1);      // where it can't be started
+        mayStay(Kind::kKey, 0, 1);      // if it can't be started
     }
 }
 
@@ -515,7 +515,7 @@ void SweepFixture::Learn(std::size_t function) {
     const std::lock_guard lock(Vti::Lock());
     for (const std::string &made : Vti::TheDriver().calls)
         ++counts[made.substr(0, made.find('('))];
-    const Simulator::InsideSimulator inside;  // what is learnt is no leak
+    const Simulator::InsideSimulator inside;  // caching a result is not a leak
     for (const auto &[name, count] : counts) {
         if (MayFail(name) && !CannotFail(name))
             m_met[function][name] = std::max(m_met[function][name], count);
@@ -575,7 +575,7 @@ void SweepFixture::EndGroup() {
     CallWatch::Begin("the account of a group");
     const Simulator::BalanceSnapshot after = Settled();
     const std::vector<Simulator::BalanceItem> items = Simulator::Balance::Left(m_before, after);
-    // Counted, since a library that is loaded again is the same thing as before.
+    // The number, since a library that is loaded again is the same resource as before.
     std::map<std::string, std::size_t> left;
     for (const Simulator::BalanceItem &item : items) {
         const std::size_t count = m_before.Count(item.kind);
@@ -595,8 +595,8 @@ void SweepFixture::EndGroup() {
 }
 
 void SweepFixture::ExpectNoGrowth(const Simulator::BalanceSnapshot &before) {
-    // The C library keeps the memory of long numbers for later ones, Lua that of its tables of strings, and what the
-    // agent's library frees by itself is not seen. A leak by one call in a thousand is more.
+    // The C library keeps the memory of long numbers for later ones, Lua that of its string tables, and what the
+    // agent's library frees by itself is not seen. A leak in one of a thousand calls exceeds this.
     constexpr std::size_t keptAtMost = 64;
     const Simulator::BalanceSnapshot after = Settled();
     std::map<std::string, std::size_t> made;

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Where one argument is.
+/// The position of one argument.
 struct Argument {
     lua_State *state;
     int index;   ///< Absolute.
@@ -114,7 +114,7 @@ bool IsSame(lua_State *L, int one, int other) {
            std::isnan(lua_tonumber(L, other));
 }
 
-/// Where a result is, and what it is looked at with.
+/// The position of a result, and what it is compared with.
 struct Result {
     lua_State *state;
     int index;

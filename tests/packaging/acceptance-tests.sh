@@ -18,14 +18,14 @@ trap 'end_wine -k; rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
 
-# Among them are tests that would change a machine of one's own. Stack dumps take long.
+# Some tests would change the user's own machine. Stack dumps are slow.
 PROGRAMS=(fc-load-tests installer-tests removal-tests)
 FEW='-StackDump*'
 PLACE="$WINEPREFIX/drive_c/a place with blanks"
 
-# accept ARGS...: runs accept.cmd from another folder, and leaves its output in `said` and its status in STATUS.
+# accept ARGS...: runs accept.cmd from another folder, leaves its output in `said` and its status in STATUS.
 accept() {
-    end_wine -k # its services keep the folder in which the first program ran
+    end_wine -k # its services use the folder in which the first program ran
     rm -f "$WINEPREFIX/drive_c/status.txt"
     printf '@cd /d C:\\windows\r\n@call "C:\\a place with blanks\\%s\\accept.cmd" %s\r\n@>C:\\status.txt echo %%errorlevel%%\r\n' \
         "${DEVKIT##*/}" "$*" >"$WINEPREFIX/drive_c/run.cmd"
@@ -33,7 +33,7 @@ accept() {
     STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt" || echo none)
 }
 
-# fails_with TEXT: the last run, and says so.
+# fails_with TEXT: expects that the last run failed and printed it.
 fails_with() {
     [ "$STATUS" = 1 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/said")" || return
     grep -qF -- "$1" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")" || return
@@ -41,12 +41,12 @@ fails_with() {
     grep -q '<h1 class="failed">' "$DEVKIT/results/summary.html" || because "the page says nothing of it"
 }
 
-# All that a program may have changed, but for folders of temporary files and the package's own.
+# Everything that a program may have changed, except folders of temporary files and the package's own.
 machine() {
     end_wine -w
     (cd "$WINEPREFIX" && find drive_c -path "drive_c/a*" -prune -o -path '*/[Tt]emp/*' -prune -o -name status.txt -prune -o \
         -name run.cmd -prune -o -printf '%p %s %T@\n' | grep -v '^drive_c/users/[^ ]* \|^drive_c [0-9]' | LC_ALL=C sort)
-    # Without the times of the keys, and the lists of fonts and network cards, which Wine itself makes and removes.
+    # Without the times of the keys, and the lists of fonts and network cards, which Wine itself creates and removes.
     awk '/^\[/ { skip = /Fonts|NetworkCards/; sub(/ [0-9]+$/, "") } NF && !skip && !/^#time/' \
         "$WINEPREFIX/system.reg" "$WINEPREFIX/user.reg"
 }
@@ -118,7 +118,7 @@ AProgramThatTakesTooLongFailsAll() {
     fails_with 'installer-tests was killed after 1 s'
 }
 
-# judges STATUS [SED-SCRIPT]: what is made of results of two tests, changed by the script.
+# judges STATUS [SED-SCRIPT]: checks the verdict on the results of two tests, changed by the script.
 judges() {
     local results=$DEVKIT/results
     rm -rf "$results"

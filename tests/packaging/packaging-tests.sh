@@ -16,7 +16,7 @@ trap 'rm -rf "$WORK"' EXIT
 
 export SOURCE_DATE_EPOCH=1700000000
 
-# packs PLACE: the packages of a clone and a build folder there, in PLACE/dist.
+# packs PLACE: makes the packages of a clone and a build folder there, in PLACE/dist.
 packs() {
     mkdir -p "$1/clone" "$1/build"
     cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md,CONTRIBUTING.md} "$1/clone"
@@ -38,7 +38,7 @@ packs() {
 TwoFoldersGiveTheSameBytes() {
     local file
     packs "$WORK/one" || return
-    sleep 2 # as exact as the times in a zip file are
+    sleep 2 # as precise as the times in a zip file
     (umask 077 && TZ=Asia/Tokyo LC_ALL=C packs "$WORK/another place") || because "$(tail -n 3 "$WORK/log")" || return
     for file in "$WORK"/one/dist/*; do
         cmp "$file" "$WORK/another place/dist/${file##*/}" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
@@ -79,7 +79,7 @@ TheSymbolsAreThoseOfTheModule() {
     [ "${of_module:-none}" = "$of_symbols" ] || because "the module has '$of_module', they have '$of_symbols'"
 }
 
-# By another program than the one that made the list.
+# With another program than the one that made the list.
 TheRequirementsAreTheImportsOfTheModule() {
     local library
     x86_64-w64-mingw32-objdump -p "$MODULE/fc.dll" | sed -n 's/.*DLL Name: //p' >"$WORK/imports"
@@ -93,7 +93,7 @@ TheRequirementsAreTheImportsOfTheModule() {
         because "no version: $(grep -E '^  (lib|lua|wx|zlib)[^ ]*$' "$MODULE/REQUIREMENTS.txt")"
 }
 
-# json FILE PATH...: what stands there; its length for a list.
+# json FILE PATH...: prints the value there; the length of a list.
 json() {
     cat >"$WORK/json.cmake" <<'CMAKE'
 file(READ "${FILE}" text)
@@ -164,7 +164,7 @@ TheLinksOfTheDevkitsPagesLeadToItsFiles() {
     [ $count -ge 50 ] || because "they have only $count links"
 }
 
-# None of ours is signed, and none is needed: a machine has nothing to load them.
+# None of ours is signed, and none needs to be: nothing loads them.
 TheDevkitHasNoDriver() {
     ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
 }

@@ -107,8 +107,8 @@ AFolderOfSomebodyElseIsNamed() {
     done
 }
 
-# as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev, and may perhaps not
-# even enter the folder where these tests are run.
+# as_another_user FOLDER: runs as a user who may not write to it. Root may write anywhere: then `nobody` runs ./dev, and
+# may perhaps not even enter the folder where these tests run.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
     chmod a+rx "${FC_TEMPORARY:-$WORK}"

@@ -15,7 +15,7 @@ trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 
-# starts_and_hangs PROGRAM ARGS...: ./dev is at work as process DEV, and the fake program runs.
+# starts_and_hangs PROGRAM ARGS...: ./dev runs as process DEV, and waits for the fake program.
 starts_and_hangs() {
     touch "$FAKE_STATE/$1.hangs"
     start -- "${@:2}"
@@ -32,7 +32,7 @@ all_have_ended() {
     done <"$FAKE_STATE/pids"
 }
 
-# is_ended_by SIGNAL STATUS: ./dev, which leaves nothing behind.
+# is_ended_by SIGNAL STATUS: ends ./dev, which must leave nothing behind.
 is_ended_by() {
     kill -s "$1" "$DEV"
     ends_with "$2" && all_have_ended && says interrupted && says_not 'error:|failed' || return
@@ -79,7 +79,7 @@ ASignalEndsAnInstallationBySudo() {
     kill "$DEV"
     ends_with 143 && called '^sudo ' && eventually has_ended "$(tail -n 1 "$FAKE_STATE/pids")" || return
     goes_on apt-get
-    # Its own children are its affair.
+    # Its own children are not checked.
     mapfile -t left <"$FAKE_STATE/pids"
     kill "${left[@]}" 2>/dev/null || true
 }

@@ -41,7 +41,7 @@ check() {
         "$HERE" "${CHECK:-check_compatibility}" >"$SAID" 2>&1
 }
 passes() { check || because "it does not pass: $(<"$SAID")"; }
-# fails_with TEXT...: and says each of them.
+# fails_with TEXT...: and prints each of them.
 fails_with() {
     if check; then
         because "it passes" || return

@@ -16,8 +16,8 @@ trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
 . "$HERE/../support/shell-tests.sh"
 
-# in_dev COMMAND...: as ./dev runs it, with $WORK/build as the build folder. The output is left in $WORK/out, the status in
-# STATUS. RUNNER_WINE stands for Wine.
+# in_dev COMMAND...: runs it as ./dev would, with $WORK/build as the build folder. Leaves the output in $WORK/out, the
+# status in STATUS. RUNNER_WINE is used as Wine.
 in_dev() {
     STATUS=0
     # shellcheck disable=SC2016 # expanded by the inner shell
@@ -33,8 +33,8 @@ in_dev() {
         "${@:3}"' in_dev "$REPOSITORY" "${RUNNER_WINE:-$WINE}" "$@" >"$WORK/out" 2>&1 </dev/null || STATUS=$?
 }
 
-# entries NAME COMMAND [NAME COMMAND]...: the build folder has these entries and no other. Their commands are lines of shell
-# in the folder of the results; `result` is among them.
+# entries NAME COMMAND [NAME COMMAND]...: gives the build folder these entries and no others. The commands are shell
+# code, run in the folder of the results; they can call `result`.
 entries() {
     local build=$WORK/build
     rm -rf "$build"
@@ -63,28 +63,28 @@ result() {
     echo '</testsuites>'
 } >"$1.xml"
 
-# says LINE: a line of the output.
+# says LINE: expects a line of the output.
 says() {
     grep -qxF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
 }
 
-# mentions TEXT: a part of the output.
+# mentions TEXT: expects a part of the output.
 mentions() {
     grep -qF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
 }
 
-# ends_with_an_error: the last command's status.
+# ends_with_an_error: checks the last command's status.
 ends_with_an_error() {
     [ "$STATUS" -ne 0 ] || because "the status is 0, after: $(tail -n 12 "$WORK/out")"
 }
 
-# passes PASSED: the last run of tests.
+# passes PASSED: expects this of the last run of tests.
 passes() {
     [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 12 "$WORK/out")" || return
     says "$1 passed, 0 failed, 0 skipped"
 }
 
-# fails NAME FAULT PASSED FAILED: the last run of tests, by that entry.
+# fails NAME FAULT PASSED FAILED: expects this of the last run of tests, because of that entry.
 fails() {
     ends_with_an_error && says "error: $1 $2; its output ends with:" && says "$3 passed, $4 failed, 0 skipped"
 }
@@ -209,7 +209,7 @@ RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
     mentions 'run 2 of 2, beside 6 busy loops' && says '5 passed, 0 failed, 0 skipped' && says 'seeds: seeded=77'
 }
 
-# Wine loses the status of about every fourth.
+# Wine loses about every fourth status.
 ACrashOfATestProgramIsNoticed() {
     local i crash all=()
     # shellcheck disable=SC2016 # expanded by the entry
@@ -226,7 +226,7 @@ ACrashOfATestProgramIsNoticed() {
     mentions '    the program begins' && says '    error: runner-crash.exe crashed: 0xC0000005'
 }
 
-# runs_as PROGRAM: $WORK/build has the program that ends badly in the place of this one of ours.
+# runs_as PROGRAM: puts the program that ends badly in the place of this one of ours in $WORK/build.
 runs_as() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build/bin"
@@ -263,7 +263,7 @@ AnOverrunBufferEndsTheProgram() {
     ends_with_an_error && says 'error: fc-host.exe crashed: 0xC0000409'
 }
 
-# Nobody handles the breakpoint.
+# Nothing handles the breakpoint.
 AScriptThatCrashesTheHostIsNoticed() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build"
@@ -292,7 +292,7 @@ AWineThatDoesNothingFails() {
     ends_with_an_error && says 'error: fc-bench.exe could not be run: Wine or fc-launch.exe failed'
 }
 
-# fake_wine NAME: a Wine that fails once in the way that it is named after, and then works.
+# fake_wine NAME: a Wine that fails once in the way that NAME says, and then works.
 fake_wine() {
     RUNNER_WINE=$WORK/$1
     cat >"$RUNNER_WINE" <<TEXT
@@ -322,7 +322,8 @@ AWineThatEndsAfterTheProgramHasBegunFails() {
     ends_with_an_error && says 'error: fc-host.exe left no status: Wine failed while it ran'
 }
 
-# start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script makes the file.
+# start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script creates the
+# file.
 start_loop() {
     local script=$1.lua
     printf 'io.open([[%s]], "w"):close()\nwhile true do end\n' "$1" >"$script"
@@ -339,7 +340,7 @@ start_loop() {
 
 runs() { grep -qszF "$1.lua" /proc/[0-9]*/cmdline; }
 
-# Wine's server, which it may have started, serves others, too.
+# Wine's server, which it may have started, also serves others.
 ASignalEndsTheHostAndNoOtherProgramUnderWine() {
     local first signal status
     for signal in TERM INT; do
@@ -365,7 +366,7 @@ AProgramThatIsMissingFails() {
     ends_with_an_error && mentions 'error: fc-bench.exe could not be run'
 }
 
-# A test in shell that ends in its midst leaves no results.
+# A shell test that ends prematurely leaves no results.
 AShellTestThatEndsEarlyFails() {
     # shellcheck disable=SC2016 # expanded by the entry
     entries shell '. "$REPOSITORY/tests/support/shell-tests.sh"

@@ -21,7 +21,7 @@ mkdir -p "$CLONE/cmake" "$WORK/bin" "$WORK/packages"
 cp -r "$HERE/../../scripts" "$CLONE"
 cp -r "$HERE/../../cmake/." "$CLONE/cmake"
 
-# make_binary_package NAME FILE, make_source_package NAME FILE: with that file in it.
+# make_binary_package NAME FILE, make_source_package NAME FILE: a package that contains the file.
 make_binary_package() {
     local tree=$WORK/packages/$1
     mkdir -p "$tree/DEBIAN" "$(dirname "$tree/$2")" "$tree/usr/share/doc/$1"
@@ -45,7 +45,7 @@ make_binary_package robin-map-dev usr/include/tsl/robin_map.h
 make_binary_package libxxhash-dev usr/include/xxhash.h
 make_source_package cjson cJSON.c
 
-# A mirror and a cache as new, and pins that fit.
+# A fresh mirror and cache, and matching pins.
 fresh() {
     local package file
     rm -rf "$MIRROR" "$WORK/cache" "${WORK:?}/bin"
@@ -60,7 +60,8 @@ fresh() {
     done
 }
 
-# in_dev VARIABLE=VALUE... -- LINE: a line of shell beside the functions of ./dev. Its words are in `said`, its status in STATUS.
+# in_dev VARIABLE=VALUE... -- LINE: runs a line of shell code with the functions of ./dev. Leaves its output in `said`,
+# its status in STATUS.
 in_dev() {
     local settings=()
     while [ "$1" != -- ]; do
@@ -78,10 +79,10 @@ in_dev() {
             eval "$2"' in_dev "$CLONE" "$2" >"$WORK/said" 2>&1 </dev/null || STATUS=$?
 }
 
-# works: the last line of shell.
+# works: expects that the last line of shell code succeeded.
 works() { [ "$STATUS" -eq 0 ] || because "status $STATUS: $(cat "$WORK/said")"; }
 
-# fails_with TEXT: the last line of shell, with one line of error.
+# fails_with TEXT: expects that the last line of shell code failed, with one line of error output.
 fails_with() {
     [ "$STATUS" -ne 0 ] || because "the status is 0: $(cat "$WORK/said")" || return
     grep 'error:' "$WORK/said" | grep -qF -- "$1" || because "it says: $(cat "$WORK/said")" || return
@@ -104,7 +105,8 @@ TheHeadersAreThoseOfThePinnedPackages() {
     done
 }
 
-# fake_apt MIRRORS UNREAD: what apt says of its mirrors, those whose lists it has read and those that it has not.
+# fake_apt MIRRORS UNREAD: simulates what apt reports about its mirrors: those whose lists it has read, and those that
+# it has not.
 fake_apt() {
     printf '%s' "$1" >"$WORK/bin/read"
     printf '%s' "$2" >"$WORK/bin/unread"
@@ -176,7 +178,7 @@ WithoutANetworkOneLineSaysWhatToDo() {
     fresh
     in_dev FC_MIRROR=http://127.0.0.1:9/debian -- copy_headers
     fails_with "put the files that scripts/libraries.pins names into $DOWNLOADS" || return
-    # In apt's own words, of which newer ones are fewer.
+    # In apt's own words; newer versions print fewer of them.
     grep -qE "can't be fetched \((Could not connect to 127.0.0.1:9 \(.*|Unable to connect to 127.0.0.1:9)\): check" "$WORK/said" ||
         because "it says: $(cat "$WORK/said")" || return
     [ $((SECONDS - started)) -lt 30 ] || because "it took $((SECONDS - started)) s"
@@ -250,7 +252,7 @@ ADamagedFolderOfTheCacheIsMadeAgain() {
     [ ! -s "$WORK/said" ] || because "made once more: $(cat "$WORK/said")"
 }
 
-# fake_lists STATUS: apt for renew-pins; each package has two versions, the newer one first.
+# fake_lists STATUS: simulates apt for renew-pins; each package has two versions, the newer one first.
 fake_lists() {
     fake_apt "copy:$MIRROR/"$'\n' ''
     sed -i "s,^\*) .*,*update*) echo 'E: There is no such release'; exit $1 ;;," "$WORK/bin/apt-get"
@@ -279,7 +281,7 @@ APT
     chmod +x "$WORK/bin/apt-cache"
 }
 
-# renew ARGS...: the copy of renew-pins.
+# renew ARGS...: runs the copy of renew-pins.
 renew() {
     STATUS=0
     env -u FC_MIRROR FC_CACHE="$WORK/cache" FC_BUILD="$WORK/build" PATH="$WORK/bin:$PATH" \

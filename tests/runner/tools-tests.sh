@@ -15,10 +15,10 @@ trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 
-# Some programs are to be missing, or to say something else: they are looked for in PATH_OF_TEST alone.
+# Some programs must be missing, or print something else: programs are searched only in PATH_OF_TEST.
 PATH_OF_TEST=$WORK/path
 
-# path_without NAME...: the fake programs and those of the system but these.
+# path_without NAME...: the fake programs and the system's, without these.
 path_without() {
     local name
     rm -rf "$PATH_OF_TEST"
@@ -32,7 +32,7 @@ path_without() {
     done
 }
 
-# program NAME: with the script on the input.
+# program NAME: creates it with the script on standard input.
 program() {
     rm -f "${PATH_OF_TEST:?}/$1"
     { echo '#!/bin/bash'; cat; } >"$PATH_OF_TEST/$1"
@@ -109,14 +109,14 @@ APackageWhoseCompilerIsGoneIsNamed() {
 
 EveryPackageIsKnownByWhatItInstalls() {
     local packages
-    # What is missing here is what ./dev test has installed.
+    # The missing programs are those that ./dev test has installed.
     packages=$(bash -c '. "$1/scripts/packages.sh"; echo "${PACKAGES_BUILD[@]}" "${PACKAGES_TEST[@]}"' bash "$CLONE")
     # shellcheck disable=SC2086 # the names
     bash -c '. "$1/scripts/packages.sh"; die() { echo "$@"; exit 1; }; require_tools "${@:2}"' bash "$CLONE" $packages >"$SAID" 2>&1 ||
         because "$(<"$SAID")"
 }
 
-# someone_else NAME...: a user who is not root, and lacks packages; without these programs.
+# someone_else NAME...: runs as a user who is not root and lacks packages, without these programs.
 someone_else() {
     path_without "$@"
     touch "$FAKE_STATE/id.of-a-user" "$FAKE_STATE/dpkg-query.failing"
@@ -128,7 +128,7 @@ WithoutRootAnAdministratorIsTold() {
     in_path run
     fails_with 'an administrator does it with: apt-get update && apt-get install -y --no-install-recommends ca-certificates' || return
     called_not '^apt-get' || return
-    rm "$FAKE_STATE/dpkg-query.failing" # the administrator has done it
+    rm "$FAKE_STATE/dpkg-query.failing" # as if the administrator had done it
     in_path run
     succeeds
 }

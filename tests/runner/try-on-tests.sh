@@ -20,16 +20,17 @@ git -C "$CLONE" init -q
 git -C "$CLONE" add -A
 git -C "$CLONE" -c user.name=x -c user.email=x@example.com commit -q -m x
 
-export HANGS=7531.$$ # seconds by which the hanging command is found
+export HANGS=7531.$$ # seconds, to recognise the hanging command by
 
-# The root has nothing in it but what try-on looks at.
+# The root contains only what try-on checks.
 cat >"$WORK/bin/debootstrap" <<'FAKE'
 #!/usr/bin/env bash
 [ "$2" != nosuch ] || { echo "E: No such script: nosuch"; exit 1; }
 mkdir -p "$3"/{proc,dev,root,etc/apt/apt.conf.d}
 echo 99 >"$3/etc/debian_version"
 FAKE
-# ./dev ARGS is what stands behind `try`: one of them fails, one never ends, and beside one somebody commits to the clone.
+# ./dev ARGS is called with what follows `try`: one command fails, one never ends, and during one the clone gets a new
+# commit.
 cat >"$WORK/bin/chroot" <<'FAKE'
 #!/usr/bin/env bash
 case $* in
@@ -42,7 +43,7 @@ FAKE
 printf '#!/bin/sh\necho installed\n' >"$WORK/bin/dpkg-query"
 chmod +x "$WORK"/bin/*
 
-# try ARGS...: the copy of try-on, with $WORK/root as its root. Its words are in `said`, its status in STATUS.
+# try ARGS...: runs the copy of try-on, with $WORK/root as its root. Leaves its output in `said`, its status in STATUS.
 try() {
     STATUS=0
     env -u FC_BUILD -u FC_CACHE -u FC_JOBS HOME="$WORK/home" FC_MIRROR=copy:/nosuch FC_TRY="$WORK/root" \
@@ -128,7 +129,7 @@ NamesAndOptionsAreChecked() {
 }
 
 names=(NamesAndOptionsAreChecked)
-# The namespaces need root, and more than root has in most containers.
+# The namespaces need root, and more than root may do in most containers.
 if unshare --mount --pid --fork true 2>/dev/null; then
     names+=(BothCommandsAreTriedAndTold ACommandThatFailsIsToldAndTheNextOneIsTried TheCommitIsThatWhichWasTried
         AReleaseThatThereIsNotIsTold ARootCanBeKept AnInterruptionLeavesNothing)

@@ -25,15 +25,15 @@ assert(SLB.filter.UninstallDriver(host.dom(), folder, folder))
 print("the removal is over")
 LUA
 
-# Says that it is ready by making a file, and never ends.
+# Signals that it is ready by creating a file, and never ends.
 cat >"$WORK/loop.lua" <<'LUA'
 host.send_event(7, "before Ctrl-C")
 io.open(arg[1], "w"):close()
 while true do end
 LUA
 
-# on_terminal OPTIONS...: runs the removal. Leaves what came to the terminal in `shown`, without what moves its cursor; what
-# overwrites a line stands behind the line as a line of its own.
+# on_terminal OPTIONS...: runs the removal. Leaves the terminal's output in `shown`, without cursor movements; an
+# overwritten line is followed by its replacement on a line of its own.
 on_terminal() {
     local command
     printf -v command '%q ' "${WINE[@]}" "$BIN/fc-host.exe" --fast 1 "$@" "$WORK/removal.lua"
@@ -61,7 +61,7 @@ NothingIsShownWhenTheHostIsQuiet() {
     ! grep -q 'UninstallingDriver' "$WORK/shown" || because "a step is shown"
 }
 
-# The loop, with a file of events of a run before. Its command is in `loop`.
+# The loop, with an events file of an earlier run. Its command is in `loop`.
 prepare_loop() {
     rm -f "$WORK/ready"
     echo "older events" >"$WORK/events.json"
@@ -77,7 +77,7 @@ await_ready() {
     because "the script was never ready"
 }
 
-# leaves_events STATUS: how the loop ended.
+# leaves_events STATUS: checks how the loop ended.
 leaves_events() {
     [ "$1" -eq 130 ] || because "the status is $1" || return
     grep -qF '"before Ctrl-C"' "$WORK/events.json" || because "the events are $(head -c 200 "$WORK/events.json")"
