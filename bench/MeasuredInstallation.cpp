@@ -12,6 +12,7 @@
 #include "AdapterMachine.h"
 #include "Bench.h"
 #include "Failure.h"
+#include "WindowsDriverInstaller/threads/Steps.h"
 #include "WindowsFunctions.h"
 
 using Simulator::InsideSimulator;
@@ -24,7 +25,6 @@ SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);  // marks the end of 
 }
 
 constexpr char kInstall[] = "INetCfgClassSetup::Install";
-constexpr std::uint64_t kInstallLimitMs = 600'000;
 
 /// The program itself reads the performance counter in simulated time.
 double RealNow() {
@@ -231,13 +231,14 @@ private:
         for (const Stamp &stamp : m_stamps->Of(CallerOf(kInstall)))
             if (stamp.what == Stamp::What::StepBegins)
                 begin = stamp.tickMs;
+        const std::uint64_t limitMs = StepLimitSeconds(InstallingDriver) * std::uint64_t{1'000};
         Simulator::Clock &clock = simulation().GetClock();
         Require(clock.AwaitWaiting(1, kPatienceMs), "nobody waits for the hung worker");
         Sleep(kSettleMs);
-        const std::size_t looks = Looks();
-        clock.Advance(milliseconds(begin + kInstallLimitMs - 1 - clock.TickMs()));
-        for (DWORD waitedMs = 0; Looks() == looks; ++waitedMs) {
-            Require(waitedMs < kPatienceMs, "the watchdog does not look at the hung worker");
+        const std::size_t polls = Polls();
+        clock.Advance(milliseconds(begin + limitMs - 1 - clock.TickMs()));
+        for (DWORD waitedMs = 0; Polls() == polls; ++waitedMs) {
+            Require(waitedMs < kPatienceMs, "the watchdog does not poll the hung worker");
             Sleep(1);
         }
         Sleep(kSettleMs);
@@ -245,7 +246,7 @@ private:
     }
 
     /// Each ends in a wait.
-    std::size_t Looks() { return simulation().GetJournal().Count("WaitForSingleObject"); }
+    std::size_t Polls() { return simulation().GetJournal().Count("WaitForSingleObject"); }
 
     static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which a thread that begins to wait gets there.
 

@@ -39,7 +39,7 @@ public:
     explicit SteppingThread(VtaCore::CDom *toDom) : CDriverUninstallerThread(toDom, "C:\\", "C:\\") {}
 
     void Step() {
-        StartStep(UninstallingDriver, 600);
+        StartStep(UninstallingDriver);
         EndStep(UninstallingDriver);
     }
 };
@@ -60,7 +60,7 @@ double TimeSteps(CountingLog &log, const Step &step) {
 
 /// The same two lines, written with wxWidgets in the simplest way.
 void LogLinesOfStep() {
-    wxLogMessage(" >%s. %ds max", StepName(UninstallingDriver), 600);
+    wxLogMessage(" >%s. %ds max", StepName(UninstallingDriver), static_cast<int>(StepLimitSeconds(UninstallingDriver)));
     wxLogMessage(" <%s", StepName(UninstallingDriver));
 }
 

@@ -128,13 +128,13 @@ check_rules() {
     check_real_suites || status=1
     check_compatibility || status=1
     check_support_page || status=1
-    forbid "The product knows nothing of the devkit; use what interfaces/ offers" \
+    forbid "The product must not depend on the devkit; use interfaces/" \
         '#include "(devkit|.*_control\.h|simulator|Simulator)' plugins interfaces || status=1
-    forbid "A test that is switched off counts as nothing: fix or delete it" \
+    forbid "A disabled test checks nothing: fix or delete it" \
         '\bDISABLED_' tests || status=1
-    forbid "Trace through the one helper, which asks first whether the component is wanted" \
+    forbid "Trace through the one helper, which first checks whether the component is enabled" \
         'VtaCore::LogTrace\(' plugins ':!plugins/filter/common/Trace.h' || status=1
-    forbid "Do it now, or leave it out: the code is no to-do list" '\b(TODO|FIXME|XXX)\b' \
+    forbid "Do it now, or leave it out: the code is not a to-do list" '\b(TODO|FIXME|XXX)\b' \
         plugins interfaces devkit tests bench examples || status=1
     return $status
 }

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# run-apart.sh ENTRY COMMAND...: runs the test program of an entry of ctest's. In the current folder, that of the results, it
-# has to leave ENTRY.xml, by which it is judged; its output stays beside that in ENTRY.log and its status in
-# ENTRY.status. The output is shown once the program has ended: Wine's services keep the output of the program that
-# they were started for, and so whoever reads it would wait for them.
+# run-apart.sh ENTRY COMMAND...: runs the test program of a ctest entry. It must leave ENTRY.xml in the current folder,
+# that of the results, which decides whether it passed; its output goes to ENTRY.log and its status to ENTRY.status.
+# The output is shown once the program has ended: Wine's services keep open the output of the program that they were
+# started for, so a reader would wait for them.
 set -uo pipefail
 # shellcheck source-path=SCRIPTDIR
 . "$(dirname "${BASH_SOURCE[0]}")/results.sh"

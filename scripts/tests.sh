@@ -47,9 +47,10 @@ tell_seeds() {
     done | tr -d '\n')"
 }
 
-# run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random tries,
-# beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a session of their own, like
-# another terminal's: Linux shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
+# run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random
+# tries, beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a separate
+# session, like another terminal's: Linux shares the processors between sessions, and in the tests' session they would
+# mostly starve Wine's server.
 run_under_load() {
     local runs=$1 status=0 loops i
     shift

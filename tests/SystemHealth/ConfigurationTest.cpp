@@ -293,7 +293,7 @@ TEST_F(ConfigurationFile, AMinimumAboveTheMaximumIsAccepted) {
 
 // ---- The two switches
 
-TEST_F(ConfigurationFile, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
+TEST_F(ConfigurationFile, TheUnloadSwitchDoesNotTurnTheSubsystemOff) {
     const Heard heard = ReadFile("SYSTEM_UNLOAD_DRIVER=1\n");
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 1);

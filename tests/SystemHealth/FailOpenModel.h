@@ -88,6 +88,7 @@ private:
     };
     Accepted ReadFile(const Configuration &configuration, bool activated);
     Accepted ReadPolicy(const Configuration &configuration, bool activated);
+    void ApplySwitches(Accepted &accepted, bool activated);
     int Run(const Surroundings &around, double interval);
     int Decide(const Surroundings &around, bool activated);
     int Recover(const Surroundings &around);

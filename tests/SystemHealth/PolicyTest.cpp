@@ -1,79 +1,20 @@
-// The policy that the agent passes, and the file to which the settings in use are written.
+// The policy that the agent passes.
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <mutex>
+#include <string>
+#include <vector>
 
-#include <cJSON.h>
-
-#include "ConfigurationFixture.h"
 #include "LocaleScope.h"
-#include "WindowsFunctions.h"
+#include "PolicyFixture.h"
 #include "vta_core_control.h"
 
 namespace {
 
-using Messages = std::vector<std::string>;
-
-constexpr char kGood[] = R"({"SYS_THR_RUNQ": {"value": 50}})";
-constexpr char kGoodWritten[] = "{\r\n\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t50\r\n\t}\r\n}\r\n";
-
-std::string AllMembers(const std::string &more = "") {
-    std::string policy = "{";
-    for (std::size_t i = kSettings.size(); i-- > 0;)
-        policy += Member(kSettings[i], i < 11 ? Fixed(kSettings[i].max / 2) : "0.5") + ", ";
-    return policy + R"("OTHER": [1, {"value": 2}], "SYS_THR_OTHER": {"value": 3})" + more + "}";
-}
-
-constexpr char kAllMembersWritten[] =
-    "{\r\n"
-    "\t\"SYS_CONF_CONN_REFUSAL_PORT\":\t32767.5,\r\n"
-    "\t\"SYS_CONF_CONN_REFUSAL_OUTBOUND\":\t0.5,\r\n"
-    "\t\"SYS_CONF_RECOVER_FACTOR\":\t50,\r\n"
-    "\t\"SYS_CONF_MIN_ACT_DURATION\":\t15,\r\n"
-    "\t\"SYS_CONF_MAX_ACT_DURATION\":\t120,\r\n"
-    "\t\"SYS_THR_CONN_REFUSAL_PCT\":\t{\r\n\t\t\"value\":\t50\r\n\t},\r\n"
-    "\t\"SYS_THR_RUNQ\":\t{\r\n\t\t\"value\":\t100\r\n\t},\r\n"
-    "\t\"SYS_THR_CONN_EST_PER_CPU\":\t{\r\n\t\t\"value\":\t5000000\r\n\t},\r\n"
-    "\t\"SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU\":\t{\r\n\t\t\"value\":\t50000\r\n\t},\r\n"
-    "\t\"SYS_THR_FREE_MEM\":\t{\r\n\t\t\"value\":\t12.5\r\n\t},\r\n"
-    "\t\"SYS_THR_MAX_ITERATION_INVL\":\t{\r\n\t\t\"value\":\t30\r\n\t},\r\n"
-    "\t\"SYS_CONF_UNLOAD_DRIVER\":\t0.5,\r\n"
-    "\t\"SYS_CONF_DISABLE_FAIL_OPEN\":\t0.5\r\n"
-    "}\r\n";
-
 std::string Stored(const std::string &key, double number) {
     return "stored " + SettingOf(key).line + "  " + Fixed(number);
 }
-
-class Policy : public ConfigurationFixture {
-protected:
-    /// The policy can't be parsed, and the iteration continues with nothing set.
-    void ExpectParseError(const std::string &policy) {
-        const Heard heard = ReadPolicy(policy);
-        EXPECT_EQ(heard.action, kNormal);
-        EXPECT_FALSE(heard.count);
-        EXPECT_EQ(heard.configuration, Messages());
-        EXPECT_EQ(heard.errors, Messages());
-        EXPECT_EQ(heard.EngineLines("json parsing error [").size(), 1u);
-        EXPECT_EQ(WrittenJson(), kNothingWritten);
-    }
-    /// The policy is read, and contains no known setting.
-    void ExpectNothingInIt(const std::string &policy) {
-        const Heard heard = ReadPolicy(policy);
-        EXPECT_EQ(heard.action, kDisabled);
-        EXPECT_FALSE(heard.count);
-        EXPECT_EQ(heard.configuration, Messages());
-        EXPECT_EQ(heard.EngineLines(" value"), Messages());
-        EXPECT_EQ(heard.EngineLines("json"), Messages());
-        EXPECT_EQ(heard.errors, Messages());
-        EXPECT_EQ(WrittenJson(), kNothingWritten);
-    }
-};
 
 // ---- What is accepted
 
@@ -306,7 +247,7 @@ TEST_F(Policy, AMaximumThatWasResetIs240Minutes) {
 
 // ---- The two switches
 
-TEST_F(Policy, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
+TEST_F(Policy, TheUnloadSwitchDoesNotTurnTheSubsystemOff) {
     const Heard heard = ReadPolicy(R"({"SYS_CONF_UNLOAD_DRIVER": 1})");
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 1);
@@ -511,172 +452,6 @@ TEST_F(Policy, FourMebibytesAreReadOrRejectedAsAWhole) {
     const Messages lines = ReadPolicy(padding).EngineLines("json parsing error [");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0] == "json parsing error [" + padding + "]") << lines[0].size() << " bytes";
-}
-
-// ---- The written file
-
-/// The previous content of the output file, which stays if the file can't be written.
-constexpr char kLongBefore[] = "a text that is longer than the one that takes its place: 0123456789 0123456789";
-
-class WrittenPolicy : public Policy {
-protected:
-    WrittenPolicy() { Before(); }
-
-    void Before() {
-        std::FILE *file = _wfopen(JsonPath().c_str(), L"wb");
-        ASSERT_NE(file, nullptr);
-        EXPECT_GE(std::fputs(kLongBefore, file), 0);
-        ASSERT_EQ(std::fclose(file), 0);
-    }
-
-    /// The iteration continues without the output.
-    void ExpectNoOutput(const std::string &message) {
-        const Heard heard = ReadPolicy(kGood);
-        EXPECT_EQ(heard.action, kNormal);
-        EXPECT_EQ(heard.count, 1);
-        EXPECT_EQ(heard.EngineLines("Fail"), Messages{message});
-        EXPECT_EQ(heard.errors, Messages{"Failed to output cloud config"});
-        EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFile), 0u);
-    }
-
-    /// The module can open files only for reading.
-    void OpenForReadingAlone() {
-        simulation().Functions().Put<Simulator::System::fopen>(
-            [](const auto &next, const char *path, const char *) { return next(path, "r"); });
-        simulation().Functions().Put<Simulator::System::_wfopen>(
-            [](const auto &next, const wchar_t *path, const wchar_t *) { return next(path, L"r"); });
-    }
-};
-
-TEST_F(WrittenPolicy, ReplacesTheWholeFile) {
-    EXPECT_EQ(ReadPolicy(kGood).errors, Messages());
-    EXPECT_EQ(WrittenJson(), kGoodWritten);
-}
-
-TEST_F(WrittenPolicy, AMissingFolderIsReported) {
-    std::filesystem::remove_all(JsonPath().parent_path());
-    ExpectNoOutput("Failed to open file of json config for writing.");
-    EXPECT_FALSE(std::filesystem::exists(JsonPath().parent_path()));
-}
-
-TEST_F(WrittenPolicy, AFileThatCannotBeOpenedIsReportedAndUnchanged) {
-    const auto fault = simulation().GetFaults().FailNthOf({"fopen", "_wfopen", "fopen_s", "_wfopen_s"}, 1, EACCES);
-    ExpectNoOutput("Failed to open file of json config for writing.");
-    EXPECT_TRUE(fault->Hit());
-    EXPECT_EQ(WrittenJson(), kLongBefore);
-}
-
-TEST_F(WrittenPolicy, AFileThatCannotBeWrittenIsReportedAndClosed) {
-    OpenForReadingAlone();
-    ExpectNoOutput("Failed to write json config to file");
-    EXPECT_EQ(WrittenJson(), kLongBefore);
-}
-
-TEST_F(WrittenPolicy, AFailureOfTheOutputDoesNotChangeTheAction) {
-    std::filesystem::remove_all(JsonPath().parent_path());
-    EXPECT_EQ(ReadPolicy("{}").action, kDisabled);
-    EXPECT_EQ(ReadPolicy("{").action, kNormal);
-    EXPECT_EQ(ReadPolicy(kGood, "Activated").action, kFailOpen);
-}
-
-// ---- Without memory
-
-/// The memory of the module's cJSON, of which one allocation fails.
-class JsonMemory {
-public:
-    static void Use(HMODULE module) {
-        cJSON_Hooks hooks{&Allocate, &Free};
-        const auto init = reinterpret_cast<decltype(&cJSON_InitHooks)>(
-            reinterpret_cast<void *>(GetProcAddress(module, "cJSON_InitHooks")));
-        ASSERT_NE(init, nullptr);
-        init(&hooks);
-    }
-    /// @param nth  from 1; 0 for none.
-    static void Fail(unsigned nth) {
-        m_asked = 0;
-        m_failing = nth;
-    }
-    /// Blocks since then.
-    static unsigned Asked() { return m_asked; }
-    /// Blocks in use.
-    static int Alive() { return m_alive; }
-
-private:
-    static void *CJSON_CDECL Allocate(std::size_t size) {
-        void *block = ++m_asked == m_failing ? nullptr : std::malloc(size);
-        m_alive += block != nullptr;
-        return block;
-    }
-    static void CJSON_CDECL Free(void *block) {
-        m_alive -= block != nullptr;
-        std::free(block);
-    }
-
-    static inline unsigned m_asked = 0;
-    static inline unsigned m_failing = 0;
-    static inline int m_alive = 0;
-};
-
-class PolicyWithoutMemory : public WrittenPolicy {
-protected:
-    PolicyWithoutMemory() { JsonMemory::Use(GetModuleHandleW(L"fc.dll")); }
-
-    Heard ReadWithout(unsigned nth) {
-        Before();
-        JsonMemory::Fail(nth);
-        Heard heard = ReadPolicy(AllMembers());
-        m_wasAsked = JsonMemory::Asked() >= nth;
-        JsonMemory::Fail(0);
-        return heard;
-    }
-    [[nodiscard]] bool WasAsked() const { return m_wasAsked; }
-
-    /// The expected file, depending on whether the output was abandoned with that message.
-    void ExpectOutputOf(const Heard &heard) {
-        const Messages failures = heard.EngineLines("Fail");
-        EXPECT_EQ(heard.errors, failures.empty() ? Messages() : Messages{"Failed to output cloud config"});
-        if (!failures.empty()) {
-            EXPECT_EQ(WrittenJson(), kLongBefore);
-        } else if (heard.count) {
-            EXPECT_GE(WrittenKeys().size(), 12u) << WrittenJson();
-        } else {
-            EXPECT_EQ(WrittenJson(), kNothingWritten);
-        }
-    }
-
-private:
-    bool m_wasAsked = false;
-};
-
-TEST_F(PolicyWithoutMemory, EachFailedAllocationAffectsOnlyItsPurpose) {
-    constexpr std::array expected{"json parsing error [", "Fail to cJSON_CreateObject for root",
-                                  "Fail to cJSON_CreateObject for object", "Fail to print JSON"};
-    std::array<bool, expected.size()> told{};
-    unsigned nth = 1;
-    for (; nth < 1000; ++nth) {
-        SCOPED_TRACE("without block " + std::to_string(nth));
-        const Heard heard = ReadWithout(nth);
-        if (!WasAsked())
-            break;
-        EXPECT_EQ(heard.action, kNormal);
-        EXPECT_EQ(heard.EngineLines("json parsing error [").size(), heard.count ? 0u : 1u);
-        ExpectOutputOf(heard);
-        ASSERT_EQ(JsonMemory::Alive(), 0);
-        for (std::size_t i = 0; i < expected.size(); ++i)
-            told[i] = told[i] || !heard.EngineLines(expected[i]).empty();
-    }
-    EXPECT_GT(nth, 60u) << "the policy alone has that many items";
-    for (std::size_t i = 0; i < expected.size(); ++i)
-        EXPECT_TRUE(told[i]) << expected[i];
-}
-
-TEST_F(PolicyWithoutMemory, TheNextIterationIsCompleteAgain) {
-    for (const unsigned nth : {1u, 40u, 80u, 100u}) {
-        (void)ReadWithout(nth);
-        EXPECT_TRUE(WasAsked());
-        EXPECT_EQ(ReadPolicy(AllMembers()).count, 13);
-        EXPECT_EQ(WrittenJson(), kAllMembersWritten);
-    }
 }
 
 }  // namespace

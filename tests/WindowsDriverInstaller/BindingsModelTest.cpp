@@ -13,6 +13,7 @@
 
 #include "BindingsMachines.h"
 #include "BindingsModel.h"
+#include "DriverFile.h"
 #include "InstallFixture.h"
 #include "SeededRandom.h"
 #include "WindowsFunctions.h"
@@ -122,7 +123,7 @@ protected:
                     OnSleep();
             },
             Simulator::Depth::Watch);
-        WriteVersion(m_ourVersionFile, kOurVersion);
+        Simulator::WriteDriverFile(m_ourVersionFile, kOurVersion);
         ReadVersionsOnce();
         RemoveInfFiles();
         RecordApplyAlone();

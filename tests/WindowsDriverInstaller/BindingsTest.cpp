@@ -95,7 +95,7 @@ TEST_F(FilterBindings, AreNotAppliedWhenAllAreDisabledAlready) {
     EXPECT_EQ(CountCalls("INetCfgBindingPath::Enable"), 0U);
 }
 
-TEST_F(FilterBindings, AreDisabledForComponentsThatAreNoAdapters) {
+TEST_F(FilterBindings, AreDisabledForComponentsThatAreNotAdapters) {
     network().ChangeAdapter(kFirst, [](auto &adapter) { adapter.characteristics = 0; });
     (void)SetBindings(false, nullptr, false);
     EXPECT_EQ(Bound(), "--") << "what matters is that the characteristics can be read, not their value";

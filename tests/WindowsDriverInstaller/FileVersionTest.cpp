@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "DriverFile.h"
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "WindowsDriverInstaller/drivers/DriverVersions.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-using Version = std::array<std::uint16_t, 4>;
+using Version = Simulator::FileVersion;
 namespace fs = std::filesystem;
 
 const fs::path kSystem = L"C:\\windows\\system32";
@@ -27,28 +27,6 @@ const fs::path kSystem = L"C:\\windows\\system32";
 std::string BytesOf(const fs::path &path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// Where the version's four words begin in a program file; npos if it has none.
-std::size_t FindVersion(const std::string &bytes) {
-    const std::u16string_view key = u"VS_VERSION_INFO";
-    std::string marker(reinterpret_cast<const char *>(key.data()), key.size() * sizeof(char16_t));
-    marker += std::string(4, '\0');                // its terminator, and the padding to a multiple of four
-    marker += "\xBD\x04\xEF\xFE";                  // the signature
-    marker += std::string("\x00\x00\x01\x00", 4);  // the version of the structure
-    const std::size_t found = bytes.find(marker);
-    return found == bytes.npos || found + marker.size() + sizeof(Version) > bytes.size() ? bytes.npos
-                                                                                         : found + marker.size();
-}
-
-/// An independent reading of the file, which stores the lower word of each pair first.
-std::optional<Version> VersionInBytes(const std::string &bytes) {
-    const std::size_t at = FindVersion(bytes);
-    if (at == bytes.npos)
-        return std::nullopt;
-    Version stored;
-    std::memcpy(stored.data(), bytes.data() + at, sizeof stored);
-    return Version{stored[1], stored[0], stored[3], stored[2]};
 }
 
 /// As Lua sees it; "" for no result.
@@ -106,11 +84,7 @@ protected:
     /// A library with this version in its resources.
     fs::path WriteLibrary(const std::wstring &name, const Version &version) {
         std::string bytes = m_sample;
-        const Version stored{version[1], version[0], version[3], version[2]};
-        const std::size_t at = FindVersion(bytes);
-        EXPECT_NE(at, bytes.npos);
-        if (at != bytes.npos)
-            std::memcpy(bytes.data() + at, stored.data(), sizeof stored);
+        Simulator::SetVersion(bytes, version);
         return Write(name, bytes);
     }
 
@@ -126,7 +100,7 @@ TEST_F(FileVersion, MatchesTheBytesOfTheSystemsLibraries) {
     for (const fs::directory_entry &entry : fs::directory_iterator(kSystem)) {
         if (entry.path().extension() != L".dll" || entry.file_size() > 300'000 || read == 150)
             continue;
-        const std::optional<Version> expected = VersionInBytes(BytesOf(entry.path()));
+        const std::optional<Version> expected = Simulator::VersionIn(BytesOf(entry.path()));
         EXPECT_EQ(Read(entry.path()), Text(expected)) << entry.path();
         read += expected.has_value() ? 1 : 0;
     }
@@ -136,7 +110,7 @@ TEST_F(FileVersion, MatchesTheBytesOfTheSystemsLibraries) {
 TEST_F(FileVersion, MatchesTheBytesOfTheModule) {
     wchar_t path[MAX_PATH];
     ASSERT_NE(GetModuleFileNameW(GetModuleHandleW(L"fc.dll"), path, MAX_PATH), 0U);
-    const std::optional<Version> expected = VersionInBytes(BytesOf(path));
+    const std::optional<Version> expected = Simulator::VersionIn(BytesOf(path));
     ASSERT_TRUE(expected);
     EXPECT_EQ(Read(fs::path(path)), Text(expected));
 }
@@ -181,7 +155,7 @@ TEST_F(FileVersion, HasNoResultForALibraryWithoutResources) {
 }
 
 TEST_F(FileVersion, IsCompleteOrHasNoResultForATruncatedLibrary) {
-    const std::string whole = Text(VersionInBytes(Sample()));
+    const std::string whole = Text(Simulator::VersionIn(Sample()));
     int none = 0;
     for (std::size_t size = 0; size < Sample().size(); size += Sample().size() / 60 + 1) {
         const std::string read = Read(Write(L"cut" + std::to_wstring(size) + L".dll", Sample().substr(0, size)));

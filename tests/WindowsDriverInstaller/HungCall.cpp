@@ -4,6 +4,7 @@
 
 #include <dbghelp.h>
 
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
@@ -102,18 +103,11 @@ bool HungCall::AwaitObjects(int objects, const Simulator::BalanceSnapshot &befor
 void HungCall::ClearAway(const std::vector<Simulator::BalanceItem> &left) {
     const InsideSimulator inside;
     for (const Simulator::BalanceItem &item : left) {
-        void *const handle = reinterpret_cast<void *>(item.value);
         const std::string_view kind = item.kind;
-        if (kind == Kind::kView)
-            UnmapViewOfFile(handle);
-        else if (kind == Kind::kHandle)
-            CloseHandle(handle);
-        else if (kind == Kind::kFind)
-            FindClose(handle);
-        else if (kind == Kind::kKey)
-            RegCloseKey(static_cast<HKEY>(handle));
-        else if (kind == Kind::kService)
-            m_simulation.GetServices().Close(static_cast<SC_HANDLE>(handle));
+        if (kind == Kind::kService)
+            m_simulation.GetServices().Close(reinterpret_cast<SC_HANDLE>(item.value));
+        else if (kind == Kind::kView || kind == Kind::kHandle || kind == Kind::kFind || kind == Kind::kKey)
+            Release(item);
         m_simulation.GetBalance().Closed(item.kind, item.value);
     }
 }

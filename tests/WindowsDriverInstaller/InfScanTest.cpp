@@ -202,7 +202,7 @@ TYPED_TEST(InfScan, FindsAdjacentNames) {
     EXPECT_EQ(this->Named(text + this->Wide(" ")), "none");
 }
 
-TYPED_TEST(InfScan, FindsANameBehindPartOfOne) {
+TYPED_TEST(InfScan, FindsANameAfterPartOfOne) {
     EXPECT_EQ(this->Named(this->Times(10, "qbimvtqbimvta") + this->End()), "qbimvta");
     EXPECT_EQ(this->Named(this->Times(10, "qqbqbimqbimwfp") + this->End()), "qbimwfp");
 }

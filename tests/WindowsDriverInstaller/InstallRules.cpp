@@ -9,6 +9,8 @@
 
 #include <netcfgx.h>
 
+#include "Leftovers.h"
+
 namespace {
 
 using Part = FaultPlace::Part;
@@ -260,15 +262,9 @@ bool Rules::Meet(Part part, unsigned turn) {
 
 /// What can't be released stays.
 void Rules::Leave() {
-    static const std::map<std::string, const char *> kinds{
-        {"CloseHandle", "handle"},    {"CloseServiceHandle", "service handle"},
-        {"FindClose", "find handle"}, {"FreeLibrary", "library"},
-        {"RegCloseKey", "key"},       {"SetupDiDestroyDeviceInfoList", "device list"},
-        {"UnmapViewOfFile", "view"},
-    };
-    const auto kind = m_fault.place == nullptr ? kinds.end() : kinds.find(m_fault.place->function);
-    if (kind != kinds.end())
-        m.left[kind->second] = 1;
+    const std::string_view kind = m_fault.place == nullptr ? "" : KindReleasedBy(m_fault.place->function);
+    if (!kind.empty())
+        m.left[std::string(kind)] = 1;
 }
 
 void Rules::PutMachine() {

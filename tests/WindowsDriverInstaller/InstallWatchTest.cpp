@@ -58,6 +58,15 @@ protected:
             plan->Release();
         });
     }
+    /// The installation loads a driver of an older version, which the event replaces by another one, or by none.
+    void RunStaleDriverUntil(NetworkMoment::What event, const std::optional<Version> &then) {
+        onMoment = [this, event, then](const NetworkMoment &moment) {
+            if (moment.what == NetworkMoment::What::Installed)
+                SetRunningVersion(Version{1, 0, 0, 0});
+            else if (moment.what == event)
+                SetRunningVersion(then);
+        };
+    }
     static Lines Warnings(const InstallOutcome &outcome) { return outcome.Lines(wxLOG_Warning); }
     [[nodiscard]] Lines ThingsLeft(const Simulator::BalanceSnapshot &before) {
         Lines left;
@@ -398,24 +407,14 @@ TEST_F(InstallWatch, RebindsWhenADriverOfAnotherVersionIsLoadedAndAsksForAReboot
 }
 
 TEST_F(InstallWatch, AsksForARebootEvenWhenRebindingHasLoadedTheRightVersion) {
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingEnabled)
-            SetRunningVersion(kOurVersion);
-    };
+    RunStaleDriverUntil(What::BindingEnabled, kOurVersion);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("2.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
 }
 
 TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersAfterTheRebinding) {
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingDisabled)
-            SetRunningVersion(std::nullopt);
-    };
+    RunStaleDriverUntil(What::BindingDisabled, std::nullopt);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("0.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
@@ -423,12 +422,7 @@ TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersAfterTheRebinding) {
 
 TEST_F(InstallWatch, AsksForNoRebootWhenNoDriverAnswersAndOursHasVersionZero) {
     SetOurVersion({0, 0, 0, 0});
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingDisabled)
-            SetRunningVersion(std::nullopt);
-    };
+    RunStaleDriverUntil(What::BindingDisabled, std::nullopt);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_TRUE(Has(outcome.ThreadLog(), kStale));

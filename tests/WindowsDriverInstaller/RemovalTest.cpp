@@ -507,7 +507,7 @@ TEST_F(DriverRemoval, SkipsADeviceWithoutADescription) {
     ExpectOneEvent(removal, "SetupDiGetDeviceRegistryProperty", "0xd");
 }
 
-TEST_F(DriverRemoval, FindsAnOrphanBehindADeviceWithoutADescription) {
+TEST_F(DriverRemoval, FindsAnOrphanAfterADeviceWithoutADescription) {
     simulation().GetDevices().Put({.instanceId = L"ROOT\\NET\\0000"});
     PutOrphanOfComponent(1);
     EXPECT_TRUE(Uninstall().result);

@@ -349,7 +349,7 @@ TEST_F(NativeFirewall, PadsAShorterFlagWithZeros) {
     EXPECT_EQ(Profiles(), 6);
 }
 
-TEST_F(NativeFirewall, IgnoresBitsThatAreNoProfiles) {
+TEST_F(NativeFirewall, IgnoresBitsThatAreNotProfiles) {
     PutProfiles(0);
     PutFlag(MaskFlag(8));
     EXPECT_EQ(TurnOn(), kNewOn + Lines{"Turning Windows Firewall back on, previous Setting was 8"});

@@ -8,12 +8,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Abi
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Abi
 
 # header NAME: takes its text from the input.
 header() {
@@ -63,7 +59,7 @@ slots_told() {
         awk -F ' *\\| *' 'NR > 2 { print $2, $3; if ($5 != "") print $5, $6 }' | sed -n 's/wxThread:://; /^[0-9]/p' | sort -n
 }
 
-TheSlotsOfAThreadAreThoseOfThePage() {
+TheSlotsOfAThreadMatchThePage() {
     local slots
     slots=$(slots_of Own '#include <vta_core.h>
 class Own : public VtaCore::CRunnable {
@@ -75,7 +71,7 @@ void Make() { Own own; }') || return
     [ "${slots/unsigned int/unsigned}" = "$(slots_told)" ] || because "$(diff <(echo "$slots") <(slots_told))"
 }
 
-TheRecordOfATypeHasItsFiveOperationsInTheirOrder() {
+TheRecordOfATypeHasItsFiveFunctionsInOrder() {
     local slots
     slots=$(slots_of Own '#include <SLB3.h>
 class Own : public SLB3::BaseInfo {
@@ -103,7 +99,7 @@ static_assert(__is_empty(VtaCore::CDom) && __is_empty(VtaCore::CZipOutputStream)
 static_assert(!__is_constructible(VtaCore::CDom) && !__is_constructible(VtaCore::CZipOutputStream));'
 }
 
-for name in TheSlotsOfAThreadAreThoseOfThePage TheRecordOfATypeHasItsFiveOperationsInTheirOrder TheRecordsHaveTheirLayout \
+for name in TheSlotsOfAThreadMatchThePage TheRecordOfATypeHasItsFiveFunctionsInOrder TheRecordsHaveTheirLayout \
     TheObjectsOfTheAgentHaveNoMembers; do
     test_case "$name"
 done

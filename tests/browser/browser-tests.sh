@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at the host's report in a real browser: runs examples, opens their pages in Chromium, reads what check.js finds.
+# Checks the host's report in a real browser: runs examples, opens their pages in Chromium, reads the findings of check.js.
 #   browser-tests.sh BIN EXAMPLES XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -9,12 +9,8 @@ BIN=$1 EXAMPLES=$2 XML=$3
 WINE=("${@:4}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
 BROWSER=$(command -v chromium || true)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Report
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Report
 
 # browse PAGE OPTIONS...: runs the browser without a window, with its own profile.
 browse() {
@@ -72,7 +68,7 @@ TheBrowserIsInstalled() {
     [ -n "$BROWSER" ] || because "there is no chromium: ./dev test installs it and runs this test"
 }
 
-TheExampleMakesItsPage() {
+TheExampleWritesItsPage() {
     report health "$EXAMPLES/health.lua" --out "$WORK/out" || return
     [ -s "$WORK/health.html" ] || because "the example has made no page, which the other tests look at"
 }
@@ -158,7 +154,7 @@ LUA
         shows removal 'Driver report' && shows removal 'ended with failures after'
 }
 
-for name in TheBrowserIsInstalled TheExampleMakesItsPage; do # the others need both files
+for name in TheBrowserIsInstalled TheExampleWritesItsPage; do # the others need both files
     [ "$FAILED" -gt 0 ] || test_case "$name"
 done
 if [ "$FAILED" -eq 0 ]; then

@@ -9,15 +9,6 @@ namespace {
 const std::string kInstallPrelude = R"(
         local machine = host.machine
         local E, W = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-        local function write(path, text)
-            local file = assert(io.open(path, "wb"))
-            file:write(text)
-            file:close()
-        end
         local function adapter(node)
             for _, found in ipairs(machine.adapters()) do
                 if found.node == node then return found end
@@ -56,17 +47,14 @@ const std::string kInstallPrelude = R"(
         end
     )";
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - refused(message, f, ...) expects f to raise an error,
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers and these:
 /// - adapter(node) is an adapter's state, or nil, and bound(node) what is bound to it, as one text,
 /// - ready(version) makes a machine with two adapters, E and W, on which that version can be installed,
 /// - install() installs, and returns the agent's events by their numbers, and how often a reboot was requested.
 HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
     std::vector<std::wstring> all = options;
     all.insert(all.end(), {L"--fast", L"4"});
-    HostRun run = RunScript(kInstallPrelude + script, all);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
+    return RunPassingScript(kScriptHelpers + kInstallPrelude + script, all);
 }
 
 }  // namespace

@@ -5,17 +5,12 @@
 
 namespace {
 
-/// Runs a script whose assertions are the test's; it may use `refused`, and gets the path as arg[1].
+/// Runs a script whose assertions are the test's; it may use kScriptHelpers, and gets the path as arg[1].
 void ExpectPasses(const std::string &script, const std::vector<std::wstring> &options = {},
                   const std::wstring &path = {}) {
     const TemporaryFolder folder;
     std::vector<std::wstring> arguments = options;
-    arguments.push_back(folder.Write(L"script.lua", R"(
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-    )" + script));
+    arguments.push_back(folder.Write(L"script.lua", kScriptHelpers + script));
     arguments.push_back(path);
     const HostRun run = RunHost(arguments);
     EXPECT_EQ(run.exitCode, 0U) << run.err;

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -184,3 +185,21 @@ HostRun RunScript(const std::string &script, std::vector<std::wstring> options) 
     options.push_back(folder.Write(L"script.lua", script));
     return RunHost(options);
 }
+
+HostRun RunPassingScript(const std::string &script, std::vector<std::wstring> options) {
+    HostRun run = RunScript(script, std::move(options));
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    return run;
+}
+
+const std::string kScriptHelpers = R"(
+    local function refused(expected, f, ...)
+        local ok, message = pcall(f, ...)
+        assert(not ok and message:find(expected, 1, true), tostring(message))
+    end
+    local function write(path, text)
+        local file = assert(io.open(path, "wb"))
+        file:write(text)
+        file:close()
+    end
+)";

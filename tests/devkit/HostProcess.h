@@ -49,3 +49,11 @@ std::string TextOfFile(const std::wstring &path);
 
 /// Writes the text to a script and runs that.
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options = {});
+
+/// The same for a script whose assertions are the test's: fails the test unless the script succeeds.
+HostRun RunPassingScript(const std::string &script, std::vector<std::wstring> options = {});
+
+/// Lua functions for scripts whose assertions are the test's:
+/// - refused(message, f, ...) expects f to raise an error with that text in its message,
+/// - write(path, text) writes a file.
+extern const std::string kScriptHelpers;

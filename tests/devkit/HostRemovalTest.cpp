@@ -11,24 +11,13 @@ bool Has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - refused(message, f, ...) expects f to raise an error,
-/// - write(path, text) writes a file,
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers and these:
 /// - remove() removes the drivers, and returns the result and the log's lines as one text.
 HostRun RunRemovalScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
     std::vector<std::wstring> all = options;
     all.insert(all.end(), {L"--fast", L"1"});
-    HostRun run = RunScript(R"(
+    return RunPassingScript(kScriptHelpers + R"(
         local machine = host.machine
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-        local function write(path, text)
-            local file = assert(io.open(path, "wb"))
-            file:write(text)
-            file:close()
-        end
         local function remove()
             require "fc"
             local folder = machine.folders().program_files
@@ -39,8 +28,6 @@ HostRun RunRemovalScript(const std::string &script, const std::vector<std::wstri
         end
     )" + script,
                             all);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
 }
 
 }  // namespace

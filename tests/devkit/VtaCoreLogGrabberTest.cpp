@@ -116,7 +116,7 @@ TEST_F(LogGrabber, CreatedInAThreadPassesOnToThatThreadsTarget) {
     EXPECT_TRUE(m_before.records.empty());
 }
 
-TEST_F(LogGrabber, KeepsTheLinesOfSeveralThreadsWhole) {
+TEST_F(LogGrabber, KeepsTheLinesOfSeveralThreadsComplete) {
     constexpr int kThreads = 8;
     constexpr int kLines = 500;
     wxString text;

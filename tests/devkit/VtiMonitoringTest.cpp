@@ -6,29 +6,13 @@
 #include <iterator>
 #include <memory>
 
-#include <gtest/gtest.h>
-
-#include "vti_control.h"
+#include "VtiTestSupport.h"
 
 namespace {
 
 constexpr int32_t kInvalidRequest = -10003;
 
-class VtiMonitoring : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Vti::Reset();
-        handle = vti_open();
-        ASSERT_NE(handle, nullptr);
-    }
-    void TearDown() override {
-        vti_close(handle);
-        Vti::Reset();
-    }
-
-    vti_handle_t *handle = nullptr;
-    Vti::Driver &driver = Vti::TheDriver();
-};
+class VtiMonitoring : public OpenedDriver {};
 
 std::vector<std::string> traced;
 

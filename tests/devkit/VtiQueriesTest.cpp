@@ -2,36 +2,14 @@
 #include <cstring>
 #include <memory>
 
-#include <gtest/gtest.h>
-
-#include "vti_control.h"
+#include "VtiTestSupport.h"
 
 namespace {
 
 constexpr int32_t kOutOfRange = -10002;
 constexpr int32_t kInvalidRequest = -10003;
 
-class VtiQueries : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Vti::Reset();
-        handle = vti_open();
-        ASSERT_NE(handle, nullptr);
-    }
-    void TearDown() override {
-        vti_close(handle);
-        Vti::Reset();
-    }
-
-    std::string Error() const {
-        char text[200] = {};
-        vti_get_error(handle, text, sizeof text);
-        return text;
-    }
-
-    vti_handle_t *handle = nullptr;
-    Vti::Driver &driver = Vti::TheDriver();
-};
+class VtiQueries : public OpenedDriver {};
 
 std::unique_ptr<StatsRecord> StatsRequest() {
     auto record = std::make_unique<StatsRecord>();

@@ -16,7 +16,7 @@
 
 #include "ComLibrary.h"
 #include "ComObject.h"
-#include "DeviceManager.h"
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 
 namespace {
@@ -37,19 +37,6 @@ void TellCurrentCall(const char *what) {
 LONG WINAPI OnCrash(EXCEPTION_POINTERS *) {
     TellCurrentCall("crash");
     return EXCEPTION_CONTINUE_SEARCH;
-}
-
-/// Functions that release a resource and may fail: then it stays.
-const std::map<std::string, std::string> &Closers() {
-    namespace Kind = Simulator::Kind;
-    static const std::map<std::string, std::string> closers{
-        {"CloseHandle", Kind::kHandle},    {"RegCloseKey", Kind::kKey},
-        {"FreeLibrary", Kind::kLibrary},   {"FindClose", Kind::kFind},
-        {"PdhCloseQuery", Kind::kQuery},   {"CloseServiceHandle", Kind::kService},
-        {"UnmapViewOfFile", Kind::kView},  {"SetupDiDestroyDeviceInfoList", Kind::kDeviceList},
-        {"LocalFree", Kind::kLocalMemory},
-    };
-    return closers;
 }
 
 /// Failures that affect more than the call:
@@ -485,9 +472,8 @@ void SweepFixture::Account(const SweptCall &call, bool raised, bool answeredTrue
         Learn(call.function);
     (void)simulation().GetJournal().Take();
     Vti::TheDriver().calls.clear();
-    if (const auto closer = call.fault ? Closers().find(call.fault->function) : Closers().end();
-        closer != Closers().end())
-        m_stays[closer->second].most += faultHits;
+    if (const std::string_view kind = call.fault ? KindReleasedBy(call.fault->function) : ""; !kind.empty())
+        m_stays[std::string(kind)].most += faultHits;
     if (faultHits != 0 && call.fault->function == "GetVersionExW")
         m_seemsOld = true;
     if (call.fault && call.fault->function.starts_with("INetCfg"))
@@ -546,20 +532,14 @@ Simulator::BalanceSnapshot SweepFixture::Settled() {
 
 void SweepFixture::GiveBack(const std::vector<Simulator::BalanceItem> &items) {
     namespace Kind = Simulator::Kind;
-    static const std::map<std::string, void (*)(std::uintptr_t)> closers{
-        {Kind::kHandle, [](auto value) { CloseHandle(reinterpret_cast<HANDLE>(value)); }},
-        {Kind::kService, [](auto value) { CloseServiceHandle(reinterpret_cast<SC_HANDLE>(value)); }},
-        {Kind::kKey, [](auto value) { RegCloseKey(reinterpret_cast<HKEY>(value)); }},
-        {Kind::kFind, [](auto value) { FindClose(reinterpret_cast<HANDLE>(value)); }},
-        {Kind::kView, [](auto value) { UnmapViewOfFile(reinterpret_cast<void *>(value)); }},
-        {Kind::kDeviceList, [](auto value) { SetupDiDestroyDeviceInfoList(reinterpret_cast<HDEVINFO>(value)); }},
-        {Kind::kComReference, [](auto value) { reinterpret_cast<IUnknown *>(value)->Release(); }},
-        {Kind::kComInitialisation, [](auto) { CoUninitialize(); }},
-    };
     for (const Simulator::BalanceItem &item : items) {
-        const auto closer = closers.find(item.kind);
-        if (closer != closers.end())
-            closer->second(item.value);
+        const std::string_view kind = item.kind;
+        if (kind == Kind::kComReference)
+            reinterpret_cast<IUnknown *>(item.value)->Release();
+        else if (kind == Kind::kComInitialisation)
+            CoUninitialize();
+        else if (kind != Kind::kLibrary)  // the module uses its libraries again
+            Release(item);
     }
 }
 

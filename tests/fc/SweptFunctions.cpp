@@ -122,7 +122,7 @@ struct Result {
     bool badArguments;
 };
 
-/// Whether the result is what its letter says:
+/// Whether the result is of the kind of its letter:
 ///   b boolean, T true, n number, z zero; = the last argument;
 ///   a table with an action, r rows of connections, m metrics of the health, i strings.
 bool IsRight(char letter, const Result &result) {

@@ -47,7 +47,7 @@ void *NotToBeCalled(void *) {
     return reinterpret_cast<void *>(0xBAD);
 }
 
-TEST_F(UserdataArguments, YieldsTheObjectOfAnInstanceWithThatTypeName) {
+TEST_F(UserdataArguments, ReturnsTheObjectOfAnInstanceWithThatTypeName) {
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object);
     EXPECT_EQ(Dom(), &object);
 }
@@ -67,12 +67,12 @@ TEST_F(UserdataArguments, AcceptsNeitherAPrefixNorALongerNameAsTheType) {
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, YieldsNothingForAConstInstanceAlthoughTheObjectIsFound) {
+TEST_F(UserdataArguments, ReturnsNothingForAConstInstanceAlthoughTheObjectIsFound) {
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object, true);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, OnlyOneOfTheTwoConstBitsMeansNothing) {
+TEST_F(UserdataArguments, IgnoresOneOfTheTwoConstBitsWithoutTheOther) {
     for (const std::uint32_t flags : {1U, 2U, 0xFFFFFFFCU}) {
         SLB3::Control::PushInstance(lua, "SLB.Dom", &object);
         static_cast<SlbInstance *>(lua_touserdata(lua, 1))->flags = flags;
@@ -91,7 +91,7 @@ TEST_F(UserdataArguments, AcceptsADerivedClassThroughItsBaseEntry) {
     EXPECT_EQ(Dom(), &derived.base);
 }
 
-TEST_F(UserdataArguments, AConstDerivedInstanceYieldsNothing) {
+TEST_F(UserdataArguments, AConstDerivedInstanceReturnsNothing) {
     Derived derived;
     const SlbBaseEntry bases[] = {{"SLB.Dom", 1, BaseOfDerived}, {nullptr, 0, nullptr}};
     SLB3::Control::PushInstance(lua, "SLB.DerivedDom", &derived, true, bases);
@@ -105,12 +105,12 @@ TEST_F(UserdataArguments, TheSearchOfTheBasesEndsAtTheZeroMarker) {
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, AnotherTypeWithoutBasesYieldsNothing) {
+TEST_F(UserdataArguments, AnotherTypeWithoutBasesReturnsNothing) {
     SLB3::Control::PushInstance(lua, "SLB.Other", &object);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, AnObjectThatIsGoneYieldsNothing) {
+TEST_F(UserdataArguments, AForgottenObjectReturnsNothing) {
     Derived derived;
     const SlbBaseEntry bases[] = {{"SLB.Dom", 1, NotToBeCalled}, {nullptr, 0, nullptr}};
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object);

@@ -9,14 +9,11 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 PACKAGES=$2 XML=$3
 WINE=${4:-wine}
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Acceptance
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh" Acceptance
 export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1" || true; }
 trap 'end_wine -k; rm -rf "$WORK"' EXIT
-# shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
 
 # Some tests would change the user's own machine. Stack dumps are slow.
 PROGRAMS=(fc-load-tests installer-tests removal-tests)
@@ -75,12 +72,12 @@ TheTestProgramsPassWithoutTheDriveOfThisMachine() {
     done
 }
 
-ItShowsHowFarItIs() {
+ItShowsItsProgress() {
     grep -qF "[1/${#PROGRAMS[@]}] ${PROGRAMS[0]}" "$WORK/said" || because "it says: $(head -n 5 "$WORK/said")" || return
     grep -qF "[${#PROGRAMS[@]}/${#PROGRAMS[@]}] ${PROGRAMS[-1]}" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")"
 }
 
-ThePageNamesVersionAndWhatWasLeftOut() {
+ThePageNamesTheVersionAndSkippedSuites() {
     local text
     for text in "$(sed -n 's/^fc-host \([^,]*\),.*/\1/p' "$DEVKIT/results/version.txt")" RealService RealRegistryTree RealKey RealInf; do
         grep -qF "${text:?}" "$DEVKIT/results/summary.html" || because "it does not name '$text'" || return
@@ -89,12 +86,12 @@ ThePageNamesVersionAndWhatWasLeftOut() {
         because "such a test was run"
 }
 
-TheMachineIsAsItWas() {
+TheMachineIsUnchanged() {
     machine >"$WORK/after"
     diff "$WORK/before" "$WORK/after" >"$WORK/log" || because "$(head -n 10 "$WORK/log")"
 }
 
-AFailedTestFailsAll() {
+AFailedTestFailsTheAcceptance() {
     mv "$DEVKIT/bin/test-data/docs/steps.md" "$WORK/"
     GTEST_FILTER='StepTable.*' accept installer-tests
     mv "$WORK/steps.md" "$DEVKIT/bin/test-data/docs/"
@@ -102,18 +99,18 @@ AFailedTestFailsAll() {
     grep -q 'StepTable' "$DEVKIT/results/summary.html" || because "the page does not name the test"
 }
 
-ACrashFailsAll() {
+ACrashFailsTheAcceptance() {
     cp "$BIN/runner-crash.exe" "$DEVKIT/bin/crash-tests.exe"
     GTEST_FILTER='ModuleFile.*' accept crash-tests fc-load-tests
     fails_with 'crash-tests left no results and crashed: 0xC0000005'
 }
 
-AMissingProgramFailsAll() {
+AMissingProgramFailsTheAcceptance() {
     GTEST_FILTER='ModuleFile.*' accept fc-load-tests nosuch-tests
     fails_with 'nosuch-tests was not run'
 }
 
-AProgramThatTakesTooLongFailsAll() {
+ASlowProgramFailsTheAcceptance() {
     FC_TEST_SECONDS=1 accept installer-tests
     fails_with 'installer-tests was killed after 1 s'
 }
@@ -140,7 +137,7 @@ XML
     STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt")
 }
 
-OnlyWholeResultsAndAGoodStatusPass() {
+OnlyCompleteResultsWithASuccessfulStatusPass() {
     judges 0
     [ "$STATUS" = 0 ] && [ -e "$DEVKIT/results/passed.txt" ] || because "good results do not pass: $(cat "$WORK/said")" || return
     judges 0 '/<.testsuites>/d' && fails_with 'left incomplete results' || return
@@ -154,9 +151,9 @@ OnlyWholeResultsAndAGoodStatusPass() {
     judges '' && fails_with 'was not run'
 }
 
-for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsHowFarItIs ThePageNamesVersionAndWhatWasLeftOut \
-    TheMachineIsAsItWas AFailedTestFailsAll ACrashFailsAll AMissingProgramFailsAll AProgramThatTakesTooLongFailsAll \
-    OnlyWholeResultsAndAGoodStatusPass; do
+for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsItsProgress ThePageNamesTheVersionAndSkippedSuites \
+    TheMachineIsUnchanged AFailedTestFailsTheAcceptance ACrashFailsTheAcceptance AMissingProgramFailsTheAcceptance ASlowProgramFailsTheAcceptance \
+    OnlyCompleteResultsWithASuccessfulStatusPass; do
     test_case "$name"
 done
 write_results acceptance-tests "$XML"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Packs what is built here, twice, and looks at the packages.
+# Makes the packages of this build, twice, and checks them.
 #   packaging-tests.sh BUILD LIBRARIES HEADERS PACKAGES XML
 # The first two packages are left in the folder PACKAGES, the results in XML, as GoogleTest writes them.
 set -euo pipefail
@@ -7,12 +7,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BUILD=$1 LIBRARIES=$2 HEADERS=$3 PACKAGES=$4 XML=$5
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Packaging
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Packaging
 
 export SOURCE_DATE_EPOCH=1700000000
 
@@ -52,19 +48,19 @@ TwoFoldersGiveTheSameBytes() {
     MODULE=$(echo "$WORK"/unpacked/fc-[0-9]*) DEVKIT=$(echo "$WORK"/unpacked/fc-devkit-*)
 }
 
-TheNamesHaveTheCommit() {
+TheNamesContainTheCommit() {
     local version
     version=$(sed -n 's/.*"\(.*\)"$/\1/p' "$BUILD/version/Version.h" | tr + -)
     [[ $version =~ ^[0-9.]+-(unknown|g[0-9a-f]{10}(-dirty)?)$ ]] || because "the version is '$version'" || return
     [ "${MODULE##*/} ${DEVKIT##*/}" = "fc-$version fc-devkit-$version" ] || because "there are $(ls "$WORK/unpacked")"
 }
 
-TheModuleIsThatWhichTheTestsLoad() {
+TheModuleIsTheOneThatTheTestsLoad() {
     cmp "$BUILD/bin/fc.dll" "$MODULE/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
     cmp "$BUILD/bin/fc.dll" "$DEVKIT/bin/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")"
 }
 
-TheModulesPackageHasAllThatBelongsToIt() {
+TheModulesPackageIsComplete() {
     (cd "$MODULE" && find . -type f | LC_ALL=C sort | grep -v '^\./licences/') >"$WORK/names"
     [ "$(tr '\n' ' ' <"$WORK/names")" = './CHANGELOG.md ./REQUIREMENTS.txt ./SHA256SUMS ./fc.cdx.json ./fc.dll ./fc.pdb ./lua/fc.d.lua ' ] ||
         because "it has $(tr '\n' ' ' <"$WORK/names")" || return
@@ -72,7 +68,7 @@ TheModulesPackageHasAllThatBelongsToIt() {
         xxHash.txt) >"$WORK/log" 2>&1 || because "$(grep cannot "$WORK/log")"
 }
 
-TheSymbolsAreThoseOfTheModule() {
+TheSymbolsMatchTheModule() {
     local of_module of_symbols
     of_module=$(llvm-readobj-19 --coff-debug-directory "$MODULE/fc.dll" | sed -n 's/.*PDBGUID: {\(.*\)}.*/\1/p')
     of_symbols=$(llvm-pdbutil-19 dump --summary "$MODULE/fc.pdb" | sed -n 's/.*GUID: {\(.*\)}.*/\1/p')
@@ -80,7 +76,7 @@ TheSymbolsAreThoseOfTheModule() {
 }
 
 # With another program than the one that made the list.
-TheRequirementsAreTheImportsOfTheModule() {
+TheRequirementsMatchTheImportsOfTheModule() {
     local library
     x86_64-w64-mingw32-objdump -p "$MODULE/fc.dll" | sed -n 's/.*DLL Name: //p' >"$WORK/imports"
     [ "$(wc -l <"$WORK/imports")" -gt 5 ] || because "the module imports $(cat "$WORK/imports")" || return
@@ -133,7 +129,7 @@ TheBillOfMaterialsHasEachPinnedFile() {
     [ "$(grep -oFf "$WORK/sums" "$bill" | sort -u | wc -l)" = "$(sort -u "$WORK/sums" | wc -l)" ] || because "a checksum is missing"
 }
 
-TheChecksumsAreThoseOfAllFiles() {
+TheChecksumsCoverAllFiles() {
     local folder
     for folder in "$MODULE" "$DEVKIT"; do
         (cd "$folder" && sha256sum --quiet --strict -c SHA256SUMS) >"$WORK/log" 2>&1 || because "$(tail -n 3 "$WORK/log")" || return
@@ -175,10 +171,11 @@ NoFileNamesAFolderOfThisMachine() {
     [ -z "$found" ] || because "they are in ${found//$WORK\/unpacked\//}"
 }
 
-for name in TwoFoldersGiveTheSameBytes TheNamesHaveTheCommit TheModuleIsThatWhichTheTestsLoad \
-    TheModulesPackageHasAllThatBelongsToIt TheSymbolsAreThoseOfTheModule TheRequirementsAreTheImportsOfTheModule \
-    TheBillOfMaterialsHasEachPinnedFile TheChecksumsAreThoseOfAllFiles TheDevkitHasEachTestProgram \
-    TheLinksOfTheDevkitsPagesLeadToItsFiles TheDevkitHasNoDriver NoFileNamesAFolderOfThisMachine; do
+for name in TwoFoldersGiveTheSameBytes TheNamesContainTheCommit TheModuleIsTheOneThatTheTestsLoad \
+    TheModulesPackageIsComplete TheSymbolsMatchTheModule TheRequirementsMatchTheImportsOfTheModule \
+    TheBillOfMaterialsHasEachPinnedFile TheChecksumsCoverAllFiles TheDevkitHasEachTestProgram \
+    TheLinksOfTheDevkitsPagesLeadToItsFiles TheDevkitHasNoDriver \
+    NoFileNamesAFolderOfThisMachine; do
     test_case "$name"
 done
 write_results packaging-tests "$XML"

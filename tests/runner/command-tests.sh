@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=DevCommand
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" DevCommand
 
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
@@ -30,7 +26,7 @@ refuses() {
     says "$1"
 }
 
-AFolderThatHoldsSomethingElseIsNotCleaned() {
+AFolderWithOtherContentsIsNotCleaned() {
     make_thesis
     refuses "was not made by ./dev" FC_BUILD="$WORK/thesis" -- clean || return
     [ -s "$WORK/thesis/thesis.tex" ] || because "the file is gone"
@@ -41,7 +37,7 @@ TheCloneItselfIsNotCleaned() {
     [ -x "$CLONE/dev" ] || because "the clone is gone"
 }
 
-AFolderThatHoldsSomethingElseIsNotFilled() {
+AFolderWithOtherContentsIsNotUsed() {
     local command
     make_thesis
     for command in run test bench check package shell host; do
@@ -51,7 +47,7 @@ AFolderThatHoldsSomethingElseIsNotFilled() {
     [ "$(ls -A "$WORK/thesis")" = $'lock\nthesis.tex' ] || because "the folder holds $(ls -A "$WORK/thesis")"
 }
 
-AFolderThatWasMadeForABuildIsCleaned() {
+AFolderMadeForABuildIsCleaned() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build/logs" "$CLONE/out" "$CLONE/dist"
     touch "$WORK/build/.made-by-dev"
@@ -90,7 +86,7 @@ AnUnknownArgumentIsRefused() {
     [ -d "$CLONE/build" ] || because "the build folder is gone"
 }
 
-AFolderOfSomebodyElseIsNamed() {
+AFolderOfAnotherUserIsNamed() {
     local variable
     for variable in FC_BUILD FC_CACHE FC_OUT; do
         fresh
@@ -132,14 +128,14 @@ AReadOnlyCloneIsEnough() {
     return $status
 }
 
-OutAndDistCanLieElsewhere() {
+OutAndDistCanBeElsewhere() {
     fresh
     dev FC_OUT="$WORK/out" -- run
     succeeds && called "fc-host.exe .*--out $WORK/out/out" && says "The report is $WORK/out/out/report.html" || return
     [ ! -e "$CLONE/out" ] || because "there is an out/ in the clone, too"
 }
 
-ResultsAreToldAsTheCallerSeesThem() {
+PathsOfResultsAreRelativeToTheCaller() {
     fresh
     (cd "$CLONE" && dev -- run && succeeds) || because "it fails: $(<"$SAID")" || return
     says 'The report is out/report.html, the events are out/events.json' && called 'fc-host.exe .* examples/story.lua --out out$' || return
@@ -150,7 +146,7 @@ ResultsAreToldAsTheCallerSeesThem() {
     called "fc-host.exe .*$CLONE/examples/connections.lua --out $CLONE/out the.log"
 }
 
-AnOutFolderOfSomebodysOwnIsNotUsed() {
+AnOutFolderWithOtherContentsIsNotUsed() {
     fresh
     mkdir -p "$WORK/work/out" "$WORK/work/dist"
     echo text | tee "$WORK/work/out/thesis.tex" >"$WORK/work/dist/thesis.tex"
@@ -170,10 +166,10 @@ ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
     called_not ninja
 }
 
-for name in AFolderThatHoldsSomethingElseIsNotCleaned TheCloneItselfIsNotCleaned \
-    AFolderThatHoldsSomethingElseIsNotFilled AFolderThatWasMadeForABuildIsCleaned TheUsualFolderIsCleaned \
-    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed AReadOnlyCloneIsEnough OutAndDistCanLieElsewhere \
-    ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
+for name in AFolderWithOtherContentsIsNotCleaned TheCloneItselfIsNotCleaned \
+    AFolderWithOtherContentsIsNotUsed AFolderMadeForABuildIsCleaned TheUsualFolderIsCleaned \
+    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
+    PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
     test_case "$name"
 done
 write_results command-tests "$XML"

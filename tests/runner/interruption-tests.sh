@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Interruption
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Interruption
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 
@@ -89,13 +85,13 @@ ASignalEndsTheHost() {
     starts_and_hangs fc-host.exe host loop.lua && is_ended_by TERM 143
 }
 
-WhatIgnoresTheSignalIsKilled() {
+AProcessThatIgnoresTheSignalIsKilled() {
     fresh
     touch "$FAKE_STATE/ninja.deaf"
     starts_and_hangs ninja package && is_ended_by TERM 143
 }
 
-TheHostKeepsWhatItHasWhenItIsInterrupted() {
+TheHostSavesItsResultsWhenItIsInterrupted() {
     fresh
     starts_and_hangs fc-host.exe run && is_ended_by INT 130 || return
     [ -e "$FAKE_STATE/kept" ] || because "the host was not interrupted but killed" || return
@@ -143,7 +139,7 @@ TheHostReadsFromTheTerminal() {
     grep -q 'it reads from the keys' "$FAKE_STATE/read" || because "$(<"$SAID")"
 }
 
-AnInterruptedRunIsMadeUpForByTheNext() {
+TheRunAfterAnInterruptedOneSucceeds() {
     fresh
     starts_and_hangs cmake test && is_ended_by TERM 143 || return
     goes_on cmake
@@ -165,7 +161,7 @@ TwoRunsOfTestsWaitForEachOther() {
     [ "$(<"$FAKE_STATE/tests")" = $'begin\nend\nbegin\nend' ] || because "$(<"$FAKE_STATE/tests")"
 }
 
-AllThatWorksInTheBuildFolderWaits() {
+EverythingThatUsesTheBuildFolderWaits() {
     local first command
     fresh
     starts_and_hangs ctest test || return
@@ -208,7 +204,7 @@ ABuildDoesNotWaitForAProgramThatRuns() {
     wait "$host" || because "the host failed"
 }
 
-ARunThatHasWaitedForACleanStartsFromNothing() {
+ARunThatWaitedForACleanStartsFromScratch() {
     local first clean
     fresh
     starts_and_hangs ninja test || return
@@ -225,10 +221,10 @@ ARunThatHasWaitedForACleanStartsFromNothing() {
 }
 
 for name in ASignalEndsWhatRunsInTheBackground ASignalEndsTheBuild ASignalEndsTheTests ASignalEndsTheBusyLoops \
-    ASignalEndsAnInstallation ASignalEndsAnInstallationBySudo ASignalEndsTheHost WhatIgnoresTheSignalIsKilled TheHostKeepsWhatItHasWhenItIsInterrupted \
+    ASignalEndsAnInstallation ASignalEndsAnInstallationBySudo ASignalEndsTheHost AProcessThatIgnoresTheSignalIsKilled TheHostSavesItsResultsWhenItIsInterrupted \
     CtrlCOnATerminalEndsTheBuildWithoutAnError CtrlCOnATerminalReachesTheHost TheHostReadsFromTheTerminal \
-    AnInterruptedRunIsMadeUpForByTheNext TwoRunsOfTestsWaitForEachOther AllThatWorksInTheBuildFolderWaits \
-    CleanWaitsForAProgramThatRuns ABuildDoesNotWaitForAProgramThatRuns ARunThatHasWaitedForACleanStartsFromNothing; do
+    TheRunAfterAnInterruptedOneSucceeds TwoRunsOfTestsWaitForEachOther EverythingThatUsesTheBuildFolderWaits \
+    CleanWaitsForAProgramThatRuns ABuildDoesNotWaitForAProgramThatRuns ARunThatWaitedForACleanStartsFromScratch; do
     test_case "$name"
 done
 write_results interruption-tests "$XML"

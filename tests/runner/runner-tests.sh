@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Breaks programs on purpose, and looks at whether ./dev notices: test programs in a build folder that is made up for it,
+# Breaks programs on purpose, and checks whether ./dev notices: test programs in a temporary build folder,
 # then the host and the benchmarks.
 #   runner-tests.sh BIN XML [WINE]
 # BIN holds fc-launch.exe, fc-host.exe and runner-crash.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
@@ -9,12 +9,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=${3:-wine}
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Runner
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Runner
 
 # in_dev COMMAND...: runs it as ./dev would, with $WORK/build as the build folder. Leaves the output in $WORK/out, the
 # status in STATUS. RUNNER_WINE is used as Wine.
@@ -97,7 +93,7 @@ ProgramsThatPassEndWithZero() {
     passes 2
 }
 
-AFailedTestCountsThoughItsProgramEndsWithZero() {
+AFailedTestCountsEvenIfItsProgramEndsWithZero() {
     entries good 'result good 3 0' bad 'echo "a word at the end"; result bad 4 1'
     in_dev run_tests
     fails bad 'failed in 1 of 4 tests' 6 1 && says '    a word at the end'
@@ -109,25 +105,25 @@ AProgramWithoutResultsFails() {
     fails silent 'left no results (status 0)' 3 1 && says '    a word at the end'
 }
 
-ResultsThatAreCutShortFail() {
+TruncatedResultsFail() {
     entries short 'result short 3 0; head -n -1 short.xml >cut; mv cut short.xml'
     in_dev run_tests
     fails short 'left incomplete results (status 0)' 0 1
 }
 
-ResultsWithFewerTestsThanTheyTellFail() {
+ResultsWithFewerTestsThanTheyClaimFail() {
     entries short 'result short 3 0; sed -i "/Test1/d" short.xml'
     in_dev run_tests
     fails short 'left incomplete results (status 0)' 0 1
 }
 
-ARunOfNoTestFails() {
+ARunWithoutTestsFails() {
     entries none 'result none 0 0'
     in_dev run_tests
     fails none 'ran no tests' 0 1
 }
 
-AProgramThatEndsBadlyAfterItsTestsFails() {
+AProgramThatFailsAfterItsTestsFails() {
     entries late 'result late 3 0; exit 5'
     in_dev run_tests
     fails late 'ended with status 5 after its tests' 3 1
@@ -155,7 +151,7 @@ set_tests_properties(second PROPERTIES FIXTURES_REQUIRED f)' >>"$WORK/build/CTes
     fails second 'was not run' 0 2
 }
 
-AProgramThatTakesTooLongKeepsItsOutput() {
+TheOutputOfASlowProgramIsKept() {
     entries slow 'echo "a word before the end"; sleep 100'
     SECONDS_OF_A_TEST=1 in_dev run_tests
     fails slow 'was killed after 1 s' 0 1 && says '    a word before the end'
@@ -171,7 +167,7 @@ TheTemporaryFilesOfAProgramAreRemoved() {
     [[ $folder == */fc-test.* && ! -e $folder ]] || because "left: $folder"
 }
 
-WhatAKilledRunHasLeftIsRemovedByTheNext() {
+TheNextRunRemovesWhatAKilledOneLeft() {
     # shellcheck disable=SC2016 # expanded by the entry
     entries good '[ -e ../folder ] || { echo "$FC_TEMPORARY" >../folder; ls -d "$FC_TEMPORARY"; kill -KILL $(cut -d " " -f 4 /proc/$PPID/stat); sleep 1; }
 result good 1 0'
@@ -195,13 +191,13 @@ AnUnknownNameBesideAKnownOneFails() {
     ends_with_an_error && mentions "no test program is called 'nosuch'; there are: good"
 }
 
-ANameIsNoPattern() {
+ANameIsNotAPattern() {
     entries good 'result good 3 0'
     in_dev run_tests 'g.*'
     ends_with_an_error && mentions "no test program is called 'g.*'"
 }
 
-RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
+RunsUnderLoadAreAddedUpAndPrintTheirSeeds() {
     entries once '[ -e ../was-here ] || result once 3 0; touch ../was-here' seeded \
         'result seeded 2 0; sed -i "s/<testsuites /&random_seed=\"77\" /" seeded.xml'
     in_dev run_under_load 2
@@ -234,7 +230,7 @@ runs_as() {
     cp "$BIN/runner-crash.exe" "$WORK/build/bin/$1"
 }
 
-TheStatusOfAProgramIsThatOfTheCommand() {
+TheCommandReturnsTheStatusOfItsProgram() {
     local status
     runs_as fc-host.exe
     for status in 0 1 2 255; do
@@ -277,7 +273,7 @@ LUA
     ends_with_an_error && mentions 'error: fc-host.exe crashed: 0x80000003' && says 'the script begins'
 }
 
-AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
+AKilledProgramFailsEvenIfItsStatusIsZero() {
     runs_as fc-host.exe
     in_dev run_host vanish
     ends_with_an_error && says 'error: fc-host.exe was ended from outside'
@@ -305,7 +301,7 @@ TEXT
     chmod +x "$RUNNER_WINE"
 }
 
-AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore() {
+AWineThatEndsBeforeTheProgramBeginsIsStartedAgain() {
     runs_as fc-host.exe
     fake_wine dies-at-once
     in_dev run_host 7
@@ -360,7 +356,7 @@ ASignalEndsTheHostAndNoOtherProgramUnderWine() {
     done
 }
 
-AProgramThatIsMissingFails() {
+AMissingProgramFails() {
     runs_as fc-host.exe
     in_dev run_bench 0
     ends_with_an_error && mentions 'error: fc-bench.exe could not be run'
@@ -381,17 +377,17 @@ write_results shell shell.xml'
     fails shell 'left no results (status 0)' 0 1
 }
 
-for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \
-    ResultsThatAreCutShortFail ResultsWithFewerTestsThanTheyTellFail ARunOfNoTestFails \
-    AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
-    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput TheTemporaryFilesOfAProgramAreRemoved \
-    WhatAKilledRunHasLeftIsRemovedByTheNext AnUnknownNameFails \
-    AnUnknownNameBesideAKnownOneFails ANameIsNoPattern RunsUnderLoadAreCountedTogetherAndTellTheirSeeds \
+for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWithZero AProgramWithoutResultsFails \
+    TruncatedResultsFail ResultsWithFewerTestsThanTheyClaimFail ARunWithoutTestsFails \
+    AProgramThatFailsAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
+    AProgramThatIsNotRunFails TheOutputOfASlowProgramIsKept TheTemporaryFilesOfAProgramAreRemoved \
+    TheNextRunRemovesWhatAKilledOneLeft AnUnknownNameFails \
+    AnUnknownNameBesideAKnownOneFails ANameIsNotAPattern RunsUnderLoadAreAddedUpAndPrintTheirSeeds \
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
-    TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
-    AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
-    AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore AWineThatEndsAfterTheProgramHasBegunFails \
-    ASignalEndsTheHostAndNoOtherProgramUnderWine AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
+    TheCommandReturnsTheStatusOfItsProgram ACrashOfTheHostOrTheBenchmarksIsNoticed \
+    AScriptThatCrashesTheHostIsNoticed AKilledProgramFailsEvenIfItsStatusIsZero \
+    AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
+    ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"

@@ -1,17 +1,13 @@
 #!/usr/bin/env bash
-# How the sources of the libraries come into the cache: from mirrors that are made up in a folder, in a copy of the scripts.
+# How the sources of the libraries get into the cache: from simulated mirrors in a folder, with a copy of the scripts.
 #   sources-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Sources
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Sources
 
 CLONE="$WORK/a clone"
 PINS=$CLONE/scripts/libraries.pins
@@ -93,7 +89,7 @@ says() { grep -qF -- "$1" "$WORK/said" || because "it says: $(cat "$WORK/said")"
 
 holds() { [ "$(cat "$1" 2>&1)" = "$2" ] || because "$1: $(cat "$1" 2>&1)"; }
 
-TheHeadersAreThoseOfThePinnedPackages() {
+TheHeadersAreFromThePinnedPackages() {
     local how
     for how in copy: file://; do
         fresh
@@ -121,7 +117,7 @@ APT
     chmod +x "$WORK/bin/apt-get"
 }
 
-TheMirrorsOfAptAreAskedOneAfterTheOther() {
+TheMirrorsOfAptAreTriedOneAfterTheOther() {
     fresh
     mkdir -p "$WORK/empty"
     fake_apt "copy:$WORK/empty/"$'\n'"copy:$MIRROR/"$'\n' ''
@@ -129,14 +125,14 @@ TheMirrorsOfAptAreAskedOneAfterTheOther() {
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-TheMirrorsOfAnAptThatHasReadNoListsAreAsked() {
+TheMirrorsOfAnAptWithoutListsAreTried() {
     fresh
     fake_apt '' "copy:$MIRROR"$'\n'
     in_dev -- copy_headers
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-AnAptWithoutMirrorsIsToldWhatToSet() {
+WithoutMirrorsTheMessageSaysWhatToSet() {
     fresh
     fake_apt '' ''
     in_dev -- copy_headers
@@ -153,7 +149,7 @@ AFileWithAnotherContentIsRefused() {
     [ ! -e "$WORK/cache/headers" ] || because "there are headers"
 }
 
-AnotherMirrorHelpsWhereOneHasAnotherContent() {
+AnotherMirrorIsTriedWhenAContentIsWrong() {
     fresh
     cp -r "$MIRROR" "$WORK/false"
     echo more >>"$WORK/false/pool/libxxhash-dev/libxxhash-dev_1.0_all.deb"
@@ -184,7 +180,7 @@ WithoutANetworkOneLineSaysWhatToDo() {
     [ $((SECONDS - started)) -lt 30 ] || because "it took $((SECONDS - started)) s"
 }
 
-FilesThatWerePutIntoTheCacheNeedNoNetwork() {
+FilesInTheCacheNeedNoNetwork() {
     fresh
     mkdir -p "$DOWNLOADS"
     cp "$WORK"/packages/*_* "$DOWNLOADS"
@@ -192,7 +188,7 @@ FilesThatWerePutIntoTheCacheNeedNoNetwork() {
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-AFileThatDebianHasReplacedIsSoughtInItsArchive() {
+AFileThatDebianHasReplacedIsFetchedFromItsArchive() {
     fresh
     rm -rf "$MIRROR/pool/libxxhash-dev"
     fake_apt "copy:$MIRROR/"$'\n' ''
@@ -209,7 +205,7 @@ ASourceIsUnpacked() {
     works && holds "$WORK/cache/unpacked/cJSON.c" cjson
 }
 
-APackageThatCannotBeUnpackedIsToldInOneLine() {
+APackageThatCannotBeUnpackedIsReportedInOneLine() {
     local file
     for file in cjson/cjson_1.0.dsc libxxhash-dev/libxxhash-dev_1.0_all.deb; do
         fresh
@@ -221,7 +217,7 @@ APackageThatCannotBeUnpackedIsToldInOneLine() {
     done
 }
 
-APackageWithoutPinsIsToldInOneLine() {
+APackageWithoutPinsIsReportedInOneLine() {
     fresh
     sed -i '/^libxxhash-dev /d' "$PINS"
     in_dev FC_MIRROR="copy:$MIRROR" -- 'fetch_packages robin-map-dev libxxhash-dev'
@@ -241,7 +237,7 @@ AnotherPinMakesOtherFolders() {
     [ "$(sort "$WORK/said" <(echo "$before") | uniq -d)" = '' ] || because "$before and $(cat "$WORK/said")"
 }
 
-ADamagedFolderOfTheCacheIsMadeAgain() {
+ADamagedFolderOfTheCacheIsRebuilt() {
     fresh
     in_dev FC_MIRROR="copy:$MIRROR" -- copy_headers
     works || return
@@ -302,7 +298,7 @@ lua5.2 1.10 cccc pool/main/lua5.2/lua5.2_1.10.tar.xz" ] || because "$(cat "$PINS
     works && says "the pins of trixie are up to date" && cmp "$PINS" "$WORK/before"
 }
 
-AReleaseThatCannotBeReadLeavesThePins() {
+AReleaseThatCannotBeReadKeepsThePins() {
     fresh
     fake_lists 100
     cp "$PINS" "$WORK/before"
@@ -310,13 +306,13 @@ AReleaseThatCannotBeReadLeavesThePins() {
     fails_with "the lists of nosuch can't be read (E: There is no such release)" && cmp "$PINS" "$WORK/before"
 }
 
-for name in TheHeadersAreThoseOfThePinnedPackages TheMirrorsOfAptAreAskedOneAfterTheOther \
-    TheMirrorsOfAnAptThatHasReadNoListsAreAsked AnAptWithoutMirrorsIsToldWhatToSet AFileWithAnotherContentIsRefused \
-    AnotherMirrorHelpsWhereOneHasAnotherContent ADamagedFileInTheCacheIsFetchedAgain \
-    WithoutANetworkOneLineSaysWhatToDo FilesThatWerePutIntoTheCacheNeedNoNetwork \
-    AFileThatDebianHasReplacedIsSoughtInItsArchive ASourceIsUnpacked APackageThatCannotBeUnpackedIsToldInOneLine \
-    APackageWithoutPinsIsToldInOneLine AnotherPinMakesOtherFolders ADamagedFolderOfTheCacheIsMadeAgain \
-    RenewedPinsNameTheFilesOfTheNewestVersion AReleaseThatCannotBeReadLeavesThePins; do
+for name in TheHeadersAreFromThePinnedPackages TheMirrorsOfAptAreTriedOneAfterTheOther \
+    TheMirrorsOfAnAptWithoutListsAreTried WithoutMirrorsTheMessageSaysWhatToSet AFileWithAnotherContentIsRefused \
+    AnotherMirrorIsTriedWhenAContentIsWrong ADamagedFileInTheCacheIsFetchedAgain \
+    WithoutANetworkOneLineSaysWhatToDo FilesInTheCacheNeedNoNetwork \
+    AFileThatDebianHasReplacedIsFetchedFromItsArchive ASourceIsUnpacked APackageThatCannotBeUnpackedIsReportedInOneLine \
+    APackageWithoutPinsIsReportedInOneLine AnotherPinMakesOtherFolders ADamagedFolderOfTheCacheIsRebuilt \
+    RenewedPinsNameTheFilesOfTheNewestVersion AReleaseThatCannotBeReadKeepsThePins; do
     test_case "$name"
 done
 write_results sources-tests "$XML"

@@ -1,17 +1,13 @@
 #!/usr/bin/env bash
-# What scripts/try-on does around the root that it makes; debootstrap and chroot are made up.
+# What scripts/try-on does around the root that it makes; debootstrap and chroot are fakes.
 #   try-on-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=TryOn
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" TryOn
 
 CLONE="$WORK/a clone"
 mkdir -p "$CLONE" "$WORK/bin"
@@ -60,20 +56,20 @@ leaves_nothing() {
     ! pgrep -f "sleep $HANGS" >/dev/null || because "a process is left"
 }
 
-BothCommandsAreTriedAndTold() {
+BothCommandsAreTriedAndReported() {
     try trixie
     ends_with 0 && says '^[0-9a-f]+ on Debian 99, ' && says '^a bare trixie +[0-9]+ s   done$' &&
         says '^\./dev run +[0-9]+ s   done: 5 passed, 0 failed, 0 skipped$' && says '^\./dev test .* done: 5 passed' &&
         leaves_nothing
 }
 
-ACommandThatFailsIsToldAndTheNextOneIsTried() {
+AFailedCommandIsReportedAndTheNextOneIsTried() {
     try trixie fail 'test fc-tests'
     ends_with 1 && says '^\./dev fail .* FAILED, status 4: 3 passed, 1 failed, 0 skipped$' &&
         says '^\./dev test fc-tests .* done: 5 passed' && leaves_nothing
 }
 
-TheCommitIsThatWhichWasTried() {
+TheReportedCommitIsTheOneThatWasTried() {
     local tried
     tried=$(git -C "$CLONE" log -1 --format=%h)
     try trixie slow
@@ -81,7 +77,7 @@ TheCommitIsThatWhichWasTried() {
     [ "$(git -C "$CLONE" log -1 --format=%s)" = later ] || because "there is no later one"
 }
 
-AReleaseThatThereIsNotIsTold() {
+AnUnknownReleaseIsReported() {
     try nosuch
     ends_with 1 && says 'E: No such script: nosuch' && says '^a bare nosuch .* FAILED, status 1$' || return
     ! grep -q '/dev run' "$WORK/said" || because "it goes on: $(cat "$WORK/said")" || return
@@ -114,7 +110,7 @@ AnInterruptionLeavesNothing() {
     leaves_nothing
 }
 
-AMachineWithoutNamespacesIsToldSo() {
+MissingNamespacesAreReported() {
     try trixie
     ends_with 1 && says 'error: (making a root of Debian needs root|no namespaces can be made here)' && leaves_nothing
 }
@@ -131,10 +127,10 @@ NamesAndOptionsAreChecked() {
 names=(NamesAndOptionsAreChecked)
 # The namespaces need root, and more than root may do in most containers.
 if unshare --mount --pid --fork true 2>/dev/null; then
-    names+=(BothCommandsAreTriedAndTold ACommandThatFailsIsToldAndTheNextOneIsTried TheCommitIsThatWhichWasTried
-        AReleaseThatThereIsNotIsTold ARootCanBeKept AnInterruptionLeavesNothing)
+    names+=(BothCommandsAreTriedAndReported AFailedCommandIsReportedAndTheNextOneIsTried TheReportedCommitIsTheOneThatWasTried
+        AnUnknownReleaseIsReported ARootCanBeKept AnInterruptionLeavesNothing)
 else
-    names+=(AMachineWithoutNamespacesIsToldSo)
+    names+=(MissingNamespacesAreReported)
 fi
 for name in "${names[@]}"; do
     test_case "$name"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at what the host shows on a terminal, which `script` makes, and at how Ctrl-C reaches it.
+# Checks what the host shows on a terminal, which `script` creates, and how Ctrl-C reaches it.
 #   terminal-tests.sh BIN XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -8,12 +8,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Terminal
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Terminal
 
 # A removal that takes three seconds in one of its steps.
 cat >"$WORK/removal.lua" <<'LUA'
@@ -43,7 +39,7 @@ on_terminal() {
         tr '\r' '\n' >"$WORK/shown"
 }
 
-TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
+TheCurrentStepIsShownInOneLineThatChanges() {
     local times
     on_terminal || return
     times=$(grep -oE '^removal, [0-9.]+ s: UninstallingDriver, [0-9.]+ s of 600 s' "$WORK/shown" | sort -u | wc -l)
@@ -51,7 +47,7 @@ TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
     ! grep -q '^step ' "$WORK/shown" || because "there are lines of steps, too"
 }
 
-WhatTheScriptPrintsNextFindsAnEmptyLine() {
+TheScriptsNextOutputBeginsOnAnEmptyLine() {
     on_terminal || return
     grep -qE '^the removal is over *$' "$WORK/shown" || because "the line is not there: $(tail -c 300 "$WORK/shown")"
 }
@@ -83,7 +79,7 @@ leaves_events() {
     grep -qF '"before Ctrl-C"' "$WORK/events.json" || because "the events are $(head -c 200 "$WORK/events.json")"
 }
 
-CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
+CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents() {
     local command status=0
     prepare_loop
     printf -v command '%q ' "${loop[@]}"
@@ -92,7 +88,7 @@ CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
+AnInterruptSignalEndsALoopWith130AndWritesItsEvents() {
     local status=0 group
     prepare_loop
     setsid timeout --foreground 120 "${loop[@]}" </dev/null >"$WORK/shown" 2>&1 &
@@ -103,9 +99,9 @@ AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-for name in TheStepThatIsUnderWayIsShownInOneLineThatChanges WhatTheScriptPrintsNextFindsAnEmptyLine \
-    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents \
-    AnInterruptSignalEndsALoopWith130AndLeavesItsEvents; do
+for name in TheCurrentStepIsShownInOneLineThatChanges TheScriptsNextOutputBeginsOnAnEmptyLine \
+    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents \
+    AnInterruptSignalEndsALoopWith130AndWritesItsEvents; do
     test_case "$name"
 done
 write_results terminal-tests "$XML"
