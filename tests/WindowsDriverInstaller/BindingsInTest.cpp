@@ -1,7 +1,7 @@
 #include "BindingsInTest.h"
 
 #include "CallScope.h"
-#include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see there
+#include "DriverThreadProbe.h"
 
 HINSTANCE moduleInstance = nullptr;
 

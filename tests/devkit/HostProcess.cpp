@@ -15,25 +15,25 @@ constexpr DWORD kTimeoutMs = 180'000;
 struct CloseTheHandle {
     void operator()(HANDLE handle) const { CloseHandle(handle); }
 };
-using Handle = std::unique_ptr<void, CloseTheHandle>;
+using OwnedHandle = std::unique_ptr<void, CloseTheHandle>;
 
 /// A file that the program inherits. Files rather than pipes: a pipe's reader would have to wait for every process that
 /// inherited it.
-Handle OpenInherited(const std::wstring &path, DWORD access) {
+OwnedHandle OpenInherited(const std::wstring &path, DWORD access) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    Handle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
-                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    OwnedHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                 &inherited, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.get() == INVALID_HANDLE_VALUE)
         ADD_FAILURE() << "CreateFile: " << GetLastError();
     return file;
 }
 
 /// Starts the program in the current folder. @param flags  see CreateProcessW. @return null on failure.
-Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
-             DWORD flags = 0) {
-    const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
-    const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
-    const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
+OwnedHandle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
+                  DWORD flags = 0) {
+    const OwnedHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
+    const OwnedHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
+    const OwnedHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -51,7 +51,7 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
         return nullptr;
     }
     CloseHandle(started.hThread);
-    return Handle(started.hProcess);
+    return OwnedHandle(started.hProcess);
 }
 
 /// Arguments in these tests contain no quotes and end in no backslash.
@@ -63,7 +63,7 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
 }
 
 /// Waits for the program to end, or terminates it.
-HostRun Await(const Handle &process, const TemporaryFolder &streams) {
+HostRun Await(const OwnedHandle &process, const TemporaryFolder &streams) {
     HostRun run;
     if (process == nullptr)
         return run;
@@ -126,7 +126,7 @@ void Interrupt(HANDLE process, unsigned times) {
     wchar_t program[MAX_PATH * 4] = L"";
     GetModuleFileNameW(nullptr, program, static_cast<DWORD>(std::size(program)));
     (void)SetEnvironmentVariableW(kInterruptVariable, request.c_str());
-    const Handle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
+    const OwnedHandle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
     (void)SetEnvironmentVariableW(kInterruptVariable, nullptr);
     DWORD status = 1;
     if (second != nullptr && WaitForSingleObject(second.get(), kTimeoutMs) == WAIT_OBJECT_0)
@@ -149,7 +149,7 @@ HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times
     (void)streams.Write(L"in", input);
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
     // In its own console, so that nobody else is interrupted.
-    const Handle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
+    const OwnedHandle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
     if (process != nullptr && AwaitReady(process.get(), streams))
         Interrupt(process.get(), times);
     return Await(process, streams);

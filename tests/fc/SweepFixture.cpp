@@ -23,7 +23,7 @@ namespace {
 
 constexpr wchar_t kServices[] = L"System\\CurrentControlSet\\Services";
 constexpr wchar_t kAgent[] = L"SOFTWARE\\Quillon\\Vantry Agent";
-constexpr wchar_t kAgentFolder[] = L"Quillon/Vantry Agent";
+constexpr wchar_t kVendorsAgentFolder[] = L"Quillon/Vantry Agent";
 
 /// The current call; accessed without a lock, since a crash may hold any lock.
 char currentCall[2000];
@@ -162,8 +162,8 @@ SweepFixture::SweepFixture() {
     const Simulator::InsideSimulator inside;
     const std::filesystem::path programData = simulation().GetFolders().ProgramData();
     simulation().GetFolders().MapPath(L"C:\\ProgramData", programData);
-    std::filesystem::create_directories(programData / kAgentFolder / L"filter");
-    std::filesystem::create_directories(programData / kAgentFolder / L"diag");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"filter");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"diag");
     m_network = network().Read();
     m_onInstallSection = simulation().GetSetup().onInstallSection;
     objects = std::make_unique<SweepObjects>(dom);
@@ -244,7 +244,7 @@ void SweepFixture::RestoreMachine() {
     machine.processorCount = static_cast<DWORD>(dice.Below(5));
     {
         const Simulator::InsideSimulator inside;
-        std::ofstream(simulation().GetFolders().ProgramData() / kAgentFolder / L"filter" / L"vt_filter.conf")
+        std::ofstream(simulation().GetFolders().ProgramData() / kVendorsAgentFolder / L"filter" / L"vt_filter.conf")
             << dice.OneOf(configurations);
     }
     VtaCore::Control::EnableTrace("*", dice.OneIn(2));
