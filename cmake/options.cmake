@@ -1,6 +1,7 @@
 # Where binaries go, and the flags of everything built here.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
 set(FC_TRAPPING "${CMAKE_BINARY_DIR}/bin-trapping")  # the module that crashes on undefined behaviour
+set(FC_COVERED "${CMAKE_BINARY_DIR}/covered")  # the module that counts what is reached
 
 if(MSVC)
     add_compile_options(/W4 /permissive- /utf-8 /EHsc)

@@ -4,7 +4,7 @@
 # What building and running needs; then what only ./dev test, and only ./dev check need.
 PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev lld-19
     llvm-19 ninja-build unzip wine wine64 xz-utils zip)
-PACKAGES_TEST=(chromium fonts-dejavu-core git locales)
+PACKAGES_TEST=(chromium fonts-dejavu-core git locales python3)
 PACKAGES_CHECK=(clang-format-19 clang-tidy-19 cppcheck git lua-check shellcheck)
 
 # proof_of PACKAGE: a command or a file that shows that it is installed; most are named after their command.

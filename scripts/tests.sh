@@ -2,7 +2,8 @@
 # Running the tests and reporting the results.
 
 # ctest_entries OPTIONS...: the names of its tests, including those that others need.
-ctest_entries() { ctest --test-dir "$BUILD" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
+CTEST=(ctest --test-dir "$BUILD")
+ctest_entries() { "${CTEST[@]}" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
 
 # remove_left_temporaries FOLDER: the temporary folders of a run that was killed.
 remove_left_temporaries() {
@@ -32,7 +33,7 @@ run_tests() {
     say "testing"
     # Twice as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
     # Ctrl-C.
-    env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
+    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1

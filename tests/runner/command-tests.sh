@@ -40,7 +40,7 @@ TheCloneItselfIsNotCleaned() {
 AFolderWithOtherContentsIsNotUsed() {
     local command
     make_thesis
-    for command in run test bench check package shell host; do
+    for command in run test bench coverage mutate check package shell host; do
         refuses "FC_BUILD to a new or empty folder" FC_BUILD="$WORK/thesis" -- "$command" || return
         refuses "FC_CACHE to a new or empty folder" FC_BUILD="$WORK/new" FC_CACHE="$WORK/thesis" -- "$command" || return
     done
@@ -67,7 +67,7 @@ TheUsualFolderIsCleaned() {
 AskingForHelpDoesNothingElse() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run test bench check package shell clean; do
+    for command in run test bench coverage mutate check package shell clean; do
         dev FC_BUILD= -- "$command" --help
         succeeds && says "  $command " || return
     done
@@ -77,9 +77,9 @@ AskingForHelpDoesNothingElse() {
 AnUnknownArgumentIsRefused() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run check package clean; do
+    for command in run coverage mutate check package clean; do
         refuses "has no option '--al'" FC_BUILD= -- "$command" --al || return
-        refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
+        [ "$command" = coverage ] || refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
     done
     refuses "takes no argument 'second'" FC_BUILD= -- run first second || return
     refuses "there is no command 'nosuch'" FC_BUILD= -- nosuch || return
@@ -166,10 +166,21 @@ ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
     called_not ninja
 }
 
+ChangesOfNothingAreRefused() {
+    fresh
+    refuses "--seed needs a number" -- mutate --seed || return
+    refuses "--count needs a number" -- mutate WindowsFirewall --count many || return
+    called_not ninja || return
+    mkdir -p "$CLONE/plugins/filter/common"
+    refuses "there is no folder 'nosuch' below plugins/filter" -- mutate nosuch || return
+    refuses "plugins/filter/common has no sources" -- mutate common
+}
+
 for name in AFolderWithOtherContentsIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderWithOtherContentsIsNotUsed AFolderMadeForABuildIsCleaned TheUsualFolderIsCleaned \
     AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
-    PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
+    PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild \
+    ChangesOfNothingAreRefused; do
     test_case "$name"
 done
 write_results command-tests "$XML"

@@ -22,7 +22,11 @@ in_dev() {
         . "$1/scripts/common.sh"
         . "$1/scripts/wine.sh"
         . "$1/scripts/results.sh"
+        . "$1/scripts/folders.sh"
+        . "$1/scripts/sources.sh"
         . "$1/scripts/tests.sh"
+        . "$1/scripts/coverage.sh"
+        . "$1/scripts/mutate.sh"
         export WINEPREFIX=$prefix
         wine=$2
         wine_program() { echo "$wine"; }
@@ -207,11 +211,9 @@ RunsUnderLoadAreAddedUpAndPrintTheirSeeds() {
 
 # Wine loses about every fourth status.
 ACrashOfATestProgramIsNoticed() {
-    local i crash all=()
-    # shellcheck disable=SC2016 # expanded by the entry
-    crash='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
+    local i all=()
     for i in 1 2 3; do
-        all+=("before$i" "$crash crash" "after$i" "result after$i 1 0; $crash crash-at-end")
+        all+=("before$i" "$CRASH crash" "after$i" "result after$i 1 0; $CRASH crash-at-end")
     done
     entries "${all[@]}"
     in_dev run_tests
@@ -220,6 +222,80 @@ ACrashOfATestProgramIsNoticed() {
             fails "after$i" 'ended with status 5 after its tests' 3 6 || return
     done
     mentions '    the program begins' && says '    error: runner-crash.exe crashed: 0xC0000005'
+}
+
+# another_module PROGRAM COMMAND...: entries that run with another module, and such a module.
+another_module() {
+    entries "$@"
+    mkdir -p "$WORK/build"/{bin,covered,mutants/bin,logs}
+    touch "$WORK/build"/{covered,mutants/bin}/fc.{dll,pdb} "$WORK/build/bin/"{fc.dll,one-tests.exe}
+}
+
+# shellcheck disable=SC2016 # expanded by the entry
+CRASH='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
+
+AChangeThatCrashesTheTestsIsCaught() {
+    another_module good-replaced 'result good-replaced 3 0' crash-replaced "result crash-replaced 3 0; $CRASH crash-at-end"
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced crash-replaced
+    ends_with_an_error && says 'crash ended with status 5 after its tests'
+}
+
+AChangeSurvivesOnlyWholeResults() {
+    another_module good-replaced 'result good-replaced 3 0'
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced
+    [ "$STATUS" -eq 0 ] || because "a change that nothing notices does not survive: $(tail -n 5 "$WORK/out")" || return
+    another_module good-replaced 'result good-replaced 3 0' silent-replaced true
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced silent-replaced
+    ends_with_an_error && says 'silent left no results (status 0)' || return
+    another_module good-replaced 'result good-replaced 3 0'
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced nosuch-replaced
+    ends_with_an_error && says 'nosuch-replaced was not run'
+}
+
+TheTestThatNoticesAChangeIsNamed() {
+    another_module bad-replaced 'echo "[  FAILED  ] Suite.First (3 ms)"; result bad-replaced 3 1'
+    in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced
+    ends_with_an_error && says 'bad failed in 1 of 3 tests: Suite.First'
+}
+
+TheModuleIsReplacedBesideLinksToAllElse() {
+    another_module one-replaced 'result one-replaced 1 0'
+    echo other >"$WORK/build/covered/fc.dll"
+    in_dev replace_module "$WORK/build/covered"
+    [ "$(<"$WORK/build/bin-replaced/fc.dll")" = other ] || because "the module is the usual one" || return
+    [ "$WORK/build/bin-replaced/one-tests.exe" -ef "$WORK/build/bin/one-tests.exe" ] || because "no link to the program"
+}
+
+# covers PROGRAM: with tools of LLVM's that tell of one source; the program leaves a profile.
+covers() {
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'llvm-profdata-19() { :; }
+        llvm-cov-19() {
+            case $* in
+            *lcov*) printf "SF:%s/dev\nDA:1,1\nend_of_record\n" "$ROOT" ;;
+            export*) echo "{\"data\": [{\"files\": []}]}" ;;
+            esac
+        }
+        OUT=$BUILD/out
+        run_coverage '"$1"
+}
+
+# shellcheck disable=SC2016 # expanded by the entry
+PROFILE='touch ../profiles/fc-1.profraw;'
+
+ACrashFailsTheCoverageThatIsTold() {
+    another_module good-replaced "$PROFILE result good-replaced 3 0" crash-replaced "$PROFILE result crash-replaced 3 0; $CRASH crash-at-end"
+    covers good
+    [ "$STATUS" -eq 0 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/out")" || return
+    mentions '100.0 %' || return
+    covers crash
+    fails crash-replaced 'ended with status 5 after its tests' 3 1 && mentions '100.0 %'
+}
+
+CoverageWithoutAProfileFails() {
+    another_module good-replaced 'result good-replaced 3 0'
+    covers good
+    ends_with_an_error && mentions 'the tests left no profile'
 }
 
 # runs_as PROGRAM: puts the program that ends badly in the place of this one of ours in $WORK/build.
@@ -387,7 +463,9 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     TheCommandReturnsTheStatusOfItsProgram ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AKilledProgramFailsEvenIfItsStatusIsZero \
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
-    ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails; do
+    ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
+    AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
+    TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
