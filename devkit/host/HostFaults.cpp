@@ -11,7 +11,7 @@ constexpr lua_Number kLastFaultCode = 4294967295.0;
 constexpr lua_Number kLastCall = 1'000'000'000;
 constexpr lua_Number kLongestDelay = 4'000'000;  // seconds
 
-/// What a script asks for. One of `fails`, `hangs` and `delays` is set.
+/// The fault that a script requests. One of `fails`, `hangs` and `delays` is set.
 struct FaultRequest {
     std::string_view call;
     unsigned nth = 0;  ///< 0 for every call.
@@ -20,7 +20,7 @@ struct FaultRequest {
     bool delays = false;
     DWORD code = 0;
     DWORD delayMs = 0;
-    DWORD advanceMs = 0;  ///< Of simulated time, that pass as soon as the call hangs.
+    DWORD advanceMs = 0;  ///< Simulated time that passes as soon as the call hangs.
 };
 
 FaultRequest CheckRequest(lua_State *L) {
@@ -68,7 +68,7 @@ int AddFault(lua_State *L) {
     return Guarded(L, [&] { Plan(HostOf(L).system, request); }) ? 0 : lua_error(L);
 }
 
-/// Lua: host.clear_faults(). Calls that hang do their work now.
+/// Lua: host.clear_faults(). Hanging calls then do their work.
 int EndFaults(lua_State *L) {
     return Guarded(L, [L] { HostOf(L).system.UseFaults().Clear(); }) ? 0 : lua_error(L);
 }

@@ -31,7 +31,7 @@ const char *StateName(DWORD state) {
     return "unknown";
 }
 
-/// The state that is named at the index.
+/// The state named at the index.
 DWORD CheckState(lua_State *L, int index) {
     const char *name = luaL_checkstring(L, index);
     for (const NamedState &named : kStates)
@@ -132,7 +132,7 @@ int TakeInventory(lua_State *L) {
     return pushed ? 1 : lua_error(L);
 }
 
-/// With a backslash at its end.
+/// With a trailing backslash.
 std::string FolderText(const std::filesystem::path &folder) {
     return ToUtf8(folder.wstring() + L"\\");
 }

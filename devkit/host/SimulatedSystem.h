@@ -1,4 +1,4 @@
-// The system that the module, its libraries, the script and the host see.
+// The system as the module, its libraries, the script and the host see it.
 #pragma once
 
 #include <cstddef>
@@ -16,43 +16,43 @@ class FaultPlan;
 class Faults;
 }  // namespace Simulator
 
-/// The real one, until a part of it is simulated. Functions of one thread.
+/// The real one, until a part of it is simulated. Call it from one thread.
 class SimulatedSystem {
 public:
     SimulatedSystem();
     ~SimulatedSystem();
 
-    /// Puts a simulated clock under the libraries that are loaded, and under fc.dll when it is.
-    /// @param factor  how many times faster than in reality it runs, from 1.
+    /// Attaches a simulated clock to the loaded libraries, and to fc.dll once it is loaded.
+    /// @param factor  how many times faster than real time it runs, from 1.
     void StartFastClock(unsigned factor);
     bool HasClock() const { return m_hasClock; }
-    /// Puts the simulated clock forward; for real time there is none.
+    /// Advances the simulated clock; does nothing in real time.
     void Advance(double seconds);
-    /// Sets what of the simulated clock is read as the time of day, also backwards; sleeps and waits do not notice.
+    /// Sets the time of day of the simulated clock, even backwards; sleeps and waits are not affected.
     /// @param seconds  since 1970, UTC.
     void SetWallClock(std::int64_t seconds);
-    /// See FastForward::WhenHit; for real time there is none.
+    /// See FastForward::WhenHit; does nothing in real time.
     void AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
     const Simulator::Machine &GetMachine() const { return m_machine; }
-    /// The same, and from now on fc.dll runs on it.
+    /// The machine; from now on fc.dll runs on it.
     Simulator::Machine &UseMachine();
 
-    /// What is installed. From the first use on, fc.dll runs on it, and on the machine.
-    /// @throws std::exception  if its registry or its folders can't be made.
+    /// The installation. From its first use on, fc.dll runs on it, and on the machine.
+    /// @throws std::exception  if its registry or its folders can't be created.
     Installation &UseInstallation();
-    /// The same for its faults. They concern the calls that CanFail knows.
+    /// The same for its faults. They affect the calls that CanFail knows.
     Simulator::Faults &UseFaults();
-    /// Whether a simulated system has the call, whatever of it is simulated by now.
+    /// Whether a simulated system has the call, whatever is simulated so far.
     /// @param call  a function, or a method such as "INetCfg::Apply".
     static bool CanFail(std::string_view call);
     /// Calls in the simulator's journal, which stays empty: a host may run for days.
     std::size_t RecordedCalls() const;
 
-    /// From now on, fc.dll finds in the folder what lies at or below the path.
+    /// From now on, maps what lies at or below the path to the folder, for fc.dll.
     void MapPath(const std::wstring &from, const std::wstring &folder);
 
-    /// Back to the real one; what was simulated is gone, its files too.
+    /// Back to the real one; everything simulated is gone, including its files.
     void End();
 
 private:
@@ -60,7 +60,7 @@ private:
     Parts &Use();
     void PutUnderModule();
 
-    Simulator::Machine m_machine;  // the functions in m_parts look at it until they are gone
+    Simulator::Machine m_machine;  // used by the functions in m_parts until they are destroyed
     std::unique_ptr<Parts> m_parts;
     bool m_hasClock = false;
     bool m_hasMachine = false;

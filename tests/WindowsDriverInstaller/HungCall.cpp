@@ -4,6 +4,7 @@
 
 #include <dbghelp.h>
 
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
@@ -14,14 +15,14 @@ namespace {
 
 namespace System {
 
-// They tell where a step ends, and that a file is removed by the C runtime.
+// They mark the end of a step, and the removal of a file by the C runtime.
 SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(_wremove, Simulator::kCRuntime, CannotFail);
 SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 }  // namespace System
 
-/// With this variable Wine's library for stacks leaves out the host's own libraries, too, of which it reads every byte.
+/// With this variable Wine's stack library also skips the host's own libraries, of which it reads every byte.
 constexpr wchar_t kNoSystemLibraries[] = L"DBGHELP_NOLIVE";
 
 }  // namespace
@@ -62,7 +63,7 @@ bool IsThread(const Simulator::BalanceItem &item) {
 }
 
 HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &returned)
-    : m_simulation(simulation), m_returned(returned), m_sight(simulation) {
+    : m_simulation(simulation), m_returned(returned), m_watcherClock(simulation) {
     wxLog::SetVerbose(true);
     Simulator::FunctionSet &functions = simulation.Functions();
     functions.PassThrough<System::SetEvent>();
@@ -102,18 +103,11 @@ bool HungCall::AwaitObjects(int objects, const Simulator::BalanceSnapshot &befor
 void HungCall::ClearAway(const std::vector<Simulator::BalanceItem> &left) {
     const InsideSimulator inside;
     for (const Simulator::BalanceItem &item : left) {
-        void *const handle = reinterpret_cast<void *>(item.value);
         const std::string_view kind = item.kind;
-        if (kind == Kind::kView)
-            UnmapViewOfFile(handle);
-        else if (kind == Kind::kHandle)
-            CloseHandle(handle);
-        else if (kind == Kind::kFind)
-            FindClose(handle);
-        else if (kind == Kind::kKey)
-            RegCloseKey(static_cast<HKEY>(handle));
-        else if (kind == Kind::kService)
-            m_simulation.GetServices().Close(static_cast<SC_HANDLE>(handle));
+        if (kind == Kind::kService)
+            m_simulation.GetServices().Close(reinterpret_cast<SC_HANDLE>(item.value));
+        else if (kind == Kind::kView || kind == Kind::kHandle || kind == Kind::kFind || kind == Kind::kKey)
+            Release(item);
         m_simulation.GetBalance().Closed(item.kind, item.value);
     }
 }

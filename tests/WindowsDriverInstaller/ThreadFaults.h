@@ -1,4 +1,4 @@
-// What goes wrong when a driver thread is started, or killed.
+// Faults of starting and killing driver threads.
 #pragma once
 
 #include "Simulation.h"
@@ -9,13 +9,13 @@ namespace ThreadFaults {
 SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
 
-/// From now on these two are redirected.
+/// These two functions are redirected from now on.
 inline void Redirect(Simulator::Simulation &simulation) {
     simulation.Functions().PassThrough<TerminateThread>();
     simulation.Functions().PassThrough<ResumeThread>();
 }
 
-/// A thread that hangs although somebody tried to kill it gets no time to end. Waits for anything else keep theirs.
+/// A thread that hangs although it was killed gets no time to end. Waits for anything else keep theirs.
 inline void GiveNoTimeToEnd(Simulator::Simulation &simulation) {
     simulation.Functions().Put<Simulator::System::WaitForSingleObject>(
         [&faults = simulation.GetFaults()](const auto &next, HANDLE handle, DWORD ms) {

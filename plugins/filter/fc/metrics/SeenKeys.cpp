@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "KeyHash.h"
+
 namespace {
 
 constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table is by itself
@@ -33,27 +35,27 @@ bool SameSeenKeyBytes(const char *left, const char *right, std::size_t bytes) {
 
 }  // namespace
 
-bool SeenKeys::Has(const Record &record, std::string_view key) {
+[[gnu::always_inline]] inline bool SeenKeys::Has(const Record &record, std::string_view key) {
     if (key.size() <= sizeof(record.head))
         return record.length == key.size() && SameSeenKeyBytes(record.head, key.data(), key.size());
     return record.length == kLonger && SameSeenKeyBytes(record.head, key.data(), sizeof(record.head)) &&
            CompareMetricTexts(record.entry->Key(), key) == 0;
 }
 
-bool SeenKeys::Count(const KeyWithHash &key, std::uint32_t count) {
-    const auto record = m_records.find(key, key.Hash());
+bool SeenKeys::Count(std::string_view key, std::uint32_t count) {
+    const HashedKey hashed{key, HashKey(key)};
+    const auto record = m_records.find(hashed, hashed.hash);
     if (record == m_records.end())
         return false;
     record->count += count;
     return true;
 }
 
-void SeenKeys::Insert(const KeyWithHash &key, const ConnMetric &entry) {
-    const std::string_view text = key.Text();
-    Record record{&entry, key.Hash(), 0, kLonger, {}};
-    if (text.size() <= sizeof(record.head))
-        record.length = static_cast<std::uint8_t>(text.size());
-    std::memcpy(record.head, text.data(), std::min(text.size(), sizeof(record.head)));
+void SeenKeys::Insert(std::string_view key, const ConnMetric &entry) {
+    Record record{&entry, HashKey(key), 0, kLonger, {}};
+    if (key.size() <= sizeof(record.head))
+        record.length = static_cast<std::uint8_t>(key.size());
+    std::memcpy(record.head, key.data(), std::min(key.size(), sizeof(record.head)));
     m_records.max_load_factor(kMaxLoad);
     m_records.insert(record);
 }

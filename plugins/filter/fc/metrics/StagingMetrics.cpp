@@ -39,14 +39,8 @@ private:
 
 }  // namespace
 
-void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
-    const KeyWithHash hashed(key);
-    if (!m_seen.Count(hashed, count))
-        AddToMap(hashed, text, count);
-}
-
-void StagingMetrics::AddToMap(const KeyWithHash &key, std::string_view text, std::uint32_t count) {
-    const StagingText kept(key.Text());
+void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::uint32_t count) {
+    const StagingText kept(key);
     const auto place = m_entries.lower_bound<ConnMetricText>(kept);
     if (place != m_entries.end() && CompareMetricTexts(place->Key(), kept) == 0) {
         place->count += count;

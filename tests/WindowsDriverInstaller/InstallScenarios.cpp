@@ -1,4 +1,4 @@
-#include "InstallRoads.h"
+#include "InstallScenarios.h"
 
 #include <stdexcept>
 
@@ -21,29 +21,29 @@ DWORD IndexOf(const NetworkState &state, const std::wstring &node) {
 
 }  // namespace
 
-const char *NameOf(Road road) {
-    switch (road) {
-        case Road::Fresh:
+const char *NameOf(Scenario scenario) {
+    switch (scenario) {
+        case Scenario::Fresh:
             return "fresh";
-        case Road::Upgrade:
+        case Scenario::Upgrade:
             return "upgrade";
-        case Road::ForcedDowngrade:
+        case Scenario::ForcedDowngrade:
             return "forced downgrade";
-        case Road::PartialAfterReboot:
+        case Scenario::PartialAfterReboot:
             return "partial after reboot";
-        case Road::Embedded:
+        case Scenario::Embedded:
             return "embedded";
-        case Road::BrokenNetwork:
+        case Scenario::BrokenNetwork:
             return "broken network";
     }
-    throw std::logic_error("no such road");
+    throw std::logic_error("no such scenario");
 }
 
-bool IsUpgrade(Road road) {
-    return road == Road::Upgrade || road == Road::ForcedDowngrade;
+bool IsUpgrade(Scenario scenario) {
+    return scenario == Scenario::Upgrade || scenario == Scenario::ForcedDowngrade;
 }
 
-InstallRoads::InstallRoads() {
+InstallScenarios::InstallScenarios() {
     network().PutAdapter({.id = L"ROOT\\LOOPBACK",
                           .bindName = L"{33333333-0000-0000-0000-000000000003}",
                           .pnpDevNodeId = kThird,
@@ -59,7 +59,7 @@ InstallRoads::InstallRoads() {
             return;
         if (moment.what == NetworkMoment::What::Installed) {
             simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kFilterServiceKey);
-            if (m_road == Road::BrokenNetwork)
+            if (m_scenario == Scenario::BrokenNetwork)
                 BreakNetwork();
         } else if (moment.what == NetworkMoment::What::Removed) {
             simulation().GetRegistry().Remove(HKEY_LOCAL_MACHINE, kFilterServiceKey);
@@ -71,24 +71,25 @@ InstallRoads::InstallRoads() {
     });
 }
 
-void InstallRoads::BreakNetwork() {
+void InstallScenarios::BreakNetwork() {
     network().ChangeAdapter(kFirst, [](Simulator::NetworkAdapter &adapter) { adapter.ip = "0.0.0.0"; });
 }
 
-void InstallRoads::Take(Road road) {
-    m_road = road;
+void InstallScenarios::Take(Scenario scenario) {
+    m_scenario = scenario;
     TakeEverythingAway();
-    simulation().GetMachine().suiteMask = road == Road::Embedded ? VER_SUITE_EMBEDDEDNT : VER_SUITE_SINGLEUSERTS;
-    dom.Set("vtp.filter.ForceDriverInstall", road == Road::ForcedDowngrade);
-    if (road == Road::Upgrade)
+    simulation().GetMachine().suiteMask =
+        scenario == Scenario::Embedded ? VER_SUITE_EMBEDDEDNT : VER_SUITE_SINGLEUSERTS;
+    dom.Set("vtp.filter.ForceDriverInstall", scenario == Scenario::ForcedDowngrade);
+    if (scenario == Scenario::Upgrade)
         PutOldDriver({1, 2, 3, 4});
-    else if (road == Road::ForcedDowngrade)
+    else if (scenario == Scenario::ForcedDowngrade)
         PutOldDriver({2, 0, 0, 1});
-    else if (road == Road::PartialAfterReboot)
+    else if (scenario == Scenario::PartialAfterReboot)
         PutFilesWithoutDriver();
 }
 
-void InstallRoads::TakeEverythingAway() {
+void InstallScenarios::TakeEverythingAway() {
     network().Use([this](NetworkState &state) {
         const unsigned lastKey = state.lastKey;
         state = m_withoutDriver;
@@ -107,8 +108,8 @@ void InstallRoads::TakeEverythingAway() {
     remove(simulation().GetFolders().Windows() / L"qbimvta.sys");
 }
 
-/// But for that of somebody else.
-void InstallRoads::RemoveInfFiles() {
+/// Except one of another process.
+void InstallScenarios::RemoveInfFiles() {
     for (const path &folder : {simulation().GetFolders().Inf(), simulation().GetFolders().Catalogs()}) {
         std::vector<path> files;
         for (const auto &entry : std::filesystem::directory_iterator(folder))
@@ -121,28 +122,28 @@ void InstallRoads::RemoveInfFiles() {
     PutInf(L"oem3.inf", InfNaming("another", 100));
 }
 
-void InstallRoads::PutOldDriver(const Version &version) {
+void InstallScenarios::PutOldDriver(const Version &version) {
     InstallOldDriver(version);
     network().Bind(kSecond, L"qbimvta", false);
     network().Bind(kThird, L"qbimvta", false);
     simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kFilterServiceKey);
 }
 
-void InstallRoads::PutFilesWithoutDriver() {
+void InstallScenarios::PutFilesWithoutDriver() {
     InstallOldDriver(kOurVersion);
     SetRunningVersion(std::nullopt);
     simulation().GetServices().Put(L"qbimwfp", {.status = {SERVICE_STOPPED}});
 }
 
-std::array<bool, 3> InstallRoads::BindingsAfter(Road road) {
-    return {true, !IsUpgrade(road), false};
+std::array<bool, 3> InstallScenarios::BindingsAfter(Scenario scenario) {
+    return {true, !IsUpgrade(scenario), false};
 }
 
-std::array<bool, 3> InstallRoads::Bindings() {
+std::array<bool, 3> InstallScenarios::Bindings() {
     return {IsBound(kFirst), IsBound(kSecond), IsBound(kThird)};
 }
 
-std::string InstallRoads::FirstAddress() {
+std::string InstallScenarios::FirstAddress() {
     std::string address;
     network().ChangeAdapter(kFirst, [&address](const Simulator::NetworkAdapter &adapter) { address = adapter.ip; });
     return address;

@@ -1,4 +1,4 @@
-#include "WatcherSight.h"
+#include "WatcherClock.h"
 
 #include <algorithm>
 #include <chrono>
@@ -8,13 +8,13 @@
 
 namespace {
 
-/// A watcher that waits for longer waits for the end of a thread that it has killed.
+/// A watcher with a longer wait waits for the end of a thread that it has killed.
 constexpr DWORD kLongestWatchMs = 1'000;
 
 }  // namespace
 
-/// Of the watcher. The layers of the functions hold it, too.
-class WatcherSight::State {
+/// The watcher's state, shared with the layers of the functions.
+class WatcherClock::State {
 public:
     void SetWorks() {
         const Simulator::LockGuard guard(m_lock);
@@ -30,7 +30,7 @@ public:
         const Simulator::LockGuard guard(m_lock);
         return m_waits && clock.Waiting() == 1;
     }
-    /// @param advance  tells whether it did.
+    /// @param advance  returns whether it did.
     template <class Advance>
     bool AdvanceOnceInAWait(const Simulator::Clock &clock, Advance advance) {
         const Simulator::LockGuard guard(m_lock);
@@ -43,10 +43,10 @@ public:
 private:
     mutable Simulator::Lock m_lock;
     DWORD m_watcher = 0;
-    bool m_waits = false;  ///< From the beginning of a wait to its end, but no longer than until the clock was moved.
+    bool m_waits = false;  ///< From the beginning of a wait to its end, but at most until the clock was moved.
 };
 
-WatcherSight::WatcherSight(Simulator::Simulation &simulation)
+WatcherClock::WatcherClock(Simulator::Simulation &simulation)
     : m_clock(simulation.GetClock()), m_state(std::make_shared<State>()) {
     simulation.Functions().Put<Simulator::System::WaitForSingleObject>(
         [state = m_state](const auto &next, HANDLE handle, DWORD ms) {
@@ -59,7 +59,7 @@ WatcherSight::WatcherSight(Simulator::Simulation &simulation)
         Simulator::Depth::Watch);
 }
 
-bool WatcherSight::AdvanceTo(std::uint64_t tick, std::uint64_t leapMs, const std::atomic<bool> &returned) {
+bool WatcherClock::AdvanceTo(std::uint64_t tick, std::uint64_t leapMs, const std::atomic<bool> &returned) {
     do {
         const std::uint64_t now = std::min(m_clock.TickMs(), tick);
         const std::uint64_t next = now + std::min(tick - now, leapMs);
@@ -71,13 +71,13 @@ bool WatcherSight::AdvanceTo(std::uint64_t tick, std::uint64_t leapMs, const std
     return true;
 }
 
-bool WatcherSight::AwaitWait(const std::atomic<bool> &returned) {
+bool WatcherClock::AwaitWait(const std::atomic<bool> &returned) {
     bool waits = false;
     (void)Await(kPatienceMs, [&] { return returned || (waits = m_state->Waits(m_clock)); });
     return waits;
 }
 
-bool WatcherSight::AdvanceWhileItWaits(std::uint64_t tick) {
+bool WatcherClock::AdvanceWhileItWaits(std::uint64_t tick) {
     return m_state->AdvanceOnceInAWait(m_clock, [&] {
         return m_clock.AdvanceIfFollowerSleeps(std::chrono::milliseconds(tick - std::min(tick, m_clock.TickMs())));
     });

@@ -1,5 +1,5 @@
 // Moves the clock for a thread that watches a driver thread, and knows when that one waits: so the clock does not move
-// while it works out how long to wait.
+// while the watcher computes how long to wait.
 #pragma once
 
 #include <atomic>
@@ -8,17 +8,17 @@
 
 #include "Simulation.h"
 
-/// The watcher is the thread that has begun a wait of a second or less last.
-class WatcherSight {
+/// The watcher is the thread that last began a wait of a second or less.
+class WatcherClock {
 public:
-    explicit WatcherSight(Simulator::Simulation &simulation);
+    explicit WatcherClock(Simulator::Simulation &simulation);
 
-    /// Moves the clock whenever the watcher waits, so far that the wait ends. A follower of the clock sleeps then.
-    /// @param leapMs    so far at a time at most.
+    /// Moves the clock whenever the watcher waits, far enough to end the wait. Whoever follows the clock sleeps then.
+    /// @param leapMs    the largest single move.
     /// @param returned  whether the script's call has come back.
     /// @return false if it came back before, or the watcher never waited.
     [[nodiscard]] bool AdvanceTo(std::uint64_t tick, std::uint64_t leapMs, const std::atomic<bool> &returned);
-    /// Until the watcher waits again: it has looked at the time as it is by now, and has let it be.
+    /// Waits until the watcher waits again: it has read the new time, and has not acted.
     /// @return false if the script's call came back, or the watcher never waited.
     [[nodiscard]] bool AwaitWait(const std::atomic<bool> &returned);
 
