@@ -252,7 +252,7 @@ local function hung_upgrade(folder)
 end
 
 local function broken_network(folder)
-    chapter("The second attempt breaks the network, and mends it")
+    chapter("The second attempt breaks the network, which then recovers")
     host.machine.when({ happens = "installed", component = "qbimvta" }, ETHERNET,
         { ip = "0.0.0.0", gateway = "0.0.0.0" })
     host.machine.when({ happens = "bound", component = "qbimvta", adapter = ETHERNET }, ETHERNET,

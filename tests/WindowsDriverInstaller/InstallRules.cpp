@@ -32,7 +32,7 @@ struct ReadAdapter {
 };
 using ReadAdapters = std::vector<ReadAdapter>;
 /// The wanted state of each adapter's binding; empty: leave it.
-using Wishes = std::array<std::optional<bool>, kAdapters>;
+using WantedBindings = std::array<std::optional<bool>, kAdapters>;
 
 std::string HexCode(DWORD code) {
     char text[16];
@@ -134,8 +134,8 @@ private:
     ReadAdapters ReadAll();
     void SpoilAll(ReadAdapters &adapters) const;
     void SpoilOne(ReadAdapters &adapters) const;
-    static Wishes ByRecords(const ReadAdapters &adapters, bool useIp);
-    bool Bind(const Wishes &wishes);
+    static WantedBindings ByRecords(const ReadAdapters &adapters, bool useIp);
+    bool Bind(const WantedBindings &wanted);
     [[nodiscard]] bool Reaches(std::size_t number) const;
     [[nodiscard]] static unsigned FilterPath(std::size_t number) { return number < 2 ? 2 : 1; }
 
@@ -547,29 +547,29 @@ void Rules::SpoilOne(ReadAdapters &adapters) const {
     }
 }
 
-Wishes Rules::ByRecords(const ReadAdapters &adapters, bool useIp) {
-    Wishes wishes;
+WantedBindings Rules::ByRecords(const ReadAdapters &adapters, bool useIp) {
+    WantedBindings wanted;
     for (const ReadAdapter &adapter : adapters) {
         if (adapter.node)
-            wishes[adapter.number] = useIp ? adapter.ip : adapter.filter;
+            wanted[adapter.number] = useIp ? adapter.ip : adapter.filter;
     }
-    return wishes;
+    return wanted;
 }
 
 /// @return whether the network configuration could be opened.
-bool Rules::Bind(const Wishes &wishes) {
+bool Rules::Bind(const WantedBindings &wanted) {
     const bool met = Meet(Part::Bindings, ++m_binds);
     if (met && StopsAcquiring())
         return false;
     m.isLocked = met && KeepsLock();
-    Wishes changed;
+    WantedBindings changed;
     for (std::size_t i = 0; i < kAdapters; ++i) {
         if (!m.isInstalled || !m_bound[i] || (met && !Reaches(i)))
             continue;
         const bool here = met && m_fault.place->adapter == i + 1;
         const bool enabled =
             *m_bound[i] && !(here && Is({"INetCfgBindingPath::IsEnabled"}) && m_fault.place->path == FilterPath(i));
-        if (!wishes[i] || *wishes[i] == enabled || (here && Is({"INetCfgBindingPath::Enable"})))
+        if (!wanted[i] || *wanted[i] == enabled || (here && Is({"INetCfgBindingPath::Enable"})))
             continue;
         changed[i] = !enabled;
         if (here && Is({"INetCfg::Apply"}))

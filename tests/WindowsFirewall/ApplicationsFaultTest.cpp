@@ -80,7 +80,7 @@ std::vector<Step> RemoveSteps() {
 }
 
 /// All calls of a run in which none fails.
-std::vector<Step> Road(const Case &given) {
+std::vector<Step> CallsOf(const Case &given) {
     std::vector<Step> steps = ObjectSteps(given);
     const std::vector<Step> rest =
         given.adds ? AddSteps(given.listed.has_value(), given.listed == VARIANT_TRUE) : RemoveSteps();
@@ -141,9 +141,9 @@ protected:
     /// Fails one call of the operation.
     void Try(const Case &given, std::size_t at, DWORD code) {
         Arrange(given);
-        const std::vector<Step> road = Road(given);
-        const Step &failing = road[at];
-        const auto nth = CountOf(failing.function, road.begin(), road.begin() + static_cast<std::ptrdiff_t>(at) + 1);
+        const std::vector<Step> calls = CallsOf(given);
+        const Step &failing = calls[at];
+        const auto nth = CountOf(failing.function, calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(at) + 1);
         const std::vector<FirewallApplication> before = Listed();
         const auto plan = faults().FailNth(failing.function, static_cast<unsigned>(nth), code);
         const Answer answer = Run(given);
@@ -172,10 +172,10 @@ protected:
         const bool succeeds = given.adds || given.listed.has_value();
         EXPECT_EQ(answer.result, succeeds ? "true" : "false");
         EXPECT_EQ(Listed(), After(given));
-        const std::vector<Step> road = Road(given);
-        for (const Step &step : road) {
+        const std::vector<Step> calls = CallsOf(given);
+        for (const Step &step : calls) {
             EXPECT_EQ(Calls(step.function).size(),
-                      static_cast<std::size_t>(CountOf(step.function, road.begin(), road.end())))
+                      static_cast<std::size_t>(CountOf(step.function, calls.begin(), calls.end())))
                 << step.function;
         }
     }
@@ -186,7 +186,7 @@ TEST_F(FirewallApplicationsInTrouble, FailAtEachCallAsTheTableSays) {
     for (const Case &given : Cases()) {
         SCOPED_TRACE(NameOf(given));
         TryWithout(given);
-        for (std::size_t at = 0; at < Road(given).size(); ++at) {
+        for (std::size_t at = 0; at < CallsOf(given).size(); ++at) {
             for (const HRESULT code : {E_ACCESSDENIED, RPC_E_DISCONNECTED}) {
                 SCOPED_TRACE(testing::Message() << "step " << at << ", code " << code);
                 Try(given, at, static_cast<DWORD>(code));
