@@ -40,7 +40,7 @@ run_coverage() {
 
 # export_coverage IMAGE FOLDER: from fc.profdata the page, and what scripts/coverage.py reads.
 export_coverage() {
-    local how=(--instr-profile="$2/fc.profdata" --compilation-dir="$ROOT" --ignore-filename-regex='(^|/)(usr|libraries|headers)/')
+    local how=(--instr-profile="$2/fc.profdata" --compilation-dir="$ROOT" --ignore-filename-regex='(^|/)(usr|libraries|headers|interfaces)/')
     llvm-cov-19 show "$1" "${how[@]}" --format=html --show-branches=count --output-dir="$2" >/dev/null
     llvm-cov-19 export "$1" "${how[@]}" --format=lcov >"$2/fc.lcov"
     llvm-cov-19 export "$1" "${how[@]}" --skip-expansions --skip-functions >"$2/fc.json"

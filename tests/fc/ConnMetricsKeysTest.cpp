@@ -71,9 +71,12 @@ TEST_F(ConnMetrics, KeysWithEqualHashesAreDistinguishedWhereverTheyDiffer) {
             {('p'):rep(48) .. '00111397', ('p'):rep(48) .. '00113274'},
             {'0000030001' .. ('q'):rep(60), '0000148801' .. ('q'):rep(60)},
             {'0000046370' .. ('r'):rep(250), '0000054004' .. ('r'):rep(250)},
+            {'key26180', 'key100914'},
+            {'key10861', ('p'):rep(39) .. '93624'},
+            {('p'):rep(39) .. '6588', 'key47849'},
         }
     )");
-    for (int pair = 1; pair <= 5; ++pair) {
+    for (int pair = 1; pair <= 8; ++pair) {
         const std::string both = "pairs_[" + std::to_string(pair) + "]";
         EXPECT_EQ(KnownHash(lua.Eval(both + "[1]")), KnownHash(lua.Eval(both + "[2]"))) << both;
     }

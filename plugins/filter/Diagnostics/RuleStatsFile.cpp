@@ -59,6 +59,7 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
             return false;  // no memory: it would write there all the same
         WriteRuleStats(dom, handle, out, kDiagnosticsTrace);
     }
+    // not reached: clang counts nothing behind a block with a return
     return AddFileMemory(zip, memory, false, "vta.tpf");
 }
 

@@ -33,7 +33,8 @@ public:
             case cJSON_Number:
                 TakeNumber(entry, item);
                 break;
-            default:  // none of the rows; compat 123: misspelt
+            // not reached: no row has another type; compat 123: misspelt
+            default:
                 Trace(Engine(), "unsupport json type[%d]", item.type);
                 entry.is_set = 0;
         }

@@ -178,8 +178,9 @@ bool EnsureFirewallServiceRuns(bool *wasRunning) {
 }
 
 void StopFirewallService(bool *wasRunning) {
-    if (!IsRecordedVersionVistaOrLater())
+    if (!IsRecordedVersionVistaOrLater())  // not reached: from Vista on the service counts as running before, and nobody stops it
         (void)StopService(wasRunning);
+    // not reached: the same
     else
         Trace(kFirewallTrace, "OS is Vista or greater - no need to stop the SharedAccess service.");
 }

@@ -44,8 +44,7 @@ struct TraceLine {
 
 /// The file's name without the folders of the machine that built it.
 constexpr const char *TraceFileNameOf(std::string_view path) {
-    const std::size_t slash = path.find_last_of("/\\");
-    return path.data() + (slash == path.npos ? 0 : slash + 1);
+    return path.data() + (path.find_last_of("/\\") + 1);  // without a folder that is npos + 1, which is 0
 }
 
 /// The name of a function, with its namespaces and classes, from the text that the compiler makes of it:

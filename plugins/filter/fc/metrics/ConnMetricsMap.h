@@ -19,9 +19,6 @@ struct ConnMetricsMapOrder {
     bool operator()(const ConnMetric &left, const ConnMetricText &right) const {
         return CompareMetricTexts(left.Key(), right) < 0;
     }
-    bool operator()(const ConnMetricText &left, const ConnMetric &right) const {
-        return CompareMetricTexts(left, right.Key()) < 0;
-    }
 };
 
 using ConnMetricsMap = std::set<ConnMetric, ConnMetricsMapOrder>;

@@ -45,7 +45,6 @@ private:
     };
     struct HashOf {
         std::size_t operator()(const Record &record) const { return record.hash; }
-        std::size_t operator()(const HashedKey &key) const { return key.hash; }
     };
     struct SameKey {
         using is_transparent = void;
@@ -53,7 +52,6 @@ private:
         bool operator()(const Record &record, const HashedKey &key) const {
             return record.hash == key.hash && Has(record, key.text);
         }
-        bool operator()(const HashedKey &key, const Record &record) const { return (*this)(record, key); }
     };
     using Records = tsl::robin_set<Record, HashOf, SameKey>;
 
