@@ -178,7 +178,8 @@ bool EnsureFirewallServiceRuns(bool *wasRunning) {
 }
 
 void StopFirewallService(bool *wasRunning) {
-    if (!IsRecordedVersionVistaOrLater())  // not reached: from Vista on the service counts as running before, and nobody stops it
+    // not reached: from Vista on the service counts as running before, and nobody stops it
+    if (!IsRecordedVersionVistaOrLater())
         (void)StopService(wasRunning);
     // not reached: the same
     else
