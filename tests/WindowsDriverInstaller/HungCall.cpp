@@ -1,6 +1,8 @@
 #include "HungCall.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 #include <dbghelp.h>
 
@@ -24,6 +26,31 @@ SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 /// With this variable Wine's stack library also skips the host's own libraries, of which it reads every byte.
 constexpr wchar_t kNoSystemLibraries[] = L"DBGHELP_NOLIVE";
+
+bool IsReadable(const std::byte *begin, const std::byte *end) {
+    MEMORY_BASIC_INFORMATION info{};
+    while (begin < end) {
+        constexpr DWORD unreadable = PAGE_NOACCESS | PAGE_GUARD | PAGE_EXECUTE;
+        if (VirtualQuery(begin, &info, sizeof info) == 0 || info.State != MEM_COMMIT ||
+            (info.Protect & unreadable) != 0)
+            return false;
+        begin = static_cast<const std::byte *>(info.BaseAddress) + info.RegionSize;
+    }
+    return true;
+}
+
+/// Wine's function has its server stop the process and read, which a walk over a stack asks for some hundred times.
+BOOL WINAPI ReadMemory(HANDLE process, LPCVOID address, LPVOID buffer, SIZE_T size, SIZE_T *read) {
+    static const auto real = reinterpret_cast<decltype(&::ReadProcessMemory)>(
+        reinterpret_cast<void *>(Simulator::FindRealFunction("KERNEL32.dll", "ReadProcessMemory")));
+    const auto *const begin = static_cast<const std::byte *>(address);
+    if (process != GetCurrentProcess() || !IsReadable(begin, begin + size))
+        return real(process, address, buffer, size, read);
+    std::memcpy(buffer, address, size);
+    if (read != nullptr)
+        *read = size;
+    return TRUE;
+}
 
 }  // namespace
 
@@ -69,6 +96,8 @@ HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &r
     functions.PassThrough<System::SetEvent>();
     functions.PassThrough<System::_wremove>();
     functions.PassThrough<System::SymInitializeW>();
+    functions.Add({"KERNEL32.dll", "ReadProcessMemory", reinterpret_cast<void *>(&ReadMemory)});
+    (void)functions.Attach(GetModuleHandleW(L"dbghelp.dll"), {"ReadProcessMemory"});
     functions.Put<Simulator::System::Sleep>(
         [&faults = simulation.GetFaults()](const auto &next, DWORD ms) {
             for (const auto &hang : faults.Ask("Sleep(" + std::to_string(ms) + ")", false).hangs)
