@@ -6,31 +6,30 @@
 #include <string>
 #include <vector>
 
-/// A short run only shows that all benchmarks still work: few rounds, small sizes, no goals. To be set before the
-/// first.
+/// A short run only shows that all benchmarks still work: few rounds, small sizes, no goals. Call it before the first
+/// benchmark.
 void SetShortRun();
 [[nodiscard]] bool IsShortRun();
 
-/// Seconds on the processor's steady counter.
+/// Seconds by the processor's steady clock.
 double Now();
 
-/// How long each call of the jobs takes, in seconds: the jobs take turns, `rounds` times after one
-/// round to warm up, and the median of each is the result. A short run makes one round.
+/// How long each call of the jobs takes, in seconds: the jobs take turns, `rounds` times after one warm-up round, and
+/// the result is the median of each. A short run makes one round.
 std::vector<double> MedianTimes(int rounds, const std::vector<std::function<double()>> &jobs);
 
-/// The rows of a run. Every row is a ratio of two figures of the same run, or says that it is not.
+/// The rows of a run. Every row is a ratio of two figures of the same run, unless it says otherwise.
 class Report {
 public:
     /// A row with a goal; a short run leaves the goal out.
     /// @param goal  a comparison such as "<= 2.5".
     void Add(const std::string &row, double value, const std::string &unit, const std::string &goal);
-    /// A row that is told only.
+    /// A row without a goal.
     void Add(const std::string &row, double value, const std::string &unit);
 
-    /// Prints the rows since the last call as lines of a table.
+    /// Prints the rows since the last call as a table.
     void PrintNew();
-    /// Writes all rows as a JSON array; a file that is there is replaced by a whole one. @return false when that can't
-    /// be done.
+    /// Writes all rows as a JSON array; replaces a file atomically. @return false on failure.
     [[nodiscard]] bool WriteJson(const std::wstring &path) const;
     bool AllMet() const;
 

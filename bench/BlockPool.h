@@ -1,6 +1,5 @@
-// Memory for a Lua state that costs the same whatever the process heap looks like: free lists by size.
-// The time that a heap needs for Lua's own blocks depends on what was freed before, and would count for
-// or against whichever job comes next.
+// Memory for a Lua state that costs the same whatever the process heap looks like: free lists by size. The time that a
+// heap needs for Lua's own blocks depends on what was freed before, which would favour or penalise the next job.
 #pragma once
 
 #include <array>

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kRounds = 31;
 
-// Keys and texts of the shape that scripts give: a kind of connection, and what is known of it.
+// Keys and texts of the form that scripts pass: a kind of connection, and its properties.
 constexpr const char *kTraffic = R"(
     local function key(i) return ('198.51.100.%d:%d|service-%05d.exe'):format(i % 254 + 1, 1024 + i % 500, i) end
     local function text(i)
@@ -42,7 +42,7 @@ constexpr const char *kTraffic = R"(
     function fill(add, first, last) for i = first, last do add(keys[i], texts[i], 1) end end
 )";
 
-/// The module in a Lua state, with a clock that is put forward by hand.
+/// The module in a Lua state, with a clock that is advanced explicitly.
 class ModuleBench {
 public:
     ModuleBench() : m_simulation({.registry = false, .folders = false, .balance = false}) {
@@ -89,16 +89,16 @@ void BenchPresentKeys(ModuleBench &bench, Report &report) {
     bench.Empty();
 }
 
-/// Keys of sixteen ASCII characters that all have one value of the hash that this module had once: the length as a
-/// start, then for each word of eight bytes a xor, a multiplication by an odd constant and a xor-shift. Each step can
-/// be undone, so that for any first word there is a second one that leads to the wanted value; those of printable bytes
-/// serve.
+/// Keys of sixteen ASCII characters that all have the same value of the hash that an earlier module used: starting with
+/// the length, then for each word of eight bytes a xor, a multiplication by an odd constant and a xor-shift. Each step
+/// is reversible, so for any first word there is a second one that gives the wanted value; those of printable bytes are
+/// used.
 std::vector<std::string> KeysThatCollidedOnce(std::size_t count) {
     constexpr std::uint64_t factor = 0x9E3779B97F4A7C15U;
     std::uint64_t inverse = factor;
     for (int i = 0; i < 6; ++i)
         inverse *= 2 - factor * inverse;
-    const auto shift = [](std::uint64_t word) { return word ^ (word >> 32); };  // undoes itself
+    const auto shift = [](std::uint64_t word) { return word ^ (word >> 32); };  // is its own inverse
     std::mt19937_64 random(7);
     std::vector<std::string> keys;
     // The low 32 bits of the hash, which were its value, are 0; the others are free.
@@ -186,7 +186,7 @@ PlainMap PlainEntries(ModuleBench &bench, int first, int last) {
     return map;
 }
 
-/// The merge as it is told: look up, add or insert a copy while there is room, then empty the source.
+/// A naive merge: look up, add or insert a copy while there is space, then empty the source.
 double TimePlainMerge(PlainMap merged, PlainMap staging) {
     const double start = Now();
     for (const auto &[key, value] : staging) {
@@ -230,7 +230,7 @@ void BenchRows(ModuleBench &bench, Report &report) {
                "<= 1.6");
 }
 
-/// The module with its memory counted, and a clock that is put forward by hand.
+/// The module with its memory counted, and a clock that is advanced explicitly.
 struct CountedModule {
     CountedModule() : simulation({.registry = false, .folders = false, .balance = true}) {
         simulation.GetClock().Step();
@@ -240,7 +240,7 @@ struct CountedModule {
     }
 
     void Fold() {
-        // The last fold lies in the future that the other measurements have simulated.
+        // The time of the last fold lies in the future that the other measurements have simulated.
         simulation.GetClock().Advance(std::chrono::hours(24));
         lua.Run("f.UpdateConnMetrics()");
     }
@@ -250,7 +250,7 @@ struct CountedModule {
     LuaBench lua;
 };
 
-/// What the module asks of the heap for 10,000 keys, with Lua's own memory left out of the count.
+/// What the module allocates for 10,000 keys, without Lua's own memory.
 void BenchMemory(CountedModule &module, Report &report) {
     auto &[simulation, balance, lua] = module;
     lua.Run(kTraffic);
@@ -270,12 +270,11 @@ void BenchMemory(CountedModule &module, Report &report) {
     lua.Run("f.GetConnMetrics()");
 }
 
-/// The most that Lua and the module hold at once, from the adding of a text of many short lines to the end of its
-/// drain.
+/// The peak memory of Lua and the module, from adding a text of many short lines to the end of its drain.
 void BenchDrainMemory(CountedModule &module, Report &report) {
     constexpr double kTextBytes = 4 * 1024 * 1024;
     auto &[simulation, balance, lua] = module;
-    simulation.Attach(GetModuleHandleW(nullptr));  // Lua's memory comes from this program
+    simulation.Attach(GetModuleHandleW(nullptr));  // this program allocates Lua's memory
     lua.Run("text = ('x\\n'):rep(2 * 1024 * 1024) collectgarbage()");
     const std::size_t before = balance.Take().bytes;
     balance.ResetPeak();

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Names of the fields whose value is a number: few, so that each is made once.
+/// Names of the fields whose value is a number: few, so that each is created once.
 std::vector<std::string> numberNames;
 
 struct NumberField {

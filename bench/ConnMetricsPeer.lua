@@ -1,4 +1,4 @@
--- The same job as the module's connection metrics, in plain Lua: the peer of the benchmark.
+-- The same work as the module's connection metrics, in plain Lua: the peer of the benchmark.
 local peer = {}
 
 local floor, ceil = math.floor, math.ceil
@@ -37,7 +37,7 @@ function peer.clear()
     entries, size = {}, 0
 end
 
--- The rows in the order of their keys; the entries stay, so that a run can be repeated.
+-- The rows in key order; the entries stay, so that a run can be repeated.
 function peer.rows()
     local keys = {}
     for key in pairs(entries) do

@@ -31,7 +31,7 @@ std::size_t Format(Line &line, const char *format, ...) {
     return static_cast<std::size_t>(length);
 }
 
-/// Takes everything and keeps nothing: the package is not what is measured.
+/// Discards everything: the package is not what is measured.
 class NowhereStream : public wxOutputStream {
 protected:
     size_t OnSysWrite(const void *, size_t size) override { return size; }
@@ -50,9 +50,9 @@ void PrintTexts(const File &file) {
     file([](const auto &print) { PrintBlacklist(print); });
 }
 
-/// What no module could do with less that writes texts through wxTextOutputStream: format each line and write it. The
-/// driver's answers, the packing and the profile, whose bytes need no work, are in neither side; handing the finished
-/// stream on to the package is the module's alone.
+/// The least that a module that writes texts through wxTextOutputStream must do: format each line and write it. Neither
+/// side includes the driver's answers, the packing and the profile, whose bytes need no work; only the module passes
+/// the finished stream on to the package.
 double TimeTextStreams() {
     std::size_t bytes = 0;
     const double start = Now();
@@ -72,7 +72,7 @@ double TimeTextStreams() {
     const std::size_t wanted = DiagnosticsStubs::TheState().bytes - DiagnosticsStubs::kProfileBytes;
     if (bytes != wanted) {
         (void)std::fprintf(stderr, "bench: the floor writes %zu bytes of text, the module %zu\n", bytes, wanted);
-        std::exit(2);  // the floor has to do the job, too
+        std::exit(2);  // the floor has to do the work, too
     }
     return time;
 }
@@ -88,8 +88,8 @@ double TimeGrowingBuffer() {
     return Now() - start;
 }
 
-/// The most memory that a run holds at a time, bytes, the packing included. A block that grows counts as what it has
-/// grown to; what the driver holds does not count.
+/// The peak memory of a run in bytes, including the packing. A block that grows counts with its new size; the driver's
+/// data does not count.
 double PeakBytes(LuaBench &lua) {
     Simulator::Simulation simulation({.registry = false, .folders = false, .machine = false});
     for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"vta_core.dll", L"fc.dll"})

@@ -59,7 +59,7 @@ int32_t GetOneVariable(vti_handle_t *, uint32_t, FilterVariable *variable) {
     return 0;
 }
 
-/// A print that goes through the context, as the driver library's does.
+/// A print function that goes through the context, as the driver library's does.
 auto Through(DumpContext *context) {
     return [context](const char *format, auto... arguments) { context->print(context, format, arguments...); };
 }

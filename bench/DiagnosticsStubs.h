@@ -1,5 +1,5 @@
-// A driver with 60,000 connections under the diagnostics, at next to no cost: its lines are ready but for the
-// formatting that the print function of their reader does.
+// A driver with 60,000 connections for the diagnostics, at almost no cost: its lines are ready except for the
+// formatting by the reader's print function.
 #pragma once
 
 #include <cstdint>
@@ -50,13 +50,13 @@ void PrintBlacklist(const Print &print) {
 
 struct State {
     bool packs = false;     ///< Whether the files reach the package.
-    std::size_t files = 0;  ///< That were offered to it, and
-    std::size_t bytes = 0;  ///< how many bytes they have.
+    std::size_t files = 0;  ///< Files that were offered to it,
+    std::size_t bytes = 0;  ///< and their size in bytes.
 };
 State &TheState();
 
-/// Replaces the driver and the package in the module until the result goes. Ends the program if the module imports
-/// less than it should.
+/// Replaces the driver and the package in the module until the result is destroyed. Ends the program if the module
+/// lacks an import.
 std::vector<Simulator::Redirection> PutUnder(HMODULE module);
 
 }  // namespace DiagnosticsStubs

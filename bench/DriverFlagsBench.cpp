@@ -25,8 +25,9 @@ void PutValues(Simulator::RegistrySandbox &registry) {
     registry.PutDword(HKEY_LOCAL_MACHINE, kCalloutParameters, L"LastTimeDriverStoppedByBLP", 2);
 }
 
-// The bare calls, those that wxRegKey comes to: a key is opened once for HasValue and QueryValue, which each query (a
-// text once more, for its size); Exists opens and closes it on its own. Counted, so that the other side is held to it.
+// The bare calls that wxRegKey makes: a key is opened once for HasValue and QueryValue, each of which queries (a text
+// twice, for its size); Exists opens and closes it separately. Counted, to check that the other side makes the same
+// ones.
 std::size_t bareCalls = 0;
 
 [[noreturn]] void EndForLackOf(const char *what) {

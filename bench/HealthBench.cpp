@@ -71,7 +71,7 @@ double TimeParsingAndPrinting() {
         cJSON *const json = cJSON_ParseWithOpts(kPolicy, nullptr, 0);
         char *const text = cJSON_Print(json);
         if (text == nullptr || std::string_view(text) != kPolicy)
-            std::exit(2);  // the peer has to do the job, too
+            std::exit(2);  // the peer has to do the work, too
         cJSON_free(text);
         cJSON_Delete(json);
     }
@@ -108,7 +108,7 @@ Parts TakeParts(LuaBench &lua, const char *policy) {
     return parts;
 }
 
-/// Where the time of one iteration goes that comes alone, as in the agent's loop.
+/// How the time of one isolated iteration is spent, as in the agent's loop.
 void ReportParts(LuaBench &lua, Report &report) {
     const Parts file = TakeParts(lua, "''");
     const Parts policy = TakeParts(lua, "policy");

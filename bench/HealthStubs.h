@@ -1,5 +1,5 @@
-// The system calls and the driver under an iteration of the health subsystem, at next to no cost, so that what
-// remains is the module's own work. Each notes the time, if that is wanted.
+// The system calls and the driver that an iteration of the health subsystem uses, at almost no cost, so that the
+// module's own work remains. Each records the time, if enabled.
 #pragma once
 
 #include <array>
@@ -12,19 +12,19 @@
 
 namespace HealthStubs {
 
-/// What an iteration comes by, in this order.
+/// The stages of an iteration, in order.
 enum Mark { Start, ConfigClosed, SampleBegun, SampleEnded, kMarks };
 
 struct State {
-    std::vector<std::string> configLines;  ///< With their line feeds.
+    std::vector<std::string> configLines;  ///< Including their line feeds.
     bool notesTimes = false;
     std::array<double, kMarks> times{};  ///< Of the last iteration, by Now().
-    unsigned opened = 0;                 ///< Files, since the beginning.
+    unsigned opened = 0;                 ///< Files opened in total.
     unsigned written = 0;                ///< Texts.
 };
 State &TheState();
 
-/// Replaces them in the module until the result goes. Ends the program if the module imports less than it should.
+/// Replaces them in the module until the result is destroyed. Ends the program if the module lacks an import.
 std::vector<Simulator::Redirection> PutUnder(HMODULE module);
 
 }  // namespace HealthStubs

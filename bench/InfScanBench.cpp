@@ -27,7 +27,7 @@ using Bytes = std::span<const std::byte>;
     std::exit(2);
 }
 
-/// What stands in the INF file of an ordinary network card, a section for each of its models.
+/// The text of an ordinary network card's INF file, with a section for each of its models.
 constexpr const char *kInfLines[] = {
     "; Copyright (c) Example Corporation. All rights reserved.",
     "",
@@ -75,7 +75,7 @@ constexpr const char *kInfLines[] = {
     "PriorityVlanTag = \"Packet Priority & VLAN\"",
 };
 
-/// Each driver is named some times, though not often enough: no scan ends early.
+/// Each driver is named several times, but too rarely to end a scan early.
 std::string MakeInfText(std::size_t characters) {
     std::mt19937 random(7);
     std::string text;
@@ -135,7 +135,7 @@ bool Names(const wchar_t *text, const wchar_t *name) {
     return _wcsnicmp(text, name, kDriverLength) == 0;
 }
 
-/// The scan as one would write it down: a look at each character, and the system's comparison at each first letter.
+/// The obvious scan: checks each character, and calls the system's comparison at each first letter.
 template <typename Character>
 const wchar_t *ScanPlainly(Bytes file, const Character *first, const Character *second) {
     int firsts = 0;
@@ -161,9 +161,9 @@ const wchar_t *ScanPlainly16Bit(Bytes file) {
     return ScanPlainly(file, L"qbimvta", L"qbimwfp");
 }
 
-volatile int floorResult;  // keeps the floor from being left out
+volatile int floorResult;  // keeps the floor from being optimised away
 
-/// Reads every byte, by as many and as wide loads as the scan may use, and does the least with it.
+/// Reads every byte, with as many and as wide loads as the scan may use, and does a minimum of work.
 void ReadAll(Bytes file) {
     __m128i sums[4] = {};
     const auto *block = reinterpret_cast<const __m128i *>(file.data());
@@ -198,7 +198,7 @@ double TimeReadAll(Bytes file) {
 }
 
 void BenchText(Report &report, const Width &width, const std::string &what, Bytes content) {
-    // Short jobs and many of them: the median is then one that no other program came between.
+    // Many short jobs: other programs then do not affect the median.
     const int infRounds = content.size() == kMiB ? 501 : 21;
     const MappedFile mapped(content);
     const Bytes file = mapped.content();
@@ -210,7 +210,7 @@ void BenchText(Report &report, const Width &width, const std::string &what, Byte
     report.Add(row + ", to reading each byte", times[0] / times[2], "time ratio", "<= 2.5");
 }
 
-/// Both sides have to find what is there to be found.
+/// Both sides must find what there is.
 void CheckSameResult(const Width &width, Bytes content) {
     const wchar_t *const driver = width.scan(content);
     const wchar_t *const plain = width.plain(content);
@@ -236,6 +236,6 @@ void BenchWidth(Report &report, const Width &width) {
 }  // namespace
 
 void BenchInfScan(Report &report) {
-    BenchWidth<char>(report, {"8 bit", DriverNamedIn8Bit, ScanPlainly8Bit});
-    BenchWidth<wchar_t>(report, {"16 bit", DriverNamedIn16Bit, ScanPlainly16Bit});
+    BenchWidth<char>(report, {"8 bit", ScanInfForDriver8Bit, ScanPlainly8Bit});
+    BenchWidth<wchar_t>(report, {"16 bit", ScanInfForDriver16Bit, ScanPlainly16Bit});
 }

@@ -22,8 +22,8 @@ double MedianOf(std::vector<double> values) {
     return *middle;
 }
 
-/// The module's own time in an installation, to the waits that it makes on purpose. The first since the module was
-/// loaded loads what stack traces need, which takes Wine long.
+/// The module's own time in an installation, apart from its deliberate waits. The first installation since the module
+/// was loaded loads what stack traces need, which takes Wine long.
 void BenchOwnTime(Report &report) {
     MeasuredInstallation machine(0);
     const InstallTimes first = machine.Install();
@@ -52,7 +52,7 @@ InstallTimes FastestUpgrade(MeasuredInstallation &machine) {
     return fastest;
 }
 
-/// An upgrade with 1 to 1000 adapters, of which each has its binding put back.
+/// An upgrade with 1 to 1000 adapters, each of which has its binding restored.
 void BenchGrowth(Report &report) {
     std::map<std::size_t, InstallTimes> times;
     const std::size_t most = IsShortRun() ? 10 : 1000;
@@ -83,7 +83,7 @@ protected:
     }
 };
 
-/// A stack written down and a thread ended, without anybody who had to notice.
+/// Dumping a stack and killing a thread, without detecting the hang.
 double SecondsToDumpAndKill() {
     PrepareStackDump();
     StuckThread thread;

@@ -1,4 +1,4 @@
-// Measures installations on simulated machines, and how fast a worker that hangs is ended.
+// Measures installations on simulated machines, and how fast a hanging worker is killed.
 #pragma once
 
 #include "Bench.h"

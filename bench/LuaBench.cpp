@@ -50,7 +50,7 @@ void LuaBench::Run(const std::string &code) {
 double LuaBench::Time(const std::string &code) {
     Load(m_state, code);
     lua_gc(m_state, LUA_GCCOLLECT, 0);
-    // Where in a job the collector comes by depends on what else is alive, not on the job.
+    // When the collector runs within a job depends on what else is alive, not on the job.
     lua_gc(m_state, LUA_GCSTOP, 0);
     const double start = Now();
     Call(m_state, 0);

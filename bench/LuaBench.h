@@ -1,4 +1,4 @@
-// Measuring in a Lua state: the same loop around different functions.
+// Measurements in a Lua state: the same loop around different functions.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 #include "BlockPool.h"
 
-/// A Lua state that finds modules beside this program; the global `folder` tells where that is. One at a time: fc.dll
-/// is unloaded with it, so that what is measured next has it fresh.
+/// A Lua state that loads modules from this program's folder, which the global `folder` names. One at a time: fc.dll is
+/// unloaded with it, so that the next measurement loads it afresh.
 class LuaBench {
 public:
     LuaBench();
@@ -20,7 +20,7 @@ public:
 
     /// Runs code; an error ends the program with its message.
     void Run(const std::string &code);
-    /// Seconds that a chunk takes with the garbage collector at rest; what came before is collected first.
+    /// Seconds that a chunk takes with the garbage collector stopped; earlier garbage is collected first.
     double Time(const std::string &code);
     double Number(const std::string &expression);
 

@@ -12,6 +12,7 @@
 #include "AdapterMachine.h"
 #include "Bench.h"
 #include "Failure.h"
+#include "WindowsDriverInstaller/threads/Steps.h"
 #include "WindowsFunctions.h"
 
 using Simulator::InsideSimulator;
@@ -20,13 +21,12 @@ using std::chrono::milliseconds;
 namespace {
 
 namespace System {
-SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);  // tells where a step ends
+SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);  // marks the end of a step
 }
 
 constexpr char kInstall[] = "INetCfgClassSetup::Install";
-constexpr std::uint64_t kInstallLimitMs = 600'000;
 
-/// The program's own reading of the counter tells simulated time.
+/// The program itself reads the performance counter in simulated time.
 double RealNow() {
     const InsideSimulator inside;
     return Now();
@@ -37,7 +37,7 @@ void Require(bool condition, const char *what) {
         NoteFailure(what);
 }
 
-/// What the worker's calls tell of its steps.
+/// What the worker's calls show about its steps.
 struct Stamp {
     enum class What { Line, StepBegins, StepEnds };
     What what;
@@ -70,7 +70,7 @@ private:
     std::vector<Stamp> m_stamps;
 };
 
-/// Reads which step took how long from the stamps and the log of a worker.
+/// Computes how long each step took from the time stamps and the log of a worker.
 class StepReader {
 public:
     explicit StepReader(const std::string &log) : m_log(log) {}
@@ -93,7 +93,7 @@ public:
     }
 
 private:
-    /// Some steps leave no line.
+    /// Some steps log no line.
     std::string NameInLine() {
         const std::size_t begin = m_line.find_first_not_of(' ');
         if (begin == m_line.npos || m_line[begin] != '>')
@@ -143,7 +143,8 @@ public:
         return times;
     }
 
-    /// Of the last installation. One that stops a service asks for the time between its steps, too, and can't be read.
+    /// From the last installation. One that stops a service reads the time between its steps, too, and can't be
+    /// evaluated.
     std::map<std::string, double> SecondsOfSteps() {
         StepReader reader(m_text.substr(m_text.find('|', m_text.find('|') + 1) + 1));
         for (const Stamp &stamp : m_stamps->Of(CallerOf(kInstall)))
@@ -209,7 +210,7 @@ private:
         m_nodes.push_back(node);
     }
 
-    /// Those of both threads. The caller only looks on, as often as there is time for.
+    /// Of both threads. The caller only watches, as often as there is time for.
     std::size_t CallsOfTheWork() {
         const auto calls = simulation().GetJournal().Entries();
         const DWORD caller = GetCurrentThreadId();
@@ -224,19 +225,20 @@ private:
         return 0;
     }
 
-    /// To the last millisecond of the step that the worker is in.
+    /// To the last millisecond of the worker's current step.
     void PassTheTime() {
         std::uint64_t begin = 0;
         for (const Stamp &stamp : m_stamps->Of(CallerOf(kInstall)))
             if (stamp.what == Stamp::What::StepBegins)
                 begin = stamp.tickMs;
+        const std::uint64_t limitMs = StepLimitSeconds(InstallingDriver) * std::uint64_t{1'000};
         Simulator::Clock &clock = simulation().GetClock();
         Require(clock.AwaitWaiting(1, kPatienceMs), "nobody waits for the hung worker");
         Sleep(kSettleMs);
-        const std::size_t looks = Looks();
-        clock.Advance(milliseconds(begin + kInstallLimitMs - 1 - clock.TickMs()));
-        for (DWORD waitedMs = 0; Looks() == looks; ++waitedMs) {
-            Require(waitedMs < kPatienceMs, "the watchdog does not look at the hung worker");
+        const std::size_t polls = Polls();
+        clock.Advance(milliseconds(begin + limitMs - 1 - clock.TickMs()));
+        for (DWORD waitedMs = 0; Polls() == polls; ++waitedMs) {
+            Require(waitedMs < kPatienceMs, "the watchdog does not poll the hung worker");
             Sleep(1);
         }
         Sleep(kSettleMs);
@@ -244,13 +246,13 @@ private:
     }
 
     /// Each ends in a wait.
-    std::size_t Looks() { return simulation().GetJournal().Count("WaitForSingleObject"); }
+    std::size_t Polls() { return simulation().GetJournal().Count("WaitForSingleObject"); }
 
-    static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which a thread that goes to wait does so.
+    static constexpr DWORD kSettleMs = 20;  ///< Real ones, in which a thread that begins to wait gets there.
 
     std::vector<std::wstring> m_nodes;
     std::string m_text;                                                   ///< Of the event of the last success.
-    const std::shared_ptr<Stamps> m_stamps = std::make_shared<Stamps>();  ///< The simulation's end adds to them.
+    const std::shared_ptr<Stamps> m_stamps = std::make_shared<Stamps>();  ///< Extended by the simulation's end.
 };
 
 MeasuredInstallation::MeasuredInstallation(std::size_t adapters) : m_machine(std::make_unique<Machine>(adapters)) {}

@@ -1,4 +1,4 @@
-// A simulated machine that installs the drivers by a script's call, for measurements.
+// A simulated machine on which a script's call installs the drivers, for measurements.
 #pragma once
 
 #include <cstddef>
@@ -8,27 +8,27 @@
 
 /// What one installation took.
 struct InstallTimes {
-    double ownSeconds = 0;     ///< Real ones from the call to its return, while no wait takes any.
-    double waitedSeconds = 0;  ///< By the simulated clock.
-    std::size_t calls = 0;     ///< Of the system.
-    std::map<std::string, double> ownSecondsOfSteps{};  ///< Of a fresh one; without the steps within.
+    double ownSeconds = 0;                              ///< Real seconds from the call to its return; waits take none.
+    double waitedSeconds = 0;                           ///< By the simulated clock.
+    std::size_t calls = 0;                              ///< Of the system.
+    std::map<std::string, double> ownSecondsOfSteps{};  ///< Of a fresh installation; without inner steps.
 };
 
-/// Ends the program if an installation does not do what it is measured for.
+/// Ends the program if an installation does not do what is measured.
 class MeasuredInstallation {
 public:
-    /// @param adapters  besides the two that every machine has.
+    /// @param adapters  in addition to the two that every machine has.
     explicit MeasuredInstallation(std::size_t adapters);
     ~MeasuredInstallation();
     MeasuredInstallation(const MeasuredInstallation &) = delete;
     MeasuredInstallation &operator=(const MeasuredInstallation &) = delete;
 
-    /// Fresh: what an earlier one has left is removed before.
+    /// Fresh: removes what an earlier one has left.
     InstallTimes Install();
     /// From version 1.0.0.0, bound to all adapters.
     InstallTimes Upgrade();
-    /// Hangs the worker, and lets the time of its step pass.
-    /// @return real seconds from the end of that time to the end of the worker.
+    /// Hangs the worker, and lets the limit of its step pass.
+    /// @return real seconds from the end of the limit to the end of the worker.
     double SecondsToKill();
 
 private:

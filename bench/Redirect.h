@@ -1,4 +1,4 @@
-// Stubs under the module, for benchmarks that leave the system and the driver out of the time.
+// Stubs for the module's imports, so that benchmarks exclude the time of the system and the driver.
 #pragma once
 
 #include <cstdio>
@@ -7,8 +7,8 @@
 
 #include "ImportTable.h"
 
-/// Replaces the function in the module as long as the redirections live; ends the program if the module does not import
-/// it.
+/// Replaces the function in the module for the lifetime of the redirections; ends the program if the module does not
+/// import it.
 template <typename Stub>
 void Redirect(std::vector<Simulator::Redirection> &redirections, HMODULE module, const char *function, Stub *stub) {
     redirections.emplace_back(module, function, reinterpret_cast<void *>(stub));

@@ -8,7 +8,7 @@
 // The class lives in the unnamed namespace of this source.
 #include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above
 
-HINSTANCE moduleInstance = nullptr;  // of the module; no message of its table is asked for
+HINSTANCE moduleInstance = nullptr;  // the module's; its message table is not used
 
 namespace {
 
@@ -16,7 +16,7 @@ constexpr int kStepRounds = 51;
 constexpr int kStepsPerRound = 1000;
 constexpr int kLinesPerStep = 2;
 
-/// Takes the lines and throws them away.
+/// Discards the lines.
 class CountingLog : public wxLog {
 public:
     CountingLog() : m_before(SetActiveTarget(this)) {}
@@ -33,13 +33,13 @@ private:
     wxLog *m_before;
 };
 
-/// Never started: steps need no thread of their own.
+/// Never started: steps need no thread.
 class SteppingThread : public CDriverUninstallerThread {
 public:
     explicit SteppingThread(VtaCore::CDom *toDom) : CDriverUninstallerThread(toDom, "C:\\", "C:\\") {}
 
     void Step() {
-        StartStep(UninstallingDriver, 600);
+        StartStep(UninstallingDriver);
         EndStep(UninstallingDriver);
     }
 };
@@ -58,9 +58,9 @@ double TimeSteps(CountingLog &log, const Step &step) {
     return time;
 }
 
-/// The same two lines, as plainly as wxWidgets writes them.
+/// The same two lines, written with wxWidgets in the simplest way.
 void LogLinesOfStep() {
-    wxLogMessage(" >%s. %ds max", StepName(UninstallingDriver), 600);
+    wxLogMessage(" >%s. %ds max", StepName(UninstallingDriver), static_cast<int>(StepLimitSeconds(UninstallingDriver)));
     wxLogMessage(" <%s", StepName(UninstallingDriver));
 }
 

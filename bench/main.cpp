@@ -52,7 +52,7 @@ int CannotWrite(const std::wstring &json) {
     return 2;
 }
 
-/// Measures the groups, all without one. Keeps the rows after each, since a later one may crash.
+/// Measures the groups; without arguments all. Saves the rows after each, since a later one may crash.
 int Measure(const std::vector<std::wstring> &groups, const std::wstring &json) {
     const wxInitializer wx;
     Report report;

@@ -4,8 +4,8 @@ if(NOT EXISTS "${FC_LIBRARIES}/complete")
     message(FATAL_ERROR "FC_LIBRARIES ('${FC_LIBRARIES}') holds no libraries: build with ./dev, which makes them")
 endif()
 
-# Copies in the build folder: what lies there is linked by a relative path, and so the PDB files hold no path of the
-# building machine.
+# Copies in the build folder: they are linked by relative paths, so that the PDB files contain no path of the build
+# machine.
 set(linked "${CMAKE_BINARY_DIR}/libraries")
 file(GLOB wx_dll "${FC_LIBRARIES}/lib/*/wxbase32u_*.dll")
 file(GLOB import_libraries "${FC_LIBRARIES}/lib/*.a" "${FC_LIBRARIES}/lib/*.lib"
@@ -16,7 +16,7 @@ foreach(file ${import_libraries})
     file(COPY_FILE "${file}" "${linked}/${name}" ONLY_IF_DIFFERENT)
 endforeach()
 
-# What it is called depends on the compiler that has built it.
+# Its name depends on the compiler that built it.
 cmake_path(GET wx_dll FILENAME wx_name)
 add_compile_definitions(FC_WX_DLL="${wx_name}")
 
@@ -49,8 +49,8 @@ endif()
 add_library(header_libraries INTERFACE IMPORTED)
 target_include_directories(header_libraries SYSTEM INTERFACE "${FC_HEADERS}/include")
 
-# Everything a program of ours needs beside itself, once, in the folder of the binaries: the libraries with their PDB files,
-# and MinGW's runtimes.
+# Everything that one of our programs needs in its folder, once: the libraries with their PDB files, and MinGW's
+# runtimes.
 file(GLOB beside "${FC_LIBRARIES}/bin/*.dll" "${FC_LIBRARIES}/bin/*.pdb" "${wx_dir}/wxbase32u_*.pdb")
 list(APPEND beside "${wx_dll}")
 if(FC_MINGW_COMPILER)

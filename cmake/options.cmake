@@ -1,16 +1,17 @@
-# Where binaries go, and the flags of everything that is built here.
+# Where binaries go, and the flags of everything built here.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(FC_TRAPPING "${CMAKE_BINARY_DIR}/bin-trapping")  # the module that crashes where its behaviour is undefined
+set(FC_TRAPPING "${CMAKE_BINARY_DIR}/bin-trapping")  # the module that crashes on undefined behaviour
+set(FC_COVERED "${CMAKE_BINARY_DIR}/covered")  # the module that counts what is reached
 
 if(MSVC)
     add_compile_options(/W4 /permissive- /utf-8 /EHsc)
-    add_compile_definitions(NOMINMAX _CRT_SECURE_NO_WARNINGS)  # fopen and sscanf are meant
-    # So are inet_addr, inet_ntoa and GetVersionExW: the module goes by what just these answer.
+    add_compile_definitions(NOMINMAX _CRT_SECURE_NO_WARNINGS)  # fopen and sscanf are used deliberately
+    # So are inet_addr, inet_ntoa and GetVersionExW: the module depends on exactly their results.
     add_compile_definitions(_WINSOCK_DEPRECATED_NO_WARNINGS BUILD_WINDOWS)
 else()
     add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2
                         -Wno-unknown-pragmas -fstack-protector-strong
-                        # No path of the building machine goes into what is handed out.
+                        # Packages contain no path of the build machine.
                         -ffile-compilation-dir=.
                         "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build"
                         "-ffile-prefix-map=${FC_LIBRARIES}=libraries")
@@ -22,9 +23,9 @@ endif()
 
 add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00)
 
-# fc_build_fast(TARGET headers...), fc_build_fast(TARGET REUSE_FROM OTHER): for the devkit and the tests, which are to be
-# built fast rather than to be fast. The headers are precompiled, or the other target's are taken, which must have the
-# same definitions; ./dev check does without.
+# fc_build_fast(TARGET headers...), fc_build_fast(TARGET REUSE_FROM OTHER): for the devkit and the tests, whose build
+# time matters more than their speed. The headers are precompiled, or the other target's are reused, which must have the
+# same definitions; ./dev check builds without them.
 function(fc_build_fast target)
     if(NOT MSVC)
         target_compile_options(${target} PRIVATE -O1 -g1)

@@ -1,9 +1,9 @@
 # Writes Version.h, with the commit in the version, and only if that has changed.
 #   cmake -DSOURCE=FOLDER -DVERSION=1.0.0 -DHEADER=FILE -P version.cmake
-# "1.0.0+gCOMMIT" of a clone, "-dirty" behind it where a file under version control was changed; "1.0.0+unknown" of sources
-# that are no clone.
+# "1.0.0+gCOMMIT" in a clone, followed by "-dirty" if a tracked file was changed; "1.0.0+unknown" in sources that are
+# not a clone.
 function(git_says result)
-    # Not the lock of the index, which somebody else may need.
+    # Without git's index lock, which another process may need.
     execute_process(COMMAND git --no-optional-locks -C "${SOURCE}" ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE words
                     ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE)
     if(NOT status EQUAL 0)
@@ -13,7 +13,7 @@ function(git_says result)
 endfunction()
 
 set(commit unknown)
-# The sources may lie in a clone of something else.
+# The sources may lie within a clone of something else.
 git_says(inside rev-parse --show-prefix)
 if("${inside}" STREQUAL "")
     git_says(head rev-parse --verify HEAD)

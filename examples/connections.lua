@@ -2,15 +2,15 @@
 --
 --   fc-host --clock steps examples/connections.lua [LOG] [--out DIR]
 --
--- LOG is a conn.log in Zeek's TSV format; without it the sample beside this script is read. The most
--- frequent kinds are printed, all of them are written to DIR/connections.json (out/connections.json).
--- Ends with 1 when the log has no usable row. Ctrl-C ends the reading; what was counted so far is written.
+-- LOG is a conn.log in Zeek's TSV format; by default it reads the sample beside this script. It prints the most
+-- frequent kinds, and writes all of them to DIR/connections.json (out/connections.json). The exit code is 1 if the log
+-- has no usable row. Ctrl-C stops the reading; what was counted so far is written.
 
 local MAX_KINDS = 10000 -- the module keeps no more
-local FOLD_AFTER_SECONDS = 61 -- it folds what was added once a minute
+local FOLD_AFTER_SECONDS = 61 -- it folds new counts once a minute
 local TOP = 10
 local MAX_REPORTED = 5
-local MAX_SKIPPED = 1000 -- of so many rows the result tells what is wrong; the others are counted
+local MAX_SKIPPED = 1000 -- the result explains at most this many rows; further ones are only counted
 
 local FLAGS = { ssl = 1, udp = 2, outbound = 4, start_tls = 256 } -- bits of the flags word
 local REQUIRED_FIELDS = { "proto", "id.resp_p" }
@@ -45,7 +45,7 @@ end
 
 -- Reading the log ----------------------------------------------------------------------------------
 
--- Splits at a separator that is taken literally.
+-- Splits at a literal separator.
 local function split(text, separator)
     local parts, from = {}, 1
     while true do
@@ -67,7 +67,7 @@ end
 
 local BYTE_ORDER_MARK = "\xEF\xBB\xBF"
 
--- What files of other kinds begin with, and what is to be done.
+-- How files of other kinds begin, and what to do about them.
 local OTHER_KINDS = {
     { "^\x1F\x8B", "is compressed with gzip; unpack it first, with gunzip" },
     { "^\xFD7zXZ", "is compressed with xz; unpack it first, with unxz" },
@@ -81,7 +81,7 @@ local OTHER_KINDS = {
     { "^%s*{", "is in JSON; have Zeek write TSV (LogAscii::use_json = F)" },
 }
 
--- Leaves the file behind a byte order mark.
+-- Skips a byte order mark.
 local function check_format(file, path)
     local head = file:read(64) or ""
     local has_mark = head:sub(1, #BYTE_ORDER_MARK) == BYTE_ORDER_MARK
@@ -123,7 +123,7 @@ local header_handlers = {
 }
 
 local function read_header(format, line, where)
-    -- The line that tells the separator is separated by a space itself.
+    -- The line that declares the separator uses a space itself.
     local name, value = line:match("^#(separator) (.+)$")
     if not name then
         local parts = split(line:sub(2), format.separator)
@@ -158,7 +158,7 @@ local function read_row(format, line)
     return row
 end
 
--- Takes a line; where() tells which one it is. Counts usable rows and others in `seen`.
+-- Processes a line; where() says which one it is. Counts usable rows and others in `seen`.
 local function read_line(format, line, where, use, seen)
     if line:sub(1, 1) == "#" then
         read_header(format, line, where())
@@ -179,7 +179,7 @@ local function read_line(format, line, where, use, seen)
     end
 end
 
--- Hands each usable row to the function, and counts in `seen`, which tells how far it came if it is interrupted.
+-- Passes each usable row to the function, and counts in `seen`, which says how far it got if it is interrupted.
 local function read_log(path, use, seen)
     local file, message = io.open(path, "rb")
     if not file then

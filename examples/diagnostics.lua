@@ -1,10 +1,10 @@
--- Builds a diagnostic package from the simulated driver, and shows what is in it.
+-- Builds a diagnostic package from the simulated driver, and shows its contents.
 --
 --   fc-host examples/diagnostics.lua [--out DIR]
 --
--- The package is DIR/diagnostics.zip (out/diagnostics.zip), as an agent would send it to those who look after it. What
--- the driver holds is made up here: the layout of its records is known to its own library alone, which also prints
--- them. Ends with 1 when a file is missing from the package.
+-- The package is DIR/diagnostics.zip (out/diagnostics.zip), as an agent would send it to support. The driver's data is
+-- made up: only its own library, which also prints them, knows the layout of its records. The exit code is 1 if a file
+-- is missing from the package.
 
 local EXPECTED = { "vta_stats.txt", "vta_variables.txt", "vta_conn_track.txt", "vta_blacklist.txt", "vta.tpf" }
 local SHOWN_LINES = 3

@@ -1,11 +1,10 @@
--- An agent's day: asks the module every 30 seconds whether the filter is to fail open, and acts on the answer.
+-- An agent's day: asks the module every 30 seconds whether the filter should fail open, and acts on the answer.
 --
 --   fc-host --clock steps --quiet --report out/health.html examples/health.lua [--out DIR]
 --
--- The machine and the driver are simulated, and so is the clock, which stands still but for the waits: so each run prints
--- the same. The configuration is vt_filter.conf beside
--- this script; the policy that comes in the evening is policy.json. The module's files are written below DIR/agent
--- (out/agent). Ends with 1 when the day did not go as it is told here.
+-- The machine, the driver and the clock are simulated; the clock advances only while all wait, so each run prints the
+-- same. The configuration is vt_filter.conf beside this script; the policy that arrives in the evening is policy.json.
+-- The module's files are written below DIR/agent (out/agent). The exit code is 1 if the day did not go as planned.
 
 local PERIOD_SECONDS = 30 -- from 45 on, the interval itself would be past its limit
 local HOUR, MINUTE = 3600, 60
@@ -18,7 +17,7 @@ local MIB = 2 ^ 20
 local WAIT_SETTING = "vtp.filter.SysHealthBackoffWait"
 local CHECK_SETTING = "vtp.filter.SysHealthLastRecoveryCheck"
 
-local ACTION = { NORMAL = 0, FAIL_OPEN = 1, DISABLED = 2 } -- others carry no decision
+local ACTION = { NORMAL = 0, FAIL_OPEN = 1, DISABLED = 2 } -- others contain no decision
 
 local function fail(...)
     io.stderr:write("health: ", string.format(...), "\n")
@@ -52,7 +51,7 @@ local function read_file(name)
     return content
 end
 
--- Gives the module a folder for the agent's files, with the configuration in it.
+-- Creates a folder for the agent's files, with the configuration.
 local function install_configuration(folder)
     host.use_program_data(folder)
     local path = folder .. "/filter/vt_filter.conf"
@@ -81,17 +80,17 @@ local function noise()
     return noise_state / 2 ^ 31
 end
 
--- How busy people keep the host, from 0 to 1.
+-- How busy users keep the host, from 0 to 1.
 local function office_hours(time)
     return math.max(0, math.sin((time - at(6)) / at(14) * math.pi)) ^ 2
 end
 
--- From 0 at the one time to 1 at the other.
+-- From 0 at the first time to 1 at the second.
 local function ramp(time, from, to)
     return math.min(1, math.max(0, (time - from) / (to - from)))
 end
 
--- What the machine and the driver are put to at a time of the day, the driver's as figures per second.
+-- The load of the machine and the driver at a time of the day, the driver's per second.
 local function load_at(time)
     local busy = office_hours(time)
     local load = {
@@ -109,13 +108,13 @@ local function load_at(time)
     elseif between(time, at(18, 30), at(19, 30)) then -- the backup
         load.queue = load.queue + 52
         load.scanned = load.scanned + 380 * MIB
-    elseif between(time, at(20), at(21, 20)) then -- a leak, until its process is started anew
+    elseif between(time, at(20), at(21, 20)) then -- a leak, until its process is restarted
         load.free = load.free - 0.58 * ramp(time, at(20), at(21, 10))
     end
     return load
 end
 
--- What happens at a time, besides the load. Each says what it is, and does it to the agent.
+-- Events besides the load. Each has a description, and a function that applies it to the agent.
 local incidents = {
     { at(8, 30), "A build begins on all processors" },
     { at(10, 20), "The agent is restarted", function(agent) agent:restart() end },
@@ -228,7 +227,7 @@ function Agent:recover()
     host.send_event(EVENT_RECOVERED, "The filter is back")
 end
 
--- Still in fail-open: tells of a wait that begins, and of a check that failed.
+-- Still in fail-open: reports a wait that begins, and a check that failed.
 function Agent:stay_open(wait_before, check_before)
     local wait = wait_minutes()
     if wait_before == 0 then
@@ -239,7 +238,7 @@ function Agent:stay_open(wait_before, check_before)
     end
 end
 
--- One iteration: what the module says is taken up.
+-- One iteration: does what the module says.
 function Agent:check()
     local wait_before, check_before = wait_minutes(), host.get_setting(CHECK_SETTING)
     local action = SLB.filter.CheckSystemHealthMetrics(self.dom, self.state, self.cloud_config).action

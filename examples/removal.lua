@@ -1,11 +1,11 @@
--- Removes the drivers from a machine on which one call never comes back, and shows what those who look after such a
--- machine see of it. Then removes them again, in the same process.
+-- Removes the drivers from a machine on which one call never returns, and shows what support sees of it. Then removes
+-- them again, in the same process.
 --
 --   fc-host --clock steps --quiet examples/removal.lua
 --
--- The machine is simulated, and so is the clock: it moves on when all wait, so that the ten minutes after which the call is
--- given up take a few seconds. docs/removal.md tells what each line of the log means. Ends with 1
--- when a removal did not go as it is told here.
+-- The machine and the clock are simulated: the clock advances only while all wait, so that the ten minutes after which
+-- the call is abandoned take a few seconds. docs/removal.md explains each line of the log. The exit code is 1 if a
+-- removal did not go as planned.
 
 local CALLOUT_INF = [[
 [Version]
@@ -31,7 +31,7 @@ local function write_file(path, content)
     file:close()
 end
 
--- What names a driver ten times is taken for a copy of that driver's own INF file.
+-- A file that names a driver ten times counts as a copy of that driver's INF file.
 local function inf_naming(driver)
     return "[Version]\r\n" .. string.rep("CopyFiles = " .. driver .. ".sys\r\n", 12) .. "; the end of the file\r\n"
 end

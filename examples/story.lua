@@ -1,14 +1,14 @@
--- The life of the drivers on one machine, and what its agent sees of it: they are installed, do their work, are
--- upgraded, hang, break the network and mend it, and are removed.
+-- The life of the drivers on one machine, as its agent sees it: they are installed, do their work, are upgraded, hang,
+-- break the network, which recovers, and are removed.
 --
 --   fc-host --clock steps --quiet --report out/report.html --events out/events.json examples/story.lua [--out DIR]
 --
 -- Machine, driver and clock are simulated. The diagnostic package goes to DIR/diagnostics.zip (out/diagnostics.zip),
--- the agent's trace to DIR/trace.log after each chapter. Ends with 1 when something did not go as it is told here.
+-- the agent's trace to DIR/trace.log after each chapter. The exit code is 1 if something did not go as planned.
 
 local ETHERNET, WIFI = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
 local MORNING = 1772438400 -- 2 March 2026, 08:00 UTC
-local HEALTH_SECONDS = 30 -- between two looks at the machine's health
+local HEALTH_SECONDS = 30 -- between two checks of the machine's health
 local FOLD_SECONDS = 61 -- the module folds what was counted once a minute
 local PROFILE_VARIABLE = 62 -- while it is 1, the driver has a profile of its rules
 local TEXT_COLUMN = 26
@@ -99,7 +99,7 @@ local function show_firewall()
         on_or_off(firewall.private), on_or_off(firewall.public))
 end
 
--- The steps that a worker's log tells, each once.
+-- The steps in a worker's log, each once.
 local function steps_in(log)
     local steps, known = {}, {}
     for name in log:gmatch(">(%a+)%.") do
@@ -132,13 +132,13 @@ local function address_of(node)
     end
 end
 
--- From now on, our copy of the driver has this version.
+-- From now on our copy of the driver has this version.
 local function ship(folder, version)
     host.machine.write_driver(folder .. "qbimvta.sys", version)
     host.machine.put_installable { id = "qbimvta", loads = version }
 end
 
--- As long as such calls take on a machine, or some of them.
+-- Delays calls by their usual time on a real machine.
 local function slow_down()
     host.fault { call = "INetCfgClassSetup::DeInstall", delay = 3 }
     host.fault { call = "INetCfgClassSetup::Install", delay = 6 }
@@ -251,7 +251,7 @@ local function hung_upgrade(folder)
 end
 
 local function broken_network(folder)
-    chapter("The second attempt breaks the network, and mends it")
+    chapter("The second attempt breaks the network, which then recovers")
     host.machine.when({ happens = "installed", component = "qbimvta" }, ETHERNET,
         { ip = "0.0.0.0", gateway = "0.0.0.0" })
     host.machine.when({ happens = "bound", component = "qbimvta", adapter = ETHERNET }, ETHERNET,
@@ -285,7 +285,7 @@ end
 
 -- Work -----------------------------------------------------------------------------------------------
 
--- Looks at the machine's health, again and again, until the module gives the answer. Returns how often.
+-- Checks the machine's health until the module gives the answer. Returns how often.
 local function look_until(state, action)
     for look = 1, 100 do
         host.advance(HEALTH_SECONDS)

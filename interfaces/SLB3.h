@@ -15,26 +15,26 @@
 
 namespace SLB3 {
 
-/// Access to a Lua table. Not thread-safe beyond what the Lua state is.
+/// Access to a Lua table. No more thread-safe than the Lua state.
 class SLB3_API Table {
 public:
-    /// Takes the value on top of the Lua stack and stores it under the key, without metamethods.
-    /// Raises a Lua error when Lua has no memory.
+    /// Stores the value on top of the Lua stack under the key, and pops it; without metamethods. Raises a Lua error if
+    /// Lua has no memory.
     void rawSet(const char *key);
 
 protected:
     explicit Table(lua_State *state) : m_state(state) {}
 
-    lua_State *m_state;  ///< First member: its place is fixed by the binder.
+    lua_State *m_state;  ///< First member: its offset is fixed by the binder.
     int m_table = 0;     ///< Reference of the table in the Lua registry.
 };
 
-/// A table with a dotted name below the globals, such as "SLB.filter", made where it is missing.
-/// The object ends its access when it is destroyed; the table itself stays.
+/// A table with a dotted name below the globals, such as "SLB.filter", created if it is missing. Destroying the object
+/// releases the access; the table itself stays.
 class SLB3_API Namespace : public Table {
 public:
-    /// @param name  names separated by dots. A value that stands in the way raises the Lua error
-    ///              "SLB3: 'NAME' is not a table", without metamethods having been asked.
+    /// @param name  names separated by dots. A value that is not a table raises the Lua error
+    ///   "SLB3: 'NAME' is not a table", without calling metamethods.
     Namespace(lua_State *state, const char *name);
     ~Namespace();
 
@@ -42,8 +42,8 @@ public:
     Namespace &operator=(const Namespace &) = delete;
 };
 
-/// What the binder knows about a type that occurs in a bound function. The order of the virtual
-/// operations is fixed by the binder, and it has no virtual destructor.
+/// What the binder knows about a type that occurs in a bound function. The order of the virtual functions is fixed by
+/// the binder, and it has no virtual destructor.
 class BaseInfo {
 public:
     virtual int kind() const = 0;
@@ -87,7 +87,7 @@ struct SlbInstance {
 
     std::uint32_t flags;
     const char *typeName;
-    /// Yields the object's address, or null when the object is gone.
+    /// Returns the object's address, or null if the object is gone.
     void *(*resolve)(const SlbInstanceView *view);
     const SlbBaseEntry *bases;
 };

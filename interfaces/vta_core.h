@@ -22,7 +22,7 @@ enum _RebootReason : int {
 };
 
 extern "C" {
-/// The two words through which the agent's profiler talks to the driver-interface library.
+/// The two words through which the agent's profiler communicates with the driver-interface library.
 VTA_CORE_API extern volatile unsigned profiler_blockfilter;
 VTA_CORE_API extern volatile unsigned profiler_running;
 }
@@ -35,27 +35,27 @@ public:
     CDom(const CDom &) = delete;
     CDom &operator=(const CDom &) = delete;
 
-    /// Reads a flag. A key that is not found leaves `flag` as it was and yields false.
+    /// Reads a flag. For an unknown key it does not change `flag`, and returns false.
     bool Get(const char *key, bool &flag) const;
     void Set(const char *key, bool flag);
-    /// The text of a setting, empty when there is none.
+    /// The text of a setting, empty if there is none.
     wxString GetWxString(const char *key) const;
 
-    /// The stored text, empty when there is none.
+    /// The stored text, empty if there is none.
     wxString SettingRetrieve(const wxString &key) const;
-    /// Stores a text for good. A failure is not reported.
+    /// Stores a text permanently. A failure is not reported.
     void SettingStore(const wxString &key, const wxString &value);
 
     /// Full path of a file that belongs to a plugin of the agent.
     wxString GetPluginFileWx(const char *plugin, const char *name) const;
 
-    /// Says whether the agent is about to end.
+    /// Whether the agent is stopping.
     /// @param waitMs       how long to wait for that, milliseconds.
-    /// @param interrupted  set to whether the wait was cut short; may be null.
+    /// @param interrupted  set to whether the wait was interrupted; may be null.
     bool ShouldExit(unsigned waitMs, bool *interrupted) const;
 
-    /// Sends an agent event whose text is `format` with no arguments: a percent sign in it is taken
-    /// as a directive.
+    /// Sends an agent event whose text is `format` without arguments: a percent sign in it is interpreted as a
+    /// directive.
     void AgentEventWrite(int event, const wxFormatString &format);
     /// Sends an agent event; the arguments follow the rules of wxString::Format's narrow core, that
     /// is, %s takes a `const wchar_t *`.
@@ -92,13 +92,13 @@ protected:
     void *Entry() override;
     void OnDelete() override;
     void OnKill() override;
-    /// A class that overrides this calls it too: it is what ends `isRunning`.
+    /// A class that overrides this must call it: it ends `isRunning`.
     void OnExit() override;
 
 public:
-    // The order of the virtual operations from here on is fixed by the core library, behind wxThread's own.
-    // Both TestDestroy stand here because MSVC places all overloads of a name where it first sees one;
-    // the one without arguments keeps wxThread's slot.
+    // The order of the virtual functions from here on is fixed by the core library, after wxThread's own. Both
+    // TestDestroy are declared here because MSVC places all overloads of a name where it first sees one; the one
+    // without arguments keeps wxThread's slot.
 
     /// Asks the thread to end and waits for it. A detached object is gone afterwards.
     virtual void Delete();
@@ -124,7 +124,7 @@ private:
     Impl *m_impl;
 };
 
-/// A log target that collects what is logged into a text, a line feed behind each record.
+/// A log target that collects log records into a text, each followed by a line feed.
 class VTA_CORE_API CLogGrabber : public wxLog {
 public:
     /// @param text         receives the lines; must outlive the grabber.
@@ -147,11 +147,11 @@ public:
     CZipOutputStream(const CZipOutputStream &) = delete;
     CZipOutputStream &operator=(const CZipOutputStream &) = delete;
 
-    /// Adds one file with all that `in` yields.
+    /// Adds one file with the content of `in`.
     /// @param text     the file is a text.
     /// @param name     the file's name in the package.
     /// @param comment  the file's comment in the package, usually empty.
-    /// @return true when the file was added.
+    /// @return true if the file was added.
     bool AddFromStream(wxInputStream &in, bool text, const wxString &name, const wxString &comment);
 
 protected:
@@ -159,7 +159,7 @@ protected:
     ~CZipOutputStream() = default;
 };
 
-/// Says whether trace lines of the component are wanted now.
+/// Whether trace lines of the component are enabled.
 VTA_CORE_API bool LogTraceIsEnabled(const wxString &component);
 VTA_CORE_API bool LogTraceIsEnabled(const wchar_t *component);
 /// Writes a trace line.
@@ -175,8 +175,7 @@ VTA_CORE_API unsigned SystemTickCount();
 /// @param ...   the message's inserts, each a `const wchar_t *`.
 VTA_CORE_API wxString LocalizedMsg(unsigned id, unsigned size, HINSTANCE module, ...);
 
-/// Tells the user something.
-/// @param severity  0 information, 1 warning, 2 error.
+/// Shows the user a notification. @param severity  0 information, 1 warning, 2 error.
 VTA_CORE_API void ShowUserNotification(int severity, const wxString &text, const wxString &detail);
 /// Asks the user for a reboot.
 VTA_CORE_API void ShowRebootNotification(_RebootReason reason);
@@ -186,7 +185,7 @@ VTA_CORE_API wxString toString(const GUID &guid);
 /// Two lower-case digits for each byte, nothing between them.
 VTA_CORE_API wxString toHexString(const void *data, std::size_t size);
 
-/// Like vsnprintf, and the buffer always ends with a NUL; -1 when the text was cut.
+/// Like vsnprintf, but the buffer always ends with a NUL; -1 if the text was truncated.
 VTA_CORE_API int vsnprintf_safe(char *buffer, std::size_t size, const char *format, va_list arguments);
 
 }  // namespace VtaCore

@@ -1,7 +1,7 @@
--- Judges what test programs have left in the current folder: NAME.xml and NAME.status for each.
---   accept.lua tell NAME     prints a line about one
---   accept.lua summary       of those that programs.txt names: prints the sums, writes summary.html, and passed.txt
---                            where every program has left complete results without a failure
+-- Evaluates the results of test programs in the current folder: NAME.xml and NAME.status for each.
+--   accept.lua tell NAME     prints a line about one program
+--   accept.lua summary       prints the totals of those in programs.txt, and writes summary.html; also passed.txt if every
+--                            program has complete results without a failure
 
 local function content(path)
     local file = io.open(path, "rb")
@@ -17,7 +17,7 @@ local function trimmed(text)
     return (text or ""):match("^%s*(.-)%s*$")
 end
 
--- The attributes of an XML element, still escaped, which is how HTML wants them.
+-- The attributes of an XML element, still escaped, as HTML needs them.
 local function attributes(element)
     local found = {}
     for name, value in element:gmatch('([%w_]+)="([^"]*)"') do
@@ -26,7 +26,7 @@ local function attributes(element)
     return found
 end
 
--- Fills the result by the XML; yields what is wrong with it.
+-- Fills the result from the XML; returns what is wrong with it.
 local function read_xml(result, xml)
     if not xml or xml == "" then
         return "left no results"
@@ -62,7 +62,7 @@ local function read_xml(result, xml)
     end
 end
 
--- What a program has left; `fault` says why it has not passed.
+-- What a program has left; `fault` says why it did not pass.
 local function judge(name)
     local result = { name = name, tests = 0, failed = 0, skipped = 0, seconds = 0, left_out = "", failures = {} }
     local status = trimmed(content(name .. ".status"))

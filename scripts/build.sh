@@ -2,13 +2,13 @@
 # From a fresh machine to built binaries.
 
 make_libraries() {
-    # What interrupted runs have left.
+    # Leftovers of interrupted runs.
     rm -rf "$CACHE"/libraries/*.{work,partial} "$CACHE"/headers/*.partial "$CACHE"/downloads/*.part "$CACHE/src"
     build_libraries
     copy_headers
 }
 
-STRICT=OFF # whether warnings are errors: ./dev check turns it on, and a build folder that it has made stays so
+STRICT=OFF # whether warnings are errors: ./dev check turns it on, and the build folder keeps the setting
 
 has_strictness() { grep -qsxF "CMAKE_COMPILE_WARNING_AS_ERROR:UNINITIALIZED=$1" "$BUILD/CMakeCache.txt"; }
 
@@ -29,7 +29,7 @@ configure_build() {
         -DFC_LIBRARIES="$(libraries_dir)" -DFC_HEADERS="$(headers_dir)" -DCMAKE_CROSSCOMPILING_EMULATOR="$(wine_program)"
 }
 
-# Under Wine the locale decides on the code page: these two have 932 and 65001. Debian's package has their definitions.
+# Wine's code page depends on the locale: these two have 932 and 65001. Debian's package has their definitions.
 make_locales() {
     local name folder
     mkdir -p "$BUILD/locales"
@@ -42,14 +42,14 @@ make_locales() {
     done
 }
 
-# prepare_configured [PACKAGE...]: leaves a configured build folder, and those packages installed, too.
+# prepare_configured [PACKAGE...]: configures the build folder, with those packages installed, too.
 prepare_configured() {
     in_cache install_packages "${PACKAGES_BUILD[@]}" "$@"
     in_cache make_libraries
     configure_build
 }
 
-# prepare_build TARGET...: leaves the targets built in $BUILD/bin, and a Wine to run them.
+# prepare_build TARGET...: builds the targets in $BUILD/bin, and prepares a Wine to run them.
 prepare_build() {
     prepare_configured
     say "building"
@@ -57,8 +57,8 @@ prepare_build() {
     prepare_wine
 }
 
-# prepare_programs TARGET...: the same for programs that run as long as they like. Others may build meanwhile: a linker
-# makes new files.
+# prepare_programs TARGET...: the same for programs that run for any length of time. Others may build meanwhile: a
+# linker makes new files.
 prepare_programs() {
     lock_build
     prepare_build "$@"

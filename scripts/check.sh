@@ -6,7 +6,7 @@ CPP_FOLDERS=(plugins interfaces devkit tests bench)
 
 cpp_files() { git ls-files --cached --others --exclude-standard -- "${CPP_GLOBS[@]}"; }
 
-# A check of nothing must not pass: without git's list of files there is nothing to check.
+# An empty check must not pass: without git's list of files there is nothing to check.
 require_files() {
     [ "$(cpp_files | wc -l)" -gt 0 ] || die "git lists no sources here: run this in a clone (see 'git status')"
 }
@@ -20,14 +20,14 @@ check_format() {
     }
 }
 
-# One on a line. clang-tidy reads the sources as clang for the same target: MinGW's headers, clang's own intrinsics.
+# One per line. clang-tidy reads the sources as clang would for the same target: MinGW's headers, clang's own
+# intrinsics.
 tidy_arguments() {
     local folder dir libraries
     libraries=$(libraries_dir)
     printf '%s\n' --target=x86_64-w64-windows-gnu -std=c++20 -nostdinc -w \
         -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DWINVER=0x0A00 -D__WXMSW__ -DWXUSINGDLL -DwxUSE_GUI=0 \
         -DLUA_BUILD_AS_DLL -DLUA_COMPAT_ALL -DCJSON_HIDE_SYMBOLS -DNDEBUG \
-        -include "$ROOT/scripts/tidy-prelude.h" \
         "-I$BUILD/version" '-DFC_WX_DLL="wx.dll"'
     for folder in interfaces . plugins/filter devkit/vta_core devkit/slb3 devkit/vti devkit/simulator devkit/machines devkit/host tests tests/support tests/WindowsDriverInstaller; do
         echo "-I$ROOT/$folder"
@@ -41,59 +41,69 @@ tidy_arguments() {
     printf '%s\n' -isystem "$(clang-19 -print-resource-dir)/include" -isystem /usr/x86_64-w64-mingw32/include
 }
 
-# The files of a folder are read as one, since most of the time goes into the system's headers.
-# tidy_unit NAME FILE...: makes such a file and tells its path.
-tidy_unit() {
-    local unit=$BUILD/tidy/$1.cpp
-    shift
-    mkdir -p "$(dirname "$unit")"
-    printf '#include "'"$ROOT"'/%s"\n' "$@" >"$unit"
-    echo "$unit"
-}
-
-# The same for tests, whose files define the same names: each in a namespace of its own, with all headers before.
-# tidy_unit_of_tests NAME FILE...
-tidy_unit_of_tests() {
-    local unit=$BUILD/tidy/$1.cpp file header count=0
-    shift
-    mkdir -p "$(dirname "$unit")"
-    {
-        cat "$@" | grep '^#include <' | sort -u
-        for file in "$@"; do
-            sed -n 's,^#include "\([^"]*\)".*,\1,p' "$file" | while read -r header; do
-                if [ -f "${file%/*}/$header" ]; then echo "#include \"$ROOT/${file%/*}/$header\""; else echo "#include \"$header\""; fi
-            done
-        done | sort -u
-        for file in "$@"; do
-            echo "namespace Unit$((++count)) {"
-            echo "#include \"$ROOT/$file\""
-            echo "}"
-        done
-    } >"$unit"
-    echo "$unit"
-}
-
-# Units of the test programs with many files.
-tidy_units_of() {
-    local folder=$1 file tests=() others=() apart=(-e '^#include ".*\.cpp"' -e '^SIMULATOR_FUNCTION')
-    # Those that include sources, or declare functions of the system, don't go together with others.
-    while read -r file; do
-        apart+=(-e "^#include \"${file##*/}\"")
-    done < <(grep -l '^#include ".*\.cpp"' "$folder"/*.h)
-    while read -r file; do
-        if grep -q "${apart[@]}" "$file"; then
-            tidy_unit "${file%.cpp}" "$file"
-        elif [[ $file == *Test.cpp ]]; then
-            tests+=("$file")
+# Many files are read as one, since most of the time goes into the system's headers. They have to be the unit's own includes:
+# of what these include again the path analysis reads nothing.
+# unit_of FILE: the one that a source belongs to. In those named after tests each file has a namespace.
+unit_of() {
+    case $1 in
+    */SystemGuids.cpp) echo plugins/guids ;; # defines what the system's headers declare
+    plugins/filter/WindowsDriverInstaller/*/*) echo plugins/installer ;;
+    plugins/*) echo plugins/module ;;
+    devkit/simulator/* | devkit/host/*) echo "${1%/*}" ;;
+    devkit/*) echo devkit/libraries ;;
+    tests/*)
+        if grep -q '^#include "DriverThreadProbe.h"' "$1"; then
+            echo tests/threads-tests # this header includes a source of the product
+        elif grep -qE '^(bool operator|[A-Z]+ WINAPI .*;)' "$1"; then
+            echo tests/global # what these declare has to be
+        elif [[ $1 == tests/@(devkit|WindowsDriverInstaller)/*Test.cpp ]]; then
+            echo "${1%/*}-tests"
+        elif [[ $1 == @(*Test.cpp|tests/runner/*) ]]; then
+            echo tests/other-tests
         else
-            others+=("$file")
+            echo tests/fixtures
         fi
-    done < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
-    tidy_unit_of_tests "$folder/tests" "${tests[@]}"
-    tidy_unit "$folder/others" "${others[@]}"
+        ;;
+    *) echo "${1%/*}" ;;
+    esac
 }
 
-# longest_first UNIT...: by what they include of ours, so that none is left to run alone at the end.
+include_files() { printf '#include "'"$ROOT"'/%s"\n' "$@"; }
+
+# Files of tests define the same names, so each has its own namespace, after all headers.
+include_in_namespaces() {
+    local file header count=0
+    cat "$@" | grep '^#include <' | sort -u
+    for file in "$@"; do
+        sed -n 's,^#include "\([^"]*\)".*,\1,p' "$file" | while read -r header; do
+            if [ -f "${file%/*}/$header" ]; then echo "#include \"$ROOT/${file%/*}/$header\""; else echo "#include \"$header\""; fi
+        done
+    done | sort -u
+    for file in "$@"; do
+        echo "namespace Unit$((++count)) {"
+        include_files "$file"
+        echo "}"
+    done
+}
+
+# write_units FOLDER: leaves them there.
+write_units() {
+    local to=$1 file unit
+    local -A files
+    while read -r file; do
+        files[$(unit_of "$file")]+="$file "
+    done < <(git ls-files --cached --others --exclude-standard -- '*.cpp')
+    for unit in "${!files[@]}"; do
+        mkdir -p "$(dirname "$to/$unit")"
+        # shellcheck disable=SC2086 # no source has a blank in its name
+        case $unit in
+        *-tests) include_in_namespaces ${files[$unit]} >"$to/$unit.cpp" ;;
+        *) include_files ${files[$unit]} >"$to/$unit.cpp" ;;
+        esac
+    done
+}
+
+# longest_first UNIT...: sorts by the amount of our code that they include, so that none runs alone at the end.
 longest_first() {
     local unit
     for unit in "$@"; do
@@ -102,20 +112,14 @@ longest_first() {
 }
 
 check_tidy() {
-    local arguments folder files units=()
+    local arguments units
     rm -rf "$BUILD/tidy"
-    mkdir -p "$BUILD/tidy"
-    cp .clang-tidy "$BUILD/tidy/"
     mkdir -p "$BUILD/tidy/tests"
+    cp .clang-tidy "$BUILD/tidy/"
     cp tests/.clang-tidy "$BUILD/tidy/tests/"
     mapfile -t arguments < <(tidy_arguments)
-    for folder in $(git ls-files --cached --others --exclude-standard -- '*.cpp' | xargs -n 1 dirname | sort -u); do
-        mapfile -t files < <(git ls-files --cached --others --exclude-standard -- ":(glob)$folder/*.cpp")
-        case $folder in
-        tests/devkit | tests/WindowsDriverInstaller) mapfile -t -O ${#units[@]} units < <(tidy_units_of "$folder") ;;
-        *) units+=("$(tidy_unit "$folder" "${files[@]}")") ;;
-        esac
-    done
+    write_units "$BUILD/tidy"
+    mapfile -t units < <(find "$BUILD/tidy" -name '*.cpp')
     longest_first "${units[@]}" | xargs -P "$JOBS" -I UNIT clang-tidy-19 --quiet UNIT -- "${arguments[@]}" \
         2> >(grep -v 'warnings\? generated\|Suppressed\|^Use -header-filter' >&2)
 }
@@ -130,21 +134,28 @@ check_cppcheck() {
         -I interfaces -I plugins/filter "${CPP_FOLDERS[@]}"
 }
 
-# Each header of the product alone.
-check_headers() { ninja -C "$BUILD" -j "$JOBS" header_checks; }
-
-check_warnings() { prepare_build all; }
+# With warnings as errors, and each header of the product alone.
+check_build() { prepare_build all header_checks; }
 
 check_lua() { luacheck --quiet examples docs/lua packaging; }
 
 check_shell() { shellcheck -x dev .ci/run scripts/run-apart.sh scripts/run-windows.sh scripts/renew-pins scripts/report-picture scripts/try-on tests/*/*.sh tests/runner/fakes/*; }
 
-# A linter of workflows knows more (CONTRIBUTING.md); this sees whether it could be read at all. clang-tidy brings Python's yaml.
+# A linter for workflows checks more (CONTRIBUTING.md); this only checks that it can be parsed. clang-tidy installs
+# Python's yaml.
 check_workflow() {
     /usr/bin/python3 -c 'import sys, yaml; sys.exit(not yaml.safe_load(open(sys.argv[1]))["jobs"])' .github/workflows/ci.yml
 }
 
-# All but the build run at once, since some of them keep one processor busy. Their words are shown one after the other.
+# finish_check NAME: waits for a check that runs, and shows what it says.
+finish_check() {
+    say "check: $1"
+    wait_telling "${pids[$1]}" "check: $1" || failed+=("$1")
+    cat "$LOGS/check-$1.log" >&2
+}
+
+# The others run at once, since some of them keep one processor busy, and the longest beside the build. Their output is shown
+# in sequence.
 run_checks() {
     local failed=() name
     local -A pids
@@ -156,16 +167,13 @@ run_checks() {
         ("check_$name" || exit 1) >"$LOGS/check-$name.log" 2>&1 &
         pids[$name]=$!
     done
-    for name in format rules shell workflow lua cppcheck tidy; do
-        say "check: $name"
-        wait_telling "${pids[$name]}" "check: $name" || failed+=("$name")
-        cat "$LOGS/check-$name.log" >&2
+    for name in format rules shell workflow lua cppcheck; do
+        finish_check "$name"
     done
-    for name in headers warnings; do
-        say "check: $name"
-        ("check_$name" || exit 1) &
-        wait_telling $! "check: $name" || failed+=("$name")
-    done
+    say "check: build"
+    (check_build || exit 1) &
+    wait_telling $! "check: build" || failed+=(build)
+    finish_check tidy
     [ ${#failed[@]} -eq 0 ] || die "these checks failed: ${failed[*]}"
     say "all checks passed"
 }

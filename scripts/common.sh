@@ -39,7 +39,8 @@ die() {
     exit 1
 }
 
-# tell_full_disks STATUS: after a failure. A full disk stops whatever is running, with that program's message.
+# tell_full_disks STATUS: call it after a failure. A full disk stops whatever is running, with that program's own
+# message.
 tell_full_disks() {
     local folder left
     [ "$1" -gt 0 ] && [ "$1" -lt 128 ] || return 0
@@ -50,10 +51,10 @@ tell_full_disks() {
     done
 }
 
-# require_root TEXT: or prints the text, which says what an administrator can do.
+# require_root TEXT: otherwise prints the text, which says what an administrator can do.
 require_root() {
     [ "$(id -u)" -eq 0 ] && return
-    { command -v sudo >/dev/null && sudo -v; } || die "$1" # asks for a password here, not in a log
+    { command -v sudo >/dev/null && sudo -v; } || die "$1" # asks for the password here, not in a log
 }
 
 as_root() {

@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# wxWidgets base, Lua and cJSON for Windows, built once into the cache. The folder's name is made of the
-# pins and options, and it gets that name only when all of it is there.
+# wxWidgets base, Lua and cJSON for Windows, built once into the cache. The folder's name is derived from the pins and
+# options, and it gets that name only when it is complete.
 
 # Source packages.
 LIBRARIES=(wxwidgets3.2 lua5.2 cjson)
-# Headers alone, so that there is nothing to build: the packages that install them.
+# Header-only libraries, so there is nothing to build: the packages that contain them.
 HEADER_LIBRARIES=(robin-map-dev libxxhash-dev)
 
 WX_OPTIONS=(-DwxBUILD_SHARED=ON -DwxUSE_GUI=OFF -DwxUSE_STACKWALKER=ON -DwxUSE_DBGHELP=ON
@@ -35,7 +35,7 @@ configure_build_install() {
     cmake --install "$build"
 }
 
-# is_whole FOLDER: whether it holds all that it had when it was made.
+# is_whole FOLDER: whether it still contains everything.
 is_whole() {
     [ -e "$1/complete" ] || return 1
     files_in "$1" | cmp -s - "$1/complete" && return 0
@@ -52,7 +52,7 @@ finish_folder() {
     mv "$1" "$2"
 }
 
-# The licences of all that a package of ours links or carries.
+# The licences of everything that our package links or contains.
 collect_licences() {
     local to=$1/licences
     mkdir -p "$to"
@@ -81,14 +81,14 @@ build_libraries() {
     quietly libraries-wx.log "building wxWidgets base, about a minute" \
         configure_build_install "$CACHE/src/wx" "$work/wx" "$prefix" "${WX_OPTIONS[@]}"
     cp "$work"/wx/lib/*/wxbase32u_*.pdb "$prefix"/lib/*_dll/
-    # wxWidgets 3.2.8 does not install this header, which others of its own include.
+    # wxWidgets 3.2.8 does not install this header, which some of its own headers include.
     cp -n "$CACHE/src/wx/include/wx/msw/init.h" "$prefix/include/wx/msw/"
     collect_licences "$prefix"
     finish_folder "$prefix" "$final"
     rm -rf "$work" "$CACHE/src"
 }
 
-# robin-map and xxHash, in a folder of their own: another version of them costs a copy, not a build.
+# robin-map and xxHash, in a separate folder: another version of them needs a copy, not a build.
 headers_dir() {
     local key
     key=$(pins_of "${HEADER_LIBRARIES[@]}" | sha256sum | cut -c1-16)

@@ -1,21 +1,21 @@
 # shellcheck shell=bash
-# ./dev package: what is handed out. Two clones of a commit, in whatever folders, make the same bytes.
+# ./dev package: the packages that are handed out. Two clones of a commit, in any folders, give the same bytes.
 
-# With the commit, as the binaries have it.
+# With the commit, as in the binaries.
 package_version() { sed -n 's/^#define FC_VERSION "\(.*\)"$/\1/p' "$BUILD/version/Version.h"; }
 
-# package_name PREFIX: for files and folders, in whose names some programs take no +.
+# package_name PREFIX: for files and folders, since some programs accept no + in names.
 package_name() { echo "$1-$(package_version | tr + -)"; }
 
-# The time of all that is packed, in seconds since 1970: that of the commit, or a fixed one for sources that are no clone.
+# The time of all packed files, in seconds since 1970: the commit's, or a fixed one for sources that are not a clone.
 package_time() {
     local time=${SOURCE_DATE_EPOCH:-}
     [ -n "$time" ] || [[ $(package_version) == *unknown ]] || time=$(git -C "$ROOT" log -1 --format=%ct)
     echo "${time:-631152000}"
 }
 
-# pack FOLDER ZIP: the folder with all that is in it. Nothing of it depends on when, where or by whom it is packed.
-# More compression makes it a twentieth smaller, in more than twice the time.
+# pack FOLDER ZIP: the folder with its contents. The result does not depend on when, where or by whom it is packed.
+# Higher compression would save a twentieth, in more than twice the time.
 pack() {
     local folder=$1 zip=$2
     find "$folder" -type d -exec chmod 755 {} + -o -exec chmod 644 {} +
@@ -34,14 +34,14 @@ write_checksums() {
     (cd "$1" && find . -type f ! -name SHA256SUMS -printf '%P\n' | LC_ALL=C sort | xargs -d '\n' sha256sum >SHA256SUMS)
 }
 
-# Licences of ours and of all that the package links, carries or needs.
+# Our licence, and those of everything that the package links, contains or needs.
 copy_licences() {
     mkdir -p "$1/licences"
     cp "$ROOT/LICENSE" "$1/licences/fc.txt"
     cp "$(libraries_dir)"/licences/*.txt "$(headers_dir)"/licences/*.txt "$1/licences/"
 }
 
-# fc.dll as the tests load it, and what is known of it.
+# fc.dll as the tests load it, and the documents about it.
 make_module_package() {
     local folder=$1 bin=$BUILD/bin
     mkdir -p "$folder/lua"
@@ -55,7 +55,7 @@ make_module_package() {
 
 test_programs() { cat "$BUILD/test-programs.txt"; }
 
-# Programs of the devkit, with the libraries that they load and all PDB files. The tests' kernel driver stays here.
+# The devkit's programs, with the libraries that they load and all PDB files. The tests' kernel driver stays out.
 copy_binaries() {
     local to=$1 bin=$BUILD/bin program file
     mkdir -p "$to"
@@ -74,7 +74,7 @@ copy_binaries() {
     cp -R "$bin/test-data" "$to/"
 }
 
-# All that runs on a 64-bit Windows without a build.
+# Everything that runs on 64-bit Windows without a build.
 make_devkit_package() {
     local folder=$1
     mkdir -p "$folder"
@@ -82,7 +82,7 @@ make_devkit_package() {
     cp "$ROOT"/packaging/accept.lua "$folder/bin/"
     test_programs | sed 's/$/\r/' >"$folder/bin/test-programs.txt"
     sed 's/$/\r/' "$ROOT/packaging/accept.cmd" >"$folder/accept.cmd"
-    cp "$ROOT/packaging/README.md" "$ROOT/CHANGELOG.md" "$folder/"
+    cp "$ROOT/packaging/README.md" "$ROOT/CHANGELOG.md" "$ROOT/CONTRIBUTING.md" "$folder/"
     cp -R "$ROOT/docs" "$ROOT/examples" "$folder/"
     copy_licences "$folder"
     cp /usr/share/doc/googletest/copyright "$folder/licences/GoogleTest.txt"
@@ -104,8 +104,8 @@ make_packages() {
     rm -rf "$stage"
 }
 
-# package_again: builds the commit a second time, from nothing but the downloads: in another clone, with another build folder
-# and another cache. Its packages must be those of the first.
+# package_again: builds the commit a second time, only from the downloads: in another clone, with another build folder
+# and another cache. Its packages must be identical to the first.
 package_again() {
     local second name status=0
     [[ $(package_version) =~ \+g[0-9a-f]+$ ]] || die "a second clone has only what is committed, but this is $(package_version)"

@@ -1,13 +1,13 @@
 # shellcheck shell=bash
 # The Debian packages that the project needs, and their installation.
 
-# What building and running needs; then what only ./dev test and only ./dev check need.
+# What building and running needs; then what only ./dev test, and only ./dev check need.
 PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev lld-19
     llvm-19 ninja-build unzip wine wine64 xz-utils zip)
-PACKAGES_TEST=(chromium fonts-dejavu-core git locales)
+PACKAGES_TEST=(chromium fonts-dejavu-core git locales python3)
 PACKAGES_CHECK=(clang-format-19 clang-tidy-19 cppcheck git lua-check shellcheck)
 
-# proof_of PACKAGE: a command or a file by which it is seen to be there; most are named after their command.
+# proof_of PACKAGE: a command or a file that shows that it is installed; most are named after their command.
 proof_of() {
     case $1 in
     ca-certificates) echo /etc/ssl/certs/ca-certificates.crt ;;
@@ -42,7 +42,7 @@ missing_packages() {
     done
 }
 
-# Whatever has installed them.
+# However they were installed.
 require_tools() {
     local package missing=() packages=()
     for package in "$@"; do
@@ -55,7 +55,7 @@ require_tools() {
 apt_install() {
     local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300)
     [ -z "$(dpkg --audit)" ] || quietly dpkg.log "finishing an interrupted installation" as_root dpkg --configure -a
-    # Without that mode a list that can't be fetched is only a warning.
+    # Without that mode apt only warns about a list that can't be fetched.
     quietly apt-update.log "apt-get update" as_root "${apt[@]}" -o APT::Update::Error-Mode=any update
     quietly apt-install.log "apt-get install" as_root "${apt[@]}" install -y --no-install-recommends "$@"
 }

@@ -1,24 +1,24 @@
 # shellcheck shell=bash
-# What the packages are made of and what they need: by the import tables of the files, and by the packages of the
+# What the packages consist of and what they need, according to the import tables of the files and the packages of the
 # libraries.
 
-# Debian packages, for the bills of materials. Some are part of a file, some are libraries beside it.
+# Debian packages, for the bills of materials. Some are linked into a file, some are libraries beside it.
 PARTS_MODULE=(wxwidgets3.2 lua5.2 cjson robin-map-dev libxxhash-dev libz-mingw-w64 gcc-mingw-w64-x86-64-posix-runtime
     mingw-w64-x86-64-dev)
 PARTS_DEVKIT=("${PARTS_MODULE[@]}" googletest)
 
-# imports_of FILE: the libraries that it names, a line "NAME loaded" or "NAME delayed" for each.
+# imports_of FILE: the libraries that it imports, one line "NAME loaded" or "NAME delayed" each.
 imports_of() {
     llvm-readobj-19 --coff-imports "$1" | awk '
         /^(Delay)?Import \{/ { how = /^Delay/ ? "delayed" : "loaded" }
         /^  Name: / { print $2, how }' | LC_ALL=C sort -u
 }
 
-# The agent's, for which the folder of the binaries has stand-ins.
+# The agent's libraries, for which the folder of the binaries has stand-ins.
 is_agents() { [[ $1 =~ ^(vta_core|SLB3|vti)\.dll$ ]]; }
 
-# with_libraries FOLDER [REFUSED]: reads names of files, and prints them and all that they load from the folder, sorted.
-# Libraries for which the command REFUSED yields true are not followed.
+# with_libraries FOLDER [REFUSED]: reads names of files, and prints them and everything that they load from the folder,
+# sorted. Libraries for which the command REFUSED succeeds are not followed.
 with_libraries() {
     local folder=$1 refused=${2:-false} todo=() file library
     local -A seen=()
@@ -46,7 +46,7 @@ part_of() {
     esac
 }
 
-# version_of PACKAGE: the pinned one; else the installed one.
+# version_of PACKAGE: the pinned one, or else the installed one.
 version_of() {
     local version
     version=$(awk -v package="$1" '$1 == package { print $2; exit }' "$PINS")
@@ -54,7 +54,8 @@ version_of() {
     echo "$version"
 }
 
-# write_requirements FOLDER FILE: what the file needs at run time. The folder has all that is not of the system.
+# write_requirements FOLDER FILE: what the file needs at run time. The folder contains everything that is not part of
+# Windows.
 write_requirements() {
     local folder=$1 root=$2 files file part library how
     mapfile -t files < <(echo "$root" | with_libraries "$folder" is_agents)
@@ -78,7 +79,7 @@ write_requirements() {
     done | LC_ALL=C sort -u
 }
 
-# licence_of PACKAGE: as CycloneDX has it.
+# licence_of PACKAGE: in CycloneDX's form.
 licence_of() {
     case $1 in
     wxwidgets3.2) echo '{"expression":"LGPL-2.0-or-later WITH WxWindows-exception-3.1"}' ;;
@@ -107,7 +108,7 @@ references_of() {
 # write_component PACKAGE
 write_component() {
     local version licence references kind=
-    # A failure ends no command substitution by itself.
+    # A failure does not end a command substitution by itself.
     version=$(version_of "$1") || return
     licence=$(licence_of "$1") || return
     references=$(references_of "$1")

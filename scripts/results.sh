@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Judging the results that the entries of ctest leave in a folder: ENTRY.xml, ENTRY.log and ENTRY.status.
+# Evaluates the results that ctest's entries leave in a folder: ENTRY.xml, ENTRY.log and ENTRY.status.
 
 TEST_SECONDS=${FC_TEST_SECONDS:-1200} # for each entry
 
@@ -51,8 +51,8 @@ end_of_output() {
     sed '/^Register dump:/,/^ *Host version:/d; s/^/    /' "$1" | tail -n 20
 }
 
-# tell_results FOLDER ENTRY...: prints what is wrong with an entry and the end of its output, then the sums. Returns false
-# if anything is wrong.
+# tell_results FOLDER ENTRY...: prints what is wrong with an entry and the end of its output, then the totals. Returns
+# false if anything is wrong.
 tell_results() {
     local folder=$1 entry fault tests failed skipped status=0 all=(0 0 0)
     shift

@@ -11,7 +11,8 @@ forbid() {
     return 1
 }
 
-# folder_of_header FILE HEADER: the folder below plugins/filter that an included header lies in; nothing if it is another's.
+# folder_of_header FILE HEADER: the folder below plugins/filter that contains an included header; empty if it is not
+# ours.
 folder_of_header() {
     local path
     for path in "${1%/*}/$2" "plugins/filter/$2"; do
@@ -20,8 +21,8 @@ folder_of_header() {
     done
 }
 
-# Arrows between the folders below plugins/filter go one way: fc (the entry) -> the subjects -> common. The entry includes
-# of a subject the header that is named after it.
+# Includes between the folders below plugins/filter go one way: fc (the entry) -> the subjects -> common. Of a subject,
+# the entry includes the header named after it.
 check_includes() {
     local status=0 file own folder header
     while IFS=: read -r file _ header; do
@@ -53,7 +54,7 @@ check_includes() {
 # Suites whose names begin with Real use the machine itself. These only query it.
 ONLY_ASKING='RealDevices|RealIpHelper|RealPerformanceQueries|RealSecurity|RealVersion'
 
-# The others are skipped on somebody's own machine.
+# The others are skipped on a user's own machine.
 check_real_suites() {
     local status=0 suite
     while read -r suite; do
@@ -65,11 +66,11 @@ check_real_suites() {
     return $status
 }
 
-# Numbers of deliberate oddities, each once: in the code as "compat 12:", on the page as the first cell of a row.
+# Numbers of deliberate oddities: in the code as "compat 12:", on the page as the first cell of a row.
 numbers_in_code() { git grep -hoE --untracked 'compat [0-9]+:' -- plugins | grep -oE '[0-9]+' | sort -u; }
 numbers_on_page() { sed -nE 's/^\| ([0-9]+) \|.*/\1/p' docs/compatibility.md | sort -u; }
 
-# Tests as Suite.Name: all of them, and those that the page names in the last cell of a row.
+# Tests as Suite.Name: all of them, and those in the last cell of a row on the page.
 names_of_tests() {
     git ls-files --cached --others --exclude-standard -z -- 'tests/*.cpp' | xargs -0 cat | tr -s '\n ' ' ' |
         sed -E 's/(TYPED_)?TEST(_F|_P)?\( ?(\w+), (\w+)/\n\3.\4\n/g' | grep -E '^\w+\.\w+$' | sort -u
@@ -77,7 +78,7 @@ names_of_tests() {
 # shellcheck disable=SC2016 # the backquotes are Markdown's
 tests_on_page() { sed -nE 's/^\| [0-9]+ \|.*\| ([^|]*) \|$/\1/p' docs/compatibility.md | grep -oE '`[^`]+`' | tr -d '`' | sort -u; }
 
-# complain_of MESSAGE: fails when there is input, and shows it.
+# complain_of MESSAGE: fails if there is input, and shows it.
 complain_of() {
     local found
     found=$(cat)
@@ -103,10 +104,10 @@ check_compatibility() {
     return $status
 }
 
-# Agent events, by their numbers: constants such as kUpgradeEvent in the code, rows of the index for support.
+# Agent events by number: constants such as kUpgradeEvent in the code, rows of the index for support.
 events_in_code() { git grep -hoE --untracked 'constexpr int k\w+Event = [0-9]+' -- plugins | grep -oE '[0-9]+$' | sort -u; }
 events_on_page() { sed -nE 's/^\| ([0-9]{4}) \|.*/\1/p' docs/support.md | sort -u; }
-# The module's messages in English, up to what is inserted.
+# The module's messages in English, up to the first insert.
 messages_in_code() { git grep -h --untracked -A 1 '^Language=English' -- 'plugins/*.mc' | sed -nE '/^(Language|--|\.)/d; s/ *%.*//p'; }
 
 check_support_page() {
@@ -127,13 +128,13 @@ check_rules() {
     check_real_suites || status=1
     check_compatibility || status=1
     check_support_page || status=1
-    forbid "The product knows nothing of the devkit; use what interfaces/ offers" \
+    forbid "The product must not depend on the devkit; use interfaces/" \
         '#include "(devkit|.*_control\.h|simulator|Simulator)' plugins interfaces || status=1
-    forbid "A test that is switched off counts as nothing: fix or delete it" \
+    forbid "A disabled test checks nothing: fix or delete it" \
         '\bDISABLED_' tests || status=1
-    forbid "Trace through the one helper, which asks first whether the component is wanted" \
+    forbid "Trace through the one helper, which first checks whether the component is enabled" \
         'VtaCore::LogTrace\(' plugins ':!plugins/filter/common/Trace.h' || status=1
-    forbid "Do it now, or leave it out: the code is no to-do list" '\b(TODO|FIXME|XXX)\b' \
+    forbid "Do it now, or leave it out: the code is not a to-do list" '\b(TODO|FIXME|XXX)\b' \
         plugins interfaces devkit tests bench examples || status=1
     return $status
 }

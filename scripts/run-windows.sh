@@ -20,7 +20,7 @@ windows_path() {
 
 report=$(mktemp -p "${FC_TEMPORARY:-}")
 trap 'rm -f "$report"' EXIT
-# Once in some thousand times Wine ends before it has run anything. Such a start is no run of the program.
+# Once in some thousand times Wine ends before it has run anything. Such a start does not count as a run of the program.
 run() {
     "$wine" "$(dirname "$program")/fc-launch.exe" "$(windows_path "$report")" "$(windows_path "$program")" "$@"
 }

@@ -1,11 +1,12 @@
 # shellcheck shell=bash
-# Packages of the libraries: fetched from a Debian mirror into the cache, each file held against its pinned SHA-256, and
-# unpacked when they are needed. Of what is built they are the source packages, with the distribution's patches.
+# Packages of the libraries: fetched from a Debian mirror into the cache, each file compared with its pinned SHA-256,
+# and unpacked when they are needed. For libraries that are built, these are the source packages, with the
+# distribution's patches.
 
 PINS=$ROOT/scripts/libraries.pins
 DOWNLOADS=$CACHE/downloads
 
-# pins_of PACKAGE...: its lines of the pins.
+# pins_of PACKAGE...: its lines in the pins.
 pins_of() {
     local package
     for package in "$@"; do
@@ -14,7 +15,8 @@ pins_of() {
     done
 }
 
-# The mirrors to ask: the one that FC_MIRROR names, or those of Debian that apt uses; all of apt's before its first update.
+# The mirrors to try: the one that FC_MIRROR names, or those of Debian that apt uses; all of apt's before its first
+# update.
 mirrors() {
     if [ -n "${FC_MIRROR:-}" ]; then
         echo "${FC_MIRROR%/}"
@@ -27,14 +29,15 @@ mirrors() {
     fi
 }
 
-# The archive of all that Debian ever had, on the day of the pins: what an update has replaced is still there.
+# The archive of everything that Debian ever published, on the day of the pins: it still has files that an update has
+# replaced.
 snapshot() {
     local archive=debian
     [[ $1 != pool/updates/* ]] || archive=debian-security
     echo "https://snapshot.debian.org/archive/$archive/$(sed -n 's/^# As of \([0-9]*\)-\([0-9]*\)-\([0-9]*\)\.$/\1\2\3T000000Z/p' "$PINS")"
 }
 
-# download URL FILE: by apt, with its proxies, or by curl where there is no apt.
+# download URL FILE: with apt and its proxies, or with curl if there is no apt.
 download() {
     local helper=/usr/lib/apt/apt-helper
     case $1 in
@@ -55,13 +58,13 @@ checksum() { sha256sum "$1" | cut -d ' ' -f 1; }
 # has_gone LOG: whether a mirror has answered that there is no such file.
 has_gone() { grep -qE ' 404 |error: 404|No such file' "$1"; }
 
-# The tool's own words for what went wrong.
+# The tool's own error message.
 reason_of() {
     { grep -E '^(E|curl|cp):' "$1" | grep -v 'E: Download Failed' || echo "it says nothing"; } |
         tail -n 1 | sed 's/^E: Failed to fetch [^ ]* *//; s/^[^ ]*: //; s/:$//'
 }
 
-# fetch_from FILE SHA256 PATH URL: leaves FILE, or yields false and says why in TROUBLE.
+# fetch_from FILE SHA256 PATH URL: fetches FILE, or returns false with the reason in TROUBLE.
 fetch_from() {
     local file=$1 sha=$2 url=$4/$3 log=$LOGS/fetch.log got
     if ! download "$url" "$file.part" >"$log" 2>&1 </dev/null; then
@@ -79,7 +82,7 @@ fetch_from() {
     mv "$file.part" "$file"
 }
 
-# fetch_file SHA256 PATH: leaves the file in $DOWNLOADS, its content checked.
+# fetch_file SHA256 PATH: fetches the file into $DOWNLOADS and checks its content.
 fetch_file() {
     local sha=$1 path=$2 file=$DOWNLOADS/${2##*/} mirror known TROUBLE=
     if [ -e "$file" ]; then
@@ -94,14 +97,14 @@ fetch_file() {
         ! fetch_from "$file" "$sha" "$path" "$mirror" || return 0
     done
     if [ -z "$TROUBLE" ]; then
-        # The mirrors answer, and none has the file.
+        # The mirrors answer, but none has the file.
         [ -n "${FC_MIRROR:-}" ] || ! fetch_from "$file" "$sha" "$path" "$(snapshot "$path")" || return 0
         TROUBLE="no mirror has $path any more (${known[*]}): set FC_MIRROR to $(snapshot "$path"), or renew the pins with scripts/renew-pins"
     fi
     die "$TROUBLE"
 }
 
-# fetch_packages PACKAGE...: leaves all their files in $DOWNLOADS.
+# fetch_packages PACKAGE...: fetches all their files into $DOWNLOADS.
 fetch_packages() {
     local pins sha path
     pins=$(pins_of "$@")
@@ -111,7 +114,7 @@ fetch_packages() {
     done <<<"$pins"
 }
 
-# unpack PACKAGE FOLDER: what has been fetched. No signature is checked: the checksums are pinned.
+# unpack PACKAGE FOLDER: unpacks what was fetched. No signature is checked: the checksums are pinned.
 unpack() {
     local file
     file=$DOWNLOADS/$(pins_of "$1" | sed -n 's,.*/\(.*\.\(dsc\|deb\)\)$,\1,p')

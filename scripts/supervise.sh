@@ -1,12 +1,12 @@
 # shellcheck shell=bash
-# Ending all that ./dev has started. Its first process waits for a second one, which does the work. When it is interrupted,
-# it ends every process that carries its mark in the environment, whatever parent and process group that has: compilers
-# that ninja started, tests that ctest started, programs under Wine. All of them stay in the terminal's process group unless
-# they leave it themselves, so that programs can read from the terminal.
+# Ends everything that ./dev has started. Its first process waits for a second one, which does the work. When it is
+# interrupted, it ends every process that has its mark in the environment, whatever its parent and process group:
+# compilers that ninja started, tests that ctest started, programs under Wine. All of them stay in the terminal's
+# process group unless they leave it themselves, so that programs can read from the terminal.
 
-END_SECONDS=10 # until what has not ended is killed
+END_SECONDS=10 # until the rest is killed
 
-# The mark of the first process is the last one of FC_RUN; those before are of runs that have started this one.
+# The mark of the first process is the last one in FC_RUN; earlier ones are of runs that started this one.
 is_supervised() {
     local marks=${FC_RUN:-}
     [[ ${marks##* } == "$PPID"-* ]]
@@ -19,8 +19,8 @@ session_of() {
     echo "${fields[3]}"
 }
 
-# started_processes [NAME]: those with the mark. Wine's server and services have it, too, but may serve another ./dev; they
-# have sessions of their own, and end when their programs have.
+# started_processes [NAME]: those with the mark. Wine's server and services have it, too, but may serve another ./dev;
+# they have sessions of their own, and end after their programs.
 started_processes() {
     local environ pid session
     session=$(session_of $$)
@@ -38,7 +38,7 @@ tell_processes() {
     [ $# -eq 0 ] || kill -s "$signal" "$@" 2>/dev/null || true # some have ended meanwhile
 }
 
-# On Ctrl-C the host ends by itself and keeps what it has gathered.
+# On Ctrl-C the host ends by itself and saves what it has collected.
 interrupt_host() {
     local hosts deadline=$((SECONDS + END_SECONDS))
     mapfile -t hosts < <(started_processes fc-host.exe)
@@ -49,7 +49,7 @@ interrupt_host() {
     done
 }
 
-# end_started SIGNAL STATUS: ends all of it, then this process.
+# end_started SIGNAL STATUS: ends all of them, then this process.
 end_started() {
     local processes=(${WORKER:+"$WORKER"}) deadline signal=TERM
     trap '' HUP INT TERM
@@ -65,14 +65,14 @@ end_started() {
     exit "$2"
 }
 
-# supervise COMMAND...: runs it in a process of its own, and ends with its status.
+# supervise COMMAND...: runs it in a separate process, and ends with its status.
 supervise() {
     local status=0
     MARK=$$-$EPOCHSECONDS WORKER=''
     trap 'end_started HUP 129' HUP
     trap 'end_started INT 130' INT
     trap 'end_started TERM 143' TERM
-    # Without --default-signal a job in the background would not hear of Ctrl-C.
+    # Without --default-signal a background job would ignore Ctrl-C.
     FC_RUN="${FC_RUN:+$FC_RUN }$MARK" env --default-signal=INT,QUIT "$@" <&0 &
     WORKER=$!
     wait "$WORKER" || status=$?

@@ -2,7 +2,8 @@
 # Running the tests and reporting the results.
 
 # ctest_entries OPTIONS...: the names of its tests, including those that others need.
-ctest_entries() { ctest --test-dir "$BUILD" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
+CTEST=(ctest --test-dir "$BUILD")
+ctest_entries() { "${CTEST[@]}" -N "$@" | sed -n 's/^ *Test *#[0-9]*: //p'; }
 
 # remove_left_temporaries FOLDER: the temporary folders of a run that was killed.
 remove_left_temporaries() {
@@ -30,16 +31,16 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
-    # Twice as many as processors: most of them wait for Wine's server again and again.
-    # Without --default-signal no test could try Ctrl-C.
-    env --default-signal=INT,QUIT ctest --test-dir "$BUILD" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
+    # Twice as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
+    # Ctrl-C.
+    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
     return "$status"
 }
 
-# The seed by which each program shuffled its tests; --gtest_random_seed repeats the order.
+# The seed with which each program shuffled its tests; --gtest_random_seed repeats the order.
 tell_seeds() {
     local file
     echo "seeds:$(for file in "$BUILD"/test-results/*.xml; do
@@ -47,9 +48,10 @@ tell_seeds() {
     done | tr -d '\n')"
 }
 
-# run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random tries,
-# beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a session of their own, like
-# another terminal's: Linux shares the processors between sessions, and in one with the tests they would mostly starve Wine's server.
+# run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random
+# tries, beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a separate
+# session, like another terminal's: Linux shares the processors between sessions, and in the tests' session they would
+# mostly starve Wine's server.
 run_under_load() {
     local runs=$1 status=0 loops i
     shift

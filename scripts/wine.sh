@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# A Wine prefix of our own, and programs run in it.
+# Our own Wine prefix, and programs run in it.
 
 WINE_OLDEST=8
 
@@ -33,7 +33,7 @@ require_wine() {
         die "this needs Wine $WINE_OLDEST or newer, and here is $version: install a newer one, as Debian 12 has it"
 }
 
-# Whether the prefix is whole, and was made by this Wine for this user, as Wine demands.
+# Whether the prefix is complete, and was made by this Wine for this user, as Wine demands.
 prefix_is_ready() {
     local file
     [ -O "$WINEPREFIX" ] && [ "$(cat "$WINEPREFIX/ready" 2>/dev/null)" = "$(wine_version)" ] || return 1
@@ -44,8 +44,8 @@ prefix_is_ready() {
 }
 
 make_wine_prefix() {
-    exec 7>&- 8>&- 9>&- # Wine's server lives on, and would keep the locks
-    wine_server -k || true # one of the prefix that was here before
+    exec 7>&- 8>&- 9>&- # Wine's server lives on, and would hold the locks
+    wine_server -k || true # a server of an earlier prefix
     rm -rf "$WINEPREFIX"
     mkdir -p "$WINEPREFIX"
     "$(wine_program)" wineboot --init
@@ -55,7 +55,7 @@ make_wine_prefix() {
     prefix_is_ready
 }
 
-# Leaves a prefix that nobody takes away before the end of this ./dev.
+# Prepares a prefix that nobody removes before this ./dev ends.
 prepare_wine() {
     require_wine
     prefix_is_ready || {
@@ -66,7 +66,7 @@ prepare_wine() {
     remove_left_folders
 }
 
-# Programs that were ended leave their temporary folders. While no other runs, all of them are such.
+# Killed programs leave their temporary folders. While no other program runs, all of them are leftovers.
 remove_left_folders() {
     ! flock -n --exclusive 8 || rm -rf "$WINEPREFIX"/drive_c/users/*/{,AppData/Local/}Temp/fc-*
     flock --shared 8

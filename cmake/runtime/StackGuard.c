@@ -1,20 +1,21 @@
-// What -fstack-protector-strong asks of the C runtime, which not every MinGW has: the value that a function writes
-// behind its buffers and finds again at its end, and what happens if it does not.
+// What -fstack-protector-strong needs from the C runtime, which not every MinGW provides: the value that a function
+// writes after its buffers and checks at its end, and what happens if it has changed.
 #include <stdint.h>
 
 #include <windows.h>
 
-#define STACK_COOKIE_CHECK_FAILURE 2  // FAST_FAIL_STACK_COOKIE_CHECK_FAILURE, which not all headers have
+#define STACK_COOKIE_CHECK_FAILURE 2  // FAST_FAIL_STACK_COOKIE_CHECK_FAILURE, which some headers lack
 
 uintptr_t __stack_chk_guard;
 
-/// The process ends with 0xC0000409, as it does for Microsoft's compiler.
+/// The process ends with 0xC0000409, as with Microsoft's compiler.
 _Noreturn void __stack_chk_fail(void) {
     __asm__ volatile("int $0x29" : : "c"(STACK_COOKIE_CHECK_FAILURE));  // __fastfail, which MinGW's headers lack
     __builtin_unreachable();
 }
 
-/// Of what Microsoft's startup code takes, too: nothing in here may load a library, it runs under the loader's lock.
+/// From the sources that Microsoft's startup code uses, too: nothing in here may load a library, since it runs under
+/// the loader lock.
 __attribute__((constructor(101))) static void MakeGuard(void) {
     FILETIME time;
     LARGE_INTEGER counter;

@@ -12,11 +12,11 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{1};
 
-/// A thread that is killed while it prints keeps the lock; the others go on without it then.
+/// A thread that is killed while it prints keeps the lock; the others then continue without it.
 std::timed_mutex g_consoleLock;
 std::size_t g_statusLength = 0;
 
-/// Writes over the status line, and back to its beginning. No terminal has to know control sequences for that.
+/// Overwrites the status line, and returns to its beginning. This works on terminals without control sequences.
 void EraseStatus() {
     if (g_statusLength == 0)
         return;

@@ -1,15 +1,15 @@
-// The standard error output: whole lines, and on a terminal one line below them that changes in place.
+// Standard error: complete lines, and on a terminal a status line below them that changes in place.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-/// Prints a line. Any thread; one that is killed within this delays the others' lines for a moment at most.
+/// Prints a line. Any thread; if one is killed within this, the others' lines are delayed for a moment at most.
 void PrintLine(const std::string &line);
 
-/// Shows the text below the lines, in place of the one before; an empty one leaves nothing there. For terminals.
+/// Replaces the status line; an empty text clears it. For terminals.
 void ShowStatus(const std::string &text);
 
-/// Whether the standard error output is a terminal, and how wide it is.
+/// Whether standard error is a terminal, and its width.
 bool IsTerminal();
 std::size_t TerminalWidth();

@@ -11,7 +11,7 @@ namespace {
 constexpr std::string_view kWatchdog = "CDriverInstallerWatchdog";
 constexpr std::string_view kInstaller = "CDriverInstallerThread";
 constexpr std::string_view kUninstaller = "CDriverUninstallerThread";
-/// The step of a whole thread. The thread that makes the thread logs its beginning, so it is the run itself here.
+/// The step of a whole thread. The creator of the thread logs its beginning, so here it stands for the run.
 constexpr std::string_view kWholeThread = "ThreadRunning";
 
 // Agent events of the module.
@@ -19,7 +19,7 @@ constexpr int kInstallFailed = 1004;
 constexpr int kInstalled = 1007;
 constexpr int kCallFailed = 3005;
 
-/// The last step of which that is true; null for none.
+/// The last step for which that is true; null for none.
 template <typename Predicate>
 DriverStep *LastStep(DriverRun &run, const Predicate &isMeant) {
     const auto found = std::find_if(run.steps.rbegin(), run.steps.rend(), isMeant);
@@ -40,7 +40,7 @@ DriverNews StepNews(DriverNews::What what, const DriverRun &run, const DriverSte
     return {what, run.kind, time, step.begin, step};
 }
 
-/// A step that leaves no line in the log may be killed, too; only the event names it then.
+/// An unlogged step may be killed, too; then only the event names it.
 void NoteKilledStep(DriverRun &run, const std::string &name) {
     DriverStep *const killed = LastStep(run, [](const DriverStep &step) { return step.killed; });
     if (killed != nullptr && killed->name == name)
@@ -87,7 +87,7 @@ bool DriverRuns::IsUnderWay() const {
     return !m_runs.empty() && !m_runs.back().end;
 }
 
-/// The latest run, if it is under way.
+/// The latest run, if it has not ended.
 DriverRun *DriverRuns::OpenRun() {
     return IsUnderWay() ? &m_runs.back() : nullptr;
 }
@@ -127,7 +127,7 @@ void DriverRuns::EndStep(DriverRun &run, const std::string &name, double time, s
     news.push_back(StepNews(DriverNews::What::StepEnds, run, *step, time));
 }
 
-/// The innermost step is the one that is to blame; those around it end with it.
+/// The innermost step is to blame; those around it end with it.
 void DriverRuns::KillStep(DriverRun &run, double time, std::vector<DriverNews> &news) {
     run.killed = time;
     for (bool innermost = true; DriverStep *const step = OpenStep(run); innermost = false) {
@@ -177,7 +177,7 @@ void DriverRuns::OnAgentEvent(int number, const std::string &text) {
     const Lock lock(m_lock, kPatience);
     DriverRun *run = lock.owns_lock() ? RunOf(GetCurrentThreadId()) : nullptr;
     if (lock.owns_lock() && run == nullptr && number == kInstallFailed)
-        run = OpenRun();  // the script's thread tells of one that is stuck as a whole
+        run = OpenRun();  // the script's thread reports one that hangs as a whole
     if (run == nullptr)
         return;
     DriverStep *const step = OpenStep(*run);

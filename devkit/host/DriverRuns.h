@@ -18,11 +18,11 @@
 struct DriverStep {
     std::string name;
     std::size_t depth = 0;  ///< How many steps are around it.
-    unsigned limit = 0;     ///< Seconds; 0 where nobody tells.
+    unsigned limit = 0;     ///< Seconds; 0 if unknown.
     double begin = 0;
     std::optional<double> end{};
     bool killed = false;
-    bool failed = false;  ///< A call of the system has failed in it.
+    bool failed = false;  ///< A system call failed in it.
 };
 
 struct DriverRun {
@@ -32,22 +32,22 @@ struct DriverRun {
     std::optional<double> end{};
     std::vector<DriverStep> steps{};  ///< In the order in which they began.
     bool succeeded = false;           ///< Of an installation.
-    std::string failedStep{};         ///< Of an installation that failed: what its event names.
+    std::string failedStep{};         ///< Of a failed installation: the step that its event names.
     bool rebootAsked = false;
-    std::optional<double> killed{};  ///< When its worker was.
+    std::optional<double> killed{};  ///< When its worker was killed.
 };
 
-/// What has just happened.
+/// An event of a run.
 struct DriverNews {
     enum class What { RunBegins, StepBegins, StepEnds, StepKilled, RunEnds };
     What what;
     DriverRun::Kind kind;
     double time;
-    double begin;     ///< Of the run or the step.
-    DriverStep step;  ///< The step, unless a run is meant.
+    double begin;     ///< When the run or the step did so.
+    DriverStep step;  ///< The step; null for the run.
 };
 
-/// What a step's line in the log tells: ">Name. 600s max" and "<Name", with blanks before.
+/// The content of a step's line in the log: ">Name. 600s max" and "<Name", after spaces.
 struct StepLine {
     bool begins = false;
     std::string name;
@@ -55,21 +55,21 @@ struct StepLine {
 };
 std::optional<StepLine> ParseStepLine(std::string_view line);
 
-/// Any thread. A thread that is killed within a call makes later ones come to nothing.
+/// Any thread. If a thread is killed within a call, later calls do nothing.
 class DriverRuns : public VtaCore::Control::ThreadListener {
 public:
-    /// @param tell  is called on the thread where something happens, while nothing is held. Set before anything does.
+    /// @param tell  called on the thread of the event, with no lock held. Set it before the first event.
     void OnNews(std::function<void(const DriverNews &)> tell) { m_tell = std::move(tell); }
 
     void OnThreadBegin(DWORD thread, const char *name) override;
     void OnThreadLine(const VtaCore::Control::ThreadLine &line) override;
     void OnThreadEnd(DWORD thread, bool killed) override;
-    /// An agent event, on its thread.
+    /// An agent event, on the thread that sends it.
     void OnAgentEvent(int number, const std::string &text);
     void OnRebootNotification();
 
     [[nodiscard]] std::vector<DriverRun> All() const;
-    /// The latest run, if it is under way.
+    /// The latest run, if it has not ended.
     [[nodiscard]] std::optional<DriverRun> Current() const;
 
 private:
@@ -87,6 +87,6 @@ private:
     mutable std::timed_mutex m_lock;
     std::function<void(const DriverNews &)> m_tell;
     std::vector<DriverRun> m_runs;
-    std::map<DWORD, std::size_t> m_threads;  ///< The runs that threads are at work for.
-    std::set<DWORD> m_owners;                ///< Of them, those with which the run ends.
+    std::map<DWORD, std::size_t> m_threads;  ///< The runs that threads currently work for.
+    std::set<DWORD> m_owners;                ///< Those of them that end the run.
 };

@@ -1,4 +1,4 @@
-// What the agent would do with traces, events and notifications: here they are printed and kept.
+// Does what the agent would do with traces, events and notifications: prints and keeps them.
 #pragma once
 
 #include <mutex>
@@ -13,25 +13,25 @@
 struct HostEvent {
     enum class Kind { Event, UserNotification, RebootNotification };
     Kind kind;
-    int number;  ///< Of the event; severity of a user notification; reason of a reboot notification.
-    int logId;   ///< Of an event that was logged, else 0.
+    int number;  ///< The event's number; severity of a user notification; reason of a reboot notification.
+    int logId;   ///< The log entry's number for an event that was logged, else 0.
     std::string format;
     std::string text;
     std::string detail;
 };
 
-/// Lower case, as scripts and the events file have it.
+/// Lower case, as in scripts and the events file.
 const char *KindName(HostEvent::Kind kind);
 
-/// Prints to the standard error output and keeps all events. Any thread.
+/// Prints to standard error and keeps all events. Any thread.
 class EventLog : public VtaCore::Control::Observer {
 public:
     /// @param print  also print what happens.
     void SetPrinting(bool print) { m_print = print; }
-    /// @param history  is told of events and notifications; outlives the log. Before anything happens.
+    /// @param history  receives events and notifications; outlives the log. Set it before the first one.
     void SetHistory(HealthHistory *history) { m_history = history; }
 
-    /// @param runs  is told of what concerns them; outlives the log. Before anything happens.
+    /// @param runs  receives the steps of drivers; outlives the log. Set it before the first one.
     void SetRuns(DriverRuns *runs) { m_runs = runs; }
 
     void OnTrace(const VtaCore::Control::TraceLine &trace) override;

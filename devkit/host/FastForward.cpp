@@ -9,9 +9,9 @@
 
 namespace {
 
-/// How many times faster than in reality time runs, beside what it runs anyway.
+/// How many times faster than real time the clock runs, in addition to its own speed.
 constexpr unsigned kSpeed = 300;
-/// So that a thread that has been waiting for a processor does not leap over what others do in the meantime.
+/// So that a thread that has been waiting for a processor does not leap over what others do meanwhile.
 constexpr std::chrono::milliseconds kLongestLeap{10'000};
 
 }  // namespace
@@ -28,8 +28,8 @@ void FastForward::WhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned l
     });
 }
 
-/// By as much as real time asks for, and exactly to the end: whoever watches sees the time up soon behind it, however
-/// busy the machine is.
+/// By as much as real time requires, and exactly to the end: a watcher notices the end soon, however busy the machine
+/// is.
 void FastForward::PassTime(unsigned long milliseconds) const {
     using std::chrono::steady_clock;
     const Simulator::InsideSimulator inside;

@@ -1,4 +1,4 @@
-// Puts the simulated clock forward for those who wait for a call that hangs.
+// Advances the simulated clock for those who wait for a hanging call.
 #pragma once
 
 #include <atomic>
@@ -11,18 +11,18 @@ struct Core;
 class FaultPlan;
 }  // namespace Simulator
 
-/// Must end after the core's plans and its clock: it waits for its threads. Functions of one thread.
+/// Must be destroyed after the core's plans and its clock: it waits for its threads. Call it from one thread.
 class FastForward {
 public:
     explicit FastForward(std::shared_ptr<Simulator::Core> core);
 
-    /// As soon as a call has met the plan, so much time passes, in leaps of ten seconds at most and exactly to the end:
-    /// those who work out a deadline at that very time are not to miss it by much.
+    /// As soon as a call has met the plan, that much time passes, in leaps of ten seconds at most and exactly to the
+    /// end, so that a thread that computes a deadline just then misses it by little.
     /// @param milliseconds  of simulated time.
     void WhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
 private:
-    /// A thread that waits for a plan. Its end waits for the thread.
+    /// A thread that waits for a plan. The destructor waits for the thread.
     struct Waiting {
         std::atomic<bool> hasEnded = false;
         std::jthread thread;

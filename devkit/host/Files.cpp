@@ -24,7 +24,7 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-/// While a file has its temporary name, and is not deleted with its handle any more.
+/// While a file has its temporary name, and is no longer deleted with its handle.
 std::timed_mutex g_replacing;
 
 std::string Failure(const char *what, const std::wstring &path, const std::string &reason) {
@@ -36,11 +36,11 @@ std::string ReadFailure(const char *what, const std::wstring &path, int reason) 
 }
 
 void MakeFolderOf(const std::wstring &path) {
-    const wxLogNull quiet;  // making the file tells of the failure
+    const wxLogNull quiet;  // creating the file reports the failure
     (void)wxFileName(wxString(path)).Mkdir(wxS_DIR_DEFAULT, wxPATH_MKDIR_FULL);
 }
 
-/// Why nothing can take the place of what is there.
+/// Why the existing file can't be replaced.
 std::optional<std::string> WhyNotReplaceable(const std::wstring &path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
@@ -52,7 +52,7 @@ std::optional<std::string> WhyNotReplaceable(const std::wstring &path) {
     return std::nullopt;
 }
 
-/// Each of a name of its own, also where another program writes the same file.
+/// A unique name for each, since another program may write the same file.
 std::wstring TemporaryName(const std::wstring &path) {
     static unsigned count = 0;
     return path + L"." + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count) + L".new";

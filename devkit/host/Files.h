@@ -1,4 +1,4 @@
-// Whole files, by their names in UTF-16.
+// Atomic file writes, with names in UTF-16.
 #pragma once
 
 #include <memory>
@@ -8,21 +8,21 @@
 
 #include <windows.h>
 
-/// A new file under another name beside the one that it is to replace. Unless it is put there, nothing of it is left,
-/// even if the program is ended from outside. What is no file on a disk, such as NUL, is written to as it is.
+/// A new file under a temporary name beside the one that it will replace. Unless it replaces it, nothing is left, even
+/// if the program is killed. Devices, such as NUL, are written to directly.
 class NewFile {
 public:
-    /// Missing folders above it are made.
-    /// @param path   of the file to replace; no folder, and not read-only.
-    /// @param error  says which file and why, when nothing is returned.
+    /// Creates missing folders above it.
+    /// @param path   the file to replace; not a folder, and not read-only.
+    /// @param error  says which file and why, if nothing is returned.
     static std::optional<NewFile> Create(const std::wstring &path, std::string &error);
 
-    /// @return false on failure, with GetLastError; the file is lost then.
+    /// @return false on failure, with GetLastError; the new file is lost then.
     [[nodiscard]] bool Write(std::string_view content);
-    /// A descriptor of the C runtime for the same file, which its owner closes; -1 on failure.
+    /// A C runtime descriptor of the same file, which its owner closes; -1 on failure.
     [[nodiscard]] int Descriptor() const;
-    /// Replaces the file. Once, when all descriptors are closed.
-    /// @param error  says which file and why, when the result is false.
+    /// Replaces the file. Once, after all descriptors are closed.
+    /// @param error  says which file and why, if the result is false.
     [[nodiscard]] bool Replace(std::string &error);
 
 private:
@@ -35,24 +35,23 @@ private:
         : m_path(std::move(path)), m_temporary(std::move(temporary)), m_file(std::move(file)) {}
 
     std::wstring m_path;
-    std::wstring m_temporary;  ///< Empty for what is written to as it is.
+    std::wstring m_temporary;  ///< Empty for a device.
     Handle m_file;
 };
 
-/// For the end of the program: from now on no file comes into its place. One that is on its way there has a moment.
+/// For the end of the program: no file is replaced from now on. A replacement in progress gets a moment.
 void StopReplacing();
 
-/// Replaces the file when all of the new one is written; missing folders above it are made.
-/// @param error  says which file and why, when the result is false.
+/// Replaces the file once the new one is complete; creates missing folders above it.
+/// @param error  says which file and why, if the result is false.
 bool WriteWholeFile(const std::wstring &path, std::string_view content, std::string &error);
 
-/// Whether WriteWholeFile could replace the file, which stays as it is.
-/// @param error  says which file and why, when the result is false.
+/// Whether WriteWholeFile could replace the file, which is not changed.
+/// @param error  says which file and why, if the result is false.
 bool CanWriteFile(const std::wstring &path, std::string &error);
 
-/// Says which file can't be written and why.
-/// @param reason  as GetLastError tells it.
+/// Says which file can't be written and why. @param reason  as from GetLastError.
 std::string WriteFailure(const std::wstring &path, DWORD reason);
 
-/// @param error  says which file and why, when nothing is returned.
+/// @param error  says which file and why, if nothing is returned.
 std::optional<std::string> ReadWholeFile(const std::wstring &path, std::string &error);

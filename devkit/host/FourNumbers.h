@@ -1,4 +1,4 @@
-// Four numbers with dots between them, as versions and addresses have them.
+// Four numbers separated by dots, as in versions and addresses.
 #pragma once
 
 #include <array>
@@ -9,7 +9,7 @@
 #include <string_view>
 #include <system_error>
 
-/// Reads a text such as "2.0.0.0"; nothing for another one, and where a number does not fit.
+/// Reads a text such as "2.0.0.0"; empty for any other text, and if a number is too large.
 template <std::unsigned_integral Number>
 std::optional<std::array<Number, 4>> ParseFourNumbers(std::string_view text) {
     std::array<Number, 4> numbers{};

@@ -9,10 +9,10 @@ namespace {
 
 constexpr std::size_t kMaxNotes = 1000;
 constexpr std::size_t kMaxNoteBytes = 300;
-/// An iteration that fails tells of it in a few lines, in turn.
+/// A failing iteration logs it in several lines.
 constexpr std::size_t kErrorsInTurn = 8;
 
-/// Shortened at the start of a character.
+/// Truncated at a character boundary.
 std::string Shortened(std::string text) {
     if (text.size() <= kMaxNoteBytes)
         return text;
@@ -30,12 +30,12 @@ bool Resumes(const HealthRow &before, double time, double interval) {
     constexpr double roundedSeconds = 0.5;
     if (interval > 0)
         return passed > interval + roundedSeconds;
-    // The first iteration of a module knows of none before.
+    // A module's first iteration has no predecessor.
     constexpr double pausesAtMost = 1.5;
     return before.iteration.interval > 0 && passed > before.iteration.interval * pausesAtMost;
 }
 
-/// The rows that make a stretch what it is: each metric's lowest and highest.
+/// The rows that characterise a stretch: each metric's lowest and highest value.
 void KeepExtremes(const std::vector<HealthRow> &rows, std::size_t begin, std::size_t end, std::set<std::size_t> &kept) {
     for (std::size_t metric = 0; metric < kHealthMetricNames.size(); ++metric) {
         const auto byValue = [metric](const HealthRow &left, const HealthRow &right) {
@@ -49,7 +49,7 @@ void KeepExtremes(const std::vector<HealthRow> &rows, std::size_t begin, std::si
     }
 }
 
-// Rows that are drawn in a way that no neighbour can stand for, the weightiest first.
+// Rows that no neighbour can replace in the chart, most important first.
 
 using Test = bool (*)(const HealthRow &before, const HealthRow &row);
 
@@ -62,7 +62,7 @@ bool ChecksOrResumes(const HealthRow &, const HealthRow &row) {
     return row.step == HealthStep::CheckFailed || row.resumes;
 }
 
-/// What is no number equals itself.
+/// NaN equals itself here.
 bool Differ(double left, double right) {
     return left != right && !(std::isnan(left) && std::isnan(right));
 }
@@ -82,7 +82,7 @@ std::vector<std::size_t> Find(const std::vector<HealthRow> &rows, Test test) {
     return found;
 }
 
-/// Keeps the rows, each with the one before it; where they are too many, some of them, evenly and up to the last.
+/// Keeps the rows, each with its predecessor; if there are too many, an even selection including the last.
 void KeepPairs(const std::vector<std::size_t> &found, std::size_t most, std::set<std::size_t> &kept) {
     const std::size_t room = most > kept.size() ? (most - kept.size()) / 2 : 0;
     const std::size_t count = std::min(found.size(), room);
@@ -107,7 +107,7 @@ HealthStep ClassifyHealthStep(const HealthIteration *before, const HealthIterati
         return iteration.endsActive ? HealthStep::FailOpen : HealthStep::Nothing;
     if (!iteration.endsActive)
         return HealthStep::Recovered;
-    // A wait shorter than a minute is none, and every iteration a check.
+    // A wait shorter than a minute is none; every iteration is a check then.
     if (iteration.waitMinutes == 0)
         return HealthStep::CheckFailed;
     const bool waited = before != nullptr && before->startsActive && before->waitMinutes != 0;

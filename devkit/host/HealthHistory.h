@@ -1,4 +1,4 @@
-// The health iterations of a run, and what else happened meanwhile.
+// The health iterations of a run, and other events.
 #pragma once
 
 #include <cstddef>
@@ -8,22 +8,22 @@
 
 #include "HealthLine.h"
 
-/// What became of an iteration.
+/// The result of an iteration.
 enum class HealthStep { Nothing, FailOpen, CheckFailed, Recovered };
 
 struct HealthRow {
-    double time = 0;  ///< Seconds since 1970, when the iteration began.
+    double time = 0;  ///< Seconds since 1970 at the start of the iteration.
     HealthIteration iteration;
     HealthStep step = HealthStep::Nothing;
-    bool resumes = false;  ///< Calls between it and the one before were not evaluated, or the clock was set back.
+    bool resumes = false;  ///< Calls between it and the previous one were not evaluated, or the clock was set back.
 };
 
-/// Anything else, in UTF-8. The same error again and again is one note.
+/// Any other event, in UTF-8. A repeated error is one note.
 struct HealthNote {
     enum class Kind { Mark, Restart, Event, Notification, Error };
     Kind kind;
     double time;   ///< Seconds since 1970.
-    double until;  ///< Of the last one.
+    double until;  ///< Of the last repetition.
     int count;
     std::string text;
 };
@@ -36,7 +36,7 @@ public:
 
     std::vector<HealthRow> Rows() const;
     std::vector<HealthNote> Notes() const;
-    /// Notes that came when there were too many already.
+    /// Notes that were dropped because there were too many.
     std::size_t NotesLeftOut() const;
 
 private:
@@ -46,10 +46,10 @@ private:
     std::size_t m_notesLeftOut = 0;
 };
 
-/// What the iteration was, from the one before it; null for the first.
+/// The kind of the iteration, judged by the previous one; null for the first.
 HealthStep ClassifyHealthStep(const HealthIteration *before, const HealthIteration &iteration);
 
-/// Leaves out rows between which little happens: transitions stay, and of the others the highest and lowest
-/// values of each metric in every stretch. Of too many transitions some stay, from the whole run.
-/// @param limit  no more rows, if that is possible; from 100.
+/// Leaves out rows between which little happens: transitions stay, and of the others the highest and lowest values of
+/// each metric in every stretch. If there are too many transitions, a selection from the whole run stays.
+/// @param limit  the maximum number of rows, if possible; from 100.
 std::vector<HealthRow> ThinOut(const std::vector<HealthRow> &rows, std::size_t limit);

@@ -15,7 +15,7 @@ constexpr std::string_view kBeginning = "SysHealth: ";
 
 using Fields = std::map<std::string, std::string>;
 
-/// The name=value parts. What has no '=' is the rest of a number that was padded with blanks.
+/// The name=value parts. A part without '=' is the rest of a number that was padded with spaces.
 Fields ReadFields(const std::string &line) {
     Fields fields;
     std::istringstream parts(line.substr(kBeginning.size()));
@@ -27,8 +27,8 @@ Fields ReadFields(const std::string &line) {
     return fields;
 }
 
-/// The C runtime writes the decimal separator of its locale, which may have changed since, and what is no finite number
-/// as "inf", "1.#INF" and the like.
+/// The C runtime writes the decimal separator of its locale, which may have changed since, and non-finite numbers as
+/// "inf", "1.#INF" and the like.
 double ReadNumber(std::string text) {
     if (text.find_first_not_of("0123456789.,-") != std::string::npos)
         return std::numeric_limits<double>::quiet_NaN();
@@ -46,7 +46,7 @@ std::optional<HealthMetric> ReadMetric(const std::string &text) {
     return HealthMetric{ReadNumber(text.substr(0, open)), ReadNumber(text.substr(open + 1, text.size() - open - 2))};
 }
 
-/// The time is padded with blanks, so that it may be a part of its own.
+/// The time is padded with spaces, so it may be a separate part.
 std::string PaddedTime(const std::string &line) {
     constexpr std::string_view name = " tval=";
     const std::size_t at = line.find(name);
@@ -91,7 +91,7 @@ std::optional<HealthIteration> ParseHealthLine(const std::string &line) {
     iteration.waitMinutes = ReadCount(fields["backoff"]);
     iteration.nextMinutes = ReadCount(fields["next_chk"]);
     for (std::size_t i = 0; i < kHealthMetricNames.size(); ++i) {
-        // The interval stands in the line twice; the metric comes last, and so is the one that is left.
+        // The interval occurs twice in the line; the metric comes last and overwrites it.
         const std::optional<HealthMetric> metric = ReadMetric(fields[kHealthMetricNames[i]]);
         if (!metric)
             return std::nullopt;

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// No wait may be longer; some 31 years.
+/// The longest wait; some 31 years.
 constexpr lua_Number kMaxSeconds = 1e9;
 constexpr lua_Number kMaxSleepSeconds = 4'000'000;
 /// The end of the year 9999.
@@ -30,7 +30,7 @@ SimulatedSystem &CheckClock(lua_State *L, const char *function) {
     return system;
 }
 
-/// Lua: host.sleep(seconds). On the simulated clock, if there is one; an interruption ends it.
+/// Lua: host.sleep(seconds). By the simulated clock, if there is one; an interruption ends it.
 int SleepSeconds(lua_State *L) {
     (void)WaitForSingleObject(InterruptionEvent(), static_cast<DWORD>(CheckSeconds(L, kMaxSleepSeconds) * 1000));
     return 0;
@@ -48,15 +48,15 @@ int GetTime(lua_State *L) {
     return 1;
 }
 
-/// Lua: host.advance(seconds). Puts the simulated clock forward at once.
+/// Lua: host.advance(seconds). Advances the simulated clock at once.
 int AdvanceClock(lua_State *L) {
     const lua_Number seconds = CheckSeconds(L, kMaxSeconds);
     CheckClock(L, "host.advance").Advance(seconds);
     return 0;
 }
 
-/// Lua: host.set_wall_clock(seconds_since_1970). Sets the time of day of the simulated clock, also backwards, to
-/// a whole second; sleeps and waits do not notice.
+/// Lua: host.set_wall_clock(seconds_since_1970). Sets the time of day of the simulated clock to a whole second, even
+/// backwards; sleeps and waits are not affected.
 int SetWallClock(lua_State *L) {
     const lua_Number seconds = std::floor(luaL_checknumber(L, 1));
     luaL_argcheck(L, seconds >= 0 && seconds <= kMaxWallSeconds, 1, "seconds out of range");

@@ -9,19 +9,19 @@ namespace {
 
 constexpr const char *kDomTypeName = "SLB.Dom";
 
-/// Lua: dom = host.dom(). What a function of the module takes as the agent's object.
+/// Lua: dom = host.dom(). The agent's object, as an argument for functions of the module.
 int GetDom(lua_State *L) {
     SLB3::Control::PushInstance(L, kDomTypeName, HostOf(L).dom.get());
     return 1;
 }
 
-/// Lua: dom = host.const_dom(). The same object, which the script may only read.
+/// Lua: dom = host.const_dom(). The same object, read-only for the script.
 int GetConstDom(lua_State *L) {
     SLB3::Control::PushInstance(L, kDomTypeName, HostOf(L).dom.get(), true);
     return 1;
 }
 
-/// Lua: text = host.get_setting(key). Empty where there is none.
+/// Lua: text = host.get_setting(key). Empty if there is none.
 int GetSetting(lua_State *L) {
     const std::string_view key = CheckText(L, 1);
     bool pushed = false;

@@ -24,7 +24,7 @@ bool PushNumber(lua_State *L, int value) {
     return true;
 }
 
-/// Works on the driver under its lock. The work must not raise Lua errors.
+/// Accesses the driver under its lock. The function must not raise Lua errors.
 template <typename Work>
 auto WithDriver(const Work &work) {
     const std::lock_guard<std::mutex> guard(Vti::Lock());
@@ -54,8 +54,8 @@ void SetFlag(lua_State *L, bool Vti::Driver::*field) {
 
 struct Field {
     const char *name;
-    bool (*push)(lua_State *L);  ///< False where it has left an error on the stack.
-    void (*set)(lua_State *L);   ///< From the value at index 3; null where it can only be read.
+    bool (*push)(lua_State *L);  ///< False if it has left an error on the stack.
+    void (*set)(lua_State *L);   ///< Sets it from the value at index 3; null if it is read-only.
 };
 
 constexpr Field kFields[] = {
@@ -94,14 +94,14 @@ int SetField(lua_State *L) {
     return 0;
 }
 
-/// Lua: pairs goes through the fields too.
+/// Lua: pairs visits the fields, too.
 int ListFields(lua_State *L) {
     return PairsWithFields(L, kFields);
 }
 
 // Its functions.
 
-/// The index of a filter variable at the stack index 1.
+/// The index of a filter variable at stack index 1.
 std::size_t CheckVariable(lua_State *L) {
     const lua_Integer index = luaL_checkinteger(L, 1);
     luaL_argcheck(L, index >= 0 && index < 174, 1, "filter variables have the numbers 0 to 173");
@@ -130,7 +130,7 @@ int SetVariable(lua_State *L) {
     return 0;
 }
 
-/// Lua: host.driver.set_counters{c1, ..., c10}. What a monitored port has counted; missing ones are 0.
+/// Lua: host.driver.set_counters{c1, ..., c10}. The counts of a monitored port; missing ones are 0.
 int SetCounters(lua_State *L) {
     constexpr double maxExact = 9007199254740992.0;  // 2 to the power of 53
     luaL_checktype(L, 1, LUA_TTABLE);
@@ -145,7 +145,7 @@ int SetCounters(lua_State *L) {
     return 0;
 }
 
-/// Raises an error unless there is an array of strings of at most 64 bytes each.
+/// Raises an error unless the argument is an array of strings of at most 64 bytes each.
 void CheckConnections(lua_State *L, int index) {
     constexpr std::size_t maxConnections = 65'535;
     luaL_checktype(L, index, LUA_TTABLE);
@@ -158,7 +158,7 @@ void CheckConnections(lua_State *L, int index) {
     }
 }
 
-/// What CheckConnections has passed. Raises no error.
+/// Expects what CheckConnections has accepted. Raises no error.
 std::vector<Vti::Connection> ToConnections(lua_State *L, int index) {
     std::vector<Vti::Connection> connections(lua_rawlen(L, index));
     int number = 0;
@@ -170,8 +170,8 @@ std::vector<Vti::Connection> ToConnections(lua_State *L, int index) {
     return connections;
 }
 
-/// Lua: host.driver.set_connections(udp, tcp). Arrays of strings, the entries of both tables; shorter ones are filled
-/// up with zeros.
+/// Lua: host.driver.set_connections(udp, tcp). Arrays of strings, the entries of both tables; shorter strings are
+/// padded with zeros.
 int SetConnections(lua_State *L) {
     CheckConnections(L, 1);
     CheckConnections(L, 2);
@@ -244,7 +244,7 @@ int ClearFaults(lua_State *L) {
     return 0;
 }
 
-/// Lua: host.driver.trace(level, source, file, line, text). The library traces a line.
+/// Lua: host.driver.trace(level, source, file, line, text). Makes the library trace a line.
 int TraceLine(lua_State *L) {
     const auto level = static_cast<std::int32_t>(luaL_checkinteger(L, 1));
     const char *source = luaL_checkstring(L, 2);

@@ -46,7 +46,7 @@ std::vector<Trace> TakeTraces() {
     return traces;
 }
 
-/// Pushes an array with what `push` makes of each item.
+/// Pushes an array of what `push` makes of each item.
 template <typename Item>
 [[nodiscard]] bool PushArray(lua_State *L, const std::vector<Item> &items, void (*push)(lua_State *, const Item &)) {
     return PushProtected(L, [&items, push](lua_State *state) {
@@ -118,7 +118,7 @@ int SetTrace(lua_State *L) {
     return 0;
 }
 
-/// Lua: host.trace(component, text). A trace line of the script, if the component's trace is wanted.
+/// Lua: host.trace(component, text). A trace line of the script, if the component's trace is enabled.
 int WriteTrace(lua_State *L) {
     const std::string_view component = CheckText(L, 1);
     const std::string_view text = CheckText(L, 2);

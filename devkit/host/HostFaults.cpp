@@ -13,7 +13,7 @@ constexpr lua_Number kLastFaultCode = 4294967295.0;
 constexpr lua_Number kLastCall = 1'000'000'000;
 constexpr lua_Number kLongestDelay = 4'000'000;  // seconds
 
-/// What a script asks for. One of `fails`, `hangs` and `delays` is set.
+/// The fault that a script requests. One of `fails`, `hangs` and `delays` is set.
 struct FaultRequest {
     std::string_view call;
     unsigned nth = 0;  ///< 0 for every call.
@@ -22,7 +22,7 @@ struct FaultRequest {
     bool delays = false;
     DWORD code = 0;
     DWORD delayMs = 0;
-    DWORD advanceMs = 0;  ///< Of simulated time, that pass as soon as the call hangs.
+    DWORD advanceMs = 0;  ///< Simulated time that passes as soon as the call hangs.
 };
 
 FaultRequest CheckRequest(lua_State *L) {
@@ -105,7 +105,7 @@ int GetCalls(lua_State *L) {
     return pushed ? 1 : lua_error(L);
 }
 
-/// Lua: host.clear_faults(). Calls that hang do their work now.
+/// Lua: host.clear_faults(). Hanging calls then do their work.
 int EndFaults(lua_State *L) {
     HostState &host = HostOf(L);
     host.plans.Settle(UnusedPlans::Kind::Fault);

@@ -30,7 +30,7 @@ int OpenFile(lua_State *L) {
     const std::string_view name = CheckText(L, 1);
     const std::string_view mode = lua_isnoneornil(L, 2) ? std::string_view("r") : CheckText(L, 2);
     luaL_argcheck(L, IsOpenMode(mode), 2, "invalid mode");
-    // Closed for Lua until the file is there, so that an error on the way closes nothing.
+    // Closed for Lua until the file is open, so that an error in between closes nothing.
     auto *stream = static_cast<luaL_Stream *>(lua_newuserdata(L, sizeof(luaL_Stream)));
     *stream = {nullptr, nullptr};
     luaL_setmetatable(L, LUA_FILEHANDLE);
@@ -45,7 +45,7 @@ int OpenFile(lua_State *L) {
     return 1;
 }
 
-/// Lua: host.write_file(path, content). Replaces the file when all of it is written; missing folders are made.
+/// Lua: host.write_file(path, content). Replaces the file once the new one is complete; creates missing folders.
 int WriteFileOfScript(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
     const std::string_view content = CheckText(L, 2);

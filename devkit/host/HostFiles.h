@@ -3,6 +3,6 @@
 
 #include <lua.hpp>
 
-/// Replaces io.open by one that takes names in UTF-8, as all that the host hands to a script is.
-/// Raises Lua errors.
+/// Replaces io.open by a function that takes names in UTF-8, like everything that the host passes to a script. Raises
+/// Lua errors.
 void UseUtf8FileNames(lua_State *L);

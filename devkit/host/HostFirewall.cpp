@@ -19,7 +19,7 @@ constexpr FirewallSwitch kFirewallSwitches[] = {
     {"current", &Simulator::FirewallState::currentProfile},
 };
 
-/// Lua: host.machine.set_firewall{domain =, private =, public =, current =}. Those that are missing stay.
+/// Lua: host.machine.set_firewall{domain =, private =, public =, current =}. Missing ones are not changed.
 int SetFirewall(lua_State *L) {
     CheckFields(L, {"domain", "private", "public", "current"});
     std::array<std::optional<bool>, std::size(kFirewallSwitches)> wanted;

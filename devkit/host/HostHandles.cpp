@@ -1,4 +1,4 @@
-// Ways to the drivers, for scripts, as the agent's own module for the drivers would make them.
+// Driver handles for scripts, as the agent's own driver module would create them.
 #include "HostState.h"
 
 #include "vti.h"
@@ -24,7 +24,7 @@ int CloseHandle(lua_State *L) {
     return 0;
 }
 
-/// Lua: handle = host.driver_handle(), or nil and a text where the driver is not present.
+/// Lua: handle = host.driver_handle(), or nil and a text if the driver is not present.
 int OpenHandle(lua_State *L) {
     auto *block = static_cast<HandleBlock *>(lua_newuserdata(L, sizeof(HandleBlock)));
     block->handle = nullptr;

@@ -35,7 +35,7 @@ const char *StateName(DWORD state) {
     return "unknown";
 }
 
-/// The value that is named at the index.
+/// The value named at the index.
 template <std::size_t count>
 DWORD CheckNamed(lua_State *L, int index, const NamedValue (&values)[count], const char *expected) {
     const char *name = luaL_checkstring(L, index);
@@ -146,7 +146,7 @@ int TakeInventory(lua_State *L) {
     return pushed ? 1 : lua_error(L);
 }
 
-/// With a backslash at its end.
+/// With a trailing backslash.
 std::string FolderText(const std::filesystem::path &folder) {
     return ToUtf8(folder.wstring() + L"\\");
 }

@@ -13,7 +13,7 @@ bool WriteJson(lua_State *L, std::string_view path, std::string &error) {
     return json != nullptr && WriteWholeFile(ToWide(path), PrintJson(json.get()), error);
 }
 
-/// Lua: host.write_json(path, value). Missing folders are made.
+/// Lua: host.write_json(path, value). Creates missing folders.
 int WriteJsonFile(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
     luaL_checkany(L, 2);
@@ -64,7 +64,7 @@ JsonPtr ReadJson(std::string_view path, std::string &error) {
     return json;
 }
 
-/// Lua: value = host.read_json(path). A null in the file is nil.
+/// Lua: value = host.read_json(path). A null in the file becomes nil.
 int ReadJsonFile(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
     bool read = false;

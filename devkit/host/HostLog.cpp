@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxLines = 100'000;
 
-/// Null for levels that nobody has asked for.
+/// Null for levels that are not enabled.
 const char *NameOf(wxLogLevel level, bool wantsVerbose) {
     switch (level) {
         case wxLOG_FatalError:
@@ -37,13 +37,13 @@ HostLog::HostLog(bool print, HealthHistory *history) : m_print(print), m_history
 
 void HostLog::WantVerbose(bool wanted) {
     m_wantsVerbose = wanted;
-    // Else the module does not tell the report of its health iterations.
+    // Otherwise the module does not report its health iterations.
     wxLog::SetVerbose(wanted || m_history != nullptr);
 }
 
 std::vector<LoggedLine> HostLog::TakeLines() {
     FlushActive();  // what other threads have logged
-    // A list's order is stable, too, and clang finds std::stable_sort deprecated by what libstdc++ makes it of.
+    // std::list::sort is stable, too, and clang rejects libstdc++'s std::stable_sort as deprecated.
     std::list<LoggedLine> lines(std::make_move_iterator(m_lines.begin()), std::make_move_iterator(m_lines.end()));
     m_lines.clear();
     lines.sort([](const LoggedLine &a, const LoggedLine &b) { return a.time < b.time; });
@@ -52,7 +52,7 @@ std::vector<LoggedLine> HostLog::TakeLines() {
 
 void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {
     const std::string text = ToUtf8(message);
-    const double time = static_cast<double>(info.timestampMS) / 1000;  // a line of another thread comes later
+    const double time = static_cast<double>(info.timestampMS) / 1000;  // lines of other threads come later
     const char *name = NameOf(level, m_wantsVerbose);
     if (name != nullptr) {
         if (m_print) {

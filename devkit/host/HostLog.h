@@ -16,18 +16,18 @@ struct LoggedLine {
     std::string text;
 };
 
-/// Prints errors, warnings and messages to the standard error output, as the host prints traces, keeps them for the
-/// script, and keeps what the report is made of. Lines of other threads come when the log is flushed.
+/// Prints errors, warnings and messages to standard error, like the host's traces, keeps them for the script, and keeps
+/// the data for the report. Lines of other threads arrive when the log is flushed.
 class HostLog : public wxLog {
 public:
     /// @param print    also print.
-    /// @param history  null to keep nothing for a report; else it outlives the log.
+    /// @param history  null without a report; else it outlives the log.
     HostLog(bool print, HealthHistory *history);
 
-    /// Whether verbose lines are printed and kept, too; at first they are not.
+    /// Whether verbose lines are printed and kept, too; by default they are not.
     void WantVerbose(bool wanted);
-    /// Flushes the log. @return the lines that no earlier call has returned, in the order of their times; the latest
-    ///         100,000 at most.
+    /// Flushes the log.
+    /// @return the lines that no earlier call has returned, in chronological order; the latest 100,000 at most.
     std::vector<LoggedLine> TakeLines();
 
 protected:

@@ -26,7 +26,7 @@ constexpr Range kBytes{9007199254740992.0, "0 to 2^53"};
 
 struct MachineField {
     const char *name;
-    const Range &range;  ///< Of whole numbers from 0, unless it is kAny.
+    const Range &range;  ///< For whole numbers from 0, unless it is kAny.
     lua_Number (*get)(const Simulator::Machine &machine);
     void (*set)(Simulator::Machine &machine, lua_Number value);
 };
@@ -78,7 +78,7 @@ int GetMachineField(lua_State *L) {
     return 1;
 }
 
-/// The first that is set puts the machine under the module.
+/// The first assignment attaches the machine to the module.
 int SetMachineField(lua_State *L) {
     const MachineField &field = FindMachineField(L);
     const lua_Number value = CheckValue(L, field);
@@ -86,14 +86,14 @@ int SetMachineField(lua_State *L) {
     return 0;
 }
 
-/// Lua: pairs goes through the fields too.
+/// Lua: pairs visits the fields, too.
 int ListMachineFields(lua_State *L) {
     return PairsWithFields(L, kMachineFields);
 }
 
 // Its files.
 
-/// Makes the agent's folders. @return empty, or why they can't be made.
+/// Creates the agent's folders. @return empty, or why they can't be created.
 std::string MakeFolders(const std::filesystem::path &folder) {
     for (const wchar_t *name : {L"filter", L"diag"}) {
         std::error_code error;
@@ -104,8 +104,8 @@ std::string MakeFolders(const std::filesystem::path &folder) {
     return {};
 }
 
-/// Lua: host.use_program_data(folder). What the module reads and writes of the agent's files lies in the folder
-/// from now on: filter\vt_filter.conf and diag\vt_filter_json.log. Missing folders are made.
+/// Lua: host.use_program_data(folder). Maps the agent's files that the module reads and writes to the folder from now
+/// on: filter\vt_filter.conf and diag\vt_filter_json.log. Creates missing folders.
 int UseProgramData(lua_State *L) {
     const std::string_view name = CheckText(L, 1);
     luaL_argcheck(L, !name.empty(), 1, "a folder's name expected");

@@ -12,10 +12,10 @@
 namespace {
 
 constexpr wchar_t kRestarted[] = L"fc.dll";
-/// Lua's loader keeps the handles of libraries there, by their paths and in an array.
+/// Lua's loader keeps library handles there, by path and in an array.
 constexpr char kLuaLibraries[] = "_CLIBS";
 
-/// Removes from the table on top of the stack the path that leads to the library.
+/// Removes the library's path from the table on top of the stack.
 void ForgetPath(lua_State *L, const void *library) {
     for (lua_pushnil(L); lua_next(L, -2) != 0; lua_pop(L, 1)) {
         if (lua_type(L, -2) != LUA_TSTRING || lua_touserdata(L, -1) != library)
@@ -44,7 +44,7 @@ void ForgetItem(lua_State *L, const void *library) {
     }
 }
 
-/// Lua's loader would hand out the old handle otherwise, and free it when the state is closed.
+/// Otherwise Lua's loader would return the old handle, and free it when the state is closed.
 void ForgetLibrary(lua_State *L, const void *library) {
     lua_getfield(L, LUA_REGISTRYINDEX, kLuaLibraries);
     ForgetPath(L, library);
@@ -52,7 +52,7 @@ void ForgetLibrary(lua_State *L, const void *library) {
     lua_pop(L, 1);
 }
 
-/// What the module has left of itself in Lua.
+/// What the module has left in Lua.
 void ForgetModule(lua_State *L) {
     lua_getglobal(L, "package");
     lua_getfield(L, -1, "loaded");
@@ -67,7 +67,7 @@ void ForgetModule(lua_State *L) {
     lua_pop(L, 1);
 }
 
-/// The driver must not call into a library that is gone.
+/// The driver must not call into an unloaded library.
 void ForgetCallbacks() {
     const std::lock_guard<std::mutex> guard(Vti::Lock());
     Vti::Driver &driver = Vti::TheDriver();

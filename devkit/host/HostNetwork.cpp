@@ -1,4 +1,4 @@
-// The adapters of the simulated machine and what is bound to them, for scripts: a part of host.machine.
+// The adapters of the simulated machine and their bindings, for scripts: a part of host.machine.
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace {
 constexpr lua_Number kLastStatus = 4294967295.0;
 constexpr lua_Number kLastFrame = 9007199254740992.0;  // 2 to the power of 53
 
-/// The address in a field, where there is one.
+/// The address in a field, if there is one.
 std::optional<std::string_view> AddressField(lua_State *L, const char *name, int table) {
     if (!HasField(L, name, table))
         return std::nullopt;
@@ -61,7 +61,7 @@ struct CheckedChange {
     }
 };
 
-/// Raises an error where there are other fields than those that change an adapter.
+/// Raises an error if there are other fields than those that change an adapter.
 void CheckChangeFields(lua_State *L, int table) {
     CheckFields(L, {"ip", "gateway", "frames", "connected", "gateway_answers", "status"}, table);
 }
@@ -97,7 +97,7 @@ bool ParseMac(std::string_view text, MacAddress &mac) {
     return at == end;
 }
 
-/// The field `mac`; one that no other adapter is likely to have where there is none.
+/// The field `mac`; without one, an address that no other adapter is likely to have.
 MacAddress CheckMac(lua_State *L) {
     static unsigned made = 0;
     if (!HasField(L, "mac"))
@@ -109,7 +109,7 @@ MacAddress CheckMac(lua_State *L) {
     return mac;
 }
 
-/// A device's instance without its last part.
+/// A device instance id without its last part.
 std::string_view ModelOf(std::string_view node) {
     return node.substr(0, node.find_last_of('\\'));
 }
@@ -252,7 +252,7 @@ const NamedHappening &CheckHappening(lua_State *L) {
     return kHappenings[0];  // not reached
 }
 
-/// Lua: host.machine.when({happens =, component =, adapter =}, node, changes). The first time.
+/// Lua: host.machine.when({happens =, component =, adapter =}, node, changes). Applies once.
 int AddRule(lua_State *L) {
     CheckFields(L, {"happens", "component", "adapter"});
     const NamedHappening &happening = CheckHappening(L);
@@ -282,9 +282,10 @@ int AddRule(lua_State *L) {
 /// Lua: host.machine.write_driver(path, version)
 int WriteDriver(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
-    const std::optional<FileVersion> version = ParseFourNumbers<FileVersion::value_type>(CheckText(L, 2));
+    const std::optional<Simulator::FileVersion> version =
+        ParseFourNumbers<Simulator::FileVersion::value_type>(CheckText(L, 2));
     luaL_argcheck(L, version.has_value(), 2, "a version such as 2.0.0.0 expected");
-    return Guarded(L, [&] { WriteDriverFile(ToWide(path), *version); }) ? 0 : lua_error(L);
+    return Guarded(L, [&] { Simulator::WriteDriverFile(ToWide(path), *version); }) ? 0 : lua_error(L);
 }
 
 }  // namespace

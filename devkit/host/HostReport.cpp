@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Lua: host.mark(text). A mark in the report, at the present time; nothing without --report.
+/// Lua: host.mark(text). A mark in the report, at the current time; does nothing without --report.
 int Mark(lua_State *L) {
     const std::string_view text = CheckText(L, 1);
     HostState &host = HostOf(L);

@@ -1,4 +1,4 @@
-// What the host program holds for a script, and how it comes into the global table `host`.
+// The host program's state for a script, and how it becomes the global table `host`.
 #pragma once
 
 #include <map>
@@ -22,8 +22,8 @@
 struct HostState {
     Options options;
     EventLog events;
-    std::unique_ptr<HealthHistory> history;  ///< Null unless a report is wanted.
-    DriverRuns runs;                         ///< Told of, unless the host is quiet and no report is wanted.
+    std::unique_ptr<HealthHistory> history;  ///< Null without a report.
+    DriverRuns runs;                         ///< Used unless the host is quiet and writes no report.
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
@@ -33,13 +33,12 @@ struct HostState {
     std::set<std::string> tracedByScript;  ///< Components of host.trace.
 };
 
-/// The state, in a function that AddFunctions has registered.
+/// The state, within a function that AddFunctions has registered.
 inline HostState &HostOf(lua_State *L) {
     return *static_cast<HostState *>(lua_touserdata(L, lua_upvalueindex(1)));
 }
 
-/// Adds functions to the table on top of the stack.
-/// @param functions  ends with a null entry.
+/// Adds functions to the table on top of the stack. @param functions  ends with a null entry.
 void AddFunctions(lua_State *L, HostState &host, const luaL_Reg *functions);
 
 // Each adds its subject's functions to the table on top of the stack.
@@ -65,6 +64,6 @@ void AddRebootFunction(lua_State *L, HostState &host);
 /// @param where  what switched it on, such as "script.lua:3: ".
 void NoteWantedTrace(HostState &host, const std::string &where, const std::string &component);
 
-/// Makes the global table `host`, lets require find the modules beside the program, and opens files
-/// by names in UTF-8. Raises Lua errors.
+/// Creates the global table `host`, makes require find the modules beside the program, and io.open take names in UTF-8.
+/// Raises Lua errors.
 void OpenHostTable(lua_State *L, HostState &host);

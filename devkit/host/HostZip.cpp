@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char *kZipTypeName = "SLB.wx.ZipOutputStream";
 
-/// Opens the package and keeps it; null when its file can't be made.
+/// Opens the package and keeps it; null if its file can't be created.
 VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path, std::string &error) {
     std::unique_ptr<ZipFile> zip = ZipFile::Create(ToWide(path), error);
     if (zip == nullptr)
@@ -20,7 +20,7 @@ VtaCore::CZipOutputStream *OpenZip(HostState &host, std::string_view path, std::
     return &host.zips.emplace(key, std::move(zip)).first->second->Stream();
 }
 
-/// The object that a userdata of the binder holds; null for anything else, and when it is gone.
+/// The object that one of the binder's userdata holds; null for anything else, and if it is gone.
 const void *ObjectOf(lua_State *L, int index) {
     const auto *instance = static_cast<const SLB3::SlbInstance *>(lua_touserdata(L, index));
     if (instance == nullptr || lua_rawlen(L, index) < sizeof *instance || instance->resolve == nullptr)
@@ -78,7 +78,7 @@ int NewZip(lua_State *L) {
     return 1;
 }
 
-/// Lua: host.close_zip(zip). Ends the file; zips that are still open are ended with the program.
+/// Lua: host.close_zip(zip). Finishes the file; open zips are finished when the program ends.
 int CloseZip(lua_State *L) {
     ZipFile &zip = CheckZip(L);
     const void *const key = &zip.Stream();
@@ -96,7 +96,7 @@ int CloseZip(lua_State *L) {
     return RaiseText(L, pushed);
 }
 
-/// Lua: files = host.read_zip(path). The files in it: an array of tables with `name` and `content`.
+/// Lua: files = host.read_zip(path). Its files: an array of tables with `name` and `content`.
 int ReadZip(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
     bool pushed = false;

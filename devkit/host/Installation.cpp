@@ -30,13 +30,13 @@ bool SameInAnyCase(std::string_view a, std::string_view b) {
     return a.size() == b.size() && _strnicmp(a.data(), b.data(), a.size()) == 0;
 }
 
-/// What a line of an INF file does to a service.
+/// The effect of an INF file's line on a service.
 struct ServiceLine {
-    bool adds = false;  ///< Else it deletes.
+    bool adds = false;  ///< Otherwise it deletes.
     std::wstring service;
 };
 
-/// "AddService = name, ..." or "DelService = name, ..."; nothing for another line.
+/// "AddService = name, ..." or "DelService = name, ..."; empty for any other line.
 std::optional<ServiceLine> ReadServiceLine(std::string_view line) {
     const std::size_t equals = line.find('=');
     const std::string_view key = Trimmed(line.substr(0, equals));
@@ -50,7 +50,7 @@ std::optional<ServiceLine> ReadServiceLine(std::string_view line) {
     return ServiceLine{adds, std::wstring(name.begin(), name.end())};
 }
 
-/// What a section of an INF file does to services, as its part ".Services" tells.
+/// The effect of an INF file's section on services, which its part ".Services" describes.
 std::vector<ServiceLine> ServiceLines(const std::filesystem::path &inf, const std::string &section) {
     std::vector<ServiceLine> lines;
     const std::string wanted = "[" + section + ".Services]";
@@ -126,8 +126,8 @@ void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared
     InstallThreads(functions);
 }
 
-/// What installing a section of an INF file does here: it adds and deletes services.
-/// @param command  section, flags, and file, with a blank behind each of the first two.
+/// Installs a section of an INF file, as far as it adds and deletes services.
+/// @param command  section, flags, and file, the first two each followed by a space.
 void Installation::InstallSection(const std::wstring &command) {
     const std::size_t section = command.find(L' ');
     const std::size_t flags = section == command.npos ? section : command.find(L' ', section + 1);
@@ -312,7 +312,7 @@ void Installation::OnDevice(const Simulator::DeviceChange &change) {
 
 void Installation::FollowRules(const NetworkHappening &happening) {
     for (const NetworkRule &rule : m_rules.Take(happening)) {
-        // An adapter that has gone meanwhile stays gone.
+        // An adapter that was removed meanwhile stays removed.
         (void)m_network.configuration->ChangeAdapter(
             rule.node, [&rule](Simulator::NetworkAdapter &adapter) { ChangeAdapter(adapter, rule.change); });
     }

@@ -17,62 +17,61 @@
 #include "Machine.h"
 #include "NetworkRules.h"
 
-/// What is there at a time, in UTF-8. Of devices, services and keys: those that Put and an INF file have made.
+/// The current contents, in UTF-8. Of devices, services and keys: those created by Put functions and INF files.
 struct Inventory {
-    std::vector<std::string> components;                  ///< Ids, in their order, without the adapters.
+    std::vector<std::string> components;                  ///< Ids, in order, without the adapters.
     std::vector<std::string> devices;                     ///< Instance ids.
     std::vector<std::pair<std::string, DWORD>> services;  ///< Names and states.
     std::vector<std::string> infFiles;                    ///< All files of the system's INF folder.
     std::vector<std::string> keys;                        ///< Paths.
-    std::vector<std::string> leftToBoot;                  ///< Files that the next boot is to delete.
+    std::vector<std::string> leftToBoot;                  ///< Files to be deleted at the next boot.
     std::optional<std::string> lock;                      ///< Who holds the write lock of the network configuration.
 };
 
-/// An adapter at a time, in UTF-8.
+/// The current state of an adapter, in UTF-8.
 struct AdapterState {
     std::string node;
     std::string name;
     std::string ip;
     std::string gateway;
     bool connected = false;
-    bool enabled = false;            ///< Its device.
-    std::vector<std::string> bound;  ///< Ids of what is bound to it, in the order of the components.
+    bool enabled = false;            ///< Whether its device is.
+    std::vector<std::string> bound;  ///< Ids of the components bound to it, in component order.
 };
 
-/// Nothing at first. Functions of one thread; others may work on the machine meanwhile.
+/// Empty at first. Call it from one thread; others may use the machine meanwhile.
 class Installation {
 public:
     Installation();
 
-    /// Simulates the functions that reach it, which must not outlive it.
-    /// @param machine  outlives them.
+    /// Simulates the functions that access it, which must not outlive it. @param machine  outlives them.
     void PutUnder(Simulator::FunctionSet &functions, const std::shared_ptr<Simulator::Core> &core,
                   const Simulator::Machine &machine);
 
     void PutComponent(const Simulator::NetworkComponent &component);
     void PutDevice(const Simulator::Device &device);
-    /// @param state      SERVICE_RUNNING and its like.
-    /// @param startType  SERVICE_AUTO_START and its like.
+    /// @param state      SERVICE_RUNNING or a similar one.
+    /// @param startType  SERVICE_AUTO_START or a similar one.
     void PutService(const std::wstring &name, DWORD state, DWORD startType = SERVICE_DEMAND_START);
     /// @param path  below HKEY_LOCAL_MACHINE.
     void PutKey(const std::wstring &path);
-    /// Another program holds the write lock of the network configuration.
+    /// From now on another program holds the write lock of the network configuration.
     void LockNetwork(const std::wstring &holder);
     /// Whoever holds it gives it back.
     void UnlockNetwork();
     /// @param function  see Simulator::SetupLibrary::Lack.
     void Lack(const std::string &function);
 
-    /// Adds an adapter with its device, or replaces it. It gets a name to bind to.
+    /// Adds an adapter with its device, or replaces it, and gives it a bind name.
     void PutAdapter(Simulator::NetworkAdapter adapter);
-    /// @throws std::invalid_argument  if there is no such adapter, as the next two do, or no such component.
+    /// @throws std::invalid_argument  if there is no such adapter, like the next two, or no such component.
     void ChangeAdapterAt(const std::wstring &node, const AdapterChange &change);
     void RemoveAdapter(const std::wstring &node);
     void Bind(const std::wstring &node, const std::wstring &component, bool bound);
     std::vector<AdapterState> Adapters() const;
-    /// What an installation finds to install; it replaces what has the same id.
-    /// @param loads  the version of the driver that runs as soon as the component is installed, until it is removed;
-    ///               none: the driver stays as it is.
+    /// Makes a component available for installation; replaces one with the same id.
+    /// @param loads  the version of the driver that runs from the installation of the component until its removal;
+    ///   empty: the driver is not affected.
     void PutInstallable(const Simulator::InstallableComponent &installable, const std::optional<std::string> &loads);
     /// @return the rule's number.
     std::size_t When(const NetworkRule &rule) { return m_rules.Add(rule); }
@@ -107,7 +106,7 @@ private:
     NetworkRules m_rules;
     std::set<std::wstring> m_deviceIds;
     std::set<std::wstring> m_keyPaths;
-    unsigned m_adapters = 0;  ///< That there ever were.
+    unsigned m_adapters = 0;  ///< All that ever existed.
     /// Guards what other threads change, too.
     mutable Simulator::Lock m_lock;
     std::set<std::wstring> m_serviceNames;

@@ -11,9 +11,9 @@
 
 namespace {
 
-/// For what the script and the host still have to do. A console that is closed gives them five seconds.
+/// The time for the script and the host to finish. The system allows five seconds when a console is closed.
 constexpr DWORD kGraceMs = 3'000;
-/// One Ctrl-C may come twice: from the terminal, and from the script that has started the program.
+/// One Ctrl-C may arrive twice: from the terminal, and from the script that started the program.
 constexpr ULONGLONG kSameMs = 500;
 
 HANDLE g_event = nullptr;
@@ -23,13 +23,13 @@ std::atomic<bool> g_isIdle{false};
 std::mutex g_scriptLock;
 lua_State *g_script = nullptr;
 
-/// Once: a script that catches the error has time to write what it has.
+/// Only once: a script that catches the error has time to save its results.
 void RaiseError(lua_State *L, lua_Debug * /*unused*/) {
     lua_sethook(L, nullptr, 0, 0);
     luaL_error(L, "interrupted");
 }
 
-/// Any thread; Lua itself allows no other call at such a time.
+/// Any thread; Lua allows no other call at such a time.
 void RequestError(lua_State *L) {
     lua_sethook(L, RaiseError, LUA_MASKCALL | LUA_MASKRET | LUA_MASKCOUNT, 1);
 }
@@ -40,14 +40,14 @@ void StopScript() {
         RequestError(g_script);
 }
 
-/// Without the end of other threads, for which a thread at work in the module would have to wait.
+/// Without ending other threads, which would wait for a thread that is inside the module.
 [[noreturn]] void EndAtOnce() {
     StopReplacing();
     (void)TerminateProcess(GetCurrentProcess(), kInterrupted);
     std::abort();  // not reached
 }
 
-/// The script may be in a call that does not come back.
+/// The script may be in a call that does not return.
 void EndInTime() {
     const Simulator::InsideSimulator realTime;
     (void)WaitForSingleObject(g_event, INFINITE);
@@ -59,7 +59,7 @@ void EndInTime() {
     EndAtOnce();
 }
 
-/// Runs on a thread of its own; the system holds back other interruptions until it returns.
+/// Runs on a separate thread; the system holds back other interruptions until it returns.
 BOOL WINAPI OnInterruption(DWORD kind) {
     ULONGLONG first = 0;
     if (!g_firstTick.compare_exchange_strong(first, GetTickCount64())) {
@@ -70,7 +70,8 @@ BOOL WINAPI OnInterruption(DWORD kind) {
     StopScript();
     (void)SetEvent(g_event);
     if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT)
-        (void)WaitForSingleObject(GetCurrentProcess(), INFINITE);  // the system ends the program when this returns
+        (void)WaitForSingleObject(GetCurrentProcess(),
+                                  INFINITE);  // the system terminates the program when this returns
     return TRUE;
 }
 
@@ -78,7 +79,7 @@ BOOL WINAPI OnInterruption(DWORD kind) {
 
 bool WatchForInterruption(void (*save)()) {
     g_save = save;
-    g_event = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // stays as long as the process
+    g_event = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // lives as long as the process
     if (g_event == nullptr)
         return false;
     std::thread(EndInTime).detach();

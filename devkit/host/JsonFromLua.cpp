@@ -11,7 +11,7 @@ namespace {
 constexpr int kMaxDepth = 100;
 constexpr int kStackPerLevel = 4;
 
-/// Reads one value and what is in it; gives up at the first thing that can't be JSON.
+/// Reads one value with its contents; stops at the first one that can't be JSON.
 class Reader {
 public:
     Reader(lua_State *L, std::string &error) : m_lua(L), m_error(error) {}
@@ -110,6 +110,6 @@ private:
 JsonPtr JsonFromLua(lua_State *L, int index, std::string &error) {
     const int top = lua_gettop(L);
     JsonPtr json = Reader(L, error).Value(lua_absindex(L, index), 0);
-    lua_settop(L, top);  // a failure leaves things on the stack
+    lua_settop(L, top);  // a failure leaves values on the stack
     return json;
 }

@@ -7,10 +7,9 @@
 
 #include "Json.h"
 
-/// Reads the value at the index; raises no Lua error and leaves the stack as it was.
+/// Reads the value at the index; raises no Lua error and does not change the stack.
 ///
-/// A table whose keys are 1 to n is an array, so is an empty one; one whose keys are texts is an object,
-/// its fields in the order of their names. Bytes that are no UTF-8 become U+FFFD; a number that JSON
-/// can't hold (infinite, no number) becomes null.
-/// @param error  says what can't be JSON, when null is returned.
+/// A table with the keys 1 to n is an array, as is an empty one; one with string keys is an object, with its fields
+/// sorted by name. Invalid UTF-8 becomes U+FFFD; a number that JSON can't represent (infinite, NaN) becomes null.
+/// @param error  says what can't be JSON, if null is returned.
 JsonPtr JsonFromLua(lua_State *L, int index, std::string &error);

@@ -8,10 +8,10 @@
 
 #include <lua.hpp>
 
-/// Calls build(L), which pushes one value and owns nothing itself, so that an error in Lua comes back
-/// here instead of jumping over the caller's objects.
-/// @return true with the value on the stack, or false with the error; the caller ends its objects and
-///         then calls lua_error.
+/// Calls build(L), which pushes one value and owns nothing itself, so that a Lua error returns here instead of jumping
+/// over the caller's objects.
+/// @return true with the value on the stack, or false with the error; the caller destroys its objects and then calls
+///   lua_error.
 template <typename Build>
 [[nodiscard]] bool PushProtected(lua_State *L, const Build &build) {
     const lua_CFunction call = [](lua_State *state) {
@@ -28,13 +28,13 @@ template <typename Build>
     return PushProtected(L, [text](lua_State *state) { lua_pushlstring(state, text.data(), text.size()); });
 }
 
-/// Raises the text on top of the stack as an error, with the place in the script; or what PushText has left there.
+/// Raises the text on top of the stack as an error, with the position in the script; or what PushText has left there.
 inline int RaiseText(lua_State *L, bool pushed) {
     return pushed ? luaL_error(L, "%s", lua_tostring(L, -1)) : lua_error(L);
 }
 
-/// Does work that may throw, and that must not raise Lua errors.
-/// @return false with an error on the stack, where something was thrown.
+/// Calls a function that may throw and that must not raise Lua errors.
+/// @return false with an error on the stack if it has thrown.
 template <typename Work>
 [[nodiscard]] bool Guarded(lua_State *L, const Work &work) {
     try {
@@ -46,7 +46,7 @@ template <typename Work>
     }
 }
 
-/// The text argument at the index; raises the Lua library's error where it is none.
+/// The text argument at the index; raises the Lua library's error for other types.
 inline std::string_view CheckText(lua_State *L, int index) {
     std::size_t length = 0;
     const char *text = luaL_checklstring(L, index, &length);
@@ -81,8 +81,8 @@ inline void SetTexts(lua_State *L, const char *name, const std::vector<std::stri
     lua_setfield(L, -2, name);
 }
 
-/// What a table's __pairs yields: the function that steps, and a table of what the table holds and of the values
-/// that its __index has for the fields.
+/// Implements __pairs: returns the iterator function, and a table of the table's own fields and of those that its
+/// __index provides.
 /// @param fields  each with a name.
 template <typename Field, std::size_t count>
 int PairsWithFields(lua_State *L, const Field (&fields)[count]) {

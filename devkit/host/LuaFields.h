@@ -1,4 +1,4 @@
-// Reading the fields of a table that a script hands over as an argument: as the first, unless `table` tells another.
+// Reads the fields of a table that a script passes as an argument: the first one, unless `table` says otherwise.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 #include "UnknownName.h"
 
-/// Raises an error unless the argument is a table with no other fields than these.
+/// Raises an error unless the argument is a table with only these fields.
 inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> names, int table = 1) {
     luaL_checktype(L, table, LUA_TTABLE);
     for (lua_pushnil(L); lua_next(L, table) != 0; lua_pop(L, 1)) {
@@ -21,7 +21,7 @@ inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> na
     }
 }
 
-/// A text, which is valid as long as the table has it.
+/// A text, valid as long as the table contains it.
 inline std::string_view CheckTextField(lua_State *L, const char *name, int table = 1) {
     lua_getfield(L, table, name);
     if (lua_type(L, -1) != LUA_TSTRING)
@@ -39,7 +39,7 @@ inline bool HasField(lua_State *L, const char *name, int table = 1) {
     return has;
 }
 
-/// A boolean; false where there is none.
+/// A boolean; false without one.
 inline bool FlagField(lua_State *L, const char *name, int table = 1) {
     lua_getfield(L, table, name);
     if (!lua_isnil(L, -1) && !lua_isboolean(L, -1))
@@ -49,7 +49,7 @@ inline bool FlagField(lua_State *L, const char *name, int table = 1) {
     return value;
 }
 
-/// A number from 0 to the limit; 0 where there is none.
+/// A number from 0 to the limit; 0 without one.
 inline lua_Number NumberField(lua_State *L, const char *name, lua_Number limit, int table = 1) {
     lua_getfield(L, table, name);
     if (!lua_isnil(L, -1) && lua_type(L, -1) != LUA_TNUMBER)

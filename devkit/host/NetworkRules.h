@@ -1,4 +1,4 @@
-// What becomes of adapters when the program under test has done something: a network that breaks, and one that heals.
+// What happens to adapters when the program under test does something: a network that breaks, and one that recovers.
 #pragma once
 
 #include <cstddef>
@@ -11,29 +11,29 @@
 #include "Lock.h"
 #include "NetworkAdapter.h"
 
-/// What is to be another at an adapter; the rest of it stays.
+/// Changes of an adapter; other properties stay.
 struct AdapterChange {
-    std::optional<std::string> ip;  ///< "0.0.0.0" for none, as is it for the gateway.
+    std::optional<std::string> ip;  ///< "0.0.0.0" for none, as for the gateway.
     std::optional<std::string> gateway;
     std::optional<std::uint64_t> frames;
     std::optional<bool> connected;
-    std::optional<bool> gatewayAnswers;  ///< To ARP.
-    std::optional<ULONG> status;         ///< Of its device; 0 where all is well.
+    std::optional<bool> gatewayAnswers;  ///< To ARP requests.
+    std::optional<ULONG> status;         ///< Of its device; 0 means no problem.
 };
 
 void ChangeAdapter(Simulator::NetworkAdapter &adapter, const AdapterChange &change);
 
-/// A thing that happens to the network.
+/// An event of the network.
 struct NetworkHappening {
     enum class What { Installed, Removed, Bound, Unbound, Enabled, Disabled };
     What what;
-    std::wstring component;  ///< Empty for the last two, which are a device's.
+    std::wstring component;  ///< Empty for the last two, which concern a device.
     std::wstring adapter;    ///< In a rule: empty for any.
 };
 
 struct NetworkRule {
     NetworkHappening when;
-    std::wstring node;  ///< Of the adapter that is changed.
+    std::wstring node;  ///< The adapter to change.
     AdapterChange change;
 };
 
@@ -42,9 +42,9 @@ class NetworkRules {
 public:
     /// @return its number, from 0.
     std::size_t Add(NetworkRule rule);
-    /// Whether its moment is still to come.
+    /// Whether its event has not happened yet.
     bool IsOpen(std::size_t number) const;
-    /// The rules that this is the moment of, in their order. They are used up by it.
+    /// The rules that this event triggers, in order. Each applies once.
     std::vector<NetworkRule> Take(const NetworkHappening &happening);
 
 private:

@@ -27,8 +27,8 @@ using TakeValue = bool (*)(Options &options, const std::wstring &value);
 
 struct Setting {
     const wchar_t *name;
-    const wchar_t *value;  ///< What the value is, for messages.
-    TakeValue take;        ///< Yields false for a value that can't be.
+    const wchar_t *value;  ///< The kind of value, for messages.
+    TakeValue take;        ///< Returns false for an invalid value.
 };
 
 bool TakeText(std::wstring &field, const std::wstring &value) {
@@ -93,7 +93,7 @@ bool IsOption(const std::wstring &argument) {
     return argument.size() > 1 && argument[0] == L'-';
 }
 
-/// Takes the option at `next`, and its value, which may be joined with '=' or be the next argument.
+/// Reads the option at `next`, and its value, which may be joined with '=' or be the next argument.
 bool TakeOption(Options &options, const std::vector<std::wstring> &arguments, std::size_t &next, std::wstring &error) {
     const std::wstring &argument = arguments[next++];
     if (TakeSwitch(options, argument))
@@ -126,7 +126,7 @@ std::wstring FullPath(const std::wstring &path) {
     return full;
 }
 
-/// Two of the files that are written have one name.
+/// Whether two of the output files have the same name.
 bool NamesOneFileTwice(const Options &options, std::wstring &error) {
     const std::pair<const wchar_t *, const std::wstring *> files[] = {
         {L"--events", &options.eventsFile}, {L"--report", &options.reportFile}, {L"--settings", &options.settingsFile}};
@@ -156,7 +156,7 @@ bool AreTracesKnown(const Options &options, std::wstring &error) {
     return true;
 }
 
-/// Whether the options agree with each other.
+/// Whether the options are compatible.
 bool IsComplete(const Options &options, std::wstring &error) {
     if (options.help || options.version)
         return true;

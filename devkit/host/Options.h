@@ -8,7 +8,7 @@
 struct Options {
     bool help = false;
     bool version = false;
-    bool quiet = false;        ///< No traces, events and log lines on the console.
+    bool quiet = false;        ///< No traces, events or log lines on the console.
     bool interactive = false;  ///< A prompt instead of a script.
     unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0: another clock.
     bool steps = false;        ///< A simulated clock that stands still unless all threads wait.
@@ -17,12 +17,12 @@ struct Options {
     std::wstring reportFile;    ///< Empty: none.
     std::wstring settingsFile;  ///< Empty: settings are kept in memory.
     std::wstring script;
-    std::vector<std::wstring> arguments;  ///< Of the script.
+    std::vector<std::wstring> arguments;  ///< The script's.
 };
 
 /// @param arguments  without the program's own name.
-/// @param error      says what is wrong and what to do, when nothing is returned.
+/// @param error      says what is wrong and how to correct it, if nothing is returned.
 std::optional<Options> ParseOptions(const std::vector<std::wstring> &arguments, std::wstring &error);
 
-/// What --help prints.
+/// The output of --help.
 const char *HelpText();

@@ -4,7 +4,7 @@
 
 namespace {
 
-/// Those that the program itself imports are not here: without them Windows does not start it.
+/// Without those that the program itself imports: Windows would not start it.
 constexpr const wchar_t *kLibraries[] = {L"fc.dll", L"vti.dll"};
 
 }  // namespace

@@ -1,11 +1,11 @@
-// The program's own place, and the libraries that it needs beside itself.
+// The program's own folder, and the libraries that it needs there.
 #pragma once
 
 #include <string>
 
-/// With a backslash at its end.
+/// With a trailing backslash.
 std::wstring ProgramFolder();
 
-/// Looks for the libraries that are loaded only when they are first used.
-/// @param error  says which one is missing and where it was looked for, when the result is false.
+/// Searches for the libraries that are loaded on first use.
+/// @param error  says which one is missing and where it was searched, if the result is false.
 bool FindLibraries(std::wstring &error);

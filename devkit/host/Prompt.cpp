@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char *kChunkName = "=prompt";
 
-/// @return nothing at the end of the input.
+/// @return empty at the end of the input.
 std::optional<std::string> ReadLine(const char *prompt) {
     if (_isatty(_fileno(stdin)) != 0) {
         (void)std::fputs(prompt, stdout);
@@ -31,8 +31,8 @@ std::optional<std::string> ReadLine(const char *prompt) {
     return line;
 }
 
-/// Loads the text as an expression, else as statements.
-/// @return the status of the load; the function or the message is on the stack.
+/// Loads the text as an expression, or else as statements.
+/// @return the status of the load; leaves the function or the message on the stack.
 int Load(lua_State *L, const std::string &text) {
     const bool expression = !text.empty() && text.front() == '=';
     const std::string returning = "return " + (expression ? text.substr(1) : text);
@@ -43,7 +43,7 @@ int Load(lua_State *L, const std::string &text) {
     return luaL_loadbuffer(L, text.data(), text.size(), kChunkName);
 }
 
-/// Whether more lines could make Lua code of the text.
+/// Whether more lines could complete the text.
 bool IsIncomplete(lua_State *L, const std::string &text) {
     constexpr std::string_view mark = "<eof>";
     bool incomplete = false;
@@ -66,7 +66,7 @@ std::optional<std::string> ReadStatement(lua_State *L) {
     return text;
 }
 
-/// Lua: takes a text as light userdata, runs it and prints what it yields.
+/// Lua: takes a text as light userdata, runs it and prints its results.
 int RunStatement(lua_State *L) {
     if (Load(L, *static_cast<const std::string *>(lua_topointer(L, 1))) != LUA_OK)
         return lua_error(L);

@@ -10,13 +10,13 @@
 
 namespace {
 
-/// More would make the page large and show no more.
+/// More rows would make the page large without showing more.
 constexpr std::size_t kMaxRows = 12'000;
 constexpr std::size_t kMaxDriverRuns = 100;
 
 // The page's parts are resources of the program.
 
-/// @param error  names the resource if the program lacks it; the result is empty then.
+/// @param error  names the resource if it is missing; the result is empty then.
 std::string_view Resource(const wchar_t *name, std::string &error) {
     const HRSRC found = FindResourceW(nullptr, name, RT_RCDATA);
     const HGLOBAL loaded = found != nullptr ? LoadResource(nullptr, found) : nullptr;
@@ -27,16 +27,16 @@ std::string_view Resource(const wchar_t *name, std::string &error) {
     return {};
 }
 
-/// Puts the text in place of the mark, which stands in the page once.
+/// Replaces the mark, which occurs in the page once, by the text.
 void Insert(std::string &page, std::string_view mark, std::string_view text) {
     const std::size_t position = page.find(mark);
     if (position != std::string::npos)
         page.replace(position, mark.size(), text);
 }
 
-// The run as JSON that may stand in a script element.
+// The run as JSON that is safe in a script element.
 
-/// Texts are UTF-8. No character of it has a meaning in HTML.
+/// Texts are UTF-8. Characters with a meaning in HTML are escaped.
 std::string Quoted(std::string_view text) {
     constexpr std::string_view unsafe = "\"\\<>&'\x7F";
     std::string quoted = "\"";
@@ -54,11 +54,11 @@ std::string Quoted(std::string_view text) {
     return quoted + "\"";
 }
 
-/// With at most three decimals; null for what is no finite number.
+/// With at most three decimals; null for a non-finite number.
 std::string Number(double value) {
     if (!std::isfinite(value))
         return "null";
-    constexpr double exact = 1e12;  // three decimals of more are not told apart anyway
+    constexpr double exact = 1e12;  // three decimals are not distinguishable beyond
     if (std::fabs(value) < exact)
         value = std::round(value * 1000) / 1000;
     char text[32];
@@ -66,7 +66,7 @@ std::string Number(double value) {
     return {text, end.ptr};
 }
 
-/// "name":[...] with what `get` yields for each row.
+/// "name":[...] with the result of `get` for each row.
 template <typename Get>
 std::string Column(const char *name, const std::vector<HealthRow> &rows, const Get &get) {
     std::string column = "\"" + std::string(name) + "\":[";
@@ -149,7 +149,7 @@ std::string DriverRunAsJson(const DriverRun &run, double start) {
            StepsAsJson(run.steps, start) + "]}";
 }
 
-/// The latest.
+/// The latest ones.
 std::string DriverRunsAsJson(const std::vector<DriverRun> &runs, double start) {
     std::string json;
     for (std::size_t i = runs.size() - std::min(runs.size(), kMaxDriverRuns); i < runs.size(); ++i) {
@@ -159,7 +159,7 @@ std::string DriverRunsAsJson(const std::vector<DriverRun> &runs, double start) {
     return json;
 }
 
-/// Of the first iteration; where there is none, of the first installation or removal, else of the first note.
+/// Of the first iteration; without one, of the first installation or removal, or else of the first note.
 double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> &runs,
                const std::vector<HealthNote> &notes) {
     if (!rows.empty())

@@ -7,8 +7,8 @@
 #include "DriverRuns.h"
 #include "HealthHistory.h"
 
-/// A HTML page that needs nothing beside itself.
-/// @param script  the name of the script that has run, UTF-8.
-/// @param error   says which part of the page the program lacks, when nothing is returned.
+/// A self-contained HTML page.
+/// @param script  the name of the script that ran, UTF-8.
+/// @param error   says which part of the page the program lacks, if nothing is returned.
 std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
                                           const std::string &script, std::string &error);

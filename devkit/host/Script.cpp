@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Puts a traceback behind the error's text; an error that is no text is described.
+/// Appends a traceback to the error's text; describes an error that is not a text.
 int DescribeError(lua_State *L) {
     const char *message = lua_tostring(L, 1);
     if (message == nullptr) {
@@ -22,8 +22,8 @@ int DescribeError(lua_State *L) {
     return 1;
 }
 
-/// The script without a byte order mark, and without a first line that is meant for a shell; the end of
-/// that line stays, so that line numbers stay right.
+/// The script without a byte order mark, and without a shebang line, whose line end stays, so that line numbers stay
+/// right.
 std::string_view LuaCode(std::string_view content) {
     constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
     if (content.substr(0, byteOrderMark.size()) == byteOrderMark)
@@ -33,7 +33,7 @@ std::string_view LuaCode(std::string_view content) {
     return content;
 }
 
-/// Lua: takes a Script as light userdata, yields what it returns first.
+/// Lua: takes a Script as light userdata, returns its first result.
 int RunChunk(lua_State *L) {
     const Script &script = *static_cast<const Script *>(lua_topointer(L, 1));
     const int count = static_cast<int>(script.arguments.size());
@@ -50,7 +50,7 @@ int RunChunk(lua_State *L) {
 
 constexpr const char *kStatusExpected = "nothing, a boolean or a whole number from 0 to 255 expected";
 
-/// @return nothing for what is no status. Others than these could not be told apart by shells.
+/// @return empty for an invalid status. Shells could not distinguish others.
 std::optional<int> ReadStatus(lua_State *L, int index) {
     constexpr lua_Number most = 255;
     if (lua_isnoneornil(L, index))

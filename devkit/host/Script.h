@@ -12,22 +12,22 @@ constexpr int kScriptFailed = 1;
 
 struct Script {
     std::string name;     ///< For messages, UTF-8.
-    std::string content;  ///< Of the file, with a byte order mark or a first line for a shell, if any.
+    std::string content;  ///< The content of the file, possibly with a byte order mark or a shebang line.
     std::vector<std::string> arguments;
 };
 
-/// Runs the script with its arguments; an error goes to the standard error output with a traceback.
+/// Runs the script with its arguments; prints an error to standard error with a traceback.
 /// @return the status for the program: what the script returns, if that is a whole number from 0 to 255; 0 for nothing
-///         and true, kScriptFailed for false, after an error, and for anything else, which is told.
+///   and true; kScriptFailed for false, after an error, and for anything else, with a message.
 [[nodiscard]] int RunScript(lua_State *L, const Script &script);
 
-/// Replaces os.exit by one that takes the same values as results of scripts. Raises Lua errors.
+/// Replaces os.exit by a function that accepts the same values as results of scripts. Raises Lua errors.
 void UseCheckedExit(lua_State *L);
 
-/// Reads lines from the standard input and runs each; the values of expressions are printed, and errors
-/// too. Ends with the input, or with an interruption.
+/// Reads lines from standard input and runs each; prints the values of expressions, and errors. Ends with the input, or
+/// on an interruption.
 void RunPrompt(lua_State *L);
 
-/// Calls the function on top of the stack, which takes the argument as a light userdata and yields one
-/// value. @return true with the value on the stack; false after an error, which is then reported.
+/// Calls the function on top of the stack, which takes the argument as a light userdata and returns one value.
+/// @return true with the value on the stack; false after an error, which is reported.
 [[nodiscard]] bool CallReporting(lua_State *L, const void *argument);

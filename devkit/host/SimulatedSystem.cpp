@@ -22,7 +22,7 @@ namespace {
 
 constexpr wchar_t kModule[] = L"fc.dll";
 constexpr const wchar_t *kLoadedLibraries[] = {L"vta_core.dll", L"lua52.dll"};
-/// The library's whole name tells how it was built.
+/// The library's full name depends on how it was built.
 constexpr std::string_view kWxPrefix = "wxbase";
 /// A method, and what the module's events call it.
 constexpr std::string_view kBinding = "INetCfgBindingPath::Enable";
@@ -41,7 +41,7 @@ struct SimulatedSystem::Parts {
     std::shared_ptr<Simulator::Core> core = std::make_shared<Simulator::Core>();
     Simulator::MappedPaths paths;
     std::optional<Installation> installation;
-    std::optional<FastForward> fastForward;  // ends after the functions, which let its threads go
+    std::optional<FastForward> fastForward;  // destroyed after the functions, which release its threads
     Simulator::FunctionSet functions{core};
     std::set<std::string> wxFunctions;  ///< Those of them that are put under wxWidgets.
 };
@@ -52,12 +52,12 @@ SimulatedSystem::~SimulatedSystem() = default;
 SimulatedSystem::Parts &SimulatedSystem::Use() {
     if (m_parts == nullptr) {
         m_parts = std::make_unique<Parts>();
-        m_parts->core->journal.MuteAll();  // nobody reads it here, and a script may run for days
+        m_parts->core->journal.MuteAll();  // nothing reads it here, and a script may run for days
     }
     return *m_parts;
 }
 
-/// All functions of the set; called whenever a part has come to it.
+/// All functions of the set; called whenever a part was added to it.
 void SimulatedSystem::PutUnderModule() {
     m_parts->functions.AttachWhenLoaded(kModule);
     m_parts->functions.Attach(GetModuleHandleW(kModule));
@@ -121,7 +121,7 @@ Installation &SimulatedSystem::UseInstallation() {
     if (!parts.installation) {
         (void)UseMachine();
         if (!m_hasClock)
-            Simulator::InstallClock(parts.functions, parts.core->clock);  // as the real one
+            Simulator::InstallClock(parts.functions, parts.core->clock);  // like the real one
         parts.installation.emplace();
         parts.installation->PutUnder(parts.functions, parts.core, m_machine);
         parts.wxFunctions.insert({"_beginthreadex", "ResumeThread", "TerminateThread"});

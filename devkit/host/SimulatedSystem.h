@@ -1,4 +1,4 @@
-// The system that the module, its libraries, the script and the host see.
+// The system as the module, its libraries, the script and the host see it.
 #pragma once
 
 #include <cstddef>
@@ -19,57 +19,57 @@ class FaultPlan;
 class Faults;
 }  // namespace Simulator
 
-/// The real one, until a part of it is simulated. Functions of one thread.
+/// The real one, until a part of it is simulated. Call it from one thread.
 class SimulatedSystem {
 public:
     SimulatedSystem();
     ~SimulatedSystem();
 
-    /// Puts a simulated clock under the libraries that are loaded, and under fc.dll when it is.
-    /// @param factor  how many times faster than in reality it runs, from 1.
+    /// Attaches a simulated clock to the loaded libraries, and to fc.dll once it is loaded.
+    /// @param factor  how many times faster than real time it runs, from 1.
     /// @param late    is told when the machine is too slow for that; see Simulator::Clock::OnLate.
     void StartFastClock(unsigned factor, std::function<void(double seconds)> late = {});
     /// The same with a clock that stands still unless all threads wait, and is the same in each run: see
     /// Simulator::Clock::TakeTurns. The calling thread is the script's.
     void StartSteppedClock();
     bool HasClock() const { return m_hasClock; }
-    /// Puts the simulated clock forward; for real time there is none.
+    /// Advances the simulated clock; does nothing in real time.
     void Advance(double seconds);
-    /// Sets what of the simulated clock is read as the time of day, also backwards; sleeps and waits do not notice.
+    /// Sets the time of day of the simulated clock, even backwards; sleeps and waits are not affected.
     /// @param seconds  since 1970, UTC.
     void SetWallClock(std::int64_t seconds);
-    /// See FastForward::WhenHit; for real time there is none. A stepped clock moves by itself then.
+    /// See FastForward::WhenHit; does nothing in real time. A stepped clock moves by itself then.
     void AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
     const Simulator::Machine &GetMachine() const { return m_machine; }
-    /// The same, and from now on fc.dll runs on it.
+    /// The machine; from now on fc.dll runs on it.
     Simulator::Machine &UseMachine();
 
-    /// What is installed. From the first use on, fc.dll runs on it, and on the machine.
-    /// @throws std::exception  if its registry or its folders can't be made.
+    /// The installation. From its first use on, fc.dll runs on it, and on the machine.
+    /// @throws std::exception  if its registry or its folders can't be created.
     Installation &UseInstallation();
-    /// Boots the machine anew. The module is not loaded then. Ticks begin at 0 if the clock is simulated.
+    /// Boots the machine again. The module is not loaded then. Ticks begin at 0 if the clock is simulated.
     void Reboot();
     /// Kills the threads that hang in a call, and with a stepped clock all but the calling one.
     void KillThreads();
-    /// The same for its faults, which concern Calls.
+    /// The same for its faults, which affect Calls.
     Simulator::Faults &UseFaults();
-    /// The calls that a simulated system has, whatever of it is simulated by now: functions, and methods such as
+    /// The calls that a simulated system has, whatever is simulated so far: functions, and methods such as
     /// "INetCfg::Apply". Sorted.
     static std::vector<std::string> Calls();
-    /// The one of them that is meant by the name, which may be what the module's events call it: without the W at its
-    /// end, and with arguments behind it. Nothing if there is none.
+    /// The call with this name, which may be the name in the module's events: without the W at its end, and followed by
+    /// arguments. Nothing if there is none.
     static std::optional<std::string_view> FindCall(std::string_view name);
-    /// Whether a plan can make it fail; others can only hang and be late.
+    /// Whether a plan can make it fail; others can only hang or be late.
     /// @param call  one of Calls.
     static bool CanFail(std::string_view call);
     /// Calls in the simulator's journal, which stays empty: a host may run for days.
     std::size_t RecordedCalls() const;
 
-    /// From now on, fc.dll finds in the folder what lies at or below the path.
+    /// From now on, maps what lies at or below the path to the folder, for fc.dll.
     void MapPath(const std::wstring &from, const std::wstring &folder);
 
-    /// Back to the real one; what was simulated is gone, its files too.
+    /// Back to the real one; everything simulated is gone, including its files.
     void End();
 
 private:
@@ -78,7 +78,7 @@ private:
     void PutUnderModule();
     void PutClock();
 
-    Simulator::Machine m_machine;  // the functions in m_parts look at it until they are gone
+    Simulator::Machine m_machine;  // used by the functions in m_parts until they are destroyed
     std::unique_ptr<Parts> m_parts;
     bool m_hasClock = false;
     bool m_hasMachine = false;

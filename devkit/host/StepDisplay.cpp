@@ -59,7 +59,7 @@ std::string StatusText(const DriverRun &run, double now, std::size_t width) {
 
 void StepDisplay::Begin(DriverRuns &runs) {
     if (IsTerminal()) {
-        // At once, so that what a script prints next finds an empty line.
+        // At once, so that the script's next output finds an empty line.
         runs.OnNews([this](const DriverNews &news) {
             if (news.what == DriverNews::What::RunEnds)
                 ShowNothing();

@@ -1,4 +1,4 @@
-// Shows the steps of an installation or a removal while it is under way.
+// Shows the steps of an installation or a removal while it runs.
 #pragma once
 
 #include <condition_variable>
@@ -8,22 +8,22 @@
 
 #include "DriverRuns.h"
 
-/// A line for what has happened.
+/// A line for an event.
 std::string NewsLine(const DriverNews &news);
 
-/// What is under way, in one line: how long it has taken, and the innermost step with its time and its limit.
+/// The current state in one line: how long the run has taken, and the innermost step with its time and its limit.
 /// @param now    seconds since 1970.
-/// @param width  the text is cut off behind so many characters.
+/// @param width  longer text is cut off.
 std::string StatusText(const DriverRun &run, double now, std::size_t width);
 
-/// On a terminal one line that changes in place, else a line for the beginning and the end of each step.
+/// On a terminal one line that changes in place, otherwise a line for the beginning and the end of each step.
 class StepDisplay {
 public:
     ~StepDisplay() { End(); }
 
     /// @param runs  outlives the display.
     void Begin(DriverRuns &runs);
-    /// Nothing is shown any more.
+    /// Shows nothing from now on.
     void End();
 
 private:
@@ -32,9 +32,9 @@ private:
     void ShowNothing();
 
     std::thread m_updater;
-    std::mutex m_lock;  ///< Of the end.
+    std::mutex m_lock;  ///< That it should end.
     std::condition_variable m_wake;
     bool m_ends = false;
-    /// A run that has ended is not shown again. A thread that is killed may keep this; nobody waits for ever.
+    /// A run that has ended is not shown again. A killed thread may keep this locked; nobody waits for ever.
     std::timed_mutex m_showing;
 };

@@ -6,7 +6,7 @@
 
 #include <wx/string.h>
 
-/// What is no UTF-8 becomes U+FFFD.
+/// Invalid UTF-8 becomes U+FFFD.
 std::wstring ToWide(std::string_view utf8);
 std::string ToUtf8(const std::wstring &wide);
 inline std::string ToUtf8(const wxString &text) {

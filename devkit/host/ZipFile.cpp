@@ -11,8 +11,8 @@
 namespace {
 
 /// Reads the open entry to its end.
-/// @param size  what the file says of it, which need not be true.
-/// @return true when it is whole and has that size.
+/// @param size  the claimed size, which may be wrong.
+/// @return whether it is complete and has that size.
 bool ReadEntry(wxZipInputStream &zip, wxFileOffset size, std::string &content) {
     if (size < 0)
         return false;
@@ -37,7 +37,7 @@ std::unique_ptr<ZipFile> ZipFile::Create(const std::wstring &path, std::string &
 }
 
 bool ZipFile::Close(std::string &error) {
-    const wxLogNull quiet;  // the caller tells of the failure
+    const wxLogNull quiet;  // the caller reports the failure
     const bool closed = m_zip.Close();
     if (!m_file->Close() || !closed) {
         error = "the zip could not be written completely";
@@ -47,7 +47,7 @@ bool ZipFile::Close(std::string &error) {
 }
 
 std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error) {
-    const wxLogNull quiet;  // the error tells of the failure
+    const wxLogNull quiet;  // the error reports the failure
     error = "cannot read " + path.utf8_string();
     wxFileInputStream file(path);
     if (!file.IsOk())

@@ -1,4 +1,4 @@
-// Diagnostic packages as files: one that is written, and what is in one.
+// Diagnostic packages as files: writing one, and reading one.
 #pragma once
 
 #include <memory>
@@ -12,17 +12,15 @@
 #include "Files.h"
 #include "vta_core_control.h"
 
-/// Takes its place when it is closed; unless it is, nothing of it is left.
+/// Replaces the file when it is closed; otherwise nothing of it is left.
 class ZipFile {
 public:
-    /// Makes the file, and missing folders above it.
-    /// @param error  says which file and why, when the result is null.
+    /// Creates the file, and missing folders above it. @param error  says which file and why, if the result is null.
     static std::unique_ptr<ZipFile> Create(const std::wstring &path, std::string &error);
 
     VtaCore::CZipOutputStream &Stream() { return m_zip; }
 
-    /// Ends the package.
-    /// @param error  says which file and why, when not all of it was written.
+    /// Finishes the package. @param error  says which file and why, if not all of it was written.
     [[nodiscard]] bool Close(std::string &error);
 
 private:
@@ -39,6 +37,5 @@ struct ZippedFile {
     std::string content;
 };
 
-/// The files in a package, in their order.
-/// @param error  says what can't be read, when nothing is returned.
+/// The files in a package, in order. @param error  says what can't be read, if nothing is returned.
 std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error);

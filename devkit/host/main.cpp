@@ -42,14 +42,14 @@ int Complain(const std::string &message) {
     return kCannotRun;
 }
 
-/// A failed assertion of wxWidgets is told here; by itself it would show a window.
+/// Reports a failed wxWidgets assertion here; by default it would open a window.
 void OnWxAssert(const wxString &file, int line, const wxString &function, const wxString &condition,
                 const wxString &message) {
     (void)Complain("wxWidgets: " + ToUtf8(file) + ":" + std::to_string(line) + ": " + ToUtf8(function) + ": " +
                    ToUtf8(condition) + ": " + ToUtf8(message));
 }
 
-/// UTF-8, and line ends as they are written.
+/// UTF-8, without conversion of line ends.
 void PrepareConsole() {
     (void)SetConsoleOutputCP(CP_UTF8);
     (void)SetConsoleCP(CP_UTF8);
@@ -78,7 +78,8 @@ bool WriteReport(const HostState &host) {
     return Succeeds(page && WriteWholeFile(host.options.reportFile, *page, error), error);
 }
 
-/// Before the script has run, so that a name that can't be written is no surprise afterwards. What is there stays.
+/// Before the script runs, so that a name that can't be written does not come as a surprise afterwards. An existing
+/// file is not changed.
 bool CanWriteOutputs(const HostState &host) {
     const Options &options = host.options;
     std::string error;
@@ -89,14 +90,14 @@ bool CanWriteOutputs(const HostState &host) {
            Succeeds(MakeReportPage(*host.history, host.runs.All(), {}, error).has_value(), error);
 }
 
-/// Whether all settings are in their file.
+/// Whether all settings were saved to their file.
 bool AreSettingsKept(const HostState &host) {
     const DWORD error = VtaCore::Control::SettingsError(*host.dom);
     return error == 0 ||
            Succeeds(false, "the settings are not kept: " + WriteFailure(host.options.settingsFile, error));
 }
 
-/// Packages that the script has left open. Those of a script that was interrupted are not whole.
+/// Packages that the script has left open. Those of an interrupted script are incomplete.
 bool CloseZips(HostState &host) {
     bool closed = true;
     if (!IsInterrupted()) {
@@ -109,7 +110,7 @@ bool CloseZips(HostState &host) {
     return closed;
 }
 
-/// Whether all that the script has printed is where it was to go, unless that is a pipe whose reader has enough.
+/// Whether everything that the script printed was written, unless that is a pipe whose reader has closed it.
 bool IsOutputWritten() {
     const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     return written || GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE ||
@@ -119,7 +120,7 @@ bool IsOutputWritten() {
 /// Held for good by the thread that ends the program.
 std::mutex g_ending;
 
-/// For a script that does not come back. Nothing that it may be using is touched.
+/// For a script that does not return. Does not touch anything that it may be using.
 void SaveForInterruption() {
     g_ending.lock();
     const HostState &host = TheHost();
@@ -136,7 +137,7 @@ void TellUnusedPlans(HostState &host) {
         (void)Complain(text);
 }
 
-/// What has to happen however the program ends: a script may call os.exit.
+/// What must happen however the program ends: a script may call os.exit.
 void EndHost() {
     g_ending.lock();
     wxLog::FlushActive();  // what other threads have logged
@@ -158,7 +159,7 @@ void EndHost() {
         _exit(kCannotRun);
 }
 
-/// Who installs and removes drivers is watched for the console and for the report.
+/// Installations and removals of drivers are watched for the console and for the report.
 void WatchRuns(HostState &host) {
     if (host.options.quiet && host.history == nullptr)
         return;
@@ -168,7 +169,7 @@ void WatchRuns(HostState &host) {
     VtaCore::Control::SetThreadListener(&host.runs);
 }
 
-/// @return false if the settings can't be kept.
+/// @return false if the settings can't be saved.
 bool StartHost(HostState &host) {
     host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
     if (!AreSettingsKept(host))
@@ -198,7 +199,7 @@ void SetArgumentTable(lua_State *L, const Script &script) {
     lua_setglobal(L, "arg");
 }
 
-/// Lua: takes the script as light userdata; makes all that a script finds.
+/// Lua: takes the script as light userdata; creates everything that a script finds.
 int OpenState(lua_State *L) {
     luaL_openlibs(L);
     OpenHostTable(L, TheHost());
@@ -263,7 +264,7 @@ int Run(const Options &options) {
         return Complain(error);
 
     wxSetAssertHandler(OnWxAssert);
-    if (!wxInitialize())  // not undone, for the same threads
+    if (!wxInitialize())  // never reset, because of the same threads
         return Complain("wxWidgets could not be initialised");
     HostState &host = TheHost();
     host.options = options;

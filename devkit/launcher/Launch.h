@@ -1,6 +1,5 @@
 // What fc-launch and the programs that it runs agree on.
 #pragma once
 
-/// The variable that holds the handle of an event, in hexadecimal digits: the program signals it when it ends by
-/// itself.
+/// The variable with the handle of an event, in hexadecimal digits: the program signals it when it ends by itself.
 inline constexpr wchar_t kEndEventVariable[] = L"FC_END_EVENT";

@@ -1,7 +1,7 @@
 // fc-launch [--seconds N] STATUS-FILE PROGRAM ARGS...: runs the program, and writes its exit status to the file: the
-// number, "killed" if it was ended from outside, or "late" if it was ended here after N seconds; "begun" until then, so
-// that an empty file tells that nothing of the program has run. Wine hands the status of a crashed program to its other
-// processes in each case, but to Unix only in most.
+// number, "killed" if it was ended from outside, or "late" if it was ended here after N seconds; until then "begun", so
+// that an empty file means that the program never ran. Wine always passes the status of a crashed program to its other
+// processes, but not always to Unix.
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -22,7 +22,7 @@ int Complain(const char *what) {
     return kCannotLaunch;
 }
 
-/// What follows the first argument of a command line, as it was written.
+/// What follows the first argument of a command line, unparsed.
 const wchar_t *AfterFirst(const wchar_t *commandLine) {
     bool quoted = false;
     for (; *commandLine != L'\0' && (quoted || *commandLine != L' '); ++commandLine)
@@ -34,14 +34,14 @@ const wchar_t *AfterFirst(const wchar_t *commandLine) {
 }
 
 /// Ctrl-C is for the program. When the console is closed, the system ends this process as soon as this returns, and
-/// with it the program, which still has something to write.
+/// with it the program, which may still have to save its results.
 BOOL WINAPI IgnoreControl(DWORD kind) {
     if (kind != CTRL_C_EVENT && kind != CTRL_BREAK_EVENT)
         Sleep(INFINITE);
     return TRUE;
 }
 
-/// @return an event whose handle the program finds in its environment; null on failure.
+/// @return an event whose handle is in the program's environment; null on failure.
 HANDLE MakeEndEvent() {
     SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
     const HANDLE event = CreateEventW(&inherited, TRUE, FALSE, nullptr);
@@ -51,7 +51,7 @@ HANDLE MakeEndEvent() {
     return event != nullptr && SetEnvironmentVariableW(kEndEventVariable, text.data()) != 0 ? event : nullptr;
 }
 
-/// Whoever ends the launcher ends the program; those that it has started live on.
+/// The program ends with the launcher; programs that it has started live on.
 bool TieToThis(HANDLE program) {
     const HANDLE job = CreateJobObjectW(nullptr, nullptr);  // closed by the end of this process
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
@@ -74,7 +74,7 @@ bool WriteStatus(const wchar_t *path, const std::string &status) {
     return std::fclose(file) == 0 && written;
 }
 
-/// @return how it ended; nothing if it can't be run.
+/// @return how it ended; empty if it can't be run.
 std::optional<Ending> Run(std::wstring commandLine, DWORD limitMs, const wchar_t *statusPath) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);

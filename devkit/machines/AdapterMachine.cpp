@@ -1,11 +1,9 @@
 #include "AdapterMachine.h"
 
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <mutex>
-#include <stdexcept>
 
+#include "DriverFile.h"
 #include "Failure.h"
 
 namespace {
@@ -17,19 +15,6 @@ std::string VersionText(const std::array<std::uint16_t, 4> &version) {
     for (const std::uint16_t component : version)
         text += (text.empty() ? "" : ".") + std::to_string(component);
     return text;
-}
-
-/// Where the version's four words begin in a program file.
-std::size_t FindVersion(const std::string &bytes) {
-    const std::u16string_view key = u"VS_VERSION_INFO";
-    std::string marker(reinterpret_cast<const char *>(key.data()), key.size() * sizeof(char16_t));
-    marker += std::string(4, '\0');
-    marker += "\xBD\x04\xEF\xFE";
-    marker += std::string("\x00\x00\x01\x00", 4);
-    const std::size_t found = bytes.find(marker);
-    if (found == bytes.npos)
-        throw std::runtime_error("the system's version.dll has no version");
-    return found + marker.size();
 }
 
 }  // namespace
@@ -129,16 +114,8 @@ void AdapterMachine::WriteDriverFiles() {
     lua_setglobal(lua, "ndis");
 }
 
-void AdapterMachine::WriteVersion(const path &file, const Version &version) {
-    std::ifstream sample("C:\\windows\\system32\\version.dll", std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(sample), {}};
-    const Version stored{version[1], version[0], version[3], version[2]};  // the lower word of each pair first
-    std::memcpy(bytes.data() + FindVersion(bytes), stored.data(), sizeof(stored));
-    std::ofstream(file, std::ios::binary) << bytes;
-}
-
 void AdapterMachine::SetOurVersion(const Version &version) {
-    WriteVersion(NdisFolder() / L"qbimvta.sys", version);
+    Simulator::WriteDriverFile(NdisFolder() / L"qbimvta.sys", version);
 }
 
 void AdapterMachine::SetRunningVersion(const std::optional<Version> &version) {
@@ -155,7 +132,7 @@ void AdapterMachine::InstallOldDriver(const Version &version) {
     simulation().GetServices().Put(L"qbimwfp", {.status = {SERVICE_RUNNING}});
     PutInf(L"oem1.inf", InfNaming("qbimvta", 10));
     PutInf(L"oem2.inf", InfNaming("qbimwfp", 10));
-    WriteVersion(simulation().GetFolders().System32() / L"drivers" / L"qbimvta.sys", version);
+    Simulator::WriteDriverFile(simulation().GetFolders().System32() / L"drivers" / L"qbimvta.sys", version);
     SetRunningVersion(version);
 }
 

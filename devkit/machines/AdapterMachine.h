@@ -12,11 +12,11 @@
 #include "DriverMachine.h"
 #include "vti_control.h"
 
-/// The threads of an installation as fault plans number them, which are made on the script's thread.
+/// The threads of an installation as fault plans number them, created on the script's thread.
 inline constexpr unsigned kWatchdogThread = 1;
 inline constexpr unsigned kWorkerThread = 2;
 
-/// What one call of SLB.filter.InstallOrUpdateDriver did.
+/// The result of one call of SLB.filter.InstallOrUpdateDriver.
 struct InstallOutcome : Removal {
     std::vector<std::string> traces;  ///< Of the component NDIS.
 
@@ -26,7 +26,7 @@ struct InstallOutcome : Removal {
 };
 
 /// Two connected adapters with addresses, bound to TCP/IP; no driver at first. Our copy has version 2.0.0.0. Installing
-/// the filter loads it in our version, removing it unloads it.
+/// the filter loads the driver in our version, removing it unloads the driver.
 class AdapterMachine : protected DriverMachine {
 protected:
     using Version = std::array<std::uint16_t, 4>;
@@ -34,24 +34,22 @@ protected:
     AdapterMachine();
     ~AdapterMachine();
 
-    /// Both drivers are there and run, the filter is bound to both adapters.
+    /// Installs both drivers, running, and binds the filter to both adapters.
     void InstallOldDriver(const Version &version);
-    /// Writes a file with that version.
-    static void WriteVersion(const std::filesystem::path &file, const Version &version);
     void SetOurVersion(const Version &version);
-    /// The version of the driver that runs; none: it can't be opened.
+    /// The version of the running driver; none: it can't be opened.
     void SetRunningVersion(const std::optional<Version> &version);
-    /// The version that is loaded by an Install of the filter; nothing changes for none.
+    /// The version that an Install of the filter loads; none: no change.
     void SetVersionAfterInstall(const std::optional<Version> &version) { m_loadedByInstall = version; }
 
     /// Calls SLB.filter.InstallOrUpdateDriver, and waits for its threads to end.
     InstallOutcome Install();
     /// The same while `meanwhile` runs on another thread.
-    /// @param objectsThatStay  for good, of the agent's library.
+    /// @param objectsThatStay  how many of the agent library's objects stay for good.
     InstallOutcome InstallWhile(const std::function<void()> &meanwhile, int objectsThatStay = 0);
 
-    /// Waits until the threads of an installation have ended, and no more than so many objects of the agent's library
-    /// are left.
+    /// Waits until the threads of an installation have ended, and at most so many of the agent library's objects are
+    /// left.
     void AwaitThreads(int objects);
 
     [[nodiscard]] std::filesystem::path NdisFolder();
@@ -63,7 +61,7 @@ protected:
     static constexpr wchar_t kSecond[] = L"PCI\\VEN_10EC&DEV_8168\\2";
     static constexpr Version kOurVersion{2, 0, 0, 0};
 
-    /// Is told of each moment of the network, on the thread where it happens.
+    /// Called for each moment of the network, on its thread.
     std::function<void(const Simulator::NetworkMoment &)> onMoment;
 
 private:

@@ -1,4 +1,4 @@
-// fc.dll as the agent has it: loaded from the folder of the program, opened by Lua states.
+// fc.dll as the agent loads it: from the program's folder, opened by Lua states.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 #include <lua.hpp>
 #include <windows.h>
 
-/// Unloads the module for good, the reference that it holds on itself included; its next user has it fresh.
+/// Unloads the module completely, including the reference that it holds to itself; the next user loads it fresh.
 void UnloadFc();
 
 /// The module, freshly loaded: its objects are as at the start of a process. One at a time.
@@ -38,9 +38,9 @@ public:
 
     /// Runs the code; an error is a failure (Failure.h).
     void Run(const std::string &code);
-    /// Runs the code, and yields the message of the error that it raises, "" when it raises none.
+    /// Runs the code, and returns the message of the error that it raises, "" if it raises none.
     std::string ErrorOf(const std::string &code);
-    /// What tostring makes of an expression.
+    /// The result of tostring for an expression.
     std::string Eval(const std::string &expression);
 
 private:

@@ -15,7 +15,7 @@ struct LogLine {
     bool operator==(const LogLine &) const = default;
 };
 
-/// The active log target while it lives. Lines are collected on the thread that made it, and on others when wxLog
+/// The active log target while it exists. Lines are collected on the thread that created it, and on others when wxLog
 /// flushes them.
 class LogCollector : public wxLog {
 public:
@@ -46,5 +46,5 @@ struct TracedLine {
 
 /// What was traced since the last call.
 std::vector<TracedLine> TakeTracedLines();
-/// The messages alone, of one component or, for an empty name, of all; the others are lost.
+/// Only the messages, of one component or, for an empty name, of all; discards the others.
 std::vector<std::string> TakeTracedMessages(const std::string &component = "");

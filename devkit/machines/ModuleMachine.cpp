@@ -5,11 +5,11 @@
 
 ModuleMachine::ModuleMachine(const Simulator::SimulationParts &parts) : m_simulation(parts) {
     m_simulation.GetClock().Step();
-    // The libraries that the module shares the heap with come before it, whether the program uses them or not.
+    // Libraries that share the heap with the module come before it, whether the program uses them or not.
     for (const wchar_t *name : {L"" FC_WX_DLL, L"libstdc++-6.dll", L"lua52.dll", L"SLB3.dll"})
         Watch(LoadLibraryW(name));
     Watch(GetModuleHandleW(nullptr));
-    // Of the system's they stay loaded: with each module anew they take longer than the module.
+    // These system libraries stay loaded: loading them again takes longer than loading the module.
     for (const wchar_t *name : {L"dbghelp.dll", L"iphlpapi.dll", L"pdh.dll", L"setupapi.dll"})
         (void)LoadLibraryW(name);
     m_simulation.AttachWhenLoaded(L"fc.dll");

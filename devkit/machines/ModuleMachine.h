@@ -1,5 +1,5 @@
-// A fresh module in a Lua state, under a clock that stands still until somebody moves it, with all that it makes
-// counted.
+// A fresh module in a Lua state, with a clock that stands still until it is moved, and with everything counted that the
+// module creates.
 #pragma once
 
 #include <cstdint>
@@ -16,12 +16,12 @@ protected:
     ModuleMachine(const ModuleMachine &) = delete;
     ModuleMachine &operator=(const ModuleMachine &) = delete;
 
-    /// Forward, or backward for a negative number: the wall clock alone moves backwards.
+    /// Forward, or backward for a negative number: only the wall clock moves backwards.
     void AdvanceSeconds(std::int64_t seconds);
     /// @param seconds  since 1970.
     void SetTime(std::int64_t seconds);
     [[nodiscard]] std::int64_t Time();
-    /// The module anew, as after a restart of the process, opened in the same Lua state.
+    /// Reloads the module, as after a restart of the process, and opens it in the same Lua state.
     void Reload();
     /// Opens the module in another state.
     void Open(lua_State *state);
@@ -36,5 +36,5 @@ private:
     std::unique_ptr<FcModule> m_module;
 
 protected:
-    LuaState lua;  ///< Closed before the module goes.
+    LuaState lua;  ///< Closed before the module is unloaded.
 };

@@ -1,14 +1,14 @@
-// Waiting in real time for what other threads do.
+// Real-time waits for what other threads do.
 #pragma once
 
 #include <chrono>
 
 #include "CallScope.h"
 
-/// Whoever waits longer, in real milliseconds, fails the test. It is long enough for a machine that is busy otherwise.
+/// A longer wait, in real milliseconds, fails the test. Long enough for a busy machine.
 inline constexpr DWORD kPatienceMs = 60'000;
 
-/// Asks again every millisecond.
+/// Polls every millisecond.
 template <class Condition>
 bool Await(DWORD realMs, Condition condition) {
     const Simulator::InsideSimulator inside;

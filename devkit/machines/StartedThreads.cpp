@@ -11,7 +11,7 @@ using Simulator::LockGuard;
 
 namespace {
 
-/// Between two looks of a watcher at a thread without a step.
+/// Between two polls of a thread without a step by its watcher.
 constexpr DWORD kPollMs = 100;
 /// Real milliseconds; a thread that takes longer is not about to end.
 constexpr DWORD kLastInstructionsMs = 10'000;
@@ -42,7 +42,7 @@ public:
         m_threads.push_back(started);
     }
 
-    /// @return the thread that the calling thread has started last, if this is not its first sleep since; otherwise 0.
+    /// @return the thread that the calling thread started last, if this is not its first sleep since; otherwise 0.
     DWORD SleepsFor() {
         const LockGuard guard(m_lock);
         const auto last = std::find_if(m_threads.rbegin(), m_threads.rend(),
@@ -113,7 +113,7 @@ StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(st
             if (thread == 0 || faults.Hangs(thread))
                 next(ms);
             else
-                Sleep(1);  // not to its end, for which it may need a lock that the sleeper holds
+                Sleep(1);  // not until its end, for which it may need a lock that the sleeper holds
         },
         Simulator::Depth::Watch);
 }

@@ -1,5 +1,5 @@
-// The threads that the module starts. How far the last instructions of one have come when others ask for it depends on
-// the system's load, and must not make a difference in a test: they take no time.
+// The threads that the module starts. Whether the last instructions of a thread have run when others check it depends
+// on the system's load, and must not affect a test: they take no time.
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,10 @@
 
 #include "Simulation.h"
 
-/// While it lives:
-/// - a thread that is asked whether it still runs has ended if only its last instructions are left.
-/// - the sleeps of 100 ms in which a thread waits for those of one that it has started move no clock: all but the
-/// first. A thread that hangs by a fault plan is another matter.
+/// While it exists:
+/// - a thread whose state is queried has ended if only its last instructions are left.
+/// - the 100 ms sleeps in which a thread waits for those of one that it has started do not move the clock, except the
+/// first. A thread that hangs by a fault plan is excluded.
 class StartedThreads {
 public:
     explicit StartedThreads(Simulator::Simulation &simulation);
@@ -18,9 +18,9 @@ public:
     StartedThreads(const StartedThreads &) = delete;
     StartedThreads &operator=(const StartedThreads &) = delete;
 
-    /// Until all have really ended: a detached thread still gives back its own when the object that it ran is gone.
-    /// @param living  so many may live on.
-    /// @return false if one has not within so many real milliseconds.
+    /// Waits until all have really ended: a detached thread still releases its own resources when its object is gone.
+    /// @param living  how many may live on.
+    /// @return false if one has not ended within so many real milliseconds.
     [[nodiscard]] bool AwaitEnds(DWORD realMs, std::ptrdiff_t living = 0);
 
 private:

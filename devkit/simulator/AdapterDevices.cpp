@@ -31,7 +31,7 @@ namespace {
 
 constexpr std::wstring_view kPrefix = L"\\\\.\\";
 
-/// Never the same twice, and never one of the system's, whose low bits are clear.
+/// Never reused, and different from the system's handles, whose low bits are clear.
 HANDLE NewDeviceHandle() {
     static std::atomic<std::uintptr_t> last{0x4E440001};
     return reinterpret_cast<HANDLE>(last += 4);
@@ -77,8 +77,7 @@ class AdapterDevices {
 public:
     explicit AdapterDevices(std::shared_ptr<NetworkConfiguration> network) : m_network(std::move(network)) {}
 
-    /// @return nothing if the path is not that of an adapter; INVALID_HANDLE_VALUE, with the last error, if it can't
-    ///         be opened.
+    /// @return empty if the path is not an adapter's; INVALID_HANDLE_VALUE, with the last error, if it can't be opened.
     std::optional<HANDLE> Open(const wchar_t *path) {
         if (path == nullptr || !std::wstring_view(path).starts_with(kPrefix))
             return std::nullopt;
@@ -108,7 +107,7 @@ public:
         const LockGuard guard(m_lock);
         return m_open.count(handle) != 0;
     }
-    /// @return false if it is none of these.
+    /// @return false if the handle is not one of these.
     bool Close(HANDLE handle) {
         const LockGuard guard(m_lock);
         return m_open.erase(handle) != 0;

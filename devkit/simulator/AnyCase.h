@@ -1,4 +1,4 @@
-// Compares names as the system does, which knows no case.
+// Compares names case-insensitively, as the system does.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace Simulator {
 
-/// Whether they differ for sure, which names mostly do at their ends.
+/// Whether they certainly differ, which most names do at their ends.
 [[nodiscard]] inline bool DifferInPlainLetters(const std::wstring &a, const std::wstring &b) {
     constexpr wchar_t plain = 0x80;
     constexpr wchar_t caseBit = 0x20;
@@ -22,14 +22,14 @@ namespace Simulator {
     return !DifferInPlainLetters(a, b) && CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
 }
 
-/// The order of a map whose keys know no case.
+/// A case-insensitive map order.
 struct LessInAnyCase {
     bool operator()(const std::wstring &a, const std::wstring &b) const {
         return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_LESS_THAN;
     }
 };
 
-/// A character of a path, as paths are compared: slashes count as backslashes.
+/// A character of a path for comparisons: slashes count as backslashes.
 [[nodiscard]] inline wchar_t PathCharacter(wchar_t c) {
     return c == L'/' ? L'\\' : static_cast<wchar_t>(std::towlower(c));
 }

@@ -1,4 +1,4 @@
-// Simulated COM objects whose interface is a dual one: what they share of IDispatch, and their texts.
+// Simulated COM objects with a dual interface: their common implementation of IDispatch, and their texts.
 #pragma once
 
 #include <memory>
@@ -17,11 +17,11 @@ namespace Kind {
 inline constexpr char kBstr[] = "BSTR";
 }
 
-/// A text for the caller to free by SysFreeString; counted as BSTR.
-/// @param function  what hands it out; stays valid for the life of the process.
+/// A text for the caller to free with SysFreeString; counted as BSTR.
+/// @param function  what returns it; stays valid for the life of the process.
 [[nodiscard]] BSTR MakeBstr(const std::wstring &text, const char *function);
 
-/// Has a vtable alone: the methods of IDispatch answer E_NOTIMPL.
+/// Only a vtable: the methods of IDispatch return E_NOTIMPL.
 template <class Interface>
 class AutomationObject : public ComObject<Interface> {
 public:
@@ -50,7 +50,7 @@ protected:
                      const typename ComObject<Interface>::Names &names)
         : ComObject<Interface>(std::move(core), names), m_interfaceName(interfaceName) {}
 
-    /// Calls a method that is not simulated. Interfaces that it is to give are nulled.
+    /// Calls a method that is not simulated. Its interface outputs are set to null.
     template <class... Args>
     HRESULT NotThere(const char *method, Args... arguments) {
         const InsideSimulator inside;

@@ -14,7 +14,7 @@ bool EarlierMade(const BalanceItem &a, const BalanceItem &b) {
     return a.sequence < b.sequence;
 }
 
-/// Of items sorted by sequence: those that are in `these` alone.
+/// Of items sorted by sequence: those that are only in `these`.
 std::vector<BalanceItem> Without(const std::vector<BalanceItem> &these, const std::vector<BalanceItem> &others) {
     const InsideSimulator inside;
     std::vector<BalanceItem> rest;
@@ -211,7 +211,7 @@ void Balance::Restore(void *block, const Block &known) {
 
 void Balance::InsertLocked(void *block, const Block &known) {
     const auto stale = m_blocks.find(block);
-    if (stale != m_blocks.end())  // freed by a module that is not watched
+    if (stale != m_blocks.end())  // freed by an unwatched module
         ForgetLocked(stale);
     m_blocks.emplace(block, known);
     m_bytes += known.size;

@@ -1,4 +1,4 @@
-// What watched modules have made and not given back: the kinds below, and those of the models.
+// What watched modules have created and not released: the kinds below, and those of the models.
 #pragma once
 
 #include <algorithm>
@@ -24,7 +24,7 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// The kinds that the balance knows by itself. A model may count others under names of its own.
+/// The kinds that the balance counts itself. A model may count others under its own names.
 namespace Kind {
 inline constexpr char kBlock[] = "block";
 inline constexpr char kHandle[] = "handle";
@@ -39,13 +39,13 @@ inline constexpr char kSid[] = "sid";
 inline constexpr char kLocalMemory[] = "local memory";
 }  // namespace Kind
 
-/// One thing that is there.
+/// One existing resource.
 struct BalanceItem {
     const char *kind = "";
     std::uintptr_t value = 0;    ///< The address, handle or key.
     std::size_t size = 0;        ///< Bytes, of a block.
-    std::uint64_t sequence = 0;  ///< Its number among all that were made.
-    const char *function = "";   ///< What made it.
+    std::uint64_t sequence = 0;  ///< Its number among all that were created.
+    const char *function = "";   ///< The function that created it.
     const void *caller = nullptr;
     DWORD thread = 0;
 };
@@ -54,8 +54,8 @@ struct BalanceSnapshot {
     std::size_t blocks = 0;
     std::size_t bytes = 0;
     std::size_t peakBytes = 0;       ///< The most since recording began, or since ResetPeak.
-    std::uint64_t sequence = 0;      ///< That of the next thing made.
-    std::vector<BalanceItem> items;  ///< All that is there, by sequence; blocks are among them.
+    std::uint64_t sequence = 0;      ///< That of the next resource.
+    std::vector<BalanceItem> items;  ///< All existing resources by sequence, including blocks.
 
     [[nodiscard]] std::size_t Count(std::string_view kind) const;
 };
@@ -76,49 +76,47 @@ private:
 };
 using AllocationFaultHandle = std::shared_ptr<AllocationFault>;
 
-/// There is one, since the replacements of malloc and free know no object; it lasts as long as the process.
-/// Counted is what modules do that the functions of InstallBalance are attached to, and no more: a block that
-/// a watched module frees but that was made elsewhere goes to the real function. All that allocate for one another
-/// should be watched: the module under test, the libraries it shares the C runtime with, the program itself.
-/// Any thread.
+/// There is one, since the replacements of malloc and free have no object; it lasts as long as the process. It counts
+/// only what modules do that the functions of InstallBalance are attached to: a block that a watched module frees but
+/// that was allocated elsewhere goes to the real function. Watch all modules that allocate for one another: the module
+/// under test, the libraries that share the C runtime with it, the program itself. Any thread.
 class Balance {
 public:
     [[nodiscard]] static Balance &Instance();
 
-    /// Forgets everything but guarded blocks, and records from now on.
+    /// Forgets everything except guarded blocks, and records from now on.
     void Start();
-    /// Records nothing new. What is guarded can still be freed.
+    /// Stops recording. Guarded blocks can still be freed.
     void Stop();
 
     [[nodiscard]] BalanceSnapshot Take() const;
     void ResetPeak();
-    /// What was made after `before` and is there in `after`.
+    /// What was created after `before` and exists in `after`.
     [[nodiscard]] static std::vector<BalanceItem> Left(const BalanceSnapshot &before, const BalanceSnapshot &after);
-    /// A line for each thing that is left, and for each that was there before and has gone; empty if neither.
+    /// A line for each resource that is left, and for each earlier one that was released; empty if neither.
     [[nodiscard]] std::string Difference(const BalanceSnapshot &before, const BalanceSnapshot &after) const;
 
-    /// Makes the n-th allocation from now on fail, n from 1: null, errno ENOMEM, or std::bad_alloc of an operator new.
-    /// @param module  counts only those that this watched module asks for itself, by the C runtime or (MinGW)
-    ///                operator new; null for all.
+    /// Makes the n-th allocation from now on fail, n from 1: null, errno ENOMEM, or std::bad_alloc from operator new.
+    /// @param module  counts only those that this watched module itself requests, from the C runtime or (MinGW)
+    ///   operator new; null for all.
     /// @param thread  counts only those of this thread; 0 for all.
-    /// @param newToo  counts those by operators new, too.
+    /// @param newToo  counts those by operator new, too.
     AllocationFaultHandle FailAllocation(unsigned nth, HMODULE module = nullptr, DWORD thread = 0, bool newToo = true);
     void CancelAllocationFaults();
 
-    /// Puts new blocks of the C runtime's heap on the guarded heap.
+    /// Allocates new blocks of the C runtime's heap on the guarded heap.
     void Guard(const GuardedHeap::Options &options);
-    /// Puts new blocks where they belong. Those that are guarded stay so until they are freed.
+    /// Allocates new blocks normally again. Guarded ones stay guarded until they are freed.
     void StopGuarding();
     [[nodiscard]] std::size_t GuardedBlocks() const;
 
-    /// For models: counts a thing that a call has made, or given back.
-    /// @param kind      and
-    /// @param function  stay valid for the life of the process.
+    /// For models: counts a resource that a call has created, or released.
+    /// @param kind      and @param function  stay valid for the life of the process.
     void Opened(const char *kind, std::uintptr_t value, const char *function);
-    /// @return false if it is not known.
+    /// @return false if it is unknown.
     bool Closed(const char *kind, std::uintptr_t value);
 
-    /// Names the module in differences also after it was unloaded.
+    /// Names the module in differences even after it was unloaded.
     void Remember(HMODULE module);
 
     // For the replacements of the memory functions.
@@ -130,7 +128,7 @@ public:
         std::size_t alignment = 0;  ///< 0 for that of malloc.
         bool guardable = true;
     };
-    /// @param real  makes the block on the real heap.
+    /// @param real  allocates the block on the real heap.
     template <class Real>
     void *Allocate(const Request &request, Real real) {
         if (!m_recording || InsideSimulator::Here())
@@ -143,7 +141,7 @@ public:
             Record(block, request, guarded);
         return block;
     }
-    /// @param real  frees a block that is not guarded.
+    /// @param real  frees an unguarded block.
     template <class Real>
     void Free(void *block, Real real) {
         Block known;
@@ -152,8 +150,7 @@ public:
         else
             real(block);
     }
-    /// @param real  changes the size of a block that is not guarded, and
-    /// @param make  makes one, both on the real heap.
+    /// @param real  changes the size of an unguarded block, and @param make  allocates one, both on the real heap.
     /// @param end   frees one there.
     template <class Real, class Make, class End>
     void *Reallocate(void *block, const Request &request, Real real, Make make, End end) {
@@ -219,7 +216,7 @@ private:
         return moved;
     }
 
-    /// Taken whenever something is freed: whoever holds it must not free anything but from the private heap.
+    /// Taken whenever something is freed: its holder must not free anything except from the private heap.
     mutable Lock m_lock;
     std::atomic<bool> m_recording{false};
     std::atomic<bool> m_guarding{false};

@@ -1,4 +1,4 @@
-// Tells the simulator's own calls from those of the program that is being watched.
+// Distinguishes the simulator's own calls from those of the watched program.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 namespace Simulator {
 
-/// While one is alive, calls of its thread reach the real functions: they are neither recorded nor counted,
-/// nor do they fail by plan. The simulator's own code is linked into the host and the tests, whose import
-/// tables are redirected as others are. May be nested. Keeps the last error.
+/// While one exists, calls of its thread reach the real functions: they are not recorded, counted, or made to fail. The
+/// simulator's own code is linked into the host and the tests, whose import tables are redirected like others. Can be
+/// nested. Keeps the last error.
 class InsideSimulator {
 public:
     InsideSimulator();
@@ -21,7 +21,7 @@ public:
     [[nodiscard]] static bool Here();
 };
 
-/// The way back out, for calling real functions or callbacks that lead to watched code.
+/// Leaves the simulator again, to call real functions or callbacks that lead to watched code.
 class OutsideSimulator {
 public:
     OutsideSimulator();
@@ -33,7 +33,7 @@ private:
     std::uintptr_t m_depth;
 };
 
-/// One word per thread. `thread_local` of MinGW allocates on first use, through libgcc's import table.
+/// One word per thread. MinGW's `thread_local` allocates on first use, through libgcc's import table.
 class ThreadWord {
 public:
     ThreadWord() : m_index(TlsAlloc()) {}

@@ -14,7 +14,7 @@ using std::chrono::seconds;
 
 /// Between 1601 and 1970.
 constexpr Interval kUnixEpoch = seconds(11'644'473'600);
-/// A waiting thread looks at the clock so often, since mode and time may be changed meanwhile.
+/// A waiting thread polls the clock this often, since mode and time may change meanwhile.
 constexpr DWORD kLongestSliceMs = 50;
 constexpr DWORD kSteppedSliceMs = 1;
 /// How long the system has been running when threads take turns.

@@ -19,14 +19,14 @@ namespace Simulator {
 class FunctionSet;
 struct Core;
 
-/// Starts at the real time and speed. Redirected are the ticks, the performance counter, the readings of
-/// the wall clock, the sleeps, and the waits with a timeout (see InstallClock). Any thread.
+/// Starts with the real time and speed. It replaces the ticks, the performance counter, the wall clock, the sleeps, and
+/// the waits with a timeout (see InstallClock). Any thread.
 class Clock {
 public:
     /// What makes a stepped clock advance by itself.
     enum class AutoAdvance {
-        None,            ///< Advance alone.
-        Sleeps,          ///< A sleep puts the clock forward to its end, and returns at once.
+        None,            ///< Only Advance.
+        Sleeps,          ///< A sleep advances the clock to its end, and returns at once.
         SleepsAndWaits,  ///< So does a wait with a timeout whose handles stay unsignalled for kGraceMs.
     };
     static constexpr DWORD kGraceMs = 20;
@@ -34,33 +34,33 @@ public:
 
     Clock();
 
-    /// Time runs so many times faster than in reality, from 1; sleeps and timeouts take as much less.
+    /// Time runs so many times faster than real time, from 1; sleeps and timeouts are shortened accordingly.
     void RunFast(unsigned factor);
     /// Time stands still until it is advanced.
     void Step(AutoAdvance autoAdvance = AutoAdvance::None);
-    /// Time stands still until it is advanced, or until all threads that take part in turns wait; it is the same in
+    /// Time stands still until it is advanced, or until all threads that take turns wait; it is the same in
     /// each run. The calling thread takes part, and so do those that it makes: see Turns and InstallTurns.
-    /// @param unixSeconds  what the wall clock shows at first.
+    /// @param unixSeconds  the initial time of day.
     void TakeTurns(std::int64_t unixSeconds);
     [[nodiscard]] Turns &GetTurns() { return m_turns; }
-    /// Puts time forward, in any mode. Those whose time has come wake up within some real milliseconds.
+    /// Advances time, in any mode. Threads whose wait is over wake up within some real milliseconds.
     void Advance(Interval by);
 
-    /// The thread follows what others do, and asks again and again: its sleeps don't put a stepped clock forward. They
-    /// end when their time has come, or after kFollowerMs of real time.
-    /// @param threadId  0 for none, as at first.
+    /// The thread follows what others do by polling: its sleeps don't advance a stepped clock. They end at their time,
+    /// or after kFollowerMs of real time.
+    /// @param threadId  0 for none, the default.
     void SetFollower(DWORD threadId);
-    /// Puts time forward if the follower sleeps, or if there is none: so it does not move between two readings of the
-    /// follower's.
+    /// Advances time if the follower sleeps, or if there is none: so it does not change between two of the follower's
+    /// readings.
     /// @return whether it did.
     [[nodiscard]] bool AdvanceIfFollowerSleeps(Interval by);
 
-    /// Sets the wall clock, also backwards; ticks and waits do not notice.
+    /// Sets the wall clock, even backwards; ticks and waits are not affected.
     /// @param fileTime  100 ns units since 1601, UTC.
     void SetWallClock(std::uint64_t fileTime);
     /// @param seconds  since 1970, UTC.
     void SetWallClockUnix(std::int64_t seconds);
-    /// Sets what GetTickCount64 answers; GetTickCount is its lower half.
+    /// Sets the result of GetTickCount64; GetTickCount returns its lower half.
     void SetTick(std::uint64_t milliseconds);
 
     [[nodiscard]] std::uint64_t TickMs() const;
@@ -72,24 +72,24 @@ public:
     void SleepFor(DWORD milliseconds);
 
     enum class Purpose { Sleep, Wait };
-    /// Waits as the mode has it.
-    /// @param timeoutMs  simulated milliseconds. 0 and INFINITE are handed to `real` as they are.
+    /// Waits according to the mode.
+    /// @param timeoutMs  simulated milliseconds. 0 and INFINITE are passed to `real` unchanged.
     /// @param real       waits for some real milliseconds; WAIT_TIMEOUT if nothing else ended the wait.
     DWORD Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
 
-    /// Is told once, when a wait on a fast clock has ended so late that the program must take the delay for one of its
-    /// own: the real machine is too slow for that speed.
-    /// @param tell  of the delay in simulated time; any thread. Set before anybody waits.
+    /// Is called once, when a wait on a fast clock has ended so late that the program must take the delay for one of
+    /// its own: the real machine is too slow for that speed.
+    /// @param tell  gets the delay in simulated time; any thread. Set before anybody waits.
     void OnLate(std::function<void(Interval)> tell) { m_tellLate = std::move(tell); }
     static constexpr Interval kTooLate = std::chrono::seconds(10);
 
-    /// Number of living threads that wait for a time to come.
+    /// Number of living threads in a timed wait.
     [[nodiscard]] std::size_t Waiting() const;
-    /// Until at least so many do, so that a test knows whom it advances for.
-    /// @return false if it took longer than so many real milliseconds.
+    /// Waits until there are at least so many, so that a test knows for whom it advances the clock.
+    /// @return false after so many real milliseconds.
     [[nodiscard]] bool AwaitWaiting(std::size_t threads, DWORD realTimeoutMs) const;
 
-    /// Ends all waits, as if their time had come. For the end of a simulation.
+    /// Ends all waits, as if they had timed out. For the end of a simulation.
     void End();
 
 private:
@@ -97,8 +97,7 @@ private:
         DWORD realMs;
         bool last;
     };
-    /// Copied out before anything is done with it: the lock is held for no longer than that, since a thread
-    /// that waits may be ended from outside.
+    /// Copied before it is used: the lock is held only for the copy, since a waiting thread may be killed.
     struct State {
         unsigned factor = 1;  ///< 0 when stepped.
         AutoAdvance autoAdvance = AutoAdvance::None;

@@ -14,7 +14,7 @@ namespace Simulator {
 
 namespace {
 
-/// Asked of the system, since it forgets a thread that is killed.
+/// Asked of the system, since it forgets a killed thread.
 bool ThreadHasModel() {
     const InsideSimulator inside;
     APTTYPE type{};

@@ -1,4 +1,4 @@
-// COM as the simulated machine offers it: the threads' models, and the classes that are simulated.
+// COM on the simulated machine: the models of the threads, and the simulated classes.
 #pragma once
 
 #include <atomic>
@@ -16,30 +16,28 @@ inline constexpr char kComInitialisation[] = "COM initialisation";  ///< Its val
 }
 
 struct ComLibrary {
-    /// Threads come with a single-threaded apartment that somebody else has made: CoInitializeEx answers
-    /// RPC_E_CHANGED_MODE to the multithreaded model, and S_FALSE to the other.
+    /// Threads already have a single-threaded apartment, made by other code: CoInitializeEx returns RPC_E_CHANGED_MODE
+    /// for the multithreaded model, and S_FALSE for the other.
     std::atomic<bool> threadsHaveApartments{false};
 
-    /// Whether the calling thread has a model. What another thread has made does not count for it.
+    /// Whether the calling thread has a model. What another thread has initialised does not count.
     [[nodiscard]] bool IsInitialised() const;
 };
 
-/// Puts these functions in journal and faults:
-/// - CoInitializeEx and CoUninitialize, which do the real thing but for what ComLibrary says. Each success counts
-///   until it is given back.
-/// - CoCreateInstance, which does the real thing for the classes that are not put under it. A planned failure leaves
-///   its result alone.
-/// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, as does that which simulated objects hand out.
+/// Adds these functions to journal and faults:
+/// - CoInitializeEx and CoUninitialize, which are real except for what ComLibrary says. Each success counts until it is
+///   undone.
+/// - CoCreateInstance, which is real for classes that are not simulated. A planned failure does not change its output.
+/// - CoTaskMemAlloc and CoTaskMemFree, whose memory counts, like that which simulated objects return.
 /// - SysAllocString and SysFreeString, whose texts count in the same way, and SysStringLen.
 /// @param library  outlives the set.
 void InstallCom(FunctionSet &functions, ComLibrary &library);
 
-/// Makes an object, and gives the interface that is asked for with a reference.
-/// @param function  the call that gives it.
+/// Creates an object, and returns the requested interface with a reference. @param function  the call that returns it.
 using ComFactory = std::function<HRESULT(REFIID iid, const char *function, void **object)>;
 
-/// Simulates a class that lives in the process. CoCreateInstance fails for it with CO_E_NOTINITIALIZED in a thread
-/// without a model, with CLASS_E_NOAGGREGATION, and with REGDB_E_CLASSNOTREG if it is wanted elsewhere.
+/// Simulates an in-process class. CoCreateInstance fails for it with CO_E_NOTINITIALIZED in a thread without a model,
+/// with CLASS_E_NOAGGREGATION, and with REGDB_E_CLASSNOTREG if another context is requested.
 void PutComClass(FunctionSet &functions, const ComLibrary &library, const CLSID &id, ComFactory factory);
 
 }  // namespace Simulator

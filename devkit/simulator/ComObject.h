@@ -1,4 +1,4 @@
-// Simulated COM objects: their references, and the common way of their methods through journal and faults.
+// Simulated COM objects: their references, and the passage of their methods through journal and faults.
 #pragma once
 
 #include <cstdint>
@@ -21,20 +21,20 @@ inline constexpr char kComReference[] = "COM reference";  ///< One item per refe
 inline constexpr char kComMemory[] = "COM memory";
 }  // namespace Kind
 
-/// A text for the caller to free by CoTaskMemFree; counted as COM memory.
-/// @param function  what hands it out; stays valid for the life of the process.
+/// A text for the caller to free with CoTaskMemFree; counted as COM memory.
+/// @param function  what returns it; stays valid for the life of the process.
 [[nodiscard]] wchar_t *MakeComText(const std::wstring &text, const char *function);
 
-/// COM nulls the pointers that a method is to give before anything can fail.
+/// COM sets output pointers to null before anything can fail.
 template <class T>
 void ClearResult(T **result) {
     if (result != nullptr)
         *result = nullptr;
 }
 
-/// An object with one interface beside IUnknown. References that the program holds are counted one by one, also in
-/// the balance, under the call that gave them; the simulator itself holds it by shared_ptr, uncounted. Its memory is
-/// in no balance. It may outlive the simulation: its methods then answer RPC_E_DISCONNECTED. Any thread.
+/// An object with one interface besides IUnknown. The program's references are counted one by one, also in the balance,
+/// under the call that returned them; the simulator itself holds it by shared_ptr, uncounted. Its memory is not in the
+/// balance. It may outlive the simulation: its methods then return RPC_E_DISCONNECTED. Any thread.
 template <class Interface>
 class ComObject : public Interface, public std::enable_shared_from_this<ComObject<Interface>> {
 public:
@@ -47,8 +47,7 @@ public:
     ComObject(const ComObject &) = delete;
     ComObject &operator=(const ComObject &) = delete;
 
-    /// A reference for the program.
-    /// @param function  the call that gives it.
+    /// A reference for the program. @param function  the call that returns it.
     Interface *Give(const char *function) {
         (void)Refer(function);
         return this;
@@ -61,7 +60,7 @@ public:
 
     ULONG STDMETHODCALLTYPE Release() final {
         const InsideSimulator inside;
-        std::shared_ptr<ComObject> last;  // ends after the lock
+        std::shared_ptr<ComObject> last;  // destroyed after the lock
         Balance::Instance().Closed(Kind::kComReference, Address());
         const LockGuard guard(m_lock);
         if (m_references == 0)
@@ -78,18 +77,18 @@ public:
             [&] { return object == nullptr ? E_POINTER : Provide(iid, m_names.queryInterface, object); }, iid, object);
     }
 
-    /// Answers QueryInterface, also that within a call of another name.
-    /// @param object  is null, and not null itself.
+    /// Implements QueryInterface, also within a call of another name.
+    /// @param object  not null; receives null on failure.
     virtual HRESULT Provide(REFIID iid, const char *function, void **object) = 0;
 
 protected:
     ComObject(std::shared_ptr<Core> core, const Names &names) : m_core(std::move(core)), m_names(names) {}
     virtual ~ComObject() = default;
 
-    /// Calls a method: it is written to the journal, and meets the fault plans. A planned failure is returned as it
-    /// is, also if its code is that of a success.
+    /// Calls a method: records it in the journal, and applies the fault plans. A planned failure is returned unchanged,
+    /// even if its code is a success.
     /// @param name  such as "INetCfg::FindComponent".
-    /// @param body  does the work; runs inside the simulator, and must not block but by the clock.
+    /// @param body  does the work; runs inside the simulator, and must block only by the clock.
     template <class Body, class... Args>
     HRESULT Call(const char *name, Body body, Args... arguments) {
         const DWORD lastError = GetLastError();
@@ -105,7 +104,7 @@ protected:
         return body();
     }
 
-    /// Answers for the interface itself.
+    /// Supports the interface itself.
     HRESULT ProvideThis(const char *function, void **object) {
         *object = Give(function);
         return S_OK;
@@ -129,7 +128,7 @@ private:
     const Names m_names;
     Lock m_lock;
     ULONG m_references = 0;
-    std::shared_ptr<ComObject> m_self;  ///< Holds it while the program does.
+    std::shared_ptr<ComObject> m_self;  ///< Keeps it alive while the program holds references.
 };
 
 }  // namespace Simulator

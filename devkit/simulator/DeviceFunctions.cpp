@@ -1,4 +1,4 @@
-// The functions that tell of devices.
+// The functions that report devices.
 #include <windows.h>
 #include <setupapi.h>
 

@@ -13,7 +13,7 @@ namespace Simulator {
 
 namespace {
 
-/// Never the same twice, and never one of the system's, whose low bits are clear.
+/// Never reused, and different from the system's handles, whose low bits are clear.
 HDEVINFO NewList() {
     static std::atomic<std::uintptr_t> last{0x44490001};
     return reinterpret_cast<HDEVINFO>(last += 2);
@@ -26,14 +26,13 @@ bool Succeed(DWORD error) {
     return error == ERROR_SUCCESS;
 }
 
-/// @param enumerator  what an instance id begins with, such as L"ROOT"; null for all.
+/// @param enumerator  the beginning of an instance id, such as L"ROOT"; null for all.
 bool ComesFrom(const Device &device, const wchar_t *enumerator) {
     return enumerator == nullptr ||
            SameInAnyCase(device.instanceId.substr(0, device.instanceId.find(L'\\')), enumerator);
 }
 
-/// Copies a text with its end, or tells that it does not fit.
-/// @param room  in characters.
+/// Copies a text with its terminator, or reports that it does not fit. @param room  in characters.
 DWORD Fill(const std::wstring &text, wchar_t *buffer, DWORD room) {
     if (text.size() >= room)
         return ERROR_INSUFFICIENT_BUFFER;

@@ -1,4 +1,4 @@
-// The devices of the simulated machine, and the lists in which they are told.
+// The devices of the simulated machine, and the lists that report them.
 #pragma once
 
 #include <functional>
@@ -22,19 +22,19 @@ namespace Kind {
 inline constexpr char kDeviceList[] = "device list";
 }
 
-/// A device as a test makes it.
+/// A device as a test defines it.
 struct Device {
     std::wstring instanceId;                    ///< Such as L"ROOT\\NET\\0000".
     std::optional<std::wstring> description{};  ///< Without one, SPDRP_DEVICEDESC fails with ERROR_INVALID_DATA.
     GUID classGuid = GUID_DEVCLASS_NET;
     bool present = true;
-    std::wstring componentId{};         ///< Goes with the last network component of that id; empty if it stays.
-    DWORD changeError = ERROR_SUCCESS;  ///< What each change of its state fails with.
+    std::wstring componentId{};         ///< Removed with the last network component of that id; empty if it stays.
+    DWORD changeError = ERROR_SUCCESS;  ///< The error of each change of its state.
     bool disabled = false;              ///< In all hardware profiles.
     bool disabledInProfile = false;     ///< In the current one.
 };
 
-/// A change of a device's state that the program has asked for.
+/// A change of a device's state that the program has requested.
 struct DeviceChange {
     std::wstring instanceId;
     DWORD state = 0;  ///< DICS_ENABLE, DICS_DISABLE or another.
@@ -43,37 +43,37 @@ struct DeviceChange {
     bool operator==(const DeviceChange &) const = default;
 };
 
-/// A list is a copy of the devices that there are when it is made. Handles of lists are never used again, not even
-/// in a later simulation. The functions answer as those of setupapi.dll do, with the last error, and leave output
-/// parameters alone when they fail, but for the size that is needed. Any thread.
+/// A list is a copy of the devices that exist when it is created. List handles are never reused, not even in a later
+/// simulation. The functions behave like those of setupapi.dll, with the last error, and do not change output
+/// parameters when they fail, except the required size. Any thread.
 class DeviceManager {
 public:
-    /// Adds the device behind the others, or replaces the one of that instance id.
+    /// Appends the device, or replaces the one with that instance id.
     void Put(const Device &device);
     void Remove(const std::wstring &instanceId);
     [[nodiscard]] bool Has(const std::wstring &instanceId) const;
-    /// Removes those that are tied to the network component, in any case of its id.
+    /// Removes those that belong to the network component, whose id is case-insensitive.
     void RemoveOf(const std::wstring &componentId);
 
-    /// Whether it is there, and disabled nowhere.
+    /// Whether it exists, and is not disabled in any profile.
     [[nodiscard]] bool IsEnabled(const std::wstring &instanceId) const;
-    /// Those that have reached a device, also where it failed them, in the order of the calls.
+    /// Those that reached a device, including those that failed, in the order of the calls.
     [[nodiscard]] std::vector<DeviceChange> Changes() const;
-    /// What comes of a change that has succeeded. Called inside the simulator, in the thread of the call, while nothing
-    /// is held: it may come back here, and wait for nobody.
+    /// Called after a successful change, inside the simulator, in the thread of the call, with no lock held: it may
+    /// call this object, but must not wait for others.
     void OnChange(std::function<void(const DeviceChange &)> observer);
 
-    /// DIGCF_PRESENT, DIGCF_ALLCLASSES and DIGCF_PROFILE, which leaves none out, are the flags that there are.
+    /// DIGCF_PRESENT, DIGCF_ALLCLASSES and DIGCF_PROFILE, which excludes none, are the supported flags.
     HDEVINFO List(const GUID *classGuid, const wchar_t *enumerator, DWORD flags);
     BOOL Enumerate(HDEVINFO list, DWORD index, SP_DEVINFO_DATA *data);
     /// Sizes are in characters.
     BOOL InstanceId(HDEVINFO list, const SP_DEVINFO_DATA *data, wchar_t *buffer, DWORD size, DWORD *needed);
-    /// Sizes are in bytes. A device has an SPDRP_DEVICEDESC at most.
+    /// Sizes are in bytes. SPDRP_DEVICEDESC is the only property.
     BOOL Property(HDEVINFO list, const SP_DEVINFO_DATA *data, DWORD property, DWORD *type, BYTE *buffer, DWORD size,
                   DWORD *needed);
     /// The parameters are those of DIF_PROPERTYCHANGE. They stay with the device of that list.
     BOOL SetParameters(HDEVINFO list, const SP_DEVINFO_DATA *data, const SP_CLASSINSTALL_HEADER *header, DWORD size);
-    /// DIF_PROPERTYCHANGE, which wants parameters, is the function that there is.
+    /// DIF_PROPERTYCHANGE, which requires parameters, is the only supported function.
     BOOL CallInstaller(DWORD function, HDEVINFO list, const SP_DEVINFO_DATA *data);
     BOOL Destroy(HDEVINFO list);
 
@@ -93,9 +93,9 @@ private:
     std::function<void(const DeviceChange &)> m_observer;
 };
 
-/// Puts the devices under SetupDiGetClassDevsW, SetupDiEnumDeviceInfo, SetupDiGetDeviceInstanceIdW,
+/// Simulates SetupDiGetClassDevsW, SetupDiEnumDeviceInfo, SetupDiGetDeviceInstanceIdW,
 /// SetupDiGetDeviceRegistryPropertyW, SetupDiSetClassInstallParamsW, SetupDiCallClassInstaller and
-/// SetupDiDestroyDeviceInfoList, and counts the lists.
+/// SetupDiDestroyDeviceInfoList with the devices, and counts the lists.
 void InstallDevices(FunctionSet &functions, const std::shared_ptr<DeviceManager> &devices);
 
 }  // namespace Simulator

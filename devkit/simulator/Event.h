@@ -1,4 +1,4 @@
-// Owner of an event of the system that stays set until the owner ends.
+// Owner of a system event that stays set until the owner is destroyed.
 #pragma once
 
 #include <windows.h>

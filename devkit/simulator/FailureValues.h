@@ -1,4 +1,4 @@
-// How a function tells that it failed. Each function of the simulation names one of these.
+// The ways in which functions report failure. Each simulated function names one of these.
 #pragma once
 
 #include <cerrno>
@@ -56,7 +56,7 @@ private:
     }
 };
 
-/// An HRESULT is returned; a code that is an error of Windows becomes one.
+/// An HRESULT is returned; a Windows error code is converted to one.
 struct ReturnsResult {
     static constexpr bool canFail = true;
     template <class R>
@@ -97,7 +97,7 @@ struct SetsErrnoReturnsEof {
     }
 };
 
-/// It does not fail; a plan to make it fail is never met. Sleep, the clocks, fclose.
+/// It cannot fail; a plan to make it fail is never met. Sleep, the clocks, fclose.
 struct CannotFail {
     static constexpr bool canFail = false;
     template <class R>

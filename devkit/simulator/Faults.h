@@ -1,4 +1,4 @@
-// What goes wrong: plans that fail, hang or delay chosen calls of redirected functions.
+// Plans that fail, hang or delay chosen calls of redirected functions.
 #pragma once
 
 #include <atomic>
@@ -19,29 +19,29 @@ namespace Simulator {
 class Clock;
 class FaultPlan;
 
-/// A plan that counts the calls of all threads. One that counts those of one thread names it by its number: threads are
-/// numbered in the order in which they make calls, from the making of the plan on, and thread 0 is the one that makes
-/// the plan. So its count does not depend on which of several threads comes first.
+/// A plan counts the calls of all threads, or those of one thread, which it names by its number: threads are numbered
+/// in the order of their first calls after the creation of the plan, and thread 0 is the one that creates the plan. So
+/// its count does not depend on which of several threads comes first.
 inline constexpr unsigned kAnyThread = UINT_MAX;
 
 /// What to do with one call.
 struct Verdict {
     bool fails = false;
     DWORD code = 0;
-    DWORD delayMs = 0;                              ///< Of the simulated clock.
-    std::vector<std::shared_ptr<FaultPlan>> hangs;  ///< Each to be hung by.
+    DWORD delayMs = 0;                              ///< By the simulated clock.
+    std::vector<std::shared_ptr<FaultPlan>> hangs;  ///< Each hangs the call.
 };
 
 /// One plan, as a test sees it. Any thread.
 class FaultPlan : public std::enable_shared_from_this<FaultPlan> {
 public:
-    /// Whether a call has met the plan. A call that hangs meets it when it no longer holds anything: from
-    /// then on its thread may be ended from outside.
+    /// Whether a call has met the plan. A hanging call meets it when it no longer holds any lock: from then on its
+    /// thread may be killed.
     [[nodiscard]] bool Hit() const { return Hits() != 0; }
     [[nodiscard]] unsigned Hits() const { return m_hits; }
     /// The function of the first call that met the plan; empty before.
     [[nodiscard]] std::string HitFunction() const;
-    /// Waits until a call meets the plan, or until it is released.
+    /// Waits until a call meets the plan, or until the plan is released.
     /// @param timeoutMs  real milliseconds, or INFINITE.
     /// @return whether a call has met it.
     [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.WaitUnless(m_released, timeoutMs); }
@@ -51,13 +51,13 @@ public:
     void Hang(Clock &clock);
     /// Kills the threads that hang.
     void KillHung();
-    /// Ends the plan, and lets go what hangs by it: those calls then do their work.
+    /// Ends the plan, and releases the calls that hang: those then do their work.
     void Release();
 
 private:
     friend class Faults;
 
-    /// Notes the calling thread. @return whether the plan counts its calls.
+    /// Registers the calling thread. @return whether the plan counts its calls.
     bool IsForThisThread();
     void Apply(const std::string &function, Verdict &verdict);
     void Meet();
@@ -74,15 +74,15 @@ private:
     mutable Lock m_lock;
     std::string m_hitFunction;
     std::atomic<unsigned> m_hits{0};
-    std::atomic<DWORD> m_hangingThread{0};  ///< The last one that came to hang.
-    std::vector<UniqueHandle> m_hung;       ///< Their numbers may be those of others when they have ended.
+    std::atomic<DWORD> m_hangingThread{0};  ///< The last one that hung.
+    std::vector<UniqueHandle> m_hung;       ///< A thread's id may be reused once it has ended.
     Event m_hit;
     Event m_released;
 };
 using FaultPlanHandle = std::shared_ptr<FaultPlan>;
 
-/// The plans of one simulation. A plan counts calls from its making on and stays until Clear or its
-/// Release. All plans see each call; the first that fails it decides the code. Any thread.
+/// The plans of one simulation. A plan counts calls from its creation on and stays until Clear or its Release. All
+/// plans see each call; the first that fails it decides the code. Any thread.
 class Faults {
 public:
     /// Fails the n-th call, n from 1. How a function fails is part of its description (FailureValues.h).
@@ -94,10 +94,10 @@ public:
     FaultPlanHandle FailNthOf(const std::set<std::string> &functions, unsigned nth, DWORD code);
     /// The n-th call among all functions that can fail.
     FaultPlanHandle FailNthOfAny(unsigned nth, DWORD code);
-    /// Hangs the call until its thread is ended or the plan is released.
+    /// Hangs the call until its thread is killed or the plan is released.
     FaultPlanHandle HangNth(const std::string &function, unsigned nth, unsigned thread = kAnyThread);
     FaultPlanHandle HangEvery(const std::string &function);
-    /// Lets the call do its work only after so many milliseconds of the simulated clock.
+    /// Delays the call by so many milliseconds of the simulated clock.
     FaultPlanHandle DelayNth(const std::string &function, unsigned nth, DWORD delayMs);
     FaultPlanHandle DelayEvery(const std::string &function, DWORD delayMs);
 
@@ -108,7 +108,7 @@ public:
     /// Releases and forgets all plans. Counts stay.
     void Clear();
 
-    /// Whether the thread hangs by a plan.
+    /// Whether the thread hangs because of a plan.
     [[nodiscard]] bool Hangs(DWORD thread) const;
 
     /// Calls since the beginning.
@@ -116,7 +116,7 @@ public:
     /// Calls since the beginning, of functions that can fail.
     [[nodiscard]] unsigned FailableCalls() const;
 
-    /// Counts a call and says what becomes of it.
+    /// Counts a call and decides what happens to it.
     [[nodiscard]] Verdict Ask(const std::string &function, bool canFail);
 
 private:

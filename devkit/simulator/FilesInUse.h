@@ -1,4 +1,4 @@
-// Files that can't be deleted or moved, and what the next boot is to do with files.
+// Files that can't be deleted or moved, and files scheduled for the next boot.
 #pragma once
 
 #include <filesystem>
@@ -14,7 +14,7 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// What MoveFileExW leaves to the next boot.
+/// What MoveFileExW schedules for the next boot.
 struct MoveAtBoot {
     std::wstring from;
     std::wstring to;  ///< Empty: to be deleted.
@@ -22,11 +22,10 @@ struct MoveAtBoot {
     bool operator==(const MoveAtBoot &) const = default;
 };
 
-/// Paths are the real ones, after mapping; letters match in any case, slashes count as backslashes. Any thread.
+/// Paths are the real ones, after mapping; they are case-insensitive, and slashes count as backslashes. Any thread.
 class FilesInUse {
 public:
-    /// From now on the file can be neither deleted nor moved.
-    /// @param error  what the attempt fails with.
+    /// From now on the file can be neither deleted nor moved. @param error  the error of the attempt.
     void Hold(const std::filesystem::path &file, DWORD error = ERROR_SHARING_VIOLATION);
     void Release(const std::filesystem::path &file);
     /// ERROR_SUCCESS if the file can be deleted.
@@ -44,9 +43,9 @@ private:
     std::vector<MoveAtBoot> m_leftToBoot;
 };
 
-/// Puts the files under DeleteFileW and MoveFileExW. With MOVEFILE_DELAY_UNTIL_REBOOT the latter only notes what is
-/// asked of it, whether the file is there or not; nothing reaches the real system.
-/// @param files  outlive the set. Put before the mapped paths.
+/// Simulates DeleteFileW and MoveFileExW with the files. With MOVEFILE_DELAY_UNTIL_REBOOT the latter only records the
+/// request, whether the file exists or not; nothing reaches the real system.
+/// @param files  outlive the set. Install it before the mapped paths.
 void InstallFilesInUse(FunctionSet &functions, FilesInUse &files);
 
 }  // namespace Simulator

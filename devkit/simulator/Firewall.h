@@ -20,21 +20,22 @@ struct Machine;
 
 /// An entry of the list of authorised applications.
 struct FirewallApplication {
-    std::wstring path;  ///< The key of the list, in any case.
+    std::wstring path;  ///< The key of the list, case-insensitive.
     std::wstring name;
-    VARIANT_BOOL enabled = VARIANT_TRUE;  ///< Given out as it is, also where it is neither of the two.
+    VARIANT_BOOL enabled = VARIANT_TRUE;  ///< Returned unchanged, even if it is neither of the two.
 
     bool operator==(const FirewallApplication &) const = default;
 };
 
-/// All that a test fills in and a run changes. Switches are given out as they are.
+/// All that a test sets and a run changes. Switches are returned unchanged.
 struct FirewallState {
     VARIANT_BOOL domainProfile = VARIANT_TRUE;
     VARIANT_BOOL privateProfile = VARIANT_TRUE;
     VARIANT_BOOL publicProfile = VARIANT_TRUE;
-    VARIANT_BOOL currentProfile = VARIANT_TRUE;  ///< Of the legacy interfaces; it goes with none of the three.
+    VARIANT_BOOL currentProfile = VARIANT_TRUE;  ///< Of the legacy interfaces; it is independent of the three.
     std::vector<FirewallApplication> applications{};
-    HRESULT removeMissingResult = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);  ///< Removing what is not listed.
+    HRESULT removeMissingResult =
+        HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);  ///< The result of removing an unlisted application.
 
     bool operator==(const FirewallState &) const = default;
 };
@@ -46,7 +47,7 @@ public:
     void Put(FirewallState state);
 
     /// Reads or changes the state: firewall.Use([](FirewallState &state) { state.currentProfile = VARIANT_FALSE; }).
-    /// @param body  must not block, nor come back here.
+    /// @param body  must not block, nor call this object.
     template <class Body>
     auto Use(Body body) {
         const InsideSimulator inside;
@@ -59,19 +60,19 @@ private:
     FirewallState m_state;
 };
 
-/// The entry of that path, in any case; null if there is none. Valid within Firewall::Use.
+/// The entry of that path, case-insensitive; null if there is none. Valid within Firewall::Use.
 [[nodiscard]] FirewallApplication *ApplicationWithPath(FirewallState &state, const std::wstring &path);
 
-/// The names of the methods that are simulated, as journal and faults have them; and of QueryInterface.
+/// The names of the simulated methods, as in journal and faults; including QueryInterface.
 [[nodiscard]] std::span<const char *const> FirewallMethods();
 
-/// Puts the classes NetFwPolicy2, NetFwMgr and NetFwAuthorizedApplication under CoCreateInstance. There are
-/// INetFwPolicy2, INetFwMgr, INetFwPolicy, INetFwProfile, INetFwAuthorizedApplications and INetFwAuthorizedApplication;
-/// of their methods, those that are told where they are declared. The others answer E_NOTIMPL. Every call but AddRef
-/// and Release is in journal and faults under the names of its interface and its method, such as
-/// "INetFwPolicy2::put_FirewallEnabled".
+/// Simulates the classes NetFwPolicy2, NetFwMgr and NetFwAuthorizedApplication for CoCreateInstance, with the
+/// interfaces INetFwPolicy2, INetFwMgr, INetFwPolicy, INetFwProfile, INetFwAuthorizedApplications and
+/// INetFwAuthorizedApplication; the simulated methods are described where they are declared. The others return
+/// E_NOTIMPL. Every call except AddRef and Release is in journal and faults under the names of its interface and its
+/// method, such as "INetFwPolicy2::put_FirewallEnabled".
 /// @param library  outlives the set.
-/// @param machine  outlives the set; where its system is older than 6.0 there is no NetFwPolicy2. May be null.
+/// @param machine  outlives the set; if its system is older than 6.0, NetFwPolicy2 is missing. May be null.
 void InstallFirewall(FunctionSet &functions, const std::shared_ptr<Core> &core, const ComLibrary &library,
                      const std::shared_ptr<Firewall> &firewall, const Machine *machine);
 

@@ -12,7 +12,7 @@
 
 namespace Simulator {
 
-/// An entry by itself: what is put into it reaches no list before it is added.
+/// A separate entry: changes of it reach no list before it is added.
 class FirewallApplicationObject final : public AutomationObject<INetFwAuthorizedApplication> {
 public:
     FirewallApplicationObject(const std::shared_ptr<Core> &core, FirewallApplication values);
@@ -56,12 +56,12 @@ public:
     FirewallApplicationList(const std::shared_ptr<Core> &core, std::shared_ptr<Firewall> firewall);
 
     HRESULT STDMETHODCALLTYPE get_Count(LONG *count) override;
-    /// Replaces the entry of that path if there is one. E_INVALIDARG for an entry without a path, and for what is none
-    /// of the simulated machine's.
+    /// Replaces the entry of that path if there is one. E_INVALIDARG for an entry without a path, and for an object
+    /// that is not the simulated machine's.
     HRESULT STDMETHODCALLTYPE Add(INetFwAuthorizedApplication *app) override;
-    /// Answers as FirewallState has it for what is not listed.
+    /// Returns FirewallState's result for an unlisted application.
     HRESULT STDMETHODCALLTYPE Remove(BSTR imageFileName) override;
-    /// Gives an entry with a copy of the values; the error ERROR_FILE_NOT_FOUND if there is none.
+    /// Returns an entry with a copy of the values; the error ERROR_FILE_NOT_FOUND if there is none.
     HRESULT STDMETHODCALLTYPE Item(BSTR imageFileName, INetFwAuthorizedApplication **app) override;
 
     // E_NOTIMPL

@@ -6,7 +6,7 @@ namespace Simulator {
 
 namespace {
 
-/// @return null for what is no profile.
+/// @return null for an invalid profile.
 VARIANT_BOOL *SwitchOf(FirewallState &state, NET_FW_PROFILE_TYPE2 profile) {
     switch (profile) {
         case NET_FW_PROFILE2_DOMAIN:

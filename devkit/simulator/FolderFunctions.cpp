@@ -1,4 +1,4 @@
-// The functions that tell the system's folders, and those that take paths.
+// The functions that report the system's folders, and those that take paths.
 #include "SystemFolders.h"
 
 #include <cstring>
@@ -14,7 +14,7 @@ namespace Simulator {
 
 namespace {
 
-/// As GetSystemDirectoryW and its like answer: the length, or the size that is needed if it does not fit.
+/// Returns like GetSystemDirectoryW and similar functions: the length, or the required size if it does not fit.
 UINT Answer(const std::wstring &path, wchar_t *buffer, UINT size) {
     const auto length = static_cast<UINT>(path.size());
     if (size <= length)
@@ -38,7 +38,7 @@ std::optional<std::filesystem::path> ShellFolder(const SystemFolders &folders, i
     }
 }
 
-/// Maps the path that is the function's first argument.
+/// Maps the path in the function's first argument.
 template <class F>
 void MapFirst(FunctionSet &functions, const MappedPaths &paths) {
     functions.Put<F>([&paths](const auto &next, const wchar_t *path, auto... rest) {
@@ -47,7 +47,7 @@ void MapFirst(FunctionSet &functions, const MappedPaths &paths) {
     });
 }
 
-/// Maps the paths that are the function's first two arguments.
+/// Maps the paths in the function's first two arguments.
 template <class F>
 void MapBoth(FunctionSet &functions, const MappedPaths &paths) {
     functions.Put<F>([&paths](const auto &next, const wchar_t *from, const wchar_t *to, auto... rest) {
@@ -66,8 +66,8 @@ std::wstring FromLocale(const char *text) {
     return wide;
 }
 
-/// The C runtime's functions for files; those of narrow paths open a mapped path by their wide twin, since a
-/// temporary folder's name may not exist in the locale's letters.
+/// The C runtime's file functions; those with narrow paths open a mapped path through their wide counterpart, since the
+/// locale may lack characters of a temporary folder's name.
 void MapRuntimeFiles(FunctionSet &functions, const MappedPaths &paths) {
     MapFirst<System::_wfopen>(functions, paths);
     functions.Put<System::_wfopen_s>([&paths](const auto &next, FILE **file, const wchar_t *path, const wchar_t *mode) {

@@ -1,8 +1,7 @@
-// One function of the system that can be redirected: its replacement, and the layers beneath.
+// One system function that can be redirected: its replacement, and the layers below.
 //
-// A call of a redirected function is written to the journal, meets the fault plans, and then runs through the
-// layers that were put on the function, the outermost first; each decides whether to call the next. Beneath
-// the last is the real function.
+// A call of a redirected function is recorded in the journal, meets the fault plans, and then runs through the
+// function's layers from the outermost on; each decides whether to call the next. Below the last is the real function.
 #pragma once
 
 #include <algorithm>
@@ -41,14 +40,13 @@ struct Core {
     Clock clock;
     std::atomic<bool> ended{false};
 
-    /// Counts the call, hangs and delays it as planned.
-    /// @return whether it is to fail, and with what.
+    /// Counts the call, hangs and delays it as planned. @return whether it should fail, and with what.
     Verdict Enter(const std::string &function, bool canFail);
-    /// Lets all go that hang or wait; from now on calls reach the real functions.
+    /// Releases all that hang or wait; from now on calls reach the real functions.
     void End();
 };
 
-/// Where a layer lies: those that watch (count, for example) lie around those that stand for the machine.
+/// The position of a layer: those that watch (count, for example) enclose those that simulate the machine.
 enum class Depth { Machine, Watch };
 
 template <std::size_t N>
@@ -57,7 +55,7 @@ struct FixedText {
     std::array<char, N> text{};
 };
 
-/// The function of a library that is loaded for it if need be; null if there is none. Keeps the last error.
+/// The function of a library, which is loaded if necessary; null if there is none. Keeps the last error.
 [[nodiscard]] FARPROC FindRealFunction(const char *library, const char *function);
 
 /// The names of all functions that this program could put in a FunctionSet, and whether a plan can make them fail.
@@ -66,21 +64,20 @@ struct FixedText {
 template <FixedText Name, FixedText Library, class Signature, class FailureValue>
 class Function;
 
-/// Everything is static: a replacement in an import table knows no object. At most one simulation at a
-/// time holds the state.
+/// Everything is static: a replacement in an import table has no object. At most one simulation at a time holds the
+/// state.
 template <FixedText Name, FixedText Library, class FailureValue, class R, class... Args>
 class Function<Name, Library, R(Args...), FailureValue> {
 public:
     using Failure = FailureValue;
     using Call = std::function<R(Args...)>;
-    /// @param next  the layer beneath.
+    /// @param next  the layer below.
     using Layer = std::function<R(const Call &next, Args...)>;
 
     static constexpr const char *name = Name.text.data();
     static constexpr const char *library = Library.text.data();
 
-    /// The real function, called from outside the simulator; fails with ERROR_PROC_NOT_FOUND where the
-    /// system has none.
+    /// The real function, called from outside the simulator; fails with ERROR_PROC_NOT_FOUND if the system lacks it.
     static R Real(Args... args) {
         const OutsideSimulator outside;
         return CallReal(args...);
@@ -129,7 +126,7 @@ public:
 private:
     struct State {
         std::shared_ptr<Core> core;
-        std::vector<std::pair<Depth, Layer>> layers;  ///< The innermost first.
+        std::vector<std::pair<Depth, Layer>> layers;  ///< Innermost first.
         Call call;
     };
     struct Slot {
@@ -137,7 +134,7 @@ private:
         std::shared_ptr<State> state;
     };
 
-    /// Set before the program begins, wherever Begin is compiled in.
+    /// Set before main, in every program that contains Begin.
     inline static const bool isListed = ReplaceableFunctions().emplace(name, Failure::canFail).second;
 
     /// Never destroyed: replacements may be called while the process ends.
@@ -163,7 +160,7 @@ private:
     }
 };
 
-/// A function's signature, without the attributes that a compiler gives the functions it knows.
+/// A function's signature, without the attributes that a compiler gives to known functions.
 template <class R, class... Args>
 auto PlainSignature(R(WINAPI *function)(Args...)) -> std::type_identity<R(Args...)>;
 

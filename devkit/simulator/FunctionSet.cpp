@@ -16,8 +16,8 @@ namespace {
 
 SIMULATOR_FUNCTION(GetProcAddress, "KERNEL32.dll", ReturnsZero);
 
-// Taken before any import table is redirected: what finds the real functions must not come back here. Asked
-// for by name, since `&::GetProcAddress` may be a stub that jumps through the import table.
+// Taken before any import table is redirected: what finds the real functions must not come back here. Looked up by
+// name, since `&::GetProcAddress` may be a stub that jumps through the import table.
 template <class F>
 F *Kernel32(F *, const char *name) {
     return reinterpret_cast<F *>(reinterpret_cast<void *>(::GetProcAddress(GetModuleHandleA("KERNEL32.dll"), name)));
@@ -37,7 +37,7 @@ FARPROC AsFarProc(void *function) {
     return reinterpret_cast<FARPROC>(reinterpret_cast<std::uintptr_t>(function));
 }
 
-// The notification of ntdll about loaded modules; it is documented, but no header declares it.
+// ntdll's notification about loaded modules; it is documented, but no header declares it.
 struct LoadedModule {
     ULONG flags;
     const UNICODE_STRING *fullName;
@@ -64,7 +64,7 @@ F NtdllFunction(const char *name) {
 }  // namespace
 
 struct LoadNotification {
-    /// Comes before the module's constructors, under the loader's lock.
+    /// Called before the module's constructors, under the loader lock.
     static void CALLBACK OnLoaded(ULONG reason, const LoadedModule *module, void *context) {
         if (reason != kLoaded)
             return;
@@ -101,7 +101,7 @@ FARPROC FindRealFunction(const char *library, const char *function) {
     const DWORD error = GetLastError();
     HMODULE module = realGetModuleHandle(library);
     if (module == nullptr)
-        module = realLoadLibrary(library);  // for good: the address is kept
+        module = realLoadLibrary(library);  // for good: its address is kept
     const FARPROC found = module == nullptr ? nullptr : realGetProcAddress(module, function);
     SetLastError(error);
     return found;
@@ -145,7 +145,7 @@ FARPROC FunctionSet::ReplacementFor(HMODULE library, const char *name, FARPROC r
         function = found->second.function;
     }
     const DWORD error = GetLastError();
-    // A function of that name from another library is another function.
+    // A function of the same name in another library is a different function.
     const bool same = SameLibrary(BaseName(library), function.library) ||
                       (real != nullptr && real == FindRealFunction(function.library.c_str(), name));
     SetLastError(error);
@@ -191,7 +191,7 @@ std::size_t FunctionSet::Attach(HMODULE module, const std::set<std::string> &nam
         return 0;
     if (m_onAttach)
         m_onAttach(module);
-    // Asked for before the lock is taken: both lead to the loader's lock, under which OnLoaded comes here.
+    // Looked up before the lock is taken: both take the loader lock, under which OnLoaded is called.
     const std::vector<Import> imports = Imports(module);
 
     const LockGuard guard(m_lock);
@@ -206,7 +206,7 @@ std::size_t FunctionSet::Attach(HMODULE module, const std::set<std::string> &nam
         void *replacement = found->second.function.replacement;
         if (import.Address() == replacement)
             continue;
-        attached.slots.erase(import.slot);  // left from before the module was loaded anew
+        attached.slots.erase(import.slot);  // left from before the module was reloaded
         attached.slots.emplace(import.slot, SlotRedirection(module, import.slot, replacement));
     }
     return count;

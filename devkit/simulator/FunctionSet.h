@@ -1,4 +1,4 @@
-// The functions that are simulated, and the modules they are put under.
+// The simulated functions, and the modules that they are attached to.
 #pragma once
 
 #include <functional>
@@ -14,22 +14,22 @@
 
 namespace Simulator {
 
-/// A replacement by itself, which the common way of journal and faults does not concern.
+/// A plain replacement, without journal and faults.
 struct SimulatedFunction {
     std::string library;
     std::string name;
     void *replacement = nullptr;
 };
 
-/// To redirect one function with a model of its own:
+/// To redirect one function with a custom model:
 ///     SIMULATOR_FUNCTION(GetSystemMetrics, "USER32.dll", ReturnsZero);              // in a header or .cpp
 ///     functions.Put<GetSystemMetrics>([&machine](const auto &next, int index) {
 ///         return index == SM_REMOTESESSION ? machine.remoteSession : next(index);
 ///     });
-/// and to have it in the journal and the fault plans only: functions.PassThrough<GetSystemMetrics>().
+/// and to have it only in the journal and the fault plans: functions.PassThrough<GetSystemMetrics>().
 ///
-/// Once per process at a time. GetProcAddress is simulated from the start: a module that it is redirected in
-/// gets the replacements from it. All from one thread, but for the replaced functions themselves.
+/// Once per process at a time. GetProcAddress is simulated from the start: a module in which it is redirected gets the
+/// replacements from it. Use it from one thread, except for the replaced functions themselves.
 class FunctionSet {
 public:
     /// @throws std::logic_error  if there is another.
@@ -39,7 +39,7 @@ public:
     FunctionSet(const FunctionSet &) = delete;
     FunctionSet &operator=(const FunctionSet &) = delete;
 
-    /// Journal and faults, then the real function or the layers that are put on it.
+    /// Journal and faults, then the real function or its layers.
     template <class F>
     void PassThrough() {
         if (Knows(F::name))
@@ -48,37 +48,35 @@ public:
         F::Begin(m_core);
         Add({F::library, F::name, reinterpret_cast<void *>(&F::Replacement)}, &F::End);
     }
-    /// Puts a layer on the function, around those of the same depth that are there.
-    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must not block otherwise
-    ///               than in `next` or by the clock; the simulation may have ended when a `next` that
-    ///               blocks comes back.
+    /// Adds a layer to the function, around existing ones of the same depth.
+    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must block only in `next` or
+    ///   by the clock; the simulation may have ended when a blocking `next` returns.
     template <class F>
     void Put(typename F::Layer layer, Depth depth = Depth::Machine) {
         PassThrough<F>();
         const InsideSimulator inside;
         F::Add(depth, std::move(layer));
     }
-    /// @throws std::logic_error  if there is a function of that name.
+    /// @throws std::logic_error  if that name is already in use.
     void Add(SimulatedFunction function);
 
     [[nodiscard]] bool Knows(std::string_view name) const;
     [[nodiscard]] std::set<std::string> Names() const;
 
-    /// Redirects the functions in the module's import table, by name, and again after it was unloaded and
-    /// loaded anew. A function that is added later is redirected then. Do not attach the C runtime, or
-    /// other libraries of the system, without naming functions.
+    /// Redirects the functions in the module's import table, by name, and again after it was unloaded and reloaded. A
+    /// function that is added later is redirected then. Do not attach the C runtime, or other system libraries, without
+    /// naming functions.
     /// @param names  only these; empty for all.
     /// @return the number of entries that lead to replacements now.
     std::size_t Attach(HMODULE module, const std::set<std::string> &names = {});
     /// Attaches a module whenever it is loaded from now on, before its constructors run.
     /// @param baseName  such as L"fc.dll".
     void AttachWhenLoaded(const std::wstring &baseName);
-    /// Is told of every module before it is attached, under the loader's lock if it was awaited. One at most.
+    /// Called for every module before it is attached, under the loader lock if it was awaited. One at most.
     void OnAttach(std::function<void(HMODULE)> observer) { m_onAttach = std::move(observer); }
     /// Restores the module's entries.
     void Detach(HMODULE module);
-    /// Leaves the entries of these functions redirected beyond this object's end; the replacements must be
-    /// able to live with that.
+    /// Keeps these functions redirected beyond this object's destruction; the replacements must support that.
     void Abandon(const std::set<std::string> &names);
 
 private:

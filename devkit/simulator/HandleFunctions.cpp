@@ -1,4 +1,4 @@
-// Counts what functions make and give back: handles, file searches, views, keys, libraries, files, performance queries,
+// Counts what functions create and release: handles, file searches, views, keys, libraries, files, performance queries,
 // service handles, SIDs and access lists.
 #include "Balance.h"
 
@@ -22,12 +22,12 @@ std::uintptr_t Word(T value) {
         return static_cast<std::uintptr_t>(value);
 }
 
-/// The predefined keys are nobody's to close.
+/// The predefined keys are never closed.
 bool IsPredefined(HKEY key) {
     return (Word(key) & 0x80000000U) != 0;
 }
 
-/// Functions that return what they make.
+/// Functions that return what they create.
 template <class F>
 void CountReturned(FunctionSet &functions, Balance &balance, const char *kind) {
     functions.Put<F>(
@@ -40,7 +40,8 @@ void CountReturned(FunctionSet &functions, Balance &balance, const char *kind) {
         Depth::Watch);
 }
 
-/// Functions that take what they give back. It is forgotten before: afterwards its value may be another's already.
+/// Functions that release their argument. It is removed from the balance first: afterwards its value may already belong
+/// to another.
 template <class F>
 void CountGivenBack(FunctionSet &functions, Balance &balance, const char *kind) {
     functions.Put<F>(
@@ -170,7 +171,7 @@ void CountServices(FunctionSet &functions, Balance &balance) {
     CountGivenBack<System::CloseServiceHandle>(functions, balance, Kind::kService);
 }
 
-/// Of local memory only the access lists: other functions that make some are not watched.
+/// Of local memory only the access lists: other functions that allocate it are not watched.
 void CountSecurity(FunctionSet &functions, Balance &balance) {
     functions.Put<System::AllocateAndInitializeSid>(
         [&balance](const auto &next, SID_IDENTIFIER_AUTHORITY *authority, BYTE count, DWORD s0, DWORD s1, DWORD s2,

@@ -36,8 +36,8 @@ std::string NameOfOrdinal(const char *library, WORD ordinal) {
     return "#" + std::to_string(ordinal);
 }
 
-/// Walks the two parallel tables of one library. The names are those that were written at link time:
-/// where that table is missing the loader has overwritten them, and nothing can be told.
+/// Walks the two parallel tables of one library. The names come from the table written at link time: without it the
+/// loader has overwritten them, and they are unknown.
 void AddImports(HMODULE module, const char *library, DWORD names, DWORD addresses, bool delayed,
                 std::vector<Import> &imports) {
     if (names == 0)

@@ -1,4 +1,4 @@
-// The import table of a loaded module: what it imports, and the replacing of single entries.
+// The import table of a loaded module: its imports, and the replacement of single entries.
 #pragma once
 
 #include <string>
@@ -10,19 +10,19 @@
 namespace Simulator {
 
 struct Import {
-    std::string library;   ///< As the table names it.
-    std::string function;  ///< Found in the library's exports for an import by ordinal; else "#ordinal".
+    std::string library;   ///< As in the table.
+    std::string function;  ///< For an import by ordinal, from the library's exports; else "#ordinal".
     void **slot = nullptr;
-    bool delayed = false;  ///< Of the delay-load table: until its first use the slot leads to the loader's helper.
+    bool delayed = false;  ///< From the delay-load table: until its first use the slot leads to the loader's helper.
 
     [[nodiscard]] void *Address() const { return *slot; }
 };
 
-/// Those of the import table, then those of the delay-load table. A module without either has none.
+/// Those of the import table, then those of the delay-load table. Empty for a module without either.
 [[nodiscard]] std::vector<Import> Imports(HMODULE module);
 
-/// Holds one slot of a module's table replaced. Its end puts the old value back, unless the module has gone
-/// or somebody else has written to the slot since. Any thread; the module must stay loaded meanwhile.
+/// Keeps one slot of a module's table replaced. Its destructor restores the old value, unless the module was unloaded
+/// or the slot was changed since. Any thread; the module must stay loaded meanwhile.
 class SlotRedirection {
 public:
     SlotRedirection(HMODULE module, void **slot, void *replacement);
@@ -33,9 +33,9 @@ public:
     SlotRedirection &operator=(const SlotRedirection &) = delete;
 
     [[nodiscard]] void *Original() const { return m_original; }
-    /// Whether the module is there and the slot still leads to the replacement.
+    /// Whether the module is loaded and the slot still leads to the replacement.
     [[nodiscard]] bool InForce() const;
-    /// Leaves the slot as it is, for good.
+    /// Keeps the slot replaced for good.
     void Abandon() { m_slot = nullptr; }
 
 private:
@@ -47,18 +47,18 @@ private:
     void *m_original;
 };
 
-/// Replaces a function wherever the module imports it by that name. A function of the module that runs at that
-/// moment may still call the old one: the compiler may have read the slot already.
+/// Replaces a function wherever the module imports it by that name. A function of the module that is running may still
+/// call the old one: the compiler may have read the slot already.
 class Redirection {
 public:
-    /// @param library  only imports from this library, such as "KERNEL32.dll", in any case of letters;
-    ///                 empty for every library.
+    /// @param library  only imports from this library, such as "KERNEL32.dll", case-insensitive; empty for every
+    ///   library.
     Redirection(HMODULE module, std::string_view function, void *replacement, std::string_view library = {});
 
     /// False if the module does not import the function: nothing is replaced then.
     [[nodiscard]] bool Found() const { return !m_slots.empty(); }
-    /// What was called before. Of an import that is delayed and not yet used this is the loader's helper:
-    /// calling it binds the slot, which ends the redirection.
+    /// The function called before. For a delayed import that was not used yet this is the loader's helper: calling it
+    /// binds the slot, which ends the redirection.
     /// @return null if the function was not found.
     [[nodiscard]] void *Original() const { return Found() ? m_slots.front().Original() : nullptr; }
 
@@ -66,7 +66,7 @@ private:
     std::vector<SlotRedirection> m_slots;
 };
 
-/// Whether two names of libraries are the same: in any case of letters, with or without ".dll".
+/// Whether two library names are the same: case-insensitive, with or without ".dll".
 [[nodiscard]] bool SameLibrary(std::string_view one, std::string_view other);
 
 }  // namespace Simulator

@@ -1,4 +1,4 @@
-// What is installed on the simulated machine: the models, and how they come under a set of functions.
+// The installed parts of the simulated machine: the models, and how they are added to a set of functions.
 #pragma once
 
 #include <memory>
@@ -23,7 +23,7 @@ struct NetworkParts {
     std::shared_ptr<NetworkConfiguration> configuration = std::make_shared<NetworkConfiguration>(devices);
 };
 
-/// The models; null for those that are not wanted.
+/// The models; null for those that were not requested.
 struct InstalledParts {
     RegistrySandbox *registry = nullptr;
     SystemFolders *folders = nullptr;
@@ -34,8 +34,7 @@ struct InstalledParts {
     NetworkParts *network = nullptr;
 };
 
-/// Puts the models under their functions.
-/// @param parts  outlive the set.
+/// Simulates their functions with the models. @param parts  outlive the set.
 void Install(FunctionSet &functions, const std::shared_ptr<Core> &core, const InstalledParts &parts);
 
 }  // namespace Simulator

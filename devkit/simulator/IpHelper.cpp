@@ -36,7 +36,7 @@ void Fill(char (&to)[N], const std::string &text) {
     to[length] = '\0';
 }
 
-/// @return how many bytes there is room for.
+/// @return the size of the buffer in bytes.
 template <std::size_t N>
 DWORD Fill(BYTE (&to)[N], const std::vector<BYTE> &mac) {
     const std::size_t length = std::min(mac.size(), N);
@@ -122,7 +122,7 @@ bool Answers(const NetworkAdapter &adapter, IPAddr address) {
     return adapter.mediaStatus == 0U && !adapter.gatewayMac.empty() && inet_addr(adapter.gateway.c_str()) == address;
 }
 
-/// Who answers to ARP; empty if nobody does.
+/// The address that answers ARP; empty if none does.
 std::vector<BYTE> Resolve(NetworkState &state, IPAddr address) {
     for (const ArpEntry &entry : state.arp) {
         if (entry.type != MIB_IPNET_TYPE_INVALID && inet_addr(entry.address.c_str()) == address)

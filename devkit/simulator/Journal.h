@@ -15,24 +15,24 @@ struct JournalEntry {
     DWORD thread = 0;
 };
 
-/// Every redirected call in the order in which the calls came in. Any thread.
+/// Every redirected call in the order in which the calls began. Any thread.
 class Journal {
 public:
     void Add(std::string function, std::string arguments);
 
-    /// What came in since the last Take, oldest first; the record is empty afterwards.
+    /// The calls since the last Take, oldest first; clears the record.
     [[nodiscard]] std::vector<JournalEntry> Take();
     [[nodiscard]] std::vector<JournalEntry> Entries() const;
-    /// How often the function is in the record.
+    /// How often the record contains the function.
     [[nodiscard]] std::size_t Count(const std::string &function) const;
-    /// The functions in the record, in the order of the calls, as often as they were called.
+    /// The functions in the record, in the order of the calls, with repetitions.
     [[nodiscard]] std::vector<std::string> Names() const;
     /// One line per call: thread, function(arguments).
     [[nodiscard]] std::string Text() const;
 
-    /// Leaves a function out from now on: for those that are called without end.
+    /// Excludes a function from now on: for those that are called endlessly.
     void Mute(const std::string &function);
-    /// Leaves everything out from now on: for a program that reads nothing of it.
+    /// Excludes everything from now on: for a program that does not read it.
     void MuteAll();
     [[nodiscard]] bool Wants(const std::string &function) const;
 

@@ -1,5 +1,5 @@
-// A lock for std::lock_guard. std::mutex is no choice here: libwinpthread allocates for it through an import
-// table that may be redirected.
+// A lock for std::lock_guard. std::mutex can't be used here: libwinpthread allocates for it through an import table
+// that may be redirected.
 #pragma once
 
 #include <mutex>
@@ -8,7 +8,7 @@
 
 namespace Simulator {
 
-/// Not recursive. A thread must not be ended from outside while it holds one: nothing that waits does.
+/// Not recursive. A thread must not be killed while it holds one: waiting threads never do.
 class Lock {
 public:
     void lock() { AcquireSRWLockExclusive(&m_lock); }

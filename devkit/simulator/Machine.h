@@ -9,12 +9,12 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// What the machine answers from the next call on. Do not change it while another thread asks.
+/// What the machine reports from the next call on. Do not change it while another thread queries it.
 struct Machine {
-    double processorQueue = 0;  ///< \System\Processor Queue Length, as it is collected; any double, also NaN.
+    double processorQueue = 0;  ///< \System\Processor Queue Length, when it is collected; any double, even NaN.
     DWORD processorCount = 4;   ///< May be 0.
     std::uint64_t memoryTotal = std::uint64_t{8} << 30;      ///< Bytes of physical memory; may be 0.
-    std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may be more than there are.
+    std::uint64_t memoryAvailable = std::uint64_t{4} << 30;  ///< Bytes; may exceed the total.
     DWORD osMajor = 10;
     DWORD osMinor = 0;
     DWORD osBuild = 19045;
@@ -23,19 +23,19 @@ struct Machine {
     WORD suiteMask = VER_SUITE_SINGLEUSERTS;
 };
 
-/// Puts the machine under these functions:
-/// - PdhOpenQueryW, PdhAddCounterW, PdhCollectQueryData, PdhGetFormattedCounterValue and PdhCloseQuery. There is one
-///   counter, \System\Processor Queue Length (in any case), which is answered as PDH_FMT_DOUBLE alone. It has data
-///   from the first collection after it was added, and keeps it until the next. Handles of queries and counters
-///   are never used again; those of a closed query are invalid.
-/// - GetSystemInfo, whose number of processors alone is the machine's.
+/// Simulates these functions with the machine:
+/// - PdhOpenQueryW, PdhAddCounterW, PdhCollectQueryData, PdhGetFormattedCounterValue and PdhCloseQuery. The only counter
+///   is \System\Processor Queue Length (case-insensitive), and its only format PDH_FMT_DOUBLE. It has data from the first
+///   collection after it was added, and keeps it until the next. Handles of queries and counters are never reused; those
+///   of a closed query are invalid.
+/// - GetSystemInfo, of which only the number of processors is the machine's.
 /// - GlobalMemoryStatusEx, whose physical memory and load are the machine's; fails with ERROR_INVALID_PARAMETER
 ///   unless dwLength is right.
 /// - GetVersionExW; fails with ERROR_INSUFFICIENT_BUFFER unless dwOSVersionInfoSize is that of one of the two structs.
-/// - VerifyVersionInfoW; fails with ERROR_OLD_WIN_VERSION, and with ERROR_BAD_ARGUMENTS where nothing, or something
-///   without a condition, is asked.
-/// - wxGetOsVersion of wxWidgets, which asks the system but once in a process.
-/// Failing calls leave their output parameters alone.
+/// - VerifyVersionInfoW; fails with ERROR_OLD_WIN_VERSION, and with ERROR_BAD_ARGUMENTS if no field is compared, or one
+///   without a condition.
+/// - wxWidgets' wxGetOsVersion, which queries the system only once in a process.
+/// Failing calls do not change their output parameters.
 /// @param machine  outlives the set.
 void InstallMachine(FunctionSet &functions, Machine &machine);
 

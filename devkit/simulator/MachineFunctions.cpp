@@ -1,4 +1,4 @@
-// The functions that tell of the machine.
+// The functions that report properties of the machine.
 #include "MachineFunctions.h"
 
 #include <memory>
@@ -29,7 +29,7 @@ void InstallQueries(FunctionSet &functions, const Machine &machine) {
     functions.Put<System::PdhCloseQuery>([queries](const auto &, PDH_HQUERY query) { return queries->Close(query); });
 }
 
-/// Percent of the physical memory that is in use.
+/// Percentage of the physical memory in use.
 DWORD MemoryLoad(const Machine &machine) {
     if (machine.memoryAvailable >= machine.memoryTotal)
         return 0;

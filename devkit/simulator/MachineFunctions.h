@@ -1,4 +1,4 @@
-// The functions that tell of a machine, each with the way in which it fails.
+// The functions that report properties of a machine, each with the way in which it fails.
 #pragma once
 
 #include <windows.h>
@@ -20,7 +20,7 @@ SIMULATOR_FUNCTION(GlobalMemoryStatusEx, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(GetVersionExW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(VerifyVersionInfoW, "KERNEL32.dll", ReturnsZero);
 
-/// By the name that GCC and Clang give it.
+/// By the name that GCC and Clang use.
 using wxGetOsVersion = Function<"_Z14wxGetOsVersionPiS_S_", FC_WX_DLL, int(int *, int *, int *), CannotFail>;
 
 }  // namespace Simulator::System
@@ -30,7 +30,7 @@ namespace Simulator {
 class FunctionSet;
 struct Machine;
 
-/// The part of InstallMachine that concerns the system's version.
+/// The part of InstallMachine for the system's version.
 void InstallMachineVersion(FunctionSet &functions, const Machine &machine);
 
 }  // namespace Simulator

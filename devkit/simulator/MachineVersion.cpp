@@ -1,4 +1,4 @@
-// The functions that tell the version of the machine's system.
+// The functions that report the version of the machine's system.
 #include <array>
 
 #include "FunctionSet.h"
@@ -23,7 +23,7 @@ void FillVersion(const Machine &machine, OSVERSIONINFOW &info) {
 }
 
 /// @param type  one bit, such as VER_MAJORVERSION.
-/// @return what VerSetConditionMask has put there: VER_EQUAL or another; 0 for nothing.
+/// @return the condition that VerSetConditionMask has set: VER_EQUAL or another; 0 for none.
 unsigned ConditionOf(DWORDLONG conditions, DWORD type) {
     unsigned place = 0;
     while ((type >>= 1) != 0)
@@ -54,7 +54,7 @@ bool CompareSuites(unsigned condition, WORD actual, WORD wanted) {
     return condition == VER_OR && (actual & wanted) != 0;
 }
 
-/// Numbers of the version count as one: the first that differs decides.
+/// The version numbers are compared together: the first that differs decides.
 bool CompareNumbers(const Machine &machine, const OSVERSIONINFOEXW &wanted, DWORD types, DWORDLONG conditions) {
     struct Number {
         DWORD type, actual, wanted;

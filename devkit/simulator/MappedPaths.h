@@ -1,4 +1,4 @@
-// Files and folders with a fixed path that lie elsewhere.
+// Files and folders with a fixed path that are stored elsewhere.
 #pragma once
 
 #include <filesystem>
@@ -15,10 +15,10 @@ class FunctionSet;
 /// Any thread.
 class MappedPaths {
 public:
-    /// What is at or below `from` is looked for at or below `to`. Of several that fit the longest counts, of equal
-    /// ones the last. Letters match in any case, slashes count as backslashes.
+    /// Maps what is at or below `from` to `to`. Of several matches the longest counts, of equal ones the last. Paths
+    /// are case-insensitive, slashes count as backslashes.
     void MapPath(const std::wstring &from, const std::filesystem::path &to);
-    /// Where a path is mapped to, if it is.
+    /// The mapped path, if there is one.
     [[nodiscard]] std::optional<std::wstring> Mapped(const wchar_t *path) const;
 
 private:
@@ -30,7 +30,7 @@ private:
     std::vector<Mapping> m_mappings;
 };
 
-/// Puts the mapped paths under fopen, _wfopen, fopen_s, _wfopen_s, CreateFileW, GetFileAttributesW,
+/// Applies the mapped paths to fopen, _wfopen, fopen_s, _wfopen_s, CreateFileW, GetFileAttributesW,
 /// GetFileAttributesExW, SetFileAttributesW, DeleteFileW, CreateDirectoryW, RemoveDirectoryW, FindFirstFileW, CopyFileW
 /// and MoveFileExW.
 /// @param paths  outlive the set.

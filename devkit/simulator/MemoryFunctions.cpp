@@ -1,5 +1,5 @@
-// The replacements of the memory functions. They go past journal and fault plans: they are called too often, and
-// a journal would allocate.
+// The replacements of the memory functions. They bypass journal and fault plans: they are called too often, and a
+// journal would allocate.
 #include "Balance.h"
 
 #include <cstring>
@@ -51,7 +51,7 @@ Balance &Books() {
     return Balance::Instance();
 }
 
-/// Who asked the operator new that is about to call malloc; 0 if none is.
+/// The caller of the operator new that is about to call malloc; 0 if there is none.
 const ThreadWord askedForNew;
 
 Balance::Request RequestOf(const char *function, std::size_t size, const void *caller) {
@@ -68,10 +68,10 @@ void *Malloc(std::size_t size) {
 
 void *Calloc(std::size_t count, std::size_t size) {
     if (size != 0 && count > SIZE_MAX / size)
-        return Real().calloc(count, size);  // fails as it does
+        return Real().calloc(count, size);  // fails like the real one
     void *block = Books().Allocate(RequestOf("calloc", count * size, CALLER),
                                    [count, size] { return Real().calloc(count, size); });
-    // The real one makes zeros without touching the memory; a guarded block has none.
+    // The real function gets zeros without touching the memory; a guarded block has none.
     std::size_t guardedSize = 0;
     if (block != nullptr && Books().GuardedSize(block, guardedSize))
         std::memset(block, 0, count * size);
@@ -126,7 +126,7 @@ void AlignedFree(void *block) {
     Books().Free(block, Real()._aligned_free);
 }
 
-// ---- The heaps of the system, which are not guarded
+// ---- The system's heaps, which are not guarded
 
 void *WINAPI HeapAlloc_(HANDLE heap, DWORD flags, SIZE_T size) {
     Balance::Request request = RequestOf("HeapAlloc", size, CALLER);
@@ -147,7 +147,7 @@ BOOL WINAPI HeapFree_(HANDLE heap, DWORD flags, void *block) {
     return freed;
 }
 
-// ---- The operators new of libstdc++, only to know who asks; they lead to its malloc
+// ---- libstdc++'s operator new, only to know the caller; it calls its malloc
 
 #ifndef _MSC_VER
 

@@ -85,7 +85,7 @@ std::string SymbolFile(HMODULE module) {
     const IMAGE_DATA_DIRECTORY *directory = FindDirectory(module, IMAGE_DIRECTORY_ENTRY_DEBUG);
     if (directory == nullptr)
         return {};
-    constexpr std::size_t nameOffset = 24;  // behind "RSDS", a GUID and an age
+    constexpr std::size_t nameOffset = 24;  // after "RSDS", a GUID and an age
     const auto *entry = AtRva<const IMAGE_DEBUG_DIRECTORY>(module, directory->VirtualAddress);
     for (const auto *end = entry + directory->Size / sizeof *entry; entry != end; ++entry) {
         if (entry->Type == IMAGE_DEBUG_TYPE_CODEVIEW)

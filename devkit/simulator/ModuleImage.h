@@ -11,7 +11,7 @@ namespace Simulator {
 
 /// Size of the mapped image in bytes.
 [[nodiscard]] std::size_t ImageSize(HMODULE module);
-/// The name of its file, without the folder.
+/// Its file name, without the folder.
 [[nodiscard]] std::string BaseName(HMODULE module);
 
 /// Whether the address lies within the mapped image.
@@ -25,17 +25,17 @@ struct Export {
     DWORD rva = 0;
     std::string forwardedTo;  ///< "OTHER.function", or empty.
 };
-/// In the order of the ordinals; a function with two names is there twice. Empty without an export table.
+/// In the order of the ordinals; a function with two names occurs twice. Empty without an export table.
 [[nodiscard]] std::vector<Export> Exports(HMODULE module);
 /// The names among them, sorted.
 [[nodiscard]] std::vector<std::string> ExportNames(HMODULE module);
 
-/// The PDB file that the image names; empty if it names none.
+/// The PDB file that the image names; empty if there is none.
 [[nodiscard]] std::string SymbolFile(HMODULE module);
 
-/// The records of the libraries that are loaded on first use.
+/// The records of the delay-loaded libraries.
 [[nodiscard]] std::vector<const IMAGE_DELAYLOAD_DESCRIPTOR *> DelayLoadRecords(HMODULE module);
-/// The names in them, as they are written there.
+/// Their names, as written there.
 [[nodiscard]] std::vector<std::string> DelayLoadedLibraries(HMODULE module);
 
 /// The header's entry (IMAGE_DIRECTORY_ENTRY_*); null if the module has none.

@@ -28,7 +28,7 @@ F Native(const char *name) {
     return reinterpret_cast<F>(reinterpret_cast<void *>(FindRealFunction("ntdll.dll", name)));
 }
 
-/// A name below a key, for the calls above.
+/// The name of a subkey, for the calls above.
 class Place {
 public:
     Place(HKEY parent, const std::wstring &name) {

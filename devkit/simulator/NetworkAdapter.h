@@ -1,4 +1,4 @@
-// A network adapter of the simulated machine: what its component, IP Helper and its device tell of it.
+// A network adapter of the simulated machine: what its component, IP Helper and its device report about it.
 #pragma once
 
 #include <cstdint>
@@ -11,27 +11,27 @@
 
 namespace Simulator {
 
-/// As a test makes it.
+/// As a test defines it.
 struct NetworkAdapter {
     std::wstring id;                            ///< Of its component, such as L"pci\\ven_8086&dev_100e".
-    std::wstring bindName;                      ///< Such as L"{guid}"; names it for IP Helper, and its device.
-    std::wstring pnpDevNodeId;                  ///< That of no other adapter.
+    std::wstring bindName;                      ///< Such as L"{guid}"; its name for IP Helper, and its device's.
+    std::wstring pnpDevNodeId;                  ///< Unique among adapters.
     std::optional<std::wstring> displayName{};  ///< Without one, GetDisplayName fails with E_FAIL.
     DWORD characteristics = NCF_PHYSICAL;
     ULONG deviceStatus = 0;
-    HRESULT deviceStatusResult = S_OK;  ///< What GetDeviceStatus answers.
+    HRESULT deviceStatusResult = S_OK;  ///< The result of GetDeviceStatus.
 
     bool inIpHelper = true;
-    DWORD index = 0;             ///< 0: one that no other has is set by PutAdapter.
-    std::vector<BYTE> mac{};     ///< IP Helper tells the first 8 bytes, the device all.
-    std::string ip = "0.0.0.0";  ///< That for none, as is it for the gateway.
+    DWORD index = 0;             ///< 0: PutAdapter sets a unique one.
+    std::vector<BYTE> mac{};     ///< IP Helper reports the first 8 bytes, the device all.
+    std::string ip = "0.0.0.0";  ///< This means none, as for the gateway.
     std::string gateway = "0.0.0.0";
-    std::vector<BYTE> gatewayMac{2, 0, 0, 0, 0, 1};  ///< What the gateway answers to ARP; nothing if it is empty.
+    std::vector<BYTE> gatewayMac{2, 0, 0, 0, 0, 1};  ///< The gateway's answer to ARP; none if it is empty.
 
-    DWORD openError = ERROR_SUCCESS;        ///< What opening the device fails with.
-    std::optional<DWORD> mediaStatus{0};    ///< 0 connected, 1 disconnected; without one, the query fails.
-    std::optional<std::uint64_t> frames{};  ///< Received; without a number, the query fails.
-    DWORD framesSize = 8;                   ///< In how many bytes they are told: 8 or 4.
+    DWORD openError = ERROR_SUCCESS;        ///< The error of opening the device.
+    std::optional<DWORD> mediaStatus{0};    ///< 0 connected, 1 disconnected; if empty, the query fails.
+    std::optional<std::uint64_t> frames{};  ///< Received; if empty, the query fails.
+    DWORD framesSize = 8;                   ///< The width in which they are reported: 8 or 4 bytes.
 };
 
 }  // namespace Simulator

@@ -10,17 +10,17 @@
 
 namespace Simulator {
 
-/// A component (a protocol, a filter) above an adapter. It counts while both are there.
+/// A component (a protocol, a filter) above an adapter. It counts while both exist.
 struct NetworkBinding {
     std::wstring adapter;    ///< Its pnpDevNodeId.
     std::wstring component;  ///< Its id.
     bool enabled = true;
 };
 
-/// One for each pair of ends, in the order in which they were made. All names are in any case.
+/// One for each pair of ends, in creation order. Names are case-insensitive.
 class NetworkBindingList {
 public:
-    /// Makes a binding, or changes it.
+    /// Creates a binding, or changes it.
     void Set(const NetworkBinding &binding);
     /// @return null if there is none.
     [[nodiscard]] const NetworkBinding *Find(const std::wstring &pnpDevNodeId, const std::wstring &componentId) const;

@@ -1,4 +1,4 @@
-// A binding as the simulated engine gives it out: a path of one interface.
+// A binding as the simulated engine returns it: a path of one interface.
 #pragma once
 
 #include <memory>
@@ -11,7 +11,7 @@
 
 namespace Simulator {
 
-/// When an end of it has gone, its methods answer NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT.
+/// When one of its ends was removed, its methods return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT.
 class NetworkBindingPath final : public ComObject<INetCfgBindingPath> {
 public:
     NetworkBindingPath(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
@@ -22,7 +22,7 @@ public:
 
     /// S_OK or S_FALSE.
     HRESULT STDMETHODCALLTYPE IsEnabled() override;
-    /// Needs the write lock. Until Apply, for this engine alone.
+    /// Needs the write lock. Affects only this engine until Apply.
     HRESULT STDMETHODCALLTYPE Enable(BOOL enable) override;
     HRESULT STDMETHODCALLTYPE EnumBindingInterfaces(IEnumNetCfgBindingInterface **interfaces) override;
 

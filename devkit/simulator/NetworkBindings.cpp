@@ -8,7 +8,7 @@ namespace Simulator {
 
 namespace {
 
-/// The binding in the machine's list; null if there is none, or an end of it has gone.
+/// The binding in the machine's list; null if there is none, or one of its ends was removed.
 const NetworkBinding *BindingBetween(NetworkState &state, const BindingEnds &ends) {
     const NetworkComponent *adapter = ComponentWithKey(state, ends.adapter);
     const NetworkComponent *component = ComponentWithKey(state, ends.component);

@@ -14,7 +14,7 @@ bool IsValid(const OBO_TOKEN &token) {
     return token.Type == OBO_USER || token.Type == OBO_COMPONENT || token.Type == OBO_SOFTWARE;
 }
 
-/// @param gone  receives its id if this is the removal that takes it away.
+/// @param gone  receives its id if this call removes it.
 HRESULT CountRemoval(NetworkComponent *component, std::optional<std::wstring> &gone) {
     if (component == nullptr)
         return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
@@ -28,7 +28,7 @@ HRESULT CountRemoval(NetworkComponent *component, std::optional<std::wstring> &g
     return component->deInstallResult;
 }
 
-/// What the next attempt answers.
+/// The result of the next attempt.
 HRESULT TakeResult(InstallableComponent &installable) {
     if (installable.results.empty())
         return S_OK;
@@ -47,7 +47,7 @@ unsigned InstallAndBind(NetworkState &state, const NetworkComponent &component) 
     return PutComponent(state, component);
 }
 
-/// @param key  receives that of the component, if it is there then.
+/// @param key  receives that of the component, if it exists then.
 HRESULT InstallIn(NetworkState &state, const std::wstring &id, const GUID &classGuid, unsigned &key) {
     const auto found = std::find_if(state.installable.begin(), state.installable.end(), [&](const auto &each) {
         return SameInAnyCase(each.component.id, id) && each.component.classGuid == classGuid;

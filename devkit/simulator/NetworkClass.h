@@ -1,4 +1,4 @@
-// A class of network components as the simulated engine gives it out, and its set-up.
+// A class of network components as the simulated engine returns it, and its set-up.
 #pragma once
 
 #include <memory>
@@ -18,9 +18,9 @@ public:
     /// For INetCfgClass, INetCfgClassSetup and IUnknown.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
-    /// S_FALSE if the class has none of that id.
+    /// S_FALSE if the class has none with that id.
     HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
-    /// Those of the class that there are now.
+    /// The current ones of the class.
     HRESULT STDMETHODCALLTYPE EnumComponents(IEnumNetCfgComponent **components) override;
 
     [[nodiscard]] const GUID &ClassGuid() const { return m_classGuid; }
@@ -35,22 +35,22 @@ public:
     NetworkClassSetup(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
                       std::shared_ptr<NetworkClass> ofClass);
 
-    /// What the class provides.
+    /// The class's interface to its set-up.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
     /// E_NOTIMPL
     HRESULT STDMETHODCALLTYPE SelectAndInstall(HWND parent, OBO_TOKEN *token, INetCfgComponent **component) override;
-    /// Answers and does, at once, as the component can be installed; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) if it
-    /// can't in this class. One that is there already is not installed a second time. Needs the write lock. The other
+    /// Does what the installable component says, at once; HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) if it can't be
+    /// installed in this class. One that exists already is not installed a second time. Needs the write lock. The other
     /// arguments have no effect.
-    /// @param token      may be null; E_INVALIDARG if its type is none.
-    /// @param component  may be null; null when a success leaves nothing.
+    /// @param token      may be null; E_INVALIDARG if its type is invalid.
+    /// @param component  may be null; receives null if a success installs nothing.
     HRESULT STDMETHODCALLTYPE Install(LPCWSTR id, OBO_TOKEN *token, DWORD setupFlags, DWORD upgradeFromBuild,
                                       LPCWSTR answerFile, LPCWSTR answerSections,
                                       INetCfgComponent **component) override;
-    /// Answers and does as the component has it. Needs the write lock.
+    /// Does what the component says. Needs the write lock.
     /// @param component   one of this engine's.
-    /// @param token       may be null; E_INVALIDARG if its type is none.
+    /// @param token       may be null; E_INVALIDARG if its type is invalid.
     /// @param references  receives null.
     HRESULT STDMETHODCALLTYPE DeInstall(INetCfgComponent *component, OBO_TOKEN *token, LPWSTR *references) override;
 

@@ -1,4 +1,4 @@
-// The bindings of a component as the simulated engine gives them out.
+// The bindings of a component as the simulated engine returns them.
 #pragma once
 
 #include <memory>
@@ -17,13 +17,12 @@ public:
     NetworkComponentBindings(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
                              std::shared_ptr<NetworkComponentObject> component);
 
-    /// What the component provides.
+    /// The component's interface to its bindings.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
     /// S_OK if the binding of this component to that adapter is enabled, S_FALSE if it is not, or there is none.
     HRESULT STDMETHODCALLTYPE IsBoundTo(INetCfgComponent *adapter) override;
-    /// The bindings that there are now, be they enabled or not: one path each, of one interface.
-    /// @param flags  EBP_ABOVE or EBP_BELOW.
+    /// The current bindings, enabled or not: one path each, of one interface. @param flags  EBP_ABOVE or EBP_BELOW.
     HRESULT STDMETHODCALLTYPE EnumBindingPaths(DWORD flags, IEnumNetCfgBindingPath **paths) override;
 
     // E_NOTIMPL

@@ -1,4 +1,4 @@
-// A component as the simulated engine gives it out.
+// A component as the simulated engine returns it.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,7 @@
 
 namespace Simulator {
 
-/// After the component was removed, or the engine uninitialised, its methods answer
+/// After the component was removed, or the engine uninitialised, its methods return
 /// NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT and NETCFG_E_NOT_INITIALIZED.
 class NetworkComponentObject final : public ComObject<INetCfgComponent> {
 public:
@@ -27,7 +27,7 @@ public:
     /// 0 unless it is an adapter.
     HRESULT STDMETHODCALLTYPE GetCharacteristics(LPDWORD characteristics) override;
 
-    // As the adapter has it; E_NOTIMPL if it is none.
+    // As the adapter says; E_NOTIMPL for other components.
     HRESULT STDMETHODCALLTYPE GetDisplayName(LPWSTR *name) override;
     HRESULT STDMETHODCALLTYPE GetPnpDevNodeId(LPWSTR *id) override;
     HRESULT STDMETHODCALLTYPE GetBindName(LPWSTR *name) override;
@@ -40,13 +40,12 @@ public:
     HRESULT STDMETHODCALLTYPE OpenParamKey(HKEY *key) override;
     HRESULT STDMETHODCALLTYPE RaisePropertyUi(HWND parent, DWORD flags, IUnknown *context) override;
 
-    /// Of the component that it stands for; see NetworkComponent::key.
+    /// The component's key; see NetworkComponent::key.
     [[nodiscard]] unsigned Key() const { return m_key; }
 
 private:
     HRESULT GiveBindings(const char *function, void **object);
-    /// Hands out a text of the adapter.
-    /// @param read  yields it; without one, the call fails with E_FAIL.
+    /// Returns a text of the adapter. @param read  gets it; if it is empty, the call fails with E_FAIL.
     template <class Read>
     HRESULT GiveText(const char *function, LPWSTR *text, Read read) {
         if (text == nullptr)
@@ -61,7 +60,7 @@ private:
             return *text == nullptr ? E_OUTOFMEMORY : S_OK;
         });
     }
-    /// Works on the component.
+    /// Accesses the component.
     template <class Body>
     HRESULT With(Body body) {
         return m_engine->WhenInitialized([&](NetworkState &state) -> HRESULT {

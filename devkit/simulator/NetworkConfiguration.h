@@ -25,42 +25,43 @@ class FunctionSet;
 struct ComLibrary;
 struct Core;
 
-/// A component as a test makes it. Several may have the same id; the first is found first.
+/// A component as a test defines it. Several may have the same id; the first is found first.
 struct NetworkComponent {
     std::wstring id;
     GUID classGuid = GUID_DEVCLASS_NETSERVICE;
-    HRESULT deInstallResult = S_OK;    ///< What each DeInstall answers.
-    unsigned deInstallsUntilGone = 1;  ///< The DeInstall that takes it away, among those that succeed; 0 for none.
-    std::optional<NetworkAdapter> adapter{};  ///< What it is, if it is one; see PutAdapter.
-    unsigned key = 0;                         ///< Set by Put; never that of another.
-    bool goesAtBoot = false;                  ///< A DeInstall asked for a reboot, and left it there.
+    HRESULT deInstallResult = S_OK;           ///< The result of each DeInstall.
+    unsigned deInstallsUntilGone = 1;         ///< The number of the successful DeInstall that removes it; 0 for none.
+    std::optional<NetworkAdapter> adapter{};  ///< The adapter, if it is one; see PutAdapter.
+    unsigned key = 0;                         ///< Set by Put; unique.
+    bool goesAtBoot = false;                  ///< A DeInstall requested a reboot, which removes it.
 };
 
-/// What INetCfgClassSetup::Install knows to install: the component as Put gets it, bound to every adapter there is.
+/// A component that INetCfgClassSetup::Install can install: it is added with Put, and bound to every adapter.
 struct InstallableComponent {
     NetworkComponent component;
-    std::vector<HRESULT> results{};  ///< What the next attempts answer, each one once; then S_OK.
-    bool leavesNothing = false;      ///< A success installs nothing.
+    std::vector<HRESULT> results{};  ///< The results of the next attempts; then S_OK.
+    bool leavesNothing = false;      ///< A success has no effect.
 };
 
-/// Something that has happened to the network by calls of the program.
+/// A change of the network by calls of the program.
 struct NetworkMoment {
     enum class What {
-        Installed,        ///< By an Install that succeeded, with a component that is there now.
-        Removed,          ///< By the DeInstall that took it away.
-        BindingDisabled,  ///< By an Apply, as is the next.
+        Installed,        ///< By a successful Install; the component exists now.
+        Removed,          ///< By the DeInstall that removed it.
+        BindingDisabled,  ///< By an Apply, like the next.
         BindingEnabled,
     };
     What what;
     std::wstring component;    ///< Its id, as the machine has it.
-    std::wstring adapter{};    ///< Its pnpDevNodeId; empty if no binding is meant.
-    bool needsReboot = false;  ///< The call asked for one.
+    std::wstring adapter{};    ///< Its pnpDevNodeId; empty unless a binding changed.
+    bool needsReboot = false;  ///< The call requested one.
 };
 
-/// Who holds the write lock.
+/// The holder of the write lock.
 struct NetworkLockHolder {
     std::wstring description;
-    bool inThisProcess = false;  ///< By an engine's AcquireWriteLock. Others' locks no call of this process frees.
+    bool inThisProcess =
+        false;  ///< By an engine's AcquireWriteLock. Calls of this process can't release others' locks.
 };
 
 /// A row of the ARP cache.
@@ -71,22 +72,23 @@ struct ArpEntry {
     DWORD type = MIB_IPNET_TYPE_DYNAMIC;
 };
 
-/// All that a test fills in and a run changes.
+/// All that a test sets and a run changes.
 struct NetworkState {
-    std::vector<NetworkComponent> components;  ///< Added by NetworkConfiguration::Put and PutAdapter: keys ascend.
+    std::vector<NetworkComponent>
+        components;  ///< Added by NetworkConfiguration::Put and PutAdapter, with ascending keys.
     unsigned lastKey = 0;
     std::vector<InstallableComponent> installable;
     NetworkBindingList bindings;            ///< Set by NetworkConfiguration::Bind.
-    std::vector<ArpEntry> arp;              ///< What the ARP cache has.
-    HRESULT initializeResult = S_OK;        ///< What INetCfg::Initialize answers where nothing else is wrong.
-    HRESULT applyResult = S_OK;             ///< The same of INetCfg::Apply.
-    std::optional<NetworkLockHolder> lock;  ///< Stays when an engine or its thread goes without giving it back.
+    std::vector<ArpEntry> arp;              ///< The rows of the ARP cache.
+    HRESULT initializeResult = S_OK;        ///< The result of INetCfg::Initialize if nothing else fails.
+    HRESULT applyResult = S_OK;             ///< The same for INetCfg::Apply.
+    std::optional<NetworkLockHolder> lock;  ///< Stays held when an engine or its thread ends without releasing it.
     DWORD lockWaitMs = 0;                   ///< How long AcquireWriteLock waits in vain, by the simulated clock;
                                             ///< at most the timeout it is given.
 };
 
-// For the following the state stays the caller's: valid within NetworkConfiguration::Use. All names are in any case,
-// and null stands for none.
+// The caller keeps the state: results are valid within NetworkConfiguration::Use. Names are case-insensitive, and null
+// means none.
 
 /// The first component of that id.
 [[nodiscard]] NetworkComponent *ComponentWithId(NetworkState &state, const std::wstring &id);
@@ -99,22 +101,22 @@ unsigned PutComponent(NetworkState &state, NetworkComponent component);
 /// Any thread.
 class NetworkConfiguration {
 public:
-    /// @param devices  those that go with their component.
+    /// @param devices  those that are removed with their component.
     explicit NetworkConfiguration(std::shared_ptr<DeviceManager> devices) : m_devices(std::move(devices)) {}
 
-    /// Adds the component behind the others.
+    /// Appends the component.
     void Put(NetworkComponent component);
-    /// Adds a component of class GUID_DEVCLASS_NET that is this adapter, with no binding.
+    /// Appends a component of class GUID_DEVCLASS_NET that is this adapter, without bindings.
     void PutAdapter(NetworkAdapter adapter);
-    /// The adapter vanishes; its bindings come back with it.
+    /// The adapter vanishes; its bindings return with it.
     void RemoveAdapter(const std::wstring &pnpDevNodeId);
-    /// Makes a binding, or changes it.
+    /// Creates a binding, or changes it.
     void Bind(const std::wstring &pnpDevNodeId, const std::wstring &componentId, bool enabled = true);
-    /// Whether it is enabled; nothing if there is none. What an engine has not applied does not count.
+    /// Whether it is enabled; empty if there is none. Without changes that an engine has not applied.
     [[nodiscard]] std::optional<bool> Binding(const std::wstring &pnpDevNodeId, const std::wstring &componentId) const;
-    /// Changes an adapter that is there: network.ChangeAdapter(node, [](NetworkAdapter &it) { it.ip = "0.0.0.0"; }).
-    /// @param body  must not block, nor come back here.
-    /// @return whether there is one.
+    /// Changes an existing adapter: network.ChangeAdapter(node, [](NetworkAdapter &it) { it.ip = "0.0.0.0"; }).
+    /// @param body  must not block, nor call this object.
+    /// @return whether it exists.
     template <class Body>
     bool ChangeAdapter(const std::wstring &pnpDevNodeId, Body body) {
         return Use([&](NetworkState &state) {
@@ -124,12 +126,13 @@ public:
             return component != nullptr;
         });
     }
-    /// What a network that breaks and heals by the program's calls does in such a moment. Called inside the simulator,
-    /// in the thread of the call, while nothing is held: it may come back here, and wait for nobody.
+    /// Called at each moment of the network, for a network that breaks and recovers by the program's calls. Runs inside
+    /// the simulator, in the thread of the call, with no lock held: it may call this object, but must not wait for
+    /// others.
     void OnMoment(std::function<void(const NetworkMoment &)> observer);
-    /// Whether there is a component of that id, in any case.
+    /// Whether there is a component of that id, case-insensitive.
     [[nodiscard]] bool Has(const std::wstring &id) const;
-    /// The lock is held by another process from now on.
+    /// Another process holds the lock from now on.
     void LockFromElsewhere(const std::wstring &description);
     /// Whoever holds the lock gives it back.
     void Unlock();
@@ -139,7 +142,7 @@ public:
     [[nodiscard]] NetworkState Read() const;
 
     /// Reads or changes the state: network.Use([](NetworkState &state) { state.applyResult = E_FAIL; }).
-    /// @param body  must not block, nor come back here.
+    /// @param body  must not block, nor call this object.
     template <class Body>
     auto Use(Body body) {
         const InsideSimulator inside;
@@ -147,10 +150,10 @@ public:
         return body(m_state);
     }
 
-    /// Removes the component for good, and, if it was the last of its id, its bindings and the devices that are tied
-    /// to it.
+    /// Removes the component for good, and, if it was the last of its id, its bindings and the devices that belong to
+    /// it.
     void Remove(unsigned key);
-    /// Calls who is to be told.
+    /// Calls the observer.
     void Tell(const NetworkMoment &moment) const;
 
 private:
@@ -160,13 +163,13 @@ private:
     std::function<void(const NetworkMoment &)> m_observer;
 };
 
-/// The names of all methods that are in journal and faults.
+/// The names of all methods in journal and faults.
 [[nodiscard]] std::span<const char *const> NetworkMethods();
 
-/// Puts the class CLSID_CNetCfg under CoCreateInstance. Of its interfaces there are INetCfg, INetCfgLock, INetCfgClass,
-/// INetCfgClassSetup, INetCfgComponent and those of bindings; of the methods, those that are told where they are
-/// declared. The others answer E_NOTIMPL. Every call but AddRef and Release is in journal and faults under the names of
-/// its interface and its method, such as "INetCfg::QueryInterface".
+/// Simulates the class CLSID_CNetCfg for CoCreateInstance, with the interfaces INetCfg, INetCfgLock, INetCfgClass,
+/// INetCfgClassSetup, INetCfgComponent and those of bindings; the simulated methods are described where they are
+/// declared. The others return E_NOTIMPL. Every call except AddRef and Release is in journal and faults under the names
+/// of its interface and its method, such as "INetCfg::QueryInterface".
 /// @param library  outlives the set.
 void InstallNetwork(FunctionSet &functions, const std::shared_ptr<Core> &core, const ComLibrary &library,
                     const std::shared_ptr<NetworkConfiguration> &network);

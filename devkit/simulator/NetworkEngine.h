@@ -1,4 +1,4 @@
-// The simulated engine of the network configuration: the object that INetCfg is the interface of, and its lock.
+// The simulated engine of the network configuration: the object behind INetCfg, and its lock.
 #pragma once
 
 #include <memory>
@@ -31,21 +31,20 @@ public:
     HRESULT STDMETHODCALLTYPE Initialize(PVOID reserved) override;
     /// This and the following: NETCFG_E_NOT_INITIALIZED before.
     HRESULT STDMETHODCALLTYPE Uninitialize() override;
-    /// The changes of bindings become the machine's. This and Cancel: NETCFG_E_NO_WRITE_LOCK without the lock.
+    /// Applies the changes of bindings to the machine. This and Cancel: NETCFG_E_NO_WRITE_LOCK without the lock.
     HRESULT STDMETHODCALLTYPE Apply() override;
-    /// They are forgotten, as by Uninitialize.
+    /// Discards them, like Uninitialize.
     HRESULT STDMETHODCALLTYPE Cancel() override;
-    /// Those of the class, or all, that there are now.
-    /// @param classGuid  may be null.
+    /// The current components of the class, or all. @param classGuid  may be null.
     HRESULT STDMETHODCALLTYPE EnumComponents(const GUID *classGuid, IEnumNetCfgComponent **components) override;
     /// S_FALSE if there is none.
     HRESULT STDMETHODCALLTYPE FindComponent(LPCWSTR id, INetCfgComponent **component) override;
     /// For INetCfgClass and INetCfgClassSetup of any class.
     HRESULT STDMETHODCALLTYPE QueryNetCfgClass(const GUID *classGuid, REFIID iid, void **object) override;
 
-    // For the objects that it has given. They keep it.
+    // For the objects that it returns. They keep it alive.
 
-    /// Works on the state of an initialised engine.
+    /// Accesses the state of an initialised engine.
     template <class Body>
     HRESULT WhenInitialized(Body body) {
         return m_network->Use(
@@ -57,28 +56,27 @@ public:
         return WhenInitialized(
             [&](NetworkState &state) -> HRESULT { return HasLock(state) ? body(state) : NETCFG_E_NO_WRITE_LOCK; });
     }
-    /// The component of that id, among those of the class if one is named; S_FALSE if there is none.
+    /// The component with that id, of the class if one is named; S_FALSE if there is none.
     HRESULT Find(LPCWSTR id, const GUID *classGuid, const char *function, INetCfgComponent **component);
-    /// Those of the class that there are now, for an enumeration.
-    /// @param classGuid  null for all.
+    /// The current ones of the class, for an enumeration. @param classGuid  null for all.
     HRESULT Enumerate(const GUID *classGuid, const char *function, IEnumNetCfgComponent **components);
     [[nodiscard]] NetworkConfiguration &Network() { return *m_network; }
 
-    /// The component of that key, for the program.
+    /// A reference to the component with that key, for the program.
     INetCfgComponent *GiveComponent(unsigned key, const char *function);
 
     // Bindings as this engine has changed them.
 
     /// S_OK if it is enabled, S_FALSE if it is not, NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT if there is none.
     HRESULT IsEnabled(const BindingEnds &ends);
-    /// Until Apply for this engine alone. Needs the write lock.
+    /// Affects only this engine until Apply. Needs the write lock.
     HRESULT Enable(const BindingEnds &ends, bool enable);
-    /// The bindings that the component is an end of, those above it or those below it.
+    /// The bindings that the component is one end of, above it or below it.
     HRESULT BindingsOf(unsigned key, bool above, std::vector<BindingEnds> &bindings);
 
     /// How long to wait for the lock in vain.
     [[nodiscard]] DWORD LockWait(DWORD timeoutMs);
-    /// @param holder  receives the description of who has it, if that is not this call.
+    /// @param holder  receives the description of the holder, if that is not this call.
     HRESULT TakeLock(LPCWSTR description, std::wstring &holder);
     HRESULT ReleaseLock();
 
@@ -100,13 +98,12 @@ class NetworkLock final : public ComObject<INetCfgLock> {
 public:
     NetworkLock(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine);
 
-    /// What the engine provides.
+    /// The engine's interface to its lock.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
-    /// S_FALSE, with the holder's description, while somebody has the lock, be it the same engine. Where that is
-    /// another engine of the process, also one of a killed thread, the lock serves this engine, too, and can be
-    /// released by it.
-    /// @param lockedBy  may be null; null if the lock was free.
+    /// S_FALSE, with the holder's description, while the lock is held, even by the same engine. If the holder is
+    /// another engine of the process, even one of a killed thread, this engine shares the lock and can release it.
+    /// @param lockedBy  may be null; receives null if the lock was free.
     HRESULT STDMETHODCALLTYPE AcquireWriteLock(DWORD timeoutMs, LPCWSTR description, LPWSTR *lockedBy) override;
     /// NETCFG_E_NO_WRITE_LOCK without the lock.
     HRESULT STDMETHODCALLTYPE ReleaseWriteLock() override;

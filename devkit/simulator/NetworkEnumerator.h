@@ -1,4 +1,4 @@
-// The lists in which the simulated engine gives out what it has.
+// The enumerations that the simulated engine returns.
 #pragma once
 
 #include <algorithm>
@@ -24,7 +24,7 @@ struct EnumeratorNames {
     const char *clone;
 };
 
-/// A list as it was when it was made. What it gives is the same object each time.
+/// A list as it was when it was created. It returns the same object each time.
 template <class Interface, class Item>
 class NetworkEnumerator final : public ComObject<Interface> {
 public:
@@ -45,8 +45,7 @@ public:
         return E_NOINTERFACE;
     }
 
-    /// S_FALSE, and null where there is nothing, if there are not so many left.
-    /// @param fetched  may be null for one.
+    /// S_FALSE if fewer are left, and null for the missing ones. @param fetched  may be null for one.
     HRESULT STDMETHODCALLTYPE Next(ULONG count, Item **items, ULONG *fetched) override {
         if (items != nullptr && (count == 1 || fetched != nullptr))
             std::fill_n(items, count, nullptr);
@@ -55,7 +54,7 @@ public:
         return this->Call(m_names.next, [&] { return Fetch(count, items, fetched); }, count, items, fetched);
     }
 
-    /// S_FALSE if there are not so many left.
+    /// S_FALSE if fewer are left.
     HRESULT STDMETHODCALLTYPE Skip(ULONG count) override {
         return this->Call(
             m_names.skip,
@@ -74,7 +73,7 @@ public:
         });
     }
 
-    /// The same list, from here on.
+    /// The same list, from the current position on.
     HRESULT STDMETHODCALLTYPE Clone(Interface **copy) override {
         ClearResult(copy);
         return this->Call(
@@ -106,8 +105,7 @@ private:
         return there == count ? S_OK : S_FALSE;
     }
 
-    /// @param from  receives where it was.
-    /// @return how many are passed.
+    /// @param from  receives the old position. @return how many are skipped.
     ULONG Advance(ULONG count, std::size_t &from) {
         const LockGuard guard(m_lock);
         from = m_position;

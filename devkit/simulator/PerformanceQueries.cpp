@@ -16,7 +16,7 @@ constexpr PDH_STATUS Status(DWORD code) {
     return static_cast<PDH_STATUS>(code);
 }
 
-/// Never the same twice, not even in a later simulation, and never one of the system's, whose low bits are clear.
+/// Never reused, not even in a later simulation, and different from the system's handles, whose low bits are clear.
 HANDLE NewHandle() {
     static std::atomic<std::uintptr_t> last{0x70440001};
     return reinterpret_cast<HANDLE>(last += 2);
@@ -26,7 +26,7 @@ bool IsKnown(const wchar_t *path) {
     return CompareStringOrdinal(path, -1, kPath, -1, TRUE) == CSTR_EQUAL;
 }
 
-/// Scaling does not concern the counter.
+/// Scaling does not affect the counter.
 bool IsDouble(DWORD format) {
     return (format & ~(PDH_FMT_NOSCALE | PDH_FMT_NOCAP100)) == PDH_FMT_DOUBLE;
 }

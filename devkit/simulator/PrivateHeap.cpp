@@ -19,7 +19,7 @@ struct Heap {
     decltype(&::HeapFree) release = RealKernelFunction(&::HeapFree, "HeapFree");
 };
 
-/// Lives as long as the process: the books are kept until its very end.
+/// Lives as long as the process: resources are counted until its very end.
 const Heap &TheHeap() {
     static const Heap heap;
     return heap;

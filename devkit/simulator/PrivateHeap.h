@@ -1,4 +1,4 @@
-// Memory for the simulator's own books, from a heap of its own that no redirected function leads to.
+// Memory for the simulator's own records, from a separate heap that no redirected function uses.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 namespace Simulator {
 
-/// Null when there is no more.
+/// Null if there is no more memory.
 [[nodiscard]] void *PrivateAllocate(std::size_t size);
 void PrivateFree(void *block);
 

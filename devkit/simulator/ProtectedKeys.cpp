@@ -1,4 +1,4 @@
-// The functions of the registry, as far as they know of protected keys.
+// The functions of the registry, as far as protected keys affect them.
 #include <optional>
 #include <string>
 
@@ -19,15 +19,14 @@ constexpr LONG kStatusUnsuccessful = static_cast<LONG>(0xC0000001);
 constexpr LONG kStatusAccessDenied = static_cast<LONG>(0xC0000022);
 constexpr LONG kStatusKeyDeleted = static_cast<LONG>(0xC000017C);
 
-/// The system's own status for an error of Windows.
+/// The native status for a Windows error.
 LONG StatusOf(DWORD error) {
     if (error == ERROR_ACCESS_DENIED)
         return kStatusAccessDenied;
     return error == ERROR_KEY_DELETED ? kStatusKeyDeleted : kStatusUnsuccessful;
 }
 
-/// The key's path below that which stands for HKEY_LOCAL_MACHINE; nothing if there is no such key, or if it lies
-/// elsewhere.
+/// The key's path below the sandbox's HKEY_LOCAL_MACHINE; empty if there is no such key, or if it lies elsewhere.
 std::optional<std::wstring> MachinePath(const RegistrySandbox &registry, HKEY key) {
     const std::wstring name = NativeName(key);
     const std::wstring above = NativeName(registry.MachineRoot()) + L'\\';

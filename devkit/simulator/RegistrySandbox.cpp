@@ -26,7 +26,7 @@ UniqueKey Create(HKEY parent, const std::wstring &path) {
     return UniqueKey(key);
 }
 
-/// As above; another process may take the parent that all share away while it is empty, between the making of the two.
+/// As above; another process may delete the shared parent while it is empty, between the creation of the two.
 UniqueKey CreateRoot(HKEY software, const std::wstring &path) {
     constexpr int tries = 1000;
     HKEY key = nullptr;
@@ -109,7 +109,7 @@ std::string Line(const Value &value) {
     return line + "\n";
 }
 
-/// Of a link: what it leads to, in the registry's own form.
+/// A link's target, in the registry's own form.
 std::optional<std::wstring> LinkTarget(HKEY key) {
     for (const Value &value : Values(key))
         if (value.type == REG_LINK)
@@ -142,13 +142,13 @@ void AppendTree(std::string &text, HKEY key, const std::wstring &path) {
     }
 }
 
-/// The part of a path before its last name, and that name.
+/// A path without its last name, and that name.
 std::pair<std::wstring, std::wstring> SplitPath(const std::wstring &path) {
     const std::size_t end = path.find_last_of(L'\\');
     return end == path.npos ? std::pair(std::wstring(), path) : std::pair(path.substr(0, end), path.substr(end + 1));
 }
 
-/// Deletes a key with all below it, if it is there; of a link nothing but itself.
+/// Deletes a key with all subkeys, if it exists; of a link only itself.
 LONG DeleteTree(HKEY root, const std::wstring &path) {
     const auto [above, name] = SplitPath(path);
     const UniqueKey parent = Open(root, above);
@@ -165,13 +165,13 @@ RegistrySandbox::RegistrySandbox() {
     HKEY software = nullptr;
     Check(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_ALL_ACCESS, &software), "RegOpenKeyExW");
     m_software.reset(software);
-    DeleteTree(m_software.get(), m_path);  // left by a process that had this number before
+    DeleteTree(m_software.get(), m_path);  // left by an earlier process with this id
     m_machineRoot = CreateRoot(m_software.get(), m_path + L"\\machine");
     m_userRoot = CreateRoot(m_software.get(), m_path + L"\\user");
     Check(RegOverridePredefKey(HKEY_LOCAL_MACHINE, m_machineRoot.get()), "RegOverridePredefKey");
     const LSTATUS status = RegOverridePredefKey(HKEY_CURRENT_USER, m_userRoot.get());
     if (status != ERROR_SUCCESS)
-        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);  // no destructor runs
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);  // the destructor does not run
     Check(status, "RegOverridePredefKey");
 }
 
@@ -182,7 +182,7 @@ RegistrySandbox::~RegistrySandbox() {
     m_machineRoot.reset();
     m_userRoot.reset();
     DeleteTree(m_software.get(), m_path);
-    RegDeleteKeyW(m_software.get(), kParent);  // fails while other sandboxes are there
+    RegDeleteKeyW(m_software.get(), kParent);  // fails while other sandboxes exist
 }
 
 HKEY RegistrySandbox::KeyOf(HKEY root) const {
@@ -200,7 +200,7 @@ void RegistrySandbox::PutBytes(HKEY root, const std::wstring &path, const std::w
                                const std::vector<std::uint8_t> &bytes) {
     const InsideSimulator inside;
     const UniqueKey key = Create(root, path);
-    // A zero that happens to follow a text without one would be stored with it.
+    // A zero that happens to follow an unterminated text would be stored with it.
     std::vector<std::uint8_t> ended = bytes;
     ended.insert(ended.end(), 2 * sizeof(wchar_t), 0xff);
     Check(RegSetValueExW(key.get(), name.c_str(), 0, type, ended.data(), static_cast<DWORD>(bytes.size())),

@@ -8,7 +8,7 @@ namespace Simulator {
 
 namespace {
 
-/// Whether everyone has all rights to the key itself by this entry.
+/// Whether this entry gives everyone all rights to the key itself.
 bool OpensKey(const AccessEntry &entry) {
     const bool all = (entry.mask & GENERIC_ALL) != 0 || (entry.mask & KEY_ALL_ACCESS) == KEY_ALL_ACCESS;
     return entry.type == ACCESS_ALLOWED_ACE_TYPE && (entry.flags & INHERIT_ONLY_ACE) == 0 && all &&
@@ -21,7 +21,7 @@ bool OpensBelow(const AccessEntry &entry) {
     return (entry.flags & CONTAINER_INHERIT_ACE) != 0 && OpensKey(inherited);
 }
 
-/// The path of the key above; empty at the root.
+/// The path of the parent key; empty at the root.
 std::wstring Above(const std::wstring &path) {
     const std::size_t end = path.find_last_of(L'\\');
     return end == std::wstring::npos ? std::wstring() : path.substr(0, end);

@@ -24,7 +24,7 @@ struct LocalMemory {
     void operator()(wchar_t *memory) const { LocalFree(memory); }
 };
 
-/// Empty if it is none.
+/// Empty if it is invalid.
 std::wstring SidText(PSID sid) {
     wchar_t *text = nullptr;
     if (sid == nullptr || !IsValidSid(sid) || !ConvertSidToStringSidW(sid, &text))
@@ -36,13 +36,13 @@ std::vector<AccessEntry> Entries(ACL *list) {
     std::vector<AccessEntry> entries;
     void *found = nullptr;
     for (DWORD i = 0; i < list->AceCount && GetAce(list, i, &found); ++i) {
-        auto *entry = static_cast<ACCESS_ALLOWED_ACE *>(found);  // one that denies is laid out the same
+        auto *entry = static_cast<ACCESS_ALLOWED_ACE *>(found);  // one that denies has the same layout
         entries.push_back({entry->Header.AceType, entry->Header.AceFlags, entry->Mask, SidText(&entry->SidStart)});
     }
     return entries;
 }
 
-/// @param path  is given the path below HKEY_LOCAL_MACHINE.
+/// @param path  receives the path below HKEY_LOCAL_MACHINE.
 DWORD FindKey(const wchar_t *name, std::wstring &path) {
     constexpr std::size_t prefix = std::size(kMachine) - 1;
     if (_wcsnicmp(name, kMachine, prefix) != 0)
@@ -87,7 +87,7 @@ DWORD SetKeySecurity(Security &security, const NamedSecurity &asked) {
     return error == ERROR_SUCCESS ? security.Apply(path, change) : error;
 }
 
-/// The rights that the handle was opened with; nothing if there is no such handle.
+/// The rights that the handle was opened with; empty for an invalid handle.
 std::optional<ACCESS_MASK> GrantedRights(HANDLE handle) {
     using QueryFunction = decltype(&::NtQueryObject);
     static const auto query =
@@ -104,8 +104,7 @@ std::wstring PrivilegeName(LUID luid) {
     return LookupPrivilegeNameW(nullptr, &luid, name, &length) ? name : std::wstring();
 }
 
-/// What AdjustTokenPrivileges leaves as the last error; success of the call but for these: ERROR_SUCCESS and
-/// ERROR_NOT_ALL_ASSIGNED.
+/// The last error of AdjustTokenPrivileges; the call succeeds with ERROR_SUCCESS and ERROR_NOT_ALL_ASSIGNED.
 DWORD Adjust(Security &security, HANDLE token, bool disableAll, const TOKEN_PRIVILEGES *wanted, bool asksPrevious) {
     if (asksPrevious)
         return ERROR_NOT_SUPPORTED;

@@ -11,7 +11,7 @@ namespace Simulator {
 
 namespace {
 
-/// Never the same twice, and never one of the system's, whose low bits are clear.
+/// Never reused, and different from the system's handles, whose low bits are clear.
 SC_HANDLE NewServiceHandle() {
     static std::atomic<std::uintptr_t> last{0x53430001};
     return reinterpret_cast<SC_HANDLE>(last += 2);

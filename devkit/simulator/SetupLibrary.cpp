@@ -41,7 +41,7 @@ DWORD Uninstall(const SetupLibrary &setup, const SystemFolders *folders, const w
     return ERROR_SUCCESS;
 }
 
-/// The path that the next INF file gets.
+/// The path for the next INF file.
 std::filesystem::path NextInf(const SystemFolders &folders) {
     std::error_code ignored;
     for (unsigned number = 0;; ++number) {
@@ -51,7 +51,7 @@ std::filesystem::path NextInf(const SystemFolders &folders) {
     }
 }
 
-/// What SetupCopyOEMInfW tells of the file's new path.
+/// What SetupCopyOEMInfW reports about the file's new path.
 struct NewPath {
     wchar_t *text;
     DWORD size;

@@ -26,16 +26,16 @@ SIMULATOR_FUNCTION(SetupCopyOEMInfW, "SETUPAPI.dll", ReturnsZero);
 
 }  // namespace System
 
-/// The plain members are set before the functions are called. The others: any thread.
+/// Set the plain members before the functions are called. The others: any thread.
 class SetupLibrary {
 public:
-    /// What each SetupUninstallOEMInfW fails with.
+    /// The error of each SetupUninstallOEMInfW.
     DWORD uninstallError = ERROR_SUCCESS;
-    /// What an InstallHinfSectionW does, inside the simulator; nothing if it is empty.
+    /// Called by InstallHinfSectionW, inside the simulator; may be empty.
     /// @param command  such as L"DefaultUninstall 128 C:\\folder\\driver.inf".
     std::function<void(const std::wstring &command)> onInstallSection;
 
-    /// From now on SetupCopyOEMInfW fails for INF files of that name, in any case.
+    /// From now on SetupCopyOEMInfW fails for INF files of that name, case-insensitive.
     /// @param fileName  without a folder, such as L"driver.inf".
     /// @param error     ERROR_SUCCESS ends it.
     void FailCopy(const std::wstring &fileName, DWORD error);
@@ -45,7 +45,7 @@ public:
     /// @param function  "SetupUninstallOEMInfW" or "InstallHinfSectionW".
     void Lack(const std::string &function);
     [[nodiscard]] bool Lacks(const std::string &function) const;
-    /// The commands that InstallHinfSectionW was given, in the order of the calls.
+    /// The commands passed to InstallHinfSectionW, in the order of the calls.
     [[nodiscard]] std::vector<std::wstring> Commands() const;
 
     void InstallSection(const std::wstring &command);
@@ -57,15 +57,15 @@ private:
     std::vector<std::wstring> m_commands;
 };
 
-/// Puts the library under its functions, and under GetProcAddress for those that it lacks.
-/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It wants a name without a
-///   folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and is there
+/// Simulates the library's functions, and GetProcAddress for those that it lacks.
+/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It requires a name without
+///   a folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and exists
 ///   (else ERROR_FILE_NOT_FOUND).
-/// - SetupCopyOEMInfW copies the file that is there to the folder of INF files, as oemN.inf with the least N that is
-///   free. It fails with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the path that it has then does not
-///   fit, and with ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
-/// - InstallHinfSectionW notes its command and hands it on.
-/// Further lets GetModuleHandleW through.
+/// - SetupCopyOEMInfW copies an existing file to the folder of INF files, as oemN.inf with the lowest free N. It fails
+///   with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the new path does not fit, and with
+///   ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
+/// - InstallHinfSectionW records its command and passes it on.
+/// Also passes GetModuleHandleW through.
 /// @param folders  null: there is no INF file.
 /// Both outlive the set.
 void InstallSetupLibrary(FunctionSet &functions, SetupLibrary &setup, const SystemFolders *folders);

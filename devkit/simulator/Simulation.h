@@ -14,16 +14,17 @@
 
 namespace Simulator {
 
-/// What of it is wanted. Journal, faults and clock always are there; the clock starts as the real one.
+/// The parts that it should have. Journal, faults and clock always exist; the clock starts as the real one.
 struct SimulationParts {
-    bool registry = true;  ///< A registry of its own, and the registry functions in journal and faults.
-    bool folders = true;   ///< Folders of its own, mapped paths, and the file functions in journal and faults.
-    bool balance = true;   ///< Counts what is made and not given back: see Kind.
-    bool machine = true;   ///< A load and a version of its own, and the functions that tell them in journal and faults.
-    bool services = true;  ///< Services of its own, none at first, and their functions in journal and faults.
-    bool security = true;  ///< Privileges and security of keys of its own, and their functions in journal and faults.
-    bool setup = true;     ///< The functions for INF files, on the folders if there are some.
-    bool network = true;   ///< COM, network components, adapters and devices, none at first, with all that tells them.
+    bool registry = true;  ///< A private registry, and the registry functions in journal and faults.
+    bool folders = true;   ///< Private folders, mapped paths, and the file functions in journal and faults.
+    bool balance = true;   ///< Counts what is created and not released: see Kind.
+    bool machine = true;   ///< A simulated load and version, and the functions that report them in journal and faults.
+    bool services = true;  ///< Simulated services, none at first, and their functions in journal and faults.
+    bool security = true;  ///< Simulated privileges and security of keys, and their functions in journal and faults.
+    bool setup = true;     ///< The functions for INF files, with the folders if there are any.
+    bool network =
+        true;  ///< COM, network components, adapters and devices, none at first, and everything that reports them.
     bool firewall = true;  ///< COM, and a firewall that is on everywhere and lists nothing.
 };
 
@@ -34,8 +35,8 @@ struct SimulationParts {
 class Simulation {
 public:
     explicit Simulation(const SimulationParts &parts = {});
-    /// Lets go what hangs and waits, and restores all import tables; only those of the memory functions stay,
-    /// without effect, while guarded blocks are there that have to be freed some day.
+    /// Releases what hangs and waits, and restores all import tables; only those of the memory functions stay, without
+    /// effect, while guarded blocks exist that are still to be freed.
     ~Simulation();
     Simulation(const Simulation &) = delete;
     Simulation &operator=(const Simulation &) = delete;
@@ -44,7 +45,7 @@ public:
     [[nodiscard]] Journal &GetJournal() { return m_core->journal; }
     [[nodiscard]] Faults &GetFaults() { return m_core->faults; }
     [[nodiscard]] Clock &GetClock() { return m_core->clock; }
-    /// @throws std::bad_optional_access  if the part is not wanted.
+    /// @throws std::bad_optional_access  if the part was not requested.
     [[nodiscard]] RegistrySandbox &GetRegistry() { return m_registry.value(); }
     [[nodiscard]] SystemFolders &GetFolders() { return m_folders.value(); }
     /// With the folders.
@@ -79,7 +80,7 @@ private:
     std::optional<ServiceManager> m_services;
     std::optional<Security> m_security;
     std::optional<SetupLibrary> m_setup;
-    std::optional<ComLibrary> m_com;  ///< Without the network, which has one of its own.
+    std::optional<ComLibrary> m_com;  ///< Without the network, which includes it.
     std::optional<NetworkParts> m_network;
     std::optional<std::shared_ptr<Firewall>> m_firewall;
     bool m_counts;

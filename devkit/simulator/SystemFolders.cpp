@@ -18,10 +18,10 @@ std::filesystem::path FreshRoot() {
 
 void RemoveTree(const std::filesystem::path &root) {
     std::error_code ignored;
-    // By hand, since the loop over a range steps with an operator that throws.
+    // An explicit loop, since a range-based one increments with an operator that throws.
     for (std::filesystem::recursive_directory_iterator entry(root, ignored), end; entry != end;
          entry.increment(ignored))
-        SetFileAttributesW(entry->path().c_str(), FILE_ATTRIBUTE_NORMAL);  // those that are read-only would stay
+        SetFileAttributesW(entry->path().c_str(), FILE_ATTRIBUTE_NORMAL);  // read-only ones would stay
     std::filesystem::remove_all(root, ignored);
 }
 
@@ -30,7 +30,7 @@ void RemoveTree(const std::filesystem::path &root) {
 SystemFolders::SystemFolders() {
     const InsideSimulator inside;
     m_root = FreshRoot();
-    RemoveTree(m_root);  // left by a process that had this number before
+    RemoveTree(m_root);  // left by an earlier process with this id
     for (const auto &folder : {System32() / L"drivers", Inf(), Catalogs(), ProgramData(), ProgramFiles(), Temp()})
         std::filesystem::create_directories(folder);
 }

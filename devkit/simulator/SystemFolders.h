@@ -1,4 +1,4 @@
-// Temporary folders that stand for those of the system.
+// Temporary folders that replace those of the system.
 #pragma once
 
 #include <filesystem>
@@ -9,11 +9,11 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// Makes the folders, and removes them with all that they hold at its end; other paths can be mapped to them, or
+/// Creates the folders, and removes them with their contents in the destructor; other paths can be mapped to them, or
 /// anywhere else. Any thread.
 class SystemFolders : public MappedPaths {
 public:
-    /// @throws std::filesystem::filesystem_error  if the real temporary folder does not let it.
+    /// @throws std::filesystem::filesystem_error  if the real temporary folder does not allow it.
     SystemFolders();
     ~SystemFolders();
     SystemFolders(const SystemFolders &) = delete;
@@ -23,9 +23,9 @@ public:
     [[nodiscard]] std::filesystem::path Windows() const { return m_root / L"Windows"; }
     /// With a folder "drivers" in it.
     [[nodiscard]] std::filesystem::path System32() const { return Windows() / L"System32"; }
-    /// Where the system keeps the INF files of drivers.
+    /// The system's folder of drivers' INF files.
     [[nodiscard]] std::filesystem::path Inf() const { return Windows() / L"inf"; }
-    /// Where it keeps the catalogues of drivers.
+    /// The system's folder of drivers' catalogues.
     [[nodiscard]] std::filesystem::path Catalogs() const {
         return System32() / L"CatRoot" / L"{F750E6C3-38EE-11D1-85E5-00C04FC295EE}";
     }
@@ -37,8 +37,8 @@ private:
     std::filesystem::path m_root;
 };
 
-/// Puts the folders under GetSystemDirectoryW, GetWindowsDirectoryW, GetSystemWindowsDirectoryW, GetTempPathW and
-/// SHGetFolderPathW (Windows, system, common application data, program files; others stay real).
+/// Makes GetSystemDirectoryW, GetWindowsDirectoryW, GetSystemWindowsDirectoryW, GetTempPathW and SHGetFolderPathW
+/// (Windows, system, common application data, program files; others stay real) return the folders.
 void InstallFolders(FunctionSet &functions, SystemFolders &folders);
 
 }  // namespace Simulator

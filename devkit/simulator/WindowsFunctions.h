@@ -1,4 +1,4 @@
-// The functions of the system that are simulated or let through, each with the way in which it fails.
+// The system functions that are simulated or passed through, each with the way in which it fails.
 #pragma once
 
 #include <windows.h>

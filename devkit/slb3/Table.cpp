@@ -1,5 +1,5 @@
-// Named tables and signature records. No object with a destructor is alive here across a Lua call, since
-// a Lua error is a longjmp.
+// Named tables and signature records. No object with a destructor is alive here across a Lua call, since a Lua error is
+// a longjmp.
 #include <cstring>
 
 #include "SLB3.h"
@@ -7,8 +7,8 @@
 namespace SLB3 {
 namespace {
 
-/// Replaces the table on top of the stack by the table that it holds under the first `length` characters of
-/// `key`, made where it is missing.
+/// Replaces the table on top of the stack by its subtable under the first `length` characters of `key`, created if it
+/// is missing.
 /// @param name  the dotted name that `key` is a part of.
 void EnterTable(lua_State *state, const char *name, const char *key, std::size_t length) {
     lua_pushlstring(state, key, length);
@@ -48,7 +48,7 @@ Namespace::Namespace(lua_State *state, const char *name) : Table(state) {
         EnterTable(state, name, key, dot != nullptr ? static_cast<std::size_t>(dot - key) : std::strlen(key));
         key = dot != nullptr ? dot + 1 : nullptr;
     }
-    // An error in Lua jumps over the destructor; all that then stays is this slot, until the state is closed.
+    // A Lua error jumps over the destructor; then only this reference stays, until the state is closed.
     m_table = luaL_ref(state, LUA_REGISTRYINDEX);
 }
 

@@ -26,7 +26,7 @@ struct Control::Dom::Impl {
 
 namespace {
 
-static_assert(std::is_empty_v<CDom>);  // the agent's class has no state of the stand-in's
+static_assert(std::is_empty_v<CDom>);  // the agent's class has none of the stand-in's state
 
 Control::Dom::Impl &ImplOf(const CDom *dom) {
     return Control::Dom::ImplOf(*dom);

@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::wstring_view kFlagsWidthsAndSizes = L"-+ #'0123456789.*$hlLqjztwI";
 
-/// What a directive that ends in this character prints; nothing where it is no such character.
+/// What a directive ending in this character prints; empty if no directive ends so.
 std::optional<std::wstring_view> TextOfConversion(wchar_t conversion) {
     switch (conversion) {
         case L'%':

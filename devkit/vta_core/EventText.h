@@ -5,9 +5,9 @@
 
 namespace VtaCore {
 
-/// What a printf-like function would make of `format` if every argument that it asks for were null or 0,
-/// widths and precisions not regarded: a number prints as 0, a text as "(null)", a character and a count
-/// of characters as nothing, "%%" as a percent sign. A percent sign that starts no directive stays.
+/// What a printf-like function would make of `format` if every argument were null or 0, ignoring widths and precisions:
+/// a number prints as 0, a text as "(null)", a character and a count of characters as nothing, "%%" as a percent sign.
+/// A percent sign that starts no directive stays.
 wxString FormatWithoutArguments(const wxString &format);
 
 }  // namespace VtaCore

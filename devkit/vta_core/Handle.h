@@ -19,7 +19,7 @@ using Handle = std::unique_ptr<HANDLE, HandleCloser>;
 
 enum class Reset { Automatic, Manual };
 
-/// A new unsignalled event without a name. Throws std::system_error when the system has none left.
+/// A new unsignalled, unnamed event. Throws std::system_error on failure.
 inline Handle NewEvent(Reset reset) {
     Handle event(CreateEventW(nullptr, reset == Reset::Manual, FALSE, nullptr));
     if (!event)

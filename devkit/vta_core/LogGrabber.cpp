@@ -1,4 +1,4 @@
-// The log target that collects into a text.
+// The log target that collects records into a text.
 #include <atomic>
 #include <mutex>
 

@@ -34,7 +34,7 @@ RecordList<Control::TraceLine> g_traces;
 RecordList<Control::Event> g_events;
 RecordList<Control::Notification> g_notifications;
 
-// Held while a record is added and told, so that the observer sees them in the order of the list.
+// Held while a record is added and reported, so that the observer sees the order of the list.
 std::recursive_mutex g_observerMutex;
 Control::Observer *g_observer = nullptr;
 

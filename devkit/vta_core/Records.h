@@ -1,4 +1,4 @@
-// What was traced, sent and shown: kept for the Control functions and told to the observer.
+// What was traced, sent and shown: kept for the Control functions and reported to the observer.
 #pragma once
 
 #include "vta_core_control.h"

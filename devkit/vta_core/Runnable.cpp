@@ -1,5 +1,5 @@
-// The agent's thread. A thread may be killed at any point, so its state is kept in events and atomics,
-// which stay usable then, and not behind locks.
+// The agent's thread. A thread may be killed at any point, so its state is kept in events and atomics, which stay
+// usable then, and not behind locks.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr unsigned kMaxPriority = 100;
 constexpr int kProcessorBits = 64;
-/// From the end of the body to the end of the thread it is only a few instructions.
+/// Only a few instructions lie between the end of the body and the end of the thread.
 constexpr DWORD kThreadEndWaitMs = 5'000;
 
 enum class Wake { Exit, Interrupt, Awaken, Timeout };
@@ -52,9 +52,9 @@ CRunnable::CRunnable(bool suspended, int processor, bool detached)
     : wxThread(detached ? wxTHREAD_DETACHED : wxTHREAD_JOINABLE), m_impl(new Impl(suspended, processor)) {}
 
 CRunnable::~CRunnable() {
-    // An owner that deletes the object as soon as isRunning is false must not pull it away under wxThread's
-    // last steps. A detached object is deleted by its own thread, which cannot wait for itself; a killed
-    // thread has no handle any more.
+    // An owner that deletes the object as soon as isRunning is false must not destroy it during wxThread's last steps.
+    // A detached object is deleted by its own thread, which cannot wait for itself; a killed thread no longer has a
+    // handle.
     const HANDLE thread = MSWGetHandle();
     if (!IsDetached() && m_impl->started && !m_impl->running && thread != nullptr)
         WaitForSingleObject(thread, kThreadEndWaitMs);
@@ -70,7 +70,7 @@ bool CRunnable::start(unsigned priority, bool create, unsigned stackSize) {
     }
     SetPriority(std::min(priority, kMaxPriority));
     m_impl->running = true;
-    // A detached object may be gone when this returns true: nothing of it is touched behind.
+    // A detached object may be gone when this returns true: do not touch it afterwards.
     if (wxThread::Run() == wxTHREAD_NO_ERROR)
         return true;
     m_impl->running = false;

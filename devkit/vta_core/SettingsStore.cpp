@@ -55,7 +55,7 @@ bool WriteWholeFile(const wxString &path, std::string_view content) {
     return written == content.size();
 }
 
-/// The object that the whole text stands for, or null.
+/// The object if the whole text is one, else null.
 Json ParseObject(const std::string &text) {
     const char *end = nullptr;
     Json root(cJSON_ParseWithOpts(text.c_str(), &end, 1));
@@ -80,7 +80,7 @@ bool KeepAside(const wxString &path) {
     return false;
 }
 
-/// A mutex with a name made of the file's, which itself may be too long for one.
+/// A mutex named after a hash of the file's name, which may be too long itself.
 Handle MutexOf(const wxString &path) {
     std::wstring full(GetFullPathNameW(path.wc_str(), 0, nullptr, nullptr), L'\0');
     full.resize(GetFullPathNameW(path.wc_str(), static_cast<DWORD>(full.size()), full.data(), nullptr));
@@ -89,7 +89,7 @@ Handle MutexOf(const wxString &path) {
     return Handle(CreateMutexW(nullptr, FALSE, name.c_str()));
 }
 
-/// Holds a mutex; also one that a process has left held, since files are replaced as a whole.
+/// Holds a mutex, even one that a process abandoned, since files are replaced atomically.
 class MutexGuard {
 public:
     /// @param mutex  null for none.
@@ -190,7 +190,7 @@ void SettingsStore::TakeChangesOfOthers() {
         m_root = std::move(root);
 }
 
-/// @return the error of the system, 0 for none.
+/// @return the system error, 0 for none.
 DWORD SettingsStore::Save() const {
     const JsonText json(cJSON_Print(m_root.get()));
     if (!json)

@@ -17,21 +17,20 @@ struct JsonDeleter {
 };
 using Json = std::unique_ptr<cJSON, JsonDeleter>;
 
-/// Flags are JSON booleans, texts JSON strings; values of other kinds that stand in the file stay
-/// there until they are replaced. Keys are UTF-8 and case-sensitive. Any thread.
+/// Flags are JSON booleans, texts JSON strings; values of other types in the file stay until they are replaced. Keys
+/// are UTF-8 and case-sensitive. Any thread.
 class SettingsStore {
 public:
-    /// @param path  the file, replaced as a whole at every change; empty: memory only. A change keeps what other stores
-    ///              have changed in the file meanwhile, and is read by them at their next change.
-    ///              A file without a readable store in it is renamed to "PATH.broken" ("PATH.2.broken"
-    ///              and so on while there is such a file) and the store starts empty. A folder, and a file that
-    ///              cannot be renamed either, is left alone, and the store is in memory only.
+    /// @param path  the file, replaced atomically at every change; empty: memory only. A change keeps what other stores
+    ///   have changed in the file meanwhile, and they read it at their next change. A file without a readable store is
+    ///   renamed to "PATH.broken" ("PATH.2.broken" and so on if such a file exists) and the store starts empty. A
+    ///   folder, and a file that cannot be renamed either, is not changed, and the store is in memory only.
     explicit SettingsStore(const wxString &path);
 
-    /// Why the file lacks what was stored, as GetLastError tells it; 0 if it has all.
+    /// Why the file lacks a stored value, as from GetLastError; 0 if it is complete.
     DWORD Error() const;
 
-    /// @return false when there is no such key or its text is none of true, 1, false, 0; `flag` stays then.
+    /// @return false if there is no such key or its text is none of true, 1, false, 0; `flag` is unchanged then.
     bool GetFlag(const std::string &key, bool &flag) const;
     void SetFlag(const std::string &key, bool flag);
 
@@ -46,7 +45,7 @@ private:
 
     mutable std::mutex m_mutex;
     wxString m_path;
-    Handle m_changing;  ///< A mutex of all stores on the file; null without a file.
+    Handle m_changing;  ///< Shared by all stores on the file; null without a file.
     Json m_root;
     DWORD m_error = 0;
 };

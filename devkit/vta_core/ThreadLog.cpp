@@ -7,7 +7,7 @@ namespace {
 
 std::atomic<Control::ThreadListener *> g_threadListener{nullptr};
 
-/// Without the values that a message has been completed with by now, as the error of a system call.
+/// The record without values that are already part of the message, such as the text of a system call's error.
 wxLogRecordInfo WithoutValues(const wxLogRecordInfo &info) {
     wxLogRecordInfo plain(info.filename, info.line, info.func, info.component);
     plain.timestampMS = info.timestampMS;
@@ -16,7 +16,7 @@ wxLogRecordInfo WithoutValues(const wxLogRecordInfo &info) {
     return plain;
 }
 
-/// The target of a thread that has none of its own: tells of a record, and logs it as if it were not there.
+/// The target of a thread without its own: reports a record, and logs it normally.
 class ThreadTarget : public wxLog {
 protected:
     void DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) override {
@@ -27,7 +27,7 @@ protected:
     }
 };
 
-/// Never destroyed, and without a state: a thread may be killed within it.
+/// Never destroyed, and without state: a thread may be killed within it.
 wxLog *TheThreadTarget() {
     static wxLog *const target = new ThreadTarget;
     return target;

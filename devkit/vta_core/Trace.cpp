@@ -1,4 +1,4 @@
-// Trace lines, and the switches that say whose are wanted.
+// Trace lines, and the switches that enable them.
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -14,7 +14,7 @@ namespace {
 class Switches {
 public:
     bool IsOn(std::wstring_view component) const {
-        // Almost every call ends here: tracing is off as a rule.
+        // Almost every call ends here: tracing is usually off.
         if (!m_any.load(std::memory_order_relaxed))
             return false;
         const std::shared_lock lock(m_mutex);

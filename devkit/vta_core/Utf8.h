@@ -1,5 +1,5 @@
-// Texts as UTF-8 and back without loss: a surrogate without its partner and the character NUL, which
-// UTF-8 proper cannot hold in a C string, are written in the same bit pattern as any other character.
+// Lossless conversion to UTF-8 and back: an unpaired surrogate and the character NUL, which UTF-8 proper cannot hold in
+// a C string, are written in the same bit pattern as any other character.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace VtaCore {
 
-/// The result holds no zero byte: NUL becomes C0 80.
+/// The result contains no zero byte: NUL becomes C0 80.
 std::string ToUtf8(const wxString &text);
 
 /// A byte that starts no sequence becomes U+FFFD.

@@ -17,9 +17,9 @@ volatile unsigned profiler_running = 0;
 namespace VtaCore {
 namespace {
 
-/// FormatMessage takes no larger buffer, in characters.
+/// The maximum buffer size of FormatMessage, in characters.
 constexpr unsigned kMaxMessage = 32'767;
-/// "{8-4-4-4-12}" and the end mark.
+/// "{8-4-4-4-12}" and the terminator.
 constexpr int kGuidChars = 39;
 
 }  // namespace

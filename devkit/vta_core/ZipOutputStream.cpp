@@ -12,12 +12,12 @@
 namespace VtaCore {
 namespace {
 
-static_assert(std::is_empty_v<CZipOutputStream>);  // the agent's class has no state of the stand-in's
+static_assert(std::is_empty_v<CZipOutputStream>);  // the agent's class has none of the stand-in's state
 
 constexpr std::size_t kBlockSize = 64 * 1024;
 constexpr int kDefaultLevel = -1;
 
-/// A stream at its end can be added, as nothing; one that has failed cannot.
+/// A stream at its end can be added, as an empty file; one that has failed cannot.
 bool CanBeRead(const wxInputStream &in) {
     return in.IsOk() || in.GetLastError() == wxSTREAM_EOF;
 }
@@ -34,8 +34,9 @@ bool Copy(wxInputStream &in, wxOutputStream &out) {
     }
 }
 
-/// Hands on to another stream until that fails, and takes everything then. A wxZipOutputStream whose output fails
-/// in the middle of a file uses its inner streams after it has freed them (seen in wx 3.2.2), so it never hears of it.
+/// Passes data on to another stream until that fails, and accepts everything then. A wxZipOutputStream whose output
+/// fails in the middle of a file uses its inner streams after it has freed them (seen in wx 3.2.2), so the failure is
+/// hidden from it.
 class Sink : public wxOutputStream {
 public:
     explicit Sink(wxOutputStream &out) : m_out(out) {}

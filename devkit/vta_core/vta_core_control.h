@@ -1,5 +1,5 @@
-// What the host and the tests can do with the stand-in for vta_core beyond the agent's interface:
-// make its objects, see what was traced, sent and shown, and set what the agent would decide.
+// What the host and the tests can do with the stand-in for vta_core beyond the agent's interface: create its objects,
+// see what was traced, sent and shown, and decide what the agent would decide.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ public:
     ~Dom();
 
     struct Impl;
-    /// Of a CDom that the stand-in has made, as all are.
+    /// For a CDom of the stand-in, like all of them.
     static Impl &ImplOf(const CDom &dom) { return *static_cast<const Dom &>(dom).m_impl; }
 
 private:
@@ -30,21 +30,21 @@ class VTA_CORE_API ZipPackage : public CZipOutputStream {
 public:
     /// Writes the package to `out`, which must outlive the object.
     explicit ZipPackage(wxOutputStream &out);
-    /// Writes the package's directory, if `Close` has not.
+    /// Writes the package's directory, unless `Close` has.
     ~ZipPackage();
 
-    /// Ends the package; nothing can be added any more.
+    /// Finishes the package; nothing can be added any more.
     bool Close();
 
     struct Impl;
-    /// Of a CZipOutputStream that the stand-in has made, as all are.
+    /// For a CZipOutputStream of the stand-in, like all of them.
     static Impl &ImplOf(CZipOutputStream &zip) { return *static_cast<ZipPackage &>(zip).m_impl; }
 
 private:
     Impl *m_impl;
 };
 
-/// So many trace lines, events and notifications each are kept; then the oldest goes for each new one.
+/// The maximum number of trace lines, events and notifications each; after that each new one replaces the oldest.
 constexpr std::size_t kMaxRecords = 100'000;
 
 struct TraceLine {
@@ -70,8 +70,8 @@ struct Notification {
     wxString detail;
 };
 
-/// Is told of everything as it happens, on the thread where it happens, one call at a time. It may call the
-/// library, but must not wait for a thread that traces, sends or shows something.
+/// Called for everything as it happens, on its thread, one call at a time. It may call the library, but must not wait
+/// for a thread that traces, sends or shows something.
 class Observer {
 public:
     virtual ~Observer() = default;
@@ -79,31 +79,31 @@ public:
     virtual void OnEvent(const Event &) {}
     virtual void OnNotification(const Notification &) {}
 };
-/// @param observer  null for none; must stay until it is replaced. When this returns on another thread than the
-///                  observer's, no call of the one before is under way. Any thread.
+/// @param observer  null for none; must exist until it is replaced. When this returns on another thread than the
+///   observer's, no call of the previous observer is running. Any thread.
 VTA_CORE_API void SetObserver(Observer *observer);
 
-/// Switches a component's trace; "*" stands for all of them, also those named later, and takes back what was
-/// switched for single ones before. At first all are off. Any thread.
+/// Switches a component's trace; "*" stands for all, including those named later, and overrides earlier switches of
+/// single ones. All are off by default. Any thread.
 VTA_CORE_API void EnableTrace(const wxString &component, bool enabled);
 
-/// What happened since the last call, oldest first; the record is empty afterwards. Any thread.
+/// What happened since the last call, oldest first; clears the record. Any thread.
 VTA_CORE_API std::vector<TraceLine> TakeTraces();
 VTA_CORE_API std::vector<Event> TakeEvents();
 VTA_CORE_API std::vector<Notification> TakeNotifications();
 
 /// Makes CDom::ShouldExit true, and ends its waits.
 VTA_CORE_API void SetShouldExit(CDom &dom, bool exit);
-/// Why the file of the settings lacks some of what was stored, as GetLastError tells it; 0 if it has all. Any thread.
+/// Why the settings file lacks a stored value, as from GetLastError; 0 if it is complete. Any thread.
 VTA_CORE_API unsigned long SettingsError(const CDom &dom);
-/// The folder below which CDom::GetPluginFileWx places a plugin's files, as FOLDER\PLUGIN\NAME; empty, as at
-/// first: the folder "plugins" beside the program.
+/// The folder below which CDom::GetPluginFileWx puts a plugin's files, as FOLDER\PLUGIN\NAME; empty, the default: the
+/// folder "plugins" beside the program.
 VTA_CORE_API void SetPluginFolder(CDom &dom, const wxString &folder);
 
-/// Whether log grabbers add to their texts only when they are destroyed, and not with each line, as at first.
+/// Whether log grabbers append to their texts only when they are destroyed, instead of with each line, the default.
 VTA_CORE_API void SetGrabbersHoldBack(bool holdBack);
 
-/// Number of objects of the library's classes that are alive: Dom, CRunnable, CLogGrabber, ZipPackage.
+/// Number of living objects of the library's classes: Dom, CRunnable, CLogGrabber, ZipPackage.
 VTA_CORE_API int LiveObjects();
 
 }  // namespace VtaCore::Control

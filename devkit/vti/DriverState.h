@@ -14,27 +14,26 @@ constexpr int32_t kInvalidHandle = -10001;
 constexpr int32_t kOutOfRange = -10002;
 constexpr int32_t kInvalidRequest = -10003;
 
-/// What an operation came to; the text counts only where the status is not 0.
+/// The result of an operation; the text counts only if the status is not 0.
 struct Outcome {
     int32_t status = 0;
     std::string error;
 };
 
-/// The last error of each open handle. A handle's value is never used twice, so that a closed one
-/// stays recognisable.
+/// The last error of each open handle. A handle's value is never reused, so that a closed one stays recognisable.
 using HandleTable = std::map<vti_handle_t *, std::string>;
 
-/// Guarded by Lock(), as is all below.
+/// Guarded by Lock(), like everything below.
 HandleTable &OpenHandles();
 
 /// Adds a call to Driver::calls.
 void RecordCall(const char *operation, const std::string &arguments);
 
-/// The fault that this call of the operation meets, counted down; null when it is to do its work.
+/// The fault that this call of the operation meets, counted down; null if it should do its work.
 const Fault *NextFault(const char *operation);
 
 /// Takes the lock, records the call, and does the work unless the handle is not open or a fault is due.
-/// @param work  called with the driver, under the lock; yields an Outcome.
+/// @param work  called with the driver, under the lock; returns an Outcome.
 /// @return the status; its text is kept as the handle's last error.
 template <typename Work>
 int32_t Perform(const char *operation, vti_handle_t *handle, const std::string &arguments, Work &&work) {

@@ -18,7 +18,7 @@ void RecordDump(const char *operation) {
     RecordCall(operation, "");
 }
 
-/// A copy: what is printed must not hold the lock.
+/// A copy: the lock must not be held while printing.
 std::vector<std::string> StatsLines() {
     const std::lock_guard<std::mutex> guard(Lock());
     return TheDriver().statsLines;
@@ -43,7 +43,7 @@ void DumpRegion(DumpContext *context, const char *name, const uint8_t (&region)[
     }
 }
 
-/// @return the address behind the table.
+/// @return the address after the table.
 const uint8_t *DumpConnections(DumpContext *context, const uint8_t *table) {
     ConnTrackHeader head;
     std::memcpy(&head, table, sizeof head);

@@ -1,4 +1,4 @@
-// Opening and closing the way to the drivers, and its last error.
+// Opening and closing the driver, and its last error.
 #include <algorithm>
 #include <cstring>
 

@@ -1,4 +1,4 @@
-// What the module sets up in the library: the profiler, the trace, the monitoring of port scans.
+// What the module configures in the library: the profiler, the trace, the monitoring of port scans.
 #include <algorithm>
 
 #include "DriverState.h"

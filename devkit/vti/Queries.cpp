@@ -1,4 +1,4 @@
-// What the driver counted, its variables and its version.
+// The driver's counters, its variables and its version.
 #include <algorithm>
 #include <cstring>
 

@@ -22,7 +22,7 @@ uint16_t AsEntryCount(std::size_t entries) {
     return static_cast<uint16_t>(std::min(entries, kMaxEntries));
 }
 
-/// Copies as many entries as the block has room for, behind its head.
+/// Copies as many entries as fit into the block, after its header.
 void CopyEntries(const std::vector<Connection> &connections, ConnTrackHeader *block) {
     const uint16_t entries = std::min(AsEntryCount(connections.size()), block->entry_ct);
     auto *target = reinterpret_cast<uint8_t *>(block + 1);
@@ -31,8 +31,8 @@ void CopyEntries(const std::vector<Connection> &connections, ConnTrackHeader *bl
     block->entry_ct = entries;
 }
 
-/// Tells the size where there is no room, else copies what the room holds.
-/// @return what the word that held the room has to hold now, bytes.
+/// Reports the size for an empty buffer, else copies as much as fits.
+/// @return the new content, in bytes, of the word that held the buffer size.
 uint32_t SizeOrCopy(const Driver &driver, const std::vector<uint8_t> &bytes, uint32_t room, void *target) {
     const auto size = static_cast<uint32_t>(bytes.size());
     if (room == 0)

@@ -1,4 +1,4 @@
-// Arguments of AddDriverDiagnostics that are not what they should be.
+// Invalid arguments of AddDriverDiagnostics.
 #include "DiagnosticsFixture.h"
 
 #include "slb3_control.h"
@@ -21,14 +21,14 @@ protected:
         driver().calls.clear();
     }
 
-    /// The error of a call with these arguments, after which nothing must have been done.
+    /// The error of a call with these arguments, which must have done nothing.
     std::string ErrorWith(const std::string &arguments) {
         std::string error = lua.ErrorOf("f.AddDriverDiagnostics(" + arguments + ")");
         EXPECT_EQ(driver().calls, std::vector<std::string>()) << arguments;
         EXPECT_EQ(TakeEvents(), std::vector<std::string>()) << arguments;
         return error;
     }
-    /// Makes an instance of the type a global, const or without its object.
+    /// Makes an instance of the type a global, optionally const or without its object.
     void Put(const char *name, const char *type, void *object, bool isConst, bool isGone = false) {
         SLB3::Control::PushInstance(lua, type, object, isConst);
         if (isGone)
@@ -51,11 +51,11 @@ constexpr char kDomExpected[] = "test:1: bad argument #1 to 'AddDriverDiagnostic
 constexpr char kHandleExpected[] = "test:1: bad argument #2 to 'AddDriverDiagnostics' (vti handle expected)";
 constexpr char kHandleClosed[] = "test:1: bad argument #2 to 'AddDriverDiagnostics' (vti handle already closed)";
 constexpr char kZipExpected[] = "test:1: bad argument #3 to 'AddDriverDiagnostics' (CZipOutputStream object expected)";
-/// A value of each type that is none of the three.
+/// A value of each type other than the three.
 constexpr const char *kWrong[] = {"nil",       "true",  "false", "0", "'dom'", "{}", "print", "coroutine.create(print)",
                                   "io.stdout", "plain", "light"};
 
-TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoAgentObject) {
+TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNotAnAgentObject) {
     EXPECT_EQ(ErrorWith(""), kDomExpected);
     for (const char *value : kWrong)
         EXPECT_EQ(ErrorWith(std::string(value) + ", handle, zip"), kDomExpected) << value;
@@ -63,7 +63,7 @@ TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoAgentObject) {
     EXPECT_EQ(ErrorWith("zip, handle, zip"), kDomExpected);
 }
 
-TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoHandle) {
+TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNotAHandle) {
     EXPECT_EQ(ErrorWith("dom"), kHandleExpected);
     for (const char *value : kWrong)
         EXPECT_EQ(ErrorWith("dom, " + std::string(value) + ", zip"), kHandleExpected) << value;
@@ -72,7 +72,7 @@ TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoHandle) {
     EXPECT_EQ(ErrorWith("dom, short, zip"), kHandleExpected);
 }
 
-TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoPackage) {
+TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNotAPackage) {
     EXPECT_EQ(ErrorWith("dom, handle"), kZipExpected);
     for (const char *value : kWrong)
         EXPECT_EQ(ErrorWith("dom, handle, " + std::string(value)), kZipExpected) << value;
@@ -80,18 +80,18 @@ TEST_F(DiagnosticArguments, AValueOfAnyOtherTypeIsNoPackage) {
     EXPECT_EQ(ErrorWith("dom, handle, handle"), kZipExpected);
 }
 
-TEST_F(DiagnosticArguments, AClosedHandleIsFoundBeforeThePackageIsLookedAt) {
+TEST_F(DiagnosticArguments, AClosedHandleIsReportedBeforeThePackageIsChecked) {
     EXPECT_EQ(ErrorWith("dom, closed, zip"), kHandleClosed);
     EXPECT_EQ(ErrorWith("dom, closed, nil"), kHandleClosed);
 }
 
-TEST_F(DiagnosticArguments, TheFirstWrongOneIsTheOneThatIsTold) {
+TEST_F(DiagnosticArguments, TheFirstWrongArgumentIsReported) {
     EXPECT_EQ(ErrorWith("nil, nil, nil"), kDomExpected);
     EXPECT_EQ(ErrorWith("nil, closed, nil"), kDomExpected);
     EXPECT_EQ(ErrorWith("dom, nil, nil"), kHandleExpected);
 }
 
-TEST_F(DiagnosticArguments, ConstObjectsAndThoseThatAreGoneAreNone) {
+TEST_F(DiagnosticArguments, ConstAndForgottenObjectsAreRejected) {
     Put("const_dom", "SLB.Dom", &dom, true);
     Put("gone_dom", "SLB.Dom", &dom, false, true);
     Put("const_zip", "SLB.wx.ZipOutputStream", &zip, true);
@@ -102,13 +102,13 @@ TEST_F(DiagnosticArguments, ConstObjectsAndThoseThatAreGoneAreNone) {
     EXPECT_EQ(ErrorWith("dom, handle, gone_zip"), kZipExpected);
 }
 
-TEST_F(DiagnosticArguments, AWrongOneIsTracedAsTheCallAlone) {
+TEST_F(DiagnosticArguments, AWrongArgumentLeavesOnlyTheTraceOfTheCall) {
     VtaCore::Control::EnableTrace("*", true);
     (void)ErrorWith("dom, closed, zip");
     EXPECT_EQ(TakeTracedMessages(), std::vector<std::string>{"AddDriverDiagnostics"});
 }
 
-TEST_F(DiagnosticArguments, MoreThanThreeAreTaken) {
+TEST_F(DiagnosticArguments, ExtraArgumentsAreIgnored) {
     lua.Run("assert(f.AddDriverDiagnostics(dom, handle, zip, nil, 7) == true)");
     EXPECT_TRUE(zip.Close());
     EXPECT_EQ(Package(memory).Files().size(), 5u);

@@ -1,4 +1,4 @@
-// Memory that runs out, and memory that is given back.
+// Running out of memory, and freeing it.
 #include "DiagnosticsFixture.h"
 
 #include <windows.h>
@@ -14,8 +14,8 @@ class DiagnosticMemory : public DiagnosticsFixture {
 protected:
     DiagnosticMemory() { VtaCore::Control::EnableTrace("diagnostics", true); }
 
-    /// A run in which the n-th block fails that the module itself asks the C runtime for, if there are that many.
-    /// What operator new makes for strings and streams does not count: neither can do without it.
+    /// A run in which the n-th block that the module itself requests from the C runtime fails, if there are that many.
+    /// Blocks of operator new for strings and streams do not count: those have no fallback.
     Package RunWithout(unsigned nth, bool &hit) {
         const auto fault = balance().FailAllocation(nth, GetModuleHandleW(L"fc.dll"), 0, false);
         Package package = Run();
@@ -34,11 +34,11 @@ protected:
 };
 
 struct Loss {
-    Names left;  ///< Of the files that are left.
+    Names left;  ///< The sizes of the remaining files.
     Names traces;
 };
 
-/// What is left without each of the blocks, in their order.
+/// The outcome without each of the blocks, in order.
 const Loss kLosses[] = {
     {{kVariables, kConnTrack, kBlacklist, kProfile}, {"AddDriverStatistics diagnostics failed"}},
     {{kStats, kVariables, kBlacklist, kProfile}, {"malloc 352 bytes failed."}},
@@ -46,7 +46,7 @@ const Loss kLosses[] = {
     {{kStats, kVariables, kConnTrack, kBlacklist, kProfile}, {"malloc() failed"}},
 };
 
-TEST_F(DiagnosticMemory, EachBlockThatIsMissingCostsItsFileAloneAndNoOther) {
+TEST_F(DiagnosticMemory, EachFailedAllocationAffectsOnlyItsOwnFile) {
     bool hit = false;
     for (unsigned nth = 1; nth <= std::size(kLosses); ++nth) {
         SCOPED_TRACE("block " + std::to_string(nth));
@@ -61,10 +61,10 @@ TEST_F(DiagnosticMemory, EachBlockThatIsMissingCostsItsFileAloneAndNoOther) {
         EXPECT_EQ(TakeEvents(), Names());
     }
     (void)RunWithout(std::size(kLosses) + 1, hit);
-    EXPECT_FALSE(hit) << "the module asks for more blocks than this test knows of";
+    EXPECT_FALSE(hit) << "the module requests more blocks than this test expects";
 }
 
-TEST_F(DiagnosticMemory, WithoutABlockForItTheProfileIsEmptyAndVariable62IsLeftAlone) {
+TEST_F(DiagnosticMemory, WithoutMemoryTheProfileIsEmptyAndVariable62IsUnchanged) {
     driver().variables[62] = 1;
     bool hit = false;
     EXPECT_EQ(RunWithout(std::size(kLosses), hit).Content(kProfile), "");
@@ -75,7 +75,7 @@ TEST_F(DiagnosticMemory, WithoutABlockForItTheProfileIsEmptyAndVariable62IsLeftA
 
 // --- blocks of wxWidgets ---
 
-/// Fails a block that wxWidgets asks the C runtime for.
+/// Fails a block that wxWidgets requests from the C runtime.
 class FailingBlock {
 public:
     /// The first realloc to that size.
@@ -119,7 +119,7 @@ private:
     inline static void *m_original = nullptr;
 };
 
-/// Takes a package without a block of wxWidgets.
+/// Makes a package without a block of wxWidgets.
 class Bytes : public wxOutputStream {
 public:
     [[nodiscard]] const std::string &Get() const { return m_bytes; }
@@ -154,7 +154,7 @@ protected:
         memory.WriteAll(bytes.Get().data(), bytes.Get().size());
         return Package(memory);
     }
-    /// All but one file are as in a run without a fault; of the one that is left out a trace tells.
+    /// All files but one are as in a run without a fault; a trace reports the missing one.
     void ExpectWholeBut(const Package &package, const std::string &leftOut) {
         Names names;
         for (const PackedFile &file : whole.Files()) {
@@ -174,7 +174,7 @@ protected:
     const Package whole = Run();
 };
 
-TEST_F(WxMemory, AFileThatCannotGrowIsLeftOutAndTheOthersAreWhole) {
+TEST_F(WxMemory, AFileThatCannotGrowIsLeftOutAndTheOthersAreComplete) {
     for (const PackedFile &file : whole.Files()) {
         SCOPED_TRACE(file.name);
         bool hit = false;
@@ -184,7 +184,7 @@ TEST_F(WxMemory, AFileThatCannotGrowIsLeftOutAndTheOthersAreWhole) {
     }
 }
 
-TEST_F(WxMemory, ATextWithAHoleIsLeftOut) {
+TEST_F(WxMemory, AnIncompleteTextIsLeftOut) {
     for (const char *name : {kStats, kVariables}) {
         SCOPED_TRACE(name);
         const std::string content = whole.Content(name);
@@ -196,7 +196,7 @@ TEST_F(WxMemory, ATextWithAHoleIsLeftOut) {
     }
 }
 
-TEST_F(WxMemory, NoFileNeedsItsMemoryTwice) {
+TEST_F(WxMemory, FilesAreNotCopiedInMemory) {
     for (const PackedFile &file : whole.Files()) {
         SCOPED_TRACE(file.name);
         bool hit = false;
@@ -206,7 +206,7 @@ TEST_F(WxMemory, NoFileNeedsItsMemoryTwice) {
     }
 }
 
-TEST_F(WxMemory, WithoutTheBufferOfTheProfileItIsLeftOut) {
+TEST_F(WxMemory, TheProfileIsLeftOutWithoutItsBuffer) {
     constexpr std::size_t bufferBytes = 1024;
     bool hit = false;
     const Package package = RunFailing([] { return FailingBlock::OfSize(bufferBytes); }, hit);
@@ -223,7 +223,7 @@ std::size_t PeakMiB() {
     return counters.PeakWorkingSetSize >> 20;
 }
 
-TEST_F(DiagnosticMemory, SizesThatADriverClaimsAreNotTouchedBeforeItFillsThemIn) {
+TEST_F(DiagnosticMemory, MemoryOfAClaimedSizeIsNotTouchedBeforeTheDriverFillsIt) {
     const Package whole = Run();
     const std::size_t before = PeakMiB();
     ASSERT_GT(before, 0U) << "the peak can't be measured";
@@ -234,14 +234,14 @@ TEST_F(DiagnosticMemory, SizesThatADriverClaimsAreNotTouchedBeforeItFillsThemIn)
         EXPECT_EQ(package.Content(name), whole.Content(name)) << "the driver fills in no more than it has";
 }
 
-TEST_F(DiagnosticMemory, ARunGivesBackAllThatItMade) {
+TEST_F(DiagnosticMemory, ARunReleasesEverything) {
     (void)Run();
     const Simulator::BalanceSnapshot before = Settled();
     (void)Run();
     EXPECT_EQ(balance().Difference(before, Settled()), "");
 }
 
-TEST_F(DiagnosticMemory, ARunWithoutABlockGivesBackAllThatItMade) {
+TEST_F(DiagnosticMemory, ARunWithAFailedAllocationReleasesEverything) {
     for (unsigned nth = 1; nth <= std::size(kLosses); ++nth) {
         SCOPED_TRACE("block " + std::to_string(nth));
         bool hit = false;
@@ -253,7 +253,7 @@ TEST_F(DiagnosticMemory, ARunWithoutABlockGivesBackAllThatItMade) {
     }
 }
 
-TEST_F(DiagnosticMemory, AFailureOfTheDriverGivesBackAllThatWasMade) {
+TEST_F(DiagnosticMemory, ARunWithAFailingDriverReleasesEverything) {
     const std::pair<const char *, int> places[] = {
         {"vti_driver_available", 0},  {"vti_get_stats", 0},        {"vti_get_varv", 100},    {"vti_get_conntrack", 0},
         {"vti_get_conntrack", 1},     {"vti_get_conntrack", 2},    {"vti_get_blacklist", 0}, {"vti_get_blacklist", 1},
@@ -270,7 +270,7 @@ TEST_F(DiagnosticMemory, AFailureOfTheDriverGivesBackAllThatWasMade) {
     }
 }
 
-TEST_F(DiagnosticMemory, ARunStaysWithinItsBlocks) {
+TEST_F(DiagnosticMemory, ARunAccessesOnlyItsOwnBlocks) {
     balance().Guard({});
     const Package package = Run();
     balance().StopGuarding();

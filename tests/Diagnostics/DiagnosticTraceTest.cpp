@@ -24,7 +24,7 @@ TracedLine Line(const std::string &function, const std::string &message) {
     return {"diagnostics", "Filter::Diagnostics::" + function, message};
 }
 
-TEST_F(DiagnosticTrace, TellsEachStepWithTheFunctionThatTakesIt) {
+TEST_F(DiagnosticTrace, ReportsEachStepWithItsFunction) {
     (void)Run();
     EXPECT_EQ(TakeTracedLines(), (Trace{
                                      {"filter", "AddDriverDiagnostics", "AddDriverDiagnostics"},
@@ -50,7 +50,7 @@ TEST_F(DiagnosticTrace, TellsEachStepWithTheFunctionThatTakesIt) {
                                  }));
 }
 
-TEST_F(DiagnosticTrace, TellsOfADriverThatIsNotOpen) {
+TEST_F(DiagnosticTrace, ReportsADriverThatIsNotOpen) {
     driver().available = false;
     driver().faults["vti_driver_available"] = {-3, ""};
     (void)Run();
@@ -75,7 +75,7 @@ TEST_F(DiagnosticTrace, TellsOfADriverThatIsNotOpen) {
                                  }));
 }
 
-TEST_F(DiagnosticTrace, TellsOfTablesThatCanNotBeRead) {
+TEST_F(DiagnosticTrace, ReportsTablesThatCannotBeRead) {
     driver().faults["vti_get_conntrack"] = {-9, "locked", -1, 1};
     (void)Run();
     Trace ofTables;
@@ -89,7 +89,7 @@ TEST_F(DiagnosticTrace, TellsOfTablesThatCanNotBeRead) {
                      Line("getDriverConnTrack", "rc = -9"), Line("getDriverConnTrack", "tcpConn->entry_ct = 0")}));
 }
 
-TEST_F(DiagnosticTrace, AsksTheDriverOnceMoreEachTimeThatItIsAskedWhetherItIsOpen) {
+TEST_F(DiagnosticTrace, ChecksTwiceWhetherTheDriverIsOpenWhenTracing) {
     (void)Run();
     EXPECT_EQ(CallsOf(calls, "vti_driver_available").size(), 8u);
     VtaCore::Control::EnableTrace("*", false);

@@ -37,14 +37,14 @@ public:
     [[nodiscard]] const std::vector<PackedFile> &Files() const { return m_files; }
     [[nodiscard]] std::vector<std::string> Names() const;
     [[nodiscard]] bool Has(const std::string &name) const;
-    /// Of the file of that name; fails the test where there is none.
+    /// The content of the file of that name; fails the test without one.
     [[nodiscard]] std::string Content(const std::string &name) const;
 
 private:
     std::vector<PackedFile> m_files;
 };
 
-/// The module, and a driver with a little of everything. In Lua: `dom`, `handle`, `zip`, and `f` for SLB.filter.
+/// The module, and a driver with some data of each kind. In Lua: `dom`, `handle`, `zip`, and `f` for SLB.filter.
 class DiagnosticsFixture : public ModuleFixture {
 protected:
     DiagnosticsFixture();
@@ -53,21 +53,21 @@ protected:
     /// A driver with some connections, a blacklist and a profile.
     static void FillDriver();
     static Vti::Driver &driver() { return Vti::TheDriver(); }
-    /// Calls AddDriverDiagnostics, which must yield true and nothing else, on a new package.
+    /// Calls AddDriverDiagnostics on a new package, which must return true and nothing else.
     Package Run();
     /// The same on a stream of the caller's, which stays open.
     void RunOn(VtaCore::CZipOutputStream &zip);
     /// The agent events since the last call, as "NUMBER TEXT".
     static std::vector<std::string> TakeEvents();
-    /// Their messages, before they were formatted.
+    /// Their messages before formatting.
     static std::vector<std::string> TakeEventFormats();
 
     VtaCore::Control::Dom dom;
     vti_handle_t *handle;
-    std::vector<std::string> calls;  ///< Of the driver library, in the last run.
+    std::vector<std::string> calls;  ///< The driver library's calls in the last run.
 };
 
-/// Calls of the library that begin so.
+/// Calls of the library that begin with the text.
 std::vector<std::string> CallsOf(const std::vector<std::string> &calls, const std::string &beginning);
 Vti::Connection ConnectionOf(unsigned number);
 /// Bytes of all values.

@@ -1,8 +1,8 @@
-// Calls of the driver library that fail, one at a time: what is left of the package, and what the agent hears.
+// Calls of the driver library that fail, one at a time: what is left in the package, and what is reported to the agent.
 #include "CodePage.h"
 #include "DiagnosticsFixture.h"
 
-#include "Diagnostics/DriverAnswers.h"
+#include "Diagnostics/ShowErrors.h"
 
 namespace {
 
@@ -10,7 +10,7 @@ using Lines = std::vector<std::string>;
 
 class DriverFailure : public DiagnosticsFixture {
 protected:
-    /// The message of the one event after vti_get_stats has failed with this text.
+    /// The message of the one event after vti_get_stats has failed with this error text.
     std::string MessageFor(const std::string &error) {
         driver().faults["vti_get_stats"] = {-5, error};
         (void)Run();
@@ -20,12 +20,12 @@ protected:
     }
 };
 
-/// An operation, how often it is called, the file that its failure costs, and the label of the report.
+/// An operation, how often it is called, the file missing after its failure, and the label in the report.
 struct Operation {
     const char *name;
     unsigned times;
-    const char *lostFile;  ///< "" where none is.
-    const char *label;     ///< "" where nothing is reported.
+    const char *lostFile;  ///< "" for none.
+    const char *label;     ///< "" if nothing is reported.
 };
 constexpr Operation kOperations[] = {
     {"vti_get_stats", 1, kStats, "GET_STATS"},
@@ -41,7 +41,7 @@ Lines AllFilesBut(const std::string &lost) {
     return names;
 }
 
-TEST_F(DriverFailure, CostsItsOwnFileAloneAndIsReported) {
+TEST_F(DriverFailure, AffectsOnlyItsOwnFileAndIsReported) {
     for (const Operation &operation : kOperations)
         for (unsigned place = 0; place < operation.times; ++place) {
             SCOPED_TRACE(std::string(operation.name) + ", call " + std::to_string(place + 1));
@@ -56,7 +56,7 @@ TEST_F(DriverFailure, CostsItsOwnFileAloneAndIsReported) {
         }
 }
 
-TEST_F(DriverFailure, OfTheTotalsOfConnectionsCostsTheirFileAndIsReported) {
+TEST_F(DriverFailure, OfTheConnectionTotalsLeavesTheirFileOutAndIsReported) {
     VtaCore::Control::EnableTrace("diagnostics", true);
     driver().faults["vti_get_conntrack"] = {1, "no totals"};
     EXPECT_EQ(Run().Names(), AllFilesBut(kConnTrack));
@@ -82,7 +82,7 @@ TEST_F(DriverFailure, OfTheProfilesSizeLeavesAnEmptyFileWithoutAReport) {
     EXPECT_EQ(TakeEvents(), Lines());
 }
 
-TEST_F(DriverFailure, OfTheProfileItselfLeavesAnEmptyFileAndIsReported) {
+TEST_F(DriverFailure, OfTheProfileLeavesAnEmptyFileAndIsReported) {
     driver().faults["vti_get_profile_stats"] = {-1, "no bytes", -1, 1};
     const Package package = Run();
     EXPECT_EQ(package.Names(), AllFilesBut(""));
@@ -116,7 +116,7 @@ TEST_F(DriverFailure, OfEverythingLeavesAnEmptyProfile) {
     EXPECT_EQ(TakeEvents().size(), 4u);
 }
 
-TEST_F(DriverFailure, IsReportedWithAsMuchOfItsTextAsEightyBytesHold) {
+TEST_F(DriverFailure, IsReportedWithAtMostEightyBytesOfItsText) {
     EXPECT_EQ(MessageFor(""), "GET_STATS|fffffffb ()");
     for (const std::size_t length : {79u, 80u, 81u, 5000u}) {
         const std::string error(length, 'x');
@@ -140,9 +140,9 @@ TEST_F(DriverFailure, KeepsATextInAnotherEncoding) {
     EXPECT_TRUE(message.starts_with("GET_STATS|fffffffb (Ger") && message.ends_with("broken)")) << message;
 }
 
-// The message is the event's format, without arguments: what a directive in the driver's text comes to is the event
-// writer's affair. This one takes an argument that is not there for null or 0.
-TEST_F(DriverFailure, HasPercentSignsInItsTextTakenAsDirectives) {
+// The message is the event's format, without arguments, so what becomes of a directive in the driver's text is up to
+// the event writer. This one replaces a missing argument by null or 0.
+TEST_F(DriverFailure, HasPercentSignsInItsTextInterpretedAsDirectives) {
     driver().faults["vti_get_stats"] = {-5, "at 5%, %s of %d, 100%%"};
     (void)Run();
     const auto events = VtaCore::Control::TakeEvents();
@@ -176,7 +176,7 @@ TEST_F(DriverFailure, IsReportedWithTheFirst64CharactersOfALabel) {
 
 // ---- The package
 
-TEST_F(DriverFailure, AClosedPackageTakesNoFileAndEachOfTheFiveIsTriedNonetheless) {
+TEST_F(DriverFailure, AClosedPackageAcceptsNoFileButEachOfTheFiveIsTried) {
     VtaCore::Control::EnableTrace("diagnostics", true);
     wxMemoryOutputStream memory;
     VtaCore::Control::ZipPackage zip(memory);

@@ -10,7 +10,7 @@ std::string Letters(std::size_t count) {
 
 class DriverDump : public DiagnosticsFixture {
 protected:
-    /// What the statistics end with when the library prints these lines last.
+    /// The end of the statistics when the library prints these lines last.
     std::string Packed(const std::vector<std::string> &lines) {
         driver().statsLines.clear();
         const std::string own = PrintedStats(handle);
@@ -22,18 +22,18 @@ protected:
     }
 };
 
-TEST_F(DriverDump, ALineOf1023CharactersIsWhole) {
+TEST_F(DriverDump, ALineOf1023CharactersIsComplete) {
     const std::string line = Letters(1022).append("\n");
     EXPECT_EQ(Packed({line, "next\n"}), Letters(1022).append("\r\nnext\r\n"));
 }
 
-TEST_F(DriverDump, ALongerLineIsCutAt1023CharactersItsLineFeedIncluded) {
+TEST_F(DriverDump, ALongerLineIsTruncatedTo1023CharactersIncludingItsLineFeed) {
     const std::string kept = Letters(1023);
     EXPECT_EQ(Packed({kept + "\n", "next\n"}), kept + "next\r\n");
     EXPECT_EQ(Packed({Letters(5000).append("\n"), "next\n"}), kept + "next\r\n");
 }
 
-TEST_F(DriverDump, AHundredThousandLinesAreAllThere) {
+TEST_F(DriverDump, AHundredThousandLinesAreComplete) {
     std::vector<std::string> lines;
     std::string expected;
     for (int i = 0; i < 100'000; ++i) {
@@ -43,18 +43,18 @@ TEST_F(DriverDump, AHundredThousandLinesAreAllThere) {
     EXPECT_TRUE(Packed(lines) == expected);
 }
 
-TEST_F(DriverDump, AByteBeyondAsciiIsTheCharacterOfItsNumberInUtf8) {
+TEST_F(DriverDump, AByteBeyondAsciiBecomesTheLatin1CharacterInUtf8) {
     std::string line;
     for (int byte = 0x80; byte <= 0xFF; ++byte)
         line += static_cast<char>(byte);
     EXPECT_EQ(Packed({line + "\n", "\xC3\xA4"}), AsPackedText(line) + "\r\n\xC3\x83\xC2\xA4");
 }
 
-TEST_F(DriverDump, PercentSignsInWhatIsPrintedStayAsTheyAre) {
+TEST_F(DriverDump, PercentSignsAreUnchanged) {
     EXPECT_EQ(Packed({"100% %s %n\n"}), "100% %s %n\r\n");
 }
 
-TEST_F(DriverDump, EmptyLinesAndLinesWithoutAnEndStayAsTheyAre) {
+TEST_F(DriverDump, EmptyLinesAndUnterminatedLinesAreUnchanged) {
     EXPECT_EQ(Packed({"\n", "", "a", "b\n\nc"}), "\r\nab\r\n\r\nc");
 }
 

@@ -1,5 +1,5 @@
-// Leaves packages, and beside each what its files have to hold, for package-tests.sh to open with another program:
-// diagnostics-packages/NAME/package.zip, NAME/names with the names in their order, NAME/files.
+// Leaves packages, each with its expected files beside it, for package-tests.sh to open with another program:
+// diagnostics-packages/NAME/package.zip, NAME/names with the names in order, NAME/files.
 #include <filesystem>
 #include <fstream>
 
@@ -10,7 +10,7 @@ namespace {
 
 class LeftPackage : public DiagnosticsFixture {
 protected:
-    /// The files that the package has to hold, by their names.
+    /// The expected files of the package, by name.
     using Expected = std::vector<std::pair<std::string, std::string>>;
 
     void Leave(const std::string &name, const Expected &expected) {
@@ -32,7 +32,7 @@ protected:
         Write(folder / "package.zip", {bytes, memory.GetSize()});
         Write(folder / "names", names);
     }
-    /// What a driver that does not fail has printed.
+    /// What a driver that does not fail prints.
     Expected AllFiles() {
         return {{kStats, PrintedStats(handle)},
                 {kVariables, PrintedVariables(driver())},

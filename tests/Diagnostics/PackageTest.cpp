@@ -1,4 +1,4 @@
-// The files of a diagnostic package, and what is asked of the driver for them.
+// The files of a diagnostic package, and the driver queries that they need.
 #include <memory>
 
 #include "DiagnosticsFixture.h"
@@ -12,7 +12,7 @@ const Texts kAllFiles{kStats, kVariables, kConnTrack, kBlacklist, kProfile};
 
 class DiagnosticPackage : public DiagnosticsFixture {
 protected:
-    /// Makes `change` when the driver has been asked by that call.
+    /// Runs `change` after that call of the driver.
     static void At(const std::string &call, const std::function<void(Vti::Driver &)> &change) {
         driver().onCall = [=](Vti::Driver &driver, const std::string &made) {
             if (made == call)
@@ -42,7 +42,7 @@ Connections ManyConnections(unsigned from, unsigned to) {
     return connections;
 }
 
-TEST_F(DiagnosticPackage, HoldsInThisOrderWhatTheDriverPrintsAndItsProfile) {
+TEST_F(DiagnosticPackage, ContainsTheDriversDumpsAndItsProfileInThisOrder) {
     const Package package = Run();
     EXPECT_EQ(package.Names(), kAllFiles);
     EXPECT_EQ(package.Content(kStats), PrintedStats(handle));
@@ -53,7 +53,7 @@ TEST_F(DiagnosticPackage, HoldsInThisOrderWhatTheDriverPrintsAndItsProfile) {
     EXPECT_EQ(TakeEvents(), Texts());
 }
 
-TEST_F(DiagnosticPackage, AllButTheProfileAreTextsAndNoneHasAComment) {
+TEST_F(DiagnosticPackage, HasTextFilesExceptTheProfileAndNoComments) {
     const Package package = Run();
     for (const PackedFile &file : package.Files()) {
         EXPECT_EQ(file.isText, file.name != kProfile) << file.name;
@@ -61,12 +61,12 @@ TEST_F(DiagnosticPackage, AllButTheProfileAreTextsAndNoneHasAComment) {
     }
 }
 
-TEST_F(DiagnosticPackage, TheDriverIsAskedInThisOrder) {
+TEST_F(DiagnosticPackage, QueriesTheDriverInThisOrder) {
     (void)Run();
     EXPECT_EQ(calls, ExpectedCalls());
 }
 
-TEST_F(DiagnosticPackage, EachRunIsLikeTheFirst) {
+TEST_F(DiagnosticPackage, IsTheSameInEachRun) {
     (void)Run();
     driver().udp.clear();
     driver().profile.clear();
@@ -76,7 +76,7 @@ TEST_F(DiagnosticPackage, EachRunIsLikeTheFirst) {
     EXPECT_EQ(package.Content(kProfile), "");
 }
 
-TEST_F(DiagnosticPackage, OfADriverThatIsNotOpenTheProfileIsTheOnlyFile) {
+TEST_F(DiagnosticPackage, ContainsOnlyTheProfileIfTheDriverIsNotOpen) {
     driver().available = false;
     for (const int32_t answer : {0, -1, -10001}) {
         driver().faults["vti_driver_available"].status = answer;
@@ -90,7 +90,7 @@ TEST_F(DiagnosticPackage, OfADriverThatIsNotOpenTheProfileIsTheOnlyFile) {
     }
 }
 
-TEST_F(DiagnosticPackage, OfAHandleThatTheLibraryHasClosedTheProfileIsTheOnlyFileAndEmpty) {
+TEST_F(DiagnosticPackage, ContainsOnlyAnEmptyProfileIfTheLibraryHasClosedTheHandle) {
     vti_close(handle);
     const Package package = Run();
     EXPECT_EQ(package.Names(), Texts{kProfile});
@@ -100,7 +100,7 @@ TEST_F(DiagnosticPackage, OfAHandleThatTheLibraryHasClosedTheProfileIsTheOnlyFil
 
 // ---- Statistics
 
-TEST_F(DiagnosticPackage, TheRequestForStatisticsIsOfZerosButForItsWordsAndTheAddressesOfItsRegions) {
+TEST_F(DiagnosticPackage, TheStatisticsRequestIsZeroExceptForItsWordsAndTheAddressesOfItsRegions) {
     (void)Run();
     std::vector<uint8_t> expected(6192);
     constexpr uint32_t words[] = {12, 6, 0, 7325, 1, 64, 21U << 16 | 293, 32U << 16 | 1, 0, 0};
@@ -123,7 +123,7 @@ TEST_F(DiagnosticPackage, StatisticsOfAnotherLayoutAreReportedAndLeftOut) {
 
 // ---- Connections
 
-TEST_F(DiagnosticPackage, WithoutConnectionsTheirFileIsLeftOutWhichCountsAsSuccess) {
+TEST_F(DiagnosticPackage, WithoutConnectionsTheirFileIsLeftOutAndTheCallSucceeds) {
     VtaCore::Control::EnableTrace("diagnostics", true);
     driver().udp.clear();
     driver().tcp.clear();
@@ -148,13 +148,13 @@ TEST_F(DiagnosticPackage, AFailedTcpTableStaysEmptyBesideTheUdpTable) {
     EXPECT_EQ(TakeEvents(), Texts{"1001 GET_CONN_TRACK|00000005 (no TCP)"});
 }
 
-TEST_F(DiagnosticPackage, TcpIsNotAskedForWhenUdpHasTakenAllEntries) {
+TEST_F(DiagnosticPackage, TcpIsNotQueriedWhenUdpHasFilledAllEntries) {
     driver().tcp.clear();
     EXPECT_EQ(Run().Content(kConnTrack), PrintedConnections(driver().udp, {}));
     EXPECT_EQ(CallsOf(calls, "vti_get_conntrack"), (Texts{"vti_get_conntrack(0, 16)", "vti_get_conntrack(17, 144)"}));
 }
 
-TEST_F(DiagnosticPackage, ConnectionsThatHaveEndedSinceTheTotalsAreNotThere) {
+TEST_F(DiagnosticPackage, ConnectionsThatEndedAfterTheTotalsAreNotListed) {
     At("vti_get_conntrack(17, 336)", [](Vti::Driver &driver) {
         driver.udp = {ConnectionOf(9)};
         driver.tcp = {ConnectionOf(10)};
@@ -163,7 +163,7 @@ TEST_F(DiagnosticPackage, ConnectionsThatHaveEndedSinceTheTotalsAreNotThere) {
     EXPECT_EQ(CallsOf(calls, "vti_get_conntrack").back(), "vti_get_conntrack(6, 272)");
 }
 
-TEST_F(DiagnosticPackage, OfConnectionsThatHaveComeSinceTheTotalsThoseAreThereThatFit) {
+TEST_F(DiagnosticPackage, ConnectionsThatAppearedAfterTheTotalsAreListedAsFarAsTheyFit) {
     At("vti_get_conntrack(17, 336)", [](Vti::Driver &driver) {
         driver.udp = ManyConnections(0, 4);
         driver.tcp = ManyConnections(4, 8);
@@ -174,7 +174,7 @@ TEST_F(DiagnosticPackage, OfConnectionsThatHaveComeSinceTheTotalsThoseAreThereTh
     EXPECT_EQ(CallsOf(calls, "vti_get_conntrack"), (Texts{"vti_get_conntrack(0, 16)", "vti_get_conntrack(17, 528)"}));
 }
 
-TEST_F(DiagnosticPackage, ATableThatClaimsMoreEntriesThanFitHasThoseThatFit) {
+TEST_F(DiagnosticPackage, ATableThatClaimsMoreEntriesThanFitIsListedAsFarAsItFits) {
     balance().Guard({});
     At("vti_get_conntrack(17, 336)", [](Vti::Driver &driver) {
         driver.udp = ManyConnections(0, 5);
@@ -226,7 +226,7 @@ TEST_F(DiagnosticPackage, ABlacklistThatClaimsMoreThanFitsIsPrintedAsFarAsItFits
 
 // ---- Profile
 
-TEST_F(DiagnosticPackage, AProfileOfAnySizeIsThereByteByByte) {
+TEST_F(DiagnosticPackage, AProfileOfAnySizeIsCopiedByteByByte) {
     for (const std::size_t size : {0u, 1u, 1023u, 1024u, 1025u, 65'536u, 1'000'000u}) {
         driver().profile = BytesOf(size);
         const Package package = Run();
@@ -234,7 +234,7 @@ TEST_F(DiagnosticPackage, AProfileOfAnySizeIsThereByteByByte) {
     }
 }
 
-TEST_F(DiagnosticPackage, OfAProfileThatChangesBetweenTheRequestsThereIsWhatTheSecondOneSays) {
+TEST_F(DiagnosticPackage, AProfileThatChangesBetweenTheRequestsHasTheSizeOfTheSecond) {
     At("vti_get_profile_stats(5000)", [](Vti::Driver &driver) { driver.profile = BytesOf(10); });
     const Package package = Run();
     EXPECT_EQ(package.Content(kProfile), Profile());
@@ -243,7 +243,7 @@ TEST_F(DiagnosticPackage, OfAProfileThatChangesBetweenTheRequestsThereIsWhatTheS
     EXPECT_EQ(Run().Content(kProfile), Profile().substr(0, 5000));
 }
 
-TEST_F(DiagnosticPackage, OfAProfileThatClaimsMoreThanFitsThereIsWhatFits) {
+TEST_F(DiagnosticPackage, AProfileThatClaimsMoreThanFitsIsCopiedAsFarAsItFits) {
     balance().Guard({});
     At("vti_get_profile_stats(5000)", [](Vti::Driver &driver) { driver.overstatement = 100'000; });
     const Package package = Run();
@@ -258,7 +258,7 @@ TEST_F(DiagnosticPackage, Variable62AtOneIsSetBackAfterTheProfileWasRead) {
     EXPECT_EQ(calls.back(), "vti_set_var(62, 0)");
 }
 
-TEST_F(DiagnosticPackage, Variable62AtAnyOtherValueIsLeftAlone) {
+TEST_F(DiagnosticPackage, Variable62AtAnyOtherValueIsUnchanged) {
     for (const uint32_t value : {0u, 2u, 0x100u, 0x10000u, 0xFFFFFFFFu}) {
         driver().variables[62] = value;
         (void)Run();

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Prints to the end of the std::string behind the context.
+/// Appends to the std::string behind the context.
 int Collect(void *context, const char *format, ...) {
     char line[8192];
     va_list arguments;

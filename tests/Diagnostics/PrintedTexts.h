@@ -1,4 +1,4 @@
-// What the driver library prints of what the driver holds, collected by other code than the module's.
+// What the driver library prints about the driver's data, collected by code other than the module's.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +7,11 @@
 
 #include "vti_control.h"
 
-/// A text as it lies in a package: lines end with CR LF, and each byte beyond ASCII is that character of Latin-1 in
-/// UTF-8.
+/// A text as it is stored in a package: lines end with CR LF, and each byte beyond ASCII is that character of Latin-1
+/// in UTF-8.
 std::string AsPackedText(const std::string &printed);
 
-// Each as it lies in a package.
+// Each as it is stored in a package.
 std::string PrintedStats(vti_handle_t *handle);
 std::string PrintedVariables(const Vti::Driver &driver);
 std::string PrintedConnections(const std::vector<Vti::Connection> &udp, const std::vector<Vti::Connection> &tcp);

@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 FOLDER=$1 XML=$2
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=UnpackedPackage
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" UnpackedPackage
 
 # unpacks NAME: the package is sound, and holds the expected files in their order, byte by byte.
 unpacks() {
@@ -27,28 +23,28 @@ unpacks() {
     done <"$package/names"
 }
 
-AnOrdinaryDriversIsWhole() {
+AnOrdinaryDriversPackageIsComplete() {
     unpacks ordinary
 }
 
-ACrowdedDriversIsWhole() {
+ACrowdedDriversPackageIsComplete() {
     unpacks crowded
 }
 
-AnEmptyDriversIsWhole() {
+AnEmptyDriversPackageIsComplete() {
     unpacks empty
 }
 
-ADriversThatIsNotOpenIsWhole() {
+AClosedDriversPackageIsComplete() {
     unpacks closed
 }
 
-ADriversThatPrintsBytesBeyondAsciiIsWhole() {
+APackageWithBytesBeyondAsciiIsComplete() {
     unpacks foreign
 }
 
-for name in AnOrdinaryDriversIsWhole ACrowdedDriversIsWhole AnEmptyDriversIsWhole ADriversThatIsNotOpenIsWhole \
-    ADriversThatPrintsBytesBeyondAsciiIsWhole; do
+for name in AnOrdinaryDriversPackageIsComplete ACrowdedDriversPackageIsComplete AnEmptyDriversPackageIsComplete AClosedDriversPackageIsComplete \
+    APackageWithBytesBeyondAsciiIsComplete; do
     test_case "$name"
 done
 write_results package-tests "$XML"

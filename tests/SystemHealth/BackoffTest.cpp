@@ -1,4 +1,4 @@
-// The backoff in the agent's settings: what is read back, what is written, what a restart finds.
+// The backoff in the agent's settings: what is read, what is written, and what a restart finds.
 
 #include "IterationFixture.h"
 
@@ -18,7 +18,7 @@ protected:
         dom.SettingStore(kCheckKey, wxString::FromUTF8(check));
     }
 
-    /// What an iteration in normal filtering finds stored, as its trace tells it.
+    /// What an iteration in normal filtering finds stored, according to its trace.
     std::string Loaded() {
         Forget();
         EXPECT_EQ(Check(), kNormal);
@@ -42,7 +42,7 @@ protected:
     std::string Stored() const { return Setting(kWaitKey) + " " + Setting(kCheckKey); }
 };
 
-TEST_F(Backoff, WithoutSettingsItIsZero) {
+TEST_F(Backoff, IsZeroWithoutSettings) {
     EXPECT_EQ(Loaded(), "backoff_wait=0 last_check=0");
     EXPECT_EQ(Stored(), " ") << "loading stores nothing";
 }
@@ -58,7 +58,7 @@ TEST_F(Backoff, IsReadAgainInEachIterationInEitherState) {
     EXPECT_TRUE(Has(TakeTracedMessages("SysHealth.eng"), "SysHealth in backoff period, 44 minutes remaining"));
 }
 
-TEST_F(Backoff, IsNotReadByIterationsThatEndBefore) {
+TEST_F(Backoff, IsNotReadByIterationsThatEndEarlier) {
     Store("120", "77");
     machine().processorCount = 0;
     ASSERT_EQ(Check(), kCollectFailed);
@@ -67,7 +67,7 @@ TEST_F(Backoff, IsNotReadByIterationsThatEndBefore) {
     EXPECT_EQ(Stored(), "120 77");
 }
 
-TEST_F(Backoff, AWaitThatIsNoNumberLeavesTheLastValue) {
+TEST_F(Backoff, AWaitThatIsNotANumberKeepsTheLastValue) {
     Store("120", "5");
     ASSERT_EQ(Loaded(), "backoff_wait=120 last_check=5");
     for (const std::string wait :
@@ -77,7 +77,7 @@ TEST_F(Backoff, AWaitThatIsNoNumberLeavesTheLastValue) {
     }
 }
 
-TEST_F(Backoff, ACheckThatIsNoNumberLeavesTheLastValue) {
+TEST_F(Backoff, ACheckThatIsNotANumberKeepsTheLastValue) {
     Store("120", "5");
     ASSERT_EQ(Loaded(), "backoff_wait=120 last_check=5");
     for (const std::string check : {"", " ", "x", "12x", "12 ", "1.5", "0x10", "18446744073709551616"}) {
@@ -93,12 +93,12 @@ TEST_F(Backoff, TheWaitIsParsedIn32BitsAndTheCheckIn64) {
     EXPECT_EQ(Loaded(), "backoff_wait=4294967295 last_check=5000000000");
 }
 
-TEST_F(Backoff, ANegativeNumberWrapsInTheWidthOfItsParse) {
+TEST_F(Backoff, ANegativeNumberWrapsInTheWidthItIsParsedIn) {
     Store("-5", "-5");
     EXPECT_EQ(Loaded(), "backoff_wait=4294967291 last_check=18446744073709551611");
 }
 
-TEST_F(Backoff, AProcessThatJustStartedWithABadWaitStartsAnew) {
+TEST_F(Backoff, AFreshProcessWithABadWaitStartsOver) {
     for (const std::string wait : {"", "many", "4294967296"}) {
         Restart();
         Store(wait, Microseconds(-7200));
@@ -109,7 +109,7 @@ TEST_F(Backoff, AProcessThatJustStartedWithABadWaitStartsAnew) {
     }
 }
 
-TEST_F(Backoff, ARestartGoesOnWithTheRestOfTheWait) {
+TEST_F(Backoff, ARestartContinuesWithTheRestOfTheWait) {
     Store("120", Microseconds(0));
     ASSERT_EQ(CheckAt(60, "Activated"), kFailOpen);
     Restart();
@@ -121,7 +121,7 @@ TEST_F(Backoff, ARestartGoesOnWithTheRestOfTheWait) {
     EXPECT_EQ(Stored(), "0 0");
 }
 
-TEST_F(Backoff, ARestartGoesOnWithTheWaitThatWasReached) {
+TEST_F(Backoff, ARestartContinuesWithTheGrownWait) {
     machine().processorQueue = 51;
     ASSERT_EQ(CheckAt(0, "Activated"), kFailOpen);
     ASSERT_EQ(CheckAt(1800, "Activated"), kFailOpen);
@@ -157,7 +157,7 @@ TEST_F(Backoff, TheLargestStoredWaitIsHonouredToo) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "next_chk"), "4294967295");
 }
 
-TEST_F(Backoff, ACheckInTheFutureHasElapsedLongAgo) {
+TEST_F(Backoff, ACheckInTheFutureCountsAsLongPast) {
     Store("120", Microseconds(60));
     ASSERT_EQ(CheckAt(0, "Activated"), kNormal) << "the unsigned difference is huge";
     EXPECT_TRUE(Has(TakeTracedMessages("SysHealth.eng"), "SysHealth recovery successful, metrics over threshold = 0"));

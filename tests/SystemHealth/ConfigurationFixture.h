@@ -1,4 +1,4 @@
-// Iterations that are looked at for what they make of a configuration.
+// Iterations that show the effect of a configuration.
 #pragma once
 
 #include <array>
@@ -10,8 +10,8 @@
 
 /// One setting, by its two names.
 struct SettingNames {
-    std::string line;  ///< How its line in the file begins.
-    std::string key;   ///< In a policy, and in what is written.
+    std::string line;  ///< The start of its line in the file.
+    std::string key;   ///< In a policy, and in the written file.
     double max;
     bool isThreshold;  ///< An object that holds the number, in JSON.
 };
@@ -36,22 +36,22 @@ inline const std::array<SettingNames, 13> kSettings{{
 inline constexpr char kUnloadFlag[] = "vtp.filter.FailOpenUnloadDriver";
 inline constexpr char kNothingWritten[] = "{\r\n}\r\n";
 
-/// What one iteration told.
+/// What one iteration traced and logged.
 struct Heard {
     int action = -1;
-    std::optional<int> count;                ///< The count that the reader traced, if it did.
-    std::string countedBy;                   ///< The function that did.
-    std::vector<std::string> configuration;  ///< Traced on SysHealth.conf, the count left out.
+    std::optional<int> count;                ///< The count that the reader traced, if any.
+    std::string countedBy;                   ///< The function that traced it.
+    std::vector<std::string> configuration;  ///< Traced on SysHealth.conf, without the count.
     std::vector<std::string> engine;         ///< Traced on SysHealth.eng.
     std::vector<std::string> errors;         ///< The error log.
 
-    /// The messages of the engine that begin so.
+    /// The messages of the engine that begin with the text.
     [[nodiscard]] std::vector<std::string> EngineLines(const std::string &beginning) const;
-    /// Settings that were out of range, as the error log tells.
+    /// Settings that were out of range, according to the error log.
     [[nodiscard]] std::vector<std::string> RangeErrors() const;
 };
 
-/// An idle host; no metric is past its limit.
+/// An idle host; no metric exceeds its limit.
 class ConfigurationFixture : public HealthFixture {
 protected:
     ConfigurationFixture();
@@ -62,9 +62,9 @@ protected:
     /// An iteration with that policy.
     Heard ReadPolicy(const std::string &policy, const std::string &state = "Deactivated");
 
-    /// A setting as it was written after the iteration, if it was.
+    /// A setting as the iteration wrote it, if it did.
     [[nodiscard]] std::optional<double> Written(const std::string &key);
-    /// The keys that were written, in their order.
+    /// The written keys, in order.
     [[nodiscard]] std::vector<std::string> WrittenKeys();
 };
 

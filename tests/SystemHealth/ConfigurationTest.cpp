@@ -1,4 +1,4 @@
-// The configuration file: which lines count, and what becomes of the others.
+// The configuration file: which lines count, and what happens to the others.
 
 #include <cerrno>
 
@@ -11,7 +11,7 @@ using Lines = std::vector<std::string>;
 
 class ConfigurationFile : public ConfigurationFixture {
 protected:
-    static constexpr std::size_t kReadAtOnce = 1023;  ///< Characters of a line that are read in one go.
+    static constexpr std::size_t kReadAtOnce = 1023;  ///< The number of characters of a line that are read at once.
 
     Simulator::FaultPlanHandle FailOpening(unsigned nth) {
         return simulation().GetFaults().FailNthOf({"fopen", "_wfopen", "fopen_s", "_wfopen_s"}, nth, EACCES);
@@ -45,7 +45,7 @@ constexpr char kAllWritten[] =
 
 // ---- The file as a whole
 
-TEST_F(ConfigurationFile, AMissingFileDisablesWithoutAWordAndLeavesTheUnloadFlag) {
+TEST_F(ConfigurationFile, AMissingFileDisablesSilentlyAndKeepsTheUnloadFlag) {
     for (const bool flag : {true, false}) {
         dom.Set(kUnloadFlag, flag);
         const Heard heard = Iterate("Deactivated", "");
@@ -63,7 +63,7 @@ TEST_F(ConfigurationFile, AMissingFileDoesNotSetTheUnloadFlag) {
     EXPECT_EQ(Flag(kUnloadFlag), "unset");
 }
 
-TEST_F(ConfigurationFile, AFileThatCannotBeOpenedIsAsOneThatIsMissing) {
+TEST_F(ConfigurationFile, AFileThatCannotBeOpenedCountsAsMissing) {
     (void)ReadFile("SYSTEM_UNLOAD_DRIVER=1\nSYSTEM_RUNQ_PCT_THRESHOLD=50\n");
     const auto fault = FailOpening(1);
     const Heard heard = Iterate("Deactivated", "");
@@ -72,11 +72,11 @@ TEST_F(ConfigurationFile, AFileThatCannotBeOpenedIsAsOneThatIsMissing) {
     EXPECT_FALSE(heard.count);
     EXPECT_EQ(heard.configuration, Lines());
     EXPECT_EQ(heard.errors, Lines());
-    EXPECT_EQ(Flag(kUnloadFlag), "true") << "as it was left by the file that could be read";
-    EXPECT_EQ(WrittenJson(), kNothingWritten) << "the settings of the file before are gone";
+    EXPECT_EQ(Flag(kUnloadFlag), "true") << "as the file that could be read left it";
+    EXPECT_EQ(WrittenJson(), kNothingWritten) << "the settings of the earlier file are gone";
 }
 
-TEST_F(ConfigurationFile, ASettingThatHasLeftTheFileIsGone) {
+TEST_F(ConfigurationFile, ASettingRemovedFromTheFileIsNoLongerInForce) {
     EXPECT_EQ(ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_UNLOAD_DRIVER=1\n").count, 2);
     EXPECT_EQ(Flag(kUnloadFlag), "true");
     EXPECT_EQ(ReadFile("SYSTEM_MIN_FREE_MEM_PCT=5\n").count, 1);
@@ -84,7 +84,7 @@ TEST_F(ConfigurationFile, ASettingThatHasLeftTheFileIsGone) {
     EXPECT_EQ(Flag(kUnloadFlag), "false");
 }
 
-TEST_F(ConfigurationFile, WithoutAKnownLineItDisablesAndClearsTheUnloadFlag) {
+TEST_F(ConfigurationFile, AFileWithoutAKnownLineDisablesAndClearsTheUnloadFlag) {
     for (const char *text : {"", "\n\n", "[section]\n# SYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_OTHER=1\n",
                              "\xEF\xBB\xBFSYSTEM_RUNQ_PCT_THRESHOLD=50\n"}) {
         SCOPED_TRACE(testing::PrintToString(text));
@@ -99,7 +99,7 @@ TEST_F(ConfigurationFile, WithoutAKnownLineItDisablesAndClearsTheUnloadFlag) {
     }
 }
 
-TEST_F(ConfigurationFile, IsWrittenOutInTheOrderOfTheSettingsWhateverItsOwn) {
+TEST_F(ConfigurationFile, IsWrittenInTheOrderOfTheSettingsWhateverItsOwnOrder) {
     const Heard heard = ReadFile(AllSettings());
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 13);
@@ -113,7 +113,7 @@ TEST_F(ConfigurationFile, TheCountIsTracedByItsReader) {
     EXPECT_NE(heard.countedBy.find("readSystemHealthConfig"), std::string::npos) << heard.countedBy;
 }
 
-TEST_F(ConfigurationFile, IsClosedInTheEnd) {
+TEST_F(ConfigurationFile, IsClosedAtTheEnd) {
     for (const char *text : {"", "SYSTEM_RUNQ_PCT_THRESHOLD=50\n", "SYSTEM_DISABLE_FAIL_OPEN=1\n"}) {
         (void)ReadFile(text);
         EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFile), 0u) << text;
@@ -122,7 +122,7 @@ TEST_F(ConfigurationFile, IsClosedInTheEnd) {
 
 // ---- Which lines are settings
 
-TEST_F(ConfigurationFile, OnlyAKeyAtTheVeryStartInItsOwnCaseMakesASetting) {
+TEST_F(ConfigurationFile, OnlyAKeyAtTheStartOfALineInTheRightCaseIsASetting) {
     const Heard heard = ReadFile(
         " SYSTEM_RUNQ_PCT_THRESHOLD=50\n\tSYSTEM_RUNQ_PCT_THRESHOLD=50\nsystem_runq_pct_threshold=50\n"
         "SYSTEM_RUNQ_PCT_THRESHOLD 50\nSYSTEM_RUNQ_PCT_THRESHOLD =50\nSYSTEM_RUNQ_PCT_THRESHOL=50\n"
@@ -132,14 +132,14 @@ TEST_F(ConfigurationFile, OnlyAKeyAtTheVeryStartInItsOwnCaseMakesASetting) {
     EXPECT_EQ(WrittenJson(), kNothingWritten);
 }
 
-TEST_F(ConfigurationFile, TextBehindANumberIsIgnored) {
+TEST_F(ConfigurationFile, TextAfterANumberIsIgnored) {
     const Heard heard = ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50 percent=60\nSYSTEM_MIN_FREE_MEM_PCT=7.5.5\n");
     EXPECT_EQ(heard.count, 2);
     EXPECT_EQ(Written("SYS_THR_RUNQ"), 50);
     EXPECT_EQ(Written("SYS_THR_FREE_MEM"), 7.5);
 }
 
-TEST_F(ConfigurationFile, NumbersAreTakenInAllFormsOfTheCLibrary) {
+TEST_F(ConfigurationFile, NumbersMayHaveAnyFormOfTheCLibrary) {
     const Heard heard = ReadFile(
         "SYSTEM_RUNQ_PCT_THRESHOLD= \t+5e1\nSYSTEM_MIN_FREE_MEM_PCT=.5\nSYSTEM_MAX_ITERATION_INTERVAL=0x1p4\n");
     EXPECT_EQ(heard.count, 3);
@@ -163,14 +163,14 @@ TEST_F(ConfigurationFile, NumbersHaveTheDecimalSeparatorOfTheLocale) {
     EXPECT_NE(WrittenJson().find("\"SYS_CONF_RECOVER_FACTOR\":\t33,"), std::string::npos) << WrittenJson();
 }
 
-TEST_F(ConfigurationFile, AKeyOnTwoLinesCountsTwiceAndItsLaterNumberStands) {
+TEST_F(ConfigurationFile, AKeyOnTwoLinesCountsTwiceAndItsLastNumberWins) {
     const Heard heard = ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_RUNQ_PCT_THRESHOLD=60\n");
     EXPECT_EQ(heard.count, 2);
     EXPECT_EQ(Written("SYS_THR_RUNQ"), 60);
     EXPECT_EQ(WrittenKeys(), Lines{"SYS_THR_RUNQ"});
 }
 
-TEST_F(ConfigurationFile, LinesMayEndAsOnWindowsAndTheLastNotAtAll) {
+TEST_F(ConfigurationFile, LinesMayEndInCrLfAndTheLastLineNeedsNoEnd) {
     const Heard heard = ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50\r\nSYSTEM_MIN_FREE_MEM_PCT=5\r\nSYSTEM_UNLOAD_DRIVER=1");
     EXPECT_EQ(heard.count, 3);
     EXPECT_EQ(heard.errors, Lines());
@@ -186,7 +186,7 @@ TEST_F(ConfigurationFile, ALineEndsAtANulCharacter) {
     EXPECT_EQ(Written("SYS_THR_FREE_MEM"), 5);
 }
 
-TEST_F(ConfigurationFile, TheRestOfALongLineIsALineOfItsOwn) {
+TEST_F(ConfigurationFile, TheRestOfALongLineIsASeparateLine) {
     const std::string setting = "SYSTEM_RUNQ_PCT_THRESHOLD=50\n";
     EXPECT_EQ(ReadFile(std::string(kReadAtOnce, 'x') + setting).count, 1);
     EXPECT_EQ(ReadFile(std::string(4 * kReadAtOnce, 'x') + setting).count, 1);
@@ -195,7 +195,7 @@ TEST_F(ConfigurationFile, TheRestOfALongLineIsALineOfItsOwn) {
     EXPECT_EQ(ReadFile(std::string(kReadAtOnce, 'x') + setting + setting).count, 2);
 }
 
-TEST_F(ConfigurationFile, ANumberIsCutWhereTheFirstPartOfALongLineEnds) {
+TEST_F(ConfigurationFile, ANumberIsTruncatedWhereTheFirstPartOfALongLineEnds) {
     std::string line = "SYSTEM_RUNQ_PCT_THRESHOLD=";
     line += std::string(kReadAtOnce - line.size() - 2, ' ') + "1234\n";
     const Heard heard = ReadFile(line);
@@ -218,7 +218,7 @@ TEST_F(ConfigurationFile, EverySettingIsAcceptedAtItsMaximum) {
     }
 }
 
-TEST_F(ConfigurationFile, NothingAboveAMaximumIsAccepted) {
+TEST_F(ConfigurationFile, ValuesAboveAMaximumAreRejected) {
     for (const SettingNames &setting : kSettings) {
         for (const std::string &number :
              {Fixed(setting.max * 1.001), std::string("1e30"), std::string("1e999"), std::string("inf"),
@@ -232,7 +232,7 @@ TEST_F(ConfigurationFile, NothingAboveAMaximumIsAccepted) {
     }
 }
 
-TEST_F(ConfigurationFile, NeitherZeroNorLessNorATextIsAccepted) {
+TEST_F(ConfigurationFile, ZeroNegativeValuesAndTextsAreRejected) {
     for (const SettingNames &setting : kSettings) {
         for (const std::string number : {"0", "0.0", "-0", "-1", "-1e-30", "-inf", "nan", "", "yes", " ", "=1"}) {
             SCOPED_TRACE(setting.line + number);
@@ -244,7 +244,7 @@ TEST_F(ConfigurationFile, NeitherZeroNorLessNorATextIsAccepted) {
     }
 }
 
-TEST_F(ConfigurationFile, AnOutOfRangeLineIsAnErrorOfTheLogAndNoTrace) {
+TEST_F(ConfigurationFile, AnOutOfRangeLineIsLoggedAsAnErrorAndNotTraced) {
     WriteConfig("SYSTEM_DISABLE_FAIL_OPEN=0\n");
     (void)log.Take();
     (void)TakeTracedLines();
@@ -265,7 +265,7 @@ TEST_F(ConfigurationFile, TheRunQueueThresholdIsAcceptedAt200AndRejectedAt200Poi
     EXPECT_EQ(heard.errors, Lines{"value 0.000000 for  SYSTEM_RUNQ_PCT_THRESHOLD= is out of range, max= 200.000000"});
 }
 
-TEST_F(ConfigurationFile, ZeroDoesNotSwitchASettingOff) {
+TEST_F(ConfigurationFile, ZeroDoesNotDisableASetting) {
     const Heard heard = ReadFile(
         "SYSTEM_CONNECTION_REFUSAL_OUTBOUND=1\nSYSTEM_CONNECTION_REFUSAL_OUTBOUND=0\n"
         "SYSTEM_UNLOAD_DRIVER=1\nSYSTEM_UNLOAD_DRIVER=0\n");
@@ -276,14 +276,14 @@ TEST_F(ConfigurationFile, ZeroDoesNotSwitchASettingOff) {
                                    OutOfRange(SettingOf("SYS_CONF_UNLOAD_DRIVER"), 1)}));
 }
 
-TEST_F(ConfigurationFile, AnOutOfRangeLineTellsAndKeepsTheNumberOfTheGoodLineBefore) {
+TEST_F(ConfigurationFile, AnOutOfRangeLineReportsAndKeepsTheNumberOfTheValidLineBefore) {
     const Heard heard = ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50.5\nSYSTEM_RUNQ_PCT_THRESHOLD=201\n");
     EXPECT_EQ(heard.count, 1);
     EXPECT_EQ(heard.errors, Lines{"value 50.500000 for  SYSTEM_RUNQ_PCT_THRESHOLD= is out of range, max= 200.000000"});
     EXPECT_EQ(Written("SYS_THR_RUNQ"), 50.5);
 }
 
-TEST_F(ConfigurationFile, AMinimumAboveTheMaximumStands) {
+TEST_F(ConfigurationFile, AMinimumAboveTheMaximumIsAccepted) {
     const Heard heard = ReadFile("SYSTEM_MIN_ACT_DURATION=30\nSYSTEM_MAX_ACT_DURATION=10\n");
     EXPECT_EQ(heard.count, 2);
     EXPECT_EQ(heard.configuration, Lines());
@@ -293,7 +293,7 @@ TEST_F(ConfigurationFile, AMinimumAboveTheMaximumStands) {
 
 // ---- The two switches
 
-TEST_F(ConfigurationFile, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
+TEST_F(ConfigurationFile, TheUnloadSwitchDoesNotTurnTheSubsystemOff) {
     const Heard heard = ReadFile("SYSTEM_UNLOAD_DRIVER=1\n");
     EXPECT_EQ(heard.action, kNormal);
     EXPECT_EQ(heard.count, 1);
@@ -302,7 +302,7 @@ TEST_F(ConfigurationFile, TheUnloadSwitchAloneKeepsTheSubsystemOn) {
     EXPECT_EQ(lua.Eval("f.GetSysHealthEnabled()"), "true");
 }
 
-TEST_F(ConfigurationFile, SwitchesActAtExactlyOneAlone) {
+TEST_F(ConfigurationFile, SwitchesTakeEffectOnlyAtExactlyOne) {
     dom.Set(kUnloadFlag, true);
     const Heard heard = ReadFile("SYSTEM_DISABLE_FAIL_OPEN=0.5\nSYSTEM_UNLOAD_DRIVER=0.999\n");
     EXPECT_EQ(heard.action, kNormal);
@@ -312,7 +312,7 @@ TEST_F(ConfigurationFile, SwitchesActAtExactlyOneAlone) {
     EXPECT_EQ(lua.Eval("f.GetSysHealthEnabled()"), "true");
 }
 
-TEST_F(ConfigurationFile, TheDisablingSwitchDisablesWhateverElseTheFileHolds) {
+TEST_F(ConfigurationFile, TheDisablingSwitchDisablesWhateverElseTheFileContains) {
     const Heard heard = ReadFile(AllSettings() + "SYSTEM_DISABLE_FAIL_OPEN=1\nSYSTEM_UNLOAD_DRIVER=1\n");
     EXPECT_EQ(heard.action, kDisabled);
     EXPECT_FALSE(heard.count);
@@ -325,7 +325,7 @@ TEST_F(ConfigurationFile, TheDisablingSwitchDisablesWhateverElseTheFileHolds) {
 
 // ---- In fail-open
 
-TEST_F(ConfigurationFile, InFailOpenTheMetricsOfTheDriverAreOffButCounted) {
+TEST_F(ConfigurationFile, InFailOpenTheDriverMetricsAreOffButCounted) {
     const Heard heard = ReadFile(AllSettings(), "Activated");
     EXPECT_EQ(heard.count, 13);
     EXPECT_EQ(WrittenKeys(),
@@ -334,7 +334,7 @@ TEST_F(ConfigurationFile, InFailOpenTheMetricsOfTheDriverAreOffButCounted) {
                      "SYS_THR_MAX_ITERATION_INVL", "SYS_CONF_UNLOAD_DRIVER", "SYS_CONF_DISABLE_FAIL_OPEN"}));
 }
 
-TEST_F(ConfigurationFile, InFailOpenAMetricOfTheDriverNeedsNoPort) {
+TEST_F(ConfigurationFile, InFailOpenADriverMetricNeedsNoPort) {
     const Heard heard = ReadFile("SYSTEM_TOTAL_SCAN_MBYTES_PER_CPU=8\n", "Activated");
     EXPECT_EQ(heard.action, kFailOpen);
     EXPECT_EQ(heard.count, 1);
@@ -342,7 +342,7 @@ TEST_F(ConfigurationFile, InFailOpenAMetricOfTheDriverNeedsNoPort) {
     EXPECT_EQ(WrittenJson(), kNothingWritten);
 }
 
-TEST_F(ConfigurationFile, TheDisablingSwitchLeavesTheMetricsOfTheDriverOnInFailOpen) {
+TEST_F(ConfigurationFile, TheDisablingSwitchKeepsTheDriverMetricsOnInFailOpen) {
     const Heard heard = ReadFile(AllSettings() + "SYSTEM_DISABLE_FAIL_OPEN=1\n", "Activated");
     EXPECT_EQ(heard.action, kDisabled);
     EXPECT_EQ(WrittenKeys().size(), 13u);

@@ -59,25 +59,29 @@ void Health::Store() {
 
 Health::Accepted Health::ReadFile(const Configuration &configuration, bool activated) {
     Accepted accepted;
-    if (!configuration.isBroken) {
-        for (const auto &[value, number] : configuration.lines) {
-            const double single = static_cast<float>(number);
-            if (single > 0 && single <= kGreatest[value]) {
-                accepted.values[value] = single;
-                accepted.judged[value] = true;
-                ++accepted.count;
-            }
+    if (configuration.isBroken)
+        return accepted;
+    for (const auto &[value, number] : configuration.lines) {
+        const double single = static_cast<float>(number);
+        if (single > 0 && single <= kGreatest[value]) {
+            accepted.values[value] = single;
+            accepted.judged[value] = true;
+            ++accepted.count;
         }
-        m_unload = accepted.values[Unload] == 1.0 ? "true" : "false";
-        if (accepted.values[Off] == 1.0) {
-            accepted.count = 0;
-            return accepted;
-        }
+    }
+    ApplySwitches(accepted, activated);
+    return accepted;
+}
+
+void Health::ApplySwitches(Accepted &accepted, bool activated) {
+    m_unload = accepted.values[Unload] == 1.0 ? "true" : "false";
+    if (accepted.values[Off] == 1.0) {
+        accepted.count = 0;
+        return;
     }
     if (activated)
         for (const Value value : {RefusalLimit, EstablishedLimit, ScanLimit})
             accepted.judged[value] = false;
-    return accepted;
 }
 
 Health::Accepted Health::ReadPolicy(const Configuration &configuration, bool activated) {
@@ -89,7 +93,7 @@ Health::Accepted Health::ReadPolicy(const Configuration &configuration, bool act
     std::array<bool, kValues> found{};
     for (const auto &[value, number] : configuration.lines) {
         const bool passes = number <= kGreatest[value] && (IsThreshold(value) ? number > 0 : number >= 0);
-        const bool isFirst = !found[value];  // of two members with one name only the first counts
+        const bool isFirst = !found[value];  // of two members with the same name only the first counts
         found[value] = true;
         if (passes && isFirst) {
             accepted.values[value] = number;
@@ -107,14 +111,7 @@ Health::Accepted Health::ReadPolicy(const Configuration &configuration, bool act
             takeBack(value);
     if (accepted.values[MinWait] && accepted.values[MaxWait] && *accepted.values[MinWait] > *accepted.values[MaxWait])
         takeBack(MaxWait);
-    m_unload = accepted.values[Unload] == 1.0 ? "true" : "false";
-    if (accepted.values[Off] == 1.0) {
-        accepted.count = 0;
-        return accepted;
-    }
-    if (activated)
-        for (const Value value : {RefusalLimit, EstablishedLimit, ScanLimit})
-            accepted.judged[value] = false;
+    ApplySwitches(accepted, activated);
     return accepted;
 }
 

@@ -1,5 +1,5 @@
-// What the health subsystem is to decide, written down a second time and independently: plain, slow, one function
-// per rule. It shares no code with the module.
+// A second, independent description of what the health subsystem must decide: plain, slow, one function per rule. It
+// shares no code with the module.
 #pragma once
 
 #include <array>
@@ -29,14 +29,14 @@ enum Value {
     kValues
 };
 
-/// A configuration as it is written: values in the order of their lines.
+/// A configuration as it is written: values in line order.
 struct Configuration {
     bool isPolicy = false;
-    bool isBroken = false;  ///< A policy that is no JSON, a file that is not there.
+    bool isBroken = false;  ///< A policy that is not JSON, a file that is missing.
     std::vector<std::pair<Value, double>> lines;
 };
 
-/// All that one iteration meets.
+/// The input of one iteration.
 struct Surroundings {
     Configuration configuration;
     std::string state;
@@ -58,7 +58,7 @@ struct Metric {
     double limit = 0;
 };
 
-/// What can be seen after an iteration.
+/// What is visible after an iteration.
 struct Seen {
     int action = 0;
     std::array<std::int64_t, 12> readOut{};  ///< Value and limit of each metric.
@@ -67,7 +67,7 @@ struct Seen {
     std::string storedWait;
     std::string storedCheck;
     std::string unloadFlag;  ///< "true", "false" or "unset".
-    std::string logLine;     ///< Empty where none is written.
+    std::string logLine;     ///< Empty if none is written.
 
     bool operator==(const Seen &) const = default;
 };
@@ -77,7 +77,7 @@ class Health {
 public:
     Health();
     Seen Iterate(const Surroundings &around);
-    /// Forgets all but the agent's settings.
+    /// Forgets everything but the agent's settings.
     void Restart();
 
 private:
@@ -88,6 +88,7 @@ private:
     };
     Accepted ReadFile(const Configuration &configuration, bool activated);
     Accepted ReadPolicy(const Configuration &configuration, bool activated);
+    void ApplySwitches(Accepted &accepted, bool activated);
     int Run(const Surroundings &around, double interval);
     int Decide(const Surroundings &around, bool activated);
     int Recover(const Surroundings &around);
@@ -109,7 +110,7 @@ private:
     int m_driverPort = 0;
     std::array<std::uint64_t, 10> m_totals{};
     std::array<double, 10> m_rates{};
-    // Of the iteration at hand.
+    // Of the current iteration.
     double m_factor = 1;
     std::uint64_t m_since = 0;
     std::uint64_t m_next = 0;

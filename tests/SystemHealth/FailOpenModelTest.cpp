@@ -1,4 +1,4 @@
-// The module against an independent model of it, over long random histories of a host.
+// The module compared with an independent model, over long random histories of a host.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -40,7 +40,7 @@ constexpr const char *kPolicyKeys[] = {
     "SYS_CONF_UNLOAD_DRIVER",
     "SYS_CONF_DISABLE_FAIL_OPEN",
 };
-/// Values worth trying for each: usual ones, bounds, what lies beyond them.
+/// Values worth trying for each setting: usual ones, bounds, and values outside them.
 const std::vector<double> kTried[] = {
     {443, 443, 8080, 65535, 0, 65536},
     {1, 1, 0.5, 0, 2},
@@ -89,7 +89,7 @@ public:
 
     bool Chance(unsigned oneIn) { return m_generator() % oneIn == 0; }
 
-    /// What the next iteration meets, but for the time.
+    /// The input of the next iteration, except the time.
     Surroundings Next(int lastAction) {
         if (Chance(40))
             NewConfiguration();
@@ -164,13 +164,13 @@ protected:
         Begin();
     }
 
-    /// The module anew, as after a restart of the agent; its settings stay.
+    /// A fresh module, as after a restart of the agent; its settings stay.
     void RestartModule() {
         Reload();
         Begin();
     }
 
-    /// Puts the world into the state that the iteration is to meet; its time becomes the world's.
+    /// Prepares the machine for the iteration's input, and sets its time.
     void Arrange(Surroundings &around) {
         around.now = simulation().GetClock().WallFileTime() / 10;
         machine().processorQueue = around.queue;
@@ -189,8 +189,8 @@ protected:
         Configure(around.configuration);
     }
 
-    /// Whether the module can write the file of the values in use, which changes nothing else: opening one takes long
-    /// here.
+    /// Whether the module can write the file of the values in use; nothing else depends on it, and opening a file takes
+    /// long here.
     void LetTheFileBeWritten(bool isWritable) { m_isWritable = isWritable; }
 
     Seen Iterate(const Surroundings &around) {
@@ -263,7 +263,7 @@ std::string Describe(const Seen &seen) {
 }
 
 bool IsPlain(const Seen &seen) {
-    // How a number that is none is spelt is up to the C runtime.
+    // The spelling of NaN depends on the C runtime.
     return seen.logLine.find("nan") == std::string::npos && seen.logLine.find("inf") == std::string::npos;
 }
 
@@ -304,10 +304,10 @@ TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
         iterations, restarts, actions[0], actions[1], actions[2], actions[5], actions[6], actions[7],
         HowToRepeat().c_str());
     for (const std::size_t action : {0U, 1U, 2U, 5U, 6U, 7U})
-        EXPECT_GT(actions.at(action), iterations / 2000) << "the histories say little about action " << action;
+        EXPECT_GT(actions.at(action), iterations / 2000) << "too few results with action " << action;
 }
 
-/// A life in which only a restart could make a difference: no driver, no pause that even a recovery check finds too
+/// A history in which only a restart could make a difference: no driver, no pause that even a recovery check finds too
 /// long.
 class SteadyHost {
 public:
@@ -339,7 +339,7 @@ protected:
         return around;
     }
 
-    /// The actions of a life, with a restart of the module before one iteration in so many; 0 for none.
+    /// The actions of a history, with a restart of the module before every n-th iteration; 0 for none.
     std::vector<int> Live(unsigned seed, int iterations, int restartEvery) {
         RestartModule();
         dom.SettingStore("vtp.filter.SysHealthBackoffWait", "0");
@@ -420,7 +420,7 @@ TEST_F(FailOpenProperties, TheWaitNeverExceedsTheCapOnceItHasGrown) {
     }
 }
 
-TEST_F(FailOpenProperties, AnIterationWithAnUnreachableDriverStillJudgesTheOthers) {
+TEST_F(FailOpenProperties, AnIterationWithAnUnreachableDriverStillChecksTheOtherMetrics) {
     for (const bool opens : {false, true}) {
         Surroundings host = Steady(100, 0);
         host.configuration.lines.insert(host.configuration.lines.end(),

@@ -1,4 +1,4 @@
-// An agent that asks for the host's health: a machine, a driver, a configuration file, and what comes of them.
+// An agent that queries the host's health: a machine, a driver, a configuration file, and the results.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 #include "vta_core_control.h"
 #include "vti_control.h"
 
-/// What action is, by the numbers that scripts see.
+/// The action, by the numbers that scripts see.
 enum Action : int {
     kNormal = 0,
     kFailOpen = 1,
@@ -31,30 +31,30 @@ struct ReadOut {
     bool operator==(const ReadOut &) const = default;
 };
 
-/// The module with a machine whose sleeps take no time (the clock moves all the same: 100 ms in each sample). All
-/// components are traced, the log's verbose flag is on. In Lua: `dom`, and `f` for SLB.filter.
+/// The module with a machine whose sleeps take no real time (the clock advances all the same: 100 ms in each sample).
+/// All components are traced, the log's verbose flag is on. In Lua: `dom`, and `f` for SLB.filter.
 class HealthFixture : public ModuleFixture {
 protected:
     HealthFixture();
     ~HealthFixture() override;
 
-    /// One iteration. The action; -1 if the result is no table with that one field, and the test fails.
+    /// One iteration. @return the action; -1 if the result is not a table with that one field, and the test fails.
     int Check(const std::string &state = "Deactivated", const std::string &policy = "");
 
     /// The whole configuration file.
     void WriteConfig(const std::string &text);
     void RemoveConfig();
-    /// What the module wrote last of the configuration in use; empty when there is no file.
+    /// The configuration in use as the module last wrote it; empty without a file.
     [[nodiscard]] std::string WrittenJson();
     void RemoveWrittenJson();
     [[nodiscard]] std::filesystem::path ConfigPath();
     [[nodiscard]] std::filesystem::path JsonPath();
 
-    /// The six metrics as GetSysHealthMetrics shows them.
+    /// The six metrics as GetSysHealthMetrics returns them.
     std::vector<ReadOut> Metrics();
     ReadOut Metric(const std::string &shortName);
 
-    /// A stored setting of the agent; and a flag, for which "unset" is an answer, too.
+    /// A stored setting of the agent; and a flag, for which "unset" is a result, too.
     [[nodiscard]] std::string Setting(const std::string &key) const;
     [[nodiscard]] std::string Flag(const std::string &key) const;
 

@@ -1,4 +1,4 @@
-// Configuration files and policies that nobody would write: noise, and good ones that were spoilt.
+// Configuration files and policies that nobody would write: noise, and valid ones that were corrupted.
 
 #include <algorithm>
 #include <array>
@@ -17,12 +17,12 @@
 
 namespace {
 
-/// Makes inputs by chance, the same ones for the same seed.
+/// Generates random inputs, reproducible by the seed.
 class InputMaker {
 public:
     explicit InputMaker(const std::mt19937 &random) : m_random(random) {}
 
-    /// A number from 0 on that is less than `end`.
+    /// A random number from 0 up to, but not including, `end`.
     std::size_t Below(std::size_t end) { return m_random() % end; }
 
     template <class Choices>
@@ -134,15 +134,15 @@ private:
     std::mt19937 m_random;
 };
 
-/// The module reads its configuration from memory, since files are what takes the time, and finds the file that it
-/// would write to locked, but for some iterations.
+/// The module reads its configuration from memory, since files would take most of the time, and finds the file that it
+/// would write locked, except in some iterations.
 class HostileInput : public ConfigurationFixture {
 protected:
     static constexpr int kInputs = 100'000;
     static constexpr int kInputsToWarmUp = 500;
     static constexpr int kWrittenOneIn = 500;
     static constexpr int kForgetEach = 256;
-    /// The C library keeps the memory of long numbers for later ones. A leak by one input in a thousand is more.
+    /// The C library keeps the memory of long numbers for later ones. A leak in one of a thousand inputs exceeds this.
     static constexpr std::size_t kKeptAtMost = 64;
 
     HostileInput() {
@@ -164,7 +164,7 @@ protected:
         ASSERT_TRUE(lua_isfunction(lua, -1));
     }
 
-    /// Runs `one`, which makes an iteration of a new input and tells its action, as often as is wanted.
+    /// Calls `one`, which runs an iteration on a new input and returns its action, as often as configured.
     template <class One>
     void RunAll(One one) {
         for (int i = 0; i < kInputsToWarmUp; ++i)
@@ -180,7 +180,7 @@ protected:
         Tell();
     }
 
-    /// One iteration; tells its action.
+    /// One iteration. @return its action.
     int Run(const std::string &policy) {
         const int top = lua_gettop(lua);
         lua_pushvalue(lua, -1);
@@ -262,7 +262,7 @@ private:
         driver().calls.clear();
     }
 
-    /// What is there after an iteration that leaves as little as possible.
+    /// What remains after an iteration that leaves as little as possible.
     Simulator::BalanceSnapshot Settled() {
         m_writes = false;
         Replace("");
@@ -277,13 +277,13 @@ private:
                   << " of them on the guarded heap; actions";
         for (std::size_t action = 0; action < m_actions.size(); ++action) {
             std::cout << " " << action << ": " << m_actions[action];
-            EXPECT_GT(m_actions[action], kInputs / 100) << "too few of action " << action << " to tell anything";
+            EXPECT_GT(m_actions[action], kInputs / 100) << "too few results with action " << action;
         }
         std::cout << std::endl;
     }
 
-    /// Which iterations run on the guarded heap: it takes some milliseconds each time, so that all of them take ten
-    /// minutes.
+    /// Selects the iterations that run on the guarded heap: each takes some milliseconds more, so that all of them
+    /// would take ten minutes.
     static int GuardedOneIn() {
         constexpr int otherwise = 40;
         const char *const text = std::getenv("FC_GUARDED_ONE_IN");
@@ -298,7 +298,7 @@ private:
     std::array<int, kDisabled + 1> m_actions{};
 };
 
-TEST_F(HostileInput, NoConfigurationFileDoesHarm) {
+TEST_F(HostileInput, ConfigurationFilesOfAnyContentAreHarmless) {
     RunAll([this] {
         const std::string text = inputs.ConfigText();
         Replace(text);
@@ -309,7 +309,7 @@ TEST_F(HostileInput, NoConfigurationFileDoesHarm) {
     });
 }
 
-TEST_F(HostileInput, NoPolicyDoesHarm) {
+TEST_F(HostileInput, PoliciesOfAnyContentAreHarmless) {
     RunAll([this] {
         const std::string policy = inputs.PolicyText();
         const int action = Run(policy);

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr std::int64_t kSecondsFrom1601To1970 = 11'644'473'600;
-constexpr DWORD kReaderWaitMs = 60'000;  // real
+constexpr DWORD kReaderWaitMs = 60'000;  // real milliseconds
 
 std::string AllOf(const std::vector<std::string> &lines) {
     std::string text = "the lines are:";
@@ -18,7 +18,7 @@ std::string AllOf(const std::vector<std::string> &lines) {
     return text;
 }
 
-/// A Lua allocator that has no memory from one request on.
+/// A Lua allocator that fails from the given request on.
 struct FewRequests {
     int left;
     static void *Allocate(void *self, void *block, size_t oldSize, size_t newSize) {
@@ -90,7 +90,7 @@ std::string IterationFixture::TakeLongLine() {
 }
 
 std::string IterationFixture::FieldOf(const std::string &longLine, const std::string &name) {
-    // The interval is there twice, its metric last.
+    // The interval occurs twice; its metric is the last one.
     const std::size_t place = longLine.rfind(" " + name + "=");
     if (place == std::string::npos)
         return "no " + name + " in: " + longLine;

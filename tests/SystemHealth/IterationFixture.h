@@ -1,4 +1,4 @@
-// Iterations at set times on a host with plain figures, and shorthand for what each leaves behind.
+// Iterations at set times on a host with simple numbers, and shorthand for what each leaves behind.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ inline const std::string kFreeMemory = "SYSTEM_MIN_FREE_MEM_PCT=20\n";
 inline const std::string kInterval = "SYSTEM_MAX_ITERATION_INTERVAL=60\n";
 inline const std::string kDriverMetrics = kPort + kRefusals + kEstablished + kScanned;
 
-/// What the driver has counted in all, of that which is used.
+/// The driver's totals of the counters in use.
 struct Totals {
     std::uint64_t connNew = 0;
     std::uint64_t established = 0;
@@ -31,8 +31,8 @@ struct Totals {
 
 }  // namespace Health
 
-/// The wall clock starts at kStart and moves only by sleeps and by the tests. The host has 4 processors, a queue
-/// of 1, and half of its 8 GiB free.
+/// The wall clock starts at kStart and advances only by sleeps and by the tests. The host has 4 processors, a queue of
+/// 1, and half of its 8 GiB free.
 class IterationFixture : public HealthFixture {
 protected:
     static constexpr std::int64_t kStart = 1'700'000'000;  ///< Seconds since 1970.
@@ -49,32 +49,32 @@ protected:
     /// The time in microseconds since 1601, in decimal.
     static std::string Microseconds(double seconds);
 
-    /// The driver's totals; the counters that are not used get other numbers each time.
+    /// Sets the driver's totals; the unused counters get other numbers each time.
     void SetTotals(const Health::Totals &totals);
     /// The operations of the driver since the last call.
     static std::vector<std::string> TakeDriverCalls();
 
-    /// The lines of the error log since the last call, the others are lost.
+    /// The lines of the error log since the last call; discards the others.
     std::vector<std::string> TakeErrors();
-    /// The long line of the last iteration since the last call, "" if there is none; other lines are lost.
+    /// The long line of the last iteration since the last call, "" if there is none; discards other lines.
     std::string TakeLongLine();
-    /// What stands behind NAME= in the long line, such as "1.000(50.000)".
+    /// The text after NAME= in the long line, such as "1.000(50.000)".
     static std::string FieldOf(const std::string &longLine, const std::string &name);
 
-    /// Forgets all that was logged, traced and recorded.
+    /// Forgets everything logged, traced and recorded.
     void Forget();
-    /// Expects that a read-out on another thread gets through.
+    /// Expects that a read-out on another thread returns.
     void ExpectLockFree();
 
 private:
     std::uint64_t m_noise = 1;
 };
 
-/// Calls a function without arguments in a Lua state that has memory for so many requests only.
+/// Calls a function without arguments in a Lua state that can allocate only so many blocks.
 /// @return the status of the call.
 int CallWithShortMemory(lua_State *state, const std::string &function, int requests);
 
-/// A thread that is ended by force when it does not end by itself.
+/// A thread that is terminated if it does not end by itself.
 class Worker {
 public:
     explicit Worker(std::function<void()> work);
@@ -94,5 +94,5 @@ private:
 
 /// Whether the line is among the lines.
 testing::AssertionResult Has(const std::vector<std::string> &lines, const std::string &line);
-/// Whether a line begins so.
+/// Whether a line begins with the text.
 testing::AssertionResult HasBeginning(const std::vector<std::string> &lines, const std::string &beginning);

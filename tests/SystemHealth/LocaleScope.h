@@ -1,9 +1,9 @@
-// Another locale of the C library, for a while.
+// Another locale of the C library within a scope.
 #pragma once
 
 #include <clocale>
 
-/// The whole process has the locale until the end of the scope, and "C" from then on.
+/// The whole process has the locale until the end of the scope, and "C" afterwards.
 class LocaleScope {
 public:
     explicit LocaleScope(const char *name) : m_isKnown(std::setlocale(LC_ALL, name) != nullptr) {}

@@ -1,4 +1,4 @@
-// The six metrics: which are judged, how each is calculated, and where its limit lies.
+// The six metrics: which are checked, how each is calculated, and where its limit lies.
 
 #include "IterationFixture.h"
 
@@ -10,7 +10,7 @@ class HealthMetrics : public IterationFixture {
 protected:
     HealthMetrics() { WriteConfig(kDriverMetrics + kRunQueue + kFreeMemory + kInterval); }
 
-    /// An iteration with no totals, and ten seconds later one with these.
+    /// An iteration without totals, and ten seconds later one with these.
     int CheckWithTotals(const Totals &totals) {
         SetTotals({});
         EXPECT_EQ(CheckAt(0), kNormal);
@@ -19,7 +19,7 @@ protected:
         return CheckAt(10);
     }
 
-    /// What was traced of the engine's work since the last call, without what any iteration traces.
+    /// The engine's traces since the last call, without those of every iteration.
     static std::vector<std::string> TakeFindings() {
         std::vector<std::string> findings = TakeTracedMessages("SysHealth.eng");
         std::erase_if(findings, [](const std::string &line) {
@@ -30,7 +30,7 @@ protected:
         return findings;
     }
 
-    /// The count of metrics past their limit that the last recovery check found.
+    /// The number of metrics past their limit at the last recovery check.
     static std::string TakeFailedRecovery() {
         const std::string beginning = "SysHealth backoff increased, metrics over threshold = ";
         for (const std::string &line : TakeTracedMessages("SysHealth.eng"))
@@ -40,9 +40,9 @@ protected:
     }
 };
 
-// ---- Which are judged
+// ---- Which are checked
 
-TEST_F(HealthMetrics, EachConfiguredThresholdEnablesItsMetricAlone) {
+TEST_F(HealthMetrics, EachConfiguredThresholdEnablesOnlyItsMetric) {
     const struct {
         std::string config;
         ReadOut metric;
@@ -63,17 +63,17 @@ TEST_F(HealthMetrics, EachConfiguredThresholdEnablesItsMetricAlone) {
     }
 }
 
-TEST_F(HealthMetrics, AThresholdThatIsTakenAwayDisablesItsMetric) {
+TEST_F(HealthMetrics, ARemovedThresholdDisablesItsMetric) {
     machine().processorQueue = 7;
     ASSERT_EQ(Check(), kNormal);
     ASSERT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 7, 50}));
     WriteConfig(kFreeMemory);
     machine().processorQueue = 1000;
-    ASSERT_EQ(Check(), kNormal) << "not judged";
+    ASSERT_EQ(Check(), kNormal) << "not checked";
     EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 0, 0}));
 }
 
-TEST_F(HealthMetrics, WithoutThresholdsOnlyTheIterationIntervalLives) {
+TEST_F(HealthMetrics, WithoutThresholdsOnlyTheIterationIntervalIsEnabled) {
     WriteConfig(kPort);
     machine().processorQueue = 1e9;
     machine().memoryAvailable = 0;
@@ -92,7 +92,7 @@ TEST_F(HealthMetrics, TheIntervalsThresholdIsTheConfiguredOneOr45) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "delta_t"), "10.000(45.000)");
 }
 
-TEST_F(HealthMetrics, FortySixSecondsBetweenIterationsSufficeForFailOpen) {
+TEST_F(HealthMetrics, FortySixSecondsBetweenIterationsCauseFailOpen) {
     WriteConfig(kPort);
     ASSERT_EQ(CheckAt(0), kNormal);
     Forget();
@@ -158,7 +158,7 @@ TEST_F(HealthMetrics, RefusalsMayExceedAHundredPercent) {
     EXPECT_EQ(FieldOf(TakeLongLine(), "refusalpct"), "350.000(10.000)");
 }
 
-TEST_F(HealthMetrics, BothDirectionsOfScannedBytesCount) {
+TEST_F(HealthMetrics, ScannedBytesOfBothDirectionsCount) {
     ASSERT_EQ(CheckWithTotals({.bytesForward = 100 << 20}), kNormal);
     EXPECT_EQ(FieldOf(TakeLongLine(), "scanmb"), "2.500(8.000)");
     SetTotals({.bytesForward = 100 << 20, .bytesBackward = 60 << 20});
@@ -175,7 +175,7 @@ TEST_F(HealthMetrics, DisabledOnesAreNotTraced) {
 
 // ---- Limits
 
-TEST_F(HealthMetrics, AValueAtItsLimitIsNotPastIt) {
+TEST_F(HealthMetrics, AValueAtItsLimitIsAccepted) {
     machine().processorQueue = 50;
     machine().memoryTotal = 1000 << 10;
     machine().memoryAvailable = 200 << 10;
@@ -216,7 +216,7 @@ TEST_F(HealthMetrics, AllSixPastTheirLimitsAreCountedInTableOrder) {
             "iteration interval value of 80.000000 exceeds threshold of 60.000000 (1.000000 x 60.000000) "}));
 }
 
-TEST_F(HealthMetrics, OneMetricPastItsLimitSufficesWhicheverItIs) {
+TEST_F(HealthMetrics, OneMetricPastItsLimitIsEnoughWhicheverItIs) {
     const Totals busy[] = {{.connNew = 100, .halfOpenToClose = 11}, {.established = 4010}, {.bytesForward = 321 << 20}};
     double seconds = 0;
     for (const Totals &totals : busy) {
@@ -232,7 +232,7 @@ TEST_F(HealthMetrics, OneMetricPastItsLimitSufficesWhicheverItIs) {
     EXPECT_EQ(CheckAt(seconds), kFailOpen);
 }
 
-TEST_F(HealthMetrics, AFailedIterationLeavesTheTable) {
+TEST_F(HealthMetrics, AFailedIterationKeepsTheTable) {
     machine().processorQueue = 7;
     ASSERT_EQ(CheckAt(10), kNormal);
     const std::vector<ReadOut> before = Metrics();
@@ -253,7 +253,7 @@ TEST_F(HealthMetrics, AFailedIterationLeavesTheTable) {
 
 // ---- The factor of a recovery check
 
-TEST_F(HealthMetrics, AFactorBelowAHundredPercentTightensCeilingsAndFloor) {
+TEST_F(HealthMetrics, AFactorBelowAHundredPercentTightensUpperAndLowerLimits) {
     WriteConfig(kRunQueue + kFreeMemory + kInterval + "SYSTEM_RECOVERY_FACTOR=50\n");
     machine().processorQueue = 25.5;
     machine().memoryTotal = 1000 << 10;

@@ -1,4 +1,4 @@
-// What scripts read of the last iteration.
+// What scripts read about the last iteration.
 
 #include <atomic>
 #include <functional>
@@ -46,7 +46,7 @@ TEST_F(HealthReadOut, BeforeTheFirstIterationMetricsHaveTheirInitialThresholds) 
     EXPECT_EQ(Metrics(), expected);
 }
 
-TEST_F(HealthReadOut, MetricsAreTrueAndSevenTablesWithTheirFieldsAlone) {
+TEST_F(HealthReadOut, MetricsAreTrueAndSevenTablesWithOnlyTheirFields) {
     lua.Run(R"(
         local results = table.pack(f.GetSysHealthMetrics())
         assert(results.n == 2 and results[1] == true)
@@ -70,7 +70,7 @@ TEST_F(HealthReadOut, ThereAreSevenItemsWhicheverMetricsAreEnabled) {
     for (const std::string &config : {kPort, kRunQueue, kDriverMetrics + kRunQueue + kFreeMemory}) {
         WriteConfig(config);
         ASSERT_EQ(Check(), kNormal);
-        EXPECT_EQ(Metrics().size(), 6u) << "and the processors, as its own check has it";
+        EXPECT_EQ(Metrics().size(), 6u) << "and the processors, which have their own test";
     }
 }
 
@@ -82,7 +82,7 @@ TEST_F(HealthReadOut, ValuesAreTruncated) {
     ASSERT_EQ(Check(), kNormal);
     EXPECT_EQ(Metric("rqpct").value, 7);
     EXPECT_EQ(Metric("frepct").value, 99) << "of 99.99";
-    EXPECT_EQ(lua.Eval("metrics[1].value == 7 and metrics[5].value == 99"), "true") << "no fraction is left";
+    EXPECT_EQ(lua.Eval("metrics[1].value == 7 and metrics[5].value == 99"), "true") << "fractions are cut off";
 }
 
 TEST_F(HealthReadOut, NegativeValuesAreTruncatedTowardZero) {
@@ -98,7 +98,7 @@ TEST_F(HealthReadOut, ThresholdsAreTruncated) {
     EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 1, 49}));
 }
 
-TEST_F(HealthReadOut, ValuesThatAreNoNumberRaiseNoError) {
+TEST_F(HealthReadOut, ValuesThatAreNotANumberRaiseNoError) {
     WriteConfig(kRunQueue);
     for (const double queue : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
                                -std::numeric_limits<double>::infinity(), 1e300}) {
@@ -128,10 +128,10 @@ TEST_F(HealthReadOut, TheProcessorsAreCountedAtTheReadOut) {
     machine().processorCount = 64;
     EXPECT_EQ(processors(), "64");
     machine().processorCount = 0;
-    EXPECT_EQ(processors(), "0") << "a zero is not looked at";
+    EXPECT_EQ(processors(), "0") << "a zero is kept";
 }
 
-TEST_F(HealthReadOut, NothingButTheProcessorsIsSampled) {
+TEST_F(HealthReadOut, OnlyTheProcessorsAreSampled) {
     WriteConfig(kDriverMetrics + kRunQueue);
     ASSERT_EQ(Check(), kNormal);
     Forget();
@@ -190,16 +190,16 @@ TEST_F(HealthReadOut, ThePortIsShownWhenTheDriverIsUnreachable) {
     EXPECT_EQ(Port(), "true 443");
 }
 
-TEST_F(HealthReadOut, ThePortOfTheLastReadingOutlivesIterationsThatFail) {
+TEST_F(HealthReadOut, ThePortOfTheLastReadingSurvivesFailedIterations) {
     WriteConfig(kPort);
     machine().processorCount = 0;
     ASSERT_EQ(Check(), kCollectFailed);
     EXPECT_EQ(Port(), "true 443");
     ASSERT_EQ(Check("bad"), kBadArgument);
-    EXPECT_EQ(Port(), "true 443") << "nothing was read anew";
+    EXPECT_EQ(Port(), "true 443") << "nothing new was read";
 }
 
-TEST_F(HealthReadOut, EachTracesItsEntryAndItsExit) {
+TEST_F(HealthReadOut, EachFunctionTracesItsEntryAndItsExit) {
     WriteConfig(kPort);
     ASSERT_EQ(Check(), kNormal);
     Forget();
@@ -248,7 +248,7 @@ TEST_F(HealthReadOut, LuaWithoutMemoryIsALuaErrorThatLeavesTheLockFree) {
     EXPECT_LT(failures, 1000);
 }
 
-/// In place of the module's lua_pushboolean: something happens before it, once.
+/// Replaces the module's lua_pushboolean, to run an action before it, once.
 struct BeforePush {
     static inline std::function<void()> happens;
     static void Push(lua_State *L, int boolean) {
@@ -258,7 +258,7 @@ struct BeforePush {
     }
 };
 
-TEST_F(HealthReadOut, APortThatGoesDuringTheReadOutIsShownWholeOrNotAtAll) {
+TEST_F(HealthReadOut, APortRemovedDuringTheReadOutIsShownCompletelyOrNotAtAll) {
     WriteConfig(kPort);
     ASSERT_EQ(Check(), kNormal);
     const Simulator::Redirection redirection(GetModuleHandleW(L"fc.dll"), "lua_pushboolean",
@@ -268,12 +268,12 @@ TEST_F(HealthReadOut, APortThatGoesDuringTheReadOutIsShownWholeOrNotAtAll) {
         WriteConfig(kRunQueue);
         EXPECT_EQ(Check(), kNormal);
     };
-    EXPECT_EQ(Port(), "true 443") << "read before it went";
+    EXPECT_EQ(Port(), "true 443") << "read before it was removed";
     EXPECT_FALSE(BeforePush::happens) << "it happened";
     EXPECT_EQ(Port(), "false 0");
 }
 
-TEST_F(HealthReadOut, AnyStateOfTheProcessSeesTheSame) {
+TEST_F(HealthReadOut, AllLuaStatesOfTheProcessSeeTheSame) {
     WriteConfig(kPort);
     ASSERT_EQ(Check(), kNormal);
     LuaState other;
@@ -281,15 +281,15 @@ TEST_F(HealthReadOut, AnyStateOfTheProcessSeesTheSame) {
     EXPECT_EQ(other.Eval("select(2, SLB.filter.GetScanMetricPort())"), "443");
 }
 
-// ---- Finalizers of scripts, which run whenever Lua makes a table
+// ---- Finalizers of scripts, which run whenever Lua creates a table
 
-/// Lets each table that is made from now on end in a whole collection: all finalizers that are due run within it.
+/// Runs a complete collection after each table creation from now on: all pending finalizers run within it.
 constexpr char kCollectAtEachTable[] = R"(
     collectgarbage('setpause', 0)
     collectgarbage('setstepmul', 1000000)
     function discard(finalizer) setmetatable({}, {__gc = finalizer}) end)";
 
-TEST_F(HealthReadOut, AFinalizerThatTakesLongHoldsUpNoOtherReadOut) {
+TEST_F(HealthReadOut, ASlowFinalizerDoesNotDelayOtherReadOuts) {
     struct Gate {
         std::atomic<bool> isEntered = false;
         std::atomic<bool> isOpen = false;
@@ -326,7 +326,7 @@ TEST_F(HealthReadOut, AFinalizerThatTakesLongHoldsUpNoOtherReadOut) {
     EXPECT_TRUE(worker.EndsWithin(60'000));
 }
 
-TEST_F(HealthReadOut, AFinalizerThatRunsAnIterationLeavesTheReadOutThatOfOneIteration) {
+TEST_F(HealthReadOut, AReadOutDescribesOneIterationEvenIfAFinalizerRunsAnother) {
     lua.Run(kCollectAtEachTable);
     lua.Run(R"(
         iterations = 0
@@ -355,7 +355,7 @@ TEST_F(HealthReadOut, AFinalizerThatRunsAnIterationLeavesTheReadOutThatOfOneIter
     ExpectLockFree();
 }
 
-TEST_F(HealthReadOut, AFinalizerThatRaisesAnErrorCostsThatReadOutAlone) {
+TEST_F(HealthReadOut, AFinalizerThatRaisesAnErrorFailsOnlyThatReadOut) {
     lua.Run(kCollectAtEachTable);
     for (int i = 0; i < 20; ++i) {
         const std::string error = lua.ErrorOf(R"(

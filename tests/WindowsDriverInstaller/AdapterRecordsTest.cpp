@@ -1,4 +1,4 @@
-// The network adapters as records: every field, and what comes of each source of them that fails.
+// The network adapters as records: every field, and what happens when one of its sources fails.
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -15,7 +15,7 @@ const wchar_t *const kFirstName = L"{11111111-0000-0000-0000-000000000001}";
 using TellAdapters =
     Simulator::Function<"GetAdaptersInfo", "IPHLPAPI.DLL", ULONG(IP_ADAPTER_INFO *, ULONG *), Simulator::ReturnsStatus>;
 
-/// As inet_addr has it.
+/// In network byte order, as inet_addr returns it.
 constexpr std::uint32_t Address(unsigned a, unsigned b, unsigned c, unsigned d) {
     return a | b << 8 | c << 16 | d << 24;
 }
@@ -41,14 +41,14 @@ protected:
         EXPECT_EQ(adapters.size(), 2U);
         return adapters.front();
     }
-    /// Reads while something fails that must not end the enumeration. @return the first record of the two.
+    /// Reads while a call fails that must not end the enumeration. @return the first of the two records.
     TcpAdapter FirstWhile(const std::string &function, unsigned nth = 1) {
         const auto plan = simulation().GetFaults().FailNth(function, nth, static_cast<DWORD>(E_FAIL));
         TcpAdapter first = First();
         EXPECT_TRUE(plan->Hit()) << function;
         return first;
     }
-    /// The questions to the first adapter's device, as "code, id's bytes, room".
+    /// The queries sent to the first adapter's device, as "code, length of the id, size of the buffer".
     Texts Questions() { return Calls({"DeviceIoControl"}); }
     void RunOnVersion(DWORD major, DWORD minor) {
         simulation().GetMachine().osMajor = major;
@@ -58,7 +58,7 @@ protected:
 
 // ---- The fields
 
-TEST_F(AdapterRecords, HoldAllThatTheSystemTells) {
+TEST_F(AdapterRecords, ContainEverythingTheSystemReports) {
     ChangeFirst([](auto &adapter) {
         adapter.index = 77;
         adapter.deviceStatus = 10;
@@ -93,7 +93,7 @@ TEST_F(AdapterRecords, HaveTheirFieldsInThisOrder) {
     EXPECT_EQ(sizeof(adapter.framesReceived), 8U);
 }
 
-TEST_F(AdapterRecords, OfAnAdapterThatNothingIsKnownOfAreEmpty) {
+TEST_F(AdapterRecords, AreEmptyForAnAdapterWithoutAnyInformation) {
     ChangeFirst([](auto &adapter) {
         adapter.inIpHelper = false;
         adapter.openError = ERROR_FILE_NOT_FOUND;
@@ -114,7 +114,7 @@ TEST_F(AdapterRecords, OfAnAdapterThatNothingIsKnownOfAreEmpty) {
     EXPECT_EQ(first.framesReceived, 0U);
 }
 
-TEST_F(AdapterRecords, ComeInTheOrderOfTheEnumerationBehindThoseThatAreThere) {
+TEST_F(AdapterRecords, AreAppendedInEnumerationOrder) {
     TcpAdapterList adapters(1);
     adapters.front().displayName = "There before";
     (void)ReadInto(adapters);
@@ -124,7 +124,7 @@ TEST_F(AdapterRecords, ComeInTheOrderOfTheEnumerationBehindThoseThatAreThere) {
     EXPECT_EQ(names, (std::vector<wxString>{"There before", "First adapter", "Second adapter"}));
 }
 
-TEST_F(AdapterRecords, AreKeptOfTwoHundredAdapters) {
+TEST_F(AdapterRecords, AreReadForTwoHundredAdapters) {
     std::vector<std::wstring> nodes{kFirst, kSecond};
     for (int i = 2; i < 200; ++i) {
         nodes.push_back(PutNamed(L"NIC" + std::to_wstring(i), {2, 0, 0, 0, 1, static_cast<BYTE>(i)}));
@@ -147,7 +147,7 @@ TEST_F(AdapterRecords, AreKeptOfTwoHundredAdapters) {
 
 // ---- Components
 
-TEST_F(AdapterRecords, AreMadeOfVirtualAndOfPhysicalAdaptersAlone) {
+TEST_F(AdapterRecords, AreMadeOnlyForVirtualAndPhysicalAdapters) {
     const std::vector<std::pair<DWORD, bool>> cases{
         {0, false},          {NCF_HIDDEN, false},  {2, false},
         {NCF_VIRTUAL, true}, {NCF_PHYSICAL, true}, {NCF_VIRTUAL | NCF_PHYSICAL | NCF_HIDDEN, true}};
@@ -159,25 +159,25 @@ TEST_F(AdapterRecords, AreMadeOfVirtualAndOfPhysicalAdaptersAlone) {
         if (counts) {
             EXPECT_EQ(adapters.front().characteristics, characteristics);
         }
-        EXPECT_EQ(CountCalls("INetCfgComponent::GetBindName"), adapters.size()) << "others are asked no further";
+        EXPECT_EQ(CountCalls("INetCfgComponent::GetBindName"), adapters.size()) << "others are not queried further";
     }
 }
 
-TEST_F(AdapterRecords, AreNotMadeOfAComponentWhoseCharacteristicsCannotBeRead) {
+TEST_F(AdapterRecords, AreNotMadeForAComponentWhoseCharacteristicsCannotBeRead) {
     Fail("INetCfgComponent::GetCharacteristics");
     const TcpAdapterList adapters = Records();
     ASSERT_EQ(adapters.size(), 1U);
     EXPECT_EQ(adapters.front().pnpDevNodeId, kSecond);
 }
 
-TEST_F(AdapterRecords, AreNotMadeOfComponentsOfOtherClasses) {
+TEST_F(AdapterRecords, AreNotMadeForComponentsOfOtherClasses) {
     (void)Records();
     EXPECT_EQ(Calls({"INetCfg::EnumComponents"}),
               Texts{"INetCfg::EnumComponents({4D36E972-E325-11CE-BFC1-08002BE10318}, *)"});
     EXPECT_EQ(CountCalls("INetCfgComponent::GetCharacteristics"), 2U);
 }
 
-TEST_F(AdapterRecords, HaveNoNameNorWhatIsFoundByItWithoutABindName) {
+TEST_F(AdapterRecords, LackTheNameAndEverythingLookedUpByItWithoutABindName) {
     const TcpAdapter first = FirstWhile("INetCfgComponent::GetBindName");
     EXPECT_EQ(first.bindName, "");
     EXPECT_EQ(first.ipAddress, kNone);
@@ -188,7 +188,7 @@ TEST_F(AdapterRecords, HaveNoNameNorWhatIsFoundByItWithoutABindName) {
     EXPECT_EQ(CountCalls("CreateFileW"), 1U) << "only the second adapter is opened";
 }
 
-TEST_F(AdapterRecords, HaveTheStatusZeroWhenItCannotBeRead) {
+TEST_F(AdapterRecords, HaveStatusZeroWhenItCannotBeRead) {
     ChangeFirst([](auto &adapter) { adapter.deviceStatus = 22; });
     EXPECT_EQ(First().deviceStatus, 22U);
     EXPECT_EQ(FirstWhile("INetCfgComponent::GetDeviceStatus").deviceStatus, 0U);
@@ -210,13 +210,13 @@ TEST_F(AdapterRecords, HaveNoComponentIdWhenItCannotBeRead) {
     EXPECT_EQ(first.displayName, "First adapter");
 }
 
-TEST_F(AdapterRecords, AreNamedByTheNodeWithoutADisplayName) {
+TEST_F(AdapterRecords, AreNamedAfterTheNodeWithoutADisplayName) {
     EXPECT_EQ(FirstWhile("INetCfgComponent::GetDisplayName").displayName, kFirst);
     ChangeFirst([](auto &adapter) { adapter.displayName.reset(); });
     EXPECT_EQ(First().displayName, kFirst);
 }
 
-TEST_F(AdapterRecords, OfAnAdapterThatVanishesMeanwhileAreLeftOut) {
+TEST_F(AdapterRecords, SkipAnAdapterThatVanishesMeanwhile) {
     simulation().Functions().Put<Simulator::System::CreateFileW>([this](const auto &next, auto... arguments) {
         network().RemoveAdapter(kSecond);
         return next(arguments...);
@@ -228,7 +228,7 @@ TEST_F(AdapterRecords, OfAnAdapterThatVanishesMeanwhileAreLeftOut) {
 
 // ---- IP Helper
 
-TEST_F(AdapterRecords, TakeTheAddressZeroForNone) {
+TEST_F(AdapterRecords, TreatAddressZeroAsNone) {
     ChangeFirst([](auto &adapter) { adapter.ip = "0.0.0.0"; });
     EXPECT_EQ(First().ipAddress, kNone);
     EXPECT_EQ(First().gatewayAddress, Address(10, 0, 0, 1));
@@ -240,7 +240,7 @@ TEST_F(AdapterRecords, TakeTheAddressZeroForNone) {
     EXPECT_EQ(First().gatewayAddress, kNone);
 }
 
-TEST_F(AdapterRecords, TakeWhatIsNoAddressForNone) {
+TEST_F(AdapterRecords, TreatAnInvalidAddressAsNone) {
     for (const char *text : {"no address", "256.0.0.1", "255.255.255.255"}) {
         ChangeFirst([text](auto &adapter) { adapter.ip = adapter.gateway = text; });
         TcpAdapter first = First();
@@ -249,12 +249,12 @@ TEST_F(AdapterRecords, TakeWhatIsNoAddressForNone) {
     }
 }
 
-TEST_F(AdapterRecords, FindTheirIpHelperRecordInAnyCase) {
+TEST_F(AdapterRecords, MatchTheirIpHelperRecordCaseInsensitively) {
     ChangeFirst([](auto &adapter) {
         adapter.bindName = L"{ABCDEF}";
         adapter.inIpHelper = false;
     });
-    // A component that is no adapter for the records, but one for IP Helper.
+    // Not an adapter for the records, but one for IP Helper.
     network().PutAdapter({.id = L"other",
                           .bindName = L"{abcdef}",
                           .pnpDevNodeId = L"OTHER\\1",
@@ -269,20 +269,20 @@ TEST_F(AdapterRecords, FindTheirIpHelperRecordInAnyCase) {
     EXPECT_EQ(first.macAddress, Bytes({6, 5, 4, 3, 2, 1}));
 }
 
-TEST_F(AdapterRecords, TakeNothingOfAnIpHelperRecordOfALongerName) {
+TEST_F(AdapterRecords, IgnoreAnIpHelperRecordWithALongerName) {
     ChangeFirst([](auto &adapter) { adapter.inIpHelper = false; });
     network().ChangeAdapter(kSecond, [](auto &adapter) { adapter.bindName = std::wstring(kFirstName) + L"2"; });
     EXPECT_EQ(First().ipAddress, kNone);
 }
 
-TEST_F(AdapterRecords, HoldTheMacInTheLengthThatIpHelperTells) {
+TEST_F(AdapterRecords, HaveAMacOfTheLengthThatIpHelperReports) {
     for (const std::vector<BYTE> &mac : {std::vector<BYTE>{1}, {1, 2, 3, 4, 5}, {1, 0, 0, 0, 0, 0, 0, 8}}) {
         ChangeFirst([&mac](auto &adapter) { adapter.mac = mac; });
         EXPECT_EQ(First().macAddress, std::string(mac.begin(), mac.end()));
     }
 }
 
-TEST_F(AdapterRecords, DoWithoutAddressesWhenIpHelperFails) {
+TEST_F(AdapterRecords, HaveNoAddressesWhenIpHelperFails) {
     for (const DWORD error : {DWORD{ERROR_NO_DATA}, DWORD{ERROR_NOT_SUPPORTED}, DWORD{ERROR_INVALID_PARAMETER}}) {
         Fail("GetAdaptersInfo", 1, error);
         TcpAdapterList adapters;
@@ -300,13 +300,13 @@ TEST_F(AdapterRecords, DoWithoutAddressesWhenIpHelperFails) {
         EXPECT_EQ(adapters.front().ipAddress, kNone);
         EXPECT_EQ(adapters.front().gatewayAddress, kNone);
         EXPECT_EQ(adapters.front().adapterIndex, 0U);
-        EXPECT_EQ(adapters.front().macAddress, Bytes({0, 1, 2, 3, 4, 5})) << "of the device";
+        EXPECT_EQ(adapters.front().macAddress, Bytes({0, 1, 2, 3, 4, 5})) << "from the device";
         EXPECT_EQ(adapters.front().mediaConnectStatus, 0U);
         EXPECT_TRUE(adapters.front().boundToFilter);
     }
 }
 
-TEST_F(AdapterRecords, TakeNothingOfAnAnswerThatFails) {
+TEST_F(AdapterRecords, IgnoreTheBufferOfAFailedCall) {
     simulation().Functions().Put<TellAdapters>([](const auto &next, IP_ADAPTER_INFO *records, ULONG *size) {
         EXPECT_EQ(next(records, size), DWORD{ERROR_SUCCESS});
         return ULONG{ERROR_INVALID_FUNCTION};
@@ -318,7 +318,7 @@ TEST_F(AdapterRecords, TakeNothingOfAnAnswerThatFails) {
     EXPECT_EQ(adapters.front().adapterIndex, 0U);
 }
 
-TEST_F(AdapterRecords, AskIpHelperOnceMoreWhenItsAnswerHasGrown) {
+TEST_F(AdapterRecords, AskIpHelperAgainWhenItsAnswerHasGrown) {
     const auto plan = simulation().GetFaults().FailNth("GetAdaptersInfo", 1, ERROR_BUFFER_OVERFLOW);
     EXPECT_EQ(First().ipAddress, Address(10, 0, 0, 10));
     EXPECT_EQ(CountCalls("GetAdaptersInfo"), 2U);
@@ -334,7 +334,7 @@ TEST_F(AdapterRecords, AskIpHelperTwiceAtMost) {
     EXPECT_EQ(adapters.front().ipAddress, kNone);
 }
 
-TEST_F(AdapterRecords, StayOutWithoutMemoryForIpHelperAndLeaveTheConfigurationOpen) {
+TEST_F(AdapterRecords, AreNotMadeWithoutMemoryForIpHelperAndTheConfigurationStaysOpen) {
     TcpAdapterList adapters;
     const auto fault = balance().FailAllocation(1, GetModuleHandleW(nullptr), GetCurrentThreadId(), false);
     const InTest read = ReadInto(adapters);
@@ -347,7 +347,7 @@ TEST_F(AdapterRecords, StayOutWithoutMemoryForIpHelperAndLeaveTheConfigurationOp
     EXPECT_EQ(CountCalls("GetAdaptersInfo"), 0U);
 }
 
-TEST_F(AdapterRecords, DoWithoutAddressesWithoutMemoryForAllOfThem) {
+TEST_F(AdapterRecords, HaveNoAddressesWithoutMemoryForAllOfThem) {
     for (int i = 0; i < 20; ++i)
         (void)PutNamed(L"NIC" + std::to_wstring(i), {2, 0, 0, 0, 2, static_cast<BYTE>(i)});
     TcpAdapterList adapters;
@@ -366,7 +366,7 @@ TEST_F(AdapterRecords, DoWithoutAddressesWithoutMemoryForAllOfThem) {
 
 // ---- The device
 
-TEST_F(AdapterRecords, AskTheDeviceByItsName) {
+TEST_F(AdapterRecords, OpenTheDeviceByItsName) {
     (void)Records();
     const std::string name = "{11111111-0000-0000-0000-000000000001}";
     const Texts calls = Calls({"CreateFileW", "DeviceIoControl", "CloseHandle"});
@@ -377,14 +377,14 @@ TEST_F(AdapterRecords, AskTheDeviceByItsName) {
     EXPECT_EQ(calls[3], "CloseHandle(*)");
 }
 
-TEST_F(AdapterRecords, AskTheDeviceForAMacThatIpHelperHasNot) {
+TEST_F(AdapterRecords, AskTheDeviceForAMacThatIpHelperDoesNotHave) {
     ChangeFirst([](auto &adapter) { adapter.inIpHelper = false; });
     EXPECT_EQ(First().macAddress, Bytes({0, 1, 2, 3, 4, 5}));
     EXPECT_EQ(Questions().front(), "DeviceIoControl(*, 1507330, *, 4, *, 16, *, null)");
     EXPECT_EQ(Questions().size(), 5U) << "one more than for the second adapter";
 }
 
-TEST_F(AdapterRecords, HoldTheMacInTheLengthThatTheDeviceTells) {
+TEST_F(AdapterRecords, HaveAMacOfTheLengthThatTheDeviceReports) {
     for (const std::size_t length : {1U, 6U, 8U, 16U}) {
         ChangeFirst([length](auto &adapter) {
             adapter.inIpHelper = false;
@@ -394,29 +394,29 @@ TEST_F(AdapterRecords, HoldTheMacInTheLengthThatTheDeviceTells) {
     }
 }
 
-TEST_F(AdapterRecords, HaveNoMacWhenTheDeviceDoesNotTellItOrTellsTooMuch) {
+TEST_F(AdapterRecords, HaveNoMacWhenTheDeviceReportsNoneOrTooManyBytes) {
     ChangeFirst([](auto &adapter) { adapter.inIpHelper = false; });
     EXPECT_EQ(FirstWhile("DeviceIoControl").macAddress, "");
-    EXPECT_EQ(FirstWhile("DeviceIoControl").mediaConnectStatus, 0U) << "the other questions are asked";
+    EXPECT_EQ(FirstWhile("DeviceIoControl").mediaConnectStatus, 0U) << "the other queries are made";
     ChangeFirst([](auto &adapter) { adapter.mac.assign(17, 7); });
     EXPECT_EQ(First().macAddress, "");
 }
 
-TEST_F(AdapterRecords, HoldTheConnectionAsTheDeviceTellsIt) {
+TEST_F(AdapterRecords, HaveTheConnectionStateThatTheDeviceReports) {
     for (const DWORD status : {0U, 1U, 2U}) {
         ChangeFirst([status](auto &adapter) { adapter.mediaStatus = status; });
         EXPECT_EQ(First().mediaConnectStatus, status);
     }
 }
 
-TEST_F(AdapterRecords, DoNotKnowOfAConnectionThatTheDeviceDoesNotTell) {
+TEST_F(AdapterRecords, HaveAnUnknownConnectionStateWhenTheDeviceDoesNotReportIt) {
     EXPECT_EQ(FirstWhile("DeviceIoControl", 1).mediaConnectStatus, kNone);
-    EXPECT_EQ(FirstWhile("DeviceIoControl", 1).framesReceived, 1000U) << "the other question is asked";
+    EXPECT_EQ(FirstWhile("DeviceIoControl", 1).framesReceived, 1000U) << "the other query is made";
     ChangeFirst([](auto &adapter) { adapter.mediaStatus.reset(); });
     EXPECT_EQ(First().mediaConnectStatus, kNone);
 }
 
-TEST_F(AdapterRecords, AreAsBeforeWithoutTheDevice) {
+TEST_F(AdapterRecords, KeepTheirOtherFieldsWithoutTheDevice) {
     const TcpAdapter first = FirstWhile("CreateFileW");
     EXPECT_EQ(first.mediaConnectStatus, kNone);
     EXPECT_EQ(first.framesReceived, 0U);
@@ -429,7 +429,7 @@ TEST_F(AdapterRecords, CountFramesIn64Bits) {
     EXPECT_EQ(First().framesReceived, 0x1'2345'6789'ABCDU);
 }
 
-TEST_F(AdapterRecords, CountFramesIn32BitsWhereTheDriverTellsNoMore) {
+TEST_F(AdapterRecords, CountFramesIn32BitsWhenTheDriverReportsNoMore) {
     ChangeFirst([](auto &adapter) {
         adapter.frames = 0x8000'0005;
         adapter.framesSize = 4;
@@ -441,7 +441,7 @@ TEST_F(AdapterRecords, CountFramesIn32BitsWhereTheDriverTellsNoMore) {
     EXPECT_EQ(questions[2], "DeviceIoControl(*, 1507330, *, 4, *, 4, *, null)");
 }
 
-TEST_F(AdapterRecords, CountFramesIn32BitsWhereTheLongerQuestionFails) {
+TEST_F(AdapterRecords, CountFramesIn32BitsWhenTheQueryFor64BitsFails) {
     EXPECT_EQ(FirstWhile("DeviceIoControl", 2).framesReceived, 1000U);
     EXPECT_EQ(Questions()[2], "DeviceIoControl(*, 1507330, *, 4, *, 4, *, null)");
 }
@@ -453,13 +453,13 @@ TEST_F(AdapterRecords, CountNoFramesWhenTheAnswerIsTooShort) {
     }
 }
 
-TEST_F(AdapterRecords, CountNoFramesWhenTheDeviceDoesNotTell) {
+TEST_F(AdapterRecords, CountNoFramesWhenTheDeviceReportsNone) {
     ChangeFirst([](auto &adapter) { adapter.frames.reset(); });
     EXPECT_EQ(First().framesReceived, 0U);
     EXPECT_EQ(First().mediaConnectStatus, 0U);
 }
 
-TEST_F(AdapterRecords, AskForTheLongerCountFromVersion51On) {
+TEST_F(AdapterRecords, AskFor64BitsFromVersion51On) {
     const std::vector<std::pair<std::pair<DWORD, DWORD>, bool>> versions{
         {{4, 0}, false}, {{4, 9}, false}, {{5, 0}, false}, {{5, 1}, true},
         {{5, 2}, true},  {{6, 0}, true},  {{10, 0}, true}};
@@ -486,7 +486,7 @@ TEST_F(AdapterRecords, AreBoundToIpByEitherProtocol) {
     }
 }
 
-TEST_F(AdapterRecords, AreNotAskedForTheSecondProtocolWhenTheFirstIsBound) {
+TEST_F(AdapterRecords, DoNotCheckTheSecondProtocolWhenTheFirstIsBound) {
     (void)Records();
     EXPECT_EQ(CountCalls("INetCfgComponentBindings::IsBoundTo"), 4U);
     network().Bind(kFirst, L"ms_tcpip", false);
@@ -494,14 +494,14 @@ TEST_F(AdapterRecords, AreNotAskedForTheSecondProtocolWhenTheFirstIsBound) {
     EXPECT_EQ(CountCalls("INetCfgComponentBindings::IsBoundTo"), 5U);
 }
 
-TEST_F(AdapterRecords, AreBoundToTheFilterByAnEnabledBindingAlone) {
+TEST_F(AdapterRecords, AreBoundToTheFilterOnlyByAnEnabledBinding) {
     EXPECT_TRUE(First().boundToFilter);
     network().Bind(kFirst, L"qbimvta", false);
     EXPECT_FALSE(First().boundToFilter);
     EXPECT_FALSE(Records().back().boundToFilter) << "there is no binding at all";
 }
 
-TEST_F(AdapterRecords, AreNotBoundToWhatIsNotThere) {
+TEST_F(AdapterRecords, AreNotBoundToAnAbsentComponent) {
     const std::vector<std::wstring> ids{L"ms_tcpip", L"ms_tcpip6", L"qbimvta"};
     for (unsigned missing = 0; missing < 8; ++missing) {
         SCOPED_TRACE(missing);
@@ -519,7 +519,7 @@ TEST_F(AdapterRecords, AreNotBoundToWhatIsNotThere) {
     }
 }
 
-TEST_F(AdapterRecords, AreNotBoundToWhatCannotBeFoundOrAsked) {
+TEST_F(AdapterRecords, AreNotBoundToAComponentThatCannotBeFoundOrQueried) {
     network().Bind(kFirst, L"ms_tcpip6");
     for (const char *function : {"INetCfg::FindComponent", "INetCfgComponent::QueryInterface"}) {
         SCOPED_TRACE(function);
@@ -534,7 +534,7 @@ TEST_F(AdapterRecords, AreNotBoundToWhatCannotBeFoundOrAsked) {
     }
 }
 
-TEST_F(AdapterRecords, AreNotBoundToWhatDoesNotAnswer) {
+TEST_F(AdapterRecords, AreNotBoundToAComponentThatDoesNotAnswer) {
     EXPECT_FALSE(FirstWhile("INetCfgComponentBindings::IsBoundTo", 1).boundToIp);
     const TcpAdapter first = FirstWhile("INetCfgComponentBindings::IsBoundTo", 2);
     EXPECT_TRUE(first.boundToIp);
@@ -545,7 +545,7 @@ TEST_F(AdapterRecords, AreNotBoundToWhatDoesNotAnswer) {
 
 // ---- The configuration, and the step
 
-TEST_F(AdapterRecords, AreReadInAStepOfTenSeconds) {
+TEST_F(AdapterRecords, AreReadInAStepWithALimitOfTenSeconds) {
     TcpAdapterList adapters;
     const InTest read = ReadInto(adapters);
     EXPECT_EQ(read.steps, (Texts{" >GettingAdapterInfo. 10s max", " <GettingAdapterInfo"}));
@@ -559,7 +559,7 @@ TEST_F(AdapterRecords, AreReadWithoutTheWriteLock) {
     EXPECT_EQ(CountCalls("INetCfgLock::AcquireWriteLock"), 0U);
 }
 
-TEST_F(AdapterRecords, StayOutWithoutTheConfiguration) {
+TEST_F(AdapterRecords, AreNotMadeWithoutTheConfiguration) {
     const std::vector<std::pair<std::string, std::uint32_t>> calls{
         {"CoInitializeEx", 7}, {"CoCreateInstance", 9}, {"INetCfg::Initialize", 9}};
     for (const auto &[function, step] : calls) {
@@ -576,7 +576,7 @@ TEST_F(AdapterRecords, StayOutWithoutTheConfiguration) {
     }
 }
 
-TEST_F(AdapterRecords, StayOutWhenTheComponentsCannotBeEnumerated) {
+TEST_F(AdapterRecords, AreNotMadeWhenTheComponentsCannotBeEnumerated) {
     Fail("INetCfg::EnumComponents");
     TcpAdapterList adapters;
     const InTest read = ReadInto(adapters);

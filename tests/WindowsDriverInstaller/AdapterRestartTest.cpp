@@ -1,4 +1,4 @@
-// How adapters are disabled and enabled when nothing else has healed the network.
+// How adapters are disabled and enabled when the network has not recovered otherwise.
 #include <functional>
 #include <set>
 #include <string>
@@ -10,7 +10,7 @@
 
 namespace {
 
-using Cure = BrokenNetwork::Cure;
+using Recovery = BrokenNetwork::Recovery;
 using Changes = std::vector<Simulator::DeviceChange>;
 
 constexpr DWORD kDisable = 2;
@@ -21,7 +21,7 @@ constexpr DWORD kThisProfile = 2;
 const std::string kRestarting = "Network still doesn't appear healthy - enabling & disabling adapters bound to qbimvta";
 const std::string kNoneBound = "No adapters are bound to qbimvta - enabling and disabling adapters bound to IP";
 
-/// The adapter's gateway can be reached all the same, so nothing is logged but what the restart logs.
+/// The adapter's gateway stays reachable, so only the restart logs anything.
 void FailDevice(Simulator::NetworkAdapter &adapter) {
     adapter.deviceStatus = 31;
 }
@@ -30,28 +30,28 @@ class AdapterRestart : public BindingsFixture {
 protected:
     AdapterRestart() {
         onMoment = [this](const Simulator::NetworkMoment &moment) { broken.OnMoment(moment); };
-        broken.Break(kFirst, Cure::None, &FailDevice);
+        broken.Break(kFirst, Recovery::None, &FailDevice);
     }
     ~AdapterRestart() override { onMoment = nullptr; }
 
-    /// Installs. The function is called at the last look, so it can plan what fails in the restart.
+    /// Installs. The function is called at the last check of the network, so that it can plan failures of the restart.
     InstallOutcome InstallAnd(std::function<void()> beforeRestart = [] {}) {
-        broken.AtLook(6, std::move(beforeRestart));
+        broken.AtCheck(6, std::move(beforeRestart));
         InstallOutcome installation = InstallInBalance();
-        EXPECT_EQ(broken.Looks().size(), 6U);
+        EXPECT_EQ(broken.Checks().size(), 6U);
         EXPECT_TRUE(installation.AskedForReboot());
         return installation;
     }
-    /// What was logged of the restart.
+    /// What the restart logged.
     static Texts Restart(const InstallOutcome &installation) {
         return FromFirst(WithoutSteps(installation.ThreadLog()), kRestarting);
     }
     [[nodiscard]] Changes Done() { return simulation().GetDevices().Changes(); }
-    /// What one adapter goes through.
+    /// What happened to one adapter.
     static Changes Through(const std::wstring &node) {
         return {{node, kDisable, kThisProfile}, {node, kEnable, kGlobal}, {node, kEnable, kThisProfile}};
     }
-    /// From the last look on.
+    /// From the last check on.
     Texts RestartCalls(std::set<std::string> functions) {
         functions.insert("GetAdaptersInfo");
         const Texts calls = CallsOfWork(functions);
@@ -64,17 +64,17 @@ protected:
         }
         return last;
     }
-    /// The filter is on both adapters already, IP on the first alone; the second becomes unhealthy, too.
+    /// The filter is bound to both adapters, IP to the first only; the second becomes unhealthy, too.
     void UpgradeWithoutIpOnSecond() {
         InstallOldDriver({1, 0, 0, 0});
         network().Bind(kSecond, L"ms_tcpip", false);
-        broken.Break(kSecond, Cure::None, &FailDevice);
+        broken.Break(kSecond, Recovery::None, &FailDevice);
     }
 
     BrokenNetwork broken{simulation()};
 };
 
-TEST_F(AdapterRestart, DisablesInThisProfileAndEnablesInAllAndInThisOne) {
+TEST_F(AdapterRestart, DisablesInTheCurrentProfileAndEnablesGloballyAndInTheCurrentOne) {
     const InstallOutcome installation = InstallAnd();
     EXPECT_EQ(Done(), Through(kFirst));
     EXPECT_EQ(Restart(installation),
@@ -83,7 +83,7 @@ TEST_F(AdapterRestart, DisablesInThisProfileAndEnablesInAllAndInThisOne) {
     EXPECT_TRUE(simulation().GetDevices().IsEnabled(kFirst));
 }
 
-TEST_F(AdapterRestart, CallsTheInstallerOfEachDeviceAsItIsDocumented) {
+TEST_F(AdapterRestart, CallsTheClassInstallerOfEachDeviceAsDocumented) {
     (void)InstallAnd();
     EXPECT_EQ(RestartCalls({"Sleep", "SetupDiGetClassDevsW", "SetupDiSetClassInstallParamsW",
                             "SetupDiCallClassInstaller", "SetupDiDestroyDeviceInfoList"}),
@@ -98,7 +98,7 @@ TEST_F(AdapterRestart, CallsTheInstallerOfEachDeviceAsItIsDocumented) {
 
 // ---- Which devices
 
-TEST_F(AdapterRestart, KnowsTheDeviceByTheBeginningOfItsNameInAnyCase) {
+TEST_F(AdapterRestart, MatchesTheDeviceByTheStartOfItsNameCaseInsensitively) {
     simulation().GetDevices().Remove(kFirst);
     simulation().GetDevices().Put({.instanceId = L"pci\\ven_8086&dev_100e&subsys_1\\3&1"});
     simulation().GetDevices().Put({.instanceId = L"USB\\PCI\\VEN_8086&DEV_100E\\1"});
@@ -107,19 +107,19 @@ TEST_F(AdapterRestart, KnowsTheDeviceByTheBeginningOfItsNameInAnyCase) {
     EXPECT_EQ(Done(), Through(L"pci\\ven_8086&dev_100e&subsys_1\\3&1"));
 }
 
-TEST_F(AdapterRestart, LooksThroughDevicesOfAllClasses) {
+TEST_F(AdapterRestart, SearchesDevicesOfAllClasses) {
     simulation().GetDevices().Put({.instanceId = kFirst, .classGuid = GUID_DEVCLASS_SYSTEM});
     (void)InstallAnd();
     EXPECT_EQ(Done(), Through(kFirst));
 }
 
-TEST_F(AdapterRestart, LeavesDevicesAloneThatAreNotPresent) {
+TEST_F(AdapterRestart, IgnoresDevicesThatAreNotPresent) {
     simulation().GetDevices().Put({.instanceId = L"PCI\\VEN_8086&DEV_100E\\GONE", .present = false});
     (void)InstallAnd();
     EXPECT_EQ(Done(), Through(kFirst));
 }
 
-TEST_F(AdapterRestart, LeavesOtherProductsAlone) {
+TEST_F(AdapterRestart, IgnoresDevicesOfOtherProducts) {
     simulation().GetDevices().Put({.instanceId = L"PCI\\VEN_8086&DEV_100F\\1"});
     simulation().GetDevices().Put({.instanceId = L"ROOT\\OTHER_FILTER_MP\\0000"});
     (void)InstallAnd();
@@ -127,7 +127,7 @@ TEST_F(AdapterRestart, LeavesOtherProductsAlone) {
         EXPECT_EQ(change.instanceId, kFirst);
 }
 
-TEST_F(AdapterRestart, MeansAllDevicesOfTheModelButRebindsNoneButTheUnhealthyOne) {
+TEST_F(AdapterRestart, RestartsAllDevicesOfTheModelButRebindsOnlyTheUnhealthyAdapter) {
     const std::wstring twin = L"PCI\\VEN_8086&DEV_100E\\2";
     network().PutAdapter({.id = L"PCI\\VEN_8086&DEV_100E",
                           .bindName = L"{33333333-0000-0000-0000-000000000003}",
@@ -149,15 +149,15 @@ TEST_F(AdapterRestart, MeansAllDevicesOfTheModelButRebindsNoneButTheUnhealthyOne
                      "Enabling adapter 'First adapter'", "Enabling adapter 'First adapter'"}));
 }
 
-TEST_F(AdapterRestart, ActsTwiceOnADeviceThatMatchesTwoRecords) {
-    const std::wstring function = L"PCI\\VEN_8086\\1";  // its component's id is what the first one's begins with
+TEST_F(AdapterRestart, RestartsADeviceTwiceThatMatchesTwoRecords) {
+    const std::wstring function = L"PCI\\VEN_8086\\1";  // its component id is a prefix of the first one's
     network().PutAdapter({.id = L"PCI\\VEN_8086",
                           .bindName = L"{33333333-0000-0000-0000-000000000003}",
                           .pnpDevNodeId = function,
                           .displayName = L"Third adapter",
                           .mac = {0, 1, 2, 3, 4, 7}});
     network().Bind(function, L"ms_tcpip");
-    broken.Break(function, Cure::None, &FailDevice);
+    broken.Break(function, Recovery::None, &FailDevice);
     const InstallOutcome installation = InstallAnd();
     EXPECT_EQ(Restart(installation),
               (Texts{kRestarting, "Disabling adapter 'First adapter'", "Disabling adapter 'Third adapter'",
@@ -170,7 +170,7 @@ TEST_F(AdapterRestart, ActsTwiceOnADeviceThatMatchesTwoRecords) {
                                {kFirst, kEnable, kThisProfile}}));
 }
 
-TEST_F(AdapterRestart, CutsANameAfter64Letters) {
+TEST_F(AdapterRestart, TruncatesANameTo64Characters) {
     network().ChangeAdapter(kFirst, [](auto &adapter) { adapter.displayName = std::wstring(70, L'x'); });
     const Texts lines = Restart(InstallAnd());
     ASSERT_EQ(lines.size(), 3U);
@@ -178,7 +178,7 @@ TEST_F(AdapterRestart, CutsANameAfter64Letters) {
     EXPECT_EQ(lines[2], "Enabling adapter '" + std::string(64, 'x') + "'");
 }
 
-TEST_F(AdapterRestart, PassesOverADeviceWhoseNameCannotBeRead) {
+TEST_F(AdapterRestart, SkipsADeviceWhoseNameCannotBeRead) {
     const std::wstring later = L"PCI\\VEN_8086&DEV_100E\\2";
     simulation().GetDevices().Put({.instanceId = later});
     (void)InstallAnd([this] { Fail("SetupDiGetDeviceInstanceIdW", 1, ERROR_INVALID_DATA); });
@@ -187,7 +187,7 @@ TEST_F(AdapterRestart, PassesOverADeviceWhoseNameCannotBeRead) {
     EXPECT_EQ(done[0], (Simulator::DeviceChange{later, kDisable, kThisProfile}));
 }
 
-TEST_F(AdapterRestart, PassesOverADeviceWhoseNameIsTooLong) {
+TEST_F(AdapterRestart, SkipsADeviceWhoseNameIsTooLong) {
     simulation().GetDevices().Remove(kFirst);
     simulation().GetDevices().Put({.instanceId = L"PCI\\VEN_8086&DEV_100E\\" + std::wstring(260, L'1')});
     const std::wstring longest = L"PCI\\VEN_8086&DEV_100E\\" + std::wstring(259 - 22, L'2');
@@ -198,7 +198,7 @@ TEST_F(AdapterRestart, PassesOverADeviceWhoseNameIsTooLong) {
 
 // ---- Failures
 
-TEST_F(AdapterRestart, CountsADeviceThatCouldNotBeDisabledAsActedOn) {
+TEST_F(AdapterRestart, CountsADeviceThatCouldNotBeDisabledAsRestarted) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiCallClassInstaller", 1, ERROR_ACCESS_DENIED); });
     const Texts errors = installation.Lines(wxLOG_Error);
@@ -206,17 +206,17 @@ TEST_F(AdapterRestart, CountsADeviceThatCouldNotBeDisabledAsActedOn) {
     EXPECT_TRUE(errors[0].starts_with("not critical - SetupDiCallClassInstaller() (error 5: ")) << errors[0];
     EXPECT_EQ(With(Restart(installation), kNoneBound), Texts{});
     EXPECT_EQ(Done(), (Changes{{kFirst, kEnable, kGlobal}, {kFirst, kEnable, kThisProfile}}));
-    EXPECT_EQ(Failures(installation), Texts{}) << "the agent hears nothing of it";
+    EXPECT_EQ(Failures(installation), Texts{}) << "it is not reported to the agent";
 }
 
-TEST_F(AdapterRestart, EnablesInThisProfileAlsoWhenItFailedInAll) {
+TEST_F(AdapterRestart, EnablesInTheCurrentProfileEvenIfEnablingGloballyFailed) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiCallClassInstaller", 2, ERROR_ACCESS_DENIED); });
     EXPECT_EQ(installation.Lines(wxLOG_Error), Texts{});
     EXPECT_EQ(Done(), (Changes{{kFirst, kDisable, kThisProfile}, {kFirst, kEnable, kThisProfile}}));
 }
 
-TEST_F(AdapterRestart, TellsOfADeviceThatCannotBeEnabledInThisProfile) {
+TEST_F(AdapterRestart, LogsADeviceThatCannotBeEnabledInTheCurrentProfile) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiCallClassInstaller", 3, ERROR_ACCESS_DENIED); });
     const Texts errors = installation.Lines(wxLOG_Error);
@@ -226,7 +226,7 @@ TEST_F(AdapterRestart, TellsOfADeviceThatCannotBeEnabledInThisProfile) {
     EXPECT_EQ(Failures(installation), Texts{});
 }
 
-TEST_F(AdapterRestart, DoesNotEnableADeviceWithoutParameters) {
+TEST_F(AdapterRestart, DoesNotEnableADeviceWhoseParametersCannotBeSet) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiSetClassInstallParamsW", 2, ERROR_ACCESS_DENIED); });
     EXPECT_EQ(Done(), (Changes{{kFirst, kDisable, kThisProfile}}));
@@ -234,15 +234,15 @@ TEST_F(AdapterRestart, DoesNotEnableADeviceWithoutParameters) {
     EXPECT_EQ(installation.Lines(wxLOG_Error), Texts{});
 }
 
-TEST_F(AdapterRestart, DoesNotEnableADeviceInThisProfileWithoutParameters) {
+TEST_F(AdapterRestart, DoesNotEnableADeviceInTheCurrentProfileWhenItsParametersCannotBeSet) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiSetClassInstallParamsW", 3, ERROR_ACCESS_DENIED); });
     EXPECT_EQ(Done(), (Changes{{kFirst, kDisable, kThisProfile}, {kFirst, kEnable, kGlobal}}));
     EXPECT_EQ(installation.Lines(wxLOG_Error), Texts{});
 }
 
-TEST_F(AdapterRestart, GoesOnToTheNextRecordWithoutParameters) {
-    broken.Break(kSecond, Cure::None, &FailDevice);
+TEST_F(AdapterRestart, ContinuesWithTheNextRecordWhenParametersCannotBeSet) {
+    broken.Break(kSecond, Recovery::None, &FailDevice);
     (void)InstallAnd([this] { Fail("SetupDiSetClassInstallParamsW", 1, ERROR_ACCESS_DENIED); });
     Changes expected{{kSecond, kDisable, kThisProfile}};
     for (const wchar_t *node : {kFirst, kSecond}) {
@@ -260,9 +260,9 @@ TEST_F(AdapterRestart, ReportsThatDevicesCannotBeListed) {
     EXPECT_EQ(Done(), Changes{});
 }
 
-// ---- Adapters that are bound to IP instead
+// ---- Adapters bound to IP instead
 
-TEST_F(AdapterRestart, ActsOnAdaptersWithIpWhenThereWasNoneWithTheFilter) {
+TEST_F(AdapterRestart, RestartsAdaptersBoundToIpWhenNoneWasBoundToTheFilter) {
     UpgradeWithoutIpOnSecond();
     const InstallOutcome installation = InstallAnd([this] { Fail("SetupDiGetClassDevsW", 1, ERROR_INVALID_DATA); });
     EXPECT_EQ(Restart(installation), (Texts{kRestarting, kNoneBound, "Disabling adapter 'First adapter'",
@@ -270,7 +270,7 @@ TEST_F(AdapterRestart, ActsOnAdaptersWithIpWhenThereWasNoneWithTheFilter) {
     EXPECT_EQ(Done(), Through(kFirst)) << "the second has no IP, neither when it is disabled nor when it is enabled";
 }
 
-TEST_F(AdapterRestart, ActsOnAdaptersWithTheFilterWhetherTheyHaveIpOrNot) {
+TEST_F(AdapterRestart, RestartsAdaptersBoundToTheFilterWithOrWithoutIp) {
     UpgradeWithoutIpOnSecond();
     const InstallOutcome installation = InstallAnd();
     EXPECT_EQ(Restart(installation),
@@ -278,7 +278,7 @@ TEST_F(AdapterRestart, ActsOnAdaptersWithTheFilterWhetherTheyHaveIpOrNot) {
                      "Enabling adapter 'First adapter'", "Enabling adapter 'Second adapter'"}));
 }
 
-TEST_F(AdapterRestart, DoesNotCountADeviceThatTakesNoParametersAsActedOn) {
+TEST_F(AdapterRestart, DoesNotCountADeviceWhoseParametersCannotBeSetAsRestarted) {
     const InstallOutcome installation =
         InstallAnd([this] { Fail("SetupDiSetClassInstallParamsW", 1, ERROR_ACCESS_DENIED); });
     EXPECT_EQ(Restart(installation), (Texts{kRestarting, "Disabling adapter 'First adapter'", kNoneBound,
@@ -286,15 +286,15 @@ TEST_F(AdapterRestart, DoesNotCountADeviceThatTakesNoParametersAsActedOn) {
     EXPECT_EQ(Done(), Through(kFirst));
 }
 
-TEST_F(AdapterRestart, ActsOnNothingWithoutADevice) {
+TEST_F(AdapterRestart, RestartsNothingWithoutADevice) {
     simulation().GetDevices().Remove(kFirst);
     const InstallOutcome installation = InstallAnd();
     EXPECT_EQ(Restart(installation), (Texts{kRestarting, kNoneBound}));
     EXPECT_EQ(Done(), Changes{});
 }
 
-TEST_F(AdapterRestart, GoesByTheBindingsOfTheLastLook) {
-    // Without its component id, the record of the last look has no device, whatever was known of the adapter before.
+TEST_F(AdapterRestart, UsesTheBindingsOfTheLastCheck) {
+    // Without a component id, the record of the last check matches no device, whatever earlier records said.
     const InstallOutcome installation = InstallAnd([this] { Fail("INetCfgComponent::GetId", 1); });
     EXPECT_EQ(Done(), Changes{});
     EXPECT_EQ(Restart(installation), (Texts{kRestarting, kNoneBound}));

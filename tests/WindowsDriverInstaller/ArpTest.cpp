@@ -1,4 +1,4 @@
-// The ARP cache, which the check of the network begins with.
+// The ARP cache, which the check of the network clears first.
 #include <string>
 #include <vector>
 
@@ -10,7 +10,7 @@ namespace {
 using ReadArpTable = Simulator::Function<"GetIpNetTable", "IPHLPAPI.DLL", ULONG(MIB_IPNETTABLE *, ULONG *, BOOL),
                                          Simulator::ReturnsStatus>;
 
-/// Of no adapter, so what the check itself resolves is told apart.
+/// An index that no adapter has, to tell these entries from those that the check itself adds.
 constexpr DWORD kIndex = 1000;
 
 class ArpCache : public BindingsFixture {
@@ -25,7 +25,7 @@ protected:
         for (int i = 0; i < entries; ++i)
             Put("10.5.0." + std::to_string(i + 1), MIB_IPNET_TYPE_DYNAMIC);
     }
-    /// The addresses that are left of those that were put, without what the check itself resolved.
+    /// The addresses left of those that the test added, without those that the check itself resolved.
     Texts Left() {
         Texts left;
         for (const Simulator::ArpEntry &entry : network().Read().arp) {
@@ -34,7 +34,7 @@ protected:
         }
         return left;
     }
-    /// Makes the next allocation of the module by the C runtime fail that follows on this thread.
+    /// Makes this thread's next allocation by the module in the C runtime fail.
     void FailNextAllocation() {
         m_fault = balance().FailAllocation(1, GetModuleHandleW(L"fc.dll"), GetCurrentThreadId(), false);
     }
@@ -42,7 +42,7 @@ protected:
     Simulator::AllocationFaultHandle m_fault;
 };
 
-TEST_F(ArpCache, LosesItsInvalidAndItsDynamicEntries) {
+TEST_F(ArpCache, LosesItsInvalidAndDynamicEntries) {
     Put("10.5.0.1", 1);  // of another kind
     Put("10.5.0.2", MIB_IPNET_TYPE_INVALID);
     Put("10.5.0.3", MIB_IPNET_TYPE_DYNAMIC);
@@ -55,7 +55,7 @@ TEST_F(ArpCache, LosesItsInvalidAndItsDynamicEntries) {
     EXPECT_EQ(Failures(installation), Texts{});
 }
 
-TEST_F(ArpCache, IsClearedOnceAndBeforeAnythingElse) {
+TEST_F(ArpCache, IsClearedOnceBeforeAnythingElse) {
     Put("10.5.0.3", MIB_IPNET_TYPE_DYNAMIC);
     (void)InstallInBalance();
     EXPECT_EQ(Calls({"GetIpNetTable", "DeleteIpNetEntry", "SendARP"}),
@@ -63,7 +63,7 @@ TEST_F(ArpCache, IsClearedOnceAndBeforeAnythingElse) {
                      "SendARP(16842762, 0, *, *)"}));
 }
 
-TEST_F(ArpCache, IsSilentWhenItIsEmpty) {
+TEST_F(ArpCache, LogsNothingWhenItIsEmpty) {
     const InstallOutcome installation = InstallInBalance();
     EXPECT_EQ(CountCalls("GetIpNetTable"), 1U);
     EXPECT_EQ(CountCalls("DeleteIpNetEntry"), 0U);
@@ -71,7 +71,7 @@ TEST_F(ArpCache, IsSilentWhenItIsEmpty) {
     EXPECT_EQ(Failures(installation), Texts{});
 }
 
-TEST_F(ArpCache, IsReadAgainWhenItIsLarger) {
+TEST_F(ArpCache, IsReadAgainWhenTheBufferIsTooSmall) {
     PutMany(100);
     const InstallOutcome installation = InstallInBalance();
     EXPECT_EQ(CountCalls("GetIpNetTable"), 2U);
@@ -79,7 +79,7 @@ TEST_F(ArpCache, IsReadAgainWhenItIsLarger) {
     EXPECT_EQ(Failures(installation), Texts{});
 }
 
-TEST_F(ArpCache, IsOfferedRoomFor412Bytes) {
+TEST_F(ArpCache, IsReadIntoABufferOf412BytesAtFirst) {
     ULONG room = 0;
     simulation().Functions().Put<ReadArpTable>([&](const auto &next, MIB_IPNETTABLE *table, ULONG *size, BOOL order) {
         room = *size;
@@ -89,24 +89,24 @@ TEST_F(ArpCache, IsOfferedRoomFor412Bytes) {
     EXPECT_EQ(room, 412U);
 }
 
-TEST_F(ArpCache, StaysWhenItGrowsAgain) {
+TEST_F(ArpCache, IsKeptWhenItGrowsAgain) {
     PutMany(2);
     const auto plan = simulation().GetFaults().FailEvery("GetIpNetTable", ERROR_INSUFFICIENT_BUFFER);
     const InstallOutcome installation = InstallInBalance();
     EXPECT_EQ(plan->Hits(), 2U);
     EXPECT_EQ(Failures(installation), Texts{"GetIpNetTable (0x7a)"});
     EXPECT_EQ(Left().size(), 2U);
-    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check goes on";
+    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check continues";
 }
 
-TEST_F(ArpCache, StaysWhenItCannotBeRead) {
+TEST_F(ArpCache, IsKeptWhenItCannotBeRead) {
     PutMany(2);
     Fail("GetIpNetTable", 1, ERROR_NOT_SUPPORTED);
     const InstallOutcome installation = InstallInBalance();
     EXPECT_EQ(CountCalls("GetIpNetTable"), 1U);
     EXPECT_EQ(Failures(installation), Texts{"GetIpNetTable (0x32)"});
     EXPECT_EQ(Left().size(), 2U);
-    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check goes on";
+    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check continues";
 }
 
 TEST_F(ArpCache, MayBecomeEmptyWhileItIsRead) {
@@ -116,12 +116,12 @@ TEST_F(ArpCache, MayBecomeEmptyWhileItIsRead) {
     EXPECT_EQ(CountCalls("GetIpNetTable"), 2U);
 }
 
-TEST_F(ArpCache, StaysWithoutMemory) {
+TEST_F(ArpCache, IsKeptWithoutMemory) {
     PutMany(2);
     bool planned = false;
     simulation().Functions().Put<Simulator::System::Sleep>([&](const auto &next, DWORD milliseconds) {
         next(milliseconds);
-        if (milliseconds == 2'000 && !planned) {  // the last call before
+        if (milliseconds == 2'000 && !planned) {  // the call before the allocation
             planned = true;
             FailNextAllocation();
         }
@@ -133,10 +133,10 @@ TEST_F(ArpCache, StaysWithoutMemory) {
     EXPECT_EQ(Failures(installation), Texts{});
     EXPECT_EQ(CountCalls("GetIpNetTable"), 0U);
     EXPECT_EQ(Left().size(), 2U);
-    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check goes on";
+    EXPECT_EQ(With(installation.traces, "Adapters all seem").size(), 1U) << "the check continues";
 }
 
-TEST_F(ArpCache, StaysWithoutMemoryForAllOfIt) {
+TEST_F(ArpCache, IsKeptWithoutMemoryForAllEntries) {
     PutMany(100);
     simulation().Functions().Put<ReadArpTable>([&](const auto &next, auto... arguments) {
         const ULONG error = next(arguments...);
@@ -150,7 +150,7 @@ TEST_F(ArpCache, StaysWithoutMemoryForAllOfIt) {
     EXPECT_EQ(Left().size(), 100U);
 }
 
-TEST_F(ArpCache, TellsOfAnEntryThatStaysUnlessTheResultIsOne) {
+TEST_F(ArpCache, LogsAnEntryThatCannotBeDeletedUnlessTheResultIsOne) {
     PutMany(3);
     Fail("DeleteIpNetEntry", 1, 1);
     Fail("DeleteIpNetEntry", 2, ERROR_FILE_NOT_FOUND);
@@ -159,7 +159,7 @@ TEST_F(ArpCache, TellsOfAnEntryThatStaysUnlessTheResultIsOne) {
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_TRUE(errors[0].starts_with("DeleteIpNetEntry(10.5.0.2) failed: (error 2: ")) << errors[0];
     EXPECT_EQ(Left(), (Texts{"10.5.0.1", "10.5.0.2"})) << "the others are deleted";
-    EXPECT_EQ(Failures(installation), Texts{}) << "the agent hears nothing of it";
+    EXPECT_EQ(Failures(installation), Texts{}) << "it is not reported to the agent";
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ std::string WithoutIndent(const std::string &line) {
     return line.substr(std::min(line.find_first_not_of(' '), line.size()));
 }
 
-/// @param text  "call|the system's words (code)".
+/// @param text  "call|the system's error text (code)".
 std::string WithoutWords(const std::string &text) {
     const std::size_t words = text.find('|');
     const std::size_t code = text.rfind(" (");
@@ -57,8 +57,9 @@ Texts Failures(const InstallOutcome &installation) {
 }
 
 BindingsFixture::BindingsFixture() {
-    simulation().GetDevices().Remove(L"PCI\\VEN_8086&DEV_100E");  // the removal's; it would be of the first's model
-    // What is made once in a process or in a thread is no leak of a test.
+    simulation().GetDevices().Remove(
+        L"PCI\\VEN_8086&DEV_100E");  // the removal's; it would match the first adapter's model
+    // What is allocated once per process or thread is not a leak of a test.
     PrepareStackDump();
     (void)Records();
 }
@@ -108,7 +109,7 @@ InTest BindingsFixture::UnbindUnsuitable() {
 
 InTest BindingsFixture::Watch(const std::function<ThreadInTest()> &call) {
     Removal records;
-    TakeRecords(records);  // of what was before
+    TakeRecords(records);  // from before
     records = {};
     (void)simulation().GetJournal().Take();
     const Simulator::BalanceSnapshot before = balance().Take();

@@ -1,4 +1,4 @@
-// Adapters and the filter's bindings to them: calls of the installer thread's own code, and installations, each with
+// Adapters and the filter's bindings to them: direct calls of the installer thread's code, and installations, each with
 // what it left open.
 #pragma once
 
@@ -13,40 +13,40 @@
 
 using Texts = std::vector<std::string>;
 
-/// What one call of the code in the test did.
+/// The result of one direct call.
 struct InTest {
     bool result = false;
     std::uint32_t failedStep = 0;
-    Texts lines;   ///< Of the thread's log, but for those that tell of steps, without what they are indented by.
-    Texts steps;   ///< Those that tell of steps, but for the first, which the object's making logs.
+    Texts lines;   ///< Of the thread log, without indentation and without those about steps.
+    Texts steps;   ///< Those about steps, except the first, which the constructor logs.
     Texts errors;  ///< Lines of level 1.
     Texts events;  ///< As "number text (code)".
-    Texts left;    ///< The kinds of what was made and not given back.
+    Texts left;    ///< The kinds of resources acquired and not released.
 };
 
 class BindingsFixture : public InstallFixture {
 protected:
     BindingsFixture();
 
-    /// The filter is there and bound to the two adapters, without an installation.
+    /// Installs the filter and binds it to both adapters, without an installation by the product.
     void PutFilter();
-    /// An adapter that is connected and known to IP Helper; its pnpDevNodeId and its device are "PCI\NAME\1", its
+    /// Adds an adapter that is connected and known to IP Helper; its pnpDevNodeId and its device are "PCI\NAME\1", its
     /// component is "PCI\NAME".
     /// @return its pnpDevNodeId.
     std::wstring PutNamed(const std::wstring &name, const std::vector<BYTE> &mac, DWORD characteristics = NCF_PHYSICAL,
                           bool boundToIp = true);
 
-    /// Appends the records, as read by the code in the test.
+    /// Appends the records, as the code compiled into the test reads them.
     InTest ReadInto(TcpAdapterList &adapters);
-    /// The same without anything that goes wrong.
+    /// The same; nothing fails.
     TcpAdapterList Records();
     InTest SetBindings(bool enable, const TcpAdapterList *adapters, bool useIpState);
     InTest UnbindUnsuitable();
-    /// Install, and a failure if anything is left open.
+    /// Installs, and adds a failure if anything is left open.
     InstallOutcome InstallInBalance();
-    /// Calls, without the sleeps of the thread that waits for the installation.
+    /// The calls, without the sleeps of the thread that waits for the installation.
     [[nodiscard]] Texts CallsOfWork(const std::set<std::string> &functions);
-    /// How often the function was called since the last call of the code in the test, or installation, began.
+    /// How often the function was called since the last direct call, or installation, began.
     [[nodiscard]] unsigned CountCalls(const std::string &function) {
         return static_cast<unsigned>(simulation().GetJournal().Count(function));
     }
@@ -59,11 +59,11 @@ private:
     [[nodiscard]] Texts LeftSince(const Simulator::BalanceSnapshot &before);
 };
 
-/// Without what they are indented by, and without those that tell of steps.
+/// Without indentation and without those about steps.
 Texts WithoutSteps(const Texts &lines);
-/// Those from the first on that begins so.
+/// Those from the first that begins with the text.
 Texts FromFirst(const Texts &lines, const std::string &begin);
-/// Those that have the text in them.
+/// Those that contain the text.
 Texts With(const Texts &lines, const std::string &text);
-/// The events of failed calls of the system as "text (code)", without the system's words.
+/// The events of failed system calls as "text (code)", without the system's error text.
 Texts Failures(const InstallOutcome &installation);

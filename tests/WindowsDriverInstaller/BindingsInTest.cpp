@@ -1,7 +1,7 @@
 #include "BindingsInTest.h"
 
 #include "CallScope.h"
-#include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see there
+#include "DriverThreadProbe.h"
 
 HINSTANCE moduleInstance = nullptr;
 
@@ -11,7 +11,7 @@ template <class Call>
 ThreadInTest CallInTest(VtaCore::CDom &dom, Call call) {
     {
         const Simulator::InsideSimulator inside;
-        moduleInstance = GetModuleHandleW(L"fc.dll");  // its messages
+        moduleInstance = GetModuleHandleW(L"fc.dll");  // its message table
     }
     CDriverInstallerThread thread(&dom, "C:\\ndis\\", "C:\\wfp\\", true, false, nullptr);
     const bool result = call(thread);

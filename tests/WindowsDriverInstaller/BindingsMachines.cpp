@@ -19,7 +19,7 @@ using Kind = Machine::Kind;
 
 constexpr char kZero = '\0';
 
-/// With equals, with the same beginning, too short, of zeros alone, of a dial-in adapter, too long.
+/// Equal ones, with a common prefix, too short, all zeros, of a dial-in adapter, too long.
 const std::array<std::string, 10> kMacs{
     std::string{2, 0, 0, 0, 0, 1},
     std::string{2, 0, 0, 0, 0, 1},
@@ -33,7 +33,7 @@ const std::array<std::string, 10> kMacs{
     std::string{2, 0, 0, 0, 0, 1, 0, 0, 5, 6, 7, 8},
 };
 
-/// Functions that only readers of the adapters and changers of the bindings call.
+/// Functions that only the code that reads adapters or changes bindings calls.
 const std::array<const char *, 17> kOfAdapters{
     "INetCfg::EnumComponents",
     "INetCfgComponent::QueryInterface",
@@ -140,7 +140,7 @@ private:
     Adapter MakeAdapter() {
         const std::string number = std::to_string(++m_adapters);
         Adapter adapter;
-        // Cards of one kind have the same component, and their devices begin alike.
+        // Cards of one model have the same component, and their device names begin alike.
         const std::string card = "PCI\\VEN_8086&DEV_100" + std::to_string(Below(4));
         adapter.node = card + "\\" + number;
         if (Chance(3) && !m_machine.adapters.empty())
@@ -209,7 +209,7 @@ private:
                 {.instanceId = node, .isPresent = !Chance(5), .changeFails = Chance(6), .isDisabled = Chance(2)});
     }
 
-    /// An adapter goes bad at some time, and may come back.
+    /// An adapter breaks at some time, and may recover.
     void MakeTrouble() {
         if (m_machine.adapters.empty())
             return;
@@ -267,7 +267,7 @@ private:
     void MakeFault() {
         Fault &fault = m_machine.fault;
         fault.onceInstalled = Chance(60);
-        if (Chance(30) && !m_machine.reactions.empty()) {  // the cure that turns devices off finds none
+        if (Chance(30) && !m_machine.reactions.empty()) {  // the recovery that disables devices finds none
             fault.function = Chance(50) ? "SetupDiGetClassDevsW" : "SetupDiSetClassInstallParamsW";
             fault.onceInstalled = true;
         } else if (Chance(60)) {
@@ -281,7 +281,7 @@ private:
             fault.nth = 1 + Below(3);
     }
 
-    /// The second cure can't list the devices at first, and goes on by IP.
+    /// The second recovery can't list the devices at first, and falls back to IP.
     void MakeFruitlessRestart() {
         if (m_machine.adapters.empty())
             return;
@@ -303,7 +303,7 @@ private:
     unsigned m_adapters = 0;
 };
 
-// ---- In words
+// ---- As text
 
 const char *const kKindNames[] = {"fresh", "upgrade", "reinstall", "forced"};
 const char *const kAnswerNames[] = {"succeeds", "fails", "asks for a reboot"};
@@ -359,7 +359,7 @@ std::map<std::string, NodeBindings> BindingsOfAdapters(const Machine &machine) {
     return found;
 }
 
-/// The machines that lack one element each of one of its lists.
+/// For each element of the list: the machine without it.
 template <class Item>
 void LeaveOut(const Machine &machine, std::vector<Item> Machine::*list, std::vector<Machine> &smaller) {
     for (std::size_t i = 0; i < (machine.*list).size(); ++i) {

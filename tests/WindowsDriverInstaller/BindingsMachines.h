@@ -1,4 +1,4 @@
-// Random machines for the model of the bindings: made from a number, told in words, and made smaller.
+// Random machines for the model of the bindings: generated from a seed, described as text, and reduced.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@
 
 namespace Bindings {
 
-/// The same number gives the same machine.
+/// The same seed gives the same machine.
 Machine RandomMachine(unsigned seed);
 /// Line by line.
 std::string Describe(const Machine &machine);
-/// The machine with one thing less, for each thing that can go: for the search of the smallest that still fails.
+/// Every machine that has one thing less: to search for the smallest one that still fails.
 std::vector<Machine> SmallerMachines(const Machine &machine);
 
 }  // namespace Bindings

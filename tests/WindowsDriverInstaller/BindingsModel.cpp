@@ -18,7 +18,7 @@ constexpr char kFilter[] = "qbimvta";
 using When = Reaction::When;
 using What = Reaction::What;
 
-/// An adapter at one moment.
+/// An adapter at one point in time.
 struct Record {
     bool boundToIp = false;
     bool boundToFilter = false;
@@ -41,7 +41,7 @@ std::string Lower(std::string text) {
     return text;
 }
 
-/// No device is that of an adapter whose component id could not be read.
+/// An adapter whose component id could not be read has no device.
 bool IsDeviceOf(const std::string &instanceId, const std::string &componentId) {
     return !componentId.empty() && Lower(instanceId.substr(0, componentId.size())) == Lower(componentId);
 }
@@ -72,7 +72,7 @@ bool IsRas(const Record &record) {
     return record.isVirtual && record.mac.substr(2, 4) == " RAS";
 }
 
-// ---- The machine, as it changes
+// ---- The machine as it changes
 
 class World {
 public:
@@ -88,7 +88,7 @@ public:
         const Fault &fault = m_machine.fault;
         if (fault.function != function || (fault.onceInstalled && !m_installed) || ++m_calls != fault.nth)
             return false;
-        roads.insert("fault met");
+        codePaths.insert("fault met");
         return true;
     }
 
@@ -105,7 +105,7 @@ public:
             bindings.filter.reset();
     }
 
-    /// @return whether it is there then.
+    /// @return whether it is present then.
     bool InstallFilter() {
         if (m_machine.answer == Machine::Answer::Failure)
             return false;
@@ -142,7 +142,7 @@ public:
     NodeBindings &BindingsOf(const std::string &node) { return m_machine.bindings[node]; }
 
     [[nodiscard]] bool IsThere(unsigned key) const { return adapters.count(key) != 0; }
-    /// In the order of enumeration.
+    /// In enumeration order.
     [[nodiscard]] std::vector<unsigned> Keys() const {
         std::vector<unsigned> keys;
         for (const auto &[key, adapter] : adapters)
@@ -199,7 +199,7 @@ public:
     std::map<unsigned, Adapter> adapters;
     Lock lock = Lock::Free;
     Outcome outcome;
-    std::set<std::string> roads;
+    std::set<std::string> codePaths;
 
 private:
     void Put(const Adapter &adapter) { adapters.emplace(++m_lastKey, adapter); }
@@ -281,7 +281,7 @@ private:
     bool m_driverIsOurs = false;
 };
 
-// ---- The way to the network configuration
+// ---- Opening the network configuration
 
 bool AcquireLock(World &world) {
     if (world.Fails("INetCfg::QueryInterface")) {
@@ -327,7 +327,7 @@ bool Acquire(World &world, bool writeLock) {
 
 void Release(World &world, bool writeLock) {
     if (world.Fails("INetCfg::Uninitialize"))
-        world.Report("INetCfg::Uninitialize");  // the lock stays then
+        world.Report("INetCfg::Uninitialize");  // the lock stays held then
     else if (writeLock && world.Fails("INetCfg::QueryInterface"))
         world.Report("INetCfg::QueryInterface(IID_INetCfgLock)");
     else if (writeLock)
@@ -336,7 +336,7 @@ void Release(World &world, bool writeLock) {
 
 // ---- Reading the adapters
 
-/// The adapters that IP Helper tells; nothing if it fails.
+/// The adapters that IP Helper reports; none if it fails.
 std::vector<Adapter> ReadIpHelper(World &world) {
     std::vector<Adapter> told;
     for (const auto &[key, adapter] : world.adapters) {
@@ -376,10 +376,10 @@ void AskDevice(World &world, Record &record) {
     if (!world.Fails("DeviceIoControl"))
         record.media = device.media.value_or(kUnknownMedia);
     if (world.Fails("DeviceIoControl"))
-        (void)world.Fails("DeviceIoControl");  // in 4 bytes, when those in 8 are not to be had
+        (void)world.Fails("DeviceIoControl");  // in 4 bytes if those in 8 are not available
 }
 
-/// Which of the components above the adapters can be asked.
+/// Which of the components above the adapters can be queried.
 struct Askable {
     bool ip4, ip6, filter;
 };
@@ -439,10 +439,10 @@ Records ReadAdapters(World &world) {
 
 // ---- Changing the bindings
 
-/// One run through the adapters, with what it has changed and not applied.
+/// One pass over the adapters, with the changes not yet applied.
 class BindingChange {
 public:
-    /// @param records  null for no list.
+    /// @param records  null without a list.
     BindingChange(World &world, const Records *records, bool useIpState)
         : m_world(world), m_records(records), m_useIpState(useIpState) {}
 
@@ -566,7 +566,7 @@ void MarkDuplicates(World &world, const Records &records, const std::set<std::st
             world.Log("Marking physical adapter '" + record.displayName + "' with duplicate MAC " + Hex(mac) +
                       " to be unbound from QBIMVTA");
             toUnbind.push_back(record);
-            world.roads.insert("unbound for a duplicate MAC");
+            world.codePaths.insert("unbound for a duplicate MAC");
         }
     }
 }
@@ -579,12 +579,12 @@ void UnbindUnsuitable(World &world) {
         if (!IsValidMac(record.mac)) {
             world.Log("Adapter '" + record.displayName + "' has an invalid MAC - ignoring it");
         } else if (IsRas(record)) {
-            world.roads.insert("left alone as RAS");
+            world.codePaths.insert("left alone as RAS");
         } else if (record.boundToFilter && !record.boundToIp) {
             world.Log("Adapter '" + record.displayName +
                       "' is not bound to TCPIP - marking it to be unbound from QBIMVTA");
             toUnbind.push_back(record);
-            world.roads.insert("unbound for no TCP/IP");
+            world.codePaths.insert("unbound for no TCP/IP");
         } else if (LooksForDuplicates(world.TheMachine())) {
             FindDuplicate(world, records, record, macs);
         }
@@ -596,7 +596,7 @@ void UnbindUnsuitable(World &world) {
         (void)SetFilterBindings(world, &toUnbind, false);
 }
 
-// ---- The health of the network, and the cures
+// ---- The health of the network, and its recovery
 
 bool IsHealthy(const Records &before, const Record &now) {
     if (!now.boundToFilter)
@@ -609,9 +609,9 @@ bool IsHealthy(const Records &before, const Record &now) {
            !(found->ip && !now.ip) && !(found->gateway && !now.gateway);
 }
 
-/// @return whether all are healthy at one of three looks.
+/// @return whether all adapters are healthy at one of three checks.
 bool GetsHealthy(World &world, Records &stillUnhealthy, Records &current) {
-    for (int look = 0; look < 3; ++look) {
+    for (int check = 0; check < 3; ++check) {
         world.SleepTwoSeconds();
         current = ReadAdapters(world);
         std::erase_if(current, [&](const Record &record) { return IsHealthy(stillUnhealthy, record); });
@@ -625,7 +625,7 @@ bool GetsHealthy(World &world, Records &stillUnhealthy, Records &current) {
     return false;
 }
 
-/// @return whether the device was acted on.
+/// @return whether the device was restarted.
 bool TurnDevice(World &world, const std::string &instanceId, bool enable) {
     if (world.Fails("SetupDiSetClassInstallParamsW"))
         return false;
@@ -656,12 +656,12 @@ bool TurnAdapters(World &world, const Records &records, bool enable, bool useIpS
 }
 
 void Rebind(World &world, const Records &stillUnhealthy, bool upgraded) {
-    world.roads.insert("cure 0");
+    world.codePaths.insert("recovery 0");
     world.Log(std::string("Network doesn't appear healthy - unbinding & rebinding ") + kFilter);
     if (SetFilterBindings(world, &stillUnhealthy, false))
         (void)SetFilterBindings(world, &stillUnhealthy, !upgraded);
     else
-        world.roads.insert("cure 0 without the lock");
+        world.codePaths.insert("recovery 0 without the lock");
 }
 
 void Restart(World &world, const Records &current) {
@@ -673,9 +673,9 @@ void Restart(World &world, const Records &current) {
         world.Log(std::string("No adapters are bound to ") + kFilter +
                   " - enabling and disabling adapters bound to IP");
         if (TurnAdapters(world, current, false, true))
-            world.roads.insert("cure 1 by IP");
+            world.codePaths.insert("recovery 1 by IP");
     } else {
-        world.roads.insert("cure 1 by filter");
+        world.codePaths.insert("recovery 1 by filter");
     }
     world.SleepTwoSeconds();
     (void)TurnAdapters(world, current, true, useIp);
@@ -685,12 +685,12 @@ bool CheckHealth(World &world, const Records &before, bool upgraded) {
     Records stillUnhealthy = before;
     Records current;
     if (GetsHealthy(world, stillUnhealthy, current)) {
-        world.roads.insert("healthy");
+        world.codePaths.insert("healthy");
         return true;
     }
     Rebind(world, stillUnhealthy, upgraded);
     if (GetsHealthy(world, stillUnhealthy, current)) {
-        world.roads.insert("cured by cure 0");
+        world.codePaths.insert("healthy after recovery 0");
         return true;
     }
     Restart(world, current);
@@ -726,7 +726,7 @@ bool Work(World &world) {
 void RebindStaleDriver(World &world) {
     if (!world.DriverAnswers() || world.DriverIsOurs())
         return;
-    world.roads.insert("stale driver");
+    world.codePaths.insert("stale driver");
     world.Log(
         "Installation succeeded but the wrong driver version is still loaded. Trying an unbind/bind to see if that "
         "fixes it.");
@@ -747,7 +747,7 @@ bool Attempt(World &world, const Records &before) {
         const unsigned applies = world.outcome.applies;
         (void)SetFilterBindings(world, &before, false);
         if (world.outcome.applies != applies)
-            world.roads.insert("restored");
+            world.codePaths.insert("restored");
     } else {
         UnbindUnsuitable(world);
         if (!succeeded)
@@ -763,7 +763,7 @@ Expectation Expect(const Machine &machine) {
     World world(machine);
     const Records before = ReadAdapters(world);
     world.outcome.succeeded = Attempt(world, before);
-    world.roads.insert(world.outcome.succeeded ? "succeeded" : "failed");
+    world.codePaths.insert(world.outcome.succeeded ? "succeeded" : "failed");
     if (world.outcome.rebootEvent)
         ++world.outcome.rebootNotices;
     if (std::any_of(before.begin(), before.end(), [](const Record &record) { return record.media == 0; })) {
@@ -771,10 +771,10 @@ Expectation Expect(const Machine &machine) {
         if (!CheckHealth(world, before, IsUpgrade(machine)) && !world.outcome.rebootEvent)
             ++world.outcome.rebootNotices;
     } else {
-        world.roads.insert("offline before");
+        world.codePaths.insert("offline before");
     }
     world.Finish();
-    return {world.outcome, world.roads};
+    return {world.outcome, world.codePaths};
 }
 
 }  // namespace Bindings

@@ -1,5 +1,5 @@
-// What an installation has to make of the bindings of a machine's adapters, and how it has to cure the network, written
-// down a second time on plain data. It shares nothing with the product.
+// A second description, on plain data, of what an installation must do to the bindings of a machine's adapters, and how
+// it must recover the network. It shares nothing with the product.
 #pragma once
 
 #include <map>
@@ -18,15 +18,15 @@ struct Adapter {
     bool isVirtual = false;
     bool isPhysical = true;
     unsigned deviceStatus = 0;
-    std::string mac;  ///< Raw bytes; IP Helper tells the first 8.
+    std::string mac;  ///< Raw bytes; IP Helper reports the first 8.
     bool inIpHelper = true;
     std::string ip = "0.0.0.0";
     std::string gateway = "0.0.0.0";
     bool opens = true;
-    std::optional<unsigned> media = 0;  ///< 0 connected, 1 disconnected; nothing: the query fails.
+    std::optional<unsigned> media = 0;  ///< 0 connected, 1 disconnected; empty: the query fails.
 };
 
-/// Above the adapters of one node: bound, bound but disabled, or not bound at all.
+/// Above the adapters of one node: bound, bound but disabled, or not bound.
 struct NodeBindings {
     std::optional<bool> ip4, ip6, filter;
 
@@ -41,28 +41,28 @@ struct Device {
     bool isDisabledInProfile = false;
 };
 
-/// What happens to an adapter, or to the lock, when the installation does something.
+/// What happens to an adapter, or to the lock, at some point of the installation.
 struct Reaction {
     enum class When { Installed, Unbound, Bound, Disabled, Enabled, Slept };
     enum class What {
         GoesOffline,
         GoesOnline,
-        TurnsSilent,  ///< Its device can't be opened any more.
+        TurnsSilent,  ///< Its device can no longer be opened.
         LosesAddress,
         LosesGateway,
         GoesBad,  ///< It has a device status.
         GetsWell,
         Vanishes,
-        Appears,  ///< One of those that are not there at first.
+        Appears,  ///< An adapter that is absent at first.
         LockedByAnother,
-        LockedByNamesake,  ///< By another process that tells the same description.
+        LockedByNamesake,  ///< By another process with the same description.
         Unlocked,
     };
     When when = When::Installed;
     std::string of;    ///< Unbound, Bound: the node. Disabled, Enabled: the device's instance id.
-    unsigned nth = 0;  ///< Slept: by the n-th sleep of two seconds.
+    unsigned nth = 0;  ///< Slept: the n-th sleep of two seconds.
     What what = What::GoesOffline;
-    std::string node;  ///< To whom.
+    std::string node;  ///< Which adapter.
 };
 
 /// The n-th call of a function fails.
@@ -76,10 +76,10 @@ struct Machine {
     enum class Kind {
         Fresh,
         Upgrade,
-        Reinstall,  ///< Of the same version, which does not run.
+        Reinstall,  ///< Of our version, but not running.
         Forced,     ///< Over a newer version.
     };
-    enum class Answer { Success, Failure, Reboot };  ///< Of each attempt to install the filter.
+    enum class Answer { Success, Failure, Reboot };  ///< For each attempt to install the filter.
     enum class Loaded { Ours, None, Old, OldUntilUnbound };
 
     Kind kind = Kind::Fresh;
@@ -98,15 +98,15 @@ struct Machine {
     Fault fault;
 };
 
-/// What there is to see when all is done.
+/// The visible outcome.
 struct Outcome {
     bool succeeded = false;
     bool rebootEvent = false;
     unsigned rebootNotices = 0;
     unsigned lockNotices = 0;
     unsigned applies = 0;
-    std::map<std::string, NodeBindings> bindings;  ///< Of the adapters that are there.
-    std::vector<std::string> changes;              ///< Of devices, such as "disable 2 PCI\CARD\1", with the scope.
+    std::map<std::string, NodeBindings> bindings;  ///< Of the adapters that are present.
+    std::vector<std::string> changes;              ///< On devices, such as "disable 2 PCI\CARD\1", with the scope.
     std::set<std::string> disabled;                ///< Devices.
     bool isLocked = false;
     std::vector<std::string> failures;  ///< The calls that were reported.
@@ -115,7 +115,7 @@ struct Outcome {
 
 struct Expectation {
     Outcome outcome;
-    std::set<std::string> roads;  ///< What the machine led to, such as "cure 0".
+    std::set<std::string> codePaths;  ///< Code paths that the machine exercised, such as "recovery 0".
 };
 
 Expectation Expect(const Machine &machine);

@@ -1,4 +1,4 @@
-// The bindings after an installation, on random machines, against a model of their own.
+// The bindings after an installation on random machines, compared with an independent model.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +13,7 @@
 
 #include "BindingsMachines.h"
 #include "BindingsModel.h"
+#include "DriverFile.h"
 #include "InstallFixture.h"
 #include "SeededRandom.h"
 #include "WindowsFunctions.h"
@@ -26,11 +27,11 @@ using Bindings::Outcome;
 using Bindings::Reaction;
 using Loaded = Machine::Loaded;
 
-/// Unless FC_MACHINES says otherwise.
+/// The default; FC_MACHINES overrides it.
 constexpr unsigned kMachines = 2'000;
 constexpr unsigned kMachinesIfThorough = 5'000;
 constexpr DWORD kComFailure = static_cast<DWORD>(E_FAIL);
-constexpr DWORD kSleepBetweenLooksMs = 2'000;
+constexpr DWORD kSleepBetweenChecksMs = 2'000;
 
 std::wstring WideText(const std::string &text) {
     return {text.begin(), text.end()};
@@ -63,13 +64,13 @@ Simulator::NetworkAdapter ToSimulated(const Bindings::Adapter &adapter) {
     return made;
 }
 
-/// A number of the environment.
+/// A number from the environment.
 std::optional<unsigned> Variable(const char *name) {
     const char *const text = std::getenv(name);
     return text ? std::optional(static_cast<unsigned>(std::strtoul(text, nullptr, 10))) : std::nullopt;
 }
 
-/// The lines of one outcome, for comparison and for a reader.
+/// The lines of one outcome, for comparison and for the reader.
 std::vector<std::string> Lines(const Outcome &outcome) {
     const auto binding = [](const std::optional<bool> &is) { return !is ? " -" : *is ? " on" : " off"; };
     std::vector<std::string> lines{
@@ -116,19 +117,19 @@ protected:
         simulation().Functions().Put<Simulator::System::Sleep>(
             [this, caller = GetCurrentThreadId()](const auto &next, DWORD ms) {
                 if (GetCurrentThreadId() == caller)
-                    return Simulator::System::Sleep::Real(1);  // it waits for the others, who move the clock
+                    return Simulator::System::Sleep::Real(1);  // it waits for the others, which move the clock
                 next(ms);
-                if (ms == kSleepBetweenLooksMs)
+                if (ms == kSleepBetweenChecksMs)
                     OnSleep();
             },
             Simulator::Depth::Watch);
-        WriteVersion(m_ourVersionFile, kOurVersion);
+        Simulator::WriteDriverFile(m_ourVersionFile, kOurVersion);
         ReadVersionsOnce();
         RemoveInfFiles();
         RecordApplyAlone();
     }
 
-    /// Makes the machine, installs the drivers on it, and tells what came of it.
+    /// Makes the machine, installs the drivers on it, and returns the outcome.
     Outcome InstallOn(const Machine &machine) {
         Put(machine);
         const std::size_t before = simulation().GetDevices().Changes().size();
@@ -139,7 +140,7 @@ protected:
         return Collect(before);
     }
 
-    /// What differs; empty if nothing does.
+    /// The difference; empty if there is none.
     std::string Compare(const Machine &machine) {
         return FirstDifference(Bindings::Expect(machine).outcome, InstallOn(machine));
     }
@@ -158,12 +159,12 @@ protected:
         return machine;
     }
 
-    /// @return whether it is as expected.
+    /// @return whether the outcome is as expected.
     bool Check(unsigned seed) {
         const Machine machine = Bindings::RandomMachine(seed);
         const Expectation expectation = Bindings::Expect(machine);
-        for (const std::string &road : expectation.roads)
-            ++m_roads[road];
+        for (const std::string &codePath : expectation.codePaths)
+            ++m_codePaths[codePath];
         const std::string difference = FirstDifference(expectation.outcome, InstallOn(machine));
         if (difference.empty())
             return true;
@@ -173,10 +174,10 @@ protected:
         return false;
     }
 
-    std::map<std::string, unsigned> m_roads;
+    std::map<std::string, unsigned> m_codePaths;
 
 private:
-    /// For speed.
+    /// Makes the test faster.
     void RecordApplyAlone() {
         balance().Stop();
         for (const std::string &name : simulation().Functions().Names())
@@ -187,7 +188,7 @@ private:
         }
     }
 
-    /// Every file that is asked has the same version, and the system takes long to find it.
+    /// Every file has the same version, and finding it out takes the system long.
     void ReadVersionsOnce() {
         simulation().Functions().Put<Simulator::System::GetFileVersionInfoSizeW>(
             [this](const auto &next, const wchar_t *path, DWORD *unused) {
@@ -205,7 +206,7 @@ private:
             });
     }
 
-    /// Nothing is to be copied then, nor searched: the bindings know nothing of them, and it would take most of the
+    /// The bindings do not depend on the copying of files or the search for INF files, which would take most of the
     /// time.
     void RemoveInfFiles() {
         for (const std::filesystem::path &folder :
@@ -395,10 +396,10 @@ private:
         else if (reaction.what == What::GoesBad)
             adapter.deviceStatus = 22;
         else
-            Heal(adapter, reaction.node);
+            Repair(adapter, reaction.node);
     }
 
-    void Heal(Simulator::NetworkAdapter &adapter, const std::string &node) {
+    void Repair(Simulator::NetworkAdapter &adapter, const std::string &node) {
         const auto first = std::find_if(m_machine.adapters.begin(), m_machine.adapters.end(),
                                         [&](const Bindings::Adapter &each) { return each.node == node; });
         if (first != m_machine.adapters.end())
@@ -435,7 +436,7 @@ private:
             outcome.rebootEvent = outcome.rebootEvent || number == "1006";
             ends += number == "1004" || number == "1007" ? 1U : 0U;
         }
-        EXPECT_EQ(ends, 1U) << "events that tell the end";
+        EXPECT_EQ(ends, 1U) << "events of the outcome";
     }
 
     void CollectDevices(std::size_t changesBefore, Outcome &outcome) {
@@ -471,7 +472,7 @@ private:
     const std::filesystem::path m_ourVersionFile = simulation().GetFolders().Temp() / L"ours.sys";
 };
 
-TEST_F(BindingsOfRandomMachines, AreThoseOfTheModelAfterAnInstallation) {
+TEST_F(BindingsOfRandomMachines, MatchTheModelAfterAnInstallation) {
     const std::optional<unsigned> only = Variable("FC_SEED");
     if (only)
         std::cout << Bindings::Describe(Bindings::RandomMachine(*only));
@@ -481,14 +482,15 @@ TEST_F(BindingsOfRandomMachines, AreThoseOfTheModelAfterAnInstallation) {
     std::cout << machines << " machines from FC_SEED=" << first << '\n';
     for (unsigned i = 0, failures = 0; i < machines && failures < 3; ++i)
         failures += Check(first + i) ? 0U : 1U;
-    for (const auto &[road, count] : m_roads)
-        std::cout << road << ": " << count << '\n';
+    for (const auto &[codePath, count] : m_codePaths)
+        std::cout << codePath << ": " << count << '\n';
     if (machines < kMachines)
-        return;  // too few to meet everything
-    for (const char *road : {"restored", "unbound for no TCP/IP", "unbound for a duplicate MAC", "left alone as RAS",
-                             "cure 0", "cured by cure 0", "cure 0 without the lock", "cure 1 by filter", "cure 1 by IP",
-                             "stale driver", "healthy", "offline before", "succeeded", "failed", "fault met"})
-        EXPECT_GE(m_roads[road], machines / 1'000) << road;
+        return;  // too few to exercise everything
+    for (const char *codePath :
+         {"restored", "unbound for no TCP/IP", "unbound for a duplicate MAC", "left alone as RAS", "recovery 0",
+          "healthy after recovery 0", "recovery 0 without the lock", "recovery 1 by filter", "recovery 1 by IP",
+          "stale driver", "healthy", "offline before", "succeeded", "failed", "fault met"})
+        EXPECT_GE(m_codePaths[codePath], machines / 1'000) << codePath;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Which adapters the filter is bound to, and how that is changed.
+// Which adapters the filter is bound to, and how the bindings change.
 #include <functional>
 #include <string>
 #include <vector>
@@ -12,7 +12,7 @@ using What = Simulator::NetworkMoment::What;
 const std::string kNoNeedForFirst = "No need to change the bindings of adapter 'First adapter'";
 const std::string kNoNeedForSecond = "No need to change the bindings of adapter 'Second adapter'";
 
-/// The filter is there and bound to the two adapters.
+/// The filter is installed and bound to both adapters.
 class FilterBindings : public BindingsFixture {
 protected:
     FilterBindings() { PutFilter(); }
@@ -31,7 +31,8 @@ protected:
         network().Bind(kSecond, L"qbimvta", second);
     }
     bool IsLocked() { return network().Read().lock.has_value(); }
-    /// Unbinds all while the call fails, and expects that only so much is done, with nothing reported or left open.
+    /// Unbinds all while the call fails, and expects that only the given calls are made, and nothing is reported or
+    /// left open.
     void UnbindWhile(const std::string &function, unsigned nth, const std::string &bound) {
         SCOPED_TRACE(function + " " + std::to_string(nth));
         Bind(true, true);
@@ -54,7 +55,7 @@ TEST_F(FilterBindings, CannotBeEnabledWithoutAList) {
         EXPECT_FALSE(set.result);
         EXPECT_EQ(set.lines, Texts{});
         EXPECT_EQ(set.failedStep, 0xFFFFFFFF);
-        EXPECT_EQ(CountCalls("CoInitializeEx"), 0U) << "nothing is touched";
+        EXPECT_EQ(CountCalls("CoInitializeEx"), 0U) << "no call is made";
     }
     EXPECT_EQ(Bound(), "++");
 }
@@ -69,10 +70,10 @@ TEST_F(FilterBindings, AreAllDisabledWithoutAList) {
                "Adapter 'Second adapter' is bound to qbimvta", "Disabling binding from 'Second adapter' -> qbimvta"}));
     EXPECT_EQ(set.events, Texts{});
     EXPECT_EQ(set.left, Texts{});
-    EXPECT_EQ(set.steps, Texts{}) << "the steps to the configuration are silent";
+    EXPECT_EQ(set.steps, Texts{}) << "the steps of opening the configuration are not logged";
 }
 
-TEST_F(FilterBindings, AreDisabledWithoutAListWhateverThePartOfIpIs) {
+TEST_F(FilterBindings, AreDisabledWithoutAListWithOrWithoutIp) {
     EXPECT_TRUE(SetBindings(false, nullptr, true).result);
     EXPECT_EQ(Bound(), "--");
 }
@@ -94,10 +95,10 @@ TEST_F(FilterBindings, AreNotAppliedWhenAllAreDisabledAlready) {
     EXPECT_EQ(CountCalls("INetCfgBindingPath::Enable"), 0U);
 }
 
-TEST_F(FilterBindings, AreDisabledForComponentsThatAreNoAdapters) {
+TEST_F(FilterBindings, AreDisabledForComponentsThatAreNotAdapters) {
     network().ChangeAdapter(kFirst, [](auto &adapter) { adapter.characteristics = 0; });
     (void)SetBindings(false, nullptr, false);
-    EXPECT_EQ(Bound(), "--") << "it counts that the characteristics can be read, not what they are";
+    EXPECT_EQ(Bound(), "--") << "what matters is that the characteristics can be read, not their value";
 }
 
 // ---- With a list
@@ -121,7 +122,7 @@ TEST_F(FilterBindings, FollowTheRecordWhateverEnableSays) {
     }
 }
 
-TEST_F(FilterBindings, AreToldOfWithWhatTheRecordSays) {
+TEST_F(FilterBindings, AreLoggedAsTheRecordStatesThem) {
     Bind(false, true);
     const TcpAdapterList list{Record(kFirst, true, false), Record(kSecond, false, true)};
     EXPECT_EQ(SetBindings(true, &list, true).lines,
@@ -133,7 +134,7 @@ TEST_F(FilterBindings, AreToldOfWithWhatTheRecordSays) {
     EXPECT_EQ(Bound(), "+-");
 }
 
-TEST_F(FilterBindings, StayOfAnAdapterThatIsNotInTheList) {
+TEST_F(FilterBindings, AreUnchangedForAnAdapterThatIsNotListed) {
     const TcpAdapterList list{Record(L"PCI\\GONE\\1", false, false)};
     const InTest set = SetBindings(false, &list, false);
     EXPECT_EQ(set.lines, (Texts{"Adapter 'First adapter' is bound to qbimvta", kNoNeedForFirst,
@@ -141,7 +142,7 @@ TEST_F(FilterBindings, StayOfAnAdapterThatIsNotInTheList) {
     EXPECT_EQ(Bound(), "++");
 }
 
-TEST_F(FilterBindings, StayWithAnEmptyList) {
+TEST_F(FilterBindings, AreUnchangedWithAnEmptyList) {
     const TcpAdapterList none;
     for (const bool enable : {false, true}) {
         EXPECT_TRUE(SetBindings(enable, &none, false).result);
@@ -150,7 +151,7 @@ TEST_F(FilterBindings, StayWithAnEmptyList) {
     }
 }
 
-TEST_F(FilterBindings, AreLookedUpByTheNodeWithItsCase) {
+TEST_F(FilterBindings, AreLookedUpByTheNodeCaseSensitively) {
     const TcpAdapterList list{Record(L"pci\\ven_8086&dev_100e\\1", false, false)};
     (void)SetBindings(false, &list, false);
     EXPECT_EQ(Bound(), "++");
@@ -162,7 +163,7 @@ TEST_F(FilterBindings, FollowTheFirstOfTwoRecords) {
     EXPECT_EQ(Bound(), "-+");
 }
 
-TEST_F(FilterBindings, OfAnotherAdapterOfTheSameModelStay) {
+TEST_F(FilterBindings, AreUnchangedForAnotherAdapterOfTheSameModel) {
     network().ChangeAdapter(kSecond, [](auto &adapter) { adapter.id = L"PCI\\VEN_8086&DEV_100E"; });
     network().Use([](Simulator::NetworkState &state) {
         for (Simulator::NetworkComponent &component : state.components) {
@@ -175,7 +176,7 @@ TEST_F(FilterBindings, OfAnotherAdapterOfTheSameModelStay) {
     EXPECT_EQ(Bound(), "+-");
 }
 
-TEST_F(FilterBindings, OfOtherComponentsStay) {
+TEST_F(FilterBindings, OfOtherComponentsAreUnchanged) {
     network().Put({.id = L"another"});
     network().Put({.id = L"qbimvta2"});
     for (const wchar_t *id : {L"another", L"qbimvta2", L"ms_tcpip6"})
@@ -186,7 +187,7 @@ TEST_F(FilterBindings, OfOtherComponentsStay) {
         EXPECT_EQ(network().Binding(kFirst, id), true);
 }
 
-TEST_F(FilterBindings, AreKnownByTheExactNameOfTheFilter) {
+TEST_F(FilterBindings, AreMatchedByTheExactNameOfTheFilter) {
     network().Use([](Simulator::NetworkState &state) { ComponentWithId(state, L"qbimvta")->id = L"QBIMVTA"; });
     const InTest set = SetBindings(false, nullptr, false);
     EXPECT_TRUE(set.result);
@@ -194,7 +195,7 @@ TEST_F(FilterBindings, AreKnownByTheExactNameOfTheFilter) {
     EXPECT_EQ(Bound(), "++");
 }
 
-TEST_F(FilterBindings, OfTwoHundredAdaptersAreAllDisabled) {
+TEST_F(FilterBindings, AreDisabledForTwoHundredAdapters) {
     for (int i = 2; i < 200; ++i)
         (void)PutNamed(L"NIC" + std::to_wstring(i), {2, 0, 0, 0, 1, static_cast<BYTE>(i)});
     const InTest set = SetBindings(false, nullptr, false);
@@ -214,7 +215,7 @@ TEST_F(FilterBindings, AreChangedUnderTheWriteLock) {
     EXPECT_FALSE(IsLocked());
 }
 
-TEST_F(FilterBindings, WaitFifteenSecondsForTheWriteLockAndStay) {
+TEST_F(FilterBindings, AreUnchangedAfterWaitingFifteenSecondsForTheWriteLock) {
     network().LockFromElsewhere(L"Somebody");
     network().Use([](Simulator::NetworkState &state) { state.lockWaitMs = 60'000; });
     const std::uint64_t begin = simulation().GetClock().TickMs();
@@ -226,7 +227,7 @@ TEST_F(FilterBindings, WaitFifteenSecondsForTheWriteLockAndStay) {
     EXPECT_EQ(Bound(), "++");
 }
 
-TEST_F(FilterBindings, StayWithoutTheConfiguration) {
+TEST_F(FilterBindings, AreUnchangedWithoutTheConfiguration) {
     for (const char *function : {"CoInitializeEx", "CoCreateInstance", "INetCfg::QueryInterface",
                                  "INetCfgLock::AcquireWriteLock", "INetCfg::Initialize"}) {
         SCOPED_TRACE(function);
@@ -248,13 +249,13 @@ TEST_F(FilterBindings, AreEnumeratedAboveTheAdapters) {
                      "INetCfgComponentBindings::EnumBindingPaths(1, *)"}));
 }
 
-// ---- Failures while enumerating
+// ---- Failures during the enumeration
 
-TEST_F(FilterBindings, StayWhenTheComponentsCannotBeEnumerated) {
+TEST_F(FilterBindings, AreUnchangedWhenTheComponentsCannotBeEnumerated) {
     UnbindWhile("INetCfg::EnumComponents", 1, "++");
 }
 
-TEST_F(FilterBindings, OfAnAdapterThatCannotBeReadStay) {
+TEST_F(FilterBindings, AreUnchangedForAnAdapterThatCannotBeRead) {
     for (const char *function : {"INetCfgComponent::GetCharacteristics", "INetCfgComponent::GetPnpDevNodeId",
                                  "INetCfgComponent::QueryInterface", "INetCfgComponentBindings::EnumBindingPaths"}) {
         UnbindWhile(function, 1, "+-");
@@ -262,8 +263,8 @@ TEST_F(FilterBindings, OfAnAdapterThatCannotBeReadStay) {
     }
 }
 
-TEST_F(FilterBindings, ThatCannotBeFollowedStay) {
-    // The first adapter's path to TCP/IP, that to the filter, then the same of the second.
+TEST_F(FilterBindings, AreUnchangedWhenTheirPathCannotBeRead) {
+    // The first adapter's path to TCP/IP, its path to the filter, then the same for the second.
     for (const char *function : {"INetCfgBindingPath::EnumBindingInterfaces", "IEnumNetCfgBindingPath::Next",
                                  "INetCfgBindingInterface::GetUpperComponent", "INetCfgComponent::GetId"}) {
         const bool ends = std::string(function) == "IEnumNetCfgBindingPath::Next";
@@ -277,7 +278,7 @@ TEST_F(FilterBindings, ThatCannotBeFollowedStay) {
     UnbindWhile("INetCfgComponent::GetId", 4, "-+");
 }
 
-TEST_F(FilterBindings, ThatDoNotTellWhetherTheyAreEnabledCountAsDisabled) {
+TEST_F(FilterBindings, CountAsDisabledWhenTheirStateCannotBeRead) {
     UnbindWhile("INetCfgBindingPath::IsEnabled", 2, "+-");
     const TcpAdapterList list{Record(kFirst, true, true)};
     Bind(true, true);
@@ -285,20 +286,20 @@ TEST_F(FilterBindings, ThatDoNotTellWhetherTheyAreEnabledCountAsDisabled) {
     EXPECT_EQ(SetBindings(false, &list, false).lines[2], "Enabling binding from 'First adapter' -> qbimvta");
 }
 
-TEST_F(FilterBindings, AreToldOfByTheNodeWithoutADisplayName) {
+TEST_F(FilterBindings, AreLoggedByTheNodeWithoutADisplayName) {
     Fail("INetCfgComponent::GetDisplayName");
     const InTest set = SetBindings(false, nullptr, false);
     EXPECT_EQ(set.lines[1], "Disabling binding from 'PCI\\VEN_8086&DEV_100E\\1' -> qbimvta");
     EXPECT_EQ(Bound(), "--");
 }
 
-TEST_F(FilterBindings, StayFromWhereTheEnumerationEndsWithTheChangesBeforeIt) {
+TEST_F(FilterBindings, KeepTheChangesMadeBeforeTheEnumerationFails) {
     UnbindWhile("IEnumNetCfgComponent::Next", 2, "-+");
 }
 
 // ---- Failures of the change
 
-TEST_F(FilterBindings, ThatCannotBeChangedAreReportedOnceAndNotTriedAgain) {
+TEST_F(FilterBindings, AreReportedOnceAndNotRetriedWhenTheyCannotBeChanged) {
     const auto plan = simulation().GetFaults().FailNth("INetCfgBindingPath::Enable", 1, static_cast<DWORD>(E_FAIL));
     const InTest set = SetBindings(false, nullptr, false);
     EXPECT_TRUE(set.result);
@@ -313,14 +314,14 @@ TEST_F(FilterBindings, ThatCannotBeChangedAreReportedOnceAndNotTriedAgain) {
     EXPECT_FALSE(IsLocked());
 }
 
-TEST_F(FilterBindings, ThatCannotBeAppliedAreReportedOnceAndNotTriedAgain) {
+TEST_F(FilterBindings, AreReportedOnceAndNotRetriedWhenTheyCannotBeApplied) {
     Bind(true, false);
     const auto plan = simulation().GetFaults().FailEvery("INetCfg::Apply", static_cast<DWORD>(NETCFG_E_NEED_REBOOT));
     const InTest set = SetBindings(false, nullptr, false);
     EXPECT_TRUE(set.result);
     EXPECT_EQ(plan->Hits(), 1U);
     EXPECT_EQ(set.events, Texts{"3005 INetCfg::Apply() (0x8004a025)"});
-    EXPECT_EQ(set.lines[1], "Disabling binding from 'First adapter' -> qbimvta") << "what was enabled is told";
+    EXPECT_EQ(set.lines[1], "Disabling binding from 'First adapter' -> qbimvta") << "what was enabled is logged";
     EXPECT_EQ(set.left, Texts{});
     EXPECT_EQ(Bound(), "+-");
 }
@@ -345,14 +346,14 @@ TEST_F(FilterBindings, AreReportedForEachAdapterThatFails) {
 
 class RestoredBindings : public BindingsFixture {
 protected:
-    /// What happens to the network when the old filter goes.
+    /// What happens to the network when the old filter is removed.
     void WhenRemoved(const std::function<void()> &event) {
         onMoment = [event](const Simulator::NetworkMoment &moment) {
             if (moment.what == What::Removed)
                 event();
         };
     }
-    /// From the line on that tells of the restoring.
+    /// From the line about the restoration on.
     static Texts Restoring(const InstallOutcome &installation) {
         return FromFirst(WithoutSteps(installation.ThreadLog()), "Restoring network bindings.");
     }
@@ -372,7 +373,7 @@ TEST_F(RestoredBindings, AreThoseFromBeforeTheUpgrade) {
     EXPECT_FALSE(IsBound(kSecond));
 }
 
-TEST_F(RestoredBindings, AreNotThoseOfAnAdapterThatAppearedMeanwhile) {
+TEST_F(RestoredBindings, ExcludeAnAdapterThatAppearedMeanwhile) {
     InstallOldDriver({1, 0, 0, 0});
     std::wstring third;
     WhenRemoved([&] { third = PutNamed(L"THIRD", {2, 0, 0, 0, 0, 3}); });
@@ -382,7 +383,7 @@ TEST_F(RestoredBindings, AreNotThoseOfAnAdapterThatAppearedMeanwhile) {
               (Texts{"Adapter 'THIRD' is bound to qbimvta", "No need to change the bindings of adapter 'THIRD'"}));
 }
 
-TEST_F(RestoredBindings, AreNotMissedOfAnAdapterThatVanishedMeanwhile) {
+TEST_F(RestoredBindings, IgnoreAnAdapterThatVanishedMeanwhile) {
     InstallOldDriver({1, 0, 0, 0});
     WhenRemoved([&] { network().RemoveAdapter(kSecond); });
     const InstallOutcome installation = InstallInBalance();
@@ -392,14 +393,14 @@ TEST_F(RestoredBindings, AreNotMissedOfAnAdapterThatVanishedMeanwhile) {
     EXPECT_FALSE(installation.AskedForReboot());
 }
 
-TEST_F(RestoredBindings, OfAnAdapterWithoutIpAreKeptOverAnUpgrade) {
+TEST_F(RestoredBindings, SurviveAnUpgradeForAnAdapterWithoutIp) {
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kSecond, L"ms_tcpip", false);
     (void)InstallInBalance();
-    EXPECT_TRUE(IsBound(kSecond)) << "unsuitable adapters are looked for in fresh installations alone";
+    EXPECT_TRUE(IsBound(kSecond)) << "only fresh installations search for unsuitable adapters";
 }
 
-TEST_F(RestoredBindings, ComeBackAfterAllWereUnboundToBeRidOfAStaleDriver) {
+TEST_F(RestoredBindings, ComeBackAfterAllWereUnboundToUnloadAStaleDriver) {
     SetVersionAfterInstall(Version{1, 9, 9, 9});
     network().Bind(kSecond, L"ms_tcpip", false);  // so the filter is not bound to it when the stale driver is found
     Texts moments;

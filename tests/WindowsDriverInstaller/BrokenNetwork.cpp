@@ -22,7 +22,7 @@ BrokenNetwork::BrokenNetwork(Simulator::Simulation &simulation) : m_simulation(s
         return next(arguments...);
     });
     simulation.Functions().Put<Watched::GetAdaptersInfo>([this](const auto &next, auto... arguments) {
-        Look();
+        Check();
         return next(arguments...);
     });
 }
@@ -31,26 +31,26 @@ BrokenNetwork::~BrokenNetwork() {
     m_simulation.GetDevices().OnChange(nullptr);
 }
 
-void BrokenNetwork::Break(const std::wstring &node, Cure cure, Harm harm) {
-    m_patients[node] = {cure, std::move(harm)};
+void BrokenNetwork::Break(const std::wstring &node, Recovery recovery, Damage damage) {
+    m_brokenAdapters[node] = {recovery, std::move(damage)};
 }
 
-void BrokenNetwork::Hurt(const std::wstring &node) {
-    Patient &patient = m_patients.at(node);
-    if (std::exchange(patient.broken, true))
+void BrokenNetwork::BreakNow(const std::wstring &node) {
+    BrokenAdapter &broken = m_brokenAdapters.at(node);
+    if (std::exchange(broken.broken, true))
         return;
-    m_simulation.GetNetwork().ChangeAdapter(node, [&patient](Simulator::NetworkAdapter &adapter) {
-        patient.before = adapter;
-        patient.harm(adapter);
+    m_simulation.GetNetwork().ChangeAdapter(node, [&broken](Simulator::NetworkAdapter &adapter) {
+        broken.before = adapter;
+        broken.damage(adapter);
     });
 }
 
-void BrokenNetwork::Heal(const std::wstring &node) {
-    Patient &patient = m_patients.at(node);
-    if (!std::exchange(patient.broken, false))
+void BrokenNetwork::Repair(const std::wstring &node) {
+    BrokenAdapter &broken = m_brokenAdapters.at(node);
+    if (!std::exchange(broken.broken, false))
         return;
-    m_simulation.GetNetwork().ChangeAdapter(
-        node, [&patient](Simulator::NetworkAdapter &adapter) { adapter = patient.before; });
+    m_simulation.GetNetwork().ChangeAdapter(node,
+                                            [&broken](Simulator::NetworkAdapter &adapter) { adapter = broken.before; });
 }
 
 void BrokenNetwork::OnMoment(const Simulator::NetworkMoment &moment) {
@@ -59,21 +59,22 @@ void BrokenNetwork::OnMoment(const Simulator::NetworkMoment &moment) {
         return;
     if (moment.what == What::Installed) {
         m_checking = false;
-        m_looks.clear();
-        for (const auto &[node, patient] : m_patients)
-            Hurt(node);
+        m_checks.clear();
+        for (const auto &[node, broken] : m_brokenAdapters)
+            BreakNow(node);
         return;
     }
-    const auto rebound = m_patients.find(moment.adapter);
-    if (moment.what == What::BindingEnabled && rebound != m_patients.end() && rebound->second.cure == Cure::Rebinding)
-        Heal(moment.adapter);
+    const auto rebound = m_brokenAdapters.find(moment.adapter);
+    if (moment.what == What::BindingEnabled && rebound != m_brokenAdapters.end() &&
+        rebound->second.recovery == Recovery::Rebinding)
+        Repair(moment.adapter);
 }
 
 void BrokenNetwork::OnChange(const Simulator::DeviceChange &change) {
-    const auto restarted = m_patients.find(change.instanceId);
-    if (change.state == DICS_ENABLE && restarted != m_patients.end() && restarted->second.cure == Cure::Restart &&
-        m_simulation.GetDevices().IsEnabled(change.instanceId))
-        Heal(change.instanceId);
+    const auto restarted = m_brokenAdapters.find(change.instanceId);
+    if (change.state == DICS_ENABLE && restarted != m_brokenAdapters.end() &&
+        restarted->second.recovery == Recovery::Restart && m_simulation.GetDevices().IsEnabled(change.instanceId))
+        Repair(change.instanceId);
 }
 
 void BrokenNetwork::BeginCheck() {
@@ -81,12 +82,12 @@ void BrokenNetwork::BeginCheck() {
         m_checkBegan = m_simulation.GetClock().TickMs();
 }
 
-void BrokenNetwork::Look() {
+void BrokenNetwork::Check() {
     const std::uint64_t now = m_simulation.GetClock().TickMs() - m_checkBegan;
-    if (!m_checking || (!m_looks.empty() && m_looks.back() == now))
+    if (!m_checking || (!m_checks.empty() && m_checks.back() == now))
         return;
-    m_looks.push_back(now);
-    const auto event = m_atLook.find(m_looks.size());
-    if (event != m_atLook.end())
+    m_checks.push_back(now);
+    const auto event = m_atCheck.find(m_checks.size());
+    if (event != m_atCheck.end())
         event->second();
 }

@@ -1,4 +1,4 @@
-// A network that breaks when the filter is installed, and what heals it.
+// A network that breaks when the filter is installed, and what makes it recover.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,21 @@
 
 #include "Simulation.h"
 
-/// Hurts adapters by what the program does, heals them by its cures, and follows its looks at them. It takes the
-/// machine's observer of devices; moments of the network it must be handed. A look is a call of GetAdaptersInfo after
-/// the ARP cache was read; several at one moment are one look. Calls that a fault plan fails are not followed.
+/// Breaks adapters when the product does something, repairs them when it tries a recovery, and records its checks. It
+/// takes the machine's observer of devices; moments of the network must be passed to it. A check is a call of
+/// GetAdaptersInfo after the ARP cache was read; several at the same time are one check. Calls that a fault plan fails
+/// are not counted.
 class BrokenNetwork {
 public:
-    /// What heals an adapter.
-    enum class Cure {
+    /// What repairs an adapter.
+    enum class Recovery {
         None,
-        Rebinding,  ///< The filter's binding to it that is enabled.
-        Restart,    ///< Its device that is enabled; the instance id is that of the adapter.
+        Rebinding,  ///< Enabling the filter's binding to it.
+        Restart,    ///< Enabling its device; the instance id is that of the adapter.
     };
-    using Harm = std::function<void(Simulator::NetworkAdapter &)>;
+    using Damage = std::function<void(Simulator::NetworkAdapter &)>;
 
-    /// To be made before the calls that it follows, and gone before the simulation.
+    /// To be constructed before the calls that it observes, and destroyed before the simulation.
     explicit BrokenNetwork(Simulator::Simulation &simulation);
     ~BrokenNetwork();
     BrokenNetwork(const BrokenNetwork &) = delete;
@@ -30,38 +31,38 @@ public:
 
     /// The adapter breaks when the filter is installed.
     /// @param node  its pnpDevNodeId.
-    void Break(const std::wstring &node, Cure cure, Harm harm = &Disconnect);
-    /// Happens right before the program looks for the n-th time, n from 1.
-    void AtLook(std::size_t nth, std::function<void()> event) { m_atLook[nth] = std::move(event); }
-    /// Hurts the adapter now.
-    void Hurt(const std::wstring &node);
-    /// Puts the adapter back as it was when it was hurt.
-    void Heal(const std::wstring &node);
+    void Break(const std::wstring &node, Recovery recovery, Damage damage = &Disconnect);
+    /// Called right before the product's n-th check, n from 1.
+    void AtCheck(std::size_t nth, std::function<void()> event) { m_atCheck[nth] = std::move(event); }
+    /// Breaks the adapter now.
+    void BreakNow(const std::wstring &node);
+    /// Restores the adapter to its state before it broke.
+    void Repair(const std::wstring &node);
     /// To be called with each moment of the network.
     void OnMoment(const Simulator::NetworkMoment &moment);
 
-    /// When the program looked: simulated milliseconds since it read the ARP cache.
-    [[nodiscard]] const std::vector<std::uint64_t> &Looks() const { return m_looks; }
+    /// The times of the checks: simulated milliseconds since the ARP cache was read.
+    [[nodiscard]] const std::vector<std::uint64_t> &Checks() const { return m_checks; }
 
     static void Disconnect(Simulator::NetworkAdapter &adapter) { adapter.mediaStatus = 1; }
 
 private:
-    struct Patient {
-        Cure cure;
-        Harm harm;
+    struct BrokenAdapter {
+        Recovery recovery;
+        Damage damage;
         bool broken = false;
         Simulator::NetworkAdapter before{};
     };
 
     void OnChange(const Simulator::DeviceChange &change);
     void BeginCheck();
-    void Look();
+    void Check();
 
-    // What happens comes from one thread after another.
+    // Events come from one thread after another.
     Simulator::Simulation &m_simulation;
-    std::map<std::wstring, Patient> m_patients;
-    std::map<std::size_t, std::function<void()>> m_atLook;
+    std::map<std::wstring, BrokenAdapter> m_brokenAdapters;
+    std::map<std::size_t, std::function<void()>> m_atCheck;
     bool m_checking = false;
     std::uint64_t m_checkBegan = 0;
-    std::vector<std::uint64_t> m_looks;
+    std::vector<std::uint64_t> m_checks;
 };

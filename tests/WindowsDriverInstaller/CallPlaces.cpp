@@ -19,10 +19,10 @@ constexpr char kLogsALine[] = "GetSystemTimeAsFileTime";
 constexpr char kEndsAStep[] = "SetEvent";
 constexpr char kSleeps[] = "Sleep";
 
-/// A step that leaves no line in the log, and the call that it begins with.
+/// A step that logs no line, and the call that it begins with.
 struct SilentStep {
     std::string_view call;
-    std::string_view below;  ///< The step that it begins in; empty for any.
+    std::string_view below;  ///< The enclosing step; empty for any.
     std::string_view name;
 };
 constexpr std::array<SilentStep, 4> kSilentSteps{{
@@ -32,7 +32,7 @@ constexpr std::array<SilentStep, 4> kSilentSteps{{
     {"INetCfgLock::ReleaseWriteLock", "ReleasingInetCfg", "ReleasingNetworkConfigLock"},
 }};
 
-/// A function that makes a thing, or gives it back.
+/// A function that creates a resource, or releases it.
 struct Effect {
     std::string_view function;
     std::string_view kind;
@@ -64,13 +64,13 @@ constexpr std::array<Effect, 23> kEffects{{
     {"LocalFree", Kind::kLocalMemory, -1},
 }};
 
-/// Reads the work of one thread from its beginning to its end.
+/// Reads the work of one thread from beginning to end.
 class Reader {
 public:
     Reader(const std::vector<JournalEntry> &journal, DWORD worker, const std::vector<std::string> &lines,
            const StepLimits &limits)
         : m_journal(journal), m_numbers(NumbersOf(journal)), m_worker(worker), m_lines(lines), m_limits(limits) {
-        StartStep("ThreadRunning");  // by the one who made the thread
+        StartStep("ThreadRunning");  // by its creator
     }
 
     std::vector<Place> Read() {
@@ -144,7 +144,7 @@ private:
             m_locked = false;
     }
 
-    /// A service that isn't there any more: the next handle that is closed is the manager's.
+    /// A service that no longer exists: the next handle that is closed is the manager's.
     bool FailsToOpen(std::size_t index) const {
         const JournalEntry &opening = m_journal[index];
         if (opening.function != "OpenServiceW")

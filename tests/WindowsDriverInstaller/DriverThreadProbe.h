@@ -1,5 +1,5 @@
-// The thread that removes the drivers, with all open that a test wants to see of it. It includes the product's source,
-// since the class lives in that file's unnamed namespace: one source of a program includes this.
+// The thread that removes the drivers, with everything accessible that a test needs. It includes the product's source,
+// since the class lives in that file's unnamed namespace: include this in one source of a program only.
 #pragma once
 
 #include "WindowsDriverInstaller/WindowsDriverInstaller.cpp"  // NOLINT(bugprone-suspicious-include): see above

@@ -1,4 +1,5 @@
-// The machinery of the driver threads: steps, their watch and their log, and the way to the network configuration.
+// The machinery of the driver threads: steps, their supervision and their log, and the session with the network
+// configuration.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -25,7 +26,7 @@ using Texts = std::vector<std::string>;
 class DriverThread : public RemovalFixture {
 protected:
     DriverThread() {
-        moduleInstance = GetModuleHandleW(L"fc.dll");  // its messages
+        moduleInstance = GetModuleHandleW(L"fc.dll");  // its message table
         (void)log.Take();
         (void)simulation().GetJournal().Take();
         (void)VtaCore::Control::TakeEvents();
@@ -39,7 +40,7 @@ protected:
     }
     /// The lines of the thread's log.
     Texts ThreadLog() { return LogAt(wxLOG_Message); }
-    /// The texts in front of the system's, with the number.
+    /// The texts before the system's error text, with the number.
     static Texts Events() {
         Texts events;
         for (const VtaCore::Control::Event &event : VtaCore::Control::TakeEvents()) {
@@ -48,7 +49,7 @@ protected:
         }
         return events;
     }
-    /// What each call of the function was given, since the last time.
+    /// The arguments of each call of the function since the last time.
     Texts Arguments(const std::string &function) {
         Texts arguments;
         for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take()) {
@@ -64,7 +65,7 @@ protected:
             timeouts.push_back(arguments.substr(arguments.find(", ") + 2));
         return timeouts;
     }
-    /// Watches until the top step has overrun. @return how long that took, by the simulated clock.
+    /// Watches until the top step has overrun. @return how long that took by the simulated clock.
     std::uint64_t WatchMs(Probe &thread) {
         simulation().GetClock().Step(Simulator::Clock::AutoAdvance::SleepsAndWaits);
         const std::uint64_t begin = simulation().GetClock().TickMs();
@@ -79,7 +80,7 @@ protected:
 
 // ---- The object
 
-TEST_F(DriverThread, RunsInStepZeroFromItsMakingOn) {
+TEST_F(DriverThread, IsInStepZeroFromItsConstructionOn) {
     const Probe thread(dom);
     EXPECT_EQ(ThreadLog(), Texts{">ThreadRunning. 3600s max"});
     EXPECT_EQ(thread.failedStep, 0xFFFFFFFF);
@@ -98,7 +99,7 @@ TEST_F(DriverThread, LeavesItsEventOpen) {
     EXPECT_EQ(Arguments("CreateEventW"), Texts{"null, 0, 0, null"}) << "auto-reset, not signalled, without a name";
 }
 
-TEST(StepRecordOfADriverThread, IsThreeNumbersInThisOrder) {
+TEST(StepRecordOfADriverThread, ConsistsOfThreeNumbersInThisOrder) {
     EXPECT_EQ(sizeof(StepRecord), 12U);
     EXPECT_EQ(offsetof(StepRecord, limitSeconds), 0U);
     EXPECT_EQ(offsetof(StepRecord, step), 4U);
@@ -132,7 +133,7 @@ TEST(StepOfADriverThread, HasAName) {
         EXPECT_EQ(wxString(StepName(step)).utf8_string(), names[step]) << step;
 }
 
-TEST(StepOfADriverThread, HasTheNameUnknownWhenItIsNone) {
+TEST(StepOfADriverThread, IsCalledUnknownWithAnInvalidId) {
     for (const std::uint32_t step : {22U, 1000U, 0x7FFFFFFFU, 0xFFFFFFFFU})
         EXPECT_STREQ(StepName(step), L"<UnknownStep>") << step;
 }
@@ -151,7 +152,7 @@ TEST_F(DriverThread, LogsTheNestingOfItsSteps) {
                      "   3 of many", "  <FindingComponent", " <CleaningUpOrphans"}));
 }
 
-TEST_F(DriverThread, WarnsWhenAStepEndsThatIsNotOnTop) {
+TEST_F(DriverThread, WarnsWhenAStepThatIsNotOnTopEnds) {
     Probe thread(dom);
     thread.StartStep(6, 15);
     thread.EndStep(8);
@@ -159,7 +160,7 @@ TEST_F(DriverThread, WarnsWhenAStepEndsThatIsNotOnTop) {
                                           "was on top of the step stack."});
 }
 
-TEST_F(DriverThread, TakesTheTopStepAwayWhicheverEnds) {
+TEST_F(DriverThread, PopsTheTopStepWhicheverStepEnds) {
     Probe thread(dom);
     thread.StartStep(6, 15);
     thread.EndStep(8);
@@ -181,7 +182,7 @@ TEST_F(DriverThread, EndsAStepOnAnEmptyStackWithoutAWarning) {
     EXPECT_EQ(lines[2].level, wxLogLevel{wxLOG_Message});
 }
 
-TEST_F(DriverThread, IsSilentAboutFourSteps) {
+TEST_F(DriverThread, DoesNotLogFourSteps) {
     Probe thread(dom);
     (void)log.Take();
     for (const std::uint32_t step : {9U, 12U, 14U, 15U}) {
@@ -190,7 +191,7 @@ TEST_F(DriverThread, IsSilentAboutFourSteps) {
         EXPECT_EQ(thread.TopStep(), step);
         thread.EndStep(step);
         EXPECT_EQ(ThreadLog(), Texts{});
-        EXPECT_TRUE(thread.WaitForStepToFinish()) << "but tells the watcher";
+        EXPECT_TRUE(thread.WaitForStepToFinish()) << "but signals the watcher";
     }
 }
 
@@ -211,7 +212,7 @@ TEST_F(DriverThread, KeepsTheFirstStepThatFailed) {
     EXPECT_EQ(thread.failedStep, 17U);
 }
 
-TEST_F(DriverThread, NotesNoStepWhileNoneRuns) {
+TEST_F(DriverThread, RecordsNoFailedStepWhileNoneRuns) {
     Probe thread(dom);
     thread.EndStep(0);
     thread.NoteFailedStep();
@@ -232,9 +233,9 @@ protected:
     }
 };
 
-TEST_F(DriverThread, HandsItsWholeLogToASubclass) {
+TEST_F(DriverThread, PassesItsWholeLogToASubclass) {
     RedirectedThread thread(dom);
-    (void)log.Take();  // that of the constructor, when there was no subclass yet
+    (void)log.Take();  // that of the constructor, where the subclass did not exist yet
     thread.StartStep(3, 180);
     thread.StartStep(6, 15);
     thread.DbgPrint(L"%ls", L"a line");
@@ -245,16 +246,16 @@ TEST_F(DriverThread, HandsItsWholeLogToASubclass) {
     EXPECT_EQ(log.Take(), std::vector<LogLine>{});
 }
 
-// ---- The watch
+// ---- The supervision
 
-TEST_F(DriverThread, IsWaitedForAsLongAsTheTopStepMayStillTake) {
+TEST_F(DriverThread, IsWaitedForAsLongAsTheTopStepHasLeft) {
     Probe thread(dom);
     thread.StartStep(6, 15);
     AdvanceMs(1'500);
     EXPECT_EQ(WatchMs(thread), 13'500U);
 }
 
-TEST_F(DriverThread, IsPolledEachSecondInOneWait) {
+TEST_F(DriverThread, IsPolledEverySecondDuringOneWait) {
     Probe thread(dom);
     thread.StartStep(6, 15);
     AdvanceMs(11'900);
@@ -276,7 +277,7 @@ TEST_F(DriverThread, EndsAWaitWhenAPollFindsAnotherStepOnTop) {
     EXPECT_TRUE(watcher.Get());
 }
 
-TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBeneathRanOut) {
+TEST_F(DriverThread, GetsTheTimeOfAStepThatBeganWhileTheOneBelowRanOut) {
     Probe thread(dom);
     thread.StartStep(3, 180);
     AdvanceMs(179'500);
@@ -298,7 +299,7 @@ TEST_F(DriverThread, IsNotWaitedForWhenTheStepHasUsedUpItsLimit) {
     }
 }
 
-TEST_F(DriverThread, IsForgivenAnOverrunIfAStepHasEndedSince) {
+TEST_F(DriverThread, SurvivesAnOverrunIfAStepHasEndedSince) {
     Probe thread(dom);
     thread.StartStep(3, 180);
     thread.StartStep(6, 15);
@@ -308,7 +309,7 @@ TEST_F(DriverThread, IsForgivenAnOverrunIfAStepHasEndedSince) {
     EXPECT_EQ(Timeouts(), Texts{"0"});
 }
 
-TEST_F(DriverThread, MayMergeTheEndsOfTwoSteps) {
+TEST_F(DriverThread, MergesTheEndsOfTwoStepsIntoOneSignal) {
     Probe thread(dom);
     thread.StartStep(3, 180);
     thread.StartStep(6, 15);
@@ -319,7 +320,7 @@ TEST_F(DriverThread, MayMergeTheEndsOfTwoSteps) {
     EXPECT_FALSE(thread.WaitForStepToFinish());
 }
 
-TEST_F(DriverThread, IsWatchedForItsTopStepAlone) {
+TEST_F(DriverThread, IsWatchedOnlyForItsTopStep) {
     Probe thread(dom);
     thread.StartStep(3, 180);
     AdvanceMs(200'000);
@@ -332,7 +333,7 @@ TEST_F(DriverThread, IsWatchedForItsTopStepAlone) {
     EXPECT_EQ(Timeouts(), (Texts{"0", "0"}));
 }
 
-TEST_F(DriverThread, DoesNotMindThatTheTicksWrap) {
+TEST_F(DriverThread, IsWatchedAcrossAWrapOfTheTicks) {
     simulation().GetClock().SetTick(0x1'0000'0000 - 500);
     Probe thread(dom);
     thread.StartStep(6, 15);
@@ -340,7 +341,7 @@ TEST_F(DriverThread, DoesNotMindThatTheTicksWrap) {
     EXPECT_EQ(WatchMs(thread), 13'000U);
 }
 
-TEST_F(DriverThread, WithoutAStepIsLookedAtAgainAfter100Milliseconds) {
+TEST_F(DriverThread, IsPolledEvery100MillisecondsWithoutAStep) {
     Probe thread(dom);
     thread.EndStep(0);
     const std::uint64_t begin = simulation().GetClock().TickMs();
@@ -349,7 +350,7 @@ TEST_F(DriverThread, WithoutAStepIsLookedAtAgainAfter100Milliseconds) {
     EXPECT_EQ(Timeouts(), Texts{}) << "no wait, but a sleep";
 }
 
-TEST_F(DriverThread, WithoutAStepIsKeptFromStartingOneThatLong) {
+TEST_F(DriverThread, CannotStartAStepWhileItIsPolledWithoutOne) {
     Probe thread(dom);
     thread.EndStep(0);
     simulation().GetClock().Step();
@@ -400,7 +401,7 @@ TEST_F(DriverThread, IsNotKilledForAStepThatEndsWhileItsStackIsRead) {
     EXPECT_EQ(overrun.step, NoStep);
 }
 
-TEST_F(DriverThread, IsLeftAloneOutsideOfAllInnerSteps) {
+TEST_F(DriverThread, IsNotKilledOutsideOfAllInnerSteps) {
     Probe thread(dom);
     AdvanceMs(3'600'000);
     EXPECT_FALSE(thread.WaitForStepToFinish());
@@ -409,7 +410,7 @@ TEST_F(DriverThread, IsLeftAloneOutsideOfAllInnerSteps) {
 
 // ---- What it logs
 
-TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
+TEST(GrabbedLogOfADriverThread, CanBeReadWhileTheThreadKeepsLogging) {
     GrabbedLog grabbed;
     std::atomic<bool> enough{false};
     std::jthread worker([&] {
@@ -430,7 +431,7 @@ TEST(GrabbedLogOfADriverThread, IsReadWhileTheThreadGoesOnLogging) {
     EXPECT_GE(grabbed.WholeText().length(), longest);
 }
 
-TEST(GrabbedLogOfADriverThread, HasWhatItsGrabberHeldBackWhenThatHasEnded) {
+TEST(GrabbedLogOfADriverThread, ContainsWhatItsGrabberHeldBackOnceThatHasEnded) {
     GrabbedLog grabbed;
     const wxLogRecordInfo info(__FILE__, __LINE__, __func__, "wx");
     grabbed.Target()->LogRecord(wxLOG_Message, "first", info);
@@ -453,7 +454,7 @@ protected:
     HRESULT Acquire(bool writeLock) { return thread.AcquireINetCfg(writeLock, &netCfg); }
     HRESULT Release(bool writeLock) { return thread.ReleaseINetCfg(writeLock, netCfg); }
     bool IsLocked() { return simulation().GetNetwork().Read().lock.has_value(); }
-    /// What was made and not given back, memory apart.
+    /// What was created and not released, memory apart.
     Texts Left() {
         Texts left;
         for (const Simulator::BalanceItem &item : Simulator::Balance::Left(m_before, balance().Take())) {
@@ -470,7 +471,7 @@ private:
     Simulator::BalanceSnapshot m_before;
 };
 
-TEST_F(DriverThreadNetCfg, IsTakenWithTheLockAndGivenBack) {
+TEST_F(DriverThreadNetCfg, IsOpenedWithTheLockAndReleased) {
     EXPECT_EQ(Acquire(true), S_OK);
     ASSERT_NE(netCfg, nullptr);
     EXPECT_TRUE(IsLocked());
@@ -482,7 +483,7 @@ TEST_F(DriverThreadNetCfg, IsTakenWithTheLockAndGivenBack) {
     EXPECT_EQ(Events(), Texts{});
 }
 
-TEST_F(DriverThreadNetCfg, IsTakenWithoutTheLock) {
+TEST_F(DriverThreadNetCfg, IsOpenedWithoutTheLock) {
     simulation().GetNetwork().LockFromElsewhere(L"Somebody");
     EXPECT_EQ(Acquire(false), S_OK);
     EXPECT_EQ(Release(false), S_OK);
@@ -491,7 +492,7 @@ TEST_F(DriverThreadNetCfg, IsTakenWithoutTheLock) {
     EXPECT_EQ(VtaCore::Control::TakeNotifications().size(), 0U);
 }
 
-TEST_F(DriverThreadNetCfg, AsksForTheLockFor15SecondsByTheModulesName) {
+TEST_F(DriverThreadNetCfg, WaitsForTheLockFor15SecondsUnderTheModulesName) {
     EXPECT_EQ(Acquire(true), S_OK);
     const Texts calls = Arguments("INetCfgLock::AcquireWriteLock");
     ASSERT_EQ(calls.size(), 1U);
@@ -499,7 +500,7 @@ TEST_F(DriverThreadNetCfg, AsksForTheLockFor15SecondsByTheModulesName) {
     EXPECT_EQ(Release(true), S_OK);
 }
 
-TEST_F(DriverThreadNetCfg, CountsALockOfTheSameNameAsItsOwn) {
+TEST_F(DriverThreadNetCfg, TreatsALockOfTheSameNameAsItsOwn) {
     simulation().GetNetwork().LockFromElsewhere(L"Quillon Vantry Agent Installer");
     EXPECT_EQ(Acquire(true), S_OK);
     ASSERT_NE(netCfg, nullptr);
@@ -511,7 +512,7 @@ TEST_F(DriverThreadNetCfg, CountsALockOfTheSameNameAsItsOwn) {
     EXPECT_EQ(Left(), Texts{});
 }
 
-TEST_F(DriverThreadNetCfg, TellsTheUserWhoElseHasTheLock) {
+TEST_F(DriverThreadNetCfg, TellsTheUserWhoElseHoldsTheLock) {
     simulation().GetNetwork().LockFromElsewhere(L"Somebody");
     EXPECT_EQ(Acquire(true), NETCFG_E_NO_WRITE_LOCK);
     EXPECT_EQ(netCfg, nullptr);
@@ -529,7 +530,7 @@ TEST_F(DriverThreadNetCfg, TellsTheUserWhoElseHasTheLock) {
     EXPECT_EQ(Left(), Texts{});
 }
 
-TEST_F(DriverThreadNetCfg, MakesDoWithTheModelOfCOMThatTheThreadHas) {
+TEST_F(DriverThreadNetCfg, AcceptsTheComModelThatTheThreadAlreadyHas) {
     simulation().GetCom().threadsHaveApartments = true;
     EXPECT_EQ(Acquire(true), S_OK);
     EXPECT_EQ(Arguments("CoInitializeEx"), (Texts{"null, 4", "null, 6"}));
@@ -538,7 +539,7 @@ TEST_F(DriverThreadNetCfg, MakesDoWithTheModelOfCOMThatTheThreadHas) {
     EXPECT_EQ(Events(), Texts{});
 }
 
-TEST_F(DriverThreadNetCfg, AsksForNoOtherModelOfCOMAfterAnotherFailure) {
+TEST_F(DriverThreadNetCfg, TriesNoOtherComModelAfterAnotherFailure) {
     const auto plan = simulation().GetFaults().FailNth("CoInitializeEx", 1, static_cast<DWORD>(E_OUTOFMEMORY));
     EXPECT_EQ(Acquire(true), E_OUTOFMEMORY);
     EXPECT_EQ(Arguments("CoInitializeEx"), Texts{"null, 4"});
@@ -547,7 +548,7 @@ TEST_F(DriverThreadNetCfg, AsksForNoOtherModelOfCOMAfterAnotherFailure) {
     EXPECT_EQ(Events(), Texts{"3005 CoInitializeEx"});
 }
 
-TEST_F(DriverThreadNetCfg, FailsWhenCOMWantsNeitherModel) {
+TEST_F(DriverThreadNetCfg, FailsWhenComAcceptsNeitherModel) {
     const auto plan = simulation().GetFaults().FailEvery("CoInitializeEx", static_cast<DWORD>(RPC_E_CHANGED_MODE));
     EXPECT_EQ(Acquire(true), RPC_E_CHANGED_MODE);
     EXPECT_EQ(plan->Hits(), 2U);
@@ -555,7 +556,7 @@ TEST_F(DriverThreadNetCfg, FailsWhenCOMWantsNeitherModel) {
     EXPECT_EQ(Left(), Texts{});
 }
 
-TEST_F(DriverThreadNetCfg, FreesTheLockWhenItCannotBeInitialised) {
+TEST_F(DriverThreadNetCfg, ReleasesTheLockWhenItCannotBeInitialised) {
     simulation().GetNetwork().Use([](auto &state) { state.initializeResult = NETCFG_E_IN_USE; });
     EXPECT_EQ(Acquire(true), NETCFG_E_IN_USE);
     EXPECT_EQ(netCfg, nullptr);
@@ -565,7 +566,7 @@ TEST_F(DriverThreadNetCfg, FreesTheLockWhenItCannotBeInitialised) {
     EXPECT_EQ(Arguments("INetCfgLock::ReleaseWriteLock").size(), 1U);
 }
 
-TEST_F(DriverThreadNetCfg, LeavesNothingBehindWhereverTheWayToItFails) {
+TEST_F(DriverThreadNetCfg, LeaksNothingWhicheverCallOfItsOpeningFails) {
     const std::vector<std::pair<std::string, std::uint32_t>> calls{{"CoInitializeEx", NoStep},
                                                                    {"CoCreateInstance", 9},
                                                                    {"INetCfg::QueryInterface", 12},
@@ -586,7 +587,7 @@ TEST_F(DriverThreadNetCfg, LeavesNothingBehindWhereverTheWayToItFails) {
     }
 }
 
-TEST_F(DriverThreadNetCfg, IsGivenBackWhateverFailsOfIt) {
+TEST_F(DriverThreadNetCfg, IsReleasedWhicheverCallOfItsReleaseFails) {
     const std::vector<std::pair<std::string, std::uint32_t>> calls{
         {"INetCfg::Uninitialize", 14}, {"INetCfg::QueryInterface", 14}, {"INetCfgLock::ReleaseWriteLock", 15}};
     for (const auto &[function, step] : calls) {
@@ -612,7 +613,7 @@ protected:
     static constexpr WORD kEnglish = 1033;
     static constexpr WORD kJapanese = 1041;
 
-    /// @return empty with the last error.
+    /// @return empty on failure; GetLastError() says why.
     static std::wstring Text(DWORD id, WORD language) {
         DWORD_PTR insert = reinterpret_cast<DWORD_PTR>(L"Somebody");
         wchar_t text[2048] = L"";
@@ -623,12 +624,12 @@ protected:
     }
 };
 
-TEST_F(MessageTable, TellsInEnglishWhoHasTheLock) {
+TEST_F(MessageTable, SaysInEnglishWhoHoldsTheLock) {
     EXPECT_EQ(Text(kLocked, kEnglish),
               L"Unable to proceed - the network configuration is currently locked by Somebody.");
 }
 
-TEST_F(MessageTable, TellsTheSameInJapanese) {
+TEST_F(MessageTable, SaysTheSameInJapanese) {
     const std::wstring text = Text(kLocked, kJapanese);
     EXPECT_NE(text, Text(kLocked, kEnglish));
     EXPECT_NE(text.find(L"Somebody"), text.npos);

@@ -34,7 +34,7 @@ protected:
         Vti::Reset();
     }
 
-    /// Asks the driver; the components held something else before.
+    /// Queries the driver; the components held other values before.
     bool Ask() {
         version = {9, 9, 9, 9};
         return GetDriverVersion(m_dom, &version[0], &version[1], &version[2], &version[3]);
@@ -60,7 +60,7 @@ private:
     VtaCore::Control::Dom m_dom;
 };
 
-TEST_F(RunningDriverVersion, HasTheFourNumbersOfTheDriversText) {
+TEST_F(RunningDriverVersion, ConsistsOfTheFourNumbersInTheDriversText) {
     EXPECT_TRUE(Ask("1.20.300.4000"));
     EXPECT_EQ(version, (Components{1, 20, 300, 4000}));
     EXPECT_EQ(driver().calls, (Lines{"vti_open()", "vti_get_version()", "vti_close()"}));
@@ -68,7 +68,7 @@ TEST_F(RunningDriverVersion, HasTheFourNumbersOfTheDriversText) {
     EXPECT_TRUE(TakeTracedLines().empty());
 }
 
-TEST_F(RunningDriverVersion, FourNumbersFollowedByOtherCharactersParse) {
+TEST_F(RunningDriverVersion, IsParsedFromFourNumbersFollowedByOtherCharacters) {
     for (const char *text : {"1.2.3.4-beta", "1.2.3.4.5", "1.2.3.4 (release)", "1.2.3.4.", " 1. 2. 3. 4"}) {
         EXPECT_TRUE(Ask(text)) << text;
         EXPECT_EQ(version, (Components{1, 2, 3, 4})) << text;
@@ -76,12 +76,12 @@ TEST_F(RunningDriverVersion, FourNumbersFollowedByOtherCharactersParse) {
     EXPECT_TRUE(TakeTracedLines().empty());
 }
 
-TEST_F(RunningDriverVersion, AComponentIsCutTo16Bits) {
+TEST_F(RunningDriverVersion, HasComponentsTruncatedTo16Bits) {
     EXPECT_TRUE(Ask("70000.65535.65536.-1"));
     EXPECT_EQ(version, (Components{70000 - 65536, 65535, 0, 65535}));
 }
 
-TEST_F(RunningDriverVersion, ATextWithoutFourNumbersFailsWithAllZeroAndIsTraced) {
+TEST_F(RunningDriverVersion, IsAllZeroAndTracedWithoutFourNumbersInTheText) {
     for (const char *text : {"1.2.3", "1.2.3.", "", "v1.2.3.4", "1 .2.3.4", "1,2,3,4", "1.2.x.4", "%s%n.%d"}) {
         EXPECT_FALSE(Ask(text)) << text;
         EXPECT_EQ(version, kUnknown) << text;
@@ -94,25 +94,25 @@ TEST_F(RunningDriverVersion, ATextWithoutFourNumbersFailsWithAllZeroAndIsTraced)
     EXPECT_EQ(Events(), Lines{});
 }
 
-TEST_F(RunningDriverVersion, NoMoreThan64CharactersOfTheTextAreTraced) {
+TEST_F(RunningDriverVersion, IsTracedWithAtMost64CharactersOfTheText) {
     EXPECT_FALSE(Ask(std::string(67, 'a')));
     EXPECT_EQ(TakeTracedMessages("NDIS"), Lines{ParseMessage(std::string(64, 'a'))});
 }
 
-TEST_F(RunningDriverVersion, ATextThatFillsTheBufferIsReadWhole) {
+TEST_F(RunningDriverVersion, IsReadFromATextThatFillsTheBuffer) {
     std::string text(111, '0');
     text.replace(0, 6, "1.2.3.").back() = '5';
     EXPECT_TRUE(Ask(text));
     EXPECT_EQ(version, (Components{1, 2, 3, 5}));
 }
 
-TEST_F(RunningDriverVersion, NothingIsTracedWhileTheComponentIsDisabled) {
+TEST_F(RunningDriverVersion, IsNotTracedWhileTheComponentIsDisabled) {
     VtaCore::Control::EnableTrace("NDIS", false);
     EXPECT_FALSE(Ask("1.2.3"));
     EXPECT_TRUE(TakeTracedLines().empty());
 }
 
-TEST_F(RunningDriverVersion, ADriverThatCantBeOpenedMakesNoEventAndAllComponentsAreZero) {
+TEST_F(RunningDriverVersion, IsAllZeroWithoutAnEventWhenTheDriverCannotBeOpened) {
     driver().present = false;
     EXPECT_FALSE(Ask());
     EXPECT_EQ(version, kUnknown);
@@ -121,7 +121,7 @@ TEST_F(RunningDriverVersion, ADriverThatCantBeOpenedMakesNoEventAndAllComponents
     EXPECT_TRUE(TakeTracedLines().empty());
 }
 
-TEST_F(RunningDriverVersion, AFailedAnswerSendsAnEventWithItsStatusAndAllComponentsAreZero) {
+TEST_F(RunningDriverVersion, IsAllZeroWithAnEventWhenTheDriverFails) {
     driver().faults["vti_get_version"] = {-17, "100% broken"};
     EXPECT_FALSE(Ask("1.2.3.4"));
     EXPECT_EQ(version, kUnknown);
@@ -130,7 +130,7 @@ TEST_F(RunningDriverVersion, AFailedAnswerSendsAnEventWithItsStatusAndAllCompone
     EXPECT_EQ(TakeTracedMessages("NDIS"), Lines{});
 }
 
-TEST_F(RunningDriverVersion, APositiveStatusIsAFailureToo) {
+TEST_F(RunningDriverVersion, IsAllZeroForAPositiveStatusToo) {
     driver().faults["vti_get_version"] = {0x2A, ""};
     EXPECT_FALSE(Ask());
     EXPECT_EQ(version, kUnknown);

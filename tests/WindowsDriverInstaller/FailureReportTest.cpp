@@ -1,6 +1,6 @@
-// The reporter of failures of the system, and the removal of the health-check files.
+// The reporter of failed system calls, and the removal of the health-check files.
 #include "WindowsDriverInstaller/cleanup/HealthCheckFiles.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 #include <filesystem>
 #include <fstream>
@@ -15,7 +15,7 @@ namespace {
 
 namespace files = std::filesystem;
 
-/// What the system says of an error, as the reporter is to print it.
+/// The system's text for an error, as the reporter should print it.
 std::string Reason(DWORD error) {
     return wxString(wxSysErrorMsgStr(error)).utf8_string();
 }
@@ -58,24 +58,24 @@ TEST_F(FailureReport, GoesToTheLogAndToTheAgent) {
     ExpectReport("Unable to open qbimvta, try 3", ERROR_ACCESS_DENIED, "0x5");
 }
 
-TEST_F(FailureReport, TakesTheLastErrorForNone) {
+TEST_F(FailureReport, UsesTheLastErrorWithoutAnExplicitOne) {
     SetLastError(ERROR_FILE_NOT_FOUND);
     AgentEventLog_(dom, 0, kSystemFailureEvent, L"Copy");
     ExpectReport("Copy", ERROR_FILE_NOT_FOUND, "0x2");
 }
 
-TEST_F(FailureReport, AnErrorThatIsGivenStandsAboveTheLastError) {
+TEST_F(FailureReport, PrefersAnExplicitErrorToTheLastError) {
     SetLastError(ERROR_FILE_NOT_FOUND);
     AgentEventLog_(dom, 0x80070005, kSystemFailureEvent, L"Bind");
     ExpectReport("Bind", 0x80070005, "0x80070005");
 }
 
-TEST_F(FailureReport, PercentSignsInTheArgumentsStayAsTheyAre) {
+TEST_F(FailureReport, KeepsPercentSignsInTheArguments) {
     AgentEventLog_(dom, ERROR_ACCESS_DENIED, kSystemFailureEvent, L"%s", L"100%s%n");
     ExpectReport("100%s%n", ERROR_ACCESS_DENIED, "0x5");
 }
 
-TEST_F(FailureReport, HealthCheckFilesThatAreThereAreRemovedAndOthersStay) {
+TEST_F(FailureReport, HealthCheckFilesThatExistAreRemovedAndOthersKept) {
     const files::path other = Put(L"qbimvta.dat");
     RemoveHealthCheckFiles();
     const files::path ndis = Put(L"qbimvtaHC.dat");
@@ -93,7 +93,7 @@ TEST_F(FailureReport, HealthCheckFilesThatAreThereAreRemovedAndOthersStay) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(FailureReport, AHealthCheckFileThatCantBeRemovedIsALineInTheErrorLogAndCostsNoOther) {
+TEST_F(FailureReport, AHealthCheckFileThatCannotBeRemovedIsLoggedAsAnErrorAndTheOthersAreRemoved) {
     const files::path ndis = Put(L"qbimvtaHC.dat");
     const files::path callout = Put(L"qbimwfpHC.dat");
     const HANDLE inUse = CreateFileW(ndis.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -108,7 +108,7 @@ TEST_F(FailureReport, AHealthCheckFileThatCantBeRemovedIsALineInTheErrorLogAndCo
     EXPECT_FALSE(Exists(callout));
 }
 
-TEST_F(FailureReport, HealthCheckFilesStayWhereTheSystemFolderIsNotTold) {
+TEST_F(FailureReport, HealthCheckFilesAreKeptWhenTheSystemFolderIsUnknown) {
     const files::path ndis = Put(L"qbimvtaHC.dat");
     const auto plan = simulation().GetFaults().FailEvery("GetSystemDirectoryW", ERROR_ACCESS_DENIED);
     RemoveHealthCheckFiles();

@@ -1,4 +1,4 @@
-// What the functions of the platform are made to fail with.
+// The codes with which the functions of the platform are made to fail.
 #pragma once
 
 #include <string>
@@ -6,10 +6,10 @@
 
 #include <windows.h>
 
-/// Access denied as the function tells it, and then how it is the most likely to fail, or what else it may answer.
-/// @throws std::out_of_range  if nothing is known of the function.
+/// Access denied as the function reports it, then its most likely failure, or another answer that it may give.
+/// @throws std::out_of_range  if the function is not in the table.
 [[nodiscard]] std::vector<DWORD> FaultCodesOf(const std::string &function);
-/// Whether the function returns nothing that says of a failure.
+/// Whether the function has no result that reports a failure.
 [[nodiscard]] bool NeverFails(const std::string &function);
-/// The time and the waits are asked for at any time, and wxWidgets frees local memory for each text of the system's.
+/// The time is queried and waits happen all the time, and wxWidgets frees local memory for each of the system's texts.
 [[nodiscard]] bool HasNoOrder(const std::string &function);

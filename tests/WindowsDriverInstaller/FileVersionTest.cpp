@@ -1,9 +1,8 @@
-// The version of a file, through SLB.filter: on files that nobody here wrote, and on broken ones.
+// The version of a file, through SLB.filter: of files not written here, and of broken ones.
 
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "DriverFile.h"
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "WindowsDriverInstaller/drivers/DriverVersions.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-using Version = std::array<std::uint16_t, 4>;
+using Version = Simulator::FileVersion;
 namespace fs = std::filesystem;
 
 const fs::path kSystem = L"C:\\windows\\system32";
@@ -27,28 +27,6 @@ const fs::path kSystem = L"C:\\windows\\system32";
 std::string BytesOf(const fs::path &path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// Where the version's four words begin in a program file; npos if it has none.
-std::size_t FindVersion(const std::string &bytes) {
-    const std::u16string_view key = u"VS_VERSION_INFO";
-    std::string marker(reinterpret_cast<const char *>(key.data()), key.size() * sizeof(char16_t));
-    marker += std::string(4, '\0');                // its end, and the gap before the next multiple of four
-    marker += "\xBD\x04\xEF\xFE";                  // the signature
-    marker += std::string("\x00\x00\x01\x00", 4);  // the version of the record
-    const std::size_t found = bytes.find(marker);
-    return found == bytes.npos || found + marker.size() + sizeof(Version) > bytes.size() ? bytes.npos
-                                                                                         : found + marker.size();
-}
-
-/// An independent reading. The file has the lower word of each pair first.
-std::optional<Version> VersionInBytes(const std::string &bytes) {
-    const std::size_t at = FindVersion(bytes);
-    if (at == bytes.npos)
-        return std::nullopt;
-    Version stored;
-    std::memcpy(stored.data(), bytes.data() + at, sizeof stored);
-    return Version{stored[1], stored[0], stored[3], stored[2]};
 }
 
 /// As Lua sees it; "" for no result.
@@ -73,7 +51,7 @@ protected:
         VtaCore::Control::EnableTrace("*", false);
     }
 
-    /// What GetFileVersion makes of a path in UTF-8, separated by blanks; "" for no result.
+    /// What GetFileVersion returns for a path in UTF-8, separated by spaces; "" for no result.
     std::string Read(const std::string &path) {
         lua_pushlstring(lua, path.data(), path.size());
         lua_setglobal(lua, "path");
@@ -88,7 +66,7 @@ protected:
         const std::u8string text = path.u8string();
         return Read(std::string(text.begin(), text.end()));
     }
-    /// All of Lua's own memory is given back.
+    /// Lua's own memory is freed.
     void ReadInStateOfItsOwn(const fs::path &path) {
         LuaState own;
         Open(own);
@@ -106,11 +84,7 @@ protected:
     /// A library with this version in its resources.
     fs::path WriteLibrary(const std::wstring &name, const Version &version) {
         std::string bytes = m_sample;
-        const Version stored{version[1], version[0], version[3], version[2]};
-        const std::size_t at = FindVersion(bytes);
-        EXPECT_NE(at, bytes.npos);
-        if (at != bytes.npos)
-            std::memcpy(bytes.data() + at, stored.data(), sizeof stored);
+        Simulator::SetVersion(bytes, version);
         return Write(name, bytes);
     }
 
@@ -121,22 +95,22 @@ private:
     LogCollector m_log;
 };
 
-TEST_F(FileVersion, IsTheOneInTheBytesOfTheSystemsLibraries) {
+TEST_F(FileVersion, MatchesTheBytesOfTheSystemsLibraries) {
     int read = 0;
     for (const fs::directory_entry &entry : fs::directory_iterator(kSystem)) {
         if (entry.path().extension() != L".dll" || entry.file_size() > 300'000 || read == 150)
             continue;
-        const std::optional<Version> expected = VersionInBytes(BytesOf(entry.path()));
+        const std::optional<Version> expected = Simulator::VersionIn(BytesOf(entry.path()));
         EXPECT_EQ(Read(entry.path()), Text(expected)) << entry.path();
         read += expected.has_value() ? 1 : 0;
     }
     EXPECT_GT(read, 50) << "the system has too few libraries with a version";
 }
 
-TEST_F(FileVersion, OfTheModuleIsTheOneInItsBytes) {
+TEST_F(FileVersion, MatchesTheBytesOfTheModule) {
     wchar_t path[MAX_PATH];
     ASSERT_NE(GetModuleFileNameW(GetModuleHandleW(L"fc.dll"), path, MAX_PATH), 0U);
-    const std::optional<Version> expected = VersionInBytes(BytesOf(path));
+    const std::optional<Version> expected = Simulator::VersionIn(BytesOf(path));
     ASSERT_TRUE(expected);
     EXPECT_EQ(Read(fs::path(path)), Text(expected));
 }
@@ -145,25 +119,25 @@ TEST_F(FileVersion, HasTheHighWordFirst) {
     EXPECT_EQ(Read(WriteLibrary(L"a.dll", {1, 2, 3, 4})), "1 2 3 4");
 }
 
-TEST_F(FileVersion, ComponentsFrom32768OnComeOutNegative) {
+TEST_F(FileVersion, HasNegativeComponentsFrom32768On) {
     EXPECT_EQ(Read(WriteLibrary(L"a.dll", {65535, 0, 0, 0})), "-1 0 0 0");
     EXPECT_EQ(Read(WriteLibrary(L"b.dll", {32768, 32767, 0x8001, 65534})), "-32768 32767 -32767 -2");
 }
 
-TEST_F(FileVersion, NativeCallersGetTheComponentsUnsigned) {
+TEST_F(FileVersion, HasUnsignedComponentsForNativeCallers) {
     const fs::path path = WriteLibrary(L"a.dll", {65535, 32768, 1, 0});
     std::array<unsigned short, 4> version{9, 9, 9, 9};
     EXPECT_TRUE(GetFileVersion(path.wstring(), &version[0], &version[1], &version[2], &version[3]));
     EXPECT_EQ(version, (std::array<unsigned short, 4>{65535, 32768, 1, 0}));
 }
 
-TEST_F(FileVersion, ComponentsOfANativeCallerStayAsTheyWereWhenThereIsNone) {
+TEST_F(FileVersion, LeavesTheComponentsOfANativeCallerUnchangedWhenThereIsNone) {
     std::array<unsigned short, 4> version{9, 8, 7, 6};
     EXPECT_FALSE(GetFileVersion("C:\\missing.dll", &version[0], &version[1], &version[2], &version[3]));
     EXPECT_EQ(version, (std::array<unsigned short, 4>{9, 8, 7, 6}));
 }
 
-TEST_F(FileVersion, OfAFileWithoutOneIsNoResultAtAll) {
+TEST_F(FileVersion, HasNoResultForAFileWithoutOne) {
     lua_pushstring(lua, Write(L"text.txt", "no version\n").string().c_str());
     lua_setglobal(lua, "path");
     EXPECT_EQ(lua.Eval("select('#', f.GetFileVersion(path))"), "0");
@@ -171,7 +145,7 @@ TEST_F(FileVersion, OfAFileWithoutOneIsNoResultAtAll) {
     EXPECT_EQ(Read(Write(L"text.dll", std::string(5'000, 'M'))), "");
 }
 
-TEST_F(FileVersion, OfALibraryWithoutResourcesIsNoResult) {
+TEST_F(FileVersion, HasNoResultForALibraryWithoutResources) {
     std::string bytes = Sample();
     const std::size_t header = static_cast<unsigned char>(bytes[0x3C]) + 256U * static_cast<unsigned char>(bytes[0x3D]);
     constexpr std::size_t resources = 24 + 112 + 2 * 8;  // the third directory of a 64-bit program
@@ -180,8 +154,8 @@ TEST_F(FileVersion, OfALibraryWithoutResourcesIsNoResult) {
     EXPECT_EQ(Read(Write(L"bare.dll", bytes)), "");
 }
 
-TEST_F(FileVersion, OfATruncatedLibraryIsTheWholeOneOrNoResult) {
-    const std::string whole = Text(VersionInBytes(Sample()));
+TEST_F(FileVersion, IsCompleteOrHasNoResultForATruncatedLibrary) {
+    const std::string whole = Text(Simulator::VersionIn(Sample()));
     int none = 0;
     for (std::size_t size = 0; size < Sample().size(); size += Sample().size() / 60 + 1) {
         const std::string read = Read(Write(L"cut" + std::to_wstring(size) + L".dll", Sample().substr(0, size)));
@@ -191,7 +165,7 @@ TEST_F(FileVersion, OfATruncatedLibraryIsTheWholeOneOrNoResult) {
     EXPECT_GT(none, 10);
 }
 
-TEST_F(FileVersion, OfPathsThatLeadToNoFileIsNoResult) {
+TEST_F(FileVersion, HasNoResultForAPathThatIsNotAFile) {
     const fs::path temp = simulation().GetFolders().Temp();
     EXPECT_EQ(Read(temp), "") << "a folder";
     EXPECT_EQ(Read(temp / L"missing.dll"), "");
@@ -202,23 +176,23 @@ TEST_F(FileVersion, OfPathsThatLeadToNoFileIsNoResult) {
     EXPECT_EQ(Read("C:\\" + std::string(40'000, 'x')), "");
 }
 
-TEST_F(FileVersion, ThePathIsUtf8AlsoOutsideTheCodePage) {
+TEST_F(FileVersion, TakesAPathInUtf8EvenOutsideTheCodePage) {
     EXPECT_EQ(Read(WriteLibrary(L"\u7DB2\u0416\u00FC \xD83D\xDE00.dll", {1, 2, 3, 4})), "1 2 3 4");
 }
 
-TEST_F(FileVersion, OfAPathThatIsNotUtf8IsNoResult) {
+TEST_F(FileVersion, HasNoResultForAPathThatIsNotUtf8) {
     const std::string path = WriteLibrary(L"\u00FC.dll", {1, 2, 3, 4}).parent_path().string() + "\\";
     EXPECT_EQ(Read(path + "\xC3\xBC.dll"), "1 2 3 4");
     EXPECT_EQ(Read(path + "\xFC.dll"), "") << "the code page's character";
     EXPECT_EQ(Read(std::string("\xFF\xFE\xC3")), "");
 }
 
-TEST_F(FileVersion, ThePathEndsAtItsFirstZeroByte) {
+TEST_F(FileVersion, TakesThePathUpToItsFirstZeroByte) {
     const std::string path = WriteLibrary(L"a.dll", {1, 2, 3, 4}).string();
     EXPECT_EQ(Read(path + std::string("\0.txt", 5)), "1 2 3 4");
 }
 
-TEST_F(FileVersion, AnArgumentThatIsNoStringIsALuaError) {
+TEST_F(FileVersion, RaisesALuaErrorForAnArgumentThatIsNotAString) {
     for (const char *argument : {"", "nil", "{}", "true", "print"})
         EXPECT_NE(lua.ErrorOf(std::string("f.GetFileVersion(") + argument + ")")
                       .find("bad argument #1 to 'GetFileVersion' (string expected"),
@@ -227,13 +201,13 @@ TEST_F(FileVersion, AnArgumentThatIsNoStringIsALuaError) {
     EXPECT_EQ(lua.Eval("select('#', f.GetFileVersion(17))"), "0") << "a number is a path, too";
 }
 
-TEST_F(FileVersion, FurtherArgumentsAreIgnored) {
+TEST_F(FileVersion, IgnoresFurtherArguments) {
     lua_pushstring(lua, WriteLibrary(L"a.dll", {1, 2, 3, 4}).string().c_str());
     lua_setglobal(lua, "path");
     EXPECT_EQ(lua.Eval("select('#', f.GetFileVersion(path, nil, {}, 'x'))"), "4");
 }
 
-TEST_F(FileVersion, IsNoResultWhicheverCallOfTheSystemFails) {
+TEST_F(FileVersion, HasNoResultWhicheverSystemCallFails) {
     const fs::path path = WriteLibrary(L"a.dll", {1, 2, 3, 4});
     for (const char *function : {"GetFileVersionInfoSizeW", "GetFileVersionInfoW", "VerQueryValueW"}) {
         const auto plan = simulation().GetFaults().FailNth(function, 1, ERROR_RESOURCE_DATA_NOT_FOUND);
@@ -244,7 +218,7 @@ TEST_F(FileVersion, IsNoResultWhicheverCallOfTheSystemFails) {
     }
 }
 
-TEST_F(FileVersion, IsNoneWithoutMemoryForTheBlock) {
+TEST_F(FileVersion, HasNoResultWithoutMemoryForTheResource) {
     const wxString path = WriteLibrary(L"a.dll", {1, 2, 3, 4}).wstring();
     std::array<unsigned short, 4> version{9, 8, 7, 6};
     const auto fault = balance().FailAllocation(1, GetModuleHandleW(nullptr));
@@ -255,7 +229,7 @@ TEST_F(FileVersion, IsNoneWithoutMemoryForTheBlock) {
     EXPECT_EQ(version, (std::array<unsigned short, 4>{1, 2, 3, 4}));
 }
 
-TEST_F(FileVersion, KeepsNeitherMemoryNorHandles) {
+TEST_F(FileVersion, LeaksNeitherMemoryNorHandles) {
     const fs::path good = WriteLibrary(L"a.dll", {1, 2, 3, 4});
     const fs::path bad = Write(L"b.dll", "no library");
     const auto calls = [&] {

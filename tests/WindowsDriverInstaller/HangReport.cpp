@@ -28,7 +28,7 @@ std::string HangReport::HowToRepeat(std::size_t index) {
 
 void HangReport::Tell(std::size_t places, const std::string &what) {
     const std::size_t tried = m_returnedAfterMs.size() + m_withoutTime;
-    ASSERT_NE(tried, 0U) << "there is no place of that number";
+    ASSERT_NE(tried, 0U) << "there is no place with that number";
     std::cout << "[  HANGS   ] " << tried << " of " << places << " " << what;
     if (m_withoutTime != 0)
         std::cout << " (but for " << m_withoutTime << " that come after the answer)";

@@ -1,4 +1,4 @@
-// Whether an adapter got worse: the rules, one by one and in their order, and as an installation meets them.
+// Whether an adapter got worse: the rules one by one and in order, and as an installation applies them.
 #include <functional>
 #include <string>
 #include <vector>
@@ -18,7 +18,7 @@ const std::string kStatus = "Adapter 'One' had a status of 0 and now it's non-0;
 const std::string kNoAddressNow = "Adapter 'One' had an IP address and now it doesn't; assuming it's not healthy.";
 const std::string kNoGatewayNow = "Adapter 'One' had a default gateway and now it doesn't; assuming it's not healthy.";
 
-/// The rules, as what breaks each.
+/// The rules, each named after what breaks it.
 const std::vector<std::pair<Change, std::string>> kRules{
     {[](TcpAdapter &adapter) { adapter.mediaConnectStatus = 1; }, kDisconnected},
     {[](TcpAdapter &adapter) { adapter.deviceStatus = 22; }, kStatus},
@@ -34,7 +34,7 @@ protected:
     }
     ~HealthChecker() override { VtaCore::Control::EnableTrace("NDIS", false); }
 
-    /// A healthy adapter that is bound to the filter.
+    /// A healthy adapter bound to the filter.
     static TcpAdapter One() {
         TcpAdapter adapter;
         adapter.boundToIp = adapter.boundToFilter = true;
@@ -51,7 +51,7 @@ protected:
         change(adapter);
         return adapter;
     }
-    /// What the check says of the adapter now, against these earlier records; the message tells also the result.
+    /// The check's verdict on the adapter now, compared with these earlier records; the message includes the result.
     static std::string Judge(const TcpAdapterList &before, const TcpAdapter &now) {
         const bool healthy = AdaptorHealthChecker(before)(now);
         const std::vector<std::string> messages = TakeTracedMessages("NDIS");
@@ -62,11 +62,11 @@ protected:
     }
 };
 
-TEST_F(HealthChecker, TakesAnAdapterThatIsAsItWasForHealthy) {
+TEST_F(HealthChecker, AcceptsAnUnchangedAdapter) {
     EXPECT_EQ(Judge({One()}, One()), kHealthy);
 }
 
-TEST_F(HealthChecker, TakesAnAdapterThatIsNotBoundToTheFilterForHealthyWhateverItsState) {
+TEST_F(HealthChecker, AcceptsAnyStateOfAnAdapterThatIsNotBoundToTheFilter) {
     for (const auto &[breakIt, message] : kRules) {
         TcpAdapter now = Changed(breakIt);
         now.boundToFilter = false;
@@ -74,13 +74,13 @@ TEST_F(HealthChecker, TakesAnAdapterThatIsNotBoundToTheFilterForHealthyWhateverI
     }
 }
 
-TEST_F(HealthChecker, GoesByTheBindingOfNowAndNotByThatOfBefore) {
+TEST_F(HealthChecker, UsesTheCurrentBindingAndNotTheEarlierOne) {
     TcpAdapter before = One();
     before.boundToFilter = false;
     EXPECT_EQ(Judge({before}, Changed(kRules[0].first)), kDisconnected);
 }
 
-TEST_F(HealthChecker, TakesAnAdapterThatWasNotThereBeforeForHealthy) {
+TEST_F(HealthChecker, AcceptsANewAdapter) {
     TcpAdapter other = One();
     other.bindName = "{other}";
     for (const auto &[breakIt, message] : kRules) {
@@ -89,24 +89,24 @@ TEST_F(HealthChecker, TakesAnAdapterThatWasNotThereBeforeForHealthy) {
     }
 }
 
-TEST_F(HealthChecker, ComparesTheBindNameWithItsCase) {
+TEST_F(HealthChecker, ComparesTheBindNameCaseSensitively) {
     TcpAdapter before = One();
     before.bindName = "{ONE}";
     EXPECT_EQ(Judge({before}, Changed(kRules[0].first)), kHealthy);
 }
 
-TEST_F(HealthChecker, ComparesWithTheFirstRecordOfThatBindName) {
+TEST_F(HealthChecker, ComparesWithTheFirstRecordOfTheBindName) {
     const TcpAdapter down = Changed([](TcpAdapter &adapter) { adapter.mediaConnectStatus = 1; });
     EXPECT_EQ(Judge({down, One()}, down), kHealthy);
     EXPECT_EQ(Judge({One(), down}, down), kDisconnected);
 }
 
-TEST_F(HealthChecker, MissesWhatGotWorse) {
+TEST_F(HealthChecker, RejectsWhatGotWorse) {
     for (const auto &[breakIt, message] : kRules)
         EXPECT_EQ(Judge({One()}, Changed(breakIt)), message);
 }
 
-TEST_F(HealthChecker, DoesNotMissWhatWasDownBefore) {
+TEST_F(HealthChecker, AcceptsWhatWasDownBefore) {
     for (const auto &[breakIt, message] : kRules) {
         const TcpAdapter down = Changed(breakIt);
         EXPECT_EQ(Judge({down}, down), kHealthy) << message;
@@ -114,7 +114,7 @@ TEST_F(HealthChecker, DoesNotMissWhatWasDownBefore) {
     }
 }
 
-TEST_F(HealthChecker, TellsOfTheFirstRuleThatIsBrokenAlone) {
+TEST_F(HealthChecker, ReportsOnlyTheFirstBrokenRule) {
     for (std::size_t first = 0; first < kRules.size(); ++first) {
         TcpAdapter now = One();
         for (std::size_t rule = first; rule < kRules.size(); ++rule)
@@ -123,7 +123,7 @@ TEST_F(HealthChecker, TellsOfTheFirstRuleThatIsBrokenAlone) {
     }
 }
 
-TEST_F(HealthChecker, TakesAnAdapterThatCannotBeAskedForDisconnected) {
+TEST_F(HealthChecker, TreatsAnAdapterThatCannotBeQueriedAsDisconnected) {
     const TcpAdapter unknown = Changed([](TcpAdapter &adapter) { adapter.mediaConnectStatus = 0xFFFFFFFF; });
     EXPECT_EQ(Judge({One()}, unknown), kDisconnected);
     EXPECT_EQ(Judge({unknown}, unknown), kHealthy);
@@ -132,13 +132,13 @@ TEST_F(HealthChecker, TakesAnAdapterThatCannotBeAskedForDisconnected) {
     EXPECT_EQ(Judge({down}, unknown), kHealthy);
 }
 
-TEST_F(HealthChecker, MindsNoOtherStatusWhereThereWasOne) {
+TEST_F(HealthChecker, AcceptsAnotherNonzeroStatus) {
     const TcpAdapter before = Changed([](TcpAdapter &adapter) { adapter.deviceStatus = 10; });
     const TcpAdapter now = Changed([](TcpAdapter &adapter) { adapter.deviceStatus = 22; });
     EXPECT_EQ(Judge({before}, now), kHealthy);
 }
 
-TEST_F(HealthChecker, DoesNotMindOtherAddresses) {
+TEST_F(HealthChecker, AcceptsOtherAddresses) {
     const TcpAdapter now = Changed([](TcpAdapter &adapter) {
         adapter.ipAddress = 0x0B00000A;
         adapter.gatewayAddress = 0x0200000A;
@@ -146,13 +146,13 @@ TEST_F(HealthChecker, DoesNotMindOtherAddresses) {
     EXPECT_EQ(Judge({One()}, now), kHealthy);
 }
 
-TEST_F(HealthChecker, NamesTheAdapterAsItIsCalledNow) {
+TEST_F(HealthChecker, UsesTheAdaptersCurrentName) {
     TcpAdapter before = One();
     before.displayName = "Another name";
     EXPECT_EQ(Judge({before}, Changed(kRules[1].first)), kStatus);
 }
 
-TEST_F(HealthChecker, IsSilentWhileItsChannelIsOff) {
+TEST_F(HealthChecker, TracesNothingWhileItsChannelIsOff) {
     VtaCore::Control::EnableTrace("NDIS", false);
     const TcpAdapterList before{One()};
     EXPECT_TRUE(AdaptorHealthChecker(before)(One()));
@@ -164,8 +164,8 @@ TEST_F(HealthChecker, IsSilentWhileItsChannelIsOff) {
 
 class HealthAfterInstallation : public BindingsFixture {
 protected:
-    /// What the first look says of the first adapter, after it was changed by the installation.
-    std::string FirstLook(const std::function<void(Simulator::NetworkAdapter &)> &change) {
+    /// The first check's verdict on the first adapter, which the installation changed.
+    std::string FirstCheck(const std::function<void(Simulator::NetworkAdapter &)> &change) {
         onMoment = [this, change](const Simulator::NetworkMoment &moment) {
             if (moment.what == Simulator::NetworkMoment::What::Installed)
                 network().ChangeAdapter(kFirst, change);
@@ -175,42 +175,42 @@ protected:
     }
 };
 
-TEST_F(HealthAfterInstallation, MissesTheConnection) {
-    EXPECT_EQ(FirstLook([](auto &adapter) { adapter.mediaStatus = 1; }),
+TEST_F(HealthAfterInstallation, RejectsALostConnection) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) { adapter.mediaStatus = 1; }),
               "Adapter 'First adapter' reported that it was connected and now it isn't; assuming it's not healthy.");
 }
 
-TEST_F(HealthAfterInstallation, MissesTheConnectionOfAnAdapterThatCannotBeOpenedAnyMore) {
-    EXPECT_EQ(FirstLook([](auto &adapter) { adapter.openError = ERROR_ACCESS_DENIED; }),
+TEST_F(HealthAfterInstallation, RejectsAnAdapterThatCanNoLongerBeOpened) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) { adapter.openError = ERROR_ACCESS_DENIED; }),
               "Adapter 'First adapter' reported that it was connected and now it isn't; assuming it's not healthy.");
 }
 
-TEST_F(HealthAfterInstallation, MissesTheStatusZero) {
-    EXPECT_EQ(FirstLook([](auto &adapter) { adapter.deviceStatus = 31; }),
+TEST_F(HealthAfterInstallation, RejectsStatusZero) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) { adapter.deviceStatus = 31; }),
               "Adapter 'First adapter' had a status of 0 and now it's non-0; assuming it's not healthy.");
 }
 
-TEST_F(HealthAfterInstallation, MissesTheAddress) {
-    EXPECT_EQ(FirstLook([](auto &adapter) { adapter.ip = "0.0.0.0"; }),
+TEST_F(HealthAfterInstallation, RejectsALostAddress) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) { adapter.ip = "0.0.0.0"; }),
               "Adapter 'First adapter' had an IP address and now it doesn't; assuming it's not healthy.");
 }
 
-TEST_F(HealthAfterInstallation, MissesTheGateway) {
-    EXPECT_EQ(FirstLook([](auto &adapter) { adapter.gateway = "0.0.0.0"; }),
+TEST_F(HealthAfterInstallation, RejectsALostGateway) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) { adapter.gateway = "0.0.0.0"; }),
               "Adapter 'First adapter' had a default gateway and now it doesn't; assuming it's not healthy.");
 }
 
-TEST_F(HealthAfterInstallation, IsContentWithOtherAddresses) {
-    EXPECT_EQ(FirstLook([](auto &adapter) {
+TEST_F(HealthAfterInstallation, AcceptsOtherAddresses) {
+    EXPECT_EQ(FirstCheck([](auto &adapter) {
                   adapter.ip = "10.0.0.99";
                   adapter.gateway = "10.0.0.98";
               }),
               "Adapter 'First adapter' is healthy.");
 }
 
-TEST_F(HealthAfterInstallation, IsContentWithAnAdapterThatWasDownBefore) {
+TEST_F(HealthAfterInstallation, AcceptsAnAdapterThatWasDownBefore) {
     network().ChangeAdapter(kFirst, [](auto &adapter) { adapter.mediaStatus = 1; });
-    EXPECT_EQ(FirstLook([](auto &) {}), "Adapter 'First adapter' is healthy.");
+    EXPECT_EQ(FirstCheck([](auto &) {}), "Adapter 'First adapter' is healthy.");
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 #include "HungCall.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 #include <dbghelp.h>
 
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
@@ -14,15 +17,40 @@ namespace {
 
 namespace System {
 
-// They tell where a step ends, and that a file is removed by the C runtime.
+// They mark the end of a step, and the removal of a file by the C runtime.
 SIMULATOR_FUNCTION(SetEvent, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(_wremove, Simulator::kCRuntime, CannotFail);
 SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 }  // namespace System
 
-/// With this variable Wine's library for stacks leaves out the host's own libraries, too, of which it reads every byte.
+/// With this variable Wine's stack library also skips the host's own libraries, of which it reads every byte.
 constexpr wchar_t kNoSystemLibraries[] = L"DBGHELP_NOLIVE";
+
+bool IsReadable(const std::byte *begin, const std::byte *end) {
+    MEMORY_BASIC_INFORMATION info{};
+    while (begin < end) {
+        constexpr DWORD unreadable = PAGE_NOACCESS | PAGE_GUARD | PAGE_EXECUTE;
+        if (VirtualQuery(begin, &info, sizeof info) == 0 || info.State != MEM_COMMIT ||
+            (info.Protect & unreadable) != 0)
+            return false;
+        begin = static_cast<const std::byte *>(info.BaseAddress) + info.RegionSize;
+    }
+    return true;
+}
+
+/// Wine's function has its server stop the process and read, which a walk over a stack asks for some hundred times.
+BOOL WINAPI ReadMemory(HANDLE process, LPCVOID address, LPVOID buffer, SIZE_T size, SIZE_T *read) {
+    static const auto real = reinterpret_cast<decltype(&::ReadProcessMemory)>(
+        reinterpret_cast<void *>(Simulator::FindRealFunction("KERNEL32.dll", "ReadProcessMemory")));
+    const auto *const begin = static_cast<const std::byte *>(address);
+    if (process != GetCurrentProcess() || !IsReadable(begin, begin + size))
+        return real(process, address, buffer, size, read);
+    std::memcpy(buffer, address, size);
+    if (read != nullptr)
+        *read = size;
+    return TRUE;
+}
 
 }  // namespace
 
@@ -62,12 +90,14 @@ bool IsThread(const Simulator::BalanceItem &item) {
 }
 
 HungCall::HungCall(Simulator::Simulation &simulation, const std::atomic<bool> &returned)
-    : m_simulation(simulation), m_returned(returned), m_sight(simulation) {
+    : m_simulation(simulation), m_returned(returned), m_watcherClock(simulation) {
     wxLog::SetVerbose(true);
     Simulator::FunctionSet &functions = simulation.Functions();
     functions.PassThrough<System::SetEvent>();
     functions.PassThrough<System::_wremove>();
     functions.PassThrough<System::SymInitializeW>();
+    functions.Add({"KERNEL32.dll", "ReadProcessMemory", reinterpret_cast<void *>(&ReadMemory)});
+    (void)functions.Attach(GetModuleHandleW(L"dbghelp.dll"), {"ReadProcessMemory"});
     functions.Put<Simulator::System::Sleep>(
         [&faults = simulation.GetFaults()](const auto &next, DWORD ms) {
             for (const auto &hang : faults.Ask("Sleep(" + std::to_string(ms) + ")", false).hangs)
@@ -102,18 +132,11 @@ bool HungCall::AwaitObjects(int objects, const Simulator::BalanceSnapshot &befor
 void HungCall::ClearAway(const std::vector<Simulator::BalanceItem> &left) {
     const InsideSimulator inside;
     for (const Simulator::BalanceItem &item : left) {
-        void *const handle = reinterpret_cast<void *>(item.value);
         const std::string_view kind = item.kind;
-        if (kind == Kind::kView)
-            UnmapViewOfFile(handle);
-        else if (kind == Kind::kHandle)
-            CloseHandle(handle);
-        else if (kind == Kind::kFind)
-            FindClose(handle);
-        else if (kind == Kind::kKey)
-            RegCloseKey(static_cast<HKEY>(handle));
-        else if (kind == Kind::kService)
-            m_simulation.GetServices().Close(static_cast<SC_HANDLE>(handle));
+        if (kind == Kind::kService)
+            m_simulation.GetServices().Close(reinterpret_cast<SC_HANDLE>(item.value));
+        else if (kind == Kind::kView || kind == Kind::kHandle || kind == Kind::kFind || kind == Kind::kKey)
+            Release(item);
         m_simulation.GetBalance().Closed(item.kind, item.value);
     }
 }

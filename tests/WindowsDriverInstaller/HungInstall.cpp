@@ -14,9 +14,9 @@ using std::chrono::steady_clock;
 
 namespace {
 
-/// Real milliseconds in which a thread that is to live on would end if it were killed.
+/// Real milliseconds in which a thread that should survive would have ended if it had been killed.
 constexpr DWORD kLivesOnMs = 100;
-/// So that the watchdog polls before a minute without a heartbeat, which the caller warns of.
+/// So that the watchdog polls before the caller warns of a minute without a heartbeat.
 constexpr std::uint64_t kLeapMs = 50'000;
 constexpr std::uint64_t kCallersPatienceMs = 3'600'000;
 
@@ -29,7 +29,7 @@ SIMULATOR_FUNCTION(vti_get_version, "vti.dll", CannotFail);
 
 }  // namespace
 
-/// Notes when events are sent.
+/// Records when events are sent.
 class HungInstall::EventTimes : public VtaCore::Control::Observer {
 public:
     explicit EventTimes(const Simulator::Clock &clock) : m_clock(clock) { VtaCore::Control::SetObserver(this); }
@@ -67,8 +67,8 @@ HungInstall::HungInstall() : m_events(std::make_unique<EventTimes>(simulation().
 
 HungInstall::~HungInstall() = default;
 
-GoodInstall HungInstall::InstallOn(Road road) {
-    Take(road);
+GoodInstall HungInstall::InstallOn(Scenario scenario) {
+    Take(scenario);
     GoodInstall good{Install(), {}, {}};
     const std::vector<std::string> texts = good.installation.EventTexts(1007);
     if (texts.size() == 1) {
@@ -94,8 +94,8 @@ HungOutcome HungInstall::HangAt(const InstallPlace &place) {
     return outcome;
 }
 
-/// The watchdog's first sleep is held back until the worker hangs, so that its first look finds the step in which that
-/// happens, and the clock is moved by the worker's sleeps alone up to there.
+/// Holds the watchdog in its first sleep until the worker hangs, so that its first poll finds the step in which that
+/// happens, and only the worker's sleeps move the clock up to there.
 void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
     const FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep(100)", 1, kWatchdogThread);
     const FaultPlanHandle call = simulation().GetFaults().HangNth(place.function, place.nth, kWorkerThread);
@@ -107,7 +107,7 @@ void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
         worker = SeenThread(ThreadsOf(simulation().GetJournal().Entries(), m_caller).worker);
         sleep->Release();
         const bool waited =
-            outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs) && AwaitLooksOfCaller() && hung.AwaitWait();
+            outcome.met && hung.AdvanceTo(deadline - 1, kLeapMs) && AwaitPollsOfCaller() && hung.AwaitWait();
         outcome.inFlight = NewThings(m_before);
         std::erase_if(outcome.inFlight, IsThread);
         outcome.waitedToTheEnd = waited && hung.AdvanceTo(deadline);
@@ -118,8 +118,8 @@ void HungInstall::HangWorker(const InstallPlace &place, HungOutcome &outcome) {
     outcome.ended = worker.AwaitEnd(kPatienceMs);
 }
 
-/// A work that begins after the hour has used up its own time. So the watchdog is held back until it is done, lest it
-/// give it up.
+/// Work that begins after the hour has used up its own limit. So the watchdog is held back until it is done; else it
+/// would give it up.
 void HungInstall::HangWatchdog(const InstallPlace &place, HungOutcome &outcome) {
     const FaultPlanHandle sleep =
         simulation().GetFaults().HangNth("Sleep(100)", place.beforeWork ? 1 : UINT_MAX, kWatchdogThread);
@@ -132,7 +132,7 @@ void HungInstall::HangWatchdog(const InstallPlace &place, HungOutcome &outcome) 
         watchdog = SeenThread(ThreadsOf(simulation().GetJournal().Entries(), m_caller).watchdog);
         if (outcome.met && place.thread == InstallPlace::Thread::Watchdog) {
             outcome.waitedToTheEnd =
-                AdvanceBetweenLooks(kCallersPatienceMs - place.sinceHeartbeatMs) && AwaitLooksOfCaller();
+                AdvanceBetweenPolls(kCallersPatienceMs - place.sinceHeartbeatMs) && AwaitPollsOfCaller();
             clock.Advance(milliseconds(1));
             outcome.watchdogsDeadlineMs = clock.TickMs() - m_begin;
         }
@@ -164,7 +164,7 @@ bool HungInstall::AwaitEndOfWorker() {
     });
 }
 
-bool HungInstall::AdvanceBetweenLooks(std::uint64_t ms) {
+bool HungInstall::AdvanceBetweenPolls(std::uint64_t ms) {
     bool advanced = false;
     (void)Await(kPatienceMs, [&] {
         return returned || (advanced = simulation().GetClock().AdvanceIfFollowerSleeps(milliseconds(ms)));
@@ -172,7 +172,7 @@ bool HungInstall::AdvanceBetweenLooks(std::uint64_t ms) {
     return advanced;
 }
 
-bool HungInstall::AwaitLooksOfCaller() {
+bool HungInstall::AwaitPollsOfCaller() {
     const unsigned before = simulation().GetFaults().Calls("Sleep(250)");
     return Await(kPatienceMs, [&] { return returned || simulation().GetFaults().Calls("Sleep(250)") >= before + 2; }) &&
            !returned;

@@ -7,7 +7,7 @@ using std::chrono::steady_clock;
 
 namespace {
 
-/// Real milliseconds in which a worker that is to live on would end if it were killed.
+/// Real milliseconds in which a worker that should survive would have ended if it had been killed.
 constexpr DWORD kWorkerLivesOnMs = 100;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A removal that hangs in one call, and what becomes of it when the time of the step that is on top has passed.
+// A removal that hangs in one call, and the outcome when the limit of the top step has passed.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,11 @@
 #include "HungCall.h"
 #include "RemovalFixture.h"
 
-/// The threads of a removal as fault plans number them, which are made on the caller's thread.
+/// The threads of a removal as fault plans number them, created on the caller's thread.
 inline constexpr unsigned kCallerThread = 0;
 inline constexpr unsigned kRemovingThread = 1;
 
-/// What became of it; the thread is the worker.
+/// The outcome; the thread is the worker.
 struct Hang : HangResult {
     Removal removal;
 
@@ -21,23 +21,23 @@ struct Hang : HangResult {
     [[nodiscard]] std::vector<std::string> Stacks() const { return StacksIn(removal.log); }
 };
 
-/// The caller's sleep at the beginning is held back until the worker hangs, so that the watcher's first look finds the
-/// step in which that happens, and the clock stands still up to there.
+/// Holds the caller in its first sleep until the worker hangs, so that the watcher's first poll finds the step in which
+/// that happens, and the clock stands still up to there.
 class HungRemoval : public RemovalFixture {
 protected:
-    /// What is to become of the worker and its object, which tells how long to wait for their end.
+    /// What should become of the worker and its object, which decides how long to wait for their end.
     enum class Fate { Killed, KilledButKept, LivesOn };
 
     /// Hangs the call, moves the clock to the last millisecond before the deadline and then to it. A call whose thread
-    /// lives on is let go in the end. No fault is left.
+    /// survives is released in the end. No fault is left.
     /// @param nth         among the worker's calls.
     /// @param deadlineMs  simulated milliseconds from the beginning of the removal.
     Hang HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate = Fate::Killed);
 
-    /// For `meanwhile`: until the worker of the removal under way has ended, for some real seconds at the most.
+    /// For `meanwhile`: waits until the worker of the current removal has ended, for some real seconds at most.
     [[nodiscard]] bool AwaitEndOfWorker();
 
-    /// Both drivers as they were, without orphans.
+    /// Restores both drivers, without orphans.
     void PutRight();
 
     /// The calls of the worker of the last removal; none if there was no worker.
@@ -48,7 +48,7 @@ protected:
     static constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
 
 private:
-    /// The thread of the removal under way; 0 before its first call.
+    /// The thread of the current removal; 0 before its first call.
     DWORD Worker();
     void PassTheTime(Hang &hang, const Simulator::BalanceSnapshot &before, std::uint64_t deadline);
     /// What was logged and reported after the return.

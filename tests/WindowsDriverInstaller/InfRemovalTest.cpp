@@ -1,4 +1,4 @@
-// The INF files that the system copied: which are found, how they go, and what becomes of those that can't.
+// The INF files that the system copied: which are found, how they are removed, and what happens to those that can't be.
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -12,7 +12,7 @@
 #include <winioctl.h>
 
 #include "RemovalFixture.h"
-#include "WindowsDriverInstaller/cleanup/ViewReading.h"
+#include "WindowsDriverInstaller/cleanup/ReadView.h"
 #include "WindowsFunctions.h"
 
 namespace {
@@ -26,7 +26,7 @@ std::string Repeat(const std::string &text, int times) {
     return repeated;
 }
 
-/// The component stays, so that what became of the files decides on the result.
+/// The component stays, so that the files decide the result.
 class InfRemoval : public RemovalFixture {
 protected:
     InfRemoval() { KeepFilterComponent(); }
@@ -52,7 +52,7 @@ protected:
     std::string Match(const std::string &driver, const std::wstring &name) {
         return "  Matched '" + driver + "' in file '" + Inf(name).string() + "'. Deleting this inf+pnf+cat.";
     }
-    /// Whether a file of that content goes, with nothing of the drivers beside it.
+    /// Whether a file of that content is removed, with nothing else of the drivers present.
     bool Goes(const std::string &content) {
         std::filesystem::remove(Inf(L"oem1.inf"));
         std::filesystem::remove(Inf(L"oem2.inf"));
@@ -73,14 +73,14 @@ TEST_F(InfRemoval, LeavesTheFilesToTheSetupLibrary) {
     EXPECT_EQ(Calls({"DeleteFileW", "MoveFileExW"}), Lines{});
 }
 
-TEST_F(InfRemoval, TellsWhyTheSetupLibraryKeepsAFileAndGoesOn) {
+TEST_F(InfRemoval, LogsWhyTheSetupLibraryKeepsAFileAndContinues) {
     simulation().GetSetup().uninstallError = ERROR_ACCESS_DENIED;
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result) << "a file that stays is no failure";
     EXPECT_EQ(LinesOfFiles(removal), (Lines{"  SetupUninstallOEMInf('oem1.inf') returned 0x5",
                                             "  SetupUninstallOEMInf('oem2.inf') returned 0x5"}));
     EXPECT_TRUE(HasInf(L"oem1.inf"));
-    EXPECT_EQ(Calls({"DeleteFileW", "MoveFileExW"}), Lines{}) << "it isn't tried by hand";
+    EXPECT_EQ(Calls({"DeleteFileW", "MoveFileExW"}), Lines{}) << "it is not removed by hand";
 }
 
 TEST_F(InfRemoval, MakesAFileWritableBeforeItIsUninstalled) {
@@ -89,7 +89,8 @@ TEST_F(InfRemoval, MakesAFileWritableBeforeItIsUninstalled) {
     ASSERT_TRUE(SetFileAttributesW(Inf(L"oem3.inf").c_str(), FILE_ATTRIBUTE_READONLY));
     (void)Uninstall();
     EXPECT_EQ(GetFileAttributesW(Inf(L"oem1.inf").c_str()) & FILE_ATTRIBUTE_READONLY, 0U);
-    EXPECT_NE(GetFileAttributesW(Inf(L"oem3.inf").c_str()) & FILE_ATTRIBUTE_READONLY, 0U) << "another's";
+    EXPECT_NE(GetFileAttributesW(Inf(L"oem3.inf").c_str()) & FILE_ATTRIBUTE_READONLY, 0U)
+        << "it belongs to another driver";
     SetFileAttributesW(Inf(L"oem3.inf").c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
@@ -127,7 +128,7 @@ TEST_F(InfRemoval, DeletesReadOnlyFilesByHand) {
     EXPECT_TRUE(simulation().GetFilesInUse().LeftToBoot().empty());
 }
 
-TEST_F(InfRemoval, LeavesEachFileInUseToTheNextBootAndDeletesTheOthers) {
+TEST_F(InfRemoval, PostponesFilesInUseToTheNextBootAndDeletesTheOthers) {
     for (const char *extension : {".pnf", ".inf", ".cat"}) {
         SCOPED_TRACE(extension);
         InstallDrivers();
@@ -153,7 +154,7 @@ TEST_F(InfRemoval, AsksTheSystemToDeleteAFileAtTheNextBoot) {
     EXPECT_EQ(Calls({"MoveFileExW"}), Lines{"MoveFileExW(\"" + Inf(L"oem1.inf").string() + "\", null, 4)"});
 }
 
-TEST_F(InfRemoval, LeavesAMissingCatalogueToTheNextBoot) {
+TEST_F(InfRemoval, PostponesAMissingCatalogueToTheNextBoot) {
     LackTheSetupFunction();
     std::filesystem::remove(Catalog(L"oem1.cat"));
     EXPECT_TRUE(Uninstall().result);
@@ -161,7 +162,7 @@ TEST_F(InfRemoval, LeavesAMissingCatalogueToTheNextBoot) {
               (std::vector<Simulator::MoveAtBoot>{{Catalog(L"oem1.cat").wstring(), L""}}));
 }
 
-TEST_F(InfRemoval, TellsOfAFileThatCannotEvenBeLeftToTheNextBootAndGoesOn) {
+TEST_F(InfRemoval, LogsAFileThatCannotEvenBePostponedAndContinues) {
     LackTheSetupFunction();
     simulation().GetFilesInUse().Hold(Inf(L"oem1.pnf"));
     const auto plan = simulation().GetFaults().FailEvery("MoveFileExW", ERROR_ACCESS_DENIED);
@@ -184,7 +185,7 @@ protected:
                                           simulation().GetFolders().Catalogs());
         std::filesystem::remove(Inf(L"oem2.inf"));
     }
-    /// @param lookup  1 for the Windows folder, 2 for the system's, 0 for both.
+    /// @param lookup  1 for the Windows folder, 2 for the system folder, 0 for both.
     void FailLookup(unsigned lookup) {
         if (lookup == 0)
             (void)simulation().GetFaults().FailEvery("SHGetFolderPathW", static_cast<DWORD>(E_FAIL));
@@ -194,12 +195,12 @@ protected:
     const std::string lookups[2] = {"SHGetFolderPathW(null, 36, null, 0, *)", "SHGetFolderPathW(null, 37, null, 0, *)"};
 };
 
-TEST_F(InfFolderLookup, AsksForTheWindowsFolderAndThenForTheSystems) {
+TEST_F(InfFolderLookup, AsksForTheWindowsFolderAndThenForTheSystemFolder) {
     (void)Uninstall();
     EXPECT_EQ(Calls({"SHGetFolderPathW"}), (Lines{lookups[0], lookups[1]}));
 }
 
-TEST_F(InfFolderLookup, TakesTheOldFolderOfInfFilesWhereTheWindowsFolderIsNotTold) {
+TEST_F(InfFolderLookup, UsesTheOldFolderOfInfFilesWhenTheWindowsFolderIsUnknown) {
     LackTheSetupFunction();
     FailLookup(1);
     const Removal removal = Uninstall();
@@ -213,7 +214,7 @@ TEST_F(InfFolderLookup, TakesTheOldFolderOfInfFilesWhereTheWindowsFolderIsNotTol
     EXPECT_EQ(Calls({"FindFirstFileW"}), Lines{R"(FindFirstFileW("c:\winnt\inf\oem*.inf", *))"});
 }
 
-TEST_F(InfFolderLookup, TakesTheOldFolderOfCataloguesAndFailsWhereTheSystemFolderIsNotTold) {
+TEST_F(InfFolderLookup, UsesTheOldFolderOfCataloguesAndFailsWhenTheSystemFolderIsUnknown) {
     LackTheSetupFunction();
     FailLookup(2);
     const Removal removal = Uninstall();
@@ -221,32 +222,32 @@ TEST_F(InfFolderLookup, TakesTheOldFolderOfCataloguesAndFailsWhereTheSystemFolde
     EXPECT_EQ(removal.events, Lines{});
     EXPECT_EQ(Calls({"DeleteFileW"}).back(),
               R"(DeleteFileW("c:\winnt\system32\CatRoot\{F750E6C3-38EE-11D1-85E5-00C04FC295EE}\oem1.cat"))");
-    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the work is done all the same";
+    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the files are removed anyway";
     EXPECT_FALSE(exists(Catalog(L"oem1.cat")));
 }
 
-TEST_F(InfFolderLookup, FailsAlsoWhereTheSetupLibraryTookTheFiles) {
+TEST_F(InfFolderLookup, FailsEvenIfTheSetupLibraryRemovedTheFiles) {
     FailLookup(0);
     EXPECT_FALSE(Uninstall().result);
     EXPECT_FALSE(HasInf(L"oem1.inf"));
 }
 
-TEST_F(InfFolderLookup, ForgetsItsFailureWhereADeletionIsLeftToTheNextBoot) {
+TEST_F(InfFolderLookup, ForgetsItsFailureWhenADeletionIsPostponedToTheNextBoot) {
     LackTheSetupFunction();
     simulation().GetFilesInUse().Hold(Inf(L"oem1.inf"));
     FailLookup(2);
     EXPECT_TRUE(Uninstall().result);
 }
 
-TEST_F(InfFolderLookup, DoesNotDecideWhereTheComponentIsGone) {
+TEST_F(InfFolderLookup, DoesNotAffectTheResultWhenTheComponentIsGone) {
     InstallDrivers();
     FailLookup(2);
     EXPECT_TRUE(Uninstall().result) << "the orphans do";
 }
 
-// --- which files are looked into ---
+// --- which files are scanned ---
 
-TEST_F(InfRemoval, SucceedsWhereThereAreNoCopiedFiles) {
+TEST_F(InfRemoval, SucceedsWithoutCopiedFiles) {
     for (const wchar_t *name : {L"oem1.inf", L"oem2.inf", L"oem3.inf"})
         std::filesystem::remove(Inf(name));
     const Removal removal = Uninstall();
@@ -264,7 +265,7 @@ TEST_F(InfRemoval, EndsItsSearchWithinTheStep) {
     EXPECT_TRUE(closed[-1].starts_with("FindNextFileW")) << "the step ended first: " << closed[-1];
 }
 
-TEST_F(InfRemoval, LooksIntoCopiedFilesAlone) {
+TEST_F(InfRemoval, ScansOnlyCopiedFiles) {
     PutInf(L"netqbimvta.inf", InfNaming("qbimvta", 10));
     PutInf(L"oem4.txt", InfNaming("qbimvta", 10));
     (void)Uninstall();
@@ -274,7 +275,7 @@ TEST_F(InfRemoval, LooksIntoCopiedFilesAlone) {
     EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFind), 0U);
 }
 
-TEST_F(InfRemoval, OpensAFileForReadingFromBeginningToEnd) {
+TEST_F(InfRemoval, OpensAFileForSequentialReading) {
     for (const wchar_t *name : {L"oem1.inf", L"oem2.inf"})
         std::filesystem::remove(Inf(name));
     (void)Uninstall();
@@ -283,17 +284,17 @@ TEST_F(InfRemoval, OpensAFileForReadingFromBeginningToEnd) {
                      "CreateFileMappingW(*, null, 2, 0, 0, null)", "MapViewOfFile(*, 4, 0, 0, 0)"}));
 }
 
-TEST_F(InfRemoval, OpensNoEmptyFileAndNoFolder) {
+TEST_F(InfRemoval, SkipsEmptyFilesAndFolders) {
     PutInf(L"oem4.inf", "");
     std::filesystem::create_directory(Inf(L"oem5.inf"));
     EXPECT_TRUE(Uninstall().result);
     const Lines opened = Calls({"CreateFileW"});
-    EXPECT_EQ(opened.size(), 3U) << "those of the fixture";
+    EXPECT_EQ(opened.size(), 3U) << "the fixture's";
     for (const std::string &call : opened)
         EXPECT_TRUE(call.find("oem4") == call.npos && call.find("oem5") == call.npos) << call;
 }
 
-TEST_F(InfRemoval, OpensNoFileOfFourGibibytes) {
+TEST_F(InfRemoval, SkipsAFileOfFourGibibytes) {
     PutInf(L"oem4.inf", InfNaming("qbimvta", 10));
     {
         const HANDLE file = CreateFileW(Inf(L"oem4.inf").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -315,7 +316,7 @@ TEST_F(InfRemoval, OpensNoFileOfFourGibibytes) {
 
 class InfThatCannotBeRead : public RemovalFixture, public testing::WithParamInterface<const char *> {};
 
-TEST_P(InfThatCannotBeRead, BelongsToNobodyAndLeavesNothingOpen) {
+TEST_P(InfThatCannotBeRead, MatchesNoDriverAndLeavesNothingOpen) {
     const auto plan = simulation().GetFaults().FailNth(GetParam(), 1, ERROR_NOT_ENOUGH_MEMORY);
     const Removal removal = Uninstall();
     EXPECT_TRUE(plan->Hit());
@@ -333,7 +334,7 @@ INSTANTIATE_TEST_SUITE_P(Removal, InfThatCannotBeRead,
                          testing::Values("CreateFileW", "GetFileSizeEx", "CreateFileMappingW", "MapViewOfFile"),
                          [](const auto &tested) { return std::string(tested.param); });
 
-/// The code of exceptions that come from a page that can't be accessed, as long as it lives.
+/// While it exists, pages that can't be accessed raise exceptions with this code.
 DWORD raisedCode = EXCEPTION_ACCESS_VIOLATION;
 std::atomic<int> raised{0};
 
@@ -365,7 +366,7 @@ protected:
         (void)RemoveVectoredExceptionHandler(m_handler);
         (void)VirtualFree(m_view, 0, MEM_RELEASE);
     }
-    /// Whether an INF file of two pages goes that names the driver so often on the first page.
+    /// Whether an INF file of two pages is removed that names the driver so often on the first page.
     bool Goes(int names) {
         for (const wchar_t *name : {L"oem1.inf", L"oem2.inf", L"oem3.inf"})
             std::filesystem::remove(simulation().GetFolders().Inf() / name);
@@ -393,7 +394,7 @@ private:
     bool m_unmapped = false;
 };
 
-TEST_P(InfOnABadSector, BelongsToNobody) {
+TEST_P(InfOnABadSector, MatchesNoDriver) {
     raised = 0;
     EXPECT_FALSE(Goes(9));
     EXPECT_EQ(raised, 1);
@@ -404,7 +405,7 @@ INSTANTIATE_TEST_SUITE_P(Removal, InfOnABadSector, testing::Values(EXCEPTION_IN_
                              return tested.param == EXCEPTION_IN_PAGE_ERROR ? "InPageError" : "AccessViolation";
                          });
 
-TEST(ViewReading, LetsExceptionsOfOtherPlacesPass) {
+TEST(ViewReading, PassesOnExceptionsFromOtherAddresses) {
     constexpr std::size_t page = 4096;
     auto *const bad =
         static_cast<std::byte *>(VirtualAlloc(nullptr, 2 * page, MEM_RESERVE | MEM_COMMIT, PAGE_NOACCESS));
@@ -412,7 +413,7 @@ TEST(ViewReading, LetsExceptionsOfOtherPlacesPass) {
         std::byte *bad;
         bool innerCame = false;
     } nested{bad};
-    // The inner reading has another view; only the outer one may end by the exception.
+    // The inner reading has another view; the exception must end only the outer one.
     const auto inner = [](void *context) {
         (void)*static_cast<const volatile std::byte *>(static_cast<Nested *>(context)->bad);
     };
@@ -427,7 +428,7 @@ TEST(ViewReading, LetsExceptionsOfOtherPlacesPass) {
     (void)VirtualFree(bad, 0, MEM_RELEASE);
 }
 
-TEST_F(InfRemoval, SkipsAFileThatSomebodyWrites) {
+TEST_F(InfRemoval, SkipsAFileThatIsOpenForWriting) {
     const HANDLE writer = CreateFileW(Inf(L"oem1.inf").c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                       nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(writer, INVALID_HANDLE_VALUE);
@@ -437,16 +438,16 @@ TEST_F(InfRemoval, SkipsAFileThatSomebodyWrites) {
     CloseHandle(writer);
 }
 
-// --- what they must hold ---
+// --- what they must contain ---
 
-TEST_F(InfRemoval, TakesAFileThatNamesADriverTenTimes) {
+TEST_F(InfRemoval, RemovesAFileThatNamesADriverTenTimes) {
     EXPECT_TRUE(Goes(InfNaming("qbimvta", 10)));
     EXPECT_TRUE(Goes(InfNaming("qbimwfp", 10)));
     EXPECT_FALSE(Goes(InfNaming("qbimvta", 9)));
     EXPECT_FALSE(Goes(InfNaming("qbimwfp", 9)));
 }
 
-TEST_F(InfRemoval, CountsForEachFileAnew) {
+TEST_F(InfRemoval, CountsEachFileSeparately) {
     PutInf(L"oem1.inf", InfNaming("qbimvta", 9));
     PutInf(L"oem2.inf", InfNaming("qbimvta", 9));
     EXPECT_TRUE(Uninstall().result);
@@ -454,31 +455,31 @@ TEST_F(InfRemoval, CountsForEachFileAnew) {
     EXPECT_TRUE(HasInf(L"oem2.inf"));
 }
 
-TEST_F(InfRemoval, CountsForEachNameAlone) {
+TEST_F(InfRemoval, CountsEachNameSeparately) {
     EXPECT_FALSE(Goes(InfNaming("qbimvta", 5) + InfNaming("qbimwfp", 5)));
     EXPECT_FALSE(Goes(InfNaming("qbimvta", 9) + InfNaming("qbimwfp", 9)));
 }
 
-TEST_F(InfRemoval, TellsTheNameThatHasItsTenFirst) {
+TEST_F(InfRemoval, LogsTheNameThatReachesTenFirst) {
     PutInf(L"oem1.inf", InfNaming("qbimvta", 9) + InfNaming("qbimwfp", 10) + InfNaming("qbimvta", 1));
     EXPECT_EQ(Matches(Uninstall()).front(), Match("qbimwfp", L"oem1.inf"));
 }
 
-TEST_F(InfRemoval, MindsTheCaseOfTheFirstLetterAlone) {
+TEST_F(InfRemoval, IsCaseSensitiveOnlyForTheFirstLetter) {
     EXPECT_FALSE(Goes(InfNaming("QBIMVTA", 10)));
     EXPECT_FALSE(Goes(InfNaming("Qbimvta", 10)));
     EXPECT_TRUE(Goes(InfNaming("qBIMVTA", 10)));
     EXPECT_TRUE(Goes(InfNaming("qbimWFP", 10)));
 }
 
-TEST_F(InfRemoval, DoesNotSeeANameInTheLastEightBytes) {
+TEST_F(InfRemoval, IgnoresANameInTheLastEightBytes) {
     const std::string nine = Repeat("qbimvta.sys, ", 9);
     EXPECT_FALSE(Goes(nine + "qbimvta"));
     EXPECT_FALSE(Goes(nine + "qbimvta;"));
     EXPECT_TRUE(Goes(nine + "qbimvta;;"));
 }
 
-TEST_F(InfRemoval, SeesNothingInAFileOfLessThanEightBytes) {
+TEST_F(InfRemoval, FindsNothingInAFileOfLessThanEightBytes) {
     EXPECT_FALSE(Goes("qbimvta"));
     EXPECT_FALSE(Goes("q"));
 }
@@ -490,14 +491,14 @@ std::string Wide(const std::string &text) {
     return bytes;
 }
 
-TEST_F(InfRemoval, ReadsFilesOfWideCharacters) {
+TEST_F(InfRemoval, ScansFilesOfWideCharacters) {
     EXPECT_TRUE(Goes(Wide(InfNaming("qbimvta", 10))));
     EXPECT_TRUE(Goes(Wide(InfNaming("qBIMWFP", 10))));
     EXPECT_FALSE(Goes(Wide(InfNaming("qbimvta", 9))));
     EXPECT_FALSE(Goes(Wide(InfNaming("Qbimvta", 10))));
 }
 
-TEST_F(InfRemoval, DoesNotSeeAWideNameInTheLastSixteenBytes) {
+TEST_F(InfRemoval, IgnoresAWideNameInTheLastSixteenBytes) {
     const std::string nine = Repeat("qbimvta.sys, ", 9);
     EXPECT_FALSE(Goes(Wide(nine + "qbimvta;")));
     EXPECT_TRUE(Goes(Wide(nine + "qbimvta;;")));

@@ -1,4 +1,4 @@
-// Whose an INF file is, on files of every kind that end where memory ends.
+// Which driver an INF file belongs to, on files of every kind that end where memory ends.
 #include "WindowsDriverInstaller/cleanup/InfScan.h"
 
 #include <algorithm>
@@ -24,7 +24,7 @@ constexpr std::size_t kPage = 4096;
 constexpr std::size_t kCapacity = 1024 * 1024;
 constexpr std::size_t kLetters = 7;  // of a name
 
-/// Memory with a closed page before and behind it, in which a file stands at the very end.
+/// Memory between two inaccessible pages, with a file at its very end.
 class GuardedFile {
 public:
     GuardedFile()
@@ -103,18 +103,18 @@ protected:
 
     static const wchar_t *Scan(Bytes file) {
         if constexpr (kWidth == 1)
-            return DriverNamedIn8Bit(file);
+            return ScanInfForDriver8Bit(file);
         else
-            return DriverNamedIn16Bit(file);
+            return ScanInfForDriver16Bit(file);
     }
-    /// The driver named in the text, with some bytes of the next character behind it.
+    /// The driver named in the text, followed by some bytes of the next character.
     std::string Named(const Text &text, std::size_t moreBytes = 0) {
         std::string bytes(text.size() * kWidth + moreBytes, '\0');
         std::memcpy(bytes.data(), text.data(), text.size() * kWidth);
         return Told(Scan(m_file.Put(std::as_bytes(std::span(bytes)))));
     }
     static Text Wide(const char *text) { return {text, text + std::strlen(text)}; }
-    /// The texts one after the other, each with a blank behind it.
+    /// The texts one after the other, each followed by a space.
     static Text Times(int times, const Text &text) {
         Text all;
         for (int i = 0; i < times; ++i)
@@ -122,7 +122,7 @@ protected:
         return all;
     }
     static Text Times(int times, const char *text) { return Times(times, Wide(text)); }
-    /// What keeps the text before it clear of the end.
+    /// Padding that keeps the text before it clear of the end.
     static Text End() { return Text(8, Character(' ')); }
 
     GuardedFile m_file;
@@ -137,7 +137,7 @@ struct WidthNames {
 using Widths = testing::Types<char, wchar_t>;
 TYPED_TEST_SUITE(InfScan, Widths, WidthNames);
 
-TYPED_TEST(InfScan, NineNamesAreNoMatchAndTenAre) {
+TYPED_TEST(InfScan, MatchesTenNamesButNotNine) {
     for (const char *const name : {"qbimvta", "qbimwfp"}) {
         EXPECT_EQ(this->Named(this->Times(9, name) + this->End()), "none");
         EXPECT_EQ(this->Named(this->Times(10, name) + this->End()), name);
@@ -146,43 +146,43 @@ TYPED_TEST(InfScan, NineNamesAreNoMatchAndTenAre) {
     }
 }
 
-TYPED_TEST(InfScan, EachFileIsCountedByItself) {
+TYPED_TEST(InfScan, CountsEachFileSeparately) {
     EXPECT_EQ(this->Named(this->Times(9, "qbimvta") + this->End()), "none");
     EXPECT_EQ(this->Named(this->Times(9, "qbimvta") + this->End()), "none");
 }
 
-TYPED_TEST(InfScan, EachDriverIsCountedByItself) {
+TYPED_TEST(InfScan, CountsEachDriverSeparately) {
     EXPECT_EQ(this->Named(this->Times(5, "qbimvta qbimwfp") + this->End()), "none");
     EXPECT_EQ(this->Named(this->Times(9, "qbimvta qbimwfp") + this->End()), "none");
     EXPECT_EQ(this->Named(this->Times(9, "qbimvta qbimwfp") + this->Times(1, "qbimwfp") + this->End()), "qbimwfp");
 }
 
-TYPED_TEST(InfScan, TheDriverThatIsFirstNamedTenTimesIsTheOne) {
+TYPED_TEST(InfScan, ReturnsTheDriverThatReachesTenNamesFirst) {
     EXPECT_EQ(this->Named(this->Times(10, "qbimvta") + this->Times(20, "qbimwfp") + this->End()), "qbimvta");
     EXPECT_EQ(this->Named(this->Times(10, "qbimwfp") + this->Times(20, "qbimvta") + this->End()), "qbimwfp");
     EXPECT_EQ(this->Named(this->Times(10, "qbimvta qbimwfp") + this->End()), "qbimvta");
     EXPECT_EQ(this->Named(this->Times(10, "qbimwfp qbimvta") + this->End()), "qbimwfp");
 }
 
-TYPED_TEST(InfScan, NothingFarBehindTheTenthNameIsRead) {
+TYPED_TEST(InfScan, DoesNotReadFarBeyondTheTenthName) {
     const auto text = this->Times(10, "qbimvta") + typename TestFixture::Text(kPage, ' ');
     const Bytes readable = this->m_file.Put(std::as_bytes(std::span(text)));
     const Bytes reachingIntoTheClosedPage(readable.data(), readable.size() + kPage);
     EXPECT_EQ(Told(this->Scan(reachingIntoTheClosedPage)), "qbimvta");
 }
 
-TYPED_TEST(InfScan, ANameWithACapitalFirstLetterCountsForNothing) {
+TYPED_TEST(InfScan, IgnoresANameWithACapitalFirstLetter) {
     EXPECT_EQ(this->Named(this->Times(10, "QBIMVTA") + this->End()), "none");
     EXPECT_EQ(this->Named(this->Times(10, "Qbimwfp") + this->End()), "none");
     EXPECT_EQ(this->Named(this->Times(9, "qbimvta Qbimvta") + this->End()), "none");
 }
 
-TYPED_TEST(InfScan, CapitalsBehindTheFirstLetterDoNotMatter) {
+TYPED_TEST(InfScan, IgnoresTheCaseOfTheOtherLetters) {
     EXPECT_EQ(this->Named(this->Times(10, "qBIMVTA") + this->End()), "qbimvta");
     EXPECT_EQ(this->Named(this->Times(5, "qbImWfP qBiMwFp") + this->End()), "qbimwfp");
 }
 
-TYPED_TEST(InfScan, ANameThatBeginsWithinTheLast8CharactersIsNotSeen) {
+TYPED_TEST(InfScan, IgnoresANameThatBeginsWithinTheLast8Characters) {
     const std::size_t width = this->kWidth;
     for (std::size_t behind = 0; behind < 12; ++behind)
         for (std::size_t moreBytes = 0; moreBytes < width; ++moreBytes) {
@@ -194,7 +194,7 @@ TYPED_TEST(InfScan, ANameThatBeginsWithinTheLast8CharactersIsNotSeen) {
         }
 }
 
-TYPED_TEST(InfScan, NamesMayStandWithoutAGap) {
+TYPED_TEST(InfScan, FindsAdjacentNames) {
     typename TestFixture::Text text;
     for (int i = 0; i < 10; ++i)
         text += this->Wide("qbimwfp");
@@ -202,18 +202,18 @@ TYPED_TEST(InfScan, NamesMayStandWithoutAGap) {
     EXPECT_EQ(this->Named(text + this->Wide(" ")), "none");
 }
 
-TYPED_TEST(InfScan, PartOfANameDoesNotHideTheNameBehindIt) {
+TYPED_TEST(InfScan, FindsANameAfterPartOfOne) {
     EXPECT_EQ(this->Named(this->Times(10, "qbimvtqbimvta") + this->End()), "qbimvta");
     EXPECT_EQ(this->Named(this->Times(10, "qqbqbimqbimwfp") + this->End()), "qbimwfp");
 }
 
-TYPED_TEST(InfScan, ANameNeedsNoBordersAndAllItsLetters) {
+TYPED_TEST(InfScan, FindsANameWithinAWordButNotPartOfAName) {
     EXPECT_EQ(this->Named(this->Times(10, "xqbimvta2") + this->End()), "qbimvta");
     for (const char *const other : {"qbimvt", "qbimvtb", "qbimwta", "qbinvta", "abimvta", "q bimvta", "qcimwfp"})
         EXPECT_EQ(this->Named(this->Times(20, other) + this->End()), "none") << other;
 }
 
-TYPED_TEST(InfScan, AZeroInANameBreaksIt) {
+TYPED_TEST(InfScan, DoesNotFindANameWithAZeroInIt) {
     for (std::size_t i = 0; i < kLetters; ++i) {
         auto name = this->Wide("qbimvta");
         name[i] = 0;
@@ -221,19 +221,19 @@ TYPED_TEST(InfScan, AZeroInANameBreaksIt) {
     }
 }
 
-TYPED_TEST(InfScan, ZerosBetweenNamesDoNotEndTheScan) {
+TYPED_TEST(InfScan, ContinuesAfterZerosBetweenNames) {
     auto name = this->Wide("qbimvta");
     name.append(300, 0);
     EXPECT_EQ(this->Named(this->Times(10, name)), "qbimvta");
 }
 
-TYPED_TEST(InfScan, AFileOfNoMoreThan8CharactersIsNoOnes) {
+TYPED_TEST(InfScan, FindsNothingInAFileOfAtMost8Characters) {
     for (std::size_t size = 0; size <= 9; ++size)
         EXPECT_EQ(this->Named(typename TestFixture::Text(size, 'q')), "none") << size;
     EXPECT_EQ(Told(this->Scan({})), "none");
 }
 
-TYPED_TEST(InfScan, ANameCountsWhereverItStands) {
+TYPED_TEST(InfScan, FindsANameAtAnyOffset) {
     for (std::size_t before = 0; before < 200; ++before) {
         const typename TestFixture::Text gap(before, 'x');
         EXPECT_EQ(this->Named(gap + this->Times(10, "qbimvta") + this->End()), "qbimvta") << before;
@@ -243,18 +243,18 @@ TYPED_TEST(InfScan, ANameCountsWhereverItStands) {
     }
 }
 
-TEST(InfScanOf16Bit, OnlyWholeCharactersAreLookedAt) {
+TEST(InfScanOf16Bit, ReadsOnlyWholeCharacters) {
     std::wstring text = L" ";
     for (int i = 0; i < 20; ++i)
         text += L"qbimvta ";
     text += L"        ";
     const Bytes bytes = std::as_bytes(std::span(text));
-    EXPECT_EQ(Told(DriverNamedIn16Bit(bytes)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn16Bit(bytes.subspan(1))), "none");
-    EXPECT_EQ(Told(DriverNamedIn8Bit(bytes)), "none");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(bytes)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(bytes.subspan(1))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver8Bit(bytes)), "none");
 }
 
-TEST(InfScanOf16Bit, OtherLettersThatLookAlikeAreOthers) {
+TEST(InfScanOf16Bit, DoesNotMatchOtherLettersThatLookAlike) {
     struct Row {
         const char *what;
         std::wstring name;
@@ -271,7 +271,7 @@ TEST(InfScanOf16Bit, OtherLettersThatLookAlikeAreOthers) {
         for (int i = 0; i < 20; ++i)
             text += row.name;
         text += L"        ";
-        EXPECT_EQ(Told(DriverNamedIn16Bit(std::as_bytes(std::span(text)))), "none") << row.what;
+        EXPECT_EQ(Told(ScanInfForDriver16Bit(std::as_bytes(std::span(text)))), "none") << row.what;
     }
 }
 
@@ -284,53 +284,53 @@ const std::string kInf = [] {
 }();
 const std::wstring kWideInf = L"\xfeff" + std::wstring(kInf.begin(), kInf.end());
 
-TEST(InfScanOfEither, ATextOf8BitsIsReadAsSuch) {
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kInf)))), "qbimvta");
+TEST(InfScanOfEither, ReadsATextOf8Bits) {
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kInf)))), "qbimvta");
 }
 
-TEST(InfScanOfEither, ATextOf16BitsIsReadAsSuch) {
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kWideInf)))), "qbimvta");
+TEST(InfScanOfEither, ReadsATextOf16Bits) {
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kWideInf)))), "qbimvta");
 }
 
-TEST(InfScanOfEither, NamesOfTheOtherWidthAreNotSeen) {
+TEST(InfScanOfEither, IgnoresNamesOfTheOtherWidth) {
     std::string narrow = kInf.substr(0, kInf.find("HKR"));
     narrow.resize(1024, ' ');
     narrow.append(reinterpret_cast<const char *>(kWideInf.data()), kWideInf.size() * sizeof(wchar_t));
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(narrow)))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(narrow)))), "none");
     std::string wide(reinterpret_cast<const char *>(kWideInf.data()), 2 * kInf.find("HKR"));
     wide += kInf + kInf.substr(0, kInf.size() % 2);
-    EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(wide)))), "none");
+    EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(wide)))), "none");
 }
 
-TEST(InfScanOfEither, ShortAndEmptyFilesAreNoOnes) {
+TEST(InfScanOfEither, FindsNothingInShortAndEmptyFiles) {
     for (std::size_t size = 0; size < 20; ++size) {
-        EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kInf)).first(size))), "none") << size;
-        EXPECT_EQ(Told(DriverNamedIn(std::as_bytes(std::span(kWideInf)).first(size))), "none") << size;
+        EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kInf)).first(size))), "none") << size;
+        EXPECT_EQ(Told(ScanInfForDriver(std::as_bytes(std::span(kWideInf)).first(size))), "none") << size;
     }
 }
 
-TEST(InfScanOfEither, AFileIsScannedBeyondTwoGigabytes) {
+TEST(InfScanOfEither, ScansBeyondTwoGigabytes) {
     const std::size_t size = (std::size_t{1} << 31) + 4 * kPage;
     const std::unique_ptr<void, void (*)(void *)> pages(
         VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE),
         [](void *memory) { VirtualFree(memory, 0, MEM_RELEASE); });
     ASSERT_TRUE(pages) << "no address space of 2 GiB: error " << GetLastError();
-    // Each text without its names at the beginning, by which its width is told, and whole at the end.
+    // Each text first without its names, which decides its width, and at the end complete.
     auto *const text = static_cast<char *>(pages.get());
     char *const end = text + size - 1024;
     const Bytes file = std::as_bytes(std::span(text, size));
     std::memset(text, ' ', kPage);
     kInf.copy(text, kInf.find("HKR"));
     kInf.copy(end, kInf.size());
-    EXPECT_EQ(Told(DriverNamedIn8Bit(file)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver8Bit(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(file)), "qbimvta");
     kWideInf.copy(reinterpret_cast<wchar_t *>(text), kWideInf.find(L"HKR"));
     kWideInf.copy(reinterpret_cast<wchar_t *>(end), kWideInf.size());
-    EXPECT_EQ(Told(DriverNamedIn16Bit(file)), "qbimvta");
-    EXPECT_EQ(Told(DriverNamedIn(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver16Bit(file)), "qbimvta");
+    EXPECT_EQ(Told(ScanInfForDriver(file)), "qbimvta");
 }
 
-/// Makes files by chance that come close to naming a driver, the same ones for the same seed.
+/// Generates random files that come close to naming a driver, reproducible by the seed.
 template <typename Character>
 class FileMaker {
 public:
@@ -378,7 +378,7 @@ private:
     std::mt19937 m_random;
 };
 
-/// What files there were, so that a test of one kind alone doesn't pass for one of all.
+/// Which kinds of files were generated, so that the test cannot pass by having tried only one.
 struct FileKinds {
     int none = 0;
     int vta = 0;
@@ -400,7 +400,7 @@ TYPED_TEST(InfScan, AgreesWithTheRuleOnAnyFile) {
         const std::string expected = Told(ScanSlowly<TypeParam>(file));
         ASSERT_EQ(Told(this->Scan(file)), expected);
         const bool is16Bit = IsTextUnicode(file.data(), static_cast<int>(size), nullptr) != FALSE;
-        ASSERT_EQ(Told(DriverNamedIn(file)), Told(is16Bit ? ScanSlowly<wchar_t>(file) : ScanSlowly<char>(file)));
+        ASSERT_EQ(Told(ScanInfForDriver(file)), Told(is16Bit ? ScanSlowly<wchar_t>(file) : ScanSlowly<char>(file)));
         ++(expected == "none" ? kinds.none : expected == "qbimvta" ? kinds.vta : kinds.wfp);
         ++(is16Bit ? kinds.taken16Bit : kinds.taken8Bit);
     }

@@ -1,6 +1,6 @@
-// Two of the script's calls at once, from two Lua states of the process: installations and removals that meet each
-// other in the network configuration. The description under which they take the write lock is the same for both, so
-// each goes on where the other holds it; who gives it back takes it from both.
+// Two calls of a script at once, from two Lua states of the process: installations and removals that meet in the
+// network configuration. Both take the write lock under the same description, so each continues while the other holds
+// it; whoever releases it releases it for both.
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -21,14 +21,14 @@ using Simulator::FaultPlanHandle;
 
 constexpr char kInstall[] = "SLB.filter.InstallOrUpdateDriver(dom, ndis, wfp)";
 constexpr char kRemove[] = "SLB.filter.UninstallDriver(dom, ndis, wfp)";
-constexpr DWORD kPatienceOfATestMs = 60'000;  ///< Whoever waits longer fails the test.
+constexpr DWORD kPatienceOfATestMs = 60'000;  ///< A longer wait fails the test.
 constexpr int kRounds = 25;
 
-/// What two calls have yielded and sent.
+/// What two calls returned and sent.
 struct Meeting : InstallOutcome {
     std::string first, second;
 
-    /// How many installations have told their end.
+    /// How many installations have sent their outcome.
     [[nodiscard]] std::size_t Ends() const { return EventTexts(1004).size() + EventTexts(1007).size(); }
 };
 
@@ -39,10 +39,10 @@ protected:
         SLB3::Control::PushInstance(m_other, "SLB.Dom", &dom);
         lua_setglobal(m_other, "dom");
         m_other.Run("ndis, wfp = " + lua.Eval("string.format('%q, %q', ndis, wfp)"));
-        // The clock stands still whoever sleeps, so that no step of the one overruns while the other sleeps.
+        // Sleeps do not move the clock, so that no step of one overruns while the other sleeps.
         simulation().Functions().Put<Simulator::System::Sleep>(
             [](const auto &, DWORD) { Simulator::System::Sleep::Real(1); }, Simulator::Depth::Watch);
-        (void)Uninstall();  // the first call of a process loads the library for stacks for good
+        (void)Uninstall();  // a process's first call loads the stack library for good
     }
 
     /// Both at once.
@@ -62,7 +62,7 @@ protected:
         return meeting;
     }
 
-    /// The second runs from its beginning to its end while the first hangs in that call.
+    /// The second runs from beginning to end while the first hangs in that call.
     Meeting MeetWhileTheFirstHangs(const std::string &first, const std::string &function, const std::string &second) {
         const int objects = Begin();
         const FaultPlanHandle hang = simulation().GetFaults().HangNth(function, 1);
@@ -81,7 +81,7 @@ protected:
         return meeting;
     }
 
-    /// That nothing stays open but one event for each removal.
+    /// Expects that nothing stays open but one event for each removal.
     void ExpectNothingLeft(std::size_t removals) {
         std::vector<BalanceItem> left;
         for (DWORD waited = 0; waited < kPatienceOfATestMs; waited += 10) {
@@ -124,7 +124,7 @@ private:
     BalanceSnapshot m_before;
 };
 
-// ---- Freely, in whatever order the threads come
+// ---- Both at once, in any order of the threads
 
 TEST_F(DriverCallsAtOnce, TwoInstallationsEndWithOneEventEach) {
     dom.Set("vtp.filter.ForceDriverInstall", true);  // also for the one that finds the other's driver
@@ -138,7 +138,7 @@ TEST_F(DriverCallsAtOnce, TwoInstallationsEndWithOneEventEach) {
     }
 }
 
-TEST_F(DriverCallsAtOnce, AnInstallationEndsWithOneEventWhateverARemovalTakesAway) {
+TEST_F(DriverCallsAtOnce, AnInstallationEndsWithOneEventWhateverARemovalRemoves) {
     dom.Set("vtp.filter.ForceDriverInstall", true);
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);
@@ -161,7 +161,7 @@ TEST_F(DriverCallsAtOnce, TwoRemovalsLeaveNoDriver) {
     }
 }
 
-// ---- The one within the other
+// ---- One within the other
 
 TEST_F(DriverCallsAtOnce, AnInstallationLosesTheLockToOneThatEndsMeanwhile) {
     const Meeting meeting = MeetWhileTheFirstHangs(kInstall, "INetCfgClassSetup::Install", kInstall);
@@ -188,7 +188,7 @@ TEST_F(DriverCallsAtOnce, AnInstallationReportsThatARemovalTookItsLock) {
     ExpectNothingLeft(1);
 }
 
-TEST_F(DriverCallsAtOnce, ARemovalTakesAwayWhatHasBeenInstalledAndNotApplied) {
+TEST_F(DriverCallsAtOnce, ARemovalRemovesWhatWasInstalledAndNotApplied) {
     const Meeting meeting = MeetWhileTheFirstHangs(kInstall, "INetCfg::Apply", kRemove);
     EXPECT_EQ(meeting.first, "true");
     EXPECT_EQ(meeting.second, "true");
@@ -213,9 +213,9 @@ TEST_F(DriverCallsAtOnce, ARemovalFailsOnceAnInstallationHasTakenItsLock) {
 
 // ---- The lock of another process
 
-TEST_F(DriverCallsAtOnce, TwoInstallationsBothTellWhoHasTheLock) {
+TEST_F(DriverCallsAtOnce, TwoInstallationsBothReportWhoHoldsTheLock) {
     for (const wchar_t *inf : {L"netqbimvta.inf", L"netqbimvtam.inf", L"netqbimvtap.inf"})
-        std::filesystem::remove(NdisFolder() / inf);  // the simulated system does not copy two at a time
+        std::filesystem::remove(NdisFolder() / inf);  // the simulated system does not copy two files at a time
     network().LockFromElsewhere(L"Network Wizard");
     const Meeting meeting = Meet(kInstall, kInstall);
     EXPECT_EQ(meeting.first, "true");
@@ -223,7 +223,7 @@ TEST_F(DriverCallsAtOnce, TwoInstallationsBothTellWhoHasTheLock) {
     ASSERT_EQ(meeting.EventTexts(1004).size(), 2U);
     for (const std::string &text : meeting.EventTexts(1004))
         EXPECT_TRUE(text.starts_with("GettingNetworkConfigLock|")) << text;
-    // Each of the removal before, and of the installation.
+    // From the removal before, and from the installation.
     EXPECT_EQ(meeting.notifications.size(), 4U) << testing::PrintToString(meeting.events);
     for (const VtaCore::Control::Notification &notification : meeting.notifications)
         EXPECT_EQ(notification.text,

@@ -1,4 +1,4 @@
-// What the watchdog makes of the versions before any work, through SLB.filter on simulated machines.
+// What the watchdog decides from the versions before any work, through SLB.filter on simulated machines.
 #include <algorithm>
 #include <fstream>
 #include <ostream>
@@ -27,7 +27,7 @@ std::string Dotted(const Version &version) {
 
 class InstallDecision : public InstallMachine {
 protected:
-    /// The file is there, with the component and the callout, but the driver doesn't answer.
+    /// The file, the component and the callout exist, but the driver doesn't answer.
     void InstallWithoutRunning(const Version &version) {
         InstallOldDriver(version);
         SetRunningVersion(std::nullopt);
@@ -44,7 +44,7 @@ protected:
         EXPECT_EQ(outcome.events, Lines{});
         EXPECT_TRUE(outcome.notifications.empty());
         EXPECT_EQ(CallsOf("CoInitializeEx"), 0U);
-        EXPECT_EQ(CallsOf("_beginthreadex"), 1U) << "the watchdog alone";
+        EXPECT_EQ(CallsOf("_beginthreadex"), 1U) << "only the watchdog";
     }
     static Lines FirstTraces(const InstallOutcome &outcome, std::size_t count) {
         const std::size_t size = std::min(count, outcome.traces.size());
@@ -54,7 +54,7 @@ protected:
 
 // --- before the versions ---
 
-TEST_F(InstallDecision, InALoadTestReadsNoDriverFileAndDoesNotAskForTheForcedInstallation) {
+TEST_F(InstallDecision, ReadsNeitherDriverFilesNorTheForceSettingInALoadTest) {
     InstallOldDriver(kOld);
     dom.Set("vta.mode.loadtest", true);
     dom.Set("vtp.filter.ForceDriverInstall", true);
@@ -75,7 +75,7 @@ TEST_F(InstallDecision, RemovesTheHealthCheckFilesEvenInALoadTest) {
     EXPECT_FALSE(exists(system / L"qbimwfpHC.dat"));
 }
 
-TEST_F(InstallDecision, WithoutOurCopyDoesNothingEvenIfForced) {
+TEST_F(InstallDecision, DoesNothingWithoutOurCopyEvenIfForced) {
     InstallOldDriver(kOld);
     dom.Set("vtp.filter.ForceDriverInstall", true);
     remove(NdisFolder() / L"qbimvta.sys");
@@ -86,7 +86,7 @@ TEST_F(InstallDecision, WithoutOurCopyDoesNothingEvenIfForced) {
     EXPECT_EQ(Vti::TheDriver().calls, Lines{});
 }
 
-TEST_F(InstallDecision, WithAnOwnCopyThatHasNoVersionDoesNothing) {
+TEST_F(InstallDecision, DoesNothingIfOurCopyHasNoVersion) {
     std::ofstream(NdisFolder() / L"qbimvta.sys", std::ios::trunc) << "no program file";
     const InstallOutcome outcome = Install();
     ExpectNothingDone(outcome);
@@ -94,7 +94,7 @@ TEST_F(InstallDecision, WithAnOwnCopyThatHasNoVersionDoesNothing) {
                                                          "'. Unable to install or upgrade the driver."}));
 }
 
-TEST_F(InstallDecision, TracesNoMoreThan256CharactersOfAPath) {
+TEST_F(InstallDecision, TracesAtMost256CharactersOfAPath) {
     std::string folder = NdisFolder().string() + "\\";
     while (folder.size() < 255)
         folder += folder.size() % 64 == 63 && folder.size() < 253 ? '\\' : 'n';
@@ -123,7 +123,7 @@ void PrintTo(const VersionRow &row, std::ostream *out) {
 
 class VersionDecision : public InstallDecision, public testing::WithParamInterface<VersionRow> {};
 
-TEST_P(VersionDecision, OfARunningDriverIsMadeByTheSignedPackedNumbers) {
+TEST_P(VersionDecision, ComparesSignedPackedNumbers) {
     const VersionRow &row = GetParam();
     InstallOldDriver(row.installed);
     SetOurVersion(row.ours);
@@ -158,7 +158,7 @@ constexpr VersionRow kVersionRows[] = {
      {0x7FFF, 0x7FFF, 0x7FFF, 0x7FFE},
      {0x7FFF, 0x7FFF, 0x7FFF, 0x7FFF},
      Decision::Upgrade},
-    // A component of 0x8000 or more fills all bits above it: the number is negative, and what stood there is lost.
+    // A component of 0x8000 or more sets all bits above it: the number is negative, and the higher components are lost.
     {"AMajorWithSignIsBelowAnyWithout", {0x8000, 0, 0, 0}, {1, 0, 0, 0}, Decision::Upgrade},
     {"AnOrdinaryMajorIsAboveOneWithSign", {1, 0, 0, 0}, {0xFFFF, 0, 0, 0}, Decision::Newer},
     {"AMinorWithSignHidesAHigherMajor", {9, 0x8000, 0, 0}, {1, 0, 0, 0}, Decision::Upgrade},
@@ -174,7 +174,7 @@ constexpr VersionRow kVersionRows[] = {
 INSTANTIATE_TEST_SUITE_P(Rows, VersionDecision, testing::ValuesIn(kVersionRows),
                          [](const auto &tested) { return std::string(tested.param.name); });
 
-TEST_F(InstallDecision, SendsTheEventOfAnUpgradeBeforeAnyWork) {
+TEST_F(InstallDecision, SendsTheUpgradeEventBeforeAnyWork) {
     InstallOldDriver(kOld);
     std::vector<int> order;
     std::size_t workAtUpgrade = 1;
@@ -189,7 +189,7 @@ TEST_F(InstallDecision, SendsTheEventOfAnUpgradeBeforeAnyWork) {
     EXPECT_GT(CallsOf("OpenSCManagerW"), 0U);
 }
 
-TEST_F(InstallDecision, WithoutAnyInstalledVersionInstallsWithOneRemovalAndNoEventOfAnUpgrade) {
+TEST_F(InstallDecision, RemovesOnceAndSendsNoUpgradeEventWithoutAnInstalledVersion) {
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_EQ(FirstTraces(outcome, 3), (Lines{CheckingOurs(), CheckingInstalled(), kNoDriver}));
@@ -199,7 +199,7 @@ TEST_F(InstallDecision, WithoutAnyInstalledVersionInstallsWithOneRemovalAndNoEve
 
 // --- the installed version ---
 
-TEST_F(InstallDecision, OfAnEqualDriverThatDoesNotRunInstallsAgainWithOneRemoval) {
+TEST_F(InstallDecision, ReinstallsAnEqualDriverThatDoesNotRunWithOneRemoval) {
     InstallWithoutRunning(kOurVersion);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -210,7 +210,7 @@ TEST_F(InstallDecision, OfAnEqualDriverThatDoesNotRunInstallsAgainWithOneRemoval
     EXPECT_TRUE(outcome.EventTexts(1007)[0].starts_with("2.0.0.0|2.0.0.0|"));
 }
 
-TEST_F(InstallDecision, OfALowerDriverThatDoesNotRunUpgrades) {
+TEST_F(InstallDecision, UpgradesALowerDriverThatDoesNotRun) {
     InstallWithoutRunning(kOld);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -219,14 +219,14 @@ TEST_F(InstallDecision, OfALowerDriverThatDoesNotRunUpgrades) {
     EXPECT_EQ(Removals(outcome), 2U);
 }
 
-TEST_F(InstallDecision, OfAHigherDriverThatDoesNotRunLeavesIt) {
+TEST_F(InstallDecision, KeepsAHigherDriverThatDoesNotRun) {
     InstallWithoutRunning({2, 0, 1, 0});
     const InstallOutcome outcome = Install();
     ExpectNothingDone(outcome);
     EXPECT_EQ(outcome.traces.back(), kNewer);
 }
 
-TEST_F(InstallDecision, TakesTheRunningVersionBeforeThatOfAnyFile) {
+TEST_F(InstallDecision, PrefersTheRunningVersionToThatOfAFile) {
     InstallOldDriver(kOld);
     SetRunningVersion(kOurVersion);
     const InstallOutcome outcome = Install();
@@ -234,7 +234,7 @@ TEST_F(InstallDecision, TakesTheRunningVersionBeforeThatOfAnyFile) {
     EXPECT_EQ(outcome.traces, (Lines{CheckingOurs(), Compared(kOurVersion, kOurVersion), kCorrect}));
 }
 
-TEST_F(InstallDecision, ReportsADriverThatCantTellItsVersionAndReadsTheFile) {
+TEST_F(InstallDecision, ReportsADriverWithoutAVersionAndReadsTheFile) {
     InstallOldDriver(kOurVersion);
     Vti::TheDriver().faults["vti_get_version"] = {-17, "", 1};
     const InstallOutcome outcome = Install();
@@ -244,7 +244,7 @@ TEST_F(InstallDecision, ReportsADriverThatCantTellItsVersionAndReadsTheFile) {
     EXPECT_TRUE(Succeeded(outcome));
 }
 
-TEST_F(InstallDecision, ReadsTheFileWhereTheRunningVersionIsNoVersion) {
+TEST_F(InstallDecision, ReadsTheFileWhenTheRunningVersionIsInvalid) {
     InstallOldDriver(kOld);
     Vti::TheDriver().version = "a driver";
     const InstallOutcome outcome = Install();
@@ -254,7 +254,7 @@ TEST_F(InstallDecision, ReadsTheFileWhereTheRunningVersionIsNoVersion) {
     EXPECT_EQ(outcome.EventTexts(1005), Lines{"1.2.3.4|2.0.0.0"});
 }
 
-TEST_F(InstallDecision, InstallsWhereTheInstalledFileHasNoVersion) {
+TEST_F(InstallDecision, InstallsWhenTheInstalledFileHasNoVersion) {
     InstallWithoutRunning(kOld);
     std::ofstream(SystemFile(), std::ios::trunc) << "no program file";
     const InstallOutcome outcome = Install();
@@ -281,7 +281,7 @@ TEST_F(InstallDecision, ReportsThatTheSystemFolderIsUnknownAndInstalls) {
 
 // --- the forced installation ---
 
-TEST_F(InstallDecision, ForcedOverANewerDriverRemovesTwiceAndSendsNoEventOfAnUpgrade) {
+TEST_F(InstallDecision, RemovesTwiceAndSendsNoUpgradeEventWhenForcedOverANewerDriver) {
     InstallOldDriver({2, 0, 0, 1});
     dom.Set("vtp.filter.ForceDriverInstall", true);
     const InstallOutcome outcome = Install();
@@ -292,7 +292,7 @@ TEST_F(InstallDecision, ForcedOverANewerDriverRemovesTwiceAndSendsNoEventOfAnUpg
     EXPECT_TRUE(outcome.EventTexts(1007)[0].starts_with("2.0.0.1|2.0.0.0|"));
 }
 
-TEST_F(InstallDecision, ForcedOverAnEqualDriverThatRunsRemovesTwice) {
+TEST_F(InstallDecision, RemovesTwiceWhenForcedOverARunningEqualDriver) {
     InstallOldDriver(kOurVersion);
     dom.Set("vtp.filter.ForceDriverInstall", true);
     const InstallOutcome outcome = Install();
@@ -302,7 +302,7 @@ TEST_F(InstallDecision, ForcedOverAnEqualDriverThatRunsRemovesTwice) {
     EXPECT_EQ(outcome.EventTexts(1005), Lines{});
 }
 
-TEST_F(InstallDecision, ForcedWhereItInstallsAnywayRemovesOnceAsEver) {
+TEST_F(InstallDecision, RemovesOnceWhenForcedAlthoughItWouldInstallAnyway) {
     InstallWithoutRunning(kOurVersion);
     dom.Set("vtp.filter.ForceDriverInstall", true);
     const InstallOutcome outcome = Install();

@@ -1,5 +1,5 @@
-// What users of installers meet: calls that never return, locks that others hold, reboots that are due, services that
-// won't go, and machines that say they did what they didn't. And what an installation leaves open.
+// What users of installers meet: calls that never return, locks that others hold, pending reboots, services that can't
+// be deleted, and machines that report success without it. And what an installation leaves open.
 #include <algorithm>
 #include <functional>
 #include <string>
@@ -28,7 +28,7 @@ protected:
     void SetResults(const std::vector<HRESULT> &results) {
         network().Use([&](NetworkState &state) { state.installable.front().results = results; });
     }
-    /// @param waitMs  for how long each call waits for it in vain.
+    /// @param waitMs  how long each call waits for it in vain.
     void LockWith(const std::wstring &description, DWORD waitMs = 9'000) {
         network().LockFromElsewhere(description);
         network().Use([&](NetworkState &state) { state.lockWaitMs = waitMs; });
@@ -41,7 +41,7 @@ protected:
         }
         return texts;
     }
-    /// Another product's filter on the second adapter, and on a third of the same model as the first, which has nothing
+    /// Another product's filter on the second adapter, and on a third one of the first one's model, which has nothing
     /// else bound to it.
     void PutOtherProduct() {
         network().Put({.id = kOther});
@@ -69,7 +69,7 @@ protected:
 
 // --- calls that never return ---
 
-TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsGivenUpAfterTenMinutesAndTheMachineCanBeInstalledAnew) {
+TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsAbandonedAfterTenMinutesAndTheNextInstallationWorks) {
     const InstallOutcome hung = InstallHungIn(kInstall, 1, 600'000);
     EXPECT_TRUE(hung.result);
     EXPECT_EQ(FailedStep(hung), "InstallingDriver");
@@ -81,14 +81,13 @@ TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsGivenUpAfterTenMinutesAnd
     EXPECT_TRUE(Succeeded(Install()));
 }
 
-TEST_F(InstallFailures, AnInstallationMayFailSinceItWaitsInVainForTheLockOfAKilledWorker) {
+TEST_F(InstallFailures, AnInstallationMayFailWaitingForTheLockOfAKilledWorker) {
     (void)InstallHungIn(kInstall, 1, 600'000);
     ASSERT_TRUE(network().Read().lock.has_value());
     network().Use([](NetworkState &state) { state.lockWaitMs = 15'000; });
-    // The worker's first; the wait has used up the time of the step around it.
+    // The worker's first wait, which has used up the limit of the enclosing step.
     const FaultPlan hang = faults().HangNth("INetCfg::Initialize", 2);
-    // The watcher's way to the kill begins with this call. A worker that is killed on its way to the hang may hold a
-    // lock of the simulator.
+    // The watcher begins to kill with this call. A worker killed before it hangs may hold a lock of the simulator.
     simulation().Functions().Put<Simulator::System::DuplicateHandle>([hang](const auto &next, auto... arguments) {
         EXPECT_TRUE(hang->WaitUntilHit(kPatienceMs));
         return next(arguments...);
@@ -110,7 +109,7 @@ TEST_F(InstallFailures, AnInstallCallOfAnUpgradeThatNeverReturnsLeavesTheMachine
     EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
 }
 
-TEST_F(InstallFailures, ACalloutsInfSectionThatNeverReturnsIsGivenUpAfterFiveMinutes) {
+TEST_F(InstallFailures, AnInfSectionOfTheCalloutThatNeverReturnsIsAbandonedAfterFiveMinutes) {
     const InstallOutcome hung = InstallHungIn("InstallHinfSectionW", 1, 300'000);
     EXPECT_TRUE(hung.result);
     EXPECT_EQ(FailedStep(hung), "InstallingWfpCalloutDriver");
@@ -131,14 +130,14 @@ TEST_F(InstallFailures, ALockHeldByAnOpenPropertyPageIsNamedToTheUserAndEndsTheI
     EXPECT_GE(outcome.tookMs, 18'000U);
     const auto lock = network().Read().lock;
     ASSERT_TRUE(lock.has_value());
-    EXPECT_EQ(lock->description, L"Local Area Connection Properties") << "it stays the other's";
+    EXPECT_EQ(lock->description, L"Local Area Connection Properties") << "the other owner keeps it";
 }
 
-TEST_F(InstallFailures, AWaitForALockThatOutlastsTheTenSecondsOfTheOpeningEndsTheWorker) {
+TEST_F(InstallFailures, AWaitForALockThatExceedsTheTenSecondsOfItsStepKillsTheWorker) {
     LockWith(L"Local Area Connection Properties", 60'000);
-    // The worker is held back where the wait is over, and the opening is on top again.
+    // Holds the worker where the wait is over, and the opening is the top step again.
     const FaultPlan plan = faults().HangNth("CoUninitialize", 1, kWorkerThread);
-    // And the watchdog until then, lest it find the opening overrun while the worker is on its way.
+    // And the watchdog until then; else it would see the overrun before the worker gets there.
     simulation().Functions().Put<Simulator::System::WaitForSingleObject>(
         [plan](const auto &next, HANDLE handle, DWORD milliseconds) {
             (void)plan->WaitUntilHit(kPatienceMs);
@@ -158,7 +157,7 @@ TEST_F(InstallFailures, AWaitForALockThatOutlastsTheTenSecondsOfTheOpeningEndsTh
               Lines{"INetCfgLock::AcquireWriteLock(15000, \"Quillon Vantry Agent Installer\", *)"});
 }
 
-TEST_F(InstallFailures, ALockHeldBySomebodyWithoutANameIsReportedToo) {
+TEST_F(InstallFailures, ALockHeldByAnUnnamedOwnerIsReportedToo) {
     faults().FailEvery("INetCfgLock::AcquireWriteLock", S_FALSE);
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "GettingNetworkConfigLock");
@@ -166,7 +165,7 @@ TEST_F(InstallFailures, ALockHeldBySomebodyWithoutANameIsReportedToo) {
     EXPECT_EQ(outcome.EventTexts(3005), Lines(2, Report("INetCfgLock::AcquireWriteLock", 0x8004A024)));
 }
 
-TEST_F(InstallFailures, AnUpgradeUnderAForeignLockLeavesTheOldDriverInPlace) {
+TEST_F(InstallFailures, AnUpgradeDuringAForeignLockLeavesTheOldDriverInPlace) {
     InstallOldDriver({1, 2, 3, 4});
     LockWith(L"Local Area Connection Properties");
     const InstallOutcome outcome = Install();
@@ -185,21 +184,21 @@ TEST_F(InstallFailures, ALockHeldUnderOurOwnDescriptionIsNoObstacle) {
     EXPECT_EQ(UserTexts(outcome), Lines{});
 }
 
-TEST_F(InstallFailures, APropertyPageThatIsClosedBeforeTheInstallationIsNoObstacleToIt) {
+TEST_F(InstallFailures, APropertyPageClosedBeforeTheInstallationIsNoObstacle) {
     LockWith(L"Local Area Connection Properties");
     simulation().GetSetup().onInstallSection = [this](const std::wstring &) {
         simulation().GetServices().Put(L"qbimwfp", {});
         network().Use([](NetworkState &state) { state.lock.reset(); });
     };
     const InstallOutcome outcome = Install();
-    EXPECT_TRUE(Succeeded(outcome)) << "with the filter absent, the removal's failure counts for nothing";
+    EXPECT_TRUE(Succeeded(outcome)) << "the removal's failure does not matter if the filter is absent";
     EXPECT_EQ(UserTexts(outcome).size(), 1U);
     EXPECT_TRUE(IsBound(kFirst));
 }
 
 // --- reboots ---
 
-TEST_F(InstallFailures, ARebootThatEveryInstallCallWishesForIsASuccessWithAReboot) {
+TEST_F(InstallFailures, ARebootRequestOfEveryInstallCallIsASuccessWithAReboot) {
     SetResults({NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT});
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -210,7 +209,7 @@ TEST_F(InstallFailures, ARebootThatEveryInstallCallWishesForIsASuccessWithAReboo
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
-TEST_F(InstallFailures, ARebootThatTheApplicationOfTheChangesWishesForIsASuccessWithAReboot) {
+TEST_F(InstallFailures, ARebootRequestOfApplyIsASuccessWithAReboot) {
     faults().FailEvery("INetCfg::Apply", NETCFG_S_REBOOT);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -220,19 +219,19 @@ TEST_F(InstallFailures, ARebootThatTheApplicationOfTheChangesWishesForIsASuccess
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
-TEST_F(InstallFailures, ARebootThatTheDeInstallationWishesForIsForgottenWhereTheComponentHasGone) {
+TEST_F(InstallFailures, ARebootRequestOfTheRemovalIsForgottenWhenTheComponentIsGone) {
     InstallOldDriver({1, 2, 3, 4});
     network().Use(
         [](NetworkState &state) { Simulator::ComponentWithId(state, L"qbimvta")->deInstallResult = NETCFG_S_REBOOT; });
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U);
-    EXPECT_EQ(CallsOf("INetCfg::Apply"), 1U) << "the installation's: what waits for the boot is not applied";
+    EXPECT_EQ(CallsOf("INetCfg::Apply"), 1U) << "only the installation's: a change that awaits a reboot is not applied";
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
     EXPECT_TRUE(IsBound(kFirst));
 }
 
-TEST_F(InstallFailures, ARebootThatTheDeInstallationWishesForIsForgottenWhereTheComponentWaitsForIt) {
+TEST_F(InstallFailures, ARebootRequestOfTheRemovalIsForgottenWhenTheComponentAwaitsTheReboot) {
     InstallOldDriver({1, 2, 3, 4});
     KeepComponentOnRemoval(NETCFG_S_REBOOT);
     const InstallOutcome outcome = Install();
@@ -242,7 +241,7 @@ TEST_F(InstallFailures, ARebootThatTheDeInstallationWishesForIsForgottenWhereThe
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
 }
 
-TEST_F(InstallFailures, AnInfFileThatCanOnlyGoAtTheNextBootLeavesTheInstallationToTheTimeAfterIt) {
+TEST_F(InstallFailures, AnInfFileThatCanOnlyBeDeletedAtTheNextBootPostponesTheInstallation) {
     InstallOldDriver({1, 2, 3, 4});
     KeepComponentOnRemoval();
     simulation().GetSetup().Lack("SetupUninstallOEMInfW");
@@ -276,9 +275,9 @@ TEST_F(InstallFailures, AServiceMarkedForDeletionThreeTimesFailsAndAsksForAReboo
     EXPECT_TRUE(outcome.events[2].starts_with("1004|InstallingDriver|"));
 }
 
-// --- clean-ups that take their time ---
+// --- clean-ups that take long ---
 
-TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesHalfAnHourEndsWithItsStepsLimit) {
+TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesHalfAnHourIsEndedByItsStepsLimit) {
     InstallOldDriver({1, 2, 3, 4});
     const InstallOutcome outcome = InstallHungIn("SetupUninstallOEMInfW", 1, 1'800'000);
     EXPECT_TRUE(outcome.result);
@@ -292,16 +291,16 @@ TEST_F(InstallFailures, ACleanUpOfInfFilesThatTakesAlmostItsLimitIsWaitedFor) {
     const FaultPlan plan = faults().HangNth("SetupUninstallOEMInfW", 1);
     const InstallOutcome outcome = InstallWhile([&] {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
-        EXPECT_TRUE(AwaitWait());  // its sleep before moves the clock, too
+        EXPECT_TRUE(AwaitWait());  // the sleep before it moves the clock, too
         AdvanceMs(299'999);
-        EXPECT_TRUE(AwaitLooks(10));
+        EXPECT_TRUE(AwaitPolls(10));
         plan->Release();
     });
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_GE(outcome.tookMs, 299'999U);
 }
 
-TEST_F(InstallFailures, AStopOfTheCalloutThatTakesHalfAnHourIsWaitedForSinceItIsInNoStep) {
+TEST_F(InstallFailures, AStopOfTheCalloutThatTakesHalfAnHourIsWaitedForBecauseItIsInNoStep) {
     InstallOldDriver({1, 2, 3, 4});
     const FaultPlan plan = faults().DelayNth("ControlService", 1, 1'800'000);
     const InstallOutcome outcome = Install();
@@ -312,7 +311,7 @@ TEST_F(InstallFailures, AStopOfTheCalloutThatTakesHalfAnHourIsWaitedForSinceItIs
 
 // --- machines that lie, and machines with other products ---
 
-TEST_F(InstallFailures, ASuccessWithNothingInstalledIsReportedAsASuccess) {
+TEST_F(InstallFailures, ASuccessfulCallThatInstallsNothingIsReportedAsASuccess) {
     network().Use([](NetworkState &state) { state.installable.front().leavesNothing = true; });
     SetVersionAfterInstall(std::nullopt);
     const InstallOutcome outcome = Install();
@@ -323,7 +322,7 @@ TEST_F(InstallFailures, ASuccessWithNothingInstalledIsReportedAsASuccess) {
     EXPECT_TRUE(Has(outcome.traces, "Adapter 'First adapter' isn't bound to our driver; assuming it's healthy."));
 }
 
-TEST_F(InstallFailures, ACopyThatIsNoDriverOfThisMachineFailsWithItsStep) {
+TEST_F(InstallFailures, ACopyThatIsNotADriverForThisMachineFailsWithItsStep) {
     network().Use([](NetworkState &state) { state.installable.clear(); });
     const InstallOutcome outcome = Install();
     EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
@@ -343,7 +342,7 @@ TEST_F(InstallFailures, AnOldDriverThatIsRemovedStaysRemovedWhenTheNewOneFails) 
     EXPECT_TRUE(HasInf(L"oem0.inf")) << "the new INF files stay";
 }
 
-TEST_F(InstallFailures, AdaptersThatCantBeReadBeforehandCountAsOffline) {
+TEST_F(InstallFailures, AdaptersThatCannotBeReadBeforehandCountAsOffline) {
     faults().FailNth("CoCreateInstance", 1, static_cast<DWORD>(E_FAIL));
     const InstallOutcome outcome = Install();
     EXPECT_EQ(outcome.traces.back(),
@@ -353,7 +352,7 @@ TEST_F(InstallFailures, AdaptersThatCantBeReadBeforehandCountAsOffline) {
     EXPECT_TRUE(Succeeded(outcome));
 }
 
-TEST_F(InstallFailures, AFreshInstallationLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+TEST_F(InstallFailures, AFreshInstallationKeepsOtherProductsEvenOnAdaptersOfTheSameModel) {
     PutOtherProduct();
     EXPECT_TRUE(Succeeded(Install()));
     ExpectOtherProductUntouched();
@@ -362,7 +361,7 @@ TEST_F(InstallFailures, AFreshInstallationLeavesOtherProductsAloneAlsoOnAdapters
     EXPECT_FALSE(IsBound(kThird)) << "without TCP/IP";
 }
 
-TEST_F(InstallFailures, AnUpgradeLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+TEST_F(InstallFailures, AnUpgradeKeepsOtherProductsEvenOnAdaptersOfTheSameModel) {
     InstallOldDriver({1, 2, 3, 4});
     PutOtherProduct();
     network().Bind(kThird, L"qbimvta", false);
@@ -373,7 +372,7 @@ TEST_F(InstallFailures, AnUpgradeLeavesOtherProductsAloneAlsoOnAdaptersOfTheSame
     EXPECT_FALSE(IsBound(kThird)) << "as before, unlike its twin";
 }
 
-TEST_F(InstallFailures, AFailureLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameModel) {
+TEST_F(InstallFailures, AFailureKeepsOtherProductsEvenOnAdaptersOfTheSameModel) {
     PutOtherProduct();
     SetResults({E_FAIL, E_FAIL, E_FAIL});
     EXPECT_EQ(FailedStep(Install()), "InstallingDriver");
@@ -384,7 +383,7 @@ TEST_F(InstallFailures, AFailureLeavesOtherProductsAloneAlsoOnAdaptersOfTheSameM
 
 class InstallBalance : public InstallFailures {
 protected:
-    /// What the second of two installations leaves, but for blocks that are not the module's.
+    /// What the second of two installations leaves, except blocks that are not the module's.
     Lines LeftBy(const std::function<void()> &prepare) {
         prepare();
         (void)Install();
@@ -415,8 +414,8 @@ protected:
     }
 
 private:
-    /// What wxWidgets and the compiler's runtime keep for themselves comes from malloc and calloc; the objects and
-    /// strings that they make for the module come from operator new.
+    /// wxWidgets and the compiler's runtime allocate what they keep for themselves with malloc and calloc; the objects
+    /// and strings that they make for the module come from operator new.
     bool IsOfTheModule(const Simulator::BalanceItem &block) const {
         const Simulator::InsideSimulator inside;
         HMODULE module = nullptr;
@@ -430,22 +429,22 @@ private:
     const DWORD m_tests = GetCurrentThreadId();
 };
 
-TEST_F(InstallBalance, NothingStaysOpenBehindAFreshInstallation) {
+TEST_F(InstallBalance, NothingStaysOpenAfterAFreshInstallation) {
     EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
     EXPECT_TRUE(network().Has(L"qbimvta"));
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindAnUpgrade) {
+TEST_F(InstallBalance, NothingStaysOpenAfterAnUpgrade) {
     EXPECT_EQ(LeftBy([this] { PutOldDriver(); }), Lines{});
 }
 
-TEST_F(InstallBalance, NothingStaysOpenWhereThereIsNothingToDo) {
+TEST_F(InstallBalance, NothingStaysOpenWhenThereIsNothingToDo) {
     PutOldDriver();
     EXPECT_EQ(LeftBy([this] { SetRunningVersion(kOurVersion); }), Lines{});
     EXPECT_EQ(CallsOf(kInstall), 0U);
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindAFailedInstallation) {
+TEST_F(InstallBalance, NothingStaysOpenAfterAFailedInstallation) {
     EXPECT_EQ(LeftBy([this] {
                   RemoveFilter();
                   SetResults({E_FAIL, E_FAIL, E_FAIL});
@@ -454,7 +453,7 @@ TEST_F(InstallBalance, NothingStaysOpenBehindAFailedInstallation) {
     EXPECT_FALSE(network().Has(L"qbimvta"));
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindAFailedUpgrade) {
+TEST_F(InstallBalance, NothingStaysOpenAfterAFailedUpgrade) {
     EXPECT_EQ(LeftBy([this] {
                   PutOldDriver();
                   SetResults({E_FAIL, E_FAIL, E_FAIL});
@@ -462,17 +461,17 @@ TEST_F(InstallBalance, NothingStaysOpenBehindAFailedUpgrade) {
               Lines{});
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindAnInstallationOnAnEmbeddedSystem) {
+TEST_F(InstallBalance, NothingStaysOpenAfterAnInstallationOnAnEmbeddedSystem) {
     simulation().GetMachine().suiteMask |= VER_SUITE_EMBEDDEDNT;
     EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindARebindingOfAStaleDriver) {
+TEST_F(InstallBalance, NothingStaysOpenAfterRebindingAStaleDriver) {
     SetVersionAfterInstall(Version{1, 0, 0, 0});
     EXPECT_EQ(LeftBy([this] { RemoveFilter(); }), Lines{});
 }
 
-TEST_F(InstallBalance, NothingStaysOpenBehindCuresOfTheNetwork) {
+TEST_F(InstallBalance, NothingStaysOpenAfterRecoveriesOfTheNetwork) {
     BreakNetworkWhenInstalled();
     EXPECT_EQ(LeftBy([this] {
                   RemoveFilter();
@@ -482,7 +481,7 @@ TEST_F(InstallBalance, NothingStaysOpenBehindCuresOfTheNetwork) {
               Lines{});
 }
 
-TEST_F(InstallBalance, NothingStaysOpenWhereTheWorkerCantBeMade) {
+TEST_F(InstallBalance, NothingStaysOpenWhenTheWorkerCannotBeCreated) {
     EXPECT_EQ(LeftBy([this] {
                   faults().Clear();
                   faults().FailNth("_beginthreadex", 2, EAGAIN);

@@ -46,7 +46,7 @@ protected:
     virtual void Place(const FaultPlace &call) = 0;
     /// Sets the part of a session.
     virtual void PlaceSession(bool withLock) = 0;
-    /// Behind the call.
+    /// After the call.
     virtual void Leave(const FaultPlace &call) { (void)call; }
 
     void Be(Part part, unsigned turn) {
@@ -131,7 +131,7 @@ private:
     void Place(const FaultPlace &call) override {
         if (call.function == "LoadLibraryW" && ++m_libraries == 1 && !m_installs)
             Be(Part::Removal, ++m_removal);
-        if (m_libraries == 0 && !m_installs) {  // behind the last removal
+        if (m_libraries == 0 && !m_installs) {  // after the last removal
             m_installs = true;
             m_removal = 0;
             Be(Part::Callout, 0);
@@ -162,8 +162,8 @@ private:
 
     void Leave(const FaultPlace &call) override { m_libraries -= call.function == "FreeLibrary" ? 1 : 0; }
 
-    int m_libraries = 0;     ///< Loaded at the moment.
-    unsigned m_removal = 0;  ///< The one under way; 0 behind them.
+    int m_libraries = 0;     ///< Currently loaded.
+    unsigned m_removal = 0;  ///< The current one; 0 after the last.
     bool m_installs = false;
 };
 

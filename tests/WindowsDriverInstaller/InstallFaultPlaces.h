@@ -1,4 +1,4 @@
-// The calls of the platform that an installation makes, and what each of them is made for.
+// The calls of the platform that an installation makes, and the purpose of each.
 #pragma once
 
 #include <string>
@@ -17,8 +17,8 @@ struct FaultPlace {
         Workaround,  ///< For interrupts, in the registry.
         Records,     ///< A session with the network configuration that reads the adapters.
         Bindings,    ///< One that binds and unbinds the filter.
-        Network,     ///< The ARP cache and the traffic.
-        Restart,     ///< Adapters that are disabled or enabled.
+        Network,     ///< Clearing the ARP cache and sending the traffic.
+        Restart,     ///< Disabling or enabling adapters.
         Rest,
         // On the worker's thread
         Removal,         ///< Libraries, health-check files and the callout.
@@ -34,24 +34,24 @@ struct FaultPlace {
 
     std::string function;
     unsigned thread = 0;    ///< As fault plans number them: the script's, the watchdog's, the worker's.
-    unsigned nth = 0;       ///< Among the thread's calls of the function; from 1.
-    std::string arguments;  ///< As the journal has them.
+    unsigned nth = 0;       ///< Counted from 1 among the thread's calls of the function.
+    std::string arguments;  ///< As in the journal.
     Part part = Part::Start;
-    /// Of the worker's calls: the number of the removal, 0 behind the last. Otherwise the number among the parts of
-    /// the kind.
+    /// Of the worker's calls: the number of the removal, 0 after the last. Otherwise the number among the parts of the
+    /// kind.
     unsigned turn = 0;
-    unsigned adapter = 0;   ///< How many components the session has asked the enumeration for, with this call.
-    unsigned path = 0;      ///< The same of the adapter's binding paths.
-    unsigned ordinal = 0;   ///< Among the function's calls of the same part, turn, adapter and path; from 1.
-    std::string component;  ///< The one that the session looked for last.
+    unsigned adapter = 0;   ///< How many components the session has asked the enumeration for, including this call.
+    unsigned path = 0;      ///< The same for the adapter's binding paths.
+    unsigned ordinal = 0;   ///< Counted from 1 among the function's calls of the same part, turn, adapter and path.
+    std::string component;  ///< The one that the session searched for last.
 };
 
 [[nodiscard]] const char *NameOf(FaultPlace::Part part);
 /// Such as "watchdog:CloseHandle#3".
 [[nodiscard]] std::string NameOf(const FaultPlace &place);
 
-/// The places of an installation that nothing went wrong in, thread by thread in the order of the calls. Calls without
-/// an order, or without a failure, are left out.
+/// The places of an installation in which nothing failed, by thread in the order of the calls. Calls whose order
+/// varies, or that cannot fail, are left out.
 /// @param caller  the script's thread.
 /// @throws std::logic_error  if there is no watchdog and no worker.
 [[nodiscard]] std::vector<FaultPlace> FaultPlacesOf(const std::vector<Simulator::JournalEntry> &journal, DWORD caller);

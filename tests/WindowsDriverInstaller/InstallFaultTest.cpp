@@ -1,5 +1,4 @@
-// An installation with each call of the platform failing once, at each place, held against rules of what has to come of
-// it.
+// An installation with each call of the platform failing once, at each place, checked against rules for the outcome.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -17,7 +16,7 @@
 #include "CallPlaces.h"
 #include "FaultCodes.h"
 #include "InstallFaultPlaces.h"
-#include "InstallRoads.h"
+#include "InstallScenarios.h"
 #include "InstallRules.h"
 #include "Leftovers.h"
 
@@ -26,7 +25,7 @@ namespace {
 using Part = FaultPlace::Part;
 using std::chrono::steady_clock;
 
-/// The limits of all steps together, in milliseconds.
+/// The sum of the limits of all steps, in milliseconds.
 std::uint64_t AllLimitsMs() {
     std::uint64_t sum = 0;
     for (const auto &[step, limit] : LimitsOfInstallation())
@@ -34,13 +33,13 @@ std::uint64_t AllLimitsMs() {
     return sum;
 }
 
-std::string NameOfPlace(Road road, const InstallFault &fault) {
+std::string NameOfPlace(Scenario scenario, const InstallFault &fault) {
     std::ostringstream name;
-    name << NameOf(road) << ':' << NameOf(*fault.place) << "=0x" << std::hex << fault.code;
+    name << NameOf(scenario) << ':' << NameOf(*fault.place) << "=0x" << std::hex << fault.code;
     return name.str();
 }
 
-/// Without what the system says of an error, and without the worker's log.
+/// Without the system's error text, and without the worker's log.
 std::string PlainInstallEvent(const std::string &event) {
     static const std::regex report(R"(^(3005)\|(.*)\|.+ (\((?:0|0x[0-9a-f]+)\))$)");
     static const std::regex failure(R"(^(1004)\|([^|]*)\|[^]*$)");
@@ -54,7 +53,7 @@ std::string PlainInstallEvent(const std::string &event) {
                                            : std::regex_replace(event, other, "$1 $2");
 }
 
-/// The worker's, in the event that ends an installation.
+/// The worker's log, in the event that ends an installation.
 std::string WorkersLog(const InstallOutcome &installation) {
     for (const int number : {1004, 1007}) {
         for (const std::string &text : installation.EventTexts(number))
@@ -71,7 +70,7 @@ std::vector<std::string> UnwrittenValues(const std::string &log) {
     return names;
 }
 
-/// The steps that a log tells the beginning of and not the end.
+/// The steps that a log begins and does not end.
 std::vector<std::string> OpenSteps(const std::string &log) {
     std::vector<std::string> steps;
     std::istringstream lines(log);
@@ -90,7 +89,7 @@ std::vector<std::string> OpenSteps(const std::string &log) {
     return steps;
 }
 
-/// What the two threads sleep when they do not watch: whoever follows looks each 100 or 250 milliseconds.
+/// What the two threads sleep when they do not poll: pollers sleep 100 or 250 milliseconds.
 std::uint64_t Slept(const std::vector<Simulator::JournalEntry> &journal) {
     std::uint64_t sum = 0;
     for (const Simulator::JournalEntry &entry : journal) {
@@ -100,12 +99,12 @@ std::uint64_t Slept(const std::vector<Simulator::JournalEntry> &journal) {
     return sum;
 }
 
-/// A service gets on when it is asked for its state.
+/// A service makes progress when its state is queried.
 bool ComesToRun(const Simulator::Service &service) {
     return (service.coming.empty() ? service.status : service.coming.back()).state == SERVICE_RUNNING;
 }
 
-/// Whether the module itself, no library on its behalf, has this code.
+/// Whether the module itself, not a library called by it, contains this code.
 bool IsOfModule(const void *code) {
     const Simulator::InsideSimulator inside;
     HMODULE module = nullptr;
@@ -135,32 +134,32 @@ std::string DescribeInstall(const InstallResult &of) {
     return text.str();
 }
 
-class InstallFaults : public InstallRoads {
+class InstallFaults : public InstallScenarios {
 protected:
     void SetUp() override;
 
-    /// Fails each call of the road.
-    void FailEachPlace(Road road);
-    /// Fails those calls that have another purpose, or another outcome, than any that was met before; and all of the
+    /// Fails each call of the scenario.
+    void FailEachPlace(Scenario scenario);
+    /// Fails each call whose purpose or outcome differs from any that was tried before; and all calls of the
     /// installation proper.
-    void FailNewPlaces(Road road);
-    /// What is on that road counts as met.
-    void Meet(Road road);
+    void FailNewPlaces(Scenario scenario);
+    /// Calls of that scenario count as tried.
+    void Meet(Scenario scenario);
     void Tell(const std::string &which) const;
-    InstallResult Run(Road road, const InstallFault &fault);
-    void ExpectToInstallAgain(Road road);
+    InstallResult Run(Scenario scenario, const InstallFault &fault);
+    void ExpectToInstallAgain(Scenario scenario);
     std::vector<Simulator::BalanceItem> Left(const Simulator::BalanceSnapshot &before);
 
 private:
-    /// The function, the part of the installation, what was looked for, and how the installation ends.
+    /// The function, the part of the installation, the component searched for, and the outcome.
     using PlaceKind = std::tuple<std::string, Part, std::string, std::string>;
-    PlaceKind KindOf(Road road, const FaultPlace &place);
+    PlaceKind KindOf(Scenario scenario, const FaultPlace &place);
 
-    /// The calls of a run without a fault, which has to come out as the rules say.
-    std::vector<FaultPlace> PlacesOn(Road road);
-    void FailPlaceByCodes(Road road, const FaultPlace &place);
-    static bool IsWanted(Road road, const InstallFault &fault);
-    void FailPlace(Road road, const InstallFault &fault);
+    /// The calls of a run without a fault, whose outcome must match the rules.
+    std::vector<FaultPlace> PlacesOn(Scenario scenario);
+    void FailPlaceByCodes(Scenario scenario, const FaultPlace &place);
+    static bool IsWanted(Scenario scenario, const InstallFault &fault);
+    void FailPlace(Scenario scenario, const InstallFault &fault);
     void Observe(const InstallOutcome &installation, InstallResult &observed);
     void ObserveMachine(InstallResult &observed);
     [[nodiscard]] InstallFolders Folders();
@@ -173,7 +172,7 @@ private:
 };
 
 void InstallFaults::SetUp() {
-    Take(Road::Upgrade);  // what is loaded once per process is loaded by this
+    Take(Scenario::Upgrade);  // loads what is loaded once per process
     (void)Install();
 }
 
@@ -181,86 +180,87 @@ InstallFolders InstallFaults::Folders() {
     return {NdisFolder().string() + "\\", simulation().GetFolders().Windows().string() + "\\"};
 }
 
-bool InstallFaults::IsWanted(Road road, const InstallFault &fault) {
+bool InstallFaults::IsWanted(Scenario scenario, const InstallFault &fault) {
     const char *const only = std::getenv("FC_FAULT_AT");
-    return only == nullptr || NameOfPlace(road, fault) == only;
+    return only == nullptr || NameOfPlace(scenario, fault) == only;
 }
 
-InstallFaults::PlaceKind InstallFaults::KindOf(Road road, const FaultPlace &place) {
+InstallFaults::PlaceKind InstallFaults::KindOf(Scenario scenario, const FaultPlace &place) {
     const DWORD code = FaultCodesOf(place.function).front();
-    const InstallResult expected = ExpectInstallation(road, {&place, code}, Folders());
+    const InstallResult expected = ExpectInstallation(scenario, {&place, code}, Folders());
     const std::string end = expected.events.empty() ? "" : expected.events.back();
     return {place.function, place.part, place.component,
             (end.starts_with("1007") ? "1007" : end) + " " + std::to_string(expected.reboots)};
 }
 
-std::vector<FaultPlace> InstallFaults::PlacesOn(Road road) {
-    EXPECT_EQ(DescribeInstall(Run(road, {})), DescribeInstall(ExpectInstallation(road, {}, Folders())))
-        << "the road itself is not as expected";
+std::vector<FaultPlace> InstallFaults::PlacesOn(Scenario scenario) {
+    EXPECT_EQ(DescribeInstall(Run(scenario, {})), DescribeInstall(ExpectInstallation(scenario, {}, Folders())))
+        << "the scenario without a fault is not as expected";
     std::vector<FaultPlace> places = FaultPlacesOf(m_journal, GetCurrentThreadId());
-    // Without its event nothing can watch the worker: told apart.
+    // Without its event nothing can watch the worker: a test of its own covers that.
     std::erase_if(places, [](const FaultPlace &place) { return place.function == "CreateEventW"; });
     return places;
 }
 
-void InstallFaults::Meet(Road road) {
-    for (const FaultPlace &place : PlacesOn(road))
-        m_met.insert(KindOf(road, place));
+void InstallFaults::Meet(Scenario scenario) {
+    for (const FaultPlace &place : PlacesOn(scenario))
+        m_met.insert(KindOf(scenario, place));
 }
 
-void InstallFaults::FailEachPlace(Road road) {
-    const std::vector<FaultPlace> places = PlacesOn(road);
+void InstallFaults::FailEachPlace(Scenario scenario) {
+    const std::vector<FaultPlace> places = PlacesOn(scenario);
     ASSERT_FALSE(HasFailure());
     for (const FaultPlace &place : places) {
-        FailPlaceByCodes(road, place);
+        FailPlaceByCodes(scenario, place);
         ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
-            << "too much is wrong";
+            << "too many failures";
     }
 }
 
-void InstallFaults::FailNewPlaces(Road road) {
-    const std::vector<FaultPlace> places = PlacesOn(road);
+void InstallFaults::FailNewPlaces(Scenario scenario) {
+    const std::vector<FaultPlace> places = PlacesOn(scenario);
     ASSERT_FALSE(HasFailure());
     for (const FaultPlace &place : places) {
         const bool isProper = place.part == Part::Installation || place.part == Part::Copying;
-        if (m_met.insert(KindOf(road, place)).second || isProper)
-            FailPlaceByCodes(road, place);
+        if (m_met.insert(KindOf(scenario, place)).second || isProper)
+            FailPlaceByCodes(scenario, place);
         ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
-            << "too much is wrong";
+            << "too many failures";
     }
 }
 
-void InstallFaults::FailPlaceByCodes(Road road, const FaultPlace &place) {
+void InstallFaults::FailPlaceByCodes(Scenario scenario, const FaultPlace &place) {
     std::vector<DWORD> codes = FaultCodesOf(place.function);
     if (place.function == "INetCfg::Apply")
         codes.push_back(S_FALSE);
     for (const DWORD code : codes)
-        FailPlace(road, {&place, code});
+        FailPlace(scenario, {&place, code});
 }
 
-void InstallFaults::FailPlace(Road road, const InstallFault &fault) {
-    if (!IsWanted(road, fault))
+void InstallFaults::FailPlace(Scenario scenario, const InstallFault &fault) {
+    if (!IsWanted(scenario, fault))
         return;
     const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
     SCOPED_TRACE(std::string(NameOf(fault.place->part)) + " " + std::to_string(fault.place->turn) +
-                 "; again with FC_FAULT_AT='" + NameOfPlace(road, fault) + "' --gtest_filter=InstallFaults." + test);
+                 "; again with FC_FAULT_AT='" + NameOfPlace(scenario, fault) + "' --gtest_filter=InstallFaults." +
+                 test);
     ++m_places;
-    const InstallResult observed = Run(road, fault);
-    EXPECT_EQ(DescribeInstall(observed), DescribeInstall(ExpectInstallation(road, fault, Folders())));
+    const InstallResult observed = Run(scenario, fault);
+    EXPECT_EQ(DescribeInstall(observed), DescribeInstall(ExpectInstallation(scenario, fault, Folders())));
     const bool wentWell = !observed.events.empty() && observed.events.back().starts_with("1007") &&
                           observed.left.empty() && !observed.isLocked;
-    if (!wentWell)  // otherwise the next place says so
-        ExpectToInstallAgain(road);
+    if (!wentWell)  // otherwise the next place reports it
+        ExpectToInstallAgain(scenario);
 }
 
-void InstallFaults::ExpectToInstallAgain(Road road) {
-    EXPECT_EQ(DescribeInstall(Run(road, {})), DescribeInstall(ExpectInstallation(road, {}, Folders())))
-        << "the installation behind it";
+void InstallFaults::ExpectToInstallAgain(Scenario scenario) {
+    EXPECT_EQ(DescribeInstall(Run(scenario, {})), DescribeInstall(ExpectInstallation(scenario, {}, Folders())))
+        << "the next installation";
 }
 
-InstallResult InstallFaults::Run(Road road, const InstallFault &fault) {
+InstallResult InstallFaults::Run(Scenario scenario, const InstallFault &fault) {
     ++m_installations;
-    Take(road);
+    Take(scenario);
     (void)log.Take();
     (void)simulation().GetJournal().Take();
     const Simulator::BalanceSnapshot before = balance().Take();
@@ -270,7 +270,7 @@ InstallResult InstallFaults::Run(Road road, const InstallFault &fault) {
             simulation().GetFaults().FailNth(fault.place->function, fault.place->nth, fault.code, fault.place->thread);
     InstallResult observed;
     Observe(Install(), observed);
-    EXPECT_TRUE(!plan || plan->Hits() == 1) << "the fault is not met";
+    EXPECT_TRUE(!plan || plan->Hits() == 1) << "the fault was not hit";
     simulation().GetFaults().Clear();
     m_journal = simulation().GetJournal().Take();
     observed.sleptMs = Slept(m_journal);
@@ -301,7 +301,7 @@ void InstallFaults::ObserveMachine(InstallResult &observed) {
     observed.isDisconnected = FirstAddress() != kFirstAddress;
 }
 
-/// What the installation did not give back. Of memory only what the module asks for itself counts.
+/// What the installation did not release. Of memory only the module's own requests count.
 std::vector<Simulator::BalanceItem> InstallFaults::Left(const Simulator::BalanceSnapshot &before) {
     std::vector<Simulator::BalanceItem> left = Simulator::Balance::Left(before, balance().Take());
     std::erase_if(left, [](const auto &item) {
@@ -311,32 +311,33 @@ std::vector<Simulator::BalanceItem> InstallFaults::Left(const Simulator::Balance
 }
 
 void InstallFaults::Tell(const std::string &which) const {
-    EXPECT_NE(m_places, 0U) << "FC_FAULT_AT names no place of this road";
+    EXPECT_NE(m_places, 0U) << "FC_FAULT_AT names no place of this scenario";
     const auto took = std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - m_begin);
     std::cout << "[  FAULTS  ] " << m_places << " places (function, occurrence, code) " << which << "; "
               << m_installations << " installations in " << took.count() << " s\n";
 }
 
 TEST_F(InstallFaults, OfAFreshInstallationEndAsTheRulesSay) {
-    FailEachPlace(Road::Fresh);
+    FailEachPlace(Scenario::Fresh);
     Tell("of a fresh installation, all of them");
 }
 
 TEST_F(InstallFaults, OfAnUpgradeEndAsTheRulesSay) {
-    FailEachPlace(Road::Upgrade);
+    FailEachPlace(Scenario::Upgrade);
     Tell("of an upgrade, all of them");
 }
 
-TEST_F(InstallFaults, OfTheOtherRoadsEndAsTheRulesSay) {
-    Meet(Road::Fresh);
-    Meet(Road::Upgrade);
-    for (const Road road : {Road::ForcedDowngrade, Road::PartialAfterReboot, Road::Embedded, Road::BrokenNetwork})
-        FailNewPlaces(road);
-    Tell("of the four other roads, those with a purpose or an end that neither has");
+TEST_F(InstallFaults, OfTheOtherScenariosEndAsTheRulesSay) {
+    Meet(Scenario::Fresh);
+    Meet(Scenario::Upgrade);
+    for (const Scenario scenario :
+         {Scenario::ForcedDowngrade, Scenario::PartialAfterReboot, Scenario::Embedded, Scenario::BrokenNetwork})
+        FailNewPlaces(scenario);
+    Tell("of the four other scenarios, those with a new purpose or outcome");
 }
 
-TEST_F(InstallFaults, OfTheFirstRecordsNameTheFailureOfALaterStep) {
-    Take(Road::Fresh);
+TEST_F(InstallFaults, WhileReadingTheFirstRecordsMakeALaterStepReportTheFailure) {
+    Take(Scenario::Fresh);
     const auto first = simulation().GetFaults().FailNth("CoInitializeEx", 1, static_cast<DWORD>(E_ACCESSDENIED));
     const auto second = simulation().GetFaults().FailNth("SetupCopyOEMInfW", 1, ERROR_ACCESS_DENIED);
     const InstallOutcome installation = Install();
@@ -346,8 +347,8 @@ TEST_F(InstallFaults, OfTheFirstRecordsNameTheFailureOfALaterStep) {
     EXPECT_TRUE(installation.EventTexts(1004)[0].starts_with("GettingAdapterInfo|"));
 }
 
-TEST_F(InstallFaults, ToMakeTheWorkersEventKillTheStepThatRunsWhenItIsFirstLookedAt) {
-    Take(Road::Upgrade);
+TEST_F(InstallFaults, ToCreateTheWorkersEventKillTheStepThatRunsAtTheFirstPoll) {
+    Take(Scenario::Upgrade);
     const Simulator::BalanceSnapshot before = balance().Take();
     const auto create = simulation().GetFaults().FailNth("CreateEventW", 1, ERROR_NOT_ENOUGH_MEMORY);
     const auto hung = simulation().GetFaults().HangNth("INetCfgClassSetup::DeInstall", 1);
@@ -355,7 +356,7 @@ TEST_F(InstallFaults, ToMakeTheWorkersEventKillTheStepThatRunsWhenItIsFirstLooke
     const InstallOutcome installation = InstallWhile([&] {
         EXPECT_TRUE(hung->WaitUntilHit(kPatienceMs));
         simulation().GetClock().Step(Simulator::Clock::AutoAdvance::Sleeps);
-        AdvanceSeconds(1);  // to the end of the watchdog's sleep before its first look
+        AdvanceSeconds(1);  // to the end of the watchdog's sleep before its first poll
     });
     EXPECT_TRUE(create->Hit());
     EXPECT_TRUE(installation.result);
@@ -365,7 +366,7 @@ TEST_F(InstallFaults, ToMakeTheWorkersEventKillTheStepThatRunsWhenItIsFirstLooke
     EXPECT_EQ(Bindings(), (std::array{true, false, false}));
     simulation().GetFaults().Clear();
     (void)TakeBack(Left(before));
-    ExpectToInstallAgain(Road::Upgrade);
+    ExpectToInstallAgain(Scenario::Upgrade);
 }
 
 }  // namespace

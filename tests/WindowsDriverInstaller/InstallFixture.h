@@ -1,4 +1,4 @@
-// A test with a machine that has adapters, and the files of both drivers.
+// A machine that has adapters, and the files of both drivers.
 #pragma once
 
 #include <gtest/gtest.h>

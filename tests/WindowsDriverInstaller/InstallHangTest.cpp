@@ -1,4 +1,4 @@
-// An installation hung in each of its calls: the watchdog notices a worker that hangs when the time of its step has
+// An installation hung in each of its calls: the watchdog notices a worker that hangs when the limit of its step has
 // passed and not before, the caller notices a watchdog that hangs after an hour, and the next installation works.
 #include <algorithm>
 #include <array>
@@ -23,11 +23,11 @@ constexpr int kUpgraded = 1005;
 constexpr int kInstalled = 1007;
 constexpr int kCallFailed = 3005;
 
-/// What the watchdog's look at the network takes: its sleeps, when all is well, and when both cures are tried.
+/// How long the watchdog's check of the network takes: its sleeps, if all is well, and if both recoveries are tried.
 constexpr std::uint64_t kHealthyCheckMs = 4'000;
 constexpr std::uint64_t kUnhealthyCheckMs = 17'000;
 
-/// Without the event of the worker's object, which its watchdog closes.
+/// Except the event of the worker's object, which its watchdog closes.
 std::multiset<std::pair<std::string, std::uintptr_t>> ThingsIn(const std::vector<Simulator::BalanceItem> &items) {
     std::multiset<std::pair<std::string, std::uintptr_t>> things;
     for (const Simulator::BalanceItem &item : items) {
@@ -51,13 +51,13 @@ std::vector<int> NumbersIn(const std::vector<TimedEvent> &events) {
     return numbers;
 }
 
-std::string VersionsOn(Road road) {
-    switch (road) {
-        case Road::Upgrade:
+std::string VersionsOn(Scenario scenario) {
+    switch (scenario) {
+        case Scenario::Upgrade:
             return "1.2.3.4|2.0.0.0|";
-        case Road::ForcedDowngrade:
+        case Scenario::ForcedDowngrade:
             return "2.0.0.1|2.0.0.0|";
-        case Road::PartialAfterReboot:
+        case Scenario::PartialAfterReboot:
             return "2.0.0.0|2.0.0.0|";
         default:
             return "0.0.0.0|2.0.0.0|";
@@ -68,7 +68,7 @@ std::string StepOf(const InstallPlace &place) {
     return place.thread == InstallPlace::Thread::Worker ? place.step : "the watchdog";
 }
 
-/// Where a call belongs, for roads of which only what is new is tried.
+/// Where a call belongs, for scenarios of which only new calls are tried.
 std::string KeyOf(const InstallPlace &place) {
     return place.function + " in " + StepOf(place);
 }
@@ -77,31 +77,31 @@ class InstallHang : public HungInstall {
 protected:
     void SetUp() override {
         hung.LoadNoModulesForStacks();
-        // What the first walk over a stack loads stays for good.
-        const std::vector<InstallPlace> places = InstallOn(Road::Fresh).places;
+        // What the first stack walk loads stays for good.
+        const std::vector<InstallPlace> places = InstallOn(Scenario::Fresh).places;
         const auto first = std::find_if(places.begin(), places.end(),
                                         [](const InstallPlace &place) { return place.step == "GettingInetCfg"; });
         ASSERT_NE(first, places.end());
-        Take(Road::Fresh);
+        Take(Scenario::Fresh);
         hung.ClearAway(HangAt(*first).left);
     }
 
     /// Hangs each call of an installation.
-    void HangEachCallOn(Road road) { HangCallsOn(road, {}, "calls"); }
+    void HangEachCallOn(Scenario scenario) { HangCallsOn(scenario, {}, "calls"); }
 
-    /// Hangs each call that no road before this one has in the same step, and the first one of each step.
-    void HangNewCallsOn(Road road) {
+    /// Hangs each call that no earlier scenario makes in the same step, and the first one of each step.
+    void HangNewCallsOn(Scenario scenario) {
         std::set<std::string> known;
-        for (const Road other : kRoads) {
-            if (other == road)
+        for (const Scenario other : kScenarios) {
+            if (other == scenario)
                 break;
             for (const InstallPlace &place : InstallOn(other).places)
                 known.insert(KeyOf(place));
         }
-        HangCallsOn(road, known, "calls, the first one of each step and those that no road before has,");
+        HangCallsOn(scenario, known, "calls, the first one of each step and those that no earlier scenario has,");
     }
 
-    /// The steps in which the worker of the last road's installation makes calls.
+    /// The steps in which the worker of the last scenario's installation makes calls.
     [[nodiscard]] std::set<std::string> WorkersSteps() const {
         std::set<std::string> steps;
         for (const InstallPlace &place : m_good.places) {
@@ -110,7 +110,7 @@ protected:
         }
         return steps;
     }
-    /// Those of the functions that the watchdog of that installation does not call.
+    /// Those functions that the watchdog of that installation does not call.
     [[nodiscard]] std::set<std::string> WatchdogLacks(std::set<std::string> functions) const {
         for (const InstallPlace &place : m_good.places) {
             if (place.thread == InstallPlace::Thread::Watchdog)
@@ -120,9 +120,9 @@ protected:
     }
 
 private:
-    void HangCallsOn(Road road, const std::set<std::string> &known, const std::string &which) {
-        m_road = road;
-        m_good = InstallOn(road);
+    void HangCallsOn(Scenario scenario, const std::set<std::string> &known, const std::string &which) {
+        m_scenario = scenario;
+        m_good = InstallOn(scenario);
         const std::vector<InstallPlace> &places = m_good.places;
         ASSERT_FALSE(places.empty());
         std::set<std::string> steps;
@@ -132,10 +132,10 @@ private:
                 continue;
             SCOPED_TRACE(KeyOf(places[i]) + ", no. " + std::to_string(places[i].nth) + "; " +
                          HangReport::HowToRepeat(i));
-            Take(road);
+            Take(scenario);
             Try(places[i]);
         }
-        m_report.Tell(places.size(), which + " of an installation (" + NameOf(road) +
+        m_report.Tell(places.size(), which + " of an installation (" + NameOf(scenario) +
                                          "), each noticed in the millisecond in which its time was up");
     }
 
@@ -161,7 +161,7 @@ private:
 
     void ExpectWorkerNoticed(const InstallPlace &place, const HungOutcome &outcome) {
         const bool letGo = place.step == "ThreadRunning";
-        const bool unhealthy = m_road == Road::BrokenNetwork && place.installed;
+        const bool unhealthy = m_scenario == Scenario::BrokenNetwork && place.installed;
         EXPECT_TRUE(outcome.waitedToTheEnd);
         EXPECT_TRUE(outcome.installation.result);
         EXPECT_EQ(outcome.answeredAtMs, place.deadlineMs + (unhealthy ? kUnhealthyCheckMs : kHealthyCheckMs));
@@ -179,7 +179,7 @@ private:
             ExpectLetGo(outcome);
     }
 
-    /// The clock moves in leaps, so the caller may look late.
+    /// The clock moves in leaps, so the caller may poll late.
     static void ExpectWarningOfLongStep(const InstallPlace &place, const HungOutcome &outcome) {
         const Strings warnings = outcome.installation.Lines(wxLOG_Warning);
         ASSERT_EQ(warnings.size(), LimitsOfInstallation().at(place.step) > 60'000 ? 1U : 0U);
@@ -187,37 +187,37 @@ private:
             EXPECT_TRUE(warning.starts_with("Installer thread has not made any progress in the last ")) << warning;
     }
 
-    /// The watchdog's own changes of bindings take the write lock over from a worker that is not killed, and give it
-    /// back.
+    /// When the watchdog itself changes bindings, it takes the write lock over from a worker that is not killed, and
+    /// releases it.
     [[nodiscard]] bool LosesLock(const InstallPlace &place) const {
-        return place.holdsLock && (IsUpgrade(m_road) ? place.succeeded : place.installed);
+        return place.holdsLock && (IsUpgrade(m_scenario) ? place.succeeded : place.installed);
     }
 
-    /// One event tells the end, in the moment in which the time is up, with all that the worker had logged.
+    /// One event reports the outcome, at the moment of the deadline, with everything that the worker had logged.
     void ExpectEventsOfWorker(const InstallPlace &place, const HungOutcome &outcome, bool succeeded) {
-        std::vector<int> numbers = m_road == Road::Upgrade ? std::vector{kUpgraded} : std::vector<int>{};
+        std::vector<int> numbers = m_scenario == Scenario::Upgrade ? std::vector{kUpgraded} : std::vector<int>{};
         numbers.push_back(succeeded ? kInstalled : kFailed);
         ASSERT_EQ(NumbersIn(outcome.events), numbers);
         EXPECT_EQ(outcome.events.back().atMs, place.deadlineMs);
         const std::string step = place.step == "ThreadRunning" ? "<UnknownStep>" : place.step;
-        std::string text = succeeded ? VersionsOn(m_road) : step + "|";
+        std::string text = succeeded ? VersionsOn(m_scenario) : step + "|";
         for (std::size_t i = 0; i < place.lines; ++i)
             text += m_good.workersLines.at(i) + "\n";
         EXPECT_EQ(outcome.installation.EventTexts(numbers.back()), Strings{text});
     }
 
-    /// Without an upgrade the third adapter is unbound whatever came of the work. After one the bindings are put back,
-    /// but only if it succeeded.
+    /// Without an upgrade the third adapter is unbound whatever the outcome. After one the bindings are restored, but
+    /// only if it succeeded.
     [[nodiscard]] Bound BindingsWhenNoticed(const InstallPlace &place, bool succeeded) const {
-        const bool hadDriver = IsUpgrade(m_road) || m_road == Road::PartialAfterReboot;
+        const bool hadDriver = IsUpgrade(m_scenario) || m_scenario == Scenario::PartialAfterReboot;
         if (place.installed)
-            return IsUpgrade(m_road) && !succeeded ? Bound{true, true, true} : BindingsAfter(m_road);
+            return IsUpgrade(m_scenario) && !succeeded ? Bound{true, true, true} : BindingsAfter(m_scenario);
         if (hadDriver && !place.removed)
-            return BindingsAfter(m_road);
+            return BindingsAfter(m_scenario);
         return {};
     }
 
-    /// Of COM's references the journal does not tell the end.
+    /// The journal does not show the release of COM references.
     static void ExpectInFlight(const InstallPlace &place, const HungOutcome &outcome) {
         for (const std::string_view kind : KindsInJournals()) {
             const auto open = place.open.find(std::string(kind));
@@ -229,7 +229,7 @@ private:
         }
     }
 
-    /// The write lock of a killed thread stays until the next who writes has taken it over, and given it back.
+    /// The write lock of a killed thread is held until the next writer has taken it over and released it.
     void ExpectKilled(const InstallPlace &place, const HungOutcome &outcome) {
         const Strings stacks = StacksIn(outcome.installation.log);
         ASSERT_EQ(stacks.size(), 1U);
@@ -237,11 +237,11 @@ private:
         EXPECT_TRUE(stacks[0].starts_with("Stack trace:\n[00] ")) << stacks[0];
         EXPECT_EQ(ThingsIn(outcome.left), ThingsIn(outcome.inFlight));
         EXPECT_EQ(outcome.left.size(), outcome.inFlight.size() - 1);
-        const bool unbinds = place.installed && !IsUpgrade(m_road);
+        const bool unbinds = place.installed && !IsUpgrade(m_scenario);
         EXPECT_EQ(outcome.holdsLock, place.holdsLock && !unbinds);
     }
 
-    /// The worker has done the rest of the work when its call was let go.
+    /// The worker did the rest of the work when its call was released.
     void ExpectLetGo(const HungOutcome &outcome) {
         EXPECT_EQ(outcome.installation.events.size(), outcome.events.size());
         EXPECT_EQ(StacksIn(outcome.installation.log), Strings{});
@@ -259,7 +259,7 @@ private:
         EXPECT_EQ(outcome.installation.events.size(), outcome.events.size() + failures);
     }
 
-    /// The watchdog has done the rest when its call was let go.
+    /// The watchdog did the rest when its call was released.
     void ExpectWatchdogNoticed(const HungOutcome &outcome) {
         EXPECT_TRUE(outcome.waitedToTheEnd);
         EXPECT_FALSE(outcome.installation.result);
@@ -272,25 +272,25 @@ private:
         EXPECT_TRUE(stalls[0].starts_with("OverallInstall|[00] ")) << stalls[0];
         EXPECT_EQ(outcome.installation.Lines(wxLOG_Warning),
                   Strings{"Installer thread has not made any progress in the last 3600 seconds."});
-        EXPECT_EQ(outcome.installation.notifications.size(), m_road == Road::BrokenNetwork ? 2U : 1U);
+        EXPECT_EQ(outcome.installation.notifications.size(), m_scenario == Scenario::BrokenNetwork ? 2U : 1U);
         EXPECT_TRUE(outcome.installation.AskedForReboot());
         ExpectTheRestIsDone(outcome, 1);
     }
 
     void ExpectAnsweredBeforehand(const HungOutcome &outcome) {
         EXPECT_TRUE(outcome.installation.result);
-        EXPECT_EQ(outcome.installation.notifications.size(), m_road == Road::BrokenNetwork ? 1U : 0U);
+        EXPECT_EQ(outcome.installation.notifications.size(), m_scenario == Scenario::BrokenNetwork ? 1U : 0U);
         ExpectTheRestIsDone(outcome, 0);
     }
 
-    /// @param stalls  events beside those of an installation that ends well.
+    /// @param stalls  events in addition to those of a successful installation.
     void ExpectTheRestIsDone(const HungOutcome &outcome, std::size_t stalls) {
         EXPECT_FALSE(outcome.killed);
         EXPECT_EQ(outcome.installation.events.size(), m_good.installation.events.size() + stalls);
         EXPECT_EQ(outcome.installation.EventTexts(kInstalled), m_good.installation.EventTexts(kInstalled));
         EXPECT_EQ(StacksIn(outcome.installation.log), Strings{});
         EXPECT_EQ(MakersOf(outcome.left), Strings{});
-        EXPECT_EQ(Bindings(), BindingsAfter(m_road));
+        EXPECT_EQ(Bindings(), BindingsAfter(m_scenario));
         ExpectAllIsThere();
     }
 
@@ -302,26 +302,26 @@ private:
     }
 
     void ExpectTheNextOneWorks() {
-        Take(m_road);
+        Take(m_scenario);
         const int objects = VtaCore::Control::LiveObjects();
         const Simulator::BalanceSnapshot before = balance().Take();
         const InstallOutcome next = Install();
         EXPECT_TRUE(next.result);
         EXPECT_TRUE(HungCall::AwaitObjects(objects, before));
         EXPECT_EQ(next.events, m_good.installation.events);
-        EXPECT_EQ(Bindings(), BindingsAfter(m_road));
-        EXPECT_EQ(next.AskedForReboot(), m_road == Road::BrokenNetwork);
+        EXPECT_EQ(Bindings(), BindingsAfter(m_scenario));
+        EXPECT_EQ(next.AskedForReboot(), m_scenario == Scenario::BrokenNetwork);
         EXPECT_EQ(MakersOf(NewThings(before)), Strings{});
         ExpectAllIsThere();
     }
 
-    Road m_road = Road::Fresh;
+    Scenario m_scenario = Scenario::Fresh;
     GoodInstall m_good;
     HangReport m_report;
 };
 
-TEST_F(InstallHang, IsNoticedInTimeInEachCallWithoutADriverBefore) {
-    HangEachCallOn(Road::Fresh);
+TEST_F(InstallHang, IsNoticedInTimeInEachCallOfAFreshInstallation) {
+    HangEachCallOn(Scenario::Fresh);
     EXPECT_EQ(WatchdogLacks({"vti_open", "GetFileVersionInfoW", "_beginthreadex", "RegSetValueExW", "GetAdaptersInfo",
                              "DeviceIoControl", "INetCfgBindingPath::Enable", "INetCfg::Apply", "GetIpNetTable",
                              "DeleteIpNetEntry", "SendARP", "Sleep(2000)"}),
@@ -329,7 +329,7 @@ TEST_F(InstallHang, IsNoticedInTimeInEachCallWithoutADriverBefore) {
 }
 
 TEST_F(InstallHang, IsNoticedInTimeInEachCallOfAnUpgrade) {
-    HangEachCallOn(Road::Upgrade);
+    HangEachCallOn(Scenario::Upgrade);
     std::set<std::string> steps{"GettingAdapterInfo"};  // the watchdog's
     steps.merge(WorkersSteps());
     std::set<std::string> all;
@@ -340,19 +340,19 @@ TEST_F(InstallHang, IsNoticedInTimeInEachCallOfAnUpgrade) {
 }
 
 TEST_F(InstallHang, IsNoticedInTimeInNewCallsOfAForcedDowngrade) {
-    HangNewCallsOn(Road::ForcedDowngrade);
+    HangNewCallsOn(Scenario::ForcedDowngrade);
 }
 
 TEST_F(InstallHang, IsNoticedInTimeInNewCallsAfterAPartialInstallation) {
-    HangNewCallsOn(Road::PartialAfterReboot);
+    HangNewCallsOn(Scenario::PartialAfterReboot);
 }
 
 TEST_F(InstallHang, IsNoticedInTimeInNewCallsOnAnEmbeddedSystem) {
-    HangNewCallsOn(Road::Embedded);
+    HangNewCallsOn(Scenario::Embedded);
 }
 
 TEST_F(InstallHang, IsNoticedInTimeInNewCallsOnABrokenNetwork) {
-    HangNewCallsOn(Road::BrokenNetwork);
+    HangNewCallsOn(Scenario::BrokenNetwork);
     EXPECT_EQ(WatchdogLacks({"SetupDiGetClassDevsW", "SetupDiCallClassInstaller", "Sleep(1000)"}),
               std::set<std::string>{});
 }

@@ -54,7 +54,7 @@ std::string InstallMachine::WorkerLog(const InstallOutcome &outcome) {
     const Lines succeeded = outcome.EventTexts(1007);
     const Lines failed = outcome.EventTexts(1004);
     if (succeeded.size() + failed.size() != 1) {
-        ADD_FAILURE() << "There is not just one event of the outcome.";
+        ADD_FAILURE() << "There is not exactly one event of the outcome.";
         return {};
     }
     const std::string text = succeeded.empty() ? failed[0] : succeeded[0].substr(succeeded[0].find('|') + 1);
@@ -135,17 +135,17 @@ void InstallMachine::KeepComponentOnRemoval(HRESULT deInstallResult) {
     });
 }
 
-std::size_t InstallMachine::Looks() {
+std::size_t InstallMachine::Polls() {
     const auto calls = simulation().GetJournal().Entries();
     return static_cast<std::size_t>(std::count_if(calls.begin(), calls.end(), [this](const auto &call) {
         return call.thread == m_caller && call.function == "Sleep" && call.arguments == "250";
     }));
 }
 
-bool InstallMachine::AwaitLooks(unsigned looks) {
-    // The sleep that is under way began before: the look behind it is the first that counts.
-    const std::size_t enough = Looks() + looks + 1;
-    return Await(kPatienceMs, [this, enough] { return returned || Looks() >= enough; }) && !returned;
+bool InstallMachine::AwaitPolls(unsigned polls) {
+    // The current sleep began before: the poll after it is the first that counts.
+    const std::size_t enough = Polls() + polls + 1;
+    return Await(kPatienceMs, [this, enough] { return returned || Polls() >= enough; }) && !returned;
 }
 
 bool InstallMachine::AwaitReturn() {
@@ -158,7 +158,7 @@ void InstallMachine::AdvanceMs(std::int64_t milliseconds) {
 }
 
 void InstallMachine::PassTime(std::int64_t milliseconds, std::uint64_t leapMs) {
-    (void)m_sight.AdvanceTo(clock().TickMs() + static_cast<std::uint64_t>(milliseconds), leapMs, returned);
+    (void)m_watcherClock.AdvanceTo(clock().TickMs() + static_cast<std::uint64_t>(milliseconds), leapMs, returned);
 }
 
 InstallOutcome InstallMachine::InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds) {
@@ -167,7 +167,7 @@ InstallOutcome InstallMachine::InstallHungIn(const std::string &function, unsign
 
 InstallOutcome InstallMachine::InstallHungBy(const FaultPlan &plan, std::int64_t milliseconds) {
     InstallOutcome outcome = InstallWhile([&] {
-        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs)) << "the call that is to hang never comes";
+        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs)) << "the call that should hang is never made";
         PassTime(milliseconds);
         EXPECT_TRUE(AwaitReturn());
         plan->Release();

@@ -1,5 +1,5 @@
-// What tests of the installation have in common: texts of logs and reports, sights of the caller, and networks that
-// change while something is installed.
+// What tests of the installation share: texts of logs and reports, the caller's polls, and networks that change during
+// an installation.
 #pragma once
 
 #include <functional>
@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "InstallFixture.h"
-#include "WatcherSight.h"
+#include "WatcherClock.h"
 
-/// Is told of each event as it is sent, on the thread that sends it.
+/// Called for each event as it is sent, on the thread that sends it.
 class EventObserver : public VtaCore::Control::Observer {
 public:
     explicit EventObserver(std::function<void(const VtaCore::Control::Event &)> onEvent);
@@ -34,16 +34,16 @@ protected:
     [[nodiscard]] Simulator::Faults &faults() { return simulation().GetFaults(); }
     [[nodiscard]] Simulator::Clock &clock() { return simulation().GetClock(); }
 
-    /// How an event 3005 tells of a failed call.
+    /// How an event 3005 reports a failed call.
     [[nodiscard]] static std::string Report(const std::string &call, unsigned long code);
-    /// What event 1004 or 1007 has of the worker's log, with <folder> for the system's folders, and <address> or
-    /// <null> for addresses; behind the versions, or behind the step.
+    /// What event 1004 or 1007 contains of the worker's log, with <folder> for the system's folders, and <address> or
+    /// <null> for addresses; after the versions, or after the step.
     [[nodiscard]] std::string WorkerLog(const InstallOutcome &outcome);
-    /// The lines of the thread log that the watchdog writes, in the same way.
+    /// The lines of the thread log that the watchdog writes, in the same form.
     [[nodiscard]] std::string WatchdogLog(const InstallOutcome &outcome);
-    /// The step that event 1004 names; empty unless there is just one such event, and none of a success.
+    /// The step that event 1004 names; empty unless there is exactly one such event, and none of a success.
     [[nodiscard]] static std::string FailedStep(const InstallOutcome &outcome);
-    /// Whether there is just the event of a success, and none of a failure.
+    /// Whether there is exactly one event of a success, and none of a failure.
     [[nodiscard]] static bool Succeeded(const InstallOutcome &outcome);
     [[nodiscard]] static bool Has(const Lines &lines, const std::string &line);
     [[nodiscard]] static std::size_t Count(const std::string &text, const std::string &part);
@@ -54,33 +54,33 @@ protected:
     [[nodiscard]] std::size_t Removals(const InstallOutcome &outcome);
     [[nodiscard]] std::string SystemFile();
 
-    /// The adapters lose their connection as soon as the filter is installed, for good.
+    /// The adapters lose their connection for good as soon as the filter is installed.
     void BreakNetworkWhenInstalled();
     void TakeAllAdaptersOffline();
-    /// The removal leaves the filter's component.
+    /// The removal does not remove the filter's component.
     void KeepComponentOnRemoval(HRESULT deInstallResult = S_OK);
 
     // For `meanwhile`:
 
-    /// Until the caller has looked at the watchdog so many more times.
-    [[nodiscard]] bool AwaitLooks(unsigned looks = 3);
+    /// Until the caller has polled the watchdog so many more times.
+    [[nodiscard]] bool AwaitPolls(unsigned polls = 3);
     [[nodiscard]] bool AwaitReturn();
     /// Until the watchdog waits for the worker.
-    [[nodiscard]] bool AwaitWait() { return m_sight.AwaitWait(returned); }
-    /// Between two looks of the caller.
+    [[nodiscard]] bool AwaitWait() { return m_watcherClock.AwaitWait(returned); }
+    /// Between two polls of the caller.
     void AdvanceMs(std::int64_t milliseconds);
-    /// The same in leaps, with a poll of the worker by the watchdog behind each.
+    /// The same in leaps, with a poll of the worker by the watchdog after each.
     void PassTime(std::int64_t milliseconds, std::uint64_t leapMs = 50'000);
 
-    /// The call hangs until the time is up: so long behind the moment of the hang.
+    /// The call hangs until the given time after the moment of the hang.
     InstallOutcome InstallHungIn(const std::string &function, unsigned nth, std::int64_t milliseconds);
-    /// The same by a plan that was made before.
+    /// The same with a plan that was made before.
     InstallOutcome InstallHungBy(const FaultPlan &plan, std::int64_t milliseconds);
 
 private:
-    [[nodiscard]] std::size_t Looks();
+    [[nodiscard]] std::size_t Polls();
     [[nodiscard]] std::string Plain(const std::string &line);
 
-    WatcherSight m_sight{simulation()};
+    WatcherClock m_watcherClock{simulation()};
     const DWORD m_caller = GetCurrentThreadId();
 };

@@ -22,16 +22,16 @@ std::size_t LastWaitOf(const std::vector<JournalEntry> &journal, DWORD thread) {
     throw std::logic_error("the watchdog has never waited");
 }
 
-/// What the watchdog's sleeps tell of its heartbeats. All other calls have one shortly before them.
+/// What the watchdog's sleeps say about its heartbeats. All other calls follow one closely.
 class Heartbeats {
 public:
     /// From the last heartbeat to the call's beginning.
     std::uint64_t BeforeCall(const std::string &name) {
         if (name == kSleepOfCheck && m_lastSleep == kSleepOfRebinding)
-            m_sinceMs = 0;  // the second cure begins with one
+            m_sinceMs = 0;  // the second recovery begins with one
         const std::uint64_t before = m_sinceMs;
         if (name == kSleepOfCheck || name == kSleepOfRebinding) {
-            // The check begins with one, behind the first of its sleeps.
+            // The check begins with one, after the first of its sleeps.
             m_sinceMs = m_lastSleep.empty() ? 0 : before + (name == kSleepOfCheck ? 2'000 : 1'000);
             m_lastSleep = name;
         }
@@ -73,7 +73,7 @@ bool HasCallBefore(const std::vector<JournalEntry> &journal, const std::string &
                        [&function](const JournalEntry &call) { return call.function == function; });
 }
 
-/// A removal ends by giving back the library for INF files, which it holds all the time.
+/// A removal ends by freeing the setup library, which it holds all the time.
 bool EndsARemoval(const Place &place) {
     const auto libraries = place.open.find(Simulator::Kind::kLibrary);
     return place.function == "FreeLibrary" && libraries != place.open.end() && libraries->second == 1;
@@ -102,7 +102,7 @@ InstallThreads ThreadsOf(const std::vector<JournalEntry> &journal, DWORD caller)
     for (const JournalEntry &entry : journal) {
         if (entry.thread == caller || entry.thread == threads.watchdog)
             continue;
-        // Of the thread that would resume a paused one these are the only calls.
+        // The thread that would resume a paused one makes only these calls.
         if (entry.function == "SetEvent" || entry.function == kWaits)
             continue;
         if (threads.watchdog != 0)
@@ -125,7 +125,7 @@ std::vector<InstallPlace> PlacesOfInstallation(const std::vector<JournalEntry> &
     const InstallThreads threads = ThreadsOf(journal, caller);
     if (threads.worker == 0)
         throw std::logic_error("nothing was installed");
-    workersLines.emplace_back("<ThreadRunning");  // to the log of all, since it comes behind the work
+    workersLines.emplace_back("<ThreadRunning");  // counts for the whole log, since it comes after the work
     std::vector<InstallPlace> places = PlacesOfWatchdog(journal, threads);
     for (const InstallPlace &place : PlacesOfWorker(journal, threads.worker, workersLines))
         places.push_back(place);

@@ -1,4 +1,4 @@
-// The calls that the threads of an installation make, and what hangs on each of them.
+// The calls that the threads of an installation make, and what depends on each of them.
 #pragma once
 
 #include <cstdint>
@@ -7,24 +7,25 @@
 
 #include "CallPlaces.h"
 
-/// A call of an installation. The fields of Place beyond function, number and step are those of the worker's calls.
+/// A call of an installation. The fields of Place other than function, number and step are set for the worker's calls
+/// only.
 struct InstallPlace : Place {
     enum class Thread {
         Worker,
         Watchdog,       ///< While the script waits for it.
-        EndedWatchdog,  ///< When it has said that it is done.
+        EndedWatchdog,  ///< When it has signalled its end.
     };
     Thread thread = Thread::Worker;
-    // Of the worker's:
-    bool succeeded = false;  ///< Whether the part of the work that told its success last did succeed.
-    bool removed = false;    ///< Whether the component that was there has gone.
-    bool installed = false;  ///< Whether the new one is there.
-    // Of the watchdog's:
+    // The worker's:
+    bool succeeded = false;  ///< Whether the part of the work that last reported its result succeeded.
+    bool removed = false;    ///< Whether the component that was present is gone.
+    bool installed = false;  ///< Whether the new one is present.
+    // The watchdog's:
     bool beforeWork = false;             ///< Whether the worker has not begun.
-    std::uint64_t sinceHeartbeatMs = 0;  ///< By the clock.
+    std::uint64_t sinceHeartbeatMs = 0;  ///< By the simulated clock.
 };
 
-/// The two threads in a journal of an installation; 0 if there is none.
+/// The two threads in the journal of an installation; 0 if there is none.
 struct InstallThreads {
     DWORD watchdog = 0;
     DWORD worker = 0;
@@ -35,8 +36,8 @@ struct InstallThreads {
 /// The lines of the text of event 1007, which are the worker's.
 [[nodiscard]] std::vector<std::string> WorkersLines(const std::string &eventText);
 
-/// The calls of an installation that ended well, in their order. Left out are those that cannot hang, and the waits and
-/// sleeps with which the watchdog follows the worker.
+/// The calls of a successful installation, in order. Left out are those that cannot hang, and the waits and sleeps with
+/// which the watchdog polls the worker.
 /// @param workersLines  all that the worker logged to the event.
 /// @throws std::logic_error  if the journal is of another kind.
 [[nodiscard]] std::vector<InstallPlace> PlacesOfInstallation(const std::vector<Simulator::JournalEntry> &journal,

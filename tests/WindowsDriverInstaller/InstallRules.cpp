@@ -9,6 +9,8 @@
 
 #include <netcfgx.h>
 
+#include "Leftovers.h"
+
 namespace {
 
 using Part = FaultPlace::Part;
@@ -19,8 +21,8 @@ constexpr char kUnknownStep[] = "<UnknownStep>";
 /// What a session read of an adapter.
 struct ReadAdapter {
     std::size_t number = 0;  ///< From 0.
-    bool node = true;        ///< What names it for bindings is known,
-    bool name = true;        ///< and for its device.
+    bool node = true;        ///< Its name for bindings is known,
+    bool name = true;        ///< and its name for the device.
     bool mac = true;
     bool ip = false;      ///< Bound to TCP/IP,
     bool filter = false;  ///< and to the filter.
@@ -29,8 +31,8 @@ struct ReadAdapter {
     bool gateway = false;
 };
 using ReadAdapters = std::vector<ReadAdapter>;
-/// What is wanted of each adapter's binding; nothing: let it be.
-using Wishes = std::array<std::optional<bool>, kAdapters>;
+/// The wanted state of each adapter's binding; empty: leave it.
+using WantedBindings = std::array<std::optional<bool>, kAdapters>;
 
 std::string HexCode(DWORD code) {
     char text[16];
@@ -90,8 +92,8 @@ bool GotWorse(const ReadAdapter &before, const ReadAdapter &now) {
 
 class Rules {
 public:
-    Rules(Road road, const InstallFault &fault, const InstallFolders &folders)
-        : m_road(road), m_fault(fault), m_folders(folders) {}
+    Rules(Scenario scenario, const InstallFault &fault, const InstallFolders &folders)
+        : m_scenario(scenario), m_fault(fault), m_folders(folders) {}
 
     InstallResult Apply();
 
@@ -132,12 +134,12 @@ private:
     ReadAdapters ReadAll();
     void SpoilAll(ReadAdapters &adapters) const;
     void SpoilOne(ReadAdapters &adapters) const;
-    static Wishes ByRecords(const ReadAdapters &adapters, bool useIp);
-    bool Bind(const Wishes &wishes);
+    static WantedBindings ByRecords(const ReadAdapters &adapters, bool useIp);
+    bool Bind(const WantedBindings &wanted);
     [[nodiscard]] bool Reaches(std::size_t number) const;
     [[nodiscard]] static unsigned FilterPath(std::size_t number) { return number < 2 ? 2 : 1; }
 
-    const Road m_road;
+    const Scenario m_scenario;
     const InstallFault m_fault;
     const InstallFolders m_folders;
     InstallResult m;
@@ -162,14 +164,14 @@ bool Rules::IsNth(std::string_view function, unsigned ordinal) const {
     return Is({function}) && m_fault.place->ordinal == ordinal;
 }
 
-/// Whether the session that the fault is in comes to nothing.
+/// Whether the session with the fault fails as a whole.
 bool Rules::StopsAcquiring() const {
     if (Is({"CoInitializeEx"}))
         return m_fault.code != static_cast<DWORD>(RPC_E_CHANGED_MODE);
     return Is({"CoCreateInstance", "INetCfgLock::AcquireWriteLock", "INetCfg::Initialize"}) || IsQueryForLock(true);
 }
 
-/// Each session with the write lock asks for its interface at its beginning and at its end.
+/// Each session with the write lock queries for its interface at its beginning and at its end.
 bool Rules::IsQueryForLock(bool first) const {
     return Is({"INetCfg::QueryInterface"}) && (m_fault.place->adapter == 0 && m_fault.place->ordinal == 1) == first;
 }
@@ -178,7 +180,7 @@ bool Rules::KeepsLock() const {
     return Is({"INetCfg::Uninitialize", "INetCfgLock::ReleaseWriteLock"}) || IsQueryForLock(false);
 }
 
-/// The one on top when the failure is noted.
+/// The one on top when the failure is recorded.
 const char *Rules::StepOfFault() const {
     static const std::map<std::string, const char *> steps{
         {"CoCreateInstance", "GettingInetCfg"},
@@ -193,14 +195,14 @@ const char *Rules::StepOfFault() const {
         {"SetupCopyOEMInfW", "CopyingInfFiles"},
     };
     const bool installs = m_fault.place->part == Part::Installation;
-    if (Is({"CoInitializeEx"}))  // no step has begun, and only the installation notes it
+    if (Is({"CoInitializeEx"}))  // no step has begun, and only the installation records it
         return installs ? "ThreadRunning" : kUnknownStep;
     if (Is({"INetCfg::QueryNetCfgClass"}))
         return installs ? "GettingINetCfgClassSetup" : "GettingINetCfgClass";
     return steps.at(m_fault.place->function);
 }
 
-/// Whether what the function answers is anything but its good end, or a part of it.
+/// Whether the function returns anything but complete or partial success.
 bool Rules::IsFailure() const {
     static const std::vector<std::pair<std::string_view, DWORD>> harmless{
         {"CoInitializeEx", static_cast<DWORD>(RPC_E_CHANGED_MODE)},
@@ -217,7 +219,7 @@ bool Rules::IsFailure() const {
     return !isMethod || IsNegative(m_fault.code) || Is({"INetCfgClassSetup::Install", "INetCfgLock::AcquireWriteLock"});
 }
 
-/// What an event 3005 has to say of the fault; nothing where none is asked for.
+/// What an event 3005 must say about the fault; empty if none is due.
 std::string Rules::WhatIsReported() const {
     const FaultPlace &place = *m_fault.place;
     if (place.function == "SetupCopyOEMInfW")
@@ -246,7 +248,7 @@ std::string Rules::ReportOfCopy() const {
     return call + " (" + HexCode(m_fault.code == 0 ? 0 : 0x80070000 | m_fault.code) + ")";
 }
 
-/// Whether the fault is there. If so, an event may be due.
+/// Whether the fault was met. If so, an event may be due.
 bool Rules::Meet(Part part, unsigned turn) {
     if (!In(part, turn))
         return false;
@@ -254,37 +256,31 @@ bool Rules::Meet(Part part, unsigned turn) {
     if (!report.empty())
         m.events.push_back("3005 " + report);
     if (Is({"INetCfgLock::AcquireWriteLock"}) && m_fault.code == S_FALSE)
-        ++m.notices;  // held by somebody without a name
+        ++m.notices;  // held by an unnamed owner
     return true;
 }
 
-/// What can't be given back stays.
+/// What can't be released stays.
 void Rules::Leave() {
-    static const std::map<std::string, const char *> kinds{
-        {"CloseHandle", "handle"},    {"CloseServiceHandle", "service handle"},
-        {"FindClose", "find handle"}, {"FreeLibrary", "library"},
-        {"RegCloseKey", "key"},       {"SetupDiDestroyDeviceInfoList", "device list"},
-        {"UnmapViewOfFile", "view"},
-    };
-    const auto kind = m_fault.place == nullptr ? kinds.end() : kinds.find(m_fault.place->function);
-    if (kind != kinds.end())
-        m.left[kind->second] = 1;
+    const std::string_view kind = m_fault.place == nullptr ? "" : KindReleasedBy(m_fault.place->function);
+    if (!kind.empty())
+        m.left[std::string(kind)] = 1;
 }
 
 void Rules::PutMachine() {
-    const bool partial = m_road == Road::PartialAfterReboot;
-    if (IsUpgrade(m_road) || partial)
+    const bool partial = m_scenario == Scenario::PartialAfterReboot;
+    if (IsUpgrade(m_scenario) || partial)
         m_bound[0] = m.isInstalled = true;
     if (partial)
         m_bound[1] = true;
-    if (IsUpgrade(m_road)) {
+    if (IsUpgrade(m_scenario)) {
         m_bound[1] = m_bound[2] = false;
         m.calloutRuns = true;
     }
-    m_installedVersion = m_road == Road::Upgrade           ? "1.2.3.4"
-                         : m_road == Road::ForcedDowngrade ? "2.0.0.1"
-                         : partial                         ? "2.0.0.0"
-                                                           : "0.0.0.0";
+    m_installedVersion = m_scenario == Scenario::Upgrade           ? "1.2.3.4"
+                         : m_scenario == Scenario::ForcedDowngrade ? "2.0.0.1"
+                         : partial                                 ? "2.0.0.0"
+                                                                   : "0.0.0.0";
 }
 
 InstallResult Rules::Apply() {
@@ -299,7 +295,7 @@ InstallResult Rules::Apply() {
     return m;
 }
 
-/// @return whether there is something to do.
+/// @return whether there is any work.
 bool Rules::Decide() {
     const bool met = Meet(Part::Decision, 1);
     const bool ofVersion =
@@ -308,7 +304,7 @@ bool Rules::Decide() {
         return false;  // our own copy can't be read
     if (met)
         m_installedVersion = "0.0.0.0";
-    if (m_road == Road::Upgrade)
+    if (m_scenario == Scenario::Upgrade)
         m.events.emplace_back("1005 1.2.3.4|2.0.0.0");
     return true;
 }
@@ -320,7 +316,7 @@ void Rules::Install() {
     }
     const ReadAdapters before = ReadAll();
     const bool succeeded = Work();
-    if (!IsUpgrade(m_road))
+    if (!IsUpgrade(m_scenario))
         UnbindUnsuitable();
     else if (succeeded)
         BindAsBefore(before);
@@ -330,14 +326,14 @@ void Rules::Install() {
 
 bool Rules::Work() {
     bool removed = Remove(1);
-    if (IsUpgrade(m_road)) {
+    if (IsUpgrade(m_scenario)) {
         removed = Remove(2);
         m.sleptMs += 500;  // until the old driver is unloaded
     }
     return removed && InstallNew();
 }
 
-/// Without the component the removal works, whatever else went wrong in it.
+/// Without the component the removal succeeds, whatever else failed in it.
 bool Rules::Remove(unsigned turn) {
     for (const Part part : {Part::Removal, Part::InfRemoval, Part::Orphans})
         (void)Meet(part, turn);
@@ -354,7 +350,7 @@ bool Rules::Remove(unsigned turn) {
         m_bound = {};
         return true;
     }
-    // Somebody else's lock fails it, too; a component that is said to be absent, or to go at the next boot, does not.
+    // Another owner's lock fails it, too; a component reported as absent, or removed at the next boot, does not.
     const bool failed = IsNegative(m_fault.code) || Is({"INetCfgLock::AcquireWriteLock"});
     if (failed && m_failedStep == kUnknownStep)
         m_failedStep = StepOfFault();
@@ -370,17 +366,18 @@ bool Rules::InstallNew() {
     return installed;
 }
 
-/// No failure here is one of the installation.
+/// No failure here makes the installation fail.
 void Rules::InstallCallout() {
     m.calloutRuns = true;
     if (!Meet(Part::Callout, 0))
         return;
-    // The first manager, service and status tell whether it runs already, the last status whether it does then.
+    // The first manager, service and status are of the check whether it already runs, the last status of the check
+    // whether it does then.
     m.calloutRuns = !(Is({"GetFileAttributesW", "GetModuleHandleW", "GetProcAddress", "StartServiceW"}) ||
                       IsNth("OpenSCManagerW", 2) || IsNth("OpenServiceW", 2));
 }
 
-/// A file that seems not to be there is none to copy.
+/// A file that appears absent is not copied.
 bool Rules::CopyInfs() {
     if (!Meet(Part::Copying, 0) || !Is({"SetupCopyOEMInfW"}) || m_fault.code == 0)
         return true;
@@ -401,7 +398,7 @@ bool Rules::InstallFilter() {
     // The second attempt works.
     if (Is({"INetCfgClassSetup::Install"}) && (m_fault.code & 0xFFFF) == ERROR_SERVICE_MARKED_FOR_DELETE)
         m.sleptMs += 5'000;
-    if (Is({"CopyFileW"}))  // the copy is deleted all the same, and is not there
+    if (Is({"CopyFileW"}))  // the copy is deleted all the same, and is absent
         m.events.push_back("3005 DeleteFile('" + m_folders.windows + "qbimvta.sys') (0x2)");
     if (!Is({"INetCfg::Apply"}))
         return true;
@@ -411,12 +408,12 @@ bool Rules::InstallFilter() {
     return m_rebootRequired;
 }
 
-/// One that is there already keeps its bindings.
+/// An adapter that is bound already keeps its binding.
 void Rules::PutComponent() {
     if (!m.isInstalled)
         m_bound.fill(true);
     m.isInstalled = true;
-    m.isDisconnected = m_road == Road::BrokenNetwork;
+    m.isDisconnected = m_scenario == Scenario::BrokenNetwork;
 }
 
 void Rules::WriteValues() {
@@ -460,7 +457,7 @@ void Rules::CheckNetwork(const ReadAdapters &before) {
         return;
     if (Bind(ByRecords(known, false))) {
         m.sleptMs += 1'000;
-        (void)Bind(ByRecords(known, !IsUpgrade(m_road)));
+        (void)Bind(ByRecords(known, !IsUpgrade(m_scenario)));
     }
     if (TurnsHealthy(known))
         return;
@@ -468,9 +465,9 @@ void Rules::CheckNetwork(const ReadAdapters &before) {
     m.reboots += m_rebootRequired ? 0 : 1;
 }
 
-/// Whether no adapter is worse than it was within three looks. One that was not worse once is not judged again.
+/// Whether no adapter is worse than before within three checks. One that was fine once is not checked again.
 bool Rules::TurnsHealthy(ReadAdapters &known) {
-    for (int look = 0; look < 3; ++look) {
+    for (int check = 0; check < 3; ++check) {
         m.sleptMs += 2'000;
         const ReadAdapters now = ReadAll();
         std::erase_if(known, [&now](const ReadAdapter &before) {
@@ -485,8 +482,8 @@ bool Rules::TurnsHealthy(ReadAdapters &known) {
     return false;
 }
 
-/// The devices are another one of the first adapter's model, and then the three adapters. Whatever the first of the two
-/// changes comes to, the second is tried; one of its two scopes is enough.
+/// The devices are another one of the first adapter's model, and then the three adapters. Whatever the result of the
+/// first change, the second is tried; one of its two scopes is enough.
 void Rules::Restart() {
     (void)Meet(Part::Restart, 1);
     m.sleptMs += 2'000;
@@ -536,7 +533,7 @@ void Rules::SpoilOne(ReadAdapters &adapters) const {
     for (ReadAdapter &adapter : adapters) {
         if (adapter.number != number)
             continue;
-        const unsigned ofFilter = adapter.ip ? 2 : 3;  // TCP/IP of version 6 is asked where that of 4 is not bound
+        const unsigned ofFilter = adapter.ip ? 2 : 3;  // TCP/IP version 6 is checked if version 4 is not bound
         if (Is({"INetCfgComponent::GetBindName"}))
             adapter.name = adapter.mac = adapter.online = adapter.address = adapter.gateway = false;
         else if (Is({"INetCfgComponent::GetPnpDevNodeId"}))
@@ -550,33 +547,33 @@ void Rules::SpoilOne(ReadAdapters &adapters) const {
     }
 }
 
-Wishes Rules::ByRecords(const ReadAdapters &adapters, bool useIp) {
-    Wishes wishes;
+WantedBindings Rules::ByRecords(const ReadAdapters &adapters, bool useIp) {
+    WantedBindings wanted;
     for (const ReadAdapter &adapter : adapters) {
         if (adapter.node)
-            wishes[adapter.number] = useIp ? adapter.ip : adapter.filter;
+            wanted[adapter.number] = useIp ? adapter.ip : adapter.filter;
     }
-    return wishes;
+    return wanted;
 }
 
-/// @return whether the network configuration could be had.
-bool Rules::Bind(const Wishes &wishes) {
+/// @return whether the network configuration could be opened.
+bool Rules::Bind(const WantedBindings &wanted) {
     const bool met = Meet(Part::Bindings, ++m_binds);
     if (met && StopsAcquiring())
         return false;
     m.isLocked = met && KeepsLock();
-    Wishes changed;
+    WantedBindings changed;
     for (std::size_t i = 0; i < kAdapters; ++i) {
         if (!m.isInstalled || !m_bound[i] || (met && !Reaches(i)))
             continue;
         const bool here = met && m_fault.place->adapter == i + 1;
         const bool enabled =
             *m_bound[i] && !(here && Is({"INetCfgBindingPath::IsEnabled"}) && m_fault.place->path == FilterPath(i));
-        if (!wishes[i] || *wishes[i] == enabled || (here && Is({"INetCfgBindingPath::Enable"})))
+        if (!wanted[i] || *wanted[i] == enabled || (here && Is({"INetCfgBindingPath::Enable"})))
             continue;
         changed[i] = !enabled;
         if (here && Is({"INetCfg::Apply"}))
-            continue;  // the next one that works applies this change, too
+            continue;  // the next call that succeeds applies this change, too
         for (std::size_t done = 0; done <= i; ++done) {
             if (changed[done])
                 m_bound[done] = changed[done];
@@ -585,7 +582,7 @@ bool Rules::Bind(const Wishes &wishes) {
     return true;
 }
 
-/// Whether the session that the fault is in gets as far as the filter's binding to the adapter.
+/// Whether the session with the fault reaches the filter's binding to the adapter.
 bool Rules::Reaches(std::size_t number) const {
     const FaultPlace &place = *m_fault.place;
     if (Is({"INetCfg::EnumComponents"}))
@@ -608,6 +605,6 @@ bool Rules::Reaches(std::size_t number) const {
 
 }  // namespace
 
-InstallResult ExpectInstallation(Road road, const InstallFault &fault, const InstallFolders &folders) {
-    return Rules(road, fault, folders).Apply();
+InstallResult ExpectInstallation(Scenario scenario, const InstallFault &fault, const InstallFolders &folders) {
+    return Rules(scenario, fault, folders).Apply();
 }

@@ -1,4 +1,4 @@
-// The stacks that support gets of an installation that hangs: each function of ours is there by its name.
+// The stacks that support gets from an installation that hangs: each of our functions is named.
 #include <algorithm>
 #include <set>
 #include <string>
@@ -13,13 +13,13 @@ using Strings = std::vector<std::string>;
 
 using StackOfAnInstallation = HungInstall;
 
-TEST_F(StackOfAnInstallation, NamesEachFunctionOfOursWhicheverStepTheWorkerHangsIn) {
-    std::set<std::string> steps{"ThreadRunning", "GettingAdapterInfo"};  // no kill, no stack; the watchdog's
-    for (const InstallPlace &place : InstallOn(Road::Upgrade).places) {
+TEST_F(StackOfAnInstallation, NamesEachOfOurFunctionsWhicheverStepTheWorkerHangsIn) {
+    std::set<std::string> steps{"ThreadRunning", "GettingAdapterInfo"};  // these are not killed, or are the watchdog's
+    for (const InstallPlace &place : InstallOn(Scenario::Upgrade).places) {
         if (place.thread != InstallPlace::Thread::Worker || !steps.insert(place.step).second)
             continue;
         SCOPED_TRACE(place.step);
-        Take(Road::Upgrade);
+        Take(Scenario::Upgrade);
         const HungOutcome outcome = HangAt(place);
         const Strings stacks = StacksIn(outcome.installation.log);
         ASSERT_EQ(stacks.size(), 1U);
@@ -31,13 +31,13 @@ TEST_F(StackOfAnInstallation, NamesEachFunctionOfOursWhicheverStepTheWorkerHangs
     EXPECT_EQ(steps, StepsWithin(LimitsOfInstallation()));
 }
 
-TEST_F(StackOfAnInstallation, NamesTheFunctionsOfAWatchdogThatHasStalledInItsEvent) {
-    const std::vector<InstallPlace> places = InstallOn(Road::Upgrade).places;
+TEST_F(StackOfAnInstallation, NamesTheFunctionsOfAStalledWatchdogInItsEvent) {
+    const std::vector<InstallPlace> places = InstallOn(Scenario::Upgrade).places;
     const auto place = std::find_if(places.begin(), places.end(), [](const InstallPlace &each) {
         return each.thread == InstallPlace::Thread::Watchdog && each.function == "INetCfg::Apply";
     });
     ASSERT_NE(place, places.end());
-    Take(Road::Upgrade);
+    Take(Scenario::Upgrade);
     const HungOutcome outcome = HangAt(*place);
     const Strings events = outcome.installation.EventTexts(1004);
     ASSERT_EQ(events.size(), 1U);

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "InstallFixture.h"
-#include "WatcherSight.h"
+#include "WatcherClock.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ TEST_F(DriverInstallation, InstallsBothDriversOnAMachineWithoutThem) {
     EXPECT_FALSE(installation.AskedForReboot());
 }
 
-TEST_F(DriverInstallation, LeavesARunningDriverOfTheSameVersionAlone) {
+TEST_F(DriverInstallation, KeepsARunningDriverOfTheSameVersion) {
     InstallOldDriver(kOurVersion);
     const InstallOutcome installation = Install();
     EXPECT_TRUE(installation.result);
@@ -43,7 +43,7 @@ TEST_F(DriverInstallation, LeavesARunningDriverOfTheSameVersionAlone) {
     EXPECT_EQ(Installs(), 0U);
 }
 
-TEST_F(DriverInstallation, LeavesANewerDriverAlone) {
+TEST_F(DriverInstallation, KeepsANewerDriver) {
     InstallOldDriver({2, 0, 0, 1});
     const InstallOutcome installation = Install();
     EXPECT_TRUE(installation.result);
@@ -53,7 +53,7 @@ TEST_F(DriverInstallation, LeavesANewerDriverAlone) {
     EXPECT_EQ(Installs(), 0U);
 }
 
-TEST_F(DriverInstallation, ForcesADowngradeWithoutTheEventOfAnUpgrade) {
+TEST_F(DriverInstallation, ForcesADowngradeWithoutTheUpgradeEvent) {
     InstallOldDriver({2, 0, 0, 1});
     dom.Set("vtp.filter.ForceDriverInstall", true);
     const InstallOutcome installation = Install();
@@ -80,7 +80,7 @@ TEST_F(DriverInstallation, DoesNothingInALoadTest) {
     EXPECT_EQ(Installs(), 0U);
 }
 
-TEST_F(DriverInstallation, DoesNothingWithoutAnOwnCopyOfTheDriver) {
+TEST_F(DriverInstallation, DoesNothingWithoutOurCopyOfTheDriver) {
     remove(NdisFolder() / L"qbimvta.sys");
     const InstallOutcome installation = Install();
     EXPECT_TRUE(installation.result);
@@ -97,7 +97,7 @@ TEST_F(DriverInstallation, ReportsTheStepThatFailed) {
     EXPECT_EQ(plan->Hits(), 3U);
 }
 
-TEST_F(DriverInstallation, KeepsTheWishForARebootOfAllThreeAttempts) {
+TEST_F(DriverInstallation, KeepsTheRebootRequestsOfAllThreeAttempts) {
     const auto plan = simulation().GetFaults().FailEvery("INetCfgClassSetup::Install", 0x0004A020);
     const InstallOutcome installation = Install();
     EXPECT_EQ(plan->Hits(), 3U);
@@ -116,10 +116,10 @@ TEST_F(DriverInstallation, WaitsForAServiceThatIsMarkedForDeletion) {
 
 TEST_F(DriverInstallation, KillsAWorkerThatHangsAndCanInstallAgain) {
     const auto plan = simulation().GetFaults().HangNth("INetCfgClassSetup::Install", 1);
-    WatcherSight sight(simulation());
+    WatcherClock watcherClock(simulation());
     const InstallOutcome hung = InstallWhile([&] {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
-        (void)sight.AdvanceTo(simulation().GetClock().TickMs() + 600'000, 50'000, returned);
+        (void)watcherClock.AdvanceTo(simulation().GetClock().TickMs() + 600'000, 50'000, returned);
     });
     EXPECT_TRUE(hung.result);
     ASSERT_EQ(hung.EventTexts(1004).size(), 1U);

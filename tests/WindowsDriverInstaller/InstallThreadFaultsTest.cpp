@@ -1,4 +1,4 @@
-// An installation whose threads can't be started, or whose worker can't be killed as it should be.
+// An installation whose threads can't be started, or whose worker can't be killed normally.
 #include <algorithm>
 #include <functional>
 #include <string>
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr char kInstall[] = "INetCfgClassSetup::Install";
-/// Of an object that stays: the worker, and the log that it writes to.
+/// What an object that stays keeps: the worker, and the log that it writes to.
 constexpr int kWorkerWithLog = 2;
 
 class InstallThreadFaults : public InstallMachine {
@@ -22,8 +22,7 @@ protected:
     }
     ~InstallThreadFaults() override { wxLog::SetVerbose(false); }
 
-    /// The worker's step overruns.
-    /// @param whileItHangs  called when the script has its answer.
+    /// Makes the worker's step overrun. @param whileItHangs  called when the script has its answer.
     InstallOutcome InstallThatOverruns(const std::function<void()> &whileItHangs, int objectsThatStay = 0) {
         const FaultPlan hang = faults().HangNth(kInstall, 1);
         const auto meanwhile = [&] {
@@ -52,7 +51,7 @@ protected:
     }
 };
 
-TEST_F(InstallThreadFaults, AWorkerThatCantBeKilledIsReportedAllTheSameAndKeepsItsObjectUntilItHasEnded) {
+TEST_F(InstallThreadFaults, AWorkerThatCannotBeKilledIsReportedAnywayAndItsObjectLivesUntilItHasEnded) {
     ThreadFaults::GiveNoTimeToEnd(simulation());
     const int objects = VtaCore::Control::LiveObjects();
     const FaultPlan kills = faults().FailEvery("TerminateThread", ERROR_ACCESS_DENIED);
@@ -65,11 +64,11 @@ TEST_F(InstallThreadFaults, AWorkerThatCantBeKilledIsReportedAllTheSameAndKeepsI
     EXPECT_EQ(kills->Hits(), 2U) << "it is tried again";
     ExpectReportOfTheStep(outcome);
     EXPECT_EQ(Stacks(outcome), 1);
-    EXPECT_TRUE(network().Has(L"qbimvta")) << "it went on when it could";
+    EXPECT_TRUE(network().Has(L"qbimvta")) << "it continued once it was released";
     ExpectTheNextOneWorks();
 }
 
-TEST_F(InstallThreadFaults, AWorkerIsKilledAgainIfTheFirstKillIsRefused) {
+TEST_F(InstallThreadFaults, AWorkerIsKilledAgainIfTheFirstAttemptIsRefused) {
     const FaultPlan kill = faults().FailNth("TerminateThread", 1, ERROR_ACCESS_DENIED);
     const InstallOutcome outcome =
         InstallThatOverruns([this] { EXPECT_TRUE(threads.AwaitEnds(kPatienceMs)) << "although its call still hangs"; });
@@ -80,18 +79,18 @@ TEST_F(InstallThreadFaults, AWorkerIsKilledAgainIfTheFirstKillIsRefused) {
     ExpectTheNextOneWorks();
 }
 
-TEST_F(InstallThreadFaults, AKilledWorkerKeepsItsObjectIfNobodyCanTellWhenItHasEnded) {
+TEST_F(InstallThreadFaults, TheObjectOfAKilledWorkerStaysIfItsEndCannotBeDetected) {
     const FaultPlan duplicates = faults().FailEvery("DuplicateHandle", ERROR_ACCESS_DENIED);
     const InstallOutcome outcome = InstallThatOverruns(
         [this] { EXPECT_TRUE(threads.AwaitEnds(kPatienceMs)) << "although its call still hangs"; }, kWorkerWithLog);
     EXPECT_TRUE(duplicates->Hit());
     ExpectReportOfTheStep(outcome);
-    EXPECT_EQ(Stacks(outcome), 0) << "it could not be resumed for sure";
+    EXPECT_EQ(Stacks(outcome), 0) << "it might not have been resumed";
     EXPECT_FALSE(network().Has(L"qbimvta"));
     ExpectTheNextOneWorks();
 }
 
-TEST_F(InstallThreadFaults, AWorkerThatWasMadeAndCantBeStartedIsKilledAndTheInstallationFailsInNoStep) {
+TEST_F(InstallThreadFaults, AWorkerThatWasCreatedButCannotBeStartedIsKilledAndTheInstallationFailsInNoStep) {
     const FaultPlan start = faults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);  // the watchdog's is the first
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(start->Hit());
@@ -104,7 +103,8 @@ TEST_F(InstallThreadFaults, AWorkerThatWasMadeAndCantBeStartedIsKilledAndTheInst
     ExpectTheNextOneWorks();
 }
 
-TEST_F(InstallThreadFaults, AWatchdogThatWasMadeAndCantBeStartedIsKilledAndTheInstallationIsFalseWithoutAnyEvent) {
+TEST_F(InstallThreadFaults,
+       AWatchdogThatWasCreatedButCannotBeStartedIsKilledAndTheInstallationReturnsFalseWithoutAnyEvent) {
     const FaultPlan start = faults().FailNth("ResumeThread", 1, ERROR_ACCESS_DENIED);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(start->Hit());

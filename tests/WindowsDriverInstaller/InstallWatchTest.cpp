@@ -1,5 +1,5 @@
-// How an installation is followed and timed: the caller's looks at the watchdog, the watchdog's at the worker, the
-// events of the outcome, and the look at the network behind it.
+// How an installation is supervised and timed: the caller's polls of the watchdog, the watchdog's polls of the worker,
+// the events of the outcome, and the check of the network after it.
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -35,8 +35,8 @@ std::string Useless(const std::string &version) {
 
 class InstallWatch : public InstallMachine {
 protected:
-    /// The watchdog alone reads adapters: before the work the first time, behind it the second time, each right behind
-    /// a heartbeat. Behind the second time the next heartbeat comes before any sleep.
+    /// Only the watchdog reads adapters: before the work and after it, each right after a heartbeat. After the second
+    /// time the next heartbeat comes before any sleep.
     [[nodiscard]] FaultPlan HangWatchdog(unsigned nth) { return faults().HangNth("GetAdaptersInfo", nth); }
     [[nodiscard]] InstallOutcome InstallWithoutProgressFor(std::int64_t milliseconds) {
         const FaultPlan plan = HangWatchdog(2);
@@ -45,7 +45,7 @@ protected:
     void Stall(const FaultPlan &plan, std::int64_t milliseconds) {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         AdvanceMs(milliseconds);
-        EXPECT_TRUE(AwaitLooks());
+        EXPECT_TRUE(AwaitPolls());
         plan->Release();
     }
     /// Hangs the watchdog until the caller has given it up.
@@ -57,6 +57,15 @@ protected:
             EXPECT_TRUE(AwaitReturn());
             plan->Release();
         });
+    }
+    /// The installation loads a driver of an older version, which the event replaces by another one, or by none.
+    void RunStaleDriverUntil(NetworkMoment::What event, const std::optional<Version> &then) {
+        onMoment = [this, event, then](const NetworkMoment &moment) {
+            if (moment.what == NetworkMoment::What::Installed)
+                SetRunningVersion(Version{1, 0, 0, 0});
+            else if (moment.what == event)
+                SetRunningVersion(then);
+        };
     }
     static Lines Warnings(const InstallOutcome &outcome) { return outcome.Lines(wxLOG_Warning); }
     [[nodiscard]] Lines ThingsLeft(const Simulator::BalanceSnapshot &before) {
@@ -72,9 +81,9 @@ protected:
     }
 };
 
-// --- the caller's looks ---
+// --- the caller's polls ---
 
-TEST_F(InstallWatch, WarnsOfNothingAfterExactlySixtySecondsWithoutProgress) {
+TEST_F(InstallWatch, DoesNotWarnAfterExactlySixtySecondsWithoutProgress) {
     const InstallOutcome outcome = InstallWithoutProgressFor(60'000);
     EXPECT_EQ(Warnings(outcome), Lines{});
     EXPECT_TRUE(Succeeded(outcome));
@@ -86,18 +95,18 @@ TEST_F(InstallWatch, WarnsOnceAMillisecondLater) {
     EXPECT_TRUE(Succeeded(outcome));
 }
 
-TEST_F(InstallWatch, TellsWholeSecondsOfTheStall) {
+TEST_F(InstallWatch, ReportsAStallInWholeSeconds) {
     EXPECT_EQ(Warnings(InstallWithoutProgressFor(1'925'999)), Lines{Warning(1925)});
 }
 
-TEST_F(InstallWatch, WarnsOnceOfAStallThatGoesOn) {
+TEST_F(InstallWatch, WarnsOnceOfALongStall) {
     const FaultPlan plan = HangWatchdog(2);
     const InstallOutcome outcome = InstallWhile([&] {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         AdvanceMs(60'001);
-        EXPECT_TRUE(AwaitLooks());
+        EXPECT_TRUE(AwaitPolls());
         AdvanceMs(60'001);
-        EXPECT_TRUE(AwaitLooks());
+        EXPECT_TRUE(AwaitPolls());
         Stall(plan, 3'000'000);
     });
     EXPECT_EQ(Warnings(outcome), Lines{Warning(60)});
@@ -114,7 +123,7 @@ TEST_F(InstallWatch, WarnsAgainWhenThereWasAHeartbeatBetweenTwoStalls) {
     EXPECT_TRUE(Succeeded(outcome));
 }
 
-TEST_F(InstallWatch, CountsOnOverAWrapOfTheTick) {
+TEST_F(InstallWatch, KeepsCountingAcrossAWrapOfTheTick) {
     constexpr std::uint64_t wrap = std::uint64_t{1} << 32;
     clock().SetTick(wrap - 30'000);
     EXPECT_EQ(Warnings(InstallWithoutProgressFor(60'000)), Lines{});
@@ -125,7 +134,7 @@ TEST_F(InstallWatch, CountsOnOverAWrapOfTheTick) {
     EXPECT_GT(clock().TickMs(), 2 * wrap);
 }
 
-TEST_F(InstallWatch, LooksFourTimesASecond) {
+TEST_F(InstallWatch, PollsFourTimesASecond) {
     const DWORD caller = GetCurrentThreadId();
     (void)InstallWithoutProgressFor(1'000);
     std::size_t sleeps = 0;
@@ -160,10 +169,10 @@ TEST_F(InstallWatch, GivesUpAMillisecondLaterWithTheWatchdogsStack) {
     EXPECT_EQ(logId, 1004);
     EXPECT_EQ(Reboots(outcome), 1U);
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
-    EXPECT_EQ(order, (Lines{"OverallInstall", "0.0.0.0"})) << "the watchdog went on, and had success";
+    EXPECT_EQ(order, (Lines{"OverallInstall", "0.0.0.0"})) << "the watchdog continued, and succeeded";
 }
 
-TEST_F(InstallWatch, GivenUpGoesOnToItsEndWithNothingLeftBehind) {
+TEST_F(InstallWatch, CompletesAndLeaksNothingAfterItWasGivenUp) {
     dom.Set("vta.mode.loadtest", true);
     (void)Install();
     dom.Set("vta.mode.loadtest", false);
@@ -175,14 +184,14 @@ TEST_F(InstallWatch, GivenUpGoesOnToItsEndWithNothingLeftBehind) {
     EXPECT_TRUE(Has(outcome.traces, kHealthy));
 }
 
-TEST_F(InstallWatch, GivenUpCanBeFollowedByAnotherInstallation) {
+TEST_F(InstallWatch, CanInstallAgainAfterAnInstallationWasGivenUp) {
     (void)InstallGivenUp();
     EXPECT_TRUE(Install().result);
     SetRunningVersion(std::nullopt);
     EXPECT_TRUE(Succeeded(Install()));
 }
 
-TEST_F(InstallWatch, ReturnsBeforeTheFirstLookWhenTheAgentIsAboutToEndAndTheWatchdogGoesOn) {
+TEST_F(InstallWatch, ReturnsBeforeTheFirstPollIfTheAgentIsStoppingAndTheWatchdogContinues) {
     const DWORD caller = GetCurrentThreadId();
     const FaultPlan plan = HangWatchdog(1);
     VtaCore::Control::SetShouldExit(dom, true);
@@ -201,11 +210,11 @@ TEST_F(InstallWatch, ReturnsBeforeTheFirstLookWhenTheAgentIsAboutToEndAndTheWatc
     EXPECT_TRUE(IsBound(kFirst));
 }
 
-TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGoesOn) {
+TEST_F(InstallWatch, StopsPollingWhenTheAgentIsStoppingAndTheWatchdogContinues) {
     const FaultPlan plan = HangWatchdog(2);
     const InstallOutcome outcome = InstallWhile([&] {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
-        EXPECT_TRUE(AwaitLooks());
+        EXPECT_TRUE(AwaitPolls());
         VtaCore::Control::SetShouldExit(dom, true);
         EXPECT_TRUE(AwaitReturn());
         plan->Release();
@@ -216,7 +225,7 @@ TEST_F(InstallWatch, ReturnsFromItsLooksWhenTheAgentIsAboutToEndAndTheWatchdogGo
     EXPECT_FALSE(outcome.AskedForReboot());
 }
 
-// --- the watchdog's look at the worker ---
+// --- the watchdog's polls of the worker ---
 
 TEST_F(InstallWatch, WarnsOnceOfAWorkerThatHangsInOneStepForAMinute) {
     const FaultPlan plan = faults().HangNth("INetCfgClassSetup::Install", 1);
@@ -224,15 +233,15 @@ TEST_F(InstallWatch, WarnsOnceOfAWorkerThatHangsInOneStepForAMinute) {
         ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
         for (int second = 0; second < 130; ++second) {
             PassTime(1'000, 1'000);
-            EXPECT_TRUE(AwaitLooks(1));
+            EXPECT_TRUE(AwaitPolls(1));
         }
         plan->Release();
     });
-    EXPECT_EQ(Warnings(outcome), Lines{Warning(61)}) << "the clock moves by whole seconds";
+    EXPECT_EQ(Warnings(outcome), Lines{Warning(61)}) << "the clock moves in whole seconds";
     EXPECT_TRUE(Succeeded(outcome));
 }
 
-TEST_F(InstallWatch, WarnsOfNothingWhileStepsEnd) {
+TEST_F(InstallWatch, DoesNotWarnWhileStepsEnd) {
     faults().DelayNth("SetupCopyOEMInfW", 1, 40'000);
     faults().DelayNth("INetCfgClassSetup::Install", 1, 40'000);
     faults().DelayNth("INetCfg::Apply", 1, 40'000);
@@ -274,21 +283,21 @@ TEST_F(InstallWatch, UnbindsUnsuitableAdaptersEvenWhenTheWorkerWasKilled) {
     EXPECT_FALSE(IsBound(kSecond));
 }
 
-TEST_F(InstallWatch, TakesAnHourOutsideOfAllInnerStepsForAWorkerThatIsMerelyFinishing) {
+TEST_F(InstallWatch, DoesNotKillAWorkerAfterAnHourOutsideOfAllInnerSteps) {
     wxLog::SetVerbose(true);
     InstallOldDriver({1, 0, 0, 0});
-    // The stop of the callout is in no step of its own.
+    // The stop of the callout has no step of its own.
     const InstallOutcome outcome = InstallHungIn("ControlService", 1, 3'600'000);
     wxLog::SetVerbose(false);
     EXPECT_TRUE(outcome.result);
-    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>") << "that of the worker, which has none";
+    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>") << "the worker's, which is in no step";
     for (const std::string &line : outcome.Lines(wxLOG_Info))
         EXPECT_FALSE(line.starts_with("Stack trace")) << line;
-    EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U) << "it was not killed, and went on when it could";
+    EXPECT_EQ(CallsOf("INetCfgClassSetup::DeInstall"), 1U) << "it was not killed, and continued once it was released";
     EXPECT_EQ(CallsOf("INetCfgClassSetup::Install"), 1U);
 }
 
-/// Hears what the agent's threads log, for as long as the process lives.
+/// Receives what the agent's threads log, for as long as the process lives.
 class HeardLines : public VtaCore::Control::ThreadListener {
 public:
     static HeardLines &Instance() {
@@ -312,7 +321,7 @@ private:
     std::vector<std::string> m_lines;
 };
 
-TEST_F(InstallWatch, AWorkerThatIsLeftAloneGoesOnLoggingBehindTheOutcomeAndBehindTheWatchdogsEnd) {
+TEST_F(InstallWatch, AWorkerThatIsNotKilledKeepsLoggingAfterTheOutcomeAndTheWatchdogsEnd) {
     HeardLines &heard = HeardLines::Instance();
     VtaCore::Control::SetThreadListener(&heard);
     InstallOldDriver({1, 0, 0, 0});
@@ -334,10 +343,10 @@ TEST_F(InstallWatch, AWorkerThatIsLeftAloneGoesOnLoggingBehindTheOutcomeAndBehin
     EXPECT_EQ(WorkerLog(outcome).find("Attempt #1 at installing qbimvta"), std::string::npos);
 }
 
-TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
+TEST_F(InstallWatch, DoesNotRestoreTheBindingsOfAFailedUpgrade) {
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kSecond, L"qbimvta", false);
-    // The filter is there and bound to both when its changes can't be applied.
+    // The filter is installed and bound to both adapters when its changes can't be applied.
     onMoment = [this](const NetworkMoment &moment) {
         if (moment.what == What::Installed)
             faults().FailNth("INetCfg::Apply", 1, static_cast<DWORD>(E_FAIL));
@@ -350,7 +359,7 @@ TEST_F(InstallWatch, LeavesTheBindingsOfAFailedUpgradeAsTheFailureLeftThem) {
     EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
 }
 
-TEST_F(InstallWatch, TellsAlsoWhatTheGrabberOfTheLogHoldsBackUntilItsEnd) {
+TEST_F(InstallWatch, ReportsAlsoWhatTheLogGrabberHoldsBackUntilItsEnd) {
     const std::string whole = WorkerLog(Install());
     SetRunningVersion(std::nullopt);
     VtaCore::Control::SetGrabbersHoldBack(true);
@@ -363,17 +372,17 @@ TEST_F(InstallWatch, TellsAlsoWhatTheGrabberOfTheLogHoldsBackUntilItsEnd) {
 
 // --- what follows a success ---
 
-TEST_F(InstallWatch, RestoresTheBindingsOfAnUpgradeOverTheRecordsFromBefore) {
+TEST_F(InstallWatch, RestoresTheBindingsOfAnUpgradeFromTheEarlierRecords) {
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kFirst, L"qbimvta", false);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_FALSE(IsBound(kFirst));
     EXPECT_TRUE(IsBound(kSecond));
-    EXPECT_EQ(CallsOf("GetAdaptersInfo"), 2U) << "before the work, and in the look at the network";
+    EXPECT_EQ(CallsOf("GetAdaptersInfo"), 2U) << "before the work, and in the check of the network";
 }
 
-TEST_F(InstallWatch, RebindsWhereADriverOfAnotherVersionIsLoadedAndAsksForAReboot) {
+TEST_F(InstallWatch, RebindsWhenADriverOfAnotherVersionIsLoadedAndAsksForAReboot) {
     SetVersionAfterInstall(Version{1, 0, 0, 0});
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -398,24 +407,14 @@ TEST_F(InstallWatch, RebindsWhereADriverOfAnotherVersionIsLoadedAndAsksForAReboo
 }
 
 TEST_F(InstallWatch, AsksForARebootEvenWhenRebindingHasLoadedTheRightVersion) {
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingEnabled)
-            SetRunningVersion(kOurVersion);
-    };
+    RunStaleDriverUntil(What::BindingEnabled, kOurVersion);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("2.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
 }
 
-TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersBehindTheRebinding) {
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingDisabled)
-            SetRunningVersion(std::nullopt);
-    };
+TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersAfterTheRebinding) {
+    RunStaleDriverUntil(What::BindingDisabled, std::nullopt);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Has(outcome.ThreadLog(), Useless("0.0.0.0")));
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
@@ -423,12 +422,7 @@ TEST_F(InstallWatch, AsksForARebootWhenNoDriverAnswersBehindTheRebinding) {
 
 TEST_F(InstallWatch, AsksForNoRebootWhenNoDriverAnswersAndOursHasVersionZero) {
     SetOurVersion({0, 0, 0, 0});
-    onMoment = [this](const NetworkMoment &moment) {
-        if (moment.what == What::Installed)
-            SetRunningVersion(Version{1, 0, 0, 0});
-        else if (moment.what == What::BindingDisabled)
-            SetRunningVersion(std::nullopt);
-    };
+    RunStaleDriverUntil(What::BindingDisabled, std::nullopt);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_TRUE(Has(outcome.ThreadLog(), kStale));
@@ -437,7 +431,7 @@ TEST_F(InstallWatch, AsksForNoRebootWhenNoDriverAnswersAndOursHasVersionZero) {
     EXPECT_FALSE(outcome.AskedForReboot());
 }
 
-TEST_F(InstallWatch, DoesNotRebindWhereTheDriverDoesNotAnswer) {
+TEST_F(InstallWatch, DoesNotRebindWhenTheDriverDoesNotAnswer) {
     SetVersionAfterInstall(std::nullopt);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -445,9 +439,9 @@ TEST_F(InstallWatch, DoesNotRebindWhereTheDriverDoesNotAnswer) {
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
 }
 
-// --- the network behind it ---
+// --- the network afterwards ---
 
-TEST_F(InstallWatch, LooksAtTheNetworkTwoSecondsBehindTheWork) {
+TEST_F(InstallWatch, ChecksTheNetworkTwoSecondsAfterTheWork) {
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
     EXPECT_EQ(outcome.traces.back(), kHealthy);
@@ -464,12 +458,12 @@ TEST_F(InstallWatch, LooksAtTheNetworkTwoSecondsBehindTheWork) {
     EXPECT_EQ(sleeps[sleeps.size() - 3], "Sleep(2000)");
 }
 
-TEST_F(InstallWatch, OneConnectedAdapterIsEnoughForTheLookAtTheNetwork) {
+TEST_F(InstallWatch, ChecksTheNetworkIfAtLeastOneAdapterWasConnected) {
     SetMedia(kFirst, 1);
     EXPECT_EQ(Install().traces.back(), kHealthy);
 }
 
-TEST_F(InstallWatch, DoesNotLookAtTheNetworkWhereAllAdaptersWereOffline) {
+TEST_F(InstallWatch, DoesNotCheckTheNetworkIfAllAdaptersWereOffline) {
     SetMedia(kFirst, 1);
     SetMedia(kSecond, std::nullopt);
     const InstallOutcome outcome = Install();
@@ -478,7 +472,7 @@ TEST_F(InstallWatch, DoesNotLookAtTheNetworkWhereAllAdaptersWereOffline) {
     EXPECT_EQ(CallsOf("GetIpNetTable"), 0U);
 }
 
-TEST_F(InstallWatch, AFailureWithAllAdaptersOfflineIsNotFollowedByAnotherWishForAReboot) {
+TEST_F(InstallWatch, AFailureWithAllAdaptersOfflineMakesNoOtherRebootRequest) {
     TakeAllAdaptersOffline();
     faults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
     const InstallOutcome outcome = Install();
@@ -488,12 +482,12 @@ TEST_F(InstallWatch, AFailureWithAllAdaptersOfflineIsNotFollowedByAnotherWishFor
     EXPECT_FALSE(outcome.AskedForReboot());
 }
 
-TEST_F(InstallWatch, LooksAtTheNetworkBehindAFailureToo) {
+TEST_F(InstallWatch, ChecksTheNetworkAfterAFailureToo) {
     faults().FailEvery("INetCfgClassSetup::Install", static_cast<DWORD>(E_FAIL));
     EXPECT_EQ(Install().traces.back(), kHealthy);
 }
 
-TEST_F(InstallWatch, ANetworkThatStaysUnhealthyLeadsToAWishForARebootAndNotToAFalseResult) {
+TEST_F(InstallWatch, ANetworkThatStaysUnhealthyCausesARebootRequestAndNotAFalseResult) {
     BreakNetworkWhenInstalled();
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
@@ -501,19 +495,19 @@ TEST_F(InstallWatch, ANetworkThatStaysUnhealthyLeadsToAWishForARebootAndNotToAFa
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
-TEST_F(InstallWatch, ARebootThatWasAskedForIsNotAskedForAgainByTheNetwork) {
+TEST_F(InstallWatch, TheNetworkDoesNotRepeatARebootRequest) {
     BreakNetworkWhenInstalled();
     network().Use([](Simulator::NetworkState &state) {
         state.installable.front().results = {NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT};
     });
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(Succeeded(outcome));
-    EXPECT_GT(CallsOf("SetupDiCallClassInstaller"), 0U) << "the last cure was tried";
+    EXPECT_GT(CallsOf("SetupDiCallClassInstaller"), 0U) << "the last recovery was tried";
     EXPECT_EQ(outcome.EventTexts(1006), Lines{"1"});
     EXPECT_EQ(Reboots(outcome), 1U);
 }
 
-TEST_F(InstallWatch, TellsTheRebootBeforeTheOutcome) {
+TEST_F(InstallWatch, ReportsTheRebootBeforeTheOutcome) {
     network().Use([](Simulator::NetworkState &state) {
         state.installable.front().results = {NETCFG_S_REBOOT, NETCFG_S_REBOOT, NETCFG_S_REBOOT};
     });
@@ -526,7 +520,7 @@ TEST_F(InstallWatch, TellsTheRebootBeforeTheOutcome) {
     EXPECT_EQ(outcome.notifications[0].code, 5);
 }
 
-TEST_F(InstallWatch, WritesTheEventOfAFailureToTheAgentsLogTooAndThatOfASuccessNot) {
+TEST_F(InstallWatch, WritesTheEventOfAFailureButNotOfASuccessToTheAgentsLogToo) {
     std::vector<std::pair<int, int>> ids;
     const EventObserver observer(
         [&](const VtaCore::Control::Event &event) { ids.emplace_back(event.number, event.logId); });
@@ -537,9 +531,9 @@ TEST_F(InstallWatch, WritesTheEventOfAFailureToTheAgentsLogTooAndThatOfASuccessN
     EXPECT_EQ(ids, (std::vector<std::pair<int, int>>{{1007, 0}, {3005, 0}, {1004, 1004}}));
 }
 
-// --- threads that can't be made ---
+// --- threads that can't be created ---
 
-TEST_F(InstallWatch, IsFalseWithoutAnyEventWhenTheWorkerCantBeMade) {
+TEST_F(InstallWatch, ReturnsFalseWithoutAnyEventWhenTheWorkerCannotBeCreated) {
     const FaultPlan plan = faults().FailNth("_beginthreadex", 2, EAGAIN);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());
@@ -551,7 +545,7 @@ TEST_F(InstallWatch, IsFalseWithoutAnyEventWhenTheWorkerCantBeMade) {
     EXPECT_TRUE(Succeeded(Install()));
 }
 
-TEST_F(InstallWatch, IsFalseWithoutAnyEventWhenTheWatchdogCantBeMade) {
+TEST_F(InstallWatch, ReturnsFalseWithoutAnyEventWhenTheWatchdogCannotBeCreated) {
     const FaultPlan plan = faults().FailNth("_beginthreadex", 1, EAGAIN);
     const InstallOutcome outcome = Install();
     EXPECT_TRUE(plan->Hit());

@@ -1,4 +1,4 @@
-// The change to the registry before an installation, on a registry and a version of the test's own.
+// The change to the registry before an installation, with a registry and a system version of the test's own.
 #include "WindowsDriverInstaller/drivers/InterruptWorkaround.h"
 
 #include <optional>
@@ -34,7 +34,7 @@ Messages operator+(Messages messages, const Messages &more) {
     return messages;
 }
 
-/// A version that needs both changes; the key of the first is there without values, that of the second has a 1.
+/// A version that needs both changes; the first key has no values, the second has a 1.
 class InterruptWorkaround : public ModuleFixture {
 protected:
     InterruptWorkaround() : ModuleFixture({.registry = true, .folders = false}) {
@@ -63,8 +63,7 @@ protected:
     }
     Number BindMode() { return registry().Dword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue); }
     Number FairShare() { return registry().Dword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue); }
-    /// @param bind  whether the first change is made, and
-    /// @param fair  the second, which alone needs a reboot.
+    /// @param bind  whether the first change is made, and @param fair  the second; only that one needs a reboot.
     void ExpectChanges(bool bind, bool fair) {
         PutKeys();
         EXPECT_EQ(SetNetworkInterruptWorkaround(), fair);
@@ -90,7 +89,7 @@ struct VersionRow {
     bool bind, fair;
 };
 
-TEST_F(InterruptWorkaround, TheVersionDecidesOnTheChanges) {
+TEST_F(InterruptWorkaround, DependsOnTheVersion) {
     for (const VersionRow &row : std::vector<VersionRow>{{11, 0, 0, true, false},
                                                          {11, 0, 17763, true, false},
                                                          {12, 3, 1, true, false},
@@ -114,7 +113,7 @@ TEST_F(InterruptWorkaround, TheVersionDecidesOnTheChanges) {
     }
 }
 
-TEST_F(InterruptWorkaround, Version62AsksTheRegistry) {
+TEST_F(InterruptWorkaround, DependsOnTheRegistryOnVersion62) {
     struct Row {
         const wchar_t *version, *build;
         bool bind, fair;
@@ -144,7 +143,7 @@ TEST_F(InterruptWorkaround, Version62AsksTheRegistry) {
     }
 }
 
-TEST_F(InterruptWorkaround, Version62ChangesNothingWhereTheRegistryLacksAnAnswer) {
+TEST_F(InterruptWorkaround, ChangesNothingOnVersion62WithoutTheValueInTheRegistry) {
     SetVersion(6, 2, 17763);
     ExpectChanges(false, false);
     registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentVersion", L"10.0");
@@ -155,26 +154,26 @@ TEST_F(InterruptWorkaround, Version62ChangesNothingWhereTheRegistryLacksAnAnswer
     EXPECT_EQ(Traced(), Messages{});
 }
 
-TEST_F(InterruptWorkaround, NothingChangesWhereTheVersionIsNotTold) {
+TEST_F(InterruptWorkaround, ChangesNothingIfTheVersionIsUnknown) {
     const auto plan = faults().FailEvery("GetVersionExW", ERROR_INVALID_PARAMETER);
     ExpectChanges(false, false);
     EXPECT_TRUE(plan->Hit());
     EXPECT_EQ(Traced(), Messages{});
 }
 
-TEST_F(InterruptWorkaround, TracesBothChangesAndTellsOfTheReboot) {
+TEST_F(InterruptWorkaround, TracesBothChangesAndReportsTheReboot) {
     EXPECT_TRUE(SetNetworkInterruptWorkaround());
     EXPECT_EQ(Traced(), kSetBind + Messages({kCheckFair, kFairStatus}));
     EXPECT_EQ(Verbose(), Messages{"InstallOrUpdateDriver: update registry EnableFairShare (Reboot Require)"});
 }
 
-TEST_F(InterruptWorkaround, TheRebootIsLoggedOnlyIfVerbose) {
+TEST_F(InterruptWorkaround, LogsTheRebootOnlyIfVerbose) {
     wxLog::SetVerbose(false);
     EXPECT_TRUE(SetNetworkInterruptWorkaround());
     EXPECT_EQ(Verbose(), Messages{});
 }
 
-TEST_F(InterruptWorkaround, ABindModeOfZeroIsSetAndAnotherOneLeftAlone) {
+TEST_F(InterruptWorkaround, SetsABindModeOfZeroAndKeepsAnyOther) {
     SetVersion(11, 0, 0);
     for (const DWORD mode : {0U, 1U, 7U}) {
         registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, mode);
@@ -185,7 +184,7 @@ TEST_F(InterruptWorkaround, ABindModeOfZeroIsSetAndAnotherOneLeftAlone) {
     }
 }
 
-TEST_F(InterruptWorkaround, NoKeyIsMade) {
+TEST_F(InterruptWorkaround, CreatesNoKey) {
     registry().Remove(HKEY_LOCAL_MACHINE, kNdisPath);
     registry().Remove(HKEY_LOCAL_MACHINE, kFairSharePath);
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
@@ -194,7 +193,7 @@ TEST_F(InterruptWorkaround, NoKeyIsMade) {
     EXPECT_EQ(Traced(), (Messages{kSetBind[0], kCheckFair}));
 }
 
-TEST_F(InterruptWorkaround, AFairShareThatIsAbsentOrZeroStaysSo) {
+TEST_F(InterruptWorkaround, KeepsAFairShareThatIsAbsentOrZero) {
     registry().Remove(HKEY_LOCAL_MACHINE, kFairSharePath);
     registry().PutKey(HKEY_LOCAL_MACHINE, kFairSharePath);
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
@@ -207,7 +206,7 @@ TEST_F(InterruptWorkaround, AFairShareThatIsAbsentOrZeroStaysSo) {
     EXPECT_EQ(Verbose(), Messages{});
 }
 
-TEST_F(InterruptWorkaround, AValueThatCantBeReadStaysAsItIs) {
+TEST_F(InterruptWorkaround, KeepsAValueThatCannotBeRead) {
     for (const DWORD code : std::initializer_list<DWORD>{ERROR_ACCESS_DENIED, ERROR_MORE_DATA, ERROR_KEY_DELETED}) {
         SCOPED_TRACE(code);
         registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 0);
@@ -221,7 +220,7 @@ TEST_F(InterruptWorkaround, AValueThatCantBeReadStaysAsItIs) {
     }
 }
 
-TEST_F(InterruptWorkaround, WhicheverQueryFailsItsValueStaysAsItIs) {
+TEST_F(InterruptWorkaround, KeepsTheValueWhoseQueryFails) {
     for (unsigned nth = 1;; ++nth) {
         SCOPED_TRACE(nth);
         PutKeys();
@@ -235,13 +234,13 @@ TEST_F(InterruptWorkaround, WhicheverQueryFailsItsValueStaysAsItIs) {
             EXPECT_GT(nth, 2U) << "each value is queried";
             break;
         }
-        EXPECT_EQ(faults().Calls("RegSetValueExW") - writes, 1U) << "that of the other value";
+        EXPECT_EQ(faults().Calls("RegSetValueExW") - writes, 1U) << "the other value";
         EXPECT_EQ(BindMode(), Number(reboot ? 0 : 1));
         EXPECT_EQ(FairShare(), Number(reboot ? 0 : 1));
     }
 }
 
-TEST_F(InterruptWorkaround, AValueOfAnotherTypeCantBeReadAndStaysAsItIs) {
+TEST_F(InterruptWorkaround, KeepsAValueOfAnotherType) {
     registry().PutText(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, L"0");
     registry().PutText(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue, L"1");
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
@@ -251,15 +250,15 @@ TEST_F(InterruptWorkaround, AValueOfAnotherTypeCantBeReadAndStaysAsItIs) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(InterruptWorkaround, AKeyThatCantBeOpenedForReadingStaysAsItIs) {
+TEST_F(InterruptWorkaround, KeepsAKeyThatCannotBeOpenedForReading) {
     SetVersion(11, 0, 0);
-    (void)faults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);  // the first asks whether it exists
+    (void)faults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);  // the first call checks whether it exists
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
     EXPECT_EQ(BindMode(), Number());
     EXPECT_EQ(Traced(), Messages{kSetBind[0]});
 }
 
-TEST_F(InterruptWorkaround, ValuesThatAreRightAlreadyAreNotWritten) {
+TEST_F(InterruptWorkaround, DoesNotWriteValuesThatAreAlreadyRight) {
     registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindModeValue, 1);
     registry().PutDword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShareValue, 0);
     const unsigned writes = faults().Calls("RegSetValueExW");
@@ -267,7 +266,7 @@ TEST_F(InterruptWorkaround, ValuesThatAreRightAlreadyAreNotWritten) {
     EXPECT_EQ(faults().Calls("RegSetValueExW"), writes);
 }
 
-TEST_F(InterruptWorkaround, NoFailureOfTheRegistryIsALineInTheErrorLog) {
+TEST_F(InterruptWorkaround, DoesNotLogRegistryFailuresAsErrors) {
     for (const DWORD major : {6U, 10U}) {
         SetVersion(major, major == 6 ? 2 : 0, 17763);
         registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentVersion", L"10.0");
@@ -289,7 +288,7 @@ TEST_F(InterruptWorkaround, NoFailureOfTheRegistryIsALineInTheErrorLog) {
     }
 }
 
-TEST_F(InterruptWorkaround, AValueThatCantBeWrittenIsTracedAndNeedsNoReboot) {
+TEST_F(InterruptWorkaround, TracesAValueThatCannotBeWrittenAndNeedsNoReboot) {
     (void)faults().FailEvery("RegSetValueExW", ERROR_ACCESS_DENIED);
     EXPECT_FALSE(SetNetworkInterruptWorkaround());
     EXPECT_EQ(BindMode(), Number());
@@ -298,7 +297,7 @@ TEST_F(InterruptWorkaround, AValueThatCantBeWrittenIsTracedAndNeedsNoReboot) {
     EXPECT_EQ(Verbose(), Messages{});
 }
 
-TEST_F(InterruptWorkaround, AFailedChangeOfTheBindModeDoesNotStopTheOther) {
+TEST_F(InterruptWorkaround, MakesTheOtherChangeEvenIfThatOfTheBindModeFails) {
     const auto plan = faults().FailNth("RegSetValueExW", 1, ERROR_ACCESS_DENIED);
     EXPECT_TRUE(SetNetworkInterruptWorkaround());
     EXPECT_TRUE(plan->Hit());
@@ -307,7 +306,7 @@ TEST_F(InterruptWorkaround, AFailedChangeOfTheBindModeDoesNotStopTheOther) {
     EXPECT_EQ(Traced(), kSetBind + Messages({kBindUnwritable, kCheckFair, kFairStatus}));
 }
 
-TEST_F(InterruptWorkaround, AKeyThatCantBeOpenedForWritingIsTraced) {
+TEST_F(InterruptWorkaround, TracesAKeyThatCannotBeOpenedForWriting) {
     SetVersion(11, 0, 0);
     const unsigned before = faults().Calls("RegOpenKeyExW");
     EXPECT_FALSE(SetNetworkInterruptWorkaround());

@@ -1,5 +1,5 @@
-// Parts of the removal on the real system: registry, INF files, security of keys. Where that would touch what belongs
-// to the machine, only a private Wine prefix will do.
+// Parts of the removal on the real system: registry, INF files, security of keys. What would change the machine runs
+// only in a private Wine prefix.
 #include <algorithm>
 #include <cstddef>
 #include <filesystem>
@@ -63,7 +63,7 @@ protected:
     const std::wstring root = KeyOfThisProgram();
 };
 
-TEST_F(RealRegistryTree, GoesWithAllItsBranchesAndLeavesItsNeighbours) {
+TEST_F(RealRegistryTree, IsDeletedWithAllSubkeysAndWithoutItsSiblings) {
     for (const wchar_t *branch : {L"tree\\a\\b\\c", L"tree\\a\\d", L"tree\\e", L"tree-too", L"other\\tree"})
         (void)MakeKey(root + L"\\" + branch);
     const UniqueKey withValue = MakeKey(root + L"\\tree\\a\\b");
@@ -75,17 +75,17 @@ TEST_F(RealRegistryTree, GoesWithAllItsBranchesAndLeavesItsNeighbours) {
     EXPECT_TRUE(HasKey(root + L"\\other\\tree"));
 }
 
-TEST_F(RealRegistryTree, GoesAlsoWhereThePathEndsInABackslash) {
+TEST_F(RealRegistryTree, IsDeletedEvenIfThePathEndsInABackslash) {
     (void)MakeKey(root + L"\\tree\\a\\b");
     EXPECT_EQ(DeleteRegistryTree(root + L"\\tree\\"), 0);
     EXPECT_FALSE(HasKey(root + L"\\tree"));
 }
 
-TEST_F(RealRegistryTree, GoesHoweverLongItsPathsAre) {
+TEST_F(RealRegistryTree, IsDeletedHoweverLongItsPathsAre) {
     std::wstring deepest = root;
     for (int i = 0; i < 8; ++i)
         deepest += L"\\" + std::wstring(200, static_cast<wchar_t>(L'a' + i));
-    deepest += L"\\" + std::wstring(255, L'z');  // the longest name that there can be
+    deepest += L"\\" + std::wstring(255, L'z');  // the longest possible name
     ASSERT_GT(deepest.size(), 1800U);
     (void)MakeKey(deepest);
     ASSERT_TRUE(HasKey(deepest));
@@ -93,18 +93,18 @@ TEST_F(RealRegistryTree, GoesHoweverLongItsPathsAre) {
     EXPECT_FALSE(HasKey(root));
 }
 
-TEST_F(RealRegistryTree, GoesWithHundredsOfBranches) {
+TEST_F(RealRegistryTree, IsDeletedWithHundredsOfSubkeys) {
     for (int i = 0; i < 300; ++i)
         (void)MakeKey(root + L"\\tree\\" + std::to_wstring(i));
     EXPECT_EQ(DeleteRegistryTree(root + L"\\tree"), 0);
     EXPECT_FALSE(HasKey(root + L"\\tree"));
 }
 
-TEST_F(RealRegistryTree, IsGoneWhereItNeverWas) {
+TEST_F(RealRegistryTree, CountsAsDeletedIfItNeverExisted) {
     EXPECT_EQ(DeleteRegistryTree(root + L"\\missing\\below it"), 0);
 }
 
-TEST_F(RealRegistryTree, GoesWithItsLinksAndLeavesWhatTheyLeadTo) {
+TEST_F(RealRegistryTree, IsDeletedWithItsLinksButWithoutTheirTargets) {
     (void)MakeKey(root + L"\\outside\\kept\\below");
     (void)MakeKey(root + L"\\tree\\a");
     for (const std::wstring name : {L"outside", L"nowhere", L"tree"}) {
@@ -121,7 +121,7 @@ TEST_F(RealRegistryTree, GoesWithItsLinksAndLeavesWhatTheyLeadTo) {
     EXPECT_TRUE(HasKey(root + L"\\outside\\kept\\below"));
 }
 
-TEST_F(RealRegistryTree, StaysWhereANameHasAZeroInIt) {
+TEST_F(RealRegistryTree, CannotBeDeletedIfANameContainsAZero) {
     using namespace std::string_literals;
     const UniqueKey parent = MakeKey(root + L"\\tree\\a");
     for (const std::wstring &name : {L"\0name"s, L"na\0me"s}) {
@@ -190,7 +190,7 @@ std::wstring UserSid() {
     return SidText(reinterpret_cast<TOKEN_USER *>(memory)->User.Sid);
 }
 
-/// A real key, and a count of what taking it leaves behind.
+/// A real key, and a count of what taking ownership of it leaves behind.
 class RealKey : public testing::Test {
 protected:
     RealKey() {
@@ -201,7 +201,7 @@ protected:
         SECURITY_DESCRIPTOR open{};
         EXPECT_TRUE(InitializeSecurityDescriptor(&open, SECURITY_DESCRIPTOR_REVISION));
         EXPECT_TRUE(SetSecurityDescriptorDacl(&open, TRUE, nullptr, FALSE));
-        (void)RegSetKeySecurity(opened.get(), DACL_SECURITY_INFORMATION, &open);  // a deleted one needs it no more
+        (void)RegSetKeySecurity(opened.get(), DACL_SECURITY_INFORMATION, &open);  // a deleted one needs no reset
         (void)RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
     }
 
@@ -211,7 +211,7 @@ protected:
                                         nullptr, nullptr),
                   static_cast<DWORD>(ERROR_SUCCESS));
     }
-    /// Gives the key to the system, and nobody else more rights than these.
+    /// Gives the key to the system, and grants nobody else more than these rights.
     void Lock(DWORD rights) {
         SetOwner(Simulator::Sid::kSystem);
         const LocalMemory everyone = MakeSid(Simulator::Sid::kEveryone);
@@ -238,7 +238,7 @@ protected:
             EXPECT_EQ(item.kind, std::string(Simulator::Kind::kBlock)) << "left by " << item.function;
         return lines;
     }
-    /// Such as "S-1-5-18; S-1-1-0 all": the owner, and who has which rights by the key's own list.
+    /// Such as "S-1-5-18; S-1-1-0 all": the owner, and the rights in the key's own access list.
     std::wstring Security() {
         PSID owner = nullptr;
         ACL *list = nullptr;
@@ -280,22 +280,22 @@ TEST_F(RealKey, IsOpenedToEveryoneAndKeepsItsOwner) {
     EXPECT_FALSE(IsTakeOwnershipEnabled());
 }
 
-TEST_F(RealKey, IsTakenFromTheSystemWhereItsAccessListIsLocked) {
+TEST_F(RealKey, IsTakenFromTheSystemWhenItsAccessListIsLocked) {
     if (!IsUnderWine())
         GTEST_SKIP() << "only Wine lets a program give its keys to the system";
-    Lock(WRITE_OWNER);  // Wine's privilege does not give this right
+    Lock(WRITE_OWNER);  // Wine's privilege does not grant this right
     ASSERT_EQ(Open(KEY_READ), ERROR_ACCESS_DENIED);
     ASSERT_EQ(Open(WRITE_DAC), ERROR_ACCESS_DENIED);
     EXPECT_EQ(Take(name), std::vector<std::string>{});
     EXPECT_EQ(Security(), L"S-1-5-32-544; S-1-1-0 all; S-1-5-32-544 all");
-    EXPECT_FALSE(IsTakeOwnershipEnabled()) << "not any more";
+    EXPECT_FALSE(IsTakeOwnershipEnabled()) << "no longer";
     EXPECT_EQ(DeleteRegistryTree(path), 0);
     EXPECT_FALSE(HasKey(path));
 }
 
-TEST_F(RealKey, StaysLockedWhereItsOwnerCannotBeSet) {
+TEST_F(RealKey, StaysLockedWhenItsOwnerCannotBeSet) {
     if (!IsUnderWine())
-        GTEST_SKIP() << "elsewhere the privilege lets the owner be set";
+        GTEST_SKIP() << "elsewhere the privilege allows setting the owner";
     Lock(0);
     EXPECT_EQ(Take(name), std::vector<std::string>{"TakeOwnership: Could not set owner. Error: 5"});
     EXPECT_TRUE(IsTakeOwnershipEnabled()) << "nothing is undone";
@@ -304,14 +304,14 @@ TEST_F(RealKey, StaysLockedWhereItsOwnerCannotBeSet) {
     EXPECT_TRUE(HasKey(path));
 }
 
-TEST_F(RealKey, IsToldOfWhereItIsMissing) {
+TEST_F(RealKey, IsReportedWhenItIsMissing) {
     EXPECT_EQ(Take(name + L"-too"),
               std::vector<std::string>{"TakeOwnership: First SetNamedSecurityInfo call failed: 2"});
 }
 
 // --- INF files ---
 
-/// Open for others to read, but not to delete.
+/// Shared for reading, but not for deletion.
 class FileInUse {
 public:
     explicit FileInUse(const std::filesystem::path &file)
@@ -326,7 +326,7 @@ private:
     HANDLE m_handle;
 };
 
-/// What the system is to do with files at the next boot; as it was again at the end.
+/// What the system should do with files at the next boot; restored at the end.
 class PendingOperations {
 public:
     PendingOperations() : m_before(Read()) {}
@@ -340,7 +340,7 @@ public:
     PendingOperations(const PendingOperations &) = delete;
     PendingOperations &operator=(const PendingOperations &) = delete;
 
-    /// The value as it is, zeros included; empty if there is none.
+    /// The value unchanged, zeros included; empty if there is none.
     static std::wstring Read() {
         DWORD bytes = 0;
         if (RegGetValueW(HKEY_LOCAL_MACHINE, kKey, kValue, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &bytes) !=
@@ -359,7 +359,7 @@ private:
     const std::wstring m_before;
 };
 
-/// The removal on the system's own folders and setup library. A name that no system gives a file of its own.
+/// The removal with the system's own folders and setup library. No system gives a file of its own this name.
 class RealInf : public ModuleFixture {
 protected:
     /// @param setup  simulate the setup library.
@@ -389,17 +389,18 @@ protected:
             ASSERT_TRUE(exists(file));
         }
     }
-    /// Has the setup library take the file as it takes a driver's.
+    /// Makes the setup library install the file like a driver's.
     void Copy(const std::string &content) {
         const std::filesystem::path source = std::filesystem::temp_directory_path() / inf.filename();
         std::ofstream(source, std::ios::binary) << content;
-        std::filesystem::remove(inf);  // else the copy would have another name
+        std::filesystem::remove(inf);  // otherwise the copy would have another name
         wchar_t copied[MAX_PATH] = L"";
         EXPECT_TRUE(SetupCopyOEMInfW(source.c_str(), nullptr, SPOST_PATH, 0, copied, MAX_PATH, nullptr, nullptr));
         std::filesystem::remove(source);
         ASSERT_EQ(copied, inf);
     }
-    /// Has the setup library uninstall the file, past the module. @return what the module is to tell of that answer.
+    /// Makes the setup library uninstall the file, without the module.
+    /// @return what the module should log about that result.
     std::string Ask() const {
         const bool done = SetupUninstallOEMInfW(inf.filename().c_str(), SUOI_FORCEDELETE, nullptr) != FALSE;
         const DWORD error = GetLastError();
@@ -443,7 +444,7 @@ protected:
     LogCollector log;
 };
 
-TEST_F(RealInf, GoesByTheSetupLibrary) {
+TEST_F(RealInf, IsRemovedByTheSetupLibrary) {
     Copy(InfNaming("qbimvta"));
     const std::vector<std::string> lines = Uninstall();
     EXPECT_TRUE(Has(lines, "  Matched 'qbimvta' in file '" + inf.string() + "'. Deleting this inf+pnf+cat."));
@@ -451,8 +452,8 @@ TEST_F(RealInf, GoesByTheSetupLibrary) {
     EXPECT_FALSE(exists(inf));
 }
 
-// Wine 8 deletes it. Wine 10 finds no such package in its driver store, and leaves the file.
-TEST_F(RealInf, GoesOrStaysAsTheSetupLibraryAnswersWhereItCameByAnotherWay) {
+// Wine 8 deletes it. Wine 10 finds no such package in its driver store, and keeps the file.
+TEST_F(RealInf, IsRemovedOrKeptAsTheSetupLibraryDecidesIfItWasCopiedAnotherWay) {
     Put(InfNaming("qbimvta"));
     const std::string answer = Ask();
     const bool stays = exists(inf);
@@ -462,7 +463,7 @@ TEST_F(RealInf, GoesOrStaysAsTheSetupLibraryAnswersWhereItCameByAnotherWay) {
     EXPECT_EQ(exists(inf), stays);
 }
 
-TEST_F(RealInf, StaysWhereItIsAnothers) {
+TEST_F(RealInf, IsKeptIfItBelongsToAnotherDriver) {
     Put(InfNaming("another"));
     (void)Uninstall();
     EXPECT_TRUE(exists(inf));
@@ -470,9 +471,9 @@ TEST_F(RealInf, StaysWhereItIsAnothers) {
     EXPECT_TRUE(exists(cat));
 }
 
-// Wine 8 tells that it is in use. Wine 10 removes the package from its driver store, tells of success, and then knows
-// the file no more.
-TEST_F(RealInf, StaysWhereTheSetupLibraryCannotDeleteIt) {
+// Wine 8 reports that it is in use. Wine 10 removes the package from its driver store, reports success, and no longer
+// knows the file.
+TEST_F(RealInf, IsKeptWhenTheSetupLibraryCannotDeleteIt) {
     Copy(InfNaming("qbimvta"));
     std::string answer;
     {
@@ -491,7 +492,7 @@ protected:
     RealInfByHand() : RealInf(true) { simulation().GetSetup().Lack("SetupUninstallOEMInfW"); }
 };
 
-TEST_F(RealInfByHand, GoesWithItsPnfAndItsCatalogue) {
+TEST_F(RealInfByHand, IsDeletedWithItsPnfAndItsCatalogue) {
     Put(InfNaming("qbimwfp"));
     ASSERT_TRUE(SetFileAttributesW(inf.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_TRUE(Has(Uninstall(), "  Matched 'qbimwfp' in file '" + inf.string() + "'. Deleting this inf+pnf+cat."));
@@ -500,7 +501,7 @@ TEST_F(RealInfByHand, GoesWithItsPnfAndItsCatalogue) {
     EXPECT_FALSE(exists(cat));
 }
 
-TEST_F(RealInfByHand, GoesAtTheNextBootWhereItIsInUse) {
+TEST_F(RealInfByHand, IsPostponedToTheNextBootWhenItIsInUse) {
     Put(InfNaming("qbimvta"));
     const PendingOperations pending;
     const FileInUse inUse(inf);

@@ -1,4 +1,4 @@
-// Start, stop and restart through SLB.filter of real kernel drivers, on the system's own service manager.
+// Start, stop and restart of real kernel drivers through SLB.filter, with the system's own service manager.
 
 #include <memory>
 #include <stdexcept>
@@ -16,7 +16,7 @@ struct CloseReal {
 };
 using RealHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, CloseReal>;
 
-/// A kernel driver's service, removed again at its end; the driver lies beside the program.
+/// A kernel driver's service, removed again at the end; the driver lies beside the program.
 class InstalledDriver {
 public:
     explicit InstalledDriver(const wchar_t *name) : m_manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)) {
@@ -42,7 +42,7 @@ public:
         EXPECT_TRUE(QueryServiceStatus(m_service.get(), &status));
         return status.dwCurrentState;
     }
-    /// @return whether the service is in the state within ten seconds.
+    /// @return whether the service reaches the state within ten seconds.
     [[nodiscard]] bool Reaches(DWORD state) const {
         for (int i = 0; i < 200 && State() != state; ++i)
             Sleep(50);

@@ -21,7 +21,7 @@ const std::string kNothing = "     cleanup_registry: no matches found";
 const std::string kDeleted = "     cleanup_registry: successfuly deleted";
 const std::string kKept = "     cleanup_registry: failed to delete";
 
-/// An orphan that stays, with a key of three devices; the first of them has keys below it.
+/// An orphan that cannot be removed, with a key of three devices; the first of them has subkeys.
 class RegistryCleanUp : public RemovalFixture {
 protected:
     RegistryCleanUp() {
@@ -39,7 +39,7 @@ protected:
     bool Has(const std::wstring &path) { return registry().HasKey(HKEY_LOCAL_MACHINE, path); }
 
     static std::string Utf8Key() { return Simulator::Utf8(kOrphanKey); }
-    /// The keys that were opened to be deleted, each as the key above and its name.
+    /// The keys opened for deletion, each as the parent key and its name.
     Lines DeletionsTried() {
         const std::string begin = "RegOpenKeyExW(";
         const std::string end = ", 8, " + std::to_string(DELETE) + ", *)";
@@ -49,7 +49,7 @@ protected:
                 keys.push_back(call.substr(begin.size(), call.size() - begin.size() - end.size()));
         return keys;
     }
-    /// The lines of the clean-up. Whatever comes of it, the removal succeeds and leaves no key open.
+    /// The lines of the clean-up. Whatever its result, the removal succeeds and leaves no key open.
     Lines CleanUp() {
         const Removal removal = Uninstall();
         EXPECT_TRUE(removal.result);
@@ -62,13 +62,13 @@ protected:
     }
 };
 
-TEST_F(RegistryCleanUp, DeletesTheKeyWithAllBelowItAndNoOther) {
+TEST_F(RegistryCleanUp, DeletesTheKeyWithAllSubkeysAndNoOther) {
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
     EXPECT_FALSE(Has(kOrphanKey));
     EXPECT_TRUE(Has(std::wstring(kRootDevices) + L"\\OTHER\\0000"));
 }
 
-TEST_F(RegistryCleanUp, DeletesAKeyWithNothingBelowIt) {
+TEST_F(RegistryCleanUp, DeletesAKeyWithoutSubkeys) {
     registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
     registry().PutKey(HKEY_LOCAL_MACHINE, kOrphanKey);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
@@ -76,7 +76,7 @@ TEST_F(RegistryCleanUp, DeletesAKeyWithNothingBelowIt) {
     EXPECT_EQ(Calls({"RegEnumKeyExW"}), Lines{}) << "the first deletion did it";
 }
 
-TEST_F(RegistryCleanUp, FindsNothingWhereThereIsNoKey) {
+TEST_F(RegistryCleanUp, FindsNothingWithoutAKey) {
     registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kNothing}));
     EXPECT_EQ(Calls({"SetNamedSecurityInfoW", "NtDeleteKey"}), Lines{});
@@ -95,7 +95,7 @@ TEST_F(RegistryCleanUp, OpensTheKeyForReading) {
                   std::to_string(KEY_READ) + ", *)");
 }
 
-TEST_F(RegistryCleanUp, TakesTheKeyBeforeItDeletes) {
+TEST_F(RegistryCleanUp, TakesOwnershipBeforeItDeletes) {
     (void)CleanUp();
     const Lines calls = NamesOfCalls({"SetNamedSecurityInfoW", "NtDeleteKey"});
     ASSERT_GT(calls.size(), 1U);
@@ -103,7 +103,7 @@ TEST_F(RegistryCleanUp, TakesTheKeyBeforeItDeletes) {
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "SetNamedSecurityInfoW"), 1);
 }
 
-TEST_F(RegistryCleanUp, TriesADeletionBeforeItLooksBelow) {
+TEST_F(RegistryCleanUp, TriesADeletionBeforeItEnumeratesSubkeys) {
     (void)CleanUp();
     EXPECT_EQ(DeletionsTried(),
               (Lines{"HKEY_LOCAL_MACHINE, \"" + Utf8Key() + '"', "*, \"0001\"", "*, \"Device Parameters\"",
@@ -114,12 +114,12 @@ TEST_F(RegistryCleanUp, TriesADeletionBeforeItLooksBelow) {
 TEST_F(RegistryCleanUp, OpensEveryKeyOfTheTreeWithoutFollowingLinks) {
     (void)CleanUp();
     Lines calls = Calls({"RegOpenKeyExW"});
-    calls.erase(calls.begin());  // whether the key is there
+    calls.erase(calls.begin());  // whether the key exists
     for (const std::string &call : calls)
         EXPECT_NE(call.find("\", " + std::to_string(REG_OPTION_OPEN_LINK) + ", "), call.npos) << call;
 }
 
-TEST_F(RegistryCleanUp, FailsAtASubkeyThatStaysAndLeavesThoseBehindIt) {
+TEST_F(RegistryCleanUp, StopsAtASubkeyThatCannotBeDeleted) {
     simulation().GetSecurity().ForbidDeletion(Below(L"0002"));
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
     EXPECT_FALSE(Has(Below(L"0001")));
@@ -127,20 +127,20 @@ TEST_F(RegistryCleanUp, FailsAtASubkeyThatStaysAndLeavesThoseBehindIt) {
     EXPECT_TRUE(Has(Below(L"0003")));
 }
 
-TEST_F(RegistryCleanUp, FailsAtASubkeyFurtherDown) {
+TEST_F(RegistryCleanUp, StopsAtASubkeyFurtherDown) {
     simulation().GetSecurity().ForbidDeletion(Below(L"0001\\Device Parameters\\Wdf"));
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
     EXPECT_TRUE(Has(Below(L"0001\\Device Parameters\\Wdf")));
     EXPECT_TRUE(Has(Below(L"0002")));
 }
 
-TEST_F(RegistryCleanUp, SaysThatASubkeyStays) {
+TEST_F(RegistryCleanUp, LogsASubkeyThatCannotBeDeleted) {
     simulation().GetSecurity().ForbidDeletion(Below(L"0001\\Device Parameters\\Wdf"));
     EXPECT_EQ(DeleteRegistryTree(kOrphanKey), 1);
-    EXPECT_TRUE(Has(Below(L"0002"))) << "and those behind it are left";
+    EXPECT_TRUE(Has(Below(L"0002"))) << "and those after it are kept";
 }
 
-TEST_F(RegistryCleanUp, FailsWhereTheKeyItselfStays) {
+TEST_F(RegistryCleanUp, FailsWhenTheKeyItselfCannotBeDeleted) {
     simulation().GetSecurity().ForbidDeletion(kOrphanKey);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
     EXPECT_TRUE(Has(kOrphanKey));
@@ -148,32 +148,32 @@ TEST_F(RegistryCleanUp, FailsWhereTheKeyItselfStays) {
     EXPECT_FALSE(Has(Below(L"0003")));
 }
 
-TEST_F(RegistryCleanUp, FailsWhereSubkeysCannotBeEnumerated) {
+TEST_F(RegistryCleanUp, FailsWhenSubkeysCannotBeEnumerated) {
     const auto plan = simulation().GetFaults().FailNth("RegEnumKeyExW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
     EXPECT_TRUE(Has(Below(L"0001")));
 }
 
-TEST_F(RegistryCleanUp, FailsWhereTheKeyCannotBeOpenedForItsSubkeys) {
+TEST_F(RegistryCleanUp, FailsWhenTheKeyCannotBeOpenedForItsSubkeys) {
     const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 3, ERROR_ACCESS_DENIED);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
     EXPECT_TRUE(plan->Hit());
     EXPECT_TRUE(Has(Below(L"0001")));
 }
 
-TEST_F(RegistryCleanUp, TakesAKeyThatVanishesForDeleted) {
+TEST_F(RegistryCleanUp, TreatsAKeyThatVanishesAsDeleted) {
     simulation().GetSecurity().ForbidDeletion(kOrphanKey, ERROR_KEY_DELETED);
     const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 3, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
 }
 
-TEST_F(RegistryCleanUp, DeletesALockedKeyOnceItIsTaken) {
+TEST_F(RegistryCleanUp, DeletesALockedKeyAfterTakingOwnership) {
     simulation().GetSecurity().ProtectKey(kOrphanKey);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
     EXPECT_FALSE(Has(kOrphanKey));
 }
 
-TEST_F(RegistryCleanUp, TriesTheDeletionAlsoOfAKeyThatItCannotTake) {
+TEST_F(RegistryCleanUp, TriesToDeleteAKeyEvenWithoutOwnership) {
     simulation().GetSecurity().ProtectKey(kOrphanKey);
     simulation().GetSecurity().WithholdPrivilege(Simulator::kTakeOwnership);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
@@ -181,7 +181,7 @@ TEST_F(RegistryCleanUp, TriesTheDeletionAlsoOfAKeyThatItCannotTake) {
     EXPECT_TRUE(Has(Below(L"0001")));
 }
 
-// --- what anybody may have put below a key that was left open to everyone ---
+// --- what anybody may have created below a key left open to everyone ---
 
 constexpr wchar_t kOutside[] = L"SOFTWARE\\Outside";
 
@@ -197,15 +197,15 @@ protected:
     std::string outside;
 };
 
-TEST_F(PlantedKeys, ALinkIsDeletedAndWhatItLeadsToStays) {
+TEST_F(PlantedKeys, ALinkIsDeletedButNotItsTarget) {
     registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0002\\link"), kOutside);
-    ASSERT_TRUE(Has(Below(L"0002\\link\\kept\\below"))) << "it leads there";
+    ASSERT_TRUE(Has(Below(L"0002\\link\\kept\\below"))) << "the link works";
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
     EXPECT_EQ(Outside(), outside);
     EXPECT_FALSE(Has(kOrphanKey));
 }
 
-TEST_F(PlantedKeys, ALinkInThePlaceOfADeviceIsDeletedAndWhatItLeadsToStays) {
+TEST_F(PlantedKeys, ALinkInPlaceOfADeviceIsDeletedButNotItsTarget) {
     registry().Remove(HKEY_LOCAL_MACHINE, Below(L"0001"));
     registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0001"), kOutside);
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
@@ -213,7 +213,7 @@ TEST_F(PlantedKeys, ALinkInThePlaceOfADeviceIsDeletedAndWhatItLeadsToStays) {
     EXPECT_FALSE(Has(kOrphanKey));
 }
 
-TEST_F(PlantedKeys, ALinkThatLeadsNowhereIsDeleted) {
+TEST_F(PlantedKeys, ADanglingLinkIsDeleted) {
     registry().PutLink(HKEY_LOCAL_MACHINE, Below(L"0001\\link"), L"SOFTWARE\\Nowhere");
     EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kDeleted}));
     EXPECT_FALSE(Has(kOrphanKey));
@@ -225,7 +225,7 @@ TEST_F(PlantedKeys, ALinkToTheKeyItselfIsDeleted) {
     EXPECT_FALSE(Has(kOrphanKey));
 }
 
-TEST_F(PlantedKeys, ANameWithAZeroInItStaysWithTheKeysAboveIt) {
+TEST_F(PlantedKeys, ANameWithAZeroInItStaysWithItsParentKeys) {
     using namespace std::string_literals;
     for (const std::wstring &name : {L"\0"s, L"\0name"s, L"na\0me"s, L"0001\0"s, L"name\0"s}) {
         SCOPED_TRACE(Simulator::Utf8(name));
@@ -238,12 +238,12 @@ TEST_F(PlantedKeys, ANameWithAZeroInItStaysWithTheKeysAboveIt) {
     }
 }
 
-TEST_F(PlantedKeys, ANameWithAZeroInItIsNotTakenForTheShorterOne) {
+TEST_F(PlantedKeys, ANameWithAZeroInItIsNotMistakenForTheShorterOne) {
     using namespace std::string_literals;
     registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);
     registry().PutKeyNamed(HKEY_LOCAL_MACHINE, Below(L"0001"), L"a\0"s);
     registry().PutDword(HKEY_LOCAL_MACHINE, Below(L"0001\\a\\below"), L"number", 7);
-    // A system that enumerates the longer one of the two first.
+    // A system that enumerates the longer of the two first.
     simulation().Functions().Put<Simulator::System::RegEnumKeyExW>(
         [](const auto &next, HKEY key, DWORD index, LPWSTR name, LPDWORD length, auto... rest) {
             const DWORD room = *length;
@@ -261,7 +261,7 @@ TEST_F(PlantedKeys, ANameWithAZeroInItIsNotTakenForTheShorterOne) {
     EXPECT_EQ(registry().Tree(HKEY_LOCAL_MACHINE, kOrphanKey), before);
 }
 
-TEST_F(PlantedKeys, ATreeOf512LevelsGoesAndADeeperOneStays) {
+TEST_F(PlantedKeys, ATreeOf512LevelsIsDeletedAndADeeperOneStays) {
     for (const int levels : {512, 513}) {
         SCOPED_TRACE(levels);
         registry().Remove(HKEY_LOCAL_MACHINE, kOrphanKey);

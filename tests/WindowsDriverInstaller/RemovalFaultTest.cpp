@@ -1,4 +1,4 @@
-// The removal with each call of the platform failing once, at each place, held against a model of the removal.
+// The removal with each call of the platform failing once, at each place, compared with a model of the removal.
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -29,7 +29,7 @@ std::string Name(const Fault &fault) {
     return name.str();
 }
 
-/// What the system says of an error, and addresses, are not the model's to know.
+/// The model knows neither the system's error texts nor addresses.
 std::string Plain(const std::string &line) {
     static const std::regex report(R"(^(.*?): .+ \((0|0x[0-9a-f]+)\)$)");
     static const std::regex systemError(R"( \(error \d+: .*\)$)");
@@ -82,7 +82,7 @@ std::vector<std::string> KeysOf(const std::vector<ModelKey> &keys, const std::st
     return names;
 }
 
-/// What a file that is still mapped comes to is the system's affair.
+/// What happens to a file that is still mapped is up to the system.
 bool LeavesFileOpen(const Fault &fault) {
     return fault.function == "CloseHandle" || fault.function == "UnmapViewOfFile";
 }
@@ -118,15 +118,15 @@ class RemovalFaults : public RemovalFixture {
 protected:
     RemovalFaults();
 
-    /// Both drivers are installed and go without a word.
-    void TakeCleanRoad();
-    /// INF files are removed by hand, one of which is in use, and the service has to be deleted.
-    void TakeRoadByHand();
-    /// Nothing is installed but a miniport that stays, with a protected key.
-    void TakeOrphanRoad();
+    /// Both drivers are installed and can be removed without a problem.
+    void PrepareCleanRemoval();
+    /// INF files are removed by hand, one of them is in use, and the service has to be deleted.
+    void PrepareRemovalByHand();
+    /// Only a miniport that stays is installed, with a protected key.
+    void PrepareOrphanRemoval();
 
     void FailEachPlace();
-    /// The one place that the environment names, if it does.
+    /// The one place that the environment names, if any.
     static bool IsWanted(const Fault &fault);
     void FailPlace(const Fault &fault);
 
@@ -153,7 +153,7 @@ RemovalFaults::RemovalFaults() {
     m_machine.wfpFolder = std::filesystem::path(WfpFolder()).string();
 }
 
-void RemovalFaults::TakeCleanRoad() {
+void RemovalFaults::PrepareCleanRemoval() {
     m_machine.hasService = true;
     m_machine.hasFilter = true;
     m_machine.infs = {{"oem1.inf", "qbimvta"}, {"oem2.inf", "qbimwfp"}, {"oem3.inf", ""}};
@@ -161,7 +161,7 @@ void RemovalFaults::TakeCleanRoad() {
     FailEachPlace();
 }
 
-void RemovalFaults::TakeRoadByHand() {
+void RemovalFaults::PrepareRemovalByHand() {
     m_machine.hasService = true;
     m_machine.infRemovesService = false;
     m_machine.hasFilter = true;
@@ -176,12 +176,12 @@ void RemovalFaults::TakeRoadByHand() {
     FailEachPlace();
 }
 
-void RemovalFaults::TakeOrphanRoad() {
+void RemovalFaults::PrepareOrphanRemoval() {
     m_machine.hasHealthFiles = false;
     m_machine.hasMiniport = true;
     m_machine.miniportKey = {{"QBIMVTA_MP", {{"0000", {{"Control", {}}}}, {"0001", {}}}}};
     m_machine.keyIsProtected = true;
-    (void)Uninstall();  // of what is installed at first; what it left is not wanted either
+    (void)Uninstall();  // of what was installed at first; its leftovers don't matter either
     std::filesystem::remove(simulation().GetFolders().Inf() / L"oem3.inf");
     PutOrphan();
     simulation().GetNetwork().Put({.id = L"QBIMVTA_MP", .deInstallsUntilGone = 0});
@@ -200,21 +200,21 @@ void RemovalFaults::RestoreRegistry() {
 void RemovalFaults::FailEachPlace() {
     m_restore();
     (void)Uninstall();  // libraries that stay are loaded once per process
-    const Expectation road = ExpectRemoval(m_machine, {}, true);
+    const Expectation scenario = ExpectRemoval(m_machine, {}, true);
     FailPlace({});
-    ASSERT_FALSE(HasFailure()) << "the road itself is not as expected";
+    ASSERT_FALSE(HasFailure()) << "the removal without a fault is not as expected";
     std::map<std::string, unsigned> counts;
-    for (const std::string &function : road.calls) {
+    for (const std::string &function : scenario.calls) {
         const unsigned nth = ++counts[function];
-        // Without its event nothing can watch the worker: told apart.
+        // Without its event nothing can watch the worker: a test of its own covers that.
         if (NeverFails(function) || function == "CreateEventW")
             continue;
         for (const DWORD code : FaultCodesOf(function))
             FailPlace({function, nth, code});
         ASSERT_LT(testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(), 10)
-            << "too much is wrong";
+            << "too many failures";
     }
-    EXPECT_NE(m_places, 0U) << "FC_FAULT_AT names no place of this road";
+    EXPECT_NE(m_places, 0U) << "FC_FAULT_AT names no place of this scenario";
     std::cout << "             " << m_places << " places (function, occurrence, code), " << m_runs << " removals\n";
 }
 
@@ -231,7 +231,7 @@ void RemovalFaults::FailPlace(const Fault &fault) {
     m_places += fault.nth != 0 ? 1 : 0;
 
     Expectation expected = ExpectRemoval(m_machine, fault, true);
-    expected.failedStep = Expectation::kNoStep;  // a script never hears of these two
+    expected.failedStep = Expectation::kNoStep;  // a script does not see these two
     expected.rebootRequired = false;
     EXPECT_EQ(Describe(RunByScript(fault), fault), Describe(expected, fault)) << "by a script";
 
@@ -308,19 +308,19 @@ void RemovalFaults::ObserveMachine(ModelMachine &after) {
     after.administratorsOwnKey = simulation().GetSecurity().Key(kMiniportKey).owner == Simulator::Sid::kAdministrators;
 }
 
-TEST_F(RemovalFaults, OnTheCleanRoadEndAsTheModelSays) {
-    TakeCleanRoad();
+TEST_F(RemovalFaults, OfACleanRemovalEndAsTheModelSays) {
+    PrepareCleanRemoval();
 }
 
-TEST_F(RemovalFaults, OnTheRoadByHandEndAsTheModelSays) {
-    TakeRoadByHand();
+TEST_F(RemovalFaults, OfARemovalByHandEndAsTheModelSays) {
+    PrepareRemovalByHand();
 }
 
-TEST_F(RemovalFaults, OnTheRoadOfAnOrphanThatStaysEndAsTheModelSays) {
-    TakeOrphanRoad();
+TEST_F(RemovalFaults, OfAnOrphanThatStaysEndAsTheModelSays) {
+    PrepareOrphanRemoval();
 }
 
-TEST_F(RemovalFaults, ToMakeTheEventEndTheWatchAsAnOverrunStepDoes) {
+TEST_F(RemovalFaults, ToCreateTheEventEndTheWatchLikeAnOverrunStep) {
     const auto create = simulation().GetFaults().FailNth("CreateEventW", 1, ERROR_NOT_ENOUGH_MEMORY);
     const auto hung = simulation().GetFaults().HangNth("INetCfg::FindComponent", 1);
     simulation().GetClock().Step();

@@ -1,4 +1,4 @@
-// A test with a machine on which both drivers are installed.
+// A machine on which both drivers are installed.
 #pragma once
 
 #include <gtest/gtest.h>

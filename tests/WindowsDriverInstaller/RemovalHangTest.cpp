@@ -1,5 +1,5 @@
-// A removal hung in each of its calls: the watcher notices it when the time of the step on top has passed and not
-// before, the script gets its answer, and the next removal works.
+// A removal hung in each of its calls: the watcher notices it when the limit of the top step has passed and not before,
+// the script gets its answer, and the next removal works.
 #include <algorithm>
 #include <map>
 #include <set>
@@ -42,13 +42,13 @@ void ExpectNothingLeftButTheEvent(const std::vector<Simulator::BalanceItem> &lef
 class RemovalHang : public HungRemoval {
 protected:
     /// Hangs each call of a removal from such a machine.
-    /// @param prepare  makes it from one on which both drivers are installed and nothing else is.
+    /// @param prepare  makes it from one on which only both drivers are installed.
     template <class Prepare>
     std::vector<Place> HangEachCall(Prepare prepare) {
         hung.LoadNoModulesForStacks();
         PutRight();
         prepare();
-        // What the first walk over a stack loads stays for good.
+        // What the first stack walk loads stays for good.
         hung.ClearAway(HangIn("CoCreateInstance", 1, 10'000).left);
         (void)Uninstall();
         PutRight();
@@ -90,7 +90,7 @@ private:
         ExpectTheNextOneWorks();
     }
 
-    /// Of COM's references the journal does not tell the end.
+    /// The journal does not show the release of COM references.
     static void ExpectInFlight(const Place &place, const Hang &hang) {
         for (const std::string_view kind : KindsInJournals()) {
             const auto open = place.open.find(std::string(kind));
@@ -107,7 +107,7 @@ private:
         EXPECT_EQ(simulation().GetNetwork().Read().lock.has_value(), place.holdsLock);
     }
 
-    /// The worker has done the rest of the removal when its call was let go.
+    /// The worker did the rest of the removal when its call was released.
     void ExpectLetGo(const Hang &hang) {
         EXPECT_FALSE(hang.killed);
         EXPECT_EQ(hang.Stacks(), std::vector<std::string>{});
@@ -148,7 +148,7 @@ std::set<std::string> MissingFrom(const std::set<std::string> &these, const std:
     return missing;
 }
 
-TEST_F(RemovalHang, IsNoticedInTimeInEachCallOfAWholeRemoval) {
+TEST_F(RemovalHang, IsNoticedInTimeInEachCallOfACompleteRemoval) {
     const std::vector<Place> places = HangEachCall([] {});
     std::set<std::string> steps;
     for (const Place &place : places)

@@ -8,7 +8,7 @@ HINSTANCE moduleInstance = nullptr;
 ProbeResult RunRemovalInTest(VtaCore::CDom &dom, const wxString &wfpDriverDir) {
     {
         const Simulator::InsideSimulator inside;
-        moduleInstance = GetModuleHandleW(L"fc.dll");  // its messages
+        moduleInstance = GetModuleHandleW(L"fc.dll");  // its message table
     }
     Probe probe(dom, wfpDriverDir);
     const bool result = probe.UninstallDriver();

@@ -1,4 +1,4 @@
-// The removal on the calling thread, for what a script never hears of.
+// The removal on the calling thread, to test what a script cannot see.
 #pragma once
 
 #include <cstdint>
@@ -13,5 +13,5 @@ struct ProbeResult {
     bool rebootRequired;
 };
 
-/// Runs the removal that is compiled into the test, without a watcher.
+/// Runs the removal compiled into the test, without a watcher.
 ProbeResult RunRemovalInTest(VtaCore::CDom &dom, const wxString &wfpDriverDir);

@@ -1,4 +1,4 @@
-// The log of a removal as a whole: each step's lines stand one blank deeper than those around it.
+// The complete log of a removal: each step's lines are indented by one more space than those around it.
 #include <string>
 
 #include <netcfgx.h>

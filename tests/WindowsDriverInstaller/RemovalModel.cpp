@@ -135,7 +135,7 @@ bool RemovalRun::Strikes(const std::string &function) {
     return strikes;
 }
 
-/// A call that says yes or no, and why not by the last error.
+/// A call that returns success or failure, with the reason in the last error.
 bool RemovalRun::Works(const std::string &function, bool possible, Code error) {
     if (Strikes(function))
         return false;
@@ -149,7 +149,7 @@ Code RemovalRun::Status(const std::string &function, Code otherwise) {
     return Strikes(function) ? m_fault.code : otherwise;
 }
 
-/// A failure to give something back is no failure of the removal.
+/// A failure to release something does not fail the removal.
 bool RemovalRun::Close(const std::string &function, const char *kind) {
     const bool closed = !Strikes(function);
     if (!closed)
@@ -191,7 +191,7 @@ Code RemovalRun::Call(const Step &step, const std::string &function, const std::
 }
 
 Expectation RemovalRun::Take(bool ownThread) {
-    m.left[kHandle] = 1;  // the event, which stays for good
+    m.left[kHandle] = 1;  // the event, which is never closed
     (void)Works("CreateEventW");
     Start(kThreadRunning);
     if (!ownThread) {
@@ -238,7 +238,7 @@ bool RemovalRun::Uninstall() {
     return hr == kOk || hr == kReboot;
 }
 
-/// Both files are there, or neither.
+/// Both files exist, or neither.
 void RemovalRun::RemoveHealthFiles() {
     if (!Works("GetSystemDirectoryW"))
         return;
@@ -336,7 +336,7 @@ bool RemovalRun::DeleteService() {
             Error("DeleteService: error=" + std::to_string(m_error));
         if (!Close("CloseServiceHandle", kService))
             ++m_openServices;
-        // It goes with the last handle to it.
+        // It is deleted with the last handle to it.
         m.machine.hasService = !deleted || m_openServices != 0;
     }
     (void)Close("CloseServiceHandle", kService);
@@ -442,14 +442,14 @@ Code RemovalRun::AcquireLock() {
         return hr;
     }
     if (!Strikes("INetCfgLock::AcquireWriteLock")) {
-        // Who holds it else gives the same description.
+        // Any other holder gives the same description.
         if (m.machine.isLocked)
             m.calls.push_back("CoTaskMemFree");
         m.machine.isLocked = true;
         return kOk;
     }
     hr = m_fault.code;
-    if (hr == kFalse) {  // held by somebody without a name
+    if (hr == kFalse) {  // held by an unnamed owner
         m.notices.push_back("2 Unable to proceed - the network configuration is currently locked by .");
         hr = kNoWriteLock;
     }
@@ -585,7 +585,7 @@ Code RemovalRun::CleanUpOrphans() {
     return kReboot;
 }
 
-/// The devices are somebody else's adapter, and behind it the miniport if one is left.
+/// The devices are another product's adapter, followed by the miniport if one is left.
 bool RemovalRun::ScanIsClean() {
     if (!Works("SetupDiGetClassDevsW")) {
         Report(m_error, "SetupDiGetClassDevs");
@@ -676,7 +676,7 @@ bool RemovalRun::SetPrivilege() {
     return Works("LookupPrivilegeValueW") && Works("AdjustTokenPrivileges");
 }
 
-/// A key with subkeys can't be deleted, nor one that is protected.
+/// A key that has subkeys or is protected can't be deleted.
 bool RemovalRun::DeleteKey(std::vector<ModelKey> &keys, const std::string &name) {
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const ModelKey &other) { return other.name == name; });
     if (Status("RegOpenKeyExW", m.machine.keyIsProtected ? kErrorAccessDenied : kOk) != kOk)

@@ -1,4 +1,4 @@
-// The stacks that support gets of a removal that hangs: each function of ours is there by its name.
+// The stacks that support gets from a removal that hangs: each of our functions is named.
 #include <set>
 #include <string>
 #include <vector>
@@ -12,9 +12,9 @@ using Strings = std::vector<std::string>;
 
 using StackOfARemoval = HungRemoval;
 
-TEST_F(StackOfARemoval, NamesEachFunctionOfOursWhicheverStepTheWorkerHangsIn) {
+TEST_F(StackOfARemoval, NamesEachOfOurFunctionsWhicheverStepTheWorkerHangsIn) {
     PutRight();
-    std::set<std::string> steps{"ThreadRunning"};  // no kill, no stack
+    std::set<std::string> steps{"ThreadRunning"};  // not killed, so no stack
     for (const Place &place : PlacesOf(Uninstall())) {
         if (!steps.insert(place.step).second)
             continue;

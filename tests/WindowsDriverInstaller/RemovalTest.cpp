@@ -1,4 +1,4 @@
-// What a removal does in which order, what it makes of failures, and what it answers.
+// What a removal does in which order, how it handles failures, and what it returns.
 #include <algorithm>
 #include <filesystem>
 #include <set>
@@ -20,18 +20,18 @@ const std::set<std::string> kRemovalCalls{"INetCfg::FindComponent",       "INetC
 
 class DriverRemoval : public RemovalFixture {
 protected:
-    /// What each de-installation of the filter component answers.
+    /// What each de-installation of the filter component returns.
     void AnswerDeInstall(HRESULT result) {
         simulation().GetNetwork().Use([result](auto &state) { state.components.front().deInstallResult = result; });
     }
-    /// A device that goes with the component QBIMVTA_MP when that has been de-installed so often.
+    /// A device that disappears when the component QBIMVTA_MP has been de-installed so often.
     void PutOrphanOfComponent(unsigned deInstallsUntilGone, HRESULT deInstallResult = S_OK) {
         simulation().GetNetwork().Put(
             {.id = L"QBIMVTA_MP", .deInstallResult = deInstallResult, .deInstallsUntilGone = deInstallsUntilGone});
         simulation().GetDevices().Put(
             {.instanceId = L"ROOT\\QBIMVTA_MP\\0001", .description = L"Filter miniport", .componentId = L"QBIMVTA_MP"});
     }
-    /// The components that were looked for, in the order of the calls.
+    /// The components that were searched for, in the order of the calls.
     Lines Lookups() {
         Lines ids = Calls({"INetCfg::FindComponent"});
         for (std::string &call : ids)
@@ -44,7 +44,7 @@ protected:
     }
 };
 
-/// @param begin  number and name of the call. @param code  as the event ends.
+/// @param begin  number and name of the call. @param code  as in the event's last part.
 void ExpectOneEvent(const Removal &removal, const std::string &begin, const std::string &code) {
     ASSERT_EQ(removal.events.size(), 1U);
     const std::string &event = removal.events.front();
@@ -57,7 +57,7 @@ bool HasLine(const Removal &removal, const std::string &line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
-TEST_F(DriverRemoval, TakesAwayAllThatBelongsToTheDriversAndNothingElse) {
+TEST_F(DriverRemoval, RemovesEverythingThatBelongsToTheDriversAndNothingElse) {
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
     EXPECT_EQ(removal.Lines(wxLOG_Error), Lines{});
@@ -74,7 +74,7 @@ TEST_F(DriverRemoval, TakesAwayAllThatBelongsToTheDriversAndNothingElse) {
     EXPECT_FALSE(simulation().GetNetwork().Read().lock);
 }
 
-TEST_F(DriverRemoval, TakesCalloutComponentFilesAndOrphansInThisOrder) {
+TEST_F(DriverRemoval, RemovesCalloutComponentFilesAndOrphansInThisOrder) {
     (void)Uninstall();
     EXPECT_EQ(NamesOfCalls({"ControlService", "InstallHinfSectionW", "INetCfgClassSetup::DeInstall", "INetCfg::Apply",
                             "SetupUninstallOEMInfW", "SetupDiGetClassDevsW"}),
@@ -82,7 +82,7 @@ TEST_F(DriverRemoval, TakesCalloutComponentFilesAndOrphansInThisOrder) {
                      "SetupUninstallOEMInfW", "SetupUninstallOEMInfW", "SetupDiGetClassDevsW"}));
 }
 
-TEST_F(DriverRemoval, TakesTheHealthCheckFilesFirst) {
+TEST_F(DriverRemoval, RemovesTheHealthCheckFilesFirst) {
     bool wereThere = true;
     simulation().GetSetup().onInstallSection = [&](const std::wstring &) {
         wereThere = HasHealthFile(L"qbimvtaHC.dat") || HasHealthFile(L"qbimwfpHC.dat");
@@ -92,7 +92,7 @@ TEST_F(DriverRemoval, TakesTheHealthCheckFilesFirst) {
     EXPECT_FALSE(wereThere);
 }
 
-TEST_F(DriverRemoval, GoesOnWhereAHealthCheckFileIsInUse) {
+TEST_F(DriverRemoval, ContinuesWhenAHealthCheckFileIsInUse) {
     const std::filesystem::path file = simulation().GetFolders().System32() / L"qbimvtaHC.dat";
     const HANDLE inUse = CreateFileW(file.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(inUse, INVALID_HANDLE_VALUE);
@@ -103,13 +103,13 @@ TEST_F(DriverRemoval, GoesOnWhereAHealthCheckFileIsInUse) {
     ASSERT_EQ(errors.size(), 1U);
     EXPECT_NE(errors[0].find("qbimvtaHC.dat"), std::string::npos) << errors[0];
     EXPECT_TRUE(HasHealthFile(L"qbimvtaHC.dat"));
-    EXPECT_FALSE(HasHealthFile(L"qbimwfpHC.dat")) << "the other goes all the same";
+    EXPECT_FALSE(HasHealthFile(L"qbimwfpHC.dat")) << "the other is removed anyway";
     EXPECT_FALSE(HasService());
     EXPECT_FALSE(HasInf(L"oem1.inf"));
     CloseHandle(inUse);
 }
 
-TEST_F(DriverRemoval, UsesTheSetupLibraryThatIsThereWhenItCannotBeLoadedAgain) {
+TEST_F(DriverRemoval, UsesTheLoadedSetupLibraryWhenItCannotBeLoadedAgain) {
     const auto plan = simulation().GetFaults().FailEvery("LoadLibraryW", ERROR_NOT_ENOUGH_MEMORY);
     EXPECT_TRUE(Uninstall().result);
     EXPECT_EQ(Calls({"LoadLibraryW"}), (Lines{"LoadLibraryW(\"setupapi\")", "LoadLibraryW(\"setupapi\")"}));
@@ -125,14 +125,14 @@ TEST_F(DriverRemoval, FreesTheSetupLibraryAsOftenAsItLoadsIt) {
 
 // --- the callout ---
 
-TEST_F(DriverRemoval, LeavesACalloutThatCannotBeStopped) {
+TEST_F(DriverRemoval, ContinuesWhenTheCalloutCannotBeStopped) {
     simulation().GetServices().Put(L"qbimwfp", {.status = {SERVICE_RUNNING}, .controlError = ERROR_ACCESS_DENIED});
     const Removal removal = Uninstall();
-    EXPECT_TRUE(removal.result) << "that does not count";
+    EXPECT_TRUE(removal.result) << "the failure does not affect the result";
     EXPECT_EQ(removal.Lines(wxLOG_Error), (Lines{"ControlService: error=5", "StopWFPCallout() failed."}));
     EXPECT_TRUE(HasService());
     EXPECT_TRUE(simulation().GetSetup().Commands().empty());
-    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the rest goes on";
+    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the rest is removed";
 }
 
 TEST_F(DriverRemoval, WaitsForTheCalloutToStop) {
@@ -145,7 +145,7 @@ TEST_F(DriverRemoval, WaitsForTheCalloutToStop) {
     EXPECT_TRUE(removal.result);
 }
 
-TEST_F(DriverRemoval, LeavesACalloutThatMakesNoProgress) {
+TEST_F(DriverRemoval, ContinuesWhenTheCalloutMakesNoProgress) {
     simulation().GetServices().Put(
         L"qbimwfp", {.status = {SERVICE_RUNNING}, .stopping = {{SERVICE_STOP_PENDING, 2}, {SERVICE_STOP_PENDING, 1}}});
     const Removal removal = Uninstall();
@@ -164,7 +164,7 @@ TEST_F(DriverRemoval, DoesNotStopACalloutThatDoesNotRun) {
     EXPECT_FALSE(HasService());
 }
 
-TEST_F(DriverRemoval, LeavesTheCalloutAloneWhereItsServiceIsNotInstalled) {
+TEST_F(DriverRemoval, SkipsTheCalloutWhenItsServiceIsNotInstalled) {
     simulation().GetServices().Remove(L"qbimwfp");
     EXPECT_TRUE(Uninstall().result);
     EXPECT_TRUE(simulation().GetSetup().Commands().empty());
@@ -178,10 +178,10 @@ TEST_F(DriverRemoval, RemovesTheCalloutByTheInfInItsFolder) {
     ASSERT_EQ(calls.size(), 1U);
     EXPECT_TRUE(calls.front().starts_with("InstallHinfSectionW(null, null, \"DefaultUninstall 128 ")) << calls.front();
     EXPECT_TRUE(calls.front().ends_with(", 0)")) << calls.front();
-    EXPECT_EQ(Calls({"DeleteService"}), Lines{}) << "the INF took the service away";
+    EXPECT_EQ(Calls({"DeleteService"}), Lines{}) << "the INF removed the service";
 }
 
-TEST_F(DriverRemoval, LeavesTheServiceWhereItsInfIsMissing) {
+TEST_F(DriverRemoval, KeepsTheServiceWhenItsInfIsMissing) {
     std::filesystem::remove(WfpFolder() + L"netqbimwfp.inf");
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
@@ -193,7 +193,7 @@ TEST_F(DriverRemoval, LeavesTheServiceWhereItsInfIsMissing) {
     EXPECT_EQ(Calls({"InstallHinfSectionW", "DeleteService"}), Lines{});
 }
 
-TEST_F(DriverRemoval, LeavesTheServiceWhereTheSetupLibraryRunsNoSections) {
+TEST_F(DriverRemoval, KeepsTheServiceWhenTheSetupLibraryCannotRunSections) {
     simulation().GetSetup().Lack("InstallHinfSectionW");
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
@@ -231,8 +231,8 @@ TEST_P(ServiceDeletion, LogsWhatFailsAndChangesNothingElse) {
     EXPECT_EQ(balance().Take().Count(Simulator::Kind::kService), 0U);
 }
 
-// The manager is opened for: is it installed, does it run, stop it, is it still installed, delete it. So is the
-// service.
+// The manager is opened to check whether it is installed, whether it runs, to stop it, to check again whether it is
+// installed, and to delete it. So is the service.
 INSTANTIATE_TEST_SUITE_P(Removal, ServiceDeletion,
                          testing::Values(FailingDeletion{"OpenSCManagerW", 5, "OpenSCManager: error=5"},
                                          FailingDeletion{"OpenServiceW", 5, "OpenService: error=5"},
@@ -241,7 +241,7 @@ INSTANTIATE_TEST_SUITE_P(Removal, ServiceDeletion,
 
 // --- the components ---
 
-TEST_F(DriverRemoval, LooksForTheLegacyComponentWhereTheFilterIsAbsent) {
+TEST_F(DriverRemoval, SearchesForTheLegacyComponentWhenTheFilterIsAbsent) {
     RemoveFilterComponent();
     simulation().GetNetwork().Put({.id = L"rxwim"});
     EXPECT_TRUE(Uninstall().result);
@@ -249,14 +249,14 @@ TEST_F(DriverRemoval, LooksForTheLegacyComponentWhereTheFilterIsAbsent) {
     EXPECT_FALSE(simulation().GetNetwork().Has(L"rxwim"));
 }
 
-TEST_F(DriverRemoval, LeavesTheLegacyComponentWhereTheFilterIsPresent) {
+TEST_F(DriverRemoval, KeepsTheLegacyComponentWhenTheFilterIsPresent) {
     simulation().GetNetwork().Put({.id = L"rxwim"});
     EXPECT_TRUE(Uninstall().result);
     EXPECT_EQ(Lookups(), (Lines{"qbimvta", "qbimvta"}));
     EXPECT_TRUE(simulation().GetNetwork().Has(L"rxwim"));
 }
 
-TEST_F(DriverRemoval, ScansFilesAndDevicesWhereNeitherComponentIsInstalled) {
+TEST_F(DriverRemoval, ScansFilesAndDevicesWhenNeitherComponentIsInstalled) {
     RemoveFilterComponent();
     EXPECT_TRUE(Uninstall().result);
     EXPECT_EQ(Lookups(), (Lines{"qbimvta", "rxwim", "qbimvta"}));
@@ -265,7 +265,7 @@ TEST_F(DriverRemoval, ScansFilesAndDevicesWhereNeitherComponentIsInstalled) {
     EXPECT_EQ(Scans(), 1U);
 }
 
-TEST_F(DriverRemoval, DeInstallsByTheSetupInterfaceOfTheComponentsClassAndAppliesThen) {
+TEST_F(DriverRemoval, DeInstallsThroughTheSetupInterfaceOfTheComponentsClassAndThenApplies) {
     const std::string query =
         "INetCfg::QueryNetCfgClass({4D36E974-E325-11CE-BFC1-08002BE10318}, {C0E8AE97-306E-11D1-AACF-00805FC1270E}, *)";
     (void)Uninstall();
@@ -282,17 +282,17 @@ TEST_F(DriverRemoval, DoesNotApplyWhenDeInstallAsksForAReboot) {
     EXPECT_TRUE(removal.result);
     EXPECT_EQ(Calls({"INetCfg::Apply"}), Lines{});
     EXPECT_EQ(removal.events, Lines{});
-    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the files go all the same";
+    EXPECT_FALSE(HasInf(L"oem1.inf")) << "the files are removed anyway";
     EXPECT_EQ(Scans(), 1U);
 }
 
-TEST_F(DriverRemoval, SucceedsWhereAFileCanOnlyGoAtTheNextBoot) {
+TEST_F(DriverRemoval, SucceedsWhenAFileCanOnlyBeDeletedAtTheNextBoot) {
     KeepFilterComponent();
     simulation().GetSetup().Lack("SetupUninstallOEMInfW");
     simulation().GetFilesInUse().Hold(simulation().GetFolders().Inf() / L"oem1.inf");
     EXPECT_TRUE(Uninstall().result);
     EXPECT_EQ(simulation().GetFilesInUse().LeftToBoot().size(), 1U);
-    EXPECT_EQ(Scans(), 0U) << "nothing behind the files has changed the result";
+    EXPECT_EQ(Scans(), 0U) << "nothing after the files changed the result";
 }
 
 struct FailingCall {
@@ -302,7 +302,7 @@ struct FailingCall {
 
 class ComponentRemoval : public DriverRemoval, public testing::WithParamInterface<FailingCall> {};
 
-TEST_P(ComponentRemoval, StopsAtAFailureAndLeavesTheFiles) {
+TEST_P(ComponentRemoval, StopsAtAFailureAndKeepsTheFiles) {
     KeepFilterComponent();
     const auto plan = simulation().GetFaults().FailNth(GetParam().function, 1, static_cast<DWORD>(E_FAIL));
     const Removal removal = Uninstall();
@@ -337,7 +337,7 @@ INSTANTIATE_TEST_SUITE_P(
         return function.substr(function.rfind(':') + 1);
     });
 
-TEST_F(DriverRemoval, ReportsThatTheConfigurationCannotBeOpenedAndChecksAllTheSame) {
+TEST_F(DriverRemoval, ReportsThatTheConfigurationCannotBeOpenedAndChecksAnyway) {
     const auto plan = simulation().GetFaults().FailNth("CoCreateInstance", 1, static_cast<DWORD>(E_FAIL));
     const Removal removal = Uninstall();
     EXPECT_FALSE(removal.result);
@@ -345,10 +345,10 @@ TEST_F(DriverRemoval, ReportsThatTheConfigurationCannotBeOpenedAndChecksAllTheSa
     EXPECT_EQ(Lookups(), Lines{"qbimvta"}) << "whether it is still there";
     EXPECT_TRUE(simulation().GetNetwork().Has(L"qbimvta"));
     EXPECT_TRUE(HasInf(L"oem1.inf"));
-    EXPECT_FALSE(HasService()) << "the callout went before";
+    EXPECT_FALSE(HasService()) << "the callout was removed before";
 }
 
-TEST_F(DriverRemoval, SucceedsAfterAFailureWhereTheComponentIsGone) {
+TEST_F(DriverRemoval, SucceedsAfterAFailureIfTheComponentIsGone) {
     simulation().GetNetwork().Use([](auto &state) { state.applyResult = E_FAIL; });
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result) << "only the orphans decide";
@@ -357,7 +357,7 @@ TEST_F(DriverRemoval, SucceedsAfterAFailureWhereTheComponentIsGone) {
     EXPECT_EQ(Scans(), 1U);
 }
 
-TEST_F(DriverRemoval, SearchesNoLegacyComponentWhereTheSearchForTheFilterFails) {
+TEST_F(DriverRemoval, DoesNotSearchForTheLegacyComponentWhenTheSearchForTheFilterFails) {
     RemoveFilterComponent();
     simulation().GetNetwork().Put({.id = L"rxwim"});
     const auto plan = simulation().GetFaults().FailNth("INetCfg::FindComponent", 1, static_cast<DWORD>(E_FAIL));
@@ -366,7 +366,7 @@ TEST_F(DriverRemoval, SearchesNoLegacyComponentWhereTheSearchForTheFilterFails) 
     EXPECT_TRUE(simulation().GetNetwork().Has(L"rxwim"));
 }
 
-TEST_F(DriverRemoval, SucceedsWhereTheLegacyComponentRefusesToGo) {
+TEST_F(DriverRemoval, SucceedsWhenTheLegacyComponentCannotBeRemoved) {
     RemoveFilterComponent();
     simulation().GetNetwork().Put({.id = L"rxwim", .deInstallResult = E_FAIL});
     const Removal removal = Uninstall();
@@ -382,16 +382,16 @@ TEST_F(DriverRemoval, ChecksWithoutTheWriteLock) {
                      "INetCfg::Initialize"}));
 }
 
-TEST_F(DriverRemoval, LooksForNoOrphansWhereTheCheckFails) {
+TEST_F(DriverRemoval, DoesNotSearchForOrphansWhenTheCheckFails) {
     PutOrphan();
     const auto plan = simulation().GetFaults().FailNth("INetCfg::FindComponent", 2, static_cast<DWORD>(E_FAIL));
     const Removal removal = Uninstall();
-    EXPECT_TRUE(removal.result) << "that of the files stands";
+    EXPECT_TRUE(removal.result) << "the result of the files counts";
     ExpectOneEvent(removal, "INetCfg::FindComponent", "0x80004005");
     EXPECT_EQ(Scans(), 0U);
 }
 
-TEST_F(DriverRemoval, KeepsItsFailureWhereTheCheckFailsToo) {
+TEST_F(DriverRemoval, KeepsItsFailureWhenTheCheckFailsToo) {
     const auto plan = simulation().GetFaults().FailEvery("INetCfg::Initialize", static_cast<DWORD>(E_FAIL));
     const Removal removal = Uninstall();
     EXPECT_FALSE(removal.result);
@@ -422,7 +422,7 @@ TEST_F(DriverRemoval, UninstallsAnOrphan) {
     EXPECT_EQ(Scans(), 2U);
 }
 
-TEST_F(DriverRemoval, FailsWhereAnOrphanCannotBeUninstalled) {
+TEST_F(DriverRemoval, FailsWhenAnOrphanCannotBeUninstalled) {
     PutOrphanOfComponent(1, E_ACCESSDENIED);
     const Removal removal = Uninstall();
     EXPECT_FALSE(removal.result);
@@ -432,7 +432,7 @@ TEST_F(DriverRemoval, FailsWhereAnOrphanCannotBeUninstalled) {
     EXPECT_TRUE(simulation().GetDevices().Has(L"ROOT\\QBIMVTA_MP\\0001"));
 }
 
-TEST_F(DriverRemoval, SucceedsWhereAnOrphanGoesWithAReboot) {
+TEST_F(DriverRemoval, SucceedsWhenAnOrphanIsRemovedWithAReboot) {
     PutOrphanOfComponent(2, NETCFG_S_REBOOT);
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
@@ -441,7 +441,7 @@ TEST_F(DriverRemoval, SucceedsWhereAnOrphanGoesWithAReboot) {
     EXPECT_EQ(removal.events, Lines{});
 }
 
-TEST_F(DriverRemoval, LeavesAnOrphanThatStaysToTheNextBoot) {
+TEST_F(DriverRemoval, PostponesAnOrphanThatStaysToTheNextBoot) {
     PutOrphan();
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
@@ -451,23 +451,23 @@ TEST_F(DriverRemoval, LeavesAnOrphanThatStaysToTheNextBoot) {
     EXPECT_TRUE(HasLine(removal, " HrCleanupOrphans: orphan scan needs reboot (4:0)"));
 }
 
-TEST_F(DriverRemoval, TellsTheResultOfTheLastAttemptOfFour) {
+TEST_F(DriverRemoval, ReturnsTheResultOfTheLastOfFourAttempts) {
     PutOrphanOfComponent(0, NETCFG_S_REBOOT);
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
     EXPECT_TRUE(HasLine(removal, " HrCleanupOrphans: orphan scan needs reboot (4:303136)"));
 }
 
-TEST_F(DriverRemoval, CleansNoRegistryWhereTheFifthScanIsClean) {
+TEST_F(DriverRemoval, DoesNotCleanTheRegistryWhenTheFifthScanIsClean) {
     PutOrphanOfComponent(4);
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
     EXPECT_EQ(Scans(), 5U);
     EXPECT_FALSE(HasLine(removal, " HrCleanupOrphans: registry cleanup"));
-    EXPECT_TRUE(HasLine(removal, " HrCleanupOrphans: orphan scan needs reboot (4:0)")) << "all the same";
+    EXPECT_TRUE(HasLine(removal, " HrCleanupOrphans: orphan scan needs reboot (4:0)")) << "anyway";
 }
 
-TEST_F(DriverRemoval, SucceedsWhereAnOrphanGoesWithTheThirdAttempt) {
+TEST_F(DriverRemoval, SucceedsWhenAnOrphanIsRemovedAtTheThirdAttempt) {
     PutOrphanOfComponent(3);
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
@@ -475,7 +475,7 @@ TEST_F(DriverRemoval, SucceedsWhereAnOrphanGoesWithTheThirdAttempt) {
     EXPECT_FALSE(HasLine(removal, " HrCleanupOrphans: orphan scan needs reboot (4:0)"));
 }
 
-TEST_F(DriverRemoval, KnowsAnOrphanByPartOfItsIdInCapitals) {
+TEST_F(DriverRemoval, RecognisesAnOrphanByPartOfItsIdInCapitals) {
     const auto put = [this](const wchar_t *id) {
         simulation().GetDevices().Put({.instanceId = id, .description = L"Filter miniport"});
     };
@@ -489,7 +489,7 @@ TEST_F(DriverRemoval, KnowsAnOrphanByPartOfItsIdInCapitals) {
     EXPECT_EQ(Scans(), 5U);
 }
 
-TEST_F(DriverRemoval, TakesNoAbsentDeviceAndNoOtherClassForAnOrphan) {
+TEST_F(DriverRemoval, IgnoresAbsentDevicesAndOtherClasses) {
     simulation().GetDevices().Put(
         {.instanceId = L"ROOT\\QBIMVTA_MP\\0001", .description = L"Filter miniport", .present = false});
     simulation().GetDevices().Put({.instanceId = L"ROOT\\QBIMVTA_MP\\0002",
@@ -503,11 +503,11 @@ TEST_F(DriverRemoval, SkipsADeviceWithoutADescription) {
     simulation().GetDevices().Put({.instanceId = L"ROOT\\QBIMVTA_MP\\0001"});
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);
-    EXPECT_EQ(Scans(), 1U) << "it is no orphan";
+    EXPECT_EQ(Scans(), 1U) << "it is not an orphan";
     ExpectOneEvent(removal, "SetupDiGetDeviceRegistryProperty", "0xd");
 }
 
-TEST_F(DriverRemoval, FindsAnOrphanBehindADeviceWithoutADescription) {
+TEST_F(DriverRemoval, FindsAnOrphanAfterADeviceWithoutADescription) {
     simulation().GetDevices().Put({.instanceId = L"ROOT\\NET\\0000"});
     PutOrphanOfComponent(1);
     EXPECT_TRUE(Uninstall().result);
@@ -523,7 +523,7 @@ TEST_F(DriverRemoval, SkipsADeviceWhoseIdCannotBeRead) {
     ExpectOneEvent(removal, "SetupDiGetDeviceInstanceId", "0xd");
 }
 
-TEST_F(DriverRemoval, FindsNoOrphansWhereDevicesCannotBeListed) {
+TEST_F(DriverRemoval, FindsNoOrphansWhenDevicesCannotBeListed) {
     PutOrphan();
     const auto plan = simulation().GetFaults().FailEvery("SetupDiGetClassDevsW", ERROR_ACCESS_DENIED);
     const Removal removal = Uninstall();

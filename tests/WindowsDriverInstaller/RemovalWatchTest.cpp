@@ -1,4 +1,4 @@
-// The watcher of a removal: how it comes to its end when no step overruns, or when more goes wrong than that.
+// The watcher of a removal: how it ends when no step overruns, or when more than that fails.
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -16,7 +16,7 @@ SIMULATOR_FUNCTION(EnterCriticalSection, "KERNEL32.dll", CannotFail);
 
 using Simulator::InsideSimulator;
 
-/// Takes the log over from the fixture, with the codes that belong to the lines.
+/// Takes the log over from the fixture, with the codes of the lines.
 class CodedLog : public wxLog {
 public:
     struct Line {
@@ -49,7 +49,7 @@ private:
     std::vector<std::string> m_infos;
 };
 
-/// A section that its maker's thread holds, and that another thread has come to enter.
+/// A section that its creator's thread holds, and that another thread tries to enter.
 class ContendedSection {
 public:
     void Note(const CRITICAL_SECTION &section) {
@@ -58,7 +58,7 @@ public:
         m_countBefore = section.LockCount;
         m_section = &section;
     }
-    /// Whether the other thread has been counted among those that wait for it.
+    /// Whether the other thread is counted among those that wait for it.
     [[nodiscard]] bool IsWaitedFor() const {
         const CRITICAL_SECTION *const section = m_section;
         return section != nullptr && section->LockCount != m_countBefore;
@@ -82,7 +82,7 @@ protected:
         }));
     }
 
-    /// An orphan that stays although its component is de-installed, which takes so long each time.
+    /// An orphan that stays although its component is de-installed, and each de-installation takes so long.
     void PutSlowOrphan(DWORD deInstallMs) {
         RemoveDrivers();
         PutOrphan();
@@ -105,7 +105,7 @@ TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Millisecond
     for (const auto &call : simulation().GetJournal().Entries())
         EXPECT_FALSE(call.thread == GetCurrentThreadId() && call.function == "WaitForSingleObject" &&
                      !call.arguments.ends_with(", 5000"))
-            << "it waits for the end of the thread behind its body alone, not for a step: " << call.arguments;
+            << "it waits only for the thread to end after its body, not for a step: " << call.arguments;
     EXPECT_EQ(removal.tookMs, 100U);
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
 }
@@ -127,7 +127,7 @@ TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
               1);
 }
 
-TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps) {
+TEST_F(RemovalWatch, DoesNotKillTheWorkerWhenTheWaitFailsOutsideOfAllInnerSteps) {
     simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE, kCallerThread);
     const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.met);
@@ -139,7 +139,7 @@ TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheWaitFailsOutsideOfAllInnerSteps)
     EXPECT_TRUE(hang.destroyed);
 }
 
-TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheHourIsUp) {
+TEST_F(RemovalWatch, DoesNotKillTheWorkerAfterAnHour) {
     const Hang hang = HangIn("ControlService", 1, 3'600'000, Fate::LivesOn);
     EXPECT_TRUE(hang.waitedToTheEnd);
     EXPECT_FALSE(hang.removal.result);
@@ -148,7 +148,7 @@ TEST_F(RemovalWatch, LeavesTheWorkerAloneWhenTheHourIsUp) {
     EXPECT_EQ(hang.removal.tookMs, 3'600'000U);
     EXPECT_TRUE(hang.ended);
     EXPECT_TRUE(hang.destroyed);
-    EXPECT_FALSE(HasService()) << "the worker does its work to the end";
+    EXPECT_FALSE(HasService()) << "the worker completes its work";
 }
 
 TEST_F(RemovalWatch, LogsTheStackOnlyIfVerbose) {
@@ -158,7 +158,7 @@ TEST_F(RemovalWatch, LogsTheStackOnlyIfVerbose) {
     EXPECT_EQ(hang.removal.Lines(wxLOG_Info), std::vector<std::string>{});
 }
 
-TEST_F(RemovalWatch, CountsWhatTheStepsOfAnOrphanHaveTakenTogether) {
+TEST_F(RemovalWatch, AddsUpTheTimesOfTheStepsOfAnOrphan) {
     PutSlowOrphan(100'000);
     const Hang hang = HangIn("SetupDiGetClassDevsW", 3, 200'100);
     EXPECT_TRUE(hang.met);
@@ -181,7 +181,7 @@ TEST_F(RemovalWatch, GivesTheNextStepOfAnOrphanTheRestOfTheTime) {
 
 // --- kills ---
 
-TEST_F(RemovalWatch, KeepsTheObjectOfAWorkerThatCantBeKilledUntilItHasEnded) {
+TEST_F(RemovalWatch, KeepsTheObjectOfAWorkerThatCannotBeKilledUntilItHasEnded) {
     ThreadFaults::GiveNoTimeToEnd(simulation());
     const auto plan = simulation().GetFaults().FailEvery("TerminateThread", ERROR_ACCESS_DENIED);
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000, Fate::LivesOn);
@@ -192,7 +192,7 @@ TEST_F(RemovalWatch, KeepsTheObjectOfAWorkerThatCantBeKilledUntilItHasEnded) {
     EXPECT_TRUE(hang.destroyed);
 }
 
-TEST_F(RemovalWatch, KillsAgainIfTheFirstKillIsRefused) {
+TEST_F(RemovalWatch, KillsAgainIfTheFirstAttemptIsRefused) {
     const auto plan = simulation().GetFaults().FailNth("TerminateThread", 1, ERROR_ACCESS_DENIED);
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
     EXPECT_TRUE(plan->Hit());
@@ -201,7 +201,7 @@ TEST_F(RemovalWatch, KillsAgainIfTheFirstKillIsRefused) {
     EXPECT_TRUE(hang.destroyed);
 }
 
-TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerIfNobodyCanTellWhenItHasEnded) {
+TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerWhoseEndCannotBeDetected) {
     const int objects = VtaCore::Control::LiveObjects();
     simulation().GetFaults().FailEvery("DuplicateHandle", ERROR_ACCESS_DENIED);
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000, Fate::KilledButKept);
@@ -211,7 +211,7 @@ TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerIfNobodyCanTellWhenItHasEnded)
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects + 1);
 }
 
-TEST_F(RemovalWatch, KillsAWorkerThatWasMadeAndCantBeStarted) {
+TEST_F(RemovalWatch, KillsAWorkerThatWasCreatedButCannotBeStarted) {
     const int objects = VtaCore::Control::LiveObjects();
     const auto before = balance().Take();
     const auto plan = simulation().GetFaults().FailNth("ResumeThread", 1, ERROR_ACCESS_DENIED);
@@ -234,8 +234,7 @@ TEST_F(RemovalWatch, KillsAWorkerThatWaitsForTheLockOfItsSteps) {
     bool waits = false;
     simulation().Functions().Put<Simulator::System::TerminateThread>([&](const auto &next, HANDLE thread, DWORD code) {
         simulation().GetFaults().ReleaseHung();
-        waits =
-            Await(kPatienceMs, [&] { return contended->IsWaitedFor(); });  // the worker comes to the end of its step
+        waits = Await(kPatienceMs, [&] { return contended->IsWaitedFor(); });  // the worker reaches the end of its step
         return next(thread, code);
     });
     const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);

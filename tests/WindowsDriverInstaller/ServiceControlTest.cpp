@@ -26,7 +26,7 @@ std::string Quoted(const std::wstring &name) {
     return '"' + Simulator::Utf8(name) + '"';
 }
 
-/// A stopped and a running service, under a clock that sleeps move. Handles must be closed after each call.
+/// A stopped and a running service, with a clock that sleeps advance. Handles must be closed after each call.
 class ServiceControl : public ModuleFixture {
 protected:
     ServiceControl() {
@@ -40,7 +40,7 @@ protected:
         service.status = status;
         services().Put(name, service);
     }
-    /// A service that is stopped, and tells these one after the other once it is started.
+    /// A stopped service that reports these statuses one after the other once it is started.
     void PutStarting(const std::vector<ServiceStatus> &script) {
         Service service;
         service.starting = script;
@@ -48,7 +48,7 @@ protected:
     }
     [[nodiscard]] DWORD State(const wchar_t *name) { return services().Get(name).status.state; }
 
-    /// Calls SLB.filter.<call>; journal and clock then tell of this call alone.
+    /// Calls SLB.filter.<call>; journal and clock then cover only this call.
     bool Call(const std::string &call) {
         (void)simulation().GetJournal().Take();
         m_begin = simulation().GetClock().TickMs();
@@ -68,7 +68,7 @@ protected:
         }
         return texts;
     }
-    /// The calls, with handles as #1, #2 in the order in which they were made, other pointers as *.
+    /// The calls, with handles as #1, #2 in the order of their creation, other pointers as *.
     Texts Calls() {
         static const std::set<std::string> wanted{"OpenSCManagerW", "OpenServiceW",   "CloseServiceHandle",
                                                   "StartServiceW",  "ControlService", "QueryServiceStatus",
@@ -104,7 +104,7 @@ private:
     std::uint64_t m_begin = 0;
 };
 
-/// The look whether the service runs, which comes first; its handles are #1 and #2.
+/// The check whether the service runs, which comes first; its handles are #1 and #2.
 Texts After(const std::wstring &name, const Texts &rest) {
     Texts calls{"OpenSCManagerW(null, null, 983103)", "OpenServiceW(#1, " + Quoted(name) + ", 983551)",
                 "QueryServiceStatus(#2, *)", "CloseServiceHandle(#2)", "CloseServiceHandle(#1)"};
@@ -112,7 +112,7 @@ Texts After(const std::wstring &name, const Texts &rest) {
     return calls;
 }
 
-TEST_F(ServiceControl, AStartWithoutWaitStartsTheServiceAndAsksNoMore) {
+TEST_F(ServiceControl, AStartWithoutWaitStartsTheServiceAndDoesNotPoll) {
     EXPECT_TRUE(Call("StartWFPDriver(false)"));
     EXPECT_EQ(State(kWfp), static_cast<DWORD>(SERVICE_START_PENDING));
     EXPECT_EQ(Calls(), After(kWfp, {"OpenSCManagerW(null, null, 983103)", "OpenServiceW(#3, \"qbimwfp\", 983551)",
@@ -120,7 +120,7 @@ TEST_F(ServiceControl, AStartWithoutWaitStartsTheServiceAndAsksNoMore) {
     EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_F(ServiceControl, AStopWithoutWaitStopsTheServiceAndAsksNoMore) {
+TEST_F(ServiceControl, AStopWithoutWaitStopsTheServiceAndDoesNotPoll) {
     EXPECT_TRUE(Call("StopNDISDriver(false)"));
     EXPECT_EQ(State(kNdis), static_cast<DWORD>(SERVICE_STOP_PENDING));
     EXPECT_EQ(Calls(), After(kNdis, {"OpenSCManagerW(null, null, 983103)", "OpenServiceW(#3, \"qbimvta\", 983551)",
@@ -128,7 +128,7 @@ TEST_F(ServiceControl, AStopWithoutWaitStopsTheServiceAndAsksNoMore) {
     EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_F(ServiceControl, AStartWithWaitAsksUntilTheServiceRuns) {
+TEST_F(ServiceControl, AStartWithWaitPollsUntilTheServiceRuns) {
     PutStarting({kStarting, kRunning});
     EXPECT_TRUE(Call("StartWFPDriver(true)"));
     EXPECT_EQ(State(kWfp), static_cast<DWORD>(SERVICE_RUNNING));
@@ -138,7 +138,7 @@ TEST_F(ServiceControl, AStartWithWaitAsksUntilTheServiceRuns) {
                                     "CloseServiceHandle(#4)", "CloseServiceHandle(#3)"}));
 }
 
-TEST_F(ServiceControl, EachFunctionConcernsItsService) {
+TEST_F(ServiceControl, EachFunctionControlsItsOwnService) {
     for (const auto &[suffix, name] : std::map<std::string, const wchar_t *>{{"WFP", kWfp}, {"NDIS", kNdis}}) {
         Put(kWfp, kStopped);
         Put(kNdis, kStopped);
@@ -164,10 +164,10 @@ TEST_F(ServiceControl, ARunningServiceIsNotStartedAndAStoppedOneNotStopped) {
     EXPECT_EQ(Errors(), Texts{});
 }
 
-TEST_F(ServiceControl, AServiceThatDoesNotExistNeedsNoStartingOrStopping) {
+TEST_F(ServiceControl, AServiceThatDoesNotExistIsNeitherStartedNorStopped) {
     services().Remove(kWfp);
     EXPECT_TRUE(Call("StopWFPDriver(true)"));
-    EXPECT_EQ(Calls().size(), 3U) << "only the look whether it runs";
+    EXPECT_EQ(Calls().size(), 3U) << "only the check whether it runs";
     EXPECT_EQ(Errors(), Texts{});
     EXPECT_TRUE(Call("StartWFPDriver(true)"));
     EXPECT_EQ(Errors(), Texts{"OpenService: error=1060"});
@@ -182,7 +182,7 @@ TEST_F(ServiceControl, ARaceWithAnotherStartOrStopIsLoggedAndCountsAsSuccess) {
     EXPECT_EQ(Errors(), Texts{"ControlService: error=1062"});
 }
 
-TEST_F(ServiceControl, AnErrorThatIsHarmlessToTheOtherActionIsAFailure) {
+TEST_F(ServiceControl, AnErrorThatIsHarmlessOnlyForTheOtherActionIsAFailure) {
     services().Put(kWfp, {.startError = ERROR_SERVICE_NOT_ACTIVE});
     EXPECT_FALSE(Call("StartWFPDriver(true)"));
     EXPECT_EQ(Errors(), Texts{"StartService: error=1062"});
@@ -199,7 +199,7 @@ struct ServiceFault {
     Texts log;
 };
 
-TEST_F(ServiceControl, EachCallOfAStartThatFailsOnceEndsItAsItShould) {
+TEST_F(ServiceControl, AStartReportsTheFailureOfEachOfItsCalls) {
     for (const ServiceFault &fault : std::vector<ServiceFault>{
              {"OpenSCManagerW", 1, true, SERVICE_RUNNING, {}},
              {"OpenServiceW", 1, true, SERVICE_RUNNING, {}},
@@ -220,7 +220,7 @@ TEST_F(ServiceControl, EachCallOfAStartThatFailsOnceEndsItAsItShould) {
     }
 }
 
-TEST_F(ServiceControl, EachCallOfAStopThatFailsOnceEndsItAsItShould) {
+TEST_F(ServiceControl, AStopReportsTheFailureOfEachOfItsCalls) {
     for (const ServiceFault &fault : std::vector<ServiceFault>{
              {"OpenSCManagerW", 1, true, SERVICE_RUNNING, {}},
              {"OpenServiceW", 1, true, SERVICE_RUNNING, {}},
@@ -258,7 +258,7 @@ TEST_F(ServiceControl, ARestartWhoseStopFailsDoesNotStart) {
     EXPECT_EQ(Errors(), Texts{"ControlService: error=5"});
 }
 
-TEST_F(ServiceControl, ARestartIsWhatItsStartIs) {
+TEST_F(ServiceControl, ARestartReturnsTheResultOfItsStart) {
     services().Put(kNdis, {.status = kRunning, .startError = ERROR_FILE_NOT_FOUND});
     EXPECT_FALSE(Call("RestartNDISDriver(true)"));
     EXPECT_EQ(Errors(), Texts{"StartService: error=2"});
@@ -267,7 +267,7 @@ TEST_F(ServiceControl, ARestartIsWhatItsStartIs) {
 TEST_F(ServiceControl, ARestartWithoutWaitWaitsForNeither) {
     EXPECT_TRUE(Call("RestartNDISDriver(false)"));
     EXPECT_EQ(simulation().GetJournal().Count("GetTickCount"), 0U);
-    EXPECT_EQ(simulation().GetJournal().Count("QueryServiceStatus"), 2U) << "one look before each action";
+    EXPECT_EQ(simulation().GetJournal().Count("QueryServiceStatus"), 2U) << "one check before each action";
     EXPECT_EQ(State(kNdis), static_cast<DWORD>(SERVICE_START_PENDING));
 }
 
@@ -294,7 +294,7 @@ TEST_F(ServiceControl, GivesUpAfterHalfAMinute) {
     EXPECT_EQ(State(kWfp), static_cast<DWORD>(SERVICE_START_PENDING));
 }
 
-TEST_F(ServiceControl, TheStateAtTheLastLookCountsThoughTheTimeIsUp) {
+TEST_F(ServiceControl, TheStateAtTheLastPollCountsEvenAfterTheDeadline) {
     std::vector<ServiceStatus> script(31, kStarting);
     script.push_back(kRunning);
     PutStarting(script);
@@ -302,7 +302,7 @@ TEST_F(ServiceControl, TheStateAtTheLastLookCountsThoughTheTimeIsUp) {
     EXPECT_EQ(ElapsedMs(), 31'000U);
 }
 
-TEST_F(ServiceControl, ACheckpointThatFallsEndsTheWaitAtOnce) {
+TEST_F(ServiceControl, ACheckpointThatDecreasesEndsTheWaitAtOnce) {
     PutStarting({{SERVICE_START_PENDING, 1}, {SERVICE_START_PENDING, 3}, {SERVICE_START_PENDING, 2}, kRunning});
     EXPECT_FALSE(Call("StartWFPDriver(true)"));
     EXPECT_EQ(ElapsedMs(), 2'000U);
@@ -312,7 +312,7 @@ TEST_F(ServiceControl, ACheckpointThatFallsEndsTheWaitAtOnce) {
     EXPECT_EQ(services().Get(kWfp).status, (ServiceStatus{SERVICE_START_PENDING, 2}));
 }
 
-TEST_F(ServiceControl, ACheckpointMayStandStillOrFallWithAnotherState) {
+TEST_F(ServiceControl, ACheckpointMayStayOrDecreaseWithAnotherState) {
     PutStarting({{SERVICE_START_PENDING, 5},
                  {SERVICE_START_PENDING, 5},
                  {SERVICE_CONTINUE_PENDING, 1},
@@ -330,7 +330,7 @@ TEST_F(ServiceControl, TicksThatWrapBeforeTheDeadlineEndTheWaitEarly) {
     EXPECT_EQ(ElapsedMs(), 0U);
 }
 
-TEST_F(ServiceControl, TicksThatWrapBehindTheDeadlineEndTheWaitLate) {
+TEST_F(ServiceControl, TicksThatWrapAfterTheDeadlineEndTheWaitLate) {
     simulation().GetClock().SetTick(0x1'0000'0000 - 30'500);
     std::vector<ServiceStatus> script(60, kStarting);
     script.push_back(kRunning);
@@ -339,7 +339,7 @@ TEST_F(ServiceControl, TicksThatWrapBehindTheDeadlineEndTheWaitLate) {
     EXPECT_EQ(ElapsedMs(), 60'000U);
 }
 
-TEST_F(ServiceControl, TellsWhatIsInstalledAndRuns) {
+TEST_F(ServiceControl, ReportsWhatIsInstalledAndRuns) {
     EXPECT_TRUE(IsWfpServiceInstalled());
     EXPECT_FALSE(IsWfpServiceRunning());
     EXPECT_TRUE(IsNdisServiceRunning());
@@ -354,7 +354,7 @@ TEST_F(ServiceControl, TellsWhatIsInstalledAndRuns) {
     EXPECT_EQ(OpenHandles(), 0U);
 }
 
-TEST_F(ServiceControl, NothingIsInstalledOrRunsWhereTheManagerCantBeOpened) {
+TEST_F(ServiceControl, NothingIsInstalledOrRunsWhenTheManagerCannotBeOpened) {
     Put(kWfp, kRunning);
     (void)faults().FailEvery("OpenSCManagerW", ERROR_ACCESS_DENIED);
     EXPECT_FALSE(IsWfpServiceInstalled());

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 #include <windows.h>
-// behind windows.h, which it needs
+// after windows.h, which it needs
 #include <dbghelp.h>
 #include <wx/log.h>
 #include <wx/tokenzr.h>
@@ -31,7 +31,7 @@ SIMULATOR_FUNCTION(StackWalk64, "dbghelp.dll", ReturnsZero);
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// Sleeps, so many calls deep, until it is let go.
+/// Sleeps at that call depth until it is released.
 class SleepingThread : public wxThread {
 public:
     explicit SleepingThread(unsigned depth) : wxThread(wxTHREAD_JOINABLE), m_depth(depth) { (void)Create(); }
@@ -60,7 +60,7 @@ private:
     unsigned m_depth;
 };
 
-/// Takes a lock again and again, and holds it nearly all the time, until it is let go.
+/// Takes a lock again and again, and holds it nearly all the time, until it is stopped.
 class HoldingThread : public wxThread {
 public:
     HoldingThread(std::function<void()> take, std::function<void()> give)
@@ -89,7 +89,7 @@ private:
     std::function<void()> m_take, m_give;
 };
 
-/// Captures the stack again and again while the thread holds the lock, and resumes it if that does not come to an end.
+/// Captures the stack repeatedly while the thread holds the lock, and resumes the thread if a capture does not return.
 void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give) {
     PrepareStackDump();
     HoldingThread thread(std::move(take), std::move(give));
@@ -109,11 +109,11 @@ void ExpectCapturesToEnd(std::function<void()> take, std::function<void()> give)
     (void)thread.Wait();
 }
 
-TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheHeap) {
+TEST(StackDumpBesideLocks, ReturnsWhileTheThreadHoldsTheHeap) {
     ExpectCapturesToEnd([] { (void)HeapLock(GetProcessHeap()); }, [] { (void)HeapUnlock(GetProcessHeap()); });
 }
 
-TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheLoader) {
+TEST(StackDumpBesideLocks, ReturnsWhileTheThreadHoldsTheLoaderLock) {
     using Lock = LONG(NTAPI *)(ULONG flags, ULONG * state, ULONG_PTR * cookie);
     using Unlock = LONG(NTAPI *)(ULONG flags, ULONG_PTR cookie);
     const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
@@ -125,7 +125,7 @@ TEST(StackDumpBesideLocks, ComesBackFromAThreadThatHoldsTheLoader) {
     ExpectCapturesToEnd([&] { EXPECT_EQ(lock(0, nullptr, &cookie), 0); }, [&] { EXPECT_EQ(unlock(0, cookie), 0); });
 }
 
-/// Holds a lock until somebody resumes it.
+/// Holds a lock until it is resumed.
 class HoldingUntilResumed : public wxThread {
 public:
     HoldingUntilResumed() : wxThread(wxTHREAD_JOINABLE) { (void)Create(); }
@@ -148,7 +148,7 @@ protected:
     }
 };
 
-/// The thread stands in its sleep, and must go on to its end.
+/// The thread is in its sleep, and must run to its end.
 class StackDumpOf : public testing::Test {
 protected:
     StackDumpOf() {
@@ -161,7 +161,7 @@ protected:
             EXPECT_NE(m_simulation.Attach(GetModuleHandleW(name)), 0U);
     }
 
-    /// The dump of a thread that sleeps so deep; afterwards the thread must run to its end.
+    /// The dump of a thread that sleeps at that call depth; afterwards the thread must run to its end.
     std::string Capture(unsigned depth) {
         SleepingThread thread(depth);
         EXPECT_EQ(thread.Run(), wxTHREAD_NO_ERROR);
@@ -176,7 +176,7 @@ protected:
         (void)thread.Wait();
         return text;
     }
-    /// The dump of a thread that holds a lock, which the function takes, until it is resumed. Once in a fixture.
+    /// The dump of a thread that, until it is resumed, holds a lock that the function takes. Once in a fixture.
     template <class F>
     std::string CaptureBesideLockOf() {
         HoldingUntilResumed thread;
@@ -249,7 +249,7 @@ TEST_F(StackDumpOf, ADeepRecursionHas200Frames) {
     ExpectNumberedFrames(text);
 }
 
-TEST_F(StackDumpOf, AThreadThatCantBePausedIsEmptyAndIsNotResumed) {
+TEST_F(StackDumpOf, AThreadThatCannotBePausedIsEmptyAndTheThreadIsNotResumed) {
     const wxLogNull quiet;
     const auto plan = faults().FailNth("SuspendThread", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(Capture(0), "");
@@ -262,7 +262,7 @@ TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheWalkIsResumedAfterSomeSeconds) {
     const steady_clock::time_point begin = steady_clock::now();
     EXPECT_EQ(CaptureBesideLockOf<StackWalk64>().rfind("[00] ", 0), 0U);
     EXPECT_GE(steady_clock::now() - begin, milliseconds(4'900));
-    EXPECT_EQ(Calls("ResumeThread"), 2U) << "late, and behind the walk";
+    EXPECT_EQ(Calls("ResumeThread"), 2U) << "by the timer, and after the walk";
 }
 
 TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheWalkIsResumedAgainIfThatFails) {
@@ -277,7 +277,7 @@ TEST_F(StackDumpOf, AThreadThatHoldsALockOfTheSymbolsDoesNotDelayTheWalk) {
     EXPECT_EQ(Calls("ResumeThread"), 1U);
 }
 
-TEST_F(StackDumpOf, AThreadThatCantBeResumedIsResumedAgain) {
+TEST_F(StackDumpOf, AThreadThatCannotBeResumedIsResumedAgain) {
     const wxLogNull quiet;
     const auto plan = faults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);  // the first one starts the thread
     EXPECT_EQ(Capture(3).rfind("[00] ", 0), 0U);
@@ -285,7 +285,7 @@ TEST_F(StackDumpOf, AThreadThatCantBeResumedIsResumedAgain) {
     EXPECT_EQ(Calls("ResumeThread"), 2U);
 }
 
-TEST_F(StackDumpOf, AThreadIsNotPausedWithoutWhatResumesItLate) {
+TEST_F(StackDumpOf, AThreadDoesNotPauseItWithoutTheThreadThatResumesItLate) {
     for (const char *function : {"DuplicateHandle", "CreateEventW", "CreateThread"}) {
         const auto plan = faults().FailNth(function, 1, ERROR_ACCESS_DENIED);
         EXPECT_EQ(Capture(0), "") << function;
@@ -332,7 +332,7 @@ TEST_F(StackDumpOf, AProcessWithoutSymbolsHasAddresses) {
     EXPECT_FALSE(HasNames(text)) << text;
 }
 
-TEST_F(StackDumpOf, AThreadLooksForSymbolsOnThisMachineAlone) {
+TEST_F(StackDumpOf, AThreadSearchesForSymbolsOnlyOnThisMachine) {
     for (const wchar_t *variable : {L"_NT_SYMBOL_PATH", L"_NT_ALT_SYMBOL_PATH"})
         SetEnvironmentVariableW(variable, L"srv*https://symbols.example/download");
     wchar_t searched[1'024] = L"";
@@ -353,9 +353,9 @@ TEST_F(StackDumpOf, AThreadLooksForSymbolsOnThisMachineAlone) {
         SetEnvironmentVariableW(variable, nullptr);
 }
 
-TEST_F(StackDumpOf, AThreadThatCantBeOpenedOrReadIsEmptyAndGoesOn) {
+TEST_F(StackDumpOf, AThreadThatCannotBeOpenedOrReadIsEmptyAndTheThreadContinues) {
     for (const char *function : {"OpenThread", "GetThreadContext"}) {
-        // Every call: wxThread reads the context of a thread that it pauses, too.
+        // Fails every call: wxThread reads the context of a thread that it pauses, too.
         const auto plan = faults().FailEvery(function, ERROR_ACCESS_DENIED);
         EXPECT_EQ(Capture(0), "") << function;
         EXPECT_TRUE(plan->Hit()) << function;

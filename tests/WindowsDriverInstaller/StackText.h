@@ -1,4 +1,4 @@
-// What the dump of a driver thread's stack says.
+// Checks of the text of a driver thread's stack dump.
 #pragma once
 
 #include <map>
@@ -13,9 +13,9 @@
 [[nodiscard]] const std::map<std::string, std::string> &FunctionsOfSteps();
 [[nodiscard]] std::set<std::string> StepsWithin(const StepLimits &limits);
 
-/// The frames without a name whose address lies in a module beside the test program: of those all but the compiler's
+/// The unnamed frames whose address lies in a module beside the test program: all of those except the compiler's
 /// runtime were built with symbols.
 [[nodiscard]] std::vector<std::string> NamelessFramesOfOurs(const std::string &stack);
 
-/// Whether a frame has that name, classes and all, and an offset.
+/// Whether a frame has that qualified name, and an offset.
 [[nodiscard]] bool HasFrame(const std::string &stack, std::string_view name);

@@ -1,4 +1,5 @@
-// The table of docs/steps.md against the names of the steps, and the limits with which the driver threads begin them.
+// The table of docs/steps.md, compared with the names of the steps and the limits with which the driver threads begin
+// them.
 
 #include <cstdint>
 #include <filesystem>
@@ -17,7 +18,7 @@
 
 namespace {
 
-/// A row of the table; the texts as they stand there.
+/// A row of the table; texts as they stand in the file.
 struct StepRow {
     std::string limit;
     bool isSilent = false;  ///< In italics.
@@ -37,7 +38,7 @@ StepRows DocumentedSteps() {
     StepRows rows;
     for (std::sregex_iterator match(table.begin(), table.end(), row), end; match != end; ++match)
         EXPECT_TRUE(rows.emplace((*match)[2], StepRow{(*match)[3], (*match)[1].length() != 0}).second)
-            << "twice: " << (*match)[2];
+            << "listed twice: " << (*match)[2];
     return rows;
 }
 
@@ -60,7 +61,7 @@ std::string NameOf(std::uint32_t step) {
     return wxString(StepName(step)).utf8_string();
 }
 
-TEST(StepTable, HasEachStepAndNoOther) {
+TEST(StepTable, ListsEachStepAndNoOther) {
     const StepRows rows = DocumentedSteps();
     std::set<std::string> names;
     for (std::uint32_t step = 0; NameOf(step) != "<UnknownStep>"; ++step)
@@ -69,10 +70,10 @@ TEST(StepTable, HasEachStepAndNoOther) {
     for (const std::string &name : names)
         EXPECT_TRUE(rows.contains(name)) << "not in the table: " << name;
     for (const auto &[name, row] : rows)
-        EXPECT_TRUE(names.contains(name)) << "no step: " << name;
+        EXPECT_TRUE(names.contains(name)) << "not a step: " << name;
 }
 
-TEST(StepTable, HasTheLimitWithWhichEachStepBegins) {
+TEST(StepTable, ListsTheLimitWithWhichEachStepBegins) {
     const StepRows rows = DocumentedSteps();
     const std::set<std::string> begun = BegunSteps();
     EXPECT_EQ(begun.size(), 20U);
@@ -85,7 +86,7 @@ TEST(StepTable, HasTheLimitWithWhichEachStepBegins) {
     }
 }
 
-TEST(StepTable, HasTheSilentStepsInItalics) {
+TEST(StepTable, ListsTheUnloggedStepsInItalics) {
     const StepRows rows = DocumentedSteps();
     for (std::uint32_t step = 0; step <= StoppingWfpCalloutDriver; ++step) {
         const auto row = rows.find(NameOf(step));

@@ -21,13 +21,13 @@ const std::vector<AccessEntry> kOpenToAll{
     {ACCESS_ALLOWED_ACE_TYPE, kInherited, GENERIC_ALL, Simulator::Sid::kEveryone},
     {ACCESS_ALLOWED_ACE_TYPE, kInherited, GENERIC_ALL, Simulator::Sid::kAdministrators}};
 
-// The calls as the journal has them; a name that might be written to is a pointer there.
+// The calls as in the journal; a name in a writable buffer is a pointer there.
 const std::string kSetAccess = "SetNamedSecurityInfoW(*, 4, 4, null, null, *, null)";
 const std::string kSetOwner = "SetNamedSecurityInfoW(*, 4, 1, *, null, null, null)";
 const std::string kLookUp = R"(LookupPrivilegeValueW(null, "SeTakeOwnershipPrivilege", *))";
 const std::string kAdjust = "AdjustTokenPrivileges(*, 0, *, 16, null, null)";
 
-/// A removal that an orphan leads to the key, which has another key below it.
+/// A removal that an orphan leads to the key, which has a subkey.
 class KeyTaking : public RemovalFixture {
 protected:
     KeyTaking() {
@@ -41,7 +41,7 @@ protected:
     std::wstring Owner() { return security().Key(kMiniportKey).owner; }
     bool IsPrivilegeEnabled() { return security().IsEnabled(Simulator::kTakeOwnership); }
 
-    /// The lines about the key's owner. Whatever comes of it, the removal succeeds and leaves nothing.
+    /// The lines about the key's owner. Whatever its result, the removal succeeds and leaves nothing.
     Lines Take() {
         const auto before = balance().Take();
         const Removal removal = Uninstall();
@@ -52,7 +52,7 @@ protected:
         std::erase_if(lines, [](const std::string &line) { return line.find("TakeOwnership:") == line.npos; });
         return lines;
     }
-    /// From the first that the taking makes.
+    /// From the first call on.
     Lines SecurityCalls() {
         Lines calls = Calls({"AllocateAndInitializeSid", "FreeSid", "SetEntriesInAclW", "SetNamedSecurityInfoW",
                              "LocalFree", "OpenProcessToken", "LookupPrivilegeValueW", "AdjustTokenPrivileges"});
@@ -78,18 +78,18 @@ protected:
     LockedKeyTaking() { security().ProtectKey(kMiniportKey); }
 };
 
-TEST_F(KeyTaking, OpensAKeyThatIsNotLockedByOneCall) {
+TEST_F(KeyTaking, OpensAKeyThatIsNotLockedWithOneCall) {
     EXPECT_EQ(Take(), Lines{});
     EXPECT_EQ(SecurityCalls(),
               (Lines{"AllocateAndInitializeSid(*, 1, 0, 0, 0, 0, 0, 0, 0, 0, *)",
                      "AllocateAndInitializeSid(*, 2, 32, 544, 0, 0, 0, 0, 0, 0, *)", "SetEntriesInAclW(2, *, null, *)",
                      kSetAccess, "FreeSid(*)", "FreeSid(*)", "LocalFree(*)"}));
     EXPECT_EQ(security().Key(kMiniportKey).entries, kOpenToAll);
-    EXPECT_EQ(Owner(), Simulator::Sid::kSystem) << "as it was";
+    EXPECT_EQ(Owner(), Simulator::Sid::kSystem) << "unchanged";
     EXPECT_FALSE(HasKey());
 }
 
-TEST_F(KeyTaking, AsksForAnAccessListOfTwoGroups) {
+TEST_F(KeyTaking, BuildsAnAccessListOfTwoGroups) {
     std::vector<EXPLICIT_ACCESS_W> asked;
     simulation().Functions().Put<Simulator::System::SetEntriesInAclW>(
         [&asked](const auto &next, ULONG count, EXPLICIT_ACCESS_W *entries, ACL *old, ACL **list) {
@@ -117,11 +117,11 @@ TEST_F(LockedKeyTaking, OpensALockedKeyAsItsNewOwner) {
                                                                    kAdjust, kSetOwner, kLookUp, kAdjust, kSetAccess}));
     EXPECT_EQ(security().Key(kMiniportKey).entries, kOpenToAll);
     EXPECT_EQ(Owner(), Simulator::Sid::kAdministrators);
-    EXPECT_FALSE(IsPrivilegeEnabled()) << "not any more";
+    EXPECT_FALSE(IsPrivilegeEnabled()) << "no longer";
     EXPECT_FALSE(HasKey());
 }
 
-TEST_F(LockedKeyTaking, EnablesThePrivilegeWhileItSetsTheOwnerAndNoLonger) {
+TEST_F(LockedKeyTaking, EnablesThePrivilegeOnlyWhileItSetsTheOwner) {
     std::vector<DWORD> attributes;
     std::vector<bool> enabled;
     simulation().Functions().Put<Simulator::System::AdjustTokenPrivileges>(
@@ -154,11 +154,11 @@ TEST_F(LockedKeyTaking, NeedsThePrivilege) {
     security().WithholdPrivilege(Simulator::kTakeOwnership);
     EXPECT_EQ(Take(), Lines{" TakeOwnership: Must be logged on as Administrator"});
     EXPECT_EQ(Owner(), Simulator::Sid::kSystem);
-    EXPECT_EQ(Calls({"AdjustTokenPrivileges"}), Lines{kAdjust}) << "which says success";
+    EXPECT_EQ(Calls({"AdjustTokenPrivileges"}), Lines{kAdjust}) << "which reports success";
     EXPECT_TRUE(HasKey());
 }
 
-TEST_F(LockedKeyTaking, TellsThatThePrivilegeWasLostMeanwhile) {
+TEST_F(LockedKeyTaking, ReportsThatThePrivilegeWasLostMeanwhile) {
     simulation().Functions().Put<Simulator::System::SetNamedSecurityInfoW>(
         [this](const auto &next, wchar_t *name, SE_OBJECT_TYPE type, SECURITY_INFORMATION information, auto... rest) {
             const DWORD result = next(name, type, information, rest...);
@@ -170,7 +170,7 @@ TEST_F(LockedKeyTaking, TellsThatThePrivilegeWasLostMeanwhile) {
     EXPECT_EQ(Owner(), Simulator::Sid::kAdministrators) << "it stays";
 }
 
-TEST_F(LockedKeyTaking, TellsThatTheKeyVanished) {
+TEST_F(LockedKeyTaking, ReportsThatTheKeyVanished) {
     simulation().Functions().Put<Simulator::System::SetEntriesInAclW>([this](const auto &next, auto... arguments) {
         simulation().GetRegistry().Remove(HKEY_LOCAL_MACHINE, kMiniportKey);
         return next(arguments...);
@@ -191,7 +191,7 @@ struct FailingTaking {
 
 class KeyTakingFailure : public LockedKeyTaking, public testing::WithParamInterface<FailingTaking> {};
 
-TEST_P(KeyTakingFailure, IsToldAndUndoesNothing) {
+TEST_P(KeyTakingFailure, IsReportedAndUndoesNothing) {
     const auto plan = simulation().GetFaults().FailNth(GetParam().function, GetParam().nth, GetParam().code);
     EXPECT_EQ(Take(), Lines{std::string(" TakeOwnership: ") + GetParam().line});
     EXPECT_TRUE(plan->Hit());
@@ -201,7 +201,7 @@ TEST_P(KeyTakingFailure, IsToldAndUndoesNothing) {
     const std::string deletion = ", 8, " + std::to_string(DELETE) + ", *)";
     const Lines opened = Calls({"RegOpenKeyExW"});
     EXPECT_TRUE(std::any_of(opened.begin(), opened.end(), [&](const auto &call) { return call.ends_with(deletion); }))
-        << "the deletion is tried all the same";
+        << "the deletion is tried anyway";
 }
 
 INSTANTIATE_TEST_SUITE_P(

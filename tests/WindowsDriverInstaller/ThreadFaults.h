@@ -1,4 +1,4 @@
-// What goes wrong when a driver thread is started, or killed.
+// Faults of starting and killing driver threads.
 #pragma once
 
 #include "Simulation.h"
@@ -6,13 +6,13 @@
 
 namespace ThreadFaults {
 
-/// From now on these two are redirected.
+/// These two functions are redirected from now on.
 inline void Redirect(Simulator::Simulation &simulation) {
     simulation.Functions().PassThrough<Simulator::System::TerminateThread>();
     simulation.Functions().PassThrough<Simulator::System::ResumeThread>();
 }
 
-/// A thread that hangs although somebody tried to kill it gets no time to end. Waits for anything else keep theirs.
+/// A thread that hangs although it was killed gets no time to end. Waits for anything else keep theirs.
 inline void GiveNoTimeToEnd(Simulator::Simulation &simulation) {
     simulation.Functions().Put<Simulator::System::WaitForSingleObject>(
         [&faults = simulation.GetFaults()](const auto &next, HANDLE handle, DWORD ms) {

@@ -23,7 +23,7 @@ protected:
     }
     void RunOnOldServer() { RunOn(VER_NT_SERVER, 6, 1); }
 
-    /// What an installation, fresh unless there was a driver, says of the adapters' suitability.
+    /// What an installation, fresh unless there was a driver, logs about the adapters' suitability.
     Texts Judgements() { return JudgementsAmong(WithoutSteps(InstallInBalance().ThreadLog())); }
     static Texts JudgementsAmong(const Texts &lines) {
         Texts judgements;
@@ -68,7 +68,7 @@ TEST_F(UnsuitableAdapters, LoseTheFilterInAFreshInstallation) {
     EXPECT_FALSE(IsBound(kSecond));
 }
 
-TEST_F(UnsuitableAdapters, AreNotThoseWithTheNewerIpAlone) {
+TEST_F(UnsuitableAdapters, AreNotThoseWithOnlyIpVersion6) {
     network().Bind(kSecond, L"ms_tcpip", false);
     network().Bind(kSecond, L"ms_tcpip6");
     EXPECT_EQ(Judgements(), Texts{});
@@ -81,10 +81,10 @@ TEST_F(UnsuitableAdapters, AreNotThoseThatTheFilterIsNotBoundTo) {
     network().Bind(kFirst, L"qbimvta", false);
     const InTest unbound = UnbindUnsuitable();
     EXPECT_EQ(unbound.lines, Texts{});
-    EXPECT_EQ(CountCalls("INetCfgLock::AcquireWriteLock"), 0U) << "nothing is to be changed";
+    EXPECT_EQ(CountCalls("INetCfgLock::AcquireWriteLock"), 0U) << "there is nothing to change";
 }
 
-TEST_F(UnsuitableAdapters, AreNotLookedForInAnUpgrade) {
+TEST_F(UnsuitableAdapters, AreNotSearchedForInAnUpgrade) {
     RunOnOldServer();
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kFirst, L"ms_tcpip", false);
@@ -94,7 +94,7 @@ TEST_F(UnsuitableAdapters, AreNotLookedForInAnUpgrade) {
         EXPECT_TRUE(IsBound(node));
 }
 
-TEST_F(UnsuitableAdapters, AreUnboundEachOfTwoHundred) {
+TEST_F(UnsuitableAdapters, AreAllUnboundOfTwoHundred) {
     PutFilter();
     for (int i = 2; i < 200; ++i)
         (void)PutNamed(L"NIC" + std::to_wstring(i), {2, 0, 0, 0, 1, static_cast<BYTE>(i)}, NCF_PHYSICAL, i % 2 == 0);
@@ -106,7 +106,7 @@ TEST_F(UnsuitableAdapters, AreUnboundEachOfTwoHundred) {
 
 // ---- Adapters without a MAC
 
-TEST_F(UnsuitableAdapters, AreNotJudgedWithoutAValidMac) {
+TEST_F(UnsuitableAdapters, AreNotComparedWithoutAValidMac) {
     RunOnOldServer();
     const Mac seven{0, 0, 0, 0, 0, 0, 1};
     const std::vector<Mac> invalid{{}, {1}, {1, 2, 3, 4, 5}, {0, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0}};
@@ -124,7 +124,7 @@ TEST_F(UnsuitableAdapters, AreNotJudgedWithoutAValidMac) {
     EXPECT_FALSE(IsBound(L"PCI\\GOOD\\1"));
 }
 
-TEST_F(UnsuitableAdapters, AreNotTheTwinsOfOneWithoutAValidMac) {
+TEST_F(UnsuitableAdapters, AreNotTheTwinsOfAnAdapterWithoutAValidMac) {
     RunOnOldServer();
     for (const wchar_t *name : {L"ONE", L"TWO"})
         (void)PutNamed(name, {0, 0, 0, 0, 0, 0});
@@ -132,9 +132,9 @@ TEST_F(UnsuitableAdapters, AreNotTheTwinsOfOneWithoutAValidMac) {
                                    "Adapter 'TWO' has an invalid MAC - ignoring it"}));
 }
 
-// ---- Adapters of remote access
+// ---- Remote-access adapters
 
-TEST_F(UnsuitableAdapters, AreNotVirtualOnesOfRemoteAccess) {
+TEST_F(UnsuitableAdapters, AreNotVirtualRemoteAccessAdapters) {
     RunOnOldServer();
     const std::wstring ras = PutNamed(L"RAS", kRemoteAccess, NCF_VIRTUAL, false);
     const std::wstring ras2 = PutNamed(L"RAS2", {9, 9, ' ', 'R', 'A', 'S', 7}, NCF_VIRTUAL | NCF_HIDDEN, false);
@@ -143,19 +143,19 @@ TEST_F(UnsuitableAdapters, AreNotVirtualOnesOfRemoteAccess) {
     EXPECT_TRUE(IsBound(ras2));
 }
 
-TEST_F(UnsuitableAdapters, ArePhysicalOnesWithTheMacOfRemoteAccess) {
+TEST_F(UnsuitableAdapters, ArePhysicalAdaptersWithARemoteAccessMac) {
     const std::wstring ras = PutNamed(L"RAS", kRemoteAccess, NCF_PHYSICAL, false);
     EXPECT_EQ(Judgements(), Texts{"Adapter 'RAS' is not bound to TCPIP - marking it to be unbound from QBIMVTA"});
     EXPECT_FALSE(IsBound(ras));
 }
 
-TEST_F(UnsuitableAdapters, AreVirtualOnesThatAreOnlyNearlyOfRemoteAccess) {
+TEST_F(UnsuitableAdapters, AreVirtualAdaptersThatOnlyResembleRemoteAccess) {
     for (const Mac &mac : {Mac{' ', 'R', 'A', 'S', 0, 1}, Mac{0, ' ', 'R', 'A', 'S', 0}, Mac{0, 0, ' ', 'r', 'a', 's'}})
         (void)PutNamed(L"NEARLY" + std::to_wstring(mac[1]), mac, NCF_VIRTUAL, false);
     EXPECT_EQ(Judgements().size(), 3U);
 }
 
-TEST_F(UnsuitableAdapters, MayBeTheTwinsOfOnesOfRemoteAccess) {
+TEST_F(UnsuitableAdapters, MayBeTheTwinsOfRemoteAccessAdapters) {
     RunOnOldServer();
     const std::wstring ras = PutNamed(L"RAS", kRemoteAccess, NCF_VIRTUAL);
     const std::wstring nic = PutNamed(L"NIC", kRemoteAccess);
@@ -168,7 +168,7 @@ TEST_F(UnsuitableAdapters, MayBeTheTwinsOfOnesOfRemoteAccess) {
 
 // ---- Adapters that share a MAC
 
-TEST_F(UnsuitableAdapters, ArePhysicalOnesThatShareTheMacOfAVirtualOneOnAnOldServer) {
+TEST_F(UnsuitableAdapters, ArePhysicalAdaptersThatShareAVirtualAdaptersMacOnAnOldServer) {
     RunOnOldServer();
     const std::wstring team = PutNamed(L"TEAM", kShared, NCF_VIRTUAL);
     const std::wstring nic = PutNamed(L"NIC", kShared);
@@ -198,7 +198,7 @@ TEST_F(UnsuitableAdapters, AreNoTwinsOnAWorkstation) {
     EXPECT_TRUE(IsBound(nic));
 }
 
-TEST_F(UnsuitableAdapters, AreTwinsOnServersBeforeVersion62Alone) {
+TEST_F(UnsuitableAdapters, AreTwinsOnlyOnServersBeforeVersion62) {
     const std::vector<std::tuple<BYTE, DWORD, DWORD, WORD, bool>> systems{{VER_NT_SERVER, 5, 2, 2, true},
                                                                           {VER_NT_SERVER, 6, 0, 2, true},
                                                                           {VER_NT_SERVER, 6, 1, 0, true},
@@ -214,12 +214,12 @@ TEST_F(UnsuitableAdapters, AreTwinsOnServersBeforeVersion62Alone) {
     PutFilter();
     (void)PutNamed(L"TEAM", kShared, NCF_VIRTUAL);
     const std::wstring nic = PutNamed(L"NIC", kShared);
-    for (const auto &[productType, major, minor, servicePack, looks] : systems) {
+    for (const auto &[productType, major, minor, servicePack, searches] : systems) {
         SCOPED_TRACE(std::to_string(productType) + ": " + std::to_string(major) + "." + std::to_string(minor));
         RunOn(productType, major, minor, servicePack);
         network().Bind(nic, L"qbimvta");
-        EXPECT_EQ(JudgementsAmong(UnbindUnsuitable().lines).size(), looks ? 3U : 0U);
-        EXPECT_EQ(IsBound(nic), !looks);
+        EXPECT_EQ(JudgementsAmong(UnbindUnsuitable().lines).size(), searches ? 3U : 0U);
+        EXPECT_EQ(IsBound(nic), !searches);
         const Texts questions = Calls({"VerifyVersionInfoW"});
         ASSERT_EQ(questions.size(), productType == VER_NT_WORKSTATION ? 1U : 2U);
         EXPECT_TRUE(questions[0].starts_with("VerifyVersionInfoW(*, 128, ")) << questions[0];
@@ -229,7 +229,7 @@ TEST_F(UnsuitableAdapters, AreTwinsOnServersBeforeVersion62Alone) {
     }
 }
 
-TEST_F(UnsuitableAdapters, AreAllPhysicalOnesThatShareAMac) {
+TEST_F(UnsuitableAdapters, AreAllPhysicalAdaptersThatShareAMac) {
     RunOnOldServer();
     const std::wstring one = PutNamed(L"ONE", kShared);
     const std::wstring two = PutNamed(L"TWO", kShared);
@@ -238,7 +238,7 @@ TEST_F(UnsuitableAdapters, AreAllPhysicalOnesThatShareAMac) {
     EXPECT_FALSE(IsBound(two));
 }
 
-TEST_F(UnsuitableAdapters, AreNotVirtualOnesThatShareAMac) {
+TEST_F(UnsuitableAdapters, AreNotVirtualAdaptersThatShareAMac) {
     RunOnOldServer();
     const std::wstring one = PutNamed(L"ONE", kShared, NCF_VIRTUAL);
     const std::wstring two = PutNamed(L"TWO", kShared, NCF_VIRTUAL);

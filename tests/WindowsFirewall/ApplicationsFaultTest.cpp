@@ -1,4 +1,4 @@
-// Each call that adding and removing an application make, failed in turn, against what is to come of it.
+// Each call made to add and remove an application, failed in turn, compared with the expected outcome.
 
 #include <algorithm>
 #include <cstddef>
@@ -24,12 +24,12 @@ struct Case {
     std::optional<VARIANT_BOOL> listed;  ///< The entry's switch.
 };
 
-/// A call on the road through an operation.
+/// A call within an operation.
 struct Step {
     std::string function;
-    Lines onFailure;  ///< Its own line and those that follow, without the code.
+    Lines onFailure;  ///< Its log line and those that follow, without the code.
     bool allocates = false;
-    bool tolerated = false;  ///< A failure takes the application for one that is not listed.
+    bool tolerated = false;  ///< On failure the application counts as not listed.
 };
 
 std::string WithCode(const std::string &line, DWORD code) {
@@ -79,8 +79,8 @@ std::vector<Step> RemoveSteps() {
             {"INetFwAuthorizedApplications::Remove", Lines{"Remove failed"} + failed}};
 }
 
-/// All calls where none fails.
-std::vector<Step> Road(const Case &given) {
+/// All calls of a run in which none fails.
+std::vector<Step> CallsOf(const Case &given) {
     std::vector<Step> steps = ObjectSteps(given);
     const std::vector<Step> rest =
         given.adds ? AddSteps(given.listed.has_value(), given.listed == VARIANT_TRUE) : RemoveSteps();
@@ -138,12 +138,12 @@ protected:
         return {given.listed == VARIANT_TRUE ? FirewallApplication{kProgram.path, L"Listed"} : kProgram};
     }
 
-    /// Fails one step of the road.
+    /// Fails one call of the operation.
     void Try(const Case &given, std::size_t at, DWORD code) {
         Arrange(given);
-        const std::vector<Step> road = Road(given);
-        const Step &failing = road[at];
-        const auto nth = CountOf(failing.function, road.begin(), road.begin() + static_cast<std::ptrdiff_t>(at) + 1);
+        const std::vector<Step> calls = CallsOf(given);
+        const Step &failing = calls[at];
+        const auto nth = CountOf(failing.function, calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(at) + 1);
         const std::vector<FirewallApplication> before = Listed();
         const auto plan = faults().FailNth(failing.function, static_cast<unsigned>(nth), code);
         const Answer answer = Run(given);
@@ -165,28 +165,28 @@ protected:
         EXPECT_EQ(Calls("CoUninitialize").size(), failing.function == "CoInitializeEx" ? 0U : 1U);
         EXPECT_EQ(Calls(failing.function).size(), static_cast<std::size_t>(nth)) << "nothing follows";
     }
-    /// Walks the road without a failure: its calls are those that are known.
+    /// Runs without a failure: its calls must be the expected ones.
     void TryWithout(const Case &given) {
         Arrange(given);
         const Answer answer = Run(given);
         const bool succeeds = given.adds || given.listed.has_value();
         EXPECT_EQ(answer.result, succeeds ? "true" : "false");
         EXPECT_EQ(Listed(), After(given));
-        const std::vector<Step> road = Road(given);
-        for (const Step &step : road) {
+        const std::vector<Step> calls = CallsOf(given);
+        for (const Step &step : calls) {
             EXPECT_EQ(Calls(step.function).size(),
-                      static_cast<std::size_t>(CountOf(step.function, road.begin(), road.end())))
+                      static_cast<std::size_t>(CountOf(step.function, calls.begin(), calls.end())))
                 << step.function;
         }
     }
 };
 
-TEST_F(FirewallApplicationsInTrouble, FailAtEachCallAsThatCallHasIt) {
+TEST_F(FirewallApplicationsInTrouble, FailAtEachCallAsTheTableSays) {
     unsigned combinations = 0;
     for (const Case &given : Cases()) {
         SCOPED_TRACE(NameOf(given));
         TryWithout(given);
-        for (std::size_t at = 0; at < Road(given).size(); ++at) {
+        for (std::size_t at = 0; at < CallsOf(given).size(); ++at) {
             for (const HRESULT code : {E_ACCESSDENIED, RPC_E_DISCONNECTED}) {
                 SCOPED_TRACE(testing::Message() << "step " << at << ", code " << code);
                 Try(given, at, static_cast<DWORD>(code));

@@ -22,7 +22,7 @@ const Lines kAdded{"Authorized application C:\\agent\\agent.exe is now enabled i
 const FirewallApplication kAgent{L"C:\\agent\\agent.exe", L"Agent", VARIANT_TRUE};
 const FirewallApplication kOther{L"C:\\other.exe", L"Other", VARIANT_FALSE};
 
-/// What a success leaves: the profile and COM stay with the thread.
+/// What a successful call leaves: the profile and COM stay with the thread.
 const LeftThings kStays{{"COM initialisation", 1}, {"COM reference", 1}};
 
 class FirewallApplications : public FirewallFixture {
@@ -46,7 +46,7 @@ TEST_F(FirewallApplications, AreAddedEnabledAndUnderTheirName) {
     EXPECT_EQ(Calls("CoUninitialize"), Lines());
 }
 
-TEST_F(FirewallApplications, AreMadeByTheirPublishedName) {
+TEST_F(FirewallApplications, AreCreatedByTheirPublishedName) {
     (void)Call(kAdd);
     std::string last;
     for (const Simulator::JournalEntry &entry : simulation().GetJournal().Entries()) {
@@ -60,7 +60,7 @@ TEST_F(FirewallApplications, AreMadeByTheirPublishedName) {
         << last;
 }
 
-TEST_F(FirewallApplications, ThatAreListedAndEnabledAreLeftAlone) {
+TEST_F(FirewallApplications, ThatAreListedAndEnabledAreUnchanged) {
     FirewallApplication named = kAgent;
     named.name = L"Another name";
     Put({named});
@@ -78,7 +78,7 @@ TEST_F(FirewallApplications, ThatAreListedButDisabledAreWrittenAgain) {
     EXPECT_EQ(Listed(), (std::vector{kAgent, kOther}));
 }
 
-TEST_F(FirewallApplications, CountAsEnabledForVariantTrueAlone) {
+TEST_F(FirewallApplications, CountAsEnabledOnlyForVariantTrue) {
     for (const int odd : {1, 2, -2, 0x7FFF}) {
         FirewallApplication oddly = kAgent;
         oddly.enabled = static_cast<VARIANT_BOOL>(odd);
@@ -108,8 +108,8 @@ TEST_F(FirewallApplications, NeedADisplayName) {
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(FirewallApplications, TellByTheirLinesWhichTextFoundNoMemory) {
-    // The first text is made in the look whether the program is listed.
+TEST_F(FirewallApplications, LogWhichTextCouldNotBeAllocated) {
+    // The first text is allocated when it checks whether the program is listed.
     std::set<std::string> places;
     for (const unsigned nth : {1U, 2U, 3U}) {
         const auto plan = faults().FailNth("SysAllocString", nth, ERROR_OUTOFMEMORY);
@@ -127,7 +127,7 @@ TEST_F(FirewallApplications, TellByTheirLinesWhichTextFoundNoMemory) {
     EXPECT_EQ(places.size(), 3U);
 }
 
-TEST_F(FirewallApplications, TraceEachStepUnderItsOwnLine) {
+TEST_F(FirewallApplications, TraceEachStepWithItsOwnLineNumber) {
     (void)faults().FailEvery("INetFwAuthorizedApplications::Add", kDenied);
     EXPECT_EQ(lua.Eval("SLB.filter." + kAdd), "false");
     (void)faults().FailEvery("INetFwMgr::get_LocalPolicy", kDenied);
@@ -139,7 +139,7 @@ TEST_F(FirewallApplications, TraceEachStepUnderItsOwnLine) {
         if (line.function == "WindowsFirewall::WindowsFirewallAddApp")
             places[line.message].insert(line.file + ":" + std::to_string(line.line));
     }
-    EXPECT_EQ(places.size(), 4U) << "the call, and a failure of COM, of its objects, and of the work";
+    EXPECT_EQ(places.size(), 4U) << "the call, and a failure of COM, of its objects, and of the operation";
     std::set<std::string> all;
     for (const auto &[message, lines] : places) {
         EXPECT_EQ(lines.size(), 1U) << message;
@@ -148,7 +148,7 @@ TEST_F(FirewallApplications, TraceEachStepUnderItsOwnLine) {
     EXPECT_EQ(all.size(), places.size());
 }
 
-TEST_F(FirewallApplications, AreTakenInUtf8) {
+TEST_F(FirewallApplications, AreReadAsUtf8) {
     ExpectAnswer("WindowsFirewallAddApp('C:\\\\\xC3\xA4\\\\\xE6\x97\xA5.exe', '\xE2\x82\xAC')", "true",
                  {"WindowsFirewallAddApp called with path = C:\\\xC3\xA4\\\xE6\x97\xA5.exe displayName = \xE2\x82\xAC",
                   "Authorized application C:\\\xC3\xA4\\\xE6\x97\xA5.exe is now enabled in the firewall."});
@@ -179,17 +179,17 @@ TEST_F(FirewallApplications, AreAddedWithoutThePolicyInAFreshProcess) {
     EXPECT_EQ(Calls("CoCreateInstance").size(), 2U) << "the manager and the entry";
 }
 
-TEST_F(FirewallApplications, LeaveThePolicyTooOnceASwitchHasAskedForTheVersion) {
+TEST_F(FirewallApplications, LeaveThePolicyTooOnceASwitchHasQueriedTheVersion) {
     (void)TurnOn();
     EXPECT_EQ(Call(kAdd).result, "true");
     EXPECT_EQ(Calls("CoCreateInstance").size(), 3U);
     EXPECT_EQ(Left(), (LeftThings{{"COM initialisation", 1}, {"COM reference", 2}}));
     (void)faults().FailNth("INetFwAuthorizedApplications::Remove", 1, static_cast<DWORD>(E_FAIL));
     EXPECT_EQ(Call(kRemove).result, "false");
-    EXPECT_EQ(Left(), LeftThings()) << "a failure takes both back";
+    EXPECT_EQ(Left(), LeftThings()) << "a failure releases both";
 }
 
-TEST_F(FirewallApplications, AreRemovedByTheirPathInAnyCase) {
+TEST_F(FirewallApplications, AreRemovedByTheirPathCaseInsensitively) {
     FirewallApplication shouting = kAgent;
     shouting.path = L"C:\\AGENT\\AGENT.EXE";
     Put({kOther, shouting});
@@ -199,7 +199,7 @@ TEST_F(FirewallApplications, AreRemovedByTheirPathInAnyCase) {
     EXPECT_EQ(Calls("INetFwAuthorizedApplications::Item"), Lines()) << "no check comes first";
 }
 
-TEST_F(FirewallApplications, ThatAreNotListedAreRemovedAsTheSystemHasIt) {
+TEST_F(FirewallApplications, ThatAreNotListedAreRemovedWithTheSystemsResult) {
     ExpectAnswer(kRemove, "false",
                  kRemoving + Lines{"Remove failed: 0x80070002", "WindowsFirewallAddApp failed: 0x80070002"});
     EXPECT_EQ(Left(), LeftThings());
@@ -216,7 +216,7 @@ TEST_F(FirewallApplications, AreNotRemovedWithoutAPath) {
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(FirewallApplications, GoOnInAThreadOfAnotherModelAndCloseComOnceAfterAFailure) {
+TEST_F(FirewallApplications, WorkInAThreadOfAnotherModelAndCloseComOnceAfterAFailure) {
     simulation().GetCom().threadsHaveApartments = true;
     (void)faults().FailEvery("CoInitializeEx", static_cast<DWORD>(RPC_E_CHANGED_MODE));
     ExpectAnswer(kAdd, "true", kAdding + kAdded);
@@ -227,7 +227,7 @@ TEST_F(FirewallApplications, GoOnInAThreadOfAnotherModelAndCloseComOnceAfterAFai
     EXPECT_EQ(Calls("CoUninitialize").size(), 1U);
 }
 
-TEST_F(FirewallApplications, KnowNoServiceAndNoFlag) {
+TEST_F(FirewallApplications, UseNeitherServiceNorFlag) {
     (void)Call(kAdd);
     (void)Call(kRemove);
     EXPECT_EQ(Calls("OpenSCManagerW"), Lines());

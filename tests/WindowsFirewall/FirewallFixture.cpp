@@ -102,7 +102,7 @@ std::optional<StoredFlag> FirewallFixture::Flag() {
     const Simulator::UniqueKey key(opened);
     StoredFlag flag{};
     DWORD size = 0;
-    // RegGetValueW would end a text that is stored without a zero.
+    // RegGetValueW would terminate a text that is stored without a zero.
     if (RegQueryValueExW(key.get(), kFlagName, nullptr, &flag.type, nullptr, &size) != ERROR_SUCCESS)
         return std::nullopt;
     flag.bytes.resize(size);

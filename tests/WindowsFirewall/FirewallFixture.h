@@ -1,4 +1,4 @@
-// A machine with a firewall, and the script's calls that switch it and fill its list.
+// A machine with a firewall, and the script's calls that switch it and change its list.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@
 
 #include "ModuleFixture.h"
 
-/// The lines of a log, and the names of calls.
+/// The lines of a log, or the names of calls.
 using Lines = std::vector<std::string>;
 
-/// Both behind one another.
+/// Concatenates both.
 [[nodiscard]] Lines operator+(Lines first, const Lines &second);
 
-/// The value in the registry that remembers what was on.
+/// The registry value that remembers what was on.
 struct StoredFlag {
     DWORD type;
     std::vector<std::uint8_t> bytes;
@@ -28,7 +28,7 @@ struct StoredFlag {
 /// The flag as the module writes it.
 [[nodiscard]] StoredFlag MaskFlag(DWORD mask);
 
-/// How many more things of each kind there are after a call, or fewer; memory aside.
+/// How many more or fewer resources of each kind exist after a call, except memory.
 using LeftThings = std::map<std::string, int>;
 
 inline constexpr DWORD kDenied = static_cast<DWORD>(E_ACCESSDENIED);
@@ -37,32 +37,32 @@ inline constexpr wchar_t kAgentKey[] = L"SOFTWARE\\Quillon\\Vantry Agent";
 inline constexpr wchar_t kFlagName[] = L"WindowsFirewallDisabledByInstaller";
 inline constexpr wchar_t kOldService[] = L"SharedAccess";
 
-// Where calls of a new system begin and end with.
+// The first and last calls on a new system.
 inline constexpr char kNoStart[] = "OS is Vista or greater - no need to start the SharedAccess service.";
-// And those of an old one, version 5.
+// And those on an old one, version 5.
 inline constexpr char kOldStart[] = "Windows version is 5, which is less than Vista, attempting to start service";
 inline constexpr char kStarting[] = "Starting 'SharedAccess' service...";
 inline constexpr char kStopping[] = "Stopping 'SharedAccess' service...";
 
-/// A new system whose profiles are all on, and a service SharedAccess that runs. Sleeps move the clock.
+/// A new system whose profiles are all on, and a running service SharedAccess. Sleeps move the clock.
 class FirewallFixture : public ModuleFixture {
 protected:
     FirewallFixture();
     ~FirewallFixture() override;
 
-    /// The system's version is 5.1 from now on; only before the first switch of a module.
+    /// The system's version is 5.1 from now on; only before a module's first switch.
     void MakeSystemOld();
     void PutService(const Simulator::Service &service);
     [[nodiscard]] Simulator::Service OldService();
 
-    /// @param mask  which of the three profiles are on, by their numbers.
+    /// @param mask  the profiles that are on, by their numbers.
     void PutProfiles(int mask);
     [[nodiscard]] int Profiles();
     void PutCurrentProfile(VARIANT_BOOL enabled);
     [[nodiscard]] VARIANT_BOOL CurrentProfile();
 
     void PutFlag(const StoredFlag &flag);
-    /// Nothing where there is no value.
+    /// Empty without a value.
     [[nodiscard]] std::optional<StoredFlag> Flag();
 
     /// Call SLB.filter.<function>, whose result must be 0.
@@ -76,9 +76,9 @@ protected:
     };
     Answer Call(const std::string &call);
 
-    // Of the last call:
+    // From the last call:
     [[nodiscard]] const LeftThings &Left() const { return m_left; }
-    /// The calls of a function's, or an object's, methods: those whose names begin so.
+    /// The calls of a function, or of an object's methods: those whose names begin with the text.
     [[nodiscard]] Lines Calls(const std::string &begin);
     /// By the simulated clock.
     [[nodiscard]] std::uint64_t TookMs() const { return m_tookMs; }

@@ -1,4 +1,4 @@
-// The native firewall off and on through SLB.filter, on systems that have one switch and a service behind it.
+// Switching the native firewall off and on through SLB.filter, on systems that have one switch and a service for it.
 
 #include <string>
 
@@ -23,7 +23,7 @@ TEST_F(OldNativeFirewall, TurnsOffTheCurrentProfileAndRemembersIt) {
     EXPECT_EQ(CurrentProfile(), VARIANT_FALSE);
     EXPECT_EQ(Flag(), MaskFlag(1));
     EXPECT_EQ(Left(), LeftThings());
-    EXPECT_EQ(Calls("CoCreateInstance").size(), 1U) << "the manager alone";
+    EXPECT_EQ(Calls("CoCreateInstance").size(), 1U) << "only the manager";
     EXPECT_EQ(Profiles(), 7) << "there are none";
 }
 
@@ -36,7 +36,7 @@ TEST_F(OldNativeFirewall, TurnsTheCurrentProfileOnAgain) {
     EXPECT_EQ(Calls("ControlService"), Lines()) << "the service ran before";
 }
 
-TEST_F(OldNativeFirewall, RemembersOneWhateverTheSwitchSaysForOn) {
+TEST_F(OldNativeFirewall, RemembersOneForAnyNonzeroSwitch) {
     PutCurrentProfile(5);
     EXPECT_EQ(TurnOff().at(3), "fwPolicy->get_FirewallEnabled returned 5");
     EXPECT_EQ(Flag(), MaskFlag(1));
@@ -44,14 +44,14 @@ TEST_F(OldNativeFirewall, RemembersOneWhateverTheSwitchSaysForOn) {
     EXPECT_EQ(CurrentProfile(), VARIANT_TRUE);
 }
 
-TEST_F(OldNativeFirewall, LeavesAloneWhatIsOff) {
+TEST_F(OldNativeFirewall, ChangesNothingThatIsOff) {
     PutCurrentProfile(VARIANT_FALSE);
     EXPECT_EQ(TurnOff(), kOldOff + Lines{"fwPolicy->get_FirewallEnabled returned 0"});
     EXPECT_EQ(Calls("INetFwProfile::put"), Lines());
     EXPECT_EQ(Flag(), std::nullopt);
 }
 
-TEST_F(OldNativeFirewall, TurnsOnForAnyMaskButZero) {
+TEST_F(OldNativeFirewall, TurnsOnForAnyNonzeroMask) {
     PutCurrentProfile(VARIANT_FALSE);
     PutFlag(MaskFlag(8));
     EXPECT_EQ(TurnOn(),
@@ -91,12 +91,12 @@ TEST_F(OldNativeFirewall, ChangesNothingWhileItsServiceIsStopped) {
     EXPECT_EQ(TurnOff(), kOldOff + Lines{"Windows firewall(SharedService) is not enabled"});
     EXPECT_EQ(Calls("Co"), Lines()) << "no COM";
     EXPECT_EQ(Calls("Reg"), Lines());
-    EXPECT_EQ(Calls("StartServiceW"), Lines()) << "it is only looked at";
+    EXPECT_EQ(Calls("StartServiceW"), Lines()) << "it is only checked";
     EXPECT_EQ(OldService().status.state, static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(Left(), kHandlesLeft);
 }
 
-TEST_F(OldNativeFirewall, ChangesNothingWhenItsServiceCannotBeAsked) {
+TEST_F(OldNativeFirewall, ChangesNothingWhenItsServiceCannotBeQueried) {
     (void)faults().FailNth("OpenSCManagerW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(TurnOff(), (kOldOff + Lines{"Error opening service control manager: 0x000005",
                                           "StartFirewallService returned false when disabling windows firewall"}));
@@ -104,7 +104,7 @@ TEST_F(OldNativeFirewall, ChangesNothingWhenItsServiceCannotBeAsked) {
     EXPECT_EQ(CurrentProfile(), VARIANT_TRUE);
 }
 
-TEST_F(OldNativeFirewall, GoesOnWhereItsServiceIsMissing) {
+TEST_F(OldNativeFirewall, ContinuesWhenItsServiceIsMissing) {
     simulation().GetServices().Remove(kOldService);
     const std::string missing = "Service 'SharedAccess' doesn't exist. Continuing without trying to start it.";
     EXPECT_EQ(TurnOff().at(3), missing);
@@ -136,7 +136,7 @@ TEST_F(OldNativeFirewall, StopsTheServiceThatItHadToStart) {
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(OldNativeFirewall, StopsTheServiceAlsoAfterAnOddFlag) {
+TEST_F(OldNativeFirewall, StopsTheServiceEvenAfterAnInvalidFlag) {
     PutFlag({REG_SZ, {'1', 0}});
     PutService({.status = {SERVICE_STOPPED}});
     EXPECT_EQ(TurnOn(), kOldOn + Lines{kStopping});
@@ -145,7 +145,7 @@ TEST_F(OldNativeFirewall, StopsTheServiceAlsoAfterAnOddFlag) {
     EXPECT_EQ(Flag(), std::nullopt);
 }
 
-TEST_F(OldNativeFirewall, StopsTheServiceAlsoAfterAFailure) {
+TEST_F(OldNativeFirewall, StopsTheServiceEvenAfterAFailure) {
     const struct {
         const char *function;
         Lines log;
@@ -166,14 +166,14 @@ TEST_F(OldNativeFirewall, StopsTheServiceAlsoAfterAFailure) {
     }
 }
 
-TEST_F(OldNativeFirewall, SaysNothingMoreWhenTheServiceCannotBeStopped) {
+TEST_F(OldNativeFirewall, LogsNothingMoreWhenTheServiceCannotBeStopped) {
     PutFlag(MaskFlag(1));
     PutService({.status = {SERVICE_STOPPED}, .controlError = ERROR_ACCESS_DENIED});
     EXPECT_EQ(TurnOn(), (kOldOn + kOldRestored + Lines{kStopping, "Error stopping 'SharedAccess' service: 0x000005"}));
     EXPECT_EQ(Flag(), std::nullopt) << "the restore is complete";
 }
 
-TEST_F(OldNativeFirewall, DoesNoServiceWorkWithoutAFlag) {
+TEST_F(OldNativeFirewall, DoesNotTouchTheServiceWithoutAFlag) {
     PutService({.status = {SERVICE_STOPPED}});
     simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kAgentKey);
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
@@ -181,7 +181,7 @@ TEST_F(OldNativeFirewall, DoesNoServiceWorkWithoutAFlag) {
     EXPECT_EQ(Calls("Co"), Lines());
 }
 
-TEST_F(OldNativeFirewall, AsksTheOldProfileAndNoNewPolicy) {
+TEST_F(OldNativeFirewall, UsesTheOldProfileAndNoNewPolicy) {
     (void)TurnOff();
     EXPECT_EQ(Calls("INetFwPolicy2::"), Lines());
     EXPECT_EQ(Calls("INetFwProfile::").size(), 2U);

@@ -1,5 +1,5 @@
-// The firewall's functions on the firewall objects that Wine has: nothing of COM, the system's version or its services
-// is simulated. What the objects answer is asked of them first.
+// The firewall's functions on Wine's own firewall objects: COM, the system's version and its services are not
+// simulated. The expected results are queried from the objects first.
 
 #include <array>
 #include <cstdio>
@@ -29,7 +29,7 @@ std::string Failure(const std::string &what, HRESULT hr) {
     return text.data();
 }
 
-/// The objects, as the program itself gets them.
+/// The objects, as the test program itself creates them.
 struct Objects {
     Objects() {
         EXPECT_EQ(CoCreateInstance(__uuidof(NetFwPolicy2), nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&policy)), S_OK);
@@ -54,7 +54,7 @@ NET_FW_PROFILE_TYPE2 Profile(unsigned index) {
     return static_cast<NET_FW_PROFILE_TYPE2>(1U << index);
 }
 
-/// What turning off says of the objects' answers, as far as they are on and can be read.
+/// The expected log of turning off, as far as the objects are on and can be read.
 Lines OffBy(INetFwPolicy2 *policy, DWORD &mask) {
     Lines log = kWineOff;
     mask = 0;
@@ -72,7 +72,7 @@ Lines OffBy(INetFwPolicy2 *policy, DWORD &mask) {
     return log;
 }
 
-/// What turning on says of the objects' answers to a flag of 7.
+/// The expected log of turning on with a flag of 7.
 Lines OnBy(INetFwPolicy2 *policy, bool &restored) {
     Lines log = kWineOn + Lines{"Turning Windows Firewall back on, previous Setting was 7"};
     restored = true;
@@ -96,8 +96,8 @@ struct ComText {
     const BSTR text;
 };
 
-/// What putting "C:\\agent.exe" on the list says of the objects' answers behind its first line; ends with the empty
-/// line where it fails.
+/// The expected log of adding "C:\\agent.exe" to the list, after its first line; ends with the empty line where it
+/// fails.
 Lines AddBy(INetFwAuthorizedApplications *applications) {
     const ComText path(L"C:\\agent.exe");
     const ComText name(L"Agent");
@@ -148,7 +148,7 @@ protected:
             GTEST_SKIP() << "would switch the firewall of this Windows machine";
     }
 
-    /// Runs in a thread of its own, whose model nobody has set.
+    /// Runs in a separate thread, whose COM model is not set.
     static void InThread(const std::function<void()> &body) { std::thread(body).join(); }
     static bool ComIsStarted() {
         APTTYPE type{};
@@ -195,7 +195,7 @@ TEST_F(RealFirewall, IsTurnedOnAsItsObjectsAnswer) {
     });
 }
 
-TEST_F(RealFirewall, LosesAnOddFlagWithoutAnyCallOfItsSwitches) {
+TEST_F(RealFirewall, LosesAnInvalidFlagWithoutAnyCallOfItsSwitches) {
     InThread([this] {
         simulation().GetRegistry().PutText(HKEY_LOCAL_MACHINE, kAgentKey, kFlagName, L"7");
         EXPECT_EQ(Call("EnableNativeFirewall()", "0"), kWineOn);
@@ -204,9 +204,9 @@ TEST_F(RealFirewall, LosesAnOddFlagWithoutAnyCallOfItsSwitches) {
     });
 }
 
-TEST_F(RealFirewall, GoesOnInAThreadOfTheOtherModel) {
+TEST_F(RealFirewall, WorksInAThreadOfTheOtherModel) {
     InThread([this] {
-        // Twice, since the call takes one back that it has not made.
+        // Twice, since the call closes one that it has not opened.
         ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
         ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
         DWORD mask = 0;
@@ -251,7 +251,7 @@ TEST_F(RealFirewall, UnlistsAnApplicationAsItsObjectsAnswer) {
     });
 }
 
-TEST_F(RealFirewall, TakesNoApplicationWithoutAPath) {
+TEST_F(RealFirewall, RefusesAnApplicationWithoutAPath) {
     InThread([this] {
         EXPECT_EQ(
             Call("WindowsFirewallAddApp('', 'Agent')", "false"),

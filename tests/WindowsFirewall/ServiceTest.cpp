@@ -1,4 +1,4 @@
-// The firewall's service on old systems, as the two switches look at it, start it and stop it.
+// The firewall's service on old systems, as the two switches check it, start it and stop it.
 
 #include <string>
 
@@ -20,12 +20,13 @@ const Lines kServiceOn{"EnableFirewall()", kOldStart, kStarting};
 const Lines kRestored{"Turning Windows Firewall back on, previous Setting was 1", "put_FirewallEnabled true"};
 const Lines kNotStarted{"StartFirewallService returned false when enabling windows firewall"};
 
-/// EnableNativeFirewall starts the service and, where it did not run, stops it again; DisableNativeFirewall only looks.
+/// EnableNativeFirewall starts the service and, if it did not run, stops it again; DisableNativeFirewall only checks
+/// it.
 class FirewallService : public OldFirewallFixture {
 protected:
     FirewallService() { PutFlag(MaskFlag(1)); }
 
-    /// What a restore says whose start of the service ends so.
+    /// The log of a restore whose start of the service fails.
     static Lines Failing(const Lines &log) { return kServiceOn + log + kNotStarted; }
     Lines Arguments(const std::string &function) {
         Lines arguments;
@@ -41,7 +42,7 @@ protected:
     }
 };
 
-TEST_F(FirewallService, IsAskedForWithNoMoreAccessThanItTakes) {
+TEST_F(FirewallService, IsOpenedWithMinimalAccess) {
     PutService({.status = kStopped});
     (void)TurnOn();
     EXPECT_EQ(Arguments("OpenSCManagerW"), (Lines{"null, 131072", "null, 131072"}));
@@ -61,7 +62,7 @@ TEST_F(FirewallService, CannotBeStartedWhenItCannotBeOpened) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, CannotBeStartedWhenItCannotBeAsked) {
+TEST_F(FirewallService, CannotBeStartedWhenItCannotBeQueried) {
     PutService({.status = kStopped});
     for (unsigned nth = 1; nth <= 2; ++nth) {
         PutService({.status = kStopped});
@@ -72,7 +73,7 @@ TEST_F(FirewallService, CannotBeStartedWhenItCannotBeAsked) {
     }
 }
 
-TEST_F(FirewallService, CountsAsRunningWhereItIsMissing) {
+TEST_F(FirewallService, CountsAsRunningWhenItIsMissing) {
     simulation().GetServices().Remove(kOldService);
     EXPECT_EQ(
         TurnOn(),
@@ -80,12 +81,12 @@ TEST_F(FirewallService, CountsAsRunningWhereItIsMissing) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsWaitedForWhileItStartsEvenWhenItIsOnlyLookedAt) {
+TEST_F(FirewallService, IsWaitedForWhileItStartsEvenWhenItIsOnlyChecked) {
     PutService({.status = kStartPending, .coming = {kStartPending, kStartPending, kStartPending, kRunning}});
     (void)TurnOff();
     EXPECT_EQ(TookMs(), 3000U);
     EXPECT_EQ(Calls("Sleep").size(), 3U);
-    EXPECT_EQ(CurrentProfile(), VARIANT_FALSE) << "it ran in the end";
+    EXPECT_EQ(CurrentProfile(), VARIANT_FALSE) << "it was running in the end";
     ExpectHandlesClosed();
 }
 
@@ -114,7 +115,7 @@ TEST_F(FirewallService, IsPolledWithoutAPauseWhileItStops) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsStartedWhenItHasComeToItsStop) {
+TEST_F(FirewallService, IsStartedOnceItHasStopped) {
     PutService({.status = kStopPending, .coming = {kStopPending, kStopPending, kStopped}});
     EXPECT_EQ(TurnOn(), kServiceOn + kRestored + Lines{kStopping});
     EXPECT_EQ(Calls("StartServiceW").size(), 1U);
@@ -126,7 +127,7 @@ TEST_F(FirewallService, IsPolledWithoutAPauseWhileItIsPaused) {
     EXPECT_EQ(TookMs(), 0U);
 }
 
-TEST_F(FirewallService, TellsItsExitCodesWhenItStopsRightAfterItsStart) {
+TEST_F(FirewallService, ReportsItsExitCodesWhenItStopsRightAfterItsStart) {
     const ServiceStatus died{
         .state = SERVICE_STOPPED, .exitCode = ERROR_SERVICE_SPECIFIC_ERROR, .specificExitCode = 42};
     PutService({.starting = {kStartPending, kStartPending, died}});
@@ -144,20 +145,20 @@ TEST_F(FirewallService, PrintsExitCodesOfZeroInFull) {
                                  "code 00000000"}));
 }
 
-TEST_F(FirewallService, ThatDiesLaterIsStoppedNoMore) {
+TEST_F(FirewallService, IsNotStoppedAgainIfItHasStoppedByItself) {
     PutService({.status = kStopped, .starting = {kRunning, kStopped}});
     EXPECT_EQ(TurnOn(), kServiceOn + kRestored + Lines{kStopping});
     EXPECT_EQ(Calls("ControlService"), Lines());
     EXPECT_EQ(Left(), (LeftThings{{"service handle", 2}})) << "a service that is found stopped leaves its handles";
 }
 
-TEST_F(FirewallService, SaysWhyItCannotBeStarted) {
+TEST_F(FirewallService, LogsWhyItCannotBeStarted) {
     PutService({.startError = ERROR_PATH_NOT_FOUND});
     EXPECT_EQ(TurnOn(), Failing({"Error starting 'SharedAccess' service: 0x000003"}));
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsEnabledForItsStartAloneWhereItIsDisabled) {
+TEST_F(FirewallService, IsEnabledOnlyForItsStartWhenItIsDisabled) {
     PutService({.status = kStopped, .startType = SERVICE_DISABLED});
     EXPECT_EQ(TurnOn(), kServiceOn + Lines{"Service 'SharedAccess' is disabled - attempting to enable it."} +
                             kRestored + Lines{kStopping});
@@ -168,7 +169,7 @@ TEST_F(FirewallService, IsEnabledForItsStartAloneWhereItIsDisabled) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, RunsOnDisabledWhereItIsNotStoppedAgain) {
+TEST_F(FirewallService, KeepsRunningDisabledWhenItIsNotStoppedAgain) {
     PutService({.status = kStopped, .controlError = ERROR_ACCESS_DENIED, .startType = SERVICE_DISABLED});
     (void)TurnOn();
     EXPECT_EQ(State(), static_cast<DWORD>(SERVICE_RUNNING));
@@ -192,7 +193,7 @@ TEST_F(FirewallService, IsDisabledAgainWhenItsStartFails) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, ReportsTheStartsErrorAlsoWhenItCannotBeDisabledAgain) {
+TEST_F(FirewallService, ReportsTheErrorOfItsStartEvenWhenItCannotBeDisabledAgain) {
     PutService({.startType = SERVICE_DISABLED});
     (void)faults().FailNth("StartServiceW", 2, ERROR_SERVICE_LOGON_FAILED);
     (void)faults().FailNth("ChangeServiceConfigW", 2, ERROR_ACCESS_DENIED);
@@ -200,7 +201,7 @@ TEST_F(FirewallService, ReportsTheStartsErrorAlsoWhenItCannotBeDisabledAgain) {
                                  "Error starting 'SharedAccess' service after enabling it: 0x00042d"}));
 }
 
-TEST_F(FirewallService, GoesOnWhenItCannotBeDisabledAgain) {
+TEST_F(FirewallService, ContinuesWhenItCannotBeDisabledAgain) {
     PutService({.status = kStopped, .startType = SERVICE_DISABLED});
     (void)faults().FailNth("ChangeServiceConfigW", 2, ERROR_ACCESS_DENIED);
     EXPECT_EQ(TurnOn(), kServiceOn + Lines{"Service 'SharedAccess' is disabled - attempting to enable it."} +
@@ -208,7 +209,7 @@ TEST_F(FirewallService, GoesOnWhenItCannotBeDisabledAgain) {
     EXPECT_EQ(CurrentProfile(), VARIANT_TRUE);
 }
 
-TEST_F(FirewallService, IsNotEnabledWhenItIsOnlyLookedAt) {
+TEST_F(FirewallService, IsNotEnabledWhenItIsOnlyChecked) {
     PutService({.status = kStopped, .startType = SERVICE_DISABLED});
     EXPECT_EQ(TurnOff().back(), "Windows firewall(SharedService) is not enabled");
     EXPECT_EQ(Calls("StartServiceW"), Lines());
@@ -219,11 +220,11 @@ TEST_F(FirewallService, IsWaitedForAtMostAMinuteWhileItStops) {
     PutService({.status = kStopped, .stopping = {kStopPending}});
     EXPECT_EQ(TurnOn(), (kServiceOn + kRestored + Lines{kStopping, "Unable to stop 'SharedAccess' service"}));
     EXPECT_EQ(TookMs(), 60'000U);
-    EXPECT_EQ(Calls("QueryServiceStatus").size(), 2U + 1U + 60U) << "to start it, to look at it, to wait for it";
+    EXPECT_EQ(Calls("QueryServiceStatus").size(), 2U + 1U + 60U) << "to start it, to check it, to wait for it";
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsAskedOnceASecondWhileItStops) {
+TEST_F(FirewallService, IsPolledOnceASecondWhileItStops) {
     PutService({.status = kStopped, .stopping = {kStopPending, kStopPending, kStopped}});
     EXPECT_EQ(TurnOn(), kServiceOn + kRestored + Lines{kStopping});
     EXPECT_EQ(TookMs(), 2000U);
@@ -231,8 +232,8 @@ TEST_F(FirewallService, IsAskedOnceASecondWhileItStops) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsOnlyWaitedForWhereSomebodyElseStopsIt) {
-    // The restore finds it running; at the look before the stop it is on its way down.
+TEST_F(FirewallService, IsOnlyWaitedForWhenAnotherProgramStopsIt) {
+    // The restore finds it running; at the check before the stop it is already stopping.
     PutService({.status = kStopped, .starting = {kRunning, kStopPending, kStopPending, kStopped}});
     EXPECT_EQ(TurnOn(), kServiceOn + kRestored + Lines{kStopping});
     EXPECT_EQ(Calls("ControlService"), Lines());
@@ -240,14 +241,14 @@ TEST_F(FirewallService, IsOnlyWaitedForWhereSomebodyElseStopsIt) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsToldToStopAlsoWhileItIsPaused) {
+TEST_F(FirewallService, IsStoppedEvenWhileItIsPaused) {
     PutService({.status = kStopped, .starting = {kRunning, {SERVICE_PAUSED}}});
     EXPECT_EQ(TurnOn(), kServiceOn + kRestored + Lines{kStopping});
     EXPECT_EQ(Arguments("ControlService").size(), 1U);
     EXPECT_EQ(State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 
-TEST_F(FirewallService, NeedsNoStopWhereItWasRemovedMeanwhile) {
+TEST_F(FirewallService, NeedsNoStopIfItWasRemovedMeanwhile) {
     PutService({.status = kStopped});
     (void)faults().FailNth("OpenServiceW", 2, ERROR_SERVICE_DOES_NOT_EXIST);
     EXPECT_EQ(TurnOn(), (kServiceOn + kRestored +
@@ -255,7 +256,7 @@ TEST_F(FirewallService, NeedsNoStopWhereItWasRemovedMeanwhile) {
     ExpectHandlesClosed();
 }
 
-TEST_F(FirewallService, IsClosedBeforeItIsSaidThatItDoesNotStop) {
+TEST_F(FirewallService, IsClosedBeforeItsFailureToStopIsLogged) {
     PutService({.status = kStopped, .stopping = {kStopPending}});
     Lines saidBefore;
     simulation().Functions().Put<Simulator::System::CloseServiceHandle>(
@@ -267,7 +268,7 @@ TEST_F(FirewallService, IsClosedBeforeItIsSaidThatItDoesNotStop) {
     EXPECT_EQ(saidBefore, kServiceOn + kRestored + Lines{kStopping});
 }
 
-TEST_F(FirewallService, SaysWhyItCannotBeStopped) {
+TEST_F(FirewallService, LogsWhyItCannotBeStopped) {
     const struct {
         const char *function;
         unsigned nth;

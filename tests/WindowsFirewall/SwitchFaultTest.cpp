@@ -1,4 +1,4 @@
-// Off and on again, with each call failed in turn, against a model of it that was written by itself.
+// Off and on again, with each call failed in turn, compared with an independent model.
 
 #include <cstdio>
 #include <map>
@@ -16,7 +16,7 @@ namespace {
 using Simulator::Service;
 using Simulator::ServiceStatus;
 
-/// A call of each kind, and what it may fail with.
+/// A function of each kind, and the codes that it may fail with.
 using Codes = std::vector<DWORD>;
 const Codes kComCodes{static_cast<DWORD>(E_ACCESSDENIED), static_cast<DWORD>(RPC_E_DISCONNECTED)};
 const Codes kRegistryCodes{ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND};
@@ -46,7 +46,7 @@ const std::map<std::string, Codes> kFailing{
     {"CloseServiceHandle", kServiceCodes},
 };
 
-/// The machine with each of these in the registry, and without the key.
+/// The machine with each of these values in the registry, and without the key.
 std::vector<SwitchWorld> WithFlags(const SwitchWorld &plain, const std::vector<std::optional<StoredFlag>> &flags) {
     std::vector<SwitchWorld> worlds{plain};
     for (const auto &flag : flags) {
@@ -115,7 +115,7 @@ class FirewallInTrouble : public FirewallFixture {
 protected:
     FirewallInTrouble() { simulation().GetCom().threadsHaveApartments = true; }
 
-    /// One failing call in every place, on every machine.
+    /// One failing call at every place, on every machine.
     void TryAll(const std::vector<SwitchWorld> &worlds, unsigned atLeast) {
         for (std::size_t number = 0; number < worlds.size() && !HasFailure(); ++number) {
             SCOPED_TRACE(testing::Message() << "machine " << number);
@@ -126,7 +126,7 @@ protected:
     }
 
 private:
-    /// Without a failure first: until the failing one, all runs are that run, so it tells which calls there are.
+    /// First without a failure: up to the failing call all runs are the same, so this run lists the calls.
     void TryEach(const SwitchWorld &world) {
         std::map<std::string, unsigned> before;
         for (const auto &[function, codes] : kFailing)
@@ -196,7 +196,7 @@ private:
         EXPECT_EQ(OldService().startType, world.service->startType);
     }
 
-    bool m_isKnown = false;  ///< Whether the module has asked for the machine's version, and been told.
+    bool m_isKnown = false;  ///< Whether the module has queried the machine's version, and got it.
     unsigned m_tried = 0;
 };
 

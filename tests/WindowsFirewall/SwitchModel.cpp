@@ -12,7 +12,7 @@ std::string Padded(DWORD code) {
     return text.data();
 }
 
-/// Of eight characters with the 0x, which a zero goes without.
+/// Eight characters with the 0x, which a zero lacks.
 std::string Sharp(DWORD code) {
     std::array<char, 20> text{};
     std::snprintf(text.data(), text.size(), "%#08lx", code);
@@ -199,7 +199,7 @@ void SwitchModel::TurnOn() {
         StopService();
 }
 
-// The service. What the model calls `service` here is what the service manager makes of these calls.
+// The service. What the model calls `service` is the result of these calls in the service manager.
 
 void SwitchModel::SayService(const std::string &what, DWORD code) {
     Say(what + ": " + Sharp(code));

@@ -1,4 +1,5 @@
-// What the two switches of the firewall are to do, told by itself: on a plain machine, of whose calls one may fail.
+// An independent description of what the firewall's two switches must do: on a simple machine, of whose calls one may
+// fail.
 #pragma once
 
 #include <optional>
@@ -9,7 +10,7 @@
 
 #include "FirewallFixture.h"
 
-/// What there is before, and what is left of it.
+/// The machine before, and after.
 struct SwitchWorld {
     DWORD osMajor = 10;
     Simulator::FirewallState firewall;
@@ -18,7 +19,7 @@ struct SwitchWorld {
     std::optional<Simulator::Service> service;
 };
 
-/// The call that fails, from 1 on over both operations.
+/// The call that fails, counted from 1 over both operations.
 struct SwitchFault {
     std::string function;
     unsigned nth = 0;
@@ -43,7 +44,7 @@ private:
     enum class Looked { Failed, Stopped, Runs };
 
     [[nodiscard]] bool Fails(const std::string &function);
-    /// Gives back what was opened, unless that fails.
+    /// Closes what was opened, unless that fails.
     void Close(const std::string &function, const char *kind);
     void Say(const std::string &line) { log.push_back(line); }
     void SayCode(const std::string &line, DWORD code);

@@ -1,4 +1,4 @@
-// The firewall off in one process and on in another: what survives lies in the registry alone.
+// The firewall switched off in one process and on in another: only the registry survives.
 
 #include <memory>
 
@@ -10,7 +10,7 @@ namespace {
 
 class RestartedFirewall : public FirewallFixture {
 protected:
-    /// A new module, for another Lua state: nothing of the old ones is known to it.
+    /// A new module, for another Lua state: it knows nothing of the old ones.
     Lines TurnOnInAnotherState() {
         Reload();
         const LuaState other;
@@ -35,8 +35,8 @@ TEST_F(RestartedFirewall, RestoresWhatAnotherProcessTurnedOff) {
     }
 }
 
-TEST_F(RestartedFirewall, RestoresAfterACrashBetweenTheSwitchesAndTheFlagNothing) {
-    // The process ends while the flag is written: its call never comes back.
+TEST_F(RestartedFirewall, RestoresNothingAfterACrashBetweenTheSwitchesAndTheFlag) {
+    // The process ends while the flag is written: the call never returns.
     const auto plan = faults().FailNth("RegCreateKeyW", 1, ERROR_SHUTDOWN_IN_PROGRESS);
     (void)TurnOff();
     EXPECT_TRUE(plan->Hit());
@@ -45,7 +45,7 @@ TEST_F(RestartedFirewall, RestoresAfterACrashBetweenTheSwitchesAndTheFlagNothing
     EXPECT_EQ(Profiles(), 0);
 }
 
-TEST_F(RestartedFirewall, GoesOnInTheNextProcessWhereARestoreFailed) {
+TEST_F(RestartedFirewall, RepeatsAFailedRestoreInTheNextProcess) {
     (void)TurnOff();
     (void)faults().FailNth("INetFwPolicy2::put_FirewallEnabled", 3, static_cast<DWORD>(E_FAIL));
     (void)TurnOn();
@@ -55,7 +55,7 @@ TEST_F(RestartedFirewall, GoesOnInTheNextProcessWhereARestoreFailed) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(RestartedFirewall, KeepsTheFlagThroughAnotherTurningOffInANewProcess) {
+TEST_F(RestartedFirewall, KeepsTheFlagWhenANewProcessTurnsOffAgain) {
     (void)TurnOff();
     Reload();
     (void)TurnOff();
@@ -65,7 +65,7 @@ TEST_F(RestartedFirewall, KeepsTheFlagThroughAnotherTurningOffInANewProcess) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(RestartedFirewall, RestoresTheProfileThatAnUpgradeFromAnOldSystemMeans) {
+TEST_F(RestartedFirewall, RestoresTheProfileOfTheFlagAfterAnUpgradeFromAnOldSystem) {
     MakeSystemOld();
     (void)TurnOff();
     EXPECT_EQ(Flag(), MaskFlag(1));

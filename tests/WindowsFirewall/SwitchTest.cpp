@@ -1,4 +1,4 @@
-// The native firewall off and on through SLB.filter, on systems that have a switch for each profile.
+// Switching the native firewall off and on through SLB.filter, on systems that have a switch for each profile.
 
 #include <algorithm>
 #include <string>
@@ -31,7 +31,7 @@ protected:
         }
         return puts;
     }
-    /// Calls of COM, the switches, the service manager.
+    /// Calls of COM, the switches and the service manager.
     void ExpectNothingTouched() {
         for (const char *name : {"CoInitializeEx", "CoCreateInstance", "INetFw", "OpenSCManagerW"})
             EXPECT_EQ(Calls(name), Lines()) << name;
@@ -64,7 +64,7 @@ TEST_F(NativeFirewall, TurnsOnWhatItTurnedOffAndForgetsIt) {
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(NativeFirewall, MakesTheObjectsByTheirPublishedNamesInTheProcess) {
+TEST_F(NativeFirewall, CreatesTheObjectsByTheirPublishedNamesInProcess) {
     (void)TurnOff();
     Lines made;
     for (const Simulator::JournalEntry &entry : simulation().GetJournal().Entries()) {
@@ -78,7 +78,7 @@ TEST_F(NativeFirewall, MakesTheObjectsByTheirPublishedNamesInTheProcess) {
                            "{304CE942-6E39-40D8-943A-B913C40C9CD4}, null, 1, {F7898AF5-CAC4-4632-A2EC-DA06E5111AF2}"}));
 }
 
-TEST_F(NativeFirewall, ClosesComAsOftenAsItStartsIt) {
+TEST_F(NativeFirewall, ClosesComAsOftenAsItInitialisesIt) {
     (void)TurnOff();
     EXPECT_EQ(Calls("CoInitializeEx").size(), 1U);
     EXPECT_EQ(Calls("CoUninitialize").size(), 1U);
@@ -87,19 +87,19 @@ TEST_F(NativeFirewall, ClosesComAsOftenAsItStartsIt) {
     EXPECT_EQ(Calls("CoUninitialize").size(), 1U);
 }
 
-TEST_F(NativeFirewall, LeavesAloneWhatIsOffAltogether) {
+TEST_F(NativeFirewall, ChangesNothingWhenAllIsOff) {
     PutProfiles(0);
     EXPECT_EQ(TurnOff(), kNewOff + Read(0, 0, 0));
     EXPECT_EQ(Puts(), Lines());
     EXPECT_FALSE(simulation().GetRegistry().HasKey(HKEY_LOCAL_MACHINE, kAgentKey));
     simulation().GetRegistry().PutKey(HKEY_LOCAL_MACHINE, kAgentKey);
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
-    EXPECT_EQ(Calls("RegDeleteValueW").size(), 1U) << "of the value that is not there";
+    EXPECT_EQ(Calls("RegDeleteValueW").size(), 1U) << "of the absent value";
     ExpectNothingTouched();
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(NativeFirewall, RestoresThePrivateProfileAloneWhereOnlyThatWasOn) {
+TEST_F(NativeFirewall, RestoresOnlyThePrivateProfileIfOnlyThatWasOn) {
     PutProfiles(2);
     (void)TurnOff();
     EXPECT_EQ(Puts(), Lines{"2, 0"});
@@ -109,7 +109,7 @@ TEST_F(NativeFirewall, RestoresThePrivateProfileAloneWhereOnlyThatWasOn) {
     EXPECT_EQ(Profiles(), 2);
 }
 
-TEST_F(NativeFirewall, TakesAnythingButZeroForOn) {
+TEST_F(NativeFirewall, TreatsAnyNonzeroSwitchAsOn) {
     simulation().GetFirewall().Use([](Simulator::FirewallState &state) {
         state.domainProfile = 1;
         state.privateProfile = 0;
@@ -123,7 +123,7 @@ TEST_F(NativeFirewall, TakesAnythingButZeroForOn) {
     EXPECT_EQ(simulation().GetFirewall().Read().publicProfile, VARIANT_TRUE);
 }
 
-TEST_F(NativeFirewall, LeavesTheFlagAloneWhenTurnedOffTwice) {
+TEST_F(NativeFirewall, KeepsTheFlagWhenTurnedOffTwice) {
     (void)TurnOff();
     EXPECT_EQ(TurnOff(), kNewOff + Read(0, 0, 0));
     EXPECT_EQ(Flag(), MaskFlag(7));
@@ -140,7 +140,7 @@ TEST_F(NativeFirewall, ForgetsTheFirstMaskWhenTheUserTurnsAProfileOnInBetween) {
     EXPECT_EQ(Flag(), std::nullopt);
 }
 
-TEST_F(NativeFirewall, TurnsOnAgainWhatTheUserHasTurnedOnAlready) {
+TEST_F(NativeFirewall, TurnsOnWhatTheUserHasAlreadyTurnedOn) {
     (void)TurnOff();
     PutProfiles(3);
     (void)TurnOn();
@@ -148,7 +148,7 @@ TEST_F(NativeFirewall, TurnsOnAgainWhatTheUserHasTurnedOnAlready) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(NativeFirewall, KeepsNoRecordOfWhatWentOffBeforeAFailure) {
+TEST_F(NativeFirewall, RemembersNothingThatWasTurnedOffBeforeAFailure) {
     (void)faults().FailNth("INetFwPolicy2::put_FirewallEnabled", 2, kDenied);
     EXPECT_EQ(TurnOff(), (kNewOff + Read(-1, -1, -1) +
                           Lines{"The windows firewall is enabled going to disable it",
@@ -235,7 +235,7 @@ TEST_F(NativeFirewall, ChangesNothingWithoutTheFirewallsObjects) {
     }
 }
 
-TEST_F(NativeFirewall, TakesASuccessWithoutAnObjectForAFailure) {
+TEST_F(NativeFirewall, TreatsASuccessWithoutAnObjectAsAFailure) {
     for (const char *method : {"INetFwMgr::get_LocalPolicy", "INetFwPolicy::get_CurrentProfile"}) {
         (void)faults().FailNth(method, 1, static_cast<DWORD>(S_FALSE));
         const Lines log = TurnOff();
@@ -246,7 +246,7 @@ TEST_F(NativeFirewall, TakesASuccessWithoutAnObjectForAFailure) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(NativeFirewall, GoesOnInAThreadOfAnotherModelAndStillClosesComOnce) {
+TEST_F(NativeFirewall, WorksInAThreadOfAnotherModelAndStillClosesComOnce) {
     simulation().GetCom().threadsHaveApartments = true;
     (void)faults().FailEvery("CoInitializeEx", static_cast<DWORD>(RPC_E_CHANGED_MODE));
     (void)TurnOff();
@@ -259,16 +259,16 @@ TEST_F(NativeFirewall, GoesOnInAThreadOfAnotherModelAndStillClosesComOnce) {
     EXPECT_EQ(Calls("CoUninitialize").size(), 1U);
 }
 
-TEST_F(NativeFirewall, SaysNothingWhenTheKeyOfTheFlagCannotBeMade) {
+TEST_F(NativeFirewall, LogsNothingWhenTheKeyOfTheFlagCannotBeCreated) {
     (void)faults().FailNth("RegCreateKeyW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(TurnOff().back(), "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) false");
     EXPECT_EQ(Profiles(), 0);
     EXPECT_EQ(Left(), LeftThings());
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
-    EXPECT_EQ(Profiles(), 0) << "there is no way back";
+    EXPECT_EQ(Profiles(), 0) << "they cannot be restored";
 }
 
-TEST_F(NativeFirewall, SaysWhenTheFlagCannotBeWritten) {
+TEST_F(NativeFirewall, LogsThatTheFlagCannotBeWritten) {
     (void)faults().FailNth("RegSetValueExW", 1, ERROR_DISK_FULL);
     const Lines log = TurnOff();
     ASSERT_GT(log.size(), 2U);
@@ -280,7 +280,7 @@ TEST_F(NativeFirewall, SaysWhenTheFlagCannotBeWritten) {
     EXPECT_EQ(Left(), LeftThings());
 }
 
-TEST_F(NativeFirewall, SaysWhenTheFlagCannotBeDeletedAndRestoresAgainTheNextTime) {
+TEST_F(NativeFirewall, LogsThatTheFlagCannotBeDeletedAndRestoresAgainTheNextTime) {
     (void)TurnOff();
     (void)faults().FailNth("RegDeleteValueW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(TurnOn().back(), "RegDeleteValue('WindowsFirewallDisabledByInstaller') failed: 0x00000005");
@@ -292,13 +292,13 @@ TEST_F(NativeFirewall, SaysWhenTheFlagCannotBeDeletedAndRestoresAgainTheNextTime
     EXPECT_EQ(Flag(), std::nullopt);
 }
 
-TEST_F(NativeFirewall, SaysNothingOfAFlagThatIsGoneWhenItIsDeleted) {
+TEST_F(NativeFirewall, LogsNothingWhenTheFlagIsGoneBeforeItIsDeleted) {
     (void)TurnOff();
     (void)faults().FailNth("RegDeleteValueW", 1, ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(TurnOn().back(), "put_FirewallEnabled(NET_FW_PROFILE2_PUBLIC) true");
 }
 
-TEST_F(NativeFirewall, HasNothingToRestoreWhereTheKeyIsMissing) {
+TEST_F(NativeFirewall, RestoresNothingWithoutTheKey) {
     EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
     ExpectNothingTouched();
     EXPECT_EQ(Calls("Reg"), Lines{"RegOpenKeyW"});
@@ -320,7 +320,7 @@ TEST_F(NativeFirewall, RemovesAFlagOfAnotherTypeAndTouchesNoSwitch) {
     }
 }
 
-TEST_F(NativeFirewall, RemovesALongerFlagAtOnce) {
+TEST_F(NativeFirewall, RemovesALongerFlag) {
     for (const StoredFlag &odd :
          {StoredFlag{REG_SZ, {'7', 0, '7', 0, 0, 0}}, StoredFlag{REG_QWORD, {7, 0, 0, 0, 0, 0, 0, 0}},
           StoredFlag{REG_DWORD, {7, 0, 0, 0, 0}}}) {
@@ -342,14 +342,14 @@ TEST_F(NativeFirewall, RemovesAFlagOfZero) {
     }
 }
 
-TEST_F(NativeFirewall, ReadsAShorterFlagWithZerosBehindIt) {
+TEST_F(NativeFirewall, PadsAShorterFlagWithZeros) {
     PutProfiles(0);
     PutFlag({REG_DWORD, {6}});
     (void)TurnOn();
     EXPECT_EQ(Profiles(), 6);
 }
 
-TEST_F(NativeFirewall, IgnoresBitsThatAreNoProfiles) {
+TEST_F(NativeFirewall, IgnoresBitsThatAreNotProfiles) {
     PutProfiles(0);
     PutFlag(MaskFlag(8));
     EXPECT_EQ(TurnOn(), kNewOn + Lines{"Turning Windows Firewall back on, previous Setting was 8"});
@@ -361,7 +361,7 @@ TEST_F(NativeFirewall, IgnoresBitsThatAreNoProfiles) {
     EXPECT_EQ(Profiles(), 2);
 }
 
-TEST_F(NativeFirewall, AsksNoServiceOnANewSystem) {
+TEST_F(NativeFirewall, UsesNoServiceOnANewSystem) {
     PutService({.status = {SERVICE_STOPPED}});
     (void)TurnOff();
     EXPECT_EQ(Calls("OpenSCManagerW"), Lines());
@@ -371,14 +371,14 @@ TEST_F(NativeFirewall, AsksNoServiceOnANewSystem) {
     EXPECT_EQ(Profiles(), 7);
 }
 
-TEST_F(NativeFirewall, JudgesTheSystemByItsMajorVersionAlone) {
+TEST_F(NativeFirewall, JudgesTheSystemOnlyByItsMajorVersion) {
     simulation().GetMachine().osMajor = 6;
     simulation().GetMachine().osMinor = 0;
     EXPECT_EQ(TurnOff().at(1), kNoStart);
     EXPECT_EQ(Flag(), MaskFlag(7));
 }
 
-TEST_F(NativeFirewall, AsksForTheVersionOncePerProcess) {
+TEST_F(NativeFirewall, QueriesTheVersionOncePerProcess) {
     (void)TurnOff();
     EXPECT_EQ(Calls("GetVersionExW").size(), 1U);
     (void)TurnOn();
@@ -388,7 +388,7 @@ TEST_F(NativeFirewall, AsksForTheVersionOncePerProcess) {
     EXPECT_EQ(Calls("GetVersionExW").size(), 1U);
 }
 
-TEST_F(NativeFirewall, CountsASystemWhoseVersionCannotBeReadAsAnOldOneForGood) {
+TEST_F(NativeFirewall, TreatsASystemWhoseVersionCannotBeReadAsOldFromThenOn) {
     (void)faults().FailNth("GetVersionExW", 1, ERROR_INVALID_PARAMETER);
     EXPECT_EQ(TurnOff().at(1), "Windows version is 0, which is less than Vista, attempting to start service");
     EXPECT_EQ(Profiles(), 7);

@@ -8,12 +8,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Abi
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Abi
 
 # header NAME: takes its text from the input.
 header() {
@@ -35,19 +31,19 @@ class wxLog {
 public: virtual ~wxLog();
 protected: virtual void DoLogRecord(wxLogLevel, const wxString &, const wxLogRecordInfo &);
 };'
-# Its virtual operations, in the order of the real one.
+# Its virtual functions, in the order of the real one.
 header wx/thread.h <<<'class wxThread {
 public: virtual bool TestDestroy(); virtual ~wxThread();
 protected: virtual void *Entry() = 0; virtual void OnDelete() {} virtual void OnKill() {} virtual void OnExit() {}
 };'
 
-# compile OPTIONS... : the source on the input, by Microsoft's rules. The output is left in $WORK/out.
+# compile OPTIONS... : compiles the source on standard input by Microsoft's rules. Leaves the output in $WORK/out.
 compile() {
     clang++-19 --target=x86_64-pc-windows-msvc -std=c++20 -nostdlibinc -nostdinc++ -I "$WORK/include" \
         -I "$REPOSITORY/interfaces" "$@" -x c++ - >"$WORK/out" 2>&1 || because "$(head -n 5 "$WORK/out")"
 }
 
-# slots_of CLASS SOURCE: "NUMBER NAME" of each of its virtual operations, the first one 0.
+# slots_of CLASS SOURCE: "NUMBER NAME" of each of its virtual functions, from 0.
 slots_of() {
     compile -Xclang -fdump-vtable-layouts -emit-llvm -c -o /dev/null <<<"$2" || return
     awk -v class="$1" '
@@ -57,13 +53,13 @@ slots_of() {
         sed -E 's/^([0-9]+) .*::~.*/\1 destructor/; s/^([0-9]+) .*::(\w+)(\(.*)$/\1 \2\3/; /TestDestroy/!s/\(.*//'
 }
 
-# slots_told: the same, from the table of the page.
+# slots_told: the same, from the table on the page.
 slots_told() {
     sed -n '/^| Slot | Operation/,/^$/p' "$REPOSITORY/docs/abi.md" | tr -d '`' |
         awk -F ' *\\| *' 'NR > 2 { print $2, $3; if ($5 != "") print $5, $6 }' | sed -n 's/wxThread:://; /^[0-9]/p' | sort -n
 }
 
-TheSlotsOfAThreadAreThoseOfThePage() {
+TheSlotsOfAThreadMatchThePage() {
     local slots
     slots=$(slots_of Own '#include <vta_core.h>
 class Own : public VtaCore::CRunnable {
@@ -75,7 +71,7 @@ void Make() { Own own; }') || return
     [ "${slots/unsigned int/unsigned}" = "$(slots_told)" ] || because "$(diff <(echo "$slots") <(slots_told))"
 }
 
-TheRecordOfATypeHasItsFiveOperationsInTheirOrder() {
+TheRecordOfATypeHasItsFiveFunctionsInOrder() {
     local slots
     slots=$(slots_of Own '#include <SLB3.h>
 class Own : public SLB3::BaseInfo {
@@ -103,7 +99,7 @@ static_assert(__is_empty(VtaCore::CDom) && __is_empty(VtaCore::CZipOutputStream)
 static_assert(!__is_constructible(VtaCore::CDom) && !__is_constructible(VtaCore::CZipOutputStream));'
 }
 
-for name in TheSlotsOfAThreadAreThoseOfThePage TheRecordOfATypeHasItsFiveOperationsInTheirOrder TheRecordsHaveTheirLayout \
+for name in TheSlotsOfAThreadMatchThePage TheRecordOfATypeHasItsFiveFunctionsInOrder TheRecordsHaveTheirLayout \
     TheObjectsOfTheAgentHaveNoMembers; do
     test_case "$name"
 done

@@ -8,12 +8,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Benchmarks
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Benchmarks
 
 # bench ARGUMENTS...: leaves the output in `out` and the status in STATUS.
 bench() {
@@ -34,7 +30,7 @@ AllGroupsAreMeasuredInOneRun() {
 }
 
 # After AllGroupsAreMeasuredInOneRun.
-AShortRunJudgesNoGoal() {
+AShortRunChecksNoGoals() {
     grep -qx 'A short run: the figures mean nothing\.[[:space:]]*' "$WORK/out" || because 'it does not say that it is short' || return
     ! grep -qiw 'met' "$WORK/out" || because "$(grep -iw -m 1 'met' "$WORK/out")"
 }
@@ -62,7 +58,7 @@ RowsAreWrittenToAFileOfAnyName() {
     grep -q 'the seven driver-flag functions' "$WORK/größe 日本.json" || because "there is no row in: $(ls "$WORK")"
 }
 
-# is_there FILE: within a minute.
+# is_there FILE: waits for it, at most a minute.
 is_there() {
     local i
     for ((i = 0; i < 600; i++)); do
@@ -72,7 +68,7 @@ is_there() {
     because "there is no $1"
 }
 
-FinishedGroupsAreKeptWhenALaterOneEndsBadly() {
+FinishedGroupsAreKeptWhenALaterOneFails() {
     local rows="$WORK/rows.json" bench
     # shellcheck disable=SC2016 # expanded by the inner shell
     bash -c '. "$1/../../scripts/supervise.sh"; supervise "${@:2}"' bench "$HERE" "${WINE[@]}" "$BIN/fc-bench.exe" \
@@ -86,9 +82,9 @@ FinishedGroupsAreKeptWhenALaterOneEndsBadly() {
     grep -q '^AddToConnMetrics, present key' "$WORK/out" || because "they are not printed: $(<"$WORK/out")"
 }
 
-for name in AllGroupsAreMeasuredInOneRun AShortRunJudgesNoGoal AnUnknownGroupIsRefused AnOptionWithoutItsFileIsRefused \
+for name in AllGroupsAreMeasuredInOneRun AShortRunChecksNoGoals AnUnknownGroupIsRefused AnOptionWithoutItsFileIsRefused \
     AFileThatCannotBeWrittenIsRefusedBeforeMeasuring RowsAreWrittenToAFileOfAnyName \
-    FinishedGroupsAreKeptWhenALaterOneEndsBadly; do
+    FinishedGroupsAreKeptWhenALaterOneFails; do
     test_case "$name"
 done
 write_results bench-smoke "$XML"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at the host's report in a real browser: runs examples, opens their pages in Chromium, reads what check.js finds.
+# Checks the host's report in a real browser: runs examples, opens their pages in Chromium, reads the findings of check.js.
 #   browser-tests.sh BIN EXAMPLES XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -9,14 +9,10 @@ BIN=$1 EXAMPLES=$2 XML=$3
 WINE=("${@:4}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
 BROWSER=$(command -v chromium || true)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Report
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Report
 
-# browse PAGE OPTIONS...: the browser without a window, and with a profile of its own.
+# browse PAGE OPTIONS...: runs the browser without a window, with its own profile.
 browse() {
     local page=$1 profile
     shift
@@ -26,8 +22,8 @@ browse() {
         --virtual-time-budget=2000 "$@" "file://$page" 2>"$WORK/browser.log"
 }
 
-# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output is in NAME.out. Time runs $FAST times
-# as fast as it does, or a hundred times.
+# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output goes to NAME.out. Time runs $FAST
+# times as fast, by default a hundred times.
 report() {
     local name=$1
     shift
@@ -50,29 +46,29 @@ inspect() {
     [ -s "$WORK/$name.found" ] || because "check.js has not run in $name.html"
 }
 
-# has_no_faults NAME: after inspect.
+# has_no_faults NAME: call it after inspect.
 has_no_faults() {
     local faults
     faults=$(grep '^fault: ' "$WORK/$1.found" || true)
     [ -z "$faults" ] || because "$faults"
 }
 
-# finds NAME LINE: what inspect has left holds the line.
+# finds NAME LINE: expects the line in what inspect has left.
 finds() {
     grep -qxF -- "$2" "$WORK/$1.found" || because "expected '$2', found: $(tr '\n' ';' <"$WORK/$1.found")"
 }
 
-# shows NAME TEXT: the page as it was drawn holds the text outside of its data.
+# shows NAME TEXT: expects the text in the page as it was drawn, outside its data.
 shows() {
     sed '/<script type="application\/json"/,/<\/script>/d' "$WORK/$1.dom" | grep -F -- "$2" >/dev/null ||
-        because "the page does not show '$2'" # grep -q would leave sed with a broken pipe
+        because "the page does not show '$2'" # grep -q would break sed's pipe
 }
 
 TheBrowserIsInstalled() {
     [ -n "$BROWSER" ] || because "there is no chromium: ./dev test installs it and runs this test"
 }
 
-TheExampleMakesItsPage() {
+TheExampleWritesItsPage() {
     report health "$EXAMPLES/health.lua" --out "$WORK/out" || return
     [ -s "$WORK/health.html" ] || because "the example has made no page, which the other tests look at"
 }
@@ -82,7 +78,7 @@ TheExampleIsDrawnWithoutErrors() {
         has_no_faults health
 }
 
-# What the script has printed against what the page tells: the agent's view and the module's log.
+# The script's output compared with the page: the agent's view and the module's log.
 TheTransitionsOfTheExampleAreListed() {
     local count
     count=$(grep -cE 'FAIL-OPEN|RECOVERED|check failed' "$WORK/health.out")
@@ -100,7 +96,7 @@ TheDarkPageIsDrawnToo() {
         finds health 'dark: true' && has_no_faults health
 }
 
-# A page of one colour would be packed into a few kilobytes.
+# A page of one colour would be compressed to a few kilobytes.
 TheScreenshotIsNotBlank() {
     local size
     browse "$WORK/health.html" --window-size=1300,2300 --screenshot="$WORK/health.png" >/dev/null ||
@@ -136,7 +132,7 @@ TheStepsOfTheStoryAreDrawn() {
         shows story 'Removal 1'
 }
 
-# After TheStepsOfTheStoryAreDrawn, as is the next.
+# Call it after TheStepsOfTheStoryAreDrawn, like the next one.
 TheStepsAreDrawnInANarrowWindow() {
     inspect story 500 && finds story 'errors: 0' && finds story 'steps killed: 1' && has_no_faults story
 }
@@ -158,7 +154,7 @@ LUA
         shows removal 'Driver report' && shows removal 'ended with failures after'
 }
 
-for name in TheBrowserIsInstalled TheExampleMakesItsPage; do # the others need both
+for name in TheBrowserIsInstalled TheExampleWritesItsPage; do # the others need both files
     [ "$FAILED" -gt 0 ] || test_case "$name"
 done
 if [ "$FAILED" -eq 0 ]; then

@@ -1,4 +1,4 @@
-// Looks at a report in the browser and leaves what it finds in the element "check", one line for each thing.
+// Checks a report in the browser and puts its findings in the element "check", one per line.
 'use strict';
 window.addEventListener('load', () => {
   const found = [];
@@ -62,7 +62,7 @@ window.addEventListener('load', () => {
     if (document.getElementById('tip').hidden) fault('the pointer shows nothing');
     tell('rows at the pointer', document.querySelectorAll('#tip tr').length);
   }
-  // Dark is what the browser asks for and the page follows.
+  // The browser asks for dark mode, and the page follows.
   const asked = matchMedia('(prefers-color-scheme: dark)').matches;
   const [red, green, blue] = getComputedStyle(document.body).backgroundColor.match(/\d+/g).map(Number);
   const drawn = red + green + blue < 3 * 128;

@@ -1,4 +1,4 @@
-// The documents' links to files beside them, and to places in them.
+// The links of the documents to files, and to headings in them.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -22,7 +22,7 @@ std::vector<std::filesystem::path> Documents() {
     return documents;
 }
 
-/// What links lead to, without the place in a document; those to other hosts and within a page are none.
+/// The targets of links, without the heading; those to other hosts and within a page are left out.
 std::vector<std::string> RelativeLinks(const std::string &text) {
     const std::regex link(R"(\]\(([^)#:\s]+)(#[^)\s]*)?\))");
     std::vector<std::string> links;
@@ -44,7 +44,7 @@ std::vector<PlaceLink> LinksToPlaces(const std::string &text) {
     return links;
 }
 
-/// How a page names the place of a heading: in small letters, with hyphens for blanks, without other signs.
+/// How a page names the anchor of a heading: in lower case, with hyphens for spaces, without other punctuation.
 std::string PlaceOf(const std::string &heading) {
     std::string place;
     for (const char sign : heading) {
@@ -70,7 +70,7 @@ std::set<std::string> Places(const std::string &text) {
     return places;
 }
 
-TEST(DocumentLinks, LeadToFilesThatExist) {
+TEST(DocumentLinks, PointToFilesThatExist) {
     std::size_t count = 0;
     for (const std::filesystem::path &document : Documents()) {
         for (const std::string &link : RelativeLinks(TextOfFile(document.wstring()))) {
@@ -82,7 +82,7 @@ TEST(DocumentLinks, LeadToFilesThatExist) {
     EXPECT_GE(count, 10U);
 }
 
-TEST(DocumentLinks, LeadToPlacesThatExist) {
+TEST(DocumentLinks, PointToHeadingsThatExist) {
     std::size_t count = 0;
     for (const std::filesystem::path &document : Documents()) {
         const std::string text = TextOfFile(document.wstring());
@@ -97,8 +97,8 @@ TEST(DocumentLinks, LeadToPlacesThatExist) {
     EXPECT_GE(count, 30U);
 }
 
-/// All documents that links lead to from one of them, step by step. Those of packaging/README.md start elsewhere, in
-/// the package, and lead nowhere here.
+/// All documents that can be reached by links from one of them. Those of packaging/README.md start elsewhere, in the
+/// package, and are not followed here.
 std::set<std::filesystem::path> ReachableFrom(const std::filesystem::path &start) {
     std::set<std::filesystem::path> reached;
     std::vector<std::filesystem::path> ahead{std::filesystem::canonical(start)};
@@ -116,14 +116,14 @@ std::set<std::filesystem::path> ReachableFrom(const std::filesystem::path &start
     return reached;
 }
 
-TEST(DocumentLinks, LeadFromTheIndexToEveryDocument) {
+TEST(DocumentLinks, ReachEveryDocumentFromTheIndex) {
     const std::set<std::filesystem::path> reached = ReachableFrom(TestData("docs/README.md"));
     for (const std::filesystem::path &document : Documents())
         EXPECT_TRUE(reached.contains(std::filesystem::canonical(document)))
             << document.string() << " cannot be reached from docs/README.md";
 }
 
-TEST(DocumentLinks, LeadFromTheFirstPageToTheIndex) {
+TEST(DocumentLinks, ReachTheIndexFromTheFirstPage) {
     EXPECT_TRUE(ReachableFrom(TestData("README.md")).contains(std::filesystem::canonical(TestData("docs/README.md"))));
 }
 

@@ -1,4 +1,4 @@
-// fc-host.exe: options, what it needs beside itself, and its exit status.
+// fc-host.exe: options, the libraries it needs, and its exit status.
 #include <regex>
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ bool Contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-/// A copy of the program and its libraries, without one of them.
+/// A copy of the program and its libraries, with one missing.
 void CopyBinariesWithout(const std::wstring &missing, const std::filesystem::path &target) {
     for (const auto &entry : std::filesystem::directory_iterator(BinaryFolder())) {
         const std::wstring name = entry.path().filename().wstring();
@@ -42,7 +42,7 @@ TEST(HostCommandLine, VersionNamesLuaAndWxWidgets) {
     EXPECT_TRUE(Contains(run.out, "wxWidgets 3.")) << run.out;
 }
 
-/// As the version resource of fc.dll beside this program has it.
+/// As in the version resource of fc.dll beside this program.
 std::string VersionOfModule() {
     const std::wstring path = (BinaryFolder() / L"fc.dll").wstring();
     std::vector<char> data(GetFileVersionInfoSizeW(path.c_str(), nullptr));
@@ -53,21 +53,21 @@ std::string VersionOfModule() {
     return text == nullptr ? "" : wxString(static_cast<const wchar_t *>(text)).utf8_string();
 }
 
-TEST(HostCommandLine, VersionHasTheCommitAndIsThatOfTheModule) {
+TEST(HostCommandLine, VersionIncludesTheCommitAndMatchesTheModule) {
     const std::string version = VersionOfModule();
     EXPECT_TRUE(std::regex_match(version, std::regex(R"(\d+\.\d+\.\d+\+(unknown|g[0-9a-f]{10}(-dirty)?))"))) << version;
     const HostRun run = RunHost({L"--version"});
     EXPECT_TRUE(run.out.starts_with("fc-host " + version + ", ")) << run.out;
 }
 
-TEST(HostCommandLine, RefusesWhatItDoesNotKnowWithAHint) {
+TEST(HostCommandLine, RejectsUnknownOptionsWithAHint) {
     const HostRun run = RunHost({L"--bogus", L"x.lua"});
     EXPECT_EQ(run.exitCode, kCannotRun);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, "fc-host: unknown option '--bogus'; fc-host --help lists the options\n");
 }
 
-TEST(HostCommandLine, RefusesValuesThatCannotBe) {
+TEST(HostCommandLine, RejectsInvalidValues) {
     const std::vector<std::vector<std::wstring>> lines{{L"--fast", L"0", L"x.lua"},
                                                        {L"--fast=2.5", L"x.lua"},
                                                        {L"--fast", L"x.lua"},
@@ -81,7 +81,7 @@ TEST(HostCommandLine, RefusesValuesThatCannotBe) {
     }
 }
 
-TEST(HostCommandLine, WantsEitherAScriptOrAPrompt) {
+TEST(HostCommandLine, RequiresEitherAScriptOrAPrompt) {
     const HostRun none = RunHost({});
     EXPECT_EQ(none.exitCode, kCannotRun);
     EXPECT_TRUE(Contains(none.err, "no script is given")) << none.err;
@@ -90,7 +90,7 @@ TEST(HostCommandLine, WantsEitherAScriptOrAPrompt) {
     EXPECT_TRUE(Contains(both.err, "leave out either -i or 'x.lua'")) << both.err;
 }
 
-TEST(HostCommandLine, NamesAScriptThatIsNotThere) {
+TEST(HostCommandLine, NamesAMissingScript) {
     const HostRun run = RunHost({L"nowhere.lua"});
     EXPECT_EQ(run.exitCode, kCannotRun);
     EXPECT_EQ(run.err, "fc-host: cannot open nowhere.lua: No such file or directory\n");
@@ -104,7 +104,7 @@ TEST(HostCommandLine, NamesAnEventsFileThatCannotBeWrittenBeforeTheScriptRuns) {
     EXPECT_TRUE(Contains(run.err, "cannot write " + folder.Path().string())) << run.err;
 }
 
-TEST(HostCommandLine, RefusesOneFileForTwoOfItsOptions) {
+TEST(HostCommandLine, RejectsTheSameFileForTwoOptions) {
     const TemporaryFolder folder;
     const std::wstring same = folder.At(L"SAME.html");
     const HostRun run = RunScript("print 'ran'", {L"--events", folder.At(L"same.html"), L"--report", same});
@@ -114,7 +114,7 @@ TEST(HostCommandLine, RefusesOneFileForTwoOfItsOptions) {
                            "'; give each a file of its own\n");
 }
 
-TEST(HostCommandLine, RefusesAFolderForEachOfItsFiles) {
+TEST(HostCommandLine, RejectsAFolderInPlaceOfAFile) {
     for (const wchar_t *option : {L"--events", L"--report", L"--settings"}) {
         const TemporaryFolder folder;
         const HostRun run = RunScript("print 'ran'", {option, folder.Path().wstring()});
@@ -125,7 +125,7 @@ TEST(HostCommandLine, RefusesAFolderForEachOfItsFiles) {
     }
 }
 
-TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
+TEST(HostCommandLine, NamesAMissingLibraryAndWhereItWasSearched) {
     for (const wchar_t *missing : {L"fc.dll", L"vti.dll"}) {
         const TemporaryFolder folder;
         CopyBinariesWithout(missing, folder.Path());
@@ -139,11 +139,11 @@ TEST(HostCommandLine, NamesALibraryThatIsMissingAndWhereItWasLookedFor) {
     }
 }
 
-TEST(HostCommandLine, NamesAPartOfTheReportThatTheProgramLacks) {
+TEST(HostCommandLine, NamesAMissingPartOfTheReport) {
     const TemporaryFolder folder;
     CopyBinariesWithout(L"", folder.Path());
     std::string image = TextOfFile(folder.At(L"fc-host.exe"));
-    const std::string style("S\0T\0Y\0L\0E", 9);  // the resource's name ends so; it comes behind the code's texts
+    const std::string style("S\0T\0Y\0L\0E", 9);  // the end of the resource's name, which comes after the code's texts
     const std::size_t at = image.rfind(style);
     ASSERT_NE(at, std::string::npos);
     image[at + style.size() - 1] = 'F';
@@ -156,7 +156,7 @@ TEST(HostCommandLine, NamesAPartOfTheReportThatTheProgramLacks) {
     EXPECT_FALSE(std::filesystem::exists(folder.At(L"report.html")));
 }
 
-TEST(HostCommandLine, TakesOptionsUntilTheScriptsName) {
+TEST(HostCommandLine, AcceptsOptionsBeforeTheScriptsName) {
     const HostRun run = RunScript("return #arg == 0 and host.get_setting('x') == '' and 3 or 4", {L"--quiet", L"--"});
     EXPECT_EQ(run.exitCode, 3U) << run.err;
 }

@@ -26,7 +26,7 @@ constexpr const char *kHeader =
     "#fields\tts\tid.resp_p\tproto\tservice\tconn_state\tlocal_orig\tlocal_resp\n";
 constexpr const char *kRow = "1.0\t443\ttcp\tssl\tSF\tT\tF\n";
 
-/// Runs the example on a log of its own.
+/// Runs the example on the test's own log.
 class Connections : public ::testing::Test {
 protected:
     HostRun Run(const std::string &log) {
@@ -106,7 +106,7 @@ TEST_F(Connections, CountsEveryRowOfTheSample) {
     EXPECT_EQ(Number(json, "not_counted"), 0);
     EXPECT_EQ(SumOfCounts(kinds), rows);
 
-    // Each kind against the rows of the log: port, protocol, service, state, locality.
+    // Each kind, compared with the rows of the log: port, protocol, service, state, locality.
     const cJSON *kind = nullptr;
     cJSON_ArrayForEach(kind, kinds) {
         const std::string direction = TextField(kind, "direction");
@@ -127,7 +127,7 @@ TEST_F(Connections, CountsEveryRowOfTheSample) {
     EXPECT_TRUE(Contains(run.out, "cf_ssl_connection")) << run.out;
 }
 
-TEST_F(Connections, TheColumnsMayComeInAnyOrderAndLinesEndWithCrLf) {
+TEST_F(Connections, ColumnsMayHaveAnyOrderAndLinesMayEndWithCrLf) {
     const HostRun run =
         Run("#separator "
             "\\x09\r\n#unset_field\t-\r\n#path\tconn\r\n#fields\tservice\tproto\textra\tid.resp_p\tlocal_orig\r\n"
@@ -158,7 +158,7 @@ TEST_F(Connections, ReadsAnotherSeparatorAndAnotherMarkForUnset) {
     EXPECT_EQ(TextField(kind, "service"), "-");
 }
 
-TEST_F(Connections, SkipsAndReportsRowsThatAreMalformed) {
+TEST_F(Connections, SkipsAndReportsMalformedRows) {
     const HostRun run = Run(std::string(kHeader) + kRow + "1.0\t443\ttcp\n" + kRow + "1.0\t-\ttcp\tssl\tSF\tT\tF\n" +
                             "1.0\t70000\ttcp\tssl\tSF\tT\tF\n" + "1.0\t443\t(empty)\tssl\tSF\tT\tF\n" + "#close\t-\n");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
@@ -173,7 +173,7 @@ TEST_F(Connections, SkipsAndReportsRowsThatAreMalformed) {
     EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(json.get(), "skipped_rows")), 4);
 }
 
-TEST_F(Connections, NamesFileLineAndRemedyOfALogThatCannotBeRead) {
+TEST_F(Connections, ReportsFileLineAndRemedyForALogThatCannotBeRead) {
     ExpectFails(kRow, "conn.log:1: a row comes before the #fields line; give a conn.log in Zeek's TSV format");
     ExpectFails("", "conn.log: there is no #fields line; give a conn.log in Zeek's TSV format");
     ExpectFails("\x1F\x8B\x08 packed", "conn.log:1: the log is compressed with gzip; unpack it first, with gunzip");
@@ -183,7 +183,7 @@ TEST_F(Connections, NamesFileLineAndRemedyOfALogThatCannotBeRead) {
     ExpectFails(std::string(kHeader) + "1.0\n", "conn.log has no usable row");
 }
 
-TEST_F(Connections, SaysWhatToDoWithALogThatIsPackedOrInAnotherEncoding) {
+TEST_F(Connections, SaysWhatToDoWithALogThatIsCompressedOrInAnotherEncoding) {
     ExpectFails(std::string("\xFD"
                             "7zXZ\0\0packed",
                             12),
@@ -203,7 +203,7 @@ TEST_F(Connections, SkipsAByteOrderMark) {
     EXPECT_EQ(Number(Result(), "connections"), 1);
 }
 
-TEST_F(Connections, TellsOfAThousandMalformedRowsAndCountsTheOthers) {
+TEST_F(Connections, ReportsAThousandMalformedRowsAndCountsTheOthers) {
     std::string log = std::string(kHeader) + kRow;
     for (int row = 0; row < 1200; ++row)
         log += "1.0\n";
@@ -216,7 +216,7 @@ TEST_F(Connections, TellsOfAThousandMalformedRowsAndCountsTheOthers) {
     EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(json.get(), "skipped_rows")), 1000);
 }
 
-TEST_F(Connections, LeavesWhatWasCountedWhenItIsInterrupted) {
+TEST_F(Connections, WritesWhatWasCountedWhenItIsInterrupted) {
     const std::wstring log = folder.Write(L"conn.log",
                                           "#separator \\x09\n#path\tconn\n#fields\tproto\tid.resp_p\n"
                                           "tcp\t1\ntcp\t2\ntcp\t3\n");
@@ -233,13 +233,13 @@ TEST_F(Connections, LeavesWhatWasCountedWhenItIsInterrupted) {
     EXPECT_TRUE(Contains(result, "\"interrupted\":\ttrue")) << result;
 }
 
-TEST_F(Connections, NamesALogThatIsNotThere) {
+TEST_F(Connections, NamesAMissingLog) {
     const HostRun run = RunHost({L"--fast", L"1", kExample, folder.At(L"none.log")});
     EXPECT_EQ(run.exitCode, 1U);
     EXPECT_TRUE(Contains(run.err, "none.log: No such file or directory; give the name of a conn.log")) << run.err;
 }
 
-TEST_F(Connections, SaysSoWhenTheLogHasMoreKindsThanTheModuleKeeps) {
+TEST_F(Connections, WarnsWhenTheLogHasMoreKindsThanTheModuleKeeps) {
     std::string log = "#separator \\x09\n#path\tconn\n#fields\tproto\tid.resp_p\n";
     for (int port = 1; port <= 10'050; ++port)
         log += "tcp\t" + std::to_string(port) + "\n";

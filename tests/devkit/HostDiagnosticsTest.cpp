@@ -1,4 +1,4 @@
-// The example that builds a diagnostic package, and what it needs of the host.
+// The example that builds a diagnostic package, and the functions of the host that it uses.
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
@@ -43,14 +43,14 @@ TEST_F(HostDiagnostics, TheExampleShowsEachFileOfItsPackage) {
     EXPECT_TRUE(HasText(run.out, "Variable 62 is 0 after the profile was read.")) << run.out;
 }
 
-TEST_F(HostDiagnostics, TheExampleNamesAnArgumentThatItDoesNotKnow) {
+TEST_F(HostDiagnostics, TheExampleNamesAnUnknownArgument) {
     const HostRun run = RunHost({kDiagnosticsExample, L"--help"});
     EXPECT_EQ(run.exitCode, 1U);
     EXPECT_TRUE(HasText(run.err, "diagnostics: unknown argument '--help'; usage: diagnostics.lua [--out DIR]"))
         << run.err;
 }
 
-TEST_F(HostDiagnostics, ConnectionsThatAreNoEntriesAreErrors) {
+TEST_F(HostDiagnostics, InvalidConnectionsAreErrors) {
     ExpectFails("host.driver.set_connections({}, nil)", "bad argument #2");
     ExpectFails("host.driver.set_connections({ 1 }, {})", "a connection is a string of at most 64 bytes");
     ExpectFails("host.driver.set_connections({}, { ('x'):rep(65) })", "a connection is a string of at most 64 bytes");
@@ -58,7 +58,7 @@ TEST_F(HostDiagnostics, ConnectionsThatAreNoEntriesAreErrors) {
                 "at most 65535 connections");
 }
 
-TEST_F(HostDiagnostics, AZipThatIsNoneCanNotBeRead) {
+TEST_F(HostDiagnostics, AFileThatIsNotAZipCannotBeRead) {
     ExpectFails("host.read_zip('none.zip')", "cannot read none.zip");
     (void)folder.Write(L"text.zip", "no zip");
     const std::string path = (folder.Path() / "text.zip").generic_string();

@@ -1,4 +1,4 @@
-// docs/host.md against the table `host` as it really is.
+// docs/host.md compared with the actual table `host`.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -26,7 +26,7 @@ Names Documented() {
     return names;
 }
 
-/// Those of tables in it too; pairs goes through their fields as well.
+/// The names, including those in its tables; pairs visits their fields as well.
 Names Real() {
     const HostRun run = RunScript(R"(
         local function list(prefix, t)
@@ -48,7 +48,7 @@ Names Real() {
     return names;
 }
 
-/// Programs that are started meanwhile work in the folder, and have their temporary files there.
+/// Programs started while it exists run in the folder, and have their temporary files there.
 class Workplace {
 public:
     explicit Workplace(const std::filesystem::path &folder) : m_folder(std::filesystem::current_path()) {
@@ -61,7 +61,7 @@ public:
     ~Workplace() {
         for (std::size_t i = 0; i < std::size(kNames); ++i)
             SetEnvironmentVariableW(kNames[i], m_values[i] ? m_values[i]->c_str() : nullptr);
-        std::error_code ignored;  // the tests find their files by whole paths
+        std::error_code ignored;  // the tests locate their files by absolute paths
         std::filesystem::current_path(m_folder, ignored);
     }
     Workplace(const Workplace &) = delete;
@@ -85,7 +85,7 @@ private:
 
 }  // namespace
 
-TEST(HostDocument, DescribesWhatIsInTheTableAndNothingElse) {
+TEST(HostDocument, DescribesExactlyWhatIsInTheTable) {
     const Names documented = Documented();
     const Names real = Real();
     ASSERT_GT(real.size(), 30U);
@@ -95,7 +95,7 @@ TEST(HostDocument, DescribesWhatIsInTheTableAndNothingElse) {
         EXPECT_EQ(real.count(name), 1U) << "docs/host.md describes what is not there: " << name;
 }
 
-// Each example is run as it stands, on the clock for which it is written.
+// Each example is run unchanged, on the clock for which it is written.
 TEST(HostDocument, HasExamplesThatRun) {
     const std::string text = TextOfFile(TestData("docs/host.md").wstring());
     const std::string open = "```lua\n";

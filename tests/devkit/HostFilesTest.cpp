@@ -1,4 +1,4 @@
-// The files that the host writes: whole, or not at all.
+// The files that the host writes: completely, or not at all.
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Of Linux: a device on which nothing has room.
+/// A Linux device that is always full.
 constexpr wchar_t kFullDevice[] = L"Z:\\dev\\full";
 
 bool Contains(const std::string &text, const std::string &part) {
@@ -32,7 +32,7 @@ protected:
 
 }  // namespace
 
-TEST_F(HostFiles, AFileComesIntoItsPlaceWhenItIsWhole) {
+TEST_F(HostFiles, AFileReplacesTheOldOneWhenItIsComplete) {
     (void)folder.Write(L"file", "older");
     std::optional<NewFile> file = NewFile::Create(path, error);
     ASSERT_TRUE(file) << error;
@@ -43,7 +43,7 @@ TEST_F(HostFiles, AFileComesIntoItsPlaceWhenItIsWhole) {
     EXPECT_EQ(FileCount(), 1);
 }
 
-TEST_F(HostFiles, NothingIsLeftOfAFileThatIsGivenUp) {
+TEST_F(HostFiles, NothingIsLeftOfAnAbandonedFile) {
     {
         std::optional<NewFile> file = NewFile::Create(path, error);
         ASSERT_TRUE(file && file->Write("half")) << error;
@@ -52,13 +52,13 @@ TEST_F(HostFiles, NothingIsLeftOfAFileThatIsGivenUp) {
     EXPECT_EQ(FileCount(), 0);
 }
 
-TEST_F(HostFiles, MissingFoldersAreMade) {
+TEST_F(HostFiles, MissingFoldersAreCreated) {
     const std::wstring below = folder.At(L"one\\two\\file");
     ASSERT_TRUE(WriteWholeFile(below, "text", error)) << error;
     EXPECT_EQ(TextOfFile(below), "text");
 }
 
-TEST_F(HostFiles, AFileThatIsReadOnlyIsRefused) {
+TEST_F(HostFiles, AReadOnlyFileIsRefused) {
     (void)folder.Write(L"file", "older");
     ASSERT_TRUE(SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_FALSE(CanWriteFile(path, error));
@@ -67,7 +67,7 @@ TEST_F(HostFiles, AFileThatIsReadOnlyIsRefused) {
     EXPECT_EQ(TextOfFile(path), "older");
 }
 
-TEST_F(HostFiles, AFileThatAnotherProgramHoldsStaysAndTheNewOneIsGone) {
+TEST_F(HostFiles, AFileInUseStaysAndTheNewOneIsDeleted) {
     (void)folder.Write(L"file", "older");
     const HANDLE held = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(held, INVALID_HANDLE_VALUE);
@@ -78,7 +78,7 @@ TEST_F(HostFiles, AFileThatAnotherProgramHoldsStaysAndTheNewOneIsGone) {
     EXPECT_EQ(FileCount(), 1);
 }
 
-TEST_F(HostFiles, AWriteThatFailsForAFullDiskSaysSoAndTheOlderFileStays) {
+TEST_F(HostFiles, AFullDiskIsReportedAndTheOlderFileStays) {
     (void)folder.Write(L"file", "older");
     const auto core = std::make_shared<Simulator::Core>();
     Simulator::FunctionSet functions(core);
@@ -92,11 +92,11 @@ TEST_F(HostFiles, AWriteThatFailsForAFullDiskSaysSoAndTheOlderFileStays) {
     EXPECT_EQ(FileCount(), 1);
 }
 
-TEST_F(HostFiles, WhatIsNoFileIsWrittenToAsItIs) {
+TEST_F(HostFiles, ADeviceIsWrittenToDirectly) {
     EXPECT_TRUE(WriteWholeFile(L"NUL", "text", error)) << error;
 }
 
-TEST_F(HostFiles, AFullDiskIsNamedForWhatItIsAndEndsTheHostWithTwo) {
+TEST_F(HostFiles, AFullDiskIsReportedAndEndsTheHostWithTwo) {
     if (!HasFullDevice())
         GTEST_SKIP() << "this system has no device that is always full";
     for (const wchar_t *option : {L"--events", L"--report"}) {

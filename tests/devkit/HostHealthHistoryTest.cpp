@@ -1,4 +1,4 @@
-// What the host's report is made of: the module's line, and which rows are drawn.
+// The data of the host's report: the module's log line, and which rows are drawn.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,7 +39,7 @@ std::vector<HealthRow> Rows(std::size_t count) {
 
 }  // namespace
 
-TEST(HealthLine, IsReadWhole) {
+TEST(HealthLine, IsReadCompletely) {
     const std::optional<HealthIteration> read = ParseHealthLine(kLine);
     ASSERT_TRUE(read);
     EXPECT_EQ(read->action, 1);
@@ -54,14 +54,14 @@ TEST(HealthLine, IsReadWhole) {
     EXPECT_EQ(read->metrics[5].limit, 45);
 }
 
-TEST(HealthLine, OtherLinesAreNone) {
+TEST(HealthLine, OtherLinesAreIgnored) {
     for (const std::string line : {"", "SysHealth: ", "SysHealth: rc=1 startSt=Act", "vti_open failed rc= 3"})
         EXPECT_FALSE(ParseHealthLine(line)) << line;
     const std::string whole(kLine);
     EXPECT_FALSE(ParseHealthLine(whole.substr(0, whole.size() - 1)));
 }
 
-TEST(HealthLine, ALimitThatIsNoNumberStaysNone) {
+TEST(HealthLine, ALimitThatIsNotANumberStaysNaN) {
     std::string line(kLine);
     line.replace(line.find("(12.000)"), 8, "(1.#INF)");
     const std::optional<HealthIteration> read = ParseHealthLine(line);
@@ -83,7 +83,7 @@ TEST(HealthLine, NumbersMayHaveADecimalComma) {
     EXPECT_EQ(read->metrics[2].value, 1.25);
 }
 
-TEST(HealthLine, IsReadWhateverTheLocaleOfTheReader) {
+TEST(HealthLine, IsReadInAnyLocale) {
     ASSERT_NE(std::setlocale(LC_ALL, "German_Germany"), nullptr);
     const std::optional<HealthIteration> read = ParseHealthLine(kLine);
     (void)std::setlocale(LC_ALL, "C");
@@ -92,7 +92,7 @@ TEST(HealthLine, IsReadWhateverTheLocaleOfTheReader) {
     EXPECT_EQ(read->metrics[2].value, 1.25);
 }
 
-TEST(HealthLine, TheTimeIsMadeWholeFromAClockNearby) {
+TEST(HealthLine, TheTimeIsCompletedFromACloseClock) {
     constexpr double secondsFrom1601To1970 = 11'644'473'600.0;
     for (const double since1601 : {4294967295.0, 4294967296.0, 13'417'000'000.0}) {
         HealthIteration iteration;
@@ -104,7 +104,7 @@ TEST(HealthLine, TheTimeIsMadeWholeFromAClockNearby) {
     }
 }
 
-TEST(HealthStep, IsToldFromTheIterationBefore) {
+TEST(HealthStep, IsDerivedFromTheIterationBefore) {
     HealthIteration opens = Quiet(60);
     opens.endsActive = true;
     HealthIteration recovers = Active(0, 0);
@@ -121,7 +121,7 @@ TEST(HealthStep, IsToldFromTheIterationBefore) {
     EXPECT_EQ(ClassifyHealthStep(&last, Active(0, 0)), HealthStep::CheckFailed) << "without a wait";
 }
 
-TEST(HealthHistory, KnowsWhereItResumes) {
+TEST(HealthHistory, RecordsWhereItResumes) {
     HealthHistory history;
     for (const double time : {0.0, 30.0, 60.0, 200.0, 230.0, 100.0})
         history.AddIteration(time, Quiet(1));
@@ -131,7 +131,7 @@ TEST(HealthHistory, KnowsWhereItResumes) {
     EXPECT_EQ(resumes, (std::vector<bool>{false, false, false, true, false, true}));
 }
 
-TEST(HealthHistory, AnErrorAgainAndAgainIsOneNote) {
+TEST(HealthHistory, ARepeatedErrorIsOneNote) {
     HealthHistory history;
     for (int i = 0; i < 5; ++i) {
         history.AddNote(HealthNote::Kind::Error, i, "first");
@@ -152,7 +152,7 @@ TEST(HealthHistory, KeepsAThousandNotesAndCountsTheRest) {
     EXPECT_EQ(history.NotesLeftOut(), 3U);
 }
 
-TEST(ThinOut, LeavesFewRowsAlone) {
+TEST(ThinOut, KeepsAFewRowsUnchanged) {
     EXPECT_EQ(ThinOut(Rows(1000), 1000).size(), 1000U);
     EXPECT_TRUE(ThinOut({}, 100).empty());
 }
@@ -174,7 +174,7 @@ TEST(ThinOut, KeepsTheEndsTransitionsAndExtremes) {
     EXPECT_TRUE(has(33'333));
 }
 
-TEST(ThinOut, KeepsTransitionsOfTheWholeRunWhereTheyAreTooMany) {
+TEST(ThinOut, KeepsTransitionsOfTheWholeRunIfThereAreTooMany) {
     std::vector<HealthRow> rows = Rows(50'000);
     for (std::size_t i = 20; i < rows.size(); i += 20)
         rows[i].step = i % 40 == 0 ? HealthStep::Recovered : HealthStep::FailOpen;
@@ -192,7 +192,7 @@ TEST(ThinOut, KeepsTransitionsOfTheWholeRunWhereTheyAreTooMany) {
     EXPECT_GE(*std::min_element(inTenth.begin(), inTenth.end()), 20);
 }
 
-TEST(ThinOut, KeepsATransitionAmongLimitsThatAlwaysChange) {
+TEST(ThinOut, KeepsATransitionAmongChangingLimits) {
     std::vector<HealthRow> rows = Rows(50'000);
     for (std::size_t i = 0; i < rows.size(); ++i)
         rows[i].iteration.metrics[5].limit = i % 2 == 0 ? 45 : 36;
@@ -204,7 +204,7 @@ TEST(ThinOut, KeepsATransitionAmongLimitsThatAlwaysChange) {
               1);
 }
 
-TEST(ThinOut, ALimitThatStaysNoNumberIsNoChange) {
+TEST(ThinOut, ALimitThatStaysNaNIsNoChange) {
     std::vector<HealthRow> rows = Rows(50'000);
     for (HealthRow &row : rows) {
         row.iteration.metrics[0].value = 1;
@@ -230,7 +230,7 @@ TEST(ReportPage, StaysBelowThreeMebibytes) {
     EXPECT_GT(page->size(), 1U << 20U);
 }
 
-TEST(ReportPage, HasTheLatestHundredInstallationsAndNoStepsEndWhereNoneWas) {
+TEST(ReportPage, HasTheLatestHundredInstallationsAndNoEndForUnfinishedSteps) {
     std::vector<DriverRun> runs(101);
     for (std::size_t i = 0; i < runs.size(); ++i)
         runs[i].begin = 1.7e9 + static_cast<double>(i);

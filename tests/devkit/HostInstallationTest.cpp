@@ -1,31 +1,14 @@
 // What fc-host.exe offers for an installation of the drivers: adapters, bindings, driver files, a network that breaks
-// and heals, and the firewall.
+// and recovers, and the firewall.
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
 
 namespace {
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - refused(message, f, ...) expects f to raise an error,
-/// - adapter(node) is an adapter's state, or nil, and bound(node) what is bound to it, as one text,
-/// - ready(version) makes a machine with two adapters, E and W, on which that version can be installed,
-/// - install() installs, and yields the agent's events by their numbers, and how often a reboot was asked for.
-HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
-    std::vector<std::wstring> all = options;
-    all.insert(all.end(), {L"--fast", L"4"});
-    HostRun run = RunScript(R"(
+const std::string kInstallPrelude = R"(
         local machine = host.machine
         local E, W = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-        local function write(path, text)
-            local file = assert(io.open(path, "wb"))
-            file:write(text)
-            file:close()
-        end
         local function adapter(node)
             for _, found in ipairs(machine.adapters()) do
                 if found.node == node then return found end
@@ -62,15 +45,21 @@ HostRun RunInstallScript(const std::string &script, const std::vector<std::wstri
             end
             return texts, reboots
         end
-    )" + script,
-                            all);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
+    )";
+
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers and these:
+/// - adapter(node) is an adapter's state, or nil, and bound(node) what is bound to it, as one text,
+/// - ready(version) makes a machine with two adapters, E and W, on which that version can be installed,
+/// - install() installs, and returns the agent's events by their numbers, and how often a reboot was requested.
+HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
+    std::vector<std::wstring> all = options;
+    all.insert(all.end(), {L"--fast", L"4"});
+    return RunPassingScript(kScriptHelpers + kInstallPrelude + script, all);
 }
 
 }  // namespace
 
-TEST(HostNetwork, HasTheAdaptersThatTheScriptHasPutAndWhatIsBoundToThem) {
+TEST(HostNetwork, HasTheAdaptersOfTheScriptAndTheirBindings) {
     (void)RunInstallScript(R"(
         assert(#machine.adapters() == 0)
         machine.put_component { id = "ms_tcpip", class = "protocol" }
@@ -106,7 +95,7 @@ TEST(HostNetwork, ChangesReplacesAndRemovesAdapters) {
     )");
 }
 
-TEST(HostNetwork, RefusesWhatItDoesNotKnow) {
+TEST(HostNetwork, RejectsUnknownFieldsAndAdapters) {
     (void)RunInstallScript(R"(
         refused("field 'node': string expected", machine.put_adapter, { name = "x" })
         refused("field 'name': string expected", machine.put_adapter, { node = E })
@@ -129,7 +118,7 @@ TEST(HostNetwork, RefusesWhatItDoesNotKnow) {
     )");
 }
 
-TEST(HostNetwork, RefusesRulesAndInstallationsThatItDoesNotKnow) {
+TEST(HostNetwork, RejectsInvalidRulesAndInstallations) {
     (void)RunInstallScript(R"(
         refused("field 'happens': installed, removed, bound", machine.when, { happens = "gone", component = "a" }, E, {})
         refused("field 'component': string expected", machine.when, { happens = "bound" }, E, {})
@@ -150,7 +139,7 @@ TEST(HostNetwork, RefusesRulesAndInstallationsThatItDoesNotKnow) {
     )");
 }
 
-TEST(HostNetwork, WritesDriversThatTellTheirVersion) {
+TEST(HostNetwork, WritesDriversWithAVersion) {
     (void)RunInstallScript(R"(
         require "fc"
         local path = machine.folders().program_files .. "driver.sys"
@@ -163,7 +152,7 @@ TEST(HostNetwork, WritesDriversThatTellTheirVersion) {
     )");
 }
 
-TEST(HostInstallation, InstallsTheDriversOnAMachineOfTheScript) {
+TEST(HostInstallation, InstallsTheDriversOnTheScriptsMachine) {
     (void)RunInstallScript(R"(
         ready "2.0.0.0"
         local events, reboots = install()
@@ -190,7 +179,7 @@ TEST(HostInstallation, UpgradesAndKeepsTheBindings) {
     )");
 }
 
-TEST(HostInstallation, FailsAsTheScriptHasPlannedIt) {
+TEST(HostInstallation, FailsAsPlannedByTheScript) {
     (void)RunInstallScript(R"(
         ready "2.0.0.0"
         machine.put_installable { id = "QBIMVTA", loads = "2.0.0.0", results = { 0x80004005, 0x80004005, 0x80004005 } }
@@ -215,7 +204,7 @@ TEST(HostInstallation, RemovingTheComponentUnloadsItsDriver) {
     )");
 }
 
-TEST(HostInstallation, ARuleBreaksTheNetworkOnceAndABindingMendsIt) {
+TEST(HostInstallation, ARuleBreaksTheNetworkOnceAndABindingRepairsIt) {
     (void)RunInstallScript(R"(
         ready "2.0.0.0"
         machine.when({ happens = "installed", component = "QBIMVTA" }, E, { ip = "0.0.0.0" })
@@ -262,7 +251,7 @@ TEST(HostInstallation, AHungStepIsKilledAndReported) {
     )");
 }
 
-TEST(HostInstallation, ItsErrorsAreLoggedAsTheModuleWritesThem) {
+TEST(HostInstallation, LogsErrorsAsTheModuleWritesThem) {
     const HostRun run = RunInstallScript(R"(
         ready "2.0.0.0"
         machine.change_adapter(W, { gateway_answers = false })
@@ -301,7 +290,7 @@ TEST(HostFirewall, IsOnAtFirstAndIsTurnedOffAndOnByTheModule) {
     )");
 }
 
-TEST(HostFirewall, FailsWhereAScriptWantsItTo) {
+TEST(HostFirewall, FailsAsPlannedByTheScript) {
     (void)RunInstallScript(R"(
         require "fc"
         host.set_trace("FC-WFW", true)

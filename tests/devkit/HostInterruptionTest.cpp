@@ -1,4 +1,4 @@
-// fc-host.exe: what Ctrl-C does to a run.
+// fc-host.exe: the effect of Ctrl-C on a run.
 #include <set>
 
 #include <gtest/gtest.h>
@@ -17,13 +17,13 @@ bool Contains(const std::string &text, const std::string &part) {
 
 class HostInterruption : public ::testing::Test {
 protected:
-    /// Runs the script with a report and a file of events, and interrupts it when it says that it is ready.
+    /// Runs the script with a report and an events file, and interrupts it when it reports that it is ready.
     HostRun Run(const std::string &script, unsigned times = 1) {
         return InterruptHost({L"--quiet", L"--fast", L"1", L"--events", events, L"--report", report,
                               folder.Write(L"script.lua", script), folder.Path().wstring()},
                              times);
     }
-    /// No file of a run but those: nothing half made.
+    /// No file of a run but those: no temporary ones.
     void ExpectFiles(std::set<std::wstring> names) const {
         names.insert(L"script.lua");
         std::set<std::wstring> there;
@@ -39,7 +39,7 @@ protected:
 
 }  // namespace
 
-TEST_F(HostInterruption, EndsAScriptThatLoopsWith130AndWritesWhatWasGathered) {
+TEST_F(HostInterruption, EndsALoopingScriptWith130AndWritesWhatWasCollected) {
     const HostRun run = Run("host.send_event(7, 'before')\nhost.mark('a mark')\n" + kReady + "while true do end");
     EXPECT_EQ(run.exitCode, kInterrupted);
     EXPECT_TRUE(Contains(run.err, "interrupted\nstack traceback:\n")) << run.err;
@@ -56,7 +56,7 @@ TEST_F(HostInterruption, EndsASleepOnTheSimulatedClock) {
     EXPECT_FALSE(Contains(run.err, kForced)) << run.err;
 }
 
-TEST_F(HostInterruption, EndsALongCallOfTheModuleAndWritesWhatWasGathered) {
+TEST_F(HostInterruption, EndsALongCallOfTheModuleAndWritesWhatWasCollected) {
     const HostRun run =
         Run("require 'fc'\nhost.send_event(7, 'before')\nhost.machine.put_component { id = 'qbimvta' }\n"
             "host.fault { call = 'INetCfgClassSetup::DeInstall', delay = 3000 }\n"
@@ -76,7 +76,7 @@ TEST_F(HostInterruption, EndsAScriptThatCatchesEveryError) {
     EXPECT_EQ(TextOfFile(events), "[]\n");
 }
 
-TEST_F(HostInterruption, LeavesAScriptTheTimeToWriteWhatItHas) {
+TEST_F(HostInterruption, GivesAScriptTimeToWriteItsResults) {
     const HostRun run = Run("assert(not host.interrupted())\n" + kReady +
                             "local ok, message = pcall(function() while true do end end)\n"
                             "assert(not ok and host.interrupted(), message)\n"
@@ -87,7 +87,7 @@ TEST_F(HostInterruption, LeavesAScriptTheTimeToWriteWhatItHas) {
     ExpectFiles({L"events.json", L"report.html", L"result.json"});
 }
 
-TEST_F(HostInterruption, ForTheSecondTimeEndsTheProgramAtOnceAndLeavesOlderFiles) {
+TEST_F(HostInterruption, EndsTheProgramAtOnceTheSecondTimeAndKeepsOlderFiles) {
     (void)folder.Write(L"events.json", "older events");
     (void)folder.Write(L"report.html", "older report");
     const HostRun run = Run(kReady + "while true do pcall(function() while true do end end) end", 2);
@@ -98,7 +98,7 @@ TEST_F(HostInterruption, ForTheSecondTimeEndsTheProgramAtOnceAndLeavesOlderFiles
     ExpectFiles({L"events.json", L"report.html"});
 }
 
-TEST_F(HostInterruption, LeavesNoPackageThatIsHalfMade) {
+TEST_F(HostInterruption, LeavesNoIncompletePackage) {
     (void)folder.Write(L"whole.zip", "older package");
     const HostRun run = Run("local zip, other = host.zip((...) .. '/whole.zip'), host.zip((...) .. '/new.zip')\n" +
                             kReady + "while true do end");
@@ -114,7 +114,7 @@ TEST_F(HostInterruption, EndsThePromptToo) {
     EXPECT_TRUE(Contains(run.err, "prompt:1: in main chunk")) << run.err;
 }
 
-TEST_F(HostInterruption, OlderFilesStayAsTheyAreWhileTheScriptRuns) {
+TEST_F(HostInterruption, KeepsOlderFilesWhileTheScriptRuns) {
     (void)folder.Write(L"events.json", "older events");
     (void)folder.Write(L"report.html", "older report");
     const std::wstring script = folder.Write(L"script.lua",

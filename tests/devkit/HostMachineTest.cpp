@@ -5,17 +5,12 @@
 
 namespace {
 
-/// Runs a script whose assertions are the test's; it may use `refused`, and is handed the path as arg[1].
+/// Runs a script whose assertions are the test's; it may use kScriptHelpers, and gets the path as arg[1].
 void ExpectPasses(const std::string &script, const std::vector<std::wstring> &options = {},
                   const std::wstring &path = {}) {
     const TemporaryFolder folder;
     std::vector<std::wstring> arguments = options;
-    arguments.push_back(folder.Write(L"script.lua", R"(
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-    )" + script));
+    arguments.push_back(folder.Write(L"script.lua", kScriptHelpers + script));
     arguments.push_back(path);
     const HostRun run = RunHost(arguments);
     EXPECT_EQ(run.exitCode, 0U) << run.err;
@@ -62,7 +57,7 @@ TEST(HostMachine, HasTheVersionThatAScriptSets) {
     )");
 }
 
-TEST(HostMachine, TakesAnyNumberForTheQueue) {
+TEST(HostMachine, AcceptsAnyNumberForTheQueue) {
     ExpectPasses(R"(
         local machine = host.machine
         machine.processor_queue = -1
@@ -91,7 +86,7 @@ TEST(HostMachine, SaysWhichFieldRefusesAValue) {
     )");
 }
 
-TEST(HostMachine, MakesTheFoldersOfTheAgentsFiles) {
+TEST(HostMachine, CreatesTheFoldersOfTheAgentsFiles) {
     const TemporaryFolder folder;
     const std::wstring data = folder.At(L"new\\d\u00E4ta");
     ExpectPasses("host.use_program_data(arg[1]) host.use_program_data(arg[1])", {}, data);
@@ -99,7 +94,7 @@ TEST(HostMachine, MakesTheFoldersOfTheAgentsFiles) {
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(data) / L"diag"));
 }
 
-TEST(HostMachine, KeepsTheAgentsFilesThatAreThere) {
+TEST(HostMachine, KeepsTheAgentsExistingFiles) {
     const TemporaryFolder folder;
     const std::wstring diag = folder.At(L"diag");
     ASSERT_TRUE(std::filesystem::create_directory(diag));
@@ -108,7 +103,7 @@ TEST(HostMachine, KeepsTheAgentsFilesThatAreThere) {
     EXPECT_EQ(TextOfFile(log), "{}\n");
 }
 
-TEST(HostMachine, SaysWhichFolderItCannotMake) {
+TEST(HostMachine, SaysWhichFolderItCannotCreate) {
     const TemporaryFolder folder;
     ExpectPasses(R"(
         refused("(cannot make ", host.use_program_data, arg[1])

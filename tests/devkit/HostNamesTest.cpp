@@ -34,15 +34,9 @@ std::set<std::string> InSources(const std::string &folder, const std::string &pa
     return found;
 }
 
-/// Runs a script that may use refused(message, f, ...), which expects f to raise an error.
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers.
 HostRun RunNames(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
-    HostRun run = RunScript(
-        "local function refused(expected, f, ...) local ok, message = pcall(f, ...)\n"
-        "assert(not ok and message:find(expected, 1, true), tostring(message)) end\n" +
-            script,
-        options);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
+    return RunPassingScript(kScriptHelpers + script, options);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -14,25 +15,25 @@ constexpr DWORD kTimeoutMs = 180'000;
 struct CloseTheHandle {
     void operator()(HANDLE handle) const { CloseHandle(handle); }
 };
-using Handle = std::unique_ptr<void, CloseTheHandle>;
+using OwnedHandle = std::unique_ptr<void, CloseTheHandle>;
 
-/// A file that the program inherits. Files, not pipes: nobody has to wait for all who have inherited one.
-Handle OpenInherited(const std::wstring &path, DWORD access) {
+/// A file that the program inherits. Files rather than pipes: a pipe's reader would have to wait for every process that
+/// inherited it.
+OwnedHandle OpenInherited(const std::wstring &path, DWORD access) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    Handle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inherited,
-                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    OwnedHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                 &inherited, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.get() == INVALID_HANDLE_VALUE)
         ADD_FAILURE() << "CreateFile: " << GetLastError();
     return file;
 }
 
-/// Starts the program in the current folder. @return null after a failure.
-/// @param flags  see CreateProcessW.
-Handle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
-             DWORD flags = 0) {
-    const Handle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
-    const Handle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
-    const Handle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
+/// Starts the program in the current folder. @param flags  see CreateProcessW. @return null on failure.
+OwnedHandle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
+                  DWORD flags = 0) {
+    const OwnedHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
+    const OwnedHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
+    const OwnedHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -44,16 +45,16 @@ Handle Start(const std::filesystem::path &program, std::wstring commandLine, con
         return CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr,
                               &startup, &started) != 0;
     };
-    // Once in some thousand times Wine's new process ends before it has run anything, which is told by this error.
+    // Once in some thousand times Wine's new process ends before it has run anything, and reports this error.
     if (!create() && (GetLastError() != ERROR_INTERNAL_ERROR || !create())) {
         ADD_FAILURE() << "CreateProcess: " << GetLastError();
         return nullptr;
     }
     CloseHandle(started.hThread);
-    return Handle(started.hProcess);
+    return OwnedHandle(started.hProcess);
 }
 
-/// Arguments in these tests hold no quotes and end in no backslash.
+/// Arguments in these tests contain no quotes and end in no backslash.
 std::wstring CommandLine(const std::filesystem::path &program, const std::vector<std::wstring> &arguments) {
     std::wstring line = L"\"" + program.wstring() + L"\"";
     for (const std::wstring &argument : arguments)
@@ -61,8 +62,8 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
     return line;
 }
 
-/// Waits for the end of the program, or ends it.
-HostRun Await(const Handle &process, const TemporaryFolder &streams) {
+/// Waits for the program to end, or terminates it.
+HostRun Await(const OwnedHandle &process, const TemporaryFolder &streams) {
     HostRun run;
     if (process == nullptr)
         return run;
@@ -77,7 +78,7 @@ HostRun Await(const Handle &process, const TemporaryFolder &streams) {
     return run;
 }
 
-/// Until the script has printed "ready". @return false if it ends before.
+/// Waits until the script has printed "ready". @return false if it ends before.
 bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
     constexpr DWORD pollMs = 20;
     while (TextOfFile(streams.At(L"out")).find("ready") == std::string::npos) {
@@ -89,8 +90,8 @@ bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
     return true;
 }
 
-/// Does what Ctrl-C does in the console of a process, in a second process of this program, which has to leave its own
-/// console for that: as soon as it starts, if it finds the variable, "PROCESS TIMES".
+/// Sends Ctrl-C to a process's console, from a second process of this program, which has to leave its own console for
+/// that: at its start, if the variable is set to "PROCESS TIMES".
 constexpr wchar_t kInterruptVariable[] = L"FC_TEST_INTERRUPT";
 constexpr DWORD kBetweenMs = 1'200;
 
@@ -125,7 +126,7 @@ void Interrupt(HANDLE process, unsigned times) {
     wchar_t program[MAX_PATH * 4] = L"";
     GetModuleFileNameW(nullptr, program, static_cast<DWORD>(std::size(program)));
     (void)SetEnvironmentVariableW(kInterruptVariable, request.c_str());
-    const Handle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
+    const OwnedHandle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
     (void)SetEnvironmentVariableW(kInterruptVariable, nullptr);
     DWORD status = 1;
     if (second != nullptr && WaitForSingleObject(second.get(), kTimeoutMs) == WAIT_OBJECT_0)
@@ -147,8 +148,8 @@ HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times
     const TemporaryFolder streams;
     (void)streams.Write(L"in", input);
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
-    // In a console of its own, so that nobody else is interrupted.
-    const Handle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
+    // In its own console, so that nobody else is interrupted.
+    const OwnedHandle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
     if (process != nullptr && AwaitReady(process.get(), streams))
         Interrupt(process.get(), times);
     return Await(process, streams);
@@ -184,3 +185,21 @@ HostRun RunScript(const std::string &script, std::vector<std::wstring> options) 
     options.push_back(folder.Write(L"script.lua", script));
     return RunHost(options);
 }
+
+HostRun RunPassingScript(const std::string &script, std::vector<std::wstring> options) {
+    HostRun run = RunScript(script, std::move(options));
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    return run;
+}
+
+const std::string kScriptHelpers = R"(
+    local function refused(expected, f, ...)
+        local ok, message = pcall(f, ...)
+        assert(not ok and message:find(expected, 1, true), tostring(message))
+    end
+    local function write(path, text)
+        local file = assert(io.open(path, "wb"))
+        file:write(text)
+        file:close()
+    end
+)";

@@ -9,24 +9,24 @@
 
 #include "TestData.h"
 
-/// What a run of the program left.
+/// The results of a run of the program.
 struct HostRun {
     DWORD exitCode = 0;
     std::string out;
     std::string err;
 };
 
-/// Runs fc-host.exe; a run of more than three minutes is ended and fails the test.
-/// @param input   what it reads from its standard input.
+/// Runs fc-host.exe; a run of more than three minutes is terminated and fails the test.
+/// @param input   its standard input.
 /// @param folder  where the program lies.
 HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &input = {},
                 const std::filesystem::path &folder = BinaryFolder());
 
-/// The same for a script that prints "ready" at some time and is interrupted then, as by Ctrl-C.
-/// @param times  so often, with more than a second between them.
+/// The same for a script that prints "ready" and is then interrupted, as by Ctrl-C.
+/// @param times  how often, with more than a second between.
 HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times = 1, const std::string &input = {});
 
-/// A new folder that is removed with all that is in it.
+/// A new folder that is removed with its contents.
 class TemporaryFolder {
 public:
     TemporaryFolder();
@@ -35,17 +35,25 @@ public:
     TemporaryFolder &operator=(const TemporaryFolder &) = delete;
 
     const std::filesystem::path &Path() const { return m_path; }
-    /// Writes a file into the folder. @return its path.
+    /// Writes a file to the folder. @return its path.
     std::wstring Write(const std::wstring &name, const std::string &content) const;
-    /// A path in the folder; nothing needs to be there.
+    /// A path in the folder; it need not exist.
     std::wstring At(const std::wstring &name) const { return (m_path / name).wstring(); }
 
 private:
     std::filesystem::path m_path;
 };
 
-/// The whole file; fails the test where there is none.
+/// The content of the file; fails the test without one.
 std::string TextOfFile(const std::wstring &path);
 
 /// Writes the text to a script and runs that.
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options = {});
+
+/// The same for a script whose assertions are the test's: fails the test unless the script succeeds.
+HostRun RunPassingScript(const std::string &script, std::vector<std::wstring> options = {});
+
+/// Lua functions for scripts whose assertions are the test's:
+/// - refused(message, f, ...) expects f to raise an error with that text in its message,
+/// - write(path, text) writes a file.
+extern const std::string kScriptHelpers;

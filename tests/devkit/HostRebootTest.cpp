@@ -5,22 +5,15 @@
 
 namespace {
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - write(path, text) writes a file,
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers and these:
 /// - ready(version) makes a machine with an adapter, E, on which that version can be installed,
-/// - install() and remove() yield the function's result, the agent's events by their numbers, and how often a reboot
-/// was
-///   asked for.
+/// - install() and remove() return the function's result, the agent's events by number, and the count of reboot
+/// requests.
 HostRun RunRebootScript(const std::string &script, std::vector<std::wstring> options = {}) {
     options.insert(options.end(), {L"--quiet", L"--clock", L"steps"});
-    HostRun run = RunScript(R"(
+    return RunPassingScript(kScriptHelpers + R"(
         local machine = host.machine
         local E = [[PCI\VEN_8086&DEV_100E\1]]
-        local function write(path, text)
-            local file = assert(io.open(path, "wb"))
-            file:write(text)
-            file:close()
-        end
         local function exists(path)
             local file = io.open(path)
             return file ~= nil and file:close()
@@ -55,8 +48,6 @@ HostRun RunRebootScript(const std::string &script, std::vector<std::wstring> opt
         local function remove() return call "UninstallDriver" end
     )" + script,
                             options);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
 }
 
 }  // namespace

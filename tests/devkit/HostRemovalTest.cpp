@@ -1,4 +1,4 @@
-// What fc-host.exe offers for a removal of the drivers: installation, faults and log; and the example of one.
+// What fc-host.exe offers for a removal of the drivers: installation, faults and log; and the example of it.
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
@@ -11,24 +11,13 @@ bool Has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-/// Runs a script whose assertions are the test's. It may use these:
-/// - refused(message, f, ...) expects f to raise an error,
-/// - write(path, text) writes a file,
-/// - remove() removes the drivers, and yields the result and the log's lines as one text.
+/// Runs a script whose assertions are the test's. It may use kScriptHelpers and these:
+/// - remove() removes the drivers, and returns the result and the log's lines as one text.
 HostRun RunRemovalScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"}) {
     std::vector<std::wstring> all = options;
     all.insert(all.end(), {L"--fast", L"1"});
-    HostRun run = RunScript(R"(
+    return RunPassingScript(kScriptHelpers + R"(
         local machine = host.machine
-        local function refused(expected, f, ...)
-            local ok, message = pcall(f, ...)
-            assert(not ok and message:find(expected, 1, true), tostring(message))
-        end
-        local function write(path, text)
-            local file = assert(io.open(path, "wb"))
-            file:write(text)
-            file:close()
-        end
         local function remove()
             require "fc"
             local folder = machine.folders().program_files
@@ -39,8 +28,6 @@ HostRun RunRemovalScript(const std::string &script, const std::vector<std::wstri
         end
     )" + script,
                             all);
-    EXPECT_EQ(run.exitCode, 0U) << run.err;
-    return run;
 }
 
 }  // namespace
@@ -55,7 +42,7 @@ TEST(HostRemoval, FindsNothingInstalledAtFirst) {
     )");
 }
 
-TEST(HostRemoval, FindsWhatTheScriptHasPut) {
+TEST(HostRemoval, FindsWhatTheScriptHasInstalled) {
     (void)RunRemovalScript(R"(
         machine.put_component { id = "two" }
         machine.put_component { id = "one", result = 0x80004005, stays = true }
@@ -90,7 +77,7 @@ TEST(HostRemoval, HasFoldersUntilTheProgramEnds) {
     }
 }
 
-TEST(HostRemoval, RefusesWhatItDoesNotKnow) {
+TEST(HostRemoval, RejectsUnknownFieldsAndStates) {
     (void)RunRemovalScript(R"(
         refused("there is no field 'stay'", machine.put_component, { id = "a", stay = true })
         refused("field 'id': string expected, got nil", machine.put_component, {})
@@ -106,7 +93,7 @@ TEST(HostRemoval, RefusesWhatItDoesNotKnow) {
     )");
 }
 
-TEST(HostRemoval, TakesAwayTheComponentAndItsDevice) {
+TEST(HostRemoval, RemovesTheComponentAndItsDevice) {
     (void)RunRemovalScript(R"(
         machine.put_component { id = "qbimvta", result = "reboot" }
         machine.put_device { id = "ROOT\\QBIMVTA_MP\\0000", description = "x", component = "qbimvta" }
@@ -118,7 +105,7 @@ TEST(HostRemoval, TakesAwayTheComponentAndItsDevice) {
     )");
 }
 
-TEST(HostRemoval, LeavesAComponentThatAnswersWithAFailure) {
+TEST(HostRemoval, KeepsAComponentWhoseRemovalFails) {
     (void)RunRemovalScript(R"(
         machine.put_component { id = "qbimvta", result = 0x80004005 }
         local removed = remove()
@@ -130,7 +117,7 @@ TEST(HostRemoval, LeavesAComponentThatAnswersWithAFailure) {
     )");
 }
 
-TEST(HostRemoval, DeletesTheServicesThatTheSectionNamesAndNoOthers) {
+TEST(HostRemoval, DeletesOnlyTheServicesThatTheSectionNames) {
     (void)RunRemovalScript(R"(
         write(machine.folders().program_files .. "netqbimwfp.inf",
             "[DefaultUninstall]\r\nDelService = alpha\r\n[defaultuninstall.services]\r\n" ..
@@ -142,7 +129,7 @@ TEST(HostRemoval, DeletesTheServicesThatTheSectionNamesAndNoOthers) {
     )");
 }
 
-TEST(HostRemoval, TellsWhoHoldsTheLock) {
+TEST(HostRemoval, ReportsWhoHoldsTheLock) {
     (void)RunRemovalScript(R"(
         machine.put_component { id = "qbimvta" }
         machine.lock_network("another program")
@@ -204,7 +191,7 @@ TEST(HostRemoval, GoesOnWithoutTheHelperThatGuardsTheStack) {
     EXPECT_FALSE(Has(run.err, "never struck")) << run.err;
 }
 
-TEST(HostFault, FailsTheCallThatIsNamedUntilItIsCleared) {
+TEST(HostFault, FailsTheNamedCallUntilItIsCleared) {
     (void)RunRemovalScript(R"(
         require "fc"
         machine.put_service("qbimwfp", "stopped")
@@ -244,7 +231,7 @@ TEST(HostFault, DelaysAndFailsACallByTwoFaults) {
     )");
 }
 
-TEST(HostFault, ConcernsAllCallsOfTheSystemAlsoWithoutASimulatedClock) {
+TEST(HostFault, AffectsAllCallsOfTheSystemEvenWithoutASimulatedClock) {
     const HostRun run = RunScript(R"(
         for _, call in ipairs { "INetCfg::EnumComponents", "INetCfgComponent::GetId", "Sleep", "GlobalMemoryStatusEx" } do
             host.fault { call = call, delay = 0 }
@@ -259,7 +246,7 @@ TEST(HostFault, ConcernsAllCallsOfTheSystemAlsoWithoutASimulatedClock) {
     EXPECT_EQ(run.exitCode, 0U) << run.err;
 }
 
-TEST(HostFault, RefusesWhatItCannotDo) {
+TEST(HostFault, RejectsInvalidFaults) {
     (void)RunRemovalScript(R"(
         refused("no call of that name is simulated: 'INetCfg::Go'", host.fault, { call = "INetCfg::Go", fail = 5 })
         refused("no call of that name is simulated: 'INetCfg::AddRef'", host.fault, { call = "INetCfg::AddRef", fail = 5 })
@@ -282,7 +269,7 @@ TEST(HostFault, RefusesWhatItCannotDo) {
     EXPECT_TRUE(Has(run.err, "field 'advance' needs a simulated clock: start fc-host with --clock steps")) << run.err;
 }
 
-TEST(HostLog, HandsOutTheLinesOfAllThreadsInTheOrderOfTime) {
+TEST(HostLog, ReturnsTheLinesOfAllThreadsInChronologicalOrder) {
     const HostRun run = RunRemovalScript(R"(
         require "fc"
         local begin = host.time()
@@ -304,7 +291,7 @@ TEST(HostLog, HandsOutTheLinesOfAllThreadsInTheOrderOfTime) {
     EXPECT_TRUE(Has(run.err, "log     >ThreadRunning. 3600s max\n")) << run.err;
 }
 
-TEST(HostLog, HasVerboseLinesOnlyWhereTheyAreWanted) {
+TEST(HostLog, HasVerboseLinesOnlyIfEnabled) {
     const std::string script = R"(
         write(machine.folders().program_files .. "netqbimwfp.inf", "")
         machine.put_service("qbimwfp", "stopped")
@@ -316,7 +303,7 @@ TEST(HostLog, HasVerboseLinesOnlyWhereTheyAreWanted) {
     EXPECT_FALSE(Has(RunRemovalScript("local wanted = false" + script, {}).err, "InstallHinfSectionW: "));
 }
 
-TEST(RemovalExample, TellsWhereTheFirstRemovalIsStuckAndThatTheSecondSucceeds) {
+TEST(RemovalExample, ShowsWhereTheFirstRemovalHangsAndThatTheSecondSucceeds) {
     const HostRun run = RunHost({L"--clock", L"steps", L"--quiet", kRemovalExample});
     ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
     EXPECT_EQ(run.err, "");
@@ -336,7 +323,7 @@ TEST(RemovalExample, TellsWhereTheFirstRemovalIsStuckAndThatTheSecondSucceeds) {
     EXPECT_TRUE(Has(run.out.substr(second), "write lock  free\n")) << run.out;
 }
 
-TEST(RemovalExample, SaysHowItIsStarted) {
+TEST(RemovalExample, PrintsItsUsage) {
     const HostRun slow = RunHost({kRemovalExample});
     EXPECT_EQ(slow.exitCode, 1U);
     EXPECT_TRUE(Has(slow.err, "removal: ten minutes take a simulated clock: start fc-host with --clock steps"))

@@ -20,7 +20,7 @@ bool Contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-/// What lies between the marks, each of which must be there.
+/// The text between the marks, each of which must occur.
 std::string Between(const std::string &text, const std::string &from, const std::string &to) {
     const std::size_t begin = text.find(from);
     EXPECT_NE(begin, std::string::npos) << from;
@@ -43,7 +43,7 @@ std::vector<double> Numbers(const cJSON *object, const char *name) {
 
 class HostReport : public testing::Test {
 protected:
-    /// Runs a script with a report. Before it, `check(state)` is there, and the module with a queue of at most 50.
+    /// Runs a script with a report, which can use `check(state)` and the module with a queue limit of 50.
     HostRun Run(const std::string &script) {
         return RunScript("local folder = [[" + folder.Path().string() + "]]" + R"(
             host.use_program_data(folder)
@@ -74,7 +74,7 @@ protected:
 
 }  // namespace
 
-TEST_F(HostReport, IsOnePageThatNeedsNothingElse) {
+TEST_F(HostReport, IsOneSelfContainedPage) {
     const HostRun run = Run("check 'Deactivated'");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     const std::string page = TextOfFile(path);
@@ -86,7 +86,7 @@ TEST_F(HostReport, IsOnePageThatNeedsNothingElse) {
         EXPECT_FALSE(Contains(page, outside)) << outside;
 }
 
-TEST_F(HostReport, HoldsWhatTheModuleTellsOfEachIteration) {
+TEST_F(HostReport, ContainsWhatTheModuleLogsAboutEachIteration) {
     const HostRun run = Run(R"(
         host.machine.processor_queue = 7
         assert(check 'Deactivated' == 0)
@@ -113,7 +113,7 @@ TEST_F(HostReport, HoldsWhatTheModuleTellsOfEachIteration) {
     EXPECT_EQ(Numbers(queue, "limit"), (std::vector<double>(10, 50)));
 }
 
-TEST_F(HostReport, IsTheSameWhereAScriptHasChosenADecimalComma) {
+TEST_F(HostReport, IsTheSameWhenAScriptHasChosenADecimalComma) {
     const HostRun run = Run(R"(
         assert(os.setlocale('German_Germany'))
         host.machine.processor_queue = 62.5
@@ -147,7 +147,7 @@ TEST_F(HostReport, IsWrittenHoweverTheScriptEnds) {
     EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(Data().get(), "time")), 2);
 }
 
-TEST_F(HostReport, NoTextOfAScriptGetsOutOfTheData) {
+TEST_F(HostReport, EscapesTextsOfScripts) {
     const HostRun run = Run(R"(
         host.mark("</script><script>alert(1)</script> <!-- & 'one' \"two\" \\ \1\n gr\195\188n \255")
         host.send_event(7, "<b>&amp;</b>")
@@ -170,7 +170,7 @@ TEST_F(HostReport, NoTextOfAScriptGetsOutOfTheData) {
     EXPECT_EQ(TextOf(cJSON_GetArrayItem(notes, 2), "kind"), "notification");
 }
 
-TEST_F(HostReport, ErrorsOfTheModuleAreNotes) {
+TEST_F(HostReport, ShowsErrorsOfTheModuleAsNotes) {
     const HostRun run = Run("host.set_wall_clock(1772409600) for _ = 1, 3 do assert(check 'Broken' == 6) end");
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.err, "") << "--quiet";
@@ -202,14 +202,14 @@ TEST(HostLog, ErrorsOfTheModuleArePrintedUnlessTheHostIsQuiet) {
     EXPECT_EQ(RunScript(script, {L"--quiet"}).err, "");
 }
 
-TEST_F(HostReport, ARestartOfTheModuleIsANote) {
+TEST_F(HostReport, ShowsARestartOfTheModuleAsANote) {
     ASSERT_EQ(Run("host.restart_module() require 'fc' check 'Deactivated'").exitCode, 0U);
     const JsonPtr data = Data();
     const cJSON *note = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "notes"), 0);
     EXPECT_EQ(TextOf(note, "kind"), "restart");
 }
 
-TEST_F(HostReport, ARestartEndsTheModulesMemoryAndKeepsTheSettings) {
+TEST_F(HostReport, ARestartClearsTheModulesStateAndKeepsTheSettings) {
     const HostRun run = Run(R"(
         host.machine.processor_queue = 90
         assert(check 'Deactivated' == 1 and check 'Activated' == 1)
@@ -247,7 +247,7 @@ TEST(HostModule, TheRestartedModuleRunsOnTheRealClockToo) {
     EXPECT_EQ(run.exitCode, 0U) << run.err;
 }
 
-TEST_F(HostReport, HoldsTheStepsOfAnInstallationWithWhatFailedInThem) {
+TEST_F(HostReport, ContainsTheStepsOfAnInstallationWithTheirFailures) {
     const HostRun run = Run(R"(
         host.machine.put_component { id = 'qbimvta', result = 0x80004005 }
         host.advance(100)
@@ -260,7 +260,7 @@ TEST_F(HostReport, HoldsTheStepsOfAnInstallationWithWhatFailedInThem) {
     ASSERT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(data.get(), "driverRuns")), 1);
     const cJSON *removal = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "driverRuns"), 0);
     EXPECT_EQ(TextOf(removal, "kind"), "removal");
-    // Times are counted from the first health iteration, which came later.
+    // Times are relative to the first health iteration, which came later.
     EXPECT_LT(cJSON_GetObjectItem(removal, "begin")->valuedouble, 0);
     EXPECT_LE(cJSON_GetObjectItem(removal, "begin")->valuedouble, cJSON_GetObjectItem(removal, "end")->valuedouble);
     const cJSON *step = nullptr;
@@ -275,7 +275,7 @@ TEST_F(HostReport, HoldsTheStepsOfAnInstallationWithWhatFailedInThem) {
     EXPECT_EQ(cJSON_GetObjectItem(uninstalling, "limit")->valuedouble, 600);
 }
 
-TEST_F(HostReport, HasNoStepsWhereNoDriverWasInstalled) {
+TEST_F(HostReport, HasNoStepsIfNoDriverWasInstalled) {
     ASSERT_EQ(Run("check 'Deactivated'").exitCode, 0U);
     EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(Data().get(), "driverRuns")), 0);
 }

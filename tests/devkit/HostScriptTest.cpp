@@ -11,7 +11,7 @@ bool Contains(const std::string &text, const std::string &part) {
 
 }  // namespace
 
-TEST(HostScript, EndsWithTheWholeNumberOrTheBooleanThatTheScriptReturns) {
+TEST(HostScript, ExitsWithTheIntegerOrBooleanThatTheScriptReturns) {
     EXPECT_EQ(RunScript("return 7").exitCode, 7U);
     EXPECT_EQ(RunScript("return 255").exitCode, 255U);
     EXPECT_EQ(RunScript("return").exitCode, 0U);
@@ -20,7 +20,7 @@ TEST(HostScript, EndsWithTheWholeNumberOrTheBooleanThatTheScriptReturns) {
     EXPECT_EQ(RunScript("return false").exitCode, 1U);
 }
 
-TEST(HostScript, AResultThatIsNoStatusIsToldAndEndsItWithOne) {
+TEST(HostScript, AnInvalidResultIsReportedAndExitsWithOne) {
     const std::pair<const char *, const char *> results[] = {
         {"return 'text'", "string"}, {"return 1.5", "1.5"}, {"return -1", "-1"}, {"return 256", "256"}};
     for (const auto &[script, told] : results) {
@@ -41,7 +41,7 @@ TEST(HostScript, HonoursOsExit) {
     EXPECT_TRUE(Contains(odd.err, "bad argument #1 to 'exit'")) << odd.err;
 }
 
-TEST(HostScript, AnErrorEndsItWithOneAndATraceback) {
+TEST(HostScript, AnErrorExitsWithOneAndATraceback) {
     const HostRun run = RunScript("print 'before'\nlocal function f() error('it broke') end\nf()");
     EXPECT_EQ(run.exitCode, 1U);
     EXPECT_EQ(run.out, "before\n");
@@ -49,7 +49,7 @@ TEST(HostScript, AnErrorEndsItWithOneAndATraceback) {
     EXPECT_TRUE(Contains(run.err, "script.lua:3: in main chunk")) << run.err;
 }
 
-TEST(HostScript, DescribesAnErrorThatIsNoText) {
+TEST(HostScript, DescribesAnErrorThatIsNotAString) {
     EXPECT_TRUE(Contains(RunScript("error({})").err, "fc-host: (error object is a table value)"));
     const HostRun speaking = RunScript("error(setmetatable({}, {__tostring = function() return 'spoken' end}))");
     EXPECT_EQ(speaking.exitCode, 1U);
@@ -62,7 +62,7 @@ TEST(HostScript, ASyntaxErrorNamesTheLine) {
     EXPECT_TRUE(Contains(run.err, "script.lua:2: unexpected symbol near 'then'")) << run.err;
 }
 
-TEST(HostScript, SkipsAByteOrderMarkAndAShellsLine) {
+TEST(HostScript, SkipsAByteOrderMarkAndAShebangLine) {
     const HostRun run = RunScript("\xEF\xBB\xBF#!/usr/bin/fc-host\nerror('here')");
     EXPECT_TRUE(Contains(run.err, "script.lua:2: here")) << run.err;
     EXPECT_EQ(RunScript("#only this line").exitCode, 0U);

@@ -1,4 +1,4 @@
-// What of fc-host's simulated system a module named fc.dll meets: here copies of other libraries.
+// What fc-host's simulated system provides to a module named fc.dll: here copies of other libraries.
 #include "devkit/host/SimulatedSystem.h"
 
 #include <cstddef>
@@ -19,7 +19,7 @@ using namespace SimulatorTest;
 
 namespace {
 
-/// A library of this program under the name of the module.
+/// A library of this program, copied under the name of the module.
 class StandIn {
 public:
     explicit StandIn(HMODULE library) {
@@ -43,7 +43,7 @@ public:
         return slot == nullptr ? nullptr : reinterpret_cast<F *>(*slot);
     }
 
-    /// Asks for a function of a library as the module's own code does.
+    /// Looks up a function of a library as the module's own code does.
     template <class F>
     F *HandedOut(F *, const wchar_t *library, const char *name) const {
         const auto ask = Imported(&::GetProcAddress, "GetProcAddress");
@@ -55,7 +55,7 @@ private:
     HMODULE m_module = nullptr;
 };
 
-/// The module's Lua runs a file of the agent. @return its number; -1 where there is no such file.
+/// Runs a file of the agent in the module's Lua. @return its number; -1 without such a file.
 int RunAgentFile(const StandIn &module) {
     const auto closeState = module.Find(&lua_close, "lua_close");
     const std::unique_ptr<lua_State, decltype(closeState)> L(module.Find(&luaL_newstate, "luaL_newstate")(),
@@ -78,7 +78,7 @@ constexpr wchar_t kAgentFolder[] = L"C:\\ProgramData\\Quillon\\Vantry Agent";
 
 }  // namespace
 
-TEST(HostSimulatedSystem, HandsTheAgentsFilesToAModuleThatIsLoadedLater) {
+TEST(HostSimulatedSystem, MapsTheAgentsFilesForAModuleThatIsLoadedLater) {
     const TemporaryFolder folder;
     ASSERT_TRUE(std::filesystem::create_directory(folder.At(L"filter")));
     (void)folder.Write(L"filter\\number.lua", "return 17");
@@ -89,7 +89,7 @@ TEST(HostSimulatedSystem, HandsTheAgentsFilesToAModuleThatIsLoadedLater) {
     EXPECT_EQ(RunAgentFile(module), 17);
 }
 
-TEST(HostSimulatedSystem, HandsTheAgentsFilesToAModuleThatIsThere) {
+TEST(HostSimulatedSystem, MapsTheAgentsFilesForALoadedModule) {
     const TemporaryFolder folder;
     ASSERT_TRUE(std::filesystem::create_directory(folder.At(L"filter")));
     (void)folder.Write(L"filter\\number.lua", "return 18");
@@ -106,7 +106,7 @@ TEST(HostSimulatedSystem, HandsTheAgentsFilesToAModuleThatIsThere) {
     EXPECT_EQ(RunAgentFile(module), -1) << "until the system ends";
 }
 
-TEST(HostSimulatedSystem, PutsTheMachineUnderTheModuleFromItsFirstUseOn) {
+TEST(HostSimulatedSystem, SimulatesTheMachineForTheModuleFromItsFirstUseOn) {
     StandIn module(WxLibrary());
     module.Load();
     const std::uint64_t real = MemoryOf(module);
@@ -120,7 +120,7 @@ TEST(HostSimulatedSystem, PutsTheMachineUnderTheModuleFromItsFirstUseOn) {
     EXPECT_EQ(MemoryOf(module), 54321U);
 }
 
-TEST(HostSimulatedSystem, PutsTheMachineBesideASimulatedClock) {
+TEST(HostSimulatedSystem, SimulatesTheMachineTogetherWithAClock) {
     StandIn module(WxLibrary());
     SimulatedSystem system;
     EXPECT_FALSE(system.HasClock());
@@ -139,7 +139,7 @@ TEST(HostSimulatedSystem, PutsTheMachineBesideASimulatedClock) {
     EXPECT_EQ(intervals.QuadPart / 100'000'000, (11'644'473'600ULL + 1'000'000) / 10);
 }
 
-TEST(HostSimulatedSystem, NamesTheCallsThatCanFailBeforeAnythingIsSimulated) {
+TEST(HostSimulatedSystem, KnowsWhichCallsCanFailBeforeAnythingIsSimulated) {
     StandIn module(WxLibrary());
     module.Load();
     const std::uint64_t real = MemoryOf(module);
@@ -190,7 +190,7 @@ TEST(HostSimulatedSystem, EndsWhileItWaitsForCallsThatNeverCome) {
     EXPECT_TRUE(end.Join(10'000));
 }
 
-TEST(HostSimulatedSystem, StaysFastUntilTheLastOfTwoHangsHasHadItsTime) {
+TEST(HostSimulatedSystem, StaysFastUntilTheLastOfTwoHangsIsOver) {
     StandIn module(WxLibrary());
     module.Load();
     SimulatedSystem system;

@@ -1,4 +1,4 @@
-// The steps of installations and removals, as fc-host.exe shows and keeps them.
+// The steps of installations and removals, as fc-host.exe shows and records them.
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -18,7 +18,7 @@ bool Mentions(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-/// Lines as threads log them, at times of the test's own.
+/// Lines as threads log them, at times set by the test.
 class HostSteps : public testing::Test {
 protected:
     HostSteps() {
@@ -45,7 +45,7 @@ TEST(StepLine, IsReadFromTheLogWithItsLimit) {
     EXPECT_EQ(end->name, "UninstallingDriver");
 }
 
-TEST(StepLine, IsNoOtherLine) {
+TEST(StepLine, DoesNotMatchOtherLines) {
     for (const char *line : {"", " ", "UninstallDriver running.", ">Name", ">Name. s max", ">Name. 60s maximum",
                              ">Name. -1s max", ">Name. 60x max", "a >Name. 60s max"})
         EXPECT_FALSE(ParseStepLine(line)) << line;
@@ -79,7 +79,7 @@ TEST_F(HostSteps, AreThoseOfTheWorkerAndOfItsWatchdog) {
                                        News::StepBegins, News::StepEnds, News::StepEnds, News::RunEnds}));
 }
 
-TEST_F(HostSteps, OfOtherThreadsAreNone) {
+TEST_F(HostSteps, IgnoreOtherThreads) {
     runs.OnThreadBegin(1, "CAnotherThread");
     Line(1, 1, ">Name. 60s max");
     Line(7, 1, ">Name. 60s max");
@@ -88,7 +88,7 @@ TEST_F(HostSteps, OfOtherThreadsAreNone) {
     EXPECT_TRUE(news.empty());
 }
 
-TEST_F(HostSteps, TheInnermostOfAKilledWorkerIsTheOneThatIsToBlame) {
+TEST_F(HostSteps, TheInnermostStepOfAKilledWorkerIsToBlame) {
     runs.OnThreadBegin(1, "CDriverUninstallerThread");
     Line(1, 1, ">Outer. 60s max");
     Line(1, 2, ">Inner. 5s max");
@@ -102,7 +102,7 @@ TEST_F(HostSteps, TheInnermostOfAKilledWorkerIsTheOneThatIsToBlame) {
     EXPECT_EQ(news.back(), News::RunEnds);
 }
 
-TEST_F(HostSteps, OneThatLeavesNoLineIsKnownByTheEventThatNamesIt) {
+TEST_F(HostSteps, AnUnloggedStepIsKnownFromTheEventThatNamesIt) {
     runs.OnThreadBegin(GetCurrentThreadId(), "CDriverInstallerWatchdog");
     runs.OnThreadBegin(2, "CDriverInstallerThread");
     Line(2, 1, ">RemovingInfFiles. 300s max");
@@ -118,7 +118,7 @@ TEST_F(HostSteps, OneThatLeavesNoLineIsKnownByTheEventThatNamesIt) {
     EXPECT_EQ(run.steps[1].limit, 0U);
 }
 
-TEST_F(HostSteps, KeepWhatTheEventsTellOfTheRun) {
+TEST_F(HostSteps, RecordWhatTheEventsSayAboutTheRun) {
     runs.OnThreadBegin(GetCurrentThreadId(), "CDriverInstallerWatchdog");
     Line(GetCurrentThreadId(), 1, ">FindingComponent. 15s max");
     runs.OnAgentEvent(3005, "INetCfg::FindComponent|E_FAIL");
@@ -138,7 +138,7 @@ TEST_F(HostSteps, KeepWhatTheEventsTellOfTheRun) {
     EXPECT_FALSE(all.at(1).rebootAsked);
 }
 
-TEST(StepStatus, TellsTheInnermostStepWithItsTimeAndItsLimit) {
+TEST(StepStatus, ShowsTheInnermostStepWithItsTimeAndItsLimit) {
     DriverRun run{.kind = DriverRun::Kind::Installation, .begin = 100};
     EXPECT_EQ(StatusText(run, 101.25, 80), "installation, 1.2 s");
     run.steps.push_back({.name = "Outer", .limit = 60, .begin = 102});
@@ -148,7 +148,7 @@ TEST(StepStatus, TellsTheInnermostStepWithItsTimeAndItsLimit) {
     EXPECT_EQ(StatusText(run, 106.5, 20), "installation, 6.5 s:");
 }
 
-TEST(StepNews, IsALineForEach) {
+TEST(StepNews, HasALineForEach) {
     const DriverStep step{.name = "FindingComponent", .depth = 1, .limit = 15, .begin = 7};
     const auto removal = DriverRun::Kind::Removal;
     EXPECT_EQ(NewsLine({News::RunBegins, removal, 5, 5, {}}), "step    removal begins");
@@ -159,7 +159,7 @@ TEST(StepNews, IsALineForEach) {
     EXPECT_EQ(NewsLine({News::RunEnds, removal, 23, 5, {}}), "step    removal ends after 18.0 s");
 }
 
-TEST(HostProgram, ShowsTheStepsOfARemovalThatHangsWhileItIsUnderWay) {
+TEST(HostProgram, ShowsTheStepsOfAHangingRemovalWhileItRuns) {
     const std::string script = R"(
         require "fc"
         host.machine.put_component { id = "qbimvta" }
@@ -170,7 +170,7 @@ TEST(HostProgram, ShowsTheStepsOfARemovalThatHangsWhileItIsUnderWay) {
     )";
     const auto begin = std::chrono::steady_clock::now();
     const HostRun run = RunScript(script, {L"--fast", L"1"});
-    // Behind the 601 seconds that pass at once time is the real one, and a busy machine takes its own.
+    // After the leap of 601 seconds time is real, and a busy machine needs some.
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     std::size_t at = 0;
@@ -190,7 +190,7 @@ TEST(HostProgram, ShowsTheStepsOfARemovalThatHangsWhileItIsUnderWay) {
     EXPECT_EQ(quiet.err, "the call has returned\n");
 }
 
-TEST(HostProgram, ShowsNoStepsWhereNothingIsInstalled) {
+TEST(HostProgram, ShowsNoStepsIfNothingIsInstalled) {
     const HostRun run = RunScript("require 'fc' SLB.filter.UpdateConnMetrics()");
     EXPECT_FALSE(Mentions(run.err, "step")) << run.err;
 }

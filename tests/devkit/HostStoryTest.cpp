@@ -7,7 +7,7 @@ namespace {
 
 const std::wstring kStory = TestData("examples/story.lua").wstring();
 
-/// What stands behind each other in the text. @return the first that does not; null for none.
+/// Searches for texts that must follow one another. @return the first that does not; null for none.
 const char *FirstMissing(const std::string &text, std::initializer_list<const char *> parts) {
     std::size_t at = 0;
     for (const char *part : parts) {
@@ -20,7 +20,7 @@ const char *FirstMissing(const std::string &text, std::initializer_list<const ch
 
 }  // namespace
 
-TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
+TEST(Story, CoversTheDriversFromTheirInstallationToTheirRemoval) {
     const TemporaryFolder folder;
     const HostRun run = RunHost({L"--clock", L"steps", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
                                  folder.At(L"events.json"), kStory, L"--out", folder.Path().wstring()});
@@ -47,7 +47,7 @@ TEST(Story, TellsOfTheDriversFromTheirInstallationToTheirRemoval) {
     EXPECT_EQ(TextOfFile(folder.At(L"diagnostics.zip")).substr(0, 2), "PK");
 }
 
-TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
+TEST(Story, WritesItsTraceWhenItIsInterrupted) {
     const TemporaryFolder folder;
     const std::wstring script = folder.Write(L"script.lua",
                                              "local mark = host.mark\n"
@@ -62,7 +62,7 @@ TEST(Story, LeavesItsTraceWhenItIsInterrupted) {
     EXPECT_EQ(FirstMissing(trace, {"  The drivers are installed", "  The machine is overloaded"}), nullptr) << trace;
 }
 
-TEST(Story, SaysHowItIsStarted) {
+TEST(Story, PrintsItsUsage) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);
     EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --clock steps"),

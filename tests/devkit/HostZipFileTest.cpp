@@ -1,4 +1,4 @@
-// The packages that the host reads, sound and broken.
+// The packages that the host reads, valid and broken.
 #include <gtest/gtest.h>
 
 #include <wx/mstream.h>
@@ -11,7 +11,7 @@ namespace {
 
 const std::string kContent(50'000, 'x');
 
-/// A package of an empty entry and one that is stored as it is.
+/// A package of an empty entry and one that is stored uncompressed.
 std::string Package() {
     wxMemoryOutputStream memory;
     wxZipOutputStream zip(memory, 0);
@@ -24,12 +24,12 @@ std::string Package() {
     return bytes;
 }
 
-/// The size of the second entry, as its headers have it.
+/// The size of the second entry, as in its headers.
 std::string WithSize(std::string package, const std::string &size) {
     const std::string before{'\x50', '\xC3', '\0', '\0'};  // 50,000
     int count = 0;
     for (std::size_t at = package.find(before); at != std::string::npos; at = package.find(before, at + 4)) {
-        // It comes twice in turn: compressed, and as it is.
+        // The content alternates between compressible and random.
         if (package.compare(at + 4, 4, before) != 0)
             continue;
         package.replace(at + 4, 4, size);
@@ -54,7 +54,7 @@ protected:
     std::string error;
 };
 
-TEST_F(HostZipFile, IsReadWhole) {
+TEST_F(HostZipFile, IsReadCompletely) {
     const auto files = Read(Package());
     ASSERT_TRUE(files) << error;
     ASSERT_EQ(files->size(), 2U);
@@ -70,13 +70,13 @@ TEST_F(HostZipFile, AnEntryWithOtherBytesIsBroken) {
     ExpectBroken(package);
 }
 
-TEST_F(HostZipFile, TheSizeOfAnEntryIsNotTakenOnTrust) {
+TEST_F(HostZipFile, TheSizeOfAnEntryIsNotTrusted) {
     for (const std::string &size :
          {std::string("\xFF\xFF\xFF\x7F"), std::string("\xFF\xFF\xFF\xFF"), std::string("\0\0\0\0", 4)})
         ExpectBroken(WithSize(Package(), size));
 }
 
-TEST_F(HostZipFile, AFileThatEndsEarlyCanNotBeRead) {
+TEST_F(HostZipFile, ATruncatedFileCannotBeRead) {
     const std::string package = Package();
     EXPECT_FALSE(Read(package.substr(0, package.size() / 2)));
     EXPECT_EQ(error.rfind("cannot read ", 0), 0U) << error;

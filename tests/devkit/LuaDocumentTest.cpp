@@ -1,4 +1,4 @@
-// The examples of docs/lua-functions.md and docs/installation.md, run by fc-host.exe as the documents have it.
+// The examples of docs/lua-functions.md and docs/installation.md, run unchanged by fc-host.exe.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A block of Lua, and what it prints: the block of text right below it, or nothing.
+/// A block of Lua, and its output: the text block right below it, or nothing.
 struct DocumentedExample {
     std::string code;
     std::string output;
@@ -25,7 +25,7 @@ struct DocumentSection {
 /// Reads a document line by line.
 class SectionReader {
 public:
-    /// @param heading  with what the line of a section begins; all up to the first one is passed over.
+    /// @param heading  how the heading of a section begins; everything up to the first one is skipped.
     explicit SectionReader(std::string heading) : m_heading(std::move(heading)) {}
 
     std::vector<DocumentSection> Read(const std::string &text) {
@@ -64,7 +64,7 @@ private:
 
     std::string m_heading;
     std::vector<DocumentSection> m_sections;
-    std::string *m_block = nullptr;  ///< What the lines of the present block are added to.
+    std::string *m_block = nullptr;  ///< The block that lines are added to.
     bool m_isFenced = false;
     bool m_isBelowExample = false;
 };
@@ -86,7 +86,7 @@ std::string WithoutCarriageReturns(std::string text) {
     return text;
 }
 
-/// Runs the examples, and compares what they print. @return how many there were.
+/// Runs the examples, and compares their output. @return how many there were.
 std::size_t RunExamples(const std::vector<DocumentSection> &sections) {
     std::size_t count = 0;
     for (const DocumentSection &section : sections) {
@@ -114,12 +114,12 @@ TEST(LuaDocument, HasAnExampleForEachFunctionThatCallsIt) {
     }
 }
 
-TEST(LuaDocument, HasExamplesThatPrintWhatStandsBelowThem) {
+TEST(LuaDocument, HasExamplesWithTheirActualOutput) {
     const std::vector<DocumentSection> sections = FunctionSections();
     ASSERT_FALSE(sections.empty());
     EXPECT_GE(RunExamples(sections), sections.size());
 }
 
-TEST(InstallationDocument, HasAnExampleThatPrintsWhatStandsBelowIt) {
+TEST(InstallationDocument, HasAnExampleWithItsActualOutput) {
     EXPECT_EQ(RunExamples(InstallationSections()), 1U);
 }

@@ -49,7 +49,7 @@ protected:
             answer.error = GetLastError();
         return answer;
     }
-    /// A query by a handle of its own.
+    /// A query through a new handle.
     static Answer Ask(ULONG id, DWORD size = 16, DWORD code = IOCTL_NDIS_QUERY_GLOBAL_STATS) {
         const HANDLE device = Open();
         const Answer answer = Query(device, id, size, code);
@@ -83,7 +83,7 @@ TEST_F(SimulatedAdapterDevices, MayRefuseToBeOpened) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
-TEST_F(SimulatedAdapterDevices, LeaveFilesAndOtherHandlesAlone) {
+TEST_F(SimulatedAdapterDevices, DoNotAffectFilesAndOtherHandles) {
     std::array<wchar_t, MAX_PATH> path{};
     GetModuleFileNameW(nullptr, path.data(), MAX_PATH);
     const HANDLE file = Open(path.data());
@@ -95,7 +95,7 @@ TEST_F(SimulatedAdapterDevices, LeaveFilesAndOtherHandlesAlone) {
     EXPECT_TRUE(CloseHandle(file));
 }
 
-TEST_F(SimulatedAdapterDevices, TellTheAddress) {
+TEST_F(SimulatedAdapterDevices, ReportTheAddress) {
     const Answer answer = Ask(OID_802_3_CURRENT_ADDRESS);
     EXPECT_EQ(answer.error, kSuccess);
     EXPECT_EQ(answer.used, 6U);
@@ -103,7 +103,7 @@ TEST_F(SimulatedAdapterDevices, TellTheAddress) {
     EXPECT_EQ(Ask(OID_802_3_CURRENT_ADDRESS, 5).error, static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
 }
 
-TEST_F(SimulatedAdapterDevices, TellWhetherTheyAreConnected) {
+TEST_F(SimulatedAdapterDevices, ReportWhetherTheyAreConnected) {
     EXPECT_EQ(Ask(OID_GEN_MEDIA_CONNECT_STATUS, 4).As<DWORD>(), 0U);
     network.ChangeAdapter(kNode, [](NetworkAdapter &adapter) { adapter.mediaStatus = 1; });
     const Answer disconnected = Ask(OID_GEN_MEDIA_CONNECT_STATUS, 4);
@@ -115,7 +115,7 @@ TEST_F(SimulatedAdapterDevices, TellWhetherTheyAreConnected) {
     EXPECT_EQ(unknown.used, 0U);
 }
 
-TEST_F(SimulatedAdapterDevices, TellTheFramesInAsManyBytesAsTheAdapterHas) {
+TEST_F(SimulatedAdapterDevices, ReportTheFramesInAsManyBytesAsTheAdapterHas) {
     EXPECT_EQ(Ask(OID_GEN_RCV_OK, 8).As<std::uint64_t>(), 0x1'0000'0002U);
     EXPECT_EQ(Ask(OID_GEN_RCV_OK, 4).As<std::uint64_t>(), 2U) << "the lower half";
     network.ChangeAdapter(kNode, [](NetworkAdapter &adapter) { adapter.framesSize = 4; });
@@ -127,7 +127,7 @@ TEST_F(SimulatedAdapterDevices, TellTheFramesInAsManyBytesAsTheAdapterHas) {
     EXPECT_EQ(Ask(OID_GEN_RCV_OK, 8).error, static_cast<DWORD>(ERROR_GEN_FAILURE));
 }
 
-TEST_F(SimulatedAdapterDevices, AnswerNothingElse) {
+TEST_F(SimulatedAdapterDevices, SupportNoOtherQueries) {
     EXPECT_EQ(Ask(OID_GEN_SUPPORTED_LIST).error, static_cast<DWORD>(ERROR_NOT_SUPPORTED));
     EXPECT_EQ(Ask(OID_GEN_RCV_OK, 8, FSCTL_GET_COMPRESSION).error, static_cast<DWORD>(ERROR_INVALID_FUNCTION));
     const HANDLE device = Open();

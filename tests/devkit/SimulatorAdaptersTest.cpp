@@ -120,7 +120,7 @@ TEST_F(SimulatedAdapters, AreListedOnlyByAnInitialisedEngine) {
     EXPECT_EQ(engine->EnumComponents(&GUID_DEVCLASS_NET, nullptr), E_POINTER);
 }
 
-TEST_F(SimulatedAdapters, CanBePassedOverInAListAndReadAgain) {
+TEST_F(SimulatedAdapters, CanBeSkippedInAListAndReadAgain) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     const auto list = Enumerate(engine);
     ComPtr<INetCfgComponent> component;
@@ -142,7 +142,7 @@ TEST_F(SimulatedAdapters, CanBePassedOverInAListAndReadAgain) {
     EXPECT_EQ(list.As(&none), E_NOINTERFACE);
 }
 
-TEST_F(SimulatedAdapters, VanishFromTheListsThatAreMadeLater) {
+TEST_F(SimulatedAdapters, AreMissingFromListsMadeAfterTheyVanish) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     const auto list = Enumerate(engine);
     network.RemoveAdapter(L"pci\\card\\1");
@@ -156,14 +156,14 @@ TEST_F(SimulatedAdapters, VanishFromTheListsThatAreMadeLater) {
     EXPECT_EQ(BindNames(engine), (Names{L"{two}", L"{new}"}));
 }
 
-TEST_F(SimulatedAdapters, CanBeChangedWhileTheyAreThere) {
+TEST_F(SimulatedAdapters, CanBeChangedWhileTheyExist) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     EXPECT_TRUE(network.ChangeAdapter(L"pci\\card\\1", [](NetworkAdapter &it) { it.bindName = L"{other}"; }));
     EXPECT_FALSE(network.ChangeAdapter(L"none", [](NetworkAdapter &) { FAIL(); }));
     EXPECT_EQ(BindNames(engine), (Names{L"{other}", L"{two}"}));
 }
 
-TEST_F(SimulatedAdapters, MeetTheFaultPlansCallByCall) {
+TEST_F(SimulatedAdapters, AreSubjectToFaultPlansCallByCall) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     (void)journal().Take();
     (void)faults().FailNth("IEnumNetCfgComponent::Next", 2, static_cast<DWORD>(E_OUTOFMEMORY));

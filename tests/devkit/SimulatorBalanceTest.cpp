@@ -23,7 +23,7 @@ using namespace SimulatorTest;
 
 namespace {
 
-// By volatile pointers, since the compiler may leave out a block that nobody looks at.
+// Through volatile pointers, since the compiler may optimise an unused block away.
 void *(*volatile Allocate)(std::size_t) = [](std::size_t size) { return std::malloc(size); };
 void (*volatile Release)(void *) = [](void *block) { std::free(block); };
 void *(*volatile Resize)(void *, std::size_t) = [](void *block, std::size_t size) {
@@ -76,7 +76,7 @@ TEST_F(Balanced, CountsABlockUntilItIsFreed) {
     EXPECT_EQ(Difference(before), "");
 }
 
-TEST_F(Balanced, SaysWhatIsLeft) {
+TEST_F(Balanced, ReportsWhatIsLeft) {
     const BalanceSnapshot before = balance.Take();
     void *block = Allocate(123);
     const std::string difference = Difference(before);
@@ -92,7 +92,7 @@ TEST_F(Balanced, SaysWhatIsLeft) {
     EXPECT_EQ(difference.find('\n'), difference.size() - 1) << "one line";
 }
 
-TEST_F(Balanced, SaysWhatHasGone) {
+TEST_F(Balanced, ReportsWhatWasReleased) {
     void *block = Allocate(123);
     const BalanceSnapshot before = balance.Take();
     Release(block);
@@ -101,7 +101,7 @@ TEST_F(Balanced, SaysWhatHasGone) {
     EXPECT_TRUE(Balance::Left(before, balance.Take()).empty());
 }
 
-TEST_F(Balanced, NamesAModuleThatWasUnloadedSince) {
+TEST_F(Balanced, NamesAModuleThatWasUnloadedMeanwhile) {
     LibraryCopy library(L"libwinpthread-1.dll");
     set.AttachWhenLoaded(library.Name());
     const BalanceSnapshot before = balance.Take();
@@ -156,7 +156,7 @@ TEST_F(Balanced, CountsAllKindsOfAllocation) {
     EXPECT_EQ(Difference(before), "");
 }
 
-TEST_F(Balanced, TellsWhoAskedForNew) {
+TEST_F(Balanced, ReportsWhoCalledNew) {
     const BalanceSnapshot before = balance.Take();
     char *made = New(1'000);
     const std::string difference = Difference(before);
@@ -174,7 +174,7 @@ TEST_F(Balanced, CountsWhatWxAllocates) {
     EXPECT_EQ(Difference(before), "");
 }
 
-TEST_F(Balanced, LeavesBlocksFromElsewhereToTheRealFunctions) {
+TEST_F(Balanced, PassesForeignBlocksToTheRealFunctions) {
     void *block = nullptr;
     {
         const InsideSimulator inside;
@@ -240,7 +240,7 @@ TEST_F(Balanced, CountsHandles) {
     EXPECT_EQ(LeftSince(before, Kind::kHandle), 0U);
 }
 
-TEST_F(Balanced, DoesNotCountWhatCouldNotBeMade) {
+TEST_F(Balanced, DoesNotCountFailedAllocations) {
     const BalanceSnapshot before = balance.Take();
     EXPECT_EQ(CreateFileW(L"C:\\no\\such", 0, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
@@ -323,7 +323,7 @@ TEST_F(Balanced, CountsFilesAndSearches) {
     EXPECT_EQ(Difference(before), "");
 }
 
-TEST_F(Balanced, CountsWhatAModelMakes) {
+TEST_F(Balanced, CountsTheResourcesOfAModel) {
     const BalanceSnapshot before = balance.Take();
     balance.Opened("service", 17, "OpenServiceW");
     EXPECT_EQ(balance.Take().Count("service"), 1U);
@@ -364,7 +364,7 @@ TEST_F(Balanced, FailsNewWithAnException) {
     EXPECT_EQ(Difference(before), "");
 }
 
-TEST_F(Balanced, LeavesABlockAloneThatCouldNotGrow) {
+TEST_F(Balanced, KeepsABlockThatCouldNotGrow) {
     char *block = static_cast<char *>(Allocate(10));
     std::strcpy(block, "text");
     const BalanceSnapshot before = balance.Take();
@@ -375,7 +375,7 @@ TEST_F(Balanced, LeavesABlockAloneThatCouldNotGrow) {
     Release(block);
 }
 
-TEST_F(Balanced, FailsAllocationsOfTheNamedModuleAlone) {
+TEST_F(Balanced, FailsAllocationsOfTheNamedModuleOnly) {
     const auto fault = balance.FailAllocation(1, WxLibrary());
     void *block = Allocate(10);
     EXPECT_NE(block, nullptr);
@@ -386,7 +386,7 @@ TEST_F(Balanced, FailsAllocationsOfTheNamedModuleAlone) {
     EXPECT_FALSE(fault->Hit()) << "cancelled";
 }
 
-TEST_F(Balanced, LeavesOperatorsNewAloneWhereTheyDoNotCount) {
+TEST_F(Balanced, DoesNotFailOperatorNewIfItDoesNotCount) {
     const auto fault = balance.FailAllocation(1, nullptr, GetCurrentThreadId(), false);
     void *const fromNew = New(10);
     EXPECT_FALSE(fault->Hit());
@@ -395,7 +395,7 @@ TEST_F(Balanced, LeavesOperatorsNewAloneWhereTheyDoNotCount) {
     EXPECT_TRUE(fault->Hit());
 }
 
-TEST_F(Balanced, FailsAllocationsOfTheNamedThreadAlone) {
+TEST_F(Balanced, FailsAllocationsOfTheNamedThreadOnly) {
     const auto fault = balance.FailAllocation(1, nullptr, GetCurrentThreadId());
     void *other = nullptr;
     {
@@ -408,7 +408,7 @@ TEST_F(Balanced, FailsAllocationsOfTheNamedThreadAlone) {
     EXPECT_FALSE(fault->Hit());
 }
 
-TEST_F(Balanced, TakesHundredsOfThousandsOfCallsInSeconds) {
+TEST_F(Balanced, HandlesHundredsOfThousandsOfCallsInSeconds) {
     const BalanceSnapshot before = balance.Take();
     const double begin = ProcessorMs();
     std::vector<void *> blocks(1'000);
@@ -425,7 +425,7 @@ TEST_F(Balanced, TakesHundredsOfThousandsOfCallsInSeconds) {
     EXPECT_EQ(balance.Take().blocks, before.blocks);
 }
 
-TEST_F(Balanced, KeepsItsBooksUnderManyThreads) {
+TEST_F(Balanced, CountsCorrectlyUnderManyThreads) {
     const BalanceSnapshot before = balance.Take();
     {
         const auto work = [] {

@@ -76,7 +76,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedBindings, TellWhatIsBoundToAnAdapter) {
+TEST_F(SimulatedBindings, ReportWhatIsBoundToAnAdapter) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     EXPECT_EQ(IsBound(engine, L"ms_tcpip", 0), S_OK);
     EXPECT_EQ(IsBound(engine, L"ms_tcpip", 1), S_FALSE) << "no binding";
@@ -106,7 +106,7 @@ TEST_F(SimulatedBindings, ArePathsUpFromAnAdapterAndDownFromAComponent) {
     EXPECT_EQ(BindingsOf(adapters[0])->EnumBindingPaths(EBP_ABOVE, nullptr), E_POINTER);
 }
 
-TEST_F(SimulatedBindings, AreThereWhileBothTheirEndsAre) {
+TEST_F(SimulatedBindings, ExistWhileBothTheirEndsExist) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     const auto path = FilterPath(engine);
     const auto ends = InterfaceOf(path);
@@ -121,7 +121,7 @@ TEST_F(SimulatedBindings, AreThereWhileBothTheirEndsAre) {
     EXPECT_EQ(path->IsEnabled(), NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT) << "it is another adapter";
 }
 
-TEST_F(SimulatedBindings, GoWithTheirComponentForGood) {
+TEST_F(SimulatedBindings, AreRemovedForGoodWithTheirComponent) {
     const ComPtr<INetCfg> engine = CreateLocked();
     EXPECT_EQ(DeInstall(engine, L"filter"), S_OK);
     network.Put({.id = L"filter"});
@@ -145,7 +145,7 @@ TEST_F(SimulatedBindings, ChangeAtOnceForTheEngineAndWithApplyForTheMachine) {
     EXPECT_EQ(network.Binding(kCard, L"filter"), true);
 }
 
-TEST_F(SimulatedBindings, KeepNothingOfAnEngineThatGoesWithoutApply) {
+TEST_F(SimulatedBindings, DiscardTheChangesOfAnEngineWithoutApply) {
     for (const bool cancels : {false, true}) {
         const ComPtr<INetCfg> engine = CreateLocked();
         const auto path = FilterPath(engine);
@@ -164,7 +164,7 @@ TEST_F(SimulatedBindings, KeepNothingOfAnEngineThatGoesWithoutApply) {
     }
 }
 
-TEST_F(SimulatedBindings, StayAsTheyAreWhenApplyFails) {
+TEST_F(SimulatedBindings, AreUnchangedWhenApplyFails) {
     const ComPtr<INetCfg> engine = CreateLocked();
     EXPECT_EQ(FilterPath(engine)->Enable(FALSE), S_OK);
     network.Use([](NetworkState &state) { state.applyResult = E_FAIL; });
@@ -178,7 +178,7 @@ TEST_F(SimulatedBindings, StayAsTheyAreWhenApplyFails) {
     EXPECT_EQ(network.Binding(kCard, L"filter"), false);
 }
 
-TEST_F(SimulatedBindings, ChangeUnderTheWriteLockAlone) {
+TEST_F(SimulatedBindings, ChangeOnlyUnderTheWriteLock) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     EXPECT_EQ(FilterPath(engine)->Enable(FALSE), NETCFG_E_NO_WRITE_LOCK);
     EXPECT_EQ(FilterPath(engine)->IsEnabled(), S_OK);
@@ -194,7 +194,7 @@ TEST_F(SimulatedBindings, FailToChangeAsPlanned) {
     EXPECT_EQ(path->IsEnabled(), S_FALSE);
 }
 
-TEST_F(SimulatedBindings, TellTheMomentsOfTheirChanges) {
+TEST_F(SimulatedBindings, ReportTheMomentsOfTheirChanges) {
     std::vector<NetworkMoment> moments;
     network.OnMoment([&](const NetworkMoment &moment) { moments.push_back(moment); });
     const ComPtr<INetCfg> engine = CreateLocked();
@@ -214,7 +214,7 @@ TEST_F(SimulatedBindings, TellTheMomentsOfTheirChanges) {
     EXPECT_EQ(moments[1].what, NetworkMoment::What::BindingEnabled);
 }
 
-TEST_F(SimulatedBindings, HaveObjectsThatKnowTheirInterfacesAndAreCounted) {
+TEST_F(SimulatedBindings, HaveCountedObjectsWithTheirInterfaces) {
     {
         const ComPtr<INetCfg> engine = CreateInitialised();
         const auto component = Find(engine, L"filter");

@@ -50,7 +50,7 @@ std::uint64_t FileTimeNow() {
     return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
 
-/// What the real clocks tell.
+/// What the real clocks report.
 struct RealReadings {
     static RealReadings Now() {
         const InsideSimulator inside;
@@ -60,11 +60,11 @@ struct RealReadings {
     double wallMs;
 };
 
-/// This program's time functions are redirected, and those of wxWidgets.
+/// The time functions of this program and of wxWidgets are redirected.
 class SimulatedClock : public ::testing::Test {
 protected:
     SimulatedClock() {
-        // Beneath the clock: so long it really waits. The sums are rounded up, wait by wait.
+        // Below the clock: how long it really waits. The sums are rounded up, wait by wait.
         set.Put<System::Sleep>([this](const auto &next, DWORD ms) {
             realMs += ms;
             next(ms);
@@ -80,7 +80,7 @@ protected:
     }
 
     const RealReadings realBefore = RealReadings::Now();
-    const RealTime real;  ///< Since before the clock was made.
+    const RealTime real;  ///< Since before the clock was created.
     std::atomic<DWORD> realMs{0};
     std::shared_ptr<Core> core = std::make_shared<Core>();
     Clock &clock = core->clock;
@@ -109,11 +109,11 @@ private:
 
 }  // namespace
 
-TEST_F(SimulatedClock, StartsAsTheRealOne) {
+TEST_F(SimulatedClock, StartsAtTheRealTime) {
     const auto tick = double(GetTickCount64());
     const double wall = double(FileTimeNow()) / 1e4;
     const auto seconds = double(_time64(nullptr));
-    // The system may renew the readings of its clocks late, but it does not set them back.
+    // The system may update its clocks late, but it does not set them back.
     const double elapsed = real.ElapsedMs();
     const RealReadings after = RealReadings::Now();
     EXPECT_GE(tick, realBefore.tickMs - 1);
@@ -141,7 +141,7 @@ TEST_F(SimulatedClock, SleepsLessInFastMode) {
 
 TEST_F(SimulatedClock, KeepsTheRatioOfAllItsReadingsInFastMode) {
     clock.RunFast(20);
-    const RealTime outer;  // begins before the first readings, and ends behind the last
+    const RealTime outer;  // from before the first readings to after the last
     const std::uint64_t tick = GetTickCount64();
     const std::uint64_t wall = FileTimeNow();
     const std::int64_t counter = CounterMs();
@@ -255,7 +255,7 @@ TEST_F(SimulatedClock, PollsWithoutWaitingWhenTheTimeoutIsZero) {
     EXPECT_EQ(WaitForSingleObject(event.Handle(), INFINITE), static_cast<DWORD>(WAIT_OBJECT_0));
 }
 
-TEST_F(SimulatedClock, AdvancesBySleepsIfTold) {
+TEST_F(SimulatedClock, AdvancesBySleepsIfConfigured) {
     clock.Step(Clock::AutoAdvance::Sleeps);
     const std::uint64_t tick = GetTickCount64();
     for (int i = 0; i < 24; ++i)
@@ -265,7 +265,7 @@ TEST_F(SimulatedClock, AdvancesBySleepsIfTold) {
     EXPECT_EQ(realMs, 0U);
 }
 
-TEST_F(SimulatedClock, AdvancesForAFollowerWhileItSleepsAlone) {
+TEST_F(SimulatedClock, AdvancesForAFollowerOnlyWhileItSleeps) {
     clock.Step();
     EXPECT_TRUE(clock.AdvanceIfFollowerSleeps(1s)) << "there is none";
     const std::uint64_t tick = GetTickCount64();
@@ -284,7 +284,7 @@ TEST_F(SimulatedClock, AdvancesForAFollowerWhileItSleepsAlone) {
     EXPECT_EQ(GetTickCount64() - tick, 60'000U) << "its sleeps have moved nothing";
 }
 
-TEST_F(SimulatedClock, AdvancesByWaitsIfTold) {
+TEST_F(SimulatedClock, AdvancesByWaitsIfConfigured) {
     clock.Step(Clock::AutoAdvance::SleepsAndWaits);
     const TestEvent event;
     const std::uint64_t tick = GetTickCount64();
@@ -339,7 +339,7 @@ TEST_F(SimulatedClock, DoesNotWakeSleepersByTheWallClock) {
     EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
-TEST_F(SimulatedClock, TellsTheCalendarTime) {
+TEST_F(SimulatedClock, ReportsTheCalendarTime) {
     clock.Step();
     clock.SetWallClockUnix(1'000'000'000);
     SYSTEMTIME time{};
@@ -377,7 +377,7 @@ TEST_F(SimulatedClock, NoticesAChangeOfModeWithinASleep) {
     EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
-TEST_F(SimulatedClock, GoesOnFromWhereItWasWhenTheModeChanges) {
+TEST_F(SimulatedClock, ContinuesFromTheSameTimeWhenTheModeChanges) {
     clock.RunFast(1'000);
     {
         const InsideSimulator inside;
@@ -409,11 +409,11 @@ TEST_F(SimulatedClock, DoesNotCountAKilledThreadAsWaiting) {
     EXPECT_TRUE(next.Join(kPatienceMs)) << "no lock was left taken";
 }
 
-TEST_F(SimulatedClock, SaysWhenNobodyComesToWait) {
+TEST_F(SimulatedClock, ReportsWhenNobodyWaits) {
     EXPECT_FALSE(clock.AwaitWaiting(1, 10));
 }
 
-TEST_F(SimulatedClock, LiesUnderWx) {
+TEST_F(SimulatedClock, AppliesToWx) {
     clock.Step(Clock::AutoAdvance::Sleeps);
     clock.SetWallClockUnix(1'000'000'000);
     const wxStopWatch watch;
@@ -448,7 +448,7 @@ TEST(Clock, EndsAllWaitsWithTheSimulation) {
     EXPECT_TRUE(thread.Join(kPatienceMs));
 }
 
-TEST(Clock, LiesUnderTheCRuntimeForModulesThatAreNotAttached) {
+TEST(Clock, AppliesToTheCRuntimeForModulesThatAreNotAttached) {
     __time64_t (*volatile now)() = [] { return _time64(nullptr); };
     const __time64_t real = now();
     {

@@ -1,4 +1,4 @@
-// What all simulated COM objects have in common, seen at those of the network configuration.
+// What all simulated COM objects have in common, tested with those of the network configuration.
 #include "ComObject.h"
 
 #include <memory>
@@ -21,7 +21,7 @@ DWORD Code(HRESULT result) {
 
 }  // namespace
 
-TEST_F(SimulatedObjects, CountEachReferenceUnderTheCallThatGaveIt) {
+TEST_F(SimulatedObjects, CountEachReferenceUnderTheCallThatReturnedIt) {
     network.Put({.id = L"filter"});
     {
         ComPtr<INetCfg> engine = CreateInitialised();
@@ -53,7 +53,7 @@ TEST_F(SimulatedObjects, CountReferencesAsComDoes) {
     EXPECT_EQ(engine.Reset(), 0U);
 }
 
-TEST_F(SimulatedObjects, AreOneBehindAllTheirInterfaces) {
+TEST_F(SimulatedObjects, AreTheSameObjectBehindAllTheirInterfaces) {
     ComPtr<INetCfg> engine = Create();
     const ComPtr<INetCfgLock> lock = LockOf(engine);
     ComPtr<IUnknown> fromEngine;
@@ -68,7 +68,7 @@ TEST_F(SimulatedObjects, AreOneBehindAllTheirInterfaces) {
     EXPECT_EQ(fromLock, fromEngine);
 }
 
-TEST_F(SimulatedObjects, TakeNoMemoryOfTheProgram) {
+TEST_F(SimulatedObjects, UseNoMemoryOfTheProgram) {
     network.Put({.id = L"filter"});
     const BalanceSnapshot before = simulation->GetBalance().Take();
     {
@@ -79,7 +79,7 @@ TEST_F(SimulatedObjects, TakeNoMemoryOfTheProgram) {
     EXPECT_EQ(simulation->GetBalance().Difference(before, simulation->GetBalance().Take()), "");
 }
 
-TEST_F(SimulatedObjects, FailAsPlannedAlsoWithTheCodeOfASuccess) {
+TEST_F(SimulatedObjects, FailAsPlannedEvenWithASuccessCode) {
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> engine = CreateInitialised();
     for (const HRESULT code : {E_ACCESSDENIED, S_FALSE, NETCFG_S_REBOOT, S_OK}) {
@@ -108,7 +108,7 @@ TEST_F(SimulatedObjects, FailQueriesUnderTheNameOfTheInterface) {
     EXPECT_NE(LockOf(engine), nullptr);
 }
 
-TEST_F(SimulatedObjects, AreAmongAllThatCanFail) {
+TEST_F(SimulatedObjects, AreIncludedInAllThatCanFail) {
     const ComPtr<INetCfg> engine = Create();
     const auto plan = faults().FailNthOfAny(2, Code(E_ABORT));
     EXPECT_EQ(engine->Initialize(nullptr), S_OK);

@@ -22,7 +22,7 @@ class SimulatedCom : public ::testing::Test {
 protected:
     SimulatedCom() { (void)simulation.Attach(ThisProgram()); }
 
-    /// Runs in a thread of its own, whose model nobody has set.
+    /// Runs in a new thread, whose model is not set.
     static void InThread(const std::function<void()> &body) { const TestThread thread(body); }
     static HRESULT Create(IUnknown **object, REFIID iid = IID_INetCfg, DWORD context = CLSCTX_INPROC_SERVER,
                           IUnknown *outer = nullptr) {
@@ -50,7 +50,7 @@ TEST_F(SimulatedCom, InitialisesAThreadForOneModelAndCountsIt) {
     EXPECT_EQ(Initialisations(), 0U);
 }
 
-TEST_F(SimulatedCom, RefusesTheMultithreadedModelWhereThreadsHaveApartments) {
+TEST_F(SimulatedCom, RefusesTheMultithreadedModelIfThreadsHaveApartments) {
     simulation.GetCom().threadsHaveApartments = true;
     InThread([this] {
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), RPC_E_CHANGED_MODE);
@@ -73,7 +73,7 @@ TEST_F(SimulatedCom, CreatesNothingInAThreadWithoutAModel) {
     CoUninitialize();
 }
 
-TEST_F(SimulatedCom, CreatesInAThreadWhoseApartmentIsAnothers) {
+TEST_F(SimulatedCom, CreatesInAThreadThatUsesAnExistingApartment) {
     simulation.GetCom().threadsHaveApartments = true;
     InThread([] {
         IUnknown *object = nullptr;
@@ -82,7 +82,7 @@ TEST_F(SimulatedCom, CreatesInAThreadWhoseApartmentIsAnothers) {
     });
 }
 
-TEST_F(SimulatedCom, CreatesSimulatedClassesAloneAndInTheProcess) {
+TEST_F(SimulatedCom, CreatesSimulatedClassesOnlyInProcessAndWithoutAggregation) {
     InThread([] {
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
         IUnknown *object = nullptr;

@@ -87,7 +87,7 @@ TEST_F(SimulatedDeviceChanges, FailWithTheErrorThatTheDeviceHas) {
     EXPECT_EQ(devices.Changes().size(), 1U);
 }
 
-TEST_F(SimulatedDeviceChanges, WantParametersThatAreRight) {
+TEST_F(SimulatedDeviceChanges, RequireValidParameters) {
     EXPECT_EQ(Call(), static_cast<DWORD>(ERROR_NO_CLASSINSTALL_PARAMS));
     SP_PROPCHANGE_PARAMS parameters = Parameters(DICS_DISABLE, DICS_FLAG_GLOBAL);
     EXPECT_EQ(Set(parameters, sizeof parameters - 1), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
@@ -106,7 +106,7 @@ TEST_F(SimulatedDeviceChanges, WantParametersThatAreRight) {
     EXPECT_EQ(Call(), kSuccess);
 }
 
-TEST_F(SimulatedDeviceChanges, TellWhoIsToActOnThem) {
+TEST_F(SimulatedDeviceChanges, NotifyTheObserver) {
     std::vector<DeviceChange> seen;
     devices.OnChange([&](const DeviceChange &change) {
         seen.push_back(change);
@@ -120,7 +120,7 @@ TEST_F(SimulatedDeviceChanges, TellWhoIsToActOnThem) {
                                                {kCard, DICS_ENABLE, DICS_FLAG_GLOBAL}}));
 }
 
-TEST_F(SimulatedDeviceChanges, LeaveTheDevicesUsableWhenTheThreadOfAHangingOneIsKilled) {
+TEST_F(SimulatedDeviceChanges, KeepTheDevicesUsableWhenTheThreadOfAHangingOneIsKilled) {
     const FaultPlanHandle hang = simulation.GetFaults().HangNth("SetupDiCallClassInstaller", 1);
     EXPECT_EQ(Set(Parameters(DICS_DISABLE, DICS_FLAG_GLOBAL)), kSuccess);
     {

@@ -33,7 +33,7 @@ protected:
         EXPECT_TRUE(SetupDiEnumDeviceInfo(list, index, &data));
         return data;
     }
-    /// The instance ids in a list, which is destroyed.
+    /// The instance ids in a list, which is then destroyed.
     static std::vector<std::wstring> Ids(HDEVINFO list) {
         std::vector<std::wstring> ids;
         SP_DEVINFO_DATA data{};
@@ -66,7 +66,7 @@ TEST_F(SimulatedDevices, AreListedByClassPresenceAndEnumerator) {
               (Texts{L"ROOT\\MINIPORT\\0000", L"PCI\\DISPLAY\\1"}));
 }
 
-TEST_F(SimulatedDevices, AreReplacedByTheirInstanceIdInAnyCase) {
+TEST_F(SimulatedDevices, AreReplacedByTheirInstanceIdCaseInsensitively) {
     devices.Put({.instanceId = L"root\\one", .present = false});
     devices.Put({.instanceId = L"ROOT\\ONE"});
     EXPECT_EQ(Ids(List(0)), (Texts{L"ROOT\\ONE"}));
@@ -84,7 +84,7 @@ TEST_F(SimulatedDevices, StayInAListThatWasMadeBefore) {
     EXPECT_EQ(Ids(List()), (Texts{L"ROOT\\TWO"}));
 }
 
-TEST_F(SimulatedDevices, TellTheirInstanceIdWhereItFits) {
+TEST_F(SimulatedDevices, ReportTheirInstanceIdIfItFits) {
     devices.Put({.instanceId = L"ROOT\\ONE"});
     const HDEVINFO list = List();
     SP_DEVINFO_DATA data = Data(list);
@@ -104,7 +104,7 @@ TEST_F(SimulatedDevices, TellTheirInstanceIdWhereItFits) {
     EXPECT_TRUE(SetupDiDestroyDeviceInfoList(list));
 }
 
-TEST_F(SimulatedDevices, TellTheirDescriptionWhereTheyHaveOneAndItFits) {
+TEST_F(SimulatedDevices, ReportTheirDescriptionIfItExistsAndFits) {
     devices.Put({.instanceId = L"ROOT\\ONE", .description = L"A card"});
     devices.Put({.instanceId = L"ROOT\\TWO"});
     const HDEVINFO list = List();
@@ -129,7 +129,7 @@ TEST_F(SimulatedDevices, TellTheirDescriptionWhereTheyHaveOneAndItFits) {
     EXPECT_TRUE(SetupDiDestroyDeviceInfoList(list));
 }
 
-TEST_F(SimulatedDevices, CantBeReachedByWrongHandlesOrData) {
+TEST_F(SimulatedDevices, CannotBeAccessedWithWrongHandlesOrData) {
     devices.Put({.instanceId = L"ROOT\\ONE"});
     const HDEVINFO list = List();
     const HDEVINFO other = List();
@@ -149,7 +149,7 @@ TEST_F(SimulatedDevices, CantBeReachedByWrongHandlesOrData) {
     EXPECT_TRUE(SetupDiDestroyDeviceInfoList(list));
 }
 
-TEST_F(SimulatedDevices, CountTheirListsAndNeverUseAHandleAgain) {
+TEST_F(SimulatedDevices, CountTheirListsAndNeverReuseAHandle) {
     std::set<HDEVINFO> lists;
     const auto open = [this] { return simulation.GetBalance().Take().Count(Kind::kDeviceList); };
     for (int i = 0; i < 100; ++i) {
@@ -170,7 +170,7 @@ TEST_F(SimulatedDevices, FailAsPlannedAndAreInTheJournal) {
     EXPECT_EQ(calls[0].arguments, "{4D36E972-E325-11CE-BFC1-08002BE10318}, null, null, 2");
 }
 
-TEST(RealDevices, AnswerAsTheSimulatedOnes) {
+TEST(RealDevices, BehaveLikeTheSimulatedOnes) {
     const auto ask = [] {
         std::vector<DWORD> answers;
         const GUID nobodys{0x6a6f8f5e, 0x11aa, 0x4bd4, {1, 2, 3, 4, 5, 6, 7, 8}};

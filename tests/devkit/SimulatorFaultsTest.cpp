@@ -6,7 +6,7 @@
 
 using namespace Simulator;
 
-TEST(Faults, FailsTheNthCallAlone) {
+TEST(Faults, FailsOnlyTheNthCall) {
     Faults faults;
     const auto plan = faults.FailNth("f", 2, ERROR_ACCESS_DENIED);
     EXPECT_FALSE(faults.Ask("f", true).fails);
@@ -30,7 +30,7 @@ TEST(Faults, FailsEveryCall) {
     EXPECT_EQ(plan->Hits(), 2U);
 }
 
-TEST(Faults, CountsFromTheMakingOfThePlan) {
+TEST(Faults, CountsFromTheCreationOfThePlan) {
     Faults faults;
     (void)faults.Ask("f", true);
     (void)faults.FailNth("f", 1, 5);
@@ -38,7 +38,7 @@ TEST(Faults, CountsFromTheMakingOfThePlan) {
     EXPECT_EQ(faults.Calls("f"), 2U);
 }
 
-TEST(Faults, CountsTheCallsOfOneThreadByTheOrderInWhichThreadsCome) {
+TEST(Faults, NumbersThreadsByTheOrderOfTheirFirstCalls) {
     Faults faults;
     const auto call = [&faults](const char *function) {
         bool fails = false;
@@ -59,7 +59,7 @@ TEST(Faults, CountsTheCallsOfOneThreadByTheOrderInWhichThreadsCome) {
     EXPECT_TRUE(mine->Hit());
 }
 
-TEST(Faults, TellsWhichThreadHangs) {
+TEST(Faults, ReportsWhichThreadHangs) {
     Faults faults;
     const auto plan = faults.HangEvery("f");
     DWORD id = 0;
@@ -92,14 +92,14 @@ TEST(Faults, FailsTheNthOfAChosenSet) {
     EXPECT_TRUE(faults.Ask("g", true).fails);
 }
 
-TEST(Faults, NeverMeetsAPlanToFailWhatCannot) {
+TEST(Faults, NeverFailsAFunctionThatCannotFail) {
     Faults faults;
     const auto plan = faults.FailEvery("Sleep", 5);
     EXPECT_FALSE(faults.Ask("Sleep", false).fails);
     EXPECT_FALSE(plan->Hit());
 }
 
-TEST(Faults, TakesTheCodeOfTheFirstOfSeveralPlans) {
+TEST(Faults, UsesTheCodeOfTheFirstOfSeveralPlans) {
     Faults faults;
     const auto first = faults.FailEvery("f", 5);
     const auto second = faults.FailEvery("f", 6);
@@ -132,7 +132,7 @@ TEST(Faults, HangsUntilThePlanIsReleased) {
     EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
 }
 
-TEST(Faults, WakeThoseWhoWaitForAHitWhenThePlanIsReleased) {
+TEST(Faults, WakesThoseWhoWaitForAHitWhenThePlanIsReleased) {
     Faults faults;
     const auto plan = faults.HangEvery("f");
     bool hit = true;
@@ -143,7 +143,7 @@ TEST(Faults, WakeThoseWhoWaitForAHitWhenThePlanIsReleased) {
     EXPECT_FALSE(hit);
 }
 
-TEST(Faults, ReleasesHungCallsAloneByReleaseHung) {
+TEST(Faults, ReleasesOnlyHungCallsByReleaseHung) {
     Faults faults;
     (void)faults.FailEvery("f", 5);
     faults.ReleaseHung();

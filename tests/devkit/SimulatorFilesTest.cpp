@@ -1,4 +1,4 @@
-// Files by the C runtime and by system calls: what of it can be made to fail, and what becomes of that.
+// Files through the C runtime and through system calls: what can be made to fail, and the effect.
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -151,7 +151,7 @@ TEST_F(SimulatedFiles, AreCopiedAndMovedByMappedPaths) {
     EXPECT_TRUE(simulation.GetFilesInUse().LeftToBoot().empty());
 }
 
-TEST_F(SimulatedFiles, CantBeDeletedOrMovedWhileTheyAreInUse) {
+TEST_F(SimulatedFiles, CannotBeDeletedOrMovedWhileTheyAreInUse) {
     FilesInUse &inUse = simulation.GetFilesInUse();
     WriteText(L"a.txt", "hello");
     inUse.Hold(simulation.GetFolders().ProgramData() / L"A.TXT");
@@ -168,7 +168,7 @@ TEST_F(SimulatedFiles, CantBeDeletedOrMovedWhileTheyAreInUse) {
     EXPECT_FALSE(Exists(L"a.txt"));
 }
 
-TEST_F(SimulatedFiles, AreLeftToTheNextBootWithoutTheRealSystem) {
+TEST_F(SimulatedFiles, AreScheduledForTheNextBootOnlyInTheSimulation) {
     WriteText(L"a.txt", "hello");
     EXPECT_TRUE(MoveFileExW(Path(L"a.txt").c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT));
     EXPECT_TRUE(MoveFileExW(L"X:\\b.txt", Path(L"c.txt").c_str(), MOVEFILE_DELAY_UNTIL_REBOOT));
@@ -184,9 +184,9 @@ TEST_F(SimulatedFiles, AreLeftToTheNextBootWithoutTheRealSystem) {
 }
 
 #if defined(__MINGW32__)
-// MinGW's own fprintf writes letter by letter and does not look at what came of it: a program that wants to know
-// whether its text was written says so by fputs or fwrite.
-TEST_F(SimulatedFiles, LetFprintfTakeAFailureForSuccess) {
+// MinGW's own fprintf writes character by character and ignores failures: a program that wants to know whether its text
+// was written uses fputs or fwrite.
+TEST_F(SimulatedFiles, MakeFprintfReportSuccessForAFailure) {
     FILE *file = Open("w");
     ASSERT_NE(file, nullptr);
     const auto plan = simulation.GetFaults().FailEvery("fputc", ENOSPC);

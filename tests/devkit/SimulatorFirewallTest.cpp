@@ -20,7 +20,7 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-/// A text for COM, and the owner of one that it gives.
+/// A text for COM, and the owner of one that COM returns.
 class Bstr {
 public:
     Bstr() = default;
@@ -95,7 +95,7 @@ TEST_F(SimulatedFirewall, HasASwitchForEachProfile) {
     EXPECT_EQ(firewall.Read(), (FirewallState{.privateProfile = VARIANT_FALSE, .publicProfile = VARIANT_FALSE}));
 }
 
-TEST_F(SimulatedFirewall, RefusesWhatIsNoProfile) {
+TEST_F(SimulatedFirewall, RejectsInvalidProfiles) {
     const ComPtr<INetFwPolicy2> policy = Policy();
     VARIANT_BOOL enabled = 99;
     for (const int profile : {0, 3, 8, 0x7FFFFFFF}) {
@@ -128,7 +128,7 @@ TEST_F(SimulatedFirewall, HasNoPolicyOnAnOldSystem) {
     EXPECT_NE(Policy().Get(), nullptr);
 }
 
-TEST_F(SimulatedFirewall, ListsApplicationsByTheirPathInAnyCase) {
+TEST_F(SimulatedFirewall, ListsApplicationsByTheirPathCaseInsensitively) {
     const ComPtr<INetFwAuthorizedApplications> list = List();
     EXPECT_EQ(list->Add(Entry(L"C:\\a.exe", L"A").Get()), S_OK);
     EXPECT_EQ(list->Add(Entry(L"C:\\b.exe", L"B").Get()), S_OK);
@@ -141,7 +141,7 @@ TEST_F(SimulatedFirewall, ListsApplicationsByTheirPathInAnyCase) {
     EXPECT_EQ(firewall.Read().applications.size(), 1U);
 }
 
-TEST_F(SimulatedFirewall, GivesACopyOfAnEntry) {
+TEST_F(SimulatedFirewall, ReturnsACopyOfAnEntry) {
     firewall.Put({.applications = {{L"C:\\a.exe", L"A", VARIANT_BOOL{5}}}});
     ComPtr<INetFwAuthorizedApplication> entry;
     ASSERT_EQ(List()->Item(Bstr(L"C:\\A.exe").Get(), &entry), S_OK);
@@ -160,7 +160,7 @@ TEST_F(SimulatedFirewall, GivesACopyOfAnEntry) {
     EXPECT_EQ(firewall.Read().applications[0].enabled, VARIANT_FALSE);
 }
 
-TEST_F(SimulatedFirewall, AnswersForWhatIsNotListed) {
+TEST_F(SimulatedFirewall, ReportsUnlistedApplications) {
     const ComPtr<INetFwAuthorizedApplications> list = List();
     const Bstr path(L"C:\\a.exe");
     auto *entry = reinterpret_cast<INetFwAuthorizedApplication *>(0x4711);
@@ -177,7 +177,7 @@ TEST_F(SimulatedFirewall, AnswersForWhatIsNotListed) {
     EXPECT_EQ(empty->put_Name(Bstr(L"").Get()), E_INVALIDARG);
 }
 
-TEST_F(SimulatedFirewall, AnswersNothingElse) {
+TEST_F(SimulatedFirewall, ImplementsNoOtherMethods) {
     const ComPtr<INetFwPolicy2> policy = Policy();
     auto *rules = reinterpret_cast<INetFwRules *>(0x4711);
     EXPECT_EQ(policy->get_Rules(&rules), E_NOTIMPL);
@@ -191,7 +191,7 @@ TEST_F(SimulatedFirewall, AnswersNothingElse) {
     EXPECT_EQ(policy->get_Rules(&rules), E_ACCESSDENIED);
 }
 
-TEST_F(SimulatedFirewall, GivesItsInterfaceIDispatchAndIUnknownAlone) {
+TEST_F(SimulatedFirewall, SupportsOnlyItsInterfaceIDispatchAndIUnknown) {
     const ComPtr<INetFwPolicy2> policy = Policy();
     ComPtr<IDispatch> dispatch;
     EXPECT_EQ(policy.As(&dispatch), S_OK);
@@ -210,7 +210,7 @@ TEST_F(SimulatedFirewall, FailsAsPlannedWithoutAnyEffect) {
     EXPECT_EQ(calls.back().arguments, "4, 0");
 }
 
-TEST_F(SimulatedFirewall, TellsTheNamesOfAllItsMethods) {
+TEST_F(SimulatedFirewall, ListsTheNamesOfAllItsMethods) {
     (void)simulation->GetJournal().Take();
     const ComPtr<INetFwPolicy2> policy = Policy();
     const ComPtr<INetFwMgr> manager = Create<INetFwMgr>(__uuidof(NetFwMgr));
@@ -251,7 +251,7 @@ TEST_F(SimulatedFirewall, HasObjectsThatOutliveIt) {
     EXPECT_EQ(enabled, 99);
 }
 
-TEST_F(SimulatedFirewall, HasTextsThatAreCounted) {
+TEST_F(SimulatedFirewall, CountsItsTexts) {
     const BSTR text = SysAllocString(L"abc");
     EXPECT_EQ(SysStringLen(text), 3U);
     EXPECT_EQ(Count(Kind::kBstr), 1U);

@@ -47,7 +47,7 @@ std::string FirstWord(FILE *file) {
 
 }  // namespace
 
-TEST(SystemFolders, MakesTheFoldersAndRemovesThemWithAllTheyHold) {
+TEST(SystemFolders, CreatesTheFoldersAndRemovesThemWithTheirContents) {
     std::filesystem::path root;
     {
         const SystemFolders folders;
@@ -63,7 +63,7 @@ TEST(SystemFolders, MakesTheFoldersAndRemovesThemWithAllTheyHold) {
     EXPECT_FALSE(std::filesystem::exists(root));
 }
 
-TEST(SystemFolders, MapsWhatIsAtOrBelowAPath) {
+TEST(SystemFolders, MapsAPathAndEverythingBelow) {
     SystemFolders folders;
     folders.MapPath(L"C:\\ProgramData\\Product\\", L"T:\\data");
     EXPECT_EQ(folders.Mapped(L"C:\\ProgramData\\Product"), L"T:\\data");
@@ -82,14 +82,14 @@ TEST(SystemFolders, PrefersTheLongestMapping) {
     EXPECT_EQ(folders.Mapped(L"C:\\A\\X"), L"T:\\short\\X");
 }
 
-TEST(SystemFolders, ForgetsAMappingWhenTheSamePathIsMappedAnew) {
+TEST(SystemFolders, ReplacesAMappingOfTheSamePath) {
     SystemFolders folders;
     folders.MapPath(L"C:\\A", L"T:\\first");
     folders.MapPath(L"c:/a/", L"T:\\second");
     EXPECT_EQ(folders.Mapped(L"C:\\A\\x"), L"T:\\second\\x");
 }
 
-TEST_F(SimulatedFolders, AnswerForTheSystems) {
+TEST_F(SimulatedFolders, ReplaceTheSystemFolders) {
     wchar_t path[MAX_PATH] = L"";
     EXPECT_EQ(GetSystemDirectoryW(path, MAX_PATH), folders.System32().wstring().size());
     EXPECT_EQ(path, folders.System32());
@@ -101,7 +101,7 @@ TEST_F(SimulatedFolders, AnswerForTheSystems) {
     EXPECT_EQ(path, folders.Temp().wstring() + L"\\");
 }
 
-TEST_F(SimulatedFolders, TellTheSizeThatIsNeededAndLeaveASmallBuffer) {
+TEST_F(SimulatedFolders, ReportTheSizeNeededAndKeepASmallBuffer) {
     wchar_t path[4] = L"abc";
     const UINT needed = GetSystemDirectoryW(path, 4);
     EXPECT_EQ(needed, folders.System32().wstring().size() + 1);
@@ -111,7 +111,7 @@ TEST_F(SimulatedFolders, TellTheSizeThatIsNeededAndLeaveASmallBuffer) {
     EXPECT_EQ(GetSystemDirectoryW(exact.data(), needed - 1), needed);
 }
 
-TEST_F(SimulatedFolders, AnswerForTheShellFolders) {
+TEST_F(SimulatedFolders, ReplaceTheShellFolders) {
     wchar_t path[MAX_PATH] = L"";
     ASSERT_EQ(SHGetFolderPathW(nullptr, CSIDL_COMMON_APPDATA | CSIDL_FLAG_CREATE, nullptr, 0, path), S_OK);
     EXPECT_EQ(path, folders.ProgramData());
@@ -125,7 +125,7 @@ TEST_F(SimulatedFolders, AnswerForTheShellFolders) {
     EXPECT_NE(std::wstring(path).find(L"onts"), std::wstring::npos) << "others are the real ones";
 }
 
-TEST_F(SimulatedFolders, AreNotToldWithTheResultThatIsPlanned) {
+TEST_F(SimulatedFolders, AreNotReportedWhenAFailureIsPlanned) {
     wchar_t path[MAX_PATH] = L"";
     (void)core->faults.FailNth("SHGetFolderPathW", 1, ERROR_ACCESS_DENIED);
     (void)core->faults.FailNth("SHGetFolderPathW", 2, static_cast<DWORD>(E_FAIL));
@@ -149,7 +149,7 @@ TEST_F(SimulatedFolders, AreOpenedByTheCRuntime) {
     EXPECT_EQ(fopen("Q:\\other\\a.txt", "r"), nullptr);
 }
 
-TEST_F(SimulatedFolders, AreMadeAndRemovedBySystemCalls) {
+TEST_F(SimulatedFolders, AreCreatedAndRemovedBySystemCalls) {
     folders.MapPath(L"Q:\\fixed", folders.ProgramData());
     ASSERT_TRUE(CreateDirectoryW(L"Q:\\fixed\\sub", nullptr));
     EXPECT_TRUE(std::filesystem::is_directory(folders.ProgramData() / L"sub"));
@@ -172,7 +172,7 @@ TEST_F(SimulatedFolders, AreMadeAndRemovedBySystemCalls) {
     EXPECT_FALSE(std::filesystem::exists(folders.ProgramData() / L"sub"));
 }
 
-TEST_F(SimulatedFolders, LieUnderWx) {
+TEST_F(SimulatedFolders, ApplyToWx) {
     folders.MapPath(L"Q:\\fixed", folders.ProgramData());
     WriteFileAt(folders.ProgramData() / L"a.txt", "hello");
     wxFFile file("Q:\\fixed\\a.txt", "r");
@@ -183,7 +183,7 @@ TEST_F(SimulatedFolders, LieUnderWx) {
     EXPECT_EQ(wxGetOSDirectory(), wxString(folders.Windows().wstring()));
 }
 
-TEST_F(SimulatedFolders, RecordThePathsAsTheyWereAsked) {
+TEST_F(SimulatedFolders, RecordThePathsAsPassedByTheCaller) {
     folders.MapPath(L"Q:\\fixed", folders.ProgramData());
     (void)DeleteFileW(L"Q:\\fixed\\a");
     EXPECT_EQ(core->journal.Take().back().arguments, "\"Q:\\fixed\\a\"");

@@ -16,7 +16,7 @@
 using namespace Simulator;
 using namespace SimulatorTest;
 
-// What a library has that the system is too old for.
+// A function that the real library lacks because the system is too old.
 DWORD WINAPI GetAnswerToEverything();
 namespace Newer {
 SIMULATOR_FUNCTION(GetAnswerToEverything, "KERNEL32.dll", ReturnsZero);
@@ -32,7 +32,7 @@ namespace {
 
 class SimulatedFunctions : public ::testing::Test {
 protected:
-    /// Of this program only the named ones: the test framework is part of it.
+    /// Attaches only the named functions of this program: the test framework is part of it.
     void AttachProgram(const std::set<std::string> &names) { set->Attach(ThisProgram(), names); }
 
     std::shared_ptr<Core> core = std::make_shared<Core>();
@@ -59,12 +59,12 @@ void *CountedCalloc(std::size_t count, std::size_t size) {
     return std::calloc(count, size);
 }
 
-/// Read anew at each call: the compiler keeps an import's address within a function.
+/// Read again at each call: the compiler keeps an import's address within a function.
 DWORD (*volatile ProcessId)() = [] { return GetCurrentProcessId(); };
 
 }  // namespace
 
-TEST_F(SimulatedFunctions, PassThroughRecordsAndCallsTheRealFunction) {
+TEST_F(SimulatedFunctions, AreRecordedAndCallTheRealFunctionByDefault) {
     set->PassThrough<System::RegOpenKeyExW>();
     set->PassThrough<System::RegCloseKey>();
     AttachProgram({"RegOpenKeyExW", "RegCloseKey"});
@@ -86,7 +86,7 @@ TEST_F(SimulatedFunctions, AreRealAgainWhenTheSetEnds) {
     EXPECT_EQ(ProcessId(), real);
 }
 
-TEST_F(SimulatedFunctions, FailWithTheirOwnKindOfFailure) {
+TEST_F(SimulatedFunctions, FailInTheirOwnWay) {
     set->PassThrough<System::RegOpenKeyExW>();
     set->PassThrough<System::CreateFileW>();
     set->PassThrough<System::GetFileAttributesW>();
@@ -131,14 +131,14 @@ TEST_F(SimulatedFunctions, KeepTheLastErrorThatTheCallerHad) {
     EXPECT_EQ(GetLastError(), 1234U);
 }
 
-TEST_F(SimulatedFunctions, HandOverTheLastErrorOfTheRealFunction) {
+TEST_F(SimulatedFunctions, ReturnTheLastErrorOfTheRealFunction) {
     set->PassThrough<System::GetFileAttributesW>();
     SetLastError(0);
     EXPECT_EQ(System::GetFileAttributesW::Replacement(L"C:\\no such file"), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
-TEST_F(SimulatedFunctions, RunTheirLayersFromOutsideIn) {
+TEST_F(SimulatedFunctions, RunTheirLayersFromTheOutermostInwards) {
     std::string order;
     set->Put<Chosen::GetVersion>(
         [&order](const auto &next) {
@@ -179,7 +179,7 @@ TEST_F(SimulatedFunctions, DoNotRecordWhatTheirLayersCall) {
     EXPECT_EQ(core->journal.Count("GetCurrentProcessId"), 1U);
 }
 
-TEST_F(SimulatedFunctions, ReachTheModulesThatWereAttachedBefore) {
+TEST_F(SimulatedFunctions, AffectModulesThatWereAttachedBefore) {
     AttachProgram({"GetCurrentProcessId"});
     set->Put<Chosen::GetCurrentProcessId>([](const auto &) -> DWORD { return 4711; });
     EXPECT_EQ(ProcessId(), 4711U);
@@ -187,7 +187,7 @@ TEST_F(SimulatedFunctions, ReachTheModulesThatWereAttachedBefore) {
     EXPECT_NE(ProcessId(), 4711U);
 }
 
-TEST_F(SimulatedFunctions, ReachTheCallsOfAnotherLibrary) {
+TEST_F(SimulatedFunctions, AffectTheCallsOfAnotherLibrary) {
     set->Put<System::Sleep>([](const auto &, DWORD) {});
     ASSERT_GT(set->Attach(WxLibrary()), 0U);
     wxMilliSleep(20000);
@@ -195,7 +195,7 @@ TEST_F(SimulatedFunctions, ReachTheCallsOfAnotherLibrary) {
     EXPECT_EQ(core->journal.Entries().back().arguments, "20000");
 }
 
-TEST_F(SimulatedFunctions, MayNotBeAddedTwice) {
+TEST_F(SimulatedFunctions, CannotBeAddedTwice) {
     const SimulatedFunction function{"KERNEL32.dll", "GetVersion", nullptr};
     set->Add(function);
     EXPECT_TRUE(set->Knows("GetVersion"));
@@ -203,13 +203,13 @@ TEST_F(SimulatedFunctions, MayNotBeAddedTwice) {
     EXPECT_THROW(set->Add(function), std::logic_error);
 }
 
-TEST_F(SimulatedFunctions, AreOfOneSetAtATime) {
+TEST_F(SimulatedFunctions, BelongToOneSetAtATime) {
     EXPECT_THROW(FunctionSet(std::make_shared<Core>()), std::logic_error);
     set->Put<Chosen::GetVersion>([](const auto &) -> DWORD { return 4711; });
     EXPECT_EQ(Chosen::GetVersion::Replacement(), 4711U) << "the attempt has done no harm";
 }
 
-TEST_F(SimulatedFunctions, ComeOutOfGetProcAddress) {
+TEST_F(SimulatedFunctions, AreReturnedByGetProcAddress) {
     set->Put<Chosen::GetSystemDefaultLangID>([](const auto &) -> LANGID { return 4711; });
     AttachProgram({"GetProcAddress"});
     const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
@@ -220,7 +220,7 @@ TEST_F(SimulatedFunctions, ComeOutOfGetProcAddress) {
     EXPECT_EQ(core->journal.Count("GetProcAddress"), 1U);
 }
 
-TEST_F(SimulatedFunctions, ComeOutOfTheGetProcAddressOfWx) {
+TEST_F(SimulatedFunctions, AreReturnedByTheGetProcAddressOfWx) {
     set->Put<Chosen::GetSystemDefaultLangID>([](const auto &) -> LANGID { return 4711; });
     set->Attach(WxLibrary());
     wxDynamicLibrary kernel(wxS("kernel32.dll"));
@@ -229,7 +229,7 @@ TEST_F(SimulatedFunctions, ComeOutOfTheGetProcAddressOfWx) {
     EXPECT_EQ(found(), 4711);
 }
 
-TEST_F(SimulatedFunctions, ComeOutOfGetProcAddressWhereTheSystemHasNone) {
+TEST_F(SimulatedFunctions, AreReturnedByGetProcAddressIfTheSystemHasNone) {
     set->Put<Newer::GetAnswerToEverything>([](const auto &) -> DWORD { return 42; });
     AttachProgram({"GetProcAddress"});
     const auto found = reinterpret_cast<DWORD(WINAPI *)()>(
@@ -238,13 +238,13 @@ TEST_F(SimulatedFunctions, ComeOutOfGetProcAddressWhereTheSystemHasNone) {
     EXPECT_EQ(found(), 42U);
 }
 
-TEST_F(SimulatedFunctions, FailWhereTheSystemHasNoneAndNoLayerAnswers) {
+TEST_F(SimulatedFunctions, FailIfTheSystemHasNoneAndNoLayerReplacesIt) {
     set->PassThrough<Newer::GetAnswerToEverything>();
     EXPECT_EQ(Newer::GetAnswerToEverything::Replacement(), 0U);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PROC_NOT_FOUND));
 }
 
-TEST_F(SimulatedFunctions, DoNotComeOutOfGetProcAddressForAnotherLibrary) {
+TEST_F(SimulatedFunctions, AreNotReturnedByGetProcAddressForAnotherLibrary) {
     set->PassThrough<System::Sleep>();
     AttachProgram({"GetProcAddress"});
     const HMODULE user = LoadLibraryW(L"user32.dll");
@@ -253,7 +253,7 @@ TEST_F(SimulatedFunctions, DoNotComeOutOfGetProcAddressForAnotherLibrary) {
     FreeLibrary(user);
 }
 
-TEST_F(SimulatedFunctions, LeaveOrdinalsAndUnknownNamesOfGetProcAddressAlone) {
+TEST_F(SimulatedFunctions, DoNotAffectOrdinalsAndUnknownNamesInGetProcAddress) {
     AttachProgram({"GetProcAddress"});
     const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
     const FARPROC real = FindRealFunction("kernel32.dll", "GetVersion");
@@ -262,7 +262,7 @@ TEST_F(SimulatedFunctions, LeaveOrdinalsAndUnknownNamesOfGetProcAddressAlone) {
     EXPECT_EQ(GetProcAddress(kernel, MAKEINTRESOURCEA(0xFFFF)), nullptr);
 }
 
-TEST_F(SimulatedFunctions, CanBeAttachedAgainWhenTheModuleIsLoadedAnew) {
+TEST_F(SimulatedFunctions, CanBeAttachedAgainWhenTheModuleIsReloaded) {
     set->PassThrough<System::Sleep>();
     LibraryCopy library(L"libwinpthread-1.dll");
     for (int round = 0; round < 3; ++round) {
@@ -280,7 +280,7 @@ TEST_F(SimulatedFunctions, CanBeAttachedAgainWhenTheModuleIsLoadedAnew) {
     }
 }
 
-TEST_F(SimulatedFunctions, AreUnderAnAwaitedModuleBeforeItsConstructorsRun) {
+TEST_F(SimulatedFunctions, AreAttachedToAnAwaitedModuleBeforeItsConstructorsRun) {
     set->Add({kCRuntime, "malloc", reinterpret_cast<void *>(&CountedMalloc)});
     set->Add({kCRuntime, "calloc", reinterpret_cast<void *>(&CountedCalloc)});
     LibraryCopy library(L"libwinpthread-1.dll");
@@ -328,7 +328,7 @@ TEST_F(SimulatedFunctions, HangUntilTheThreadIsKilled) {
     EXPECT_EQ(core->journal.Count("GetVersion"), 2U);
 }
 
-TEST_F(SimulatedFunctions, LetGoWhatHangsWhenTheSetEnds) {
+TEST_F(SimulatedFunctions, ReleaseHangingCallsWhenTheSetEnds) {
     int modelled = 0;
     set->Put<Chosen::GetVersion>([&modelled](const auto &) -> DWORD {
         ++modelled;

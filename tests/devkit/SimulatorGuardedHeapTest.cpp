@@ -32,7 +32,7 @@ bool IsReserved(const void *address) {
     return info.State == MEM_RESERVE;
 }
 
-/// Ends a child process by the code of its exception, and without a debugger.
+/// Ends a child process with the code of its exception, without a debugger.
 void ExitByException() {
     SetUnhandledExceptionFilter([](EXCEPTION_POINTERS *pointers) -> LONG {
         (void)fputs("exception\n", stderr);
@@ -52,7 +52,7 @@ void (*volatile Write)(void *, std::size_t) = [](void *block, std::size_t offset
     static_cast<volatile char *>(block)[offset] = 'x';
 };
 
-/// What the counted heap does when it is guarded, in this program and its libraries.
+/// The guarded heap behind the counted functions, in this program and its libraries.
 class GuardedSimulation : public ::testing::Test {
 protected:
     GuardedSimulation() {
@@ -67,7 +67,7 @@ protected:
 
 }  // namespace
 
-TEST(GuardedHeap, ClosesThePageBehindABlock) {
+TEST(GuardedHeap, ProtectsThePageAfterABlock) {
     GuardedHeap heap;
     for (const std::size_t size : {std::size_t{1}, std::size_t{16}, std::size_t{100}, std::size_t{4096},
                                    std::size_t{4097}, std::size_t{100'000}}) {
@@ -83,7 +83,7 @@ TEST(GuardedHeap, ClosesThePageBehindABlock) {
     }
 }
 
-TEST(GuardedHeap, ClosesTheVeryNextByteWithAlignmentOne) {
+TEST(GuardedHeap, ProtectsTheNextByteWithAlignmentOne) {
     GuardedHeap heap;
     heap.Use({.alignment = 1});
     char *block = static_cast<char *>(heap.Allocate(5, 0));
@@ -93,7 +93,7 @@ TEST(GuardedHeap, ClosesTheVeryNextByteWithAlignmentOne) {
     heap.Free(block, 5);
 }
 
-TEST(GuardedHeap, KeepsAnAlignmentThatIsAskedFor) {
+TEST(GuardedHeap, RespectsARequestedAlignment) {
     GuardedHeap heap;
     void *block = heap.Allocate(100, 256);
     ASSERT_NE(block, nullptr);
@@ -101,7 +101,7 @@ TEST(GuardedHeap, KeepsAnAlignmentThatIsAskedFor) {
     heap.Free(block, 100);
 }
 
-TEST(GuardedHeap, ClosesFreedPagesAndDoesNotUseThemAgain) {
+TEST(GuardedHeap, ProtectsFreedPagesAndDoesNotReuseThem) {
     GuardedHeap heap;
     std::vector<void *> freed;
     for (int i = 0; i < 100; ++i) {
@@ -115,7 +115,7 @@ TEST(GuardedHeap, ClosesFreedPagesAndDoesNotUseThemAgain) {
         EXPECT_TRUE(IsReserved(block)) << "closed, its memory given back";
 }
 
-TEST(GuardedHeap, GivesEvenEmptyBlocksAddressesOfTheirOwn) {
+TEST(GuardedHeap, GivesEvenEmptyBlocksUniqueAddresses) {
     GuardedHeap heap;
     void *first = heap.Allocate(0, 0);
     void *second = heap.Allocate(0, 0);
@@ -134,7 +134,7 @@ TEST(GuardedHeap, FillsFreshBlocks) {
     heap.Free(block, 10);
 }
 
-TEST(GuardedHeap, HasNothingForAnAbsurdSize) {
+TEST(GuardedHeap, FailsForAnAbsurdSize) {
     GuardedHeap heap;
     EXPECT_EQ(heap.Allocate(SIZE_MAX - 100, 0), nullptr);
 }
@@ -190,7 +190,7 @@ TEST(GuardedHeapDeathTest, EndsTheProcessWhenItsAddressesAreUsedUp) {
 TEST(GuardedHeapDeathTest, EndsTheProcessWhenTheSystemHasNoMorePages) {
     EXPECT_EXIT(
         {
-            // Committing fails as it does when the system is at its end.
+            // Committing fails as it does when the system runs out of memory.
             const Redirection redirection(
                 ThisProgram(), "VirtualAlloc",
                 reinterpret_cast<void *>(+[](void *, SIZE_T, DWORD, DWORD) -> void * { return nullptr; }));
@@ -218,7 +218,7 @@ TEST_F(GuardedSimulation, GuardsBlocksWhileItIsSwitchedOn) {
     EXPECT_EQ(balance.GuardedBlocks(), guarded - 1);
 }
 
-TEST_F(GuardedSimulation, ServesAllFunctionsOfTheRuntime) {
+TEST_F(GuardedSimulation, SupportsAllAllocationFunctionsOfTheRuntime) {
     const BalanceSnapshot before = balance.Take();
     balance.Guard({});
     auto *cleared = static_cast<unsigned char *>(std::calloc(3, 33));
@@ -267,7 +267,7 @@ TEST_F(GuardedSimulation, CanStillBeFreedWhenTheSimulationHasEnded) {
     EXPECT_TRUE(IsReserved(block));
 }
 
-TEST(GuardedHeapSpeed, TakesTensOfThousandsOfBlocksInSeconds) {
+TEST(GuardedHeapSpeed, HandlesTensOfThousandsOfBlocksInSeconds) {
     GuardedHeap heap;
     const double begin = ProcessorMs();
     std::vector<void *> blocks(1'000);

@@ -23,7 +23,7 @@ DWORD WINAPI OtherTick() {
     return 815;
 }
 
-/// The compiler keeps the import's address for the rest of a function; a call through here reads it anew.
+/// The compiler keeps the import's address for the rest of a function; a call through this reads it again.
 DWORD (*volatile Tick)() = [] { return GetTickCount(); };
 
 DWORD Protection(const void *address) {
@@ -62,7 +62,7 @@ public:
     }
     HMODULE Module() { return reinterpret_cast<HMODULE>(m_bytes.data()); }
 
-    /// Puts a record of one function of "late.dll"; the header's entry is for the test.
+    /// Writes a record of one function of "late.dll"; the test sets the header's entry.
     void AddDelayRecord(std::size_t rva) {
         auto &record = At<IMAGE_DELAYLOAD_DESCRIPTOR>(rva);
         record.Attributes.AllAttributes = 1;
@@ -86,7 +86,7 @@ bool Has(const std::vector<std::string> &names, const char *name) {
 
 }  // namespace
 
-TEST(ModuleImage, KnowsSizeAndExtent) {
+TEST(ModuleImage, ReportsSizeAndExtent) {
     MEMORY_BASIC_INFORMATION info{};
     ASSERT_NE(VirtualQuery(reinterpret_cast<void *>(&FixedTick), &info, sizeof info), 0U);
     EXPECT_EQ(info.AllocationBase, ThisProgram());
@@ -113,7 +113,7 @@ TEST(ModuleImage, ListsExportsThatTheLoaderFinds) {
     EXPECT_TRUE(tick->forwardedTo.empty());
 }
 
-TEST(ModuleImage, TellsWhereAForwarderLeads) {
+TEST(ModuleImage, ReportsTheTargetOfAForwarder) {
     const std::vector<Export> exports = Exports(GetModuleHandleW(L"kernel32.dll"));
     const auto heap =
         std::find_if(exports.begin(), exports.end(), [](const Export &e) { return e.name == "HeapAlloc"; });
@@ -128,7 +128,7 @@ TEST(ModuleImage, SortsExportNamesAndOmitsThoseWithoutName) {
     EXPECT_FALSE(Has(names, ""));
 }
 
-TEST(ModuleImage, StandsAModuleWithoutAnyTable) {
+TEST(ModuleImage, AcceptsAModuleWithoutAnyTable) {
     HandmadeImage image;
     EXPECT_TRUE(Exports(image.Module()).empty());
     EXPECT_TRUE(Imports(image.Module()).empty());
@@ -186,7 +186,7 @@ TEST(ImportTable, ComparesNamesOfLibrariesLoosely) {
     EXPECT_FALSE(SameLibrary(".dll", ""));
 }
 
-TEST(Redirection, LeadsCallsToTheReplacement) {
+TEST(Redirection, DirectsCallsToTheReplacement) {
     const Redirection redirection(ThisProgram(), "GetTickCount", reinterpret_cast<void *>(&FixedTick));
     ASSERT_TRUE(redirection.Found());
     EXPECT_EQ(Tick(), 4711U);
@@ -204,7 +204,7 @@ TEST(Redirection, RestoresTheOriginalWhenItEnds) {
     EXPECT_NE(Tick(), 4711U);
 }
 
-TEST(Redirection, LeavesOtherModulesAlone) {
+TEST(Redirection, DoesNotAffectOtherModules) {
     void **slot = FindSlot(WxLibrary(), "Sleep");
     ASSERT_NE(slot, nullptr);
     void *before = *slot;
@@ -213,7 +213,7 @@ TEST(Redirection, LeavesOtherModulesAlone) {
     EXPECT_EQ(*slot, before);
 }
 
-TEST(Redirection, KeepsToTheLibraryThatIsNamed) {
+TEST(Redirection, AffectsOnlyTheNamedLibrary) {
     const Redirection wrong(ThisProgram(), "GetTickCount", reinterpret_cast<void *>(&FixedTick), "user32.dll");
     EXPECT_FALSE(wrong.Found());
     EXPECT_EQ(wrong.Original(), nullptr);
@@ -227,7 +227,7 @@ TEST(Redirection, ReportsAFunctionThatIsNotImported) {
     EXPECT_FALSE(redirection.Found());
 }
 
-TEST(Redirection, LeavesASlotThatSomebodyElseHasTakenSince) {
+TEST(Redirection, DoesNotRestoreASlotThatWasChangedMeanwhile) {
     void **slot = FindSlot(ThisProgram(), "GetTickCount");
     ASSERT_NE(slot, nullptr);
     std::optional<SlotRedirection> second;
@@ -256,7 +256,7 @@ TEST(Redirection, KeepsTheProtectionOfThePages) {
     EXPECT_TRUE(VirtualProtect(slot, sizeof *slot, before, &before));
 }
 
-TEST(Redirection, OutlivesItsModule) {
+TEST(Redirection, SurvivesItsModule) {
     LibraryCopy library(L"libwinpthread-1.dll");
     const HMODULE module = library.Load();
     ASSERT_NE(module, nullptr);

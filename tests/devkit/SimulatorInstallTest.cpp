@@ -33,7 +33,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedInstallation, PutsTheComponentAndBindsItToEveryAdapter) {
+TEST_F(SimulatedInstallation, AddsTheComponentAndBindsItToEveryAdapter) {
     CanInstall({.component = {.id = L"filter", .deInstallResult = NETCFG_S_REBOOT}});
     network.PutAdapter({.id = L"usb", .bindName = L"{two}", .pnpDevNodeId = L"USB\\1"});
     const ComPtr<INetCfg> engine = CreateLocked();
@@ -50,7 +50,7 @@ TEST_F(SimulatedInstallation, PutsTheComponentAndBindsItToEveryAdapter) {
     EXPECT_TRUE(network.Has(L"filter"));
 }
 
-TEST_F(SimulatedInstallation, AnswersEachAttemptAsItsScriptHasIt) {
+TEST_F(SimulatedInstallation, AnswersEachAttemptAsItsScriptSays) {
     CanInstall({.component = {.id = L"filter"}, .results = {kMarkedForDelete, kMarkedForDelete, NETCFG_S_REBOOT}});
     const ComPtr<INetCfg> engine = CreateLocked();
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -65,7 +65,7 @@ TEST_F(SimulatedInstallation, AnswersEachAttemptAsItsScriptHasIt) {
     EXPECT_EQ(network.Read().components.size(), 3U) << "installed once";
 }
 
-TEST_F(SimulatedInstallation, MayClaimSuccessAndLeaveNothing) {
+TEST_F(SimulatedInstallation, CanReportSuccessAndInstallNothing) {
     CanInstall({.component = {.id = L"filter"}, .leavesNothing = true});
     const ComPtr<INetCfg> engine = CreateLocked();
     INetCfgComponent *component = nullptr;
@@ -74,7 +74,7 @@ TEST_F(SimulatedInstallation, MayClaimSuccessAndLeaveNothing) {
     EXPECT_FALSE(network.Has(L"filter"));
 }
 
-TEST_F(SimulatedInstallation, KnowsTheComponentsOfItsClassAlone) {
+TEST_F(SimulatedInstallation, InstallsOnlyComponentsOfItsClass) {
     CanInstall({.component = {.id = L"protocol", .classGuid = GUID_DEVCLASS_NETTRANS}});
     const ComPtr<INetCfg> engine = CreateLocked();
     EXPECT_EQ(Install(engine, L"none"), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
@@ -110,7 +110,7 @@ TEST_F(SimulatedInstallation, FailsAndHangsAsPlanned) {
     EXPECT_TRUE(network.Has(L"filter"));
 }
 
-TEST_F(SimulatedInstallation, LetsANetworkBreakAndHealByTheProgramsCalls) {
+TEST_F(SimulatedInstallation, LetsANetworkBreakAndRecoverByTheProgramsCalls) {
     using What = NetworkMoment::What;
     CanInstall({.component = {.id = L"filter"}});
     network.OnMoment([this](const NetworkMoment &moment) {

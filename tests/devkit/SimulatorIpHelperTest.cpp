@@ -69,7 +69,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedIpHelper, TellsAnAdaptersAddresses) {
+TEST_F(SimulatedIpHelper, ReportsAnAdaptersAddresses) {
     const IP_ADAPTER_INFO record = Records().front();
     EXPECT_STREQ(record.AdapterName, "{one}");
     EXPECT_STREQ(record.Description, "First");
@@ -95,7 +95,7 @@ TEST_F(SimulatedIpHelper, ChainsTheAdaptersThatItKnows) {
     EXPECT_EQ(records[1].Next, nullptr);
 }
 
-TEST_F(SimulatedIpHelper, ClipsWhatIsTooLongForItsRecord) {
+TEST_F(SimulatedIpHelper, TruncatesWhatIsTooLongForItsRecord) {
     network.ChangeAdapter(L"PCI\\1", [](NetworkAdapter &adapter) {
         adapter.mac.assign(20, 0xFF);
         adapter.displayName = std::wstring(1'000, L'x');
@@ -106,7 +106,7 @@ TEST_F(SimulatedIpHelper, ClipsWhatIsTooLongForItsRecord) {
     EXPECT_EQ(std::strlen(record.Description), sizeof record.Description - 1);
 }
 
-TEST_F(SimulatedIpHelper, WantsABufferThatIsLargeEnough) {
+TEST_F(SimulatedIpHelper, RequiresALargeEnoughBuffer) {
     PutSecond();
     std::array<IP_ADAPTER_INFO, 2> records{};
     ULONG size = 1;
@@ -129,7 +129,7 @@ TEST_F(SimulatedIpHelper, HasNoDataWithoutAdaptersAndRows) {
     EXPECT_EQ(size, 0U);
 }
 
-TEST_F(SimulatedIpHelper, TellsTheArpCacheAndForgetsRows) {
+TEST_F(SimulatedIpHelper, ReportsTheArpCacheAndDeletesRows) {
     network.Use([](NetworkState &state) {
         state.arp = {{7, "10.0.0.200", {1, 2, 3, 4, 5, 6}, MIB_IPNET_TYPE_STATIC},
                      {7, "10.0.0.1", {1}, MIB_IPNET_TYPE_DYNAMIC},
@@ -148,7 +148,7 @@ TEST_F(SimulatedIpHelper, TellsTheArpCacheAndForgetsRows) {
     EXPECT_EQ(Rows(), (Texts{"7 10.0.0.200 6 4", "8 9.0.0.1 0 2"}));
 }
 
-TEST_F(SimulatedIpHelper, WantsRoomForTheWholeArpCache) {
+TEST_F(SimulatedIpHelper, RequiresABufferForTheWholeArpCache) {
     network.Use([](NetworkState &state) { state.arp.resize(3, {1, "10.0.0.1", {}}); });
     alignas(MIB_IPNETTABLE) std::array<char, 512> buffer{};
     auto *table = reinterpret_cast<MIB_IPNETTABLE *>(buffer.data());
@@ -194,8 +194,8 @@ TEST_F(SimulatedIpHelper, FailsAsPlannedAndIsInTheJournal) {
     EXPECT_EQ(journal().Names(), (Texts{"SendARP", "GetAdaptersInfo"}));
 }
 
-// Compared is what no network is needed for.
-TEST(RealIpHelper, AnswersAsTheSimulatedOne) {
+// Compares what needs no network.
+TEST(RealIpHelper, BehavesLikeTheSimulatedOne) {
     const auto ask = [] {
         ULONG size = 0;
         return std::vector<DWORD>{GetAdaptersInfo(nullptr, nullptr), GetIpNetTable(nullptr, nullptr, FALSE),

@@ -35,7 +35,7 @@ TEST(Journal, CountsByName) {
     EXPECT_EQ(journal.Count("three"), 0U);
 }
 
-TEST(Journal, IsEmptyAfterItWasTaken) {
+TEST(Journal, IsEmptyAfterTake) {
     Journal journal;
     journal.Add("one", "");
     EXPECT_EQ(journal.Take().size(), 1U);
@@ -49,7 +49,7 @@ TEST(Journal, PrintsALineForEachCall) {
     EXPECT_EQ(journal.Text(), std::to_string(GetCurrentThreadId()) + ": one(1, \"x\")\n");
 }
 
-TEST(Journal, DoesNotWantWhatIsMuted) {
+TEST(Journal, IgnoresMutedFunctions) {
     Journal journal;
     EXPECT_TRUE(journal.Wants("one"));
     journal.Mute("one");
@@ -57,7 +57,7 @@ TEST(Journal, DoesNotWantWhatIsMuted) {
     EXPECT_TRUE(journal.Wants("two"));
 }
 
-TEST(Journal, WantsNothingOnceAllIsMuted) {
+TEST(Journal, IgnoresEverythingOnceAllIsMuted) {
     Journal journal;
     journal.MuteAll();
     EXPECT_FALSE(journal.Wants("one"));
@@ -100,7 +100,7 @@ TEST(ArgumentText, DoesNotReadWhatTheCallWillFill) {
     EXPECT_EQ(ArgumentText(static_cast<wchar_t *>(buffer)).substr(0, 2), "0x");
 }
 
-TEST(ArgumentText, CutsLongTexts) {
+TEST(ArgumentText, TruncatesLongTexts) {
     const std::wstring text(5000, L'x');
     EXPECT_EQ(ArgumentText(text.c_str()).size(), 262U);
 }

@@ -26,7 +26,7 @@ constexpr PDH_STATUS Status(DWORD code) {
     return static_cast<PDH_STATUS>(code);
 }
 
-/// The functions of pdh.dll, found as a program finds them that does not import them.
+/// The functions of pdh.dll, looked up as by a program that does not import them.
 struct Pdh {
     explicit Pdh(HMODULE library) {
         Find(library, "PdhOpenQueryW", open);
@@ -104,13 +104,13 @@ DWORD Processors() {
 
 }  // namespace
 
-TEST_F(SimulatedMachine, TellsTheLengthOfItsProcessorQueue) {
+TEST_F(SimulatedMachine, ReportsTheLengthOfItsProcessorQueue) {
     EXPECT_EQ(Sample(), 0);
     machine.processorQueue = 17.5;
     EXPECT_EQ(Sample(), 17.5);
 }
 
-TEST_F(SimulatedMachine, TellsQueuesThatNoRealMachineHas) {
+TEST_F(SimulatedMachine, ReportsQueuesThatNoRealMachineHas) {
     machine.processorQueue = -3;
     EXPECT_EQ(Sample(), -3);
     machine.processorQueue = std::numeric_limits<double>::infinity();
@@ -185,7 +185,7 @@ TEST_F(SimulatedMachine, RefusesHandlesOfAClosedQuery) {
     EXPECT_EQ(Format(counter, value), Status(PDH_INVALID_HANDLE));
 }
 
-TEST_F(SimulatedMachine, RefusesHandlesThatAreOfAnotherKind) {
+TEST_F(SimulatedMachine, RefusesHandlesOfAnotherKind) {
     const PDH_HQUERY query = Query();
     const PDH_HCOUNTER counter = Counter(query);
     double value = 0;
@@ -196,7 +196,7 @@ TEST_F(SimulatedMachine, RefusesHandlesThatAreOfAnotherKind) {
     EXPECT_EQ(pdh->close(query), ERROR_SUCCESS);
 }
 
-TEST_F(SimulatedMachine, NeverUsesAHandleAgain) {
+TEST_F(SimulatedMachine, NeverReusesAHandle) {
     std::set<HANDLE> handles;
     for (int i = 0; i < 100; ++i) {
         const PDH_HQUERY query = Query();
@@ -206,7 +206,7 @@ TEST_F(SimulatedMachine, NeverUsesAHandleAgain) {
     }
 }
 
-TEST_F(SimulatedMachine, RefusesArgumentsThatMakeNoSense) {
+TEST_F(SimulatedMachine, RejectsInvalidArguments) {
     const PDH_HQUERY query = Query();
     const PDH_HCOUNTER counter = Counter(query);
     ASSERT_EQ(pdh->collect(query), ERROR_SUCCESS);
@@ -267,7 +267,7 @@ TEST_F(SimulatedMachine, CountsNoQueryThatFailedToOpen) {
     EXPECT_EQ(OpenQueries(), 0U);
 }
 
-TEST_F(SimulatedMachine, SaysWhichQueryIsLeft) {
+TEST_F(SimulatedMachine, ReportsWhichQueryIsLeft) {
     const BalanceSnapshot before = simulation.GetBalance().Take();
     const PDH_HQUERY query = Query();
     const std::string difference = simulation.GetBalance().Difference(before, simulation.GetBalance().Take());
@@ -276,7 +276,7 @@ TEST_F(SimulatedMachine, SaysWhichQueryIsLeft) {
     EXPECT_NE(difference.find("by PdhOpenQueryW"), std::string::npos) << difference;
 }
 
-TEST_F(SimulatedMachine, TellsItsProcessorsAndLeavesTheRest) {
+TEST_F(SimulatedMachine, ReportsItsProcessorsAndLeavesTheOtherFields) {
     SYSTEM_INFO info{};
     SYSTEM_INFO real{};
     {
@@ -293,13 +293,13 @@ TEST_F(SimulatedMachine, TellsItsProcessorsAndLeavesTheRest) {
     EXPECT_EQ(Processors(), 0U);
 }
 
-TEST_F(SimulatedMachine, AlwaysTellsItsProcessors) {
+TEST_F(SimulatedMachine, AlwaysReportsItsProcessors) {
     const auto plan = simulation.GetFaults().FailEvery("GetSystemInfo", ERROR_ACCESS_DENIED);
     EXPECT_EQ(Processors(), 4U);
     EXPECT_FALSE(plan->Hit());
 }
 
-TEST_F(SimulatedMachine, TellsItsMemory) {
+TEST_F(SimulatedMachine, ReportsItsMemory) {
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof status;
     ASSERT_TRUE(GlobalMemoryStatusEx(&status));
@@ -309,7 +309,7 @@ TEST_F(SimulatedMachine, TellsItsMemory) {
     EXPECT_NE(status.ullTotalVirtual, 0U) << "the rest is real";
 }
 
-TEST_F(SimulatedMachine, TellsMemoryThatNoRealMachineHas) {
+TEST_F(SimulatedMachine, ReportsMemoryThatNoRealMachineHas) {
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof status;
     machine.memoryTotal = 0;
@@ -324,7 +324,7 @@ TEST_F(SimulatedMachine, TellsMemoryThatNoRealMachineHas) {
     EXPECT_EQ(status.dwMemoryLoad, 100U);
 }
 
-TEST_F(SimulatedMachine, TellsItsMemoryOnlyIntoAStructOfTheRightSize) {
+TEST_F(SimulatedMachine, ReportsItsMemoryOnlyInAStructOfTheRightSize) {
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof status - 1;
     SetLastError(0);
@@ -333,7 +333,7 @@ TEST_F(SimulatedMachine, TellsItsMemoryOnlyIntoAStructOfTheRightSize) {
     EXPECT_EQ(status.ullTotalPhys, 0U);
 }
 
-TEST_F(SimulatedMachine, FailsToTellItsMemoryAsPlanned) {
+TEST_F(SimulatedMachine, FailsToReportItsMemoryAsPlanned) {
     (void)simulation.GetFaults().FailNth("GlobalMemoryStatusEx", 1, ERROR_NOT_ENOUGH_MEMORY);
     MEMORYSTATUSEX status{};
     status.dwLength = sizeof status;
@@ -343,7 +343,7 @@ TEST_F(SimulatedMachine, FailsToTellItsMemoryAsPlanned) {
     EXPECT_TRUE(GlobalMemoryStatusEx(&status));
 }
 
-TEST_F(SimulatedMachine, RecordsTheCallsInTheirOrder) {
+TEST_F(SimulatedMachine, RecordsCallsInOrder) {
     (void)Sample();
     (void)Processors();
     MEMORYSTATUSEX status{};
@@ -361,10 +361,9 @@ TEST_F(SimulatedMachine, RecordsTheCallsInTheirOrder) {
         << entries[1].arguments;
 }
 
-// Compared is what Windows and Wine 8 have in common with the model. Wine lacks the length of the processor queue,
-// wants the letters of a path in the right case, refuses a log with PDH_INVALID_ARGUMENT, and formats a counter
-// that was never collected.
-TEST(RealPerformanceQueries, AnswerAsTheSimulatedOnes) {
+// Compares what Windows and Wine 8 have in common with the model. Wine lacks the length of the processor queue, is
+// case-sensitive about a path, refuses a log with PDH_INVALID_ARGUMENT, and formats a counter that was never collected.
+TEST(RealPerformanceQueries, BehaveLikeTheSimulatedOnes) {
     struct Answers {
         PDH_STATUS opened, source, foreign, empty, closed, closedAgain;
     };

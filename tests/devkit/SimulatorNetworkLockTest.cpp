@@ -30,7 +30,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedWriteLock, IsTakenAndGivenBack) {
+TEST_F(SimulatedWriteLock, IsAcquiredAndReleased) {
     const ComPtr<INetCfg> engine = Create();
     EXPECT_EQ(LockOf(engine)->ReleaseWriteLock(), NETCFG_E_NO_WRITE_LOCK);
     EXPECT_EQ(Acquire(engine, L"one"), taken);
@@ -42,7 +42,7 @@ TEST_F(SimulatedWriteLock, IsTakenAndGivenBack) {
     EXPECT_EQ(Acquire(engine, L"two"), taken);
 }
 
-TEST_F(SimulatedWriteLock, OfAnotherProcessIsToldAndRespected) {
+TEST_F(SimulatedWriteLock, OfAnotherProcessIsReportedAndRespected) {
     network.LockFromElsewhere(L"Control Panel");
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> engine = CreateInitialised();
@@ -55,7 +55,7 @@ TEST_F(SimulatedWriteLock, OfAnotherProcessIsToldAndRespected) {
     EXPECT_EQ(DeInstall(engine, L"filter"), S_OK);
 }
 
-TEST_F(SimulatedWriteLock, LeavesItsHoldersDescriptionToBeFreed) {
+TEST_F(SimulatedWriteLock, ReturnsItsHoldersDescriptionForTheCallerToFree) {
     network.LockFromElsewhere(L"Control Panel");
     LPWSTR text = nullptr;
     EXPECT_EQ(LockOf(Create())->AcquireWriteLock(0, L"one", &text), S_FALSE);
@@ -66,7 +66,7 @@ TEST_F(SimulatedWriteLock, LeavesItsHoldersDescriptionToBeFreed) {
     EXPECT_EQ(Count(Kind::kComMemory), 0U);
 }
 
-TEST_F(SimulatedWriteLock, ServesAnotherEngineOfTheProcessThatAsks) {
+TEST_F(SimulatedWriteLock, IsSharedWithAnotherEngineOfTheProcess) {
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> first = CreateLocked();
     const ComPtr<INetCfg> second = CreateInitialised();
@@ -78,13 +78,13 @@ TEST_F(SimulatedWriteLock, ServesAnotherEngineOfTheProcessThatAsks) {
     EXPECT_EQ(first->Apply(), NETCFG_E_NO_WRITE_LOCK);
 }
 
-TEST_F(SimulatedWriteLock, StaysWhenItsEngineGoes) {
+TEST_F(SimulatedWriteLock, StaysHeldWhenItsEngineIsDestroyed) {
     (void)CreateLocked();
     EXPECT_EQ(References(), 0U);
     EXPECT_EQ(Acquire(Create(), L"two"), (Answer{S_FALSE, L"test"}));
 }
 
-TEST_F(SimulatedWriteLock, StaysWhenItsThreadIsKilled) {
+TEST_F(SimulatedWriteLock, StaysHeldWhenItsThreadIsKilled) {
     const auto plan = faults().HangNth("INetCfg::Apply", 1);
     const TestThread thread([] {
         EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
@@ -101,7 +101,7 @@ TEST_F(SimulatedWriteLock, StaysWhenItsThreadIsKilled) {
     EXPECT_EQ(Acquire(Create(), L"two"), taken);
 }
 
-TEST_F(SimulatedWriteLock, IsWaitedForByTheClockWhereThatIsAskedFor) {
+TEST_F(SimulatedWriteLock, IsWaitedForByTheClockIfRequested) {
     Clock &clock = simulation->GetClock();
     clock.Step(Clock::AutoAdvance::Sleeps);
     network.LockFromElsewhere(L"Control Panel");
@@ -118,7 +118,7 @@ TEST_F(SimulatedWriteLock, IsWaitedForByTheClockWhereThatIsAskedFor) {
     EXPECT_EQ(waited(15'000), 200U);
 }
 
-TEST_F(SimulatedWriteLock, IsTakenWhenItIsFreedDuringTheWait) {
+TEST_F(SimulatedWriteLock, IsAcquiredWhenItIsReleasedDuringTheWait) {
     Clock &clock = simulation->GetClock();
     clock.Step();
     network.LockFromElsewhere(L"Control Panel");
@@ -134,7 +134,7 @@ TEST_F(SimulatedWriteLock, IsTakenWhenItIsFreedDuringTheWait) {
     EXPECT_EQ(answer, taken);
 }
 
-TEST_F(SimulatedWriteLock, TellsWhetherItIsHeld) {
+TEST_F(SimulatedWriteLock, ReportsWhetherItIsHeld) {
     const ComPtr<INetCfg> engine = Create();
     auto *text = const_cast<wchar_t *>(L"untouched");
     EXPECT_EQ(LockOf(engine)->IsWriteLocked(&text), S_FALSE);

@@ -19,7 +19,7 @@ namespace SimulatorTest {
 
 using Microsoft::WRL::ComPtr;
 
-/// This program on a machine with a network configuration that is empty, COM initialised in its first thread.
+/// This program on a machine with an empty network configuration, COM initialised in its first thread.
 class SimulatedNetwork : public ::testing::Test {
 protected:
     SimulatedNetwork() {
@@ -66,7 +66,7 @@ protected:
         return SetupOf(engine)->DeInstall(Find(engine, id).Get(), &token, nullptr);
     }
 
-    /// The adapters that an enumeration tells, in its order.
+    /// The adapters of an enumeration, in its order.
     static std::vector<ComPtr<INetCfgComponent>> Adapters(const ComPtr<INetCfg> &engine) {
         ComPtr<IEnumNetCfgComponent> components;
         EXPECT_EQ(engine->EnumComponents(&GUID_DEVCLASS_NET, &components), S_OK);
@@ -79,7 +79,7 @@ protected:
         }
     }
     using TextMethod = HRESULT (STDMETHODCALLTYPE INetCfgComponent::*)(LPWSTR *);
-    /// What a method hands out.
+    /// The string that a method returns.
     static std::wstring Text(const ComPtr<INetCfgComponent> &component, TextMethod method) {
         LPWSTR text = nullptr;
         EXPECT_EQ((component.Get()->*method)(&text), S_OK);
@@ -92,7 +92,7 @@ protected:
         return Simulator::Balance::Instance().Take().Count(kind);
     }
     [[nodiscard]] std::size_t References() const { return Count(Simulator::Kind::kComReference); }
-    /// The calls that gave the references that are there, the oldest first.
+    /// The calls that returned the current references, oldest first.
     [[nodiscard]] std::vector<std::string> Givers() const {
         std::vector<std::string> givers;
         for (const Simulator::BalanceItem &item : simulation->GetBalance().Take().items) {

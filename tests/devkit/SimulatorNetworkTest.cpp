@@ -9,7 +9,7 @@
 using namespace Simulator;
 using namespace SimulatorTest;
 
-TEST_F(SimulatedNetwork, AnswersBetweenInitializeAndUninitialize) {
+TEST_F(SimulatedNetwork, WorksBetweenInitializeAndUninitialize) {
     const ComPtr<INetCfg> engine = Create();
     INetCfgComponent *component = nullptr;
     INetCfgClass *netClass = nullptr;
@@ -25,7 +25,7 @@ TEST_F(SimulatedNetwork, AnswersBetweenInitializeAndUninitialize) {
     EXPECT_EQ(engine->Initialize(nullptr), S_OK);
 }
 
-TEST_F(SimulatedNetwork, FindsComponentsInAnyCaseOfTheirId) {
+TEST_F(SimulatedNetwork, FindsComponentsByTheirIdCaseInsensitively) {
     network.Put({.id = L"Filter"});
     network.Put({.id = L"ms_tcpip", .classGuid = GUID_DEVCLASS_NETTRANS});
     const ComPtr<INetCfg> engine = CreateInitialised();
@@ -46,7 +46,7 @@ TEST_F(SimulatedNetwork, FindsComponentsInAnyCaseOfTheirId) {
     EXPECT_EQ(Count(Kind::kComMemory), 0U);
 }
 
-TEST_F(SimulatedNetwork, GivesClassesBothTheirInterfaces) {
+TEST_F(SimulatedNetwork, ProvidesBothInterfacesOfClasses) {
     network.Put({.id = L"filter"});
     network.Put({.id = L"ms_tcpip", .classGuid = GUID_DEVCLASS_NETTRANS});
     const ComPtr<INetCfg> engine = CreateInitialised();
@@ -79,7 +79,7 @@ TEST_F(SimulatedNetwork, RemovesAComponentAtOnce) {
     EXPECT_EQ(engine->Apply(), S_OK);
 }
 
-TEST_F(SimulatedNetwork, RemovesAndAppliesUnderTheWriteLockAlone) {
+TEST_F(SimulatedNetwork, RemovesAndAppliesOnlyUnderTheWriteLock) {
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> engine = CreateInitialised();
     EXPECT_EQ(DeInstall(engine, L"filter"), NETCFG_E_NO_WRITE_LOCK);
@@ -88,7 +88,7 @@ TEST_F(SimulatedNetwork, RemovesAndAppliesUnderTheWriteLockAlone) {
     EXPECT_TRUE(network.Has(L"filter"));
 }
 
-TEST_F(SimulatedNetwork, RemovesAsTheComponentHasIt) {
+TEST_F(SimulatedNetwork, RemovesWithTheComponentsResult) {
     network.Put({.id = L"stubborn", .deInstallsUntilGone = 0});
     network.Put({.id = L"third time", .deInstallsUntilGone = 3});
     network.Put({.id = L"reboot", .deInstallResult = NETCFG_S_REBOOT});
@@ -109,7 +109,7 @@ TEST_F(SimulatedNetwork, RemovesAsTheComponentHasIt) {
     EXPECT_FALSE(network.Has(L"reboot"));
 }
 
-TEST_F(SimulatedNetwork, RefusesToRemoveWhatIsNoneOrOnBehalfOfNobody) {
+TEST_F(SimulatedNetwork, RefusesToRemoveInvalidComponentsOrWithoutAToken) {
     network.Put({.id = L"filter"});
     const ComPtr<INetCfg> engine = CreateLocked();
     auto *references = const_cast<wchar_t *>(L"untouched");
@@ -133,7 +133,7 @@ TEST_F(SimulatedNetwork, RemovesDevicesWithTheLastComponentOfTheirId) {
     EXPECT_TRUE(devices.Has(L"PCI\\CARD\\0000"));
 }
 
-TEST_F(SimulatedNetwork, InitializesAndAppliesWithTheResultsItIsGiven) {
+TEST_F(SimulatedNetwork, InitializesAndAppliesWithTheConfiguredResults) {
     network.Use([](NetworkState &state) {
         state.initializeResult = E_ABORT;
         state.applyResult = NETCFG_S_REBOOT;
@@ -147,19 +147,10 @@ TEST_F(SimulatedNetwork, InitializesAndAppliesWithTheResultsItIsGiven) {
     EXPECT_EQ(engine->Apply(), NETCFG_S_REBOOT);
 }
 
-TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
-    network.Put({.id = L"filter"});
-    const ComPtr<INetCfg> engine = CreateInitialised();
-    const ComPtr<INetCfgLock> lock = LockOf(engine);
-    const ComPtr<INetCfgClassSetup> setup = SetupOf(engine);
-    const ComPtr<INetCfgComponent> component = Find(engine, L"filter");
-    ComPtr<INetCfgClass> netClass;
-    ASSERT_EQ(setup.As(&netClass), S_OK);
-    (void)journal().Take();
+namespace {
 
-    for (IUnknown *object :
-         std::initializer_list<IUnknown *>{engine.Get(), lock.Get(), netClass.Get(), setup.Get(), component.Get()})
-        (void)object->QueryInterface(IID_IUnknown, nullptr);
+/// All methods but QueryInterface, without regard to what they answer.
+void CallEachMethod(INetCfg *engine, INetCfgLock *lock) {
     (void)engine->Initialize(nullptr);
     (void)engine->Apply();
     (void)engine->Cancel();
@@ -170,11 +161,17 @@ TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
     (void)lock->AcquireWriteLock(0, nullptr, nullptr);
     (void)lock->IsWriteLocked(nullptr);
     (void)lock->ReleaseWriteLock();
+}
+
+void CallEachMethod(INetCfgClass *netClass, INetCfgClassSetup *setup) {
     (void)netClass->FindComponent(nullptr, nullptr);
     (void)netClass->EnumComponents(nullptr);
     (void)setup->SelectAndInstall(nullptr, nullptr, nullptr);
     (void)setup->Install(nullptr, nullptr, 0, 0, nullptr, nullptr, nullptr);
     (void)setup->DeInstall(nullptr, nullptr, nullptr);
+}
+
+void CallEachMethod(INetCfgComponent *component) {
     (void)component->GetDisplayName(nullptr);
     (void)component->SetDisplayName(nullptr);
     (void)component->GetHelpText(nullptr);
@@ -187,8 +184,28 @@ TEST_F(SimulatedNetwork, TellsTheNamesOfAllItsMethods) {
     (void)component->GetDeviceStatus(nullptr);
     (void)component->OpenParamKey(nullptr);
     (void)component->RaisePropertyUi(nullptr, 0, nullptr);
+}
 
-    // Those of bindings and enumerations are not called here.
+}  // namespace
+
+TEST_F(SimulatedNetwork, ListsTheNamesOfAllItsMethods) {
+    network.Put({.id = L"filter"});
+    const ComPtr<INetCfg> engine = CreateInitialised();
+    const ComPtr<INetCfgLock> lock = LockOf(engine);
+    const ComPtr<INetCfgClassSetup> setup = SetupOf(engine);
+    const ComPtr<INetCfgComponent> component = Find(engine, L"filter");
+    ComPtr<INetCfgClass> netClass;
+    ASSERT_EQ(setup.As(&netClass), S_OK);
+    (void)journal().Take();
+
+    for (IUnknown *object :
+         std::initializer_list<IUnknown *>{engine.Get(), lock.Get(), netClass.Get(), setup.Get(), component.Get()})
+        (void)object->QueryInterface(IID_IUnknown, nullptr);
+    CallEachMethod(engine.Get(), lock.Get());
+    CallEachMethod(netClass.Get(), setup.Get());
+    CallEachMethod(component.Get());
+
+    // Except those of bindings and enumerations, which are not called here.
     const std::set<std::string> interfaces{"INetCfg", "INetCfgLock", "INetCfgClass", "INetCfgClassSetup",
                                            "INetCfgComponent"};
     std::set<std::string> told;

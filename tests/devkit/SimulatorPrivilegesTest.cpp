@@ -14,7 +14,7 @@
 using namespace Simulator;
 using namespace SimulatorTest;
 
-TEST_F(SimulatedSecurity, LetsTheOwnerBeChangedWithThePrivilegeAlone) {
+TEST_F(SimulatedSecurity, AllowsChangingTheOwnerOnlyWithThePrivilege) {
     const TestSid administrators(TestSid::Administrators);
     security.ProtectKey(kKey);
     EXPECT_EQ(SetOwner(administrators.Get()), kDenied) << "held but not enabled";
@@ -33,7 +33,7 @@ TEST_F(SimulatedSecurity, LetsTheOwnerBeChangedWithThePrivilegeAlone) {
     EXPECT_EQ(Delete(kKey), kDone);
 }
 
-TEST_F(SimulatedSecurity, SaysThatAPrivilegeIsNotHeldInTheLastErrorOfASuccess) {
+TEST_F(SimulatedSecurity, ReportsAMissingPrivilegeInTheLastErrorOfASuccess) {
     security.WithholdPrivilege(kTakeOwnership);
     EXPECT_EQ(Adjust(kTakeOwnership, SE_PRIVILEGE_ENABLED), std::make_pair(true, DWORD{ERROR_NOT_ALL_ASSIGNED}));
     EXPECT_FALSE(security.IsEnabled(kTakeOwnership));
@@ -42,14 +42,14 @@ TEST_F(SimulatedSecurity, SaysThatAPrivilegeIsNotHeldInTheLastErrorOfASuccess) {
     EXPECT_TRUE(security.IsEnabled(L"SeBackupPrivilege"));
 }
 
-TEST_F(SimulatedSecurity, WantsATokenThatIsOpenForAdjusting) {
+TEST_F(SimulatedSecurity, RequiresATokenThatIsOpenForAdjusting) {
     EXPECT_EQ(Adjust(kTakeOwnership, SE_PRIVILEGE_ENABLED, TOKEN_QUERY), std::make_pair(false, kDenied));
     EXPECT_FALSE(security.IsEnabled(kTakeOwnership));
     EXPECT_FALSE(AdjustTokenPrivileges(nullptr, TRUE, nullptr, 0, nullptr, nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }
 
-TEST_F(SimulatedSecurity, LeavesTheRealPrivilegesAlone) {
+TEST_F(SimulatedSecurity, DoesNotAffectTheRealPrivileges) {
     security.GrantPrivilege(L"SeShutdownPrivilege");
     HANDLE token = nullptr;
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_ADJUST_PRIVILEGES, &token));
@@ -72,8 +72,8 @@ TEST_F(SimulatedSecurity, LeavesTheRealPrivilegesAlone) {
     EXPECT_TRUE(CloseHandle(token));
 }
 
-TEST(RealSecurity, AnswersAsTheSimulatedOne) {
-    // Asked only for what changes nothing: a privilege that no program holds, and a key that is not there.
+TEST(RealSecurity, BehavesLikeTheSimulatedOne) {
+    // Calls only what changes nothing: a privilege that no program holds, and a missing key.
     const auto ask = [] {
         std::vector<DWORD> answers;
         const auto adjust = [&answers](DWORD tokenAccess) {

@@ -91,11 +91,11 @@ TEST(RegistrySandbox, LeavesNothingBehind) {
     EXPECT_EQ(StatusOfOpening(software.get(), path.c_str()), ERROR_FILE_NOT_FOUND);
 }
 
-TEST(RegistrySandbox, IsMadeWhileOtherProcessesTakeTheParentThatAllShareAway) {
+TEST(RegistrySandbox, IsCreatedWhileOtherProcessesDeleteTheSharedParent) {
     const UniqueKey software = Open(HKEY_CURRENT_USER, L"Software");
     ASSERT_TRUE(software);
     std::atomic<bool> done = false;
-    // It can be taken while no other test program has its sandbox there.
+    // It can be deleted while no other test program has its sandbox there.
     std::thread others([&] {
         while (!done)
             (void)RegDeleteKeyW(software.get(), L"fc-devkit");
@@ -115,7 +115,7 @@ TEST(RegistrySandbox, IsFreshEachTime) {
     EXPECT_EQ(sandbox->Tree(HKEY_LOCAL_MACHINE), "[]\n");
 }
 
-TEST(RegistrySandbox, GivesWhatWasPutToTheRealFunctions) {
+TEST(RegistrySandbox, ReturnsItsValuesThroughTheRealFunctions) {
     const auto sandbox = MakeSandbox();
     sandbox->PutText(HKEY_LOCAL_MACHINE, L"A", L"text", L"abc", REG_EXPAND_SZ);
     wchar_t text[8] = L"";
@@ -128,10 +128,10 @@ TEST(RegistrySandbox, GivesWhatWasPutToTheRealFunctions) {
     EXPECT_EQ(size, 8U);
 }
 
-TEST(RegistrySandbox, KeepsATextWithoutAZeroAsItIs) {
+TEST(RegistrySandbox, KeepsAnUnterminatedText) {
     const auto sandbox = MakeSandbox();
     std::vector<std::uint8_t> bytes{'7', 0, 0, 0};
-    bytes.resize(2);  // the memory behind it keeps its zeros
+    bytes.resize(2);  // the memory after it stays zero
     sandbox->PutBytes(HKEY_LOCAL_MACHINE, L"A", L"text", REG_SZ, bytes);
     const UniqueKey key = Open(HKEY_LOCAL_MACHINE, L"A");
     DWORD size = 0;
@@ -139,7 +139,7 @@ TEST(RegistrySandbox, KeepsATextWithoutAZeroAsItIs) {
     EXPECT_EQ(size, 2U);
 }
 
-TEST(RegistrySandbox, LiesUnderWxToo) {
+TEST(RegistrySandbox, AppliesToWx) {
     const auto sandbox = MakeSandbox();
     wxRegKey key(wxRegKey::HKLM, "SOFTWARE\\Product");
     ASSERT_TRUE(key.Create());
@@ -187,7 +187,7 @@ TEST(RegistrySandbox, RemovesATree) {
     EXPECT_EQ(sandbox->Tree(HKEY_LOCAL_MACHINE), "[]\n");
 }
 
-TEST(RegistrySandbox, AlsoLiesUnderAConnectionToThisMachine) {
+TEST(RegistrySandbox, AppliesToAConnectionToThisMachine) {
     const auto sandbox = MakeSandbox();
     sandbox->PutKey(HKEY_LOCAL_MACHINE, L"A");
     HKEY machine = nullptr;
@@ -196,7 +196,7 @@ TEST(RegistrySandbox, AlsoLiesUnderAConnectionToThisMachine) {
     EXPECT_EQ(StatusOfOpening(machine, L"A"), ERROR_SUCCESS);
 }
 
-TEST(RegistrySandbox, RemovesLinksAndLeavesWhatTheyLeadTo) {
+TEST(RegistrySandbox, RemovesLinksButNotTheirTargets) {
     const auto sandbox = MakeSandbox();
     sandbox->PutDword(HKEY_LOCAL_MACHINE, L"outside\\below", L"number", 7);
     const std::string outside = sandbox->Tree(HKEY_LOCAL_MACHINE, L"outside");
@@ -208,7 +208,7 @@ TEST(RegistrySandbox, RemovesLinksAndLeavesWhatTheyLeadTo) {
     EXPECT_EQ(sandbox->Tree(HKEY_LOCAL_MACHINE, L"outside"), outside);
 }
 
-TEST(RegistrySandbox, ShowsALinkAsWhatItIs) {
+TEST(RegistrySandbox, ShowsALinkAsALink) {
     const auto sandbox = MakeSandbox();
     sandbox->PutKey(HKEY_LOCAL_MACHINE, L"outside\\below");
     sandbox->PutLink(HKEY_LOCAL_MACHINE, L"tree\\link", L"outside");
@@ -217,7 +217,7 @@ TEST(RegistrySandbox, ShowsALinkAsWhatItIs) {
     EXPECT_TRUE(tree.ends_with("\\outside\n")) << tree;
 }
 
-TEST(RegistrySandbox, KnowsNamesWithZeros) {
+TEST(RegistrySandbox, SupportsNamesWithZeros) {
     using namespace std::string_literals;
     const auto sandbox = MakeSandbox();
     for (const std::wstring &name : {L"\0a"s, L"b\0c"s})

@@ -61,7 +61,7 @@ private:
     ACL *m_list = nullptr;
 };
 
-/// This program on a machine with one key, which has a key below it.
+/// This program on a machine with one key, which has a subkey.
 class SimulatedSecurity : public ::testing::Test {
 protected:
     SimulatedSecurity() {
@@ -81,7 +81,7 @@ protected:
         const TestList list(everyone.Get(), GENERIC_ALL, inheritance);
         return SetAccess(list.Get());
     }
-    /// @return whether the call says success, and the last error.
+    /// @return whether the call reports success, and the last error.
     static std::pair<bool, DWORD> Adjust(const wchar_t *privilege, DWORD attributes,
                                          DWORD tokenAccess = TOKEN_ADJUST_PRIVILEGES) {
         HANDLE token = nullptr;

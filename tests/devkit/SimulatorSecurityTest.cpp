@@ -15,7 +15,7 @@
 using namespace Simulator;
 using namespace SimulatorTest;
 
-TEST_F(SimulatedSecurity, LetsAProtectedKeyBeReadAndNoMore) {
+TEST_F(SimulatedSecurity, AllowsOnlyReadingAProtectedKey) {
     security.ProtectKey(kKey);
     for (const std::wstring &path : {std::wstring(kKey), below}) {
         EXPECT_EQ(Open(path, KEY_READ), kDone);
@@ -27,7 +27,7 @@ TEST_F(SimulatedSecurity, LetsAProtectedKeyBeReadAndNoMore) {
     EXPECT_TRUE(simulation.GetRegistry().HasKey(HKEY_LOCAL_MACHINE, below));
 }
 
-TEST_F(SimulatedSecurity, SeesProtectedKeysInAnyCaseAndThroughOpenKeys) {
+TEST_F(SimulatedSecurity, RecognisesProtectedKeysCaseInsensitivelyAndThroughOpenKeys) {
     security.ProtectKey(L"system\\ENUM\\device");
     EXPECT_EQ(Delete(L"SYSTEM\\enum\\Device\\0000"), kDenied);
     HKEY parent = nullptr;
@@ -38,7 +38,7 @@ TEST_F(SimulatedSecurity, SeesProtectedKeysInAnyCaseAndThroughOpenKeys) {
     EXPECT_EQ(RegCloseKey(parent), ERROR_SUCCESS);
 }
 
-TEST_F(SimulatedSecurity, FindsAMissingKeyMissingRatherThanProtected) {
+TEST_F(SimulatedSecurity, ReportsAMissingKeyAsMissingRatherThanProtected) {
     security.ProtectKey(L"SYSTEM\\Missing");
     EXPECT_EQ(Open(L"SYSTEM\\Missing", KEY_WRITE), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(Delete(L"SYSTEM\\Missing"), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
@@ -60,7 +60,7 @@ TEST_F(SimulatedSecurity, SetsTheAccessOfAKeyThatIsNotProtectedAtOnce) {
     EXPECT_EQ(Delete(kKey), kDone);
 }
 
-TEST_F(SimulatedSecurity, DeniesOthersThanTheOwnerToSetTheAccess) {
+TEST_F(SimulatedSecurity, AllowsOnlyTheOwnerToSetTheAccess) {
     security.ProtectKey(kKey);
     EXPECT_EQ(OpenToEveryone(), kDenied);
     EXPECT_TRUE(security.IsProtected(kKey));
@@ -71,7 +71,7 @@ TEST_F(SimulatedSecurity, DeniesOthersThanTheOwnerToSetTheAccess) {
     EXPECT_EQ(Delete(below), kDone);
 }
 
-TEST_F(SimulatedSecurity, TakesTheProtectionOnlyForAllRightsOfEveryone) {
+TEST_F(SimulatedSecurity, LiftsTheProtectionOnlyForAllRightsOfEveryone) {
     security.ProtectKey(kKey, Sid::kAdministrators);
     const TestSid administrators(TestSid::Administrators);
     const TestList ofAdministrators(administrators.Get(), GENERIC_ALL);
@@ -86,7 +86,7 @@ TEST_F(SimulatedSecurity, TakesTheProtectionOnlyForAllRightsOfEveryone) {
     EXPECT_FALSE(security.IsProtected(kKey));
 }
 
-TEST_F(SimulatedSecurity, KeepsTheKeysBelowProtectedFromAnEntryThatIsNotInherited) {
+TEST_F(SimulatedSecurity, KeepsSubkeysProtectedIfAnEntryIsNotInherited) {
     security.ProtectKey(kKey, Sid::kAdministrators);
     EXPECT_EQ(OpenToEveryone(NO_INHERITANCE), kDone);
     EXPECT_FALSE(security.IsProtected(kKey));
@@ -95,7 +95,7 @@ TEST_F(SimulatedSecurity, KeepsTheKeysBelowProtectedFromAnEntryThatIsNotInherite
     EXPECT_FALSE(security.IsProtected(below));
 }
 
-TEST_F(SimulatedSecurity, KnowsNoOtherObjectsThanKeysOfTheMachine) {
+TEST_F(SimulatedSecurity, SupportsOnlyKeysOfTheMachine) {
     const TestSid everyone(TestSid::Everyone);
     const TestList list(everyone.Get(), GENERIC_ALL);
     EXPECT_EQ(SetAccess(list.Get(), kName, SE_FILE_OBJECT), static_cast<DWORD>(ERROR_NOT_SUPPORTED));

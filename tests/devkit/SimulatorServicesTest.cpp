@@ -18,7 +18,7 @@ namespace {
 
 constexpr DWORD kOpenQuery = SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP;
 
-/// This program on a machine with one service, "driver", that is stopped.
+/// This program on a machine with one stopped service, "driver".
 class SimulatedServices : public ::testing::Test {
 protected:
     SimulatedServices() {
@@ -47,7 +47,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedServices, StartAndStopInAnyCaseOfTheirName) {
+TEST_F(SimulatedServices, StartAndStopByTheirNameCaseInsensitively) {
     const SC_HANDLE service = Open(L"DRIVER");
     EXPECT_EQ(Stop(service), static_cast<DWORD>(ERROR_SERVICE_NOT_ACTIVE));
     EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_SUCCESS));
@@ -71,7 +71,7 @@ TEST_F(SimulatedServices, StepThroughTheirScriptAndStayAtItsEnd) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
-TEST_F(SimulatedServices, FailWithTheErrorsThatTheyAreGiven) {
+TEST_F(SimulatedServices, FailWithTheConfiguredErrors) {
     services.Put(L"driver", {.startError = ERROR_FILE_NOT_FOUND, .controlError = ERROR_BUSY});
     const SC_HANDLE service = Open(L"driver");
     EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
@@ -80,7 +80,7 @@ TEST_F(SimulatedServices, FailWithTheErrorsThatTheyAreGiven) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
-TEST_F(SimulatedServices, CantBeReachedWithoutTheRightNameHandleOrAccess) {
+TEST_F(SimulatedServices, CannotBeAccessedWithoutTheRightNameHandleOrAccess) {
     EXPECT_EQ(Open(L"other"), nullptr);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
     const SC_HANDLE service = Open(L"driver", SERVICE_QUERY_STATUS);
@@ -97,7 +97,7 @@ TEST_F(SimulatedServices, CantBeReachedWithoutTheRightNameHandleOrAccess) {
     EXPECT_EQ(ErrorOf(CloseServiceHandle(service)), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }
 
-TEST_F(SimulatedServices, ThatAreRemovedAnswerNoMore) {
+TEST_F(SimulatedServices, CannotBeQueriedAfterRemoval) {
     const SC_HANDLE service = Open(L"driver");
     services.Remove(L"Driver");
     EXPECT_EQ(Start(service), static_cast<DWORD>(ERROR_SERVICE_MARKED_FOR_DELETE));
@@ -106,7 +106,7 @@ TEST_F(SimulatedServices, ThatAreRemovedAnswerNoMore) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
-TEST_F(SimulatedServices, ThatAreDeletedGoWhenTheLastHandleToThemIsClosed) {
+TEST_F(SimulatedServices, AreDeletedWhenTheLastHandleToThemIsClosed) {
     services.Put(L"other", {});
     const SC_HANDLE other = Open(L"other");
     const SC_HANDLE service = Open(L"driver", SERVICE_ALL_ACCESS);
@@ -129,7 +129,7 @@ TEST_F(SimulatedServices, ThatAreDeletedGoWhenTheLastHandleToThemIsClosed) {
     EXPECT_TRUE(services.Has(L"other"));
 }
 
-TEST_F(SimulatedServices, CantBeDeletedWithoutTheRightOrAgainstTheirError) {
+TEST_F(SimulatedServices, CannotBeDeletedWithoutTheRightOrWithAConfiguredError) {
     const SC_HANDLE reader = Open(L"driver");
     EXPECT_EQ(ErrorOf(DeleteService(reader)), static_cast<DWORD>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(ErrorOf(DeleteService(manager)), static_cast<DWORD>(ERROR_INVALID_HANDLE));
@@ -143,7 +143,7 @@ TEST_F(SimulatedServices, CantBeDeletedWithoutTheRightOrAgainstTheirError) {
     EXPECT_TRUE(services.Has(L"driver"));
 }
 
-TEST_F(SimulatedServices, CountOpenHandlesAndNeverUseOneAgain) {
+TEST_F(SimulatedServices, CountOpenHandlesAndNeverReuseOne) {
     std::set<SC_HANDLE> handles{manager};
     const auto open = [this] { return simulation.GetBalance().Take().Count(Kind::kService); };
     EXPECT_EQ(open(), 1U);
@@ -187,7 +187,7 @@ TEST_F(SimulatedServices, StartOnlyWhenTheyAreNotDisabled) {
     EXPECT_TRUE(CloseServiceHandle(reader));
 }
 
-TEST_F(SimulatedServices, TellTheirExitCodes) {
+TEST_F(SimulatedServices, ReportTheirExitCodes) {
     services.Put(L"driver", {.status = {.state = SERVICE_STOPPED, .exitCode = 1066, .specificExitCode = 42}});
     const SC_HANDLE service = Open(L"driver");
     SERVICE_STATUS status{};
@@ -197,7 +197,7 @@ TEST_F(SimulatedServices, TellTheirExitCodes) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
-TEST_F(SimulatedServices, StopAlsoWhileTheyArePaused) {
+TEST_F(SimulatedServices, StopEvenWhileTheyArePaused) {
     services.Put(L"driver", {.status = {SERVICE_PAUSED}});
     const SC_HANDLE service = Open(L"driver");
     SERVICE_STATUS status{};
@@ -208,7 +208,7 @@ TEST_F(SimulatedServices, StopAlsoWhileTheyArePaused) {
     EXPECT_TRUE(CloseServiceHandle(service));
 }
 
-TEST_F(SimulatedServices, BelongToASystemWhoseVersionIsTheMachines) {
+TEST_F(SimulatedServices, BelongToASystemWithTheMachinesVersion) {
     OSVERSIONINFOEXW info{};
     auto *plain = reinterpret_cast<OSVERSIONINFOW *>(&info);
     EXPECT_EQ(ErrorOf(GetVersionExW(plain)), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
@@ -227,8 +227,8 @@ TEST_F(SimulatedServices, BelongToASystemWhoseVersionIsTheMachines) {
     EXPECT_EQ(ErrorOf(GetVersionExW(plain)), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
-TEST(RealServices, AnswerAsTheSimulatedOnes) {
-    // "PlugPlay" runs on every machine; it is asked only for what changes nothing.
+TEST(RealServices, BehaveLikeTheSimulatedOnes) {
+    // "PlugPlay" runs on every machine; only calls that change nothing are made.
     const auto ask = [] {
         std::vector<DWORD> answers;
         const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);

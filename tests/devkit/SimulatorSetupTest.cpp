@@ -61,7 +61,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SimulatedSetup, UninstallsAnInfFileWithAllThatBelongsToIt) {
+TEST_F(SimulatedSetup, UninstallsAnInfFileWithItsCompanions) {
     std::ofstream(simulation.GetFolders().Inf() / L"oem8.inf") << "text";
     ASSERT_TRUE(SetFileAttributesW(Files()[0].c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_EQ(Uninstall(L"OEM7.inf"), static_cast<DWORD>(ERROR_SUCCESS));
@@ -70,7 +70,7 @@ TEST_F(SimulatedSetup, UninstallsAnInfFileWithAllThatBelongsToIt) {
     EXPECT_EQ(Uninstall(L"oem7.inf"), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
-TEST_F(SimulatedSetup, WantsTheNameOfAnInstalledInfFileWithoutAFolder) {
+TEST_F(SimulatedSetup, RequiresTheNameOfAnInstalledInfFileWithoutAFolder) {
     EXPECT_EQ(Uninstall(Files()[0].c_str()), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(Uninstall(nullptr), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_EQ(Uninstall(L"oem7.inf", this), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
@@ -78,7 +78,7 @@ TEST_F(SimulatedSetup, WantsTheNameOfAnInstalledInfFileWithoutAFolder) {
     EXPECT_EQ(FilesThere(), 3U);
 }
 
-TEST_F(SimulatedSetup, FailsToUninstallWithTheErrorThatItIsGiven) {
+TEST_F(SimulatedSetup, FailsToUninstallWithTheConfiguredError) {
     setup.uninstallError = ERROR_INF_IN_USE_BY_DEVICES;
     EXPECT_EQ(Uninstall(L"oem7.inf"), static_cast<DWORD>(ERROR_INF_IN_USE_BY_DEVICES));
     setup.uninstallError = ERROR_SUCCESS;
@@ -87,7 +87,7 @@ TEST_F(SimulatedSetup, FailsToUninstallWithTheErrorThatItIsGiven) {
     EXPECT_EQ(FilesThere(), 3U);
 }
 
-TEST_F(SimulatedSetup, HandsTheCommandsOfSectionsOn) {
+TEST_F(SimulatedSetup, PassesOnTheCommandsOfSections) {
     std::vector<std::wstring> seen;
     setup.onInstallSection = [&](const std::wstring &command) {
         seen.push_back(command);
@@ -131,7 +131,7 @@ TEST_F(SimulatedSetup, StaysUsableWhenTheThreadOfAHangingSectionIsKilled) {
     EXPECT_EQ(setup.Commands(), std::vector<std::wstring>{L"DefaultInstall 128 b.inf"});
 }
 
-TEST_F(SimulatedSetup, CopiesInfFilesUnderTheLeastNumbersThatAreFree) {
+TEST_F(SimulatedSetup, CopiesInfFilesUnderTheLowestFreeNumbers) {
     const std::filesystem::path source = simulation.GetFolders().Temp() / L"driver.inf";
     std::ofstream(source) << "driver";
     std::ofstream(simulation.GetFolders().Inf() / L"oem0.inf") << "text";
@@ -153,7 +153,7 @@ TEST_F(SimulatedSetup, CopiesInfFilesUnderTheLeastNumbersThatAreFree) {
     EXPECT_TRUE(std::filesystem::exists(simulation.GetFolders().Inf() / L"oem3.inf"));
 }
 
-TEST_F(SimulatedSetup, FailsToCopyAsTheFileHasIt) {
+TEST_F(SimulatedSetup, FailsToCopyAsTheFileSays) {
     const std::filesystem::path source = simulation.GetFolders().Temp() / L"driver.inf";
     std::array<wchar_t, MAX_PATH> path{};
     const auto copy = [&](DWORD room) {

@@ -34,7 +34,7 @@ LSTATUS (*volatile TryToOpenMicrosoft)() = &OpenMicrosoft;
 
 }  // namespace
 
-TEST(Simulation, PutsAllPartsUnderAModule) {
+TEST(Simulation, AttachesAllPartsToAModule) {
     Simulation simulation;
     simulation.Attach(ThisProgram());
     simulation.GetClock().Step();
@@ -50,7 +50,7 @@ TEST(Simulation, PutsAllPartsUnderAModule) {
     EXPECT_EQ(simulation.GetJournal().Count("RegOpenKeyExW"), 2U) << "not those of the sandbox";
 }
 
-TEST(Simulation, LeavesEverythingAsItWas) {
+TEST(Simulation, RestoresEverything) {
     const std::wstring folder = AskForSystemFolder();
     const DWORD tick = Tick();
     ASSERT_EQ(TryToOpenMicrosoft(), ERROR_SUCCESS);
@@ -84,7 +84,7 @@ TEST(Simulation, CanFollowAnother) {
     }
 }
 
-TEST(Simulation, HasOnlyThePartsThatAreWanted) {
+TEST(Simulation, HasOnlyTheRequestedParts) {
     Simulation simulation({.registry = false, .folders = false, .balance = false, .machine = false});
     simulation.Attach(ThisProgram());
     EXPECT_THROW((void)simulation.GetRegistry(), std::bad_optional_access);
@@ -111,7 +111,7 @@ TEST(Simulation, WatchesAModuleThroughLoadingAndUnloading) {
     EXPECT_EQ(simulation.GetBalance().Difference(before, simulation.GetBalance().Take()), "");
 }
 
-TEST(Simulation, CountsAroundTheMachineWhicheverWasPutFirst) {
+TEST(Simulation, CountsAroundTheMachineWhicheverWasAttachedFirst) {
     Simulation simulation;
     simulation.Functions().Put<System::OpenProcess>(
         [](const auto &, DWORD, BOOL, DWORD) { return reinterpret_cast<HANDLE>(std::uintptr_t{0x7710}); });
@@ -126,7 +126,7 @@ TEST(Simulation, CountsAroundTheMachineWhicheverWasPutFirst) {
     EXPECT_EQ(simulation.GetBalance().Difference(before, simulation.GetBalance().Take()), "");
 }
 
-TEST(Simulation, LetsHungAndSleepingThreadsGoAtItsEnd) {
+TEST(Simulation, ReleasesHungAndSleepingThreadsAtItsEnd) {
     auto simulation = std::make_unique<Simulation>();
     simulation->Attach(ThisProgram());
     simulation->GetClock().Step();
@@ -142,7 +142,7 @@ TEST(Simulation, LetsHungAndSleepingThreadsGoAtItsEnd) {
     EXPECT_NE(attributes, INVALID_FILE_ATTRIBUTES);
 }
 
-TEST(Simulation, LivesOnWhenAHungThreadIsKilled) {
+TEST(Simulation, KeepsWorkingWhenAHungThreadIsKilled) {
     Simulation simulation;
     simulation.Attach(ThisProgram());
     const auto plan = simulation.GetFaults().HangNth("Sleep", 1);

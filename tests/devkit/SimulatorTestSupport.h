@@ -14,10 +14,10 @@
 
 namespace SimulatorTest {
 
-/// Whoever waits longer, in real milliseconds, fails the test. It is long enough for a machine that is busy otherwise.
+/// A longer wait, in real milliseconds, fails the test. Long enough for a busy machine.
 inline constexpr DWORD kPatienceMs = 60'000;
 
-/// Asks again every millisecond. @return whether the condition came to hold.
+/// Polls every millisecond. @return whether the condition became true.
 inline bool Eventually(const std::function<bool()> &condition) {
     const Simulator::InsideSimulator inside;
     for (const ULONGLONG begin = GetTickCount64(); !condition(); Sleep(1)) {
@@ -27,7 +27,7 @@ inline bool Eventually(const std::function<bool()> &condition) {
     return true;
 }
 
-/// The processor's time that the calling thread has taken, in milliseconds: what else runs does not count.
+/// The processor time of the calling thread, in milliseconds, so that other load does not count.
 inline double ProcessorMs() {
     const Simulator::InsideSimulator inside;
     FILETIME begin{}, end{}, kernel{}, user{};
@@ -46,7 +46,7 @@ inline HMODULE WxLibrary() {
     return GetModuleHandleW(L"" FC_WX_DLL);
 }
 
-/// What a call that tells of success made of it.
+/// The result of a call that reports success.
 inline DWORD ErrorOf(BOOL result) {
     return result ? ERROR_SUCCESS : GetLastError();
 }
@@ -60,7 +60,7 @@ inline void **FindSlot(HMODULE module, const std::string &function) {
     return nullptr;
 }
 
-/// A thread that may be ended from outside. Joins with the real functions.
+/// A thread that may be killed from outside. Joins with the real functions.
 class TestThread {
 public:
     explicit TestThread(std::function<void()> body) : m_body(std::move(body)) {
@@ -92,7 +92,7 @@ private:
     HANDLE m_thread = nullptr;
 };
 
-/// A copy of a library of the program under another name, so that it can be loaded and unloaded at will.
+/// A copy of a library of the program under another name, so that it can be loaded and unloaded freely.
 class LibraryCopy {
 public:
     explicit LibraryCopy(const wchar_t *library) {

@@ -22,7 +22,7 @@ struct Condition {
     BYTE condition;
 };
 
-/// @return what VerifyVersionInfoW made of it.
+/// @return the result of VerifyVersionInfoW.
 DWORD Verify(OSVERSIONINFOEXW wanted, const std::vector<Condition> &conditions) {
     wanted.dwOSVersionInfoSize = sizeof wanted;
     DWORD types = 0;
@@ -69,7 +69,7 @@ constexpr std::array<BYTE, 2> kProducts{VER_NT_WORKSTATION, VER_NT_SERVER};
 
 }  // namespace
 
-TEST_F(SimulatedVersion, IsToldWithEditionAndServicePack) {
+TEST_F(SimulatedVersion, IncludesEditionAndServicePack) {
     machine.productType = VER_NT_SERVER;
     machine.suiteMask = VER_SUITE_EMBEDDEDNT | VER_SUITE_BLADE;
     machine.servicePack = 3;
@@ -81,7 +81,7 @@ TEST_F(SimulatedVersion, IsToldWithEditionAndServicePack) {
     EXPECT_EQ(info.wServicePackMajor, 3U);
 }
 
-TEST_F(SimulatedVersion, FitsInTheSmallStructAlone) {
+TEST_F(SimulatedVersion, CanBeReadIntoTheSmallStruct) {
     machine.productType = VER_NT_SERVER;
     OSVERSIONINFOEXW info{};
     info.dwOSVersionInfoSize = sizeof(OSVERSIONINFOW);
@@ -90,7 +90,7 @@ TEST_F(SimulatedVersion, FitsInTheSmallStructAlone) {
     EXPECT_EQ(info.wProductType, 0U);
 }
 
-TEST_F(SimulatedVersion, IsVerifiedByItsFirstNumberThatDiffers) {
+TEST_F(SimulatedVersion, IsComparedByTheFirstNumberThatDiffers) {
     machine.osMajor = 6;
     machine.osMinor = 2;
     machine.servicePack = 1;
@@ -107,7 +107,7 @@ TEST_F(SimulatedVersion, IsVerifiedByItsFirstNumberThatDiffers) {
     EXPECT_EQ(Verify(Numbers(6, 0, 0), {{VER_MAJORVERSION, VER_GREATER}}), kOld);
 }
 
-TEST_F(SimulatedVersion, IsVerifiedByEditionAndBuild) {
+TEST_F(SimulatedVersion, IsComparedByEditionAndBuild) {
     EXPECT_EQ(VerifyProduct(VER_NT_WORKSTATION), kSuccess);
     machine.productType = VER_NT_SERVER;
     EXPECT_EQ(VerifyProduct(VER_NT_WORKSTATION), kOld);
@@ -125,7 +125,7 @@ TEST_F(SimulatedVersion, IsVerifiedByEditionAndBuild) {
     EXPECT_EQ(Verify(wanted, {{VER_SUITENAME, VER_AND}}), kSuccess);
 }
 
-TEST_F(SimulatedVersion, IsNotVerifiedWithoutAQuestion) {
+TEST_F(SimulatedVersion, IsNotComparedWithoutACondition) {
     EXPECT_EQ(Verify(Numbers(10, 0, 0), {}), static_cast<DWORD>(ERROR_BAD_ARGUMENTS));
     OSVERSIONINFOEXW wanted = Numbers(10, 0, 0);
     wanted.dwOSVersionInfoSize = sizeof wanted;
@@ -135,7 +135,7 @@ TEST_F(SimulatedVersion, IsNotVerifiedWithoutAQuestion) {
     EXPECT_EQ(VerifyProduct(VER_NT_WORKSTATION), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
 }
 
-TEST_F(SimulatedVersion, IsThatWhichWxWidgetsTellsAlsoAfterItChanged) {
+TEST_F(SimulatedVersion, IsTheOneThatWxWidgetsReportsEvenAfterAChange) {
     int major = 0;
     int minor = 0;
     int build = 0;
@@ -149,7 +149,7 @@ TEST_F(SimulatedVersion, IsThatWhichWxWidgetsTellsAlsoAfterItChanged) {
     EXPECT_EQ(minor, 1);
 }
 
-TEST(RealVersion, AnswersAsTheSimulatedOne) {
+TEST(RealVersion, BehavesLikeTheSimulatedOne) {
     OSVERSIONINFOEXW info{};
     info.dwOSVersionInfoSize = sizeof info;
     ASSERT_TRUE(GetVersionExW(reinterpret_cast<OSVERSIONINFOW *>(&info)));

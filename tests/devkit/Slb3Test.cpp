@@ -36,7 +36,7 @@ protected:
     }
 
     /// Opens a name and stores a number under a key there, in a protected call.
-    /// @return the error, empty when there was none.
+    /// @return the error, empty if there was none.
     std::string Store(const char *name, const char *key, int value) const {
         struct Job {
             const char *name;
@@ -61,12 +61,12 @@ private:
     std::unique_ptr<lua_State, Closer> m_lua{luaL_newstate()};
 };
 
-TEST_F(Binder, MakesTheTablesOfADottedName) {
+TEST_F(Binder, CreatesTheTablesOfADottedName) {
     EXPECT_EQ(Store("SLB.filter", "answer", 42), "");
     EXPECT_EQ(Run("return SLB.filter.answer"), "42");
 }
 
-TEST_F(Binder, OpensTablesThatExistAndLeavesTheirValues) {
+TEST_F(Binder, OpensExistingTablesAndKeepsTheirValues) {
     Run("SLB = {other = 1, filter = {old = 2}} kept = SLB.filter");
     EXPECT_EQ(Store("SLB.filter", "new", 3), "");
     EXPECT_EQ(Run("return SLB.other .. SLB.filter.old .. kept.new"), "123");
@@ -82,7 +82,7 @@ TEST_F(Binder, OpensANameWithoutDotsAndAVeryLongOne) {
     EXPECT_EQ(Run("local t = a for i = 1, 1000 do t = t.a end return t.key"), "2");
 }
 
-TEST_F(Binder, AValueInTheWayIsAnErrorThatNamesIt) {
+TEST_F(Binder, AValueThatIsNotATableIsAnErrorThatNamesIt) {
     Run("SLB = 7");
     EXPECT_NE(Store("SLB.filter", "key", 1).find("SLB3: 'SLB' is not a table"), std::string::npos);
     Run("SLB = {filter = 'text'}");
@@ -91,7 +91,7 @@ TEST_F(Binder, AValueInTheWayIsAnErrorThatNamesIt) {
     EXPECT_EQ(Run("return SLB.filter"), "text") << "it stays as it was";
 }
 
-TEST_F(Binder, AsksNoMetamethods) {
+TEST_F(Binder, IgnoresMetamethods) {
     Run("local refuse = function() error('asked') end "
         "SLB = {filter = setmetatable({}, {__index = refuse, __newindex = refuse})} "
         "setmetatable(SLB, {__index = refuse, __newindex = refuse}) "
@@ -126,7 +126,7 @@ TEST_F(Binder, KeepsTheTableWhileTheNameIsOverwritten) {
     EXPECT_EQ(Run("return kept.key"), "5");
 }
 
-TEST_F(Binder, GivesItsPlaceInTheRegistryBack) {
+TEST_F(Binder, ReleasesItsReferenceInTheRegistry) {
     EXPECT_EQ(Store("SLB", "key", 1), "");
     lua_pushinteger(Lua(), 1);
     const int first = luaL_ref(Lua(), LUA_REGISTRYINDEX);
@@ -139,7 +139,7 @@ TEST_F(Binder, GivesItsPlaceInTheRegistryBack) {
     EXPECT_EQ(first, last);
 }
 
-TEST_F(Binder, AnErrorInsideCostsOneRegistryPlaceAndNothingElse) {
+TEST_F(Binder, AnErrorLeaksOneRegistryReferenceAndNothingElse) {
     lua_pushcfunction(Lua(), [](lua_State *state) {
         const Namespace space(state, "SLB");
         return luaL_error(state, "jumps over the destructor");
@@ -167,7 +167,7 @@ TEST_F(Binder, PushesASignatureRecordAsItsAddress) {
     lua_pop(Lua(), 1);
 }
 
-/// The object that the instance on top of the stack resolves to, asked as a bound function asks.
+/// The object that the instance on top of the stack resolves to, obtained as a bound function does.
 void *Resolved(lua_State *state) {
     const auto *instance = static_cast<const SlbInstance *>(lua_touserdata(state, -1));
     const SlbInstanceView view{instance, instance + 1};
@@ -188,7 +188,7 @@ TEST_F(Binder, AnInstanceResolvesToItsObject) {
     lua_pop(Lua(), 1);
 }
 
-TEST_F(Binder, AConstInstanceCarriesBothConstFlags) {
+TEST_F(Binder, AConstInstanceHasBothConstFlags) {
     int object = 0;
     Control::PushInstance(Lua(), "Type", &object, true);
     const auto *instance = static_cast<const SlbInstance *>(lua_touserdata(Lua(), -1));
@@ -236,7 +236,7 @@ TEST_F(Binder, InstancesOfATypeShareAMetatableNamedAfterIt) {
     lua_pop(Lua(), 3);
 }
 
-TEST_F(Binder, AnInstanceAsTextNamesItsTypeAndWhetherItIsGone) {
+TEST_F(Binder, TheTextOfAnInstanceNamesItsTypeAndWhetherItIsForgotten) {
     int object = 0;
     Control::PushInstance(Lua(), "VtaCore::CDom", &object);
     lua_pushvalue(Lua(), -1);
@@ -249,14 +249,14 @@ TEST_F(Binder, AnInstanceAsTextNamesItsTypeAndWhetherItIsGone) {
     lua_pop(Lua(), 1);
 }
 
-TEST_F(Binder, TheTextOfAnInstanceCannotBeAskedOfSomethingElse) {
+TEST_F(Binder, TheTextOfAnInstanceIsRefusedForOtherValues) {
     int object = 0;
     Control::PushInstance(Lua(), "Type", &object);
     lua_setglobal(Lua(), "instance");
     EXPECT_NE(Run("return getmetatable(instance).__tostring(io.stdout)").find("SLB3:Type expected"), std::string::npos);
 }
 
-TEST_F(Binder, TheHeaderIsFollowedByThePayloadWithoutAGap) {
+TEST_F(Binder, ThePayloadFollowsTheHeaderWithoutAGap) {
     int object = 0;
     Control::PushInstance(Lua(), "Type", &object);
     const auto *words = static_cast<void *const *>(lua_touserdata(Lua(), -1));

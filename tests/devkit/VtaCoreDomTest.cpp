@@ -1,4 +1,4 @@
-// The agent's central object: settings and their file, paths, events, the end of the agent.
+// The agent's central object: settings and their file, paths, events, the agent's exit.
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -39,7 +39,7 @@ protected:
     fs::path m_store = m_folder / L"Einstellungen-\u00FC.json";
 };
 
-TEST_F(DomSettings, AMissingFlagLeavesTheVariableAlone) {
+TEST_F(DomSettings, AMissingFlagDoesNotChangeTheVariable) {
     const Control::Dom dom;
     for (bool flag : {false, true}) {
         bool value = flag;
@@ -75,7 +75,7 @@ TEST_F(DomSettings, ATextThatSpellsAFlagCanBeReadAsOne) {
     }
 }
 
-TEST_F(DomSettings, AnyOtherTextIsNoFlag) {
+TEST_F(DomSettings, AnyOtherTextIsNotAFlag) {
     Control::Dom dom;
     for (const char *text : {"", "yes", "2", "truth"}) {
         SCOPED_TRACE(text);
@@ -115,7 +115,7 @@ TEST_F(DomSettings, ASecondObjectReadsWhatTheFirstStored) {
     EXPECT_EQ(FileCount(), 1) << "only the store itself stays";
 }
 
-TEST_F(DomSettings, EveryCodeUnitSurvivesTheFileAlsoNulAndLoneSurrogates) {
+TEST_F(DomSettings, EveryCodeUnitSurvivesTheFileEvenNulAndLoneSurrogates) {
     std::wstring units;
     for (unsigned unit = 0; unit <= 0xFFFF; ++unit)
         units += static_cast<wchar_t>(unit);
@@ -166,7 +166,7 @@ TEST_F(DomSettings, ABrokenFileIsKeptAsideAndTheStoreStartsEmpty) {
     }
 }
 
-TEST_F(DomSettings, AFileThatCannotBeReadOrMovedIsLeftAlone) {
+TEST_F(DomSettings, AFileThatCannotBeReadOrMovedIsUnchanged) {
     Write("{\"key\": \"kept\"}");
     const HANDLE lock = CreateFileW(m_store.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(lock, INVALID_HANDLE_VALUE);
@@ -190,7 +190,7 @@ TEST_F(DomSettings, AStoreThatCannotBeWrittenKeepsTheOldFileAndTheNewValue) {
     CloseHandle(lock);
 }
 
-TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUpFor) {
+TEST_F(DomSettings, AStoreReportsWhyItsFileLacksAChangeUntilItIsSaved) {
     Control::Dom dom(Path());
     dom.SettingStore("key", "old");
     EXPECT_EQ(Control::SettingsError(dom), 0u);
@@ -204,7 +204,7 @@ TEST_F(DomSettings, AStoreSaysWhyItsFileLacksAChangeAndForgetsThatWhenItIsMadeUp
     EXPECT_EQ(Control::Dom(Path()).SettingRetrieve("key"), "new");
 }
 
-TEST_F(DomSettings, AFolderIsLeftAloneAndTold) {
+TEST_F(DomSettings, AFolderIsUnchangedAndReported) {
     fs::create_directories(m_store / "below");
     Control::Dom dom(Path());
     EXPECT_NE(Control::SettingsError(dom), 0u);
@@ -226,7 +226,7 @@ TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChanges) {
     EXPECT_EQ(first.SettingRetrieve("b"), "of the second");
 }
 
-TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChangesAlsoAtTheSameTime) {
+TEST_F(DomSettings, TwoStoresOnOneFileKeepEachOthersChangesEvenAtTheSameTime) {
     constexpr int kRounds = 20;
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t)
@@ -276,7 +276,7 @@ TEST_F(DomSettings, ThreadsCanStoreAndReadAtTheSameTime) {
         EXPECT_EQ(again.SettingRetrieve(wxString::Format("key%d", t)), wxString::Format("%d", kRounds - 1));
 }
 
-TEST(DomPaths, PutThePluginsFilesBelowTheSetFolder) {
+TEST(DomPaths, AreBelowTheConfiguredFolder) {
     Control::Dom dom;
     Control::SetPluginFolder(dom, "C:\\agent");
     EXPECT_EQ(dom.GetPluginFileWx("filter", "driver.inf"), "C:\\agent\\filter\\driver.inf");
@@ -284,14 +284,14 @@ TEST(DomPaths, PutThePluginsFilesBelowTheSetFolder) {
     EXPECT_EQ(dom.GetPluginFileWx("filter", "driver.inf"), "C:\\filter\\driver.inf");
 }
 
-TEST(DomPaths, AreBesideTheProgramAtFirst) {
+TEST(DomPaths, AreBesideTheProgramByDefault) {
     wchar_t program[MAX_PATH];
     ASSERT_GT(GetModuleFileNameW(nullptr, program, MAX_PATH), 0u);
     const fs::path expected = fs::path(program).parent_path() / "plugins" / "filter" / "driver.inf";
     EXPECT_EQ(Control::Dom().GetPluginFileWx("filter", "driver.inf"), expected.wstring());
 }
 
-TEST(DomExit, IsNotWantedAtFirst) {
+TEST(DomExit, IsNotRequestedAtFirst) {
     const Control::Dom dom;
     bool interrupted = true;
     EXPECT_FALSE(dom.ShouldExit(0, &interrupted));
@@ -299,7 +299,7 @@ TEST(DomExit, IsNotWantedAtFirst) {
     EXPECT_FALSE(dom.ShouldExit(0, nullptr));
 }
 
-TEST(DomExit, IsWantedUntilItIsTakenBack) {
+TEST(DomExit, IsRequestedUntilItIsCancelled) {
     Control::Dom dom;
     Control::SetShouldExit(dom, true);
     bool interrupted = false;
@@ -310,14 +310,14 @@ TEST(DomExit, IsWantedUntilItIsTakenBack) {
     EXPECT_FALSE(dom.ShouldExit(0, nullptr));
 }
 
-TEST(DomExit, TheWaitLastsAsLongAsAsked) {
+TEST(DomExit, TheWaitLastsAsLongAsRequested) {
     const Control::Dom dom;
     const auto start = std::chrono::steady_clock::now();  // the ticks of a busy system may be late
     EXPECT_FALSE(dom.ShouldExit(200, nullptr));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(180));
 }
 
-TEST(DomExit, EndsAWaitThatIsUnderWay) {
+TEST(DomExit, EndsARunningWait) {
     Control::Dom dom;
     std::thread later([&dom] {
         Sleep(50);
@@ -351,7 +351,7 @@ TEST_F(DomEvents, AreFormattedWithWideTextsAndRecorded) {
     EXPECT_EQ(events[0].text, L"\u00FC\u65E5: -3 of 4, 1099511627776,  12.2%");
 }
 
-TEST_F(DomEvents, ThatAreLoggedCarryTheNumberOfTheLogEntry) {
+TEST_F(DomEvents, IncludeTheNumberOfTheLogEntryIfLogged) {
     m_dom.DoAgentEventWriteAndLog(17, 4711, L"%s", L"text");
     const std::vector<Control::Event> events = Control::TakeEvents();
     ASSERT_EQ(events.size(), 1u);
@@ -368,7 +368,7 @@ TEST_F(DomEvents, CanBeLong) {
     EXPECT_TRUE(events[0].text == L"<" + longText + L">");
 }
 
-TEST_F(DomEvents, WithoutArgumentsKeepTheirFormatAsGiven) {
+TEST_F(DomEvents, WithoutArgumentsKeepTheirFormat) {
     m_dom.AgentEventWrite(5, wxString("at 50% of it: %s"));
     const std::vector<Control::Event> events = Control::TakeEvents();
     ASSERT_EQ(events.size(), 1u);

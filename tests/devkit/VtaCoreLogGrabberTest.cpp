@@ -1,4 +1,4 @@
-// The log target that collects into a text.
+// The log target that collects records into a text.
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -44,7 +44,7 @@ TEST_F(LogGrabber, IsNotActiveByItself) {
     EXPECT_EQ(m_before.records.size(), 1u);
 }
 
-TEST_F(LogGrabber, CollectsEachRecordWithALineFeedBehind) {
+TEST_F(LogGrabber, CollectsEachRecordFollowedByALineFeed) {
     wxString text = "before|";
     CLogGrabber grabber(text, false, false);
     wxLog::SetActiveTarget(&grabber);
@@ -56,7 +56,7 @@ TEST_F(LogGrabber, CollectsEachRecordWithALineFeedBehind) {
     EXPECT_TRUE(m_before.records.empty()) << "nothing is passed on";
 }
 
-TEST_F(LogGrabber, PassesEachRecordOnToTheTargetBefore) {
+TEST_F(LogGrabber, PassesEachRecordOnToThePreviousTarget) {
     wxString text;
     CLogGrabber grabber(text, true, false);
     wxLog::SetActiveTarget(&grabber);
@@ -69,7 +69,7 @@ TEST_F(LogGrabber, PassesEachRecordOnToTheTargetBefore) {
     EXPECT_EQ(m_before.records, expected);
 }
 
-TEST_F(LogGrabber, TakesTheLevelInfoOnlyWhenAsked) {
+TEST_F(LogGrabber, CollectsTheLevelInfoOnlyOnRequest) {
     wxLog::SetVerbose(true);
     for (bool withVerbose : {false, true}) {
         wxString text;
@@ -97,7 +97,7 @@ TEST_F(LogGrabber, CanBeTheTargetOfAnotherThreadOnly) {
     EXPECT_EQ(m_before.records[0].second, "from the main thread");
 }
 
-TEST_F(LogGrabber, MadeInAThreadPassesOnToThatThreadsTarget) {
+TEST_F(LogGrabber, CreatedInAThreadPassesOnToThatThreadsTarget) {
     KeepingTarget threadTarget;
     wxString text;
     std::thread other([&] {
@@ -116,7 +116,7 @@ TEST_F(LogGrabber, MadeInAThreadPassesOnToThatThreadsTarget) {
     EXPECT_TRUE(m_before.records.empty());
 }
 
-TEST_F(LogGrabber, KeepsTheLinesOfSeveralThreadsWhole) {
+TEST_F(LogGrabber, KeepsTheLinesOfSeveralThreadsComplete) {
     constexpr int kThreads = 8;
     constexpr int kLines = 500;
     wxString text;

@@ -29,7 +29,7 @@ bool Eventually(const std::function<bool()> &condition) {
     return false;
 }
 
-/// What a thread did; stays when a detached object is gone.
+/// What a thread did; survives a detached object.
 struct Record {
     std::atomic<int> bodies{0};
     std::atomic<int> exits{0};
@@ -118,7 +118,7 @@ TEST_F(Runnable, ADetachedThreadFreesItself) {
     EXPECT_EQ(m_record->exits, 1);
 }
 
-TEST_F(Runnable, ManyDetachedThreadsEndWithoutTrouble) {
+TEST_F(Runnable, ManyDetachedThreadsEndCleanly) {
     constexpr int kThreads = 100;
     for (int i = 0; i < kThreads; ++i)
         ASSERT_TRUE((new Worker(m_record, &ReturnAtOnce, true))->start(kNormalPriority, true, 0));
@@ -163,7 +163,7 @@ TEST_F(Runnable, StartsAThreadThatWasCreatedBefore) {
     EXPECT_EQ(m_record->bodies, 1);
 }
 
-TEST_F(Runnable, HasTheAskedPriorityAndAtMostTheHighest) {
+TEST_F(Runnable, HasTheRequestedPriorityUpToTheHighest) {
     const std::pair<unsigned, int> priorities[] = {{0, THREAD_PRIORITY_LOWEST},
                                                    {50, THREAD_PRIORITY_NORMAL},
                                                    {100, THREAD_PRIORITY_HIGHEST},
@@ -178,7 +178,7 @@ TEST_F(Runnable, HasTheAskedPriorityAndAtMostTheHighest) {
     }
 }
 
-TEST_F(Runnable, ReservesTheAskedStack) {
+TEST_F(Runnable, ReservesTheRequestedStack) {
     constexpr unsigned kStack = 8 * 1024 * 1024;
     constexpr std::size_t kUsed = 6 * 1024 * 1024;
     bool reached = false;
@@ -221,7 +221,7 @@ TEST_F(Runnable, IsBoundToItsProcessor) {
     Worker worker(
         m_record,
         [&mask](Worker &) {
-            mask = SetThreadAffinityMask(GetCurrentThread(), 1);  // yields the mask before
+            mask = SetThreadAffinityMask(GetCurrentThread(), 1);  // returns the previous mask
         },
         false, false, 0);
     ASSERT_TRUE(worker.start(kNormalPriority, true, 0));
@@ -241,7 +241,7 @@ TEST_F(Runnable, ASuspendedThreadWaitsForAwaken) {
     EXPECT_EQ(m_record->bodies, 1);
 }
 
-TEST_F(Runnable, ASuspendedThreadThatIsAskedToEndNeverRunsItsBody) {
+TEST_F(Runnable, ASuspendedThreadThatIsToldToEndNeverRunsItsBody) {
     auto worker = Joinable(&ReturnAtOnce, true);
     ASSERT_TRUE(worker->start(kNormalPriority, true, 0));
     worker->Delete();
@@ -273,7 +273,7 @@ TEST_F(Runnable, RequestExitEndsTheWaitAndStaysInForce) {
     EXPECT_FALSE(interrupted);
 }
 
-/// What one wait of a thread answered.
+/// The result of one wait of a thread.
 struct WaitResult {
     bool destroy = true;
     bool interrupted = false;
@@ -311,7 +311,7 @@ TEST_F(Runnable, InterruptEndsOneWaitInterrupted) {
     EXPECT_FALSE(second.interrupted);
 }
 
-TEST_F(Runnable, AWaitThatNothingEndsLastsAsLongAsAsked) {
+TEST_F(Runnable, AWaitThatNothingEndsLastsAsLongAsRequested) {
     milliseconds waited{0};
     bool destroy = true;
     auto worker = Joinable([&](Worker &self) {
@@ -381,7 +381,7 @@ TEST_F(Runnable, CanBeKilledInTheMiddleOfItsWait) {
 }
 
 #ifdef __GNUC__
-/// Notes which of its virtual operations is called.
+/// Records which of its virtual functions is called.
 class SlotProbe : public CRunnable {
 public:
     SlotProbe() : CRunnable(false, -1, false) {}
@@ -410,7 +410,7 @@ private:
     }
 };
 
-TEST_F(Runnable, ItsVirtualOperationsHaveTheOrderOfTheCoreLibrary) {
+TEST_F(Runnable, ItsVirtualFunctionsHaveTheOrderOfTheCoreLibrary) {
     // This compiler gives a destructor two slots, 1 and 2 here.
     const std::pair<std::size_t, const char *> slots[] = {
         {0, "TestDestroy()"}, {3, "Entry"},        {4, "OnDelete"}, {5, "OnKill"},

@@ -1,4 +1,4 @@
-// What the host hears of the agent's threads.
+// What the host is told about the agent's threads.
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -14,7 +14,7 @@ namespace {
 
 using namespace VtaCore;
 
-/// Notes what it is told of one thread.
+/// Records what it is told about one thread.
 class NotingListener : public Control::ThreadListener {
 public:
     void OnThreadBegin(DWORD, const char *name) override { Note(std::string("begin ") + name); }
@@ -36,7 +36,7 @@ private:
     std::vector<std::string> m_notes;
 };
 
-/// Threads of this program may be about for ever, so it is never destroyed.
+/// Threads of this program may run for ever, so it is never destroyed.
 NotingListener &TheListener() {
     static NotingListener &listener = *new NotingListener;
     return listener;
@@ -88,7 +88,7 @@ private:
     wxLog *m_original = nullptr;
 };
 
-TEST_F(ThreadLog, ALineIsToldAtOnceAndLoggedWhenTheMainThreadFlushes) {
+TEST_F(ThreadLog, ALineIsReportedAtOnceAndLoggedWhenTheMainThreadFlushes) {
     std::vector<std::string> told;
     RunThread([&told] {
         wxLogMessage("here");
@@ -109,7 +109,7 @@ TEST_F(ThreadLog, AnErrorOfTheSystemIsCompletedOnce) {
     EXPECT_EQ(TheListener().Take().at(1), "line " + target.texts[0]);
 }
 
-TEST_F(ThreadLog, WhatAThreadKeepsToItselfIsToldToo) {
+TEST_F(ThreadLog, LinesOfAThreadsOwnTargetAreReportedToo) {
     wxString text;
     RunThread([&text] {
         CLogGrabber grabber(text, false, false);
@@ -125,7 +125,7 @@ TEST_F(ThreadLog, WhatAThreadKeepsToItselfIsToldToo) {
               (std::vector<std::string>{"begin logging", "line mine", "line everybody's", "end"}));
 }
 
-TEST_F(ThreadLog, AKillIsToldAndWhatTheThreadHasLoggedStays) {
+TEST_F(ThreadLog, AKillIsReportedAndTheThreadsLinesAreKept) {
     static std::atomic<bool> hasLogged;
     hasLogged = false;
     LoggingThread thread([] {
@@ -144,7 +144,7 @@ TEST_F(ThreadLog, AKillIsToldAndWhatTheThreadHasLoggedStays) {
     EXPECT_EQ(target.texts, std::vector<std::string>{"about to hang"});
 }
 
-TEST_F(ThreadLog, NothingIsToldWithoutAListener) {
+TEST_F(ThreadLog, NothingIsReportedWithoutAListener) {
     Control::SetThreadListener(nullptr);
     RunThread([] { wxLogMessage("here"); });
     EXPECT_TRUE(TheListener().Take().empty());

@@ -36,7 +36,7 @@ TEST_F(Tracing, IsOffAtFirst) {
     EXPECT_TRUE(Control::TakeTraces().empty());
 }
 
-TEST_F(Tracing, OfAComponentThatIsSwitchedOnIsRecordedWhole) {
+TEST_F(Tracing, OfAnEnabledComponentIsRecordedCompletely) {
     Control::EnableTrace("filter", true);
     EXPECT_TRUE(LogTraceIsEnabled(L"filter"));
     EXPECT_TRUE(LogTraceIsEnabled(wxString("filter")));
@@ -54,7 +54,7 @@ TEST_F(Tracing, OfAComponentThatIsSwitchedOnIsRecordedWhole) {
     EXPECT_TRUE(Control::TakeTraces().empty()) << "taken once only";
 }
 
-TEST_F(Tracing, IsSwitchedPerComponentAndByItsWholeName) {
+TEST_F(Tracing, IsSwitchedPerComponentByItsFullName) {
     Control::EnableTrace("filter", true);
     for (const wchar_t *other : {L"filte", L"filter2", L"Filter", L""})
         EXPECT_FALSE(LogTraceIsEnabled(other)) << wxString(other).utf8_str();
@@ -62,7 +62,7 @@ TEST_F(Tracing, IsSwitchedPerComponentAndByItsWholeName) {
     EXPECT_FALSE(LogTraceIsEnabled(L"filter"));
 }
 
-TEST_F(Tracing, TheStarStandsForAllComponentsAlsoThoseNamedLater) {
+TEST_F(Tracing, TheStarMeansAllComponentsIncludingThoseNamedLater) {
     Control::EnableTrace("*", true);
     EXPECT_TRUE(LogTraceIsEnabled(L"never named"));
     Control::EnableTrace("*", false);
@@ -101,7 +101,7 @@ TEST_F(Tracing, DropsTheOldestLinesWhenThereAreTooMany) {
     EXPECT_EQ(lines.back().message, std::to_string(Control::kMaxRecords + kExtra - 1));
 }
 
-/// Notes what it is told, and whether two calls ever overlapped.
+/// Records what it is told, and whether two calls ever overlapped.
 class Notes : public Control::Observer {
 public:
     void OnTrace(const Control::TraceLine &line) override { Note(line.message); }

@@ -13,7 +13,7 @@ using namespace VtaCore;
 
 constexpr unsigned kRoom = 1000;
 
-/// The system's own text of an error, as the measure for LocalizedMsg.
+/// The system's own error text, to compare LocalizedMsg with.
 wxString SystemText(DWORD id) {
     wchar_t text[kRoom];
     const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, id, 0,
@@ -54,7 +54,7 @@ TEST(LocalizedMessage, IsEmptyWhenThereIsNone) {
     EXPECT_EQ(LocalizedMsg(1, kRoom, GetModuleHandleW(L"vta_core.dll")), "") << "a module without a table";
 }
 
-TEST(LocalizedMessage, IsEmptyWhenThereIsNoRoom) {
+TEST(LocalizedMessage, IsEmptyWithoutABuffer) {
     const HINSTANCE module = MessageModule();
     ASSERT_NE(module, nullptr);
     const auto length = static_cast<unsigned>(SystemText(ERROR_FILE_NOT_FOUND).length());
@@ -64,7 +64,7 @@ TEST(LocalizedMessage, IsEmptyWhenThereIsNoRoom) {
     EXPECT_NE(LocalizedMsg(ERROR_FILE_NOT_FOUND, UINT_MAX, module), "") << "more room than the system takes";
 }
 
-TEST(TickCount, IsThatOfTheSystem) {
+TEST(TickCount, IsTheSystems) {
     const DWORD before = GetTickCount();
     const unsigned ticks = SystemTickCount();
     EXPECT_LE(ticks - before, GetTickCount() - before);
@@ -90,7 +90,7 @@ int Print(char *buffer, std::size_t size, const char *format, ...) {
     return result;
 }
 
-TEST(SafePrint, YieldsTheLengthOfATextThatFits) {
+TEST(SafePrint, ReturnsTheLengthOfATextThatFits) {
     char buffer[8] = "???????";
     EXPECT_EQ(Print(buffer, sizeof buffer, "%s-%d", "abc", 123), 7);
     EXPECT_STREQ(buffer, "abc-123");
@@ -98,7 +98,7 @@ TEST(SafePrint, YieldsTheLengthOfATextThatFits) {
     EXPECT_STREQ(buffer, "");
 }
 
-TEST(SafePrint, CutsATextThatDoesNotFitAndEndsIt) {
+TEST(SafePrint, TruncatesAndTerminatesATextThatDoesNotFit) {
     char buffer[9] = "????????";
     EXPECT_EQ(Print(buffer, 8, "%s", "12345678"), -1) << "one character too long";
     EXPECT_STREQ(buffer, "1234567");
@@ -107,7 +107,7 @@ TEST(SafePrint, CutsATextThatDoesNotFitAndEndsIt) {
     EXPECT_EQ(buffer[8], '\0') << "nothing behind the room was written";
 }
 
-TEST(SafePrint, DoesNothingWithoutRoom) {
+TEST(SafePrint, DoesNothingWithoutABuffer) {
     char buffer[2] = "x";
     EXPECT_EQ(Print(buffer, 0, "%d", 1), -1);
     EXPECT_STREQ(buffer, "x");

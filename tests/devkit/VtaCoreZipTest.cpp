@@ -1,4 +1,4 @@
-// The stream of a diagnostic package, read back with the reader of wxWidgets.
+// The stream of a diagnostic package, read back with wxWidgets' reader.
 #include <algorithm>
 #include <memory>
 #include <random>
@@ -60,7 +60,7 @@ std::string Noise(std::size_t size) {
     return noise;
 }
 
-/// Yields some bytes and then fails.
+/// Returns some bytes and then fails.
 class FailingInput : public wxInputStream {
 public:
     explicit FailingInput(std::size_t good) : m_left(good) {}
@@ -79,7 +79,7 @@ private:
     std::size_t m_left;
 };
 
-/// Takes some bytes and then fails.
+/// Accepts some bytes and then fails.
 class FailingOutput : public wxOutputStream {
 public:
     explicit FailingOutput(std::size_t good) : m_left(good) {}
@@ -97,7 +97,7 @@ private:
     std::size_t m_left;
 };
 
-TEST(ZipStream, CarriesFilesWithNamesCommentsAndKind) {
+TEST(ZipStream, ContainsFilesWithNamesCommentsAndKind) {
     wxMemoryOutputStream out;
     Control::ZipPackage zip(out);
     const std::string text(50'000, 'a');
@@ -121,7 +121,7 @@ TEST(ZipStream, CarriesFilesWithNamesCommentsAndKind) {
     EXPECT_EQ(files[2].comment, "");
 }
 
-TEST(ZipStream, WritesNamesAsUtf8AndSaysSo) {
+TEST(ZipStream, WritesNamesAsUtf8AndFlagsThem) {
     wxMemoryOutputStream out;
     {
         Control::ZipPackage zip(out);
@@ -158,7 +158,7 @@ TEST(ZipStream, WithoutFilesIsAnEmptyPackage) {
     EXPECT_TRUE(Unpack(out).empty());
 }
 
-TEST(ZipStream, TheDestructorEndsThePackage) {
+TEST(ZipStream, TheDestructorFinishesThePackage) {
     wxMemoryOutputStream out;
     const int before = Control::LiveObjects();
     {
@@ -182,7 +182,7 @@ TEST(ZipStream, NothingCanBeAddedToAClosedPackage) {
     EXPECT_EQ(Unpack(out).size(), 1u);
 }
 
-TEST(ZipStream, AStreamThatFailsIsNotAddedAndTheNextOneIs) {
+TEST(ZipStream, AStreamThatFailsIsNotAddedButTheNextOneIs) {
     for (const std::size_t good : {0u, 10u, 100'000u}) {
         SCOPED_TRACE(good);
         wxMemoryOutputStream out;
@@ -198,7 +198,7 @@ TEST(ZipStream, AStreamThatFailsIsNotAddedAndTheNextOneIs) {
     }
 }
 
-TEST(ZipStream, AStreamThatHasFailedBeforeLeavesNoTrace) {
+TEST(ZipStream, AStreamThatHasFailedBeforeIsNotAdded) {
     wxMemoryOutputStream out;
     Control::ZipPackage zip(out);
     FailingInput failing(0);
@@ -209,8 +209,7 @@ TEST(ZipStream, AStreamThatHasFailedBeforeLeavesNoTrace) {
     EXPECT_TRUE(Unpack(out).empty());
 }
 
-/// Writes a small package.
-/// @return true when no step reported a failure.
+/// Writes a small package. @return true if no step reported a failure.
 bool WritePackage(wxOutputStream &out) {
     Control::ZipPackage zip(out);
     const bool first = Add(zip, std::string(10'000, 'a'), "first.txt", true);

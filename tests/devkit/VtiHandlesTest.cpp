@@ -56,7 +56,7 @@ TEST_F(VtiHandles, RefusesNullClosedAndForeignHandles) {
     }
 }
 
-TEST_F(VtiHandles, NeverGivesOutAClosedHandleAgain) {
+TEST_F(VtiHandles, NeverReusesAClosedHandle) {
     vti_handle_t *first = vti_open();
     vti_close(first);
     vti_handle_t *second = vti_open();
@@ -64,7 +64,7 @@ TEST_F(VtiHandles, NeverGivesOutAClosedHandleAgain) {
     vti_close(second);
 }
 
-TEST_F(VtiHandles, TellsWhetherTheDriverAnswers) {
+TEST_F(VtiHandles, ReportsWhetherTheDriverAnswers) {
     vti_handle_t *handle = vti_open();
     EXPECT_GT(vti_driver_available(handle), 0);
     Vti::TheDriver().available = false;
@@ -84,7 +84,7 @@ TEST_F(VtiHandles, KeepsTheLastErrorOfEachHandleApart) {
     vti_close(second);
 }
 
-TEST_F(VtiHandles, AnErrorThatFillsTheBufferHasNoEndMark) {
+TEST_F(VtiHandles, AnErrorThatFillsTheBufferIsNotTerminated) {
     vti_handle_t *handle = vti_open();
     Vti::TheDriver().faults["vti_get_version"] = {-5, "12345678", -1, 0};
     char version[112] = {};
@@ -101,7 +101,7 @@ TEST_F(VtiHandles, AnErrorThatFillsTheBufferHasNoEndMark) {
     vti_close(handle);
 }
 
-TEST_F(VtiHandles, AFaultComesAfterSomeCallsAndEndsAfterSome) {
+TEST_F(VtiHandles, AFaultBeginsAndEndsAfterSomeCalls) {
     vti_handle_t *handle = vti_open();
     Vti::TheDriver().faults["vti_set_var"] = {-7, "full", 2, 1};
     EXPECT_EQ(vti_set_var(handle, 3, 10), 0);
@@ -114,7 +114,7 @@ TEST_F(VtiHandles, AFaultComesAfterSomeCallsAndEndsAfterSome) {
     vti_close(handle);
 }
 
-TEST_F(VtiHandles, AFaultOfOpenYieldsNoHandle) {
+TEST_F(VtiHandles, AFaultOfOpenReturnsNoHandle) {
     Vti::TheDriver().faults["vti_open"] = {-1, "", 1, 0};
     EXPECT_EQ(vti_open(), nullptr);
     vti_handle_t *handle = vti_open();
@@ -122,7 +122,7 @@ TEST_F(VtiHandles, AFaultOfOpenYieldsNoHandle) {
     vti_close(handle);
 }
 
-TEST_F(VtiHandles, AResetLeavesHandlesOpen) {
+TEST_F(VtiHandles, AResetKeepsHandlesOpen) {
     vti_handle_t *handle = vti_open();
     const int open = Vti::TheDriver().openHandles;
     Vti::TheDriver().variables[0] = 9;

@@ -6,35 +6,19 @@
 #include <iterator>
 #include <memory>
 
-#include <gtest/gtest.h>
-
-#include "vti_control.h"
+#include "VtiTestSupport.h"
 
 namespace {
 
 constexpr int32_t kInvalidRequest = -10003;
 
-class VtiMonitoring : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Vti::Reset();
-        handle = vti_open();
-        ASSERT_NE(handle, nullptr);
-    }
-    void TearDown() override {
-        vti_close(handle);
-        Vti::Reset();
-    }
-
-    vti_handle_t *handle = nullptr;
-    Vti::Driver &driver = Vti::TheDriver();
-};
+class VtiMonitoring : public OpenedDriver {};
 
 std::vector<std::string> traced;
 
 int32_t KeepTrace(int32_t level, const char *source, const char *file, int32_t line, const char *text) {
     traced.push_back(std::to_string(level) + " " + source + " " + file + ":" + std::to_string(line) + " " + text);
-    // A handler may well use the library, which takes its lock.
+    // A handler may call the library, which takes its lock.
     (void)vti_driver_available(nullptr);
     return 0;
 }
@@ -59,7 +43,7 @@ TEST_F(VtiMonitoring, KeepsTheProfilersWords) {
     EXPECT_EQ(driver.profilerRunning, &running);
 }
 
-TEST_F(VtiMonitoring, TracesUpToTheLevelOutsideItsLock) {
+TEST_F(VtiMonitoring, TracesUpToTheLevelWithoutHoldingItsLock) {
     traced.clear();
     Vti::Trace(1, "before", "a.c", 1, "no handler yet");
     EXPECT_EQ(vti_set_trace_handler(handle, KeepTrace), 0);
@@ -71,7 +55,7 @@ TEST_F(VtiMonitoring, TracesUpToTheLevelOutsideItsLock) {
     EXPECT_EQ(traced, std::vector<std::string>{"3 qb a.c:7 wanted"});
 }
 
-TEST_F(VtiMonitoring, KeepsTheLastScanRequestWhole) {
+TEST_F(VtiMonitoring, KeepsTheLastScanRequest) {
     const auto request = std::make_unique<ScanMonitorRequest>();
     request->word0 = 1;
     request->outbound_ports[2047] = 0x8000'0000U;
@@ -99,7 +83,7 @@ TEST_F(VtiMonitoring, ScanMetricsFillTenCounters) {
     EXPECT_EQ(vti_get_scan_metrics(handle, &record, sizeof record), kInvalidRequest);
 }
 
-TEST_F(VtiMonitoring, ScanMetricsFillOnlyTheCountersThatTheyClaim) {
+TEST_F(VtiMonitoring, ScanMetricsFillOnlyTheClaimedCounters) {
     driver.scanCounters.fill(7);
     for (const std::array<uint32_t, 2> shape : {std::array<uint32_t, 2>{3, 1}, {0, 1}, {11, 1}, {10, 0}}) {
         SCOPED_TRACE(std::to_string(shape[0]) + " by " + std::to_string(shape[1]));
@@ -135,7 +119,7 @@ TEST_F(VtiMonitoring, DumpsEveryWordOfTheStatistics) {
     EXPECT_EQ(lines[416 + 42], "third[0] = 7\n");
 }
 
-TEST_F(VtiMonitoring, DumpsTheTcpTableBehindTheUdpTable) {
+TEST_F(VtiMonitoring, DumpsTheTcpTableAfterTheUdpTable) {
     std::vector<uint8_t> tables(16 + 64 + 16 + 2 * 64);
     auto *udp = reinterpret_cast<ConnTrackHeader *>(tables.data());
     udp->protocol = 17;

@@ -2,36 +2,14 @@
 #include <cstring>
 #include <memory>
 
-#include <gtest/gtest.h>
-
-#include "vti_control.h"
+#include "VtiTestSupport.h"
 
 namespace {
 
 constexpr int32_t kOutOfRange = -10002;
 constexpr int32_t kInvalidRequest = -10003;
 
-class VtiQueries : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Vti::Reset();
-        handle = vti_open();
-        ASSERT_NE(handle, nullptr);
-    }
-    void TearDown() override {
-        vti_close(handle);
-        Vti::Reset();
-    }
-
-    std::string Error() const {
-        char text[200] = {};
-        vti_get_error(handle, text, sizeof text);
-        return text;
-    }
-
-    vti_handle_t *handle = nullptr;
-    Vti::Driver &driver = Vti::TheDriver();
-};
+class VtiQueries : public OpenedDriver {};
 
 std::unique_ptr<StatsRecord> StatsRequest() {
     auto record = std::make_unique<StatsRecord>();
@@ -56,7 +34,7 @@ int CountLine(void *context, const char *, ...) {
     return 0;
 }
 
-/// A head with room for entries behind it.
+/// A header with space for entries after it.
 struct ConnTrackTable {
     ConnTrackHeader head{3, 0, 0, 0, 0, 0, {}};
     std::array<std::array<uint8_t, 64>, 3> entries{};
@@ -85,7 +63,7 @@ TEST_F(VtiQueries, StatisticsFillAllThreeRegionsRecognisably) {
     EXPECT_EQ(record->layout1, 22);
 }
 
-TEST_F(VtiQueries, StatisticsRefuseAnyWordThatIsNotTheRequests) {
+TEST_F(VtiQueries, StatisticsRefuseAnyOtherRequestWord) {
     for (const unsigned offset : {0U, 4U, 8U, 12U, 16U, 20U, 24U, 26U, 28U, 30U, 40U, 48U, 56U}) {
         SCOPED_TRACE(offset);
         const auto record = StatsRequest();
@@ -96,7 +74,7 @@ TEST_F(VtiQueries, StatisticsRefuseAnyWordThatIsNotTheRequests) {
     }
 }
 
-TEST_F(VtiQueries, StatisticsRefuseARecordThatWasCopied) {
+TEST_F(VtiQueries, StatisticsRefuseACopiedRecord) {
     const auto record = StatsRequest();
     const auto copy = std::make_unique<StatsRecord>(*record);
     EXPECT_EQ(vti_get_stats(handle, copy.get(), sizeof *copy), kInvalidRequest);
@@ -151,7 +129,7 @@ TEST_F(VtiQueries, ConnectionTotalsAreTheSumOfBothTables) {
     EXPECT_EQ(head.entry_ct, 65'535);
 }
 
-TEST_F(VtiQueries, ConnectionsOfAProtocolAreCopiedWithinTheRoom) {
+TEST_F(VtiQueries, ConnectionsOfAProtocolAreCopiedAsFarAsTheyFit) {
     driver.udp = {ConnectionOf(0xA1), ConnectionOf(0xA2), ConnectionOf(0xA3)};
     driver.tcp = {ConnectionOf(0xB1)};
     ConnTrackTable table;
@@ -179,7 +157,7 @@ TEST_F(VtiQueries, ConnectionsRefuseASizeThatDoesNotFitTheEntries) {
     EXPECT_EQ(vti_get_conntrack(handle, &table.head, sizeof table, nullptr), kInvalidRequest);
 }
 
-TEST_F(VtiQueries, TheBlacklistTellsItsSizeFirst) {
+TEST_F(VtiQueries, TheBlacklistReportsItsSizeFirst) {
     driver.blacklist = {1, 2, 3, 4, 5};
     std::vector<uint8_t> buffer(sizeof(BlacklistRecord) + 6, 0xEE);
     auto *record = reinterpret_cast<BlacklistRecord *>(buffer.data());
@@ -220,7 +198,7 @@ TEST_F(VtiQueries, TheDriverMayChangeBetweenTwoCalls) {
     EXPECT_EQ(variable.value, 5U);
 }
 
-TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheLinesThatAreSet) {
+TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheConfiguredLines) {
     driver.statsLines = {"100%\n", "end"};
     const auto record = StatsRequest();
     EXPECT_EQ(vti_get_stats(handle, record.get(), sizeof *record), 0);
@@ -234,7 +212,7 @@ TEST_F(VtiQueries, StatisticsKeepTheRequestAndPrintTheLinesThatAreSet) {
     EXPECT_EQ(lines, 6128U / 4 + 2);
 }
 
-TEST_F(VtiQueries, TheProfileNeverExceedsItsRoom) {
+TEST_F(VtiQueries, TheProfileNeverExceedsItsBuffer) {
     driver.profile = {9, 8, 7, 6};
     std::array<uint32_t, 3> buffer{};
     EXPECT_EQ(vti_get_profile_stats(handle, buffer.data()), 0);

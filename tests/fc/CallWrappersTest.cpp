@@ -1,5 +1,5 @@
-// The five wrappers of bound functions, with every kind of Lua value in every place, and how bound
-// functions are registered.
+// The five wrappers of bound functions, with every kind of Lua value in every position, and how bound functions are
+// registered.
 
 #include <limits>
 #include <optional>
@@ -14,7 +14,7 @@
 
 namespace {
 
-// What the native functions saw, and what they answer.
+// What the native functions received, and what they return.
 struct Seen {
     int calls = 0;
     std::optional<std::string> first;  ///< No value: a null pointer.
@@ -66,7 +66,7 @@ bool NativeDomStrStr(VtaCore::CDom &dom, const wxString &second, const wxString 
 
 constexpr const char *kDomError = "Expected (non-const) Object SLB.Dom";
 
-/// Every kind of Lua value, and whether Lua converts it to a text.
+/// Every kind of Lua value, and whether Lua converts it to a string.
 struct LuaValue {
     const char *code;
     std::optional<std::string> text;
@@ -139,7 +139,7 @@ TEST_F(CallWrappers, BoolBoolWithoutAnArgumentPassesFalseAndWithZeroPassesTrue) 
     EXPECT_EQ(seen.flag, true);
 }
 
-TEST_F(CallWrappers, EachYieldsOneBooleanThatIsTheFunctionsResult) {
+TEST_F(CallWrappers, EachReturnsTheFunctionsResultAsOneBoolean) {
     for (const char *call : {"f.bool(true)", "f.str('a')", "f.strstr('a', 'b')", "f.domstrstr(dom, 'a', 'b')"}) {
         for (const bool result : {true, false}) {
             answer = result;
@@ -150,7 +150,7 @@ TEST_F(CallWrappers, EachYieldsOneBooleanThatIsTheFunctionsResult) {
     }
 }
 
-TEST_F(CallWrappers, BoolStrPassesANullPointerForWhatIsNoText) {
+TEST_F(CallWrappers, BoolStrPassesANullPointerForAnythingButAText) {
     for (const LuaValue &value : kLuaValues) {
         seen = Seen();
         EXPECT_EQ(lua.Eval(std::string("f.str(") + value.code + ")"), "true") << value.code;
@@ -163,7 +163,7 @@ TEST_F(CallWrappers, BoolStrPassesANullPointerForWhatIsNoText) {
     EXPECT_EQ(seen.first, std::nullopt) << "no argument";
 }
 
-TEST_F(CallWrappers, BoolStrStrPassesBothPlacesInTheirOrder) {
+TEST_F(CallWrappers, BoolStrStrPassesBothArgumentsInOrder) {
     for (const LuaValue &first : kLuaValues) {
         for (const LuaValue &second : kLuaValues) {
             seen = Seen();
@@ -188,7 +188,7 @@ TEST_F(CallWrappers, BoolDomStrStrPassesTheObjectAndBothTexts) {
     EXPECT_EQ(seen.thirdText, "C:\\wfp\\");
 }
 
-TEST_F(CallWrappers, BoolDomStrStrTakesWhatIsNoTextAsAnEmptyString) {
+TEST_F(CallWrappers, BoolDomStrStrReadsAnythingButATextAsAnEmptyString) {
     for (const LuaValue &second : kLuaValues) {
         for (const LuaValue &third : kLuaValues) {
             seen = Seen();
@@ -203,13 +203,13 @@ TEST_F(CallWrappers, BoolDomStrStrTakesWhatIsNoTextAsAnEmptyString) {
     EXPECT_TRUE(seen.secondText.empty() && seen.thirdText.empty());
 }
 
-TEST_F(CallWrappers, BoolDomStrStrReadsTextsAsUtf8WithTheirWholeLength) {
+TEST_F(CallWrappers, BoolDomStrStrReadsTextsAsUtf8InFullLength) {
     lua.Run("assert(f.domstrstr(dom, 'gr\\195\\188n\\0rest', '\\226\\130\\172'))");
     EXPECT_EQ(seen.secondText, wxString(L"gr\u00FCn\0rest", 9));
     EXPECT_EQ(seen.thirdText, wxString(L"\u20AC"));
 }
 
-TEST_F(CallWrappers, BoolDomStrStrTakesInvalidUtf8AsAnEmptyString) {
+TEST_F(CallWrappers, BoolDomStrStrReadsInvalidUtf8AsAnEmptyString) {
     lua.Run("assert(f.domstrstr(dom, '\\255\\254', 'good'))");
     EXPECT_EQ(seen.secondText, "");
     EXPECT_EQ(seen.thirdText, "good");
@@ -229,7 +229,7 @@ TEST_F(CallWrappers, BoolDomStrStrRaisesTheSameErrorForAConstObject) {
     EXPECT_EQ(seen.calls, 0);
 }
 
-TEST_F(CallWrappers, TakeTextsOfOneMebibyte) {
+TEST_F(CallWrappers, AcceptTextsOfOneMebibyte) {
     lua.Run("big = string.rep('x', 1024 * 1024)");
     lua.Run("assert(f.str(big)) assert(f.domstrstr(dom, big, big))");
     EXPECT_EQ(seen.first->size(), 1024U * 1024U);
@@ -267,7 +267,7 @@ void ExpectFunction(const SLB3::BaseInfo *info, const char *name, int parameters
 constexpr const char *kBoolName = "SLB3::InfoCompilerName<bool>::Name";
 constexpr const char *kTextName = "SLB3::InfoCompilerName<class wxString const &>::Name";
 
-TEST(SignatureRecords, TellKindNameAndParametersOfEachFunctionType) {
+TEST(SignatureRecords, DescribeKindNameAndParametersOfEachFunctionType) {
     const SLB3::BaseInfo *info = SignatureRecord(IntFromVoid());
     ExpectFunction(info, "SLB3::InfoCompilerName<int (__cdecl*)(void)>::Name", 0);
     ExpectPlain(info->returnType(), 2, "int");
@@ -300,7 +300,7 @@ TEST(SignatureRecords, TellKindNameAndParametersOfEachFunctionType) {
     ExpectPlain(info->parameters()[2], 0, kTextName);
 }
 
-TEST(SignatureRecords, AnswerThroughFiveVirtualOperationsInTheBindersOrder) {
+TEST(SignatureRecords, HaveFiveVirtualFunctionsInTheBindersOrder) {
     using Slot = const void *(*)(const SLB3::BaseInfo *);
     const SLB3::BaseInfo *const info = SignatureRecord(BoolFromStr());
     const Slot *const slots = *reinterpret_cast<const Slot *const *>(info);

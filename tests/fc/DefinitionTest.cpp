@@ -1,5 +1,4 @@
-// docs/lua/fc.d.lua, the definitions for editors, and the headings of docs/lua-functions.md against the module as it
-// is.
+// docs/lua/fc.d.lua, the definitions for editors, and the headings of docs/lua-functions.md, compared with the module.
 
 #include <algorithm>
 #include <filesystem>
@@ -35,7 +34,7 @@ std::string WholeFile(const std::filesystem::path &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Names that are separated by commas, without the blanks around them.
+/// Names separated by commas, without the spaces around them.
 Texts SplitNames(const std::string &text) {
     const std::regex name(R"([^,\s]+)");
     Texts names;
@@ -44,7 +43,7 @@ Texts SplitNames(const std::string &text) {
     return names;
 }
 
-/// What the comments above a stub tell, or the signature in a section of the document.
+/// What the comments above a stub say, or the signature in a section of the document.
 struct Signature {
     Texts parameters;
     Texts types;  ///< Of the parameters; only in the definitions.
@@ -121,7 +120,7 @@ protected:
                 ", 'u').nparams do names[i] = debug.getlocal(stubs." + name + ", i) end");
         return SplitNames(lua.Eval("table.concat(names, ',')"));
     }
-    /// The binder's record of a bound function; null for one that reads its own arguments.
+    /// The binder's record of a bound function; null for one that reads its arguments itself.
     const SLB3::BaseInfo *RecordOf(const std::string &name) {
         lua.Run("found = SLB.filter." + name);
         lua_getglobal(lua, "found");
@@ -144,7 +143,7 @@ protected:
         EXPECT_NE(value, values.end()) << "no value of the type " << type;
         return value == values.end() ? "nil" : value->second;
     }
-    /// A call with as many arguments of the right types.
+    /// A call with the given number of arguments of the right types.
     static std::string CallWith(const std::string &name, const Texts &types, std::size_t count) {
         std::string arguments;
         for (std::size_t i = 0; i < count; ++i)
@@ -162,7 +161,7 @@ TEST_F(Definition, HasAStubForEachFunctionOfTheModuleAndForNoOther) {
     EXPECT_EQ(NamesIn("stubs"), NamesIn("SLB.filter"));
 }
 
-TEST_F(Definition, TellsEachParameterOfItsStubsInOrder) {
+TEST_F(Definition, DescribesEachParameterOfItsStubsInOrder) {
     const Signatures annotations = Annotations();
     EXPECT_EQ(annotations.size(), NamesIn("stubs").size());
     for (const auto &[name, annotation] : annotations)
@@ -182,8 +181,8 @@ TEST_F(Definition, HasTheParametersAndResultsOfTheBindersRecords) {
     EXPECT_EQ(bound, 12U);
 }
 
-// But for the health check, which raises no error for a wrong argument: its result tells, in the test below.
-TEST_F(Definition, NamesNoFewerParametersThanFunctionsAskForAndNoMore) {
+// Except the health check, which raises no error for a wrong argument: the test below uses its result.
+TEST_F(Definition, NamesExactlyTheParametersThatFunctionsRead) {
     for (const auto &[name, annotation] : Annotations()) {
         const std::size_t count = annotation.types.size();
         if (RecordOf(name) != nullptr || name == "CheckSystemHealthMetrics")
@@ -197,13 +196,13 @@ TEST_F(Definition, NamesNoFewerParametersThanFunctionsAskForAndNoMore) {
     }
 }
 
-TEST_F(Definition, NamesTheThirdArgumentThatTheHealthCheckAsksFor) {
+TEST_F(Definition, NamesTheThirdArgumentThatTheHealthCheckReads) {
     const Texts types = Annotations()["CheckSystemHealthMetrics"].types;
     ASSERT_EQ(types.size(), 3U);
     EXPECT_EQ(lua.Eval(CallWith("CheckSystemHealthMetrics", types, 2) + ".action"), "6");
 }
 
-TEST_F(Definition, HasTheParametersAndResultsThatTheDocumentHas) {
+TEST_F(Definition, HasTheParametersAndResultsOfTheDocument) {
     const Signatures documented = DocumentedSignatures();
     const Signatures annotations = Annotations();
     EXPECT_EQ(documented.size(), annotations.size());

@@ -1,4 +1,4 @@
-// The flags in the drivers' service keys, through SLB.filter on a registry of the test's own.
+// The flags in the drivers' service keys, through SLB.filter on the test's own registry.
 
 #include <algorithm>
 #include <cstdint>
@@ -34,7 +34,7 @@ struct Flag {
 };
 constexpr Flag kFlags[] = {{"Checked", L"driverChecked"}, {"Hooked", L"driverHooked"}};
 
-/// The service key is there, without values; the component "filter" is traced. In Lua: `f` for SLB.filter. No test may
+/// The service key exists, without values; the component "filter" is traced. In Lua: `f` for SLB.filter. No test may
 /// leave a key open.
 class DriverFlags : public ModuleFixture {
 protected:
@@ -107,7 +107,7 @@ TEST_F(DriverFlags, NumbersAreTruncatedTowardZero) {
     }
 }
 
-TEST_F(DriverFlags, NumbersAtTheEdgesOf32BitsAreStoredAndWhatIsBeyondBecomesTheLeast) {
+TEST_F(DriverFlags, NumbersUpToTheLimitsOf32BitsAreStoredAndOthersBecomeTheMinimum) {
     const std::pair<const char *, const char *> cases[] = {
         {"2147483647", "2147483647"},  {"2147483647.9", "2147483647"}, {"-2147483648.9", "-2147483648"},
         {"2147483648", "-2147483648"}, {"1e300", "-2147483648"},       {"-1e300", "-2147483648"},
@@ -136,7 +136,7 @@ TEST_F(DriverFlags, AMissingNumberIsMinusOneAndNothingIsTraced) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(DriverFlags, ANumberOfAnotherTypeCantBeRead) {
+TEST_F(DriverFlags, ANumberOfAnotherTypeCannotBeRead) {
     const std::pair<DWORD, std::vector<std::uint8_t>> values[] = {
         {REG_SZ, {'1', 0, 0, 0}},
         {REG_BINARY, {1, 0, 0, 0}},
@@ -163,7 +163,7 @@ TEST_F(DriverFlags, ASetterReplacesAValueOfAnotherType) {
     EXPECT_EQ(Number(L"driverHooked"), 3U);
 }
 
-TEST_F(DriverFlags, AnArgumentThatIsNoNumberIsALuaErrorAndNothingIsStored) {
+TEST_F(DriverFlags, AnArgumentThatIsNotANumberIsALuaErrorAndNothingIsStored) {
     for (const Flag &flag : kFlags) {
         for (const char *argument : {"", "nil", "'x'", "{}", "true"})
             EXPECT_NE(lua.ErrorOf(flag.Set(argument)).find("number expected"), std::string::npos) << argument;
@@ -176,7 +176,7 @@ TEST_F(DriverFlags, AnArgumentThatIsNoNumberIsALuaErrorAndNothingIsStored) {
 
 constexpr const char *kSetters[] = {"f.SetDriverCheckedToReg(1", "f.SetDriverHookedToReg(1", "f.SetUncheckedIfc({'a'}"};
 
-TEST_F(DriverFlags, SettersYieldTheirLastArgument) {
+TEST_F(DriverFlags, SettersReturnTheirLastArgument) {
     for (const std::string setter : kSetters) {
         SCOPED_TRACE(setter);
         EXPECT_EQ(lua.Eval("select('#', " + setter + "))"), "1");
@@ -184,12 +184,12 @@ TEST_F(DriverFlags, SettersYieldTheirLastArgument) {
         EXPECT_EQ(lua.Eval(setter + ", 'second')"), "second");
         EXPECT_EQ(lua.Eval(setter + ", 'second', false)"), "false");
     }
-    EXPECT_EQ(lua.Eval("f.SetDriverCheckedToReg(1.5)"), "1.5") << "the number as it was given";
+    EXPECT_EQ(lua.Eval("f.SetDriverCheckedToReg(1.5)"), "1.5") << "the number as passed";
     EXPECT_EQ(lua.Eval("type(f.SetDriverHookedToReg('7'))"), "string");
     lua.Run("t = {'a', 2} assert(f.SetUncheckedIfc(t) == t and type(t[2]) == 'number')");
 }
 
-TEST_F(DriverFlags, SettersYieldTheirLastArgumentAlsoWhenNothingIsWritten) {
+TEST_F(DriverFlags, SettersReturnTheirLastArgumentEvenWhenNothingIsWritten) {
     for (const std::string setter : kSetters) {
         (void)faults().FailEvery("RegSetValueExW", ERROR_ACCESS_DENIED);
         EXPECT_EQ(lua.Eval(setter + ", 'last')"), "last");
@@ -224,7 +224,7 @@ TEST_F(DriverFlags, LeaveTheLuaStackBalanced) {
     }
 }
 
-TEST_F(DriverFlags, WithoutTheServiceKeySettersLeaveTheRegistryAloneAndGettersGiveTheirDefaults) {
+TEST_F(DriverFlags, WithoutTheServiceKeySettersWriteNothingAndGettersReturnTheirDefaults) {
     registry().Remove(HKEY_LOCAL_MACHINE, kService);
     const std::string before = registry().Tree(HKEY_LOCAL_MACHINE);
     lua.Run("f.SetDriverCheckedToReg(1) f.SetDriverHookedToReg(1) f.SetUncheckedIfc {'a', 'b'}");
@@ -246,7 +246,7 @@ TEST_F(DriverFlags, GettersIgnoreArguments) {
     EXPECT_EQ(lua.Eval("table.concat({f.GetDriverStoppedByBLPTimestamp(print)}, ' ')"), "-1 3");
 }
 
-TEST_F(DriverFlags, EachFunctionTracesUnderItsOwnName) {
+TEST_F(DriverFlags, EachFunctionTracesWithItsOwnName) {
     PutStopTime(kServiceParameters, 5);
     PutStopTime(kCalloutParameters, 0xFFFFFFFA);
     lua.Run(R"(
@@ -281,13 +281,13 @@ TEST_F(DriverFlags, NothingIsCachedBetweenCalls) {
 
 // ---- Times
 
-TEST_F(DriverFlags, TheTimesOfBothDriversAreReadOfTheirOwnKeys) {
+TEST_F(DriverFlags, TheTimesOfBothDriversAreReadFromTheirOwnKeys) {
     PutStopTime(kServiceParameters, 11);
     PutStopTime(kCalloutParameters, 22);
     EXPECT_EQ(StopTimes(), "11 22");
 }
 
-TEST_F(DriverFlags, OneDriverMayGiveATimeWithoutTheOther) {
+TEST_F(DriverFlags, OneDriverMayHaveATimeWithoutTheOther) {
     PutStopTime(kCalloutParameters, 22);
     EXPECT_EQ(StopTimes(), "-1 22");
     EXPECT_EQ(TakeTracedMessages(), Messages{"Get last wfp last value: 22"});
@@ -297,7 +297,7 @@ TEST_F(DriverFlags, OneDriverMayGiveATimeWithoutTheOther) {
     EXPECT_EQ(TakeTracedMessages(), Messages{"Get last vta last value: 11"});
 }
 
-TEST_F(DriverFlags, TheTimesAreNotLookedForInTheServiceKeysThemselves) {
+TEST_F(DriverFlags, TheTimesAreNotReadFromTheServiceKeysThemselves) {
     PutNumber(kStopTime, 5);
     registry().PutKey(HKEY_LOCAL_MACHINE, kServiceParameters);
     EXPECT_EQ(StopTimes(), "-1 -1");
@@ -319,7 +319,7 @@ TEST_F(DriverFlags, AnEmptyTableStoresAnEmptyTextAndComesBackEmpty) {
     EXPECT_EQ(TakeTracedMessages(), (Messages{"Set ifList: ", "Get IfList: "}));
 }
 
-TEST_F(DriverFlags, AnItemEndsAtItsFirstZeroAndCostsNoOtherItem) {
+TEST_F(DriverFlags, AnItemEndsAtItsFirstZeroAndAffectsNoOther) {
     lua.Run("f.SetUncheckedIfc {'a\\0b', '\\0', '\\0c', 'd\\0', 'e'}");
     EXPECT_EQ(List(), L"a,,,d,e");
     EXPECT_EQ(TakeTracedMessages(), Messages{"Set ifList: a,,,d,e"});
@@ -331,7 +331,7 @@ TEST_F(DriverFlags, AnItemWithACommaComesBackAsTwo) {
     EXPECT_EQ(lua.Eval("list()"), "[a|b|c]");
 }
 
-TEST_F(DriverFlags, DoubledLeadingAndTrailingCommasGiveOnlyTheItemsThatAreNotEmpty) {
+TEST_F(DriverFlags, DoubledLeadingAndTrailingCommasGiveOnlyTheNonEmptyItems) {
     for (const wchar_t *stored : {L",a,,b,", L",,,a,b", L"a,b,,,", L"a,,,,,b"}) {
         PutList(stored);
         EXPECT_EQ(lua.Eval("list()"), "[a|b]") << wxString(stored).utf8_str();
@@ -342,12 +342,12 @@ TEST_F(DriverFlags, DoubledLeadingAndTrailingCommasGiveOnlyTheItemsThatAreNotEmp
     }
 }
 
-TEST_F(DriverFlags, BlanksBelongToItems) {
+TEST_F(DriverFlags, SpacesBelongToItems) {
     PutList(L" a , b,\t");
     EXPECT_EQ(lua.Eval("list()"), "[ a | b|\t]");
 }
 
-TEST_F(DriverFlags, NumbersAreItemsAndWhatIsNeitherStringNorNumberLeavesADoubledComma) {
+TEST_F(DriverFlags, NumbersAreItemsAndOtherTypesLeaveADoubledComma) {
     lua.Run("f.SetUncheckedIfc {'a', 1.5, true, {'nested'}, print, 7}");
     EXPECT_EQ(List(), L"a,1.5,,,,7");
     EXPECT_EQ(lua.Eval("list()"), "[a|1.5|7]");
@@ -359,7 +359,7 @@ TEST_F(DriverFlags, HolesCountAsEmptyItemsUpToTheLengthOfTheTable) {
     EXPECT_EQ(lua.Eval("list()"), "[b|d]");
 }
 
-TEST_F(DriverFlags, TheTableIsReadRawAndOtherFieldsAreNoItems) {
+TEST_F(DriverFlags, TheTableIsReadRawAndOtherFieldsAreIgnored) {
     lua.Run(R"(f.SetUncheckedIfc(setmetatable({'a', nil, 'c', name = 'x', [0] = 'zero'},
         {__len = function() return 5 end, __index = function() return 'made up' end})))");
     EXPECT_EQ(List(), L"a,,c");
@@ -377,19 +377,19 @@ TEST_F(DriverFlags, AnItemThatIsNotUtf8AddsNothing) {
     EXPECT_EQ(lua.Eval("list()"), "[a|c]");
 }
 
-TEST_F(DriverFlags, AnItemComesBackUpToItsFirstZeroByte) {
+TEST_F(DriverFlags, AStoredItemIsReadUpToItsFirstZero) {
     lua.Run("f.SetUncheckedIfc {'a\\0b', 'c'}");
     EXPECT_EQ(lua.Eval("list()"), "[a|c]");
 }
 
-TEST_F(DriverFlags, AStoredLoneSurrogateDoesNoHarmToTheOtherItems) {
+TEST_F(DriverFlags, AStoredLoneSurrogateDoesNotAffectTheOtherItems) {
     PutList(L"a,\xD800,b\xDC00,c");
     const std::string read = lua.Eval("list()");
     EXPECT_EQ(read.substr(0, 3), "[a|");
     EXPECT_EQ(read.substr(read.size() - 3), "|c]");
 }
 
-TEST_F(DriverFlags, TheListMayLackItsClosingZeroOrEndInHalfACharacter) {
+TEST_F(DriverFlags, TheListMayLackItsTerminatorOrEndInHalfACharacter) {
     PutRaw(kList, REG_SZ, {'a', 0, ',', 0, 'b', 0});
     EXPECT_EQ(lua.Eval("list()"), "[a|b]");
     PutRaw(kList, REG_SZ, {'a', 0, ',', 0, 'b', 0, 'c'});
@@ -407,13 +407,13 @@ TEST_F(DriverFlags, AListOfAnotherTypeIsAnEmptyTable) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(DriverFlags, PercentSignsInTheListAreText) {
+TEST_F(DriverFlags, PercentSignsInTheListAreUnchanged) {
     lua.Run("f.SetUncheckedIfc {'%s%n', '100%'}");
     EXPECT_EQ(lua.Eval("list()"), "[%s%n|100%]");
     EXPECT_EQ(TakeTracedMessages(), (Messages{"Set ifList: %s%n,100%", "Get IfList: %s%n,100%"}));
 }
 
-TEST_F(DriverFlags, AHundredThousandItemsComeBack) {
+TEST_F(DriverFlags, AHundredThousandItemsAreReadBack) {
     lua.Run(R"(
         local names = {}
         for i = 1, 100000 do names[i] = 'if' .. i end
@@ -423,7 +423,7 @@ TEST_F(DriverFlags, AHundredThousandItemsComeBack) {
         for i = 1, #names do assert(read[i] == names[i]) end)");
 }
 
-TEST_F(DriverFlags, AnArgumentThatIsNoTableIsALuaErrorAndNothingIsStored) {
+TEST_F(DriverFlags, AnArgumentThatIsNotATableIsALuaErrorAndNothingIsStored) {
     for (const char *argument : {"", "nil", "'a'", "1", "print", "io.stdout"})
         EXPECT_NE(lua.ErrorOf(std::string("f.SetUncheckedIfc(") + argument + ")")
                       .find("bad argument #1 to 'SetUncheckedIfc' (lua table expected)"),
@@ -433,7 +433,7 @@ TEST_F(DriverFlags, AnArgumentThatIsNoTableIsALuaErrorAndNothingIsStored) {
     EXPECT_TRUE(TakeTracedLines().empty());
 }
 
-TEST_F(DriverFlags, TheTableThatWasGivenIsLeftAsItWas) {
+TEST_F(DriverFlags, TheArgumentTableIsNotModified) {
     lua.Run("t = {'a', 5, false} f.SetUncheckedIfc(t) assert(#t == 3 and t[1] == 'a' and t[2] == 5 and t[3] == false)");
 }
 
@@ -441,9 +441,9 @@ TEST_F(DriverFlags, TheTableThatWasGivenIsLeftAsItWas) {
 
 const std::string kUnwritable = "Unable to write HKLM\\System\\CurrentControlSet\\Services\\qbimvta\\";
 
-TEST_F(DriverFlags, AKeyThatCantBeOpenedForWritingIsTracedByKeyAndValue) {
+TEST_F(DriverFlags, AKeyThatCannotBeOpenedForWritingIsTracedByKeyAndValue) {
     for (const auto &[setter, value] : {std::pair{kSetters[0], "driverChecked"}, {kSetters[1], "driverHooked"}}) {
-        (void)faults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);  // the first asks whether it exists
+        (void)faults().FailNth("RegOpenKeyExW", 2, ERROR_ACCESS_DENIED);  // the first call checks whether it exists
         lua.Run(std::string(setter) + ")");
         faults().Clear();
         EXPECT_EQ(TakeTracedMessages(), Messages{kUnwritable + value});
@@ -464,8 +464,8 @@ TEST_F(DriverFlags, AFailedWriteIsTracedByKeyAndValue) {
     EXPECT_EQ(TakeTracedMessages(), (Messages{"Set ifList: a", kUnwritable + "UncheckedIfs"}));
 }
 
-/// Runs the code once for each of its calls of the registry, with that call failing.
-/// @param check  called after each run, with the calls' number from 1 on.
+/// Runs the code once for each of its registry calls, with that call failing.
+/// @param check  called after each run, with the call's number from 1.
 template <class Check>
 unsigned FailEachRegistryCall(Simulator::Faults &faults, LuaState &lua, const std::string &code, Check check) {
     for (unsigned nth = 1;; ++nth) {
@@ -480,7 +480,7 @@ unsigned FailEachRegistryCall(Simulator::Faults &faults, LuaState &lua, const st
     }
 }
 
-TEST_F(DriverFlags, AGetterGivesItsDefaultWhicheverCallOfTheRegistryFails) {
+TEST_F(DriverFlags, AGetterReturnsItsDefaultWhicheverRegistryCallFails) {
     PutNumber(L"driverChecked", 1);
     PutNumber(L"driverHooked", 1);
     PutList(L"a,b");
@@ -495,7 +495,7 @@ TEST_F(DriverFlags, AGetterGivesItsDefaultWhicheverCallOfTheRegistryFails) {
     EXPECT_TRUE(log.Take().empty());
 }
 
-TEST_F(DriverFlags, AFailureAtOneDriversTimeLeavesTheOthersAsItIs) {
+TEST_F(DriverFlags, AFailureToReadOneDriversTimeDoesNotAffectTheOthers) {
     PutStopTime(kServiceParameters, 11);
     PutStopTime(kCalloutParameters, 22);
     const std::string code = "times = table.concat({f.GetDriverStoppedByBLPTimestamp()}, ' ')";
@@ -508,7 +508,7 @@ TEST_F(DriverFlags, AFailureAtOneDriversTimeLeavesTheOthersAsItIs) {
     EXPECT_EQ(lua.Eval("times"), "11 22");
 }
 
-TEST_F(DriverFlags, ASetterThatMeetsAFailureLeavesTheValueAsItWas) {
+TEST_F(DriverFlags, AFailedSetterDoesNotChangeTheValue) {
     PutNumber(L"driverChecked", 90);
     PutNumber(L"driverHooked", 90);
     PutList(L"before");

@@ -1,5 +1,5 @@
-// The module as a file and as a loaded library, before and while Lua opens it. This program has no
-// import of vti.dll, so that it sees when the module loads it.
+// The module as a file and as a loaded library, before and while Lua opens it. This program does not import vti.dll, so
+// that it can observe when the module loads it.
 
 #include <algorithm>
 #include <fstream>
@@ -15,7 +15,7 @@
 
 namespace {
 
-/// The 74 functions of cJSON's interface that the module hands on.
+/// The 74 functions of cJSON's interface that the module exports.
 const std::set<std::string> kJsonFunctions = {"cJSON_AddArrayToObject",
                                               "cJSON_AddBoolToObject",
                                               "cJSON_AddFalseToObject",
@@ -91,14 +91,14 @@ const std::set<std::string> kJsonFunctions = {"cJSON_AddArrayToObject",
                                               "cJSON_free",
                                               "cJSON_malloc"};
 
-TEST(ModuleFile, ExportsTheEntryPointAndTheJsonInterfaceAndNothingElse) {
+TEST(ModuleFile, ExportsOnlyTheEntryPointAndTheJsonInterface) {
     const FcModule module;
     std::set<std::string> expected = kJsonFunctions;
     ASSERT_EQ(expected.size(), 74U);
     expected.insert("luaopen_fc");
     const std::vector<std::string> names = Simulator::ExportNames(module.handle());
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
-    EXPECT_EQ(Simulator::Exports(module.handle()).size(), 75U) << "no export by number alone";
+    EXPECT_EQ(Simulator::Exports(module.handle()).size(), 75U) << "no export by ordinal only";
 }
 
 TEST(ModuleFile, ExportsJsonFunctionsThatWork) {
@@ -122,12 +122,12 @@ TEST(ModuleFile, NamesTheDriverLibraryInItsDelayImportDirectory) {
     EXPECT_EQ(Simulator::DelayLoadedLibraries(module.handle()), std::vector<std::string>{"vti.dll"});
 }
 
-TEST(ModuleFile, NamesItsSymbolFileWithoutAFolder) {
+TEST(ModuleFile, NamesItsSymbolFileWithoutAPath) {
     const FcModule module;
     EXPECT_EQ(Simulator::SymbolFile(module.handle()), "fc.pdb");
 }
 
-TEST(ModuleFile, CarriesAVersionResource) {
+TEST(ModuleFile, HasAVersionResource) {
     wchar_t path[] = L"fc.dll";
     const DWORD size = GetFileVersionInfoSizeW(path, nullptr);
     ASSERT_GT(size, 0U);
@@ -161,11 +161,11 @@ TEST(ModuleLoading, LoadsTheDriverLibraryOnlyWhenLuaOpensTheModule) {
     EXPECT_TRUE(lua_toboolean(lua, -1));
 }
 
-TEST(ModuleLoading, HoldsOneExtraReferenceOnItself) {
+TEST(ModuleLoading, HoldsOneExtraReferenceToItself) {
     const HMODULE module = LoadLibraryW(L"fc.dll");
     ASSERT_NE(module, nullptr);
     EXPECT_TRUE(FreeLibrary(module));
-    EXPECT_EQ(GetModuleHandleW(L"fc.dll"), module) << "the one reference that was taken here is given back";
+    EXPECT_EQ(GetModuleHandleW(L"fc.dll"), module) << "the one reference taken here is released";
     EXPECT_TRUE(FreeLibrary(module));
     EXPECT_EQ(GetModuleHandleW(L"fc.dll"), nullptr) << "there was exactly one more";
 }
@@ -180,7 +180,7 @@ TEST(ModuleLoading, AFreshLoadStartsWithFreshObjects) {
     }
 }
 
-// ---- The order in which the module's objects are constructed, seen from the libraries they call.
+// ---- The order in which the module's objects are constructed, as observed by the libraries that they call
 
 enum class Made { Lock, Time, Library };
 struct MadeObject {
@@ -223,7 +223,7 @@ Function As(void *address) {
     return reinterpret_cast<Function>(address);
 }
 
-TEST(ModuleLoading, ConstructsItsObjectsInTheirOrder) {
+TEST(ModuleLoading, ConstructsItsObjectsInOrder) {
     using Simulator::Redirection;
     const HMODULE wx = LoadLibraryW(L"" FC_WX_DLL);
     ASSERT_NE(wx, nullptr);

@@ -1,4 +1,4 @@
-// How Lua opens the module, and what it finds then.
+// How Lua opens the module, and what the module then provides.
 
 #include <atomic>
 #include <filesystem>
@@ -78,7 +78,7 @@ protected:
     FcModule module;
 };
 
-TEST_F(ModuleEntry, LeavesTrueAsItsOneResult) {
+TEST_F(ModuleEntry, ReturnsOnlyTrue) {
     const LuaState state;
     Open(state);
 }
@@ -89,7 +89,7 @@ TEST_F(ModuleEntry, FillsTheFilterTableWithExactlyTheseFunctions) {
     EXPECT_EQ(FilterNames(state), AllFunctions());
 }
 
-TEST_F(ModuleEntry, HasASectionInTheDocumentsForEachFunction) {
+TEST_F(ModuleEntry, HasADocumentedSectionForEachFunction) {
     std::set<std::string> documented;
     const std::filesystem::path path = TestData("docs/lua-functions.md");
     std::ifstream file(path);
@@ -131,7 +131,7 @@ TEST_F(ModuleEntry, RegistersBoundFunctionsWithTheirFunctionAndItsSignature) {
     }
 }
 
-TEST_F(ModuleEntry, LeavesWhatElseTheTablesHoldInPlace) {
+TEST_F(ModuleEntry, KeepsOtherContentsOfTheTables) {
     LuaState state;
     state.Run("SLB = {other = 1, filter = {mine = 2, GetConnMetrics = 'old'}}");
     Open(state);
@@ -139,7 +139,7 @@ TEST_F(ModuleEntry, LeavesWhatElseTheTablesHoldInPlace) {
     EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
 }
 
-TEST_F(ModuleEntry, StoresPastMetamethodsOfTheTable) {
+TEST_F(ModuleEntry, IgnoresMetamethodsOfTheTable) {
     LuaState state;
     state.Run("SLB = {filter = setmetatable({}, {__newindex = function() error('called') end})}");
     Open(state);
@@ -158,7 +158,7 @@ TEST_F(ModuleEntry, RequireFindsTheModule) {
     EXPECT_EQ(state.Eval("type(SLB.filter.GetConnMetrics)"), "function");
 }
 
-TEST_F(ModuleEntry, HandsTheProfilersWordsOverOncePerProcess) {
+TEST_F(ModuleEntry, PassesTheProfilersWordsOncePerProcess) {
     const LuaState first;
     const LuaState second;
     Open(first);
@@ -173,7 +173,7 @@ TEST_F(ModuleEntry, HandsTheProfilersWordsOverOncePerProcess) {
 TEST(ModuleEntryOnTwoThreads, SetsTheProfilerOnceAndFillsBothStates) {
     for (int round = 0; round < 30; ++round) {
         Vti::Reset();
-        const FcModule module;  // anew, so that each round is the first
+        const FcModule module;  // afresh, so that each round is the first
         std::atomic<int> ready{0};
         const auto open = [&module, &ready] {
             LuaState state;

@@ -16,16 +16,16 @@
 
 #include "ComLibrary.h"
 #include "ComObject.h"
-#include "DeviceManager.h"
+#include "Leftovers.h"
 #include "WindowsFunctions.h"
 
 namespace {
 
 constexpr wchar_t kServices[] = L"System\\CurrentControlSet\\Services";
 constexpr wchar_t kAgent[] = L"SOFTWARE\\Quillon\\Vantry Agent";
-constexpr wchar_t kAgentFolder[] = L"Quillon/Vantry Agent";
+constexpr wchar_t kVendorsAgentFolder[] = L"Quillon/Vantry Agent";
 
-/// Of the call that is under way; written and read without a lock, since a crash may hold any.
+/// The current call; accessed without a lock, since a crash may hold any lock.
 char currentCall[2000];
 std::atomic<unsigned> callsBegun{0};
 
@@ -39,28 +39,15 @@ LONG WINAPI OnCrash(EXCEPTION_POINTERS *) {
     return EXCEPTION_CONTINUE_SEARCH;
 }
 
-/// What gives back which kind of thing, where that can fail: then it stays.
-const std::map<std::string, std::string> &Closers() {
-    namespace Kind = Simulator::Kind;
-    static const std::map<std::string, std::string> closers{
-        {"CloseHandle", Kind::kHandle},    {"RegCloseKey", Kind::kKey},
-        {"FreeLibrary", Kind::kLibrary},   {"FindClose", Kind::kFind},
-        {"PdhCloseQuery", Kind::kQuery},   {"CloseServiceHandle", Kind::kService},
-        {"UnmapViewOfFile", Kind::kView},  {"SetupDiDestroyDeviceInfoList", Kind::kDeviceList},
-        {"LocalFree", Kind::kLocalMemory},
-    };
-    return closers;
-}
-
-/// Failures that end more than the call:
+/// Failures that affect more than the call:
 /// - without its event, or a wait for it, a thread can't be watched, and is killed wherever it is, maybe in the heap;
-/// - without a function of the driver library its import, which is resolved on first use, ends the process.
+/// - if a function of the driver library is missing, resolving its import on first use ends the process.
 bool MayFail(const std::string &function) {
     return function != "CreateEventW" && !function.starts_with("WaitFor") && function != "GetProcAddress" &&
            function != "LoadLibraryA";
 }
 
-/// Functions that have no failure.
+/// Functions that cannot fail.
 bool CannotFail(const std::string &function) {
     static const std::set<std::string> functions{"CoTaskMemFree",
                                                  "CoUninitialize",
@@ -93,12 +80,12 @@ std::string Shortened(const std::string &text) {
     return text.size() <= most ? text : text.substr(0, most) + "...";
 }
 
-/// wxWidgets keeps a word or two for each thread that logs, and does not give them back when the thread ends.
+/// wxWidgets allocates a few words for each thread that logs, and does not free them when the thread ends.
 bool IsWordOfAThread(const Simulator::BalanceItem &item) {
     return item.thread != GetCurrentThreadId() && item.size == sizeof(void *) && item.function == std::string("calloc");
 }
 
-/// The calls that made the things of that kind.
+/// The calls that created the resources of that kind.
 std::string MadeBy(const std::string &kind, const std::vector<Simulator::BalanceItem> &items) {
     std::string calls;
     for (const Simulator::BalanceItem &item : items) {
@@ -175,8 +162,8 @@ SweepFixture::SweepFixture() {
     const Simulator::InsideSimulator inside;
     const std::filesystem::path programData = simulation().GetFolders().ProgramData();
     simulation().GetFolders().MapPath(L"C:\\ProgramData", programData);
-    std::filesystem::create_directories(programData / kAgentFolder / L"filter");
-    std::filesystem::create_directories(programData / kAgentFolder / L"diag");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"filter");
+    std::filesystem::create_directories(programData / kVendorsAgentFolder / L"diag");
     m_network = network().Read();
     m_onInstallSection = simulation().GetSetup().onInstallSection;
     objects = std::make_unique<SweepObjects>(dom);
@@ -191,7 +178,7 @@ SweepFixture::~SweepFixture() {
     Forget();
 }
 
-/// One table holds them, so that each is one value in all calls.
+/// One table holds them, so that each is the same value in all calls.
 void SweepFixture::PutValues() {
     const std::string wfp = std::filesystem::path(WfpFolder()).string();
     values = objects->Values(NdisFolder().string() + "\\", wfp);
@@ -257,7 +244,7 @@ void SweepFixture::RestoreMachine() {
     machine.processorCount = static_cast<DWORD>(dice.Below(5));
     {
         const Simulator::InsideSimulator inside;
-        std::ofstream(simulation().GetFolders().ProgramData() / kAgentFolder / L"filter" / L"vt_filter.conf")
+        std::ofstream(simulation().GetFolders().ProgramData() / kVendorsAgentFolder / L"filter" / L"vt_filter.conf")
             << dice.OneOf(configurations);
     }
     VtaCore::Control::EnableTrace("*", dice.OneIn(2));
@@ -426,7 +413,7 @@ int SweepFixture::CallProtected(lua_State *L, const SweptCall &call) {
     return status;
 }
 
-/// A thread frees its object a moment after it is done, and closes its handle when it ends.
+/// A thread frees its object a moment after its work, and closes its handle when it ends.
 void SweepFixture::AwaitThreads(int objectsBefore, const Simulator::BalanceSnapshot &before) {
     constexpr DWORD longEnoughMs = 60'000;
     for (const Simulator::BalanceItem &item : Simulator::Balance::Left(before, balance().Take())) {
@@ -435,7 +422,7 @@ void SweepFixture::AwaitThreads(int objectsBefore, const Simulator::BalanceSnaps
     }
     for (DWORD i = 0; i < longEnoughMs && VtaCore::Control::LiveObjects() != objectsBefore; ++i)
         Simulator::System::Sleep::Real(1);
-    EXPECT_EQ(VtaCore::Control::LiveObjects(), objectsBefore) << "a thread goes on: " << currentCall;
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objectsBefore) << "a thread is still running: " << currentCall;
 }
 
 void SweepFixture::Run(const SweptCall &call) {
@@ -485,9 +472,8 @@ void SweepFixture::Account(const SweptCall &call, bool raised, bool answeredTrue
         Learn(call.function);
     (void)simulation().GetJournal().Take();
     Vti::TheDriver().calls.clear();
-    if (const auto closer = call.fault ? Closers().find(call.fault->function) : Closers().end();
-        closer != Closers().end())
-        m_stays[closer->second].most += faultHits;
+    if (const std::string_view kind = call.fault ? KindReleasedBy(call.fault->function) : ""; !kind.empty())
+        m_stays[std::string(kind)].most += faultHits;
     if (faultHits != 0 && call.fault->function == "GetVersionExW")
         m_seemsOld = true;
     if (call.fault && call.fault->function.starts_with("INetCfg"))
@@ -504,7 +490,7 @@ void SweepFixture::Account(const SweptCall &call, bool raised, bool answeredTrue
     }
     if (name.ends_with("NativeFirewall") && m_seemsOld) {
         mayStay(Kind::kService, 0, 4);  // of a service that is stopped
-        mayStay(Kind::kKey, 0, 1);      // where it can't be started
+        mayStay(Kind::kKey, 0, 1);      // if it can't be started
     }
 }
 
@@ -515,7 +501,7 @@ void SweepFixture::Learn(std::size_t function) {
     const std::lock_guard lock(Vti::Lock());
     for (const std::string &made : Vti::TheDriver().calls)
         ++counts[made.substr(0, made.find('('))];
-    const Simulator::InsideSimulator inside;  // what is learnt is no leak
+    const Simulator::InsideSimulator inside;  // caching a result is not a leak
     for (const auto &[name, count] : counts) {
         if (MayFail(name) && !CannotFail(name))
             m_met[function][name] = std::max(m_met[function][name], count);
@@ -546,20 +532,14 @@ Simulator::BalanceSnapshot SweepFixture::Settled() {
 
 void SweepFixture::GiveBack(const std::vector<Simulator::BalanceItem> &items) {
     namespace Kind = Simulator::Kind;
-    static const std::map<std::string, void (*)(std::uintptr_t)> closers{
-        {Kind::kHandle, [](auto value) { CloseHandle(reinterpret_cast<HANDLE>(value)); }},
-        {Kind::kService, [](auto value) { CloseServiceHandle(reinterpret_cast<SC_HANDLE>(value)); }},
-        {Kind::kKey, [](auto value) { RegCloseKey(reinterpret_cast<HKEY>(value)); }},
-        {Kind::kFind, [](auto value) { FindClose(reinterpret_cast<HANDLE>(value)); }},
-        {Kind::kView, [](auto value) { UnmapViewOfFile(reinterpret_cast<void *>(value)); }},
-        {Kind::kDeviceList, [](auto value) { SetupDiDestroyDeviceInfoList(reinterpret_cast<HDEVINFO>(value)); }},
-        {Kind::kComReference, [](auto value) { reinterpret_cast<IUnknown *>(value)->Release(); }},
-        {Kind::kComInitialisation, [](auto) { CoUninitialize(); }},
-    };
     for (const Simulator::BalanceItem &item : items) {
-        const auto closer = closers.find(item.kind);
-        if (closer != closers.end())
-            closer->second(item.value);
+        const std::string_view kind = item.kind;
+        if (kind == Kind::kComReference)
+            reinterpret_cast<IUnknown *>(item.value)->Release();
+        else if (kind == Kind::kComInitialisation)
+            CoUninitialize();
+        else if (kind != Kind::kLibrary)  // the module uses its libraries again
+            Release(item);
     }
 }
 
@@ -575,7 +555,7 @@ void SweepFixture::EndGroup() {
     CallWatch::Begin("the account of a group");
     const Simulator::BalanceSnapshot after = Settled();
     const std::vector<Simulator::BalanceItem> items = Simulator::Balance::Left(m_before, after);
-    // Counted, since a library that is loaded again is the same thing as before.
+    // The number, since a library that is loaded again is the same resource as before.
     std::map<std::string, std::size_t> left;
     for (const Simulator::BalanceItem &item : items) {
         const std::size_t count = m_before.Count(item.kind);
@@ -595,8 +575,8 @@ void SweepFixture::EndGroup() {
 }
 
 void SweepFixture::ExpectNoGrowth(const Simulator::BalanceSnapshot &before) {
-    // The C library keeps the memory of long numbers for later ones, Lua that of its tables of strings, and what the
-    // agent's library frees by itself is not seen. A leak by one call in a thousand is more.
+    // The C library keeps the memory of long numbers for later ones, Lua that of its string tables, and what the
+    // agent's library frees by itself is not seen. A leak in one of a thousand calls exceeds this.
     constexpr std::size_t keptAtMost = 64;
     const Simulator::BalanceSnapshot after = Settled();
     std::map<std::string, std::size_t> made;

@@ -1,5 +1,5 @@
-// A machine with all that the functions of the module touch, the calls of a sweep over them, and the account of what
-// they leave behind.
+// A machine with everything that the functions of the module use, the calls of a sweep over them, and the account of
+// what they leave behind.
 #pragma once
 
 #include <atomic>
@@ -10,6 +10,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -18,13 +19,13 @@
 #include "SweepValues.h"
 #include "SweptFunctions.h"
 
-/// Chances, the same for the same seed: FC_SEED, or else GoogleTest's.
+/// Random numbers, reproducible by the seed: FC_SEED, or else GoogleTest's.
 class Dice {
 public:
     Dice();
 
     [[nodiscard]] unsigned Seed() const { return m_seed; }
-    /// A number from 0 on that is less than `end`.
+    /// A random number from 0 up to, but not including, `end`.
     std::size_t Below(std::size_t end) { return m_random() % end; }
     bool OneIn(std::size_t chances) { return Below(chances) == 0; }
     template <class Choices>
@@ -37,7 +38,7 @@ private:
     std::mt19937 m_random;
 };
 
-/// A call of the platform or of the driver library that is to fail.
+/// A call of the platform or of the driver library that should fail.
 struct SweptFault {
     std::string function;
     unsigned nth = 1;  ///< 0 for every call.
@@ -46,13 +47,14 @@ struct SweptFault {
 
 struct SweptCall {
     std::size_t function = 0;
-    std::vector<std::size_t> arguments;  ///< Numbers of values.
+    std::vector<std::size_t> arguments;  ///< Indices of values.
     std::optional<SweptFault> fault{};
     bool guarded = false;  ///< On the guarded heap.
     bool onCoroutine = false;
 };
 
-/// Says which call is under way when the program crashes, and ends it with the same words when a call takes minutes.
+/// Reports the current call when the program crashes, and ends the program with the same report when a call takes
+/// minutes.
 class CallWatch {
 public:
     CallWatch();
@@ -76,33 +78,33 @@ protected:
     SweepFixture();
     ~SweepFixture() override;
 
-    /// What the calls of a group find; what those before have made of the machine is gone.
+    /// The state for a group of calls; the effects of earlier groups on the machine are undone.
     void RestoreMachine();
-    /// The same, with drivers or without, before each call that starts threads.
+    /// The same, with or without drivers, before each call that starts threads.
     void RestoreDrivers();
 
-    /// Makes one call and looks at all that it answers.
+    /// Makes one call and checks all that it returns.
     void Run(const SweptCall &call);
     void BeginGroup();
-    /// What was left since the group began is no more than what is written as staying. It is given back.
+    /// Expects that no more was left since the group began than what is listed as staying. Releases it.
     void EndGroup();
-    /// The module's memory now, when it keeps as little as it can.
+    /// The module's memory now, reduced to what it must keep.
     Simulator::BalanceSnapshot Settled();
 
-    /// A fault for that function, among the calls that it was seen to make.
+    /// A fault for that function, at one of the calls that it was observed to make.
     std::optional<SweptFault> RandomFault(std::size_t function);
     [[nodiscard]] std::string Describe(const SweptCall &call) const;
     [[nodiscard]] std::size_t FunctionNamed(const std::string &name) const;
     [[nodiscard]] std::size_t ValueNamed(const std::string &name) const;
-    /// The numbers of a usual call's values.
+    /// The indices of a usual call's values.
     [[nodiscard]] std::vector<std::size_t> UsualArguments(std::size_t function) const;
     struct Tally {
         unsigned calls = 0;
         unsigned errors = 0;
-        unsigned faults = 0;   ///< Calls that met one.
+        unsigned faults = 0;   ///< Calls that met a fault.
         unsigned guarded = 0;  ///< Calls.
     };
-    /// Prints the calls of each function so far. @return those of all.
+    /// Prints the calls of each function so far. @return the total.
     Tally Tell() const;
     void ExpectNoGrowth(const Simulator::BalanceSnapshot &before);
 
@@ -112,7 +114,7 @@ protected:
     const std::vector<SweptFunction> &functions = SweptFunctions();
 
 private:
-    /// How many things of a kind may stay.
+    /// How many resources of a kind may stay.
     struct Stay {
         std::size_t least = 0;
         std::size_t most = 0;
@@ -133,7 +135,7 @@ private:
     /// @return null for a fault of the driver library.
     Simulator::FaultPlanHandle Plan(const SweptFault &fault);
     static unsigned FaultHits(const SweptFault &fault, const Simulator::FaultPlanHandle &plan);
-    /// Notes what may stay, and which calls of the platform there are.
+    /// Records what may stay, and which calls of the platform there are.
     void Account(const SweptCall &call, bool raised, bool answeredTrue, unsigned faultHits);
     void Learn(std::size_t function);
     void Forget();
@@ -142,11 +144,11 @@ private:
     Simulator::NetworkState m_network;
     std::function<void(const std::wstring &)> m_onInstallSection;
     std::vector<Tally> m_tallies{functions.size()};
-    /// By function: how often it calls what, at most.
+    /// By function: which calls it makes, and how often at most.
     std::vector<std::map<std::string, unsigned>> m_met{functions.size()};
     Stays m_stays;
-    bool m_seemsOld = false;     ///< The system, to the module, which asks for its version but once.
-    bool m_lockMayStay = false;  ///< That of the network.
+    bool m_seemsOld = false;     ///< Windows, whose version the module queries only once.
+    bool m_lockMayStay = false;  ///< The network's write lock.
     std::string m_group;         ///< The calls since the last account.
     Simulator::BalanceSnapshot m_before;
     int m_openDriverHandles = 0;

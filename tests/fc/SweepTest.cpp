@@ -1,4 +1,4 @@
-// Every function of the module with every kind of value in every place, and at random, while the platform fails.
+// Every function of the module with every kind of value in every position, and at random, while the platform fails.
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +12,7 @@ namespace {
 
 class Sweep : public SweepFixture {
 protected:
-    /// Each value in each place of a usual call and behind it; fewer and more arguments than there are places.
+    /// Each value in each position of a usual call and after it; fewer and more arguments than usual.
     void TryEveryPlace(std::size_t function);
     void NextGroup();
     void RunOneOf(std::size_t function, const std::vector<std::size_t> &arguments);
@@ -23,9 +23,9 @@ protected:
     bool StartsThreads(const SweptCall &call) const;
 
     [[nodiscard]] std::vector<std::size_t> ThreadFunctions() const;
-    /// A call that is a group by itself.
+    /// A call that is its own group.
     void RunOnNewMachine(const SweptCall &call);
-    /// Libraries that stay are loaded once per process; and calls of the platform are met.
+    /// Loads the libraries that stay loaded for the process, and learns the calls of the platform.
     void WarmUpThreads();
 
     const std::size_t guardedOneIn = GuardedOneIn();
@@ -150,7 +150,7 @@ TEST_F(Sweep, HasEveryFunctionOfTheModuleAndNoOther) {
     EXPECT_EQ(swept, registered);
 }
 
-TEST_F(Sweep, FindsEveryFunctionHarmlessWithEveryValueInEveryPlace) {
+TEST_F(Sweep, FindsEveryFunctionHarmlessWithEveryValueInEveryPosition) {
     BeginGroup();
     for (std::size_t function = 0; function < functions.size() && !HasFailure(); ++function)
         TryEveryPlace(function);

@@ -13,19 +13,19 @@ constexpr char kDomType[] = "SLB.Dom";
 constexpr char kZipType[] = "SLB.wx.ZipOutputStream";
 constexpr char kHandleType[] = "vti_handle_t*";
 
-/// What Lua can write.
+/// What Lua can express as source.
 constexpr const char *kWritten[] = {
     "nil", "true", "false",
     // numbers
     "0", "-0.0", "1", "-1", "0.5", "1.9", "-1.9", "62", "0/0", "1/0", "-1/0", "2^31-1", "2^31", "-2^31", "-2^31-1",
     "2^32-1", "2^32", "2^53", "-2^53", "2^63", "-2^63", "1e308", "1e-320",
-    // strings that are numbers, and some that nearly are
+    // strings that are numbers, and some that almost are
     "'1'", "'0x10'", "' 12 '", "'-1.9'", "'1e400'", "'nan'", "'12abc'",
-    // strings of few characters, of many, of none that there are
+    // strings of few characters, of many, of invalid ones
     "''", "' '", "'key'", R"('a\0b')", R"('\0')", R"('\xFF\xFE')", R"('\xED\xA0\x80')", R"('\xC0\x80')", R"('\xC3')",
     R"('\xF4\x90\x80\x80')", R"('\xC3\xA4')", R"('\xF0\x9F\x98\x80')", "'%s%n%d%'", "('x'):rep(100000)",
     R"(('\xC3\xA4'):rep(5000))", R"(('\xE4'):rep(5000))", R"(('\n\t'):rep(1000))", "('['):rep(3000)", "'a,b,,c'",
-    // what some function understands
+    // what some function accepts
     kMetricText, "'Activated'", "'Deactivated'", "'Deactivated?'", kPolicy, R"('{"SYS_THR_RUNQ": {"value": 1e999}}')",
     // paths
     kProgram, R"([[C:\no\such\folder\file.sys]])", R"([[C:\]])", R"([[..\..\]])", "'NUL'", R"('<>|*?"')",
@@ -41,7 +41,7 @@ constexpr const char *kWritten[] = {
     "print", "function() error('called') end", "SLB.filter.GetConnMetrics", "coroutine.create(print)",
     "coroutine.wrap(print)", "(function() local c = coroutine.create(print) coroutine.resume(c, '') return c end)()",
     "(coroutine.running())",
-    // the library's own userdata
+    // userdata of the standard library
     "io.stdout"};
 
 void PushWritten(lua_State *L, const std::string &expression) {
@@ -89,7 +89,7 @@ SweepValue GoneInstance(const std::string &name, const char *type, void *object)
     return {name, push};
 }
 
-/// The derived class and its base have one address.
+/// The derived class and its base have the same address.
 void *SameObject(void *object) {
     return object;
 }

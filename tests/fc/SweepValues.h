@@ -1,4 +1,4 @@
-// The values that the sweep puts in the place of every argument.
+// The values that the sweep passes as every argument.
 #pragma once
 
 #include <cstddef>
@@ -14,16 +14,16 @@
 #include "vta_core_control.h"
 #include "vti.h"
 
-/// What the module takes a userdata for.
+/// What the module recognises a userdata as.
 enum class AgentKind { None, Dom, Handle, ClosedHandle, Zip };
 
 struct SweepValue {
-    std::string name;  ///< Those that Lua can write are named by what it writes.
+    std::string name;  ///< Those that Lua can express are named by their source.
     std::function<void(lua_State *)> push;
     AgentKind kind = AgentKind::None;
 };
 
-// Values that a usual call has.
+// Values of usual calls.
 inline constexpr char kDomValue[] = "dom";
 inline constexpr char kHandleValue[] = "driver handle";
 inline constexpr char kZipValue[] = "zip";
@@ -34,7 +34,7 @@ inline constexpr char kPolicy[] = R"('{"SYS_THR_RUNQ": {"value": 20}, "SYS_THR_F
 inline constexpr char kProgram[] = "[[C:\\windows\\system32\\kernel32.dll]]";
 inline constexpr char kNames[] = "{'Ethernet 2', 'vpn0'}";
 
-/// The agent's objects behind the values. They outlive the Lua state's use of them.
+/// The agent's objects behind the values. They outlive their use by the Lua state.
 class SweepObjects {
 public:
     explicit SweepObjects(VtaCore::CDom &dom);
@@ -42,17 +42,17 @@ public:
     SweepObjects(const SweepObjects &) = delete;
     SweepObjects &operator=(const SweepObjects &) = delete;
 
-    /// The open zip anew and empty, in the same place.
+    /// Reopens the zip, empty, at the same address.
     void RenewZip();
 
-    /// Every value, each once. Userdata that is no instance and has the 32 bytes of one, filled with anything else than
-    /// zeros, is left out: the module reads it as an instance, as it has to.
-    /// @param ndis  what stands for the folder of the filter's files, and
-    /// @param wfp   for that of the callout's.
+    /// Every value, each once. Left out is userdata that is not an instance and has an instance's 32 bytes, filled with
+    /// anything but zeros: the module has to read it as an instance.
+    /// @param ndis  the value for the folder of the filter's files.
+    /// @param wfp   the value for that of the callout's.
     [[nodiscard]] std::vector<SweepValue> Values(const std::string &ndis, const std::string &wfp);
 
 private:
-    /// Takes nothing.
+    /// Accepts nothing.
     class FullStream : public wxOutputStream {
     protected:
         size_t OnSysWrite(const void *, size_t) override {
@@ -74,5 +74,5 @@ private:
     FullStream m_full;
     VtaCore::Control::ZipPackage m_fullZip{m_full};
     vti_handle_t *m_handle = nullptr;
-    vti_handle_t *m_lostHandle = nullptr;  ///< Closed, and nobody has told its userdata.
+    vti_handle_t *m_lostHandle = nullptr;  ///< Closed behind its userdata's back.
 };

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Where one argument is.
+/// The position of one argument.
 struct Argument {
     lua_State *state;
     int index;   ///< Absolute.
@@ -114,7 +114,7 @@ bool IsSame(lua_State *L, int one, int other) {
            std::isnan(lua_tonumber(L, other));
 }
 
-/// Where a result is, and what it is looked at with.
+/// The position of a result, and what it is compared with.
 struct Result {
     lua_State *state;
     int index;
@@ -122,7 +122,7 @@ struct Result {
     bool badArguments;
 };
 
-/// Whether the result is what its letter says:
+/// Whether the result is of the kind of its letter:
 ///   b boolean, T true, n number, z zero; = the last argument;
 ///   a table with an action, r rows of connections, m metrics of the health, i strings.
 bool IsRight(char letter, const Result &result) {

@@ -1,4 +1,4 @@
-// The driver library's own trace as trace lines of the agent, through SLB.filter and the callback that it sets.
+// The driver library's own trace as the agent's trace lines, through SLB.filter and the callback that it sets.
 
 #include <array>
 #include <atomic>
@@ -33,7 +33,7 @@ protected:
         Vti::Reset();
     }
 
-    /// The userdata that the agent's module would make.
+    /// The userdata that the agent's module would create.
     static void PushHandle(lua_State *state, vti_handle_t *handle) {
         *static_cast<vti_handle_t **>(lua_newuserdata(state, sizeof(void *))) = handle;
         luaL_newmetatable(state, "vti_handle_t*");
@@ -53,7 +53,7 @@ protected:
 
 using Calls = std::vector<std::string>;
 
-TEST_F(TraceBridge, AsksForLevelThreeAndThenSetsTheCallbackWhenTheComponentIsEnabled) {
+TEST_F(TraceBridge, SetsLevelThreeAndThenTheCallbackWhenTheComponentIsEnabled) {
     Enable(true);
     lua.Run("setup(handle)");
     EXPECT_EQ(driver().calls, (Calls{"vti_set_trace_level(3)", "vti_set_trace_handler(handler)"}));
@@ -61,7 +61,7 @@ TEST_F(TraceBridge, AsksForLevelThreeAndThenSetsTheCallbackWhenTheComponentIsEna
     EXPECT_NE(driver().traceHandler, nullptr);
 }
 
-TEST_F(TraceBridge, AsksForLevelZeroAndSetsNoCallbackWhenTheComponentIsDisabled) {
+TEST_F(TraceBridge, SetsLevelZeroAndNoCallbackWhenTheComponentIsDisabled) {
     VtaCore::Control::EnableTrace("*", true);
     Enable(false);
     lua.Run("setup(handle)");
@@ -69,7 +69,7 @@ TEST_F(TraceBridge, AsksForLevelZeroAndSetsNoCallbackWhenTheComponentIsDisabled)
     EXPECT_EQ(driver().traceHandler, nullptr);
 }
 
-TEST_F(TraceBridge, LeavesTheCallbackThatWasSetBeforeWhenTheComponentIsDisabled) {
+TEST_F(TraceBridge, KeepsTheEarlierCallbackWhenTheComponentIsDisabled) {
     const vti_trace_handler handler = Handler();
     ASSERT_NE(handler, nullptr);
     Enable(false);
@@ -88,7 +88,7 @@ TEST_F(TraceBridge, AComponentThatIsEnabledLaterTakesEffectAtTheNextCall) {
     EXPECT_EQ(TakeTracedLines().size(), 1U);
 }
 
-TEST_F(TraceBridge, YieldsNoResultsAndIgnoresFurtherArguments) {
+TEST_F(TraceBridge, ReturnsNothingAndIgnoresFurtherArguments) {
     EXPECT_EQ(lua.Eval("select('#', setup(handle, 1, {}))"), "0");
 }
 
@@ -98,7 +98,7 @@ TEST_F(TraceBridge, RaisesAnArgumentErrorForAString) {
     EXPECT_TRUE(driver().calls.empty());
 }
 
-TEST_F(TraceBridge, RaisesAnArgumentErrorForWhateverIsNoDriverHandle) {
+TEST_F(TraceBridge, RaisesAnArgumentErrorForAnythingButADriverHandle) {
     for (const char *value :
          {"", "nil", "1", "true", "{}", "print", "io.stdout", "debug.upvalueid(function() setup() end, 1)",
           "coroutine.create(print)", "setmetatable({}, debug.getmetatable(handle))"})
@@ -111,7 +111,7 @@ TEST_F(TraceBridge, RaisesAnArgumentErrorForWhateverIsNoDriverHandle) {
     EXPECT_TRUE(driver().calls.empty());
 }
 
-TEST_F(TraceBridge, HandsTheNullWordOfAClosedHandleToTheLibrary) {
+TEST_F(TraceBridge, PassesTheNullWordOfAClosedHandleToTheLibrary) {
     PushHandle(lua, nullptr);
     lua_setglobal(lua, "closed");
     Enable(true);
@@ -120,10 +120,10 @@ TEST_F(TraceBridge, HandsTheNullWordOfAClosedHandleToTheLibrary) {
     Enable(false);
     lua.Run("setup(closed)");
     EXPECT_EQ(driver().calls.back(), "vti_set_trace_level(0)");
-    EXPECT_EQ(driver().traceHandler, nullptr) << "the library takes no closed handle";
+    EXPECT_EQ(driver().traceHandler, nullptr) << "the library refuses a closed handle";
 }
 
-TEST_F(TraceBridge, IgnoresWhatTheLibraryAnswers) {
+TEST_F(TraceBridge, IgnoresTheLibrarysResults) {
     driver().faults["vti_set_trace_level"] = {-5, "no"};
     driver().faults["vti_set_trace_handler"] = {-6, "no"};
     Enable(true);
@@ -132,7 +132,7 @@ TEST_F(TraceBridge, IgnoresWhatTheLibraryAnswers) {
     EXPECT_TRUE(VtaCore::Control::TakeEvents().empty());
 }
 
-TEST_F(TraceBridge, KeepsNothingOfTheHandleOrTheState) {
+TEST_F(TraceBridge, KeepsNoReferenceToTheHandleOrTheState) {
     Enable(true);
     const auto calls = [&] {
         LuaState own;
@@ -176,17 +176,17 @@ TEST_F(TraceBridge, NumbersOfALineAreSigned) {
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"/-2147483648  |  | :-1\n"});
 }
 
-TEST_F(TraceBridge, PercentSignsAndLineFeedsOfTheLibraryAreText) {
+TEST_F(TraceBridge, PercentSignsAndLineFeedsOfTheLibraryAreUnchanged) {
     EXPECT_EQ(Handler()(1, "%s%n", "%d.c", 2, "100%\n%ls"), 0);
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"%s%n/1  | 100%\n%ls | %d.c:2\n"});
 }
 
-TEST_F(TraceBridge, StringsThatAreNotThereAreEmpty) {
+TEST_F(TraceBridge, MissingStringsAreEmpty) {
     EXPECT_EQ(Handler()(1, nullptr, nullptr, 2, nullptr), 0);
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"/1  |  | :2\n"});
 }
 
-TEST_F(TraceBridge, AVeryLongTextIsNotCut) {
+TEST_F(TraceBridge, AVeryLongTextIsNotTruncated) {
     const std::string text(200'000, 'x');
     EXPECT_EQ(Handler()(1, "a", "b", 2, text.c_str()), 0);
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"a/1  | " + text + " | b:2\n"});
@@ -201,7 +201,7 @@ TEST_F(TraceBridge, StringsAreInTheEncodingOfTheCurrentLocale) {
     EXPECT_EQ(TakeTracedMessages("VTI"), Calls{expected + "/1  | " + expected + " | " + expected + ":2\n"});
 }
 
-TEST_F(TraceBridge, StringsInAnotherEncodingAreReadAllTheSame) {
+TEST_F(TraceBridge, StringsInAnotherEncodingAreStillRead) {
     for (const CodePageText &text : TextsOutsideCodePage()) {
         EXPECT_EQ(Handler()(1, "a", "b", 2, text.narrow.c_str()), 0);
         EXPECT_EQ(TakeTracedMessages("VTI"), Calls{"a/1  | " + text.utf8 + " | b:2\n"});
@@ -212,7 +212,7 @@ TEST_F(TraceBridge, StringsInAnotherEncodingAreReadAllTheSame) {
     EXPECT_TRUE(messages[0].starts_with("a/1  | ger") && messages[0].ends_with("ended | b:2\n")) << messages[0];
 }
 
-TEST_F(TraceBridge, LinesOfSeveralThreadsAreWholeWhileTheComponentIsSwitchedOnAndOff) {
+TEST_F(TraceBridge, LinesOfSeveralThreadsAreCompleteWhileTheComponentIsSwitchedOnAndOff) {
     constexpr int kThreads = 4;
     constexpr int kLines = 2'000;
     const vti_trace_handler handler = Handler();
@@ -247,7 +247,7 @@ TEST_F(TraceBridge, LinesOfSeveralThreadsAreWholeWhileTheComponentIsSwitchedOnAn
         previous = line;
     }
     EXPECT_EQ(handler(0, "s", "f", kLines, "text"), 0);
-    EXPECT_EQ(TakeTracedLines().size(), 1U) << "it traces on";
+    EXPECT_EQ(TakeTracedLines().size(), 1U) << "it still traces";
 }
 
 }  // namespace

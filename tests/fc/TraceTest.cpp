@@ -1,4 +1,4 @@
-// The function and the line that a trace tells.
+// The function and the line that a trace reports.
 
 #include <string>
 #include <vector>
@@ -49,11 +49,11 @@ constexpr Spelling kSpellings[] = {
 
 TEST(TracedFunction, HasItsPlainNameWithEachCompiler) {
     for (const auto &[signature, name] : kSpellings)
-        EXPECT_EQ(FunctionNameOf(signature), name) << signature;
+        EXPECT_EQ(TraceFunctionNameOf(signature), name) << signature;
 }
 
-TEST(TracedFunction, IsNothingWhereTheCompilerTellsNothing) {
-    EXPECT_EQ(FunctionNameOf(""), "");
+TEST(TracedFunction, IsEmptyWhenTheCompilerReportsNothing) {
+    EXPECT_EQ(TraceFunctionNameOf(""), "");
 }
 
 void OneLine(const TraceLine &line) {
@@ -78,7 +78,7 @@ struct KnownFunction {
     }
 };
 
-TEST(TracedLine, HasTheNumberOfItsCallAndTheNameOfTheFunctionThatIsKnown) {
+TEST(TracedLine, HasTheNumberOfItsCallAndTheNameOfTheKnownFunction) {
     VtaCore::Control::EnableTrace(kComponent, true);
     (void)TakeTracedLines();
     KnownFunction known;
@@ -92,7 +92,7 @@ TEST(TracedLine, HasTheNumberOfItsCallAndTheNameOfTheFunctionThatIsKnown) {
     }
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(lines[static_cast<std::size_t>(i)].line, known.begin + 1 + i);
-    EXPECT_EQ(lines[4].line, lines[3].line + 1) << "of the helper";
+    EXPECT_EQ(lines[4].line, lines[3].line + 1) << "the helper's";
     EXPECT_LT(lines[4].line, known.begin);
     EXPECT_EQ(lines[5].line, known.begin + 5);
 }

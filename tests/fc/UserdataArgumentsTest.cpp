@@ -16,14 +16,14 @@ using SLB3::SlbInstance;
 
 class UserdataArguments : public testing::Test {
 protected:
-    /// A record made by hand, so that odd ones can be made.
+    /// A record made by hand, so that unusual ones can be tested.
     SlbInstance *PushRecord(std::size_t size = sizeof(SlbInstance)) {
         void *const block = lua_newuserdata(lua, size);
         std::memset(block, 0, size);
         return static_cast<SlbInstance *>(block);
     }
 
-    /// The object at index 1 by the rule for the agent object, with the stack checked.
+    /// The object at index 1 by the rule for the agent object; checks the stack, too.
     void *Dom() {
         const int top = lua_gettop(lua);
         void *const found = GetDomArg(lua);
@@ -47,7 +47,7 @@ void *NotToBeCalled(void *) {
     return reinterpret_cast<void *>(0xBAD);
 }
 
-TEST_F(UserdataArguments, YieldsTheObjectOfAnInstanceWithThatTypeName) {
+TEST_F(UserdataArguments, ReturnsTheObjectOfAnInstanceWithThatTypeName) {
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object);
     EXPECT_EQ(Dom(), &object);
 }
@@ -59,7 +59,7 @@ TEST_F(UserdataArguments, ComparesTypeNamesByTextNotOnlyByAddress) {
     EXPECT_EQ(Dom(), &object);
 }
 
-TEST_F(UserdataArguments, TakesNeitherAPrefixNorALongerNameForTheType) {
+TEST_F(UserdataArguments, AcceptsNeitherAPrefixNorALongerNameAsTheType) {
     SLB3::Control::PushInstance(lua, "SLB.Do", &object);
     EXPECT_EQ(Dom(), nullptr);
     lua_settop(lua, 0);
@@ -67,12 +67,12 @@ TEST_F(UserdataArguments, TakesNeitherAPrefixNorALongerNameForTheType) {
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, YieldsNothingForAConstInstanceAlthoughTheObjectIsFound) {
+TEST_F(UserdataArguments, ReturnsNothingForAConstInstanceAlthoughTheObjectIsFound) {
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object, true);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, OneOfTheTwoConstBitsAloneMeansNothing) {
+TEST_F(UserdataArguments, IgnoresOneOfTheTwoConstBitsWithoutTheOther) {
     for (const std::uint32_t flags : {1U, 2U, 0xFFFFFFFCU}) {
         SLB3::Control::PushInstance(lua, "SLB.Dom", &object);
         static_cast<SlbInstance *>(lua_touserdata(lua, 1))->flags = flags;
@@ -91,26 +91,26 @@ TEST_F(UserdataArguments, AcceptsADerivedClassThroughItsBaseEntry) {
     EXPECT_EQ(Dom(), &derived.base);
 }
 
-TEST_F(UserdataArguments, AConstDerivedInstanceYieldsNothing) {
+TEST_F(UserdataArguments, AConstDerivedInstanceReturnsNothing) {
     Derived derived;
     const SlbBaseEntry bases[] = {{"SLB.Dom", 1, BaseOfDerived}, {nullptr, 0, nullptr}};
     SLB3::Control::PushInstance(lua, "SLB.DerivedDom", &derived, true, bases);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, TheWalkOverTheBasesEndsAtTheZeroMarker) {
+TEST_F(UserdataArguments, TheSearchOfTheBasesEndsAtTheZeroMarker) {
     Derived derived;
     const SlbBaseEntry bases[] = {{"SLB.Other", 1, NotToBeCalled}, {"SLB.Dom", 0, NotToBeCalled}};
     SLB3::Control::PushInstance(lua, "SLB.DerivedDom", &derived, false, bases);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, AnotherTypeWithoutBasesYieldsNothing) {
+TEST_F(UserdataArguments, AnotherTypeWithoutBasesReturnsNothing) {
     SLB3::Control::PushInstance(lua, "SLB.Other", &object);
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, AnObjectThatIsGoneYieldsNothing) {
+TEST_F(UserdataArguments, AForgottenObjectReturnsNothing) {
     Derived derived;
     const SlbBaseEntry bases[] = {{"SLB.Dom", 1, NotToBeCalled}, {nullptr, 0, nullptr}};
     SLB3::Control::PushInstance(lua, "SLB.Dom", &object);
@@ -148,7 +148,7 @@ TEST_F(UserdataArguments, ABaseEntryWithoutANameOrAConversionIsNotFound) {
     EXPECT_EQ(Dom(), nullptr);
 }
 
-TEST_F(UserdataArguments, ValuesThatAreNoUserdataAreNotFound) {
+TEST_F(UserdataArguments, ValuesThatAreNotUserdataAreNotFound) {
     for (const char *value : {"nil", "true", "1", "'SLB.Dom'", "{}", "print", "coroutine.create(print)"}) {
         ASSERT_EQ(luaL_loadstring(lua, (std::string("return ") + value).c_str()), LUA_OK);
         lua_call(lua, 0, 1);
@@ -204,7 +204,7 @@ TEST_F(UserdataArguments, TheZipIsFoundAtItsIndexByTheSameRules) {
     EXPECT_EQ(GetZipArg(lua, 3), nullptr) << "another type";
 }
 
-TEST_F(UserdataArguments, TheDriverHandleIsKnownByItsMetatable) {
+TEST_F(UserdataArguments, TheDriverHandleIsRecognisedByItsMetatable) {
     auto **const word = static_cast<vti_handle_t **>(lua_newuserdata(lua, sizeof(vti_handle_t *)));
     *word = reinterpret_cast<vti_handle_t *>(&object);
     EXPECT_EQ(GetDriverHandleArg(lua, 1), nullptr) << "no metatable yet";

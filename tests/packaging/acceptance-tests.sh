@@ -9,23 +9,20 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 PACKAGES=$2 XML=$3
 WINE=${4:-wine}
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Acceptance
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh" Acceptance
 export WINEPREFIX=$WORK/prefix WINEDEBUG=-all WINEARCH=win64 WINEDLLOVERRIDES="winemenubuilder.exe=d;mscoree=d;mshtml=d"
 end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1" || true; }
 trap 'end_wine -k; rm -rf "$WORK"' EXIT
-# shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
 
-# Among them are tests that would change a machine of one's own. Stack dumps take long.
+# Some tests would change the user's own machine. Stack dumps are slow.
 PROGRAMS=(fc-load-tests installer-tests removal-tests)
 FEW='-StackDump*'
 PLACE="$WINEPREFIX/drive_c/a place with blanks"
 
-# accept ARGS...: runs accept.cmd from another folder, and leaves its output in `said` and its status in STATUS.
+# accept ARGS...: runs accept.cmd from another folder, leaves its output in `said` and its status in STATUS.
 accept() {
-    end_wine -k # its services keep the folder in which the first program ran
+    end_wine -k # its services use the folder in which the first program ran
     rm -f "$WINEPREFIX/drive_c/status.txt"
     printf '@cd /d C:\\windows\r\n@call "C:\\a place with blanks\\%s\\accept.cmd" %s\r\n@>C:\\status.txt echo %%errorlevel%%\r\n' \
         "${DEVKIT##*/}" "$*" >"$WINEPREFIX/drive_c/run.cmd"
@@ -33,7 +30,7 @@ accept() {
     STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt" || echo none)
 }
 
-# fails_with TEXT: the last run, and says so.
+# fails_with TEXT: expects that the last run failed and printed it.
 fails_with() {
     [ "$STATUS" = 1 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/said")" || return
     grep -qF -- "$1" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")" || return
@@ -41,12 +38,12 @@ fails_with() {
     grep -q '<h1 class="failed">' "$DEVKIT/results/summary.html" || because "the page says nothing of it"
 }
 
-# All that a program may have changed, but for folders of temporary files and the package's own.
+# Everything that a program may have changed, except folders of temporary files and the package's own.
 machine() {
     end_wine -w
     (cd "$WINEPREFIX" && find drive_c -path "drive_c/a*" -prune -o -path '*/[Tt]emp/*' -prune -o -name status.txt -prune -o \
         -name run.cmd -prune -o -printf '%p %s %T@\n' | grep -v '^drive_c/users/[^ ]* \|^drive_c [0-9]' | LC_ALL=C sort)
-    # Without the times of the keys, and the lists of fonts and network cards, which Wine itself makes and removes.
+    # Without the times of the keys, and the lists of fonts and network cards, which Wine itself creates and removes.
     awk '/^\[/ { skip = /Fonts|NetworkCards/; sub(/ [0-9]+$/, "") } NF && !skip && !/^#time/' \
         "$WINEPREFIX/system.reg" "$WINEPREFIX/user.reg"
 }
@@ -75,12 +72,12 @@ TheTestProgramsPassWithoutTheDriveOfThisMachine() {
     done
 }
 
-ItShowsHowFarItIs() {
+ItShowsItsProgress() {
     grep -qF "[1/${#PROGRAMS[@]}] ${PROGRAMS[0]}" "$WORK/said" || because "it says: $(head -n 5 "$WORK/said")" || return
     grep -qF "[${#PROGRAMS[@]}/${#PROGRAMS[@]}] ${PROGRAMS[-1]}" "$WORK/said" || because "it says: $(tail -n 5 "$WORK/said")"
 }
 
-ThePageNamesVersionAndWhatWasLeftOut() {
+ThePageNamesTheVersionAndSkippedSuites() {
     local text
     for text in "$(sed -n 's/^fc-host \([^,]*\),.*/\1/p' "$DEVKIT/results/version.txt")" RealService RealRegistryTree RealKey RealInf; do
         grep -qF "${text:?}" "$DEVKIT/results/summary.html" || because "it does not name '$text'" || return
@@ -89,12 +86,12 @@ ThePageNamesVersionAndWhatWasLeftOut() {
         because "such a test was run"
 }
 
-TheMachineIsAsItWas() {
+TheMachineIsUnchanged() {
     machine >"$WORK/after"
     diff "$WORK/before" "$WORK/after" >"$WORK/log" || because "$(head -n 10 "$WORK/log")"
 }
 
-AFailedTestFailsAll() {
+AFailedTestFailsTheAcceptance() {
     mv "$DEVKIT/bin/test-data/docs/steps.md" "$WORK/"
     GTEST_FILTER='StepTable.*' accept installer-tests
     mv "$WORK/steps.md" "$DEVKIT/bin/test-data/docs/"
@@ -102,23 +99,23 @@ AFailedTestFailsAll() {
     grep -q 'StepTable' "$DEVKIT/results/summary.html" || because "the page does not name the test"
 }
 
-ACrashFailsAll() {
+ACrashFailsTheAcceptance() {
     cp "$BIN/runner-crash.exe" "$DEVKIT/bin/crash-tests.exe"
     GTEST_FILTER='ModuleFile.*' accept crash-tests fc-load-tests
     fails_with 'crash-tests left no results and crashed: 0xC0000005'
 }
 
-AMissingProgramFailsAll() {
+AMissingProgramFailsTheAcceptance() {
     GTEST_FILTER='ModuleFile.*' accept fc-load-tests nosuch-tests
     fails_with 'nosuch-tests was not run'
 }
 
-AProgramThatTakesTooLongFailsAll() {
+ASlowProgramFailsTheAcceptance() {
     FC_TEST_SECONDS=1 accept installer-tests
     fails_with 'installer-tests was killed after 1 s'
 }
 
-# judges STATUS [SED-SCRIPT]: what is made of results of two tests, changed by the script.
+# judges STATUS [SED-SCRIPT]: checks the verdict on the results of two tests, changed by the script.
 judges() {
     local results=$DEVKIT/results
     rm -rf "$results"
@@ -140,7 +137,7 @@ XML
     STATUS=$(tr -d '\r\n' <"$WINEPREFIX/drive_c/status.txt")
 }
 
-OnlyWholeResultsAndAGoodStatusPass() {
+OnlyCompleteResultsWithASuccessfulStatusPass() {
     judges 0
     [ "$STATUS" = 0 ] && [ -e "$DEVKIT/results/passed.txt" ] || because "good results do not pass: $(cat "$WORK/said")" || return
     judges 0 '/<.testsuites>/d' && fails_with 'left incomplete results' || return
@@ -154,9 +151,9 @@ OnlyWholeResultsAndAGoodStatusPass() {
     judges '' && fails_with 'was not run'
 }
 
-for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsHowFarItIs ThePageNamesVersionAndWhatWasLeftOut \
-    TheMachineIsAsItWas AFailedTestFailsAll ACrashFailsAll AMissingProgramFailsAll AProgramThatTakesTooLongFailsAll \
-    OnlyWholeResultsAndAGoodStatusPass; do
+for name in TheTestProgramsPassWithoutTheDriveOfThisMachine ItShowsItsProgress ThePageNamesTheVersionAndSkippedSuites \
+    TheMachineIsUnchanged AFailedTestFailsTheAcceptance ACrashFailsTheAcceptance AMissingProgramFailsTheAcceptance ASlowProgramFailsTheAcceptance \
+    OnlyCompleteResultsWithASuccessfulStatusPass; do
     test_case "$name"
 done
 write_results acceptance-tests "$XML"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Packs what is built here, twice, and looks at the packages.
+# Makes the packages of this build, twice, and checks them.
 #   packaging-tests.sh BUILD LIBRARIES HEADERS PACKAGES XML
 # The first two packages are left in the folder PACKAGES, the results in XML, as GoogleTest writes them.
 set -euo pipefail
@@ -7,19 +7,15 @@ set -euo pipefail
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BUILD=$1 LIBRARIES=$2 HEADERS=$3 PACKAGES=$4 XML=$5
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Packaging
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Packaging
 
 export SOURCE_DATE_EPOCH=1700000000
 
-# packs PLACE: the packages of a clone and a build folder there, in PLACE/dist.
+# packs PLACE: makes the packages of a clone and a build folder there, in PLACE/dist.
 packs() {
     mkdir -p "$1/clone" "$1/build"
-    cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md} "$1/clone"
+    cp -R "$REPOSITORY"/{scripts,docs,examples,packaging,LICENSE,CHANGELOG.md,CONTRIBUTING.md} "$1/clone"
     ln -s "$BUILD"/{bin,version,test-programs.txt} "$1/build/"
     # shellcheck disable=SC2016 # expanded by the inner shell
     FC_BUILD=$1/build bash -euo pipefail -c '
@@ -38,7 +34,7 @@ packs() {
 TwoFoldersGiveTheSameBytes() {
     local file
     packs "$WORK/one" || return
-    sleep 2 # as exact as the times in a zip file are
+    sleep 2 # as precise as the times in a zip file
     (umask 077 && TZ=Asia/Tokyo LC_ALL=C packs "$WORK/another place") || because "$(tail -n 3 "$WORK/log")" || return
     for file in "$WORK"/one/dist/*; do
         cmp "$file" "$WORK/another place/dist/${file##*/}" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
@@ -52,19 +48,19 @@ TwoFoldersGiveTheSameBytes() {
     MODULE=$(echo "$WORK"/unpacked/fc-[0-9]*) DEVKIT=$(echo "$WORK"/unpacked/fc-devkit-*)
 }
 
-TheNamesHaveTheCommit() {
+TheNamesContainTheCommit() {
     local version
     version=$(sed -n 's/.*"\(.*\)"$/\1/p' "$BUILD/version/Version.h" | tr + -)
     [[ $version =~ ^[0-9.]+-(unknown|g[0-9a-f]{10}(-dirty)?)$ ]] || because "the version is '$version'" || return
     [ "${MODULE##*/} ${DEVKIT##*/}" = "fc-$version fc-devkit-$version" ] || because "there are $(ls "$WORK/unpacked")"
 }
 
-TheModuleIsThatWhichTheTestsLoad() {
+TheModuleIsTheOneThatTheTestsLoad() {
     cmp "$BUILD/bin/fc.dll" "$MODULE/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")" || return
     cmp "$BUILD/bin/fc.dll" "$DEVKIT/bin/fc.dll" >"$WORK/log" 2>&1 || because "$(cat "$WORK/log")"
 }
 
-TheModulesPackageHasAllThatBelongsToIt() {
+TheModulesPackageIsComplete() {
     (cd "$MODULE" && find . -type f | LC_ALL=C sort | grep -v '^\./licences/') >"$WORK/names"
     [ "$(tr '\n' ' ' <"$WORK/names")" = './CHANGELOG.md ./REQUIREMENTS.txt ./SHA256SUMS ./fc.cdx.json ./fc.dll ./fc.pdb ./lua/fc.d.lua ' ] ||
         because "it has $(tr '\n' ' ' <"$WORK/names")" || return
@@ -72,15 +68,15 @@ TheModulesPackageHasAllThatBelongsToIt() {
         xxHash.txt) >"$WORK/log" 2>&1 || because "$(grep cannot "$WORK/log")"
 }
 
-TheSymbolsAreThoseOfTheModule() {
+TheSymbolsMatchTheModule() {
     local of_module of_symbols
     of_module=$(llvm-readobj-19 --coff-debug-directory "$MODULE/fc.dll" | sed -n 's/.*PDBGUID: {\(.*\)}.*/\1/p')
     of_symbols=$(llvm-pdbutil-19 dump --summary "$MODULE/fc.pdb" | sed -n 's/.*GUID: {\(.*\)}.*/\1/p')
     [ "${of_module:-none}" = "$of_symbols" ] || because "the module has '$of_module', they have '$of_symbols'"
 }
 
-# By another program than the one that made the list.
-TheRequirementsAreTheImportsOfTheModule() {
+# With another program than the one that made the list.
+TheRequirementsMatchTheImportsOfTheModule() {
     local library
     x86_64-w64-mingw32-objdump -p "$MODULE/fc.dll" | sed -n 's/.*DLL Name: //p' >"$WORK/imports"
     [ "$(wc -l <"$WORK/imports")" -gt 5 ] || because "the module imports $(cat "$WORK/imports")" || return
@@ -93,7 +89,7 @@ TheRequirementsAreTheImportsOfTheModule() {
         because "no version: $(grep -E '^  (lib|lua|wx|zlib)[^ ]*$' "$MODULE/REQUIREMENTS.txt")"
 }
 
-# json FILE PATH...: what stands there; its length for a list.
+# json FILE PATH...: prints the value there; the length of a list.
 json() {
     cat >"$WORK/json.cmake" <<'CMAKE'
 file(READ "${FILE}" text)
@@ -133,7 +129,7 @@ TheBillOfMaterialsHasEachPinnedFile() {
     [ "$(grep -oFf "$WORK/sums" "$bill" | sort -u | wc -l)" = "$(sort -u "$WORK/sums" | wc -l)" ] || because "a checksum is missing"
 }
 
-TheChecksumsAreThoseOfAllFiles() {
+TheChecksumsCoverAllFiles() {
     local folder
     for folder in "$MODULE" "$DEVKIT"; do
         (cd "$folder" && sha256sum --quiet --strict -c SHA256SUMS) >"$WORK/log" 2>&1 || because "$(tail -n 3 "$WORK/log")" || return
@@ -152,7 +148,19 @@ TheDevkitHasEachTestProgram() {
     [ -s "$DEVKIT/bin/test-data/docs/host.md" ] || because "their data are missing"
 }
 
-# None of ours is signed, and none is needed: a machine has nothing to load them.
+# Those of CONTRIBUTING.md lead to files of a clone.
+TheLinksOfTheDevkitsPagesLeadToItsFiles() {
+    local page link count=0
+    for page in "$DEVKIT"/README.md "$DEVKIT"/docs/*.md; do
+        while read -r link; do
+            [ -e "${page%/*}/$link" ] || because "${page#"$DEVKIT/"} links to $link" || return
+            count=$((count + 1))
+        done < <(sed 's/](/\n&/g' "$page" | sed -n 's/^](\([^)#: ]\{1,\}\)[)#].*/\1/p')
+    done
+    [ $count -ge 50 ] || because "they have only $count links"
+}
+
+# None of ours is signed, and none needs to be: nothing loads them.
 TheDevkitHasNoDriver() {
     ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
 }
@@ -163,9 +171,10 @@ NoFileNamesAFolderOfThisMachine() {
     [ -z "$found" ] || because "they are in ${found//$WORK\/unpacked\//}"
 }
 
-for name in TwoFoldersGiveTheSameBytes TheNamesHaveTheCommit TheModuleIsThatWhichTheTestsLoad \
-    TheModulesPackageHasAllThatBelongsToIt TheSymbolsAreThoseOfTheModule TheRequirementsAreTheImportsOfTheModule \
-    TheBillOfMaterialsHasEachPinnedFile TheChecksumsAreThoseOfAllFiles TheDevkitHasEachTestProgram TheDevkitHasNoDriver \
+for name in TwoFoldersGiveTheSameBytes TheNamesContainTheCommit TheModuleIsTheOneThatTheTestsLoad \
+    TheModulesPackageIsComplete TheSymbolsMatchTheModule TheRequirementsMatchTheImportsOfTheModule \
+    TheBillOfMaterialsHasEachPinnedFile TheChecksumsCoverAllFiles TheDevkitHasEachTestProgram \
+    TheLinksOfTheDevkitsPagesLeadToItsFiles TheDevkitHasNoDriver \
     NoFileNamesAFolderOfThisMachine; do
     test_case "$name"
 done

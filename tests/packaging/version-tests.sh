@@ -1,17 +1,13 @@
 #!/usr/bin/env bash
-# The version that the build finds, in sources that are made up for it.
+# The version that the build determines, in temporary sources.
 #   version-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Version
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Version
 
 export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_NOSYSTEM=1
 
@@ -40,28 +36,28 @@ is_version() {
 
 commit_of() { echo "g$(git -C "$WORK/$1" rev-parse HEAD | cut -c 1-10)"; }
 
-OfACloneItHasTheCommit() {
+TheVersionOfACloneContainsTheCommit() {
     make_clone clone && is_version clone "1.2.3+$(commit_of clone)"
 }
 
-OfAChangedCloneItSaysSo() {
+TheVersionOfAChangedCloneIsMarkedDirty() {
     make_clone clone || return
     echo two >"$WORK/clone/file"
     is_version clone "1.2.3+$(commit_of clone)-dirty"
 }
 
-AFileThatIsNotUnderVersionControlChangesNothing() {
+AnUntrackedFileChangesNothing() {
     make_clone clone || return
     echo note >"$WORK/clone/note"
     is_version clone "1.2.3+$(commit_of clone)"
 }
 
-OfSourcesWithoutACloneItIsUnknown() {
+TheCommitOfSourcesWithoutACloneIsUnknown() {
     mkdir -p "$WORK/unpacked"
     is_version unpacked 1.2.3+unknown
 }
 
-TheCommitOfAnotherCloneAroundTheSourcesIsNotTaken() {
+TheCommitOfAnEnclosingCloneIsNotUsed() {
     make_clone other || return
     mkdir -p "$WORK/other/unpacked"
     is_version other/unpacked 1.2.3+unknown
@@ -72,7 +68,7 @@ ACloneWithoutACommitIsUnknown() {
     git_in empty init && is_version empty 1.2.3+unknown
 }
 
-WithoutGitItIsUnknown() {
+TheCommitIsUnknownWithoutGit() {
     local folder=$WORK/tools
     make_clone clone || return
     mkdir -p "$folder"
@@ -94,9 +90,9 @@ TheHeaderIsWrittenOnlyIfItChanges() {
     [ "$(stat -c %Y "$WORK/Version.h")" != "$before" ] || because "it is not written"
 }
 
-for name in OfACloneItHasTheCommit OfAChangedCloneItSaysSo AFileThatIsNotUnderVersionControlChangesNothing \
-    OfSourcesWithoutACloneItIsUnknown TheCommitOfAnotherCloneAroundTheSourcesIsNotTaken ACloneWithoutACommitIsUnknown \
-    WithoutGitItIsUnknown TheHeaderIsWrittenOnlyIfItChanges; do
+for name in TheVersionOfACloneContainsTheCommit TheVersionOfAChangedCloneIsMarkedDirty AnUntrackedFileChangesNothing \
+    TheCommitOfSourcesWithoutACloneIsUnknown TheCommitOfAnEnclosingCloneIsNotUsed ACloneWithoutACommitIsUnknown \
+    TheCommitIsUnknownWithoutGit TheHeaderIsWrittenOnlyIfItChanges; do
     test_case "$name"
 done
 write_results version-tests "$XML"

@@ -6,12 +6,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=DevCommand
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" DevCommand
 
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
@@ -30,7 +26,7 @@ refuses() {
     says "$1"
 }
 
-AFolderThatHoldsSomethingElseIsNotCleaned() {
+AFolderWithOtherContentsIsNotCleaned() {
     make_thesis
     refuses "was not made by ./dev" FC_BUILD="$WORK/thesis" -- clean || return
     [ -s "$WORK/thesis/thesis.tex" ] || because "the file is gone"
@@ -41,17 +37,17 @@ TheCloneItselfIsNotCleaned() {
     [ -x "$CLONE/dev" ] || because "the clone is gone"
 }
 
-AFolderThatHoldsSomethingElseIsNotFilled() {
+AFolderWithOtherContentsIsNotUsed() {
     local command
     make_thesis
-    for command in run test bench check package shell host; do
+    for command in run test bench coverage mutate check package shell host; do
         refuses "FC_BUILD to a new or empty folder" FC_BUILD="$WORK/thesis" -- "$command" || return
         refuses "FC_CACHE to a new or empty folder" FC_BUILD="$WORK/new" FC_CACHE="$WORK/thesis" -- "$command" || return
     done
     [ "$(ls -A "$WORK/thesis")" = $'lock\nthesis.tex' ] || because "the folder holds $(ls -A "$WORK/thesis")"
 }
 
-AFolderThatWasMadeForABuildIsCleaned() {
+AFolderMadeForABuildIsCleaned() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build/logs" "$CLONE/out" "$CLONE/dist"
     touch "$WORK/build/.made-by-dev"
@@ -71,7 +67,7 @@ TheUsualFolderIsCleaned() {
 AskingForHelpDoesNothingElse() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run test bench check package shell clean; do
+    for command in run test bench coverage mutate check package shell clean; do
         dev FC_BUILD= -- "$command" --help
         succeeds && says "  $command " || return
     done
@@ -81,16 +77,16 @@ AskingForHelpDoesNothingElse() {
 AnUnknownArgumentIsRefused() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run check package clean; do
+    for command in run coverage mutate check package clean; do
         refuses "has no option '--al'" FC_BUILD= -- "$command" --al || return
-        refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
+        [ "$command" = coverage ] || refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
     done
     refuses "takes no argument 'second'" FC_BUILD= -- run first second || return
     refuses "there is no command 'nosuch'" FC_BUILD= -- nosuch || return
     [ -d "$CLONE/build" ] || because "the build folder is gone"
 }
 
-AFolderOfSomebodyElseIsNamed() {
+AFolderOfAnotherUserIsNamed() {
     local variable
     for variable in FC_BUILD FC_CACHE FC_OUT; do
         fresh
@@ -107,8 +103,8 @@ AFolderOfSomebodyElseIsNamed() {
     done
 }
 
-# as_another_user FOLDER: who may not write to it. Root may write anywhere: then nobody runs ./dev, and may perhaps not
-# even enter the folder where these tests are run.
+# as_another_user FOLDER: runs as a user who may not write to it. Root may write anywhere: then `nobody` runs ./dev, and
+# may perhaps not even enter the folder where these tests run.
 as_another_user() {
     [ "$(id -u)" -eq 0 ] || return 0
     chmod a+rx "${FC_TEMPORARY:-$WORK}"
@@ -132,14 +128,14 @@ AReadOnlyCloneIsEnough() {
     return $status
 }
 
-OutAndDistCanLieElsewhere() {
+OutAndDistCanBeElsewhere() {
     fresh
     dev FC_OUT="$WORK/out" -- run
     succeeds && called "fc-host.exe .*--out $WORK/out/out" && says "The report is $WORK/out/out/report.html" || return
     [ ! -e "$CLONE/out" ] || because "there is an out/ in the clone, too"
 }
 
-ResultsAreToldAsTheCallerSeesThem() {
+PathsOfResultsAreRelativeToTheCaller() {
     fresh
     (cd "$CLONE" && dev -- run && succeeds) || because "it fails: $(<"$SAID")" || return
     says 'The report is out/report.html, the events are out/events.json' && called 'fc-host.exe .* examples/story.lua --out out$' || return
@@ -150,7 +146,7 @@ ResultsAreToldAsTheCallerSeesThem() {
     called "fc-host.exe .*$CLONE/examples/connections.lua --out $CLONE/out the.log"
 }
 
-AnOutFolderOfSomebodysOwnIsNotUsed() {
+AnOutFolderWithOtherContentsIsNotUsed() {
     fresh
     mkdir -p "$WORK/work/out" "$WORK/work/dist"
     echo text | tee "$WORK/work/out/thesis.tex" >"$WORK/work/dist/thesis.tex"
@@ -170,10 +166,21 @@ ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
     called_not ninja
 }
 
-for name in AFolderThatHoldsSomethingElseIsNotCleaned TheCloneItselfIsNotCleaned \
-    AFolderThatHoldsSomethingElseIsNotFilled AFolderThatWasMadeForABuildIsCleaned TheUsualFolderIsCleaned \
-    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed AReadOnlyCloneIsEnough OutAndDistCanLieElsewhere \
-    ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
+ChangesOfNothingAreRefused() {
+    fresh
+    refuses "--seed needs a number" -- mutate --seed || return
+    refuses "--count needs a number" -- mutate WindowsFirewall --count many || return
+    called_not ninja || return
+    mkdir -p "$CLONE/plugins/filter/common"
+    refuses "there is no folder 'nosuch' below plugins/filter" -- mutate nosuch || return
+    refuses "plugins/filter/common has no sources" -- mutate common
+}
+
+for name in AFolderWithOtherContentsIsNotCleaned TheCloneItselfIsNotCleaned \
+    AFolderWithOtherContentsIsNotUsed AFolderMadeForABuildIsCleaned TheUsualFolderIsCleaned \
+    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
+    PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild \
+    ChangesOfNothingAreRefused; do
     test_case "$name"
 done
 write_results command-tests "$XML"

@@ -1,5 +1,5 @@
-// A program that ends as its argument tells: crash, crash-at-end, overrun, vanish, or an exit status. It crashes
-// without one, and where it is run as a test program is, with options.
+// A program that ends as its argument says: crash, crash-at-end, overrun, vanish, or an exit status. It crashes without
+// an argument, and with options, as a test program gets them.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -10,11 +10,11 @@
 namespace {
 
 void Crash() {
-    volatile int *volatile wild = nullptr;  // the compiler is not to see where it leads
+    volatile int *volatile wild = nullptr;  // so that the compiler does not know the value
     *wild = 1;                              // cppcheck-suppress nullPointer
 }
 
-/// Writes past its array, which the stack protector finds when it returns.
+/// Writes beyond its array, which the stack protector detects when it returns.
 [[gnu::noinline]] void Overrun(std::size_t length) {
     char text[16];
     for (std::size_t i = 0; i < length; ++i)

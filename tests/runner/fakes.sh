@@ -7,12 +7,12 @@ BUILD="$WORK/the build"
 export FAKES=$WORK/bin
 export FAKE_STATE=$WORK/state
 SAID=$WORK/said
-RUN_AS=() # what runs ./dev as somebody else
+RUN_AS=() # runs ./dev as another user
 
 mkdir -p "$CLONE"
 cp -r "$HERE/../../dev" "$HERE/../../scripts" "$CLONE"
 cp -r "$HERE/fakes" "$FAKES"
-# The libraries have tests of their own.
+# The libraries have their own tests.
 echo >"$CLONE/scripts/sources.sh"
 cat >"$CLONE/scripts/libraries.sh" <<'TEXT'
 libraries_dir() { echo "$CACHE/libraries"; }
@@ -21,7 +21,7 @@ build_libraries() { mkdir -p "$CACHE/libraries"; }
 copy_headers() { mkdir -p "$CACHE/headers"; }
 TEXT
 
-# fresh: as if nothing had been run yet, with Wine 8 installed.
+# fresh: the state before the first run, with Wine 8 installed.
 fresh() {
     rm -rf "$FAKE_STATE" "$BUILD" "${WORK:?}"/{cache,home,out} "$CLONE"/{build,out,dist}
     mkdir -p "$FAKE_STATE" "$BUILD/bin" "$WORK/home"
@@ -39,11 +39,11 @@ dev_command() {
         shift
     done
     shift
-    # The tests themselves may be run by something that ignores Ctrl-C.
+    # These tests may be run by a program that ignores Ctrl-C.
     COMMAND+=(env "--default-signal=INT,QUIT" "$CLONE/dev" "$@")
 }
 
-# dev VARIABLE=VALUE... -- ARGS...: its words are left in SAID, its status in STATUS.
+# dev VARIABLE=VALUE... -- ARGS...: leaves its output in SAID, its status in STATUS.
 dev() {
     STATUS=0
     dev_command "$@"
@@ -58,7 +58,7 @@ start() {
     DEV=$!
 }
 
-# eventually COMMAND...: within a minute.
+# eventually COMMAND...: waits until it succeeds, at most a minute.
 eventually() {
     local i
     for ((i = 0; i < 600; i++)); do
@@ -68,7 +68,7 @@ eventually() {
     because "not within a minute: $* ($(tail -n 5 "$SAID"))"
 }
 
-# Also if nobody has asked for its status.
+# Even if nobody has waited for its status.
 has_ended() { [ -z "$(tr -d '\0' 2>/dev/null <"/proc/$1/cmdline")" ]; } 2>/dev/null
 
 has_said() { grep -qsF -- "$1" "$SAID"; }
@@ -87,7 +87,7 @@ says() { has_said "$1" || because "it does not say '$1': $(<"$SAID")"; }
 
 says_not() { ! grep -qE -- "$1" "$SAID" || because "it says: $(grep -E -- "$1" "$SAID")"; }
 
-# fails_with TEXT: in one line of error.
+# fails_with TEXT: in one line of the error output.
 fails_with() {
     [ "$STATUS" -ne 0 ] || because "the status is 0: $(<"$SAID")" || return
     says "$1" || return

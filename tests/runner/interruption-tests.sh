@@ -6,16 +6,12 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Interruption
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Interruption
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 
-# starts_and_hangs PROGRAM ARGS...: ./dev is at work as process DEV, and the fake program runs.
+# starts_and_hangs PROGRAM ARGS...: ./dev runs as process DEV, and waits for the fake program.
 starts_and_hangs() {
     touch "$FAKE_STATE/$1.hangs"
     start -- "${@:2}"
@@ -32,7 +28,7 @@ all_have_ended() {
     done <"$FAKE_STATE/pids"
 }
 
-# is_ended_by SIGNAL STATUS: ./dev, which leaves nothing behind.
+# is_ended_by SIGNAL STATUS: ends ./dev, which must leave nothing behind.
 is_ended_by() {
     kill -s "$1" "$DEV"
     ends_with "$2" && all_have_ended && says interrupted && says_not 'error:|failed' || return
@@ -79,7 +75,7 @@ ASignalEndsAnInstallationBySudo() {
     kill "$DEV"
     ends_with 143 && called '^sudo ' && eventually has_ended "$(tail -n 1 "$FAKE_STATE/pids")" || return
     goes_on apt-get
-    # Its own children are its affair.
+    # Its own children are not checked.
     mapfile -t left <"$FAKE_STATE/pids"
     kill "${left[@]}" 2>/dev/null || true
 }
@@ -89,13 +85,13 @@ ASignalEndsTheHost() {
     starts_and_hangs fc-host.exe host loop.lua && is_ended_by TERM 143
 }
 
-WhatIgnoresTheSignalIsKilled() {
+AProcessThatIgnoresTheSignalIsKilled() {
     fresh
     touch "$FAKE_STATE/ninja.deaf"
     starts_and_hangs ninja package && is_ended_by TERM 143
 }
 
-TheHostKeepsWhatItHasWhenItIsInterrupted() {
+TheHostSavesItsResultsWhenItIsInterrupted() {
     fresh
     starts_and_hangs fc-host.exe run && is_ended_by INT 130 || return
     [ -e "$FAKE_STATE/kept" ] || because "the host was not interrupted but killed" || return
@@ -143,7 +139,7 @@ TheHostReadsFromTheTerminal() {
     grep -q 'it reads from the keys' "$FAKE_STATE/read" || because "$(<"$SAID")"
 }
 
-AnInterruptedRunIsMadeUpForByTheNext() {
+TheRunAfterAnInterruptedOneSucceeds() {
     fresh
     starts_and_hangs cmake test && is_ended_by TERM 143 || return
     goes_on cmake
@@ -165,7 +161,7 @@ TwoRunsOfTestsWaitForEachOther() {
     [ "$(<"$FAKE_STATE/tests")" = $'begin\nend\nbegin\nend' ] || because "$(<"$FAKE_STATE/tests")"
 }
 
-AllThatWorksInTheBuildFolderWaits() {
+EverythingThatUsesTheBuildFolderWaits() {
     local first command
     fresh
     starts_and_hangs ctest test || return
@@ -208,7 +204,7 @@ ABuildDoesNotWaitForAProgramThatRuns() {
     wait "$host" || because "the host failed"
 }
 
-ARunThatHasWaitedForACleanStartsFromNothing() {
+ARunThatWaitedForACleanStartsFromScratch() {
     local first clean
     fresh
     starts_and_hangs ninja test || return
@@ -225,10 +221,10 @@ ARunThatHasWaitedForACleanStartsFromNothing() {
 }
 
 for name in ASignalEndsWhatRunsInTheBackground ASignalEndsTheBuild ASignalEndsTheTests ASignalEndsTheBusyLoops \
-    ASignalEndsAnInstallation ASignalEndsAnInstallationBySudo ASignalEndsTheHost WhatIgnoresTheSignalIsKilled TheHostKeepsWhatItHasWhenItIsInterrupted \
+    ASignalEndsAnInstallation ASignalEndsAnInstallationBySudo ASignalEndsTheHost AProcessThatIgnoresTheSignalIsKilled TheHostSavesItsResultsWhenItIsInterrupted \
     CtrlCOnATerminalEndsTheBuildWithoutAnError CtrlCOnATerminalReachesTheHost TheHostReadsFromTheTerminal \
-    AnInterruptedRunIsMadeUpForByTheNext TwoRunsOfTestsWaitForEachOther AllThatWorksInTheBuildFolderWaits \
-    CleanWaitsForAProgramThatRuns ABuildDoesNotWaitForAProgramThatRuns ARunThatHasWaitedForACleanStartsFromNothing; do
+    TheRunAfterAnInterruptedOneSucceeds TwoRunsOfTestsWaitForEachOther EverythingThatUsesTheBuildFolderWaits \
+    CleanWaitsForAProgramThatRuns ABuildDoesNotWaitForAProgramThatRuns ARunThatWaitedForACleanStartsFromScratch; do
     test_case "$name"
 done
 write_results interruption-tests "$XML"

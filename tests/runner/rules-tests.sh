@@ -7,12 +7,8 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Rules
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Rules
 SAID=$WORK/said
 
 empty_clone() {
@@ -41,7 +37,7 @@ check() {
         "$HERE" "${CHECK:-check_compatibility}" >"$SAID" 2>&1
 }
 passes() { check || because "it does not pass: $(<"$SAID")"; }
-# fails_with TEXT...: and says each of them.
+# fails_with TEXT...: and prints each of them.
 fails_with() {
     if check; then
         because "it passes" || return
@@ -52,7 +48,7 @@ fails_with() {
     done
 }
 
-NumbersOnBothSidesAndTestsThatExistPass() {
+MatchingNumbersAndExistingTestsPass() {
     fresh
     passes
 }
@@ -69,13 +65,13 @@ ANumberThatTheCodeDoesNotHaveFails() {
     fails_with 'the code does not have' 2
 }
 
-ANumberThatStandsTwiceOnThePageFails() {
+ADuplicateNumberOnThePageFails() {
     fresh
     sed -i 's/^| 2 /| 1 /' docs/compatibility.md
     fails_with 'stand twice' 1
 }
 
-ATestThatDoesNotExistFails() {
+AMissingTestFails() {
     fresh
     sed -i 's/StayOpen/AreClosed/' tests/a.cpp
     fails_with 'do not exist' Keys.StayOpen
@@ -87,7 +83,7 @@ APageWithoutRowsFails() {
     fails_with 'no rows'
 }
 
-ACommentThatGivesNoReasonFails() {
+ACommentWithoutAReasonFails() {
     fresh
     echo "// leaves it open; that is kept ""so" >>plugins/a.cpp
     fails_with 'Say why' 'plugins/a.cpp:3'
@@ -142,7 +138,7 @@ finds() {
     [[ $(<"$SAID") == "plugins/filter/$1"* && $(wc -l <"$SAID") -eq 1 ]] || because "found: $(<"$SAID")"
 }
 
-ArrowsThatGoTheRightWayPass() {
+IncludesInTheRightDirectionPass() {
     fresh_folders
     CHECK=check_includes passes
 }
@@ -169,18 +165,18 @@ ASubjectDoesNotIncludeTheEntry() {
     finds 'Subject/Subject.cpp includes fc/fc.h: a subject uses common alone'
 }
 
-TheEntryIncludesTheHeaderThatIsNamedAfterASubject() {
+TheEntryIncludesOnlyTheHeaderNamedAfterASubject() {
     fresh_folders
     file fc/Table.cpp '#include "Subject/parts/Part.h"'
     finds 'fc/Table.cpp includes Subject/parts/Part.h: include Subject/Subject.h'
 }
 
-for name in NumbersOnBothSidesAndTestsThatExistPass ANumberThatThePageDoesNotExplainFails \
-    ANumberThatTheCodeDoesNotHaveFails ANumberThatStandsTwiceOnThePageFails ATestThatDoesNotExistFails APageWithoutRowsFails \
-    ACommentThatGivesNoReasonFails EventsAndMessagesOfThePagePass AnEventThatThePageDoesNotExplainFails \
+for name in MatchingNumbersAndExistingTestsPass ANumberThatThePageDoesNotExplainFails \
+    ANumberThatTheCodeDoesNotHaveFails ADuplicateNumberOnThePageFails AMissingTestFails APageWithoutRowsFails \
+    ACommentWithoutAReasonFails EventsAndMessagesOfThePagePass AnEventThatThePageDoesNotExplainFails \
     AnEventThatTheCodeDoesNotSendFails AMessageThatThePageDoesNotHaveFails \
-    ArrowsThatGoTheRightWayPass CommonIncludesNoOtherFolder ASubjectIncludesNoOtherSubject ASubjectDoesNotIncludeTheEntry \
-    TheEntryIncludesTheHeaderThatIsNamedAfterASubject; do
+    IncludesInTheRightDirectionPass CommonIncludesNoOtherFolder ASubjectIncludesNoOtherSubject ASubjectDoesNotIncludeTheEntry \
+    TheEntryIncludesOnlyTheHeaderNamedAfterASubject; do
     test_case "$name"
 done
 write_results rules-tests "$XML"

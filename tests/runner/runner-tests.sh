@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Breaks programs on purpose, and looks at whether ./dev notices: test programs in a build folder that is made up for it,
+# Breaks programs on purpose, and checks whether ./dev notices: test programs in a temporary build folder,
 # then the host and the benchmarks.
 #   runner-tests.sh BIN XML [WINE]
 # BIN holds fc-launch.exe, fc-host.exe and runner-crash.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
@@ -9,15 +9,11 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=${3:-wine}
 REPOSITORY=$(cd "$HERE/../.." && pwd)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Runner
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Runner
 
-# in_dev COMMAND...: as ./dev runs it, with $WORK/build as the build folder. The output is left in $WORK/out, the status in
-# STATUS. RUNNER_WINE stands for Wine.
+# in_dev COMMAND...: runs it as ./dev would, with $WORK/build as the build folder. Leaves the output in $WORK/out, the
+# status in STATUS. RUNNER_WINE is used as Wine.
 in_dev() {
     STATUS=0
     # shellcheck disable=SC2016 # expanded by the inner shell
@@ -26,15 +22,19 @@ in_dev() {
         . "$1/scripts/common.sh"
         . "$1/scripts/wine.sh"
         . "$1/scripts/results.sh"
+        . "$1/scripts/folders.sh"
+        . "$1/scripts/sources.sh"
         . "$1/scripts/tests.sh"
+        . "$1/scripts/coverage.sh"
+        . "$1/scripts/mutate.sh"
         export WINEPREFIX=$prefix
         wine=$2
         wine_program() { echo "$wine"; }
         "${@:3}"' in_dev "$REPOSITORY" "${RUNNER_WINE:-$WINE}" "$@" >"$WORK/out" 2>&1 </dev/null || STATUS=$?
 }
 
-# entries NAME COMMAND [NAME COMMAND]...: the build folder has these entries and no other. Their commands are lines of shell
-# in the folder of the results; `result` is among them.
+# entries NAME COMMAND [NAME COMMAND]...: gives the build folder these entries and no others. The commands are shell
+# code, run in the folder of the results; they can call `result`.
 entries() {
     local build=$WORK/build
     rm -rf "$build"
@@ -63,28 +63,28 @@ result() {
     echo '</testsuites>'
 } >"$1.xml"
 
-# says LINE: a line of the output.
+# says LINE: expects a line of the output.
 says() {
     grep -qxF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
 }
 
-# mentions TEXT: a part of the output.
+# mentions TEXT: expects a part of the output.
 mentions() {
     grep -qF -- "$1" "$WORK/out" || because "'$1' is not in: $(tail -n 12 "$WORK/out")"
 }
 
-# ends_with_an_error: the last command's status.
+# ends_with_an_error: checks the last command's status.
 ends_with_an_error() {
     [ "$STATUS" -ne 0 ] || because "the status is 0, after: $(tail -n 12 "$WORK/out")"
 }
 
-# passes PASSED: the last run of tests.
+# passes PASSED: expects this of the last run of tests.
 passes() {
     [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 12 "$WORK/out")" || return
     says "$1 passed, 0 failed, 0 skipped"
 }
 
-# fails NAME FAULT PASSED FAILED: the last run of tests, by that entry.
+# fails NAME FAULT PASSED FAILED: expects this of the last run of tests, because of that entry.
 fails() {
     ends_with_an_error && says "error: $1 $2; its output ends with:" && says "$3 passed, $4 failed, 0 skipped"
 }
@@ -97,7 +97,7 @@ ProgramsThatPassEndWithZero() {
     passes 2
 }
 
-AFailedTestCountsThoughItsProgramEndsWithZero() {
+AFailedTestCountsEvenIfItsProgramEndsWithZero() {
     entries good 'result good 3 0' bad 'echo "a word at the end"; result bad 4 1'
     in_dev run_tests
     fails bad 'failed in 1 of 4 tests' 6 1 && says '    a word at the end'
@@ -109,25 +109,25 @@ AProgramWithoutResultsFails() {
     fails silent 'left no results (status 0)' 3 1 && says '    a word at the end'
 }
 
-ResultsThatAreCutShortFail() {
+TruncatedResultsFail() {
     entries short 'result short 3 0; head -n -1 short.xml >cut; mv cut short.xml'
     in_dev run_tests
     fails short 'left incomplete results (status 0)' 0 1
 }
 
-ResultsWithFewerTestsThanTheyTellFail() {
+ResultsWithFewerTestsThanTheyClaimFail() {
     entries short 'result short 3 0; sed -i "/Test1/d" short.xml'
     in_dev run_tests
     fails short 'left incomplete results (status 0)' 0 1
 }
 
-ARunOfNoTestFails() {
+ARunWithoutTestsFails() {
     entries none 'result none 0 0'
     in_dev run_tests
     fails none 'ran no tests' 0 1
 }
 
-AProgramThatEndsBadlyAfterItsTestsFails() {
+AProgramThatFailsAfterItsTestsFails() {
     entries late 'result late 3 0; exit 5'
     in_dev run_tests
     fails late 'ended with status 5 after its tests' 3 1
@@ -155,7 +155,7 @@ set_tests_properties(second PROPERTIES FIXTURES_REQUIRED f)' >>"$WORK/build/CTes
     fails second 'was not run' 0 2
 }
 
-AProgramThatTakesTooLongKeepsItsOutput() {
+TheOutputOfASlowProgramIsKept() {
     entries slow 'echo "a word before the end"; sleep 100'
     SECONDS_OF_A_TEST=1 in_dev run_tests
     fails slow 'was killed after 1 s' 0 1 && says '    a word before the end'
@@ -171,7 +171,7 @@ TheTemporaryFilesOfAProgramAreRemoved() {
     [[ $folder == */fc-test.* && ! -e $folder ]] || because "left: $folder"
 }
 
-WhatAKilledRunHasLeftIsRemovedByTheNext() {
+TheNextRunRemovesWhatAKilledOneLeft() {
     # shellcheck disable=SC2016 # expanded by the entry
     entries good '[ -e ../folder ] || { echo "$FC_TEMPORARY" >../folder; ls -d "$FC_TEMPORARY"; kill -KILL $(cut -d " " -f 4 /proc/$PPID/stat); sleep 1; }
 result good 1 0'
@@ -195,13 +195,13 @@ AnUnknownNameBesideAKnownOneFails() {
     ends_with_an_error && mentions "no test program is called 'nosuch'; there are: good"
 }
 
-ANameIsNoPattern() {
+ANameIsNotAPattern() {
     entries good 'result good 3 0'
     in_dev run_tests 'g.*'
     ends_with_an_error && mentions "no test program is called 'g.*'"
 }
 
-RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
+RunsUnderLoadAreAddedUpAndPrintTheirSeeds() {
     entries once '[ -e ../was-here ] || result once 3 0; touch ../was-here' seeded \
         'result seeded 2 0; sed -i "s/<testsuites /&random_seed=\"77\" /" seeded.xml'
     in_dev run_under_load 2
@@ -209,13 +209,11 @@ RunsUnderLoadAreCountedTogetherAndTellTheirSeeds() {
     mentions 'run 2 of 2, beside 6 busy loops' && says '5 passed, 0 failed, 0 skipped' && says 'seeds: seeded=77'
 }
 
-# Wine loses the status of about every fourth.
+# Wine loses about every fourth status.
 ACrashOfATestProgramIsNoticed() {
-    local i crash all=()
-    # shellcheck disable=SC2016 # expanded by the entry
-    crash='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
+    local i all=()
     for i in 1 2 3; do
-        all+=("before$i" "$crash crash" "after$i" "result after$i 1 0; $crash crash-at-end")
+        all+=("before$i" "$CRASH crash" "after$i" "result after$i 1 0; $CRASH crash-at-end")
     done
     entries "${all[@]}"
     in_dev run_tests
@@ -226,7 +224,81 @@ ACrashOfATestProgramIsNoticed() {
     mentions '    the program begins' && says '    error: runner-crash.exe crashed: 0xC0000005'
 }
 
-# runs_as PROGRAM: $WORK/build has the program that ends badly in the place of this one of ours.
+# another_module PROGRAM COMMAND...: entries that run with another module, and such a module.
+another_module() {
+    entries "$@"
+    mkdir -p "$WORK/build"/{bin,covered,mutants/bin,logs}
+    touch "$WORK/build"/{covered,mutants/bin}/fc.{dll,pdb} "$WORK/build/bin/"{fc.dll,one-tests.exe}
+}
+
+# shellcheck disable=SC2016 # expanded by the entry
+CRASH='"$REPOSITORY/scripts/run-windows.sh" "$WINE" "$BIN/runner-crash.exe"'
+
+AChangeThatCrashesTheTestsIsCaught() {
+    another_module good-replaced 'result good-replaced 3 0' crash-replaced "result crash-replaced 3 0; $CRASH crash-at-end"
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced crash-replaced
+    ends_with_an_error && says 'crash ended with status 5 after its tests'
+}
+
+AChangeSurvivesOnlyWholeResults() {
+    another_module good-replaced 'result good-replaced 3 0'
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced
+    [ "$STATUS" -eq 0 ] || because "a change that nothing notices does not survive: $(tail -n 5 "$WORK/out")" || return
+    another_module good-replaced 'result good-replaced 3 0' silent-replaced true
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced silent-replaced
+    ends_with_an_error && says 'silent left no results (status 0)' || return
+    another_module good-replaced 'result good-replaced 3 0'
+    in_dev run_mutant "$WORK/build/mutants/bin" good-replaced nosuch-replaced
+    ends_with_an_error && says 'nosuch-replaced was not run'
+}
+
+TheTestThatNoticesAChangeIsNamed() {
+    another_module bad-replaced 'echo "[  FAILED  ] Suite.First (3 ms)"; result bad-replaced 3 1'
+    in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced
+    ends_with_an_error && says 'bad failed in 1 of 3 tests: Suite.First'
+}
+
+TheModuleIsReplacedBesideLinksToAllElse() {
+    another_module one-replaced 'result one-replaced 1 0'
+    echo other >"$WORK/build/covered/fc.dll"
+    in_dev replace_module "$WORK/build/covered"
+    [ "$(<"$WORK/build/bin-replaced/fc.dll")" = other ] || because "the module is the usual one" || return
+    [ "$WORK/build/bin-replaced/one-tests.exe" -ef "$WORK/build/bin/one-tests.exe" ] || because "no link to the program"
+}
+
+# covers PROGRAM: with tools of LLVM's that tell of one source; the program leaves a profile.
+covers() {
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'llvm-profdata-19() { :; }
+        llvm-cov-19() {
+            case $* in
+            *lcov*) printf "SF:%s/dev\nDA:1,1\nend_of_record\n" "$ROOT" ;;
+            export*) echo "{\"data\": [{\"files\": []}]}" ;;
+            esac
+        }
+        OUT=$BUILD/out
+        run_coverage '"$1"
+}
+
+# shellcheck disable=SC2016 # expanded by the entry
+PROFILE='touch ../profiles/fc-1.profraw;'
+
+ACrashFailsTheCoverageThatIsTold() {
+    another_module good-replaced "$PROFILE result good-replaced 3 0" crash-replaced "$PROFILE result crash-replaced 3 0; $CRASH crash-at-end"
+    covers good
+    [ "$STATUS" -eq 0 ] || because "the status is $STATUS: $(tail -n 5 "$WORK/out")" || return
+    mentions '100.0 %' || return
+    covers crash
+    fails crash-replaced 'ended with status 5 after its tests' 3 1 && mentions '100.0 %'
+}
+
+CoverageWithoutAProfileFails() {
+    another_module good-replaced 'result good-replaced 3 0'
+    covers good
+    ends_with_an_error && mentions 'the tests left no profile'
+}
+
+# runs_as PROGRAM: puts the program that ends badly in the place of this one of ours in $WORK/build.
 runs_as() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build/bin"
@@ -234,7 +306,7 @@ runs_as() {
     cp "$BIN/runner-crash.exe" "$WORK/build/bin/$1"
 }
 
-TheStatusOfAProgramIsThatOfTheCommand() {
+TheCommandReturnsTheStatusOfItsProgram() {
     local status
     runs_as fc-host.exe
     for status in 0 1 2 255; do
@@ -263,7 +335,7 @@ AnOverrunBufferEndsTheProgram() {
     ends_with_an_error && says 'error: fc-host.exe crashed: 0xC0000409'
 }
 
-# Nobody handles the breakpoint.
+# Nothing handles the breakpoint.
 AScriptThatCrashesTheHostIsNoticed() {
     rm -rf "$WORK/build"
     mkdir -p "$WORK/build"
@@ -277,7 +349,7 @@ LUA
     ends_with_an_error && mentions 'error: fc-host.exe crashed: 0x80000003' && says 'the script begins'
 }
 
-AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero() {
+AKilledProgramFailsEvenIfItsStatusIsZero() {
     runs_as fc-host.exe
     in_dev run_host vanish
     ends_with_an_error && says 'error: fc-host.exe was ended from outside'
@@ -292,7 +364,7 @@ AWineThatDoesNothingFails() {
     ends_with_an_error && says 'error: fc-bench.exe could not be run: Wine or fc-launch.exe failed'
 }
 
-# fake_wine NAME: a Wine that fails once in the way that it is named after, and then works.
+# fake_wine NAME: a Wine that fails once in the way that NAME says, and then works.
 fake_wine() {
     RUNNER_WINE=$WORK/$1
     cat >"$RUNNER_WINE" <<TEXT
@@ -305,7 +377,7 @@ TEXT
     chmod +x "$RUNNER_WINE"
 }
 
-AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore() {
+AWineThatEndsBeforeTheProgramBeginsIsStartedAgain() {
     runs_as fc-host.exe
     fake_wine dies-at-once
     in_dev run_host 7
@@ -322,7 +394,8 @@ AWineThatEndsAfterTheProgramHasBegunFails() {
     ends_with_an_error && says 'error: fc-host.exe left no status: Wine failed while it ran'
 }
 
-# start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script makes the file.
+# start_loop FILE: runs the host as ./dev does, with a script that never ends, as process LOOP. The script creates the
+# file.
 start_loop() {
     local script=$1.lua
     printf 'io.open([[%s]], "w"):close()\nwhile true do end\n' "$1" >"$script"
@@ -339,7 +412,7 @@ start_loop() {
 
 runs() { grep -qszF "$1.lua" /proc/[0-9]*/cmdline; }
 
-# Wine's server, which it may have started, serves others, too.
+# Wine's server, which it may have started, also serves others.
 ASignalEndsTheHostAndNoOtherProgramUnderWine() {
     local first signal status
     for signal in TERM INT; do
@@ -359,13 +432,13 @@ ASignalEndsTheHostAndNoOtherProgramUnderWine() {
     done
 }
 
-AProgramThatIsMissingFails() {
+AMissingProgramFails() {
     runs_as fc-host.exe
     in_dev run_bench 0
     ends_with_an_error && mentions 'error: fc-bench.exe could not be run'
 }
 
-# A test in shell that ends in its midst leaves no results.
+# A shell test that ends prematurely leaves no results.
 AShellTestThatEndsEarlyFails() {
     # shellcheck disable=SC2016 # expanded by the entry
     entries shell '. "$REPOSITORY/tests/support/shell-tests.sh"
@@ -380,17 +453,19 @@ write_results shell shell.xml'
     fails shell 'left no results (status 0)' 0 1
 }
 
-for name in ProgramsThatPassEndWithZero AFailedTestCountsThoughItsProgramEndsWithZero AProgramWithoutResultsFails \
-    ResultsThatAreCutShortFail ResultsWithFewerTestsThanTheyTellFail ARunOfNoTestFails \
-    AProgramThatEndsBadlyAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
-    AProgramThatIsNotRunFails AProgramThatTakesTooLongKeepsItsOutput TheTemporaryFilesOfAProgramAreRemoved \
-    WhatAKilledRunHasLeftIsRemovedByTheNext AnUnknownNameFails \
-    AnUnknownNameBesideAKnownOneFails ANameIsNoPattern RunsUnderLoadAreCountedTogetherAndTellTheirSeeds \
+for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWithZero AProgramWithoutResultsFails \
+    TruncatedResultsFail ResultsWithFewerTestsThanTheyClaimFail ARunWithoutTestsFails \
+    AProgramThatFailsAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
+    AProgramThatIsNotRunFails TheOutputOfASlowProgramIsKept TheTemporaryFilesOfAProgramAreRemoved \
+    TheNextRunRemovesWhatAKilledOneLeft AnUnknownNameFails \
+    AnUnknownNameBesideAKnownOneFails ANameIsNotAPattern RunsUnderLoadAreAddedUpAndPrintTheirSeeds \
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
-    TheStatusOfAProgramIsThatOfTheCommand ACrashOfTheHostOrTheBenchmarksIsNoticed \
-    AScriptThatCrashesTheHostIsNoticed AProgramThatIsEndedFromOutsideFailsThoughItsStatusIsZero \
-    AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedOnceMore AWineThatEndsAfterTheProgramHasBegunFails \
-    ASignalEndsTheHostAndNoOtherProgramUnderWine AProgramThatIsMissingFails AShellTestThatEndsEarlyFails; do
+    TheCommandReturnsTheStatusOfItsProgram ACrashOfTheHostOrTheBenchmarksIsNoticed \
+    AScriptThatCrashesTheHostIsNoticed AKilledProgramFailsEvenIfItsStatusIsZero \
+    AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
+    ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
+    AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
+    TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"

@@ -1,17 +1,13 @@
 #!/usr/bin/env bash
-# How the sources of the libraries come into the cache: from mirrors that are made up in a folder, in a copy of the scripts.
+# How the sources of the libraries get into the cache: from simulated mirrors in a folder, with a copy of the scripts.
 #   sources-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Sources
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Sources
 
 CLONE="$WORK/a clone"
 PINS=$CLONE/scripts/libraries.pins
@@ -21,7 +17,7 @@ mkdir -p "$CLONE/cmake" "$WORK/bin" "$WORK/packages"
 cp -r "$HERE/../../scripts" "$CLONE"
 cp -r "$HERE/../../cmake/." "$CLONE/cmake"
 
-# make_binary_package NAME FILE, make_source_package NAME FILE: with that file in it.
+# make_binary_package NAME FILE, make_source_package NAME FILE: a package that contains the file.
 make_binary_package() {
     local tree=$WORK/packages/$1
     mkdir -p "$tree/DEBIAN" "$(dirname "$tree/$2")" "$tree/usr/share/doc/$1"
@@ -45,7 +41,7 @@ make_binary_package robin-map-dev usr/include/tsl/robin_map.h
 make_binary_package libxxhash-dev usr/include/xxhash.h
 make_source_package cjson cJSON.c
 
-# A mirror and a cache as new, and pins that fit.
+# A fresh mirror and cache, and matching pins.
 fresh() {
     local package file
     rm -rf "$MIRROR" "$WORK/cache" "${WORK:?}/bin"
@@ -60,7 +56,8 @@ fresh() {
     done
 }
 
-# in_dev VARIABLE=VALUE... -- LINE: a line of shell beside the functions of ./dev. Its words are in `said`, its status in STATUS.
+# in_dev VARIABLE=VALUE... -- LINE: runs a line of shell code with the functions of ./dev. Leaves its output in `said`,
+# its status in STATUS.
 in_dev() {
     local settings=()
     while [ "$1" != -- ]; do
@@ -78,10 +75,10 @@ in_dev() {
             eval "$2"' in_dev "$CLONE" "$2" >"$WORK/said" 2>&1 </dev/null || STATUS=$?
 }
 
-# works: the last line of shell.
+# works: expects that the last line of shell code succeeded.
 works() { [ "$STATUS" -eq 0 ] || because "status $STATUS: $(cat "$WORK/said")"; }
 
-# fails_with TEXT: the last line of shell, with one line of error.
+# fails_with TEXT: expects that the last line of shell code failed, with one line of error output.
 fails_with() {
     [ "$STATUS" -ne 0 ] || because "the status is 0: $(cat "$WORK/said")" || return
     grep 'error:' "$WORK/said" | grep -qF -- "$1" || because "it says: $(cat "$WORK/said")" || return
@@ -92,7 +89,7 @@ says() { grep -qF -- "$1" "$WORK/said" || because "it says: $(cat "$WORK/said")"
 
 holds() { [ "$(cat "$1" 2>&1)" = "$2" ] || because "$1: $(cat "$1" 2>&1)"; }
 
-TheHeadersAreThoseOfThePinnedPackages() {
+TheHeadersAreFromThePinnedPackages() {
     local how
     for how in copy: file://; do
         fresh
@@ -104,7 +101,8 @@ TheHeadersAreThoseOfThePinnedPackages() {
     done
 }
 
-# fake_apt MIRRORS UNREAD: what apt says of its mirrors, those whose lists it has read and those that it has not.
+# fake_apt MIRRORS UNREAD: simulates what apt reports about its mirrors: those whose lists it has read, and those that
+# it has not.
 fake_apt() {
     printf '%s' "$1" >"$WORK/bin/read"
     printf '%s' "$2" >"$WORK/bin/unread"
@@ -119,7 +117,7 @@ APT
     chmod +x "$WORK/bin/apt-get"
 }
 
-TheMirrorsOfAptAreAskedOneAfterTheOther() {
+TheMirrorsOfAptAreTriedOneAfterTheOther() {
     fresh
     mkdir -p "$WORK/empty"
     fake_apt "copy:$WORK/empty/"$'\n'"copy:$MIRROR/"$'\n' ''
@@ -127,14 +125,14 @@ TheMirrorsOfAptAreAskedOneAfterTheOther() {
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-TheMirrorsOfAnAptThatHasReadNoListsAreAsked() {
+TheMirrorsOfAnAptWithoutListsAreTried() {
     fresh
     fake_apt '' "copy:$MIRROR"$'\n'
     in_dev -- copy_headers
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-AnAptWithoutMirrorsIsToldWhatToSet() {
+WithoutMirrorsTheMessageSaysWhatToSet() {
     fresh
     fake_apt '' ''
     in_dev -- copy_headers
@@ -151,7 +149,7 @@ AFileWithAnotherContentIsRefused() {
     [ ! -e "$WORK/cache/headers" ] || because "there are headers"
 }
 
-AnotherMirrorHelpsWhereOneHasAnotherContent() {
+AnotherMirrorIsTriedWhenAContentIsWrong() {
     fresh
     cp -r "$MIRROR" "$WORK/false"
     echo more >>"$WORK/false/pool/libxxhash-dev/libxxhash-dev_1.0_all.deb"
@@ -176,13 +174,13 @@ WithoutANetworkOneLineSaysWhatToDo() {
     fresh
     in_dev FC_MIRROR=http://127.0.0.1:9/debian -- copy_headers
     fails_with "put the files that scripts/libraries.pins names into $DOWNLOADS" || return
-    # In apt's own words, of which newer ones are fewer.
+    # In apt's own words; newer versions print fewer of them.
     grep -qE "can't be fetched \((Could not connect to 127.0.0.1:9 \(.*|Unable to connect to 127.0.0.1:9)\): check" "$WORK/said" ||
         because "it says: $(cat "$WORK/said")" || return
     [ $((SECONDS - started)) -lt 30 ] || because "it took $((SECONDS - started)) s"
 }
 
-FilesThatWerePutIntoTheCacheNeedNoNetwork() {
+FilesInTheCacheNeedNoNetwork() {
     fresh
     mkdir -p "$DOWNLOADS"
     cp "$WORK"/packages/*_* "$DOWNLOADS"
@@ -190,7 +188,7 @@ FilesThatWerePutIntoTheCacheNeedNoNetwork() {
     works && holds "$WORK"/cache/headers/*/include/xxhash.h libxxhash-dev
 }
 
-AFileThatDebianHasReplacedIsSoughtInItsArchive() {
+AFileThatDebianHasReplacedIsFetchedFromItsArchive() {
     fresh
     rm -rf "$MIRROR/pool/libxxhash-dev"
     fake_apt "copy:$MIRROR/"$'\n' ''
@@ -207,7 +205,7 @@ ASourceIsUnpacked() {
     works && holds "$WORK/cache/unpacked/cJSON.c" cjson
 }
 
-APackageThatCannotBeUnpackedIsToldInOneLine() {
+APackageThatCannotBeUnpackedIsReportedInOneLine() {
     local file
     for file in cjson/cjson_1.0.dsc libxxhash-dev/libxxhash-dev_1.0_all.deb; do
         fresh
@@ -219,7 +217,7 @@ APackageThatCannotBeUnpackedIsToldInOneLine() {
     done
 }
 
-APackageWithoutPinsIsToldInOneLine() {
+APackageWithoutPinsIsReportedInOneLine() {
     fresh
     sed -i '/^libxxhash-dev /d' "$PINS"
     in_dev FC_MIRROR="copy:$MIRROR" -- 'fetch_packages robin-map-dev libxxhash-dev'
@@ -239,7 +237,7 @@ AnotherPinMakesOtherFolders() {
     [ "$(sort "$WORK/said" <(echo "$before") | uniq -d)" = '' ] || because "$before and $(cat "$WORK/said")"
 }
 
-ADamagedFolderOfTheCacheIsMadeAgain() {
+ADamagedFolderOfTheCacheIsRebuilt() {
     fresh
     in_dev FC_MIRROR="copy:$MIRROR" -- copy_headers
     works || return
@@ -250,7 +248,7 @@ ADamagedFolderOfTheCacheIsMadeAgain() {
     [ ! -s "$WORK/said" ] || because "made once more: $(cat "$WORK/said")"
 }
 
-# fake_lists STATUS: apt for renew-pins; each package has two versions, the newer one first.
+# fake_lists STATUS: simulates apt for renew-pins; each package has two versions, the newer one first.
 fake_lists() {
     fake_apt "copy:$MIRROR/"$'\n' ''
     sed -i "s,^\*) .*,*update*) echo 'E: There is no such release'; exit $1 ;;," "$WORK/bin/apt-get"
@@ -279,7 +277,7 @@ APT
     chmod +x "$WORK/bin/apt-cache"
 }
 
-# renew ARGS...: the copy of renew-pins.
+# renew ARGS...: runs the copy of renew-pins.
 renew() {
     STATUS=0
     env -u FC_MIRROR FC_CACHE="$WORK/cache" FC_BUILD="$WORK/build" PATH="$WORK/bin:$PATH" \
@@ -300,7 +298,7 @@ lua5.2 1.10 cccc pool/main/lua5.2/lua5.2_1.10.tar.xz" ] || because "$(cat "$PINS
     works && says "the pins of trixie are up to date" && cmp "$PINS" "$WORK/before"
 }
 
-AReleaseThatCannotBeReadLeavesThePins() {
+AReleaseThatCannotBeReadKeepsThePins() {
     fresh
     fake_lists 100
     cp "$PINS" "$WORK/before"
@@ -308,13 +306,13 @@ AReleaseThatCannotBeReadLeavesThePins() {
     fails_with "the lists of nosuch can't be read (E: There is no such release)" && cmp "$PINS" "$WORK/before"
 }
 
-for name in TheHeadersAreThoseOfThePinnedPackages TheMirrorsOfAptAreAskedOneAfterTheOther \
-    TheMirrorsOfAnAptThatHasReadNoListsAreAsked AnAptWithoutMirrorsIsToldWhatToSet AFileWithAnotherContentIsRefused \
-    AnotherMirrorHelpsWhereOneHasAnotherContent ADamagedFileInTheCacheIsFetchedAgain \
-    WithoutANetworkOneLineSaysWhatToDo FilesThatWerePutIntoTheCacheNeedNoNetwork \
-    AFileThatDebianHasReplacedIsSoughtInItsArchive ASourceIsUnpacked APackageThatCannotBeUnpackedIsToldInOneLine \
-    APackageWithoutPinsIsToldInOneLine AnotherPinMakesOtherFolders ADamagedFolderOfTheCacheIsMadeAgain \
-    RenewedPinsNameTheFilesOfTheNewestVersion AReleaseThatCannotBeReadLeavesThePins; do
+for name in TheHeadersAreFromThePinnedPackages TheMirrorsOfAptAreTriedOneAfterTheOther \
+    TheMirrorsOfAnAptWithoutListsAreTried WithoutMirrorsTheMessageSaysWhatToSet AFileWithAnotherContentIsRefused \
+    AnotherMirrorIsTriedWhenAContentIsWrong ADamagedFileInTheCacheIsFetchedAgain \
+    WithoutANetworkOneLineSaysWhatToDo FilesInTheCacheNeedNoNetwork \
+    AFileThatDebianHasReplacedIsFetchedFromItsArchive ASourceIsUnpacked APackageThatCannotBeUnpackedIsReportedInOneLine \
+    APackageWithoutPinsIsReportedInOneLine AnotherPinMakesOtherFolders ADamagedFolderOfTheCacheIsRebuilt \
+    RenewedPinsNameTheFilesOfTheNewestVersion AReleaseThatCannotBeReadKeepsThePins; do
     test_case "$name"
 done
 write_results sources-tests "$XML"

@@ -6,19 +6,15 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Tools
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Tools
 # shellcheck source=tests/runner/fakes.sh
 . "$HERE/fakes.sh"
 
-# Some programs are to be missing, or to say something else: they are looked for in PATH_OF_TEST alone.
+# Some programs must be missing, or print something else: programs are searched only in PATH_OF_TEST.
 PATH_OF_TEST=$WORK/path
 
-# path_without NAME...: the fake programs and those of the system but these.
+# path_without NAME...: the fake programs and the system's, without these.
 path_without() {
     local name
     rm -rf "$PATH_OF_TEST"
@@ -32,7 +28,7 @@ path_without() {
     done
 }
 
-# program NAME: with the script on the input.
+# program NAME: creates it with the script on standard input.
 program() {
     rm -f "${PATH_OF_TEST:?}/$1"
     { echo '#!/bin/bash'; cat; } >"$PATH_OF_TEST/$1"
@@ -48,7 +44,7 @@ APrefixIsMadeOnce() {
     dev -- run && succeeds && called_not 'wineboot'
 }
 
-AnotherWineMakesANewPrefix() {
+AnotherWineGetsANewPrefix() {
     fresh
     dev -- run && succeeds || return
     touch "$BUILD/wine/of-the-old-one"
@@ -57,7 +53,7 @@ AnotherWineMakesANewPrefix() {
     [ ! -e "$BUILD/wine/of-the-old-one" ] || because "the old prefix is used: $(<"$SAID")"
 }
 
-ADamagedPrefixIsMadeAnew() {
+ADamagedPrefixIsMadeAgain() {
     local damage
     for damage in 'rm system.reg' 'truncate -s 0 user.reg' 'rm -r drive_c' 'rm ready' 'truncate -s 0 ready'; do
         fresh
@@ -69,14 +65,14 @@ ADamagedPrefixIsMadeAnew() {
     done
 }
 
-APrefixThatIsNotWholeIsNoSuccess() {
+AnIncompletePrefixIsAFailure() {
     fresh
     touch "$FAKE_STATE/wine.lazy"
     dev -- run
     fails_with 'creating a private Wine prefix failed'
 }
 
-AWineThatIsTooOldIsRefused() {
+AnOldWineIsRefused() {
     local version
     for version in 'wine-7.0.2 (Debian)' 'wine-6' 'something else' ''; do
         fresh
@@ -86,7 +82,7 @@ AWineThatIsTooOldIsRefused() {
     done
 }
 
-WithoutAptTheToolsAreEnough() {
+WithoutAptInstalledToolsAreEnough() {
     fresh
     path_without apt-get dpkg-query dpkg sudo
     in_path run
@@ -100,40 +96,40 @@ WithoutAptAMissingToolIsNamed() {
     fails_with 'missing: x86_64-w64-mingw32-g++-posix ninja; install them by hand (on Debian: apt-get install --reinstall g++-mingw-w64-x86-64-posix ninja-build)'
 }
 
-APackageWhoseCompilerIsGoneIsNamed() {
+APackageWithoutItsCompilerIsNamed() {
     fresh
     path_without x86_64-w64-mingw32-g++-posix
     in_path run
     fails_with 'missing: x86_64-w64-mingw32-g++-posix'
 }
 
-EveryPackageIsKnownByWhatItInstalls() {
+EveryPackageIsRecognisedByWhatItInstalls() {
     local packages
-    # What is missing here is what ./dev test has installed.
+    # The missing programs are those that ./dev test has installed.
     packages=$(bash -c '. "$1/scripts/packages.sh"; echo "${PACKAGES_BUILD[@]}" "${PACKAGES_TEST[@]}"' bash "$CLONE")
     # shellcheck disable=SC2086 # the names
     bash -c '. "$1/scripts/packages.sh"; die() { echo "$@"; exit 1; }; require_tools "${@:2}"' bash "$CLONE" $packages >"$SAID" 2>&1 ||
         because "$(<"$SAID")"
 }
 
-# someone_else NAME...: a user who is not root, and lacks packages; without these programs.
+# someone_else NAME...: runs as a user who is not root and lacks packages, without these programs.
 someone_else() {
     path_without "$@"
     touch "$FAKE_STATE/id.of-a-user" "$FAKE_STATE/dpkg-query.failing"
 }
 
-WithoutRootAnAdministratorIsTold() {
+WithoutRootTheMessageIsForAnAdministrator() {
     fresh
     someone_else sudo
     in_path run
     fails_with 'an administrator does it with: apt-get update && apt-get install -y --no-install-recommends ca-certificates' || return
     called_not '^apt-get' || return
-    rm "$FAKE_STATE/dpkg-query.failing" # the administrator has done it
+    rm "$FAKE_STATE/dpkg-query.failing" # as if the administrator had done it
     in_path run
     succeeds
 }
 
-SomeoneWhoMayNotBecomeRootIsToldTheSame() {
+AUserWithoutSudoRightsGetsTheSameMessage() {
     fresh
     someone_else
     program sudo <<<'echo "user is not in the sudoers file." >&2; exit 1'
@@ -163,7 +159,7 @@ AnInterruptedInstallationIsFinishedFirst() {
     succeeds && called 'dpkg --configure -a'
 }
 
-AFullDiskIsTold() {
+AFullDiskIsReported() {
     fresh
     path_without
     # shellcheck disable=SC2016 # for the program
@@ -176,7 +172,7 @@ AFullDiskIsTold() {
     succeeds && says_not 'MiB'
 }
 
-AFailureOnADiskWithRoomSaysNothingOfIt() {
+AFailureWithFreeDiskSpaceDoesNotMentionIt() {
     fresh
     path_without
     program df <<<'echo "Avail"; echo "900000M"'
@@ -185,7 +181,7 @@ AFailureOnADiskWithRoomSaysNothingOfIt() {
     fails_with 'the build failed' && says_not 'MiB'
 }
 
-LongWorkTellsThatItGoesOn() {
+LongWorkReportsThatItIsStillRunning() {
     fresh
     touch "$FAKE_STATE/cmake.hangs"
     start FC_PROGRESS_SECONDS=1 -- run
@@ -194,7 +190,7 @@ LongWorkTellsThatItGoesOn() {
     ends_with 0
 }
 
-ColoursAreForTerminalsAlone() {
+ColoursAreOnlyForTerminals() {
     local line
     fresh
     dev -- run && succeeds && says_not $'\033' || return
@@ -204,7 +200,7 @@ ColoursAreForTerminalsAlone() {
     says $'\033[1;31merror:'
 }
 
-WhatInterruptedRunsHaveLeftInTheCacheIsRemoved() {
+LeftoversOfInterruptedRunsInTheCacheAreRemoved() {
     local left
     fresh
     for left in libraries/0123.work libraries/0123.partial headers/0123.partial downloads/a.part src; do
@@ -216,7 +212,7 @@ WhatInterruptedRunsHaveLeftInTheCacheIsRemoved() {
     [ -z "$left" ] || because "left: $left"
 }
 
-WhatEndedProgramsHaveLeftIsRemovedWhileNoneRuns() {
+LeftoversOfProgramsAreRemovedWhileNoneRuns() {
     local temporary host
     fresh
     touch "$FAKE_STATE/fc-host.exe.hangs"
@@ -233,12 +229,12 @@ WhatEndedProgramsHaveLeftIsRemovedWhileNoneRuns() {
     [ "$(ls "$temporary")" = other ] || because "there are: $(ls "$temporary")"
 }
 
-for name in APrefixIsMadeOnce AnotherWineMakesANewPrefix ADamagedPrefixIsMadeAnew APrefixThatIsNotWholeIsNoSuccess \
-    AWineThatIsTooOldIsRefused WithoutAptTheToolsAreEnough WithoutAptAMissingToolIsNamed APackageWhoseCompilerIsGoneIsNamed \
-    EveryPackageIsKnownByWhatItInstalls WithoutRootAnAdministratorIsTold SomeoneWhoMayNotBecomeRootIsToldTheSame \
-    PackagesAreInstalledWithSudo AnUpdateThatFailsIsAnError AnInterruptedInstallationIsFinishedFirst AFullDiskIsTold \
-    AFailureOnADiskWithRoomSaysNothingOfIt LongWorkTellsThatItGoesOn ColoursAreForTerminalsAlone \
-    WhatInterruptedRunsHaveLeftInTheCacheIsRemoved WhatEndedProgramsHaveLeftIsRemovedWhileNoneRuns; do
+for name in APrefixIsMadeOnce AnotherWineGetsANewPrefix ADamagedPrefixIsMadeAgain AnIncompletePrefixIsAFailure \
+    AnOldWineIsRefused WithoutAptInstalledToolsAreEnough WithoutAptAMissingToolIsNamed APackageWithoutItsCompilerIsNamed \
+    EveryPackageIsRecognisedByWhatItInstalls WithoutRootTheMessageIsForAnAdministrator AUserWithoutSudoRightsGetsTheSameMessage \
+    PackagesAreInstalledWithSudo AnUpdateThatFailsIsAnError AnInterruptedInstallationIsFinishedFirst AFullDiskIsReported \
+    AFailureWithFreeDiskSpaceDoesNotMentionIt LongWorkReportsThatItIsStillRunning ColoursAreOnlyForTerminals \
+    LeftoversOfInterruptedRunsInTheCacheAreRemoved LeftoversOfProgramsAreRemovedWhileNoneRuns; do
     test_case "$name"
 done
 write_results tools-tests "$XML"

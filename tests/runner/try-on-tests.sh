@@ -1,17 +1,13 @@
 #!/usr/bin/env bash
-# What scripts/try-on does around the root that it makes; debootstrap and chroot are made up.
+# What scripts/try-on does around the root that it makes; debootstrap and chroot are fakes.
 #   try-on-tests.sh XML
 # The results go to XML, as GoogleTest writes them.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=TryOn
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" TryOn
 
 CLONE="$WORK/a clone"
 mkdir -p "$CLONE" "$WORK/bin"
@@ -20,16 +16,17 @@ git -C "$CLONE" init -q
 git -C "$CLONE" add -A
 git -C "$CLONE" -c user.name=x -c user.email=x@example.com commit -q -m x
 
-export HANGS=7531.$$ # seconds by which the hanging command is found
+export HANGS=7531.$$ # seconds, to recognise the hanging command by
 
-# The root has nothing in it but what try-on looks at.
+# The root contains only what try-on checks.
 cat >"$WORK/bin/debootstrap" <<'FAKE'
 #!/usr/bin/env bash
 [ "$2" != nosuch ] || { echo "E: No such script: nosuch"; exit 1; }
 mkdir -p "$3"/{proc,dev,root,etc/apt/apt.conf.d}
 echo 99 >"$3/etc/debian_version"
 FAKE
-# ./dev ARGS is what stands behind `try`: one of them fails, one never ends, and beside one somebody commits to the clone.
+# ./dev ARGS is called with what follows `try`: one command fails, one never ends, and during one the clone gets a new
+# commit.
 cat >"$WORK/bin/chroot" <<'FAKE'
 #!/usr/bin/env bash
 case $* in
@@ -42,7 +39,7 @@ FAKE
 printf '#!/bin/sh\necho installed\n' >"$WORK/bin/dpkg-query"
 chmod +x "$WORK"/bin/*
 
-# try ARGS...: the copy of try-on, with $WORK/root as its root. Its words are in `said`, its status in STATUS.
+# try ARGS...: runs the copy of try-on, with $WORK/root as its root. Leaves its output in `said`, its status in STATUS.
 try() {
     STATUS=0
     env -u FC_BUILD -u FC_CACHE -u FC_JOBS HOME="$WORK/home" FC_MIRROR=copy:/nosuch FC_TRY="$WORK/root" \
@@ -59,20 +56,20 @@ leaves_nothing() {
     ! pgrep -f "sleep $HANGS" >/dev/null || because "a process is left"
 }
 
-BothCommandsAreTriedAndTold() {
+BothCommandsAreTriedAndReported() {
     try trixie
     ends_with 0 && says '^[0-9a-f]+ on Debian 99, ' && says '^a bare trixie +[0-9]+ s   done$' &&
         says '^\./dev run +[0-9]+ s   done: 5 passed, 0 failed, 0 skipped$' && says '^\./dev test .* done: 5 passed' &&
         leaves_nothing
 }
 
-ACommandThatFailsIsToldAndTheNextOneIsTried() {
+AFailedCommandIsReportedAndTheNextOneIsTried() {
     try trixie fail 'test fc-tests'
     ends_with 1 && says '^\./dev fail .* FAILED, status 4: 3 passed, 1 failed, 0 skipped$' &&
         says '^\./dev test fc-tests .* done: 5 passed' && leaves_nothing
 }
 
-TheCommitIsThatWhichWasTried() {
+TheReportedCommitIsTheOneThatWasTried() {
     local tried
     tried=$(git -C "$CLONE" log -1 --format=%h)
     try trixie slow
@@ -80,7 +77,7 @@ TheCommitIsThatWhichWasTried() {
     [ "$(git -C "$CLONE" log -1 --format=%s)" = later ] || because "there is no later one"
 }
 
-AReleaseThatThereIsNotIsTold() {
+AnUnknownReleaseIsReported() {
     try nosuch
     ends_with 1 && says 'E: No such script: nosuch' && says '^a bare nosuch .* FAILED, status 1$' || return
     ! grep -q '/dev run' "$WORK/said" || because "it goes on: $(cat "$WORK/said")" || return
@@ -113,7 +110,7 @@ AnInterruptionLeavesNothing() {
     leaves_nothing
 }
 
-AMachineWithoutNamespacesIsToldSo() {
+MissingNamespacesAreReported() {
     try trixie
     ends_with 1 && says 'error: (making a root of Debian needs root|no namespaces can be made here)' && leaves_nothing
 }
@@ -128,12 +125,12 @@ NamesAndOptionsAreChecked() {
 }
 
 names=(NamesAndOptionsAreChecked)
-# The namespaces need root, and more than root has in most containers.
+# The namespaces need root, and more than root may do in most containers.
 if unshare --mount --pid --fork true 2>/dev/null; then
-    names+=(BothCommandsAreTriedAndTold ACommandThatFailsIsToldAndTheNextOneIsTried TheCommitIsThatWhichWasTried
-        AReleaseThatThereIsNotIsTold ARootCanBeKept AnInterruptionLeavesNothing)
+    names+=(BothCommandsAreTriedAndReported AFailedCommandIsReportedAndTheNextOneIsTried TheReportedCommitIsTheOneThatWasTried
+        AnUnknownReleaseIsReported ARootCanBeKept AnInterruptionLeavesNothing)
 else
-    names+=(AMachineWithoutNamespacesIsToldSo)
+    names+=(MissingNamespacesAreReported)
 fi
 for name in "${names[@]}"; do
     test_case "$name"

@@ -1,5 +1,5 @@
-// A call in a thread of its own. Not std::async: its thread-local variables are libstdc++'s, which a program of clang's
-// can't reach.
+// A call in a separate thread. Not std::async: its thread-local variables are libstdc++'s, which clang's code can't
+// access.
 #pragma once
 
 #include <thread>
@@ -8,7 +8,7 @@
 
 #include "Event.h"
 
-/// The end waits for the call.
+/// The destructor waits for the call.
 template <class Result>
 class CallInThread {
 public:

@@ -13,7 +13,7 @@ class CodePageInResults : public testing::Environment {
     void SetUp() override { testing::Test::RecordProperty("code_page", std::to_string(GetACP())); }
 };
 
-/// @return empty if the code page does not have all characters.
+/// @return empty if the code page lacks a character.
 std::string Narrowed(UINT codePage, const std::wstring &text) {
     std::array<char, 16> narrow{};
     BOOL replaced = FALSE;
@@ -23,7 +23,7 @@ std::string Narrowed(UINT codePage, const std::wstring &text) {
     return bytes == 0 || replaced != FALSE ? "" : narrow.data();
 }
 
-/// @return empty if the bytes are no text in the code page.
+/// @return empty if the bytes are not a text in the code page.
 std::wstring Widened(const std::string &bytes) {
     std::array<wchar_t, 64> wide{};
     const int characters = MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, bytes.c_str(), -1, wide.data(),

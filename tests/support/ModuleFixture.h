@@ -1,4 +1,4 @@
-// A test with a fresh module.
+// A test with a freshly loaded module.
 #pragma once
 
 #include <gtest/gtest.h>

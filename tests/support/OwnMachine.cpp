@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Their tests make, change or start services, drivers, INF files, keys of the registry or the firewall's settings.
+/// Their tests create, change or start services, drivers, INF files, registry keys or the firewall's settings.
 constexpr std::array<const char *, 7> kSuites{"RealFirewall",     "RealInf",     "RealInfByHand", "RealKey",
                                               "RealRegistryTree", "RealService", "RealServices"};
 

@@ -1,6 +1,6 @@
-// Tests that change what belongs to the machine on which they run.
+// Tests that change the machine on which they run.
 #pragma once
 
 /// With FC_LEAVE_MACHINE_ALONE in the environment those tests are left out of this run, and the results name their
-/// suites. After InitGoogleTest.
+/// suites. Call it after InitGoogleTest.
 void LeaveMachineAloneIfAsked();

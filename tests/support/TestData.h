@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-/// The folder of the test program, where the build leaves fc-host.exe and all libraries.
+/// The folder of the test program, where the build puts fc-host.exe and all libraries.
 std::filesystem::path BinaryFolder();
 
 /// A file that a test reads, in the folder test-data beside the program.

@@ -1,4 +1,4 @@
-// How a test program starts: wxWidgets is there, and nothing opens a window.
+// The start of a test program: initialises wxWidgets, and lets nothing open a window.
 #include <gtest/gtest.h>
 #include <wx/init.h>
 #include <wx/string.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-/// An assertion of wxWidgets fails the test in which it happens; its own handler would show a window.
+/// A wxWidgets assertion fails the test in which it happens; wx's own handler would show a window.
 void OnWxAssert(const wxString &file, int line, const wxString &function, const wxString &condition,
                 const wxString &message) {
     ADD_FAILURE_AT(file.utf8_str(), line)
@@ -20,7 +20,7 @@ void OnWxAssert(const wxString &file, int line, const wxString &function, const 
 }  // namespace
 
 int main(int argc, char **argv) {
-    // A crash ends the program; nobody is there to close a window about it.
+    // A crash ends the program without a window, which nobody would be there to close.
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     testing::InitGoogleTest(&argc, argv);
     LeaveMachineAloneIfAsked();

@@ -1,18 +1,23 @@
 # shellcheck shell=bash
-# Tests in shell: a function for each, and results as GoogleTest writes them. To be sourced.
-#   SUITE=NAME, then test_case FUNCTION for each test, then write_results PROGRAM XML.
+# Tests in shell: a function for each, and results as GoogleTest writes them.
+#   . shell-tests.sh SUITE, then test_case FUNCTION for each test, then write_results PROGRAM XML.
+
+SUITE=$1
+# A folder for the tests, removed at the end.
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+trap 'rm -rf "$WORK"' EXIT
 
 RESULTS=() FAILED=0
 REASON=''
 
-# because TEXT...: notes why the test fails. Bash ends no function by itself here: `|| because ... || return`.
+# because TEXT...: records why the test fails. A failure does not end a function by itself: `|| because ... || return`.
 because() {
     REASON=$*
     echo "  $REASON" >&2
     return 1
 }
 
-# test_case NAME: runs the function of that name, which yields false after `because`.
+# test_case NAME: runs the function of that name, which returns false after `because`.
 test_case() {
     local started=$SECONDS escaped
     REASON='a command failed'
@@ -29,7 +34,7 @@ test_case() {
     fi
 }
 
-# write_results PROGRAM XML: yields false when a test has failed.
+# write_results PROGRAM XML: returns false if a test has failed.
 write_results() {
     local counts="tests=\"${#RESULTS[@]}\" failures=\"$FAILED\" errors=\"0\""
     {

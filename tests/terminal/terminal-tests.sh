@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks at what the host shows on a terminal, which `script` makes, and at how Ctrl-C reaches it.
+# Checks what the host shows on a terminal, which `script` creates, and how Ctrl-C reaches it.
 #   terminal-tests.sh BIN XML [WINE...]
 # BIN holds fc-host.exe, which WINE runs; the results go to XML, as GoogleTest writes them.
 set -euo pipefail
@@ -8,12 +8,8 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 BIN=$1 XML=$2
 WINE=("${@:3}")
 [ ${#WINE[@]} -gt 0 ] || WINE=(wine)
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Terminal
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Terminal
 
 # A removal that takes three seconds in one of its steps.
 cat >"$WORK/removal.lua" <<'LUA'
@@ -25,15 +21,15 @@ assert(SLB.filter.UninstallDriver(host.dom(), folder, folder))
 print("the removal is over")
 LUA
 
-# Says that it is ready by making a file, and never ends.
+# Signals that it is ready by creating a file, and never ends.
 cat >"$WORK/loop.lua" <<'LUA'
 host.send_event(7, "before Ctrl-C")
 io.open(arg[1], "w"):close()
 while true do end
 LUA
 
-# on_terminal OPTIONS...: runs the removal. Leaves what came to the terminal in `shown`, without what moves its cursor; what
-# overwrites a line stands behind the line as a line of its own.
+# on_terminal OPTIONS...: runs the removal. Leaves the terminal's output in `shown`, without cursor movements; an
+# overwritten line is followed by its replacement on a line of its own.
 on_terminal() {
     local command
     printf -v command '%q ' "${WINE[@]}" "$BIN/fc-host.exe" --fast 1 "$@" "$WORK/removal.lua"
@@ -43,7 +39,7 @@ on_terminal() {
         tr '\r' '\n' >"$WORK/shown"
 }
 
-TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
+TheCurrentStepIsShownInOneLineThatChanges() {
     local times
     on_terminal || return
     times=$(grep -oE '^removal, [0-9.]+ s: UninstallingDriver, [0-9.]+ s of 600 s' "$WORK/shown" | sort -u | wc -l)
@@ -51,7 +47,7 @@ TheStepThatIsUnderWayIsShownInOneLineThatChanges() {
     ! grep -q '^step ' "$WORK/shown" || because "there are lines of steps, too"
 }
 
-WhatTheScriptPrintsNextFindsAnEmptyLine() {
+TheScriptsNextOutputBeginsOnAnEmptyLine() {
     on_terminal || return
     grep -qE '^the removal is over *$' "$WORK/shown" || because "the line is not there: $(tail -c 300 "$WORK/shown")"
 }
@@ -61,7 +57,7 @@ NothingIsShownWhenTheHostIsQuiet() {
     ! grep -q 'UninstallingDriver' "$WORK/shown" || because "a step is shown"
 }
 
-# The loop, with a file of events of a run before. Its command is in `loop`.
+# The loop, with an events file of an earlier run. Its command is in `loop`.
 prepare_loop() {
     rm -f "$WORK/ready"
     echo "older events" >"$WORK/events.json"
@@ -77,13 +73,13 @@ await_ready() {
     because "the script was never ready"
 }
 
-# leaves_events STATUS: how the loop ended.
+# leaves_events STATUS: checks how the loop ended.
 leaves_events() {
     [ "$1" -eq 130 ] || because "the status is $1" || return
     grep -qF '"before Ctrl-C"' "$WORK/events.json" || because "the events are $(head -c 200 "$WORK/events.json")"
 }
 
-CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
+CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents() {
     local command status=0
     prepare_loop
     printf -v command '%q ' "${loop[@]}"
@@ -92,7 +88,7 @@ CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
+AnInterruptSignalEndsALoopWith130AndWritesItsEvents() {
     local status=0 group
     prepare_loop
     setsid timeout --foreground 120 "${loop[@]}" </dev/null >"$WORK/shown" 2>&1 &
@@ -103,9 +99,9 @@ AnInterruptSignalEndsALoopWith130AndLeavesItsEvents() {
     leaves_events "$status"
 }
 
-for name in TheStepThatIsUnderWayIsShownInOneLineThatChanges WhatTheScriptPrintsNextFindsAnEmptyLine \
-    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndLeavesItsEvents \
-    AnInterruptSignalEndsALoopWith130AndLeavesItsEvents; do
+for name in TheCurrentStepIsShownInOneLineThatChanges TheScriptsNextOutputBeginsOnAnEmptyLine \
+    NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents \
+    AnInterruptSignalEndsALoopWith130AndWritesItsEvents; do
     test_case "$name"
 done
 write_results terminal-tests "$XML"

@@ -1,7 +1,7 @@
 // One chart: axes, bands and lines as SVG.
 
 const MARGIN = { left: 76, right: 34, top: 20, bottom: 28 };
-const DOT_ROWS = 80; // so few rows are shown as dots too
+const DOT_ROWS = 80; // so few rows are drawn as dots, too
 
 function svg(name, attributes, parent, text) {
   const element = document.createElementNS('http://www.w3.org/2000/svg', name);
@@ -14,8 +14,8 @@ function svg(name, attributes, parent, text) {
 const short = number => Number(number.toFixed(1));
 
 class Chart {
-  // options: title, unit, height, range: [low, high], ticks: of the y axis when they are no round numbers,
-  // left: the room for their labels
+  // options: title, unit, height, range: [low, high], ticks: of the y axis if they are not round numbers, left: the
+  // space for their labels
   constructor(parent, run, options) {
     this.run = run;
     this.options = options;
@@ -34,7 +34,7 @@ class Chart {
     this.left = options.left || MARGIN.left;
   }
 
-  // Draws anew for the present width. `content(chart)` draws what the axes are for.
+  // Redraws for the current width. `content(chart)` draws the data.
   draw(content) {
     this.width = Math.max(260, this.figure.clientWidth - 28);
     this.height = this.options.height;
@@ -62,7 +62,7 @@ class Chart {
     return from + (x - this.left) / (this.right - this.left) * (to - from);
   }
 
-  // What is higher than the scale stays at its upper end.
+  // Values above the scale stay at its upper end.
   y(value) {
     const part = (Math.min(value, this.high) - this.low) / (this.high - this.low);
     return short(this.bottom - Math.max(0, part) * (this.bottom - MARGIN.top));
@@ -101,7 +101,7 @@ class Chart {
     if (commands.length) svg('path', { class: className, d: commands.join('') }, this.svg);
   }
 
-  // A line through the values of the rows; null is a hole. Rows after a hole or a gap begin anew.
+  // A line through the values of the rows; null is a gap. Rows after a gap begin a new line.
   line(className, values) {
     const commands = [];
     let open = false;

@@ -45,7 +45,7 @@ function readRun() {
   return run;
 }
 
-// Spread arguments have a limit; a lowest and a highest do as well.
+// Spread arguments have a limit; a lowest and a highest value are enough.
 function rangeOf(numbers) {
   return numbers.length ? [numbers.reduce((a, b) => Math.min(a, b)), numbers.reduce((a, b) => Math.max(a, b))] : [0, 0];
 }
@@ -57,7 +57,7 @@ function shownNotes(run, times) {
   return run.notes.filter(note => note.time > low - near && note.time < high + near);
 }
 
-// Stretches of rows that have something, each until the next row or the gap.
+// Stretches of rows with the property, each until the next row or the gap.
 function stretches(run, has) {
   const result = [];
   run.time.forEach((time, row) => {
@@ -105,7 +105,7 @@ function describe(metric, run) {
     (over ? ` · past its limit in ${plural(over, 'iteration', 'iterations')}` : '');
 }
 
-// The limit between recovery checks; those have limits of their own.
+// The limit between recovery checks; those have their own limits.
 function usualLimits(metric, run) {
   let last = null;
   return metric.limit.map((limit, row) => {
@@ -183,7 +183,7 @@ function markLines(chart, run) {
         y2: chart.bottom }, chart.svg);
 }
 
-// The numbers of marks above the chart; those that would overlap share one chip.
+// The numbers of marks above the chart; overlapping ones share one chip.
 function markChips(chart, run) {
   const chips = [];
   for (const note of run.numbered.filter(note => isShown(run, note)).sort((a, b) => a.time - b.time)) {
@@ -240,7 +240,7 @@ function nameBackoffLines(chart) {
     part('swatch-next', '— until the next recovery check'));
 }
 
-// What a row tells, beside the pointer -------------------------------------------------------------------------
+// Tooltip of a row -----------------------------------------------------------------------------------------------
 
 function nearestRow(run, time) {
   let best = 0;
@@ -424,7 +424,7 @@ function addHatch() {
   svg('line', { id: 'hatch-line', x1: 0, y1: 0, x2: 0, y2: 7 }, pattern);
 }
 
-// Draws all charts, and again when the window has another width.
+// Draws all charts, and redraws them when the width of the window changes.
 function showCharts(charts) {
   const drawAll = () => charts.forEach(({ chart, content }) => chart.draw(content));
   drawAll();

@@ -56,7 +56,7 @@ function timeTicks(from, to, width, room) {
   const ticks = [];
   for (let time = Math.ceil(from / step) * step; time <= to; time += step)
     ticks.push({ at: time, label: timeLabel(time, step, to - from) });
-  // Where round times are too rare, both ends tell more than one of them.
+  // If round times are too rare, labels at both ends say more than one of them.
   if (ticks.length > 1 || width < 2 * room) return ticks;
   return [from, to].map(time => ({ at: time, label: timeLabel(Math.round(time), step, to - from) }));
 }

@@ -1,8 +1,8 @@
 // Installations and removals of the drivers: a chart of the steps of each, and a list.
 
 const STEP_ROW = 22; // pixels
-const STEP_LABELS = 208; // their room
-const CHARACTER = 6.8; // the width of one, at most on average
+const STEP_LABELS = 208; // the space for labels
+const CHARACTER = 6.8; // the maximum average width of one
 const SHORTEST = 5; // seconds that a chart shows
 
 const stepClass = step => (step.killed ? 'step step-killed' : step.failed ? 'step step-failed' :
@@ -15,7 +15,7 @@ function formatSeconds(seconds) {
   return trim(seconds.toFixed(seconds < 10 ? 2 : 1)) + ' s';
 }
 
-// What became of it, in words.
+// The result in words.
 function outcomeOf(driverRun) {
   const killed = killedStep(driverRun);
   const reboot = driverRun.rebootAsked ? '; a reboot was asked for' : '';
@@ -36,7 +36,7 @@ function driverTiles(run) {
     [killed, killed === 1 ? 'step killed' : 'steps killed', killed > 0]];
 }
 
-// One row for each name, in the order in which they came first.
+// One row for each name, in the order of their first appearance.
 function stepRows(driverRun) {
   return [...new Set(driverRun.steps.map(step => step.name))];
 }
@@ -63,7 +63,7 @@ function stepBar(chart, step, rows, view) {
   if (step.killed) killedText(chart, step, left, left + width, middle);
 }
 
-// Behind the bar, before it or on it, where there is room.
+// After the bar, before it or on it, where there is space.
 function killedText(chart, step, left, right, middle) {
   const text = `killed after ${took(step)}`;
   const room = text.length * CHARACTER + 12;
@@ -107,7 +107,7 @@ function makeDriverCharts(run) {
   return charts;
 }
 
-// The step in the row at the pointer that is nearest to its time.
+// The step in the pointer's row that is closest to its time.
 function stepAt(chart, driverRun, rows, event) {
   const area = chart.svg.getBoundingClientRect();
   const row = Math.floor((event.clientY - area.top - MARGIN.top) / STEP_ROW);

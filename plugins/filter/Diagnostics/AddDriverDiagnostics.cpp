@@ -20,6 +20,6 @@ int AddDriverDiagnostics(lua_State *L) {
         return luaL_argerror(L, 3, "CZipOutputStream object expected");
     const bool added = Filter::Diagnostics::AddDriverContent(*dom, handle, *zip);
     Trace(kFilterTrace, "AddDriverContent returned %d", added);
-    lua_pushboolean(L, added ? 1 : 0);
+    lua_pushboolean(L, added);
     return 1;
 }

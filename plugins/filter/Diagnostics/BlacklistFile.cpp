@@ -1,9 +1,11 @@
 // "vta_blacklist.txt".
 #include <algorithm>
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "DriverContent.h"
+#include "IsDriverOpen.h"
 #include "MemoryTextDump.h"
+#include "ShowErrors.h"
 #include "common/Block.h"
 #include "common/Trace.h"
 

@@ -3,9 +3,11 @@
 #include <cstring>
 #include <new>
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "DriverContent.h"
+#include "IsDriverOpen.h"
 #include "MemoryTextDump.h"
+#include "ShowErrors.h"
 #include "common/Block.h"
 #include "common/Trace.h"
 

@@ -1,6 +1,6 @@
 #include "DriverContent.h"
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "common/Trace.h"
 
 namespace Filter::Diagnostics {

@@ -2,8 +2,6 @@
 
 #include <cstdarg>
 
-#include "common/SharedObjects.h"
-
 namespace Filter::Diagnostics {
 
 namespace {
@@ -12,26 +10,16 @@ constexpr std::size_t kLineBytes = 1024;
 
 }  // namespace
 
-size_t FileMemory::OnSysWrite(const void *buffer, size_t size) {
-    const size_t written = wxMemoryOutputStream::OnSysWrite(buffer, size);
-    m_isWhole = m_isWhole && written == size;
-    return written;
-}
-
-bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name) {
-    if (!memory.IsWhole())
-        return false;
-    // Read where it lies: a stream that copies the other does not check whether it got the memory.
-    wxMemoryInputStream in(memory.GetOutputStreamBuffer()->GetBufferStart(), memory.GetSize());
-    return zip.AddFromStream(in, isText, name, emptyText);
-}
-
 MemoryTextDump::MemoryTextDump()
     : m_text(std::in_place, m_memory, wxEOL_NATIVE, wxConvAuto()), m_context{&DumpToTextStream, &*m_text} {}
 
+DumpContext *MemoryTextDump::Context() {
+    return &m_context;
+}
+
 bool MemoryTextDump::AddTo(VtaCore::CZipOutputStream &zip, const wxString &name) {
     m_text.reset();  // all of it is in the memory stream from here on
-    return AddMemoryFile(zip, m_memory, true, name);
+    return AddFileMemory(zip, m_memory, true, name);
 }
 
 int DumpToTextStream(void *context, const char *format, ...) {

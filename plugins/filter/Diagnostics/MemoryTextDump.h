@@ -3,30 +3,13 @@
 
 #include <optional>
 
-#include <wx/mstream.h>
 #include <wx/txtstrm.h>
 
+#include "FileMemory.h"
 #include "vta_core.h"
 #include "vti.h"
 
 namespace Filter::Diagnostics {
-
-/// What a file is collected in. It remembers what wxWidgets tells nobody: that a part of it found no memory.
-class FileMemory : public wxMemoryOutputStream {
-public:
-    [[nodiscard]] bool IsWhole() const { return m_isWhole; }
-
-protected:
-    size_t OnSysWrite(const void *buffer, size_t size) override;
-
-private:
-    bool m_isWhole = true;
-};
-
-/// Adds what was collected, also nothing, as a file.
-/// @param isText  the file is a text.
-/// @return false also for one that is not whole: it is left out.
-bool AddMemoryFile(VtaCore::CZipOutputStream &zip, const FileMemory &memory, bool isText, const wxString &name);
 
 /// Collects what the library's qb_dump_ functions print, and becomes a file of the package.
 class MemoryTextDump {
@@ -36,7 +19,7 @@ public:
     MemoryTextDump &operator=(const MemoryTextDump &) = delete;
 
     /// The first argument of the qb_dump_ functions.
-    DumpContext *Context() { return &m_context; }
+    DumpContext *Context();
     /// Adds what was printed as a file; nothing can be printed afterwards.
     bool AddTo(VtaCore::CZipOutputStream &zip, const wxString &name);
 

@@ -4,9 +4,10 @@
 #include <wx/mstream.h>
 #include <wx/stream.h>
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "DriverContent.h"
-#include "MemoryTextDump.h"
+#include "FileMemory.h"
+#include "ShowErrors.h"
 #include "common/Block.h"
 #include "common/Trace.h"
 
@@ -20,13 +21,13 @@ constexpr std::uint32_t kProfileVariable = 62;
 using ProfileStatsBuffer = Block<std::uint32_t>;
 
 /// compat 64: sets the variable from 1 back to 0 once its profile was read
-void ResetProfileVariable(vti_handle_t *handle) {
+void ResetRuleStatsVariable(vti_handle_t *handle) {
     FilterVariable variable = {};
     if (vti_get_var(handle, kProfileVariable, &variable) == 0 && variable.value == 1)
         (void)vti_set_var(handle, kProfileVariable, 0);
 }
 
-void WriteRuleProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out, const TraceSite &site) {
+void WriteRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &out, const TraceSite &site) {
     std::uint32_t room = 0;
     if (vti_get_profile_stats(handle, &room) != 0 || room == 0)
         return;  // no report
@@ -43,7 +44,7 @@ void WriteRuleProfile(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &
         return;
     }
     out.Write(buffer.get() + 1, std::min(*buffer, room));  // or claim more than there is room for
-    ResetProfileVariable(handle);
+    ResetRuleStatsVariable(handle);
 }
 
 }  // namespace
@@ -56,9 +57,10 @@ bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipO
         wxBufferedOutputStream out(memory);
         if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
             return false;  // no memory: it would write there all the same
-        WriteRuleProfile(dom, handle, out, kDiagnosticsTrace);
+        WriteRuleStats(dom, handle, out, kDiagnosticsTrace);
     }
-    return AddMemoryFile(zip, memory, false, "vta.tpf");
+    // not reached: clang counts nothing behind a block with a return
+    return AddFileMemory(zip, memory, false, "vta.tpf");
 }
 
 }  // namespace Filter::Diagnostics

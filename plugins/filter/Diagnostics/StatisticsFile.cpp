@@ -1,9 +1,11 @@
 // "vta_stats.txt": what the driver counted.
 #include <cstddef>
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "DriverContent.h"
+#include "IsDriverOpen.h"
 #include "MemoryTextDump.h"
+#include "ShowErrors.h"
 #include "common/Block.h"
 #include "common/Trace.h"
 
@@ -18,7 +20,7 @@ constexpr std::uint16_t kLayout0 = 293;
 constexpr std::uint16_t kLayout1 = 21;
 constexpr std::uint16_t kLayout2 = 1;
 
-void PrepareStatsRequest(StatsRecord &record) {
+void PrepareStatisticsRequest(StatsRecord &record) {
     record.word0 = 12;
     record.word4 = 6;
     record.word12 = 7325;
@@ -52,7 +54,7 @@ bool AddDriverStatistics(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZip
     Block<StatsRecord> record(static_cast<StatsRecord *>(std::calloc(1, sizeof(StatsRecord))));
     if (!record)
         return false;
-    PrepareStatsRequest(*record);
+    PrepareStatisticsRequest(*record);
     Trace(kDiagnosticsTrace, "AddDriverStatistics() - about to get stats");
     MemoryTextDump dump;
     if (!getDriverStatistics(dom, handle, *record))

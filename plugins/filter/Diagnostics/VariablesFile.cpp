@@ -1,9 +1,11 @@
 // "vta_variables.txt": the variables of the filter.
 #include <array>
 
-#include "DriverAnswers.h"
+#include "DiagnosticsTrace.h"
 #include "DriverContent.h"
+#include "IsDriverOpen.h"
 #include "MemoryTextDump.h"
+#include "ShowErrors.h"
 #include "common/Trace.h"
 
 namespace Filter::Diagnostics {

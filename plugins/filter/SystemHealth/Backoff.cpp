@@ -1,5 +1,8 @@
 #include "Backoff.h"
 
+#include <algorithm>
+
+#include "FailOpen.h"
 #include "HealthTrace.h"
 #include "common/Trace.h"
 
@@ -38,4 +41,19 @@ void clearBackoffState(Backoff &backoff, VtaCore::CDom &dom) {
     dom.SettingStore(kWaitSetting, "0");
     dom.SettingStore(kCheckSetting, "0");
     Trace(kEngineTrace, "clearBackoffState() cleared backoff state");
+}
+
+void StartBackoff(Backoff &backoff, const FailOpenInput &input, const TraceSite &site) {
+    backoff.backoff_wait = input.min_dur;
+    backoff.last_check = input.now;
+    saveBackoffState(backoff, input.dom);
+    Trace(site, "SysHealth initializing backoff, wait=%llu minutes", backoff.backoff_wait);
+}
+
+void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount, const TraceSite &site) {
+    backoff.backoff_wait = std::min(backoff.backoff_wait * 2, input.max_dur);
+    backoff.last_check = input.now;
+    saveBackoffState(backoff, input.dom);
+    Trace(site, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
+          backoff.backoff_wait);
 }

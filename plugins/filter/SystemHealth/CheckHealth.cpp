@@ -1,16 +1,16 @@
 // One iteration of the health subsystem, as scripts call it.
-#include <cstring>
 #include <optional>
 
 #include <windows.h>
 #include <wx/log.h>
 
+#include "CloudConfig.h"
 #include "FailOpen.h"
 #include "HealthPolicy.h"
+#include "HealthSample.h"
 #include "HealthState.h"
 #include "HealthTrace.h"
 #include "SystemHealth.h"
-#include "common/MessageText.h"
 #include "common/Trace.h"
 #include "common/UserdataArguments.h"
 
@@ -21,7 +21,7 @@ constexpr double kDefaultMinMinutes = 30;
 constexpr double kDefaultMaxMinutes = 240;
 
 /// Microseconds since 1601. By the wall clock: one that is set back makes differences wrap.
-std::uint64_t SystemMicroseconds() {
+std::uint64_t CheckHealthTime() {
     constexpr std::uint64_t intervalsPerMicrosecond = 10;
     FILETIME time = {};
     GetSystemTimeAsFileTime(&time);
@@ -35,22 +35,8 @@ struct CheckArguments {
     std::size_t cloudConfigLength;
 };
 
-bool BeginsWith(const char *text, const char *beginning) {
-    return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
-}
-
-/// compat 41: accepts any text that begins with a state's name
-std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
-    if (BeginsWith(text, "Activated"))
-        return FailOpenState::Activated;
-    if (BeginsWith(text, "Deactivated"))
-        return FailOpenState::Deactivated;
-    wxLogError("incorrect state value %s for state string", TextForMessage(text));
-    return std::nullopt;
-}
-
 /// The string at the index, without a conversion of other types; null where there is none.
-const char *IterationTextArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
+const char *CheckHealthTextArg(lua_State *L, int index, std::size_t *length, const TraceLine &line) {
     if (lua_type(L, index) == LUA_TSTRING)
         return lua_tolstring(L, index, length);
     // compat 43: the same text for both strings; only the traced line differs
@@ -58,18 +44,18 @@ const char *IterationTextArg(lua_State *L, int index, std::size_t *length, const
     return nullptr;
 }
 
-std::optional<CheckArguments> ReadCheckArguments(lua_State *L, const TraceSite &site) {
+std::optional<CheckArguments> ReadCheckHealthArguments(lua_State *L, const TraceSite &site) {
     VtaCore::CDom *const dom = GetDomArg(L);
     if (dom == nullptr)
         return std::nullopt;  // compat 42: a wrong agent object is no message
-    const char *const stateText = IterationTextArg(L, 2, nullptr, site);
+    const char *const stateText = CheckHealthTextArg(L, 2, nullptr, site);
     if (stateText == nullptr)
         return std::nullopt;
     const std::optional<FailOpenState> state = FailOpenStateFromText(stateText);
     if (!state)
         return std::nullopt;
     std::size_t length = 0;
-    const char *const cloudConfig = IterationTextArg(L, 3, &length, site);
+    const char *const cloudConfig = CheckHealthTextArg(L, 3, &length, site);
     if (cloudConfig == nullptr)
         return std::nullopt;
     return CheckArguments{dom, *state, cloudConfig, length};
@@ -77,7 +63,8 @@ std::optional<CheckArguments> ReadCheckArguments(lua_State *L, const TraceSite &
 
 /// From the policy that the caller hands over, else from the local file.
 /// @return accepted values, less than one for nothing to go by.
-std::int32_t ReadHealthConfiguration(HealthConfig &config, const CheckArguments &arguments, const TraceSite &site) {
+std::int32_t ReadCheckHealthConfiguration(HealthConfig &config, const CheckArguments &arguments,
+                                          const TraceSite &site) {
     Trace(site, "cloud_config size[%d]:%s ", static_cast<int>(arguments.cloudConfigLength),
           OutsideText{arguments.cloudConfig});
     const std::int32_t activated = arguments.state == FailOpenState::Activated ? 1 : 0;
@@ -89,64 +76,6 @@ std::int32_t ReadHealthConfiguration(HealthConfig &config, const CheckArguments 
     return count;
 }
 
-/// Takes out the metrics that need a port when there is none.
-/// @return how many. compat 37: one of them switches the whole subsystem off for this iteration
-std::int32_t RemoveMetricsWithoutPort(HealthConfig &config) {
-    struct NeedsPort {
-        ConfigRow row;
-        const char *message;
-    };
-    constexpr NeedsPort kNeedPort[] = {
-        {SYS_THR_CONN_REFUSAL_PCT, "SysHealth - Conn Refusal enabled but monitoring port not configured"},
-        {SYS_THR_CONN_EST_PER_CPU, "SysHealth - Conn Established enabled but monitoring port not configured"},
-        {SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU, "SysHealth - Scan Mbytes enabled but monitoring port not configured"},
-    };
-    std::int32_t removed = 0;
-    for (const NeedsPort &metric : kNeedPort) {
-        if (config[metric.row].is_set == 0 || config[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
-            continue;
-        wxLogError("%s", metric.message);
-        config[metric.row].is_set = 0;
-        ++removed;
-    }
-    return removed;
-}
-
-/// The host and the driver at one moment.
-struct HealthSample {
-    Action failure = actionNormal;  ///< Another one is what the iteration is to end with; the rest says nothing then.
-    double rqlen = 0.0;
-    std::uint32_t numCpus = 0;
-    std::optional<ScanMetricsRecord> scan{};
-};
-
-HealthSample TakeHealthSample(HealthState &health, const TraceSite &site) {
-    const std::optional<double> rqlen = queryRunQueueLength();
-    if (!rqlen) {
-        Trace(site, "failed to collect rqLen, exiting");
-        return {actionCollectFailed};
-    }
-    SYSTEM_INFO system = {};
-    GetSystemInfo(&system);
-    if (system.dwNumberOfProcessors == 0) {
-        Trace(site, "failed to collect numCpus, exiting");
-        return {actionCollectFailed};
-    }
-    if (!getMemoryMetrics(health.memory)) {
-        Trace(site, "failed to collect memory metrics, exiting");
-        return {actionMemoryFailed};
-    }
-    HealthSample sample{actionNormal, *rqlen, system.dwNumberOfProcessors};
-    if (health.config[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
-        sample.scan = RunDriverPass(health.scan, health.config, site);
-    return sample;
-}
-
-/// compat 44: whole minutes; less than one becomes 0, which makes every iteration in fail-open a recovery check
-std::uint64_t ConfiguredMinutes(const SysHealthConfigEntry &entry, double otherwise) {
-    return static_cast<std::uint64_t>(entry.is_set != 0 ? entry.value : otherwise);
-}
-
 /// An iteration's times.
 struct IterationTime {
     std::uint64_t now;  ///< Microseconds since 1601.
@@ -154,8 +83,8 @@ struct IterationTime {
 };
 
 /// The long line: all that an iteration went by.
-void LogHealthIteration(const HealthState &health, const IterationTime &time, const FailOpenInput &input,
-                        const FailOpenResult &result) {
+void LogCheckHealth(const HealthState &health, const IterationTime &time, const FailOpenInput &input,
+                    const FailOpenResult &result) {
     const auto name = [](FailOpenState state) { return state == FailOpenState::Activated ? "Act" : "Deact"; };
     const auto limit = [&result](const SysHealthMetric &metric) { return metric.Limit(result.factor); };
     const auto &[rq, refusal, established, scan, memory, interval] = health.metrics.sysHealthMetrics;
@@ -174,24 +103,24 @@ void LogHealthIteration(const HealthState &health, const IterationTime &time, co
         limit(interval));
 }
 
-FailOpenResult EvaluateSample(HealthState &health, const HealthSample &sample, const IterationTime &time,
-                              const FailOpenInput &input, const TraceSite &site) {
+FailOpenResult CheckHealthOfSample(HealthState &health, const HealthSample &sample, const IterationTime &time,
+                                   const FailOpenInput &input, const TraceSite &site) {
     const wxCriticalSectionLocker lock(health.lock);
     if (sample.scan)
-        RunRatePass(health.scan, *sample.scan, time.delta_t);
+        RunScanRatePass(health.scan, *sample.scan, time.delta_t);
     ArmHealthMetrics(health.metrics, health.config);
     loadBackoffState(health.backoff, input.dom);
     calculateHealthMetrics(health.metrics, {sample.rqlen, sample.numCpus, time.delta_t, health.memory, health.scan});
     return RunFailOpen(health, input, site);
 }
 
-Action RunHealthIteration(HealthState &health, lua_State *L, const IterationTime &time, const TraceSite &site) {
-    const std::optional<CheckArguments> arguments = ReadCheckArguments(L, site);
+Action RunCheckHealth(HealthState &health, lua_State *L, const IterationTime &time, const TraceSite &site) {
+    const std::optional<CheckArguments> arguments = ReadCheckHealthArguments(L, site);
     if (!arguments)
         return actionBadArgument;
     HealthConfig &config = health.config;
-    const std::int32_t accepted = ReadHealthConfiguration(config, *arguments, site);
-    const std::int32_t removed = RemoveMetricsWithoutPort(config);
+    const std::int32_t accepted = ReadCheckHealthConfiguration(config, *arguments, site);
+    const std::int32_t removed = config.DisableMetricsWithoutPort();
     if (removed != 0 || accepted <= 0) {
         // compat 38: clears the wait in fail-open, too
         clearBackoffState(health.backoff, *arguments->dom);
@@ -201,19 +130,19 @@ Action RunHealthIteration(HealthState &health, lua_State *L, const IterationTime
     if (sample.failure != actionNormal)
         return sample.failure;
     const FailOpenInput input{*arguments->dom, arguments->state, time.now,
-                              ConfiguredMinutes(config[SYS_CONF_MIN_ACT_DURATION], kDefaultMinMinutes),
-                              ConfiguredMinutes(config[SYS_CONF_MAX_ACT_DURATION], kDefaultMaxMinutes)};
-    const FailOpenResult result = EvaluateSample(health, sample, time, input, site);
-    LogHealthIteration(health, time, input, result);
+                              config.Minutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
+                              config.Minutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)};
+    const FailOpenResult result = CheckHealthOfSample(health, sample, time, input, site);
+    LogCheckHealth(health, time, input, result);
     return result.action;
 }
 
 Action CheckHealth(HealthState &health, lua_State *L, const TraceSite &site) {
-    const std::uint64_t now = SystemMicroseconds();
+    const std::uint64_t now = CheckHealthTime();
     const double delta_t = health.lastIterationTime == 0 ? 0.0
                                                          : static_cast<double>(now - health.lastIterationTime) /
                                                                static_cast<double>(kMicrosecondsPerSecond);
-    const Action action = RunHealthIteration(health, L, {now, delta_t}, site);
+    const Action action = RunCheckHealth(health, L, {now, delta_t}, site);
     health.lastIterationTime = now;
     const bool isDisabled = action == actionDisabled;
     Trace(site, "Setting status: %s", isDisabled ? "disabled" : "enabled");

@@ -1,15 +1,22 @@
 #include "FailOpen.h"
 
-#include <algorithm>
+#include <cstring>
+
+#include <wx/log.h>
 
 #include "HealthState.h"
+#include "common/MessageText.h"
 #include "common/Trace.h"
 
 namespace {
 
 constexpr std::uint64_t kMicrosecondsPerMinute = 60'000'000;
 
-FailOpenResult StepDeactivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
+bool BeginsWithFailOpenState(const char *text, const char *beginning) {
+    return std::strncmp(text, beginning, std::strlen(beginning)) == 0;
+}
+
+FailOpenResult StepFailOpenDeactivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
     const std::int32_t overCount = check_health_metric_thresholds(health.metrics, 1.0);
     if (overCount == 0)
         return {actionNormal, FailOpenState::Deactivated};
@@ -20,23 +27,8 @@ FailOpenResult StepDeactivated(HealthState &health, const FailOpenInput &input, 
     return {actionFailOpen, FailOpenState::Activated};
 }
 
-void StartBackoff(Backoff &backoff, const FailOpenInput &input, const TraceSite &site) {
-    backoff.backoff_wait = input.min_dur;
-    backoff.last_check = input.now;
-    saveBackoffState(backoff, input.dom);
-    Trace(site, "SysHealth initializing backoff, wait=%llu minutes", backoff.backoff_wait);
-}
-
-void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount, const TraceSite &site) {
-    backoff.backoff_wait = std::min(backoff.backoff_wait * 2, input.max_dur);
-    backoff.last_check = input.now;
-    saveBackoffState(backoff, input.dom);
-    Trace(site, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
-          backoff.backoff_wait);
-}
-
-FailOpenResult CheckRecovery(HealthState &health, const FailOpenInput &input, FailOpenResult result,
-                             const TraceSite &site) {
+FailOpenResult CheckFailOpenRecovery(HealthState &health, const FailOpenInput &input, FailOpenResult result,
+                                     const TraceSite &site) {
     // compat 47: a factor of 0, which a policy may set, makes every limit unreachable
     const SysHealthConfigEntry &recoverFactor = health.config[SYS_CONF_RECOVER_FACTOR];
     if (recoverFactor.is_set != 0)
@@ -55,7 +47,7 @@ FailOpenResult CheckRecovery(HealthState &health, const FailOpenInput &input, Fa
     return result;
 }
 
-FailOpenResult StepActivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
+FailOpenResult StepFailOpenActivated(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
     FailOpenResult result{actionFailOpen, FailOpenState::Activated};
     result.act_dur = input.now - health.activationTime;
     const Backoff &backoff = health.backoff;
@@ -65,7 +57,7 @@ FailOpenResult StepActivated(HealthState &health, const FailOpenInput &input, co
     const std::uint64_t elapsed = (input.now - backoff.last_check) / kMicrosecondsPerMinute;
     // compat 39: judges no metric before the wait is over
     if (elapsed >= backoff.backoff_wait)
-        return CheckRecovery(health, input, result, site);
+        return CheckFailOpenRecovery(health, input, result, site);
     result.next_chk = backoff.backoff_wait - elapsed;
     Trace(site, "SysHealth in backoff period, %llu minutes remaining", result.next_chk);
     return result;
@@ -73,7 +65,17 @@ FailOpenResult StepActivated(HealthState &health, const FailOpenInput &input, co
 
 }  // namespace
 
+// compat 41: accepts any text that begins with a state's name
+std::optional<FailOpenState> FailOpenStateFromText(const char *text) {
+    if (BeginsWithFailOpenState(text, "Activated"))
+        return FailOpenState::Activated;
+    if (BeginsWithFailOpenState(text, "Deactivated"))
+        return FailOpenState::Deactivated;
+    wxLogError("incorrect state value %s for state string", TextForMessage(text));
+    return std::nullopt;
+}
+
 FailOpenResult RunFailOpen(HealthState &health, const FailOpenInput &input, const TraceSite &site) {
-    return input.state == FailOpenState::Activated ? StepActivated(health, input, site)
-                                                   : StepDeactivated(health, input, site);
+    return input.state == FailOpenState::Activated ? StepFailOpenActivated(health, input, site)
+                                                   : StepFailOpenDeactivated(health, input, site);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "vta_core.h"
 
@@ -19,6 +20,9 @@ enum Action : std::int32_t {
 };
 
 enum class FailOpenState { Deactivated, Activated };
+
+/// The state of that name, as scripts give it; nothing for another text, which is logged as an error.
+std::optional<FailOpenState> FailOpenStateFromText(const char *text);
 
 /// What the state machine is to go by.
 struct FailOpenInput {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include <cJSON.h>
 #include <wx/log.h>
@@ -69,6 +70,30 @@ HealthConfig::HealthConfig()
       },
       m_port(kNoPort) {}
 
+SysHealthConfigEntry &HealthConfig::operator[](ConfigRow row) {
+    return m_rows[row];
+}
+
+const SysHealthConfigEntry &HealthConfig::operator[](ConfigRow row) const {
+    return m_rows[row];
+}
+
+SysHealthConfigEntry *HealthConfig::begin() {
+    return std::begin(m_rows);
+}
+
+SysHealthConfigEntry *HealthConfig::end() {
+    return std::end(m_rows);
+}
+
+const SysHealthConfigEntry *HealthConfig::begin() const {
+    return std::begin(m_rows);
+}
+
+const SysHealthConfigEntry *HealthConfig::end() const {
+    return std::end(m_rows);
+}
+
 void HealthConfig::Reset() {
     m_port = kNoPort;
     for (SysHealthConfigEntry &entry : m_rows) {
@@ -95,14 +120,41 @@ void HealthConfig::DisableDriverMetrics() {
     m_rows[SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU].is_set = 0;
 }
 
-void ApplyUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site, const char *message) {
+std::int32_t HealthConfig::DisableMetricsWithoutPort() {
+    struct NeedsPort {
+        ConfigRow row;
+        const char *message;
+    };
+    constexpr NeedsPort kNeedPort[] = {
+        {SYS_THR_CONN_REFUSAL_PCT, "SysHealth - Conn Refusal enabled but monitoring port not configured"},
+        {SYS_THR_CONN_EST_PER_CPU, "SysHealth - Conn Established enabled but monitoring port not configured"},
+        {SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU, "SysHealth - Scan Mbytes enabled but monitoring port not configured"},
+    };
+    std::int32_t removed = 0;
+    for (const NeedsPort &metric : kNeedPort) {
+        if (m_rows[metric.row].is_set == 0 || m_rows[SYS_CONF_CONN_REFUSAL_PORT].is_set != 0)
+            continue;
+        wxLogError("%s", metric.message);
+        m_rows[metric.row].is_set = 0;
+        ++removed;
+    }
+    return removed;
+}
+
+// compat 44: whole minutes; less than one becomes 0, which makes every iteration in fail-open a recovery check
+std::uint64_t HealthConfig::Minutes(ConfigRow row, double otherwise) const {
+    return static_cast<std::uint64_t>(m_rows[row].is_set != 0 ? m_rows[row].value : otherwise);
+}
+
+void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site,
+                                 const char *message) {
     const bool unload = config[SYS_CONF_UNLOAD_DRIVER].value == 1.0;
     dom.Set(kUnloadDriverSetting, unload);
     if (unload)
         Trace(site, "%s", message);
 }
 
-bool IsSystemHealthDisabled(const HealthConfig &config, const TraceSite &site) {
+bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceSite &site) {
     if (config[SYS_CONF_DISABLE_FAIL_OPEN].value != 1.0)
         return false;
     // compat 23: names an environment variable that nobody reads
@@ -118,9 +170,9 @@ std::int32_t readSystemHealthConfig(HealthConfig &config, VtaCore::CDom &dom, st
     if (file) {
         // compat 21: does not check the first wait against the longest one, unlike a policy's
         count = ReadConfigLines(config, file.get());
-        ApplyUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open");
+        ApplyConfiguredUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open");
         file.reset();
-        if (IsSystemHealthDisabled(config, kConfigTrace))
+        if (IsDisabledByHealthConfig(config, kConfigTrace))
             return 0;
     }
     // compat 24: turns the driver's metrics off in fail-open, but still counts them

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <iterator>
 #include <optional>
 
 #include <wx/string.h>
@@ -45,12 +44,12 @@ public:
     /// Without values.
     HealthConfig();
 
-    SysHealthConfigEntry &operator[](ConfigRow row) { return m_rows[row]; }
-    const SysHealthConfigEntry &operator[](ConfigRow row) const { return m_rows[row]; }
-    SysHealthConfigEntry *begin() { return std::begin(m_rows); }
-    SysHealthConfigEntry *end() { return std::end(m_rows); }
-    [[nodiscard]] const SysHealthConfigEntry *begin() const { return std::begin(m_rows); }
-    [[nodiscard]] const SysHealthConfigEntry *end() const { return std::end(m_rows); }
+    SysHealthConfigEntry &operator[](ConfigRow row);
+    const SysHealthConfigEntry &operator[](ConfigRow row) const;
+    SysHealthConfigEntry *begin();
+    SysHealthConfigEntry *end();
+    [[nodiscard]] const SysHealthConfigEntry *begin() const;
+    [[nodiscard]] const SysHealthConfigEntry *end() const;
 
     /// Forgets all values.
     void Reset();
@@ -60,6 +59,11 @@ public:
     [[nodiscard]] std::optional<std::uint16_t> Port() const;
     /// Takes the values of the three metrics that need the driver out of this pass; they stay readable, and count.
     void DisableDriverMetrics();
+    /// Takes out the metrics that need a port when there is none. Each is logged as an error.
+    /// @return how many. compat 37: one of them switches the whole subsystem off for this iteration
+    std::int32_t DisableMetricsWithoutPort();
+    /// A duration in minutes; `otherwise` where none is set.
+    [[nodiscard]] std::uint64_t Minutes(ConfigRow row, double otherwise) const;
 
 private:
     SysHealthConfigEntry m_rows[kConfigRows];
@@ -72,9 +76,10 @@ private:
 /// Tells the agent whether fail-open is to unload the driver: only the value 1 asks for it.
 /// @param site     of the reader, and
 /// @param message  traced there if so.
-void ApplyUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site, const char *message);
+void ApplyConfiguredUnloadDriver(const HealthConfig &config, VtaCore::CDom &dom, const TraceSite &site,
+                                 const char *message);
 /// Whether the whole subsystem is switched off, which is traced at `site`: only the value 1 does so.
-bool IsSystemHealthDisabled(const HealthConfig &config, const TraceSite &site);
+bool IsDisabledByHealthConfig(const HealthConfig &config, const TraceSite &site);
 
 /// Fills the table from the local file.
 /// @param activated  non-zero in fail-open, where the driver's metrics are not judged.

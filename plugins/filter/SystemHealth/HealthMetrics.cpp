@@ -2,7 +2,7 @@
 
 #include "HealthConfig.h"
 #include "HealthTrace.h"
-#include "HostSample.h"
+#include "HostMemory.h"
 #include "ScanMetrics.h"
 #include "common/Trace.h"
 
@@ -21,28 +21,28 @@ constexpr ThresholdSource kThresholdSources[] = {
     {SYS_THR_TOTAL_SCAN_MBYTES_PER_CPU, scanmb}, {SYS_THR_FREE_MEM, frepct},
 };
 
-double RefusalPercent(const ScanRates &scan) {
+double RefusalHealthMetric(const ScanRates &scan) {
     const double created = scan.scanCounterRate[conn_new];
     const double refused = scan.scanCounterRate[conn_halfopen2close];
     return created <= kMinNewConnections ? 0.0 : refused * 100.0 / created;
 }
 
-double EstablishedPerCpu(const ScanRates &scan, double numCpus) {
+double EstablishedHealthMetric(const ScanRates &scan, double numCpus) {
     return scan.scanCounterRate[conn_established] / numCpus;
 }
 
-double ScanMBytesPerCpu(const ScanRates &scan, double numCpus) {
+double ScanHealthMetric(const ScanRates &scan, double numCpus) {
     return (scan.scanCounterRate[scanbytes_fwd] + scan.scanCounterRate[scanbytes_bwd]) / (numCpus * kBytesPerMiB);
 }
 
 /// compat 35: does not guard against a host without memory; the comparison follows from the result
-double FreeMemoryPercent(const HostMemory &memory) {
+double FreeMemoryHealthMetric(const HostMemory &memory) {
     return static_cast<double>(memory.vmStats[vmstat_freemem].value) * 100.0 /
            static_cast<double>(memory.vmStats[vmstat_phys_mem].value);
 }
 
 /// Traces a metric past its limit. @return whether it is.
-bool IsPastLimit(const SysHealthMetric &metric, double factor, const TraceSite &site) {
+bool IsHealthMetricPastLimit(const SysHealthMetric &metric, double factor, const TraceSite &site) {
     const double limit = metric.Limit(factor);
     if (metric.is_floor != 0) {
         if (!(limit > metric.value))
@@ -59,6 +59,10 @@ bool IsPastLimit(const SysHealthMetric &metric, double factor, const TraceSite &
 }
 
 }  // namespace
+
+double SysHealthMetric::Limit(double factor) const {
+    return is_floor != 0 ? threshold / factor : threshold * factor;
+}
 
 void ArmHealthMetrics(HealthMetrics &metrics, const HealthConfig &config) {
     auto &rows = metrics.sysHealthMetrics;
@@ -89,22 +93,22 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
         Trace(kEngineTrace, "rqlen=%f numCpus=%d rqlen_pct=%f", from.rqlen, from.numCpus, rq.value);
     }
     if (refusal.enabled != 0) {
-        refusal.value = RefusalPercent(from.scan);
+        refusal.value = RefusalHealthMetric(from.scan);
         Trace(kEngineTrace, "conn_halfopen2close=%f conn_new=%f conn_ref_pct=%f", rates[conn_halfopen2close],
               rates[conn_new], refusal.value);
     }
     if (established.enabled != 0) {
-        established.value = EstablishedPerCpu(from.scan, cpus);
+        established.value = EstablishedHealthMetric(from.scan, cpus);
         Trace(kEngineTrace, "conn_established=%f numCpus=%f conn_est_per_cpu=%f", rates[conn_established], cpus,
               established.value);
     }
     if (scan.enabled != 0) {
-        scan.value = ScanMBytesPerCpu(from.scan, cpus);
+        scan.value = ScanHealthMetric(from.scan, cpus);
         Trace(kEngineTrace, "scanbytes_fwd=%f scanbytes_bwd=%f numCpus=%f scan_mbytes_per_cpu=%f", rates[scanbytes_fwd],
               rates[scanbytes_bwd], cpus, scan.value);
     }
     if (freeMemory.enabled != 0) {
-        freeMemory.value = FreeMemoryPercent(from.memory);
+        freeMemory.value = FreeMemoryHealthMetric(from.memory);
         // compat 30: both in KiB, whatever the words say
         Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",
               from.memory.vmStats[vmstat_freemem].value, from.memory.vmStats[vmstat_phys_mem].value, freeMemory.value);
@@ -116,7 +120,7 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
 std::int32_t check_health_metric_thresholds(const HealthMetrics &metrics, double factor) {
     std::int32_t overCount = 0;
     for (const SysHealthMetric &metric : metrics.sysHealthMetrics)
-        if (metric.enabled != 0 && IsPastLimit(metric, factor, kEngineTrace))
+        if (metric.enabled != 0 && IsHealthMetricPastLimit(metric, factor, kEngineTrace))
             ++overCount;
     return overCount;
 }

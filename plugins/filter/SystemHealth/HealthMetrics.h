@@ -16,7 +16,7 @@ struct SysHealthMetric {
     std::int32_t enabled;
 
     /// The threshold that applies under a factor, for which 1.0 is none.
-    [[nodiscard]] double Limit(double factor) const { return is_floor != 0 ? threshold / factor : threshold * factor; }
+    [[nodiscard]] double Limit(double factor) const;
 };
 
 /// Rows of the table: the order of evaluation, of the log line and of the read-out.

@@ -1,24 +1,15 @@
 #include "HealthPolicy.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <string>
 
 #include <cJSON.h>
 
-#include "FileHandle.h"
 #include "HealthTrace.h"
+#include "Json.h"
 #include "common/Trace.h"
-#include "common/Unique.h"
 
 namespace {
-
-constexpr char kCloudConfigFile[] = "C:\\ProgramData\\Quillon\\Vantry Agent\\diag\\vt_filter_json.log";
-constexpr char kValueKey[] = "value";
-
-using Json = Unique<cJSON *, cJSON_Delete>;
-using JsonText = Unique<char *, cJSON_free>;
 
 /// A number as the argument of a "%s", which becomes text only if the line is wanted.
 struct NumberText {
@@ -42,7 +33,8 @@ public:
             case cJSON_Number:
                 TakeNumber(entry, item);
                 break;
-            default:  // none of the rows; compat 123: misspelt
+            // not reached: no row has another type; compat 123: misspelt
+            default:
                 Trace(Engine(), "unsupport json type[%d]", item.type);
                 entry.is_set = 0;
         }
@@ -52,7 +44,7 @@ public:
 private:
     /// A threshold is an object that holds the number, which must be above 0.
     void TakeThreshold(SysHealthConfigEntry &entry, const cJSON &item) {
-        const cJSON *const value = cJSON_GetObjectItem(&item, kValueKey);
+        const cJSON *const value = cJSON_GetObjectItem(&item, kPolicyValueKey);
         if (value == nullptr)
             return;
         m_lastThreshold = value->valuedouble;
@@ -92,7 +84,7 @@ private:
 
 /// Takes back durations that make no sense.
 /// @return how many.
-std::int32_t InvalidateDurations(HealthConfig &config) {
+std::int32_t InvalidatePolicyDurations(HealthConfig &config) {
     const SysHealthConfigEntry &minimum = config[SYS_CONF_MIN_ACT_DURATION];
     const SysHealthConfigEntry &maximum = config[SYS_CONF_MAX_ACT_DURATION];
     std::int32_t invalid = 0;
@@ -115,7 +107,7 @@ std::int32_t InvalidateDurations(HealthConfig &config) {
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
 /// behind the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
-const char *FindOverlongNumber(const char *json) {
+const char *FindOverlongPolicyNumber(const char *json) {
     constexpr std::size_t maxCharacters = 65'536;
     bool inString = false;
     int depth = 0;
@@ -146,7 +138,7 @@ struct ParsedPolicy {
 };
 
 ParsedPolicy ParsePolicy(const char *json) {
-    if (const char *const number = FindOverlongNumber(json))
+    if (const char *const number = FindOverlongPolicyNumber(json))
         return {nullptr, number};
     ParsedPolicy parsed{Json(cJSON_ParseWithOpts(json, nullptr, 0))};
     if (!parsed.root) {
@@ -156,22 +148,6 @@ ParsedPolicy ParsePolicy(const char *json) {
             parsed.error = place;
     }
     return parsed;
-}
-
-/// Adds one value to the root. A number that finds no memory is left out.
-/// @return false if there is no memory for the object around it.
-bool AddConfigEntry(cJSON &root, const SysHealthConfigEntry &entry) {
-    if (entry.json_type == cJSON_Number) {
-        (void)cJSON_AddNumberToObject(&root, entry.policy_key, entry.value);
-        return true;
-    }
-    Json object(cJSON_CreateObject());
-    if (!object)
-        return false;
-    (void)cJSON_AddNumberToObject(object.get(), kValueKey, entry.value);
-    if (cJSON_AddItemToObject(&root, entry.policy_key, object.get()) != 0)
-        (void)object.release();  // the root's from here on
-    return true;
 }
 
 }  // namespace
@@ -191,46 +167,15 @@ std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, st
     for (SysHealthConfigEntry &entry : config)
         if (const cJSON *const item = cJSON_GetObjectItem(policy.root.get(), entry.policy_key))
             reader.TakeItem(entry, *item);
-    const std::int32_t count = reader.Count() - InvalidateDurations(config);
-    ApplyUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open (from policy)");
+    const std::int32_t count = reader.Count() - InvalidatePolicyDurations(config);
+    ApplyConfiguredUnloadDriver(config, dom, kConfigTrace, "Windows driver unload enabled for fail-open (from policy)");
     policy.root.reset();
 
-    if (IsSystemHealthDisabled(config, kConfigTrace))
+    if (IsDisabledByHealthConfig(config, kConfigTrace))
         return 0;
     if (activated != 0)
         config.DisableDriverMetrics();
     if (count > 0)  // compat 28: the file reader's text; only the traced function differs
         Trace(kConfigTrace, "readSystemHealthConfig returning %d", count);
     return count;
-}
-
-bool outputCloudConfig(const HealthConfig &config) {
-    const Json root(cJSON_CreateObject());
-    if (!root) {
-        Trace(kEngineTrace, "Fail to cJSON_CreateObject for root");
-        return false;
-    }
-    for (const SysHealthConfigEntry &entry : config) {
-        if (entry.is_set == 1 && !AddConfigEntry(*root, entry)) {
-            Trace(kEngineTrace, "Fail to cJSON_CreateObject for object");
-            return false;
-        }
-    }
-    const JsonText text(cJSON_Print(root.get()));
-    if (!text) {
-        Trace(kEngineTrace, "Fail to print JSON");
-        return false;
-    }
-    const FileHandle file(std::fopen(kCloudConfigFile, "w"));
-    if (!file) {
-        Trace(kEngineTrace, "Failed to open file of json config for writing.");
-        return false;
-    }
-    // Not fprintf, which MinGW's runtime reports as done whatever became of the characters.
-    const std::string line = std::string(text.get()) + "\n";
-    if (std::fputs(line.c_str(), file.get()) < 0 || std::fflush(file.get()) != 0) {
-        Trace(kEngineTrace, "Failed to write json config to file");
-        return false;
-    }
-    return true;
 }

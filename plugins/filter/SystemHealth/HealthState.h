@@ -8,7 +8,7 @@
 #include "Backoff.h"
 #include "HealthConfig.h"
 #include "HealthMetrics.h"
-#include "HostSample.h"
+#include "HostMemory.h"
 #include "ScanMetrics.h"
 
 struct HealthState {

@@ -5,8 +5,9 @@
 
 #include <wx/log.h>
 
-#include "HealthConfig.h"
+#include "HealthState.h"
 #include "HealthTrace.h"
+#include "SystemHealth.h"
 #include "common/DriverFailure.h"
 #include "common/DriverHandle.h"
 #include "common/Trace.h"
@@ -40,7 +41,7 @@ std::int32_t set_scan_metrics_config(vti_handle_t *handle, std::uint16_t port, s
     ports[port / bitsPerWord] = 1U << (port % bitsPerWord);
     const std::int32_t code = vti_set_scan_monitoring(handle, request.get());
     if (code != 0) {
-        const wxString error = DriverErrorText(handle, kErrorBytes);
+        const wxString error = DriverFailureText(handle, kErrorBytes);
         wxLogError("vti_set_scan_monitoring failed rc= %d buf{%s}", code, error);
     }
     return code;
@@ -56,13 +57,13 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
     record.row_count = 1;
     const std::int32_t code = vti_get_scan_metrics(handle, &record, sizeof(record));
     if (code != 0) {
-        const wxString error = DriverErrorText(handle, kErrorBytes);
+        const wxString error = DriverFailureText(handle, kErrorBytes);
         wxLogError("vti_get_scan_metrics failed rc= %d, buf{%s}", code, error);
     }
     return code;
 }
 
-std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &config, const TraceSite &iteration) {
+std::optional<ScanMetricsRecord> RunScanDriverPass(ScanRates &scan, HealthConfig &config, const TraceSite &iteration) {
     const TraceSite site(kScanTrace, iteration.place);
     const ScanTarget target = ConfiguredScanTarget(config);
     const DriverHandle handle(vti_open());
@@ -83,7 +84,7 @@ std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &co
         get_scan_metrics(handle.get(), static_cast<std::uint16_t>(scan.scanPort), target.outbound, *record);
     if (code != 0) {
         // compat 33: goes on without the driver's metrics in spite of the text
-        const wxString error = DriverErrorText(handle.get(), kErrorBytes);
+        const wxString error = DriverFailureText(handle.get(), kErrorBytes);
         wxLogError("get_scan_metrics() failed rc=%d, exiting, buf{%s}", code, error);
         config.DisableDriverMetrics();
         return std::nullopt;
@@ -91,7 +92,7 @@ std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &co
     return record;
 }
 
-void RunRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t) {
+void RunScanRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t) {
     const auto rows = static_cast<std::int32_t>(record.row_count);
     // The driver's word is taken for how many counters it has filled, but the record has room for no more.
     const std::int32_t counters =
@@ -110,4 +111,16 @@ void RunRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_
     }
     std::copy_n(record.counters, counters, scan.scanCounterPrev);
     scan.baselineCounters = std::max(scan.baselineCounters, counters);
+}
+
+// compat 54: shows the configured port, not the one that the driver knows. The configuration has another lock
+int GetScanMetricPort(lua_State *L) {
+    Trace(kReadOutTrace, "GetScanMetricPort() called");
+    const wxCriticalSectionLocker lock(healthState.lock);
+    const std::optional<std::uint16_t> port =
+        healthState.sysHealthEnabled == 1 ? healthState.config.Port() : std::nullopt;
+    lua_pushboolean(L, port ? 1 : 0);
+    lua_pushinteger(L, port.value_or(0));
+    Trace(kEngineTrace, "GetScanMetricPort() returning");  // compat 53: on the engine's component, unlike the entry
+    return 2;
 }

@@ -42,8 +42,8 @@ std::int32_t get_scan_metrics(vti_handle_t *handle, std::uint16_t port, std::int
 /// Opens the driver and reads its counters, for the port that is configured.
 /// @param iteration  in whose name it is traced.
 /// @return nothing if that failed; the metrics that need the driver are then out of this pass.
-std::optional<ScanMetricsRecord> RunDriverPass(ScanRates &scan, HealthConfig &config, const TraceSite &iteration);
+std::optional<ScanMetricsRecord> RunScanDriverPass(ScanRates &scan, HealthConfig &config, const TraceSite &iteration);
 
 /// Turns the counters into rates; the first pass only lays the baseline.
 /// @param delta_t  seconds since the previous iteration; 0 is not guarded.
-void RunRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t);
+void RunScanRatePass(ScanRates &scan, const ScanMetricsRecord &record, double delta_t);

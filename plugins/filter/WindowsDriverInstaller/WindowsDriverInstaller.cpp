@@ -20,28 +20,30 @@
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.Callout.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.FilterComponent.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.InfFiles.cpp"
-#include "WindowsDriverInstaller/threads/CDriverInstallerThread.Installation.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerThread.UnsuitableAdapters.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerThread.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.AdapterRestart.cpp"
-#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Arp.cpp"
-#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Decision.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.ArpAndTraffic.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Installation.cpp"
 #include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.NetworkRecovery.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.Versions.cpp"
+#include "WindowsDriverInstaller/threads/CDriverInstallerWatchdog.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Callout.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.FilterComponent.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.InfFiles.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Log.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.NetCfg.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Orphans.cpp"
-#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Removal.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Registry.cpp"
 #include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Steps.cpp"
-#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.Watch.cpp"
+#include "WindowsDriverInstaller/threads/CDriverUninstallerThread.cpp"
 #include "WindowsDriverInstaller/threads/DestroyOnceEnded.cpp"
 #include "WindowsDriverInstaller/threads/WatchAndKill.cpp"
 
 namespace {
 
 /// The watchdog has made no progress for an hour. compat 150: it is neither ended nor freed
-void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
+void ReportInstallOrUpdateStall(VtaCore::CDom &dom, InstallStatus &status) {
     VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     wxString stack;
     {
@@ -53,7 +55,7 @@ void ReportStall(VtaCore::CDom &dom, InstallStatus &status) {
 }
 
 /// @return false when there was no progress for an hour; otherwise what the watchdog made of it so far.
-bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
+bool FollowInstallOrUpdate(VtaCore::CDom &dom, InstallStatus &status) {
     constexpr std::uint32_t warnAfterMs = 60'000;
     constexpr std::uint32_t giveUpAfterMs = 3'600'000;
     constexpr unsigned long pollMs = 250;
@@ -62,7 +64,7 @@ bool FollowInstallation(VtaCore::CDom &dom, InstallStatus &status) {
         const std::uint32_t lastProgress = status.lastProgress;
         const std::uint32_t elapsed = VtaCore::SystemTickCount() - lastProgress;
         if (elapsed > giveUpAfterMs) {
-            ReportStall(dom, status);
+            ReportInstallOrUpdateStall(dom, status);
             return false;
         }
         // Once per stall.
@@ -82,21 +84,21 @@ bool InstallOrUpdateDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, co
     const auto status = std::make_shared<InstallStatus>();
     auto watchdog = std::make_unique<CDriverInstallerWatchdog>(&dom, status, ndisDriverDir, wfpDriverDir);
     RemoveHealthCheckFiles();
-    if (!MakeAndStart(*watchdog)) {
+    if (!MakeAndStartThread(*watchdog)) {
         // The thread was created and must never run. wxThread's own kill may delete a detached object, so it is not
         // used.
         (void)TerminateThread(watchdog->MSWGetHandle(), 0);
         return false;
     }
     (void)watchdog.release();  // it deletes itself
-    return FollowInstallation(dom, *status);
+    return FollowInstallOrUpdate(dom, *status);
 }
 
 bool UninstallDriver(VtaCore::CDom &dom, const wxString &ndisDriverDir, const wxString &wfpDriverDir) {
     PrepareStackDump();
     auto thread = std::make_unique<CDriverUninstallerThread>(&dom, ndisDriverDir, wfpDriverDir);
-    if (!MakeAndStart(*thread))
-        KillUnstarted(*thread);
+    if (!MakeAndStartThread(*thread))
+        KillUnstartedThread(*thread);
     wxThread::Sleep(kThreadStartMs);
     const bool wasKilled = WatchAndKill(*thread, [] {}).has_value();
     const bool succeeded = !wasKilled && thread->succeeded;

@@ -4,8 +4,8 @@
 #include <oleauto.h>
 
 #include "FirewallTrace.h"
-#include "FirewallObjects.h"
 #include "WindowsFirewall.h"
+#include "WindowsFirewallInitialize.h"
 #include "common/RequireObject.h"
 #include "common/Unique.h"
 
@@ -16,7 +16,7 @@ namespace {
 using ComText = Unique<BSTR, SysFreeString>;
 
 /// compat 141: an empty text counts as one that there was no memory for
-HRESULT MakeComText(const wchar_t *text, ComText &made, const TraceLine &line) {
+HRESULT MakeApplicationText(const wchar_t *text, ComText &made, const TraceLine &line) {
     made.reset(SysAllocString(text));
     const HRESULT hr = SysStringLen(made.get()) == 0 ? E_OUTOFMEMORY : S_OK;
     return TraceIfFailed(hr, "SysAllocString failed: 0x%08lx", line);
@@ -37,7 +37,7 @@ HRESULT WindowsFirewallAppIsEnabled(INetFwProfile *profile, const wchar_t *path,
         return hr;
     ComPtr<INetFwAuthorizedApplication> application;
     ComText name;
-    hr = MakeComText(path, name, site);
+    hr = MakeApplicationText(path, name, site);
     if (FAILED(hr))
         return hr;
     if (FAILED(applications->Item(name.get(), &application)) || !application)
@@ -62,13 +62,13 @@ HRESULT AddAuthorizedApplication(INetFwAuthorizedApplications *applications, con
         return hr;
     ComText file;
     ComText name;
-    hr = MakeComText(path, file, site);
+    hr = MakeApplicationText(path, file, site);
     if (FAILED(hr))
         return hr;
     hr = application->put_ProcessImageFileName(file.get());
     if (FAILED(TraceIfFailed(hr, "put_ProcessImageFileName failed: 0x%08lx", site)))
         return hr;
-    hr = MakeComText(displayName, name, site);
+    hr = MakeApplicationText(displayName, name, site);
     if (FAILED(hr))
         return hr;
     hr = application->put_Name(name.get());
@@ -99,7 +99,7 @@ HRESULT DoWindowsFirewallRemoveApp(INetFwProfile *profile, const wchar_t *path) 
     ComText name;
     HRESULT hr = GetAuthorizedApplications(profile, applications, site);
     if (SUCCEEDED(hr))
-        hr = MakeComText(path, name, site);
+        hr = MakeApplicationText(path, name, site);
     if (FAILED(hr))
         return hr;
     hr = applications->Remove(name.get());
@@ -107,8 +107,8 @@ HRESULT DoWindowsFirewallRemoveApp(INetFwProfile *profile, const wchar_t *path) 
 }
 
 /// Does the work on the current profile, with COM around it.
-bool DoWithCurrentProfile(const std::function<HRESULT(INetFwProfile *)> &work, const TraceSite &site) {
-    if (!StartCom(site))
+bool DoWithApplicationsOfProfile(const std::function<HRESULT(INetFwProfile *)> &work, const TraceSite &site) {
+    if (!InitializeFirewallCom(site))
         return false;
     {
         ComPtr<INetFwPolicy2> policy;
@@ -127,7 +127,7 @@ bool DoWithCurrentProfile(const std::function<HRESULT(INetFwProfile *)> &work, c
     return false;
 }
 
-wxString TextArgument(const char *text) {
+wxString FirewallApplicationText(const char *text) {
     return text == nullptr ? wxString() : wxString::FromUTF8(text);
 }
 
@@ -135,19 +135,19 @@ wxString TextArgument(const char *text) {
 
 bool WindowsFirewallAddApp(const char *path, const char *displayName) {
     const TraceSite site(kFirewallTrace);
-    const wxString file = TextArgument(path);
-    const wxString name = TextArgument(displayName);
+    const wxString file = FirewallApplicationText(path);
+    const wxString name = FirewallApplicationText(displayName);
     Trace(site, "WindowsFirewallAddApp called with path = %s displayName = %s", file, name);
-    return DoWithCurrentProfile(
+    return DoWithApplicationsOfProfile(
         [&](INetFwProfile *profile) { return DoWindowsFirewallAddApp(profile, file.wc_str(), name.wc_str()); }, site);
 }
 
 bool WindowsFirewallRemoveApp(const char *path) {
     const TraceSite site(kFirewallTrace);
-    const wxString file = TextArgument(path);
+    const wxString file = FirewallApplicationText(path);
     Trace(site, "WindowsFirewallRemoveApp called with path = %s", file);
     // compat 140: logs a failure under the add's name
-    return DoWithCurrentProfile(
+    return DoWithApplicationsOfProfile(
         [&](INetFwProfile *profile) { return DoWindowsFirewallRemoveApp(profile, file.wc_str()); }, site);
 }
 

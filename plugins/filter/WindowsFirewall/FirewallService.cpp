@@ -1,12 +1,10 @@
 #include "FirewallService.h"
 
 #include "FirewallTrace.h"
+#include "FirewallVersionRecord.h"
 #include "common/Unique.h"
-#include "common/WindowsVersion.h"
 
 namespace WindowsFirewall {
-
-OSVERSIONINFOEXW osVersionRecord;
 
 namespace {
 
@@ -69,7 +67,7 @@ Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const 
     return Opening::NoSuchService;
 }
 
-bool SetFirewallStartType(const UniqueService &service, DWORD startType) {
+bool SetServiceStartType(const UniqueService &service, DWORD startType) {
     return ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
                                 nullptr, nullptr, nullptr, nullptr, nullptr) != 0;
 }
@@ -77,13 +75,13 @@ bool SetFirewallStartType(const UniqueService &service, DWORD startType) {
 /// compat 147: never leaves the service enabled; it runs on with its start type as found
 bool StartDisabledService(const UniqueService &service, const TraceSite &site) {
     Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
-    if (!SetFirewallStartType(service, SERVICE_DEMAND_START)) {
+    if (!SetServiceStartType(service, SERVICE_DEMAND_START)) {
         TraceServiceError(site, "Error enabling '%.64s' service: %#08x", GetLastError());
         return false;
     }
     const bool started = ::StartServiceW(service.get(), 0, nullptr) != 0;
     const DWORD error = GetLastError();
-    (void)SetFirewallStartType(service, SERVICE_DISABLED);
+    (void)SetServiceStartType(service, SERVICE_DISABLED);
     if (!started)
         TraceServiceError(site, "Error starting '%.64s' service after enabling it: %#08x", error);
     return started;
@@ -100,7 +98,7 @@ bool StartStoppedService(const UniqueService &service, const TraceSite &site) {
 }
 
 /// Of a service that has stopped after it was started.
-void TraceExitCodes(const SERVICE_STATUS &status, const TraceLine &line) {
+void TraceServiceExitCodes(const SERVICE_STATUS &status, const TraceLine &line) {
     Trace(line, "Service '%.64s' stopped with Windows error code %#08x, service-specific code %#08x", kService,
           static_cast<unsigned>(status.dwWin32ExitCode), static_cast<unsigned>(status.dwServiceSpecificExitCode));
 }
@@ -129,7 +127,7 @@ bool AwaitRunningService(FirewallServiceHandles &opened, bool &running, bool sta
             return true;
         }
         if (attempted) {
-            TraceExitCodes(status, site);
+            TraceServiceExitCodes(status, site);
             return false;
         }
         attempted = true;
@@ -160,21 +158,9 @@ bool AwaitStoppedService(FirewallServiceHandles &opened, const TraceSite &site) 
 
 }  // namespace
 
-void FillOsVersionRecord() {
-    // compat 144: the size marks the record as filled, even if the version can't be read
-    constexpr DWORD filled = sizeof(OSVERSIONINFOW);
-    if (osVersionRecord.dwOSVersionInfoSize == filled)
-        return;
-    (void)QueryWindowsVersion(osVersionRecord, filled);
-}
-
-bool IsVistaOrLater() {
-    return osVersionRecord.dwMajorVersion >= 6;
-}
-
 bool StartFirewallService(bool *running, bool start) {
     *running = true;
-    if (!IsVistaOrLater()) {
+    if (!IsRecordedVersionVistaOrLater()) {
         Trace(kFirewallTrace, "Windows version is %d, which is less than Vista, attempting to start service",
               static_cast<int>(osVersionRecord.dwMajorVersion));
         return StartServiceW(running, start);
@@ -183,9 +169,19 @@ bool StartFirewallService(bool *running, bool start) {
     return true;
 }
 
+bool IsFirewallServiceRunning(bool *running) {
+    return StartFirewallService(running, false);
+}
+
+bool EnsureFirewallServiceRuns(bool *wasRunning) {
+    return StartFirewallService(wasRunning, true);
+}
+
 void StopFirewallService(bool *wasRunning) {
-    if (!IsVistaOrLater())
+    // not reached: from Vista on the service counts as running before, and nobody stops it
+    if (!IsRecordedVersionVistaOrLater())
         (void)StopService(wasRunning);
+    // not reached: the same
     else
         Trace(kFirewallTrace, "OS is Vista or greater - no need to stop the SharedAccess service.");
 }

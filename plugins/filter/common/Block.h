@@ -8,4 +8,4 @@
 
 /// A record in a block of malloc or calloc.
 template <typename Record>
-using Block = std::unique_ptr<Record, GiveBackBy<std::free>>;
+using Block = std::unique_ptr<Record, UniqueDeleter<std::free>>;

@@ -14,7 +14,7 @@ constexpr int kDriverFailureEvent = 1001;
 
 /// The text of the handle's last failure, for a message.
 /// @param size  bytes that the library is offered; a text that fills them has no end mark.
-inline wxString DriverErrorText(vti_handle_t *handle, std::uint32_t size) {
+inline wxString DriverFailureText(vti_handle_t *handle, std::uint32_t size) {
     std::vector<char> text(size + 1);
     vti_get_error(handle, text.data(), size);
     return LibraryTextForMessage(text.data());

@@ -7,7 +7,7 @@
 
 namespace {
 
-wxString TextWithReplacements(const char *text) {
+wxString MessageTextWithReplacements(const char *text) {
     std::wstring wide(std::strlen(text) + 1, L'\0');  // no code page makes two characters of one byte
     (void)MultiByteToWideChar(CP_ACP, 0, text, -1, wide.data(), static_cast<int>(wide.size()));
     return wide.front() != L'\0' ? wxString(wide.c_str()) : wxString(text, wxConvISO8859_1);
@@ -15,11 +15,15 @@ wxString TextWithReplacements(const char *text) {
 
 }  // namespace
 
+wxString TextForMessage(const char *text) {
+    return wxString(text, wxConvWhateverWorks);
+}
+
 wxString LibraryTextForMessage(const char *text) {
     if (text == nullptr || *text == '\0')
         return {};
     wxString wide(text, wxConvLibc);
     if (wide.empty())
         wide = wxString::FromUTF8(text);
-    return wide.empty() ? TextWithReplacements(text) : wide;
+    return wide.empty() ? MessageTextWithReplacements(text) : wide;
 }

@@ -4,9 +4,7 @@
 #include <wx/string.h>
 
 /// A text that is UTF-8 as a rule, such as a script's: read as that, else in the code page, else in Latin-1.
-inline wxString TextForMessage(const char *text) {
-    return wxString(text, wxConvWhateverWorks);
-}
+wxString TextForMessage(const char *text);
 
 /// A text that is in the code page as a rule, such as a library's: read in that, else in UTF-8. What is neither is read
 /// in the code page, with its replacement for what is no character there, such as one that the library has cut in two.

@@ -13,14 +13,14 @@ using Acl = Unique<ACL *, LocalFree>;
 using Sid = Unique<PSID, FreeSid>;
 
 /// S-1-1-0. @return null with the last error.
-Sid MakeEveryone() {
+Sid MakeOwnershipSidOfEveryone() {
     SID_IDENTIFIER_AUTHORITY world = {SECURITY_WORLD_SID_AUTHORITY};
     PSID sid = nullptr;
     return Sid(AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &sid) != 0 ? sid : nullptr);
 }
 
 /// S-1-5-32-544. @return null with the last error.
-Sid MakeAdministrators() {
+Sid MakeOwnershipSidOfAdministrators() {
     SID_IDENTIFIER_AUTHORITY nt = {SECURITY_NT_AUTHORITY};
     PSID sid = nullptr;
     return Sid(AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0,
@@ -29,7 +29,7 @@ Sid MakeAdministrators() {
                    : nullptr);
 }
 
-EXPLICIT_ACCESS_W FullAccessFor(const Sid &sid, TRUSTEE_TYPE type) {
+EXPLICIT_ACCESS_W OwnershipFullAccessFor(const Sid &sid, TRUSTEE_TYPE type) {
     EXPLICIT_ACCESS_W access = {};
     access.grfAccessPermissions = GENERIC_ALL;
     access.grfAccessMode = SET_ACCESS;
@@ -41,15 +41,15 @@ EXPLICIT_ACCESS_W FullAccessFor(const Sid &sid, TRUSTEE_TYPE type) {
 }
 
 /// @return null on failure.
-Acl MakeKeyAcl(const Sid &everyone, const Sid &administrators) {
-    std::array<EXPLICIT_ACCESS_W, 2> entries{FullAccessFor(everyone, TRUSTEE_IS_WELL_KNOWN_GROUP),
-                                             FullAccessFor(administrators, TRUSTEE_IS_GROUP)};
+Acl MakeOwnershipAcl(const Sid &everyone, const Sid &administrators) {
+    std::array<EXPLICIT_ACCESS_W, 2> entries{OwnershipFullAccessFor(everyone, TRUSTEE_IS_WELL_KNOWN_GROUP),
+                                             OwnershipFullAccessFor(administrators, TRUSTEE_IS_GROUP)};
     ACL *acl = nullptr;
     const DWORD error = SetEntriesInAclW(static_cast<ULONG>(entries.size()), entries.data(), nullptr, &acl);
     return Acl(error == ERROR_SUCCESS ? acl : nullptr);
 }
 
-unsigned SetKeyAcl(wchar_t *objectName, const Acl &acl) {
+unsigned SetOwnershipAcl(wchar_t *objectName, const Acl &acl) {
     return SetNamedSecurityInfoW(objectName, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, acl.get(),
                                  nullptr);
 }
@@ -76,7 +76,7 @@ void LogOwnershipError(const OwnershipLog &log, const char *format) {
 /// Makes the Administrators the owner, with a privilege that is enabled for that alone.
 /// @return false after a line in the log. Nothing is undone then: an owner once set stays, and so does the privilege if
 /// it was not disabled yet.
-bool MakeKeyOwner(const OwnershipLog &log, wchar_t *objectName, const Sid &owner, UniqueHandle &token) {
+bool TakeKeyOwnership(const OwnershipLog &log, wchar_t *objectName, const Sid &owner, UniqueHandle &token) {
     HANDLE opened = nullptr;
     if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &opened) == 0) {
         LogOwnershipError(log, "TakeOwnership: OpenProcessToken failed: %u");
@@ -106,31 +106,31 @@ bool MakeKeyOwner(const OwnershipLog &log, wchar_t *objectName, const Sid &owner
 void TakeOwnership(const OwnershipLog &log, wchar_t *objectName) {
     UniqueHandle token;  // closed last
     Acl acl;
-    const Sid everyone = MakeEveryone();
+    const Sid everyone = MakeOwnershipSidOfEveryone();
     if (!everyone) {
         LogOwnershipError(log, "TakeOwnership: AllocateAndInitializeSid (Everyone) error %u");
         return;
     }
-    const Sid administrators = MakeAdministrators();
+    const Sid administrators = MakeOwnershipSidOfAdministrators();
     if (!administrators) {
         LogOwnershipError(log, "TakeOwnership: AllocateAndInitializeSid (Admin) error %u");
         return;
     }
-    acl = MakeKeyAcl(everyone, administrators);
+    acl = MakeOwnershipAcl(everyone, administrators);
     if (!acl) {
         log("TakeOwnership: Failed SetEntriesInAcl");
         return;
     }
-    unsigned error = SetKeyAcl(objectName, acl);
+    unsigned error = SetOwnershipAcl(objectName, acl);
     if (error == ERROR_SUCCESS)
         return;
     if (error != ERROR_ACCESS_DENIED) {
         log(wxString::Format("TakeOwnership: First SetNamedSecurityInfo call failed: %u", error));
         return;
     }
-    if (!MakeKeyOwner(log, objectName, administrators, token))
+    if (!TakeKeyOwnership(log, objectName, administrators, token))
         return;
-    error = SetKeyAcl(objectName, acl);
+    error = SetOwnershipAcl(objectName, acl);
     if (error != ERROR_SUCCESS)
         log(wxString::Format("TakeOwnership: Second SetNamedSecurityInfo call failed: %u", error));
 }

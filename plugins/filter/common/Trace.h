@@ -43,15 +43,14 @@ struct TraceLine {
 };
 
 /// The file's name without the folders of the machine that built it.
-constexpr const char *FileNameOf(std::string_view path) {
-    const std::size_t slash = path.find_last_of("/\\");
-    return path.data() + (slash == path.npos ? 0 : slash + 1);
+constexpr const char *TraceFileNameOf(std::string_view path) {
+    return path.data() + (path.find_last_of("/\\") + 1);  // without a folder that is npos + 1, which is 0
 }
 
 /// The name of a function, with its namespaces and classes, from the text that the compiler makes of it:
 /// "bool Filter::Diagnostics::IsDriverOpen(vti_handle_t*)" is Filter::Diagnostics::IsDriverOpen. Unnamed namespaces are
 /// left out.
-inline std::string FunctionNameOf(std::string_view signature) {
+inline std::string TraceFunctionNameOf(std::string_view signature) {
     std::string name(signature);
     for (const std::string_view unnamed : {"{anonymous}::", "<unnamed>::",  // GCC
                                            "(anonymous namespace)::",       // clang
@@ -94,7 +93,7 @@ template <typename... Arguments>
 void Trace(const TraceLine &line, const wxFormatString &format, const Arguments &...arguments) {
     if (!VtaCore::LogTraceIsEnabled(line.component))
         return;
-    VtaCore::LogTrace(line.component, FileNameOf(line.place.file_name()), static_cast<int>(line.place.line()),
-                      FunctionNameOf(line.function.function_name()).c_str(),
+    VtaCore::LogTrace(line.component, TraceFileNameOf(line.place.file_name()), static_cast<int>(line.place.line()),
+                      TraceFunctionNameOf(line.function.function_name()).c_str(),
                       wxString::Format(format, TraceArgument(arguments)...));
 }

@@ -1,7 +1,7 @@
 // Owners of what the system or a library hands out and wants back. One template for all: it names the function that
 // takes the thing back.
 //     using DeviceList = Unique<HDEVINFO, SetupDiDestroyDeviceInfoList>;
-//     const DeviceList list(ValidHandle(SetupDiGetClassDevsW(...)));
+//     const DeviceList list(UniqueHandleOrNull(SetupDiGetClassDevsW(...)));
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@
 /// Gives a thing back by one call, whose result nobody needs. The thread's last error stays: it may be that of the
 /// failure that ends the owner's scope.
 template <auto GiveBack>
-struct GiveBackBy {
+struct UniqueDeleter {
     template <typename Thing>
     void operator()(Thing *thing) const {
         const DWORD error = GetLastError();
@@ -24,7 +24,7 @@ struct GiveBackBy {
 /// Owns a handle or a block of memory; null stands for none.
 /// @tparam Pointer  the type as the functions of the thing have it, such as HANDLE or SC_HANDLE.
 template <typename Pointer, auto GiveBack>
-using Unique = std::unique_ptr<std::remove_pointer_t<Pointer>, GiveBackBy<GiveBack>>;
+using Unique = std::unique_ptr<std::remove_pointer_t<Pointer>, UniqueDeleter<GiveBack>>;
 
 /// A file, device, token, event or thread.
 using UniqueHandle = Unique<HANDLE, CloseHandle>;
@@ -34,6 +34,6 @@ using UniqueKey = Unique<HKEY, RegCloseKey>;
 using UniqueService = Unique<SC_HANDLE, CloseServiceHandle>;
 
 /// The handle that a function has returned which answers INVALID_HANDLE_VALUE for none. @return null for that.
-inline HANDLE ValidHandle(HANDLE returned) {
+inline HANDLE UniqueHandleOrNull(HANDLE returned) {
     return returned == INVALID_HANDLE_VALUE ? nullptr : returned;
 }

@@ -6,29 +6,29 @@
 
 namespace {
 
-bool IsTypeNamed(const char *name, const char *wanted) {
+bool IsUserdataTypeNamed(const char *name, const char *wanted) {
     return name && (name == wanted || std::strcmp(name, wanted) == 0);
 }
 
 /// The object that the instance holds, as the wanted type.
-void *ResolveInstance(const SLB3::SlbInstance &instance, const char *typeName) {
+void *ResolveUserdataInstance(const SLB3::SlbInstance &instance, const char *typeName) {
     if (!instance.resolve)
         return nullptr;
     const SLB3::SlbInstanceView view{&instance, &instance + 1};
     void *const object = instance.resolve(&view);
-    if (!object || IsTypeNamed(instance.typeName, typeName))
+    if (!object || IsUserdataTypeNamed(instance.typeName, typeName))
         return object;  // cppcheck-suppress returnDanglingLifetime; it does not lie in the view
     if (!instance.bases)
         return nullptr;
     for (const SLB3::SlbBaseEntry *base = instance.bases; base->marker != 0; ++base)
-        if (IsTypeNamed(base->name, typeName))
+        if (IsUserdataTypeNamed(base->name, typeName))
             return base->convert ? base->convert(object) : nullptr;
     return nullptr;
 }
 
 }  // namespace
 
-void *GetInstanceArg(lua_State *L, int index, const char *typeName) {
+void *GetUserdataArg(lua_State *L, int index, const char *typeName) {
     const auto *instance = static_cast<const SLB3::SlbInstance *>(lua_touserdata(L, index));
     // Another library's userdata may be shorter than the record; a light userdata has no length.
     if (!instance || lua_rawlen(L, index) < sizeof(SLB3::SlbInstance))
@@ -36,17 +36,17 @@ void *GetInstanceArg(lua_State *L, int index, const char *typeName) {
 
     const bool isConst = (instance->flags & SLB3::SlbInstance::kConstFlags) == SLB3::SlbInstance::kConstFlags;
     const int top = lua_gettop(L);
-    void *const object = ResolveInstance(*instance, typeName);
+    void *const object = ResolveUserdataInstance(*instance, typeName);
     lua_settop(L, top);  // the binder's functions may have used the stack
     return isConst ? nullptr : object;
 }
 
 VtaCore::CDom *GetDomArg(lua_State *L) {
-    return static_cast<VtaCore::CDom *>(GetInstanceArg(L, 1, kDomTypeName));
+    return static_cast<VtaCore::CDom *>(GetUserdataArg(L, 1, kDomTypeName));
 }
 
 VtaCore::CZipOutputStream *GetZipArg(lua_State *L, int index) {
-    return static_cast<VtaCore::CZipOutputStream *>(GetInstanceArg(L, index, kZipTypeName));
+    return static_cast<VtaCore::CZipOutputStream *>(GetUserdataArg(L, index, kZipTypeName));
 }
 
 const DriverHandleBlock *GetDriverHandleArg(lua_State *L, int index) {

@@ -20,12 +20,12 @@ static_assert(sizeof(DriverHandleBlock) == 8);
 
 /// The native object of the type, or of a class derived from it, at the index.
 /// @return null when there is none, when the object is gone, or when it is held as const.
-void *GetInstanceArg(lua_State *L, int index, const char *typeName);
+void *GetUserdataArg(lua_State *L, int index, const char *typeName);
 
-/// The agent's `SLB.Dom` at index 1, or null as with GetInstanceArg.
+/// The agent's `SLB.Dom` at index 1, or null as with GetUserdataArg.
 VtaCore::CDom *GetDomArg(lua_State *L);
 
-/// The `SLB.wx.ZipOutputStream` at the index, or null as with GetInstanceArg.
+/// The `SLB.wx.ZipOutputStream` at the index, or null as with GetUserdataArg.
 VtaCore::CZipOutputStream *GetZipArg(lua_State *L, int index);
 
 /// The driver handle's block at the index, or null when there is none; its word may be null.

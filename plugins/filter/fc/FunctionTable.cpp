@@ -12,7 +12,7 @@
 
 namespace {
 
-void RegisterFirstRound(lua_State *L) {
+void FillFunctionTableFirst(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterBound(L, filter, "EnableNativeFirewall", WindowsFirewall::EnableFirewall);
     RegisterBound(L, filter, "DisableNativeFirewall", WindowsFirewall::DisableFirewall);
@@ -34,7 +34,7 @@ void RegisterFirstRound(lua_State *L) {
     RegisterDirect(L, filter, "GetDriverStoppedByBLPTimestamp", GetDriverStoppedByBLPTimestamp);
 }
 
-void RegisterDriverInstaller(lua_State *L) {
+void AddDriverInstallerToFunctionTable(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterDirect(L, filter, "GetFileVersion", GetFileVersion);
     RegisterBound(L, filter, "InstallOrUpdateDriver", InstallOrUpdateDriver);
@@ -47,7 +47,7 @@ void RegisterDriverInstaller(lua_State *L) {
     RegisterBound(L, filter, "RestartNDISDriver", RestartNDISDriver);
 }
 
-void RegisterFirewallApplications(lua_State *L) {
+void AddFirewallApplicationsToFunctionTable(lua_State *L) {
     SLB3::Namespace filter(L, kFilterTableName);
     RegisterBound(L, filter, "WindowsFirewallAddApp", WindowsFirewall::WindowsFirewallAddApp);
     RegisterBound(L, filter, "WindowsFirewallRemoveApp", WindowsFirewall::WindowsFirewallRemoveApp);
@@ -57,8 +57,8 @@ void RegisterFirewallApplications(lua_State *L) {
 
 // A Lua error (no memory) in a round skips the end of its namespace, which costs the registry of this Lua state one
 // reference until the state is closed.
-void RegisterFilterFunctions(lua_State *L) {
-    RegisterFirstRound(L);
-    RegisterDriverInstaller(L);
-    RegisterFirewallApplications(L);
+void FillFunctionTable(lua_State *L) {
+    FillFunctionTableFirst(L);
+    AddDriverInstallerToFunctionTable(L);
+    AddFirewallApplicationsToFunctionTable(L);
 }

@@ -4,4 +4,4 @@
 #include <lua.hpp>
 
 /// Registers all functions of the module. Any number of states, on any threads.
-void RegisterFilterFunctions(lua_State *L);
+void FillFunctionTable(lua_State *L);

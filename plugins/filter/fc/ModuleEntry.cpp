@@ -12,7 +12,7 @@
 namespace {
 
 /// Hands the profiler's words to the driver-interface library, once per process.
-void InstallProfiler() {
+void InstallProfilerAtModuleEntry() {
     const wxCriticalSectionLocker lock(moduleInitLock);
     if (profilerInstalled == 0) {
         vti_set_profiler(&profiler_blockfilter, &profiler_running);
@@ -31,8 +31,8 @@ BOOL WINAPI DllMain(HINSTANCE instance, DWORD, LPVOID) {
 /// Lua: require "fc" yields true and leaves the module's functions in SLB.filter. Any number of
 /// states may open the module, on any threads.
 extern "C" int luaopen_fc(lua_State *L) {
-    InstallProfiler();
-    RegisterFilterFunctions(L);
+    InstallProfilerAtModuleEntry();
+    FillFunctionTable(L);
     lua_pushboolean(L, 1);
     return 1;
 }

@@ -17,19 +17,19 @@ inline void RegisterDirect(lua_State *L, SLB3::Table &table, const char *name, l
     table.rawSet(name);
 }
 
-constexpr lua_CFunction WrapperOf(IntFromVoid) {
+constexpr lua_CFunction RegistrationWrapperOf(IntFromVoid) {
     return CallIntVoid;
 }
-constexpr lua_CFunction WrapperOf(BoolFromBool) {
+constexpr lua_CFunction RegistrationWrapperOf(BoolFromBool) {
     return CallBoolBool;
 }
-constexpr lua_CFunction WrapperOf(BoolFromStr) {
+constexpr lua_CFunction RegistrationWrapperOf(BoolFromStr) {
     return CallBoolStr;
 }
-constexpr lua_CFunction WrapperOf(BoolFromStrStr) {
+constexpr lua_CFunction RegistrationWrapperOf(BoolFromStrStr) {
     return CallBoolStrStr;
 }
-constexpr lua_CFunction WrapperOf(BoolFromDomStrStr) {
+constexpr lua_CFunction RegistrationWrapperOf(BoolFromDomStrStr) {
     return CallBoolDomStrStr;
 }
 
@@ -39,6 +39,6 @@ void RegisterBound(lua_State *L, SLB3::Table &table, const char *name, Function 
     static_assert(sizeof(function) == 8);
     new (lua_newuserdata(L, sizeof(function))) Function(function);
     SLB3::internal::PushInfoUpvalue(L, SignatureRecord(function));
-    lua_pushcclosure(L, WrapperOf(function), 2);
+    lua_pushcclosure(L, RegistrationWrapperOf(function), 2);
     table.rawSet(name);
 }

@@ -1,5 +1,7 @@
 #include "SignatureRecords.h"
 
+#include "SLB3Info.h"
+
 namespace {
 
 using SLB3::BaseInfo;

@@ -6,7 +6,7 @@
 namespace {
 
 /// The message of the first rule that the adapter breaks; null if it breaks none.
-const char *ComplaintAbout(const TcpAdapter &before, const TcpAdapter &now) {
+const char *AdaptorHealthComplaint(const TcpAdapter &before, const TcpAdapter &now) {
     if (before.mediaConnectStatus == kMediaConnected && now.mediaConnectStatus != kMediaConnected)
         return "Adapter '%s' reported that it was connected and now it isn't; assuming it's not healthy.";
     if (before.deviceStatus == 0 && now.deviceStatus != 0)
@@ -31,7 +31,7 @@ bool AdaptorHealthChecker::operator()(const TcpAdapter &now) const {
         return true;
     }
     const auto before = m_before.find(now.bindName);
-    const char *complaint = before == m_before.end() ? nullptr : ComplaintAbout(*before->second, now);
+    const char *complaint = before == m_before.end() ? nullptr : AdaptorHealthComplaint(*before->second, now);
     if (complaint != nullptr) {
         Trace(kNdisTrace, complaint, now.displayName);
         return false;

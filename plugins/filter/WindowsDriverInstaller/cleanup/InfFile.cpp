@@ -6,7 +6,7 @@
 #include <windows.h>
 
 #include "InfScan.h"
-#include "ViewReading.h"
+#include "ReadView.h"
 #include "common/Unique.h"
 
 namespace {
@@ -19,16 +19,16 @@ struct InfFile {
     const wchar_t *driver = nullptr;
 };
 
-void FindDriver(void *file) {
+void FindDriverOfInfFile(void *file) {
     auto &inf = *static_cast<InfFile *>(file);
-    inf.driver = DriverNamedIn(inf.content);
+    inf.driver = ScanInfForDriver(inf.content);
 }
 
 }  // namespace
 
 const wchar_t *DriverOfInfFile(const std::wstring &path) {
-    const UniqueHandle file(ValidHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                                    FILE_FLAG_SEQUENTIAL_SCAN, nullptr)));
+    const UniqueHandle file(UniqueHandleOrNull(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                           OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr)));
     if (!file)
         return nullptr;
     // Not the size from the directory: the file may have shrunk since. From here on nobody can write to it.
@@ -43,5 +43,5 @@ const wchar_t *DriverOfInfFile(const std::wstring &path) {
         return nullptr;
     InfFile inf{{static_cast<const std::byte *>(view.get()), static_cast<std::size_t>(size.QuadPart)}};
     // A file with a bad sector can still be mapped.
-    return ReadView(inf.content, &FindDriver, &inf) ? inf.driver : nullptr;
+    return ReadView(inf.content, &FindDriverOfInfFile, &inf) ? inf.driver : nullptr;
 }

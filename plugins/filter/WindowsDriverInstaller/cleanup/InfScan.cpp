@@ -24,17 +24,17 @@ struct DriverName {
 };
 constexpr std::array<DriverName, 2> kDriverNames{{{"qbimvta", L"qbimvta"}, {"qbimwfp", L"qbimwfp"}}};
 
-bool IsName(const char *text, const DriverName &name) {
+bool IsInfScanName(const char *text, const DriverName &name) {
     return _strnicmp(text, name.narrow, kNameLength) == 0;
 }
 
-bool IsName(const wchar_t *text, const DriverName &name) {
+bool IsInfScanName(const wchar_t *text, const DriverName &name) {
     return _wcsnicmp(text, name.wide, kNameLength) == 0;
 }
 
 /// How often each driver is named in one file.
 template <typename Character>
-class NameCounts {
+class InfScanCounts {
 public:
     /// Counts a name that begins here.
     /// @return the driver that is now named often enough; null if none is.
@@ -46,7 +46,7 @@ public:
         if (text[0] != kFirstLetter || (text[1] != 'b' && text[1] != 'B'))
             return nullptr;
         for (std::size_t i = 0; i < kDriverNames.size(); ++i)
-            if (IsName(text.data(), kDriverNames[i]) && ++m_counts[i] == kEnoughNames)
+            if (IsInfScanName(text.data(), kDriverNames[i]) && ++m_counts[i] == kEnoughNames)
                 return kDriverNames[i].wide;
         return nullptr;
     }
@@ -56,14 +56,14 @@ private:
 };
 
 /// Sets all bits of each of these 16 bytes that is the first letter.
-__m128i MarkFirstLetters(const std::byte *bytes) {
+__m128i MarkInfScanLetters(const std::byte *bytes) {
     return _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes)), _mm_set1_epi8(kFirstLetter));
 }
 
 /// A bit for each byte of the block that is the first letter; bit 0 for its first byte.
-std::uint64_t FirstLettersIn(const std::byte *block) {
-    const __m128i marks[] = {MarkFirstLetters(block), MarkFirstLetters(block + 16), MarkFirstLetters(block + 32),
-                             MarkFirstLetters(block + 48)};
+std::uint64_t InfScanLettersIn(const std::byte *block) {
+    const __m128i marks[] = {MarkInfScanLetters(block), MarkInfScanLetters(block + 16), MarkInfScanLetters(block + 32),
+                             MarkInfScanLetters(block + 48)};
     const __m128i any = _mm_or_si128(_mm_or_si128(marks[0], marks[1]), _mm_or_si128(marks[2], marks[3]));
     // Most blocks hold none, so one test covers all four.
     if (_mm_movemask_epi8(any) == 0)
@@ -75,17 +75,17 @@ std::uint64_t FirstLettersIn(const std::byte *block) {
 }
 
 template <typename Character>
-const wchar_t *CountNamesIn(std::span<const std::byte> file) {
+const wchar_t *CountInfScanNames(std::span<const std::byte> file) {
     constexpr std::size_t unseen = kUnseenCharacters * sizeof(Character);
     static_assert(unseen > kNameLength * sizeof(Character), "a name that is looked at must end within the file");
     // Where characters may begin: at 16 bits, on every other byte.
     constexpr std::uint64_t beginnings = sizeof(Character) == 1 ? ~0ULL : 0x5555'5555'5555'5555ULL;
     const std::byte *const view = file.data();
     const std::size_t end = file.size() > unseen ? file.size() - unseen : 0;
-    NameCounts<Character> counts;
+    InfScanCounts<Character> counts;
     std::size_t at = 0;
     for (; end - at >= kBlockBytes; at += kBlockBytes)
-        for (std::uint64_t letters = FirstLettersIn(view + at) & beginnings; letters != 0; letters &= letters - 1)
+        for (std::uint64_t letters = InfScanLettersIn(view + at) & beginnings; letters != 0; letters &= letters - 1)
             if (const wchar_t *const driver = counts.CountAt(view + at + std::countr_zero(letters)))
                 return driver;
     for (; at < end; at += sizeof(Character))
@@ -96,18 +96,19 @@ const wchar_t *CountNamesIn(std::span<const std::byte> file) {
 
 }  // namespace
 
-const wchar_t *DriverNamedIn(std::span<const std::byte> file) {
+const wchar_t *ScanInfForDriver(std::span<const std::byte> file) {
     // The beginning of a file too large for an int tells as much. Its size stays even: an odd one would by itself
     // speak against 16 bits.
     constexpr std::size_t most = INT_MAX - 1;
     const int size = static_cast<int>(std::min(file.size(), most));
-    return IsTextUnicode(file.data(), size, nullptr) != FALSE ? DriverNamedIn16Bit(file) : DriverNamedIn8Bit(file);
+    return IsTextUnicode(file.data(), size, nullptr) != FALSE ? ScanInfForDriver16Bit(file)
+                                                              : ScanInfForDriver8Bit(file);
 }
 
-const wchar_t *DriverNamedIn8Bit(std::span<const std::byte> file) {
-    return CountNamesIn<char>(file);
+const wchar_t *ScanInfForDriver8Bit(std::span<const std::byte> file) {
+    return CountInfScanNames<char>(file);
 }
 
-const wchar_t *DriverNamedIn16Bit(std::span<const std::byte> file) {
-    return CountNamesIn<wchar_t>(file);
+const wchar_t *ScanInfForDriver16Bit(std::span<const std::byte> file) {
+    return CountInfScanNames<wchar_t>(file);
 }

@@ -10,10 +10,10 @@
 /// @param file  the whole content, of any size and alignment; nothing outside of it is read.
 /// @return L"qbimvta" or L"qbimwfp", the one that got there first; null if the file is neither's.
 /// Any thread. Logs nothing.
-const wchar_t *DriverNamedIn(std::span<const std::byte> file);
+const wchar_t *ScanInfForDriver(std::span<const std::byte> file);
 
 /// Scans 8-bit text.
-const wchar_t *DriverNamedIn8Bit(std::span<const std::byte> file);
+const wchar_t *ScanInfForDriver8Bit(std::span<const std::byte> file);
 
 /// Scans 16-bit text. Its last 8 characters are its last 16 bytes, even if its size is odd.
-const wchar_t *DriverNamedIn16Bit(std::span<const std::byte> file);
+const wchar_t *ScanInfForDriver16Bit(std::span<const std::byte> file);

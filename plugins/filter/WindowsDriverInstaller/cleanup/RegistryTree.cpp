@@ -17,7 +17,7 @@ constexpr int kMaxLevels = 512;      ///< The registry's own limit.
 
 /// Opens a link itself, never what it leads to: anybody may have put one into a key that is open to everyone. For the
 /// same reason each key is opened from the one above it, so that no link can slip into a path.
-LSTATUS OpenItself(HKEY parent, const std::wstring &name, REGSAM access, UniqueKey &key) {
+LSTATUS OpenRegistryTreeKey(HKEY parent, const std::wstring &name, REGSAM access, UniqueKey &key) {
     HKEY opened = nullptr;
     const LSTATUS status = RegOpenKeyExW(parent, name.c_str(), REG_OPTION_OPEN_LINK, access, &opened);
     key.reset(status == ERROR_SUCCESS ? opened : nullptr);
@@ -25,14 +25,14 @@ LSTATUS OpenItself(HKEY parent, const std::wstring &name, REGSAM access, UniqueK
 }
 
 /// @return false also if the key has subkeys.
-bool DeleteKeyWithoutSubkeys(HKEY parent, const std::wstring &name) {
+bool DeleteRegistryTreeLeaf(HKEY parent, const std::wstring &name) {
     UniqueKey key;
-    return OpenItself(parent, name, DELETE, key) == ERROR_SUCCESS && NtDeleteKey(key.get()) == 0;
+    return OpenRegistryTreeKey(parent, name, DELETE, key) == ERROR_SUCCESS && NtDeleteKey(key.get()) == 0;
 }
 
 /// @return nothing where there is none, and where its name can't be given to the functions of the registry: they would
 ///         take a name with a zero in it for a shorter one, and open another key, or this one once more.
-std::optional<std::wstring> FirstSubkey(const UniqueKey &key) {
+std::optional<std::wstring> FirstRegistrySubkey(const UniqueKey &key) {
     wchar_t buffer[260] = L"";
     DWORD length = 260;
     if (RegEnumKeyExW(key.get(), 0, buffer, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
@@ -43,43 +43,43 @@ std::optional<std::wstring> FirstSubkey(const UniqueKey &key) {
     return name;
 }
 
-bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels);
+bool DeleteRegistryTreeKey(HKEY parent, const std::wstring &name, int levels);
 
 /// Always deletes the first one, since each is gone when the next is queried. Stops at the first that stays.
-void DeleteSubkeys(const UniqueKey &key, int levels) {
+void DeleteRegistrySubkeys(const UniqueKey &key, int levels) {
     std::wstring deleted;
     int returns = 0;
     for (int subkeys = 0; subkeys < kMaxSubkeys; ++subkeys) {
-        const std::optional<std::wstring> name = FirstSubkey(key);
+        const std::optional<std::wstring> name = FirstRegistrySubkey(key);
         if (!name)
             break;
         // A key that is recreated each time, or can't be found by its name, must not keep this loop running.
         if (*name == deleted && ++returns == kMaxReturns)
             break;
-        if (!DeleteKeyWithSubkeys(key.get(), *name, levels))
+        if (!DeleteRegistryTreeKey(key.get(), *name, levels))
             break;
         deleted = *name;
     }
 }
 
 /// @param levels  how deep the rest of the tree may be.
-bool DeleteKeyWithSubkeys(HKEY parent, const std::wstring &name, int levels) {
+bool DeleteRegistryTreeKey(HKEY parent, const std::wstring &name, int levels) {
     // Enough for a key without subkeys.
-    if (DeleteKeyWithoutSubkeys(parent, name))
+    if (DeleteRegistryTreeLeaf(parent, name))
         return true;
     {
         UniqueKey key;
-        const LSTATUS status = OpenItself(parent, name, KEY_READ, key);
+        const LSTATUS status = OpenRegistryTreeKey(parent, name, KEY_READ, key);
         if (status != ERROR_SUCCESS)
             return status == ERROR_FILE_NOT_FOUND;
         if (levels > 1)
-            DeleteSubkeys(key, levels - 1);
+            DeleteRegistrySubkeys(key, levels - 1);
     }
-    return DeleteKeyWithoutSubkeys(parent, name);
+    return DeleteRegistryTreeLeaf(parent, name);
 }
 
 }  // namespace
 
 int DeleteRegistryTree(const std::wstring &keyPath) {
-    return DeleteKeyWithSubkeys(HKEY_LOCAL_MACHINE, keyPath, kMaxLevels) ? 0 : 1;
+    return DeleteRegistryTreeKey(HKEY_LOCAL_MACHINE, keyPath, kMaxLevels) ? 0 : 1;
 }

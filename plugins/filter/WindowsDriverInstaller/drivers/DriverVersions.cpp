@@ -21,7 +21,7 @@ constexpr std::size_t kVersionTextBytes = 112;  // the size of the library's buf
 constexpr int kComponents = 4;
 
 /// Reads the running driver's version text. @return false without a driver, or after reporting a failure.
-bool ReadVersionText(VtaCore::CDom &dom, std::array<char, kVersionTextBytes + 1> &text) {
+bool ReadDriverVersionText(VtaCore::CDom &dom, std::array<char, kVersionTextBytes + 1> &text) {
     DriverHandle handle(vti_open());
     // compat 151: a driver that can't be opened sends no event
     if (!handle)
@@ -71,7 +71,7 @@ bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short 
                       unsigned short *revision) {
     *major = *minor = *build = *revision = 0;
     std::array<char, kVersionTextBytes + 1> text = {};
-    if (!ReadVersionText(dom, text))
+    if (!ReadDriverVersionText(dom, text))
         return false;
     std::array<int, kComponents> parts = {};
     // NOLINTNEXTLINE(cert-err34-c): what does not fit is cut to 16 bits all the same
@@ -86,4 +86,19 @@ bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short 
     *build = static_cast<unsigned short>(parts[2]);
     *revision = static_cast<unsigned short>(parts[3]);
     return true;
+}
+
+bool GetFileVersion(const wxString &path, DriverVersion &version) {
+    return GetFileVersion(path, &version.major, &version.minor, &version.build, &version.revision);
+}
+
+bool GetDriverVersion(VtaCore::CDom &dom, DriverVersion &version) {
+    return GetDriverVersion(dom, &version.major, &version.minor, &version.build, &version.revision);
+}
+
+std::int64_t PackDriverVersion(const DriverVersion &version) {
+    auto packed = std::uint64_t{0};
+    for (const unsigned short component : {version.major, version.minor, version.build, version.revision})
+        packed = (packed << 16) | static_cast<std::uint64_t>(std::int64_t{static_cast<std::int16_t>(component)});
+    return static_cast<std::int64_t>(packed);
 }

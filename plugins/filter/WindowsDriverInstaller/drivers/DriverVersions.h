@@ -1,6 +1,8 @@
 // The versions of driver files and of the running driver: four components, all zero for an unknown one.
 #pragma once
 
+#include <cstdint>
+
 #include <lua.hpp>
 #include <wx/string.h>
 
@@ -29,9 +31,8 @@ bool GetFileVersion(const wxString &path, unsigned short *major, unsigned short 
 bool GetDriverVersion(VtaCore::CDom &dom, unsigned short *major, unsigned short *minor, unsigned short *build,
                       unsigned short *revision);
 
-inline bool GetFileVersion(const wxString &path, DriverVersion &version) {
-    return GetFileVersion(path, &version.major, &version.minor, &version.build, &version.revision);
-}
-inline bool GetDriverVersion(VtaCore::CDom &dom, DriverVersion &version) {
-    return GetDriverVersion(dom, &version.major, &version.minor, &version.build, &version.revision);
-}
+bool GetFileVersion(const wxString &path, DriverVersion &version);
+bool GetDriverVersion(VtaCore::CDom &dom, DriverVersion &version);
+
+/// One number for comparisons. compat 67: a component of 0x8000 or more fills the bits above it with ones
+std::int64_t PackDriverVersion(const DriverVersion &version);

@@ -21,7 +21,7 @@ UniqueService OpenDriverService(const UniqueService &manager, const wchar_t *nam
 }
 
 /// Logs the last error. @return it.
-DWORD LogLastError(const char *format) {
+DWORD LogServiceError(const char *format) {
     const DWORD error = GetLastError();
     wxLogError(format, static_cast<int>(error));
     return error;
@@ -31,7 +31,7 @@ DWORD LogLastError(const char *format) {
 UniqueService OpenServiceManagerOrLog() {
     UniqueService manager = OpenServiceManager();
     if (!manager)
-        (void)LogLastError("OpenSCManager: error=%d");
+        (void)LogServiceError("OpenSCManager: error=%d");
     return manager;
 }
 
@@ -39,7 +39,7 @@ UniqueService OpenServiceManagerOrLog() {
 UniqueService OpenDriverServiceOrLog(const UniqueService &manager, const wchar_t *name) {
     UniqueService service = OpenDriverService(manager, name);
     if (!service)
-        (void)LogLastError("OpenService: error=%d");
+        (void)LogServiceError("OpenService: error=%d");
     return service;
 }
 
@@ -78,19 +78,19 @@ bool ChangeServiceState(const ServiceChange &change, const wchar_t *name, bool w
     if (!service)
         return true;
     if (!change.act(service.get()))
-        return LogLastError(change.failure) == change.harmlessError;
+        return LogServiceError(change.failure) == change.harmlessError;
     if (!wait || WaitForServiceState(service.get(), change.awaitedState))
         return true;
-    (void)LogLastError("WaitForServiceState: error=%d");
+    (void)LogServiceError("WaitForServiceState: error=%d");
     return false;
 }
 
-bool RestartDriver(const wchar_t *name, bool wait) {
+bool RestartDriverService(const wchar_t *name, bool wait) {
     return ChangeServiceState(kStopService, name, wait) && ChangeServiceState(kStartService, name, wait);
 }
 
 /// How long to wait before the next query, in milliseconds: a tenth of what the service hints at.
-DWORD PauseUntilNextQuery(const SERVICE_STATUS &status) {
+DWORD PauseUntilNextServiceQuery(const SERVICE_STATUS &status) {
     constexpr DWORD shortest = 1'000;
     constexpr DWORD longest = 10'000;
     return std::clamp(status.dwWaitHint / 10, shortest, longest);
@@ -107,7 +107,7 @@ bool StopWFPCallout(bool wait) {
 }
 
 bool RestartWFPCallout(bool wait) {
-    return RestartDriver(kWfpService, wait);
+    return RestartDriverService(kWfpService, wait);
 }
 
 bool StartNDISDriver(bool wait) {
@@ -119,7 +119,7 @@ bool StopNDISDriver(bool wait) {
 }
 
 bool RestartNDISDriver(bool wait) {
-    return RestartDriver(kNdisService, wait);
+    return RestartDriverService(kNdisService, wait);
 }
 
 bool IsWfpServiceInstalled() {
@@ -135,7 +135,7 @@ bool DeleteWfpService() {
     if (!service)
         return false;
     if (DeleteService(service.get()) == 0) {
-        (void)LogLastError("DeleteService: error=%d");
+        (void)LogServiceError("DeleteService: error=%d");
         return false;
     }
     return true;
@@ -164,7 +164,7 @@ bool WaitForServiceState(SC_HANDLE service, DWORD state) {
         if (status.dwCurrentState == noted.dwCurrentState && status.dwCheckPoint < noted.dwCheckPoint)
             return false;  // compat 129: a lower checkpoint; the last error is arbitrary
         noted = status;
-        Sleep(PauseUntilNextQuery(status));
+        Sleep(PauseUntilNextServiceQuery(status));
         if (QueryServiceStatus(service, &status) == 0)
             return false;
     }

@@ -8,7 +8,7 @@ constexpr DWORD kLongestPauseMs = 5'000;
 /// A thread needs the loader's lock to start and to end.
 constexpr DWORD kStartOrEndMs = 5'000;
 
-UniqueHandle NewEvent() {
+UniqueHandle NewLateResumeEvent() {
     return UniqueHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
 }
 
@@ -16,8 +16,8 @@ UniqueHandle NewEvent() {
 
 struct LateResume::Shared {
     UniqueHandle paused;
-    UniqueHandle ready = NewEvent();
-    UniqueHandle over = NewEvent();
+    UniqueHandle ready = NewLateResumeEvent();
+    UniqueHandle over = NewLateResumeEvent();
     UniqueHandle helper;
 };
 
@@ -45,6 +45,10 @@ LateResume::~LateResume() {
         return;
     (void)SetEvent(shared->over.get());
     (void)WaitForSingleObject(shared->helper.get(), kStartOrEndMs);
+}
+
+bool LateResume::IsReady() const {
+    return isReady;
 }
 
 DWORD WINAPI LateResume::ResumeIfLate(void *shared) {

@@ -18,7 +18,7 @@ public:
     LateResume &operator=(const LateResume &) = delete;
 
     /// Whether the thread may be paused. False if it holds the loader's lock for good: no thread can start then.
-    [[nodiscard]] bool IsReady() const { return isReady; }
+    [[nodiscard]] bool IsReady() const;
 
 private:
     struct Shared;

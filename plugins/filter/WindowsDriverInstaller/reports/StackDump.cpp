@@ -26,9 +26,9 @@ struct Frames {
 
 /// The symbols of the modules of this process, in a session of its own: another component may have one for the
 /// process's usual handle.
-class Symbols {
+class StackSymbols {
 public:
-    Symbols() : m_options(SymGetOptions()) {
+    StackSymbols() : m_options(SymGetOptions()) {
         // Nothing may ask the network or a user: neither the environment's symbol path counts nor one in an image.
         SymSetOptions(m_options | SYMOPT_DEFERRED_LOADS | SYMOPT_UNDNAME | SYMOPT_IGNORE_NT_SYMPATH |
                       SYMOPT_IGNORE_CVREC | SYMOPT_DISABLE_SYMSRV_AUTODETECT | SYMOPT_FAIL_CRITICAL_ERRORS |
@@ -40,13 +40,13 @@ public:
         m_session.reset(session);
         m_isOpen = SymInitializeW(session, FolderOfThisModule().c_str(), TRUE) != 0;
     }
-    ~Symbols() {
+    ~StackSymbols() {
         if (m_isOpen)
             (void)SymCleanup(m_session.get());
         SymSetOptions(m_options);
     }
-    Symbols(const Symbols &) = delete;
-    Symbols &operator=(const Symbols &) = delete;
+    StackSymbols(const StackSymbols &) = delete;
+    StackSymbols &operator=(const StackSymbols &) = delete;
 
     /// @return false if the name is not known.
     bool Find(DWORD64 address, wxString &name, std::size_t &offset) const {
@@ -81,9 +81,9 @@ private:
     bool m_isOpen = false;
 };
 
-class NamedFrame : public wxStackFrame {
+class NamedStackFrame : public wxStackFrame {
 public:
-    NamedFrame(std::size_t level, DWORD64 address, const Symbols &symbols)
+    NamedStackFrame(std::size_t level, DWORD64 address, const StackSymbols &symbols)
         : wxStackFrame(level, reinterpret_cast<void *>(address), 0) {
         (void)symbols.Find(address, m_name, m_offset);
     }
@@ -98,9 +98,9 @@ public:
 
     /// Adds the frames with their names. Takes locks that a paused thread may hold.
     void Add(const Frames &frames) {
-        const Symbols symbols;
+        const StackSymbols symbols;
         for (std::size_t level = 0; level < frames.count; ++level)
-            OnStackFrame(NamedFrame(level, frames.addresses[level], symbols));
+            OnStackFrame(NamedStackFrame(level, frames.addresses[level], symbols));
     }
     [[nodiscard]] const wxString &Text() const { return text; }
 
@@ -121,25 +121,25 @@ private:
     wxString text;
 };
 
-void *CALLBACK FunctionTableAt(HANDLE, DWORD64 address) {
+void *CALLBACK StackFunctionTableAt(HANDLE, DWORD64 address) {
     DWORD64 base = 0;
     return RtlLookupFunctionEntry(address, &base, nullptr);
 }
 
-DWORD64 CALLBACK ModuleAt(HANDLE, DWORD64 address) {
+DWORD64 CALLBACK StackModuleAt(HANDLE, DWORD64 address) {
     void *base = nullptr;
     return reinterpret_cast<DWORD64>(RtlPcToFileHeader(reinterpret_cast<void *>(address), &base));
 }
 
 /// Without symbols: these would be loaded while the thread is paused.
-void WalkFrom(CONTEXT context, Frames &frames) {
+void WalkStackFrom(CONTEXT context, Frames &frames) {
     STACKFRAME64 frame = {};
     frame.AddrPC = {context.Rip, 0, AddrModeFlat};
     frame.AddrStack = {context.Rsp, 0, AddrModeFlat};
     frame.AddrFrame = {context.Rbp, 0, AddrModeFlat};
     while (frames.count < kMaxFrames &&
            StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), GetCurrentThread(), &frame, &context, nullptr,
-                       &FunctionTableAt, &ModuleAt, nullptr) != 0)
+                       &StackFunctionTableAt, &StackModuleAt, nullptr) != 0)
         frames.addresses[frames.count++] = frame.AddrPC.Offset;
 }
 
@@ -148,11 +148,11 @@ void WalkStack(DWORD id, Frames &frames) {
     CONTEXT context = {};
     context.ContextFlags = CONTEXT_FULL;
     if (handle && GetThreadContext(handle.get(), &context) != 0)
-        WalkFrom(context, frames);
+        WalkStackFrom(context, frames);
 }
 
 /// Allocates nothing while the thread is paused, except inside the system.
-void WalkPaused(wxThread &thread, Frames &frames) {
+void WalkPausedStack(wxThread &thread, Frames &frames) {
     const LateResume late(thread);
     const auto id = static_cast<DWORD>(thread.GetId());
     if (!late.IsReady() || thread.Pause() != wxTHREAD_NO_ERROR)
@@ -170,7 +170,7 @@ void PrepareStackDump() {
         CONTEXT context = {};
         RtlCaptureContext(&context);
         Frames frames;
-        WalkFrom(context, frames);
+        WalkStackFrom(context, frames);
         return true;
     }();
     (void)walked;
@@ -184,7 +184,7 @@ wxString CaptureThreadStack(wxThread *thread) {
     StackDump dump;
     const wxLogNull quiet;
     Frames frames;
-    WalkPaused(*thread, frames);
+    WalkPausedStack(*thread, frames);
     if (frames.count != 0)
         dump.Add(frames);
     return dump.Text();

@@ -10,6 +10,7 @@
 
 #include "NetCfgSession.h"
 #include "WindowsDriverInstaller/adapters/AdapterRecords.h"
+#include "WindowsDriverInstaller/adapters/ComponentBindings.h"
 #include "WindowsDriverInstaller/adapters/NetworkComponents.h"
 #include "WindowsDriverInstaller/adapters/ResizeBlock.h"
 
@@ -22,7 +23,7 @@ void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
         NetCfgSession netCfg(*this, NetCfgSession::Access::Read);
         if (FAILED(netCfg.Result())) {
             NoteFailedStep();
-        } else if (ReadIpHelper(ipHelper)) {
+        } else if (ReadAdaptersOfIpHelper(ipHelper)) {
             ReadAdapters(netCfg.Get(), ipHelper.get(), adapters);
         } else {
             NoteFailedStep();
@@ -35,7 +36,7 @@ void CDriverInstallerThread::GetTcpAdapters(TcpAdapterList &adapters) {
 /// Reads IP Helper's records, from which the adapters' addresses come.
 /// @param records  null if the system returns none.
 /// @return false if memory runs out.
-bool CDriverInstallerThread::ReadIpHelper(IpHelperRecords &records) {
+bool CDriverInstallerThread::ReadAdaptersOfIpHelper(IpHelperRecords &records) {
     ULONG size = 11'264;
     if (!ResizeBlock(records, size)) {
         wxLogError("GetInterfaces() - error allocating memory.");
@@ -61,7 +62,7 @@ void CDriverInstallerThread::ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO
     const ComponentBindings filter(netCfg, kFilterComponent);
     const IpHelperByName recordsByName(ipHelper);
     ForEachNetworkComponent(netCfg, [&](INetCfgComponent *component) {
-        std::optional<TcpAdapter> adapter = ReadAdapter(component, recordsByName);
+        std::optional<TcpAdapter> adapter = ReadAdapterRecord(component, recordsByName);
         if (!adapter)
             return;
         adapter->boundToIp = ip.IsBoundTo(component) || ip6.IsBoundTo(component);

@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "NetCfgSession.h"
-#include "WindowsDriverInstaller/adapters/AdapterRecords.h"
 #include "WindowsDriverInstaller/adapters/AdaptersByNode.h"
 #include "WindowsDriverInstaller/adapters/NetworkComponents.h"
 
@@ -24,31 +23,43 @@ bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList
     return true;
 }
 
+bool CDriverInstallerThread::UnbindAll() {
+    return SetFilterBindings(false, nullptr, false);
+}
+
+bool CDriverInstallerThread::RestoreBindings(const TcpAdapterList &adapters) {
+    return SetFilterBindings(false, &adapters, false);
+}
+
+bool CDriverInstallerThread::BindWhereIpWas(const TcpAdapterList &adapters) {
+    return SetFilterBindings(true, &adapters, true);
+}
+
 /// If something of the component can't be read, its bindings stay.
 void CDriverInstallerThread::SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters,
                                            bool useIpState) {
     DWORD characteristics = 0;  // compat 155: only whether they can be read counts
     TcpAdapter adapter;
     if (FAILED(component->GetCharacteristics(&characteristics)) ||
-        !ReadComponentText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
+        !ReadNetworkComponentText(component, &INetCfgComponent::GetPnpDevNodeId, adapter.pnpDevNodeId))
         return;
-    if (!ReadComponentText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
+    if (!ReadNetworkComponentText(component, &INetCfgComponent::GetDisplayName, adapter.displayName))
         adapter.displayName = adapter.pnpDevNodeId;
     ComPtr<INetCfgComponentBindings> bindings;
     ComPtr<IEnumNetCfgBindingPath> paths;
     if (FAILED(component->QueryInterface(IID_INetCfgComponentBindings, &bindings)) || !bindings ||
         FAILED(bindings->EnumBindingPaths(EBP_ABOVE, &paths)) || !paths)
         return;
-    ForEachObject<INetCfgBindingPath>(
+    ForEachNetworkObject<INetCfgBindingPath>(
         paths.Get(), [&](INetCfgBindingPath *path) { SetBindingsOfPath(netCfg, path, adapter, adapters, useIpState); });
 }
 
 /// Whether the upper end of a binding is the filter driver.
-bool LeadsToFilter(INetCfgBindingInterface *binding) {
+bool BindingLeadsToFilter(INetCfgBindingInterface *binding) {
     ComPtr<INetCfgComponent> upper;
     wxString id;
     return SUCCEEDED(binding->GetUpperComponent(&upper)) && upper &&
-           ReadComponentText(upper.Get(), &INetCfgComponent::GetId, id) && id == kFilterComponent;
+           ReadNetworkComponentText(upper.Get(), &INetCfgComponent::GetId, id) && id == kFilterComponent;
 }
 
 void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
@@ -57,18 +68,18 @@ void CDriverInstallerThread::SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPa
     ComPtr<IEnumNetCfgBindingInterface> interfaces;
     if (FAILED(path->EnumBindingInterfaces(&interfaces)) || !interfaces)
         return;
-    ForEachObject<INetCfgBindingInterface>(interfaces.Get(), [&](INetCfgBindingInterface *binding) {
-        if (!LeadsToFilter(binding))
+    ForEachNetworkObject<INetCfgBindingInterface>(interfaces.Get(), [&](INetCfgBindingInterface *binding) {
+        if (!BindingLeadsToFilter(binding))
             return;
-        if (NeedsChange(adapter, enabled, adapters, useIpState))
+        if (NeedsBindingChange(adapter, enabled, adapters, useIpState))
             ToggleBinding(netCfg, path, adapter.displayName, enabled);
         else
             DbgPrint(L"No need to change the bindings of adapter '%s'", Wide(adapter.displayName));
     });
 }
 
-bool CDriverInstallerThread::NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters,
-                                         bool useIpState) {
+bool CDriverInstallerThread::NeedsBindingChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters,
+                                                bool useIpState) {
     DbgPrint(L"Adapter '%s' is%s bound to %ls", Wide(adapter.displayName), enabled ? L"" : L" not", kFilterComponent);
     if (adapters == nullptr)
         return enabled;

@@ -11,7 +11,7 @@ bool CDriverInstallerThread::InstallWFPCallout() {
 }
 
 bool CDriverInstallerThread::InstallWFPCalloutWithInstallHinfSection() {
-    return RunWfpInfSection("DefaultInstall 128 ");
+    return RunCalloutInfSection("DefaultInstall 128 ");
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "NetCfgSession.h"
 #include "WindowsDriverInstaller/adapters/DeviceClasses.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 #include "common/RequireObject.h"
 #include "common/WindowsVersion.h"
 
@@ -19,40 +19,14 @@ constexpr int kMaxInstallAttempts = 3;
 /// Gives others time to close the old service.
 constexpr unsigned long kMarkedForDeletePauseMs = 5'000;
 
-HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
-    DbgPrint(L"Trying to install '%ls'...", kFilterComponent);
-    if (directory == nullptr || *directory == L'\0') {
-        NoteFailedStep();
-        return E_INVALIDARG;
-    }
-    HRESULT hr = CopyInfFiles(directory);
-    if (hr != S_OK)
-        return hr;
-    {
-        const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);
-        hr = netCfg.Result();
-        if (SUCCEEDED(hr)) {
-            const HRESULT installed = InstallOnThisSystem(netCfg.Get(), directory);
-            hr = installed;
-            if (SUCCEEDED(installed))
-                hr = CallInStep(ApplyingInetCfgChanges, L"INetCfg::Apply", [&netCfg] { return netCfg.Get()->Apply(); });
-            if (hr == S_OK && installed == NETCFG_S_REBOOT)
-                hr = installed;  // the reboot request is kept even if Apply succeeds
-        }
-    }
-    if (FAILED(hr))
-        NoteFailedStep();
-    return hr;
-}
-
-HRESULT CDriverInstallerThread::InstallOnThisSystem(INetCfg *netCfg, const wchar_t *directory) {
+HRESULT CDriverInstallerThread::InstallComponentOnThisSystem(INetCfg *netCfg, const wchar_t *directory) {
     OSVERSIONINFOEXW version = {};
     const bool isEmbedded = QueryWindowsVersion(version) && (version.wSuiteMask & VER_SUITE_EMBEDDEDNT) != 0;
-    return isEmbedded ? InstallOnEmbeddedSystem(netCfg, directory) : InstallFilterComponent(netCfg);
+    return isEmbedded ? InstallComponentOnEmbeddedSystem(netCfg, directory) : InstallFilterComponent(netCfg);
 }
 
 /// Such a system searches its own folder for the driver. A failed copy does not change the outcome.
-HRESULT CDriverInstallerThread::InstallOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory) {
+HRESULT CDriverInstallerThread::InstallComponentOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory) {
     wchar_t windows[MAX_PATH] = L"";
     if (GetWindowsDirectoryW(windows, MAX_PATH) == 0) {
         const DWORD error = GetLastError();

@@ -1,4 +1,5 @@
-// The copying of the filter driver's INF files. Compiled as a part of WindowsDriverInstaller.cpp.
+// The installation of the filter driver from its INF files, which are copied. Compiled as a part of
+// WindowsDriverInstaller.cpp.
 #include "CDriverInstallerThread.h"
 
 #include <array>
@@ -8,7 +9,7 @@
 #include <setupapi.h>
 #include <wx/file.h>
 
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
         wchar_t destination[MAX_PATH] = L"";
         if (SetupCopyOEMInfW(path.c_str(), nullptr, SPOST_PATH, 0, destination, MAX_PATH, nullptr, nullptr) == 0) {
             const DWORD error = GetLastError();
-            hr = ReportCopyFailure(inf, error);
+            hr = ReportInfCopyFailure(inf, error);
             NoteFailedStep();
             break;
         }
@@ -44,7 +45,7 @@ HRESULT CDriverInstallerThread::CopyInfFiles(const wchar_t *directory) {
 }
 
 /// @return the error as a result. compat 82: an error of 0 stays a success
-HRESULT CDriverInstallerThread::ReportCopyFailure(const wchar_t *inf, unsigned long error) {
+HRESULT CDriverInstallerThread::ReportInfCopyFailure(const wchar_t *inf, unsigned long error) {
     constexpr unsigned long setupError = 0xE0000000;
     constexpr unsigned long codeBits = 0xFFFF;
     unsigned long result = error;
@@ -58,6 +59,32 @@ HRESULT CDriverInstallerThread::ReportCopyFailure(const wchar_t *inf, unsigned l
     else
         AgentEventLog_(*dom, result, kSystemFailureEvent, L"SetupCopyOEMInf(%ls)", inf);
     return static_cast<HRESULT>(result);
+}
+
+HRESULT CDriverInstallerThread::InstallFromInf(const wchar_t *directory) {
+    DbgPrint(L"Trying to install '%ls'...", kFilterComponent);
+    if (directory == nullptr || *directory == L'\0') {
+        NoteFailedStep();
+        return E_INVALIDARG;
+    }
+    HRESULT hr = CopyInfFiles(directory);
+    if (hr != S_OK)
+        return hr;
+    {
+        const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);
+        hr = netCfg.Result();
+        if (SUCCEEDED(hr)) {
+            const HRESULT installed = InstallComponentOnThisSystem(netCfg.Get(), directory);
+            hr = installed;
+            if (SUCCEEDED(installed))
+                hr = CallInStep(ApplyingInetCfgChanges, L"INetCfg::Apply", [&netCfg] { return netCfg.Get()->Apply(); });
+            if (hr == S_OK && installed == NETCFG_S_REBOOT)
+                hr = installed;  // the reboot request is kept even if Apply succeeds
+        }
+    }
+    if (FAILED(hr))
+        NoteFailedStep();
+    return hr;
 }
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include <windows.h>
 #include <netcfgx.h>
 
-#include "WindowsDriverInstaller/adapters/UnsuitableAdapters.h"
+#include "WindowsDriverInstaller/adapters/AdapterMacs.h"
 
 namespace {
 
 void CDriverInstallerThread::UnbindUnsuitableAdapters() {
-    const bool unbindDuplicates = MustUnbindDuplicates();
+    const bool unbindDuplicates = MustUnbindDuplicateMacs();
     TcpAdapterList adapters;
     GetTcpAdapters(adapters);
     const TcpAdapterList toUnbind = UnsuitableAmong(adapters, unbindDuplicates);
@@ -30,19 +30,19 @@ TcpAdapterList CDriverInstallerThread::UnsuitableAmong(const TcpAdapterList &ada
         toUnbind.back().boundToFilter = false;
         nodesToUnbind.insert(adapter.pnpDevNodeId);
     };
-    const AdaptersByMac groups = GroupByMac(adapters);
+    const AdaptersByMac groups = GroupAdaptersByMac(adapters);
     std::set<std::string> sharedMacs;
     for (const TcpAdapter &adapter : adapters) {
         if (!HasValidMac(adapter)) {
             DbgPrint(L"Adapter '%s' has an invalid MAC - ignoring it", Wide(adapter.displayName));
-        } else if (IsRemoteAccess(adapter)) {
+        } else if (IsRemoteAccessMac(adapter)) {
             continue;
         } else if (adapter.boundToFilter && !adapter.boundToIp) {
             DbgPrint(L"Adapter '%s' is not bound to TCPIP - marking it to be unbound from QBIMVTA",
                      Wide(adapter.displayName));
             mark(adapter);
         } else if (unbindDuplicates) {
-            const TcpAdapter *const twin = FindTwin(groups, adapter);
+            const TcpAdapter *const twin = FindMacTwin(groups, adapter);
             if (twin == nullptr)
                 continue;
             sharedMacs.insert(adapter.macAddress);

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <memory>
-#include <utility>
 
 #include <windows.h>
 #include <iphlpapi.h>
@@ -30,15 +29,11 @@ public:
     /// @param toUpgradeNeeded  remove a driver of another version first.
     /// @param toLogTarget      receives the thread's log; must outlive the thread.
     CDriverInstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir,
-                           bool toInstallNeeded, bool toUpgradeNeeded, wxLog *toLogTarget)
-        : CDriverUninstallerThread(toDom, toNdisDriverDir, toWfpDriverDir),
-          installNeeded(toInstallNeeded),
-          upgradeNeeded(toUpgradeNeeded),
-          logTarget(toLogTarget) {}
+                           bool toInstallNeeded, bool toUpgradeNeeded, wxLog *toLogTarget);
     /// Closes `stepFinished`, unlike the base class.
     ~CDriverInstallerThread() override;
 
-    const char *Name() const override { return "CDriverInstallerThread"; }
+    const char *Name() const override;
 
     /// Appends a record for each adapter. Leaves out fields that can't be read, or the whole record.
     void GetTcpAdapters(TcpAdapterList &adapters);
@@ -50,16 +45,16 @@ public:
     /// @return false if `enable` is set without a list, or if the network configuration can't be opened.
     bool SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState);
     // The three uses of SetFilterBindings, with its result.
-    bool UnbindAll() { return SetFilterBindings(false, nullptr, false); }
+    bool UnbindAll();
     /// Binds the filter to the adapters of the list that it was bound to, and unbinds it from the others.
-    bool RestoreBindings(const TcpAdapterList &adapters) { return SetFilterBindings(false, &adapters, false); }
+    bool RestoreBindings(const TcpAdapterList &adapters);
     /// Binds the filter to the adapters of the list that IP was bound to, and unbinds it from the others.
-    bool BindWhereIpWas(const TcpAdapterList &adapters) { return SetFilterBindings(true, &adapters, true); }
+    bool BindWhereIpWas(const TcpAdapterList &adapters);
     /// Unbinds adapters without TCP/IP and, on older servers, physical ones that share their MAC with another.
     void UnbindUnsuitableAdapters();
 
     /// Keeps the log for as long as the object lives.
-    void KeepLog(std::unique_ptr<GrabbedLog> log) { keptLog = std::move(log); }
+    void KeepLog(std::unique_ptr<GrabbedLog> log);
 
 protected:
     void Run() override;
@@ -67,23 +62,23 @@ protected:
 private:
     bool InstallDriver();
     void WaitForDriverToUnload();
-    void WriteServiceValues();
+    void WriteDriverServiceValues();
     bool InstallWFPCallout();
     bool InstallWFPCalloutWithInstallHinfSection();
     HRESULT InstallFromInf(const wchar_t *directory);
     HRESULT CopyInfFiles(const wchar_t *directory);
-    HRESULT ReportCopyFailure(const wchar_t *inf, unsigned long error);
-    HRESULT InstallOnThisSystem(INetCfg *netCfg, const wchar_t *directory);
-    HRESULT InstallOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory);
+    HRESULT ReportInfCopyFailure(const wchar_t *inf, unsigned long error);
+    HRESULT InstallComponentOnThisSystem(INetCfg *netCfg, const wchar_t *directory);
+    HRESULT InstallComponentOnEmbeddedSystem(INetCfg *netCfg, const wchar_t *directory);
     HRESULT InstallFilterComponent(INetCfg *netCfg);
     HRESULT AttemptInstall(INetCfgClassSetup *classSetup, int attempt);
 
-    bool ReadIpHelper(IpHelperRecords &records);
+    bool ReadAdaptersOfIpHelper(IpHelperRecords &records);
     void ReadAdapters(INetCfg *netCfg, const IP_ADAPTER_INFO *ipHelper, TcpAdapterList &adapters);
     void SetBindingsOf(INetCfg *netCfg, INetCfgComponent *component, const AdaptersByNode *adapters, bool useIpState);
     void SetBindingsOfPath(INetCfg *netCfg, INetCfgBindingPath *path, const TcpAdapter &adapter,
                            const AdaptersByNode *adapters, bool useIpState);
-    bool NeedsChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters, bool useIpState);
+    bool NeedsBindingChange(const TcpAdapter &adapter, bool enabled, const AdaptersByNode *adapters, bool useIpState);
     void ToggleBinding(INetCfg *netCfg, INetCfgBindingPath *path, const wxString &displayName, bool enabled);
     TcpAdapterList UnsuitableAmong(const TcpAdapterList &adapters, bool unbindDuplicates);
 

@@ -6,9 +6,10 @@
 #include <windows.h>
 #include <setupapi.h>
 
-#include "WindowsDriverInstaller/adapters/AdapterRestart.h"
+#include "WindowsDriverInstaller/adapters/AdaptersByDevice.h"
+#include "WindowsDriverInstaller/adapters/DeviceChange.h"
 #include "WindowsDriverInstaller/adapters/DeviceList.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 namespace {
 
@@ -29,9 +30,17 @@ void CDriverInstallerWatchdog::RestartAdapters(const TcpAdapterList &adapters) {
     (void)EnableAdapters(adapters, boundTo);
 }
 
+bool CDriverInstallerWatchdog::EnableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
+    return EnableOrDisableAdapters(adapters, true, boundTo == BoundTo::Ip);
+}
+
+bool CDriverInstallerWatchdog::DisableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
+    return EnableOrDisableAdapters(adapters, false, boundTo == BoundTo::Ip);
+}
+
 bool CDriverInstallerWatchdog::EnableOrDisableAdapters(const TcpAdapterList &adapters, bool enable, bool useIpState) {
-    const DeviceList devices(
-        ValidHandle(SetupDiGetClassDevsW(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES | DIGCF_PROFILE)));
+    const DeviceList devices(UniqueHandleOrNull(
+        SetupDiGetClassDevsW(nullptr, nullptr, nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES | DIGCF_PROFILE)));
     if (!devices) {
         const DWORD error = GetLastError();
         AgentEventLog_(*dom, error, kSystemFailureEvent, L"SetupDiGetClassDevs");

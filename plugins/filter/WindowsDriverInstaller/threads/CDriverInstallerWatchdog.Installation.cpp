@@ -19,7 +19,7 @@ constexpr int kPathWithSeparator = wxPATH_GET_VOLUME | wxPATH_GET_SEPARATOR;
 
 std::optional<bool> CDriverInstallerWatchdog::InstallWithWorker() {
     auto log = std::make_unique<GrabbedLog>();
-    if (!CreateWorker(log->Target()))
+    if (!CreateInstallationWorker(log->Target()))
         return std::nullopt;
     if (SetNetworkInterruptWorkaround())
         installerThread->rebootRequired = true;
@@ -39,19 +39,19 @@ std::optional<bool> CDriverInstallerWatchdog::InstallWithWorker() {
         dom->AgentEventWrite(kRebootRequiredEvent, "1");
         VtaCore::ShowRebootNotification(RebootReasonFilterDriver);
     }
-    ReportOutcome(succeeded, failedStep);
+    ReportInstallationOutcome(succeeded, failedStep);
     Heartbeat();
     return notified;
 }
 
-bool CDriverInstallerWatchdog::CreateWorker(wxLog *logTarget) {
+bool CDriverInstallerWatchdog::CreateInstallationWorker(wxLog *logTarget) {
     installerThread.reset(new (std::nothrow) CDriverInstallerThread(dom, ndisDriverFile.GetPath(kPathWithSeparator),
                                                                     wfpDriverFile.GetPath(kPathWithSeparator),
                                                                     installNeeded, upgradeNeeded, logTarget));
     return installerThread && installerThread->Create(0) == wxTHREAD_NO_ERROR;
 }
 
-void CDriverInstallerWatchdog::ReportOutcome(bool succeeded, unsigned failedStep) {
+void CDriverInstallerWatchdog::ReportInstallationOutcome(bool succeeded, unsigned failedStep) {
     if (!succeeded) {
         dom->DoAgentEventWriteAndLog(kInstallFailedEvent, kInstallFailedEvent, L"%s|%s", StepName(failedStep),
                                      Wide(installLog));
@@ -64,11 +64,11 @@ void CDriverInstallerWatchdog::ReportOutcome(bool succeeded, unsigned failedStep
 
 bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
     installerThread->GetTcpAdapters(adaptersBefore);
-    if (!StartMade(*installerThread))
-        KillUnstarted(*installerThread);
+    if (!StartMadeThread(*installerThread))
+        KillUnstartedThread(*installerThread);
     wxThread::Sleep(kThreadStartMs);
     Heartbeat();
-    const bool succeeded = WatchWorker(failedStep);
+    const bool succeeded = WatchInstallation(failedStep);
     if (upgradeNeeded) {
         // compat 72: a failed upgrade leaves the bindings as they are
         if (!succeeded)
@@ -82,12 +82,12 @@ bool CDriverInstallerWatchdog::AttemptInstallation(unsigned *failedStep) {
         if (!succeeded)
             return false;
     }
-    RebindIfStale();
+    RebindAfterInstallation();
     return true;
 }
 
 /// @return the worker's result; false if it was killed.
-bool CDriverInstallerWatchdog::WatchWorker(unsigned *failedStep) {
+bool CDriverInstallerWatchdog::WatchInstallation(unsigned *failedStep) {
     const std::optional<std::uint32_t> killedIn = WatchAndKill(*installerThread, [this] { Heartbeat(); });
     const bool succeeded = !killedIn && installerThread->succeeded;
     if (!succeeded)
@@ -96,7 +96,7 @@ bool CDriverInstallerWatchdog::WatchWorker(unsigned *failedStep) {
 }
 
 /// An old driver that is still loaded may be unloaded when nothing is bound to it.
-void CDriverInstallerWatchdog::RebindIfStale() {
+void CDriverInstallerWatchdog::RebindAfterInstallation() {
     DriverVersion running;
     if (!GetDriverVersion(*dom, running) || running == ourVersion)
         return;

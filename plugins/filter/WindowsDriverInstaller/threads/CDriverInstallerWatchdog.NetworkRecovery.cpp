@@ -41,18 +41,18 @@ bool CDriverInstallerWatchdog::CheckNetworkHealth(bool upgraded) {
     TcpAdapterList stillUnhealthy = adaptersBefore;
     TcpAdapterList currentAdapters;
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters, site))
+    if (AwaitNetworkHealth(stillUnhealthy, currentAdapters, site))
         return true;
-    RebindFilter(stillUnhealthy, upgraded);
+    RecoverNetworkByRebinding(stillUnhealthy, upgraded);
     Heartbeat();
-    if (AwaitHealth(stillUnhealthy, currentAdapters, site))
+    if (AwaitNetworkHealth(stillUnhealthy, currentAdapters, site))
         return true;
     RestartAdapters(currentAdapters);
     return false;  // compat 101: does not check whether the second recovery helped
 }
 
-bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
-                                           const TraceSite &site) {
+bool CDriverInstallerWatchdog::AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters,
+                                                  const TraceSite &site) {
     for (int poll = 0; poll < kHealthPolls; ++poll) {
         wxThread::Sleep(kHealthPollMs);
         GenerateOutgoingTraffic();
@@ -81,7 +81,7 @@ bool CDriverInstallerWatchdog::AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAd
 
 /// compat 103: the first call restores the recorded binding, so an adapter that had the filter keeps it.
 /// After an upgrade the recorded bindings are restored; after a new installation the filter is bound where IP was.
-void CDriverInstallerWatchdog::RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded) {
+void CDriverInstallerWatchdog::RecoverNetworkByRebinding(const TcpAdapterList &stillUnhealthy, bool upgraded) {
     installerThread->DbgPrint(L"Network doesn't appear healthy - unbinding & rebinding %ls", kFilterComponent);
     if (!installerThread->RestoreBindings(stillUnhealthy))
         return;

@@ -25,13 +25,13 @@ public:
                              const wxString &wfpDriverDir);
     ~CDriverInstallerWatchdog() override;
 
-    const char *Name() const override { return "CDriverInstallerWatchdog"; }
+    const char *Name() const override;
 
 protected:
     void Run() override;
 
 private:
-    void Heartbeat() { installerStatus->lastProgress = VtaCore::SystemTickCount(); }
+    void Heartbeat();
 
     /// compat 66: true also when the installation failed; false only when the work could not be started
     bool InstallOrUpdateDriver();
@@ -42,32 +42,28 @@ private:
     bool GetVersionOfSystemFile(const TraceSite &site);
     /// @return whether the user was notified of a reboot request; nothing when the worker could not be made.
     std::optional<bool> InstallWithWorker();
-    bool CreateWorker(wxLog *logTarget);
+    bool CreateInstallationWorker(wxLog *logTarget);
     /// @param failedStep  receives the step when the attempt fails.
     bool AttemptInstallation(unsigned *failedStep);
-    bool WatchWorker(unsigned *failedStep);
-    void RebindIfStale();
-    void ReportOutcome(bool succeeded, unsigned failedStep);
+    bool WatchInstallation(unsigned *failedStep);
+    void RebindAfterInstallation();
+    void ReportInstallationOutcome(bool succeeded, unsigned failedStep);
     /// @return whether the network is as good as before, as far as that can be checked.
     bool IsNetworkAsBefore(const TraceSite &site);
 
     /// Tries to recover the network if an adapter got worse. @return whether the network is considered healthy.
     bool CheckNetworkHealth(bool upgraded);
     /// @return whether all adapters are healthy within three polls.
-    bool AwaitHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
-    void RebindFilter(const TcpAdapterList &stillUnhealthy, bool upgraded);
+    bool AwaitNetworkHealth(TcpAdapterList &stillUnhealthy, TcpAdapterList &currentAdapters, const TraceSite &site);
+    void RecoverNetworkByRebinding(const TcpAdapterList &stillUnhealthy, bool upgraded);
     void RestartAdapters(const TcpAdapterList &adapters);
     void ClearArpCache();
     void GenerateOutgoingTraffic();
     /// Which adapters are restarted.
     enum class BoundTo { Filter, Ip };
     // @return whether a device was changed.
-    bool EnableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
-        return EnableOrDisableAdapters(adapters, true, boundTo == BoundTo::Ip);
-    }
-    bool DisableAdapters(const TcpAdapterList &adapters, BoundTo boundTo) {
-        return EnableOrDisableAdapters(adapters, false, boundTo == BoundTo::Ip);
-    }
+    bool EnableAdapters(const TcpAdapterList &adapters, BoundTo boundTo);
+    bool DisableAdapters(const TcpAdapterList &adapters, BoundTo boundTo);
     /// @param useIpState  acts on adapters that are bound to IP, otherwise on those that are bound to the filter.
     /// @return whether a device was changed.
     bool EnableOrDisableAdapters(const TcpAdapterList &adapters, bool enable, bool useIpState);

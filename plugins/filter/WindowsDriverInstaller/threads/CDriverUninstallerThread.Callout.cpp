@@ -34,10 +34,10 @@ bool CDriverUninstallerThread::UninstallWFPCallout() {
 }
 
 bool CDriverUninstallerThread::UninstallWFPCalloutWithInstallHinfSection() {
-    return RunWfpInfSection("DefaultUninstall 128 ");
+    return RunCalloutInfSection("DefaultUninstall 128 ");
 }
 
-bool CDriverUninstallerThread::RunWfpInfSection(const wxString &commandStart) {
+bool CDriverUninstallerThread::RunCalloutInfSection(const wxString &commandStart) {
     const wxString folder = wxFileName(wfpDriverDir, wxPATH_NATIVE).GetPath(wxPATH_GET_VOLUME);
     const wxString path = folder + "\\" + "netqbimwfp.inf";
     if (!wxFile::Exists(path)) {

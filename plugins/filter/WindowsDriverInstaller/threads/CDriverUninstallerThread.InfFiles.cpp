@@ -21,7 +21,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
     const HRESULT status = FindInfFolders(folders);
     bool isLeftToBoot = false;
     WIN32_FIND_DATAW found = {};
-    UniqueSearch search(ValidHandle(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
+    UniqueSearch search(UniqueHandleOrNull(FindFirstFileW((folders.inf + L"oem*.inf").c_str(), &found)));
     if (search) {
         do {
             // None of the drivers' INF files is empty, or 4 GiB or more.
@@ -54,14 +54,14 @@ void CDriverUninstallerThread::UninstallInf(UninstallOemInf uninstallOemInf, con
 
 /// @return whether one of its files is left to the next boot.
 bool CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const wchar_t *name) {
-    const bool isCompiledLeft = RemoveWithExtension(folders.inf + name, L".pnf");
-    const bool isSourceLeft = RemoveWithExtension(folders.inf + name, L".inf");
-    const bool isCatalogLeft = RemoveWithExtension(folders.catalogs + name, L".cat");
+    const bool isCompiledLeft = RemoveInfWithExtension(folders.inf + name, L".pnf");
+    const bool isSourceLeft = RemoveInfWithExtension(folders.inf + name, L".inf");
+    const bool isCatalogLeft = RemoveInfWithExtension(folders.catalogs + name, L".cat");
     return isCompiledLeft || isSourceLeft || isCatalogLeft;
 }
 
 /// @return whether the file is left to the next boot.
-bool CDriverUninstallerThread::RemoveWithExtension(std::wstring path, const wchar_t *extension) {
+bool CDriverUninstallerThread::RemoveInfWithExtension(std::wstring path, const wchar_t *extension) {
     const std::size_t dot = path.rfind(L'.');
     if (dot == path.npos)
         return false;

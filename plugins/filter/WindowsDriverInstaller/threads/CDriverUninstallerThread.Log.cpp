@@ -1,7 +1,9 @@
-// A driver thread's log. Compiled as a part of WindowsDriverInstaller.cpp.
+// A driver thread's log, and its reports of failures. Compiled as a part of WindowsDriverInstaller.cpp.
 #include "CDriverUninstallerThread.h"
 
 #include <wx/log.h>
+
+#include "WindowsDriverInstaller/reports/AgentEventLog.h"
 
 namespace {
 
@@ -20,6 +22,14 @@ void CDriverUninstallerThread::DbgPrint(const wchar_t *format, ...) {
 
 void CDriverUninstallerThread::DbgPrintV(const wchar_t *format, va_list arguments) {
     wxLogMessage("%s", wxString::FormatV(format, arguments));
+}
+
+void CDriverUninstallerThread::ReportFailure(unsigned long error, const wchar_t *call) {
+    AgentEventLogFailure(*dom, error, call);
+}
+
+void CDriverUninstallerThread::ReportFailure(HRESULT hr, const wchar_t *call) {
+    ReportFailure(static_cast<unsigned long>(hr), call);
 }
 
 }  // namespace

@@ -16,14 +16,14 @@ constexpr DWORD kWriteLockWaitMs = 15'000;
 /// The only entry in the module's message table.
 constexpr unsigned kConfigurationLockedMessage = 0x80007530;
 
-HRESULT InitializeCom() {
+HRESULT InitializeComForNetCfg() {
     const HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED | COINIT_DISABLE_OLE1DDE);
     return hr == RPC_E_CHANGED_MODE ? CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE) : hr;
 }
 
 HRESULT CDriverUninstallerThread::AcquireINetCfg(bool writeLock, INetCfg **result) {
     *result = nullptr;
-    HRESULT hr = InitializeCom();
+    HRESULT hr = InitializeComForNetCfg();
     if (FAILED(hr)) {
         ReportFailure(hr, L"CoInitializeEx");
         return hr;
@@ -78,7 +78,7 @@ HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock 
         ReportFailure(hr, L"INetCfg::QueryInterface(IID_INetCfgLock)");
         NoteFailedStep();
     } else {
-        hr = TakeWriteLock(lock.Get());
+        hr = TakeNetCfgWriteLock(lock.Get());
     }
     EndStep(GettingNetworkConfigLock);
     if (SUCCEEDED(hr))
@@ -86,7 +86,7 @@ HRESULT CDriverUninstallerThread::AcquireWriteLock(INetCfg *netCfg, INetCfgLock 
     return hr;
 }
 
-HRESULT CDriverUninstallerThread::TakeWriteLock(INetCfgLock *lock) {
+HRESULT CDriverUninstallerThread::TakeNetCfgWriteLock(INetCfgLock *lock) {
     wchar_t *name = nullptr;
     HRESULT hr = lock->AcquireWriteLock(kWriteLockWaitMs, kLockDescription, &name);
     const TaskText lockedBy(name);

@@ -1,26 +1,9 @@
 // The removal of miniport devices that were left behind. Compiled as a part of WindowsDriverInstaller.cpp.
 #include "CDriverUninstallerThread.h"
 
-#include <string>
-
-#include <windows.h>
-
 #include "WindowsDriverInstaller/cleanup/OrphanScan.h"
-#include "WindowsDriverInstaller/cleanup/RegistryTree.h"
-#include "common/TakeOwnership.h"
-#include "common/Unique.h"
 
 namespace {
-
-constexpr wchar_t kMiniportKey[] = L"SYSTEM\\CurrentControlSet\\Enum\\Root\\QBIMVTA_MP";
-
-bool KeyExists(const wchar_t *path) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &opened) != ERROR_SUCCESS)
-        return false;
-    const UniqueKey key(opened);
-    return true;
-}
 
 HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     constexpr int maxAttempts = 4;
@@ -53,22 +36,6 @@ HRESULT CDriverUninstallerThread::CleanUpOrphans() {
     DbgPrint(L"HrCleanupOrphans: orphan scan needs reboot (%d:%d)", maxAttempts, static_cast<int>(hr));
     rebootRequired = true;
     return NETCFG_S_REBOOT;
-}
-
-void CDriverUninstallerThread::cleanup_registry() {
-    DbgPrint(L"cleanup_registry: Scanning for registry key %s", kMiniportKey);
-    if (!KeyExists(kMiniportKey)) {
-        DbgPrint(L"    cleanup_registry: no matches found");
-        return;
-    }
-    DbgPrint(L"cleanup_registry: Found %s key", kMiniportKey);
-    std::wstring path = std::wstring(L"MACHINE\\") + kMiniportKey;
-    TakeOwnership([this](const wxString &line) { DbgPrint(L"%s", Wide(line)); }, path.data());
-    path = kMiniportKey;
-    if (DeleteRegistryTree(path) == 0)                           // compat 124: even without ownership
-        DbgPrint(L"    cleanup_registry: successfuly deleted");  // compat 123: misspelt
-    else
-        DbgPrint(L"    cleanup_registry: failed to delete");
 }
 
 }  // namespace

@@ -1,28 +1,16 @@
-// A driver thread's stack of steps. Compiled as a part of WindowsDriverInstaller.cpp.
+// A driver thread's stack of steps, and how another thread watches it. Compiled as a part of
+// WindowsDriverInstaller.cpp.
 #include "CDriverUninstallerThread.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <wx/log.h>
 
-#include "StartThread.h"
-#include "WindowsDriverInstaller/reports/FailureReport.h"
-
 namespace {
 
-CDriverUninstallerThread::CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir,
-                                                   const wxString &toWfpDriverDir)
-    : CRunnable(/*suspended=*/false, kAnyProcessor, /*detached=*/false),
-      dom(toDom),
-      stepFinished(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      ndisDriverDir(toNdisDriverDir.Clone()),
-      wfpDriverDir(toWfpDriverDir.Clone()) {
-    StartStep(ThreadRunning);
-}
-
-void CDriverUninstallerThread::OnExit() {
-    EndStep(ThreadRunning);
-    CRunnable::OnExit();
+void CDriverUninstallerThread::StartStep(InstallerStep step) {
+    StartStep(step, StepLimitSeconds(step));
 }
 
 void CDriverUninstallerThread::StartStep(std::uint32_t step, std::uint32_t limitSeconds) {
@@ -60,8 +48,62 @@ void CDriverUninstallerThread::NoteFailedStep() {
     (void)failedStep.compare_exchange_strong(none, TopStep());
 }
 
-void CDriverUninstallerThread::ReportFailure(unsigned long error, const wchar_t *call) {
-    ::ReportFailure(*dom, error, call);
+bool CDriverUninstallerThread::WaitForStepToFinish() {
+    // A new step signals nothing, so the watcher must poll.
+    constexpr DWORD pollMs = 1'000;
+    constexpr unsigned long emptyStackPauseMs = 100;
+    waitFailed = false;
+    const StepRecord *watched = nullptr;
+    for (;;) {
+        DWORD timeout = pollMs;
+        {
+            const wxCriticalSectionLocker lock(stepLock);
+            if (stepStack.empty()) {
+                wxThread::Sleep(emptyStackPauseMs);  // compat 89: with the lock held; the worker's next step waits
+                return true;
+            }
+            const StepRecord *const top = stepStack.back().get();
+            if (watched != nullptr && top != watched)
+                return true;
+            watched = top;
+            timeout = std::min(timeout, RestOfTopStep());
+        }
+        // A step that ends between the poll and the wait leaves the event set. Two ends may cause one wake-up.
+        switch (WaitForSingleObject(stepFinished.get(), timeout)) {
+            case WAIT_OBJECT_0:
+            case WAIT_ABANDONED:
+                return true;
+            case WAIT_TIMEOUT:
+                if (HasTopStepOverrun())
+                    return false;
+                break;
+            default:
+                wxLogSysError("CDriverUninstallerThread::WaitForStepToFinish() - WaitForSingleObject() failed:");
+                waitFailed = true;
+                return false;
+        }
+    }
+}
+
+/// Only the top step is watched, but the clocks of the others keep running.
+DWORD CDriverUninstallerThread::RestOfTopStep() const {
+    const StepRecord &top = *stepStack.back();
+    const std::uint32_t limit = top.limitSeconds * 1000;
+    const std::uint32_t waited = VtaCore::SystemTickCount() - top.startTick;
+    return waited > limit ? 0 : limit - waited;
+}
+
+bool CDriverUninstallerThread::HasTopStepOverrun() {
+    const wxCriticalSectionLocker lock(stepLock);
+    return !stepStack.empty() && RestOfTopStep() == 0;
+}
+
+bool CDriverUninstallerThread::CannotWaitForStep() {
+    return waitFailed || HasTopStepOverrun();
+}
+
+wxCriticalSection &CDriverUninstallerThread::StepLock() {
+    return stepLock;
 }
 
 }  // namespace

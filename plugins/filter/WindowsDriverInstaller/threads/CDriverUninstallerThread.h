@@ -19,12 +19,8 @@
 #include "ThreadEnd.h"
 #include "WindowsDriverInstaller/cleanup/InfFolders.h"
 #include "common/Unique.h"
+#include "common/Wide.h"
 #include "vta_core.h"
-
-/// Converts an argument of DbgPrint. The result is valid as long as the text.
-inline const wchar_t *Wide(const wxString &text) {
-    return text.wc_str();
-}
 
 // NOLINTBEGIN(misc-definitions-in-headers): the definitions are that one file's
 namespace {
@@ -57,19 +53,19 @@ public:
     /// @param wfpDriverDir   folder of the callout driver's files, ending in a separator.
     CDriverUninstallerThread(VtaCore::CDom *toDom, const wxString &toNdisDriverDir, const wxString &toWfpDriverDir);
     /// compat 87: leaves `stepFinished` open; each object of this very class costs one event handle
-    ~CDriverUninstallerThread() override { (void)stepFinished.release(); }
+    ~CDriverUninstallerThread() override;
 
     /// Watcher: waits until a step ends or another one is on top, or until the limit of the one on top has passed.
     /// @return false when the top step has overrun or the wait failed; otherwise call it again.
     bool WaitForStepToFinish();
     /// Watcher: whether the top step has overrun, or the last wait has failed.
-    bool CannotBeWaitedFor();
+    bool CannotWaitForStep();
     /// The step on top of the stack, or NoStep. Any thread.
     std::uint32_t TopStep();
     /// Held by a watcher that kills the worker, so that the worker doesn't hold it.
-    wxCriticalSection &StepLock() { return stepLock; }
+    wxCriticalSection &StepLock();
     /// Tells whether the thread has ended.
-    ThreadEnd &End() { return end; }
+    ThreadEnd &End();
     /// Writes a line to the thread's log, indented by the depth of the step stack. Any thread.
     /// @param format  follows the rules of a wide printf.
     void DbgPrint(const wchar_t *format, ...);
@@ -78,7 +74,7 @@ protected:
     void OnExit() override;
 
 public:
-    const char *Name() const override { return "CDriverUninstallerThread"; }
+    const char *Name() const override;
 
 protected:
     void Run() override;
@@ -87,7 +83,7 @@ protected:
     virtual void DbgPrintV(const wchar_t *format, va_list arguments);
 
     /// Begins a step with its limit from the table.
-    void StartStep(InstallerStep step) { StartStep(step, StepLimitSeconds(step)); }
+    void StartStep(InstallerStep step);
     void StartStep(std::uint32_t step, std::uint32_t limitSeconds);
     /// Ends the step on top; logs a warning if that is not `step`.
     void EndStep(std::uint32_t step);
@@ -96,7 +92,7 @@ protected:
     /// Reports a failure of the system or of COM as an agent event.
     /// @param error  Windows error code or HRESULT.
     void ReportFailure(unsigned long error, const wchar_t *call);
-    void ReportFailure(HRESULT hr, const wchar_t *call) { ReportFailure(static_cast<unsigned long>(hr), call); }
+    void ReportFailure(HRESULT hr, const wchar_t *call);
     /// Makes a call in a step of its own; reports and notes a failure. @return the call's result.
     template <typename Call>
     HRESULT CallInStep(InstallerStep step, const wchar_t *name, Call call);
@@ -129,7 +125,7 @@ protected:
     /// Runs a section of the callout's INF file through setupapi.
     /// @param commandStart  setupapi's command before the file's path: section and mode.
     /// @return whether it was run. compat 122: setupapi does not report the section's result
-    bool RunWfpInfSection(const wxString &commandStart);
+    bool RunCalloutInfSection(const wxString &commandStart);
     /// Deletes the enumeration key of a miniport device that nothing else could remove.
     void cleanup_registry();
 
@@ -158,13 +154,13 @@ private:
     bool HasTopStepOverrun();
     HRESULT OpenINetCfg(bool writeLock, INetCfg **result);
     HRESULT AcquireWriteLock(INetCfg *netCfg, INetCfgLock **result);
-    HRESULT TakeWriteLock(INetCfgLock *lock);
+    HRESULT TakeNetCfgWriteLock(INetCfgLock *lock);
     void ReleaseWriteLock(INetCfgLock *lock);
     HRESULT ReleaseWriteLock(INetCfg *netCfg);
     void RemoveWfpCallout();
     void UninstallInf(UninstallOemInf uninstallOemInf, const wchar_t *name);
     bool RemoveInfByHand(const InfFolders &folders, const wchar_t *name);
-    bool RemoveWithExtension(std::wstring path, const wchar_t *extension);
+    bool RemoveInfWithExtension(std::wstring path, const wchar_t *extension);
 
     std::deque<std::unique_ptr<StepRecord>> stepStack;
     /// Guards only the stack. Held briefly, except while the watcher sleeps on an empty stack or kills the worker.

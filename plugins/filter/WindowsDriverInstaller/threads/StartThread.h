@@ -11,11 +11,11 @@ constexpr unsigned kDefaultStackSize = 0;
 
 // @return true when the thread runs.
 
-inline bool MakeAndStart(VtaCore::CRunnable &thread) {
+inline bool MakeAndStartThread(VtaCore::CRunnable &thread) {
     return thread.start(kNormalPriority, /*create=*/true, kDefaultStackSize);
 }
 
 /// @param thread  wxThread::Create was called for it.
-inline bool StartMade(VtaCore::CRunnable &thread) {
+inline bool StartMadeThread(VtaCore::CRunnable &thread) {
     return thread.start(kNormalPriority, /*create=*/false, kDefaultStackSize);
 }

@@ -41,13 +41,13 @@ constexpr std::array<Step, 22> kSteps{{
     {StoppingWfpCalloutDriver, L"StoppingWfpCalloutDriver", kNeverBegun},
 }};
 
-constexpr bool IsInOrderOfIds() {
+constexpr bool AreStepsInOrderOfIds() {
     for (std::uint32_t id = 0; id < kSteps.size(); ++id)
         if (kSteps[id].id != id)
             return false;
     return true;
 }
-static_assert(IsInOrderOfIds(), "an id is the place in the table");
+static_assert(AreStepsInOrderOfIds(), "an id is the place in the table");
 
 }  // namespace
 

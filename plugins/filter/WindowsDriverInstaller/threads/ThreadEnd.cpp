@@ -20,3 +20,11 @@ bool ThreadEnd::HasCome(const wxThread &thread, DWORD waitMs) const {
         return !wasKilled;
     return WaitForSingleObject(handle, waitMs) == WAIT_OBJECT_0;
 }
+
+bool ThreadEnd::CanBeAwaited(const wxThread &thread) const {
+    return HandleOf(thread) != nullptr;
+}
+
+HANDLE ThreadEnd::HandleOf(const wxThread &thread) const {
+    return killed ? killed.get() : thread.MSWGetHandle();
+}

@@ -18,12 +18,10 @@ public:
     /// @return whether the thread has ended or was never created; false if that is unknown.
     [[nodiscard]] bool HasCome(const wxThread &thread, DWORD waitMs) const;
     /// @return false if there is no handle to wait for: the end will never be known.
-    [[nodiscard]] bool CanBeAwaited(const wxThread &thread) const { return HandleOf(thread) != nullptr; }
+    [[nodiscard]] bool CanBeAwaited(const wxThread &thread) const;
 
 private:
-    [[nodiscard]] HANDLE HandleOf(const wxThread &thread) const {
-        return killed ? killed.get() : thread.MSWGetHandle();
-    }
+    [[nodiscard]] HANDLE HandleOf(const wxThread &thread) const;
 
     bool wasKilled = false;
     UniqueHandle killed;

@@ -8,7 +8,7 @@
 
 namespace {
 
-void KillUnstarted(CDriverUninstallerThread &thread) {
+void KillUnstartedThread(CDriverUninstallerThread &thread) {
     thread.End().Kill(thread);
     (void)thread.End().HasCome(thread, kEndOfThreadMs);
 }
@@ -21,15 +21,15 @@ struct Overrun {
 };
 
 /// @return the top step if it has overrun or can't be watched any longer.
-std::optional<std::uint32_t> OverrunStep(CDriverUninstallerThread &thread) {
+std::optional<std::uint32_t> WatchedOverrun(CDriverUninstallerThread &thread) {
     const wxCriticalSectionLocker lock(thread.StepLock());
-    return thread.CannotBeWaitedFor() ? std::optional(thread.TopStep()) : std::nullopt;
+    return thread.CannotWaitForStep() ? std::optional(thread.TopStep()) : std::nullopt;
 }
 
 /// Kills the worker after its stack was logged, unless it went on or is in no inner step. compat 93: what it was in
 /// the midst of stays as it is: nothing releases what it held.
 Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
-    const std::optional<std::uint32_t> overrun = OverrunStep(thread);
+    const std::optional<std::uint32_t> overrun = WatchedOverrun(thread);
     if (!overrun)
         return {};
     // compat 92: an overrun of the whole is no reason to kill
@@ -39,7 +39,7 @@ Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
     {
         // Held only for the kill: killing a thread that waits for a lock may harm the others that wait for it.
         const wxCriticalSectionLocker lock(thread.StepLock());
-        if (OverrunStep(thread) != overrun)
+        if (WatchedOverrun(thread) != overrun)
             return {};
         wxLogVerbose("Stack trace:\n%s", stack);
         thread.End().Kill(thread);

@@ -17,7 +17,7 @@
 namespace {
 
 /// Kills a driver thread that was made and could not be started.
-void KillUnstarted(CDriverUninstallerThread &thread);
+void KillUnstartedThread(CDriverUninstallerThread &thread);
 
 /// Follows the worker from step to step, and kills it if one overruns.
 /// @param heartbeat  called before each wait for a step.

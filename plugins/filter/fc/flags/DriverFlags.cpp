@@ -23,11 +23,11 @@ constexpr char kUncheckedInterfaces[] = "UncheckedIfs";
 constexpr char kLastStop[] = "LastTimeDriverStoppedByBLP";
 constexpr long kUnknown = -1;
 
-wxRegKey DriverRegistryKey(const char *path) {
+wxRegKey DriverFlagKey(const char *path) {
     return wxRegKey(wxRegKey::HKLM, path, wxRegKey::WOW64ViewMode_Default);
 }
 
-std::optional<long> ReadFlagNumber(wxRegKey &key, const char *name) {
+std::optional<long> ReadDriverFlagNumber(wxRegKey &key, const char *name) {
     const wxLogNull quiet;  // a value that is not there is nothing to report
     long number = 0;
     if (!key.HasValue(name) || !key.QueryValue(name, &number))
@@ -37,8 +37,8 @@ std::optional<long> ReadFlagNumber(wxRegKey &key, const char *name) {
 
 /// @param value  a wxString or a long.
 template <typename Value>
-void WriteFlagIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
-    wxRegKey key = DriverRegistryKey(kDriverKey);
+void WriteDriverFlagIfKeyExists(const char *name, const Value &value, const TraceSite &site) {
+    wxRegKey key = DriverFlagKey(kDriverKey);
     // compat 8: stores nothing and says nothing without the driver's key
     if (!key.Exists())
         return;
@@ -48,7 +48,7 @@ void WriteFlagIfKeyExists(const char *name, const Value &value, const TraceSite 
 
 /// The number's integer part. What 32 bits don't hold becomes the least number, as the processor's own conversion
 /// has it.
-long IntegerPart32(lua_Number number) {
+long DriverFlagIntegerPart(lua_Number number) {
     // compat 10: stores what 32 bits don't hold as the least number
     constexpr lua_Number limit = 2147483648.0;  // 2 to the power of 31
     if (!(number > -limit - 1 && number < limit))
@@ -57,8 +57,8 @@ long IntegerPart32(lua_Number number) {
 }
 
 int PushDriverFlag(lua_State *L, const char *name, const char *format, const TraceSite &site) {
-    wxRegKey key = DriverRegistryKey(kDriverKey);
-    const std::optional<long> number = ReadFlagNumber(key, name);
+    wxRegKey key = DriverFlagKey(kDriverKey);
+    const std::optional<long> number = ReadDriverFlagNumber(key, name);
     if (number)
         Trace(site, format, *number);
     lua_pushnumber(L, number.value_or(kUnknown));
@@ -66,12 +66,12 @@ int PushDriverFlag(lua_State *L, const char *name, const char *format, const Tra
 }
 
 int StoreDriverFlag(lua_State *L, const char *name, const TraceSite &site) {
-    WriteFlagIfKeyExists(name, IntegerPart32(luaL_checknumber(L, 1)), site);
+    WriteDriverFlagIfKeyExists(name, DriverFlagIntegerPart(luaL_checknumber(L, 1)), site);
     return 1;  // compat 7: pushes nothing, so Lua gets the last argument
 }
 
 /// Lua: takes a light userdata that points at the texts, in UTF-8; yields them as an array.
-int BuildInterfaceArray(lua_State *L) {
+int BuildUncheckedInterfaceArray(lua_State *L) {
     const auto &texts = *static_cast<const std::vector<std::string> *>(lua_touserdata(L, 1));
     lua_createtable(L, static_cast<int>(texts.size()), 0);
     int index = 0;
@@ -85,7 +85,7 @@ int BuildInterfaceArray(lua_State *L) {
 /// Lua: takes an array and a light userdata that points at a wxString; joins the items there. What is neither string
 /// nor number adds nothing, which leaves a doubled comma. An item ends at its first zero: whoever reads the registry
 /// would take that for the end of the list.
-int JoinInterfaceArray(lua_State *L) {
+int JoinUncheckedInterfaces(lua_State *L) {
     wxString &joined = *static_cast<wxString *>(lua_touserdata(L, 2));
     const int count = static_cast<int>(lua_rawlen(L, 1));
     for (int i = 1; i <= count; ++i) {
@@ -101,7 +101,7 @@ int JoinInterfaceArray(lua_State *L) {
 }
 
 std::vector<std::string> ReadUncheckedInterfaces(const TraceSite &site) {
-    wxRegKey key = DriverRegistryKey(kDriverKey);
+    wxRegKey key = DriverFlagKey(kDriverKey);
     wxString list;
     {
         const wxLogNull quiet;
@@ -142,7 +142,7 @@ int GetUncheckedInterface(lua_State *L) {
     {
         // Lua may run out of memory: its error would pass by the destructors.
         std::vector<std::string> items = ReadUncheckedInterfaces(kFilterTrace);
-        lua_pushcfunction(L, BuildInterfaceArray);
+        lua_pushcfunction(L, BuildUncheckedInterfaceArray);
         lua_pushlightuserdata(L, &items);
         status = lua_pcall(L, 1, 1, 0);
     }
@@ -157,13 +157,13 @@ int SetUncheckedInterface(lua_State *L) {
     int status = LUA_OK;
     {
         wxString list;
-        lua_pushcfunction(L, JoinInterfaceArray);
+        lua_pushcfunction(L, JoinUncheckedInterfaces);
         lua_pushvalue(L, 1);
         lua_pushlightuserdata(L, &list);
         status = lua_pcall(L, 2, 0, 0);
         if (status == LUA_OK) {
             Trace(kFilterTrace, "Set ifList: %s", list);  // also when the key is missing
-            WriteFlagIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
+            WriteDriverFlagIfKeyExists(kUncheckedInterfaces, list, kFilterTrace);
         }
     }
     if (status != LUA_OK)
@@ -172,13 +172,13 @@ int SetUncheckedInterface(lua_State *L) {
 }
 
 int GetDriverStoppedByBLPTimestamp(lua_State *L) {
-    wxRegKey driver = DriverRegistryKey(kDriverParametersKey);
-    wxRegKey callout = DriverRegistryKey(kCalloutParametersKey);
-    const std::optional<long> driverStop = driver.Exists() ? ReadFlagNumber(driver, kLastStop) : std::nullopt;
+    wxRegKey driver = DriverFlagKey(kDriverParametersKey);
+    wxRegKey callout = DriverFlagKey(kCalloutParametersKey);
+    const std::optional<long> driverStop = driver.Exists() ? ReadDriverFlagNumber(driver, kLastStop) : std::nullopt;
     if (driverStop)
         Trace(kFilterTrace, "Get last vta last value: %ld", *driverStop);
     lua_pushnumber(L, driverStop.value_or(kUnknown));
-    const std::optional<long> calloutStop = callout.Exists() ? ReadFlagNumber(callout, kLastStop) : std::nullopt;
+    const std::optional<long> calloutStop = callout.Exists() ? ReadDriverFlagNumber(callout, kLastStop) : std::nullopt;
     if (calloutStop)
         Trace(kFilterTrace, "Get last wfp last value: %ld", *calloutStop);
     lua_pushnumber(L, calloutStop.value_or(kUnknown));

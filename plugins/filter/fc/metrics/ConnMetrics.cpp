@@ -12,7 +12,7 @@ constexpr std::int64_t kFoldAfterSeconds = 60;
 
 /// The low 32 bits of the number's integer part. A number beyond 64 bits, infinite or no number
 /// has none of them set, as the processor's own conversion has it.
-std::uint32_t CountFromNumber(lua_Number number) {
+std::uint32_t ConnMetricsCount(lua_Number number) {
     // compat 13: a negative count wraps, and a count of 0 in 32 bits is no data
     constexpr lua_Number limit = 9223372036854775808.0;  // 2 to the power of 63
     if (!(std::fabs(number) < limit))
@@ -22,10 +22,10 @@ std::uint32_t CountFromNumber(lua_Number number) {
 
 /// Puts back what a failed drain has taken, as if there had been no drain: it was in the result before all that was
 /// folded meanwhile.
-void PutBackDrained(ConnMetricsMap &drained) {
+void PutBackDrainedConnMetrics(ConnMetricsMap &drained) {
     const wxCriticalSectionLocker lock(connMetricsLock);
     drained.swap(mergedMetrics);
-    FoldConnMetrics(drained, mergedMetrics);
+    FoldConnMetricsMap(drained, mergedMetrics);
 }
 
 }  // namespace
@@ -35,7 +35,7 @@ int AddToConnMetrics(lua_State *L) {
     size_t textLength = 0;
     const char *key = luaL_checklstring(L, 1, &keyLength);
     const char *text = luaL_checklstring(L, 2, &textLength);
-    const std::uint32_t count = CountFromNumber(luaL_checknumber(L, 3));
+    const std::uint32_t count = ConnMetricsCount(luaL_checknumber(L, 3));
     if (count != 0)
         stagingMetrics.Add({key, keyLength}, {text, textLength}, count);
     return 0;
@@ -69,8 +69,8 @@ int GetConnMetrics(lua_State *L) {
         status = lua_pcall(L, 1, 1, 0);
         // Any error, such as one of a finalizer that Lua runs within an allocation.
         if (status != LUA_OK)
-            PutBackDrained(drain.entries);
-        FreeConnMetrics(drain.entries);
+            PutBackDrainedConnMetrics(drain.entries);
+        FreeConnMetricsMap(drain.entries);
     }
     if (status != LUA_OK)
         return lua_error(L);

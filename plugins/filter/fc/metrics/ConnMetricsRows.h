@@ -8,17 +8,8 @@
 
 #include <lua.hpp>
 
+#include "ConnMetricLines.h"
 #include "ConnMetricsMap.h"
-
-constexpr int kNoNumberField = -1;
-
-/// One line of an entry's text.
-template <typename Character>
-struct ConnMetricLine {
-    std::basic_string_view<Character> name;   ///< Before the first tab.
-    std::basic_string_view<Character> value;  ///< After it; empty where the line has none.
-    int numberField;                          ///< Which of the fields whose value is a number, or kNoNumberField.
-};
 
 /// Lines that are read before the first of them is set in its row, so that the row is made with their number of fields.
 constexpr std::size_t kLinesAhead = 32;
@@ -40,6 +31,3 @@ struct ConnMetricsDrain {
 /// A Lua function: takes a light userdata that points at a ConnMetricsDrain, yields the array of rows. Leaves
 /// the entries as they are. No C++ exception leaves it: without memory it raises a Lua error.
 int BuildConnMetricsRows(lua_State *L);
-
-/// Leaves the map empty. Asks early for the memory of what it frees next, which `clear` of the map would wait for.
-void FreeConnMetrics(ConnMetricsMap &entries);

@@ -1,28 +1,23 @@
 #include "KeyHash.h"
 
 #include <array>
-#include <cstddef>
 
 // clang-format off
 #include <windows.h>
 #include <ntsecapi.h>
 // clang-format on
 
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 namespace {
 
-/// The whole secret of the hash. A seed would only be added to a published one.
-class HashSecret {
+/// Random bytes. A seed would only be added to a published secret.
+class DrawnKeyHashSecret {
 public:
-    HashSecret() {
+    DrawnKeyHashSecret() {
         if (!RtlGenRandom(m_bytes.data(), static_cast<ULONG>(m_bytes.size())))
             FillFromProcess();
     }
 
-    [[nodiscard]] const std::byte *Bytes() const { return m_bytes.data(); }
-    static constexpr std::size_t kSize = XXH3_SECRET_DEFAULT_SIZE;
+    [[nodiscard]] std::span<const std::byte> Bytes() const { return m_bytes; }
 
 private:
     /// Without random bytes: what nobody outside of this process knows exactly. Keys that collide are slow, not
@@ -45,14 +40,13 @@ private:
         XXH3_generateSecret(m_bytes.data(), m_bytes.size(), &state, sizeof(state));
     }
 
-    std::array<std::byte, kSize> m_bytes{};
+    std::array<std::byte, XXH3_SECRET_DEFAULT_SIZE> m_bytes{};
 };
 
 }  // namespace
 
-std::uint32_t HashKey(std::string_view key) {
+std::span<const std::byte> KeyHashSecret() {
     // At its first use, not while the library is loaded: drawing random bytes may load another one.
-    static const HashSecret secret;
-    return static_cast<std::uint32_t>(
-        XXH3_64bits_withSecret(key.data(), key.size(), secret.Bytes(), HashSecret::kSize));
+    static const DrawnKeyHashSecret secret;
+    return secret.Bytes();
 }

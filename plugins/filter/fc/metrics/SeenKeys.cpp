@@ -10,54 +10,52 @@ namespace {
 constexpr float kMaxLoad = 0.7F;  // slots are large: fuller than the table is by itself
 constexpr std::size_t kWord = sizeof(std::uint64_t);
 
-std::uint64_t LoadKeyWord(const char *from) {
+std::uint64_t LoadSeenKeyWord(const char *from) {
     std::uint64_t word = 0;
     std::memcpy(&word, from, kWord);
     return word;
 }
 
 /// The last eight bytes of a text; of a shorter one all, filled up with ones.
-std::uint64_t LoadLastKeyWord(const char *text, std::size_t bytes) {
+std::uint64_t LoadLastSeenKeyWord(const char *text, std::size_t bytes) {
     if (bytes >= kWord)
-        return LoadKeyWord(text + bytes - kWord);
+        return LoadSeenKeyWord(text + bytes - kWord);
     std::uint64_t word = 0x0101010101010101U;
     for (std::size_t i = 0; i < bytes; ++i)
         word = word << 8 | static_cast<unsigned char>(text[i]);
     return word;
 }
 
-bool SameKeyBytes(const char *left, const char *right, std::size_t bytes) {
+bool SameSeenKeyBytes(const char *left, const char *right, std::size_t bytes) {
     for (std::size_t i = 0; i + kWord < bytes; i += kWord)
-        if (LoadKeyWord(left + i) != LoadKeyWord(right + i))
+        if (LoadSeenKeyWord(left + i) != LoadSeenKeyWord(right + i))
             return false;
-    return LoadLastKeyWord(left, bytes) == LoadLastKeyWord(right, bytes);
+    return LoadLastSeenKeyWord(left, bytes) == LoadLastSeenKeyWord(right, bytes);
 }
 
 }  // namespace
 
-HashedKey::HashedKey(std::string_view text) : m_text(text), m_hash(HashKey(text)) {}
-
-bool SeenKeys::Has(const Record &record, std::string_view key) {
+[[gnu::always_inline]] inline bool SeenKeys::Has(const Record &record, std::string_view key) {
     if (key.size() <= sizeof(record.head))
-        return record.length == key.size() && SameKeyBytes(record.head, key.data(), key.size());
-    return record.length == kLonger && SameKeyBytes(record.head, key.data(), sizeof(record.head)) &&
+        return record.length == key.size() && SameSeenKeyBytes(record.head, key.data(), key.size());
+    return record.length == kLonger && SameSeenKeyBytes(record.head, key.data(), sizeof(record.head)) &&
            CompareMetricTexts(record.entry->Key(), key) == 0;
 }
 
-bool SeenKeys::Count(const HashedKey &key, std::uint32_t count) {
-    const auto record = m_records.find(key, key.Hash());
+bool SeenKeys::Count(std::string_view key, std::uint32_t count) {
+    const HashedKey hashed{key, HashKey(key)};
+    const auto record = m_records.find(hashed, hashed.hash);
     if (record == m_records.end())
         return false;
     record->count += count;
     return true;
 }
 
-void SeenKeys::Insert(const HashedKey &key, const ConnMetric &entry) {
-    const std::string_view text = key.Text();
-    Record record{&entry, key.Hash(), 0, kLonger, {}};
-    if (text.size() <= sizeof(record.head))
-        record.length = static_cast<std::uint8_t>(text.size());
-    std::memcpy(record.head, text.data(), std::min(text.size(), sizeof(record.head)));
+void SeenKeys::Insert(std::string_view key, const ConnMetric &entry) {
+    Record record{&entry, HashKey(key), 0, kLonger, {}};
+    if (key.size() <= sizeof(record.head))
+        record.length = static_cast<std::uint8_t>(key.size());
+    std::memcpy(record.head, key.data(), std::min(key.size(), sizeof(record.head)));
     m_records.max_load_factor(kMaxLoad);
     m_records.insert(record);
 }

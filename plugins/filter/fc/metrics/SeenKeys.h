@@ -8,20 +8,7 @@
 
 #include <tsl/robin_set.h>
 
-#include "ConnMetricsMap.h"
-
-/// A key with its hash.
-class HashedKey {
-public:
-    explicit HashedKey(std::string_view text);
-
-    [[nodiscard]] std::uint32_t Hash() const { return m_hash; }
-    [[nodiscard]] std::string_view Text() const { return m_text; }
-
-private:
-    std::string_view m_text;
-    std::uint32_t m_hash;
-};
+#include "ConnMetric.h"
 
 /// A hash table for keys of ASCII characters without a NUL. They are the same text in every locale, so that their
 /// entries can be found without a conversion. What it needs to know of a key, most keys whole, lies in the table's slot
@@ -32,10 +19,10 @@ public:
     /// Adds to the count of a key that was inserted before.
     /// @param key  any.
     /// @return false if it was not.
-    bool Count(const HashedKey &key, std::uint32_t count);
+    bool Count(std::string_view key, std::uint32_t count);
     /// @param key    ASCII without a NUL.
     /// @param entry  has that key, is not here yet, and stays where it is until Clear.
-    void Insert(const HashedKey &key, const ConnMetric &entry);
+    void Insert(std::string_view key, const ConnMetric &entry);
     /// Adds what was counted here to the entries.
     void Settle();
     /// Forgets all entries and gives the memory back.
@@ -52,17 +39,19 @@ private:
     };
     static_assert(sizeof(Record) == 56);
     static constexpr std::uint8_t kLonger = 0xFF;  ///< The key has more characters than the head.
+    struct HashedKey {
+        std::string_view text;
+        std::uint32_t hash;
+    };
     struct HashOf {
         std::size_t operator()(const Record &record) const { return record.hash; }
-        std::size_t operator()(const HashedKey &key) const { return key.Hash(); }
     };
     struct SameKey {
         using is_transparent = void;
         bool operator()(const Record &left, const Record &right) const { return left.entry == right.entry; }
         bool operator()(const Record &record, const HashedKey &key) const {
-            return record.hash == key.Hash() && Has(record, key.Text());
+            return record.hash == key.hash && Has(record, key.text);
         }
-        bool operator()(const HashedKey &key, const Record &record) const { return (*this)(record, key); }
     };
     using Records = tsl::robin_set<Record, HashOf, SameKey>;
 

@@ -6,7 +6,7 @@ namespace {
 
 /// ASCII throughout, and no NUL: the same text in every code page that Windows uses for a locale. The loop has no early
 /// exit, so that the compiler can use vector instructions.
-bool IsPlainAscii(std::string_view text) {
+bool IsPlainStagingText(std::string_view text) {
     unsigned odd = 0;
     for (const char character : text) {
         const unsigned byte = static_cast<unsigned char>(character);
@@ -17,9 +17,9 @@ bool IsPlainAscii(std::string_view text) {
 
 /// Bytes that are ASCII as they are; other ones as what wxString makes of them up to the first NUL in the current
 /// locale.
-class KeptText {
+class StagingText {
 public:
-    explicit KeptText(std::string_view narrow) : m_narrow(narrow), m_isAscii(IsPlainAscii(narrow)) {
+    explicit StagingText(std::string_view narrow) : m_narrow(narrow), m_isAscii(IsPlainStagingText(narrow)) {
         if (!m_isAscii)
             m_wide = wxString(narrow.data());
     }
@@ -39,14 +39,8 @@ private:
 
 }  // namespace
 
-void StagingMetrics::Add(std::string_view key, std::string_view text, std::uint32_t count) {
-    const HashedKey hashed(key);
-    if (!m_seen.Count(hashed, count))
-        AddToMap(hashed, text, count);
-}
-
-void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::uint32_t count) {
-    const KeptText kept(key.Text());
+void StagingMetrics::AddToMap(std::string_view key, std::string_view text, std::uint32_t count) {
+    const StagingText kept(key);
     const auto place = m_entries.lower_bound<ConnMetricText>(kept);
     if (place != m_entries.end() && CompareMetricTexts(place->Key(), kept) == 0) {
         place->count += count;
@@ -55,14 +49,14 @@ void StagingMetrics::AddToMap(const HashedKey &key, std::string_view text, std::
     // compat 14: drops a new key without a message when the map is full
     if (m_entries.size() >= kMaxConnMetricKeys)
         return;
-    const auto entry = m_entries.emplace_hint(place, kept, KeptText(text), count);
+    const auto entry = m_entries.emplace_hint(place, kept, StagingText(text), count);
     if (kept.IsAscii())
         m_seen.Insert(key, *entry);
 }
 
 void StagingMetrics::FoldInto(ConnMetricsMap &merged) {
     m_seen.Settle();
-    FoldConnMetrics(m_entries, merged);
+    FoldConnMetricsMap(m_entries, merged);
 }
 
 void StagingMetrics::Clear() {

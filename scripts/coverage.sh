@@ -1,0 +1,47 @@
+# shellcheck shell=bash
+# What of the module the tests reach: clang's coverage of sources.
+
+REPLACED=$BUILD/bin-replaced
+
+# replace_module FOLDER: the module of that folder in $REPLACED, beside links to all that the test programs need.
+replace_module() {
+    local file
+    rm -rf "$REPLACED"
+    mkdir -p "$REPLACED"
+    for file in "$BUILD"/bin/*; do
+        case ${file##*/} in fc.dll | fc.pdb) ;; *) ln -s "$file" "$REPLACED/" ;; esac
+    done
+    cp "$1/fc.dll" "$1/fc.pdb" "$REPLACED/"
+}
+
+# replaced_entries [PROGRAM...]: the entries that run these test programs, or all of them, with the replaced module.
+replaced_entries() {
+    local names=("$@")
+    [ $# -gt 0 ] || mapfile -t names <"$BUILD/test-programs.txt"
+    printf '%s-replaced\n' "${names[@]}" | grep -v '^-'
+}
+
+# run_coverage [PROGRAM...]: with all test programs, or the named ones. Returns false if a test fails: then the figures mean little.
+run_coverage() {
+    local profiles=$BUILD/profiles out=$OUT/coverage status=0 entries image=$BUILD/covered/fc.dll
+    mapfile -t entries < <(replaced_entries "$@")
+    replace_module "${image%/*}"
+    rm -rf "$profiles" "$out"
+    mkdir -p "$profiles" "$out"
+    CTEST+=(-C Replaced)
+    FC_PROFILES=Z:${profiles//\//\\} run_tests "${entries[@]}" || status=1
+    [ -n "$(ls -A "$profiles")" ] || die "the tests left no profile in $profiles"
+    quietly coverage.log "merging the profiles" llvm-profdata-19 merge --sparse -o "$out/fc.profdata" "$profiles"/*.profraw
+    export_coverage "$image" "$out"
+    "$ROOT/scripts/coverage.py" "$ROOT" "$out/fc.lcov" "$out/fc.json"
+    echo "The page is $(to_caller "$out/index.html")"
+    return $status
+}
+
+# export_coverage IMAGE FOLDER: from fc.profdata the page, and what scripts/coverage.py reads.
+export_coverage() {
+    local how=(--instr-profile="$2/fc.profdata" --compilation-dir="$ROOT" --ignore-filename-regex='(^|/)(usr|libraries|headers|interfaces)/')
+    llvm-cov-19 show "$1" "${how[@]}" --format=html --show-branches=count --output-dir="$2" >/dev/null
+    llvm-cov-19 export "$1" "${how[@]}" --format=lcov >"$2/fc.lcov"
+    llvm-cov-19 export "$1" "${how[@]}" --skip-expansions --skip-functions >"$2/fc.json"
+}

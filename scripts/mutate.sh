@@ -1,0 +1,151 @@
+# shellcheck shell=bash
+# Random single changes of the module, each run against the tests of its folder: whether they bite.
+
+MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
+OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir
+
+# objects_with PATH: the objects of the module that are made from this file.
+objects_with() {
+    ninja -C "$BUILD" -t deps 2>/dev/null | awk -v objects="$OBJECTS/" -v file="    $ROOT/$1" '
+        /^[^ ]/ { object = index($0, objects) == 1 && match($0, /\.obj: #deps/) ? substr($0, 1, RSTART + 3) : "" }
+        $0 == file && object { print object }'
+}
+
+# overlay PATH SOURCE: for the compiler, which then reads the source where it looks for the path.
+overlay() {
+    cat <<TEXT
+{"version": 0, "use-external-names": false, "roots": [{"type": "directory", "name": "$ROOT/${1%/*}",
+ "contents": [{"type": "file", "name": "${1##*/}", "external-contents": "$2"}]}]}
+TEXT
+}
+
+# build_changed DRAWN: leaves the module with this change in bin/, by the commands of the usual build. Returns false if the change
+# can't be compiled. SAME tells whether the code is what it was.
+build_changed() {
+    local path object made link compile
+    path=$(<"$1/path")
+    overlay "$path" "$1/source" >"$MUTANTS/overlay.json"
+    rm -rf "$MUTANTS/objects" "$MUTANTS/bin"
+    mkdir -p "$MUTANTS/objects" "$MUTANTS/bin"
+    link=$(grep -E -- ' -o bin/fc\.dll ' "$MUTANTS/commands")
+    link=${link//bin\/fc.dll/mutants/bin/fc.dll}
+    link=${link//plugins\/filter\/libfc.dll.a/mutants/libfc.dll.a}
+    SAME=1
+    for object in $(objects_with "$path"); do
+        made=mutants/objects/${object//\//-}
+        # The warnings of the usual build may be errors.
+        compile=$(grep -F -- " -o $object " "$MUTANTS/commands")
+        (cd "$BUILD" && eval "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json") >"$LOGS/mutant.log" 2>&1 || return
+        link=${link//$object/$made}
+        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$made")" ] || SAME=0
+    done
+    [ "$link" = "${link/mutants\/objects/}" ] && die "no object of the module is made from $path"
+    (cd "$BUILD" && eval "$link") >"$LOGS/mutant.log" 2>&1 || die "the changed module can't be linked; see $LOGS/mutant.log"
+}
+
+# code_of OBJECT: a checksum of it without what debuggers read.
+code_of() { llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"; }
+
+# programs_of FOLDER: the test programs of that folder; of common and of the whole module all those of the module.
+programs_of() {
+    local program where=("$ROOT/tests/${1:-common}/CMakeLists.txt")
+    [ -f "${where[0]}" ] || where=("$ROOT"/tests/{fc,Diagnostics,SystemHealth,WindowsDriverInstaller,WindowsFirewall}/CMakeLists.txt)
+    while read -r program; do
+        ! grep -qw -- "_tests($program" "${where[@]}" || echo "$program"
+    done <"$BUILD/test-programs.txt"
+}
+
+# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Prints what fails first. No result file, no pass: a crash or
+# an early end is a failure.
+run_mutant() {
+    local results=$BUILD/test-results entry fault
+    replace_module "$1"
+    shift
+    rm -rf "$results"
+    mkdir -p "$results"
+    env --default-signal=INT,QUIT GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
+        IFS='|'
+        echo "$*"
+    ))\$" -j "$JOBS" --stop-on-failure --no-tests=error --timeout $((TEST_SECONDS + 60)) >"$LOGS/mutant-tests.log" 2>&1 || true
+    for entry in "$@"; do
+        fault=$(fault_of "$results/$entry")
+        [ -z "$fault" ] || [ "$fault" = "was not run" ] || {
+            echo "${entry%-replaced} $fault$(first_failure "$results/$entry.log")"
+            return 1
+        }
+    done
+    for entry in "$@"; do
+        [ -z "$(fault_of "$results/$entry")" ] || {
+            echo "$entry was not run"
+            return 1
+        }
+    done
+}
+
+# first_failure LOG: the name of the test.
+first_failure() { sed -n 's/^\[  FAILED  \] \([A-Za-z0-9_/.]*\).*/: \1/p' "$1" | head -n 1; }
+
+# try_mutant DRAWN ENTRY...: this change. Tells how it ended in OUTCOME: invalid, same, caught or survived.
+try_mutant() {
+    local drawn=$1 reason
+    shift
+    OUTCOME=invalid
+    build_changed "$drawn" || return 0
+    OUTCOME=same
+    [ "$SAME" = 0 ] || return 0
+    OUTCOME=survived
+    if reason=$(run_mutant "$MUTANTS/bin" "$@"); then
+        echo SURVIVED
+    else
+        OUTCOME=caught
+        echo "caught by $reason"
+    fi
+    cat "$drawn/what"
+}
+
+# make_wine_of_mutants: a change may spoil what the tests do to the machine, so it is a Wine prefix that nobody else uses.
+make_wine_of_mutants() {
+    export WINEPREFIX=$MUTANTS/wine
+    mkdir -p "$MUTANTS"
+    prefix_is_ready || quietly wineboot.log "creating a Wine prefix for the changed module" make_wine_prefix
+}
+
+# run_mutate FOLDER SEED COUNT: so many changes of the sources in that folder below plugins/filter. Returns false if one survives.
+run_mutate() {
+    local folder=$1 seed=$2 count=$3 files entries number tried=0 started survived=() fault
+    [ -d "$ROOT/plugins/filter/$folder" ] || die "there is no folder '$folder' below plugins/filter"
+    mapfile -t files < <(cd "$ROOT" && find "plugins/filter/$folder" -name '*.cpp' -o -name '*.h' | LC_ALL=C sort)
+    [ ${#files[@]} -gt 0 ] || die "plugins/filter/$folder has no sources"
+    mapfile -t entries < <(programs_of "${folder%%/*}")
+    mapfile -t entries < <(replaced_entries "${entries[@]}")
+    make_wine_of_mutants
+    ninja -C "$BUILD" -t commands bin/fc.dll >"$MUTANTS/commands"
+    say "testing the unchanged module: ${entries[*]%-replaced}"
+    started=$SECONDS
+    fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"
+    # A change may make a loop endless.
+    TEST_SECONDS=$((60 + 3 * (SECONDS - started)))
+    export FC_TEST_SECONDS=$TEST_SECONDS
+    rm -rf "$MUTANTS/drawn"
+    # Some can't be compiled, and some change nothing.
+    (cd "$ROOT" && scripts/mutations.py --seed "$seed" --count $((3 * count + 10)) --to "$MUTANTS/drawn" "${files[@]}")
+    for ((number = 1; tried < count; number++)); do
+        [ -d "$MUTANTS/drawn/$number" ] || break
+        try_mutant "$MUTANTS/drawn/$number" "${entries[@]}"
+        case $OUTCOME in
+        caught) tried=$((tried + 1)) ;;
+        survived) tried=$((tried + 1)) survived+=("$number") ;;
+        esac
+    done
+    tell_survivors "$tried" "$seed" "${survived[@]}"
+}
+
+# tell_survivors TRIED SEED NUMBER...: once more what no test has noticed.
+tell_survivors() {
+    local tried=$1 seed=$2 number
+    shift 2
+    [ "$tried" -gt 0 ] || die "no change could be tried"
+    echo "$((tried - $#)) of $tried changes were caught, $# survived (seed $seed)"
+    for number in "$@"; do cat "$MUTANTS/drawn/$number/what"; done
+    [ $# -eq 0 ]
+}

@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# How ./dev coverage counts, and which changes ./dev mutate draws.
+#   coverage-tests.sh XML
+# The results go to XML, as GoogleTest writes them.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+XML=$1
+# shellcheck disable=SC2034 # for shell-tests.sh
+SUITE=Coverage
+SCRIPTS=$HERE/../../scripts
+WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
+trap 'rm -rf "$WORK"' EXIT
+# shellcheck source=tests/support/shell-tests.sh
+. "$HERE/../support/shell-tests.sh"
+
+# counted LINES [BRANCH]...: what is told of $WORK/x.cpp; the table without its head and blanks. LINES are the counts of its lines, 0 or
+# more, or - where there is no code, a BRANCH is LINE,COLUMN,TRUE,FALSE.
+counted() {
+    local count number=0 branches=()
+    {
+        echo "SF:$WORK/x.cpp"
+        for count in $1; do
+            number=$((number + 1))
+            [ "$count" = - ] || echo "DA:$number,$count"
+        done
+        echo end_of_record
+    } >"$WORK/lcov"
+    for branch in "${@:2}"; do
+        IFS=, read -ra branch <<<"$branch"
+        branches+=("[${branch[0]}, ${branch[1]}, ${branch[0]}, 99, ${branch[2]}, ${branch[3]}, 0, 0, 4]")
+    done
+    (
+        IFS=,
+        echo "{\"data\": [{\"files\": [{\"filename\": \"$WORK/x.cpp\", \"branches\": [${branches[*]}]}]}]}"
+    ) >"$WORK/json"
+    "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" | sed '/file$/d; s/  */ /g; s/^ //' >"$WORK/out"
+}
+
+# is_told LINE...: all that the last count told.
+is_told() {
+    printf '%s\n' "$@" | diff - "$WORK/out" >"$WORK/difference" || because "$(<"$WORK/difference")"
+}
+
+LinesAndBranchesAreCounted() {
+    printf 'a\nb\nc\n' >"$WORK/x.cpp"
+    counted '3 0 1' 1,5,3,0 2,5,0,0 3,5,0,1
+    is_told 'x.cpp:1: never false' 'x.cpp:2: not reached' 'x.cpp:3: never true' \
+        '3 2 66.7 % 6 2 33.3 % x.cpp' '3 2 66.7 % 6 2 33.3 % all'
+}
+
+WhatACommentGivesAReasonForIsLeftOut() {
+    cat >"$WORK/x.cpp" <<'CPP'
+first();
+second();  // not reached: it has no second
+// not reached: the answer is never this one, which
+// takes two lines to say
+if (answer) {
+    third();
+}
+fourth();
+CPP
+    counted '1 0 - - 1 0 0 0' 5,5,0,1
+    is_told 'x.cpp:8: not reached' '2 1 50.0 % 0 0 100.0 % x.cpp' '2 1 50.0 % 0 0 100.0 % all'
+}
+
+ACommentThatIsNoLongerTrueIsTold() {
+    echo 'first();  // not reached: it has no first' >"$WORK/x.cpp"
+    counted 1
+    grep -qxF 'x.cpp:1: the comment says "not reached", and all of it is reached' "$WORK/out" || because "it says: $(<"$WORK/out")"
+}
+
+TheInstancesOfATemplateAreOne() {
+    echo a >"$WORK/x.cpp"
+    counted 1 1,5,1,0 1,5,0,1 1,9,1,0
+    is_told 'x.cpp:1: never false' '1 1 100.0 % 4 3 75.0 % x.cpp' '1 1 100.0 % 4 3 75.0 % all'
+}
+
+AReportOfNothingFails() {
+    : >"$WORK/lcov"
+    ! "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" >/dev/null 2>&1 || because "no line of source is a success"
+}
+
+# draw SEED COUNT: changes of $WORK/y.cpp; `drawn` has what they are changed to.
+draw() {
+    rm -rf "$WORK/drawn"
+    (cd "$WORK" && "$SCRIPTS/mutations.py" --seed "$1" --count "$2" --to drawn y.cpp)
+    : >"$WORK/out"
+    for folder in "$WORK"/drawn/*/; do
+        ! cmp -s "$folder/source" "$WORK/y.cpp" || because "a change changes nothing: $(<"$folder/what")" || return
+        sed -n 's/^ *changed to: //p' "$folder/what" >>"$WORK/out"
+    done
+}
+
+# has_drawn LINE...: these changes, and no other.
+has_drawn() {
+    diff <(printf '%s\n' "$@" | LC_ALL=C sort) <(LC_ALL=C sort "$WORK/out") >"$WORK/difference" || because "$(<"$WORK/difference")"
+}
+
+EachKindOfChangeIsDrawn() {
+    printf '%s\n' 'void f() {' '    if (a < 7 && b)' '        g("text");' '}' >"$WORK/y.cpp"
+    draw 1 100
+    has_drawn 'if (a <= 7 && b)' 'if (a < 8 && b)' 'if (a < 7 || b)' 'if (!(a < 7 && b))' 'g("~text");' ';'
+}
+
+CommentsAndDirectivesStayAsTheyAre() {
+    printf '%s\n' '#include "x1.h"' '// if (a < 7)' '/* 3' '4 */' 'const char *s = "// 5";  // "6"' 'static_assert(sizeof(a) == 8);' >"$WORK/y.cpp"
+    draw 1 100
+    has_drawn 'const char *s = "~// 5"; // "6"'
+}
+
+TheSeedDecides() {
+    printf 'int a = %d;\n' {1..40} >"$WORK/y.cpp"
+    draw 5 10 && cp "$WORK/out" "$WORK/first" || return
+    [ "$(wc -l <"$WORK/first")" -eq 10 ] || because "not ten changes" || return
+    draw 5 10
+    cmp -s "$WORK/first" "$WORK/out" || because "the same seed draws others" || return
+    draw 6 10
+    ! cmp -s "$WORK/first" "$WORK/out" || because "another seed draws the same"
+}
+
+for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne AReportOfNothingFails \
+    EachKindOfChangeIsDrawn CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
+    test_case "$name"
+done
+write_results coverage-tests "$XML"
