@@ -7,6 +7,10 @@
 /// Prints a line. Any thread; one that is killed within this delays the others' lines for a moment at most.
 void PrintLine(const std::string &line);
 
+/// Prints a line behind the time of day at which it was due.
+/// @param time  seconds since 1970.
+void PrintLineOf(double time, const std::string &line);
+
 /// Shows the text below the lines, in place of the one before; an empty one leaves nothing there. For terminals.
 void ShowStatus(const std::string &text);
 

@@ -13,8 +13,9 @@
 struct HostEvent {
     enum class Kind { Event, UserNotification, RebootNotification };
     Kind kind;
-    int number;  ///< Of the event; severity of a user notification; reason of a reboot notification.
-    int logId;   ///< Of an event that was logged, else 0.
+    double time;  ///< Seconds since 1970, when it came.
+    int number;   ///< Of the event; severity of a user notification; reason of a reboot notification.
+    int logId;    ///< Of an event that was logged, else 0.
     std::string format;
     std::string text;
     std::string detail;
@@ -23,7 +24,8 @@ struct HostEvent {
 /// Lower case, as scripts and the events file have it.
 const char *KindName(HostEvent::Kind kind);
 
-/// Prints to the standard error output and keeps all events. Any thread.
+/// Prints to the standard error output and keeps all events; those that belong in the agent's log have a line there,
+/// too. Any thread.
 class EventLog : public VtaCore::Control::Observer {
 public:
     /// @param print  also print what happens.

@@ -24,13 +24,6 @@ constexpr NamedState kStates[] = {
     {"running", SERVICE_RUNNING}, {"paused", SERVICE_PAUSED},
 };
 
-const char *StateName(DWORD state) {
-    for (const NamedState &named : kStates)
-        if (named.state == state)
-            return named.name;
-    return "unknown";
-}
-
 /// The state that is named at the index.
 DWORD CheckState(lua_State *L, int index) {
     const char *name = luaL_checkstring(L, index);
@@ -160,6 +153,13 @@ int GetFolders(lua_State *L) {
 }
 
 }  // namespace
+
+const char *StateName(DWORD state) {
+    for (const NamedState &named : kStates)
+        if (named.state == state)
+            return named.name;
+    return "unknown";
+}
 
 HRESULT CheckComponentResult(lua_State *L, const char *field) {
     if (lua_type(L, -1) == LUA_TNUMBER) {

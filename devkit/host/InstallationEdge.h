@@ -17,6 +17,9 @@ int ChangeInstallation(lua_State *L, const Work &work) {
     return WithInstallation(L, work) ? 0 : lua_error(L);
 }
 
+/// The name of a service's state, such as "running".
+const char *StateName(DWORD state);
+
 /// What an installation or a removal of a component answers: "ok", "reboot" or a code, on top of the stack.
 /// @param field  for messages.
 HRESULT CheckComponentResult(lua_State *L, const char *field);

@@ -4,11 +4,17 @@
 #include <optional>
 #include <string>
 
-#include "DriverRuns.h"
+#include "DriverRun.h"
 #include "HealthHistory.h"
 
+/// The script that has run, in UTF-8.
+struct ReportedScript {
+    std::string name;
+    std::string error{};  ///< That has ended it; empty: none.
+    int status = 0;       ///< With which it has ended.
+};
+
 /// A HTML page that needs nothing beside itself.
-/// @param script  the name of the script that has run, UTF-8.
-/// @param error   says which part of the page the program lacks, when nothing is returned.
+/// @param error  says which part of the page the program lacks, when nothing is returned.
 std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
-                                          const std::string &script, std::string &error);
+                                          const ReportedScript &script, std::string &error);

@@ -107,6 +107,10 @@ Installation &SimulatedSystem::UseInstallation() {
     return *parts.installation;
 }
 
+const Installation *SimulatedSystem::FindInstallation() const {
+    return m_parts != nullptr && m_parts->installation ? &*m_parts->installation : nullptr;
+}
+
 Simulator::Faults &SimulatedSystem::UseFaults() {
     (void)UseInstallation();
     return m_parts->core->faults;

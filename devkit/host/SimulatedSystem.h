@@ -41,6 +41,8 @@ public:
     /// What is installed. From the first use on, fc.dll runs on it, and on the machine.
     /// @throws std::exception  if its registry or its folders can't be made.
     Installation &UseInstallation();
+    /// The same, without a first use; null before that.
+    const Installation *FindInstallation() const;
     /// The same for its faults. They concern the calls that CanFail knows.
     Simulator::Faults &UseFaults();
     /// Whether a simulated system has the call, whatever of it is simulated by now.

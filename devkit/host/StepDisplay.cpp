@@ -44,7 +44,7 @@ std::string NewsLine(const DriverNews &news) {
         case DriverNews::What::RunEnds:
             break;
     }
-    return line + RunName(news.kind) + " ends after " + took;
+    return line + RunName(news.kind) + " ends after " + took + (news.outcome.empty() ? "" : ": " + news.outcome);
 }
 
 std::string StatusText(const DriverRun &run, double now, std::size_t width) {
@@ -67,7 +67,7 @@ void StepDisplay::Begin(DriverRuns &runs) {
         m_updater = std::thread([this, &runs] { Update(runs); });
         return;
     }
-    runs.OnNews([](const DriverNews &news) { PrintLine(NewsLine(news)); });
+    runs.OnNews([](const DriverNews &news) { PrintLineOf(news.time, NewsLine(news)); });
 }
 
 void StepDisplay::Update(const DriverRuns &runs) {

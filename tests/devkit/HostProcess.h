@@ -47,5 +47,8 @@ private:
 /// The whole file; fails the test where there is none.
 std::string TextOfFile(const std::wstring &path);
 
+/// What the host has printed, without the times of day with which its lines begin.
+std::string WithoutTimes(const std::string &text);
+
 /// Writes the text to a script and runs that.
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options = {});

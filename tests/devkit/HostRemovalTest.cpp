@@ -260,7 +260,7 @@ TEST(HostLog, HandsOutTheLinesOfAllThreadsInTheOrderOfTime) {
         assert(#host.log() == 0)
     )",
                                          {});
-    EXPECT_TRUE(Has(run.err, "error   StartService: error=5\n")) << run.err;
+    EXPECT_TRUE(Has(run.err, "  error   StartService: error=5\n")) << run.err;
     EXPECT_TRUE(Has(run.err, "log     >ThreadRunning. 3600s max\n")) << run.err;
 }
 
