@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <string_view>
 
+#include "WallClock.h"
+
 namespace {
 
-using What = DriverOutcome::What;
+using OutcomeKind = DriverOutcome::What;
 
 constexpr std::string_view kInstalling = "InstallingDriver";
 constexpr std::string_view kUninstalling = "UninstallingDriver";
@@ -67,25 +69,25 @@ std::optional<DriverFailure> CauseOf(const DriverRun &run) {
     return ofOrphans ? ofOrphans : first([](const DriverFailure &failure) { return !IsIgnored(failure); });
 }
 
-What OutcomeOfInstallation(const DriverRun &run) {
+OutcomeKind OutcomeOfInstallation(const DriverRun &run) {
     if (!run.failedStep.empty() || run.killed || run.result == false)
-        return What::Failed;
+        return OutcomeKind::Failed;
     if (run.succeeded) {
         if (!HasStep(run, kInstalling))
-            return What::Pending;
-        return run.isUpgrade ? What::Upgraded : What::Installed;
+            return OutcomeKind::Pending;
+        return run.isUpgrade ? OutcomeKind::Upgraded : OutcomeKind::Installed;
     }
-    return run.end ? What::Nothing : What::Unfinished;
+    return run.end ? OutcomeKind::Nothing : OutcomeKind::Unfinished;
 }
 
-What OutcomeOfRemoval(const DriverRun &run) {
+OutcomeKind OutcomeOfRemoval(const DriverRun &run) {
     if (run.killed || run.result == false)
-        return What::Failed;
+        return OutcomeKind::Failed;
     if (!run.end)
-        return What::Unfinished;
+        return OutcomeKind::Unfinished;
     const bool hasRemoved =
         HasStep(run, kUninstalling) || HasStep(run, kRemovingCallout) || HasLine(run, "Deleting this inf+pnf+cat.");
-    return hasRemoved ? What::Removed : What::Nothing;
+    return hasRemoved ? OutcomeKind::Removed : OutcomeKind::Nothing;
 }
 
 /// When the latest step has begun or ended.
@@ -108,12 +110,6 @@ void SetFailure(const DriverRun &run, DriverOutcome &outcome) {
     outcome.step = !run.failedStep.empty() || !outcome.cause ? run.failedStep : outcome.cause->step;
 }
 
-std::string Seconds(double seconds) {
-    char text[32] = "";
-    (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
-
 std::string Code(std::uint32_t code) {
     char text[16] = "";
     (void)std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(code));
@@ -125,7 +121,7 @@ std::string FailureText(const DriverRun &run, const DriverOutcome &outcome) {
     if (!outcome.step.empty())
         text += " in " + outcome.step;
     if (outcome.killedAfter)
-        return text + ", killed after " + Seconds(*outcome.killedAfter) +
+        return text + ", killed after " + SecondsText(*outcome.killedAfter) +
                (outcome.step.empty() ? " in a step that leaves no line in the log" : "");
     if (outcome.cause)
         return text + " with " + Code(outcome.cause->code) + " (" + outcome.cause->call + ")";
@@ -136,19 +132,19 @@ std::string FailureText(const DriverRun &run, const DriverOutcome &outcome) {
 
 std::string WhatText(const DriverRun &run, const DriverOutcome &outcome) {
     switch (outcome.what) {
-        case What::Installed:
+        case OutcomeKind::Installed:
             return "installed " + run.to;
-        case What::Upgraded:
+        case OutcomeKind::Upgraded:
             return "upgraded from " + run.from + " to " + run.to;
-        case What::Pending:
+        case OutcomeKind::Pending:
             return run.to + " is not installed yet";
-        case What::Removed:
+        case OutcomeKind::Removed:
             return "removed";
-        case What::Nothing:
+        case OutcomeKind::Nothing:
             return outcome.isCalloutLeft || outcome.isFilterLeft ? "nothing was removed" : "nothing to do";
-        case What::Failed:
+        case OutcomeKind::Failed:
             return FailureText(run, outcome);
-        case What::Unfinished:
+        case OutcomeKind::Unfinished:
             break;
     }
     return "did not come to its end";
@@ -179,19 +175,19 @@ DriverOutcome OutcomeOf(const DriverRun &run) {
 
 const char *OutcomeName(DriverOutcome::What what) {
     switch (what) {
-        case What::Installed:
+        case OutcomeKind::Installed:
             return "installed";
-        case What::Upgraded:
+        case OutcomeKind::Upgraded:
             return "upgraded";
-        case What::Pending:
+        case OutcomeKind::Pending:
             return "pending";
-        case What::Removed:
+        case OutcomeKind::Removed:
             return "removed";
-        case What::Nothing:
+        case OutcomeKind::Nothing:
             return "nothing";
-        case What::Failed:
+        case OutcomeKind::Failed:
             return "failed";
-        case What::Unfinished:
+        case OutcomeKind::Unfinished:
             break;
     }
     return "unfinished";

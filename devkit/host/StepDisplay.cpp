@@ -16,12 +16,6 @@ const char *RunName(DriverRun::Kind kind) {
     return kind == DriverRun::Kind::Installation ? "installation" : "removal";
 }
 
-std::string Seconds(double seconds) {
-    char text[32] = "";
-    (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
-
 std::string Indented(const DriverStep &step, char mark) {
     return std::string(step.depth + 1, ' ') + mark + step.name;
 }
@@ -29,7 +23,7 @@ std::string Indented(const DriverStep &step, char mark) {
 }  // namespace
 
 std::string NewsLine(const DriverNews &news) {
-    const std::string took = Seconds(news.time - news.begin);
+    const std::string took = SecondsText(news.time - news.begin);
     const std::string most = news.step.limit == 0 ? "" : " of " + std::to_string(news.step.limit) + " s";
     const std::string line = "step    ";
     switch (news.what) {
@@ -48,10 +42,10 @@ std::string NewsLine(const DriverNews &news) {
 }
 
 std::string StatusText(const DriverRun &run, double now, std::size_t width) {
-    std::string text = std::string(RunName(run.kind)) + ", " + Seconds(now - run.begin);
+    std::string text = std::string(RunName(run.kind)) + ", " + SecondsText(now - run.begin);
     const auto open = std::find_if(run.steps.rbegin(), run.steps.rend(), [](const auto &step) { return !step.end; });
     if (open != run.steps.rend())
-        text += ": " + open->name + ", " + Seconds(now - open->begin) + " of " + std::to_string(open->limit) + " s";
+        text += ": " + open->name + ", " + SecondsText(now - open->begin) + " of " + std::to_string(open->limit) + " s";
     if (text.size() > width)
         text.resize(width);
     return text;
@@ -61,8 +55,10 @@ void StepDisplay::Begin(DriverRuns &runs) {
     if (IsTerminal()) {
         // At once, so that what a script prints next finds an empty line.
         runs.OnNews([this](const DriverNews &news) {
-            if (news.what == DriverNews::What::RunEnds)
-                ShowNothing();
+            if (news.what != DriverNews::What::RunEnds)
+                return;
+            ShowNothing();
+            PrintLineOf(news.time, NewsLine(news));
         });
         m_updater = std::thread([this, &runs] { Update(runs); });
         return;

@@ -25,3 +25,9 @@ std::string ClockText(double seconds) {
                         ofDay / 1000 % 60, ofDay % 1000);
     return text;
 }
+
+std::string SecondsText(double seconds) {
+    char text[32] = "";
+    (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}

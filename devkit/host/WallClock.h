@@ -9,3 +9,6 @@ double WallClockSeconds();
 /// The time of day, UTC, such as "08:05:09.250".
 /// @param seconds  since 1970.
 std::string ClockText(double seconds);
+
+/// A duration, such as "12.4 s".
+std::string SecondsText(double seconds);
