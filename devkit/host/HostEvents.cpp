@@ -11,6 +11,7 @@ namespace {
 void PushEvent(lua_State *L, const HostEvent &event) {
     lua_newtable(L);
     SetField(L, "kind", std::string_view(KindName(event.kind)));
+    SetNumber(L, "time", event.time);
     SetField(L, "number", event.number);
     SetField(L, "text", event.text);
     if (event.kind == HostEvent::Kind::Event) {
@@ -23,6 +24,7 @@ void PushEvent(lua_State *L, const HostEvent &event) {
 
 /// A trace line in UTF-8.
 struct Trace {
+    double time;
     std::string component;
     std::string file;
     int line;
@@ -32,6 +34,7 @@ struct Trace {
 
 void PushTrace(lua_State *L, const Trace &trace) {
     lua_newtable(L);
+    SetNumber(L, "time", trace.time);
     SetField(L, "component", trace.component);
     SetField(L, "file", trace.file);
     SetField(L, "line", trace.line);
@@ -42,21 +45,9 @@ void PushTrace(lua_State *L, const Trace &trace) {
 std::vector<Trace> TakeTraces() {
     std::vector<Trace> traces;
     for (const VtaCore::Control::TraceLine &trace : VtaCore::Control::TakeTraces())
-        traces.push_back({ToUtf8(trace.component), trace.file, trace.line, trace.function, ToUtf8(trace.message)});
+        traces.push_back(
+            {trace.time, ToUtf8(trace.component), trace.file, trace.line, trace.function, ToUtf8(trace.message)});
     return traces;
-}
-
-/// Pushes an array of what `push` makes of each item.
-template <typename Item>
-[[nodiscard]] bool PushArray(lua_State *L, const std::vector<Item> &items, void (*push)(lua_State *, const Item &)) {
-    return PushProtected(L, [&items, push](lua_State *state) {
-        lua_createtable(state, static_cast<int>(items.size()), 0);
-        int index = 0;
-        for (const Item &item : items) {
-            push(state, item);
-            lua_rawseti(state, -2, ++index);
-        }
-    });
 }
 
 /// Lua: array = host.events(). Events and notifications since the last call, oldest first.
@@ -83,8 +74,7 @@ void PushLoggedLine(lua_State *L, const LoggedLine &line) {
     lua_newtable(L);
     SetField(L, "level", std::string_view(line.level));
     SetField(L, "text", line.text);
-    lua_pushnumber(L, line.time);
-    lua_setfield(L, -2, "time");
+    SetNumber(L, "time", line.time);
 }
 
 /// Lua: array = host.log(). Log lines since the last call, oldest first.

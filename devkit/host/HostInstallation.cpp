@@ -28,13 +28,6 @@ constexpr NamedValue kStates[] = {
     {"running", SERVICE_RUNNING}, {"paused", SERVICE_PAUSED},
 };
 
-const char *StateName(DWORD state) {
-    for (const NamedValue &named : kStates)
-        if (named.value == state)
-            return named.name;
-    return "unknown";
-}
-
 /// The value named at the index.
 template <std::size_t count>
 DWORD CheckNamed(lua_State *L, int index, const NamedValue (&values)[count], const char *expected) {
@@ -174,6 +167,13 @@ int GetFolders(lua_State *L) {
 }
 
 }  // namespace
+
+const char *StateName(DWORD state) {
+    for (const NamedValue &named : kStates)
+        if (named.value == state)
+            return named.name;
+    return "unknown";
+}
 
 HRESULT CheckComponentResult(lua_State *L, const char *field) {
     if (lua_type(L, -1) == LUA_TNUMBER) {

@@ -21,9 +21,11 @@
 
 struct HostState {
     Options options;
+    std::string scriptError;  ///< That has ended the script; empty: none.
+    int scriptStatus = 0;     ///< What the script has returned, unless it has called os.exit.
     EventLog events;
     std::unique_ptr<HealthHistory> history;  ///< Null without a report.
-    DriverRuns runs;                         ///< Used unless the host is quiet and writes no report.
+    DriverRuns runs;
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
@@ -55,6 +57,7 @@ void AddNetworkFunctions(lua_State *L, HostState &host);
 void AddFirewallFunctions(lua_State *L, HostState &host);
 void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
+void AddDriverRunFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
 void AddRebootFunction(lua_State *L, HostState &host);

@@ -6,6 +6,7 @@
 #include "LuaEdge.h"
 #include "Program.h"
 #include "Script.h"
+#include "WatchedCalls.h"
 
 namespace {
 
@@ -38,6 +39,7 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddMachineFunctions(L, host);
     AddFaultFunctions(L, host);
     AddEventFunctions(L, host);
+    AddDriverRunFunctions(L, host);
     AddReportFunctions(L, host);
     AddModuleFunctions(L, host);
     lua_setglobal(L, "host");
@@ -55,4 +57,5 @@ void OpenHostTable(lua_State *L, HostState &host) {
 
     UseUtf8FileNames(L);
     UseCheckedExit(L);
+    WatchCalls(L, host);
 }

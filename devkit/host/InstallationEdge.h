@@ -17,6 +17,9 @@ int ChangeInstallation(lua_State *L, const Work &work) {
     return WithInstallation(L, work) ? 0 : lua_error(L);
 }
 
+/// The name of a service's state, such as "running".
+const char *StateName(DWORD state);
+
 /// The result of installing or removing a component: "ok", "reboot" or a code, on top of the stack.
 /// @param field  for messages.
 HRESULT CheckComponentResult(lua_State *L, const char *field);

@@ -131,6 +131,10 @@ Installation &SimulatedSystem::UseInstallation() {
     return *parts.installation;
 }
 
+const Installation *SimulatedSystem::FindInstallation() const {
+    return m_parts != nullptr && m_parts->installation ? &*m_parts->installation : nullptr;
+}
+
 void SimulatedSystem::KillThreads() {
     if (m_parts == nullptr)
         return;

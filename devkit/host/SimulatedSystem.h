@@ -48,6 +48,8 @@ public:
     /// The installation. From its first use on, fc.dll runs on it, and on the machine.
     /// @throws std::exception  if its registry or its folders can't be created.
     Installation &UseInstallation();
+    /// The same without a first use; null before that.
+    const Installation *FindInstallation() const;
     /// Boots the machine again. The module is not loaded then. Ticks begin at 0 if the clock is simulated.
     void Reboot();
     /// Kills the threads that hang in a call, and with a stepped clock all but the calling one.

@@ -73,8 +73,9 @@ bool WriteReport(const HostState &host) {
     if (host.history == nullptr)
         return true;
     std::string error;
-    const std::optional<std::string> page =
-        MakeReportPage(*host.history, host.runs.All(), ToUtf8(host.options.script), error);
+    const ReportedScript script{ToUtf8(host.options.script), ToUtf8(ToWide(host.scriptError)),
+                                host.scriptStatus != 0 ? host.scriptStatus : ExitStatus()};
+    const std::optional<std::string> page = MakeReportPage(*host.history, host.runs.All(), script, error);
     return Succeeds(page && WriteWholeFile(host.options.reportFile, *page, error), error);
 }
 
@@ -159,10 +160,8 @@ void EndHost() {
         _exit(kCannotRun);
 }
 
-/// Installations and removals of drivers are watched for the console and for the report.
+/// Installations and removals of drivers are watched for the console, the report and scripts.
 void WatchRuns(HostState &host) {
-    if (host.options.quiet && host.history == nullptr)
-        return;
     if (!host.options.quiet)
         host.steps.Begin(host.runs);
     host.events.SetRuns(&host.runs);
@@ -174,7 +173,7 @@ bool StartHost(HostState &host) {
     host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
     if (!AreSettingsKept(host))
         return false;
-    host.log = new HostLog(!host.options.quiet, host.history.get());
+    host.log = new HostLog(!host.options.quiet, host.history.get(), host.runs);
     delete wxLog::SetActiveTarget(host.log);
     host.events.SetPrinting(!host.options.quiet);
     host.events.SetHistory(host.history.get());
@@ -217,11 +216,13 @@ int RunLua(const Options &options, const Script &script) {
         return kCannotRun;
     lua_pop(L.get(), 1);
     InterruptScript(L.get());
+    HostState &host = TheHost();
     int status = 0;
     if (options.interactive)
         RunPrompt(L.get());
     else
-        status = RunScript(L.get(), script);
+        status = RunScript(L.get(), script, host.scriptError);
+    host.scriptStatus = status;
     InterruptScript(nullptr);
     return status;
 }

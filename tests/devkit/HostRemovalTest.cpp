@@ -287,7 +287,7 @@ TEST(HostLog, ReturnsTheLinesOfAllThreadsInChronologicalOrder) {
         assert(#host.log() == 0)
     )",
                                          {});
-    EXPECT_TRUE(Has(run.err, "error   StartService: error=5\n")) << run.err;
+    EXPECT_TRUE(Has(run.err, "  error   StartService: error=5\n")) << run.err;
     EXPECT_TRUE(Has(run.err, "log     >ThreadRunning. 3600s max\n")) << run.err;
 }
 

@@ -26,19 +26,19 @@ TEST(Story, CoversTheDriversFromTheirInstallationToTheirRemoval) {
                                  folder.At(L"events.json"), kStory, L"--out", folder.Path().wstring()});
     ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
     EXPECT_EQ(run.err, "");
-    EXPECT_EQ(
-        FirstMissing(run.out,
-                     {"1. The drivers are installed", "domain on, private on, public off", "event 1007, installed",
-                      "domain off, private off, public off", "fails open", "recovered", "tcp 443", "vta_stats.txt",
-                      "event 1005, upgrade", "from 2.0.0.0 to 2.1.0.0", "event 1004, failed", "in InstallingDriver",
-                      "its stack", "it waits in", "CDriverInstallerThread::AttemptInstall", "lost its address",
-                      "192.0.2.10", "UninstallDriver", "domain on, private on, public off"}),
-        nullptr)
+    EXPECT_EQ(FirstMissing(run.out,
+                           {"1. The drivers are installed", "domain on, private on, public off",
+                            "outcome                   installed 2.0.0.0", "domain off, private off, public off",
+                            "fails open", "recovered", "tcp 443", "vta_stats.txt", "upgraded from 2.0.0.0 to 2.1.0.0",
+                            "upgrade from 2.1.0.0 to 2.2.0.0 failed in InstallingDriver, killed after ", "its stack",
+                            "it waits in", "CDriverInstallerThread::AttemptInstall", "lost its address", "192.0.2.10",
+                            "UninstallDriver", "domain on, private on, public off"}),
+              nullptr)
         << run.out;
 
     const std::string page = TextOfFile(folder.At(L"report.html"));
-    EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("failedStep":"InstallingDriver")", R"("killed":true)",
-                                  R"("kind":"removal")"}),
+    EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("outcome":"upgraded")", R"("outcome":"failed")",
+                                  R"("killed":true)", R"("stack":"[00] )", R"("kind":"removal")"}),
               nullptr);
     EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
     EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"trace.log")), {"-- 08:00:", "  The drivers are installed",
