@@ -170,10 +170,23 @@ ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild() {
     called_not ninja
 }
 
+AQuietHostIsQuietAboutItsBuilding() {
+    fresh
+    dev -- host --fast 10 --quiet x.lua
+    succeeds && called 'ninja' && called 'fc-host.exe --fast 10 --quiet x.lua' || return
+    [ ! -s "$SAID" ] || because "it says: $(<"$SAID")" || return
+    dev -- host x.lua
+    says 'building' || return
+    touch "$FAKE_STATE/ninja.fails"
+    dev -- host --quiet x.lua
+    fails_with 'the build failed with status'
+}
+
 for name in AFolderThatHoldsSomethingElseIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderThatHoldsSomethingElseIsNotFilled AFolderThatWasMadeForABuildIsCleaned TheUsualFolderIsCleaned \
     AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfSomebodyElseIsNamed AReadOnlyCloneIsEnough OutAndDistCanLieElsewhere \
-    ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild; do
+    ResultsAreToldAsTheCallerSeesThem AnOutFolderOfSomebodysOwnIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild \
+    AQuietHostIsQuietAboutItsBuilding; do
     test_case "$name"
 done
 write_results command-tests "$XML"
