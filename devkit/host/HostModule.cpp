@@ -53,6 +53,7 @@ void ForgetLibrary(lua_State *L, const void *library) {
 
 /// What the module has left of itself in Lua.
 void ForgetModule(lua_State *L) {
+    ++HostOf(L).restarts;
     lua_getglobal(L, "package");
     lua_getfield(L, -1, "loaded");
     lua_pushnil(L);
@@ -77,7 +78,7 @@ void ForgetCallbacks() {
 
 /// Lua: host.restart_module(). What a restart of the agent does to the module: it is unloaded, and the next
 /// require "fc" loads it with fresh state. The agent's settings and the driver stay as they are. Functions of
-/// SLB.filter that the script has kept must not be called any more: their code is gone.
+/// SLB.filter that the script has kept raise an error from then on: see KeptFunctions.h.
 int RestartModule(lua_State *L) {
     HostState &host = HostOf(L);
     const HMODULE module = GetModuleHandleW(kRestarted);

@@ -134,19 +134,36 @@ int PutAdapter(lua_State *L) {
     });
 }
 
+/// Changes an adapter, which the first argument names.
+template <typename Work>
+int ChangeNamedAdapter(lua_State *L, const Work &work) {
+    bool isUnknown = false;
+    const bool changed = WithInstallation(L, [&](Installation &installation) {
+        try {
+            work(installation);
+        } catch (const std::invalid_argument &) {
+            isUnknown = true;
+            throw;
+        }
+    });
+    if (changed)
+        return 0;
+    return isUnknown ? luaL_argerror(L, 1, lua_tostring(L, -1)) : RaiseText(L, true);
+}
+
 /// Lua: host.machine.change_adapter(node, {ip =, gateway =, frames =, connected =, gateway_answers =, status =})
 int ChangeOneAdapter(lua_State *L) {
     const std::string_view node = CheckText(L, 1);
     CheckChangeFields(L, 2);
     const CheckedChange change = CheckChange(L, 2);
-    return ChangeInstallation(
+    return ChangeNamedAdapter(
         L, [&](Installation &installation) { installation.ChangeAdapterAt(ToWide(node), change.Make()); });
 }
 
 /// Lua: host.machine.remove_adapter(node)
 int RemoveAdapter(lua_State *L) {
     const std::string_view node = CheckText(L, 1);
-    return ChangeInstallation(L, [&](Installation &installation) { installation.RemoveAdapter(ToWide(node)); });
+    return ChangeNamedAdapter(L, [&](Installation &installation) { installation.RemoveAdapter(ToWide(node)); });
 }
 
 /// Lua: host.machine.bind(node, component [, bound])
@@ -156,7 +173,7 @@ int BindComponent(lua_State *L) {
     if (!lua_isnoneornil(L, 3))
         luaL_checktype(L, 3, LUA_TBOOLEAN);
     const bool bound = lua_isnoneornil(L, 3) || lua_toboolean(L, 3) != 0;
-    return ChangeInstallation(
+    return ChangeNamedAdapter(
         L, [&](Installation &installation) { installation.Bind(ToWide(node), ToWide(component), bound); });
 }
 

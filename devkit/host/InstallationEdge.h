@@ -14,7 +14,7 @@ template <typename Work>
 /// The same for functions that yield nothing.
 template <typename Work>
 int ChangeInstallation(lua_State *L, const Work &work) {
-    return WithInstallation(L, work) ? 0 : lua_error(L);
+    return WithInstallation(L, work) ? 0 : RaiseText(L, true);
 }
 
 /// What an installation or a removal of a component answers: "ok", "reboot" or a code, on top of the stack.

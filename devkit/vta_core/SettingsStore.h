@@ -28,6 +28,9 @@ public:
     ///              cannot be renamed either, is left alone, and the store is in memory only.
     explicit SettingsStore(const wxString &path);
 
+    /// Why there is no store in the file; empty if there is one, or no file.
+    static wxString Fault(const wxString &path);
+
     /// Why the file lacks what was stored, as GetLastError tells it; 0 if it has all.
     DWORD Error() const;
 
