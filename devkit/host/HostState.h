@@ -24,6 +24,7 @@ struct HostState {
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
+    unsigned restarts = 0;  ///< Of the module.
     std::unique_ptr<VtaCore::Control::Dom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
 };
@@ -44,6 +45,7 @@ void AddHandleFunctions(lua_State *L, HostState &host);
 void AddZipFunctions(lua_State *L, HostState &host);
 void AddFileFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
+void AddCheckFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);
 void AddInstallationFunctions(lua_State *L, HostState &host);

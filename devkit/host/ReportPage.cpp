@@ -5,27 +5,13 @@
 #include <cmath>
 #include <string_view>
 
-#include <windows.h>
-#include <wx/string.h>
+#include "Resource.h"
 
 namespace {
 
 /// More would make the page large and show no more.
 constexpr std::size_t kMaxRows = 12'000;
 constexpr std::size_t kMaxDriverRuns = 100;
-
-// The page's parts are resources of the program.
-
-/// @param error  names the resource if the program lacks it; the result is empty then.
-std::string_view Resource(const wchar_t *name, std::string &error) {
-    const HRSRC found = FindResourceW(nullptr, name, RT_RCDATA);
-    const HGLOBAL loaded = found != nullptr ? LoadResource(nullptr, found) : nullptr;
-    const void *data = loaded != nullptr ? LockResource(loaded) : nullptr;
-    if (data != nullptr)
-        return {static_cast<const char *>(data), SizeofResource(nullptr, found)};
-    error = "fc-host.exe lacks its resource " + wxString(name).utf8_string();
-    return {};
-}
 
 /// Puts the text in place of the mark, which stands in the page once.
 void Insert(std::string &page, std::string_view mark, std::string_view text) {
