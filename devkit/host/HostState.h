@@ -53,6 +53,8 @@ void AddNetworkFunctions(lua_State *L, HostState &host);
 void AddFirewallFunctions(lua_State *L, HostState &host);
 void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
+/// After all others: it uses them.
+void AddExpectFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
 

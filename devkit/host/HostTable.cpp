@@ -42,6 +42,7 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddEventFunctions(L, host);
     AddReportFunctions(L, host);
     AddModuleFunctions(L, host);
+    AddExpectFunctions(L, host);
     lua_setglobal(L, "host");
 
     lua_getglobal(L, "package");

@@ -184,6 +184,41 @@ function host.write_json(path, value) end
 ---@return any value
 function host.read_json(path) end
 
+-- Expectations ------------------------------------------------------------------------------------------
+
+---@class host.WantedEvent
+---@field kind? "event"|"user"|"reboot"
+---@field number? integer
+---@field text? string a part of the text
+
+---Expectations of scripts that test: one that is not met is an error in the script's line.
+host.expect = {}
+
+---@param event host.WantedEvent
+---@return host.Event event
+function host.expect.event(event) end
+
+---@param event? host.WantedEvent by default any
+function host.expect.no_event(event) end
+
+---@generic T
+---@param condition T
+---@param text? string what is wrong otherwise
+---@return T condition
+function host.expect.that(condition, text) end
+
+---@param actual any
+---@param expected any
+---@param what? string for the message
+---@return any actual
+function host.expect.equal(actual, expected, what) end
+
+---@param text string a part of the message
+---@param f function
+---@param ... any
+---@return any message
+function host.expect.error(text, f, ...) end
+
 -- The machine ---------------------------------------------------------------------------------------------
 
 ---@alias host.Result "ok"|"reboot"|integer

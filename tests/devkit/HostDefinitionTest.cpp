@@ -56,7 +56,7 @@ TEST(HostDefinition, TellsEachParameterOfItsStubsInOrder) {
     ExpectPasses(R"lua(
         local count, told = 0, {}
         for line in definitions:gmatch("([^\n]*)\n") do
-            told[#told + 1] = line:match("^%-%-%-@param ([%w_]+)%?? %S")
+            told[#told + 1] = line:match("^%-%-%-@param ([%w_.]+)%?? %S")
             local name, parameters = line:match("^function ([%w_.]+)%((.*)%) end$")
             if name then
                 assert(table.concat(told, ", ") == parameters, name .. ": " .. table.concat(told, ", "))

@@ -82,7 +82,7 @@ TEST(HostMistakes, OtherErrorsHaveNoHint) {
 }
 
 TEST(HostMistakes, AFunctionThatWasKeptOverARestartRaisesAnError) {
-    const HostRun run = RunScript(R"(
+    const HostRun run = RunScript(R"lua(
         require "fc"
         local kept = {}
         for name, f in pairs(SLB.filter) do kept[name] = f end
@@ -99,7 +99,7 @@ TEST(HostMistakes, AFunctionThatWasKeptOverARestartRaisesAnError) {
         require "fc"
         all_fail("when it is loaded again")
         assert(SLB.filter.GetSysHealthEnabled() == false)
-    )");
+    )lua");
     EXPECT_EQ(run.exitCode, 0U) << run.err;
 }
 
