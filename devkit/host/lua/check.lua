@@ -577,9 +577,10 @@ local function try_line(rows, text, known)
     end
     local answer = {}
     if text ~= "" then
-        local tried = try_config(text)
-        local key, value = next(tried.values)
-        local refused = (tried.errors[1] or ""):match("^value %S+ for  (%S+) is out of range")
+        write_config(text)
+        local _, _, errors = iterate("Deactivated", "")
+        local key, value = next((read_values()))
+        local refused = (errors[1] or ""):match("^value %S+ for  (%S+) is out of range")
         answer = key and { row = rows[key:lower()], value = value } or { row = rows[refused or ""], refused = refused }
     end
     known[text] = answer
