@@ -256,7 +256,7 @@ TEST(HostCheck, SaysTheSameOfAConfigurationFile) {
         end
         same(config "\239\187\191SYSTEM_RUNQ_PCT_THRESHOLD=50\n", "1:1 SYSTEM_RUNQ_PCT_THRESHOLD: a byte order mark stands " ..
             "before the key, so that it is not found: save the file without one")
-        same(config "# a comment\r\n system_runq=1\r\n", "2:1 system_runq: there is no such key; the nearest is SYSTEM_RUNQ_PCT_THRESHOLD")
+        same(config "# a comment\r\n system_runq_treshold=1\r\n", "2:1 system_runq_treshold: there is no such key; the nearest is SYSTEM_RUNQ_PCT_THRESHOLD")
         same(config " SYSTEM_RECOVERY_FACTOR=1", "1:1 SYSTEM_RECOVERY_FACTOR: the key has to stand at the very beginning of its line")
         same(config "SYSTEM_MIN_FREE_MEM_PCT=26", "1:25 SYSTEM_MIN_FREE_MEM_PCT: 26 is above the maximum, 25")
         same(config "SYSTEM_MIN_FREE_MEM_PCT=0", "1:25 SYSTEM_MIN_FREE_MEM_PCT: 0 is not taken from the file: leave the line out")
@@ -323,8 +323,8 @@ TEST(HostCheck, KnowsEveryKeyThatTheModuleHas) {
         local file = assert(io.open([[)lua" +
                  (BinaryFolder() / "fc.dll").string() + R"lua(]], "rb"))
         local image, file_keys, policy_keys = file:read("*a"), {}, {}
-        for key in image:gmatch("%z(SYSTEM_[A-Z_]+)=%z") do file_keys[#file_keys + 1] = key end
-        for key in image:gmatch("%z(SYS_[A-Z]+_[A-Z_]+)%f[%z]") do policy_keys[#policy_keys + 1] = key end
+        for key in image:gmatch("(SYSTEM_[A-Z_]+)=%z") do file_keys[#file_keys + 1] = key end
+        for key in image:gmatch("(SYS_[A-Z]+_[A-Z_]+)%z") do policy_keys[#policy_keys + 1] = key end
         assert(#file_keys >= 13 and #policy_keys >= 13, #file_keys .. " " .. #policy_keys)
         local function unknown(answer)
             for _, problem in ipairs(answer.problems) do
