@@ -298,9 +298,8 @@ local function main(arguments)
     host.set_wall_clock(DAY_BEGINS)
     live_through_the_day(agent)
     print_summary(agent.summary)
-    if agent.state ~= "Deactivated" or agent.summary.fail_opens ~= agent.summary.recoveries then
-        fail("the filter has not come back")
-    end
+    host.expect.equal(agent.state, "Deactivated", "the state in the evening")
+    host.expect.equal(agent.summary.recoveries, agent.summary.fail_opens, "the number of recoveries")
 end
 
 main({ ... })

@@ -101,11 +101,7 @@ local function remove_drivers(folder)
     return outcome
 end
 
-local function expect(as_told, what)
-    if not as_told then
-        fail("%s", what)
-    end
-end
+local expect = host.expect.that
 
 local function first_removal(folder)
     print("\nThe first removal: the call that takes the filter away does not come back")

@@ -54,6 +54,7 @@ void ForgetLibrary(lua_State *L, const void *library) {
 
 /// What the module has left in Lua.
 void ForgetModule(lua_State *L) {
+    ++HostOf(L).restarts;
     lua_getglobal(L, "package");
     lua_getfield(L, -1, "loaded");
     lua_pushnil(L);
@@ -113,9 +114,9 @@ int Reboot(lua_State *L) {
     return 0;
 }
 
-/// Lua: host.restart_module(). What a restart of the agent does to the module: it is unloaded, and the next
-/// require "fc" loads it with fresh state. The agent's settings and the driver stay as they are. Functions of
-/// SLB.filter that the script has kept must not be called any more: their code is gone.
+/// Lua: host.restart_module(). Does to the module what a restart of the agent does: it is unloaded, and the next
+/// require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of
+/// SLB.filter that the script has kept raise an error from then on: see KeptFunctions.h.
 int RestartModule(lua_State *L) {
     const bool isLoaded = GetModuleHandleW(kRestarted) != nullptr;
     UnloadOrRaise(L);

@@ -29,6 +29,7 @@ struct HostState {
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
+    unsigned restarts = 0;  ///< Of the module.
     std::unique_ptr<VtaCore::Control::Dom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
     UnusedPlans plans;
@@ -50,6 +51,7 @@ void AddHandleFunctions(lua_State *L, HostState &host);
 void AddZipFunctions(lua_State *L, HostState &host);
 void AddFileFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
+void AddCheckFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);
 void AddInstallationFunctions(lua_State *L, HostState &host);
@@ -58,6 +60,8 @@ void AddFirewallFunctions(lua_State *L, HostState &host);
 void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
 void AddDriverRunFunctions(lua_State *L, HostState &host);
+/// After all others: it uses them.
+void AddExpectFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
 void AddRebootFunction(lua_State *L, HostState &host);

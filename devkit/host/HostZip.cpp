@@ -99,13 +99,17 @@ int CloseZip(lua_State *L) {
 /// Lua: files = host.read_zip(path). Its files: an array of tables with `name` and `content`.
 int ReadZip(lua_State *L) {
     const std::string_view path = CheckText(L, 1);
+    bool read = false;
     bool pushed = false;
     {
         std::string error;
         const std::optional<std::vector<ZippedFile>> files = ReadZipFile(wxString(ToWide(path)), error);
+        read = files.has_value();
         pushed = PushProtected(L, [&](lua_State *state) {
-            if (!files)
-                luaL_error(state, "%s", error.c_str());
+            if (!files) {
+                lua_pushlstring(state, error.data(), error.size());
+                return;
+            }
             lua_createtable(state, static_cast<int>(files->size()), 0);
             int index = 0;
             for (const ZippedFile &file : *files) {
@@ -116,7 +120,9 @@ int ReadZip(lua_State *L) {
             }
         });
     }
-    return pushed ? 1 : lua_error(L);
+    if (!pushed)
+        return lua_error(L);
+    return read ? 1 : luaL_argerror(L, 1, lua_tostring(L, -1));
 }
 
 }  // namespace

@@ -205,9 +205,9 @@ void Installation::CheckComponent(const std::wstring &id) const {
     const std::string wanted = ToUtf8(id);
     const auto isMeant = [&wanted](const std::string &other) { return SameInAnyCase(wanted, other); };
     if (std::none_of(ids.begin(), ids.end(), isMeant))
-        throw std::invalid_argument("there is no component " + wanted +
-                                    ", nor can it be installed: use put_component or put_installable first" +
-                                    Suggestion(wanted, ids));
+        throw UnknownComponent("there is no component " + wanted +
+                               ", nor can it be installed: use put_component or put_installable first" +
+                               Suggestion(wanted, ids));
 }
 
 void Installation::ChangeAdapterAt(const std::wstring &node, const AdapterChange &change) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,6 +40,11 @@ struct AdapterState {
     std::vector<std::string> bound;  ///< Ids of the components bound to it, in component order.
 };
 
+/// A name of a component that the machine does not know.
+struct UnknownComponent : std::invalid_argument {
+    using std::invalid_argument::invalid_argument;
+};
+
 /// Empty at first. Call it from one thread; others may use the machine meanwhile.
 class Installation {
 public:
@@ -64,9 +70,10 @@ public:
 
     /// Adds an adapter with its device, or replaces it, and gives it a bind name.
     void PutAdapter(Simulator::NetworkAdapter adapter);
-    /// @throws std::invalid_argument  if there is no such adapter, like the next two, or no such component.
+    /// @throws std::invalid_argument  if there is no such adapter, like the next two.
     void ChangeAdapterAt(const std::wstring &node, const AdapterChange &change);
     void RemoveAdapter(const std::wstring &node);
+    /// @throws UnknownComponent  if the component neither exists nor can be installed.
     void Bind(const std::wstring &node, const std::wstring &component, bool bound);
     std::vector<AdapterState> Adapters() const;
     /// Makes a component available for installation; replaces one with the same id.

@@ -14,7 +14,7 @@ template <typename Work>
 /// The same for functions that return nothing.
 template <typename Work>
 int ChangeInstallation(lua_State *L, const Work &work) {
-    return WithInstallation(L, work) ? 0 : lua_error(L);
+    return WithInstallation(L, work) ? 0 : RaiseText(L, true);
 }
 
 /// The name of a service's state, such as "running".

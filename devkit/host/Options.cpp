@@ -60,6 +60,10 @@ const Setting kSettings[] = {
      [](Options &options, const std::wstring &value) { return TakeText(options.reportFile, value); }},
     {L"--settings", L"the name of the file that keeps the settings",
      [](Options &options, const std::wstring &value) { return TakeText(options.settingsFile, value); }},
+    {L"--check-policy", L"the name of the policy's file",
+     [](Options &options, const std::wstring &value) { return TakeText(options.policyFile, value); }},
+    {L"--check-config", L"the name of the configuration file",
+     [](Options &options, const std::wstring &value) { return TakeText(options.configFile, value); }},
     {L"--fast", L"how many times faster the clock runs, from 1 to 1000000", TakeFast},
 };
 
@@ -156,10 +160,23 @@ bool AreTracesKnown(const Options &options, std::wstring &error) {
     return true;
 }
 
+/// Whether one file is to be checked and nothing else.
+bool IsCheck(const Options &options, std::wstring &error) {
+    if (options.policyFile.empty() && options.configFile.empty())
+        return false;
+    if (!options.script.empty() || options.interactive)
+        error = L"--check-policy and --check-config check a file and run no script; leave out one of them";
+    else if (!options.policyFile.empty() && !options.configFile.empty())
+        error = L"--check-policy and --check-config check one file at a time; leave out one of them";
+    return true;
+}
+
 /// Whether the options are compatible.
 bool IsComplete(const Options &options, std::wstring &error) {
     if (options.help || options.version)
         return true;
+    if (IsCheck(options, error))
+        return error.empty();
     if (options.script.empty() && !options.interactive)
         error = L"no script is given: fc-host SCRIPT runs one, fc-host -i opens a prompt, fc-host --help tells more";
     else if (!options.script.empty() && options.interactive)
@@ -196,6 +213,8 @@ const char *HelpText() {
            "\n"
            "  fc-host [options] SCRIPT [ARGUMENTS...]\n"
            "  fc-host [options] -i\n"
+           "  fc-host --check-policy FILE\n"
+           "  fc-host --check-config FILE\n"
            "\n"
            "  -i                 opens a prompt instead of running a script\n"
            "  --clock steps      runs on a simulated clock that stands still until all wait, and is the same in each "
@@ -206,6 +225,10 @@ const char *HelpText() {
            "  --events FILE      writes all events and notifications to a JSON file at the end\n"
            "  --report FILE      writes a HTML page about health and drivers at the end\n"
            "  --settings FILE    keeps the agent's settings in a file\n"
+           "  --check-policy FILE, --check-config FILE\n"
+           "                     tell what the module takes of a policy, or of a vt_filter.conf, and would do with "
+           "it,\n"
+           "                     with status 1 if there is something to correct\n"
            "  --help, --version\n"
            "\n"
            "A script finds the module with require \"fc\" and the agent's side in the global table host.\n"

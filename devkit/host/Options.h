@@ -16,6 +16,8 @@ struct Options {
     std::wstring eventsFile;    ///< Empty: none.
     std::wstring reportFile;    ///< Empty: none.
     std::wstring settingsFile;  ///< Empty: settings are kept in memory.
+    std::wstring policyFile;    ///< To check instead of running a script; empty: none.
+    std::wstring configFile;    ///< The same for a vt_filter.conf.
     std::wstring script;
     std::vector<std::wstring> arguments;  ///< The script's.
 };

@@ -2,8 +2,7 @@
 
 #include <string_view>
 
-#include <windows.h>
-#include <wx/string.h>
+#include "Resource.h"
 
 #include "ReportDrivers.h"
 #include "ReportJson.h"
@@ -12,19 +11,6 @@ namespace {
 
 /// More rows would make the page large without showing more.
 constexpr std::size_t kMaxRows = 12'000;
-
-// The page's parts are resources of the program.
-
-/// @param error  names the resource if it is missing; the result is empty then.
-std::string_view Resource(const wchar_t *name, std::string &error) {
-    const HRSRC found = FindResourceW(nullptr, name, RT_RCDATA);
-    const HGLOBAL loaded = found != nullptr ? LoadResource(nullptr, found) : nullptr;
-    const void *data = loaded != nullptr ? LockResource(loaded) : nullptr;
-    if (data != nullptr)
-        return {static_cast<const char *>(data), SizeofResource(nullptr, found)};
-    error = "fc-host.exe lacks its resource " + wxString(name).utf8_string();
-    return {};
-}
 
 /// Replaces the mark, which occurs in the page once, by the text.
 void Insert(std::string &page, std::string_view mark, std::string_view text) {

@@ -6,11 +6,12 @@
 #include <cstdlib>
 #include <optional>
 
+#include "Hints.h"
 #include "Interruption.h"
 
 namespace {
 
-/// Appends a traceback to the error's text; describes an error that is not a text.
+/// Appends a hint, if there is one, and a traceback to the error's text; describes an error that is not a text.
 int DescribeError(lua_State *L) {
     const char *message = lua_tostring(L, 1);
     if (message == nullptr) {
@@ -18,6 +19,8 @@ int DescribeError(lua_State *L) {
             return 1;
         message = lua_pushfstring(L, "(error object is a %s value)", luaL_typename(L, 1));
     }
+    if (const char *hint = HintFor(L, message))
+        message = lua_pushfstring(L, "%s\nhint: %s", message, hint);
     luaL_traceback(L, L, message, 1);
     return 1;
 }

@@ -17,10 +17,12 @@
 #include "HostVersion.h"
 #include "Interruption.h"
 #include "LuaEdge.h"
+#include "PolicyCheck.h"
 #include "Program.h"
 #include "ReportPage.h"
 #include "Script.h"
 #include "Text.h"
+#include "settings_control.h"
 
 namespace {
 
@@ -168,8 +170,19 @@ void WatchRuns(HostState &host) {
     VtaCore::Control::SetThreadListener(&host.runs);
 }
 
+/// Unreadable settings are not replaced.
+bool CanReadSettings(const Options &options) {
+    if (options.settingsFile.empty())
+        return true;
+    const std::string fault = ToUtf8(VtaCore::Control::SettingsFault(wxString(options.settingsFile)));
+    return fault.empty() || Succeeds(false, "cannot read the settings in " + ToUtf8(options.settingsFile) + ": " +
+                                                fault + "; correct the file, or name another one");
+}
+
 /// @return false if the settings can't be saved.
 bool StartHost(HostState &host) {
+    if (!CanReadSettings(host.options))
+        return false;
     host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
     if (!AreSettingsKept(host))
         return false;
@@ -251,6 +264,14 @@ bool ReadScript(const Options &options, Script &script, std::string &error) {
     return true;
 }
 
+int CheckAndTell(const Options &options) {
+    std::string error;
+    const bool isFine = CheckFile(options, error);
+    if (!error.empty())
+        return Complain(error);
+    return isFine ? 0 : kScriptFailed;
+}
+
 void PrintVersion() {
     (void)std::printf("fc-host %s, %s, %s\n", HostVersion(), LUA_RELEASE, ToUtf8(wxString(wxVERSION_STRING)).c_str());
 }
@@ -259,6 +280,8 @@ int Run(const Options &options) {
     std::wstring missing;
     if (!FindLibraries(missing))
         return Complain(ToUtf8(missing));
+    if (!options.policyFile.empty() || !options.configFile.empty())
+        return CheckAndTell(options);
     Script script;
     std::string error;
     if (!ReadScript(options, script, error))
