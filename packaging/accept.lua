@@ -1,7 +1,7 @@
 -- Evaluates the results of test programs in the current folder: NAME.xml and NAME.status for each.
 --   accept.lua tell NAME     prints a line about one program
---   accept.lua summary       prints the totals of those in programs.txt, and writes summary.html; also passed.txt if every
---                            program has complete results without a failure
+--   accept.lua summary       prints the totals of those in programs.txt, and writes summary.html; also passed.txt if
+--                            every program has complete results without a failure
 
 local function content(path)
     local file = io.open(path, "rb")
