@@ -100,12 +100,14 @@ private:
 };
 
 /// Simulates these functions with the security:
-/// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; any other request fails with
+/// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; any other request fails
+/// with
 ///   ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
-/// - AdjustTokenPrivileges: the privileges of the only token; the handle must be open for TOKEN_ADJUST_PRIVILEGES. Fails
+/// - AdjustTokenPrivileges: the privileges of the only token; the handle must be open for TOKEN_ADJUST_PRIVILEGES.
+/// Fails
 ///   with ERROR_NOT_SUPPORTED if the previous state is requested.
-/// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are passed
-/// through.
+/// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are
+/// passed through.
 /// @param security  outlives the set.
 void InstallSecurity(FunctionSet &functions, Security &security);
 

@@ -58,7 +58,8 @@ private:
 };
 
 /// Simulates the library's functions, and GetProcAddress for those that it lacks.
-/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It requires a name without
+/// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It requires a name
+/// without
 ///   a folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and exists
 ///   (else ERROR_FILE_NOT_FOUND).
 /// - SetupCopyOEMInfW copies an existing file to the folder of INF files, as oemN.inf with the lowest free N. It fails
