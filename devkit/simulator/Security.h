@@ -101,11 +101,9 @@ private:
 
 /// Simulates these functions with the security:
 /// - SetNamedSecurityInfoW: owner and access list of registry keys by the name MACHINE\path; any other request fails
-/// with
-///   ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
+///   with ERROR_NOT_SUPPORTED. Fails on a missing key as RegOpenKeyExW does.
 /// - AdjustTokenPrivileges: the privileges of the only token; the handle must be open for TOKEN_ADJUST_PRIVILEGES.
-/// Fails
-///   with ERROR_NOT_SUPPORTED if the previous state is requested.
+///   Fails with ERROR_NOT_SUPPORTED if the previous state is requested.
 /// AllocateAndInitializeSid, FreeSid, SetEntriesInAclW, LocalFree, OpenProcessToken and LookupPrivilegeValueW are
 /// passed through.
 /// @param security  outlives the set.

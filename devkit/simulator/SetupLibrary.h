@@ -59,9 +59,8 @@ private:
 
 /// Simulates the library's functions, and GetProcAddress for those that it lacks.
 /// - SetupUninstallOEMInfW removes the INF file, its .pnf and its catalogue from the folders. It requires a name
-/// without
-///   a folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and exists
-///   (else ERROR_FILE_NOT_FOUND).
+///   without a folder (else ERROR_INVALID_PARAMETER) that begins with "oem" (else ERROR_NOT_AN_INSTALLED_OEM_INF) and
+///   exists (else ERROR_FILE_NOT_FOUND).
 /// - SetupCopyOEMInfW copies an existing file to the folder of INF files, as oemN.inf with the lowest free N. It fails
 ///   with ERROR_FILE_NOT_FOUND, with ERROR_INSUFFICIENT_BUFFER if the new path does not fit, and with
 ///   ERROR_CALL_NOT_IMPLEMENTED without folders. Media and style have no effect.
