@@ -1,8 +1,11 @@
 // Simulated COM objects: their references, and the passage of their methods through journal and faults.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include <windows.h>
@@ -31,6 +34,21 @@ void ClearResult(T **result) {
     if (result != nullptr)
         *result = nullptr;
 }
+
+/// While one is alive, the journal has the Release calls of simulated objects, too: INTERFACE::Release, with the number
+/// of references that are left. There are many of them, so that they are left out otherwise.
+class NotedReleases {
+public:
+    NotedReleases() { ++s_alive; }
+    ~NotedReleases() { --s_alive; }
+    NotedReleases(const NotedReleases &) = delete;
+    NotedReleases &operator=(const NotedReleases &) = delete;
+
+    [[nodiscard]] static bool AreWanted() { return s_alive != 0; }
+
+private:
+    inline static std::atomic<int> s_alive{0};
+};
 
 /// An object with one interface besides IUnknown. The program's references are counted one by one, also in the balance,
 /// under the call that returned them; the simulator itself holds it by shared_ptr, uncounted. Its memory is not in the
@@ -67,6 +85,7 @@ public:
             return 0;
         if (--m_references == 0)
             last.swap(m_self);
+        NoteRelease();
         return m_references;
     }
 
@@ -114,6 +133,16 @@ protected:
 
 private:
     [[nodiscard]] std::uintptr_t Address() { return reinterpret_cast<std::uintptr_t>(static_cast<Interface *>(this)); }
+
+    void NoteRelease() {
+        Journal &journal = m_core->journal;
+        if (m_core->ended || !NotedReleases::AreWanted())
+            return;
+        const std::string_view addRef = m_names.addRef;
+        const std::string name = std::string(addRef.substr(0, addRef.rfind(':') + 1)) + "Release";
+        if (journal.Wants(name))
+            journal.Add(name, std::to_string(m_references));
+    }
 
     ULONG Refer(const char *function) {
         if (!m_core->ended)

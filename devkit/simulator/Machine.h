@@ -25,9 +25,9 @@ struct Machine {
 
 /// Simulates these functions with the machine:
 /// - PdhOpenQueryW, PdhAddCounterW, PdhCollectQueryData, PdhGetFormattedCounterValue and PdhCloseQuery. The only
-///   counter is \System\Processor Queue Length (case-insensitive), and its only format PDH_FMT_DOUBLE. It has data from
-///   the first collection after it was added, and keeps it until the next. Handles of queries and counters are never
-///   reused; those of a closed query are invalid.
+///   counter is \System\Processor Queue Length (case-insensitive), and its only format PDH_FMT_DOUBLE. It has data
+///   from the first collection after it was added, and keeps it until the next. Handles of queries and counters are
+///   never reused; those of a closed query are invalid.
 /// - GetSystemInfo, of which only the number of processors is the machine's.
 /// - GlobalMemoryStatusEx, whose physical memory and load are the machine's; fails with ERROR_INVALID_PARAMETER
 ///   unless dwLength is right.

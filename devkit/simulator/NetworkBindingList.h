@@ -13,7 +13,7 @@ namespace Simulator {
 /// A component (a protocol, a filter) above an adapter. It counts while both exist.
 struct NetworkBinding {
     std::wstring adapter;    ///< Its pnpDevNodeId.
-    std::wstring component;  ///< Its id.
+    std::wstring component;  ///< Its id, after the ids of those above it in the path, if any: L"upper>filter".
     bool enabled = true;
 };
 

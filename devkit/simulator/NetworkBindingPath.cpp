@@ -1,6 +1,7 @@
 #include "NetworkBindingPath.h"
 
 #include <utility>
+#include <vector>
 
 #include "NetworkEnumerator.h"
 
@@ -35,10 +36,13 @@ HRESULT NetworkBindingPath::EnumBindingInterfaces(IEnumNetCfgBindingInterface **
 HRESULT NetworkBindingPath::Enumerate(const char *function, IEnumNetCfgBindingInterface **interfaces) {
     if (interfaces == nullptr)
         return E_POINTER;
-    const HRESULT there = m_engine->IsEnabled(m_ends);
+    std::vector<BindingEnds> interfacesOfPath;
+    const HRESULT there = m_engine->InterfacesOf(m_ends, interfacesOfPath);
     if (FAILED(there))
         return there;
-    BindingInterfaceEnumerator::Items items{std::make_shared<NetworkBindingInterface>(TheCore(), m_engine, m_ends)};
+    BindingInterfaceEnumerator::Items items;
+    for (const BindingEnds &ends : interfacesOfPath)
+        items.push_back(std::make_shared<NetworkBindingInterface>(TheCore(), m_engine, m_ends, ends));
     // cppcheck-suppress accessMoved; it is moved once
     *interfaces = std::make_shared<BindingInterfaceEnumerator>(TheCore(), kBindingInterfaceEnumerator, std::move(items))
                       ->Give(function);
@@ -68,9 +72,11 @@ HRESULT NetworkBindingPath::GetDepth(ULONG *interfaces) {
 }
 
 NetworkBindingInterface::NetworkBindingInterface(const std::shared_ptr<Core> &core,
-                                                 std::shared_ptr<NetworkEngine> engine, const BindingEnds &ends)
+                                                 std::shared_ptr<NetworkEngine> engine, const BindingEnds &path,
+                                                 const BindingEnds &ends)
     : ComObject(core, {"INetCfgBindingInterface::AddRef", "INetCfgBindingInterface::QueryInterface"}),
       m_engine(std::move(engine)),
+      m_path(path),
       m_ends(ends) {}
 
 HRESULT NetworkBindingInterface::Provide(REFIID iid, const char *function, void **object) {
@@ -99,7 +105,7 @@ HRESULT NetworkBindingInterface::GetName(LPWSTR *name) {
 HRESULT NetworkBindingInterface::GiveEnd(unsigned key, const char *function, INetCfgComponent **component) {
     if (component == nullptr)
         return E_POINTER;
-    const HRESULT there = m_engine->IsEnabled(m_ends);
+    const HRESULT there = m_engine->IsEnabled(m_path);
     if (FAILED(there))
         return there;
     *component = m_engine->GiveComponent(key, function);

@@ -1,4 +1,4 @@
-// A binding as the simulated engine returns it: a path of one interface.
+// A binding as the simulated engine returns it: a path, of one interface unless other components lie above.
 #pragma once
 
 #include <memory>
@@ -42,14 +42,16 @@ private:
 
 class NetworkBindingInterface final : public ComObject<INetCfgBindingInterface> {
 public:
+    /// @param path  while that binding is there, and
+    /// @param ends  what its methods give.
     NetworkBindingInterface(const std::shared_ptr<Core> &core, std::shared_ptr<NetworkEngine> engine,
-                            const BindingEnds &ends);
+                            const BindingEnds &path, const BindingEnds &ends);
 
     /// For INetCfgBindingInterface and IUnknown.
     HRESULT Provide(REFIID iid, const char *function, void **object) override;
 
     HRESULT STDMETHODCALLTYPE GetUpperComponent(INetCfgComponent **component) override;
-    /// The adapter.
+    /// The adapter, or the component below.
     HRESULT STDMETHODCALLTYPE GetLowerComponent(INetCfgComponent **component) override;
     /// E_NOTIMPL
     HRESULT STDMETHODCALLTYPE GetName(LPWSTR *name) override;
@@ -58,6 +60,7 @@ private:
     HRESULT GiveEnd(unsigned key, const char *function, INetCfgComponent **component);
 
     const std::shared_ptr<NetworkEngine> m_engine;
+    const BindingEnds m_path;
     const BindingEnds m_ends;
 };
 

@@ -8,24 +8,47 @@ namespace Simulator {
 
 namespace {
 
+constexpr wchar_t kPathSeparator = L'>';
+
 /// The binding in the machine's list; null if there is none, or one of its ends was removed.
 const NetworkBinding *BindingBetween(NetworkState &state, const BindingEnds &ends) {
     const NetworkComponent *adapter = ComponentWithKey(state, ends.adapter);
     const NetworkComponent *component = ComponentWithKey(state, ends.component);
     if (adapter == nullptr || !adapter->adapter || component == nullptr)
         return nullptr;
-    return state.bindings.Find(adapter->adapter->pnpDevNodeId, component->id);
+    return state.bindings.Find(adapter->adapter->pnpDevNodeId, ends.path.empty() ? component->id : ends.path);
+}
+
+/// The ids of a path's components, the uppermost first.
+std::vector<std::wstring> ComponentsOf(const std::wstring &path) {
+    std::vector<std::wstring> components;
+    for (std::size_t begin = 0, end = 0; end != path.npos; begin = end + 1) {
+        end = path.find(kPathSeparator, begin);
+        components.push_back(path.substr(begin, end - begin));
+    }
+    return components;
+}
+
+bool HasOthersAbove(const std::wstring &path) {
+    return path.find(kPathSeparator) != path.npos;
 }
 
 /// In the order of the components above it.
 void AppendThoseAbove(const NetworkState &state, const NetworkComponent &adapter, std::vector<BindingEnds> &bindings) {
     if (!adapter.adapter)
         return;
-    const auto bound = state.bindings.OfAdapter(adapter.adapter->pnpDevNodeId);
+    struct Bound {
+        std::wstring lowest;  ///< The component next to the adapter.
+        std::wstring path;    ///< Empty if that is the only one.
+    };
+    std::vector<Bound> bound;
+    for (const NetworkBinding *each : state.bindings.OfAdapter(adapter.adapter->pnpDevNodeId))
+        bound.push_back(
+            {ComponentsOf(each->component).back(), HasOthersAbove(each->component) ? each->component : L""});
     for (const NetworkComponent &other : state.components)
-        if (std::any_of(bound.begin(), bound.end(),
-                        [&other](const NetworkBinding *each) { return SameInAnyCase(each->component, other.id); }))
-            bindings.push_back({adapter.key, other.key});
+        for (const Bound &each : bound)
+            if (SameInAnyCase(each.lowest, other.id))
+                bindings.push_back({adapter.key, other.key, each.path});
 }
 
 void AppendThoseBelow(const NetworkState &state, const NetworkComponent &component,
@@ -66,6 +89,21 @@ HRESULT NetworkEngine::BindingsOf(unsigned key, bool above, std::vector<BindingE
             AppendThoseAbove(state, *component, bindings);
         else
             AppendThoseBelow(state, *component, bindings);
+        return S_OK;
+    });
+}
+
+HRESULT NetworkEngine::InterfacesOf(const BindingEnds &ends, std::vector<BindingEnds> &interfaces) {
+    return WhenInitialized([&](NetworkState &state) -> HRESULT {
+        const NetworkBinding *const binding = BindingBetween(state, ends);
+        if (binding == nullptr)
+            return NETCFG_E_COMPONENT_REMOVED_PENDING_REBOOT;
+        std::vector<std::wstring> above = ComponentsOf(binding->component);
+        above.pop_back();
+        interfaces = {ends};
+        for (; !above.empty(); above.pop_back())
+            if (const NetworkComponent *const upper = ComponentWithId(state, above.back()))
+                interfaces.insert(interfaces.begin(), {interfaces.front().component, upper->key});
         return S_OK;
     });
 }

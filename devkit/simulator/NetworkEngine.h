@@ -18,6 +18,7 @@ namespace Simulator {
 struct BindingEnds {
     unsigned adapter;
     unsigned component;
+    std::wstring path{};  ///< As NetworkBinding names it, if components lie above this one.
 };
 
 class NetworkEngine final : public ComObject<INetCfg> {
@@ -73,6 +74,9 @@ public:
     HRESULT Enable(const BindingEnds &ends, bool enable);
     /// The bindings that the component is one end of, above it or below it.
     HRESULT BindingsOf(unsigned key, bool above, std::vector<BindingEnds> &bindings);
+    /// The interfaces of the binding's path, the uppermost first: each by the components at its ends, of which the
+    /// lower one is called its adapter. Components that are not there have none.
+    HRESULT InterfacesOf(const BindingEnds &ends, std::vector<BindingEnds> &interfaces);
 
     /// How long to wait for the lock in vain.
     [[nodiscard]] DWORD LockWait(DWORD timeoutMs);

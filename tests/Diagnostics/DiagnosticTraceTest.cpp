@@ -1,5 +1,8 @@
 // The trace of a run, line by line.
+#include <map>
 #include <ostream>
+#include <string>
+#include <utility>
 
 #include "DiagnosticsFixture.h"
 
@@ -48,6 +51,32 @@ TEST_F(DiagnosticTrace, ReportsEachStepWithItsFunction) {
                                      Line("AddDriverRuleStats", "AddDriverRuleStats()"),
                                      {"filter", "AddDriverDiagnostics", "AddDriverContent returned 1"},
                                  }));
+}
+
+TEST_F(DiagnosticTrace, NamesTheFileAndALineOfItsOwnForEachMessage) {
+    const std::map<std::string, std::string> files{
+        {"AddDriverDiagnostics", "AddDriverDiagnostics.cpp"},
+        {"Filter::Diagnostics::AddDriverContent", "DriverContent.cpp"},
+        {"Filter::Diagnostics::AddDriverStatistics", "StatisticsFile.cpp"},
+        {"Filter::Diagnostics::getDriverStatistics", "StatisticsFile.cpp"},
+        {"Filter::Diagnostics::IsDriverOpen", "IsDriverOpen.cpp"},
+        {"Filter::Diagnostics::AddDriverVariables", "VariablesFile.cpp"},
+        {"Filter::Diagnostics::AddDriverConnTrack", "ConnTrackFile.cpp"},
+        {"Filter::Diagnostics::getDriverConnTrack", "ConnTrackFile.cpp"},
+        {"Filter::Diagnostics::AddDriverBlacklist", "BlacklistFile.cpp"},
+        {"Filter::Diagnostics::AddDriverRuleStats", "RuleStatsFile.cpp"},
+    };
+    (void)Run();
+    std::map<std::pair<std::string, int>, std::string> messages;  // by place
+    std::map<std::string, int> lines;
+    for (const TracedLine &line : TakeTracedLines()) {
+        const auto file = files.find(line.function);
+        ASSERT_NE(file, files.end()) << line.function;
+        EXPECT_EQ(line.file, file->second) << line.message;
+        EXPECT_GT(line.line, 0) << line.message;
+        EXPECT_EQ(messages.try_emplace({line.file, line.line}, line.message).first->second, line.message);
+        EXPECT_EQ(lines.try_emplace(line.message, line.line).first->second, line.line) << line.message;
+    }
 }
 
 TEST_F(DiagnosticTrace, ReportsADriverThatIsNotOpen) {

@@ -262,9 +262,11 @@ std::string Describe(const Seen &seen) {
     return text.str() + "\n" + seen.logLine;
 }
 
-bool IsPlain(const Seen &seen) {
-    // The spelling of NaN depends on the C runtime.
-    return seen.logLine.find("nan") == std::string::npos && seen.logLine.find("inf") == std::string::npos;
+/// The line with NaN spelled without a sign, which depends on the processor.
+std::string WithPlainNan(std::string line) {
+    for (std::size_t place = line.find("-nan"); place != line.npos; place = line.find("-nan", place))
+        line.erase(place, 1);
+    return line;
 }
 
 TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
@@ -273,6 +275,7 @@ TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
     Model::Health model;
     std::array<int, 8> actions{};
     int restarts = 0;
+    int odd = 0;  // long lines with a number that is none, or infinite
     int last = 0;
     for (int i = 0; i < iterations; ++i) {
         const std::int64_t pause = host.NextPause(last);
@@ -289,8 +292,9 @@ TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
         Seen expected = model.Iterate(around);
         last = seen.action;
         ++actions.at(static_cast<std::size_t>(last));
-        if (!IsPlain(expected) || !IsPlain(seen))
-            seen.logLine = expected.logLine = "";
+        seen.logLine = WithPlainNan(seen.logLine);
+        expected.logLine = WithPlainNan(expected.logLine);
+        odd += expected.logLine.find("nan") != std::string::npos || expected.logLine.find("inf") != std::string::npos;
         ASSERT_EQ(seen, expected) << "iteration " << i << ", " << HowToRepeat() << "\n"
                                   << Describe(seen) << "\nexpected\n"
                                   << Describe(expected) << "\nstate " << around.state << ", configuration\n"
@@ -305,6 +309,7 @@ TEST_F(FailOpenHistory, AgreesWithTheModelAtEveryStepOfRandomHistories) {
         HowToRepeat().c_str());
     for (const std::size_t action : {0U, 1U, 2U, 5U, 6U, 7U})
         EXPECT_GT(actions.at(action), iterations / 2000) << "too few results with action " << action;
+    EXPECT_GT(odd, iterations / 2000) << "too few results with NaN or infinity";
 }
 
 /// A history in which only a restart could make a difference: no driver, no pause that even a recovery check finds too

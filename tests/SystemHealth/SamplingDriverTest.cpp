@@ -34,8 +34,19 @@ TEST_F(Sampling, TheFirstPassConfiguresTheDriverAndLaterOnesOnlyRead) {
 
 TEST_F(Sampling, TheDriverIsOpenedAfterThePlatformsSampleAndReadInFailOpenToo) {
     WriteConfig(kRunQueue + kPort);
+    std::vector<std::string> sampledBefore;
+    driver().onCall = [&](Vti::Driver &, const std::string &call) {
+        if (call == "vti_open()")
+            sampledBefore = TakePlatformCalls();
+    };
     ASSERT_EQ(Check("Activated"), kFailOpen);
-    EXPECT_EQ(TakeDriverCalls().size(), 4u);
+    driver().onCall = nullptr;
+    ASSERT_FALSE(sampledBefore.empty());
+    EXPECT_EQ(sampledBefore.front(), "PdhOpenQueryW");
+    EXPECT_EQ(sampledBefore.back(), "GlobalMemoryStatusEx");
+    EXPECT_EQ(TakePlatformCalls(), std::vector<std::string>()) << "the sample is complete before the driver is opened";
+    EXPECT_EQ(TakeDriverCalls(), (std::vector<std::string>{"vti_open()", "vti_set_scan_monitoring()",
+                                                           "vti_get_scan_metrics(1, 443)", "vti_close()"}));
 }
 
 TEST_F(Sampling, ThePortIsOneBitOfTheRequest) {

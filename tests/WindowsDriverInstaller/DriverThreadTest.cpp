@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "CallInThread.h"
+#include "ComObject.h"
 #include "DriverThreadProbe.h"
 #include "RemovalFixture.h"
 #include "WindowsFunctions.h"
@@ -510,6 +511,42 @@ TEST_F(DriverThreadNetCfg, TreatsALockOfTheSameNameAsItsOwn) {
     EXPECT_EQ(Left(), (Texts{"COM initialisation", "COM reference"})) << "the holder's name is freed";
     EXPECT_EQ(Release(true), NETCFG_E_NO_WRITE_LOCK);
     EXPECT_EQ(Left(), Texts{});
+}
+
+TEST_F(DriverThreadNetCfg, ReportsAnyOtherPositiveAnswerOfTheLockAndGoesOnWithoutIt) {
+    for (const DWORD answer : {2UL, static_cast<DWORD>(NETCFG_S_REBOOT)}) {
+        SCOPED_TRACE(answer);
+        thread.failedStep = NoStep;
+        const auto plan = simulation().GetFaults().FailNth("INetCfgLock::AcquireWriteLock", 1, answer);
+        EXPECT_EQ(Acquire(true), S_OK);
+        EXPECT_TRUE(plan->Hit());
+        ASSERT_NE(netCfg, nullptr);
+        EXPECT_FALSE(IsLocked());
+        EXPECT_EQ(thread.failedStep, 12U);
+        EXPECT_EQ(Events(), Texts{"3005 INetCfgLock::AcquireWriteLock"});
+        EXPECT_EQ(VtaCore::Control::TakeNotifications().size(), 0U);
+        EXPECT_EQ(Release(true), NETCFG_E_NO_WRITE_LOCK);
+        EXPECT_EQ(Events(), Texts{"3005 INetCfgLock::ReleaseWriteLock"});
+        EXPECT_EQ(Left(), Texts{});
+    }
+}
+
+TEST_F(DriverThreadNetCfg, IsReleasedBehindItsLockAndBeforeCOM) {
+    const Simulator::NotedReleases noted;
+    EXPECT_EQ(Acquire(true), S_OK);
+    EXPECT_EQ(Release(true), S_OK);
+    Texts calls;
+    for (const Simulator::JournalEntry &entry : simulation().GetJournal().Take()) {
+        if (entry.function.ends_with("::Release"))
+            calls.push_back(entry.function + " " + entry.arguments);
+        else if (entry.function.starts_with("INetCfg") || entry.function.starts_with("Co"))
+            calls.push_back(entry.function);
+    }
+    EXPECT_EQ(calls,
+              (Texts{"CoInitializeEx", "CoCreateInstance", "INetCfg::QueryInterface", "INetCfgLock::AcquireWriteLock",
+                     "INetCfg::Initialize", "INetCfgLock::Release 0", "INetCfg::Release 1", "INetCfg::Uninitialize",
+                     "INetCfg::QueryInterface", "INetCfgLock::ReleaseWriteLock", "INetCfgLock::Release 0",
+                     "INetCfg::Release 0", "CoUninitialize"}));
 }
 
 TEST_F(DriverThreadNetCfg, TellsTheUserWhoElseHoldsTheLock) {

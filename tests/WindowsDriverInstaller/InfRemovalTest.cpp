@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -51,6 +52,23 @@ protected:
     }
     std::string Match(const std::string &driver, const std::wstring &name) {
         return "  Matched '" + driver + "' in file '" + Inf(name).string() + "'. Deleting this inf+pnf+cat.";
+    }
+    /// A file that has nothing but its beginning, and the ten names at its very end.
+    void PutLargeInf(const std::wstring &name, std::int64_t size) {
+        const std::string names = InfNaming("qbimvta", 10);
+        PutInf(name, std::string(4096, ' '));
+        const HANDLE file = CreateFileW(Inf(name).c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(file, INVALID_HANDLE_VALUE);
+        DWORD written = 0;
+        (void)DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &written, nullptr);
+        LARGE_INTEGER begin{};
+        begin.QuadPart = size - static_cast<std::int64_t>(names.size());
+        const bool done = SetFilePointerEx(file, begin, nullptr, FILE_BEGIN) &&
+                          WriteFile(file, names.data(), static_cast<DWORD>(names.size()), &written, nullptr);
+        const DWORD error = GetLastError();
+        CloseHandle(file);
+        ASSERT_TRUE(done) << "the file system has no such file: error " << error;
+        ASSERT_EQ(std::filesystem::file_size(Inf(name)), static_cast<std::uintmax_t>(size));
     }
     /// Whether a file of that content is removed, with nothing else of the drivers present.
     bool Goes(const std::string &content) {
@@ -294,23 +312,21 @@ TEST_F(InfRemoval, SkipsEmptyFilesAndFolders) {
         EXPECT_TRUE(call.find("oem4") == call.npos && call.find("oem5") == call.npos) << call;
 }
 
-TEST_F(InfRemoval, SkipsAFileOfFourGibibytes) {
-    PutInf(L"oem4.inf", InfNaming("qbimvta", 10));
-    {
-        const HANDLE file = CreateFileW(Inf(L"oem4.inf").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        ASSERT_NE(file, INVALID_HANDLE_VALUE);
-        DWORD written = 0;
-        (void)DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &written, nullptr);
-        LARGE_INTEGER size{};
-        size.QuadPart = (1LL << 32) + 4096;
-        const bool grown = SetFilePointerEx(file, size, nullptr, FILE_BEGIN) && SetEndOfFile(file);
-        CloseHandle(file);
-        ASSERT_TRUE(grown) << "the file system has no such file: error " << GetLastError();
-    }
-    EXPECT_TRUE(Uninstall().result);
-    EXPECT_TRUE(HasInf(L"oem4.inf"));
+TEST_F(InfRemoval, ReadsFilesOfLessThanFourGibibytesToTheirEndAndOpensNoLargerOnes) {
+    constexpr std::int64_t twoGibibytes = std::int64_t{1} << 31;
+    PutLargeInf(L"oem4.inf", twoGibibytes);
+    PutLargeInf(L"oem5.inf", 2 * twoGibibytes - 1);
+    PutLargeInf(L"oem6.inf", 2 * twoGibibytes);
+    const Removal removal = Uninstall();
+    EXPECT_TRUE(removal.result);
+    const Lines matches = Matches(removal);
+    EXPECT_EQ(std::count(matches.begin(), matches.end(), Match("qbimvta", L"oem4.inf")), 1);
+    EXPECT_EQ(std::count(matches.begin(), matches.end(), Match("qbimvta", L"oem5.inf")), 1);
+    EXPECT_FALSE(HasInf(L"oem4.inf"));
+    EXPECT_FALSE(HasInf(L"oem5.inf"));
+    EXPECT_TRUE(HasInf(L"oem6.inf"));
     for (const std::string &call : Calls({"CreateFileW"}))
-        EXPECT_EQ(call.find("oem4"), call.npos) << call;
+        EXPECT_EQ(call.find("oem6"), call.npos) << call;
     EXPECT_FALSE(HasInf(L"oem1.inf"));
 }
 

@@ -18,6 +18,7 @@
 #include "LogCollector.h"
 #include "ModuleFixture.h"
 #include "NativeKeys.h"
+#include "SecurityFunctions.h"
 #include "WindowsDriverInstaller/cleanup/RegistryTree.h"
 #include "common/TakeOwnership.h"
 #include "slb3_control.h"
@@ -286,7 +287,18 @@ TEST_F(RealKey, IsTakenFromTheSystemWhenItsAccessListIsLocked) {
     Lock(WRITE_OWNER);  // Wine's privilege does not grant this right
     ASSERT_EQ(Open(KEY_READ), ERROR_ACCESS_DENIED);
     ASSERT_EQ(Open(WRITE_DAC), ERROR_ACCESS_DENIED);
+    ASSERT_FALSE(IsTakeOwnershipEnabled());
+    std::vector<bool> enabledAtOwner;
+    std::vector<bool> enabledAtList;
+    simulation.Functions().Put<Simulator::System::SetNamedSecurityInfoW>(
+        [&](const auto &next, wchar_t *object, SE_OBJECT_TYPE type, SECURITY_INFORMATION what, PSID owner, PSID group,
+            ACL *list, ACL *audit) {
+            (what == OWNER_SECURITY_INFORMATION ? enabledAtOwner : enabledAtList).push_back(IsTakeOwnershipEnabled());
+            return next(object, type, what, owner, group, list, audit);
+        });
     EXPECT_EQ(Take(name), std::vector<std::string>{});
+    EXPECT_EQ(enabledAtOwner, std::vector<bool>{true}) << "Windows would refuse it otherwise";
+    EXPECT_EQ(enabledAtList, (std::vector<bool>{false, false})) << "before it, and no longer behind it";
     EXPECT_EQ(Security(), L"S-1-5-32-544; S-1-1-0 all; S-1-5-32-544 all");
     EXPECT_FALSE(IsTakeOwnershipEnabled()) << "no longer";
     EXPECT_EQ(DeleteRegistryTree(path), 0);

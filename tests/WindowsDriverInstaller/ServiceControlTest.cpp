@@ -120,6 +120,22 @@ TEST_F(ServiceControl, AStartWithoutWaitStartsTheServiceAndDoesNotPoll) {
     EXPECT_EQ(Errors(), Texts{});
 }
 
+TEST_F(ServiceControl, AStartWaitsForWhateverLuaTakesForTrueAndForNothingElse) {
+    for (const char *argument : {"", "nil", "false"}) {
+        Put(kWfp, kStopped);
+        EXPECT_TRUE(Call(std::string("StartWFPDriver(") + argument + ")"));
+        EXPECT_EQ(State(kWfp), static_cast<DWORD>(SERVICE_START_PENDING)) << argument;
+        EXPECT_EQ(Sleeps(), Texts{}) << argument;
+    }
+    for (const char *argument : {"0", "''", "{}", "true, false"}) {
+        PutStarting({kStarting, kRunning});
+        EXPECT_TRUE(Call(std::string("StartWFPDriver(") + argument + ")"));
+        EXPECT_EQ(State(kWfp), static_cast<DWORD>(SERVICE_RUNNING)) << argument;
+        EXPECT_EQ(Sleeps(), Texts{"1000"}) << argument;
+    }
+    EXPECT_EQ(Errors(), Texts{});
+}
+
 TEST_F(ServiceControl, AStopWithoutWaitStopsTheServiceAndDoesNotPoll) {
     EXPECT_TRUE(Call("StopNDISDriver(false)"));
     EXPECT_EQ(State(kNdis), static_cast<DWORD>(SERVICE_STOP_PENDING));

@@ -209,11 +209,15 @@ TEST_F(FirewallApplications, ThatAreNotListedAreRemovedWithTheSystemsResult) {
 }
 
 TEST_F(FirewallApplications, AreNotRemovedWithoutAPath) {
-    ExpectAnswer("WindowsFirewallRemoveApp('')", "false",
-                 {"WindowsFirewallRemoveApp called with path = ", "SysAllocString failed: 0x8007000e",
-                  "WindowsFirewallAddApp failed: 0x8007000e"});
-    EXPECT_EQ(Calls("INetFwAuthorizedApplications::Remove"), Lines());
-    EXPECT_EQ(Left(), LeftThings());
+    Put({kAgent});
+    for (const char *path : {"''", "nil", "", "'\\xFF\\xFE'", "{}", "true"}) {
+        ExpectAnswer("WindowsFirewallRemoveApp(" + std::string(path) + ")", "false",
+                     {"WindowsFirewallRemoveApp called with path = ", "SysAllocString failed: 0x8007000e",
+                      "WindowsFirewallAddApp failed: 0x8007000e"});
+        EXPECT_EQ(Calls("INetFwAuthorizedApplications::Remove"), Lines());
+        EXPECT_EQ(Left(), LeftThings());
+    }
+    EXPECT_EQ(Listed(), std::vector{kAgent});
 }
 
 TEST_F(FirewallApplications, WorkInAThreadOfAnotherModelAndCloseComOnceAfterAFailure) {

@@ -1,12 +1,52 @@
 // The firewall switched off in one process and on in another: only the registry survives.
 
+#include <atomic>
+#include <functional>
 #include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "FirewallFixture.h"
+#include "LogCollector.h"
+#include "Patience.h"
 
 namespace {
+
+/// A thread that is ended from outside.
+class EndedThread {
+public:
+    explicit EndedThread(std::function<void()> body) : m_body(std::move(body)) {
+        const Simulator::InsideSimulator inside;
+        m_thread.reset(CreateThread(nullptr, 0, &Run, this, 0, nullptr));
+    }
+    EndedThread(const EndedThread &) = delete;
+    EndedThread &operator=(const EndedThread &) = delete;
+    ~EndedThread() { End(); }
+
+    void End() const {
+        const Simulator::InsideSimulator inside;
+        (void)TerminateThread(m_thread.get(), 0);
+        (void)WaitForSingleObject(m_thread.get(), kPatienceMs);
+    }
+
+private:
+    struct Close {
+        void operator()(HANDLE thread) const {
+            const Simulator::InsideSimulator inside;
+            CloseHandle(thread);
+        }
+    };
+    static DWORD WINAPI Run(void *self) {
+        static_cast<EndedThread *>(self)->m_body();
+        return 0;
+    }
+
+    std::function<void()> m_body;
+    std::unique_ptr<std::remove_pointer_t<HANDLE>, Close> m_thread;
+};
 
 class RestartedFirewall : public FirewallFixture {
 protected:
@@ -22,6 +62,33 @@ protected:
         EXPECT_EQ(lua_tointeger(other, -1), 0);
         return {};
     }
+
+    /// A call at which the process ends, and the profiles that are on then.
+    struct Place {
+        const char *function;
+        unsigned nth;
+        int profiles;
+    };
+    /// Calls SLB.filter.<call> in a process that ends when it comes to that call, before this does anything: the thread
+    /// is ended within it, and the next process has the module anew.
+    void CrashIn(const std::string &call, const std::string &function, unsigned nth) {
+        lua_State *const state = luaL_newstate();  // never closed: its thread is still in a call
+        luaL_openlibs(state);
+        Open(state);
+        ASSERT_EQ(luaL_loadstring(state, ("SLB.filter." + call + "()").c_str()), LUA_OK);
+        const auto plan = faults().HangNth(function, nth);
+        std::atomic<bool> returned{false};
+        const EndedThread thread([state, &returned] {
+            (void)lua_pcall(state, 0, 0, 0);
+            returned = true;
+        });
+        EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs));
+        thread.End();
+        faults().Clear();
+        EXPECT_FALSE(returned);
+        (void)TakeTracedLines();
+        Reload();
+    }
 };
 
 TEST_F(RestartedFirewall, RestoresWhatAnotherProcessTurnedOff) {
@@ -35,14 +102,42 @@ TEST_F(RestartedFirewall, RestoresWhatAnotherProcessTurnedOff) {
     }
 }
 
-TEST_F(RestartedFirewall, RestoresNothingAfterACrashBetweenTheSwitchesAndTheFlag) {
-    // The process ends while the flag is written: the call never returns.
-    const auto plan = faults().FailNth("RegCreateKeyW", 1, ERROR_SHUTDOWN_IN_PROGRESS);
-    (void)TurnOff();
-    EXPECT_TRUE(plan->Hit());
-    Reload();
-    EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
+TEST_F(RestartedFirewall, RestoresNothingAfterACrashBeforeTheFlagIsWritten) {
+    for (const auto &[function, nth, profiles] :
+         {Place{"INetFwPolicy2::put_FirewallEnabled", 1, 7}, Place{"INetFwPolicy2::put_FirewallEnabled", 3, 4},
+          Place{"RegCreateKeyW", 1, 0}, Place{"RegSetValueExW", 1, 0}}) {
+        SCOPED_TRACE(std::string(function) + " " + std::to_string(nth));
+        PutProfiles(7);
+        CrashIn("DisableNativeFirewall", function, nth);
+        EXPECT_EQ(Flag(), std::nullopt);
+        EXPECT_EQ(Profiles(), profiles);
+        EXPECT_EQ(TurnOn(), Lines{"EnableFirewall()"});
+        EXPECT_EQ(Profiles(), profiles) << "what went off stays off";
+    }
+}
+
+TEST_F(RestartedFirewall, RestoresAllAfterACrashBehindTheWritingOfTheFlag) {
+    CrashIn("DisableNativeFirewall", "RegCloseKey", 1);
+    EXPECT_EQ(Flag(), MaskFlag(7));
     EXPECT_EQ(Profiles(), 0);
+    (void)TurnOn();
+    EXPECT_EQ(Profiles(), 7);
+    EXPECT_EQ(Flag(), std::nullopt);
+}
+
+TEST_F(RestartedFirewall, RestoresAllAfterACrashWithinTheRestore) {
+    for (const auto &[function, nth, profiles] :
+         {Place{"INetFwPolicy2::put_FirewallEnabled", 2, 1}, Place{"RegDeleteValueW", 1, 7}}) {
+        SCOPED_TRACE(std::string(function) + " " + std::to_string(nth));
+        PutProfiles(7);
+        (void)TurnOff();
+        CrashIn("EnableNativeFirewall", function, nth);
+        EXPECT_EQ(Profiles(), profiles);
+        EXPECT_EQ(Flag(), MaskFlag(7));
+        (void)TurnOn();
+        EXPECT_EQ(Profiles(), 7);
+        EXPECT_EQ(Flag(), std::nullopt);
+    }
 }
 
 TEST_F(RestartedFirewall, RepeatsAFailedRestoreInTheNextProcess) {

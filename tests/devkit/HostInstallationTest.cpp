@@ -13,7 +13,6 @@ TEST(HostNetwork, HasTheAdaptersOfTheScriptAndTheirBindings) {
         machine.put_adapter { node = W, name = "Wi-Fi", connected = false, mac = "00:01:02:0a:0B:ff", frames = 7 }
         machine.bind(E, "another")
         machine.bind(E, "ms_tcpip")
-        machine.bind(E, "absent")
         machine.bind(W, "ms_tcpip")
         machine.bind(W, "ms_tcpip", false)
         local first, second = table.unpack(machine.adapters())

@@ -20,10 +20,11 @@ using OwnedHandle = std::unique_ptr<void, CloseTheHandle>;
 
 /// A file that the program inherits. Files rather than pipes: a pipe's reader would have to wait for every process that
 /// inherited it.
-OwnedHandle OpenInherited(const std::wstring &path, DWORD access) {
+/// @param disposition  see CreateFileW.
+OwnedHandle OpenInherited(const std::wstring &path, DWORD access, DWORD disposition) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     OwnedHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                 &inherited, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                 &inherited, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.get() == INVALID_HANDLE_VALUE)
         ADD_FAILURE() << "CreateFile: " << GetLastError();
     return file;
@@ -32,9 +33,9 @@ OwnedHandle OpenInherited(const std::wstring &path, DWORD access) {
 /// Starts the program in the current folder. @param flags  see CreateProcessW. @return null on failure.
 OwnedHandle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
                   DWORD flags = 0) {
-    const OwnedHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ);
-    const OwnedHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE);
-    const OwnedHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE);
+    const OwnedHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ, OPEN_ALWAYS);
+    const OwnedHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE, CREATE_NEW);
+    const OwnedHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE, CREATE_NEW);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -161,6 +162,7 @@ TemporaryFolder::TemporaryFolder() {
     const std::wstring name =
         L"fc-host-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count);
     m_path = std::filesystem::temp_directory_path() / name;
+    std::filesystem::remove_all(m_path);  // of an older process with this number
     std::filesystem::create_directories(m_path);
 }
 

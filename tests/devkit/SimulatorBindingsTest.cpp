@@ -106,6 +106,29 @@ TEST_F(SimulatedBindings, ArePathsUpFromAnAdapterAndDownFromAComponent) {
     EXPECT_EQ(BindingsOf(adapters[0])->EnumBindingPaths(EBP_ABOVE, nullptr), E_POINTER);
 }
 
+TEST_F(SimulatedBindings, ArePathsOfSeveralInterfacesWhereOthersLieAbove) {
+    network.Put({.id = L"upper"});
+    network.Bind(kOther, L"upper>missing>ms_tcpip>FILTER");
+    const ComPtr<INetCfg> engine = CreateInitialised();
+    ComPtr<IEnumNetCfgBindingInterface> list;
+    const auto paths = Paths(Adapters(engine).at(1), EBP_ABOVE);
+    ASSERT_EQ(paths.size(), 2U);
+    EXPECT_EQ(Upper(paths[0]), L"filter") << "the other path has one";
+    ASSERT_EQ(paths[1]->EnumBindingInterfaces(&list), S_OK);
+    std::vector<std::wstring> ends;
+    ComPtr<INetCfgBindingInterface> each;
+    while (list->Next(1, &each, nullptr) == S_OK) {
+        ComPtr<INetCfgComponent> upper;
+        ComPtr<INetCfgComponent> lower;
+        EXPECT_EQ(each->GetUpperComponent(&upper), S_OK);
+        EXPECT_EQ(each->GetLowerComponent(&lower), S_OK);
+        ends.push_back(Text(upper, &INetCfgComponent::GetId) + L" above " + Text(lower, &INetCfgComponent::GetId));
+    }
+    EXPECT_EQ(ends, (std::vector<std::wstring>{L"upper above ms_tcpip", L"ms_tcpip above filter",
+                                               L"filter above pci\\other"}));
+    EXPECT_EQ(paths[1]->IsEnabled(), S_OK) << "unlike the other path";
+}
+
 TEST_F(SimulatedBindings, ExistWhileBothTheirEndsExist) {
     const ComPtr<INetCfg> engine = CreateInitialised();
     const auto path = FilterPath(engine);

@@ -53,6 +53,29 @@ TEST_F(SimulatedObjects, CountReferencesAsComDoes) {
     EXPECT_EQ(engine.Reset(), 0U);
 }
 
+TEST_F(SimulatedObjects, NoteTheirReleasesIfTheJournalWantsThem) {
+    CreateInitialised().Reset();
+    EXPECT_EQ(journal().Count("INetCfg::Release"), 0U);
+    const NotedReleases noted;
+    (void)journal().Take();
+    ComPtr<INetCfg> engine = CreateInitialised();
+    ComPtr<INetCfgLock> lock = LockOf(engine);
+    ComPtr<INetCfg> again(engine);
+    again.Reset();
+    lock.Reset();
+    EXPECT_EQ(engine->Uninitialize(), S_OK);
+    engine.Reset();
+    Calls calls;
+    for (const JournalEntry &entry : journal().Take()) {
+        if (entry.function.ends_with("::Release"))
+            calls.push_back(entry.function + " " + entry.arguments);
+        else if (entry.function == "INetCfg::Uninitialize")
+            calls.push_back(entry.function);
+    }
+    EXPECT_EQ(calls,
+              (Calls{"INetCfg::Release 1", "INetCfgLock::Release 0", "INetCfg::Uninitialize", "INetCfg::Release 0"}));
+}
+
 TEST_F(SimulatedObjects, AreTheSameObjectBehindAllTheirInterfaces) {
     ComPtr<INetCfg> engine = Create();
     const ComPtr<INetCfgLock> lock = LockOf(engine);

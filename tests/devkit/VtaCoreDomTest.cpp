@@ -3,10 +3,15 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "Event.h"
+#include "FunctionSet.h"
+#include "SimulatorTestSupport.h"
+#include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
 namespace {
@@ -319,12 +324,23 @@ TEST(DomExit, TheWaitLastsAsLongAsRequested) {
 
 TEST(DomExit, EndsARunningWait) {
     Control::Dom dom;
-    std::thread later([&dom] {
-        Sleep(50);
+    const auto core = std::make_shared<Simulator::Core>();
+    Simulator::FunctionSet functions(core);
+    Simulator::Event begun;
+    functions.Put<Simulator::System::WaitForSingleObject>([&](const auto &next, HANDLE handle, DWORD ms) {
+        if (ms == INFINITE)
+            begun.Set();
+        return next(handle, ms);
+    });
+    ASSERT_EQ(functions.Attach(GetModuleHandleW(L"vta_core.dll"), {"WaitForSingleObject"}), 1U);
+    bool wasAwaited = false;
+    std::thread later([&] {
+        wasAwaited = begun.Wait(SimulatorTest::kPatienceMs);
         Control::SetShouldExit(dom, true);
     });
     EXPECT_TRUE(dom.ShouldExit(INFINITE, nullptr));
     later.join();
+    EXPECT_TRUE(wasAwaited) << "the exit was wanted before the wait began";
 }
 
 class DomEvents : public testing::Test {

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "FunctionSet.h"
+#include "WindowsFunctions.h"
 #include "vta_core_control.h"
 
 namespace {
@@ -91,6 +93,20 @@ void WaitForTheEnd(Worker &worker) {
 void SleepForEver(Worker &) {
     Sleep(INFINITE);
 }
+
+/// Counts the waits for several events, which are those of its threads, while it lives.
+class WaitsOfTheLibrary {
+public:
+    WaitsOfTheLibrary() {
+        m_functions.PassThrough<Simulator::System::WaitForMultipleObjects>();
+        EXPECT_EQ(m_functions.Attach(GetModuleHandleW(L"vta_core.dll"), {"WaitForMultipleObjects"}), 1U);
+    }
+    [[nodiscard]] std::size_t Begun() const { return m_core->journal.Count("WaitForMultipleObjects"); }
+
+private:
+    const std::shared_ptr<Simulator::Core> m_core = std::make_shared<Simulator::Core>();
+    Simulator::FunctionSet m_functions{m_core};
+};
 
 TEST_F(Runnable, AJoinableThreadRunsItsBodyOnceAndStaysUntilItsOwnerDeletesIt) {
     auto worker = Joinable(&ReturnAtOnce);
@@ -230,15 +246,19 @@ TEST_F(Runnable, IsBoundToItsProcessor) {
 }
 
 TEST_F(Runnable, ASuspendedThreadWaitsForAwaken) {
+    const WaitsOfTheLibrary waits;
     auto worker = Joinable(&ReturnAtOnce, true);
     ASSERT_TRUE(worker->start(kNormalPriority, true, 0));
+    const auto hasBegunWaits = [&](std::size_t count) { return waits.Begun() == count || m_record->bodies != 0; };
+    ASSERT_TRUE(Eventually([&] { return hasBegunWaits(1); }));
     worker->interrupt();
-    Sleep(50);
+    ASSERT_TRUE(Eventually([&] { return hasBegunWaits(2); })) << "an interruption does not end the suspension";
     EXPECT_EQ(m_record->bodies, 0);
     EXPECT_TRUE(worker->isRunning());
     worker->Awaken();
     worker->Wait();
     EXPECT_EQ(m_record->bodies, 1);
+    EXPECT_EQ(waits.Begun(), 2U);
 }
 
 TEST_F(Runnable, ASuspendedThreadThatIsToldToEndNeverRunsItsBody) {

@@ -63,6 +63,18 @@ TEST_F(ConnMetrics, AFullStagingMapStillCountsPresentKeysAndDropsAbsentOnes) {
     EXPECT_EQ(lua.Eval("rows[1].count + rows[10000].count"), "4");
 }
 
+TEST_F(ConnMetrics, AFullStagingMapStillCountsPresentKeysBeyondAsciiAndDropsOtherSpellings) {
+    const std::string beyondAscii = CharacterInCodePage().narrow;
+    lua_pushlstring(lua, beyondAscii.data(), beyondAscii.size());
+    lua_setglobal(lua, "wide");
+    lua.Run("fill(1, 9999) add(wide) add(wide, '', 5) add(wide .. wide) add('KEY00001') add(wide)");
+    Fold();
+    lua.Run("rows = f.GetConnMetrics()");
+    EXPECT_EQ(lua.Eval("#rows"), "10000");
+    EXPECT_EQ(lua.Eval("rows[10000].count"), "7");
+    EXPECT_EQ(lua.Eval("sum(rows)"), "10006");
+}
+
 // ---- Folding
 
 TEST_F(ConnMetrics, TheFirstFoldIsPossible61SecondsAfterLoading) {
@@ -188,6 +200,19 @@ TEST_F(ConnMetrics, RowsAreOrderedByTheCharacterCodesOfTheirKeys) {
               "count=1 key=\"<>\"\ncount=1 key=\"<B>\"\ncount=1 key=\"<_>\"\ncount=1 key=\"<a>\"\n"
               "count=1 key=\"<aa>\"\ncount=1 key=\"<b>\"\ncount=1 key=\"<" +
                   last + ">\"");
+}
+
+TEST_F(ConnMetrics, KeysBeyond16BitsAreOrderedByTheirSurrogates) {
+    if (GetACP() != CP_UTF8)
+        GTEST_SKIP() << "the code page has no character beyond 16 bits";
+    // U+10000, U+10FFFF, U+D7FF and U+FFFD
+    lua.Run(R"(for name, key in pairs{least = '\xF0\x90\x80\x80', greatest = '\xF4\x8F\xBF\xBF',
+                                      before = '\xED\x9F\xBF', after = '\xEF\xBF\xBD'} do
+        add(key, 'key\t' .. name)
+    end)");
+    Fold();
+    lua.Run("keys = {} for i, row in ipairs(f.GetConnMetrics()) do keys[i] = row.key end");
+    EXPECT_EQ(lua.Eval("table.concat(keys, ' ')"), "before least greatest after");
 }
 
 TEST_F(ConnMetrics, TheContentOfATextAffectsNeitherTheOrderNorTheIdentityOfItsKey) {

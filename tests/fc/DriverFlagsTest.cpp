@@ -253,8 +253,11 @@ TEST_F(DriverFlags, EachFunctionTracesWithItsOwnName) {
         f.SetDriverCheckedToReg(1) f.GetDriverCheckedFromReg() f.SetDriverHookedToReg(-7) f.GetDriverHookedFromReg()
         f.SetUncheckedIfc {'a', 'b'} f.GetUncheckedIfc() f.GetDriverStoppedByBLPTimestamp())");
     Messages lines;
-    for (const TracedLine &line : TakeTracedLines())
+    for (const TracedLine &line : TakeTracedLines()) {
         lines.push_back(line.component + " " + line.function + " " + line.message);
+        EXPECT_EQ(line.file, "DriverFlags.cpp") << line.message;
+        EXPECT_GT(line.line, 0) << line.message;
+    }
     EXPECT_EQ(lines,
               (Messages{"filter GetDriverCheckedFromReg Get last driverChecked value: 1",
                         "filter GetDriverHookedFromReg Get last driverHooked value: -7",
@@ -568,6 +571,8 @@ TEST_F(DriverFlags, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) 
                 hit = fault->Hit();
                 EXPECT_EQ(status != LUA_OK, hit);
                 EXPECT_TRUE(!hit || std::strcmp(lua_tostring(own, -1), "not enough memory") == 0);
+                EXPECT_EQ(status, hit ? LUA_ERRRUN : LUA_OK)
+                    << "the error is raised again, as an error of the function";
             }
             EXPECT_EQ(Simulator::Balance::Left(before, balance().Take()).size(), 0U)
                 << balance().Difference(before, balance().Take());

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -212,41 +213,78 @@ TEST_F(TraceBridge, StringsInAnotherEncodingAreStillRead) {
     EXPECT_TRUE(messages[0].starts_with("a/1  | ger") && messages[0].ends_with("ended | b:2\n")) << messages[0];
 }
 
+/// Threads that trace at the same time, each its own numbered lines.
+class TracingThreads {
+public:
+    static constexpr int kThreads = 4;
+    static constexpr int kLines = 2'000;
+
+    explicit TracingThreads(vti_trace_handler handler) : m_handler(handler) {}
+
+    /// @param meanwhile  again and again until all threads have ended.
+    void Run(const std::function<void()> &meanwhile) {
+        std::atomic<int> running{kThreads};
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < kThreads; ++thread)
+            threads.emplace_back([&, thread] {
+                for (int line = 0; line < kLines; ++line)
+                    m_bad += m_handler(thread, "s", "f", line, "text") != 0;
+                --running;
+            });
+        while (running != 0)
+            meanwhile();
+        for (std::thread &thread : threads)
+            thread.join();
+    }
+    /// How many answers were not 0.
+    [[nodiscard]] int Bad() const { return m_bad; }
+
+    /// Takes the lines, each of which must be whole, and come once and in its thread's order.
+    /// @return how many there are.
+    static std::size_t TakeWholeLines() {
+        std::array<int, kThreads> last{};
+        last.fill(-1);
+        const Calls messages = TakeTracedMessages("VTI");
+        for (const std::string &message : messages) {
+            int thread = -1;
+            int line = -1;
+            // NOLINTNEXTLINE(cert-err34-c): the numbers are small
+            EXPECT_EQ(std::sscanf(message.c_str(), "s/%d  | text | f:%d\n", &thread, &line), 2) << message;
+            if (thread < 0 || thread >= kThreads) {
+                ADD_FAILURE() << message;
+                continue;
+            }
+            int &previous = last.at(static_cast<std::size_t>(thread));
+            EXPECT_GT(line, previous) << "each line once, in the thread's order";
+            previous = line;
+        }
+        return messages.size();
+    }
+
+private:
+    vti_trace_handler m_handler;
+    std::atomic<int> m_bad{0};
+};
+
+TEST_F(TraceBridge, NoLineOfSeveralThreadsIsLost) {
+    TracingThreads threads(Handler());
+    threads.Run([] { std::this_thread::yield(); });
+    EXPECT_EQ(threads.Bad(), 0);
+    EXPECT_EQ(threads.TakeWholeLines(), std::size_t{TracingThreads::kThreads} * TracingThreads::kLines);
+}
+
 TEST_F(TraceBridge, LinesOfSeveralThreadsAreCompleteWhileTheComponentIsSwitchedOnAndOff) {
-    constexpr int kThreads = 4;
-    constexpr int kLines = 2'000;
     const vti_trace_handler handler = Handler();
-    std::atomic<int> bad{0};
-    std::atomic<int> running{kThreads};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread)
-        threads.emplace_back([&, thread] {
-            for (int line = 0; line < kLines; ++line)
-                bad += handler(thread, "s", "f", line, "text") != 0;
-            --running;
-        });
-    while (running != 0) {
+    TracingThreads threads(handler);
+    threads.Run([] {
         Enable(false);
         std::this_thread::yield();
         Enable(true);
         std::this_thread::yield();
-    }
-    for (std::thread &thread : threads)
-        thread.join();
-
-    EXPECT_EQ(bad, 0);
-    std::vector<int> last(kThreads, -1);
-    for (const std::string &message : TakeTracedMessages("VTI")) {
-        int thread = -1;
-        int line = -1;
-        // NOLINTNEXTLINE(cert-err34-c): the numbers are small
-        ASSERT_EQ(std::sscanf(message.c_str(), "s/%d  | text | f:%d\n", &thread, &line), 2) << message;
-        ASSERT_TRUE(thread >= 0 && thread < kThreads) << message;
-        int &previous = last[static_cast<std::size_t>(thread)];
-        EXPECT_GT(line, previous) << "each line once, in the thread's order";
-        previous = line;
-    }
-    EXPECT_EQ(handler(0, "s", "f", kLines, "text"), 0);
+    });
+    EXPECT_EQ(threads.Bad(), 0);
+    (void)threads.TakeWholeLines();  // how many there are is up to the switching
+    EXPECT_EQ(handler(0, "s", "f", 1, "text"), 0);
     EXPECT_EQ(TakeTracedLines().size(), 1U) << "it still traces";
 }
 
