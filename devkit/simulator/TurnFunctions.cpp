@@ -15,6 +15,7 @@ SIMULATOR_FUNCTION(QueueUserWorkItem, "KERNEL32.dll", ReturnsZero);
 
 /// Real milliseconds that a thread gets to end when it was killed.
 constexpr DWORD kKillMs = 5'000;
+constexpr DWORD kFailed = static_cast<DWORD>(-1);  ///< The result of SuspendThread and ResumeThread.
 
 /// How a thread is to begin when it gets its first turn.
 template <class Begin>
@@ -44,9 +45,10 @@ auto MakeInTurn(const std::shared_ptr<Core> &core, Begin begin, void *argument, 
         return made;
     (void)start.release();
     const auto thread = (HANDLE)made;  // a handle, or a number that is one
-    core->clock.GetTurns().Add(thread, isSuspended);
-    if (!isSuspended)
-        (void)::ResumeThread(thread);
+    Turns &turns = core->clock.GetTurns();
+    turns.Add(thread);
+    if (!isSuspended && ::ResumeThread(thread) != kFailed)
+        turns.NoteResumed(thread);
     return made;
 }
 
@@ -82,17 +84,16 @@ void InstallQueue(FunctionSet &functions, const std::shared_ptr<Core> &core) {
 }
 
 void InstallPauses(FunctionSet &functions, const std::shared_ptr<Core> &core) {
-    constexpr DWORD failed = static_cast<DWORD>(-1);
     functions.Put<System::SuspendThread>([core](const auto &next, HANDLE thread) {
         const DWORD result = next(thread);
-        if (result != failed)
-            core->clock.GetTurns().NoteSuspended(thread, true);
+        if (result != kFailed)
+            core->clock.GetTurns().NoteSuspended(thread);
         return result;
     });
     functions.Put<System::ResumeThread>([core](const auto &next, HANDLE thread) {
         const DWORD result = next(thread);
-        if (result != failed)
-            core->clock.GetTurns().NoteSuspended(thread, false);
+        if (result != kFailed)
+            core->clock.GetTurns().NoteResumed(thread);
         return result;
     });
     // A killed thread ends a little later, which no simulated time must depend on.

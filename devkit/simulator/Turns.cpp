@@ -9,8 +9,9 @@ namespace Simulator {
 
 namespace {
 
-/// Real milliseconds; a thread that leaves has only a few instructions left.
-constexpr DWORD kLastInstructionsMs = 5'000;
+/// Real milliseconds; a thread that leaves has only a few instructions left. Limited since the loader's lock, which it
+/// needs for its end, may be held by the thread that waits for it.
+constexpr DWORD kLastInstructionsMs = 60'000;
 
 UniqueHandle Copy(HANDLE thread) {
     HANDLE copy = nullptr;
@@ -30,8 +31,9 @@ struct Turns::Thread {
 
     const unsigned number;  ///< The youngest thread has the highest.
     const UniqueHandle handle;
+    const UniqueHandle isReady{CreateEventW(nullptr, TRUE, FALSE, nullptr)};  ///< For its first turn.
     const UniqueHandle turn{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-    unsigned suspensions = 0;
+    unsigned suspensions = 1;
     bool isNew = true;
     bool waits = false;
     bool hasProbe = false;
@@ -50,6 +52,7 @@ void Turns::Begin(MoveTime moveTime) {
     const InsideSimulator inside;
     auto self = std::make_shared<Thread>(0, GetCurrentThread());
     self->isNew = false;
+    self->suspensions = 0;
     const LockGuard guard(m_lock);
     m_moveTime = std::move(moveTime);
     m_threads = {{GetCurrentThreadId(), std::move(self)}};
@@ -72,36 +75,40 @@ Turns::ThreadHandle Turns::Find(HANDLE thread) const {
     return found == m_threads.end() ? nullptr : found->second;
 }
 
-void Turns::Add(HANDLE thread, bool isSuspended) {
+void Turns::Add(HANDLE thread) {
     const InsideSimulator inside;
     auto added = std::make_shared<Thread>(++m_added, thread);
-    added->suspensions = isSuspended ? 1 : 0;
     const LockGuard guard(m_lock);
     m_threads[GetThreadId(thread)] = std::move(added);
 }
 
-void Turns::NoteSuspended(HANDLE thread, bool isSuspended) {
+void Turns::NoteSuspended(HANDLE thread) {
+    const InsideSimulator inside;
+    if (const ThreadHandle noted = Find(thread))
+        ++noted->suspensions;
+}
+
+void Turns::NoteResumed(HANDLE thread) {
     const InsideSimulator inside;
     const ThreadHandle noted = Find(thread);
-    if (noted == nullptr)
+    if (noted == nullptr || noted->suspensions == 0 || --noted->suspensions > 0 || !noted->isNew)
         return;
-    if (isSuspended)
-        ++noted->suspensions;
-    else if (noted->suspensions > 0)
-        --noted->suspensions;
+    const HANDLE readyOrDead[] = {noted->isReady.get(), noted->handle.get()};
+    (void)WaitForMultipleObjects(2, readyOrDead, FALSE, INFINITE);
 }
 
 void Turns::AwaitFirst() {
     const InsideSimulator inside;
     const ThreadHandle self = Mine();
-    if (m_ended || self == nullptr)
+    if (self == nullptr)
         return;
-    AwaitTurn(*self);
+    AwaitTurn(self->isReady.get(), *self);
     self->isNew = false;
 }
 
-void Turns::AwaitTurn(const Thread &self) {
-    (void)WaitForSingleObject(self.turn.get(), INFINITE);
+/// @param toSignal  is signalled by the call that waits: whoever it wakes finds this thread in its wait.
+void Turns::AwaitTurn(HANDLE toSignal, const Thread &self) {
+    (void)SignalObjectAndWait(toSignal, self.turn.get(), INFINITE, FALSE);
     const ThreadHandle leaving = std::exchange(m_leaving, nullptr);
     if (leaving != nullptr)
         (void)WaitForSingleObject(leaving->handle.get(), kLastInstructionsMs);
@@ -133,8 +140,7 @@ bool Turns::Wait(std::optional<Interval> until, const Probe &probe) {
     while (!m_ended && !isOver) {
         const ThreadHandle next = PickNext();
         if (next != nullptr && next != self) {
-            SetEvent(next->turn.get());
-            AwaitTurn(*self);
+            AwaitTurn(next->turn.get(), *self);
         }
         if (m_ended || std::exchange(self->isDue, false))
             break;

@@ -20,6 +20,9 @@ namespace Simulator {
 /// moves on to the end of the wait that ends first. So the same program does the same things at the same times in each
 /// run.
 ///
+/// While one has the turn, all others that take part are within one call of the system, or not yet begun: so they hold
+/// no lock and may be killed, and the stack of one that is paused is the same in each run.
+///
 /// A thread that is suspended, or was killed, gets no turn. Others than those that take part run as they like.
 class Turns {
 public:
@@ -37,13 +40,15 @@ public:
     void Begin(MoveTime moveTime);
     [[nodiscard]] bool TakesPart() const;
 
-    /// A thread that the calling thread has made.
-    void Add(HANDLE thread, bool isSuspended);
+    /// A thread that the calling thread has made, suspended.
+    void Add(HANDLE thread);
     /// In that thread, before it does anything else.
     void AwaitFirst();
     /// In that thread, when it has nothing left to do. Whoever gets the turn awaits its end.
     void Leave();
-    void NoteSuspended(HANDLE thread, bool isSuspended);
+    void NoteSuspended(HANDLE thread);
+    /// Waits until a thread that begins is ready for its first turn. Don't hold the loader's lock.
+    void NoteResumed(HANDLE thread);
 
     /// @param until  nothing for a wait that only the probe ends.
     /// @param probe  empty if only the time ends it.
@@ -67,7 +72,7 @@ private:
     [[nodiscard]] ThreadHandle FirstWhoseTimeComes() const;
     [[nodiscard]] ThreadHandle PickNext();
     [[nodiscard]] bool IsEmpty() const;
-    void AwaitTurn(const Thread &self);
+    void AwaitTurn(HANDLE toSignal, const Thread &self);
 
     mutable Lock m_lock;  ///< Held for no wait: a thread that waits may be killed.
     std::map<DWORD, ThreadHandle> m_threads;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <list>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -31,9 +32,9 @@ protected:
     void Make(std::function<void()> run) {
         Body &body = m_bodies.emplace_back(Body{this, std::move(run), nullptr});
         body.thread.reset(CreateThread(nullptr, 0, &Run, &body, CREATE_SUSPENDED, nullptr));
-        turns.Add(body.thread.get(), true);
+        turns.Add(body.thread.get());
         (void)ResumeThread(body.thread.get());
-        turns.NoteSuspended(body.thread.get(), false);
+        turns.NoteResumed(body.thread.get());
     }
     HANDLE Last() const { return m_bodies.back().thread.get(); }
     bool Sleep(Interval time) { return turns.Wait(now + time, nullptr); }
@@ -58,6 +59,16 @@ private:
     }
     std::list<Body> m_bodies;
 };
+
+/// The instruction at which a thread is.
+DWORD64 PlaceOf(HANDLE thread) {
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_CONTROL;
+    (void)SuspendThread(thread);
+    EXPECT_TRUE(GetThreadContext(thread, &context)) << GetLastError();
+    (void)ResumeThread(thread);
+    return context.Rip;
+}
 
 }  // namespace
 
@@ -103,7 +114,7 @@ TEST_F(TakingTurns, DoNotWaitForAThreadThatIsSuspendedOrWasKilled) {
     });
     EXPECT_FALSE(turns.Wait(Interval(5'000'000), nullptr));
     (void)SuspendThread(Last());
-    turns.NoteSuspended(Last(), true);
+    turns.NoteSuspended(Last());
     EXPECT_FALSE(Sleep(10s));
     Simulator::KillThread(Last());
     EXPECT_FALSE(Sleep(10s));
@@ -112,6 +123,19 @@ TEST_F(TakingTurns, DoNotWaitForAThreadThatIsSuspendedOrWasKilled) {
     turns.KillOthers();
     EXPECT_FALSE(Sleep(1s));
     EXPECT_EQ(said, "next20 ");
+}
+
+// So a thread may be killed at any time, and the stack of one that hangs is always the same.
+TEST_F(TakingTurns, FindAllOthersAtTheSamePlaceEvenThoseThatJustBeganOrJustGaveTheTurnAway) {
+    std::set<DWORD64> places;
+    for (int i = 0; i < 30; ++i) {
+        Make([this] { (void)Sleep(1h); });
+        places.insert(PlaceOf(Last()));
+        (void)Sleep(1s);
+        places.insert(PlaceOf(Last()));
+    }
+    EXPECT_EQ(places.size(), 1U);
+    turns.KillOthers();
 }
 
 TEST_F(TakingTurns, AreOverAtTheEnd) {
