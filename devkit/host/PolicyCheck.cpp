@@ -17,6 +17,9 @@ namespace {
 
 /// A call of the module takes 100 ms, which nobody has to wait for then.
 constexpr wchar_t kClock[] = L"--clock steps";
+/// The files of the script, without their extension; the last one is run.
+constexpr const wchar_t *kScripts[] = {L"answer", L"config",  L"effect", L"module", L"names",
+                                       L"policy", L"scanner", L"texts",  L"check"};
 
 struct CloseTheHandle {
     void operator()(HANDLE handle) const { CloseHandle(handle); }
@@ -39,7 +42,7 @@ public:
     WorkFolder &operator=(const WorkFolder &) = delete;
 
     std::wstring Path() const { return m_path.wstring(); }
-    std::wstring At(const wchar_t *name) const { return (m_path / name).wstring(); }
+    std::wstring At(const std::wstring &name) const { return (m_path / name).wstring(); }
 
 private:
     std::filesystem::path m_path;
@@ -52,6 +55,15 @@ std::string TextOf(const CheckRequest &request) {
     for (const std::string &checked : request.texts)
         text += std::to_string(checked.size()) + "\n" + checked;
     return text;
+}
+
+bool WriteScripts(const WorkFolder &folder, std::string &error) {
+    for (const std::wstring name : kScripts) {
+        const std::string_view script = Resource((L"CHECK_" + name).c_str(), error);
+        if (script.empty() || !WriteWholeFile(folder.At(name + L".lua"), script, error))
+            return false;
+    }
+    return true;
 }
 
 std::wstring ProgramPath() {
@@ -67,7 +79,7 @@ Handle OpenInherited(const std::wstring &path) {
     return Handle(file != INVALID_HANDLE_VALUE ? file : nullptr);
 }
 
-/// Runs the script in a host of its own. @return its status; nothing if it can't be started.
+/// Runs the scripts in a host of its own. @return its status; nothing if it can't be started.
 std::optional<DWORD> RunScriptIn(const WorkFolder &folder) {
     const std::wstring program = ProgramPath();
     std::wstring line =
@@ -132,9 +144,7 @@ void PrintAnswer(const std::string &file, const cJSON *answer) {
 
 JsonPtr CheckTexts(const CheckRequest &request, std::string &error) {
     const WorkFolder folder;
-    const std::string_view script = Resource(L"CHECK_SCRIPT", error);
-    if (script.empty() || !WriteWholeFile(folder.At(L"check.lua"), script, error) ||
-        !WriteWholeFile(folder.At(L"request"), TextOf(request), error))
+    if (!WriteScripts(folder, error) || !WriteWholeFile(folder.At(L"request"), TextOf(request), error))
         return nullptr;
     const std::optional<DWORD> status = RunScriptIn(folder);
     JsonPtr answer = status == DWORD{0} ? ReadAnswer(folder, error) : nullptr;

@@ -19,7 +19,7 @@ struct CheckRequest {
 
 /// Asks the module, in a process of its own.
 /// @param error  says why, when the result is null.
-/// @return an array with an answer for each text: see lua/check.lua.
+/// @return an array with an answer for each text: see lua/check/check.lua.
 JsonPtr CheckTexts(const CheckRequest &request, std::string &error);
 
 /// Checks the file of --check-policy or --check-config, and prints the answer.
