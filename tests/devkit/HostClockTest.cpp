@@ -1,7 +1,9 @@
 // The clocks of fc-host.exe: the one that stands still unless all wait, and one that is too fast for the machine.
 #include <chrono>
+#include <thread>
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include "HostProcess.h"
 
@@ -17,6 +19,29 @@ bool Has(const std::string &text, const std::string &part) {
 HostRun RunStepped(const std::string &script) {
     return RunPassingScript(script, {L"--quiet", L"--clock", L"steps"});
 }
+
+/// A process that never runs. It has the number that the next one would have had.
+class IdleProcess {
+public:
+    IdleProcess() {
+        const std::wstring program = (BinaryFolder() / L"fc-host.exe").wstring();
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        EXPECT_TRUE(CreateProcessW(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
+                                   nullptr, &startup, &m_process))
+            << GetLastError();
+    }
+    ~IdleProcess() {
+        TerminateProcess(m_process.hProcess, 0);
+        CloseHandle(m_process.hThread);
+        CloseHandle(m_process.hProcess);
+    }
+    IdleProcess(const IdleProcess &) = delete;
+    IdleProcess &operator=(const IdleProcess &) = delete;
+
+private:
+    PROCESS_INFORMATION m_process{};
+};
 
 /// Runs an example on the stepped clock. @return all that it leaves, as one text.
 std::string LeftBy(const wchar_t *example, const TemporaryFolder &folder) {
@@ -132,6 +157,46 @@ TEST(SteppedClock, MakesTheExamplesTheSameInEachRun) {
         }
         EXPECT_GT(first.size(), 10'000U);
     }
+}
+
+// The paths of the machine are in the module's traces and logs.
+TEST(SteppedClock, FindsTheFoldersOfTheMachineUnderTheSameNamesInEachRun) {
+    const TemporaryFolder folder;
+    const std::wstring script = folder.Write(L"script.lua", "io.write(host.machine.folders().windows)");
+    const HostRun first = RunHost({L"--clock", L"steps", script});
+    const IdleProcess idle;
+    EXPECT_EQ(RunHost({L"--clock", L"steps", script}).out, first.out);
+    EXPECT_NE(first.out, "");
+}
+
+TEST(SteppedClock, HasFoldersOfItsOwnWhileTheSameScriptRunsASecondTime) {
+    const TemporaryFolder folder;
+    const std::wstring script = folder.Write(L"script.lua", R"(
+        local here = arg[0]:match("^.*[/\\]")
+        local function write(name)
+            local file = assert(io.open(here .. name, "w"))
+            file:write(host.machine.folders().windows)
+            file:close()
+        end
+        if io.open(here .. "first") then
+            return write "second"
+        end
+        write "first"
+        for _ = 1, 600 do
+            if io.open(here .. "second") then return end
+            host.sleep(0.1)
+        end
+        error "there is no second run"
+    )");
+    HostRun first;
+    std::thread running([&] { first = RunHost({script}); });
+    for (int i = 0; i < 600 && !std::filesystem::exists(folder.At(L"first")); ++i)
+        Sleep(100);
+    const HostRun second = RunHost({script});
+    running.join();
+    EXPECT_EQ(first.exitCode, 0U) << first.err;
+    EXPECT_EQ(second.exitCode, 0U) << second.err;
+    EXPECT_NE(TextOfFile(folder.At(L"first")), TextOfFile(folder.At(L"second")));
 }
 
 TEST(SteppedClock, IsOneOfTwo) {
