@@ -11,5 +11,5 @@ read_globals = {
         },
     },
 }
--- The definitions for editors are stubs, and make the table.
-files["docs/lua"] = { globals = { "SLB" }, unused_args = false }
+-- The definitions for editors are stubs, and make the tables.
+files["docs/lua"] = { globals = { "SLB", "host" }, unused_args = false }

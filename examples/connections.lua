@@ -1,6 +1,6 @@
 -- Counts the connections of a Zeek conn.log by kind, with the module's connection metrics.
 --
---   fc-host --fast 1 examples/connections.lua [LOG] [--out DIR]
+--   fc-host --clock steps examples/connections.lua [LOG] [--out DIR]
 --
 -- LOG is a conn.log in Zeek's TSV format; by default it reads the sample beside this script. It prints the most
 -- frequent kinds, and writes all of them to DIR/connections.json (out/connections.json). The exit code is 1 if the log

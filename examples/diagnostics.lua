@@ -81,9 +81,7 @@ local function main(arguments)
 
     local files = host.read_zip(path)
     for i, name in ipairs(EXPECTED) do
-        if not files[i] or files[i].name ~= name then
-            fail("%s is missing from %s", name, path)
-        end
+        host.expect.equal(files[i] and files[i].name, name, "file " .. i .. " of " .. path)
         show(files[i])
     end
     print(string.format("\nVariable %d is %d after the profile was read.", PROFILE_VARIABLE,

@@ -1,14 +1,13 @@
 -- The life of the drivers on one machine, as its agent sees it: they are installed, do their work, are upgraded, hang,
 -- break the network, which recovers, and are removed.
 --
---   fc-host --fast 4 --quiet --report out/report.html --events out/events.json examples/story.lua [--out DIR]
+--   fc-host --clock steps --quiet --report out/report.html --events out/events.json examples/story.lua [--out DIR]
 --
 -- Machine, driver and clock are simulated. The diagnostic package goes to DIR/diagnostics.zip (out/diagnostics.zip),
 -- the agent's trace to DIR/trace.log after each chapter. The exit code is 1 if something did not go as planned.
 
 local ETHERNET, WIFI = [[PCI\VEN_8086&DEV_100E\1]], [[PCI\VEN_14E4&DEV_43A0\1]]
 local MORNING = 1772438400 -- 2 March 2026, 08:00 UTC
-local STUCK_SECONDS = 601 -- the limit of the step that hangs is 600
 local HEALTH_SECONDS = 30 -- between two checks of the machine's health
 local FOLD_SECONDS = 61 -- the module folds what was counted once a minute
 local PROFILE_VARIABLE = 62 -- while it is 1, the driver has a profile of its rules
@@ -42,7 +41,7 @@ local function parse_arguments(arguments)
         fail("unknown argument '%s'; usage: story.lua [--out DIR]", arguments[1])
     end
     if not pcall(host.advance, 0) then
-        fail("the day takes a simulated clock: start fc-host with --fast 4")
+        fail("the day takes a simulated clock: start fc-host with --clock steps")
     end
     options.out = options.out:gsub("[/\\]$", "")
     return options
@@ -98,18 +97,6 @@ local function show_firewall()
     local firewall = host.machine.firewall()
     row("native firewall", "domain %s, private %s, public %s", on_or_off(firewall.domain),
         on_or_off(firewall.private), on_or_off(firewall.public))
-end
-
--- The steps in a worker's log, each once.
-local function steps_in(log)
-    local steps, known = {}, {}
-    for name in log:gmatch(">(%a+)%.") do
-        if not known[name] then
-            known[name] = true
-            steps[#steps + 1] = name
-        end
-    end
-    return steps
 end
 
 -- The machine ----------------------------------------------------------------------------------------
@@ -168,32 +155,19 @@ end
 
 -- Installations --------------------------------------------------------------------------------------
 
--- Returns the texts of the agent's events by their numbers, and how many notifications asked for a reboot.
-local function take_events()
-    local texts, reboots = {}, 0
-    for _, event in ipairs(host.events()) do
-        if event.kind == "event" then
-            texts[event.number] = event.text
-        elseif event.kind == "reboot" then
-            reboots = reboots + 1
-        end
-    end
-    return texts, reboots
+-- What became of the latest installation or removal.
+local function latest()
+    local all = host.installations()
+    return all[#all]
 end
 
 local function install(folder)
-    local begin = host.time()
     local result = SLB.filter.InstallOrUpdateDriver(host.dom(), folder, folder)
-    row("InstallOrUpdateDriver", "%s, after %d s", tostring(result), host.time() - begin)
+    local outcome = latest()
+    row("InstallOrUpdateDriver", "%s, after %d s", tostring(result), outcome.seconds)
     expect(result, "the installation could not be started")
-    local texts, reboots = take_events()
-    if texts[1005] then
-        row("event 1005, upgrade", "from %s to %s", texts[1005]:match("^(.-)|(.*)$"))
-    end
-    if texts[1007] then
-        row("event 1007, installed", "%s in %d kinds of steps", texts[1007]:match("|(.-)|"), #steps_in(texts[1007]))
-    end
-    return texts, reboots
+    row("outcome", "%s", outcome.text)
+    return outcome
 end
 
 local function install_first(folder)
@@ -202,8 +176,8 @@ local function install_first(folder)
     show_firewall()
     SLB.filter.DisableNativeFirewall()
     ship(folder, "2.0.0.0")
-    local events = install(folder)
-    expect(events[1007] and host.driver.version == "2.0.0.0", "the first installation fails")
+    local outcome = install(folder)
+    expect(outcome.outcome == "installed" and outcome.state.driver == "2.0.0.0", "the first installation fails")
     expect(SLB.filter.StartWFPDriver(true), "the callout does not start")
     row("service qbimwfp", "%s", host.machine.inventory().services.qbimwfp)
     show_network()
@@ -216,8 +190,8 @@ local function upgrade(folder)
     host.machine.bind(WIFI, "qbimvta", false)
     row("the administrator", "unbinds the filter from Wi-Fi")
     ship(folder, "2.1.0.0")
-    local events = install(folder)
-    expect(events[1005] and events[1007] and host.driver.version == "2.1.0.0", "the upgrade fails")
+    local outcome = install(folder)
+    expect(outcome.outcome == "upgraded" and outcome.state.driver == "2.1.0.0", "the upgrade fails")
     show_network()
     expect(is_bound(ETHERNET) and not is_bound(WIFI), "the upgrade does not keep the bindings")
 end
@@ -226,29 +200,21 @@ local function hung_upgrade(folder)
     chapter("The next upgrade hangs in a call of Windows")
     ship(folder, "2.2.0.0")
     host.set_verbose_log(true) -- else there is no stack trace
-    host.log()
-    host.fault { call = "INetCfgClassSetup::Install", nth = 1, hang = true, advance = STUCK_SECONDS }
-    local events = install(folder)
-    local lines = host.log()
+    host.fault { call = "INetCfgClassSetup::Install", nth = 1, hang = true }
+    local outcome = install(folder)
     host.set_verbose_log(false)
     host.clear_faults()
     slow_down()
-    local step = expect(events[1004], "the hung step is not reported"):match("^(%a+)|")
-    expect(step == "InstallingDriver", "the step %s hangs", step)
-    row("event 1004, failed", "in %s, whose worker was killed", step)
-    local frames, place = 0, nil
-    for _, line in ipairs(lines) do
-        if line.text:find("^Stack trace:") then
-            frames = select(2, line.text:gsub("\n%[", ""))
-            place = line.text:match("(CDriver[%w_:]+)%+%d+\n") -- the innermost function of the module
-        end
-    end
-    row("its stack", "%d frames, in the verbose log", frames)
+    expect(outcome.killed, "the hung step is not reported")
+    expect(outcome.step == "InstallingDriver", "the step %s hangs", outcome.step)
+    expect(outcome.stack, "there is no stack trace of the worker")
+    local frames = select(2, ("\n" .. outcome.stack):gsub("\n%[", ""))
+    local place = outcome.stack:match("(CDriver[%w_:]+)%+%d+\n") -- the innermost function of the module
+    row("its stack", "%d frames", frames)
     row("it waits in", "%s", place or "a function without a name: fc.pdb is not beside fc.dll")
-    expect(frames > 0, "there is no stack trace of the worker")
-    row("driver", "%s", host.driver.present and "runs" or "none: the old one is gone, the new one not there")
-    row("lock of the network", "still held by %s", expect(host.machine.inventory().lock, "the lock is free"))
-    expect(not host.driver.present, "a driver runs")
+    row("driver", "%s", outcome.state.driver and "runs" or "none: the old one is gone, the new one not there")
+    row("lock of the network", "still held by %s", expect(outcome.state.lock, "the lock is free"))
+    expect(not outcome.state.driver, "a driver runs")
 end
 
 local function broken_network(folder)
@@ -257,21 +223,22 @@ local function broken_network(folder)
         { ip = "0.0.0.0", gateway = "0.0.0.0" })
     host.machine.when({ happens = "bound", component = "qbimvta", adapter = ETHERNET }, ETHERNET,
         { ip = "192.0.2.10", gateway = "192.0.2.1" })
-    local events, reboots = install(folder)
-    expect(events[1007] and host.driver.version == "2.2.0.0", "the second attempt fails")
+    local outcome = install(folder)
+    expect(outcome.outcome == "installed" and outcome.state.driver == "2.2.0.0", "the second attempt fails")
     keep_traces()
     local complaint = "Adapter 'Ethernet' had an IP address and now it doesn't"
     expect(table.concat(trace_lines, "\n"):find(complaint, 1, true), "nobody sees that the network is broken")
     row("Ethernet", "lost its address: the filter was unbound and bound again")
     show_network()
-    expect(address_of(ETHERNET) == "192.0.2.10" and reboots == 0, "the network stays broken")
+    expect(address_of(ETHERNET) == "192.0.2.10" and not outcome.reboot, "the network stays broken")
 end
 
 local function remove(folder)
     chapter("The drivers are removed")
-    local begin = host.time()
     local removed = SLB.filter.UninstallDriver(host.dom(), folder, folder)
-    row("UninstallDriver", "%s, after %d s", tostring(removed), host.time() - begin)
+    local outcome = latest()
+    row("UninstallDriver", "%s, after %d s", tostring(removed), outcome.seconds)
+    row("outcome", "%s", outcome.text)
     SLB.filter.EnableNativeFirewall()
     local left = host.machine.inventory()
     row("components", "%s", table.concat(left.components, ", "))

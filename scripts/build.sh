@@ -52,8 +52,13 @@ prepare_configured() {
 # prepare_build TARGET...: builds the targets in $BUILD/bin, and prepares a Wine to run them.
 prepare_build() {
     prepare_configured
-    say "building"
-    NINJA_STATUS='[%f/%t] ' ninja -C "$BUILD" -j "$JOBS" "$@" >&2 || die "the build failed; the compiler's messages are above"
+    local make=(ninja -C "$BUILD" -j "$JOBS" "$@")
+    if [ -n "$QUIET" ]; then
+        quietly build.log "the build" "${make[@]}"
+    else
+        say "building"
+        NINJA_STATUS='[%f/%t] ' "${make[@]}" >&2 || die "the build failed; the compiler's messages are above"
+    fi
     prepare_wine
 }
 

@@ -32,7 +32,8 @@ BOLD='' RED='' PLAIN=''
 [ ! -t 2 ] || BOLD=$'\033[1m' RED=$'\033[1;31m' PLAIN=$'\033[0m'
 PROGRESS_SECONDS=${FC_PROGRESS_SECONDS:-30}
 
-say() { printf '%s==>%s %s\n' "$BOLD" "$PLAIN" "$*" >&2; }
+QUIET='' # not empty: only errors are told
+say() { [ -n "$QUIET" ] || printf '%s==>%s %s\n' "$BOLD" "$PLAIN" "$*" >&2; }
 complain() { printf '%serror:%s %s\n' "$RED" "$PLAIN" "$*" >&2; }
 die() {
     complain "$*"
@@ -90,7 +91,7 @@ quietly() {
     local log=$LOGS/$1 label=$2 started=$SECONDS status=0 live=''
     shift 2
     mkdir -p "$(dirname "$log")"
-    [ ! -t 2 ] || live=live
+    [ ! -t 2 ] || [ -n "$QUIET" ] || live=live
     "$@" >"$log" 2>&1 </dev/null &
     wait_telling $! "$label" "$live" || status=$?
     say "$label ($((SECONDS - started)) s)"

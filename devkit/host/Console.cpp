@@ -8,6 +8,8 @@
 #include <windows.h>
 #include <io.h>
 
+#include "WallClock.h"
+
 namespace {
 
 constexpr std::chrono::seconds kPatience{1};
@@ -25,6 +27,10 @@ void EraseStatus() {
 }
 
 }  // namespace
+
+void PrintLineOf(double time, const std::string &line) {
+    PrintLine(ClockText(time) + "  " + line);
+}
 
 void PrintLine(const std::string &line) {
     const std::unique_lock lock(g_consoleLock, kPatience);

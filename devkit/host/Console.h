@@ -7,6 +7,10 @@
 /// Prints a line. Any thread; if one is killed within this, the others' lines are delayed for a moment at most.
 void PrintLine(const std::string &line);
 
+/// Prints a line after its time of day.
+/// @param time  seconds since 1970.
+void PrintLineOf(double time, const std::string &line);
+
 /// Replaces the status line; an empty text clears it. For terminals.
 void ShowStatus(const std::string &text);
 

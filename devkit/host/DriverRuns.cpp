@@ -1,8 +1,9 @@
 #include "DriverRuns.h"
 
 #include <algorithm>
-#include <charconv>
 
+#include "DriverOutcome.h"
+#include "DriverTexts.h"
 #include "Text.h"
 #include "WallClock.h"
 
@@ -13,11 +14,23 @@ constexpr std::string_view kInstaller = "CDriverInstallerThread";
 constexpr std::string_view kUninstaller = "CDriverUninstallerThread";
 /// The step of a whole thread. The creator of the thread logs its beginning, so here it stands for the run.
 constexpr std::string_view kWholeThread = "ThreadRunning";
+constexpr std::string_view kOrphans = "CleaningUpOrphans";
+/// The line that has the stack below it.
+constexpr std::string_view kStackTrace = "Stack trace:\n";
+
+constexpr std::size_t kMaxRuns = 1000;
 
 // Agent events of the module.
 constexpr int kInstallFailed = 1004;
+constexpr int kUpgradeBegins = 1005;
+constexpr int kRebootNeeded = 1006;
 constexpr int kInstalled = 1007;
 constexpr int kCallFailed = 3005;
+
+/// The version in event 1007 if there was no driver.
+constexpr std::string_view kNoVersion = "0.0.0.0";
+/// An installation that is abandoned as a whole; the event has a stack instead of a log.
+constexpr std::string_view kWholeInstallation = "OverallInstall";
 
 /// The last step for which that is true; null for none.
 template <typename Predicate>
@@ -62,34 +75,119 @@ void NoteFailedStep(DriverRun &run, const std::string &name) {
         failed->failed = true;
 }
 
+bool IsWithin(const DriverRun &run, std::string_view name) {
+    return std::any_of(run.steps.begin(), run.steps.end(),
+                       [name](const DriverStep &step) { return !step.end && step.name == name; });
+}
+
+void NoteFailure(DriverRun &run, const std::string &text) {
+    std::optional<DriverFailure> failure = ParseFailure(text);
+    if (!failure)
+        return;
+    const DriverStep *const step = OpenStep(run);
+    if (failure->step.empty())
+        failure->step = step != nullptr ? step->name : kWholeThread;
+    failure->ofOrphans = IsWithin(run, kOrphans);
+    run.failures.push_back(std::move(*failure));
+}
+
+void NoteVersions(DriverRun &run, std::string_view text) {
+    run.from = TakeUntil(text, '|');
+    if (run.from == kNoVersion)
+        run.from.clear();
+    run.to = TakeUntil(text, '|');
+}
+
+void NoteFailedInstallation(DriverRun &run, std::string_view text) {
+    run.failedStep = TakeUntil(text, '|');
+    if (run.failedStep == kWholeInstallation)
+        run.stack = text;
+    else if (run.killed)
+        NoteKilledStep(run, run.failedStep);
+    else
+        NoteFailedStep(run, run.failedStep);
+}
+
+void AddLine(DriverRun &run, LoggedLine line) {
+    if (line.level == nullptr)
+        return;
+    if (line.text.starts_with(kStackTrace)) {
+        run.stack = line.text.substr(kStackTrace.size());
+        line.text.resize(kStackTrace.size() - 1);
+    }
+    run.log.push_back(std::move(line));
+}
+
 }  // namespace
 
-std::optional<StepLine> ParseStepLine(std::string_view line) {
-    constexpr std::string_view tail = "s max";
-    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-    if (line.starts_with('<'))
-        return StepLine{false, std::string(line.substr(1)), 0};
-    const std::size_t dot = line.find(". ");
-    if (!line.starts_with('>') || dot == line.npos || !line.ends_with(tail))
-        return std::nullopt;
-    StepLine step{true, std::string(line.substr(1, dot - 1)), 0};
-    const char *const end = line.data() + line.size() - tail.size();
-    const std::from_chars_result read = std::from_chars(line.data() + dot + 2, end, step.limit);
-    return read.ec == std::errc() && read.ptr == end ? std::optional(step) : std::nullopt;
+DriverRuns::Id DriverRuns::Add(DriverRun run) {
+    if (m_runs.size() >= kMaxRuns)
+        m_runs.erase(m_runs.begin());
+    m_runs.emplace(m_next, std::move(run));
+    return m_next++;
+}
+
+DriverRun *DriverRuns::Find(Id id) {
+    const auto found = m_runs.find(id);
+    return found == m_runs.end() ? nullptr : &found->second;
 }
 
 DriverRun *DriverRuns::RunOf(DWORD thread) {
     const auto found = m_threads.find(thread);
-    return found == m_threads.end() ? nullptr : &m_runs[found->second];
-}
-
-bool DriverRuns::IsUnderWay() const {
-    return !m_runs.empty() && !m_runs.back().end;
+    return found == m_threads.end() ? nullptr : Find(found->second);
 }
 
 /// The latest run, if it has not ended.
 DriverRun *DriverRuns::OpenRun() {
-    return IsUnderWay() ? &m_runs.back() : nullptr;
+    return m_runs.empty() || m_runs.rbegin()->second.end ? nullptr : &m_runs.rbegin()->second;
+}
+
+/// Else it is the watchdog of one.
+bool DriverRuns::IsWorker(const DriverRun &run, DWORD thread) const {
+    return run.kind == DriverRun::Kind::Removal || m_owners.count(thread) == 0;
+}
+
+void DriverRuns::BeginCall(DriverRun::Kind kind) {
+    const Lock lock(m_lock, kPatience);
+    if (!lock.owns_lock())
+        return;
+    if (m_call && !m_hasBegun)
+        m_runs.erase(*m_call);
+    m_call = Add({.kind = kind, .begin = WallClockSeconds()});
+    m_hasBegun = false;
+}
+
+void DriverRuns::EndCall(bool result, std::optional<DriverState> state) {
+    std::vector<DriverNews> news;
+    {
+        const Lock lock(m_lock, kPatience);
+        DriverRun *const run = lock.owns_lock() && m_call ? Find(*m_call) : nullptr;
+        if (run == nullptr)
+            return;
+        run->result = result;
+        run->state = std::move(state);
+        run->isAtWork = std::any_of(m_owners.begin(), m_owners.end(),
+                                    [this](DWORD owner) { return m_threads.at(owner) == *m_call; });
+        m_call.reset();
+        EndRun(*run, WallClockSeconds(), news);
+    }
+    Tell(news);
+}
+
+void DriverRuns::OnScriptLine(LoggedLine line) {
+    const Lock lock(m_lock, kPatience);
+    DriverRun *const run = lock.owns_lock() && m_call ? Find(*m_call) : nullptr;
+    if (run != nullptr)
+        AddLine(*run, std::move(line));
+}
+
+/// The script's call, or a run of its own for who begins without one.
+DriverRuns::Id DriverRuns::RunForOwner(DriverRun::Kind kind, double now) {
+    const DriverRun *const called = m_call && !m_hasBegun ? Find(*m_call) : nullptr;
+    if (called == nullptr || called->kind != kind)
+        return Add({.kind = kind, .begin = now});
+    m_hasBegun = true;
+    return *m_call;
 }
 
 void DriverRuns::OnThreadBegin(DWORD thread, const char *name) {
@@ -104,12 +202,12 @@ void DriverRuns::OnThreadBegin(DWORD thread, const char *name) {
         if (isOwner) {
             const auto kind = name == kWatchdog ? DriverRun::Kind::Installation : DriverRun::Kind::Removal;
             const double now = WallClockSeconds();
-            m_runs.push_back({.kind = kind, .begin = now});
+            m_threads[thread] = RunForOwner(kind, now);
             m_owners.insert(thread);
             news.push_back({DriverNews::What::RunBegins, kind, now, now, {}});
+        } else if (!m_runs.empty()) {
+            m_threads[thread] = m_runs.rbegin()->first;
         }
-        if (!m_runs.empty())
-            m_threads[thread] = m_runs.size() - 1;
     }
     Tell(news);
 }
@@ -138,18 +236,25 @@ void DriverRuns::KillStep(DriverRun &run, double time, std::vector<DriverNews> &
     }
 }
 
+void DriverRuns::EndRun(DriverRun &run, double time, std::vector<DriverNews> &news) {
+    run.end = time;
+    news.push_back({DriverNews::What::RunEnds, run.kind, time, run.begin, {}, OutcomeText(run)});
+}
+
 void DriverRuns::OnThreadLine(const VtaCore::Control::ThreadLine &line) {
-    const std::optional<StepLine> step = ParseStepLine(ToUtf8(line.text));
-    if (!step || step->name == kWholeThread)
-        return;
+    const std::string text = ToUtf8(line.text);
     std::vector<DriverNews> news;
     {
         const Lock lock(m_lock, kPatience);
         DriverRun *const run = lock.owns_lock() ? RunOf(line.thread) : nullptr;
-        if (run != nullptr && step->begins)
+        if (run == nullptr)
+            return;
+        const std::optional<StepLine> step = ParseStepLine(text);
+        if (step && step->name != kWholeThread && step->begins)
             BeginStep(*run, *step, line.time, news);
-        else if (run != nullptr)
+        else if (step && step->name != kWholeThread)
             EndStep(*run, step->name, line.time, news);
+        AddLine(*run, {line.time, LevelName(line.level), text});
     }
     Tell(news);
 }
@@ -164,10 +269,10 @@ void DriverRuns::OnThreadEnd(DWORD thread, bool killed) {
         const double now = WallClockSeconds();
         if (killed)
             KillStep(*run, now, news);
-        if (m_owners.erase(thread) != 0) {
-            run->end = now;
-            news.push_back({DriverNews::What::RunEnds, run->kind, now, run->begin, {}});
-        }
+        // A script's call ends later, and a run that was given up has ended before.
+        const bool isOfCall = m_call && m_threads[thread] == *m_call;
+        if (m_owners.erase(thread) != 0 && !isOfCall && !run->end)
+            EndRun(*run, now, news);
         m_threads.erase(thread);
     }
     Tell(news);
@@ -183,14 +288,15 @@ void DriverRuns::OnAgentEvent(int number, const std::string &text) {
     DriverStep *const step = OpenStep(*run);
     if (number == kCallFailed && step != nullptr)
         step->failed = true;
+    if (number == kCallFailed && IsWorker(*run, GetCurrentThreadId()))
+        NoteFailure(*run, text);
     run->succeeded = run->succeeded || number == kInstalled;
-    if (number != kInstallFailed)
-        return;
-    run->failedStep = text.substr(0, text.find('|'));
-    if (run->killed)
-        NoteKilledStep(*run, run->failedStep);
-    else
-        NoteFailedStep(*run, run->failedStep);
+    run->isUpgrade = run->isUpgrade || number == kUpgradeBegins;
+    run->rebootAsked = run->rebootAsked || number == kRebootNeeded;
+    if (number == kInstalled || number == kUpgradeBegins)
+        NoteVersions(*run, text);
+    if (number == kInstallFailed)
+        NoteFailedInstallation(*run, text);
 }
 
 void DriverRuns::OnRebootNotification() {
@@ -201,13 +307,20 @@ void DriverRuns::OnRebootNotification() {
 }
 
 std::vector<DriverRun> DriverRuns::All() const {
+    std::vector<DriverRun> all;
     const Lock lock(m_lock, kPatience);
-    return lock.owns_lock() ? m_runs : std::vector<DriverRun>();
+    if (!lock.owns_lock())
+        return all;
+    for (const auto &[id, run] : m_runs)
+        if (id != m_call || m_hasBegun)
+            all.push_back(run);
+    return all;
 }
 
 std::optional<DriverRun> DriverRuns::Current() const {
     const Lock lock(m_lock, kPatience);
-    return lock.owns_lock() && IsUnderWay() ? std::optional(m_runs.back()) : std::nullopt;
+    const bool isUnderWay = lock.owns_lock() && !m_runs.empty() && !m_runs.rbegin()->second.end;
+    return isUnderWay ? std::optional(m_runs.rbegin()->second) : std::nullopt;
 }
 
 void DriverRuns::Tell(const std::vector<DriverNews> &news) const {

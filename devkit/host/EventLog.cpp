@@ -1,6 +1,9 @@
 #include "EventLog.h"
 
+#include <cmath>
 #include <utility>
+
+#include <wx/log.h>
 
 #include "Console.h"
 #include "Json.h"
@@ -33,7 +36,15 @@ JsonPtr EventAsJson(const HostEvent &event) {
     cJSON_AddStringToObject(object.get(), "kind", KindName(event.kind));
     cJSON_AddNumberToObject(object.get(), "number", event.number);
     cJSON_AddStringToObject(object.get(), "text", event.text.c_str());
+    cJSON_AddNumberToObject(object.get(), "time", std::round(event.time * 1000) / 1000);
     return object;
+}
+
+/// The agent's own log names the event; the whole text is the event's.
+void LogEvent(int number, const std::string &text) {
+    const std::size_t end = text.find('\n');
+    const std::string line = "event " + std::to_string(number) + ": " + text.substr(0, end);
+    wxLogError("%s", wxString::FromUTF8(line + (end == text.npos ? "" : " ...")));
 }
 
 }  // namespace
@@ -53,17 +64,21 @@ const char *KindName(HostEvent::Kind kind) {
 void EventLog::OnTrace(const VtaCore::Control::TraceLine &trace) {
     if (!m_print)
         return;
-    PrintLine("trace  " + Padded(ToUtf8(trace.component), 17) + " " + trace.function + ": " + ToUtf8(trace.message) +
-              " (" + BaseName(trace.file) + ":" + std::to_string(trace.line) + ")");
+    PrintLineOf(trace.time, "trace  " + Padded(ToUtf8(trace.component), 17) + " " + trace.function + ": " +
+                                ToUtf8(trace.message) + " (" + BaseName(trace.file) + ":" + std::to_string(trace.line) +
+                                ")");
 }
 
 void EventLog::OnEvent(const VtaCore::Control::Event &event) {
     const std::string text = ToUtf8(event.text);
     if (m_runs != nullptr)
         m_runs->OnAgentEvent(event.number, text);
+    const double now = WallClockSeconds();
     if (m_print)
-        PrintLine("event  " + std::to_string(event.number) + "  " + text);
-    Keep({HostEvent::Kind::Event, event.number, event.logId, ToUtf8(event.format), text, {}});
+        PrintLineOf(now, "event  " + std::to_string(event.number) + "  " + text);
+    Keep({HostEvent::Kind::Event, now, event.number, event.logId, ToUtf8(event.format), text, {}});
+    if (event.logId != 0)
+        LogEvent(event.number, text);
 }
 
 void EventLog::OnNotification(const Notification &notification) {
@@ -73,10 +88,11 @@ void EventLog::OnNotification(const Notification &notification) {
     const std::string detail = ToUtf8(notification.detail);
     if (reboot && m_runs != nullptr)
         m_runs->OnRebootNotification();
+    const double now = WallClockSeconds();
     if (m_print)
-        PrintLine("notify " + std::string(KindName(kind)) + " " + std::to_string(notification.code) + "  " + text +
-                  (detail.empty() ? "" : "  [" + detail + "]"));
-    Keep({kind, notification.code, 0, {}, text, detail});
+        PrintLineOf(now, "notify " + std::string(KindName(kind)) + " " + std::to_string(notification.code) + "  " +
+                             text + (detail.empty() ? "" : "  [" + detail + "]"));
+    Keep({kind, now, notification.code, 0, {}, text, detail});
 }
 
 std::vector<HostEvent> EventLog::All() const {
@@ -101,7 +117,7 @@ std::string EventLog::AsJson() const {
 void EventLog::Keep(HostEvent event) {
     if (m_history != nullptr) {
         const bool isEvent = event.kind == HostEvent::Kind::Event;
-        m_history->AddNote(isEvent ? HealthNote::Kind::Event : HealthNote::Kind::Notification, WallClockSeconds(),
+        m_history->AddNote(isEvent ? HealthNote::Kind::Event : HealthNote::Kind::Notification, event.time,
                            "(" + std::to_string(event.number) + ") " + event.text);
     }
     const std::lock_guard<std::mutex> guard(m_lock);

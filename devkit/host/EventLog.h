@@ -13,8 +13,9 @@
 struct HostEvent {
     enum class Kind { Event, UserNotification, RebootNotification };
     Kind kind;
-    int number;  ///< The event's number; severity of a user notification; reason of a reboot notification.
-    int logId;   ///< The log entry's number for an event that was logged, else 0.
+    double time;  ///< Seconds since 1970, when it came.
+    int number;   ///< The event's number; severity of a user notification; reason of a reboot notification.
+    int logId;    ///< The log entry's number for an event that was logged, else 0.
     std::string format;
     std::string text;
     std::string detail;
@@ -23,7 +24,8 @@ struct HostEvent {
 /// Lower case, as in scripts and the events file.
 const char *KindName(HostEvent::Kind kind);
 
-/// Prints to standard error and keeps all events. Any thread.
+/// Prints to standard error and keeps all events; those that belong in the agent's log have a line there, too. Any
+/// thread.
 class EventLog : public VtaCore::Control::Observer {
 public:
     /// @param print  also print what happens.

@@ -9,18 +9,32 @@ namespace {
 
 constexpr std::size_t kMaxNotes = 1000;
 constexpr std::size_t kMaxNoteBytes = 300;
+/// An event may have a whole log as its text, whose end matters most. These limit one text and all of them.
+constexpr std::size_t kMaxEventBytes = 20'000;
+constexpr std::size_t kMaxLongBytes = 400'000;
+constexpr std::size_t kHeadBytes = 100;
 /// A failing iteration logs it in several lines.
 constexpr std::size_t kErrorsInTurn = 8;
 
+/// The start of the character at the place, or the end of the text.
+std::size_t CharacterAt(const std::string &text, std::size_t place) {
+    place = std::min(place, text.size());
+    while (place > 0 && place < text.size() && (static_cast<unsigned char>(text[place]) & 0xC0U) == 0x80U)
+        --place;
+    return place;
+}
+
 /// Truncated at a character boundary.
-std::string Shortened(std::string text) {
-    if (text.size() <= kMaxNoteBytes)
+std::string Shortened(const std::string &text, std::size_t limit) {
+    return text.size() <= limit ? text : text.substr(0, CharacterAt(text, limit)) + "...";
+}
+
+/// Without its middle.
+std::string WithoutMiddle(const std::string &text, std::size_t limit) {
+    if (text.size() <= limit)
         return text;
-    std::size_t end = kMaxNoteBytes;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U)
-        --end;
-    text.resize(end);
-    return text + "...";
+    return text.substr(0, CharacterAt(text, kHeadBytes)) + " ... " +
+           text.substr(CharacterAt(text, text.size() - (limit - kHeadBytes)));
 }
 
 bool Resumes(const HealthRow &before, double time, double interval) {
@@ -123,8 +137,11 @@ void HealthHistory::AddIteration(double time, const HealthIteration &iteration) 
 }
 
 void HealthHistory::AddNote(HealthNote::Kind kind, double time, std::string text) {
-    text = Shortened(std::move(text));
     const std::lock_guard<std::mutex> guard(m_lock);
+    if (kind == HealthNote::Kind::Event)
+        text = WithoutMiddle(text, m_longBytes + text.size() > kMaxLongBytes ? kMaxNoteBytes : kMaxEventBytes);
+    else
+        text = Shortened(text, kMaxNoteBytes);
     if (kind == HealthNote::Kind::Error) {
         const auto end = m_notes.rbegin() + static_cast<std::ptrdiff_t>(std::min(m_notes.size(), kErrorsInTurn));
         const auto same = std::find_if(m_notes.rbegin(), end,
@@ -135,10 +152,12 @@ void HealthHistory::AddNote(HealthNote::Kind kind, double time, std::string text
             return;
         }
     }
-    if (m_notes.size() >= kMaxNotes)
+    if (m_notes.size() >= kMaxNotes) {
         ++m_notesLeftOut;
-    else
-        m_notes.push_back({kind, time, time, 1, std::move(text)});
+        return;
+    }
+    m_longBytes += text.size() > kMaxNoteBytes ? text.size() : 0;
+    m_notes.push_back({kind, time, time, 1, std::move(text)});
 }
 
 std::vector<HealthRow> HealthHistory::Rows() const {

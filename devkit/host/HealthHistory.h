@@ -44,6 +44,7 @@ private:
     std::vector<HealthRow> m_rows;
     std::vector<HealthNote> m_notes;
     std::size_t m_notesLeftOut = 0;
+    std::size_t m_longBytes = 0;  ///< Of long texts.
 };
 
 /// The kind of the iteration, judged by the previous one; null for the first.

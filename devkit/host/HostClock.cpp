@@ -26,7 +26,7 @@ lua_Number CheckSeconds(lua_State *L, lua_Number limit) {
 SimulatedSystem &CheckClock(lua_State *L, const char *function) {
     SimulatedSystem &system = HostOf(L).system;
     if (!system.HasClock())
-        luaL_error(L, "%s needs a simulated clock: start fc-host with --fast N", function);
+        luaL_error(L, "%s needs a simulated clock: start fc-host with --clock steps", function);
     return system;
 }
 

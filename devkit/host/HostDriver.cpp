@@ -1,10 +1,13 @@
 // The driver of the stand-in for vti, for scripts.
 #include "HostState.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "LuaEdge.h"
+#include "UnknownName.h"
 #include "vti_control.h"
 
 namespace {
@@ -30,14 +33,7 @@ auto WithDriver(const Work &work) {
 
 bool PushCalls(lua_State *L) {
     const std::vector<std::string> calls = WithDriver([](const Vti::Driver &driver) { return driver.calls; });
-    return PushProtected(L, [&calls](lua_State *state) {
-        lua_createtable(state, static_cast<int>(calls.size()), 0);
-        int index = 0;
-        for (const std::string &call : calls) {
-            lua_pushlstring(state, call.data(), call.size());
-            lua_rawseti(state, -2, ++index);
-        }
-    });
+    return PushProtected(L, [&calls](lua_State *state) { PushTexts(state, calls); });
 }
 
 bool PushVersion(lua_State *L) {
@@ -82,8 +78,8 @@ const Field &FindField(lua_State *L) {
     for (const Field &field : kFields)
         if (std::strcmp(field.name, name) == 0)
             return field;
-    luaL_error(L, "host.driver has no field '%s'", name);
-    return kFields[0];  // not reached: luaL_error does not return
+    RaiseUnknownName(L, "host.driver has no field", name, [] { return NamesOf(kFields); });
+    return kFields[0];  // not reached
 }
 
 int GetField(lua_State *L) {
@@ -202,18 +198,48 @@ int SetProfile(lua_State *L) {
     return SetBytes(L, &Vti::Driver::profile);
 }
 
+std::vector<std::string> Operations() {
+    return {Vti::kOperations.begin(), Vti::kOperations.end()};
+}
+
+/// What is to be told of a fault of the operation that no call has met.
+UnusedPlans::Complaint UnmetFault(std::string where, std::string operation) {
+    return [where = std::move(where), operation = std::move(operation)]() -> std::string {
+        const bool met = WithDriver([&operation](const Vti::Driver &driver) {
+            const auto fault = driver.faults.find(operation);
+            return fault == driver.faults.end() || fault->second.met != 0;
+        });
+        return met ? "" : where + "the driver's fault of " + operation + " never struck: nobody called it";
+    };
+}
+
 /// Lua: host.driver.set_fault(operation, status, text). The operation fails until clear_faults.
 int SetFault(lua_State *L) {
     const std::string_view operation = CheckText(L, 1);
+    if (std::find(Vti::kOperations.begin(), Vti::kOperations.end(), operation) == Vti::kOperations.end())
+        return RaiseUnknownName(L, "the driver has no operation", operation, Operations);
     const auto status = static_cast<std::int32_t>(luaL_checkinteger(L, 2));
     const std::string_view text = CheckText(L, 3);
+    luaL_where(L, 1);
     WithDriver(
         [&](Vti::Driver &driver) { driver.faults[std::string(operation)] = {status, std::string(text), -1, 0}; });
+    HostOf(L).plans.Add(UnusedPlans::Kind::DriverFault, UnmetFault(lua_tostring(L, -1), std::string(operation)));
     return 0;
 }
 
+/// Lua: array = host.driver.fault_names(). The operations that set_fault knows.
+int GetOperations(lua_State *L) {
+    bool pushed = false;
+    {
+        const std::vector<std::string> operations = Operations();
+        pushed = PushProtected(L, [&operations](lua_State *state) { PushTexts(state, operations); });
+    }
+    return pushed ? 1 : lua_error(L);
+}
+
 /// Lua: host.driver.clear_faults()
-int ClearFaults(lua_State *) {
+int ClearFaults(lua_State *L) {
+    HostOf(L).plans.Settle(UnusedPlans::Kind::DriverFault);
     WithDriver([](Vti::Driver &driver) { driver.faults.clear(); });
     return 0;
 }
@@ -240,6 +266,7 @@ void AddDriverFunctions(lua_State *L, HostState &host) {
         {"set_blacklist", SetBlacklist},
         {"set_profile", SetProfile},
         {"set_fault", SetFault},
+        {"fault_names", GetOperations},
         {"clear_faults", ClearFaults},
         {"trace", TraceLine},
         {nullptr, nullptr},

@@ -3,12 +3,15 @@
 
 #include "LuaEdge.h"
 #include "Text.h"
+#include "TraceComponents.h"
+#include "UnknownName.h"
 
 namespace {
 
 void PushEvent(lua_State *L, const HostEvent &event) {
     lua_newtable(L);
     SetField(L, "kind", std::string_view(KindName(event.kind)));
+    SetNumber(L, "time", event.time);
     SetField(L, "number", event.number);
     SetField(L, "text", event.text);
     if (event.kind == HostEvent::Kind::Event) {
@@ -21,6 +24,7 @@ void PushEvent(lua_State *L, const HostEvent &event) {
 
 /// A trace line in UTF-8.
 struct Trace {
+    double time;
     std::string component;
     std::string file;
     int line;
@@ -30,6 +34,7 @@ struct Trace {
 
 void PushTrace(lua_State *L, const Trace &trace) {
     lua_newtable(L);
+    SetNumber(L, "time", trace.time);
     SetField(L, "component", trace.component);
     SetField(L, "file", trace.file);
     SetField(L, "line", trace.line);
@@ -40,21 +45,9 @@ void PushTrace(lua_State *L, const Trace &trace) {
 std::vector<Trace> TakeTraces() {
     std::vector<Trace> traces;
     for (const VtaCore::Control::TraceLine &trace : VtaCore::Control::TakeTraces())
-        traces.push_back({ToUtf8(trace.component), trace.file, trace.line, trace.function, ToUtf8(trace.message)});
+        traces.push_back(
+            {trace.time, ToUtf8(trace.component), trace.file, trace.line, trace.function, ToUtf8(trace.message)});
     return traces;
-}
-
-/// Pushes an array of what `push` makes of each item.
-template <typename Item>
-[[nodiscard]] bool PushArray(lua_State *L, const std::vector<Item> &items, void (*push)(lua_State *, const Item &)) {
-    return PushProtected(L, [&items, push](lua_State *state) {
-        lua_createtable(state, static_cast<int>(items.size()), 0);
-        int index = 0;
-        for (const Item &item : items) {
-            push(state, item);
-            lua_rawseti(state, -2, ++index);
-        }
-    });
 }
 
 /// Lua: array = host.events(). Events and notifications since the last call, oldest first.
@@ -81,8 +74,7 @@ void PushLoggedLine(lua_State *L, const LoggedLine &line) {
     lua_newtable(L);
     SetField(L, "level", std::string_view(line.level));
     SetField(L, "text", line.text);
-    lua_pushnumber(L, line.time);
-    lua_setfield(L, -2, "time");
+    SetNumber(L, "time", line.time);
 }
 
 /// Lua: array = host.log(). Log lines since the last call, oldest first.
@@ -106,7 +98,13 @@ int SetVerboseLog(lua_State *L) {
 int SetTrace(lua_State *L) {
     const std::string_view component = CheckText(L, 1);
     luaL_checktype(L, 2, LUA_TBOOLEAN);
-    VtaCore::Control::EnableTrace(wxString(ToWide(component)), lua_toboolean(L, 2) != 0);
+    if (IsMisspeltTraceComponent(component))
+        return RaiseUnknownName(L, "there is no trace component", component, ModuleTraceComponents);
+    const bool wanted = lua_toboolean(L, 2) != 0;
+    luaL_where(L, 1);
+    VtaCore::Control::EnableTrace(wxString(ToWide(component)), wanted);
+    if (wanted)
+        NoteWantedTrace(HostOf(L), lua_tostring(L, -1), std::string(component));
     return 0;
 }
 
@@ -117,6 +115,7 @@ int WriteTrace(lua_State *L) {
     lua_Debug caller{};
     if (lua_getstack(L, 1, &caller) != 0)
         (void)lua_getinfo(L, "Sl", &caller);
+    HostOf(L).tracedByScript.emplace(component);
     const wxString name(ToWide(component));
     if (VtaCore::LogTraceIsEnabled(name))
         VtaCore::LogTrace(name, caller.short_src, caller.currentline, "script", wxString(ToWide(text)));
@@ -141,6 +140,14 @@ int NotifyUser(lua_State *L) {
 }
 
 }  // namespace
+
+void NoteWantedTrace(HostState &host, const std::string &where, const std::string &component) {
+    if (component == "*" || IsModuleTraceComponent(component))
+        return;
+    host.plans.Add(UnusedPlans::Kind::Trace, [&host, text = where + "nobody traced as " + component, component] {
+        return host.tracedByScript.contains(component) ? std::string() : text;
+    });
+}
 
 void AddEventFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {

@@ -15,30 +15,28 @@ namespace {
 
 constexpr lua_Number kLastResult = 4294967295.0;
 
-struct NamedState {
+struct NamedValue {
     const char *name;
-    DWORD state;
+    DWORD value;
 };
-constexpr NamedState kStates[] = {
+constexpr NamedValue kStartTypes[] = {
+    {"boot", SERVICE_BOOT_START},     {"system", SERVICE_SYSTEM_START}, {"auto", SERVICE_AUTO_START},
+    {"demand", SERVICE_DEMAND_START}, {"disabled", SERVICE_DISABLED},
+};
+constexpr NamedValue kStates[] = {
     {"stopped", SERVICE_STOPPED}, {"starting", SERVICE_START_PENDING}, {"stopping", SERVICE_STOP_PENDING},
     {"running", SERVICE_RUNNING}, {"paused", SERVICE_PAUSED},
 };
 
-const char *StateName(DWORD state) {
-    for (const NamedState &named : kStates)
-        if (named.state == state)
-            return named.name;
-    return "unknown";
-}
-
-/// The state named at the index.
-DWORD CheckState(lua_State *L, int index) {
+/// The value named at the index.
+template <std::size_t count>
+DWORD CheckNamed(lua_State *L, int index, const NamedValue (&values)[count], const char *expected) {
     const char *name = luaL_checkstring(L, index);
-    for (const NamedState &named : kStates)
+    for (const NamedValue &named : values)
         if (std::strcmp(named.name, name) == 0)
-            return named.state;
-    (void)luaL_argerror(L, index, "stopped, starting, stopping, running or paused expected");
-    return SERVICE_STOPPED;  // not reached
+            return named.value;
+    (void)luaL_argerror(L, index, expected);
+    return 0;  // not reached
 }
 
 /// The class in the field `class` of a component.
@@ -79,11 +77,15 @@ int PutDevice(lua_State *L) {
     });
 }
 
-/// Lua: host.machine.put_service(name, state)
+/// Lua: host.machine.put_service(name, state [, start])
 int PutService(lua_State *L) {
     const std::string_view name = CheckText(L, 1);
-    const DWORD state = CheckState(L, 2);
-    return ChangeInstallation(L, [&](Installation &installation) { installation.PutService(ToWide(name), state); });
+    const DWORD state = CheckNamed(L, 2, kStates, "stopped, starting, stopping, running or paused expected");
+    DWORD startType = SERVICE_DEMAND_START;
+    if (!lua_isnoneornil(L, 3))
+        startType = CheckNamed(L, 3, kStartTypes, "boot, system, auto, demand or disabled expected");
+    return ChangeInstallation(
+        L, [&](Installation &installation) { installation.PutService(ToWide(name), state, startType); });
 }
 
 /// Lua: host.machine.put_key(path)
@@ -96,6 +98,11 @@ int PutKey(lua_State *L) {
 int LockNetwork(lua_State *L) {
     const std::string_view holder = CheckText(L, 1);
     return ChangeInstallation(L, [&](Installation &installation) { installation.LockNetwork(ToWide(holder)); });
+}
+
+/// Lua: host.machine.unlock_network()
+int UnlockNetwork(lua_State *L) {
+    return ChangeInstallation(L, [](Installation &installation) { installation.UnlockNetwork(); });
 }
 
 /// Lua: host.machine.lack(function_name)
@@ -161,6 +168,13 @@ int GetFolders(lua_State *L) {
 
 }  // namespace
 
+const char *StateName(DWORD state) {
+    for (const NamedValue &named : kStates)
+        if (named.value == state)
+            return named.name;
+    return "unknown";
+}
+
 HRESULT CheckComponentResult(lua_State *L, const char *field) {
     if (lua_type(L, -1) == LUA_TNUMBER) {
         const lua_Number code = lua_tonumber(L, -1);
@@ -181,6 +195,7 @@ void AddInstallationFunctions(lua_State *L, HostState &host) {
         {"put_service", PutService},
         {"put_key", PutKey},
         {"lock_network", LockNetwork},
+        {"unlock_network", UnlockNetwork},
         {"lack", Lack},
         {"folders", GetFolders},
         {"inventory", TakeInventory},

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <list>
 
+#include <wx/thread.h>
+
 #include "Console.h"
 #include "Text.h"
 
@@ -11,27 +13,10 @@ namespace {
 
 constexpr std::size_t kMaxLines = 100'000;
 
-/// Null for levels that are not enabled.
-const char *NameOf(wxLogLevel level, bool wantsVerbose) {
-    switch (level) {
-        case wxLOG_FatalError:
-            return "fatal";
-        case wxLOG_Error:
-            return "error";
-        case wxLOG_Warning:
-            return "warning";
-        case wxLOG_Message:
-            return "message";
-        case wxLOG_Info:
-            return wantsVerbose ? "verbose" : nullptr;
-        default:
-            return nullptr;
-    }
-}
-
 }  // namespace
 
-HostLog::HostLog(bool print, HealthHistory *history) : m_print(print), m_history(history) {
+HostLog::HostLog(bool print, HealthHistory *history, DriverRuns &runs)
+    : m_print(print), m_history(history), m_runs(runs) {
     WantVerbose(false);
 }
 
@@ -53,17 +38,19 @@ std::vector<LoggedLine> HostLog::TakeLines() {
 void HostLog::DoLogRecord(wxLogLevel level, const wxString &message, const wxLogRecordInfo &info) {
     const std::string text = ToUtf8(message);
     const double time = static_cast<double>(info.timestampMS) / 1000;  // lines of other threads come later
-    const char *name = NameOf(level, m_wantsVerbose);
-    if (name != nullptr) {
+    const char *name = LevelName(level);
+    if (name != nullptr && (level != wxLOG_Info || m_wantsVerbose)) {
         if (m_print) {
             std::string line = level == wxLOG_Message ? "log" : name;
             line.resize(std::max<std::size_t>(line.size(), 7), ' ');
-            PrintLine(line + " " + text);
+            PrintLineOf(time, line + " " + text);
         }
         if (m_lines.size() == kMaxLines)
             m_lines.pop_front();
         m_lines.push_back({time, name, text});
     }
+    if (info.threadId == wxThread::GetMainId())  // other threads tell of their lines at once
+        m_runs.OnScriptLine({time, name, text});
     if (m_history == nullptr)
         return;
     if (level <= wxLOG_Error)

@@ -2,19 +2,13 @@
 #pragma once
 
 #include <deque>
-#include <string>
 #include <vector>
 
 #include <wx/log.h>
 
+#include "DriverRuns.h"
 #include "HealthHistory.h"
-
-/// A log line in UTF-8.
-struct LoggedLine {
-    double time;        ///< Seconds since 1970, when it was written.
-    const char *level;  ///< fatal, error, warning, message or verbose.
-    std::string text;
-};
+#include "LogLine.h"
 
 /// Prints errors, warnings and messages to standard error, like the host's traces, keeps them for the script, and keeps
 /// the data for the report. Lines of other threads arrive when the log is flushed.
@@ -22,7 +16,8 @@ class HostLog : public wxLog {
 public:
     /// @param print    also print.
     /// @param history  null without a report; else it outlives the log.
-    HostLog(bool print, HealthHistory *history);
+    /// @param runs     gets the lines of the script's thread, and outlives the log.
+    HostLog(bool print, HealthHistory *history, DriverRuns &runs);
 
     /// Whether verbose lines are printed and kept, too; by default they are not.
     void WantVerbose(bool wanted);
@@ -37,5 +32,6 @@ private:
     bool m_print;
     bool m_wantsVerbose = false;
     HealthHistory *m_history;
+    DriverRuns &m_runs;
     std::deque<LoggedLine> m_lines;
 };

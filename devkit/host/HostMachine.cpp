@@ -8,6 +8,7 @@
 
 #include "LuaEdge.h"
 #include "Text.h"
+#include "UnknownName.h"
 
 namespace {
 
@@ -57,8 +58,8 @@ const MachineField &FindMachineField(lua_State *L) {
     for (const MachineField &field : kMachineFields)
         if (std::strcmp(field.name, name) == 0)
             return field;
-    luaL_error(L, "host.machine has no field '%s'", name);
-    return kMachineFields[0];  // not reached: luaL_error does not return
+    RaiseUnknownName(L, "host.machine has no field", name, [] { return NamesOf(kMachineFields); });
+    return kMachineFields[0];  // not reached
 }
 
 lua_Number CheckValue(lua_State *L, const MachineField &field) {
@@ -138,6 +139,7 @@ void AddMachineFunctions(lua_State *L, HostState &host) {
     AddInstallationFunctions(L, host);
     AddNetworkFunctions(L, host);
     AddFirewallFunctions(L, host);
+    AddRebootFunction(L, host);
     lua_newtable(L);
     AddFunctions(L, host, fieldFunctions);
     lua_setmetatable(L, -2);

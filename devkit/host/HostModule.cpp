@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include "LuaEdge.h"
 #include "WallClock.h"
 #include "vti_control.h"
 
@@ -53,6 +54,7 @@ void ForgetLibrary(lua_State *L, const void *library) {
 
 /// What the module has left in Lua.
 void ForgetModule(lua_State *L) {
+    ++HostOf(L).restarts;
     lua_getglobal(L, "package");
     lua_getfield(L, -1, "loaded");
     lua_pushnil(L);
@@ -75,27 +77,60 @@ void ForgetCallbacks() {
     driver.profilerRunning = nullptr;
 }
 
-/// Lua: host.restart_module(). Does to the module what a restart of the agent does: it is unloaded, and the next
-/// require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of SLB.filter that the
-/// script has kept must not be called any more: their code is gone.
-int RestartModule(lua_State *L) {
-    HostState &host = HostOf(L);
-    const HMODULE module = GetModuleHandleW(kRestarted);
-    ForgetModule(L);
-    if (module == nullptr)
-        return 0;
+/// Unloads the module, with what it has left of itself in Lua and in the driver.
+/// @return ERROR_SUCCESS, or why it can't be unloaded.
+DWORD Unload(lua_State *L, HMODULE module) {
     ForgetLibrary(L, module);
     ForgetCallbacks();
     // The module holds a reference to itself.
     while (GetModuleHandleW(kRestarted) != nullptr)
         if (!FreeLibrary(module))
-            return luaL_error(L, "fc.dll can't be unloaded: error %d", static_cast<int>(GetLastError()));
+            return GetLastError();
+    return ERROR_SUCCESS;
+}
+
+void UnloadOrRaise(lua_State *L) {
+    ForgetModule(L);
+    const HMODULE module = GetModuleHandleW(kRestarted);
+    const DWORD error = module == nullptr ? ERROR_SUCCESS : Unload(L, module);
+    if (error != ERROR_SUCCESS)
+        luaL_error(L, "fc.dll can't be unloaded: error %d", static_cast<int>(error));
+}
+
+void NoteRestart(HostState &host, const char *text) {
     if (host.history != nullptr)
-        host.history->AddNote(HealthNote::Kind::Restart, WallClockSeconds(), "The module was restarted");
+        host.history->AddNote(HealthNote::Kind::Restart, WallClockSeconds(), text);
+}
+
+/// Lua: host.machine.reboot(). The module is unloaded, and the machine is as after a boot. What the module has under
+/// way ends with its threads. The agent's settings stay.
+int Reboot(lua_State *L) {
+    HostState &host = HostOf(L);
+    host.system.KillThreads();
+    UnloadOrRaise(L);
+    if (!Guarded(L, [&host] { host.system.Reboot(); }))
+        return lua_error(L);
+    NoteRestart(host, "The machine was rebooted");
+    return 0;
+}
+
+/// Lua: host.restart_module(). Does to the module what a restart of the agent does: it is unloaded, and the next
+/// require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of
+/// SLB.filter that the script has kept raise an error from then on: see KeptFunctions.h.
+int RestartModule(lua_State *L) {
+    const bool isLoaded = GetModuleHandleW(kRestarted) != nullptr;
+    UnloadOrRaise(L);
+    if (isLoaded)
+        NoteRestart(HostOf(L), "The module was restarted");
     return 0;
 }
 
 }  // namespace
+
+void AddRebootFunction(lua_State *L, HostState &host) {
+    constexpr luaL_Reg functions[] = {{"reboot", Reboot}, {nullptr, nullptr}};
+    AddFunctions(L, host, functions);
+}
 
 void AddModuleFunctions(lua_State *L, HostState &host) {
     constexpr luaL_Reg functions[] = {{"restart_module", RestartModule}, {nullptr, nullptr}};

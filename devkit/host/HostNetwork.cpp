@@ -134,19 +134,40 @@ int PutAdapter(lua_State *L) {
     });
 }
 
+/// Changes an adapter. An unknown name is an error of its argument: the first for an adapter, the second for a
+/// component.
+template <typename Work>
+int ChangeNamedAdapter(lua_State *L, const Work &work) {
+    int unknown = 0;
+    const bool changed = WithInstallation(L, [&](Installation &installation) {
+        try {
+            work(installation);
+        } catch (const UnknownComponent &) {
+            unknown = 2;
+            throw;
+        } catch (const std::invalid_argument &) {
+            unknown = 1;
+            throw;
+        }
+    });
+    if (changed)
+        return 0;
+    return unknown != 0 ? luaL_argerror(L, unknown, lua_tostring(L, -1)) : RaiseText(L, true);
+}
+
 /// Lua: host.machine.change_adapter(node, {ip =, gateway =, frames =, connected =, gateway_answers =, status =})
 int ChangeOneAdapter(lua_State *L) {
     const std::string_view node = CheckText(L, 1);
     CheckChangeFields(L, 2);
     const CheckedChange change = CheckChange(L, 2);
-    return ChangeInstallation(
+    return ChangeNamedAdapter(
         L, [&](Installation &installation) { installation.ChangeAdapterAt(ToWide(node), change.Make()); });
 }
 
 /// Lua: host.machine.remove_adapter(node)
 int RemoveAdapter(lua_State *L) {
     const std::string_view node = CheckText(L, 1);
-    return ChangeInstallation(L, [&](Installation &installation) { installation.RemoveAdapter(ToWide(node)); });
+    return ChangeNamedAdapter(L, [&](Installation &installation) { installation.RemoveAdapter(ToWide(node)); });
 }
 
 /// Lua: host.machine.bind(node, component [, bound])
@@ -156,7 +177,7 @@ int BindComponent(lua_State *L) {
     if (!lua_isnoneornil(L, 3))
         luaL_checktype(L, 3, LUA_TBOOLEAN);
     const bool bound = lua_isnoneornil(L, 3) || lua_toboolean(L, 3) != 0;
-    return ChangeInstallation(
+    return ChangeNamedAdapter(
         L, [&](Installation &installation) { installation.Bind(ToWide(node), ToWide(component), bound); });
 }
 
@@ -264,8 +285,18 @@ int AddRule(lua_State *L) {
     const std::string_view node = CheckText(L, 2);
     CheckChangeFields(L, 3);
     const CheckedChange change = CheckChange(L, 3);
+    luaL_where(L, 1);
+    const char *const where = lua_tostring(L, -1);
     return ChangeInstallation(L, [&](Installation &installation) {
-        installation.When({{happening.what, ToWide(component), ToWide(adapter)}, ToWide(node), change.Make()});
+        const std::size_t rule =
+            installation.When({{happening.what, ToWide(component), ToWide(adapter)}, ToWide(node), change.Make()});
+        HostOf(L).plans.Add(
+            UnusedPlans::Kind::NetworkRule,
+            [&installation, rule,
+             text = where + ("nothing was " + std::string(happening.name)) +
+                    " for which host.machine.when waits: " + std::string(happening.isOfDevice ? adapter : component)] {
+                return installation.Awaits(rule) ? text : std::string();
+            });
     });
 }
 

@@ -3,6 +3,8 @@
 
 #include <map>
 #include <memory>
+#include <set>
+#include <string>
 
 #include <lua.hpp>
 
@@ -13,19 +15,25 @@
 #include "Options.h"
 #include "SimulatedSystem.h"
 #include "StepDisplay.h"
+#include "UnusedPlans.h"
 #include "ZipFile.h"
 #include "vta_core_control.h"
 
 struct HostState {
     Options options;
+    std::string scriptError;  ///< That has ended the script; empty: none.
+    int scriptStatus = 0;     ///< What the script has returned, unless it has called os.exit.
     EventLog events;
     std::unique_ptr<HealthHistory> history;  ///< Null without a report.
-    DriverRuns runs;                         ///< Used unless the host is quiet and writes no report.
+    DriverRuns runs;
     StepDisplay steps;
     HostLog *log = nullptr;  ///< The target of all logs, which owns itself.
     SimulatedSystem system;
+    unsigned restarts = 0;  ///< Of the module.
     std::unique_ptr<VtaCore::Control::Dom> dom;
     std::map<const void *, std::unique_ptr<ZipFile>> zips;  ///< Open ones, by the address of their stream.
+    UnusedPlans plans;
+    std::set<std::string> tracedByScript;  ///< Components of host.trace.
 };
 
 /// The state, within a function that AddFunctions has registered.
@@ -43,6 +51,7 @@ void AddHandleFunctions(lua_State *L, HostState &host);
 void AddZipFunctions(lua_State *L, HostState &host);
 void AddFileFunctions(lua_State *L, HostState &host);
 void AddJsonFunctions(lua_State *L, HostState &host);
+void AddCheckFunctions(lua_State *L, HostState &host);
 void AddClockFunctions(lua_State *L, HostState &host);
 void AddMachineFunctions(lua_State *L, HostState &host);
 void AddInstallationFunctions(lua_State *L, HostState &host);
@@ -50,8 +59,17 @@ void AddNetworkFunctions(lua_State *L, HostState &host);
 void AddFirewallFunctions(lua_State *L, HostState &host);
 void AddFaultFunctions(lua_State *L, HostState &host);
 void AddEventFunctions(lua_State *L, HostState &host);
+void AddDriverRunFunctions(lua_State *L, HostState &host);
+/// After all others: it uses them.
+void AddExpectFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
+void AddRebootFunction(lua_State *L, HostState &host);
+
+/// The trace of a component was switched on. If it is none of the module's, and the script does not trace as it, that
+/// is told at the end.
+/// @param where  what switched it on, such as "script.lua:3: ".
+void NoteWantedTrace(HostState &host, const std::string &where, const std::string &component);
 
 /// Creates the global table `host`, makes require find the modules beside the program, and io.open take names in UTF-8.
 /// Raises Lua errors.

@@ -3,9 +3,11 @@
 #include <windows.h>
 
 #include "HostFiles.h"
+#include "KeptFunctions.h"
 #include "LuaEdge.h"
 #include "Program.h"
 #include "Script.h"
+#include "WatchedCalls.h"
 
 namespace {
 
@@ -34,12 +36,15 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddZipFunctions(L, host);
     AddFileFunctions(L, host);
     AddJsonFunctions(L, host);
+    AddCheckFunctions(L, host);
     AddClockFunctions(L, host);
     AddMachineFunctions(L, host);
     AddFaultFunctions(L, host);
     AddEventFunctions(L, host);
+    AddDriverRunFunctions(L, host);
     AddReportFunctions(L, host);
     AddModuleFunctions(L, host);
+    AddExpectFunctions(L, host);
     lua_setglobal(L, "host");
 
     lua_getglobal(L, "package");
@@ -53,6 +58,8 @@ void OpenHostTable(lua_State *L, HostState &host) {
     lua_setfield(L, -2, "cpath");
     lua_pop(L, 1);
 
+    GuardKeptFunctions(L, host);
     UseUtf8FileNames(L);
     UseCheckedExit(L);
+    WatchCalls(L, host);
 }

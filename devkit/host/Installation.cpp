@@ -12,7 +12,9 @@
 
 #include <windows.h>
 
+#include "Nearest.h"
 #include "Text.h"
+#include "WindowsFunctions.h"
 #include "vti_control.h"
 
 namespace {
@@ -73,6 +75,28 @@ std::vector<std::string> Those(const std::set<std::wstring> &names, const Has &h
     return there;
 }
 
+/// Loads or unloads the driver.
+void LoadDriver(const std::string &version, bool loaded) {
+    const std::lock_guard<std::mutex> guard(Vti::Lock());
+    Vti::TheDriver().present = loaded;
+    if (loaded)
+        Vti::TheDriver().version = version;
+}
+
+/// It has counted and been told nothing. Its faults are the script's, and stay.
+void BootDriver() {
+    const std::lock_guard<std::mutex> guard(Vti::Lock());
+    Vti::Driver &driver = Vti::TheDriver();
+    Vti::Driver fresh;
+    fresh.present = driver.present;
+    fresh.available = driver.available;
+    fresh.version = driver.version;
+    fresh.openHandles = driver.openHandles;
+    fresh.faults = std::move(driver.faults);
+    fresh.calls = std::move(driver.calls);
+    driver = std::move(fresh);
+}
+
 std::vector<std::string> FileNames(const std::filesystem::path &folder) {
     std::set<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(folder))
@@ -99,6 +123,7 @@ void Installation::PutUnder(Simulator::FunctionSet &functions, const std::shared
              .setup = &m_setup,
              .network = &m_network});
     InstallFirewall(functions, core, m_network.com, m_firewall, &machine);
+    InstallThreads(functions);
 }
 
 /// Installs a section of an INF file, as far as it adds and deletes services.
@@ -126,8 +151,8 @@ void Installation::PutDevice(const Simulator::Device &device) {
     m_deviceIds.insert(device.instanceId);
 }
 
-void Installation::PutService(const std::wstring &name, DWORD state) {
-    m_services.Put(name, {.status = {state}});
+void Installation::PutService(const std::wstring &name, DWORD state, DWORD startType) {
+    m_services.Put(name, {.status = {state}, .startType = startType});
     const Simulator::LockGuard guard(m_lock);
     m_serviceNames.insert(name);
 }
@@ -139,6 +164,10 @@ void Installation::PutKey(const std::wstring &path) {
 
 void Installation::LockNetwork(const std::wstring &holder) {
     m_network.configuration->LockFromElsewhere(holder);
+}
+
+void Installation::UnlockNetwork() {
+    m_network.configuration->Unlock();
 }
 
 void Installation::Lack(const std::string &function) {
@@ -155,8 +184,30 @@ void Installation::PutAdapter(Simulator::NetworkAdapter adapter) {
 }
 
 void Installation::CheckAdapter(const std::wstring &node) const {
-    if (!m_network.configuration->ChangeAdapter(node, [](Simulator::NetworkAdapter &) {}))
-        throw std::invalid_argument("there is no adapter " + ToUtf8(node));
+    if (m_network.configuration->ChangeAdapter(node, [](Simulator::NetworkAdapter &) {}))
+        return;
+    std::vector<std::string> nodes;
+    for (const AdapterState &adapter : Adapters())
+        nodes.push_back(adapter.node);
+    throw std::invalid_argument("there is no adapter " + ToUtf8(node) + Suggestion(ToUtf8(node), nodes));
+}
+
+/// It is there, or can be installed.
+void Installation::CheckComponent(const std::wstring &id) const {
+    std::vector<std::string> ids;
+    const Simulator::NetworkState network = m_network.configuration->Read();
+    for (const Simulator::NetworkComponent &component : network.components) {
+        if (!component.adapter)
+            ids.push_back(ToUtf8(component.id));
+    }
+    for (const Simulator::InstallableComponent &installable : network.installable)
+        ids.push_back(ToUtf8(installable.component.id));
+    const std::string wanted = ToUtf8(id);
+    const auto isMeant = [&wanted](const std::string &other) { return SameInAnyCase(wanted, other); };
+    if (std::none_of(ids.begin(), ids.end(), isMeant))
+        throw UnknownComponent("there is no component " + wanted +
+                               ", nor can it be installed: use put_component or put_installable first" +
+                               Suggestion(wanted, ids));
 }
 
 void Installation::ChangeAdapterAt(const std::wstring &node, const AdapterChange &change) {
@@ -173,6 +224,7 @@ void Installation::RemoveAdapter(const std::wstring &node) {
 
 void Installation::Bind(const std::wstring &node, const std::wstring &component, bool bound) {
     CheckAdapter(node);
+    CheckComponent(component);
     m_network.configuration->Bind(node, component, bound);
 }
 
@@ -214,19 +266,25 @@ void Installation::PutInstallable(const Simulator::InstallableComponent &install
         m_loads.emplace(id, *loads);
 }
 
-void Installation::LoadDriver(const std::wstring &component, bool loaded) {
-    std::string version;
+/// The version of the driver that the component loads, if it loads one.
+std::optional<std::string> Installation::LoadedBy(const std::wstring &component) const {
+    const Simulator::LockGuard guard(m_lock);
+    const auto found = m_loads.find(component);
+    return found == m_loads.end() ? std::nullopt : std::optional(found->second);
+}
+
+void Installation::Reboot() {
+    m_filesInUse.Boot();
+    m_services.Boot();
+    m_network.configuration->Boot();
+    std::map<std::wstring, std::string, Simulator::LessInAnyCase> loads;
     {
         const Simulator::LockGuard guard(m_lock);
-        const auto found = m_loads.find(component);
-        if (found == m_loads.end())
-            return;
-        version = found->second;
+        loads = m_loads;
     }
-    const std::lock_guard<std::mutex> guard(Vti::Lock());
-    Vti::TheDriver().present = loaded;
-    if (loaded)
-        Vti::TheDriver().version = version;
+    BootDriver();
+    for (const auto &[component, version] : loads)
+        LoadDriver(version, m_network.configuration->Has(component));
 }
 
 void Installation::OnNetwork(const Simulator::NetworkMoment &moment) {
@@ -239,8 +297,9 @@ void Installation::OnNetwork(const Simulator::NetworkMoment &moment) {
         what = What::Removed;
     else if (moment.what == Moment::BindingEnabled)
         what = What::Bound;
-    if (what == What::Installed || what == What::Removed)
-        LoadDriver(moment.component, what == What::Installed);
+    const bool concernsDriver = what == What::Installed || what == What::Removed;
+    if (const auto version = concernsDriver && !moment.needsReboot ? LoadedBy(moment.component) : std::nullopt)
+        LoadDriver(*version, what == What::Installed);
     FollowRules({what, moment.component, moment.adapter});
 }
 

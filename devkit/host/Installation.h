@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,6 +40,11 @@ struct AdapterState {
     std::vector<std::string> bound;  ///< Ids of the components bound to it, in component order.
 };
 
+/// A name of a component that the machine does not know.
+struct UnknownComponent : std::invalid_argument {
+    using std::invalid_argument::invalid_argument;
+};
+
 /// Empty at first. Call it from one thread; others may use the machine meanwhile.
 class Installation {
 public:
@@ -50,12 +56,15 @@ public:
 
     void PutComponent(const Simulator::NetworkComponent &component);
     void PutDevice(const Simulator::Device &device);
-    /// @param state  SERVICE_RUNNING or a similar one.
-    void PutService(const std::wstring &name, DWORD state);
+    /// @param state      SERVICE_RUNNING or a similar one.
+    /// @param startType  SERVICE_AUTO_START or a similar one.
+    void PutService(const std::wstring &name, DWORD state, DWORD startType = SERVICE_DEMAND_START);
     /// @param path  below HKEY_LOCAL_MACHINE.
     void PutKey(const std::wstring &path);
     /// From now on another program holds the write lock of the network configuration.
     void LockNetwork(const std::wstring &holder);
+    /// Whoever holds it gives it back.
+    void UnlockNetwork();
     /// @param function  see Simulator::SetupLibrary::Lack.
     void Lack(const std::string &function);
 
@@ -64,13 +73,21 @@ public:
     /// @throws std::invalid_argument  if there is no such adapter, like the next two.
     void ChangeAdapterAt(const std::wstring &node, const AdapterChange &change);
     void RemoveAdapter(const std::wstring &node);
+    /// @throws UnknownComponent  if the component neither exists nor can be installed.
     void Bind(const std::wstring &node, const std::wstring &component, bool bound);
     std::vector<AdapterState> Adapters() const;
     /// Makes a component available for installation; replaces one with the same id.
     /// @param loads  the version of the driver that runs from the installation of the component until its removal;
     ///   empty: the driver is not affected.
     void PutInstallable(const Simulator::InstallableComponent &installable, const std::optional<std::string> &loads);
-    void When(const NetworkRule &rule) { m_rules.Add(rule); }
+    /// @return the rule's number.
+    std::size_t When(const NetworkRule &rule) { return m_rules.Add(rule); }
+    /// Whether the rule's moment is still to come.
+    bool Awaits(std::size_t rule) const { return m_rules.IsOpen(rule); }
+
+    /// The machine is booted anew: what was left to the boot is done, nobody holds the lock of the network
+    /// configuration, services run as their start types tell, and of the drivers those that are installed.
+    void Reboot();
 
     Simulator::Firewall &GetFirewall() { return *m_firewall; }
     const Simulator::SystemFolders &Folders() const { return m_folders; }
@@ -78,11 +95,12 @@ public:
 
 private:
     void CheckAdapter(const std::wstring &node) const;
+    void CheckComponent(const std::wstring &id) const;
     void InstallSection(const std::wstring &command);
     void OnNetwork(const Simulator::NetworkMoment &moment);
     void OnDevice(const Simulator::DeviceChange &change);
     void FollowRules(const NetworkHappening &happening);
-    void LoadDriver(const std::wstring &component, bool loaded);
+    std::optional<std::string> LoadedBy(const std::wstring &component) const;
 
     Simulator::RegistrySandbox m_registry;
     Simulator::SystemFolders m_folders;

@@ -14,8 +14,11 @@ template <typename Work>
 /// The same for functions that return nothing.
 template <typename Work>
 int ChangeInstallation(lua_State *L, const Work &work) {
-    return WithInstallation(L, work) ? 0 : lua_error(L);
+    return WithInstallation(L, work) ? 0 : RaiseText(L, true);
 }
+
+/// The name of a service's state, such as "running".
+const char *StateName(DWORD state);
 
 /// The result of installing or removing a component: "ok", "reboot" or a code, on top of the stack.
 /// @param field  for messages.

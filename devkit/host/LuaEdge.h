@@ -65,14 +65,49 @@ inline void SetField(lua_State *L, const char *name, int number) {
     lua_setfield(L, -2, name);
 }
 
-/// Sets an array of texts in the table on top of the stack.
-inline void SetTexts(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+/// The same for one with a fraction.
+inline void SetNumber(lua_State *L, const char *name, lua_Number number) {
+    lua_pushnumber(L, number);
+    lua_setfield(L, -2, name);
+}
+
+/// Sets a boolean field of the table on top of the stack.
+inline void SetFlag(lua_State *L, const char *name, bool flag) {
+    lua_pushboolean(L, flag ? 1 : 0);
+    lua_setfield(L, -2, name);
+}
+
+/// Pushes an array of what `push` makes of each item. Owns nothing itself.
+template <typename Items>
+void PushItems(lua_State *L, const Items &items, void (*push)(lua_State *, const typename Items::value_type &)) {
+    lua_createtable(L, static_cast<int>(items.size()), 0);
+    int index = 0;
+    for (const auto &item : items) {
+        push(L, item);
+        lua_rawseti(L, -2, ++index);
+    }
+}
+
+/// PushProtected for such an array.
+template <typename Items>
+[[nodiscard]] bool PushArray(lua_State *L, const Items &items,
+                             void (*push)(lua_State *, const typename Items::value_type &)) {
+    return PushProtected(L, [&items, push](lua_State *state) { PushItems(state, items, push); });
+}
+
+/// Pushes an array of texts.
+inline void PushTexts(lua_State *L, const std::vector<std::string> &texts) {
     lua_createtable(L, static_cast<int>(texts.size()), 0);
     int index = 0;
     for (const std::string &text : texts) {
         lua_pushlstring(L, text.data(), text.size());
         lua_rawseti(L, -2, ++index);
     }
+}
+
+/// Sets an array of texts in the table on top of the stack.
+inline void SetTexts(lua_State *L, const char *name, const std::vector<std::string> &texts) {
+    PushTexts(L, texts);
     lua_setfield(L, -2, name);
 }
 

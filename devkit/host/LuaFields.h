@@ -8,13 +8,16 @@
 
 #include <lua.hpp>
 
+#include "UnknownName.h"
+
 /// Raises an error unless the argument is a table with only these fields.
 inline void CheckFields(lua_State *L, std::initializer_list<std::string_view> names, int table = 1) {
     luaL_checktype(L, table, LUA_TTABLE);
     for (lua_pushnil(L); lua_next(L, table) != 0; lua_pop(L, 1)) {
         const char *name = lua_type(L, -2) == LUA_TSTRING ? lua_tostring(L, -2) : luaL_typename(L, -2);
         if (std::find(names.begin(), names.end(), name) == names.end())
-            luaL_error(L, "there is no field '%s'", name);
+            RaiseUnknownName(L, "there is no field", name,
+                             [&names] { return std::vector<std::string>(names.begin(), names.end()); });
     }
 }
 

@@ -1,7 +1,5 @@
 #include "NetworkRules.h"
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "AnyCase.h"
@@ -27,17 +25,25 @@ void ChangeAdapter(Simulator::NetworkAdapter &adapter, const AdapterChange &chan
         adapter.gatewayMac = *change.gatewayAnswers ? Simulator::NetworkAdapter{}.gatewayMac : std::vector<BYTE>();
 }
 
-void NetworkRules::Add(NetworkRule rule) {
+std::size_t NetworkRules::Add(NetworkRule rule) {
     const Simulator::LockGuard guard(m_lock);
-    m_rules.push_back(std::move(rule));
+    m_rules.emplace(m_added, std::move(rule));
+    return m_added++;
+}
+
+bool NetworkRules::IsOpen(std::size_t number) const {
+    const Simulator::LockGuard guard(m_lock);
+    return m_rules.contains(number);
 }
 
 std::vector<NetworkRule> NetworkRules::Take(const NetworkHappening &happening) {
     const Simulator::LockGuard guard(m_lock);
     std::vector<NetworkRule> taken;
-    std::vector<NetworkRule> left;
-    for (NetworkRule &rule : m_rules)
-        (IsMomentOf(rule, happening) ? taken : left).push_back(std::move(rule));
-    m_rules = std::move(left);
+    std::erase_if(m_rules, [&](auto &numbered) {
+        if (!IsMomentOf(numbered.second, happening))
+            return false;
+        taken.push_back(std::move(numbered.second));
+        return true;
+    });
     return taken;
 }

@@ -1,7 +1,9 @@
 // What happens to adapters when the program under test does something: a network that breaks, and one that recovers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,11 +40,15 @@ struct NetworkRule {
 /// Any thread.
 class NetworkRules {
 public:
-    void Add(NetworkRule rule);
+    /// @return its number, from 0.
+    std::size_t Add(NetworkRule rule);
+    /// Whether its event has not happened yet.
+    bool IsOpen(std::size_t number) const;
     /// The rules that this event triggers, in order. Each applies once.
     std::vector<NetworkRule> Take(const NetworkHappening &happening);
 
 private:
-    Simulator::Lock m_lock;
-    std::vector<NetworkRule> m_rules;
+    mutable Simulator::Lock m_lock;
+    std::map<std::size_t, NetworkRule> m_rules;
+    std::size_t m_added = 0;
 };

@@ -7,6 +7,9 @@
 #include <windows.h>
 
 #include "AnyCase.h"
+#include "Nearest.h"
+#include "Text.h"
+#include "TraceComponents.h"
 
 namespace {
 
@@ -42,7 +45,13 @@ bool TakeFast(Options &options, const std::wstring &value) {
     return factor >= 1 && factor <= maxFactor;
 }
 
+bool TakeClock(Options &options, const std::wstring &value) {
+    options.steps = value == L"steps";
+    return options.steps || value == L"real";
+}
+
 const Setting kSettings[] = {
+    {L"--clock", L"steps for a simulated clock that moves when all wait, or real", TakeClock},
     {L"--trace", L"the name of a component, or * for all",
      [](Options &options, const std::wstring &value) { return TakeText(options.traces.emplace_back(), value); }},
     {L"--events", L"the name of the JSON file to write",
@@ -51,6 +60,10 @@ const Setting kSettings[] = {
      [](Options &options, const std::wstring &value) { return TakeText(options.reportFile, value); }},
     {L"--settings", L"the name of the file that keeps the settings",
      [](Options &options, const std::wstring &value) { return TakeText(options.settingsFile, value); }},
+    {L"--check-policy", L"the name of the policy's file",
+     [](Options &options, const std::wstring &value) { return TakeText(options.policyFile, value); }},
+    {L"--check-config", L"the name of the configuration file",
+     [](Options &options, const std::wstring &value) { return TakeText(options.configFile, value); }},
     {L"--fast", L"how many times faster the clock runs, from 1 to 1000000", TakeFast},
 };
 
@@ -59,6 +72,15 @@ const Setting *FindSetting(const std::wstring &name) {
         if (name == setting.name)
             return &setting;
     return nullptr;
+}
+
+std::vector<std::string> OptionNames() {
+    std::vector<std::string> names;
+    for (const Switch &known : kSwitches)
+        names.push_back(ToUtf8(std::wstring(known.name)));
+    for (const Setting &setting : kSettings)
+        names.push_back(ToUtf8(std::wstring(setting.name)));
+    return names;
 }
 
 bool TakeSwitch(Options &options, const std::wstring &name) {
@@ -85,7 +107,8 @@ bool TakeOption(Options &options, const std::vector<std::wstring> &arguments, st
     const std::wstring name = argument.substr(0, equals);
     const Setting *setting = FindSetting(name);
     if (setting == nullptr) {
-        error = L"unknown option '" + argument + L"'; fc-host --help lists the options";
+        error = L"unknown option '" + argument + L"'" + ToWide(Suggestion(ToUtf8(name), OptionNames())) +
+                L"; fc-host --help lists the options";
         return false;
     }
     std::wstring value;
@@ -125,15 +148,42 @@ bool NamesOneFileTwice(const Options &options, std::wstring &error) {
     return false;
 }
 
+/// A component that the module does not have may be the script's.
+bool AreTracesKnown(const Options &options, std::wstring &error) {
+    for (const std::wstring &component : options.traces) {
+        const std::string name = ToUtf8(component);
+        if (!IsMisspeltTraceComponent(name))
+            continue;
+        error = L"there is no trace component '" + component + L"'" + ToWide(Suggestion(name, ModuleTraceComponents()));
+        return false;
+    }
+    return true;
+}
+
+/// Whether one file is to be checked and nothing else.
+bool IsCheck(const Options &options, std::wstring &error) {
+    if (options.policyFile.empty() && options.configFile.empty())
+        return false;
+    if (!options.script.empty() || options.interactive)
+        error = L"--check-policy and --check-config check a file and run no script; leave out one of them";
+    else if (!options.policyFile.empty() && !options.configFile.empty())
+        error = L"--check-policy and --check-config check one file at a time; leave out one of them";
+    return true;
+}
+
 /// Whether the options are compatible.
 bool IsComplete(const Options &options, std::wstring &error) {
     if (options.help || options.version)
         return true;
+    if (IsCheck(options, error))
+        return error.empty();
     if (options.script.empty() && !options.interactive)
         error = L"no script is given: fc-host SCRIPT runs one, fc-host -i opens a prompt, fc-host --help tells more";
     else if (!options.script.empty() && options.interactive)
         error = L"-i opens a prompt and runs no script; leave out either -i or '" + options.script + L"'";
-    return error.empty() && !NamesOneFileTwice(options, error);
+    else if (options.steps && options.fast > 0)
+        error = L"--clock steps and --fast are two clocks; leave out one of them";
+    return error.empty() && !NamesOneFileTwice(options, error) && AreTracesKnown(options, error);
 }
 
 }  // namespace
@@ -163,14 +213,22 @@ const char *HelpText() {
            "\n"
            "  fc-host [options] SCRIPT [ARGUMENTS...]\n"
            "  fc-host [options] -i\n"
+           "  fc-host --check-policy FILE\n"
+           "  fc-host --check-config FILE\n"
            "\n"
            "  -i                 opens a prompt instead of running a script\n"
-           "  --fast N           runs on a simulated clock that is N times faster\n"
+           "  --clock steps      runs on a simulated clock that stands still until all wait, and is the same in each "
+           "run\n"
+           "  --fast N           runs on a simulated clock that is N times faster than the real one\n"
            "  --trace COMPONENT  prints the trace of a component, * for all; may be repeated\n"
            "  --quiet            prints neither traces, events, log lines nor steps\n"
            "  --events FILE      writes all events and notifications to a JSON file at the end\n"
            "  --report FILE      writes a HTML page about health and drivers at the end\n"
            "  --settings FILE    keeps the agent's settings in a file\n"
+           "  --check-policy FILE, --check-config FILE\n"
+           "                     tell what the module takes of a policy, or of a vt_filter.conf, and would do with "
+           "it,\n"
+           "                     with status 1 if there is something to correct\n"
            "  --help, --version\n"
            "\n"
            "A script finds the module with require \"fc\" and the agent's side in the global table host.\n"

@@ -10,11 +10,14 @@ struct Options {
     bool version = false;
     bool quiet = false;        ///< No traces, events or log lines on the console.
     bool interactive = false;  ///< A prompt instead of a script.
-    unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0 is the real clock.
+    unsigned fast = 0;         ///< How many times faster the simulated clock runs; 0: another clock.
+    bool steps = false;        ///< A simulated clock that stands still unless all threads wait.
     std::vector<std::wstring> traces;
     std::wstring eventsFile;    ///< Empty: none.
     std::wstring reportFile;    ///< Empty: none.
     std::wstring settingsFile;  ///< Empty: settings are kept in memory.
+    std::wstring policyFile;    ///< To check instead of running a script; empty: none.
+    std::wstring configFile;    ///< The same for a vt_filter.conf.
     std::wstring script;
     std::vector<std::wstring> arguments;  ///< The script's.
 };

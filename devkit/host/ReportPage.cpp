@@ -1,31 +1,16 @@
 #include "ReportPage.h"
 
-#include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <string_view>
 
-#include <windows.h>
-#include <wx/string.h>
+#include "Resource.h"
+
+#include "ReportDrivers.h"
+#include "ReportJson.h"
 
 namespace {
 
 /// More rows would make the page large without showing more.
 constexpr std::size_t kMaxRows = 12'000;
-constexpr std::size_t kMaxDriverRuns = 100;
-
-// The page's parts are resources of the program.
-
-/// @param error  names the resource if it is missing; the result is empty then.
-std::string_view Resource(const wchar_t *name, std::string &error) {
-    const HRSRC found = FindResourceW(nullptr, name, RT_RCDATA);
-    const HGLOBAL loaded = found != nullptr ? LoadResource(nullptr, found) : nullptr;
-    const void *data = loaded != nullptr ? LockResource(loaded) : nullptr;
-    if (data != nullptr)
-        return {static_cast<const char *>(data), SizeofResource(nullptr, found)};
-    error = "fc-host.exe lacks its resource " + wxString(name).utf8_string();
-    return {};
-}
 
 /// Replaces the mark, which occurs in the page once, by the text.
 void Insert(std::string &page, std::string_view mark, std::string_view text) {
@@ -35,36 +20,6 @@ void Insert(std::string &page, std::string_view mark, std::string_view text) {
 }
 
 // The run as JSON that is safe in a script element.
-
-/// Texts are UTF-8. Characters with a meaning in HTML are escaped.
-std::string Quoted(std::string_view text) {
-    constexpr std::string_view unsafe = "\"\\<>&'\x7F";
-    std::string quoted = "\"";
-    for (const char character : text) {
-        if (static_cast<unsigned char>(character) >= 0x20 && unsafe.find(character) == std::string_view::npos) {
-            quoted += character;
-            continue;
-        }
-        constexpr std::string_view digits = "0123456789abcdef";
-        const auto code = static_cast<unsigned char>(character);
-        quoted += "\\u00";
-        quoted += digits[code >> 4U];
-        quoted += digits[code & 0xFU];
-    }
-    return quoted + "\"";
-}
-
-/// With at most three decimals; null for a non-finite number.
-std::string Number(double value) {
-    if (!std::isfinite(value))
-        return "null";
-    constexpr double exact = 1e12;  // three decimals are not distinguishable beyond
-    if (std::fabs(value) < exact)
-        value = std::round(value * 1000) / 1000;
-    char text[32];
-    const std::to_chars_result end = std::to_chars(std::begin(text), std::end(text), value);
-    return {text, end.ptr};
-}
 
 /// "name":[...] with the result of `get` for each row.
 template <typename Get>
@@ -127,38 +82,6 @@ std::string NotesAsJson(const std::vector<HealthNote> &notes, double start) {
     return json;
 }
 
-std::string StepsAsJson(const std::vector<DriverStep> &steps, double start) {
-    std::string json;
-    for (const DriverStep &step : steps) {
-        json += json.empty() ? "\n" : ",\n";
-        json += "{\"name\":" + Quoted(step.name) + ",\"depth\":" + std::to_string(step.depth) +
-                ",\"limit\":" + std::to_string(step.limit) + ",\"begin\":" + Number(step.begin - start) +
-                ",\"end\":" + (step.end ? Number(*step.end - start) : "null") +
-                ",\"killed\":" + (step.killed ? "true" : "false") + ",\"failed\":" + (step.failed ? "true" : "false") +
-                "}";
-    }
-    return json;
-}
-
-std::string DriverRunAsJson(const DriverRun &run, double start) {
-    const bool isInstallation = run.kind == DriverRun::Kind::Installation;
-    return std::string(R"({"kind":")") + (isInstallation ? "installation" : "removal") + R"(","begin":)" +
-           Number(run.begin - start) + R"(,"end":)" + (run.end ? Number(*run.end - start) : "null") +
-           R"(,"succeeded":)" + (run.succeeded ? "true" : "false") + R"(,"rebootAsked":)" +
-           (run.rebootAsked ? "true" : "false") + R"(,"failedStep":)" + Quoted(run.failedStep) + R"(,"steps":[)" +
-           StepsAsJson(run.steps, start) + "]}";
-}
-
-/// The latest ones.
-std::string DriverRunsAsJson(const std::vector<DriverRun> &runs, double start) {
-    std::string json;
-    for (std::size_t i = runs.size() - std::min(runs.size(), kMaxDriverRuns); i < runs.size(); ++i) {
-        json += json.empty() ? "\n" : ",\n";
-        json += DriverRunAsJson(runs[i], start);
-    }
-    return json;
-}
-
 /// Of the first iteration; without one, of the first installation or removal, or else of the first note.
 double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> &runs,
                const std::vector<HealthNote> &notes) {
@@ -169,12 +92,13 @@ double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> 
     return notes.empty() ? 0 : notes.front().time;
 }
 
-std::string RunAsJson(const HealthHistory &history, const std::vector<DriverRun> &runs, const std::string &script) {
+std::string RunAsJson(const HealthHistory &history, const std::vector<DriverRun> &runs, const ReportedScript &script) {
     const std::vector<HealthRow> all = history.Rows();
     const std::vector<HealthRow> rows = ThinOut(all, kMaxRows);
     const std::vector<HealthNote> notes = history.Notes();
     const double start = StartOf(rows, runs, notes);
-    return "{\"script\":" + Quoted(script) + ",\n\"start\":" + Number(start) +
+    return "{\"script\":" + Quoted(script.name) + ",\n\"error\":" + Quoted(script.error) +
+           ",\n\"status\":" + std::to_string(script.status) + ",\n\"start\":" + Number(start) +
            ",\n\"iterations\":" + std::to_string(all.size()) + ",\n" + RowsAsJson(rows, start) + ",\n\"metrics\":[" +
            MetricsAsJson(rows) + "],\n\"driverRuns\":[" + DriverRunsAsJson(runs, start) +
            "],\n\"notesLeftOut\":" + std::to_string(history.NotesLeftOut()) + ",\n\"notes\":[" +
@@ -184,11 +108,11 @@ std::string RunAsJson(const HealthHistory &history, const std::vector<DriverRun>
 }  // namespace
 
 std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
-                                          const std::string &script, std::string &error) {
+                                          const ReportedScript &script, std::string &error) {
     std::string lacking;
     std::string page(Resource(L"REPORT_PAGE", lacking));
     Insert(page, "/*STYLE*/", Resource(L"REPORT_STYLE", lacking));
-    for (const wchar_t *part : {L"REPORT_SCALES", L"REPORT_CHARTS", L"REPORT_STEPS", L"REPORT_SCRIPT"})
+    for (const wchar_t *part : {L"REPORT_SCALES", L"REPORT_CHARTS", L"REPORT_TEXTS", L"REPORT_STEPS", L"REPORT_SCRIPT"})
         Insert(page, "/*SCRIPT*/", std::string(Resource(part, lacking)) + "/*SCRIPT*/");
     if (!lacking.empty()) {
         error = lacking;

@@ -4,11 +4,17 @@
 #include <optional>
 #include <string>
 
-#include "DriverRuns.h"
+#include "DriverRun.h"
 #include "HealthHistory.h"
 
+/// The script that ran, in UTF-8.
+struct ReportedScript {
+    std::string name;
+    std::string error{};  ///< The error that ended it; empty: none.
+    int status = 0;       ///< Its exit status.
+};
+
 /// A self-contained HTML page.
-/// @param script  the name of the script that ran, UTF-8.
-/// @param error   says which part of the page the program lacks, if nothing is returned.
+/// @param error  says which part of the page the program lacks, if nothing is returned.
 std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
-                                          const std::string &script, std::string &error);
+                                          const ReportedScript &script, std::string &error);

@@ -6,11 +6,12 @@
 #include <cstdlib>
 #include <optional>
 
+#include "Hints.h"
 #include "Interruption.h"
 
 namespace {
 
-/// Appends a traceback to the error's text; describes an error that is not a text.
+/// Appends a hint, if there is one, and a traceback to the error's text; describes an error that is not a text.
 int DescribeError(lua_State *L) {
     const char *message = lua_tostring(L, 1);
     if (message == nullptr) {
@@ -18,6 +19,8 @@ int DescribeError(lua_State *L) {
             return 1;
         message = lua_pushfstring(L, "(error object is a %s value)", luaL_typename(L, 1));
     }
+    if (const char *hint = HintFor(L, message))
+        message = lua_pushfstring(L, "%s\nhint: %s", message, hint);
     luaL_traceback(L, L, message, 1);
     return 1;
 }
@@ -48,6 +51,8 @@ int RunChunk(lua_State *L) {
     return 1;
 }
 
+int g_exitStatus = 0;
+
 constexpr const char *kStatusExpected = "nothing, a boolean or a whole number from 0 to 255 expected";
 
 /// @return empty for an invalid status. Shells could not distinguish others.
@@ -71,14 +76,23 @@ int Exit(lua_State *L) {
     if (!status)
         return luaL_argerror(L, 1, kStatusExpected);
     InterruptScript(nullptr);
+    g_exitStatus = *status;
     if (lua_toboolean(L, 2) != 0)
         lua_close(L);
     std::exit(*status);
 }
 
+/// @param error  receives the text, if not null.
+void Report(const std::string &text, std::string *error) {
+    (void)std::fflush(stdout);
+    (void)std::fprintf(stderr, "fc-host: %s\n", text.c_str());
+    if (error != nullptr)
+        *error = text;
+}
+
 }  // namespace
 
-bool CallReporting(lua_State *L, const void *argument) {
+bool CallReporting(lua_State *L, const void *argument, std::string *error) {
     const int function = lua_gettop(L);
     lua_pushcfunction(L, DescribeError);
     lua_insert(L, function);
@@ -87,24 +101,26 @@ bool CallReporting(lua_State *L, const void *argument) {
     lua_remove(L, function);
     if (succeeded)
         return true;
-    (void)std::fflush(stdout);
-    (void)std::fprintf(stderr, "fc-host: %s\n", lua_tostring(L, -1));
+    Report(lua_tostring(L, -1), error);
     lua_pop(L, 1);
     return false;
 }
 
-int RunScript(lua_State *L, const Script &script) {
+int RunScript(lua_State *L, const Script &script, std::string &error) {
     lua_pushcfunction(L, RunChunk);
-    if (!CallReporting(L, &script))
+    if (!CallReporting(L, &script, &error))
         return kScriptFailed;
     const std::optional<int> status = ReadStatus(L, -1);
     if (!status) {
-        (void)std::fflush(stdout);
         const char *what = lua_type(L, -1) == LUA_TNUMBER ? lua_tostring(L, -1) : luaL_typename(L, -1);
-        (void)std::fprintf(stderr, "fc-host: the script returns %s; %s\n", what, kStatusExpected);
+        Report("the script returns " + std::string(what) + "; " + kStatusExpected, &error);
     }
     lua_pop(L, 1);
     return status.value_or(kScriptFailed);
+}
+
+int ExitStatus() {
+    return g_exitStatus;
 }
 
 void UseCheckedExit(lua_State *L) {

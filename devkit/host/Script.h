@@ -17,9 +17,13 @@ struct Script {
 };
 
 /// Runs the script with its arguments; prints an error to standard error with a traceback.
+/// @param error  receives the error, if there is one.
 /// @return the status for the program: what the script returns, if that is a whole number from 0 to 255; 0 for nothing
 ///   and true; kScriptFailed for false, after an error, and for anything else, with a message.
-[[nodiscard]] int RunScript(lua_State *L, const Script &script);
+[[nodiscard]] int RunScript(lua_State *L, const Script &script, std::string &error);
+
+/// What a script has given to os.exit; 0 before.
+[[nodiscard]] int ExitStatus();
 
 /// Replaces os.exit by a function that accepts the same values as results of scripts. Raises Lua errors.
 void UseCheckedExit(lua_State *L);
@@ -30,4 +34,5 @@ void RunPrompt(lua_State *L);
 
 /// Calls the function on top of the stack, which takes the argument as a light userdata and returns one value.
 /// @return true with the value on the stack; false after an error, which is reported.
-[[nodiscard]] bool CallReporting(lua_State *L, const void *argument);
+/// @param error  receives the error, if not null.
+[[nodiscard]] bool CallReporting(lua_State *L, const void *argument, std::string *error = nullptr);

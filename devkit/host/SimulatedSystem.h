@@ -3,9 +3,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Machine.h"
 
@@ -24,14 +27,18 @@ public:
 
     /// Attaches a simulated clock to the loaded libraries, and to fc.dll once it is loaded.
     /// @param factor  how many times faster than real time it runs, from 1.
-    void StartFastClock(unsigned factor);
+    /// @param late    is told when the machine is too slow for that; see Simulator::Clock::OnLate.
+    void StartFastClock(unsigned factor, std::function<void(double seconds)> late = {});
+    /// The same with a clock that stands still unless all threads wait, and is the same in each run: see
+    /// Simulator::Clock::TakeTurns. The calling thread is the script's.
+    void StartSteppedClock();
     bool HasClock() const { return m_hasClock; }
     /// Advances the simulated clock; does nothing in real time.
     void Advance(double seconds);
     /// Sets the time of day of the simulated clock, even backwards; sleeps and waits are not affected.
     /// @param seconds  since 1970, UTC.
     void SetWallClock(std::int64_t seconds);
-    /// See FastForward::WhenHit; does nothing in real time.
+    /// See FastForward::WhenHit; does nothing in real time. A stepped clock moves by itself then.
     void AdvanceWhenHit(std::shared_ptr<Simulator::FaultPlan> plan, unsigned long milliseconds);
 
     const Simulator::Machine &GetMachine() const { return m_machine; }
@@ -41,10 +48,22 @@ public:
     /// The installation. From its first use on, fc.dll runs on it, and on the machine.
     /// @throws std::exception  if its registry or its folders can't be created.
     Installation &UseInstallation();
-    /// The same for its faults. They affect the calls that CanFail knows.
+    /// The same without a first use; null before that.
+    const Installation *FindInstallation() const;
+    /// Boots the machine again. The module is not loaded then. Ticks begin at 0 if the clock is simulated.
+    void Reboot();
+    /// Kills the threads that hang in a call, and with a stepped clock all but the calling one.
+    void KillThreads();
+    /// The same for its faults, which affect Calls.
     Simulator::Faults &UseFaults();
-    /// Whether a simulated system has the call, whatever is simulated so far.
-    /// @param call  a function, or a method such as "INetCfg::Apply".
+    /// The calls that a simulated system has, whatever is simulated so far: functions, and methods such as
+    /// "INetCfg::Apply". Sorted.
+    static std::vector<std::string> Calls();
+    /// The call with this name, which may be the name in the module's events: without the W at its end, and followed by
+    /// arguments. Nothing if there is none.
+    static std::optional<std::string_view> FindCall(std::string_view name);
+    /// Whether a plan can make it fail; others can only hang or be late.
+    /// @param call  one of Calls.
     static bool CanFail(std::string_view call);
     /// Calls in the simulator's journal, which stays empty: a host may run for days.
     std::size_t RecordedCalls() const;
@@ -59,6 +78,7 @@ private:
     struct Parts;
     Parts &Use();
     void PutUnderModule();
+    void PutClock();
 
     Simulator::Machine m_machine;  // used by the functions in m_parts until they are destroyed
     std::unique_ptr<Parts> m_parts;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 
 #include "Console.h"
 #include "WallClock.h"
@@ -16,12 +15,6 @@ const char *RunName(DriverRun::Kind kind) {
     return kind == DriverRun::Kind::Installation ? "installation" : "removal";
 }
 
-std::string Seconds(double seconds) {
-    char text[32] = "";
-    (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
-    return text;
-}
-
 std::string Indented(const DriverStep &step, char mark) {
     return std::string(step.depth + 1, ' ') + mark + step.name;
 }
@@ -29,7 +22,7 @@ std::string Indented(const DriverStep &step, char mark) {
 }  // namespace
 
 std::string NewsLine(const DriverNews &news) {
-    const std::string took = Seconds(news.time - news.begin);
+    const std::string took = SecondsText(news.time - news.begin);
     const std::string most = news.step.limit == 0 ? "" : " of " + std::to_string(news.step.limit) + " s";
     const std::string line = "step    ";
     switch (news.what) {
@@ -44,14 +37,14 @@ std::string NewsLine(const DriverNews &news) {
         case DriverNews::What::RunEnds:
             break;
     }
-    return line + RunName(news.kind) + " ends after " + took;
+    return line + RunName(news.kind) + " ends after " + took + (news.outcome.empty() ? "" : ": " + news.outcome);
 }
 
 std::string StatusText(const DriverRun &run, double now, std::size_t width) {
-    std::string text = std::string(RunName(run.kind)) + ", " + Seconds(now - run.begin);
+    std::string text = std::string(RunName(run.kind)) + ", " + SecondsText(now - run.begin);
     const auto open = std::find_if(run.steps.rbegin(), run.steps.rend(), [](const auto &step) { return !step.end; });
     if (open != run.steps.rend())
-        text += ": " + open->name + ", " + Seconds(now - open->begin) + " of " + std::to_string(open->limit) + " s";
+        text += ": " + open->name + ", " + SecondsText(now - open->begin) + " of " + std::to_string(open->limit) + " s";
     if (text.size() > width)
         text.resize(width);
     return text;
@@ -61,13 +54,15 @@ void StepDisplay::Begin(DriverRuns &runs) {
     if (IsTerminal()) {
         // At once, so that the script's next output finds an empty line.
         runs.OnNews([this](const DriverNews &news) {
-            if (news.what == DriverNews::What::RunEnds)
-                ShowNothing();
+            if (news.what != DriverNews::What::RunEnds)
+                return;
+            ShowNothing();
+            PrintLineOf(news.time, NewsLine(news));
         });
         m_updater = std::thread([this, &runs] { Update(runs); });
         return;
     }
-    runs.OnNews([](const DriverNews &news) { PrintLine(NewsLine(news)); });
+    runs.OnNews([](const DriverNews &news) { PrintLineOf(news.time, NewsLine(news)); });
 }
 
 void StepDisplay::Update(const DriverRuns &runs) {

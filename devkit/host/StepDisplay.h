@@ -16,7 +16,8 @@ std::string NewsLine(const DriverNews &news);
 /// @param width  longer text is cut off.
 std::string StatusText(const DriverRun &run, double now, std::size_t width);
 
-/// On a terminal one line that changes in place, otherwise a line for the beginning and the end of each step.
+/// On a terminal one line that changes in place and one for the outcome, otherwise a line for the beginning and the end
+/// of each step.
 class StepDisplay {
 public:
     ~StepDisplay() { End(); }

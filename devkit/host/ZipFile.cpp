@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include <wx/log.h>
+#include <wx/mstream.h>
 #include <wx/zipstrm.h>
 
 #include "Text.h"
@@ -48,10 +49,11 @@ bool ZipFile::Close(std::string &error) {
 
 std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error) {
     const wxLogNull quiet;  // the error reports the failure
-    error = "cannot read " + path.utf8_string();
-    wxFileInputStream file(path);
-    if (!file.IsOk())
+    const std::optional<std::string> content = ReadWholeFile(path.ToStdWstring(), error);
+    if (!content)
         return std::nullopt;
+    error = "cannot read " + path.utf8_string();
+    wxMemoryInputStream file(content->data(), content->size());
     wxZipInputStream zip(file);
     std::vector<ZippedFile> files;
     for (std::unique_ptr<wxZipEntry> entry(zip.GetNextEntry()); entry; entry.reset(zip.GetNextEntry())) {
@@ -61,8 +63,10 @@ std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::st
             return std::nullopt;
         }
     }
-    if (zip.GetLastError() != wxSTREAM_EOF)
+    if (zip.GetLastError() != wxSTREAM_EOF) {
+        error += files.empty() ? ": it is no zip file" : ": it is cut off, or broken, behind " + files.back().name;
         return std::nullopt;
+    }
     error.clear();
     return files;
 }

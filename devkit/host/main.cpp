@@ -10,16 +10,19 @@
 #include <io.h>
 #include <wx/init.h>
 
+#include "Console.h"
 #include "Files.h"
 #include "HostState.h"
 #include "HostLog.h"
 #include "HostVersion.h"
 #include "Interruption.h"
 #include "LuaEdge.h"
+#include "PolicyCheck.h"
 #include "Program.h"
 #include "ReportPage.h"
 #include "Script.h"
 #include "Text.h"
+#include "settings_control.h"
 
 namespace {
 
@@ -72,8 +75,9 @@ bool WriteReport(const HostState &host) {
     if (host.history == nullptr)
         return true;
     std::string error;
-    const std::optional<std::string> page =
-        MakeReportPage(*host.history, host.runs.All(), ToUtf8(host.options.script), error);
+    const ReportedScript script{ToUtf8(host.options.script), ToUtf8(ToWide(host.scriptError)),
+                                host.scriptStatus != 0 ? host.scriptStatus : ExitStatus()};
+    const std::optional<std::string> page = MakeReportPage(*host.history, host.runs.All(), script, error);
     return Succeeds(page && WriteWholeFile(host.options.reportFile, *page, error), error);
 }
 
@@ -128,6 +132,14 @@ void SaveForInterruption() {
     (void)std::fflush(stdout);
 }
 
+/// Faults that never struck, and the like. A script that was interrupted did not get that far.
+void TellUnusedPlans(HostState &host) {
+    if (IsInterrupted())
+        return;
+    for (const std::string &text : host.plans.SettleAll())
+        (void)Complain(text);
+}
+
 /// What must happen however the program ends: a script may call os.exit.
 void EndHost() {
     g_ending.lock();
@@ -136,6 +148,7 @@ void EndHost() {
     host.steps.End();
     VtaCore::Control::SetThreadListener(nullptr);
     VtaCore::Control::SetObserver(nullptr);
+    TellUnusedPlans(host);
     bool complete = CloseZips(host);
     complete = WriteEvents(host) && complete;
     complete = WriteReport(host) && complete;
@@ -149,29 +162,40 @@ void EndHost() {
         _exit(kCannotRun);
 }
 
-/// Installations and removals of drivers are watched for the console and for the report.
+/// Installations and removals of drivers are watched for the console, the report and scripts.
 void WatchRuns(HostState &host) {
-    if (host.options.quiet && host.history == nullptr)
-        return;
     if (!host.options.quiet)
         host.steps.Begin(host.runs);
     host.events.SetRuns(&host.runs);
     VtaCore::Control::SetThreadListener(&host.runs);
 }
 
+/// Unreadable settings are not replaced.
+bool CanReadSettings(const Options &options) {
+    if (options.settingsFile.empty())
+        return true;
+    const std::string fault = ToUtf8(VtaCore::Control::SettingsFault(wxString(options.settingsFile)));
+    return fault.empty() || Succeeds(false, "cannot read the settings in " + ToUtf8(options.settingsFile) + ": " +
+                                                fault + "; correct the file, or name another one");
+}
+
 /// @return false if the settings can't be saved.
 bool StartHost(HostState &host) {
+    if (!CanReadSettings(host.options))
+        return false;
     host.dom = std::make_unique<VtaCore::Control::Dom>(wxString(host.options.settingsFile));
     if (!AreSettingsKept(host))
         return false;
-    host.log = new HostLog(!host.options.quiet, host.history.get());
+    host.log = new HostLog(!host.options.quiet, host.history.get(), host.runs);
     delete wxLog::SetActiveTarget(host.log);
     host.events.SetPrinting(!host.options.quiet);
     host.events.SetHistory(host.history.get());
     WatchRuns(host);
     VtaCore::Control::SetObserver(&host.events);
-    for (const std::wstring &component : host.options.traces)
+    for (const std::wstring &component : host.options.traces) {
         VtaCore::Control::EnableTrace(wxString(component), true);
+        NoteWantedTrace(host, "--trace: ", ToUtf8(component));
+    }
     return std::atexit(EndHost) == 0;
 }
 
@@ -205,13 +229,25 @@ int RunLua(const Options &options, const Script &script) {
         return kCannotRun;
     lua_pop(L.get(), 1);
     InterruptScript(L.get());
+    HostState &host = TheHost();
     int status = 0;
     if (options.interactive)
         RunPrompt(L.get());
     else
-        status = RunScript(L.get(), script);
+        status = RunScript(L.get(), script, host.scriptError);
+    host.scriptStatus = status;
     InterruptScript(nullptr);
     return status;
+}
+
+/// The module takes the delay for one of its own: a health check, for example, for an interval that is too long.
+void TellTooFast(double seconds) {
+    char text[160] = "";
+    (void)std::snprintf(text, sizeof text,
+                        "--fast %u is too fast for this machine: a wait ended %.0f s late. Take a smaller number, or "
+                        "--clock steps",
+                        TheHost().options.fast, seconds);
+    PrintLine(std::string("fc-host: ") + text);
 }
 
 /// The script's file; for the prompt there is none.
@@ -228,6 +264,14 @@ bool ReadScript(const Options &options, Script &script, std::string &error) {
     return true;
 }
 
+int CheckAndTell(const Options &options) {
+    std::string error;
+    const bool isFine = CheckFile(options, error);
+    if (!error.empty())
+        return Complain(error);
+    return isFine ? 0 : kScriptFailed;
+}
+
 void PrintVersion() {
     (void)std::printf("fc-host %s, %s, %s\n", HostVersion(), LUA_RELEASE, ToUtf8(wxString(wxVERSION_STRING)).c_str());
 }
@@ -236,6 +280,8 @@ int Run(const Options &options) {
     std::wstring missing;
     if (!FindLibraries(missing))
         return Complain(ToUtf8(missing));
+    if (!options.policyFile.empty() || !options.configFile.empty())
+        return CheckAndTell(options);
     Script script;
     std::string error;
     if (!ReadScript(options, script, error))
@@ -251,7 +297,9 @@ int Run(const Options &options) {
     if (!CanWriteOutputs(host))
         return kCannotRun;
     if (options.fast > 0)
-        host.system.StartFastClock(options.fast);
+        host.system.StartFastClock(options.fast, TellTooFast);
+    else if (options.steps)
+        host.system.StartSteppedClock();
     if (!WatchForInterruption(SaveForInterruption))
         return Complain("Ctrl-C can't be watched for");
     if (!StartHost(host))

@@ -17,6 +17,8 @@ constexpr Interval kUnixEpoch = seconds(11'644'473'600);
 /// A waiting thread polls the clock this often, since mode and time may change meanwhile.
 constexpr DWORD kLongestSliceMs = 50;
 constexpr DWORD kSteppedSliceMs = 1;
+/// How long the system has been running when threads take turns.
+constexpr Interval kFirstTick = std::chrono::hours(1);
 
 std::int64_t CounterFrequency() {
     LARGE_INTEGER frequency{};
@@ -88,6 +90,15 @@ void Clock::Step(AutoAdvance autoAdvance) {
     m_state.Rebase();
     m_state.factor = 0;
     m_state.autoAdvance = autoAdvance;
+}
+
+void Clock::TakeTurns(std::int64_t unixSeconds) {
+    {
+        const LockGuard guard(m_lock);
+        m_state = {.factor = 0, .base = kFirstTick};
+    }
+    SetWallClockUnix(unixSeconds);
+    m_turns.Begin([this](Interval time) { AdvanceTo(time); });
 }
 
 void Clock::Advance(Interval by) {
@@ -184,7 +195,33 @@ void Clock::FollowUntil(Interval deadline) {
     SetFollowerSleeps(false);
 }
 
+/// Also one without an end.
+DWORD Clock::WaitInTurn(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {
+    DWORD result = WAIT_TIMEOUT;
+    Turns::Probe isOver;
+    if (purpose == Purpose::Wait)
+        isOver = [&] { return (result = real(0)) != WAIT_TIMEOUT; };
+    if (isOver != nullptr && isOver())
+        return result;
+    std::optional<Interval> until;
+    if (timeoutMs != INFINITE)
+        until = Now() + milliseconds(timeoutMs);
+    (void)m_turns.Wait(until, isOver);
+    return result;
+}
+
+void Clock::NoteLateness(Interval deadline) {
+    const State state = Read();
+    const Interval late = state.Now() - deadline;
+    if (state.factor > 1 && late > kTooLate && m_tellLate != nullptr && !m_wasLate.exchange(true))
+        m_tellLate(late);
+}
+
 DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real) {
+    if (timeoutMs != 0 && m_turns.TakesPart()) {
+        const InsideSimulator inside;
+        return WaitInTurn(timeoutMs, purpose, real);
+    }
     if (timeoutMs == 0 || timeoutMs == INFINITE)
         return real(timeoutMs);
 
@@ -208,6 +245,8 @@ DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DW
             (autoAdvance == AutoAdvance::Sleeps && purpose == Purpose::Sleep))
             AdvanceTo(deadline);
         result = WaitUntil(deadline, real);
+        if (result == WAIT_TIMEOUT)
+            NoteLateness(deadline);
     }
     const LockGuard guard(m_lock);
     m_waiting.erase(m_waiting.find(GetCurrentThreadId()));
@@ -230,8 +269,11 @@ bool Clock::AwaitWaiting(std::size_t threads, DWORD realTimeoutMs) const {
 }
 
 void Clock::End() {
-    const LockGuard guard(m_lock);
-    m_state.ended = true;
+    {
+        const LockGuard guard(m_lock);
+        m_state.ended = true;
+    }
+    m_turns.End();
 }
 
 }  // namespace Simulator

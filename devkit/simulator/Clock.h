@@ -5,16 +5,19 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <set>
+#include <utility>
 
 #include "Lock.h"
+#include "SimulatedTime.h"
+#include "Turns.h"
 
 namespace Simulator {
 
 class FunctionSet;
-
-/// The resolution of the system's file times.
-using Interval = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+struct Core;
 
 /// Starts with the real time and speed. It replaces the ticks, the performance counter, the wall clock, the sleeps, and
 /// the waits with a timeout (see InstallClock). Any thread.
@@ -35,6 +38,11 @@ public:
     void RunFast(unsigned factor);
     /// Time stands still until it is advanced.
     void Step(AutoAdvance autoAdvance = AutoAdvance::None);
+    /// Time stands still until it is advanced, or until all threads that take turns wait; it is the same in
+    /// each run. The calling thread takes part, and so do those that it makes: see Turns and InstallTurns.
+    /// @param unixSeconds  the initial time of day.
+    void TakeTurns(std::int64_t unixSeconds);
+    [[nodiscard]] Turns &GetTurns() { return m_turns; }
     /// Advances time, in any mode. Threads whose wait is over wake up within some real milliseconds.
     void Advance(Interval by);
 
@@ -69,6 +77,12 @@ public:
     /// @param real       waits for some real milliseconds; WAIT_TIMEOUT if nothing else ended the wait.
     DWORD Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
 
+    /// Is called once, when a wait on a fast clock has ended so late that the program must take the delay for one of
+    /// its own: the real machine is too slow for that speed.
+    /// @param tell  gets the delay in simulated time; any thread. Set before anybody waits.
+    void OnLate(std::function<void(Interval)> tell) { m_tellLate = std::move(tell); }
+    static constexpr Interval kTooLate = std::chrono::seconds(10);
+
     /// Number of living threads in a timed wait.
     [[nodiscard]] std::size_t Waiting() const;
     /// Waits until there are at least so many, so that a test knows for whom it advances the clock.
@@ -102,6 +116,8 @@ private:
     [[nodiscard]] Slice SliceUntil(Interval deadline) const;
     DWORD WaitUntil(Interval deadline, const std::function<DWORD(DWORD)> &real) const;
     void FollowUntil(Interval deadline);
+    DWORD WaitInTurn(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
+    void NoteLateness(Interval deadline);
     void SetFollowerSleeps(bool sleeps);
 
     mutable Lock m_lock;
@@ -109,6 +125,9 @@ private:
     std::atomic<DWORD> m_follower{0};
     bool m_followerSleeps = false;
     std::multiset<DWORD> m_waiting;
+    Turns m_turns;
+    std::function<void(Interval)> m_tellLate;
+    std::atomic<bool> m_wasLate{false};
 };
 
 /// Puts the clock under these functions: Sleep, SleepEx, WaitForSingleObject, WaitForSingleObjectEx,
@@ -120,5 +139,9 @@ private:
 /// Attach(GetModuleHandleW(L"msvcrt.dll"), {"GetSystemTimeAsFileTime"}). With Wine's msvcrt, too, this is an
 /// import like any other. Name the function: all of the runtime's imports are not meant.
 void InstallClock(FunctionSet &functions, Clock &clock);
+
+/// Puts the turns of the core's clock under the functions that make, suspend and kill threads, and under
+/// EnterCriticalSection: CreateThread, _beginthreadex, SuspendThread, ResumeThread, TerminateThread.
+void InstallTurns(FunctionSet &functions, const std::shared_ptr<Core> &core);
 
 }  // namespace Simulator

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "CallScope.h"
+#include "Clock.h"
 
 namespace Simulator {
 
@@ -46,10 +47,35 @@ void FaultPlan::Meet() {
     m_hit.Set();
 }
 
-void FaultPlan::Hang() {
+void FaultPlan::BeginHanging() {
+    const InsideSimulator inside;
     m_hangingThread = GetCurrentThreadId();
+    {
+        const LockGuard guard(m_lock);
+        m_hung.emplace_back(OpenThread(THREAD_TERMINATE | SYNCHRONIZE, FALSE, GetCurrentThreadId()));
+    }
     Meet();
+}
+
+void FaultPlan::KillHung() {
+    const InsideSimulator inside;
+    if (m_released.IsSet())
+        return;
+    const LockGuard guard(m_lock);
+    for (const UniqueHandle &thread : m_hung)
+        KillThread(thread.get());
+    m_hung.clear();
+}
+
+void FaultPlan::Hang() {
+    BeginHanging();
     m_released.Wait(INFINITE);
+}
+
+void FaultPlan::Hang(Clock &clock) {
+    BeginHanging();
+    (void)clock.Wait(INFINITE, Clock::Purpose::Wait,
+                     [this](DWORD ms) { return m_released.Wait(ms) ? WAIT_OBJECT_0 : WAIT_TIMEOUT; });
 }
 
 void FaultPlan::Release() {
@@ -112,6 +138,13 @@ void Faults::ReleaseHung() {
         if (plan->m_kind == FaultPlan::Kind::Hang)
             plan->Release();
     }
+}
+
+void Faults::KillHung() {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    for (const FaultPlanHandle &plan : m_plans)
+        plan->KillHung();
 }
 
 void Faults::Clear() {

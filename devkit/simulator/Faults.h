@@ -12,9 +12,11 @@
 
 #include "Event.h"
 #include "Lock.h"
+#include "UniqueHandle.h"
 
 namespace Simulator {
 
+class Clock;
 class FaultPlan;
 
 /// A plan counts the calls of all threads, or those of one thread, which it names by its number: threads are numbered
@@ -45,6 +47,10 @@ public:
     [[nodiscard]] bool WaitUntilHit(DWORD timeoutMs) const { return m_hit.WaitUnless(m_released, timeoutMs); }
     /// Hangs the calling thread until the plan is released.
     void Hang();
+    /// The same as a wait of the clock, so that others get their turns.
+    void Hang(Clock &clock);
+    /// Kills the threads that hang.
+    void KillHung();
     /// Ends the plan, and releases the calls that hang: those then do their work.
     void Release();
 
@@ -55,6 +61,7 @@ private:
     bool IsForThisThread();
     void Apply(const std::string &function, Verdict &verdict);
     void Meet();
+    void BeginHanging();
 
     enum class Kind { Fail, Hang, Delay };
     Kind m_kind = Kind::Fail;
@@ -68,6 +75,7 @@ private:
     std::string m_hitFunction;
     std::atomic<unsigned> m_hits{0};
     std::atomic<DWORD> m_hangingThread{0};  ///< The last one that hung.
+    std::vector<UniqueHandle> m_hung;       ///< A thread's id may be reused once it has ended.
     Event m_hit;
     Event m_released;
 };
@@ -95,6 +103,8 @@ public:
 
     /// Releases every plan that hangs calls.
     void ReleaseHung();
+    /// Kills the threads that hang. The plans stay.
+    void KillHung();
     /// Releases and forgets all plans. Counts stay.
     void Clear();
 

@@ -59,6 +59,22 @@ std::vector<MoveAtBoot> FilesInUse::LeftToBoot() const {
     return m_leftToBoot;
 }
 
+void FilesInUse::Boot() {
+    const InsideSimulator inside;
+    std::vector<MoveAtBoot> moves;
+    {
+        const LockGuard guard(m_lock);
+        m_held.clear();
+        moves.swap(m_leftToBoot);
+    }
+    for (const MoveAtBoot &move : moves) {
+        if (!move.to.empty())
+            (void)MoveFileExW(move.from.c_str(), move.to.c_str(), MOVEFILE_REPLACE_EXISTING);
+        else if (!DeleteFileW(move.from.c_str()))
+            (void)RemoveDirectoryW(move.from.c_str());
+    }
+}
+
 void InstallFilesInUse(FunctionSet &functions, FilesInUse &files) {
     functions.Put<System::DeleteFileW>([&files](const auto &next, const wchar_t *path) {
         const DWORD error = files.ErrorOf(TextOf(path));

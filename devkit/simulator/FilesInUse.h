@@ -34,6 +34,8 @@ public:
     void LeaveToBoot(MoveAtBoot move);
     /// In the order of the calls.
     [[nodiscard]] std::vector<MoveAtBoot> LeftToBoot() const;
+    /// What a boot does: no file is in use, and what was left to it is done, as far as it can be done by then.
+    void Boot();
 
 private:
     mutable Lock m_lock;

@@ -9,8 +9,8 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -58,8 +58,8 @@ struct FixedText {
 /// The function of a library, which is loaded if necessary; null if there is none. Keeps the last error.
 [[nodiscard]] FARPROC FindRealFunction(const char *library, const char *function);
 
-/// The names of all functions that this program could put in a FunctionSet.
-[[nodiscard]] std::set<std::string_view> &ReplaceableFunctions();
+/// The names of all functions that this program could put in a FunctionSet, and whether a plan can make them fail.
+[[nodiscard]] std::map<std::string_view, bool> &ReplaceableFunctions();
 
 template <FixedText Name, FixedText Library, class Signature, class FailureValue>
 class Function;
@@ -135,7 +135,7 @@ private:
     };
 
     /// Set before main, in every program that contains Begin.
-    inline static const bool isListed = ReplaceableFunctions().insert(name).second;
+    inline static const bool isListed = ReplaceableFunctions().emplace(name, Failure::canFail).second;
 
     /// Never destroyed: replacements may be called while the process ends.
     static Slot &TheSlot() {

@@ -76,8 +76,8 @@ struct LoadNotification {
     }
 };
 
-std::set<std::string_view> &ReplaceableFunctions() {
-    static std::set<std::string_view> names;
+std::map<std::string_view, bool> &ReplaceableFunctions() {
+    static std::map<std::string_view, bool> names;
     return names;
 }
 
@@ -86,7 +86,7 @@ Verdict Core::Enter(const std::string &function, bool canFail) {
     if (verdict.delayMs != 0)
         clock.SleepFor(verdict.delayMs);
     for (const auto &hang : verdict.hangs)
-        hang->Hang();
+        hang->Hang(clock);
     return verdict;
 }
 

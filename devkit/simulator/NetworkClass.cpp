@@ -24,6 +24,7 @@ HRESULT CountRemoval(NetworkComponent *component, std::optional<std::wstring> &g
         if (left == 0)
             gone = component->id;
     }
+    component->goesAtBoot = component->goesAtBoot || component->deInstallResult == NETCFG_S_REBOOT;
     return component->deInstallResult;
 }
 
@@ -125,7 +126,7 @@ HRESULT NetworkClassSetup::Put(LPCWSTR id, const OBO_TOKEN *token, const char *f
         m_engine->WhenLocked([&](NetworkState &state) { return InstallIn(state, id, m_class->ClassGuid(), key); });
     if (key == 0)
         return result;
-    m_engine->Network().Tell({NetworkMoment::What::Installed, id});
+    m_engine->Network().Tell({NetworkMoment::What::Installed, id, {}, result == NETCFG_S_REBOOT});
     if (component != nullptr)
         *component = m_engine->GiveComponent(key, function);
     return result;
@@ -148,7 +149,7 @@ HRESULT NetworkClassSetup::Remove(INetCfgComponent *component, const OBO_TOKEN *
     if (!gone)
         return result;
     m_engine->Network().Remove(ours->Key());
-    m_engine->Network().Tell({NetworkMoment::What::Removed, *gone});
+    m_engine->Network().Tell({NetworkMoment::What::Removed, *gone, {}, result == NETCFG_S_REBOOT});
     return result;
 }
 

@@ -177,6 +177,20 @@ void NetworkConfiguration::LockFromElsewhere(const std::wstring &description) {
     m_state.lock = {description, false};
 }
 
+void NetworkConfiguration::Unlock() {
+    Use([](NetworkState &state) { state.lock.reset(); });
+}
+
+void NetworkConfiguration::Boot() {
+    Use([](NetworkState &state) {
+        state.lock.reset();
+        state.arp.clear();
+    });
+    for (const NetworkComponent &component : Read().components)
+        if (component.goesAtBoot)
+            Remove(component.key);
+}
+
 NetworkState NetworkConfiguration::Read() const {
     const InsideSimulator inside;
     const LockGuard guard(m_lock);

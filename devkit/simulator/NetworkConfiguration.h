@@ -33,6 +33,7 @@ struct NetworkComponent {
     unsigned deInstallsUntilGone = 1;         ///< The number of the successful DeInstall that removes it; 0 for none.
     std::optional<NetworkAdapter> adapter{};  ///< The adapter, if it is one; see PutAdapter.
     unsigned key = 0;                         ///< Set by Put; unique.
+    bool goesAtBoot = false;                  ///< A DeInstall requested a reboot, which removes it.
 };
 
 /// A component that INetCfgClassSetup::Install can install: it is added with Put, and bound to every adapter.
@@ -51,8 +52,9 @@ struct NetworkMoment {
         BindingEnabled,
     };
     What what;
-    std::wstring component;  ///< Its id, as the machine has it.
-    std::wstring adapter{};  ///< Its pnpDevNodeId; empty unless a binding changed.
+    std::wstring component;    ///< Its id, as the machine has it.
+    std::wstring adapter{};    ///< Its pnpDevNodeId; empty unless a binding changed.
+    bool needsReboot = false;  ///< The call requested one.
 };
 
 /// The holder of the write lock.
@@ -132,6 +134,11 @@ public:
     [[nodiscard]] bool Has(const std::wstring &id) const;
     /// Another process holds the lock from now on.
     void LockFromElsewhere(const std::wstring &description);
+    /// Whoever holds the lock gives it back.
+    void Unlock();
+    /// What a boot does: nobody holds the lock, the ARP cache is empty, and components whose removal waited for it are
+    /// gone.
+    void Boot();
     [[nodiscard]] NetworkState Read() const;
 
     /// Reads or changes the state: network.Use([](NetworkState &state) { state.applyResult = E_FAIL; }).

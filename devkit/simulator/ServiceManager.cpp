@@ -111,6 +111,18 @@ bool ServiceManager::Has(const std::wstring &name) const {
     return m_services.count(name) != 0;
 }
 
+void ServiceManager::Boot() {
+    const InsideSimulator inside;
+    const LockGuard guard(m_lock);
+    m_handles.clear();
+    std::erase_if(m_services, [](const auto &service) { return service.second.markedForDelete; });
+    for (auto &[name, service] : m_services) {
+        const bool starts = service.startType <= SERVICE_AUTO_START && service.startError == ERROR_SUCCESS;
+        service.status = {starts ? DWORD{SERVICE_RUNNING} : DWORD{SERVICE_STOPPED}};
+        service.coming.clear();
+    }
+}
+
 SC_HANDLE ServiceManager::Open(const wchar_t *machine, const wchar_t *database, DWORD access) {
     if (machine != nullptr && *machine != L'\0')
         return Tell(RPC_S_SERVER_UNAVAILABLE), nullptr;

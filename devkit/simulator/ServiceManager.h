@@ -53,6 +53,10 @@ public:
     /// Including those marked for deletion.
     [[nodiscard]] bool Has(const std::wstring &name) const;
 
+    /// What a boot does: those that are marked for deletion are gone, nobody has a handle, and those that start with
+    /// the system run; others don't.
+    void Boot();
+
     SC_HANDLE Open(const wchar_t *machine, const wchar_t *database, DWORD access);
     SC_HANDLE OpenOne(SC_HANDLE manager, const wchar_t *name, DWORD access);
     BOOL Close(SC_HANDLE handle);

@@ -29,4 +29,9 @@ void InstallFiles(FunctionSet &functions) {
                 GetFileVersionInfoSizeW, GetFileVersionInfoW, VerQueryValueW>(functions);
 }
 
+void InstallThreads(FunctionSet &functions) {
+    using namespace System;
+    PassThrough<CreateThread, _beginthreadex, ResumeThread, TerminateThread, CreateEventW, DuplicateHandle>(functions);
+}
+
 }  // namespace Simulator

@@ -94,6 +94,10 @@ SIMULATOR_FUNCTION(CreateEventW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(CreateMutexW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(CreateSemaphoreW, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(CreateThread, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(EnterCriticalSection, "KERNEL32.dll", CannotFail);
 SIMULATOR_FUNCTION(OpenThread, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(OpenProcess, "KERNEL32.dll", ReturnsZero);
 SIMULATOR_FUNCTION(OpenProcessToken, "ADVAPI32.dll", ReturnsZero);
@@ -113,8 +117,10 @@ namespace Simulator {
 
 class FunctionSet;
 
-/// Journal and faults for the registry functions above, and for the file functions.
+/// Journal and faults for the registry functions above, for the file functions, and for those that start and end
+/// threads.
 void InstallRegistry(FunctionSet &functions);
 void InstallFiles(FunctionSet &functions);
+void InstallThreads(FunctionSet &functions);
 
 }  // namespace Simulator

@@ -11,6 +11,7 @@
 #include "Records.h"
 #include "SettingsStore.h"
 #include "Utf8.h"
+#include "settings_control.h"
 
 namespace VtaCore {
 
@@ -114,6 +115,10 @@ void Control::SetShouldExit(CDom &dom, bool exit) {
 
 unsigned long Control::SettingsError(const CDom &dom) {
     return ImplOf(&dom).settings.Error();
+}
+
+wxString Control::SettingsFault(const wxString &storePath) {
+    return SettingsStore::Fault(storePath);
 }
 
 void Control::SetPluginFolder(CDom &dom, const wxString &folder) {

@@ -1,5 +1,6 @@
 #include "SettingsStore.h"
 
+#include <algorithm>
 #include <functional>
 #include <new>
 #include <optional>
@@ -56,11 +57,24 @@ bool WriteWholeFile(const wxString &path, std::string_view content) {
 }
 
 /// The object if the whole text is one, else null.
-Json ParseObject(const std::string &text) {
-    const char *end = nullptr;
+/// @param end  where the text stops being JSON, if the result is null.
+Json ParseObject(const std::string &text, const char *&end) {
     Json root(cJSON_ParseWithOpts(text.c_str(), &end, 1));
     const bool whole = root && end == text.c_str() + text.size();
     return whole && cJSON_IsObject(root.get()) ? std::move(root) : nullptr;
+}
+
+Json ParseObject(const std::string &text) {
+    const char *end = nullptr;
+    return ParseObject(text, end);
+}
+
+/// Lines and columns are counted from 1.
+wxString PlaceIn(const std::string &text, const char *end) {
+    const std::string_view before(text.data(), static_cast<std::size_t>(end - text.c_str()));
+    const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+    const std::size_t column = before.size() - (before.rfind('\n') + 1) + 1;
+    return wxString::Format("line %d, column %d", static_cast<int>(line), static_cast<int>(column));
 }
 
 bool KeepAside(const wxString &path) {
@@ -142,6 +156,19 @@ SettingsStore::SettingsStore(const wxString &path) : m_path(path) {
     }
     if (!m_root)
         m_root = Checked(cJSON_CreateObject());
+}
+
+wxString SettingsStore::Fault(const wxString &path) {
+    const Handle mutex = MutexOf(path);
+    const MutexGuard changing(mutex.get());  // a file that is being replaced may look damaged
+    std::string content;
+    const FileState state = ReadWholeFile(path, content);
+    if (state != FileState::Read)
+        return state == FileState::Missing ? wxString() : wxString("it can't be read");
+    const char *end = nullptr;
+    if (ParseObject(content, end))
+        return {};
+    return content.empty() ? wxString("it is empty") : "it is no JSON object: near " + PlaceIn(content, end);
 }
 
 DWORD SettingsStore::Error() const {

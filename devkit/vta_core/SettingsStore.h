@@ -27,6 +27,9 @@ public:
     ///   folder, and a file that cannot be renamed either, is not changed, and the store is in memory only.
     explicit SettingsStore(const wxString &path);
 
+    /// Why the file contains no store; empty if it does, or if there is no file.
+    static wxString Fault(const wxString &path);
+
     /// Why the file lacks a stored value, as from GetLastError; 0 if it is complete.
     DWORD Error() const;
 

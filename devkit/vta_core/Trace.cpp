@@ -5,6 +5,8 @@
 #include <shared_mutex>
 #include <string_view>
 
+#include <wx/time.h>
+
 #include "Records.h"
 
 namespace VtaCore {
@@ -66,8 +68,9 @@ bool LogTraceIsEnabled(const wchar_t *component) {
 void LogTrace(const wxString &component, const char *file, int line, const char *function, const wxString &message) {
     if (!LogTraceIsEnabled(component))
         return;
-    Records::Add(
-        Control::TraceLine{component, file != nullptr ? file : "", line, function != nullptr ? function : "", message});
+    const double now = wxGetUTCTimeMillis().ToDouble() / 1000;
+    Records::Add(Control::TraceLine{now, component, file != nullptr ? file : "", line,
+                                    function != nullptr ? function : "", message});
 }
 
 }  // namespace VtaCore

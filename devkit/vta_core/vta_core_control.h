@@ -48,6 +48,7 @@ private:
 constexpr std::size_t kMaxRecords = 100'000;
 
 struct TraceLine {
+    double time;  ///< Seconds since 1970, UTC.
     wxString component;
     std::string file;
     int line;

@@ -55,6 +55,7 @@ const Fault *NextFault(const char *operation) {
         return nullptr;
     if (fault.remaining > 0)
         --fault.remaining;
+    ++fault.met;
     return &fault;
 }
 

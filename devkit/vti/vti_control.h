@@ -13,6 +13,24 @@
 
 namespace Vti {
 
+/// The operations that a fault can be set for.
+inline constexpr std::array kOperations{
+    "vti_driver_available",
+    "vti_get_blacklist",
+    "vti_get_conntrack",
+    "vti_get_profile_stats",
+    "vti_get_scan_metrics",
+    "vti_get_stats",
+    "vti_get_var",
+    "vti_get_varv",
+    "vti_get_version",
+    "vti_open",
+    "vti_set_scan_monitoring",
+    "vti_set_trace_handler",
+    "vti_set_trace_level",
+    "vti_set_var",
+};
+
 /// How one operation fails.
 struct Fault {
     int32_t status = 0;  ///< The status it returns.
@@ -20,6 +38,7 @@ struct Fault {
     int remaining = -1;  ///< For this many calls, -1 for all.
     int after = 0;       ///< Only after this many successful calls.
     bool works = false;  ///< It does its work before it fails; otherwise it leaves its record untouched.
+    unsigned met = 0;    ///< By this many calls.
 };
 
 /// A connection as the driver's table holds it.

@@ -237,7 +237,7 @@ TEST_F(RemovalWatch, KillsAWorkerThatWaitsForTheLockOfItsSteps) {
         next(section);
     });
     bool waits = false;
-    simulation().Functions().Put<ThreadFaults::TerminateThread>([&](const auto &next, HANDLE thread, DWORD code) {
+    simulation().Functions().Put<Simulator::System::TerminateThread>([&](const auto &next, HANDLE thread, DWORD code) {
         simulation().GetFaults().ReleaseHung();
         waits = Await(kPatienceMs, [&] { return contended->IsWaitedFor(); });  // the worker reaches the end of its step
         return next(thread, code);

@@ -6,13 +6,10 @@
 
 namespace ThreadFaults {
 
-SIMULATOR_FUNCTION(TerminateThread, "KERNEL32.dll", ReturnsZero);
-SIMULATOR_FUNCTION(ResumeThread, "KERNEL32.dll", ReturnsMinusOne);
-
 /// These two functions are redirected from now on.
 inline void Redirect(Simulator::Simulation &simulation) {
-    simulation.Functions().PassThrough<TerminateThread>();
-    simulation.Functions().PassThrough<ResumeThread>();
+    simulation.Functions().PassThrough<Simulator::System::TerminateThread>();
+    simulation.Functions().PassThrough<Simulator::System::ResumeThread>();
 }
 
 /// A thread that hangs although it was killed gets no time to end. Waits for anything else keep theirs.

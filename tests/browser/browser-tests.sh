@@ -22,13 +22,13 @@ browse() {
         --virtual-time-budget=2000 "$@" "file://$page" 2>"$WORK/browser.log"
 }
 
-# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output goes to NAME.out. Time runs $FAST
-# times as fast, by default a hundred times.
+# report NAME ARGUMENTS...: runs the host, which writes NAME.html; its script's output goes to NAME.out. The host may end
+# with $STATUS, too.
 report() {
     local name=$1
     shift
-    (cd "$BIN" && timeout 300 "${WINE[@]}" fc-host.exe --fast "${FAST:-100}" --quiet --report "$WORK/$name.html" "$@") \
-        >"$WORK/$name.out" 2>"$WORK/$name.err" || because "the host failed: $(tail -n 3 "$WORK/$name.err")"
+    (cd "$BIN" && timeout 300 "${WINE[@]}" fc-host.exe --clock steps --quiet --report "$WORK/$name.html" "$@") \
+        >"$WORK/$name.out" 2>"$WORK/$name.err" || [ $? = "${STATUS:-0}" ] || because "the host failed: $(tail -n 3 "$WORK/$name.err")"
 }
 
 # inspect NAME WIDTH OPTIONS...: leaves what check.js finds in NAME.found.
@@ -126,15 +126,16 @@ LUA
 
 # Makes the page of the story, for whichever test comes first.
 story() {
-    [ -s "$WORK/story.html" ] || FAST=4 report story "$EXAMPLES/story.lua" --out "$WORK/story"
+    [ -s "$WORK/story.html" ] || report story "$EXAMPLES/story.lua" --out "$WORK/story"
 }
 
 TheStepsOfTheStoryAreDrawn() {
     story || return
     inspect story 1300 && finds story 'errors: 0' && finds story 'charts: 13' && finds story 'step charts: 5' &&
         finds story 'steps killed: 1' && finds story 'marked as killed: 1' && has_no_faults story &&
-        shows story 'Health and driver report' && shows story 'InstallingDriver hung and was killed after 1' &&
-        shows story 'Removal 1'
+        shows story 'Health and driver report' && shows story 'upgraded from 2.0.0.0 to 2.1.0.0' &&
+        shows story 'upgrade from 2.1.0.0 to 2.2.0.0 failed in InstallingDriver, killed after ' &&
+        shows story 'Removal 1: removed'
 }
 
 TheStepsAreDrawnInANarrowWindow() {
@@ -154,10 +155,44 @@ host.machine.put_component { id = "qbimvta", result = 0x80004005 }
 require "fc"
 SLB.filter.UninstallDriver(host.dom(), "", "")
 LUA
-    FAST=1 report removal "$WORK/removal.lua" && inspect removal 1000 && finds removal 'errors: 0' &&
+    report removal "$WORK/removal.lua" && inspect removal 1000 && finds removal 'errors: 0' &&
         finds removal 'charts: 1' && finds removal 'step charts: 1' && finds removal 'empty: false' &&
         finds removal 'rows at the pointer: 3' && finds removal 'steps killed: 0' && has_no_faults removal &&
-        shows removal 'Driver report' && shows removal 'ended with failures after'
+        shows removal 'Driver report' &&
+        shows removal 'Removal 1: failed in UninstallingDriver with 0x80004005'
+}
+
+# What a support engineer asks first stands in the titles and at the top.
+EachOutcomeIsInItsTitleAndTheErrorsCountThem() {
+    report outcomes "$HERE/outcomes.lua" || return
+    inspect outcomes 1000 && has_no_faults outcomes && finds outcomes 'errors: 0' && finds outcomes 'failed titles: 2' &&
+        finds outcomes 'tile: 4 installations' && finds outcomes 'tile: 2 removals' && finds outcomes 'tile: 2 failed' &&
+        finds outcomes 'tile: 1 step killed' && finds outcomes 'tile: 7 errors: 5 in the log, 2 failed' &&
+        finds outcomes 'title: Installation 1: installed 2.0.0.0' &&
+        finds outcomes 'title: Installation 2: nothing to do' &&
+        finds outcomes 'title: Installation 3: upgrade from 2.0.0.0 to 2.1.0.0 failed in InstallingDriver with 0x80004005 (INetCfgClassSetup::Install())' &&
+        finds outcomes 'title: Removal 1: removed; the callout qbimwfp is left behind' &&
+        finds outcomes 'title: Installation 4: installed 2.1.0.0; a reboot is needed' &&
+        shows outcomes 'Removal 2: failed in UninstallingDriver, killed after ' &&
+        finds outcomes 'state: Afterwards: no driver runs · the filter is not installed · callout running · Ethernet not bound · write lock free'
+}
+
+# After EachOutcomeIsInItsTitleAndTheErrorsCountThem.
+TheEndOfALogIsShownAndExpandsToTheWhole() {
+    finds outcomes 'excerpts that expand: true' && finds outcomes 'stacks: 1' && shows outcomes 'The whole log, ' &&
+        shows outcomes '[00] '
+}
+
+TheErrorThatEndedTheScriptIsShown() {
+    printf 'error("the script is over", 0)' >"$WORK/dead.lua"
+    STATUS=1 report dead "$WORK/dead.lua" && inspect dead 1000 && finds dead 'script error: true' &&
+        finds dead 'tile: 1 error: the script' && shows dead 'the script is over' && shows dead 'stack traceback:' &&
+        shows dead 'ended with status 1' && finds outcomes 'script error: false'
+}
+
+# After EachOutcomeIsInItsTitleAndTheErrorsCountThem.
+NoOutcomeOverlapsInANarrowWindow() {
+    inspect outcomes 500 && finds outcomes 'errors: 0' && has_no_faults outcomes
 }
 
 for name in TheBrowserIsInstalled TheExampleWritesItsPage; do # the others need both files
@@ -167,7 +202,8 @@ if [ "$FAILED" -eq 0 ]; then
     for name in TheExampleIsDrawnWithoutErrors TheTransitionsOfTheExampleAreListed NothingOverlapsInANarrowWindow \
         TheDarkPageIsDrawnToo TheScreenshotIsNotBlank ARunWithoutIterationsSaysSo ARunOfOneIterationIsDrawn \
         TheStepsOfTheStoryAreDrawn TheStepsAreDrawnInANarrowWindow TheStepsAreDrawnOnADarkPage \
-        ARemovalWithoutHealthIterationsIsDrawn; do
+        ARemovalWithoutHealthIterationsIsDrawn EachOutcomeIsInItsTitleAndTheErrorsCountThem \
+        TheEndOfALogIsShownAndExpandsToTheWhole TheErrorThatEndedTheScriptIsShown NoOutcomeOverlapsInANarrowWindow; do
         test_case "$name"
     done
 fi

@@ -75,6 +75,24 @@ window.addEventListener('load', () => {
   tell('lines', lines);
   tell('errors', document.getElementById('errors').textContent);
   tell('transitions', document.querySelectorAll('#transitions tbody tr').length);
+  for (const tile of document.querySelectorAll('.tile'))
+    tell('tile', [...tile.children].map(part => part.textContent).join(' '));
+  for (const figure of document.querySelectorAll('figure.steps')) tell('title', figure.querySelector('h3').textContent);
+  for (const state of document.querySelectorAll('.state')) tell('state', state.textContent);
+  const normal = getComputedStyle(document.body).color;
+  tell('failed titles', [...document.querySelectorAll('figure.steps h3')]
+    .filter(title => getComputedStyle(title).color !== normal).length);
+  tell('stacks', [...document.querySelectorAll('.part')].filter(part => part.textContent.startsWith('[00] ')).length);
+  tell('script error', box(document.getElementById('script-error')).height > 0);
+  const wholes = [...document.querySelectorAll('.excerpt details')];
+  tell('excerpts that expand', wholes.length > 0 && wholes.every(details => {
+    const whole = details.querySelector('.whole');
+    const part = details.parentElement.querySelector('.part');
+    const wasShown = whole.checkVisibility();
+    details.open = true;
+    return !wasShown && whole.checkVisibility() && part.textContent.split('\n').length === 8 &&
+      whole.textContent.includes(part.textContent) && whole.textContent.split('\n').length > 8;
+  }));
   tell('notes', document.querySelectorAll('#notes tbody tr').length);
   tell('empty', !document.getElementById('empty').hidden);
   const result = document.createElement('pre');

@@ -29,8 +29,8 @@ TEST(HostCommandLine, HelpNamesEveryOption) {
     const HostRun run = RunHost({L"--help"});
     EXPECT_EQ(run.exitCode, 0U);
     EXPECT_EQ(run.err, "");
-    for (const char *option :
-         {"-i", "--quiet", "--trace", "--events", "--report", "--settings", "--fast", "--help", "--version"})
+    for (const char *option : {"-i", "--quiet", "--trace", "--events", "--report", "--settings", "--clock", "--fast",
+                               "--check-policy", "--check-config", "--help", "--version"})
         EXPECT_TRUE(Contains(run.out, option)) << option;
 }
 

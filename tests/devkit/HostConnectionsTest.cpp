@@ -31,7 +31,7 @@ class Connections : public ::testing::Test {
 protected:
     HostRun Run(const std::string &log) {
         return RunHost(
-            {L"--quiet", L"--fast", L"1", kExample, folder.Write(L"conn.log", log), L"--out", folder.At(L"out")});
+            {L"--quiet", L"--clock", L"steps", kExample, folder.Write(L"conn.log", log), L"--out", folder.At(L"out")});
     }
     JsonPtr Result() const {
         JsonPtr json(cJSON_Parse(TextOfFile(folder.At(L"out\\connections.json")).c_str()));
@@ -95,7 +95,7 @@ int CountRows(const std::string &log, const std::vector<std::pair<std::size_t, s
 }  // namespace
 
 TEST_F(Connections, CountsEveryRowOfTheSample) {
-    const HostRun run = RunHost({L"--quiet", L"--fast", L"60", kExample, L"--out", folder.At(L"out")});
+    const HostRun run = RunHost({L"--quiet", L"--clock", L"steps", kExample, L"--out", folder.At(L"out")});
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.err, "");
     const std::string log = TextOfFile(TestData("examples/conn.log").wstring());

@@ -59,7 +59,7 @@ TEST_F(HostDiagnostics, InvalidConnectionsAreErrors) {
 }
 
 TEST_F(HostDiagnostics, AFileThatIsNotAZipCannotBeRead) {
-    ExpectFails("host.read_zip('none.zip')", "cannot read none.zip");
+    ExpectFails("host.read_zip('none.zip')", "cannot open none.zip");
     (void)folder.Write(L"text.zip", "no zip");
     const std::string path = (folder.Path() / "text.zip").generic_string();
     ExpectFails("host.read_zip('" + path + "')", "cannot read " + path);

@@ -107,7 +107,7 @@ TEST(HostDocument, HasExamplesThatRun) {
         const TemporaryFolder folder;
         const Workplace workplace(folder.Path());
         const HostRun run =
-            RunScript(example, {L"--quiet", L"--fast", L"1000", L"--report", folder.At(L"report.html")});
+            RunScript(example, {L"--quiet", L"--clock", L"steps", L"--report", folder.At(L"report.html")});
         EXPECT_EQ(run.exitCode, 0U) << example << run.err;
         ++count;
     }

@@ -213,6 +213,35 @@ TEST(ThinOut, ALimitThatStaysNaNIsNoChange) {
     EXPECT_LE(ThinOut(rows, 1000).size(), 200U) << "but the ends and two rows of each stretch";
 }
 
+TEST(HealthHistory, KeepsALongEventWithItsEndAndCutsOtherTexts) {
+    HealthHistory history;
+    const std::string log = "first " + std::string(5000, 'x') + " last";
+    history.AddNote(HealthNote::Kind::Event, 1, log);
+    history.AddNote(HealthNote::Kind::Mark, 2, log);
+    history.AddNote(HealthNote::Kind::Event, 3, log + std::string(30'000, 'y') + " last");
+    const std::vector<HealthNote> notes = history.Notes();
+    EXPECT_EQ(notes.at(0).text, log);
+    EXPECT_EQ(notes.at(1).text.size(), 303U);
+    EXPECT_TRUE(notes.at(1).text.starts_with("first ") && notes.at(1).text.ends_with("..."));
+    EXPECT_LT(notes.at(2).text.size(), 20'100U);
+    EXPECT_TRUE(notes.at(2).text.starts_with("first ") && notes.at(2).text.ends_with("y last"));
+}
+
+TEST(HealthHistory, CutsTheMiddleOfEventsOnceManyWereLong) {
+    HealthHistory history;
+    const std::string grown = std::string(15'000, 'x') + "\xC3\xBC" + std::string(199, 'z');
+    for (int i = 0; i < 100; ++i)
+        history.AddNote(HealthNote::Kind::Event, i, grown);
+    std::size_t bytes = 0;
+    for (const HealthNote &note : history.Notes()) {
+        bytes += note.text.size();
+        EXPECT_TRUE(note.text.ends_with(std::string(199, 'z')));
+    }
+    EXPECT_LT(bytes, 500'000U);
+    const std::string last = history.Notes().back().text;
+    EXPECT_EQ(last, std::string(100, 'x') + " ... \xC3\xBC" + std::string(199, 'z')) << "no half character";
+}
+
 TEST(ReportPage, StaysBelowThreeMebibytes) {
     HealthHistory history;
     for (int i = 0; i < 30'000; ++i) {
@@ -224,7 +253,7 @@ TEST(ReportPage, StaysBelowThreeMebibytes) {
     for (int i = 0; i < 2000; ++i)
         history.AddNote(HealthNote::Kind::Mark, i, std::string(5000, '<'));
     std::string error;
-    const std::optional<std::string> page = MakeReportPage(history, {}, "script.lua", error);
+    const std::optional<std::string> page = MakeReportPage(history, {}, {.name = "script.lua"}, error);
     ASSERT_TRUE(page) << error;
     EXPECT_LT(page->size(), 3U << 20U);
     EXPECT_GT(page->size(), 1U << 20U);
@@ -236,7 +265,7 @@ TEST(ReportPage, HasTheLatestHundredInstallationsAndNoEndForUnfinishedSteps) {
         runs[i].begin = 1.7e9 + static_cast<double>(i);
     runs.back().steps.push_back({.name = "<Step>", .begin = 1.7e9 + 100});
     std::string error;
-    const std::optional<std::string> page = MakeReportPage(HealthHistory(), runs, "script.lua", error);
+    const std::optional<std::string> page = MakeReportPage(HealthHistory(), runs, {.name = "script.lua"}, error);
     ASSERT_TRUE(page) << error;
     EXPECT_EQ(page->find(R"("installation","begin":0,)"), std::string::npos);
     EXPECT_NE(page->find(R"("installation","begin":1,"end":null,)"), std::string::npos);

@@ -136,7 +136,7 @@ TEST(HostMachine, SetsTheTimeOfDayOfASimulatedClock) {
 
 TEST(HostMachine, CannotSetTheRealTimeOfDay) {
     ExpectPasses(R"(
-        local needs = "host.set_wall_clock needs a simulated clock: start fc-host with --fast N"
+        local needs = "host.set_wall_clock needs a simulated clock: start fc-host with --clock steps"
         refused(needs, host.set_wall_clock, 0)
         host.machine.processors = 1
         refused(needs, host.set_wall_clock, 0)

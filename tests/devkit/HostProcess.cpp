@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <regex>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -180,6 +181,11 @@ std::string TextOfFile(const std::wstring &path) {
     std::ifstream file(std::filesystem::path(path), std::ios::binary);
     EXPECT_TRUE(file.is_open()) << "there is no file " << std::filesystem::path(path).string();
     return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+std::string WithoutTimes(const std::string &text) {
+    static const std::regex time("(^|\n)[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}  ");
+    return std::regex_replace(text, time, "$1");
 }
 
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options) {

@@ -47,6 +47,9 @@ private:
 /// The content of the file; fails the test without one.
 std::string TextOfFile(const std::wstring &path);
 
+/// What the host has printed, without the times of day with which its lines begin.
+std::string WithoutTimes(const std::string &text);
+
 /// Writes the text to a script and runs that.
 HostRun RunScript(const std::string &script, std::vector<std::wstring> options = {});
 

@@ -151,6 +151,46 @@ TEST(HostRemoval, CanLackAFunctionForInfFiles) {
     )");
 }
 
+TEST(HostRemoval, WaitsNoLongerForALockThatWasReleased) {
+    (void)RunRemovalScript(R"(
+        machine.put_component { id = "qbimvta" }
+        machine.unlock_network() -- nobody holds it
+        machine.lock_network("Another installer")
+        local removed, log = remove()
+        assert(not removed and machine.inventory().lock == "Another installer", log)
+        machine.unlock_network()
+        assert(machine.inventory().lock == nil)
+        removed, log = remove()
+        assert(removed and #machine.inventory().components == 0, log)
+    )");
+}
+
+TEST(HostRemoval, ComesToNothingWhereItsThreadCannotBeMadeOrStarted) {
+    for (const char *call : {"_beginthreadex", "ResumeThread"}) {
+        SCOPED_TRACE(call);
+        const HostRun run = RunRemovalScript("local call = '" + std::string(call) + "'" + R"(
+            machine.put_component { id = "qbimvta" }
+            host.fault { call = call, nth = 1, fail = 8 }
+            local removed, log = remove()
+            assert(not removed and #machine.inventory().components == 1, log)
+            assert(remove() and #machine.inventory().components == 0)
+        )");
+        EXPECT_FALSE(Has(run.err, "never struck")) << run.err;
+    }
+}
+
+TEST(HostRemoval, GoesOnWithoutTheHelperThatGuardsTheStack) {
+    const HostRun run = RunRemovalScript(R"(
+        machine.put_component { id = "qbimvta" }
+        host.set_verbose_log(true)
+        host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = 601 }
+        host.fault { call = "CreateThread", fail = 8 }
+        local removed, log = remove()
+        assert(not removed and log:find("Stack trace:", 1, true), log)
+    )");
+    EXPECT_FALSE(Has(run.err, "never struck")) << run.err;
+}
+
 TEST(HostFault, FailsTheNamedCallUntilItIsCleared) {
     (void)RunRemovalScript(R"(
         require "fc"
@@ -208,11 +248,11 @@ TEST(HostFault, AffectsAllCallsOfTheSystemEvenWithoutASimulatedClock) {
 
 TEST(HostFault, RejectsInvalidFaults) {
     (void)RunRemovalScript(R"(
-        refused("no call of that name is simulated: OpenSCManager", host.fault, { call = "OpenSCManager", fail = 5 })
-        refused("no call of that name is simulated: INetCfg::Go", host.fault, { call = "INetCfg::Go", fail = 5 })
-        refused("no call of that name is simulated: INetCfg::AddRef", host.fault, { call = "INetCfg::AddRef", fail = 5 })
-        local counted = "CreateEventW" -- the simulator can count it, but the host does not
-        refused("no call of that name is simulated: " .. counted, host.fault, { call = counted, fail = 5 })
+        refused("no call of that name is simulated: 'INetCfg::Go'", host.fault, { call = "INetCfg::Go", fail = 5 })
+        refused("no call of that name is simulated: 'INetCfg::AddRef'", host.fault, { call = "INetCfg::AddRef", fail = 5 })
+        local counted = "CreateMutexW" -- the simulator can count it, but the host does not
+        refused("no call of that name is simulated: '" .. counted, host.fault, { call = counted, fail = 5 })
+        refused("Sleep can't fail: it can only be late, or hang", host.fault, { call = "Sleep", fail = 5 })
         local one = "one of fail, hang and delay expected"
         refused(one, host.fault, { call = "INetCfg::Apply" })
         refused(one, host.fault, { call = "INetCfg::Apply", hang = false })
@@ -226,7 +266,7 @@ TEST(HostFault, RejectsInvalidFaults) {
         refused("field 'advance': only for a call that hangs", host.fault, { call = "INetCfg::Apply", fail = 5, advance = 1 })
     )");
     const HostRun run = RunScript("host.fault { call = 'INetCfg::Apply', hang = true, advance = 1 }");
-    EXPECT_TRUE(Has(run.err, "field 'advance' needs a simulated clock: start fc-host with --fast N")) << run.err;
+    EXPECT_TRUE(Has(run.err, "field 'advance' needs a simulated clock: start fc-host with --clock steps")) << run.err;
 }
 
 TEST(HostLog, ReturnsTheLinesOfAllThreadsInChronologicalOrder) {
@@ -247,7 +287,7 @@ TEST(HostLog, ReturnsTheLinesOfAllThreadsInChronologicalOrder) {
         assert(#host.log() == 0)
     )",
                                          {});
-    EXPECT_TRUE(Has(run.err, "error   StartService: error=5\n")) << run.err;
+    EXPECT_TRUE(Has(run.err, "  error   StartService: error=5\n")) << run.err;
     EXPECT_TRUE(Has(run.err, "log     >ThreadRunning. 3600s max\n")) << run.err;
 }
 
@@ -264,7 +304,7 @@ TEST(HostLog, HasVerboseLinesOnlyIfEnabled) {
 }
 
 TEST(RemovalExample, ShowsWhereTheFirstRemovalHangsAndThatTheSecondSucceeds) {
-    const HostRun run = RunHost({L"--fast", L"1", L"--quiet", kRemovalExample});
+    const HostRun run = RunHost({L"--clock", L"steps", L"--quiet", kRemovalExample});
     ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
     EXPECT_EQ(run.err, "");
     const std::size_t second = run.out.find("\nThe second removal");
@@ -286,8 +326,9 @@ TEST(RemovalExample, ShowsWhereTheFirstRemovalHangsAndThatTheSecondSucceeds) {
 TEST(RemovalExample, PrintsItsUsage) {
     const HostRun slow = RunHost({kRemovalExample});
     EXPECT_EQ(slow.exitCode, 1U);
-    EXPECT_TRUE(Has(slow.err, "removal: ten minutes take a simulated clock: start fc-host with --fast 1")) << slow.err;
-    const HostRun unknown = RunHost({L"--fast", L"1", kRemovalExample, L"--out"});
+    EXPECT_TRUE(Has(slow.err, "removal: ten minutes take a simulated clock: start fc-host with --clock steps"))
+        << slow.err;
+    const HostRun unknown = RunHost({L"--clock", L"steps", kRemovalExample, L"--out"});
     EXPECT_EQ(unknown.exitCode, 1U);
     EXPECT_TRUE(Has(unknown.err, "removal: unknown argument '--out'; usage: removal.lua")) << unknown.err;
 }

@@ -198,7 +198,7 @@ TEST(HostMark, NeedsATextAndDoesNothingWithoutAReport) {
 
 TEST(HostLog, ErrorsOfTheModuleArePrintedUnlessTheHostIsQuiet) {
     const std::string script = "require 'fc' SLB.filter.CheckSystemHealthMetrics(host.dom(), 'Broken', '')";
-    EXPECT_EQ(RunScript(script).err, "error   incorrect state value Broken for state string\n");
+    EXPECT_EQ(WithoutTimes(RunScript(script).err), "error   incorrect state value Broken for state string\n");
     EXPECT_EQ(RunScript(script, {L"--quiet"}).err, "");
 }
 
@@ -273,6 +273,70 @@ TEST_F(HostReport, ContainsTheStepsOfAnInstallationWithTheirFailures) {
     }
     ASSERT_NE(uninstalling, nullptr);
     EXPECT_EQ(cJSON_GetObjectItem(uninstalling, "limit")->valuedouble, 600);
+}
+
+TEST_F(HostReport, HoldsTheOutcomeTheStateAfterwardsAndTheLogOfEachInstallation) {
+    const HostRun run = Run(R"(
+        host.machine.put_component { id = 'qbimvta', result = 0x80004005 }
+        host.machine.put_service('qbimwfp', 'running')
+        host.machine.put_adapter { node = [[PCI\CARD\1]], name = '<Ethernet>' }
+        host.machine.bind([[PCI\CARD\1]], 'qbimvta')
+        host.fault { call = 'ControlService', fail = 5 }
+        assert(not SLB.filter.UninstallDriver(host.dom(), 'C:\\', 'C:\\'))
+        assert(SLB.filter.InstallOrUpdateDriver(host.dom(), 'C:\\', 'C:\\'))
+    )");
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    const JsonPtr data = Data();
+    const cJSON *removal = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "driverRuns"), 0);
+    EXPECT_EQ(TextOf(removal, "outcome"), "failed");
+    EXPECT_EQ(TextOf(removal, "text"),
+              "failed in UninstallingDriver with 0x80004005 (INetCfgClassSetup::DeInstall); the filter qbimvta and the "
+              "callout qbimwfp are left behind");
+    const cJSON *state = cJSON_GetObjectItem(removal, "state");
+    EXPECT_EQ(TextOf(state, "driver"), "1.0.0.0");
+    EXPECT_EQ(TextOf(state, "callout"), "running");
+    EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItem(state, "hasFilter")));
+    EXPECT_TRUE(cJSON_IsNull(cJSON_GetObjectItem(state, "lock")));
+    const cJSON *adapter = cJSON_GetArrayItem(cJSON_GetObjectItem(state, "adapters"), 0);
+    EXPECT_EQ(TextOf(adapter, "name"), "<Ethernet>");
+    EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItem(adapter, "bound")));
+    std::string log;
+    const cJSON *line = nullptr;
+    cJSON_ArrayForEach(line, cJSON_GetObjectItem(removal, "log")) log +=
+        TextOf(line, "level") + ": " + TextOf(line, "text") + "\n";
+    EXPECT_TRUE(Contains(log, "error: StopWFPCallout() failed.\n")) << log;
+    EXPECT_TRUE(Contains(log, "message:  <UninstallingDriver\n")) << log;
+    const cJSON *installation = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "driverRuns"), 1);
+    EXPECT_EQ(TextOf(installation, "outcome"), "nothing");
+}
+
+TEST_F(HostReport, HasTheStackOfAKilledWorkerAlsoWithoutVerboseLog) {
+    const HostRun run = Run(R"(
+        host.machine.put_component { id = 'qbimvta' }
+        host.fault { call = 'INetCfgClassSetup::DeInstall', nth = 1, hang = true, advance = 601 }
+        assert(not SLB.filter.UninstallDriver(host.dom(), 'C:\\', 'C:\\'))
+    )");
+    ASSERT_EQ(run.exitCode, 0U) << run.err;
+    const JsonPtr data = Data();
+    const cJSON *removal = cJSON_GetArrayItem(cJSON_GetObjectItem(data.get(), "driverRuns"), 0);
+    EXPECT_TRUE(TextOf(removal, "text").starts_with("failed in UninstallingDriver, killed after "))
+        << TextOf(removal, "text");
+    EXPECT_TRUE(TextOf(removal, "stack").starts_with("[00] ")) << TextOf(removal, "stack");
+}
+
+TEST_F(HostReport, HasTheErrorThatHasEndedTheScriptAndItsStatus) {
+    EXPECT_EQ(Run("local function deep() error 'broken </script>' end deep()").exitCode, 1U);
+    JsonPtr data = Data();
+    EXPECT_TRUE(Contains(TextOf(data.get(), "error"), "broken </script>\nstack traceback:")) << "with a traceback";
+    EXPECT_EQ(cJSON_GetObjectItem(data.get(), "status")->valuedouble, 1);
+    EXPECT_EQ(Run("os.exit(7)").exitCode, 7U);
+    data = Data();
+    EXPECT_EQ(TextOf(data.get(), "error"), "");
+    EXPECT_EQ(cJSON_GetObjectItem(data.get(), "status")->valuedouble, 7);
+    EXPECT_EQ(Run("return 256").exitCode, 1U);
+    EXPECT_TRUE(Contains(TextOf(Data().get(), "error"), "the script returns 256; "));
+    EXPECT_EQ(Run("").exitCode, 0U);
+    EXPECT_EQ(cJSON_GetObjectItem(Data().get(), "status")->valuedouble, 0);
 }
 
 TEST_F(HostReport, HasNoStepsIfNoDriverWasInstalled) {

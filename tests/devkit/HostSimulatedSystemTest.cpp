@@ -143,13 +143,18 @@ TEST(HostSimulatedSystem, KnowsWhichCallsCanFailBeforeAnythingIsSimulated) {
     StandIn module(WxLibrary());
     module.Load();
     const std::uint64_t real = MemoryOf(module);
+    for (const std::string &call : SimulatedSystem::Calls())
+        EXPECT_EQ(SimulatedSystem::FindCall(call), call);
+    EXPECT_EQ(SimulatedSystem::FindCall("StartService"), "StartServiceW");
+    EXPECT_EQ(SimulatedSystem::FindCall("INetCfgComponent::GetId"), "INetCfgComponent::GetId");
+    EXPECT_EQ(SimulatedSystem::FindCall("INetCfg::Apply()"), "INetCfg::Apply");
+    EXPECT_EQ(SimulatedSystem::FindCall("INetFwPolicy2::put_FirewallEnabled"), "INetFwPolicy2::put_FirewallEnabled");
+    EXPECT_FALSE(SimulatedSystem::FindCall("INetFwPolicy2::Release"));
+    EXPECT_FALSE(SimulatedSystem::FindCall("INetCfg::AddRef"));
+    EXPECT_FALSE(SimulatedSystem::FindCall(""));
     EXPECT_TRUE(SimulatedSystem::CanFail("StartServiceW"));
-    EXPECT_TRUE(SimulatedSystem::CanFail("INetCfgComponent::GetId"));
-    EXPECT_TRUE(SimulatedSystem::CanFail("INetFwPolicy2::put_FirewallEnabled"));
-    EXPECT_FALSE(SimulatedSystem::CanFail("INetFwPolicy2::Release"));
-    EXPECT_FALSE(SimulatedSystem::CanFail("StartService"));
-    EXPECT_FALSE(SimulatedSystem::CanFail("INetCfg::AddRef"));
-    EXPECT_FALSE(SimulatedSystem::CanFail(""));
+    EXPECT_TRUE(SimulatedSystem::CanFail("INetCfg::Apply"));
+    EXPECT_FALSE(SimulatedSystem::CanFail("Sleep"));
     EXPECT_EQ(MemoryOf(module), real);
     SimulatedSystem system;
     system.UseMachine().memoryTotal = 12345;

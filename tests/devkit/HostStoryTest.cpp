@@ -22,23 +22,23 @@ const char *FirstMissing(const std::string &text, std::initializer_list<const ch
 
 TEST(Story, CoversTheDriversFromTheirInstallationToTheirRemoval) {
     const TemporaryFolder folder;
-    const HostRun run = RunHost({L"--fast", L"4", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
+    const HostRun run = RunHost({L"--clock", L"steps", L"--quiet", L"--report", folder.At(L"report.html"), L"--events",
                                  folder.At(L"events.json"), kStory, L"--out", folder.Path().wstring()});
     ASSERT_EQ(run.exitCode, 0U) << run.out << run.err;
     EXPECT_EQ(run.err, "");
-    EXPECT_EQ(
-        FirstMissing(run.out,
-                     {"1. The drivers are installed", "domain on, private on, public off", "event 1007, installed",
-                      "domain off, private off, public off", "fails open", "recovered", "tcp 443", "vta_stats.txt",
-                      "event 1005, upgrade", "from 2.0.0.0 to 2.1.0.0", "event 1004, failed", "in InstallingDriver",
-                      "its stack", "it waits in", "CDriverInstallerThread::AttemptInstall", "lost its address",
-                      "192.0.2.10", "UninstallDriver", "domain on, private on, public off"}),
-        nullptr)
+    EXPECT_EQ(FirstMissing(run.out,
+                           {"1. The drivers are installed", "domain on, private on, public off",
+                            "outcome                   installed 2.0.0.0", "domain off, private off, public off",
+                            "fails open", "recovered", "tcp 443", "vta_stats.txt", "upgraded from 2.0.0.0 to 2.1.0.0",
+                            "upgrade from 2.1.0.0 to 2.2.0.0 failed in InstallingDriver, killed after ", "its stack",
+                            "it waits in", "CDriverInstallerThread::AttemptInstall", "lost its address", "192.0.2.10",
+                            "UninstallDriver", "domain on, private on, public off"}),
+              nullptr)
         << run.out;
 
     const std::string page = TextOfFile(folder.At(L"report.html"));
-    EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("failedStep":"InstallingDriver")", R"("killed":true)",
-                                  R"("kind":"removal")"}),
+    EXPECT_EQ(FirstMissing(page, {R"("driverRuns":[)", R"("outcome":"upgraded")", R"("outcome":"failed")",
+                                  R"("killed":true)", R"("stack":"[00] )", R"("kind":"removal")"}),
               nullptr);
     EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"events.json")), {"1007", "1005", "1004"}), nullptr);
     EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"trace.log")), {"-- 08:00:", "  The drivers are installed",
@@ -56,7 +56,7 @@ TEST(Story, WritesItsTraceWhenItIsInterrupted) {
                                              "if text:match('is overloaded') then print 'ready' io.stdout:flush()\n"
                                              "while true do end end\nend\n"
                                              "assert(loadfile(arg[1]))('--out', arg[2])");
-    const HostRun run = InterruptHost({L"--quiet", L"--fast", L"1000", script, kStory, folder.At(L"out")});
+    const HostRun run = InterruptHost({L"--quiet", L"--clock", L"steps", script, kStory, folder.At(L"out")});
     EXPECT_EQ(run.exitCode, 130U) << run.err;
     const std::string trace = TextOfFile(folder.At(L"out\\trace.log"));
     EXPECT_EQ(FirstMissing(trace, {"  The drivers are installed", "  The machine is overloaded"}), nullptr) << trace;
@@ -65,9 +65,10 @@ TEST(Story, WritesItsTraceWhenItIsInterrupted) {
 TEST(Story, PrintsItsUsage) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);
-    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --fast 4"), std::string::npos)
+    EXPECT_NE(slow.err.find("story: the day takes a simulated clock: start fc-host with --clock steps"),
+              std::string::npos)
         << slow.err;
-    const HostRun unknown = RunHost({L"--fast", L"4", kStory, L"again"});
+    const HostRun unknown = RunHost({L"--clock", L"steps", kStory, L"again"});
     EXPECT_EQ(unknown.exitCode, 1U);
     EXPECT_NE(unknown.err.find("unknown argument 'again'; usage: story.lua [--out DIR]"), std::string::npos);
 }

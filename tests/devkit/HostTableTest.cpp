@@ -1,6 +1,8 @@
 // The global table `host` of fc-host.exe: the agent's side, as scripts see it.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include <cJSON.h>
 
 #include "HostProcess.h"
@@ -130,6 +132,25 @@ TEST(HostTable, AZipIsARealFile) {
     EXPECT_EQ(TextOfFile(path + L".open"), emptyZip) << "an open zip is ended with the program";
 }
 
+TEST(HostTable, AZipTakesFilesOfTheScript) {
+    const TemporaryFolder folder;
+    ExpectPasses(kScriptHelpers + "local path = " + LuaText(folder.At(L"package.zip")) + R"(
+        local zip = host.zip(path)
+        zip:add("gr\195\188n/a.txt", "first\0\255")
+        zip:add("empty.txt", "")
+        zip:add("numbers.txt", 12)
+        refused("a file's name expected", zip.add, zip, "", "text")
+        refused("string expected, got no value", zip.add, zip, "a.txt")
+        refused("an open zip of host.zip expected", zip.add, io.stdout, "a.txt", "text")
+        host.close_zip(zip)
+        refused("an open zip of host.zip expected", zip.add, zip, "late.txt", "text")
+        local files = host.read_zip(path)
+        assert(#files == 3)
+        assert(files[1].name:gsub("\\", "/") == "gr\195\188n/a.txt" and files[1].content == "first\0\255", files[1].name)
+        assert(files[2].content == "" and files[3].content == "12")
+    )");
+}
+
 TEST(HostTable, JsonIsReadAsItWasWritten) {
     const TemporaryFolder folder;
     const std::wstring path = folder.At(L"a\\b\\value.json");
@@ -182,7 +203,8 @@ TEST(HostTable, RealTimeCannotBeAdvanced) {
         "assert(host.time() - before >= 0.015 and host.time() - before < 5)\n"
         "host.advance(1)");
     EXPECT_EQ(run.exitCode, 1U);
-    EXPECT_TRUE(Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --fast N"))
+    EXPECT_TRUE(
+        Contains(run.err, "script.lua:3: host.advance needs a simulated clock: start fc-host with --clock steps"))
         << run.err;
 }
 
@@ -224,13 +246,36 @@ TEST(HostTable, EventsAndNotificationsArePrintedAndReturnedToTheScript) {
         assert(#events == 2)
         assert(events[1].kind == "event" and events[1].number == 1004 and events[1].log_id == 0)
         assert(events[1].text == "100% gr\195\188n" and events[1].format == "%s")
+        assert(math.abs(events[1].time - host.time()) < 60 and events[2].time >= events[1].time)
         assert(events[2].kind == "user" and events[2].number == 2 and events[2].detail == "closer")
         assert(#host.events() == 0)
         host.send_event(1, "later")
         assert(host.events()[1].text == "later")
     )");
     EXPECT_EQ(run.exitCode, 0U) << run.err;
-    EXPECT_EQ(run.err, "event  1004  100% gr\xC3\xBCn\nnotify user 2  look  [closer]\nevent  1  later\n");
+    EXPECT_EQ(WithoutTimes(run.err), "event  1004  100% gr\xC3\xBCn\nnotify user 2  look  [closer]\nevent  1  later\n");
+}
+
+TEST(HostTable, EachLineOnTheConsoleBeginsWithTheTimeOfDayOfTheModule) {
+    const HostRun run = RunScript(R"(
+        host.set_wall_clock(1772438400)
+        host.send_event(1, "event")
+        host.advance(3600)
+        host.notify_user(2, "look", "")
+        host.trace("any", "trace")
+        require "fc"
+        SLB.filter.CheckSystemHealthMetrics(host.dom(), "Broken", "")
+        SLB.filter.UninstallDriver(host.dom(), "", "")
+    )",
+                                  {L"--fast", L"1", L"--trace", L"any"});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    std::istringstream lines(run.err);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count)
+        EXPECT_EQ(line.rfind(count == 0 ? "08:0" : "09:0", 0), 0U) << line;
+    EXPECT_GT(count, 8) << run.err;
+    for (const char *begin : {"event  1  event", "notify user 2", "trace  any", "error   incorrect", "step    removal"})
+        EXPECT_TRUE(Contains("\n" + WithoutTimes(run.err), "\n" + std::string(begin))) << begin << " in " << run.err;
 }
 
 TEST(HostTable, QuietPrintsNoEvents) {
@@ -253,6 +298,7 @@ TEST(HostTable, TheEventsFileIsWrittenHoweverTheScriptEnds) {
         EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(event, "kind")), "event");
         EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(event, "text")), "seven");
         EXPECT_EQ(cJSON_GetObjectItem(event, "number")->valueint, 7);
+        EXPECT_GT(cJSON_GetObjectItem(event, "time")->valuedouble, 1.7e9);
         EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(cJSON_GetArrayItem(json, 1), "kind")), "user");
         cJSON_Delete(json);
     }
@@ -264,6 +310,7 @@ TEST(HostTable, TracesArePrintedAndKeptOnlyIfEnabled) {
         host.trace("filter", "wanted \195\188")
         local traces = host.traces()
         assert(#traces == 1 and traces[1].component == "filter" and traces[1].message == "wanted \195\188")
+        assert(math.abs(traces[1].time - host.time()) < 60)
         assert(traces[1].line == 3 and traces[1]["function"] == "script" and traces[1].file:match("script%.lua"))
         assert(#host.traces() == 0)
         host.set_trace("filter", false)
@@ -274,7 +321,7 @@ TEST(HostTable, TracesArePrintedAndKeptOnlyIfEnabled) {
     )",
                                   {L"--trace", L"filter"});
     EXPECT_EQ(run.exitCode, 0U) << run.err;
-    EXPECT_TRUE(Contains(run.err, "trace  filter            script: wanted \xC3\xBC (")) << run.err;
+    EXPECT_TRUE(Contains(run.err, "  trace  filter            script: wanted \xC3\xBC (")) << run.err;
     EXPECT_TRUE(Contains(run.err, "script.lua:3)\n")) << run.err;
     EXPECT_TRUE(Contains(run.err, "trace  other             script: wanted now (")) << run.err;
     EXPECT_FALSE(Contains(run.err, "not wanted")) << run.err;

@@ -91,7 +91,7 @@ std::size_t RunExamples(const std::vector<DocumentSection> &sections) {
     std::size_t count = 0;
     for (const DocumentSection &section : sections) {
         for (const DocumentedExample &example : section.examples) {
-            const HostRun run = RunScript("require \"fc\"\n" + example.code, {L"--quiet", L"--fast", L"1"});
+            const HostRun run = RunScript("require \"fc\"\n" + example.code, {L"--quiet", L"--clock", L"steps"});
             EXPECT_EQ(run.exitCode, 0U) << section.name << ": " << run.err;
             EXPECT_EQ(WithoutCarriageReturns(run.out), example.output) << section.name;
             ++count;

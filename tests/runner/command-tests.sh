@@ -176,11 +176,23 @@ ChangesOfNothingAreRefused() {
     refuses "plugins/filter/common has no sources" -- mutate common
 }
 
+AQuietHostIsQuietAboutItsBuilding() {
+    fresh
+    dev -- host --fast 10 --quiet x.lua
+    succeeds && called 'ninja' && called 'fc-host.exe --fast 10 --quiet x.lua' || return
+    [ ! -s "$SAID" ] || because "it says: $(<"$SAID")" || return
+    dev -- host x.lua
+    says 'building' || return
+    touch "$FAKE_STATE/ninja.fails"
+    dev -- host --quiet x.lua
+    fails_with 'the build failed with status'
+}
+
 for name in AFolderWithOtherContentsIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderWithOtherContentsIsNotUsed AFolderMadeForABuildIsCleaned TheUsualFolderIsCleaned \
     AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
     PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild \
-    ChangesOfNothingAreRefused; do
+    ChangesOfNothingAreRefused AQuietHostIsQuietAboutItsBuilding; do
     test_case "$name"
 done
 write_results command-tests "$XML"

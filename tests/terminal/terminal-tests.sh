@@ -44,7 +44,9 @@ TheCurrentStepIsShownInOneLineThatChanges() {
     on_terminal || return
     times=$(grep -oE '^removal, [0-9.]+ s: UninstallingDriver, [0-9.]+ s of 600 s' "$WORK/shown" | sort -u | wc -l)
     [ "$times" -ge 2 ] || because "the line has changed $times times: $(head -c 500 "$WORK/shown")" || return
-    ! grep -q '^step ' "$WORK/shown" || because "there are lines of steps, too"
+    ! grep -q 'step  * [<>]' "$WORK/shown" || because "there are lines of steps, too" || return
+    grep -qE '^[0-9:.]{12}  step    removal ends after [0-9.]+ s: removed *$' "$WORK/shown" ||
+        because "the outcome is not shown: $(tail -c 300 "$WORK/shown")"
 }
 
 TheScriptsNextOutputBeginsOnAnEmptyLine() {

@@ -310,6 +310,7 @@ function fillHead(run) {
   document.title = subject + (name ? ' · ' + name : '');
   const parts = [];
   if (name) parts.push(name);
+  if (run.status) parts.push(`ended with status ${run.status}`);
   const times = [...run.time, ...run.driverRuns.flatMap(driverRun => [driverRun.begin, endOf(driverRun)])];
   if (times.length) {
     const [begin, end] = rangeOf(times).map(time => run.start + time);
@@ -334,10 +335,20 @@ function healthTiles(run) {
   ];
 }
 
+// All that went wrong: in the log, of the drivers, and in the script.
+function errorTile(run) {
+  const logged = run.notes.filter(note => note.kind === 'error').reduce((sum, note) => sum + note.count, 0);
+  const failed = run.driverRuns.filter(hasFailed).length;
+  const ofScript = run.error ? 1 : 0;
+  const parts = [logged ? logged + ' in the log' : '', failed ? failed + ' failed' : '', ofScript ? 'the script' : ''];
+  const errors = logged + failed + ofScript;
+  const which = errors ? ': ' + parts.filter(part => part).join(', ') : '';
+  return [errors, (errors === 1 ? 'error' : 'errors') + which, errors > 0];
+}
+
 function fillTiles(run) {
-  const errors = run.notes.filter(note => note.kind === 'error').reduce((sum, note) => sum + note.count, 0);
   const tiles = [...(run.time.length ? healthTiles(run) : []), ...(run.driverRuns.length ? driverTiles(run) : []),
-    [errors, 'errors in the log', errors > 0]];
+    errorTile(run)];
   for (const [value, label, bad] of tiles) {
     const tile = document.createElement('div');
     tile.className = bad ? 'tile bad' : 'tile';
@@ -350,7 +361,7 @@ function fillTiles(run) {
   }
 }
 
-// titles: of the columns; rows: arrays of { textContent, className } or texts.
+// titles: of the columns; rows: arrays of { textContent, className }, { node } or texts.
 function fillList(target, titles, rows, nothing) {
   if (!rows.length) {
     target.textContent = nothing;
@@ -364,7 +375,10 @@ function fillList(target, titles, rows, nothing) {
   const body = table.createTBody();
   for (const row of rows.slice(0, MAX_LISTED)) {
     const line = body.insertRow();
-    for (const cell of row) Object.assign(line.insertCell(), typeof cell === 'object' ? cell : { textContent: cell });
+    for (const cell of row) {
+      if (cell.node) line.insertCell().append(cell.node);
+      else Object.assign(line.insertCell(), typeof cell === 'object' ? cell : { textContent: cell });
+    }
   }
   box.append(table);
   target.append(box);
@@ -409,7 +423,7 @@ function fillNotes(run) {
   const rows = run.notes.map(note => {
     const often = note.count > 1 ? ` (${note.count} times, until ${formatMoment(run, note.until)})` : '';
     return [formatMoment(run, note.time), { textContent: note.number || '', className: 'narrow' },
-      { textContent: note.kind, className: note.kind === 'error' ? 'is-error narrow' : 'narrow' }, note.text + often];
+      { textContent: note.kind, className: note.kind === 'error' ? 'is-error narrow' : 'narrow' }, noteCell(note.text + often)];
   });
   fillList(byId('notes'), ['Time (UTC)', 'No.', 'Kind', 'Text'], rows, 'None.');
   if (run.notesLeftOut)
@@ -439,10 +453,12 @@ function main() {
   const run = readRun();
   document.querySelector('main').hidden = false;
   fillHead(run);
+  byId('script-error').hidden = !run.error;
+  byId('script-error-text').textContent = run.error;
   const hasHealth = run.time.length > 0;
   const hasDrivers = run.driverRuns.length > 0;
   byId('empty').hidden = hasHealth || hasDrivers;
-  byId('tiles').hidden = !hasHealth && !hasDrivers;
+  byId('tiles').hidden = !hasHealth && !hasDrivers && !run.error;
   for (const id of ['charts-section', 'transitions-section']) byId(id).hidden = !hasHealth;
   byId('drivers-section').hidden = !hasDrivers;
   fillNotes(run);

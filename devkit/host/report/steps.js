@@ -15,24 +15,15 @@ function formatSeconds(seconds) {
   return trim(seconds.toFixed(seconds < 10 ? 2 : 1)) + ' s';
 }
 
-// The result in words.
-function outcomeOf(driverRun) {
-  const killed = killedStep(driverRun);
-  const reboot = driverRun.rebootAsked ? '; a reboot was asked for' : '';
-  if (killed) return `${killed.name} hung and was killed after ${took(killed)}` + reboot;
-  if (driverRun.failedStep) return `failed in ${driverRun.failedStep}` + reboot;
-  if (driverRun.end === null) return 'did not come to its end' + reboot;
-  if (driverRun.succeeded) return `succeeded in ${took(driverRun)}` + reboot;
-  if (!driverRun.steps.length) return 'nothing to do' + reboot;
-  const failed = driverRun.steps.some(step => step.failed);
-  return (failed ? 'ended with failures after ' : 'ended after ') + took(driverRun) + reboot;
-}
+const hasFailed = driverRun => driverRun.outcome === 'failed' || driverRun.outcome === 'unfinished';
 
 function driverTiles(run) {
   const of = kind => run.driverRuns.filter(driverRun => driverRun.kind === kind).length;
+  const failed = run.driverRuns.filter(hasFailed).length;
   const killed = run.driverRuns.filter(killedStep).length;
   return [[of('installation'), of('installation') === 1 ? 'installation' : 'installations'],
     [of('removal'), of('removal') === 1 ? 'removal' : 'removals'],
+    [failed, 'failed', failed > 0],
     [killed, killed === 1 ? 'step killed' : 'steps killed', killed > 0]];
 }
 
@@ -86,6 +77,32 @@ function fillSteps(parent, run, driverRun) {
   parent.append(details);
 }
 
+// What the machine was like when the module's function had returned.
+function stateText(state) {
+  const parts = [state.driver === null ? 'no driver runs' : 'driver ' + state.driver + ' runs'];
+  if (state.hasMachine) {
+    parts.push(state.hasFilter ? 'the filter is installed' : 'the filter is not installed',
+      state.callout === null ? 'no callout' : 'callout ' + state.callout,
+      ...state.adapters.map(adapter => `${adapter.name} ${adapter.bound ? 'bound' : 'not bound'}`),
+      state.lock === null ? 'write lock free' : 'write lock held by ' + state.lock);
+  }
+  return 'Afterwards: ' + parts.join(' · ');
+}
+
+function fillLog(parent, driverRun) {
+  if (driverRun.log.length) {
+    const lines = driverRun.log.flatMap(line => {
+      const level = line.level === 'message' ? '' : line.level + ': ';
+      return ((line.time - driverRun.begin).toFixed(1).padStart(7) + ' s  ' + level + line.text).split('\n');
+    });
+    parent.append(make('p', 'log-title', 'End of the log'), excerpt(lines, lastLines(lines), 'The whole log'));
+  }
+  if (!driverRun.stack) return;
+  const frames = linesOf(driverRun.stack); // the innermost first
+  parent.append(make('p', 'log-title', 'Stack of the thread that hung'),
+    excerpt(frames, frames.slice(0, EXCERPT_LINES), 'The whole stack'));
+}
+
 function makeDriverCharts(run) {
   const charts = [];
   const numbers = { installation: 0, removal: 0 };
@@ -95,14 +112,18 @@ function makeDriverCharts(run) {
     const end = endOf(driverRun);
     const view = { start: run.start, from: driverRun.begin, to: Math.max(end, driverRun.begin + SHORTEST),
       activeStretches: [], gaps: [], numbered: run.numbered };
-    const chart = new Chart(byId('drivers'), view, { title: `${kind} ${++numbers[driverRun.kind]}`, unit: '',
-      detail: `${formatMoment(run, driverRun.begin)} · ${outcomeOf(driverRun)}`, left: STEP_LABELS,
+    const box = make('div', hasFailed(driverRun) ? 'driver-run failed-run' : 'driver-run', '');
+    byId('drivers').append(box);
+    const duration = driverRun.end === null ? '' : ` · took ${took(driverRun)}`;
+    const chart = new Chart(box, view, { title: `${kind} ${++numbers[driverRun.kind]}: ${driverRun.text}`, unit: '',
+      detail: formatMoment(run, driverRun.begin) + duration, left: STEP_LABELS,
       height: MARGIN.top + MARGIN.bottom + STEP_ROW * Math.max(1, rows.length), range: [-0.5, rows.length - 0.5],
       ticks: rows.map((name, index) => ({ at: rows.length - 1 - index, label: name })) });
     chart.figure.classList.add('steps');
-    if (!rows.length) continue;
-    charts.push({ chart, content: stepContent(run, driverRun, view, rows), driverRun, rows });
-    fillSteps(byId('drivers'), run, driverRun);
+    if (rows.length) charts.push({ chart, content: stepContent(run, driverRun, view, rows), driverRun, rows });
+    if (driverRun.state) box.append(make('p', 'state', stateText(driverRun.state)));
+    if (rows.length) fillSteps(box, run, driverRun);
+    fillLog(box, driverRun);
   }
   return charts;
 }
