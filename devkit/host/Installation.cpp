@@ -273,14 +273,23 @@ std::optional<std::string> Installation::LoadedBy(const std::wstring &component)
     return found == m_loads.end() ? std::nullopt : std::optional(found->second);
 }
 
+/// @param version  nothing for a component that was removed.
+void Installation::NoteInstalled(const std::wstring &component, const std::optional<std::string> &version) {
+    const Simulator::LockGuard guard(m_lock);
+    m_installed.erase(component);
+    if (version)
+        m_installed.emplace(component, *version);
+}
+
 void Installation::Reboot() {
     m_filesInUse.Boot();
     m_services.Boot();
     m_network.configuration->Boot();
-    std::map<std::wstring, std::string, Simulator::LessInAnyCase> loads;
+    VersionsByComponent loads;
     {
         const Simulator::LockGuard guard(m_lock);
-        loads = m_loads;
+        loads = m_installed;
+        loads.insert(m_loads.begin(), m_loads.end());  // of components that the script has put there
     }
     BootDriver();
     for (const auto &[component, version] : loads)
@@ -298,8 +307,11 @@ void Installation::OnNetwork(const Simulator::NetworkMoment &moment) {
     else if (moment.what == Moment::BindingEnabled)
         what = What::Bound;
     const bool concernsDriver = what == What::Installed || what == What::Removed;
-    if (const auto version = concernsDriver && !moment.needsReboot ? LoadedBy(moment.component) : std::nullopt)
-        LoadDriver(*version, what == What::Installed);
+    if (const auto version = concernsDriver ? LoadedBy(moment.component) : std::nullopt) {
+        NoteInstalled(moment.component, what == What::Installed ? version : std::nullopt);
+        if (!moment.needsReboot)
+            LoadDriver(*version, what == What::Installed);
+    }
     FollowRules({what, moment.component, moment.adapter});
 }
 

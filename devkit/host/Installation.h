@@ -101,6 +101,7 @@ private:
     void OnDevice(const Simulator::DeviceChange &change);
     void FollowRules(const NetworkHappening &happening);
     std::optional<std::string> LoadedBy(const std::wstring &component) const;
+    void NoteInstalled(const std::wstring &component, const std::optional<std::string> &version);
 
     Simulator::RegistrySandbox m_registry;
     Simulator::SystemFolders m_folders;
@@ -117,5 +118,7 @@ private:
     /// Guards what other threads change, too.
     mutable Simulator::Lock m_lock;
     std::set<std::wstring> m_serviceNames;
-    std::map<std::wstring, std::string, Simulator::LessInAnyCase> m_loads;  ///< Driver versions by component.
+    using VersionsByComponent = std::map<std::wstring, std::string, Simulator::LessInAnyCase>;
+    VersionsByComponent m_loads;      ///< The drivers that can be installed.
+    VersionsByComponent m_installed;  ///< Those that were installed, and not removed.
 };

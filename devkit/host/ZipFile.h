@@ -1,6 +1,7 @@
 // Diagnostic packages as files: writing one, and reading one.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,5 +38,10 @@ struct ZippedFile {
     std::string content;
 };
 
+/// What a package may unpack to: a small one could fill the memory otherwise.
+constexpr std::uint64_t kMostZippedBytes = std::uint64_t{1} << 30;
+
 /// The files in a package, in order. @param error  says what can't be read, if nothing is returned.
-std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error);
+/// @param mostBytes  that all files together may have.
+std::optional<std::vector<ZippedFile>> ReadZipFile(const wxString &path, std::string &error,
+                                                   std::uint64_t mostBytes = kMostZippedBytes);

@@ -139,6 +139,16 @@ TEST(HostCommandLine, NamesAMissingLibraryAndWhereItWasSearched) {
     }
 }
 
+TEST(HostCommandLine, MakesTheFoldersOfTheFilesThatItWrites) {
+    const TemporaryFolder folder;
+    const HostRun run = RunScript("host.set_setting('a', 'b')",
+                                  {L"--events", folder.At(L"1\\2\\events.json"), L"--report",
+                                   folder.At(L"3\\4\\report.html"), L"--settings", folder.At(L"5\\6\\settings.json")});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+    for (const wchar_t *name : {L"1\\2\\events.json", L"3\\4\\report.html", L"5\\6\\settings.json"})
+        EXPECT_TRUE(std::filesystem::exists(folder.At(name))) << std::filesystem::path(name).string();
+}
+
 TEST(HostCommandLine, NamesAMissingPartOfTheReport) {
     const TemporaryFolder folder;
     CopyBinariesWithout(L"", folder.Path());

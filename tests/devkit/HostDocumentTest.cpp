@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "HostProcess.h"
+#include "devkit/host/TraceComponents.h"
 
 namespace {
 
@@ -112,4 +113,15 @@ TEST(HostDocument, HasExamplesThatRun) {
         ++count;
     }
     EXPECT_GE(count, 10);
+}
+
+TEST(TraceComponents, AreListedInThePagesThatTellOfThem) {
+    ASSERT_EQ(ModuleTraceComponents().size(), 9U);
+    for (const char *name : {"docs/lua-functions.md", "docs/support.md", "docs/host.md"}) {
+        const std::string text = TextOfFile(TestData(name).wstring());
+        for (const std::string &component : ModuleTraceComponents())
+            EXPECT_NE(text.find("`" + component + "`"), std::string::npos) << name << " lacks " << component;
+    }
+    EXPECT_NE(TextOfFile(TestData("docs/lua-functions.md").wstring()).find("There are nine components:"),
+              std::string::npos);
 }

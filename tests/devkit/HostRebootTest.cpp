@@ -155,6 +155,22 @@ TEST(HostReboot, EndsWhatTheModuleHasUnderWay) {
     )");
 }
 
+TEST(HostReboot, LoadsTheDriverThatWasInstalledAndNotTheOneThatCouldBe) {
+    (void)RunRebootScript(R"(
+        ready "2.0.0.0"
+        assert(install())
+        ship "2.1.0.0"
+        machine.reboot()
+        assert(host.driver.present and host.driver.version == "2.0.0.0", host.driver.version)
+        assert(install() and remove())
+        machine.reboot()
+        assert(not host.driver.present)
+        machine.put_component { id = "qbimvta" } -- by the script, so that nothing is known of its driver
+        machine.reboot()
+        assert(host.driver.present and host.driver.version == "2.1.0.0")
+    )");
+}
+
 TEST(HostReboot, ADriverWhoseInstallationNeedsOneRunsAfterIt) {
     (void)RunRebootScript(R"(
         ready("2.0.0.0", { "reboot", "reboot", "reboot" })

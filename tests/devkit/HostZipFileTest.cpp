@@ -76,6 +76,14 @@ TEST_F(HostZipFile, TheSizeOfAnEntryIsNotTrusted) {
         ExpectBroken(WithSize(Package(), size));
 }
 
+TEST_F(HostZipFile, IsReadUpToALimitOfAllItsEntriesTogether) {
+    const wxString path(folder.Write(L"package.zip", Package()));
+    EXPECT_TRUE(ReadZipFile(path, error, kContent.size())) << error;
+    EXPECT_FALSE(ReadZipFile(path, error, kContent.size() - 1));
+    EXPECT_EQ(error, "cannot read " + (folder.Path() / "package.zip").string() +
+                         ": its entry full.txt is larger than the host reads");
+}
+
 TEST_F(HostZipFile, ATruncatedFileCannotBeRead) {
     const std::string package = Package();
     EXPECT_FALSE(Read(package.substr(0, package.size() / 2)));

@@ -1,4 +1,4 @@
-// The examples of docs/lua-functions.md and docs/installation.md, run unchanged by fc-host.exe.
+// The examples of docs/lua-functions.md, docs/installation.md and docs/package.md, run unchanged by fc-host.exe.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -118,6 +118,10 @@ TEST(LuaDocument, HasExamplesWithTheirActualOutput) {
     const std::vector<DocumentSection> sections = FunctionSections();
     ASSERT_FALSE(sections.empty());
     EXPECT_GE(RunExamples(sections), sections.size());
+}
+
+TEST(PackageDocument, HasAnExampleWithItsActualOutput) {
+    EXPECT_EQ(RunExamples(SectionsOf("docs/package.md", "## ")), 1U);
 }
 
 TEST(InstallationDocument, HasAnExampleWithItsActualOutput) {
