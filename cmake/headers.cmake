@@ -1,14 +1,14 @@
 # The target header_checks, for ./dev check: compiles each header of the product and of interfaces/ alone, and each body of
 # the driver threads' classes, so that none depends on what another includes before it.
-file(GLOB_RECURSE checked_alone CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h
-     plugins/filter/WindowsDriverInstaller/threads/*.cpp)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${checked_alone})
+file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h)
+file(GLOB bodies CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/filter/WindowsDriverInstaller/threads/*.cpp)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${headers})
 
 # vta_core.h includes most of the system's headers. It is precompiled for those that include it, or a class of the driver
 # threads, which does; never for others, which would not have to include what they use.
 set(core_sources "")
 set(other_sources "")
-foreach(file IN LISTS checked_alone)
+foreach(file IN LISTS headers bodies)
     set(source "${CMAKE_BINARY_DIR}/headers/${file}.cpp")
     file(CONFIGURE OUTPUT "${source}" CONTENT "#include \"${PROJECT_SOURCE_DIR}/${file}\"\n" @ONLY)
     file(STRINGS "${PROJECT_SOURCE_DIR}/${file}" core_include REGEX "^#include \"(vta_core|CDriver[A-Za-z]+)\\.h\"")
