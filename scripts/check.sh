@@ -54,6 +54,8 @@ unit_of() {
     tests/*)
         if grep -q '^#include "DriverThreadProbe.h"' "$1"; then
             echo tests/threads-tests # this header includes a source of the product
+        elif grep -q '^#include ".*\.cpp"' "$1"; then
+            echo tests/source
         elif grep -qE '^(bool operator|[A-Z]+ WINAPI .*;)' "$1"; then
             echo tests/global # what these declare has to be
         elif [[ $1 == tests/@(devkit|WindowsDriverInstaller)/*Test.cpp ]]; then

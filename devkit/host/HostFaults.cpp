@@ -25,7 +25,7 @@ struct FaultRequest {
     DWORD advanceMs = 0;  ///< Simulated time that passes as soon as the call hangs.
 };
 
-FaultRequest CheckRequest(lua_State *L) {
+FaultRequest ReadFaultRequest(lua_State *L) {
     CheckFields(L, {"call", "nth", "fail", "hang", "delay", "advance"});
     FaultRequest request;
     request.call = CheckTextField(L, "call");
@@ -85,7 +85,7 @@ UnusedPlans::Complaint UnmetPlan(SimulatedSystem &system, const FaultRequest &re
 
 /// Lua: host.fault{call =, nth =, fail =, hang =, delay =, advance =}
 int AddFault(lua_State *L) {
-    const FaultRequest request = CheckRequest(L);
+    const FaultRequest request = ReadFaultRequest(L);
     luaL_where(L, 1);
     const char *const where = lua_tostring(L, -1);
     HostState &host = HostOf(L);

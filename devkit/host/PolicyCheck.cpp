@@ -22,7 +22,7 @@ constexpr const wchar_t *kScripts[] = {L"answer", L"config",  L"effect", L"modul
                                        L"policy", L"scanner", L"texts",  L"check"};
 
 struct CloseTheHandle {
-    void operator()(HANDLE handle) const { CloseHandle(handle); }
+    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
 };
 using Handle = std::unique_ptr<void, CloseTheHandle>;
 
@@ -93,7 +93,7 @@ std::optional<DWORD> RunScriptIn(const WorkFolder &folder) {
     PROCESS_INFORMATION started{};
     if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &started))
         return std::nullopt;
-    CloseHandle(started.hThread);
+    ::CloseHandle(started.hThread);
     const Handle process(started.hProcess);
     (void)WaitForSingleObject(process.get(), INFINITE);
     DWORD status = 0;

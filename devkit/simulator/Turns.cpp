@@ -91,7 +91,10 @@ void Turns::NoteSuspended(HANDLE thread) {
 void Turns::NoteResumed(HANDLE thread) {
     const InsideSimulator inside;
     const ThreadHandle noted = Find(thread);
-    if (noted == nullptr || noted->suspensions == 0 || --noted->suspensions > 0 || !noted->isNew)
+    if (noted == nullptr || noted->suspensions == 0)
+        return;
+    --noted->suspensions;
+    if (noted->suspensions > 0 || !noted->isNew)
         return;
     const HANDLE readyOrDead[] = {noted->isReady.get(), noted->handle.get()};
     (void)WaitForMultipleObjects(2, readyOrDead, FALSE, INFINITE);

@@ -65,12 +65,11 @@ TEST_F(HostPackage, IsPrintedFileByFile) {
           "\nvta_variables.txt: the variables of the filter, ", "    variable[100]    100\n    variable[101]    101\n",
           "    and 11 more; --all shows them\n    174 numbers, 143 of them 0\n",
           "    udp connections = 1\n    tcp connections = 3\n",
-          "    tcp[0]\n      0000  02 00 01 bb c0 00 02 0a 00 00 00 00 00 00 00 00  ................\n"
-          "      and 48 bytes in lines of zeros\n",
+          "    tcp[0]\n      0000  02 00 01 bb c0 00 02 0a 00 00 00 00 00 00 00 00  ................\n",
+          "................\n      and 48 bytes in lines of zeros\n",
           "    blacklist bytes = 80\n      0000  cb 00 71 07 ", "      and 16 more bytes; --all shows them\n",
-          "vta.tpf: the profile of the rules, 22 bytes\n      0000  72 75 6c 65 20 6f 6e 65 2c 20 31 39 38 2e 35 31  "
-          "rule one, 198.51\n",
-          "\nOther files\n             5 bytes  logs/agent.log\n"})
+          "vta.tpf: the profile of the rules, 22 bytes\n      0000  72 75 6c 65 20 6f 6e 65 2c 20 31 39 38 2e 35 31  ",
+          " 35 31  rule one, 198.51\n", "\nOther files\n             5 bytes  logs/agent.log\n"})
         EXPECT_TRUE(HasText(run.out, part)) << part << "\nis not in\n" << run.out;
 }
 

@@ -117,6 +117,15 @@ const char *PolicyValueIn(const char *json) {
     return json;
 }
 
+/// Where a text continues after the string that begins it; at its end if the string has none.
+const char *AfterString(const char *json) {
+    for (++json; *json != '\0' && *json != '"'; ++json) {
+        if (*json == '\\' && json[1] != '\0')
+            ++json;
+    }
+    return *json == '"' ? json + 1 : json;
+}
+
 /// Where a number of far more characters than any number needs begins, outside of strings; null if there is none. Text
 /// after the value does not count. The C library's time for a number grows with the square of its length: a megabyte
 /// of digits takes half a minute.
@@ -126,25 +135,20 @@ const char *FindOverlongPolicyNumber(const char *json) {
     json = PolicyValueIn(json);
     if (*json != '{' && *json != '[')  // a number, string or word alone
         return numberLength(json) > maxCharacters ? json : nullptr;
-    bool inString = false;
     int depth = 0;
     while (*json != '\0') {
-        std::size_t length = 1;
         if (*json == '"') {
-            inString = !inString;
-        } else if (inString) {
-            length = json[0] == '\\' && json[1] != '\0' ? 2 : 1;
-        } else if (*json == '{' || *json == '[') {
-            ++depth;
-        } else if (*json == '}' || *json == ']') {
-            if (--depth == 0)
-                return nullptr;
-        } else {
-            length = std::max<std::size_t>(numberLength(json), 1);
-            if (length > maxCharacters)
-                return json;
+            json = AfterString(json);
+            continue;
         }
-        json += length;
+        if (*json == '{' || *json == '[')
+            ++depth;
+        else if ((*json == '}' || *json == ']') && --depth == 0)
+            return nullptr;
+        const std::size_t length = numberLength(json);
+        if (length > maxCharacters)
+            return json;
+        json += std::max<std::size_t>(length, 1);
     }
     return nullptr;
 }
