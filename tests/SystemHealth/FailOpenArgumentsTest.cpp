@@ -77,6 +77,19 @@ TEST_F(FailOpen, AnUnknownStateIsLoggedAsAnError) {
     }
 }
 
+TEST_F(FailOpen, StateAndConfigurationInAnyEncodingKeepTheirAscii) {
+    EXPECT_EQ(Check("ger\xE4t \xFF\x81 %s%n"), kBadArgument);
+    const std::vector<std::string> errors = TakeErrors();
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_TRUE(errors[0].starts_with("incorrect state value ger")) << errors[0];
+    EXPECT_TRUE(errors[0].ends_with("%s%n for state string")) << errors[0];
+    Forget();
+    ASSERT_EQ(Check("Deactivated", "ger\xE4t \xFF\x81 %s%n"), kNormal);
+    const std::string traced = EngineTraces().front();
+    EXPECT_TRUE(traced.starts_with("cloud_config size[13]:ger")) << traced;
+    EXPECT_TRUE(traced.ends_with("%s%n ")) << traced;
+}
+
 TEST_F(FailOpen, AStateIsComparedByteByByteEvenAfterANul) {
     EXPECT_EQ(Check(std::string("Activ\0ated", 10)), kBadArgument);
     EXPECT_EQ(TakeErrors(), (std::vector<std::string>{"incorrect state value Activ for state string"}));

@@ -71,6 +71,11 @@ TEST_F(HealthMetrics, ARemovedThresholdDisablesItsMetric) {
     machine().processorQueue = 1000;
     ASSERT_EQ(Check(), kNormal) << "not checked";
     EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 0, 0}));
+    ASSERT_EQ(Metric("frepct"), (ReadOut{"frepct", 50, 20}));
+    WriteConfig(kPort);
+    machine().memoryAvailable = 0;
+    ASSERT_EQ(Check(), kNormal) << "not checked";
+    EXPECT_EQ(Metric("frepct"), (ReadOut{"frepct", 0, 0}));
 }
 
 TEST_F(HealthMetrics, WithoutThresholdsOnlyTheIterationIntervalIsEnabled) {

@@ -455,6 +455,8 @@ TEST_F(Policy, ANumberIsReadAt65536CharactersAndRejectedAt65537) {
     EXPECT_EQ(ReadPolicy(policyOf(65'536)).count, 1);
     EXPECT_EQ(WrittenJson(), kGoodWritten);
     ExpectParseError(policyOf(65'537));
+    ExpectNothingInIt(std::string(65'536, '0'));
+    ExpectParseError(std::string(65'537, '0'));
 }
 
 TEST_F(Policy, NumbersOfAThousandCharactersAndStringsOfMoreDigitsAreRead) {

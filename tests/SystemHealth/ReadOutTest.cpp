@@ -40,6 +40,12 @@ TEST_F(HealthReadOut, BeforeTheFirstIterationTheSubsystemIsOff) {
     EXPECT_EQ(Port(), "false 0");
 }
 
+TEST_F(HealthReadOut, BeforeAConfigurationIsReadThereIsNoPort) {
+    ASSERT_EQ(Check("bad"), kBadArgument);
+    EXPECT_EQ(Enabled(), "true") << "the iteration counts, although it read nothing";
+    EXPECT_EQ(Port(), "false 0");
+}
+
 TEST_F(HealthReadOut, BeforeTheFirstIterationMetricsHaveTheirInitialThresholds) {
     const std::vector<ReadOut> expected{{"rqpct", 0, 50},   {"refusalpct", 0, 10}, {"estab", 0, 50},
                                         {"scanmb", 0, 100}, {"frepct", 0, 100},    {"delta_t", 0, 100}};
@@ -98,13 +104,14 @@ TEST_F(HealthReadOut, ThresholdsAreTruncated) {
     EXPECT_EQ(Metric("rqpct"), (ReadOut{"rqpct", 1, 49}));
 }
 
-TEST_F(HealthReadOut, ValuesThatAreNotANumberRaiseNoError) {
+TEST_F(HealthReadOut, ValuesWithoutA64BitIntegerPartAreTheLeastIntegerAndRaiseNoError) {
     WriteConfig(kRunQueue);
     for (const double queue : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
                                -std::numeric_limits<double>::infinity(), 1e300}) {
         machine().processorQueue = queue;
         EXPECT_EQ(Check(), queue > 50 ? kFailOpen : kNormal);
-        EXPECT_EQ(lua.ErrorOf("assert(#select(2, f.GetSysHealthMetrics()) == 7)"), "");
+        EXPECT_EQ(lua.ErrorOf("metrics = select(2, f.GetSysHealthMetrics()) assert(#metrics == 7)"), "");
+        EXPECT_EQ(lua.Eval("metrics[1].value == -2^63"), "true") << queue;
         ExpectLockFree();
     }
 }

@@ -185,6 +185,7 @@ TEST_F(Sampling, CountersMissingFromOneAnswerKeepTheirBaseline) {
     driver().scanShape = {10, 1};
     SetTotals({.connNew = 1'000'800, .established = 1'000'800, .bytesForward = before.bytesForward + (40 << 20)});
     ASSERT_EQ(CheckAt(20), kNormal) << "no more was scanned than allowed";
+    EXPECT_EQ(FieldOf(TakeLongLine(), "scanmb"), "1.000(8.000)") << "40 MiB since the baseline, 10 s, 4 processors";
     Forget();
     SetTotals({.connNew = 1'000'800, .established = 1'000'800, .bytesForward = before.bytesForward + (120 << 20)});
     ASSERT_EQ(CheckAt(30), kNormal);
