@@ -26,6 +26,7 @@ foreach(target core_header_checks other_header_checks)
     add_dependencies(header_checks ${target})
     target_link_libraries(${target} PRIVATE fc_objects)
     if(NOT MSVC)
-        target_compile_options(${target} PRIVATE -O0 -g0 -w)  # a header may leave declarations unused, and a body functions undefined
+        # Without warnings: a header may leave declarations unused, and a body functions undefined.
+        target_compile_options(${target} PRIVATE -O0 -g0 -w)
     endif()
 endforeach()
