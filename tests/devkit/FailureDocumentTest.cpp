@@ -41,7 +41,9 @@ std::vector<std::string> RowCells(const std::string &line) {
 }
 
 FailureRow ReadRow(const std::vector<std::string> &cells) {
-    FailureRow row{.id = cells[0], .state = cells[3] + "|" + cells[4] + "|" + cells[5] + "|" + cells[6]};
+    FailureRow row;
+    row.id = cells[0];
+    row.state = cells[3] + "|" + cells[4] + "|" + cells[5] + "|" + cells[6];
     for (const std::string &reported : Split(cells[2], " / "))
         row.reported.insert(reported);
     if (cells[7] != "none needed")
