@@ -35,6 +35,9 @@ end
 -- The 16-bit groups of an IPv6 address, or nil.
 local function ipv6_groups(text)
     local groups = {}
+    if text:find("^:") or text:find(":$") or text:find("::", 1, true) then
+        return nil
+    end
     for group in text:gmatch("[^:]+") do
         local number = #group <= 4 and tonumber(group, 16)
         if not number then
@@ -48,7 +51,7 @@ end
 local function ipv6_forms(text)
     local head, tail = text:match("^(.-)::(.*)$")
     local first, last = ipv6_groups(head or text), ipv6_groups(tail or "")
-    if not text:find(":", 1, true) or not first or not last or text:find(":::", 1, true) then
+    if not text:find(":", 1, true) or not first or not last then
         return nil
     end
     local missing = 8 - #first - #last

@@ -69,7 +69,7 @@ TEST_F(HostPackage, IsPrintedFileByFile) {
           "................\n      and 48 bytes in lines of zeros\n",
           "    blacklist bytes = 80\n      0000  cb 00 71 07 ", "      and 16 more bytes; --all shows them\n",
           "vta.tpf: the profile of the rules, 22 bytes\n      0000  72 75 6c 65 20 6f 6e 65 2c 20 31 39 38 2e 35 31  ",
-          " 35 31  rule one, 198.51\n", "\nOther files\n             5 bytes  logs/agent.log\n"})
+          " 35 31  rule one, 198.51\n", "\nOther files\n             5 bytes  logs\\agent.log\n"})
         EXPECT_TRUE(HasText(run.out, part)) << part << "\nis not in\n" << run.out;
 }
 
@@ -87,7 +87,7 @@ TEST_F(HostPackage, TellsWhichFilesAreMissing) {
     const HostRun run = Read();
     ASSERT_EQ(run.exitCode, 0U) << run.err;
     EXPECT_EQ(run.out,
-              "\ndiag/vta_variables.txt: the variables of the filter, 17 bytes\n    variable[3]      7\n"
+              "\ndiag\\vta_variables.txt: the variables of the filter, 17 bytes\n    variable[3]      7\n"
               "    1 numbers, 0 of them 0\n\nvta_stats.txt: not in the package\n\n"
               "vta_conn_track.txt: not in the package\n\nvta_blacklist.txt: not in the package\n\n"
               "vta.tpf: not in the package\n");
@@ -117,7 +117,7 @@ TEST_F(HostPackage, DoesNotTakeAPartOfAnAddressForIt) {
 
 TEST_F(HostPackage, RefusesWhatIsNoAddress) {
     Make("");
-    for (const wchar_t *address : {L"192.0.2.256", L"192.0.2", L"0", L"65536", L"2001:db8", L"1::2::3", L":::",
+    for (const wchar_t *address : {L"192.0.2.256", L"192.0.2", L"0", L"65536", L"2001:db8", L"1::2::3", L":::", L"1:",
                                    L"::12345", L"1:2:3:4:5:6:7:8:9", L"host", L"-1"})
         ExpectRefusal({L"--find", address}, "' is neither an IPv4 or IPv6 address nor a port");
     ExpectRefusal({L"--find"}, "--find needs an address");
@@ -164,7 +164,7 @@ TEST_F(HostPackage, SaysWhatIsWrongWithAFileThatIsNoWholePackage) {
 TEST_F(HostPackage, OfRandomBytesIsReadOrRefusedAndNothingElse) {
     Make(kDriversFiles);
     const std::string whole = TextOfFile(folder.At(L"package.zip"));
-    for (unsigned seed = 1; seed <= 12; ++seed) {
+    for (unsigned seed = 1; seed <= 8; ++seed) {
         std::string broken = whole;
         unsigned state = seed;
         for (int change = 0; change < 20; ++change) {
