@@ -142,9 +142,8 @@ bool Turns::Wait(std::optional<Interval> until, const Probe &probe) {
     bool isOver = false;
     while (!m_ended && !isOver) {
         const ThreadHandle next = PickNext();
-        if (next != nullptr && next != self) {
+        if (next != nullptr && next != self)
             AwaitTurn(next->turn.get(), *self);
-        }
         if (m_ended || std::exchange(self->isDue, false))
             break;
         self->isProbed = true;

@@ -20,8 +20,8 @@ namespace Simulator {
 /// moves on to the end of the wait that ends first. So the same program does the same things at the same times in each
 /// run.
 ///
-/// While one has the turn, all others that take part are within one call of the system, or not yet begun: so they hold
-/// no lock and may be killed, and the stack of one that is paused is the same in each run.
+/// While one has the turn, all others that take part are within one call of the system, or not yet begun: they hold no
+/// lock of the system, so that they may be killed, and the stack of one that is paused is the same in each run.
 ///
 /// A thread that is suspended, or was killed, gets no turn. Others than those that take part run as they like.
 class Turns {
