@@ -31,9 +31,9 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
-    # Twice as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
+    # Three times as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
     # Ctrl-C.
-    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((2 * JOBS)) \
+    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((3 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
