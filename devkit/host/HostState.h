@@ -63,6 +63,7 @@ void AddDriverRunFunctions(lua_State *L, HostState &host);
 /// After all others: it uses them.
 void AddExpectFunctions(lua_State *L, HostState &host);
 void AddReportFunctions(lua_State *L, HostState &host);
+void AddScriptFunctions(lua_State *L, HostState &host);
 void AddModuleFunctions(lua_State *L, HostState &host);
 void AddRebootFunction(lua_State *L, HostState &host);
 

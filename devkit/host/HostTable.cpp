@@ -44,6 +44,7 @@ void OpenHostTable(lua_State *L, HostState &host) {
     AddDriverRunFunctions(L, host);
     AddReportFunctions(L, host);
     AddModuleFunctions(L, host);
+    AddScriptFunctions(L, host);
     AddExpectFunctions(L, host);
     lua_setglobal(L, "host");
 

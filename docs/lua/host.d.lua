@@ -86,6 +86,13 @@ function host.check_policy(text) end
 ---@overload fun(texts: string[]): host.CheckAnswer[]
 function host.check_config(text) end
 
+---Runs a script in a host process of its own, on the stepped clock.
+---@param path string
+---@param ... string its arguments
+---@return integer status
+---@return string output with its errors
+function host.run_script(path, ...) end
+
 ---Unloads the module, as a restart of the agent does; the next `require "fc"` loads it with fresh state.
 function host.restart_module() end
 
@@ -279,6 +286,12 @@ function host.expect.equal(actual, expected, what) end
 ---@param ... any
 ---@return any message
 function host.expect.error(text, f, ...) end
+
+---@param status integer
+---@param path string of the script
+---@param ... string its arguments
+---@return string output
+function host.expect.status(status, path, ...) end
 
 -- The machine ---------------------------------------------------------------------------------------------
 

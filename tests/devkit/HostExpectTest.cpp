@@ -51,6 +51,49 @@ TEST(HostExpect, EndsTheScriptInItsLineWithWhatIsThereInstead) {
     ExpectFails("host.expect.error('x', error, 'y')", "the error is \"y\", and \"x\" is expected");
 }
 
+namespace {
+
+/// Writes a script as tested.lua beside the one that runs.
+std::string WriteTested(const std::string &text) {
+    return "local tested = debug.getinfo(1, 'S').source:sub(2):gsub('[^\\\\/]*$', '') .. "
+           "'tested.lua' "
+           "local file = assert(io.open(tested, 'w')) file:write([[" +
+           text + "]]) file:close()\n";
+}
+
+}  // namespace
+
+TEST(HostExpect, RunsAnotherScriptInAProcessOfItsOwnForItsExitStatus) {
+    const HostRun run = RunScript(WriteTested(R"(
+        assert(select('#', ...) == 3 and select(2, ...) == 'a "quoted" one\\', select(2, ...))
+        assert(SLB == nil)
+        print("Grüße, " .. ...)
+        os.exit(3)
+    )") + R"lua(
+        require "fc"
+        local output = host.expect.status(3, tested, "Jörg", 'a "quoted" one\\', "")
+        assert(output:find("Grüße, Jörg", 1, true), output)
+        local status, text = host.run_script(tested)
+        assert(status == 1 and text:find("tested.lua:1:", 1, true), text)
+    )lua",
+                                  {L"--quiet"});
+    EXPECT_EQ(run.exitCode, 0U) << run.err;
+}
+
+TEST(HostExpect, TellsAnotherExitStatusWithTheOutput) {
+    const HostRun run =
+        RunScript(WriteTested("print 'hello' os.exit(4)") + "host.expect.status(0, tested)", {L"--quiet"});
+    EXPECT_EQ(run.exitCode, 1U);
+    EXPECT_TRUE(Contains(run.err, "script.lua:2: ")) << run.err;
+    EXPECT_TRUE(Contains(run.err, "tested.lua ends with status 4, and 0 is expected; it has printed \"hello"))
+        << run.err;
+}
+
+TEST(HostExpect, RunsNoScriptWithoutAName) {
+    ExpectFails("host.run_script()", "bad argument #1 to 'run_script'");
+    ExpectFails("host.run_script('x', {})", "bad argument #2 to 'run_script'");
+}
+
 TEST(HostExpect, RefusesWhatIsMisspelt) {
     ExpectFails("host.expect.event { nunber = 1004 }", "there is no field 'nunber'");
     ExpectFails("host.expect.event { number = '1004' }", "field 'number': number expected, got string");

@@ -122,6 +122,14 @@ function expect.error(text, f, ...)
     return message
 end
 
+function expect.status(expected, script, ...)
+    local status, output = host.run_script(script, ...)
+    if status ~= expected then
+        fail("%s ends with status %s, and %s is expected; it has printed %q", script, tostring(status), tostring(expected), output)
+    end
+    return output
+end
+
 host.expect = setmetatable(expect, {
     __index = function(_, name)
         error("host.expect has no function '" .. tostring(name) .. "'", 2)
