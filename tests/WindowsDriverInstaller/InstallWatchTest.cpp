@@ -245,10 +245,19 @@ TEST_F(InstallWatch, WarnsOnceOfAWorkerThatHangsInOneStepForAMinute) {
 }
 
 TEST_F(InstallWatch, DoesNotWarnWhileStepsEnd) {
-    faults().DelayNth("SetupCopyOEMInfW", 1, 40'000);
-    faults().DelayNth("INetCfgClassSetup::Install", 1, 40'000);
-    faults().DelayNth("INetCfg::Apply", 1, 40'000);
-    const InstallOutcome outcome = Install();
+    std::vector<FaultPlan> plans;
+    for (const char *function : {"SetupCopyOEMInfW", "INetCfgClassSetup::Install", "INetCfg::Apply"})
+        plans.push_back(faults().HangNth(function, 1));
+    const InstallOutcome outcome = InstallWhile([&] {
+        for (const FaultPlan &plan : plans) {
+            ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
+            for (int second = 0; second < 40; ++second) {
+                PassTime(1'000, 1'000);
+                EXPECT_TRUE(AwaitPolls(1));
+            }
+            plan->Release();
+        }
+    });
     EXPECT_EQ(Warnings(outcome), Lines{});
     EXPECT_TRUE(Succeeded(outcome));
 }
