@@ -1,17 +1,14 @@
 #include "SecondHost.h"
 
 #include <cstddef>
-#include <memory>
 #include <system_error>
 
 #include "Files.h"
+#include "UniqueHandle.h"
+
+using Simulator::UniqueHandle;
 
 namespace {
-
-struct CloseTheHandle {
-    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
-};
-using Handle = std::unique_ptr<void, CloseTheHandle>;
 
 std::wstring ProgramPath() {
     std::wstring path(32'768, L'\0');
@@ -32,11 +29,11 @@ std::wstring Quoted(const std::wstring &argument) {
     return quoted.append(backslashes, L'\\') + L'"';
 }
 
-Handle OpenInherited(const std::wstring &path) {
+UniqueHandle OpenInherited(const std::wstring &path) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
     HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
                               CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    return Handle(file != INVALID_HANDLE_VALUE ? file : nullptr);
+    return UniqueHandle(file != INVALID_HANDLE_VALUE ? file : nullptr);
 }
 
 /// @param output  gets what the process prints.
@@ -51,7 +48,7 @@ std::optional<DWORD> RunProcess(const std::wstring &program, std::wstring line, 
     if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &started))
         return std::nullopt;
     ::CloseHandle(started.hThread);
-    const Handle process(started.hProcess);
+    const UniqueHandle process(started.hProcess);
     (void)WaitForSingleObject(process.get(), INFINITE);
     DWORD status = 0;
     GetExitCodeProcess(process.get(), &status);
