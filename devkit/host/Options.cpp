@@ -181,7 +181,8 @@ bool IsCheck(const Options &options, std::wstring &error) {
     else if (files > 1)
         error = L"--check-policy and --check-config check one file at a time; leave out one of them";
     else if (!given.empty())
-        error = L"--check-policy and --check-config stand alone, or with --quiet; leave out " + Joined({given.begin(), given.end()});
+        error = L"--check-policy and --check-config stand alone, or with --quiet; leave out " +
+                Joined({given.begin(), given.end()});
     return true;
 }
 
