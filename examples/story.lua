@@ -21,16 +21,11 @@ DelService = qbimwfp
 local HEALTH_FILE = "SYSTEM_CONNECTION_REFUSAL_PORT=443\nSYSTEM_RUNQ_PCT_THRESHOLD=50\nSYSTEM_MIN_FREE_MEM_PCT=12" ..
     "\nSYSTEM_RECOVERY_FACTOR=80\nSYSTEM_MIN_ACT_DURATION=15\nSYSTEM_MAX_ACT_DURATION=60\n"
 
+local expect = host.expect
+
 local function fail(...)
     io.stderr:write("story: ", string.format(...), "\n")
     os.exit(1)
-end
-
-local function expect(as_told, ...)
-    if not as_told then
-        fail(...)
-    end
-    return as_told
 end
 
 local function parse_arguments(arguments)
@@ -45,13 +40,6 @@ local function parse_arguments(arguments)
     end
     options.out = options.out:gsub("[/\\]$", "")
     return options
-end
-
-local function write_file(path, content)
-    local file, message = io.open(path, "wb")
-    expect(file, "%s", message)
-    file:write(content)
-    file:close()
 end
 
 -- What is shown --------------------------------------------------------------------------------------
@@ -138,7 +126,7 @@ local function make_machine(out)
     local machine, folder = host.machine, host.machine.folders().program_files
     host.set_wall_clock(MORNING)
     host.use_program_data(out .. "/agent")
-    write_file(out .. "/agent/filter/vt_filter.conf", HEALTH_FILE)
+    host.write_file(out .. "/agent/filter/vt_filter.conf", HEALTH_FILE)
     machine.put_component { id = "ms_tcpip", class = "protocol" }
     machine.put_adapter { node = ETHERNET, name = "Ethernet", ip = "192.0.2.10", gateway = "192.0.2.1" }
     machine.put_adapter { node = WIFI, name = "Wi-Fi", ip = "198.51.100.7", gateway = "198.51.100.1" }
@@ -146,8 +134,8 @@ local function make_machine(out)
     machine.bind(WIFI, "ms_tcpip")
     machine.set_firewall { public = false }
     machine.processor_queue = 4
-    write_file(folder .. "netqbimvta.inf", ("CopyFiles = qbimvta.sys\r\n"):rep(12))
-    write_file(folder .. "netqbimwfp.inf", CALLOUT_INF)
+    host.write_file(folder .. "netqbimvta.inf", ("CopyFiles = qbimvta.sys\r\n"):rep(12))
+    host.write_file(folder .. "netqbimwfp.inf", CALLOUT_INF)
     host.driver.present = false
     slow_down()
     return folder
@@ -165,7 +153,7 @@ local function install(folder)
     local result = SLB.filter.InstallOrUpdateDriver(host.dom(), folder, folder)
     local outcome = latest()
     row("InstallOrUpdateDriver", "%s, after %d s", tostring(result), outcome.seconds)
-    expect(result, "the installation could not be started")
+    expect.that(result, "the installation could not be started")
     row("outcome", "%s", outcome.text)
     return outcome
 end
@@ -177,12 +165,13 @@ local function install_first(folder)
     SLB.filter.DisableNativeFirewall()
     ship(folder, "2.0.0.0")
     local outcome = install(folder)
-    expect(outcome.outcome == "installed" and outcome.state.driver == "2.0.0.0", "the first installation fails")
-    expect(SLB.filter.StartWFPDriver(true), "the callout does not start")
+    expect.equal(outcome.outcome, "installed", "the outcome of the first installation")
+    expect.equal(outcome.state.driver, "2.0.0.0", "the driver's version")
+    expect.that(SLB.filter.StartWFPDriver(true), "the callout does not start")
     row("service qbimwfp", "%s", host.machine.inventory().services.qbimwfp)
     show_network()
     show_firewall()
-    expect(is_bound(ETHERNET) and is_bound(WIFI), "the filter is not bound everywhere")
+    expect.that(is_bound(ETHERNET) and is_bound(WIFI), "the filter is not bound everywhere")
 end
 
 local function upgrade(folder)
@@ -191,9 +180,10 @@ local function upgrade(folder)
     row("the administrator", "unbinds the filter from Wi-Fi")
     ship(folder, "2.1.0.0")
     local outcome = install(folder)
-    expect(outcome.outcome == "upgraded" and outcome.state.driver == "2.1.0.0", "the upgrade fails")
+    expect.equal(outcome.outcome, "upgraded", "the outcome of the upgrade")
+    expect.equal(outcome.state.driver, "2.1.0.0", "the driver's version")
     show_network()
-    expect(is_bound(ETHERNET) and not is_bound(WIFI), "the upgrade does not keep the bindings")
+    expect.that(is_bound(ETHERNET) and not is_bound(WIFI), "the upgrade does not keep the bindings")
 end
 
 local function hung_upgrade(folder)
@@ -205,16 +195,16 @@ local function hung_upgrade(folder)
     host.set_verbose_log(false)
     host.clear_faults()
     slow_down()
-    expect(outcome.killed, "the hung step is not reported")
-    expect(outcome.step == "InstallingDriver", "the step %s hangs", outcome.step)
-    expect(outcome.stack, "there is no stack trace of the worker")
+    expect.that(outcome.killed, "the hung step is not reported")
+    expect.equal(outcome.step, "InstallingDriver", "the step that hangs")
+    expect.that(outcome.stack, "there is no stack trace of the worker")
     local frames = select(2, ("\n" .. outcome.stack):gsub("\n%[", ""))
     local place = outcome.stack:match("(CDriver[%w_:]+)%+%d+\n") -- the innermost function of the module
     row("its stack", "%d frames", frames)
     row("it waits in", "%s", place or "a function without a name: fc.pdb is not beside fc.dll")
     row("driver", "%s", outcome.state.driver and "runs" or "none: the old one is gone, the new one not there")
-    row("lock of the network", "still held by %s", expect(outcome.state.lock, "the lock is free"))
-    expect(not outcome.state.driver, "a driver runs")
+    row("lock of the network", "still held by %s", expect.that(outcome.state.lock, "the lock is free"))
+    expect.equal(outcome.state.driver, nil, "the driver's version")
 end
 
 local function broken_network(folder)
@@ -224,13 +214,15 @@ local function broken_network(folder)
     host.machine.when({ happens = "bound", component = "qbimvta", adapter = ETHERNET }, ETHERNET,
         { ip = "192.0.2.10", gateway = "192.0.2.1" })
     local outcome = install(folder)
-    expect(outcome.outcome == "installed" and outcome.state.driver == "2.2.0.0", "the second attempt fails")
+    expect.equal(outcome.outcome, "installed", "the outcome of the second attempt")
+    expect.equal(outcome.state.driver, "2.2.0.0", "the driver's version")
     keep_traces()
     local complaint = "Adapter 'Ethernet' had an IP address and now it doesn't"
-    expect(table.concat(trace_lines, "\n"):find(complaint, 1, true), "nobody sees that the network is broken")
+    expect.that(table.concat(trace_lines, "\n"):find(complaint, 1, true), "nobody sees that the network is broken")
     row("Ethernet", "lost its address: the filter was unbound and bound again")
     show_network()
-    expect(address_of(ETHERNET) == "192.0.2.10" and not outcome.reboot, "the network stays broken")
+    expect.equal(address_of(ETHERNET), "192.0.2.10", "the address of Ethernet")
+    expect.that(not outcome.reboot, "the network needs a reboot")
 end
 
 local function remove(folder)
@@ -247,8 +239,8 @@ local function remove(folder)
     show_network()
     show_firewall()
     local firewall = host.machine.firewall()
-    expect(removed and #left.components == 1 and not left.services.qbimwfp, "the removal leaves something")
-    expect(firewall.domain and firewall.private and not firewall.public, "the firewall is not as it was")
+    expect.that(removed and #left.components == 1 and not left.services.qbimwfp, "the removal leaves something")
+    expect.that(firewall.domain and firewall.private and not firewall.public, "the firewall is not as it was")
 end
 
 -- Work -----------------------------------------------------------------------------------------------
@@ -261,7 +253,7 @@ local function poll_until(state, action)
             return poll
         end
     end
-    fail("the health check never answers %d", action)
+    error(("the health check never answers %d"):format(action))
 end
 
 local function health()
@@ -291,7 +283,8 @@ local function count_connections()
         row(found.proto .. " " .. found.dst_port, "%d", found.count)
         total = total + found.count
     end
-    expect(#rows == #kinds and total == 203, "%d of 203 connections are counted", total)
+    expect.equal(#rows, #kinds, "the number of kinds")
+    expect.equal(total, 203, "the number of connections")
 end
 
 local function diagnose(path)
@@ -300,7 +293,7 @@ local function diagnose(path)
     host.driver.set_blacklist("203.0.113.0/24")
     host.driver.set_profile(("rule\0"):rep(100))
     host.driver.set_variable(PROFILE_VARIABLE, 1)
-    local zip, handle = host.zip(path), expect(host.driver_handle(), "the driver can't be opened")
+    local zip, handle = host.zip(path), expect.that(host.driver_handle(), "the driver can't be opened")
     SLB.filter.AddDriverDiagnostics(host.dom(), handle, zip)
     host.close_handle(handle)
     host.close_zip(zip)
@@ -308,7 +301,7 @@ local function diagnose(path)
     for _, file in ipairs(files) do
         row(file.name, "%7d bytes", #file.content)
     end
-    expect(#files >= 4, "the package has %d files", #files)
+    expect.that(#files >= 4, "the package has too few files")
 end
 
 local function write_trace(out)

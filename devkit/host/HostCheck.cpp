@@ -7,45 +7,24 @@
 
 namespace {
 
-/// The text at index 1, or the texts of the array there.
-std::vector<std::string> TextsAt1(lua_State *L) {
-    std::vector<std::string> texts;
-    if (!lua_istable(L, 1)) {
-        texts.emplace_back(CheckText(L, 1));
-        return texts;
-    }
-    const int count = static_cast<int>(lua_rawlen(L, 1));
-    for (int i = 1; i <= count; ++i) {
-        lua_rawgeti(L, 1, i);
-        std::size_t length = 0;
-        const char *text = lua_tolstring(L, -1, &length);
-        texts.emplace_back(text, length);
-        lua_pop(L, 1);
-    }
-    return texts;
-}
-
-void CheckTextArguments(lua_State *L) {
+/// @return whether the argument is an array of texts; otherwise it is a text.
+bool CheckArgument(lua_State *L) {
     if (!lua_istable(L, 1)) {
         (void)CheckText(L, 1);
-        return;
+        return false;
     }
-    const int count = static_cast<int>(lua_rawlen(L, 1));
-    for (int i = 1; i <= count; ++i) {
-        lua_rawgeti(L, 1, i);
-        luaL_argcheck(L, lua_type(L, -1) == LUA_TSTRING, 1, "an array of strings expected");
-        lua_pop(L, 1);
-    }
+    CheckTextArray(L, 1);
+    return true;
 }
 
 int CheckAs(lua_State *L, CheckedKind kind) {
-    CheckTextArguments(L);
-    const bool isArray = lua_istable(L, 1);
+    const bool isArray = CheckArgument(L);
     bool checked = false;
     bool pushed = false;
     {
         std::string error;
-        const JsonPtr answers = CheckTexts({kind, TextsAt1(L), !isArray}, error);
+        const std::vector<std::string> texts = isArray ? ToTexts(L, 1) : std::vector{std::string(CheckText(L, 1))};
+        const JsonPtr answers = CheckTexts({kind, texts, !isArray}, error);
         checked = answers != nullptr;
         const cJSON *const answer = isArray ? answers.get() : cJSON_GetArrayItem(answers.get(), 0);
         pushed =

@@ -135,6 +135,7 @@ int SetCounters(lua_State *L) {
     constexpr double maxExact = 9007199254740992.0;  // 2 to the power of 53
     luaL_checktype(L, 1, LUA_TTABLE);
     std::array<std::uint64_t, 10> counters{};
+    luaL_argcheck(L, IsArray(L, 1), 1, "an array of numbers expected");
     luaL_argcheck(L, lua_rawlen(L, 1) <= counters.size(), 1, "at most ten counters");
     for (std::size_t i = 0; i < lua_rawlen(L, 1); ++i) {
         lua_rawgeti(L, 1, static_cast<int>(i + 1));
@@ -149,6 +150,7 @@ int SetCounters(lua_State *L) {
 void CheckConnections(lua_State *L, int index) {
     constexpr std::size_t maxConnections = 65'535;
     luaL_checktype(L, index, LUA_TTABLE);
+    luaL_argcheck(L, IsArray(L, index), index, "an array of strings expected");
     luaL_argcheck(L, lua_rawlen(L, index) <= maxConnections, index, "at most 65535 connections");
     for (std::size_t i = 0; i < lua_rawlen(L, index); ++i) {
         lua_rawgeti(L, index, static_cast<int>(i + 1));
@@ -221,9 +223,12 @@ int SetFault(lua_State *L) {
     const auto status = static_cast<std::int32_t>(luaL_checkinteger(L, 2));
     const std::string_view text = CheckText(L, 3);
     luaL_where(L, 1);
+    UnusedPlans &plans = HostOf(L).plans;
+    plans.Settle(UnusedPlans::Kind::DriverFault, operation);  // this one takes the place of an earlier one
     WithDriver(
         [&](Vti::Driver &driver) { driver.faults[std::string(operation)] = {status, std::string(text), -1, 0}; });
-    HostOf(L).plans.Add(UnusedPlans::Kind::DriverFault, UnmetFault(lua_tostring(L, -1), std::string(operation)));
+    plans.Add(UnusedPlans::Kind::DriverFault, UnmetFault(lua_tostring(L, -1), std::string(operation)),
+              std::string(operation));
     return 0;
 }
 

@@ -225,6 +225,8 @@ CheckedResults CheckResults(lua_State *L) {
     lua_getfield(L, 1, "results");
     if (!lua_istable(L, -1))
         luaL_error(L, "field 'results': table expected, got %s", luaL_typename(L, -1));
+    if (!IsArray(L, lua_gettop(L)))
+        luaL_error(L, "field 'results': array expected");
     checked.count = lua_rawlen(L, -1);
     if (checked.count > checked.results.size())
         luaL_error(L, "field 'results': at most %d results", static_cast<int>(checked.results.size()));

@@ -17,7 +17,8 @@ std::vector<std::wstring> ArgumentsFrom(lua_State *L, int first) {
 /// Lua: status, output = host.run_script(path, ...)
 int RunScript(lua_State *L) {
     for (int i = 1; i == 1 || i <= lua_gettop(L); ++i)
-        (void)luaL_checkstring(L, i);
+        luaL_argcheck(L, CheckText(L, i).find('\0') == std::string_view::npos, i,
+                      "a string without zero bytes expected");
     std::optional<DWORD> status;
     bool pushed = false;
     {

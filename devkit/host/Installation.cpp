@@ -147,6 +147,8 @@ void Installation::PutComponent(const Simulator::NetworkComponent &component) {
 }
 
 void Installation::PutDevice(const Simulator::Device &device) {
+    if (!device.componentId.empty())
+        CheckComponent(device.componentId);
     m_network.devices->Put(device);
     m_deviceIds.insert(device.instanceId);
 }
@@ -264,6 +266,13 @@ void Installation::PutInstallable(const Simulator::InstallableComponent &install
     m_loads.erase(id);
     if (loads)
         m_loads.emplace(id, *loads);
+}
+
+std::size_t Installation::When(const NetworkRule &rule) {
+    CheckAdapter(rule.node);
+    if (!rule.when.adapter.empty())
+        CheckAdapter(rule.when.adapter);
+    return m_rules.Add(rule);
 }
 
 /// The version of the driver that the component loads, if it loads one.

@@ -55,6 +55,7 @@ public:
                   const Simulator::Machine &machine);
 
     void PutComponent(const Simulator::NetworkComponent &component);
+    /// @throws UnknownComponent  if the component with which it is removed neither exists nor can be installed.
     void PutDevice(const Simulator::Device &device);
     /// @param state      SERVICE_RUNNING or a similar one.
     /// @param startType  SERVICE_AUTO_START or a similar one.
@@ -81,7 +82,8 @@ public:
     ///   empty: the driver is not affected.
     void PutInstallable(const Simulator::InstallableComponent &installable, const std::optional<std::string> &loads);
     /// @return the rule's number.
-    std::size_t When(const NetworkRule &rule) { return m_rules.Add(rule); }
+    /// @throws std::invalid_argument  if there is no such adapter.
+    std::size_t When(const NetworkRule &rule);
     /// Whether the rule's moment is still to come.
     bool Awaits(std::size_t rule) const { return m_rules.IsOpen(rule); }
 

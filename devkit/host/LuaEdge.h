@@ -53,6 +53,39 @@ inline std::string_view CheckText(lua_State *L, int index) {
     return {text, length};
 }
 
+/// Whether the table at the index, from 1, has the items 1 to n and nothing else.
+inline bool IsArray(lua_State *L, int index) {
+    std::size_t entries = 0;
+    for (lua_pushnil(L); lua_next(L, index) != 0; lua_pop(L, 1))
+        ++entries;
+    return entries == lua_rawlen(L, index);
+}
+
+/// Raises an error unless the argument is an array of texts.
+inline void CheckTextArray(lua_State *L, int index) {
+    constexpr const char *expected = "an array of strings expected";
+    luaL_checktype(L, index, LUA_TTABLE);
+    luaL_argcheck(L, IsArray(L, index), index, expected);
+    const int count = static_cast<int>(lua_rawlen(L, index));
+    for (int i = 1; i <= count; ++i) {
+        lua_rawgeti(L, index, i);
+        luaL_argcheck(L, lua_type(L, -1) == LUA_TSTRING, index, expected);
+        lua_pop(L, 1);
+    }
+}
+
+/// Expects what CheckTextArray has accepted. Raises no error.
+inline std::vector<std::string> ToTexts(lua_State *L, int index) {
+    std::vector<std::string> texts(lua_rawlen(L, index));
+    int number = 0;
+    for (std::string &text : texts) {
+        lua_rawgeti(L, index, ++number);
+        text.assign(lua_tostring(L, -1), lua_rawlen(L, -1));
+        lua_pop(L, 1);
+    }
+    return texts;
+}
+
 /// Sets a text field of the table on top of the stack.
 inline void SetField(lua_State *L, const char *name, std::string_view text) {
     lua_pushlstring(L, text.data(), text.size());

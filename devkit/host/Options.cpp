@@ -2,6 +2,7 @@
 
 #include <cwchar>
 #include <map>
+#include <set>
 #include <utility>
 
 #include <windows.h>
@@ -100,11 +101,12 @@ bool IsOption(const std::wstring &argument) {
 /// Reads the option at `next`, and its value, which may be joined with '=' or be the next argument.
 bool TakeOption(Options &options, const std::vector<std::wstring> &arguments, std::size_t &next, std::wstring &error) {
     const std::wstring &argument = arguments[next++];
+    const std::size_t equals = argument.find(L'=');
+    const std::wstring name = argument.substr(0, equals);
+    options.given.push_back(name);
     if (TakeSwitch(options, argument))
         return true;
 
-    const std::size_t equals = argument.find(L'=');
-    const std::wstring name = argument.substr(0, equals);
     const Setting *setting = FindSetting(name);
     if (setting == nullptr) {
         error = L"unknown option '" + argument + L"'" + ToWide(Suggestion(ToUtf8(name), OptionNames())) +
@@ -160,14 +162,27 @@ bool AreTracesKnown(const Options &options, std::wstring &error) {
     return true;
 }
 
-/// Whether one file is to be checked and nothing else.
+std::wstring Joined(const std::set<std::wstring> &names) {
+    std::wstring joined;
+    for (const std::wstring &name : names)
+        joined += (joined.empty() ? L"" : L", ") + name;
+    return joined;
+}
+
+/// Whether one file is to be checked and nothing else. A check is quiet anyway.
 bool IsCheck(const Options &options, std::wstring &error) {
     if (options.policyFile.empty() && options.configFile.empty())
         return false;
+    std::multiset<std::wstring> given(options.given.begin(), options.given.end());
+    const std::size_t files = given.erase(L"--check-policy") + given.erase(L"--check-config");
+    given.erase(L"--quiet");
     if (!options.script.empty() || options.interactive)
         error = L"--check-policy and --check-config check a file and run no script; leave out one of them";
-    else if (!options.policyFile.empty() && !options.configFile.empty())
+    else if (files > 1)
         error = L"--check-policy and --check-config check one file at a time; leave out one of them";
+    else if (!given.empty())
+        error = L"--check-policy and --check-config stand alone, or with --quiet; leave out " +
+                Joined({given.begin(), given.end()});
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 struct Options {
+    std::vector<std::wstring> given;  ///< The names of the options on the command line.
     bool help = false;
     bool version = false;
     bool quiet = false;        ///< No traces, events or log lines on the console.

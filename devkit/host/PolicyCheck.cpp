@@ -48,26 +48,48 @@ int WholeOf(const cJSON *object, const char *name) {
     return cJSON_GetObjectItem(object, name)->valueint;
 }
 
-void PrintAnswer(const std::string &file, const cJSON *answer) {
-    const cJSON *item = nullptr;
-    cJSON_ArrayForEach(item, cJSON_GetObjectItem(answer, "problems")) {
-        const std::string key = TextOf(item, "key");
-        (void)std::printf("%s:%d:%d: %s%s\n", file.c_str(), WholeOf(item, "line"), WholeOf(item, "column"),
-                          key.empty() ? "" : (key + ": ").c_str(), TextOf(item, "text").c_str());
-    }
-    const cJSON *taken = cJSON_GetObjectItem(answer, "taken");
-    (void)std::printf("%s: the module takes %d %s\n", file.c_str(), cJSON_GetArraySize(taken),
-                      cJSON_GetArraySize(taken) == 1 ? "value" : "values");
-    cJSON_ArrayForEach(item, taken) {
-        (void)std::printf("  line %d: %s = %.10g\n", WholeOf(item, "line"), TextOf(item, "key").c_str(),
-                          cJSON_GetObjectItem(item, "value")->valuedouble);
-    }
-    cJSON_ArrayForEach(item, cJSON_GetObjectItem(answer, "effect")) {
-        (void)std::printf("%s\n", item->valuestring);
-    }
+std::string NumberText(double number) {
+    char text[40] = "";
+    (void)std::snprintf(text, sizeof text, "%.10g", number);
+    return text;
+}
+
+std::string ProblemLine(const std::string &file, const cJSON *problem) {
+    const std::string key = TextOf(problem, "key");
+    return file + ":" + std::to_string(WholeOf(problem, "line")) + ":" + std::to_string(WholeOf(problem, "column")) +
+           ": " + (key.empty() ? "" : key + ": ") + TextOf(problem, "text") + "\n";
+}
+
+std::string TakenLine(const cJSON *taken) {
+    return "  line " + std::to_string(WholeOf(taken, "line")) + ": " + TextOf(taken, "key") + " = " +
+           NumberText(cJSON_GetObjectItem(taken, "value")->valuedouble) + "\n";
+}
+
+bool IsSet(const cJSON *answer, const char *flag) {
+    return cJSON_IsTrue(cJSON_GetObjectItem(answer, flag)) != 0;
 }
 
 }  // namespace
+
+std::string AnswerText(const std::string &file, const cJSON *answer) {
+    std::string text;
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, cJSON_GetObjectItem(answer, "problems")) {
+        text += ProblemLine(file, item);
+    }
+    const cJSON *taken = cJSON_GetObjectItem(answer, "taken");
+    const int count = cJSON_GetArraySize(taken);
+    text += file + ": the module takes " + std::to_string(count) + (count == 1 ? " value\n" : " values\n");
+    cJSON_ArrayForEach(item, taken) {
+        text += TakenLine(item);
+    }
+    cJSON_ArrayForEach(item, cJSON_GetObjectItem(answer, "effect")) {
+        text += std::string(item->valuestring) + "\n";
+    }
+    if (IsSet(answer, "unexplained"))
+        text += file + ": the module does something else than this check expects, which is a mistake of the check\n";
+    return text;
+}
 
 JsonPtr CheckTexts(const CheckRequest &request, std::string &error) {
     const WorkFolder folder;
@@ -92,6 +114,6 @@ bool CheckFile(const Options &options, std::string &error) {
     if (answers == nullptr)
         return false;
     const cJSON *answer = cJSON_GetArrayItem(answers.get(), 0);
-    PrintAnswer(ToUtf8(path), answer);
-    return cJSON_IsTrue(cJSON_GetObjectItem(answer, "ok")) != 0;
+    (void)std::fputs(AnswerText(ToUtf8(path), answer).c_str(), stdout);
+    return IsSet(answer, "ok") && !IsSet(answer, "unexplained");
 }

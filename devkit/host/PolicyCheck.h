@@ -22,7 +22,11 @@ struct CheckRequest {
 /// @return an array with an answer for each text: see lua/check/check.lua.
 JsonPtr CheckTexts(const CheckRequest &request, std::string &error);
 
+/// What --check-policy and --check-config print.
+/// @param answer  one of CheckTexts.
+std::string AnswerText(const std::string &file, const cJSON *answer);
+
 /// Checks the file of --check-policy or --check-config, and prints the answer.
 /// @param error  says why it can't be checked, when nothing is printed.
-/// @return whether there is nothing to complain about.
+/// @return whether there is nothing to complain about, neither of the file nor of the check.
 bool CheckFile(const Options &options, std::string &error);

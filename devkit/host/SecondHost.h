@@ -28,7 +28,8 @@ struct SecondHostRun {
     std::string output;  ///< What it has printed, with its errors.
 };
 
-/// Runs a script quietly on the stepped clock, and waits for its end.
+/// Runs a script quietly on the stepped clock, and waits for its end. An interruption ends it, and it ends with this
+/// process at the latest.
 /// @param script     its file.
 /// @param arguments  for the script.
 /// @param error      says why, if nothing is returned.

@@ -1,10 +1,10 @@
 #include "UnusedPlans.h"
 
-void UnusedPlans::Settle(Kind kind) {
-    std::erase_if(m_open, [this, kind](const auto &plan) {
-        if (plan.first != kind)
+void UnusedPlans::Settle(Kind kind, std::optional<std::string_view> name) {
+    std::erase_if(m_open, [this, kind, name](const Plan &plan) {
+        if (plan.kind != kind || plan.name != name.value_or(plan.name))
             return false;
-        std::string text = plan.second();
+        std::string text = plan.complaint();
         if (!text.empty())
             m_noted.push_back(std::move(text));
         return true;

@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "Launch.h"
+#include "ProcessJob.h"
 
 namespace {
 
@@ -53,12 +54,7 @@ HANDLE MakeEndEvent() {
 
 /// The program ends with the launcher; programs that it has started live on.
 bool TieToThis(HANDLE program) {
-    const HANDLE job = CreateJobObjectW(nullptr, nullptr);  // closed by the end of this process
-    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
-    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE | JOB_OBJECT_LIMIT_SILENT_BREAKAWAY_OK;
-    return job != nullptr &&
-           SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof(limits)) != 0 &&
-           AssignProcessToJobObject(job, program) != 0;
+    return TieToJob(program) != nullptr;  // closed by the end of this process
 }
 
 struct Ending {

@@ -1,8 +1,15 @@
 // host.check_policy, host.check_config and the options of the same names: what they answer, and that the module does
 // it.
+#include <memory>
+#include <string_view>
+#include <utility>
+
 #include <gtest/gtest.h>
+#include <lua.hpp>
 
 #include "HostProcess.h"
+#include "PolicyCheck.h"
+#include "Resource.h"
 
 namespace {
 
@@ -170,10 +177,14 @@ constexpr const char *kCompare = R"lua(
         return action, number_values(host.read_json(folder .. "/diag/vt_filter_json.log"))
     end
 
+    -- By their keys in a policy; of a key that a file has twice, the later value counts.
     local function taken_values(answer)
-        local values = {}
+        local values, policy_keys = {}, {}
+        for i, key in ipairs(FILE_KEYS) do
+            policy_keys[key] = POLICY_KEYS[i]
+        end
         for _, taken in ipairs(answer.taken) do
-            values[taken.key] = taken.value
+            values[policy_keys[taken.key] or taken.key] = taken.value
         end
         return values
     end
@@ -189,9 +200,7 @@ constexpr const char *kCompare = R"lua(
             assert(not answer.unexplained, ("unexplained: %q"):format(texts[i]))
             assert(answer.off == (action == 2), ("action %d: %q"):format(action, texts[i]))
             assert_same(answer.values, values, "values", texts[i])
-            if is_policy then
-                assert_same(taken_values(answer), values, "taken", texts[i])
-            end
+            assert_same(taken_values(answer), values, "taken", texts[i])
             taken, refused = taken + #answer.taken, refused + #answer.problems
         end
         assert(taken > #texts / 10 and refused > #texts / 10, taken .. " taken, " .. refused .. " problems")
@@ -206,6 +215,27 @@ void ExpectTheModuleDoesTheSame(int seeds, const std::string &kind) {
             "() end end compare(texts, host.check_" + kind + ", " + (kind == "policy" ? "true" : "false") + ")",
         {L"--quiet", L"--fast", L"50"});
     EXPECT_EQ(run.exitCode, 0U) << run.err;
+}
+
+struct CloseLua {
+    void operator()(lua_State *L) const { lua_close(L); }
+};
+
+/// Runs a script whose assertions are the test's, and that may require the check's own files.
+void ExpectPassesWithTheChecksFiles(const std::string &script) {
+    const std::unique_ptr<lua_State, CloseLua> L(luaL_newstate());
+    luaL_openlibs(L.get());
+    lua_getglobal(L.get(), "package");
+    lua_getfield(L.get(), -1, "preload");
+    constexpr std::pair<const char *, const wchar_t *> files[] = {{"answer", L"CHECK_ANSWER"},
+                                                                  {"texts", L"CHECK_TEXTS"}};
+    for (const auto &[name, resource] : files) {
+        std::string error;
+        const std::string_view file = Resource(resource, error);
+        ASSERT_EQ(luaL_loadbuffer(L.get(), file.data(), file.size(), name), LUA_OK) << error;
+        lua_setfield(L.get(), -2, name);
+    }
+    EXPECT_EQ(luaL_dostring(L.get(), script.c_str()), LUA_OK) << lua_tostring(L.get(), -1);
 }
 
 }  // namespace
@@ -321,6 +351,84 @@ TEST(HostCheck, FilesAreCheckedFromTheCommandLine) {
     EXPECT_EQ(missing.exitCode, 2U);
     EXPECT_TRUE(Contains(missing.err, "fc-host: cannot open ")) << missing.err;
     EXPECT_EQ(RunHost({L"--check-policy", policy, L"x.lua"}).exitCode, 2U);
+}
+
+TEST(HostCheck, PrintsThatTheModuleDoesSomethingElseThanItExpects) {
+    const JsonPtr answer(cJSON_Parse(R"({ "problems": [], "taken": [], "unexplained": true })"));
+    EXPECT_EQ(AnswerText("a.json", answer.get()),
+              "a.json: the module takes 0 values\n"
+              "a.json: the module does something else than this check expects, which is a mistake of the check\n");
+    const JsonPtr explained(cJSON_Parse(R"({ "problems": [], "taken": [], "unexplained": false })"));
+    EXPECT_EQ(AnswerText("a.json", explained.get()), "a.json: the module takes 0 values\n");
+}
+
+TEST(HostCheck, CountsLinesAndColumnsOfPlacesInAnyOrder) {
+    ExpectPassesWithTheChecksFiles(R"lua(
+        local texts = require "texts"
+        local function counted(text, offset)
+            local line, column = 1, 1
+            for i = 1, offset - 1 do
+                local byte = text:byte(i)
+                if byte == 10 then
+                    line, column = line + 1, 1
+                elseif byte < 128 or byte > 191 then
+                    column = column + 1
+                end
+            end
+            return line .. ":" .. column
+        end
+        math.randomseed(1)
+        for round = 1, 100 do
+            local parts, line_length = {}, math.random(200)
+            for i = 1, math.random(0, 1000) do
+                parts[i] = math.random(line_length) == 1 and "\n" or math.random(4) == 1 and "\226\130\172" or "a"
+            end
+            local text = table.concat(parts)
+            local place_of = texts.places_of(text)
+            for try = 1, 20 do
+                local offset = try == 1 and #text + 1 or math.random(#text + 1)
+                local line, column = place_of(offset)
+                assert(line .. ":" .. column == counted(text, offset), offset .. " of " .. #text)
+            end
+        end
+    )lua");
+}
+
+// What the functions for texts are given to read is the work: twenty times as many problems in a line twenty times as
+// long are twenty times as much of it, and would be four hundred times if each counted from the beginning.
+TEST(HostCheck, FindsThePlacesOfManyProblemsInALongLineInLinearTime) {
+    ExpectPassesWithTheChecksFiles(R"lua(
+        local Answer, work = require "answer", 0
+        for _, name in ipairs { "find", "gsub", "match" } do
+            local real = string[name]
+            string[name] = function(text, ...)
+                work = work + #text
+                return real(text, ...)
+            end
+        end
+        local sub = string.sub
+        string.sub = function(...)
+            local part = sub(...)
+            work = work + #part
+            return part
+        end
+        local function work_of(problems, separator)
+            local text = ("key = value" .. separator):rep(problems)
+            work = 0
+            local answer = Answer.new(text)
+            for i = 1, problems do
+                answer:problem(1 + (i - 1) * (#text / problems), nil, "wrong")
+            end
+            local last = answer.problems[problems]
+            assert(last.line == (separator == "\n" and problems or 1), last.line)
+            assert(last.column == (separator == "\n" and 1 or (problems - 1) * 12 + 1), last.column)
+            return work
+        end
+        for _, separator in ipairs { ",", "\n" } do
+            local few, many = work_of(200, separator), work_of(4000, separator)
+            assert(many < 40 * few, few .. " and " .. many)
+        end
+    )lua");
 }
 
 // Keys are the only thing about the module's values that the check does not ask of the module.

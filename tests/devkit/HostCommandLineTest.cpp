@@ -81,6 +81,26 @@ TEST(HostCommandLine, RejectsInvalidValues) {
     }
 }
 
+TEST(HostCommandLine, RefusesOtherOptionsBesideACheckByTheirNames) {
+    const TemporaryFolder folder;
+    const std::wstring policy = folder.Write(L"policy", "{}");
+    const HostRun others = RunHost({L"--report", folder.At(L"report.html"), L"--trace", L"*", L"--check-policy", policy,
+                                    L"--trace=NDIS", L"--clock=real", L"--quiet"});
+    EXPECT_EQ(others.exitCode, kCannotRun);
+    EXPECT_EQ(others.err,
+              "fc-host: --check-policy and --check-config stand alone, or with --quiet; leave out --clock, "
+              "--report, --trace\n");
+    const HostRun prompt = RunHost({L"-i", L"--check-config", policy});
+    EXPECT_EQ(prompt.exitCode, kCannotRun);
+    EXPECT_TRUE(Contains(prompt.err, "check a file and run no script; leave out one of them")) << prompt.err;
+    const HostRun twice = RunHost({L"--check-policy", policy, L"--check-policy", policy});
+    EXPECT_EQ(twice.exitCode, kCannotRun);
+    EXPECT_TRUE(Contains(twice.err, "check one file at a time; leave out one of them")) << twice.err;
+    const HostRun quiet = RunHost({L"--quiet", L"--check-policy", policy});
+    EXPECT_EQ(quiet.exitCode, 0U) << quiet.err;
+    EXPECT_TRUE(Contains(quiet.out, "the module takes 0 values\n")) << quiet.out;
+}
+
 TEST(HostCommandLine, RequiresEitherAScriptOrAPrompt) {
     const HostRun none = RunHost({});
     EXPECT_EQ(none.exitCode, kCannotRun);

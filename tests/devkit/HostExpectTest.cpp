@@ -32,6 +32,7 @@ TEST(HostExpect, PassesWhatIsAsExpected) {
         expect.no_event { number = 1004 }
         expect.event { kind = "event", number = 1007, text = "from 1" }
         expect.event { kind = "user", text = "please" }
+        expect.no_event { kind = "reboot" }
         expect.no_event()
     )lua",
                                   {L"--quiet"});
@@ -94,8 +95,26 @@ TEST(HostExpect, RunsNoScriptWithoutAName) {
     ExpectFails("host.run_script('x', {})", "bad argument #2 to 'run_script'");
 }
 
+TEST(HostExpect, RunsAScriptWhoseNameLooksLikeAnOption) {
+    const HostRun run = RunPassingScript(R"lua(
+        local status, output = host.run_script("--help")
+        assert(status == 2 and output:find("cannot open --help", 1, true), status .. ": " .. output)
+    )lua",
+                                         {L"--quiet"});
+    EXPECT_EQ(run.err, "");
+}
+
+TEST(HostExpect, RunsNoScriptWithAnArgumentThatACommandLineWouldCut) {
+    ExpectFails("host.run_script('a\\0b')", "bad argument #1 to 'run_script' (a string without zero bytes expected)");
+    ExpectFails("host.run_script('a', 'b', '\\0')",
+                "bad argument #3 to 'run_script' (a string without zero bytes expected)");
+}
+
 TEST(HostExpect, RefusesWhatIsMisspelt) {
-    ExpectFails("host.expect.event { nunber = 1004 }", "there is no field 'nunber'");
+    ExpectFails("host.expect.event { nunber = 1004 }", "there is no field 'nunber'; did you mean number?\n");
+    ExpectFails("host.expect.no_event { [true] = 1004 }", "there is no field 'true'\n");
     ExpectFails("host.expect.event { number = '1004' }", "field 'number': number expected, got string");
-    ExpectFails("host.expect.events {}", "host.expect has no function 'events'");
+    ExpectFails("host.expect.no_event { kind = 'evnt' }", "there is no kind of event 'evnt'; did you mean event?\n");
+    ExpectFails("host.expect.event { kind = 'notification' }", "there is no kind of event 'notification'\n");
+    ExpectFails("host.expect.events {}", "host.expect has no function 'events'; did you mean event?\n");
 }

@@ -53,8 +53,9 @@ const std::string kInstallPrelude = R"(
 
 }  // namespace
 
-HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options) {
+HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options,
+                         const std::vector<std::wstring> &clock) {
     std::vector<std::wstring> all = options;
-    all.insert(all.end(), {L"--fast", L"4"});
+    all.insert(all.end(), clock.begin(), clock.end());
     return RunPassingScript(kScriptHelpers + kInstallPrelude + script, all);
 }

@@ -12,4 +12,5 @@
 /// - install() installs, and returns the agent's events by number, and the count of reboot requests,
 /// - remove() removes, and returns the result,
 /// - last() is the latest of host.installations().
-HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"});
+HostRun RunInstallScript(const std::string &script, const std::vector<std::wstring> &options = {L"--quiet"},
+                         const std::vector<std::wstring> &clock = {L"--fast", L"4"});

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "HostProcess.h"
+#include "SimulatorTestSupport.h"
 
 namespace {
 
@@ -32,7 +33,30 @@ protected:
         EXPECT_EQ(there, names);
     }
 
+    /// The arguments of a host whose script runs another one, which catches every error, holds a file open, and goes on
+    /// until there is a file "stop".
+    std::vector<std::wstring> RunsALoopingScript() const {
+        const std::wstring looping = folder.Write(L"looping.lua", R"(
+            local folder = ...
+            local held = assert(io.open(folder .. "/held", "w"))
+            held:write("ready")
+            held:flush()
+            local function is_stopped() return io.open(folder .. "/stop") ~= nil end
+            while not is_stopped() do pcall(function() while not is_stopped() do end end) end
+        )");
+        return {L"--quiet", folder.Write(L"script.lua", "host.run_script(...)"), looping, folder.Path().wstring()};
+    }
+    /// The file that the looping script holds open can be removed as soon as that has ended.
+    void ExpectTheLoopingScriptEnds() const {
+        EXPECT_TRUE(SimulatorTest::Eventually([this] {
+            std::error_code held_open;
+            return std::filesystem::remove(held, held_open);
+        }));
+        (void)folder.Write(L"stop", "");
+    }
+
     TemporaryFolder folder;
+    const std::wstring held = folder.At(L"held");
     const std::wstring events = folder.At(L"events.json");
     const std::wstring report = folder.At(L"report.html");
 };
@@ -74,6 +98,19 @@ TEST_F(HostInterruption, EndsAScriptThatCatchesEveryError) {
     EXPECT_EQ(run.exitCode, kInterrupted);
     EXPECT_TRUE(Contains(run.err, kForced)) << run.err;
     EXPECT_EQ(TextOfFile(events), "[]\n");
+}
+
+TEST_F(HostInterruption, EndsAScriptThatRunsAnotherOneAndThatOne) {
+    const HostRun run = InterruptHost(RunsALoopingScript(), 1, {}, held);
+    EXPECT_EQ(run.exitCode, kInterrupted);
+    EXPECT_TRUE(Contains(run.err, "interrupted\nstack traceback:\n")) << run.err;
+    EXPECT_FALSE(Contains(run.err, kForced)) << run.err;
+    ExpectTheLoopingScriptEnds();
+}
+
+TEST_F(HostInterruption, AHostThatIsKilledLeavesNoOtherOneBehind) {
+    KillHost(RunsALoopingScript(), held);
+    ExpectTheLoopingScriptEnds();
 }
 
 TEST_F(HostInterruption, GivesAScriptTimeToWriteItsResults) {

@@ -155,6 +155,33 @@ TEST(HostNames, OfAdaptersAndComponentsAreThoseOfTheMachine) {
     )");
 }
 
+TEST(HostNames, OfAdaptersAndComponentsThatARuleOrADeviceNamesAreThoseOfTheMachine) {
+    (void)RunNames(R"(
+        local machine, node = host.machine, [[PCI\VEN_8086&DEV_100E\1]]
+        machine.put_adapter { node = node, name = "Ethernet" }
+        local unknown = "there is no adapter " .. node .. "1; did you mean " .. node .. "?"
+        refused(unknown, machine.when, { happens = "installed", component = "qbimvta" }, node .. "1", {})
+        refused(unknown, machine.when, { happens = "disabled", adapter = node .. "1" }, node, {})
+        refused(unknown, machine.when, { happens = "bound", component = "c", adapter = node .. "1" }, node, {})
+        machine.put_component { id = "qbimvta" }
+        refused("there is no component qbimvtaa, nor can it be installed: use put_component or put_installable first"
+            .. "; did you mean qbimvta?", machine.put_device, { id = "ROOT\\A", component = "qbimvtaa" })
+        assert(#machine.inventory().devices == 1)
+        machine.put_device { id = "ROOT\\A", component = "QBIMVTA" }
+        assert(#machine.inventory().devices == 2)
+    )");
+}
+
+TEST(HostNames, InAListAreRefused) {
+    (void)RunNames(R"(
+        refused("an array of strings expected", host.check_policy, { SYS_THR_RUNQ = 5 })
+        refused("an array of strings expected", host.check_config, { "", also = "" })
+        refused("an array of numbers expected", host.driver.set_counters, { established = 5 })
+        refused("an array of strings expected", host.driver.set_connections, { udp = "" }, {})
+        refused("field 'results': array expected", host.machine.put_installable, { id = "a", results = { reboot = true } })
+    )");
+}
+
 TEST(HostNames, OfTraceComponentsAreThoseOfTheModule) {
     const std::set<std::string> inSources =
         InSources("plugins/filter", R"rx(constexpr wchar_t k\w+Trace\[\] = L"([^"]+)")rx");
@@ -207,6 +234,22 @@ TEST(HostPlans, ThatComeToNothingAreToldAtTheEnd) {
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 6) << run.err;
     const HostRun option = RunScript("", {L"--quiet", L"--trace", L"elsewhere"});
     EXPECT_EQ(option.err, "fc-host: --trace: nobody traced as elsewhere\n");
+}
+
+TEST(HostPlans, OfTheDriverThatAreReplacedAreEachToldOf) {
+    const HostRun run = RunPassingScript(R"(
+        host.driver.set_fault("vti_get_stats", -1, "")
+        host.driver.set_fault("vti_open", -1, "")
+        host.driver.set_fault("vti_open", -2, "")
+        assert(not host.driver_handle())
+        host.driver.set_fault("vti_open", -3, "")
+    )",
+                                         {L"--quiet"});
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 3) << run.err;
+    for (const char *line : {"script.lua:2: the driver's fault of vti_get_stats never struck: nobody called it\n",
+                             "script.lua:3: the driver's fault of vti_open never struck: nobody called it\n",
+                             "script.lua:6: the driver's fault of vti_open never struck: nobody called it\n"})
+        EXPECT_TRUE(Has(run.err, line)) << line << "is missing in\n" << run.err;
 }
 
 TEST(HostPlans, ThatComeAboutAreNotToldOf) {

@@ -78,10 +78,15 @@ HostRun Await(const UniqueHandle &process, const TemporaryFolder &streams) {
     return run;
 }
 
-/// Waits until the script has printed "ready". @return false if it ends before.
-bool AwaitReady(HANDLE process, const TemporaryFolder &streams) {
+bool SaysReady(const std::wstring &path) {
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {}).find("ready") != std::string::npos;
+}
+
+/// Waits until the script has written "ready" to the file. @return false if it ends before.
+bool AwaitReady(HANDLE process, const std::wstring &path) {
     constexpr DWORD pollMs = 20;
-    while (TextOfFile(streams.At(L"out")).find("ready") == std::string::npos) {
+    while (!SaysReady(path)) {
         if (WaitForSingleObject(process, pollMs) == WAIT_OBJECT_0) {
             ADD_FAILURE() << "the script has ended before it was ready";
             return false;
@@ -144,15 +149,26 @@ HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &i
     return Await(Start(program, CommandLine(program, arguments), streams), streams);
 }
 
-HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times, const std::string &input) {
+HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times, const std::string &input,
+                      const std::wstring &readyFile) {
     const TemporaryFolder streams;
     (void)streams.Write(L"in", input);
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
     // In its own console, so that nobody else is interrupted.
     const UniqueHandle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
-    if (process != nullptr && AwaitReady(process.get(), streams))
+    if (process != nullptr && AwaitReady(process.get(), readyFile.empty() ? streams.At(L"out") : readyFile))
         Interrupt(process.get(), times);
     return Await(process, streams);
+}
+
+void KillHost(const std::vector<std::wstring> &arguments, const std::wstring &readyFile) {
+    const TemporaryFolder streams;
+    const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
+    const OwnedHandle process = Start(program, CommandLine(program, arguments), streams);
+    if (process == nullptr || !AwaitReady(process.get(), readyFile))
+        return;
+    EXPECT_TRUE(TerminateProcess(process.get(), 1));
+    (void)WaitForSingleObject(process.get(), INFINITE);
 }
 
 TemporaryFolder::TemporaryFolder() {

@@ -23,8 +23,13 @@ HostRun RunHost(const std::vector<std::wstring> &arguments, const std::string &i
                 const std::filesystem::path &folder = BinaryFolder());
 
 /// The same for a script that prints "ready" and is then interrupted, as by Ctrl-C.
-/// @param times  how often, with more than a second between.
-HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times = 1, const std::string &input = {});
+/// @param times      how often, with more than a second between.
+/// @param readyFile  where the script writes "ready", unless it prints it.
+HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times = 1, const std::string &input = {},
+                      const std::wstring &readyFile = {});
+
+/// The same for a host that is killed, and thus gets no chance to end anything itself.
+void KillHost(const std::vector<std::wstring> &arguments, const std::wstring &readyFile);
 
 /// A new folder that is removed with its contents.
 class TemporaryFolder {

@@ -62,6 +62,18 @@ TEST(Story, WritesItsTraceWhenItIsInterrupted) {
     EXPECT_EQ(FirstMissing(trace, {"  The drivers are installed", "  The machine is overloaded"}), nullptr) << trace;
 }
 
+TEST(Story, NamesTheLineInWhichItDoesNotGoAsPlannedAndWritesItsTrace) {
+    const TemporaryFolder folder;
+    const std::wstring script = folder.Write(L"script.lua",
+                                             "host.machine.when = function() end\n"
+                                             "assert(loadfile(arg[1]))('--out', arg[2])");
+    const HostRun run = RunHost({L"--quiet", L"--clock", L"steps", script, kStory, folder.At(L"out")});
+    EXPECT_EQ(run.exitCode, 1U);
+    EXPECT_EQ(FirstMissing(run.err, {"story.lua:", ": nobody sees that the network is broken"}), nullptr) << run.err;
+    EXPECT_EQ(FirstMissing(TextOfFile(folder.At(L"out\\trace.log")), {"  The second attempt breaks the network"}),
+              nullptr);
+}
+
 TEST(Story, PrintsItsUsage) {
     const HostRun slow = RunHost({kStory});
     EXPECT_EQ(slow.exitCode, 1U);

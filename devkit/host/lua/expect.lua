@@ -1,5 +1,5 @@
 -- host.expect: expectations of scripts that test. One that is not met is an error in the script's line.
-local host = ...
+local host, suggestion, KINDS = ...
 
 local expect = {}
 local pending = {} -- events that no expectation has met yet
@@ -54,6 +54,15 @@ function expect.equal(actual, expected, what)
     return actual
 end
 
+-- The message for a name that is none of the keys, with the nearest ones.
+local function unknown(what, name, known)
+    local names = {}
+    for key in pairs(known) do
+        names[#names + 1] = key
+    end
+    return ("%s '%s'%s"):format(what, tostring(name), suggestion(tostring(name), names))
+end
+
 local FIELDS = { kind = "string", number = "number", text = "string" }
 
 local function check_wanted(wanted)
@@ -61,10 +70,14 @@ local function check_wanted(wanted)
         error("bad argument #1 (table expected, got " .. type(wanted) .. ")", 3)
     end
     for name, value in pairs(wanted) do
-        if FIELDS[name] ~= type(value) then
-            error(FIELDS[name] and ("field '%s': %s expected, got %s"):format(name, FIELDS[name], type(value)) or
-                ("there is no field '%s'"):format(tostring(name)), 3)
+        if not FIELDS[name] then
+            error(unknown("there is no field", name, FIELDS), 3)
+        elseif FIELDS[name] ~= type(value) then
+            error(("field '%s': %s expected, got %s"):format(name, FIELDS[name], type(value)), 3)
         end
+    end
+    if wanted.kind and not KINDS[wanted.kind] then
+        error(unknown("there is no kind of event", wanted.kind, KINDS), 3)
     end
 end
 
@@ -132,6 +145,6 @@ end
 
 host.expect = setmetatable(expect, {
     __index = function(_, name)
-        error("host.expect has no function '" .. tostring(name) .. "'", 2)
+        error(unknown("host.expect has no function", name, expect), 2)
     end,
 })

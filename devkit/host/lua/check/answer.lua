@@ -9,17 +9,24 @@ local Answer = {}
 Answer.__index = Answer
 
 function Answer.new(text)
-    return setmetatable({ text = text, taken = {}, problems = {}, effect = {} }, Answer)
+    local answer = setmetatable({ taken = {}, problems = {}, effect = {} }, Answer)
+    answer:set_text(text)
+    return answer
+end
+
+-- The text whose offsets the other functions take.
+function Answer:set_text(text)
+    self.text, self.place_of = text, texts.places_of(text)
 end
 
 function Answer:problem(offset, key, text, ...)
-    local line, column = texts.place_of(self.text, offset)
+    local line, column = self.place_of(offset)
     self.problems[#self.problems + 1] =
         { line = line, column = column, key = key and texts.printable(key), text = select("#", ...) > 0 and text:format(...) or text }
 end
 
 function Answer:take(offset, row, value)
-    local line, column = texts.place_of(self.text, offset)
+    local line, column = self.place_of(offset)
     self.taken[#self.taken + 1] = { line = line, column = column, key = row.shown, value = value }
 end
 

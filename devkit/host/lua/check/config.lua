@@ -95,7 +95,7 @@ local function try_line(rows, text, known)
 end
 
 function config.judge(answer, rows, tried, known)
-    answer.text = answer.text:gsub("\r\n", "\n") -- as the C library hands it out
+    answer:set_text((answer.text:gsub("\r\n", "\n"))) -- as the C library hands it out
     local lines, stop = lines_of(answer.text)
     local last, values = {}, {}
     for _, line in ipairs(lines) do
