@@ -46,12 +46,15 @@ build_changed() {
 # code_of OBJECT: a checksum of it without what debuggers read.
 code_of() { llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"; }
 
-# programs_of FOLDER: the test programs of that folder; of common and of the whole module all those of the module.
+# programs_of FOLDER: the test programs of that folder, and their runs under other code pages; of common and of the whole module all those
+# of the module.
 programs_of() {
     local program where=("$ROOT/tests/${1:-common}/CMakeLists.txt")
     [ -f "${where[0]}" ] || where=("$ROOT"/tests/{fc,Diagnostics,SystemHealth,WindowsDriverInstaller,WindowsFirewall}/CMakeLists.txt)
     while read -r program; do
-        ! grep -qw -- "_tests($program" "${where[@]}" || echo "$program"
+        grep -qE "_tests\\($program( |\$)" "${where[@]}" || continue
+        echo "$program"
+        ! grep -qE "_code_page_runs\\($program( |\))" "${where[@]}" || printf '%s\n' "$program"-{932,65001}
     done <"$BUILD/test-programs.txt"
 }
 

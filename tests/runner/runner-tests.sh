@@ -271,6 +271,17 @@ SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed() {
     [ ! -e "$WORK/build/test-results/slow-replaced.status" ] || because "the slow tests were run, too"
 }
 
+AChangeIsTriedWithTheTestsOfItsFolderUnderEachCodePage() {
+    mkdir -p "$WORK/build"
+    printf '%s\n' fc-load-tests health-tests firewall-tests firewall-fault-tests devkit-tests >"$WORK/build/test-programs.txt"
+    in_dev programs_of WindowsFirewall
+    [ "$(xargs <"$WORK/out")" = "firewall-tests firewall-tests-932 firewall-tests-65001 firewall-fault-tests" ] ||
+        because "the tests of the firewall are: $(xargs <"$WORK/out")" || return
+    in_dev programs_of common
+    [ "$(xargs <"$WORK/out")" = "fc-load-tests health-tests health-tests-932 health-tests-65001 firewall-tests \
+firewall-tests-932 firewall-tests-65001 firewall-fault-tests" ] || because "the tests of the module are: $(xargs <"$WORK/out")"
+}
+
 TheModuleIsReplacedBesideLinksToAllElse() {
     another_module one-replaced 'result one-replaced 1 0'
     echo other >"$WORK/build/covered/fc.dll"
@@ -478,8 +489,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
-    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold \
-    CoverageWithoutAProfileFails; do
+    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed AChangeIsTriedWithTheTestsOfItsFolderUnderEachCodePage \
+    TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
