@@ -22,26 +22,33 @@ TEXT
 # build_changed DRAWN: leaves the module with this change in bin/, by the commands of the usual build. Returns false if the change
 # can't be compiled. SAME tells whether the code is what it was.
 build_changed() {
-    local path object made link compile
+    local path object objects made link compile
     path=$(<"$1/path")
     overlay "$path" "$1/source" >"$MUTANTS/overlay.json"
     rm -rf "$MUTANTS/objects" "$MUTANTS/bin"
     mkdir -p "$MUTANTS/objects" "$MUTANTS/bin"
+    mapfile -t objects < <(objects_with "$path")
+    [ ${#objects[@]} -gt 0 ] || die "no object of the module is made from $path"
     link=$(grep -E -- ' -o bin/fc\.dll ' "$MUTANTS/commands")
     link=${link//bin\/fc.dll/mutants/bin/fc.dll}
     link=${link//plugins\/filter\/libfc.dll.a/mutants/libfc.dll.a}
-    SAME=1
-    for object in $(objects_with "$path"); do
-        made=mutants/objects/${object//\//-}
+    for object in "${objects[@]}"; do
+        made=$(changed_object "$object")
         # The warnings of the usual build may be errors.
         compile=$(grep -F -- " -o $object " "$MUTANTS/commands")
-        (cd "$BUILD" && eval "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json") >"$LOGS/mutant.log" 2>&1 || return
+        echo "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json"
         link=${link//$object/$made}
-        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$made")" ] || SAME=0
+    done >"$MUTANTS/compilations"
+    (cd "$BUILD" && xargs -d '\n' -n 1 -P "$JOBS" bash -c 'eval "$1" || exit 255' compile <mutants/compilations) >"$LOGS/mutant.log" 2>&1 || return
+    SAME=1
+    for object in "${objects[@]}"; do
+        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$(changed_object "$object")")" ] || SAME=0
     done
-    [ "$link" = "${link/mutants\/objects/}" ] && die "no object of the module is made from $path"
     (cd "$BUILD" && eval "$link") >"$LOGS/mutant.log" 2>&1 || die "the changed module can't be linked; see $LOGS/mutant.log"
 }
+
+# changed_object OBJECT: where it is made with the change, from the build folder.
+changed_object() { echo "mutants/objects/${1//\//-}"; }
 
 # code_of OBJECT: a checksum of it without what debuggers read.
 code_of() { llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"; }
