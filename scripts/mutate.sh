@@ -22,47 +22,68 @@ TEXT
 # build_changed DRAWN: leaves the module with this change in bin/, by the commands of the usual build. Returns false if the change
 # can't be compiled. SAME tells whether the code is what it was.
 build_changed() {
-    local path object made link compile
+    local path object objects made link compile
     path=$(<"$1/path")
     overlay "$path" "$1/source" >"$MUTANTS/overlay.json"
     rm -rf "$MUTANTS/objects" "$MUTANTS/bin"
     mkdir -p "$MUTANTS/objects" "$MUTANTS/bin"
+    mapfile -t objects < <(objects_with "$path")
+    [ ${#objects[@]} -gt 0 ] || die "no object of the module is made from $path"
     link=$(grep -E -- ' -o bin/fc\.dll ' "$MUTANTS/commands")
     link=${link//bin\/fc.dll/mutants/bin/fc.dll}
     link=${link//plugins\/filter\/libfc.dll.a/mutants/libfc.dll.a}
-    SAME=1
-    for object in $(objects_with "$path"); do
-        made=mutants/objects/${object//\//-}
+    for object in "${objects[@]}"; do
+        made=$(changed_object "$object")
         # The warnings of the usual build may be errors.
         compile=$(grep -F -- " -o $object " "$MUTANTS/commands")
-        (cd "$BUILD" && eval "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json") >"$LOGS/mutant.log" 2>&1 || return
+        echo "${compile//$object/$made} -w -ivfsoverlay mutants/overlay.json"
         link=${link//$object/$made}
-        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$made")" ] || SAME=0
+    done >"$MUTANTS/compilations"
+    (cd "$BUILD" && xargs -d '\n' -n 1 -P "$JOBS" bash -c 'eval "$1" || exit 255' compile <mutants/compilations) >"$LOGS/mutant.log" 2>&1 || return
+    SAME=1
+    for object in "${objects[@]}"; do
+        [ "$(code_of "$BUILD/$object")" = "$(code_of "$BUILD/$(changed_object "$object")")" ] || SAME=0
     done
-    [ "$link" = "${link/mutants\/objects/}" ] && die "no object of the module is made from $path"
     (cd "$BUILD" && eval "$link") >"$LOGS/mutant.log" 2>&1 || die "the changed module can't be linked; see $LOGS/mutant.log"
 }
+
+# changed_object OBJECT: where it is made with the change, from the build folder.
+changed_object() { echo "mutants/objects/${1//\//-}"; }
 
 # code_of OBJECT: a checksum of it without what debuggers read.
 code_of() { llvm-objcopy-19 --strip-debug "$1" "$MUTANTS/stripped.obj" && checksum "$MUTANTS/stripped.obj"; }
 
-# programs_of FOLDER: the test programs of that folder; of common and of the whole module all those of the module.
+# programs_of FOLDER: the test programs of that folder, and their runs under other code pages; of common and of the whole module all those
+# of the module.
 programs_of() {
     local program where=("$ROOT/tests/${1:-common}/CMakeLists.txt")
     [ -f "${where[0]}" ] || where=("$ROOT"/tests/{fc,Diagnostics,SystemHealth,WindowsDriverInstaller,WindowsFirewall}/CMakeLists.txt)
     while read -r program; do
-        ! grep -qw -- "_tests($program" "${where[@]}" || echo "$program"
+        grep -qE "_tests\\($program( |\$)" "${where[@]}" || continue
+        echo "$program"
+        ! grep -qE "_code_page_runs\\($program( |\))" "${where[@]}" || printf '%s\n' "$program"-{932,65001}
     done <"$BUILD/test-programs.txt"
 }
 
-# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Prints what fails first. No result file, no pass: a crash or
-# an early end is a failure.
+# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Runs them in this order: half of those that are left, at
+# most as many as there are processors, and more only if these pass. Prints what fails first.
 run_mutant() {
-    local results=$BUILD/test-results entry fault
+    local count
     replace_module "$1"
     shift
-    rm -rf "$results"
-    mkdir -p "$results"
+    rm -rf "$BUILD/test-results"
+    mkdir -p "$BUILD/test-results"
+    while [ $# -gt 0 ]; do
+        count=$((($# + 1) / 2))
+        [ "$count" -le "$JOBS" ] || count=$JOBS
+        pass_with_mutant "${@:1:count}" || return
+        shift "$count"
+    done
+}
+
+# pass_with_mutant ENTRY...: whether these pass, side by side. No result file, no pass: a crash or an early end is a failure.
+pass_with_mutant() {
+    local results=$BUILD/test-results entry fault
     env --default-signal=INT,QUIT GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
         IFS='|'
         echo "$*"
@@ -80,6 +101,14 @@ run_mutant() {
             return 1
         }
     done
+}
+
+# quickest_first ENTRY...: in the order of what they took in the last run, since most changes are noticed by a quick one.
+quickest_first() {
+    local entry
+    for entry in "$@"; do
+        echo "$(sed -n 's/^<testsuites .* time="\([0-9.]*\)".*/\1/p' "$BUILD/test-results/$entry.xml") $entry"
+    done | LC_ALL=C sort -n | cut -d ' ' -f 2
 }
 
 # first_failure LOG: the name of the test.
@@ -123,6 +152,7 @@ run_mutate() {
     say "testing the unchanged module: ${entries[*]%-replaced}"
     started=$SECONDS
     fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"
+    mapfile -t entries < <(quickest_first "${entries[@]}")
     # A change may make a loop endless.
     TEST_SECONDS=$((60 + 3 * (SECONDS - started)))
     export FC_TEST_SECONDS=$TEST_SECONDS

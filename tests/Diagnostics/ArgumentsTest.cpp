@@ -1,6 +1,7 @@
 // Invalid arguments of AddDriverDiagnostics.
 #include "DiagnosticsFixture.h"
 
+#include "SLB3.h"
 #include "slb3_control.h"
 
 namespace {
@@ -33,6 +34,13 @@ protected:
         SLB3::Control::PushInstance(lua, type, object, isConst);
         if (isGone)
             SLB3::Control::ForgetObject(lua, -1);
+        lua_setglobal(lua, name);
+    }
+
+    /// Makes a record of an agent object, without any storage of the binder behind it, a global.
+    template <class Resolve>
+    void PutRecord(const char *name, Resolve resolve) {
+        new (lua_newuserdata(lua, sizeof(SLB3::SlbInstance))) SLB3::SlbInstance{0, "SLB.Dom", resolve, nullptr};
         lua_setglobal(lua, name);
     }
 
@@ -100,6 +108,35 @@ TEST_F(DiagnosticArguments, ConstAndForgottenObjectsAreRejected) {
     EXPECT_EQ(ErrorWith("gone_dom, handle, zip"), kDomExpected);
     EXPECT_EQ(ErrorWith("dom, handle, const_zip"), kZipExpected);
     EXPECT_EQ(ErrorWith("dom, handle, gone_zip"), kZipExpected);
+}
+
+TEST_F(DiagnosticArguments, ARecordWithoutStorageOfTheBinderIsAnAgentObject) {
+    static void *object = nullptr;
+    object = &dom;
+    PutRecord("bare", [](const SLB3::SlbInstanceView *) { return object; });
+    EXPECT_EQ(ErrorWith("bare"), kHandleExpected);
+}
+
+TEST_F(DiagnosticArguments, WhatTheBinderLeavesOnTheStackIsNoArgument) {
+    static lua_State *state = nullptr;
+    state = lua;
+    PutRecord("untidy", [](const SLB3::SlbInstanceView *) -> void * {
+        lua_getglobal(state, "handle");
+        return state;
+    });
+    EXPECT_EQ(ErrorWith("untidy"), kHandleExpected);
+}
+
+TEST_F(DiagnosticArguments, AnObjectOfADerivedClassIsConvertedByItsBaseEntry) {
+    static void *converted = nullptr;
+    const auto toDom = [](void *derived) { return converted = *static_cast<void **>(derived); };
+    const auto toOther = [](void *) -> void * { return nullptr; };
+    void *derived = &dom;
+    const SLB3::SlbBaseEntry bases[] = {{"SLB.Other", 1, toOther}, {"SLB.Dom", 2, toDom}, {nullptr, 0, nullptr}};
+    SLB3::Control::PushInstance(lua, "SLB.DerivedDom", &derived, false, bases);
+    lua_setglobal(lua, "derived");
+    EXPECT_EQ(ErrorWith("derived"), kHandleExpected);
+    EXPECT_EQ(converted, static_cast<void *>(&dom));
 }
 
 TEST_F(DiagnosticArguments, AWrongArgumentLeavesOnlyTheTraceOfTheCall) {

@@ -214,6 +214,40 @@ TEST_F(WxMemory, TheProfileIsLeftOutWithoutItsBuffer) {
     ExpectWholeBut(package, kProfile);
 }
 
+// --- blocks for the driver's answers ---
+
+/// Notes the bytes of each block of zeros that the module requests.
+class ZeroedBlocks {
+public:
+    ZeroedBlocks() : m_redirection(GetModuleHandleW(L"fc.dll"), "calloc", reinterpret_cast<void *>(&Calloc)) {
+        EXPECT_TRUE(m_redirection.Found());
+        m_bytes.clear();
+        m_original = m_redirection.Original();
+    }
+
+    [[nodiscard]] static const std::vector<std::size_t> &Bytes() { return m_bytes; }
+
+private:
+    static void *Calloc(std::size_t count, std::size_t size) {
+        using Function = void *(std::size_t, std::size_t);
+        m_bytes.push_back(count * size);
+        return reinterpret_cast<Function *>(m_original)(count, size);
+    }
+
+    Simulator::Redirection m_redirection;
+    inline static std::vector<std::size_t> m_bytes;
+    inline static void *m_original = nullptr;
+};
+
+TEST_F(DiagnosticMemory, ABlockForAnAnswerOfTheDriverIsAsLargeAsTheAnswer) {
+    driver().blacklist = BytesOf(1'000);
+    driver().profile = BytesOf(3'000);
+    const ZeroedBlocks blocks;
+    (void)Run();
+    EXPECT_EQ(blocks.Bytes(), (std::vector<std::size_t>{sizeof(StatsRecord), sizeof(BlacklistRecord) + 1'000,
+                                                        sizeof(std::uint32_t) + 3'000}));
+}
+
 // --- a driver that claims too much ---
 
 std::size_t PeakMiB() {

@@ -1,5 +1,6 @@
 // An installation whose threads can't be started, or whose worker can't be killed normally.
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -101,6 +102,25 @@ TEST_F(InstallThreadFaults, AWorkerThatWasCreatedButCannotBeStartedIsKilledAndTh
     EXPECT_EQ(CallsOf("TerminateThread"), 1U);
     EXPECT_EQ(CallsOf(kInstall), 0U);
     ExpectTheNextOneWorks();
+}
+
+TEST_F(InstallThreadFaults, AWatchdogHasAHeartbeatBetweenAWorkerThatCannotBeStartedAndItsReport) {
+    constexpr std::int64_t twoThirdsOfAMinuteMs = 40'000;
+    InstallOldDriver({1, 2, 3, 4});
+    const FaultPlan start = faults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);
+    const FaultPlan sleep = faults().HangNth("Sleep", 1, kWatchdogThread);
+    const FaultPlan end = faults().HangNth("WaitForSingleObject", 2, kWatchdogThread);  // the first follows the kill
+    const InstallOutcome outcome = InstallWhile([&] {
+        for (const FaultPlan &hang : {sleep, end}) {
+            ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
+            AdvanceMs(twoThirdsOfAMinuteMs);
+            EXPECT_TRUE(AwaitPolls());
+            hang->Release();
+        }
+    });
+    EXPECT_TRUE(start->Hit());
+    EXPECT_EQ(outcome.Lines(wxLOG_Warning), Lines{});
+    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>");
 }
 
 TEST_F(InstallThreadFaults,
