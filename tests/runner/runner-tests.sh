@@ -258,6 +258,19 @@ TheTestThatNoticesAChangeIsNamed() {
     ends_with_an_error && says 'bad failed in 1 of 3 tests: Suite.First'
 }
 
+SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed() {
+    another_module slow-replaced 'result slow-replaced 3 0; sed -i "2s/time=\"0./time=\"20.5/" slow-replaced.xml' \
+        quick-replaced 'result quick-replaced 3 0; sed -i "2s/time=\"0./time=\"3.25/" quick-replaced.xml'
+    in_dev run_mutant "$WORK/build/mutants/bin" slow-replaced quick-replaced
+    [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 5 "$WORK/out")" || return
+    in_dev quickest_first slow-replaced quick-replaced
+    [ "$(xargs <"$WORK/out")" = "quick-replaced slow-replaced" ] || because "the order is: $(xargs <"$WORK/out")" || return
+    another_module slow-replaced 'result slow-replaced 3 0' bad-replaced 'result bad-replaced 3 1'
+    in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced slow-replaced
+    ends_with_an_error && says 'bad failed in 1 of 3 tests' || return
+    [ ! -e "$WORK/build/test-results/slow-replaced.status" ] || because "the slow tests were run, too"
+}
+
 TheModuleIsReplacedBesideLinksToAllElse() {
     another_module one-replaced 'result one-replaced 1 0'
     echo other >"$WORK/build/covered/fc.dll"
@@ -465,7 +478,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
-    TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
+    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold \
+    CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
