@@ -3,6 +3,7 @@
 
 MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
 OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir
+declare -A TOOK=() # the seconds of each entry with the unchanged module
 
 # objects_with PATH: the objects of the module that are made from this file.
 objects_with() {
@@ -73,8 +74,9 @@ run_mutant() {
 
 # pass_with_mutant ENTRY...: whether these pass, side by side. No result file, no pass: a crash or an early end is a failure.
 pass_with_mutant() {
-    local results=$BUILD/test-results entry fault
-    env --default-signal=INT,QUIT GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
+    local results=$BUILD/test-results entry fault TEST_SECONDS=$TEST_SECONDS
+    [ ${#TOOK[@]} -eq 0 ] || TEST_SECONDS=$(limit_of "$@")
+    env --default-signal=INT,QUIT FC_TEST_SECONDS="$TEST_SECONDS" GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
         IFS='|'
         echo "$*"
     ))\$" -j "$JOBS" --stop-on-failure --no-tests=error --timeout $((TEST_SECONDS + 60)) >"$LOGS/mutant-tests.log" 2>&1 || true
@@ -93,12 +95,25 @@ pass_with_mutant() {
     done
 }
 
-# quickest_first ENTRY...: in the order of what they took in the last run, since most changes are noticed by a quick one.
-quickest_first() {
+# take_times ENTRY...: what they took in the last run.
+take_times() {
     local entry
     for entry in "$@"; do
-        echo "$(sed -n 's/^<testsuites .* time="\([0-9.]*\)".*/\1/p' "$BUILD/test-results/$entry.xml") $entry"
-    done | LC_ALL=C sort -n | cut -d ' ' -f 2
+        TOOK[$entry]=$(sed -n 's/^<testsuites .* time="\([0-9]*\).*/\1/p' "$BUILD/test-results/$entry.xml")
+    done
+}
+
+# quickest_first ENTRY...: by their times, since most changes are noticed by a quick one.
+quickest_first() {
+    local entry
+    for entry in "$@"; do echo "${TOOK[$entry]} $entry"; done | LC_ALL=C sort -n | cut -d ' ' -f 2
+}
+
+# limit_of ENTRY...: after so many seconds a change counts as caught by them: it may make a loop endless.
+limit_of() {
+    local entry longest=0
+    for entry in "$@"; do [ "${TOOK[$entry]}" -le "$longest" ] || longest=${TOOK[$entry]}; done
+    echo $((60 + 3 * longest))
 }
 
 # first_failure LOG: the name of the test.
@@ -131,7 +146,7 @@ make_wine_of_mutants() {
 
 # run_mutate FOLDER SEED COUNT: so many changes of the sources in that folder below plugins/filter. Returns false if one survives.
 run_mutate() {
-    local folder=$1 seed=$2 count=$3 files entries number tried=0 started survived=() fault
+    local folder=$1 seed=$2 count=$3 files entries number tried=0 survived=() fault
     [ -d "$ROOT/plugins/filter/$folder" ] || die "there is no folder '$folder' below plugins/filter"
     mapfile -t files < <(cd "$ROOT" && find "plugins/filter/$folder" -name '*.cpp' -o -name '*.h' | LC_ALL=C sort)
     [ ${#files[@]} -gt 0 ] || die "plugins/filter/$folder has no sources"
@@ -140,12 +155,9 @@ run_mutate() {
     make_wine_of_mutants
     ninja -C "$BUILD" -t commands bin/fc.dll >"$MUTANTS/commands"
     say "testing the unchanged module: ${entries[*]%-replaced}"
-    started=$SECONDS
     fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"
+    take_times "${entries[@]}"
     mapfile -t entries < <(quickest_first "${entries[@]}")
-    # A change may make a loop endless.
-    TEST_SECONDS=$((60 + 3 * (SECONDS - started)))
-    export FC_TEST_SECONDS=$TEST_SECONDS
     rm -rf "$MUTANTS/drawn"
     # Some can't be compiled, and some change nothing.
     (cd "$ROOT" && scripts/mutations.py --seed "$seed" --count $((3 * count + 10)) --to "$MUTANTS/drawn" "${files[@]}")

@@ -263,8 +263,8 @@ SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed() {
         quick-replaced 'result quick-replaced 3 0; sed -i "2s/time=\"0./time=\"3.25/" quick-replaced.xml'
     in_dev run_mutant "$WORK/build/mutants/bin" slow-replaced quick-replaced
     [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 5 "$WORK/out")" || return
-    in_dev quickest_first slow-replaced quick-replaced
-    [ "$(xargs <"$WORK/out")" = "quick-replaced slow-replaced" ] || because "the order is: $(xargs <"$WORK/out")" || return
+    in_dev eval 'take_times {slow,quick}-replaced; quickest_first {slow,quick}-replaced; limit_of quick-replaced'
+    [ "$(xargs <"$WORK/out")" = "quick-replaced slow-replaced 69" ] || because "the order and limit: $(xargs <"$WORK/out")" || return
     another_module slow-replaced 'result slow-replaced 3 0' bad-replaced 'result bad-replaced 3 1'
     in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced slow-replaced
     ends_with_an_error && says 'bad failed in 1 of 3 tests' || return
