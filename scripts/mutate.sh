@@ -52,7 +52,7 @@ programs_of() {
     local program where=("$ROOT/tests/${1:-common}/CMakeLists.txt")
     [ -f "${where[0]}" ] || where=("$ROOT"/tests/{fc,Diagnostics,SystemHealth,WindowsDriverInstaller,WindowsFirewall}/CMakeLists.txt)
     while read -r program; do
-        ! grep -qw -- "_tests($program" "${where[@]}" || echo "$program"
+        ! grep -qw -- "fc_add_[a-z_]*tests($program" "${where[@]}" || echo "$program"
     done <"$BUILD/test-programs.txt"
 }
 

@@ -271,6 +271,16 @@ SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed() {
     [ ! -e "$WORK/build/test-results/slow-replaced.status" ] || because "the slow tests were run, too"
 }
 
+OnlyTheTestsOfItsFolderTryAChange() {
+    rm -rf "$WORK/build"
+    mkdir -p "$WORK/build"
+    printf '%s\n' fc-tests removal-tests removal-hang-tests diagnostics-tests devkit-tests >"$WORK/build/test-programs.txt"
+    in_dev eval 'for folder in Diagnostics WindowsDriverInstaller common ""; do echo "$folder:" $(programs_of "$folder"); done'
+    says 'Diagnostics: diagnostics-tests' && says 'WindowsDriverInstaller: removal-tests removal-hang-tests' &&
+        says 'common: fc-tests removal-tests removal-hang-tests diagnostics-tests' &&
+        says ': fc-tests removal-tests removal-hang-tests diagnostics-tests'
+}
+
 TheModuleIsReplacedBesideLinksToAllElse() {
     another_module one-replaced 'result one-replaced 1 0'
     echo other >"$WORK/build/covered/fc.dll"
@@ -478,8 +488,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
-    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold \
-    CoverageWithoutAProfileFails; do
+    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed OnlyTheTestsOfItsFolderTryAChange TheModuleIsReplacedBesideLinksToAllElse \
+    ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
