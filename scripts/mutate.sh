@@ -3,7 +3,9 @@
 
 MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
 OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir
-declare -A TOOK=() # the seconds of each entry with the unchanged module
+# Of each entry with the unchanged module: its seconds, its tests that took long, and the number of the others.
+declare -A TOOK=() SLOW=() QUICK=()
+SLOW_SECONDS=0.5
 
 # objects_with PATH: the objects of the module that are made from this file.
 objects_with() {
@@ -56,27 +58,38 @@ programs_of() {
     done <"$BUILD/test-programs.txt"
 }
 
-# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Runs them in this order: half of those that are left, at
-# most as many as there are processors, and more only if these pass. Prints what fails first.
+# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Runs the quick tests of all entries, then the slow ones in
+# the order given: half of the entries that are left, at most as many as there are processors, and more only if these pass. Prints what fails
+# first.
 run_mutant() {
-    local count
+    local entry count quick=() slow=()
     replace_module "$1"
     shift
-    rm -rf "$BUILD/test-results"
-    mkdir -p "$BUILD/test-results"
+    for entry in "$@"; do
+        [ "${QUICK[$entry]:-}" = 0 ] || quick+=("$entry")
+        [ -z "${SLOW[$entry]:-}" ] || slow+=("$entry")
+    done
+    if [ ${#quick[@]} -gt 0 ]; then pass_with_mutant "-$(all_slow)" "${quick[@]}" || return; fi
+    set -- "${slow[@]}"
     while [ $# -gt 0 ]; do
         count=$((($# + 1) / 2))
         [ "$count" -le "$JOBS" ] || count=$JOBS
-        pass_with_mutant "${@:1:count}" || return
+        pass_with_mutant "$(all_slow)" "${@:1:count}" || return
         shift "$count"
     done
 }
 
-# pass_with_mutant ENTRY...: whether these pass, side by side. No result file, no pass: a crash or an early end is a failure.
+# all_slow: the slow tests of all entries, as GTEST_FILTER takes them.
+all_slow() { (IFS=: && echo "${SLOW[*]}"); }
+
+# pass_with_mutant FILTER ENTRY...: whether these tests pass, entries side by side. No result file, no pass: a crash or an early end is a failure.
 pass_with_mutant() {
-    local results=$BUILD/test-results entry fault TEST_SECONDS=$TEST_SECONDS
+    local results=$BUILD/test-results filter=$1 entry fault TEST_SECONDS=$TEST_SECONDS
+    shift
     [ ${#TOOK[@]} -eq 0 ] || TEST_SECONDS=$(limit_of "$@")
-    env --default-signal=INT,QUIT FC_TEST_SECONDS="$TEST_SECONDS" GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
+    rm -rf "$results"
+    mkdir -p "$results"
+    env --default-signal=INT,QUIT FC_TEST_SECONDS="$TEST_SECONDS" GTEST_FILTER="$filter" GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
         IFS='|'
         echo "$*"
     ))\$" -j "$JOBS" --stop-on-failure --no-tests=error --timeout $((TEST_SECONDS + 60)) >"$LOGS/mutant-tests.log" 2>&1 || true
@@ -95,15 +108,19 @@ pass_with_mutant() {
     done
 }
 
-# take_times ENTRY...: what they took in the last run.
+# take_times ENTRY...: what they and their tests took in the last run.
 take_times() {
-    local entry
+    local entry xml
     for entry in "$@"; do
-        TOOK[$entry]=$(sed -n 's/^<testsuites .* time="\([0-9]*\).*/\1/p' "$BUILD/test-results/$entry.xml")
+        xml=$BUILD/test-results/$entry.xml
+        TOOK[$entry]=$(sed -n 's/^<testsuites .* time="\([0-9]*\).*/\1/p' "$xml")
+        SLOW[$entry]=$(sed -n 's/^ *<testcase name="\([^"]*\)".* time="\([0-9.]*\)".* classname="\([^"]*\)".*/\2 \3.\1/p' "$xml" |
+            awk -v most="$SLOW_SECONDS" '$1 > most { printf "%s%s", separator, $2; separator = ":" }')
+        QUICK[$entry]=$(($(grep -c '^ *<testcase ' "$xml") - $(tr ':' '\n' <<<"${SLOW[$entry]}" | grep -c . || true)))
     done
 }
 
-# quickest_first ENTRY...: by their times, since most changes are noticed by a quick one.
+# quickest_first ENTRY...: by their times.
 quickest_first() {
     local entry
     for entry in "$@"; do echo "${TOOK[$entry]} $entry"; done | LC_ALL=C sort -n | cut -d ' ' -f 2
