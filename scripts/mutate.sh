@@ -3,6 +3,9 @@
 
 MUTANTS=$BUILD/mutants # drawn/ is what scripts/mutations.py has drawn, bin/ the changed module, wine/ a prefix of its own
 OBJECTS=plugins/filter/CMakeFiles/fc_objects.dir
+# Of each entry with the unchanged module: its seconds, its tests that took long, and the number of the others.
+declare -A TOOK=() SLOW=() QUICK=()
+SLOW_SECONDS=0.5
 
 # objects_with PATH: the objects of the module that are made from this file.
 objects_with() {
@@ -59,32 +62,44 @@ programs_of() {
     local program where=("$ROOT/tests/${1:-common}/CMakeLists.txt")
     [ -f "${where[0]}" ] || where=("$ROOT"/tests/{fc,Diagnostics,SystemHealth,WindowsDriverInstaller,WindowsFirewall}/CMakeLists.txt)
     while read -r program; do
-        grep -qE "_tests\\($program( |\$)" "${where[@]}" || continue
+        grep -qw -- "fc_add_[a-z_]*tests($program" "${where[@]}" || continue
         echo "$program"
-        ! grep -qE "_code_page_runs\\($program( |\))" "${where[@]}" || printf '%s\n' "$program"-{932,65001}
+        ! grep -qw -- "fc_add_code_page_runs($program" "${where[@]}" || printf '%s\n' "$program"-{932,65001}
     done <"$BUILD/test-programs.txt"
 }
 
-# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Runs them in this order: half of those that are left, at
-# most as many as there are processors, and more only if these pass. Prints what fails first.
+# run_mutant FOLDER ENTRY...: whether all tests pass with the module of that folder. Runs the quick tests of all entries, then the slow ones in
+# the order given: half of the entries that are left, at most as many as there are processors, and more only if these pass. Prints what fails
+# first.
 run_mutant() {
-    local count
+    local entry count quick=() slow=()
     replace_module "$1"
     shift
-    rm -rf "$BUILD/test-results"
-    mkdir -p "$BUILD/test-results"
+    for entry in "$@"; do
+        [ "${QUICK[$entry]:-}" = 0 ] || quick+=("$entry")
+        [ -z "${SLOW[$entry]:-}" ] || slow+=("$entry")
+    done
+    if [ ${#quick[@]} -gt 0 ]; then pass_with_mutant "-$(all_slow)" "${quick[@]}" || return; fi
+    set -- "${slow[@]}"
     while [ $# -gt 0 ]; do
         count=$((($# + 1) / 2))
         [ "$count" -le "$JOBS" ] || count=$JOBS
-        pass_with_mutant "${@:1:count}" || return
+        pass_with_mutant "$(all_slow)" "${@:1:count}" || return
         shift "$count"
     done
 }
 
-# pass_with_mutant ENTRY...: whether these pass, side by side. No result file, no pass: a crash or an early end is a failure.
+# all_slow: the slow tests of all entries, as GTEST_FILTER takes them.
+all_slow() { (IFS=: && echo "${SLOW[*]}"); }
+
+# pass_with_mutant FILTER ENTRY...: whether these tests pass, entries side by side. No result file, no pass: a crash or an early end is a failure.
 pass_with_mutant() {
-    local results=$BUILD/test-results entry fault
-    env --default-signal=INT,QUIT GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
+    local results=$BUILD/test-results filter=$1 entry fault TEST_SECONDS=$TEST_SECONDS
+    shift
+    [ ${#TOOK[@]} -eq 0 ] || TEST_SECONDS=$(limit_of "$@")
+    rm -rf "$results"
+    mkdir -p "$results"
+    env --default-signal=INT,QUIT FC_TEST_SECONDS="$TEST_SECONDS" GTEST_FILTER="$filter" GTEST_FAIL_FAST=1 "${CTEST[@]}" -C Replaced -R "^($(
         IFS='|'
         echo "$*"
     ))\$" -j "$JOBS" --stop-on-failure --no-tests=error --timeout $((TEST_SECONDS + 60)) >"$LOGS/mutant-tests.log" 2>&1 || true
@@ -103,12 +118,29 @@ pass_with_mutant() {
     done
 }
 
-# quickest_first ENTRY...: in the order of what they took in the last run, since most changes are noticed by a quick one.
+# take_times ENTRY...: what they and their tests took in the last run.
+take_times() {
+    local entry xml
+    for entry in "$@"; do
+        xml=$BUILD/test-results/$entry.xml
+        TOOK[$entry]=$(sed -n 's/^<testsuites .* time="\([0-9]*\).*/\1/p' "$xml")
+        SLOW[$entry]=$(sed -n 's/^ *<testcase name="\([^"]*\)".* time="\([0-9.]*\)".* classname="\([^"]*\)".*/\2 \3.\1/p' "$xml" |
+            awk -v most="$SLOW_SECONDS" '$1 > most { printf "%s%s", separator, $2; separator = ":" }')
+        QUICK[$entry]=$(($(grep -c '^ *<testcase ' "$xml") - $(tr ':' '\n' <<<"${SLOW[$entry]}" | grep -c . || true)))
+    done
+}
+
+# quickest_first ENTRY...: by their times.
 quickest_first() {
     local entry
-    for entry in "$@"; do
-        echo "$(sed -n 's/^<testsuites .* time="\([0-9.]*\)".*/\1/p' "$BUILD/test-results/$entry.xml") $entry"
-    done | LC_ALL=C sort -n | cut -d ' ' -f 2
+    for entry in "$@"; do echo "${TOOK[$entry]} $entry"; done | LC_ALL=C sort -n | cut -d ' ' -f 2
+}
+
+# limit_of ENTRY...: after so many seconds a change counts as caught by them: it may make a loop endless.
+limit_of() {
+    local entry longest=0
+    for entry in "$@"; do [ "${TOOK[$entry]}" -le "$longest" ] || longest=${TOOK[$entry]}; done
+    echo $((60 + 3 * longest))
 }
 
 # first_failure LOG: the name of the test.
@@ -141,7 +173,7 @@ make_wine_of_mutants() {
 
 # run_mutate FOLDER SEED COUNT: so many changes of the sources in that folder below plugins/filter. Returns false if one survives.
 run_mutate() {
-    local folder=$1 seed=$2 count=$3 files entries number tried=0 started survived=() fault
+    local folder=$1 seed=$2 count=$3 files entries number tried=0 survived=() fault
     [ -d "$ROOT/plugins/filter/$folder" ] || die "there is no folder '$folder' below plugins/filter"
     mapfile -t files < <(cd "$ROOT" && find "plugins/filter/$folder" -name '*.cpp' -o -name '*.h' | LC_ALL=C sort)
     [ ${#files[@]} -gt 0 ] || die "plugins/filter/$folder has no sources"
@@ -150,12 +182,9 @@ run_mutate() {
     make_wine_of_mutants
     ninja -C "$BUILD" -t commands bin/fc.dll >"$MUTANTS/commands"
     say "testing the unchanged module: ${entries[*]%-replaced}"
-    started=$SECONDS
     fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"
+    take_times "${entries[@]}"
     mapfile -t entries < <(quickest_first "${entries[@]}")
-    # A change may make a loop endless.
-    TEST_SECONDS=$((60 + 3 * (SECONDS - started)))
-    export FC_TEST_SECONDS=$TEST_SECONDS
     rm -rf "$MUTANTS/drawn"
     # Some can't be compiled, and some change nothing.
     (cd "$ROOT" && scripts/mutations.py --seed "$seed" --count $((3 * count + 10)) --to "$MUTANTS/drawn" "${files[@]}")

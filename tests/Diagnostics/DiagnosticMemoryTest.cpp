@@ -1,6 +1,8 @@
 // Running out of memory, and freeing it.
 #include "DiagnosticsFixture.h"
 
+#include <string_view>
+
 #include <windows.h>
 #include <psapi.h>
 
@@ -71,6 +73,42 @@ TEST_F(DiagnosticMemory, WithoutMemoryTheProfileIsEmptyAndVariable62IsUnchanged)
     EXPECT_TRUE(hit);
     EXPECT_EQ(driver().variables[62], 1u);
     EXPECT_EQ(calls.back(), "vti_get_profile_stats(0)");
+}
+
+/// Where a package goes: records the module's own blocks of the C runtime that exist whenever something is written.
+class BlocksAtWrites : public wxOutputStream {
+public:
+    explicit BlocksAtWrites(Simulator::Balance &balance) : m_balance(balance), m_before(balance.Take()) {}
+
+    [[nodiscard]] const std::vector<std::size_t> &Sizes() const { return m_sizes; }
+
+protected:
+    size_t OnSysWrite(const void *, size_t size) override {
+        for (const Simulator::BalanceItem &item : Simulator::Balance::Left(m_before, m_balance.Take()))
+            if (IsOfModule(item.caller) && item.function != std::string_view(Simulator::Balance::kOperatorNew))
+                m_sizes.push_back(item.size);
+        return size;
+    }
+
+private:
+    static bool IsOfModule(const void *caller) {
+        HMODULE module = nullptr;
+        return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                                  static_cast<const wchar_t *>(caller), &module) != 0 &&
+               module == GetModuleHandleW(L"fc.dll");
+    }
+
+    Simulator::Balance &m_balance;
+    Simulator::BalanceSnapshot m_before;
+    std::vector<std::size_t> m_sizes;
+};
+
+TEST_F(DiagnosticMemory, EachRecordIsFreedBeforeItsFileIsAdded) {
+    BlocksAtWrites out(balance());
+    VtaCore::Control::ZipPackage zip(out);
+    RunOn(zip);
+    EXPECT_TRUE(zip.Close());
+    EXPECT_EQ(out.Sizes(), std::vector<std::size_t>());
 }
 
 // --- blocks of wxWidgets ---

@@ -18,6 +18,14 @@ protected:
         EXPECT_EQ(formats.size(), 1u);
         return formats.empty() ? "" : formats[0];
     }
+    /// The traced lines since the last call that report a file as failed.
+    static Lines TakeFailedFiles() {
+        Lines failed;
+        for (const std::string &message : TakeTracedMessages())
+            if (message.ends_with("diagnostics failed"))
+                failed.push_back(message);
+        return failed;
+    }
 };
 
 /// An operation, how often it is called, the file missing after its failure, and the label in the report.
@@ -54,6 +62,27 @@ TEST_F(DriverFailure, AffectsOnlyItsOwnFileAndIsReported) {
             const std::string label = operation.label;
             EXPECT_EQ(TakeEvents(), label.empty() ? Lines() : Lines{"1001 " + label + "|ffffd8de (out of order)"});
         }
+}
+
+TEST_F(DriverFailure, IsTracedAsThatOfItsFile) {
+    const struct {
+        const char *name;
+        int place;
+        const char *trace;
+    } failures[] = {
+        {"vti_get_stats", 0, "AddDriverStatistics diagnostics failed"},
+        {"vti_get_varv", 0, "AddDriverVariables diagnostics failed"},
+        {"vti_get_varv", 173, "AddDriverVariables diagnostics failed"},
+        {"vti_get_blacklist", 0, "AddDriverBlacklist diagnostics failed"},
+        {"vti_get_blacklist", 1, "AddDriverBlacklist diagnostics failed"},
+    };
+    VtaCore::Control::EnableTrace("diagnostics", true);
+    for (const auto &failure : failures) {
+        SCOPED_TRACE(std::string(failure.name) + ", call " + std::to_string(failure.place + 1));
+        driver().faults = {{failure.name, {-10018, "out of order", 1, failure.place}}};
+        (void)Run();
+        EXPECT_EQ(TakeFailedFiles(), Lines{failure.trace});
+    }
 }
 
 TEST_F(DriverFailure, OfTheConnectionTotalsLeavesTheirFileOutAndIsReported) {
@@ -199,13 +228,10 @@ TEST_F(DriverFailure, AClosedPackageAcceptsNoFileButEachOfTheFiveIsTried) {
     ASSERT_TRUE(zip.Close());
     RunOn(zip);
     EXPECT_EQ(Package(memory).Names(), Lines());
-    Lines failed;
-    for (const std::string &message : TakeTracedMessages())
-        if (message.ends_with("diagnostics failed"))
-            failed.push_back(message);
-    EXPECT_EQ(failed, (Lines{"AddDriverStatistics diagnostics failed", "AddDriverVariables diagnostics failed",
-                             "AddDriverConnTrack diagnostics failed", "AddDriverBlacklist diagnostics failed",
-                             "AddDriverRuleStats diagnostics failed"}));
+    EXPECT_EQ(TakeFailedFiles(),
+              (Lines{"AddDriverStatistics diagnostics failed", "AddDriverVariables diagnostics failed",
+                     "AddDriverConnTrack diagnostics failed", "AddDriverBlacklist diagnostics failed",
+                     "AddDriverRuleStats diagnostics failed"}));
     EXPECT_EQ(calls.back(), "vti_get_var(62)");
     EXPECT_EQ(TakeEvents(), Lines());
 }

@@ -213,6 +213,20 @@ TEST_F(Sampling, CountersMissingFromTheFirstAnswerSetTheirBaselineWhenTheyAppear
     EXPECT_EQ(Metric("scanmb").value, 2);
 }
 
+TEST_F(Sampling, AFirstAnswerOfOneCounterSetsItsBaseline) {
+    WriteConfig(kDriverMetrics);
+    driver().scanShape = {1, 1};
+    SetTotals({.connNew = 1'000'000});
+    ASSERT_EQ(CheckAt(0), kNormal);
+    (void)TakeDriverCalls();
+    (void)TakeTracedLines();
+    driver().scanShape = {10, 1};
+    SetTotals({.connNew = 1'000'400});
+    ASSERT_EQ(CheckAt(10), kNormal);
+    EXPECT_FALSE(HasBeginning(TakeDriverCalls(), "vti_set_scan_monitoring"));
+    EXPECT_TRUE(HasBeginning(TakeTracedMessages("SysHealth.eng"), "conn_halfopen2close=0.000000 conn_new=40.000000 "));
+}
+
 TEST_F(Sampling, AFirstAnswerWithoutRowsSetsNoBaselineAndTheDriverGetsItsPortAgain) {
     WriteConfig(kDriverMetrics);
     driver().scanShape = {10, 0};

@@ -59,6 +59,15 @@ TEST_F(FirewallReleases, OfATurningOnThatFailsCloseTheKeyBeforeTheObjectsToo) {
               (kMade + Lines{"RegCloseKey", "INetFwProfile::Release", "INetFwPolicy2::Release", "CoUninitialize"}));
 }
 
+TEST_F(FirewallReleases, OfATurningOnWithoutComCloseTheKeyBeforeTheServiceIsStopped) {
+    MakeSystemOld();
+    PutService({.status = {SERVICE_STOPPED}});
+    PutFlag(MaskFlag(1));
+    (void)faults().FailNth("CoInitializeEx", 1, kDenied);
+    (void)TurnOn();
+    EXPECT_EQ(Releases({"ControlService"}), (Lines{"RegCloseKey", "ControlService"}));
+}
+
 TEST_F(FirewallReleases, OfAnAdditionLeaveProfileAndCom) {
     EXPECT_EQ(Call("WindowsFirewallAddApp('C:\\\\agent.exe', 'Agent')").result, "true");
     EXPECT_EQ(Releases({"INetFwAuthorizedApplications::Add"}),

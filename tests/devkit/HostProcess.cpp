@@ -164,7 +164,7 @@ HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times
 void KillHost(const std::vector<std::wstring> &arguments, const std::wstring &readyFile) {
     const TemporaryFolder streams;
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
-    const OwnedHandle process = Start(program, CommandLine(program, arguments), streams);
+    const UniqueHandle process = Start(program, CommandLine(program, arguments), streams);
     if (process == nullptr || !AwaitReady(process.get(), readyFile))
         return;
     EXPECT_TRUE(TerminateProcess(process.get(), 1));

@@ -562,6 +562,35 @@ TEST_F(DriverFlags, EveryCallClosesItsKeysAndKeepsNoMemory) {
         << balance().Difference(before, balance().Take());
 }
 
+TEST_F(DriverFlags, AnErrorOfAHookIsRaisedAsItIs) {
+    lua.Run(R"(
+        -- The hook raises at the n-th event.
+        function call_with_hook(n, func, ...)
+            local seen = 0
+            debug.sethook(function()
+                local current = debug.getinfo(2, 'f').func
+                if current == pcall or current == debug.sethook then return end
+                seen = seen + 1
+                if seen == n then error('from a hook', 0) end
+            end, 'cr')
+            local ok, message = pcall(func, ...)
+            debug.sethook()
+            return ok, message
+        end
+        function failures_of(func, ...)
+            for n = 1, 100 do
+                local ok, message = call_with_hook(n, func, ...)
+                if ok then return tostring(n - 1) end
+                assert(message == 'from a hook', message)
+            end
+        end
+    )");
+    // At the call and the return of the function itself and of the one in its protected call.
+    EXPECT_EQ(lua.Eval("failures_of(f.GetUncheckedIfc)"), "4");
+    EXPECT_EQ(lua.Eval("failures_of(f.SetUncheckedIfc, {'eth0'})"), "4");
+    EXPECT_EQ(List(), L"eth0");
+}
+
 TEST_F(DriverFlags, WhereverLuaRunsOutOfMemoryTheErrorIsRaisedAndNothingIsLeft) {
     VtaCore::Control::EnableTrace("*", false);
     const std::string prepare = R"(

@@ -258,28 +258,59 @@ TheTestThatNoticesAChangeIsNamed() {
     ends_with_an_error && says 'bad failed in 1 of 3 tests: Suite.First'
 }
 
+# timed NAME SECONDS...: leaves NAME.xml with a test that took each of these times, as far as GTEST_FILTER lets them run.
+timed() {
+    local name=$1 number=0 tests=0 seconds cases='' sum=0
+    shift
+    for seconds in "$@"; do
+        number=$((number + 1))
+        case $GTEST_FILTER in
+        -*) case :${GTEST_FILTER#-}: in *":$name.Test$number:"*) continue ;; esac ;;
+        *) case :$GTEST_FILTER: in *":$name.Test$number:"*) ;; *) continue ;; esac ;;
+        esac
+        echo "$name.Test$number" >>../run
+        tests=$((tests + 1)) sum=$((sum + ${seconds%.*}))
+        cases+="    <testcase name=\"Test$number\" status=\"run\" time=\"$seconds\" timestamp=\"\" classname=\"$name\" />"$'\n'
+    done
+    printf '<?xml version="1.0"?>\n<testsuites tests="%s" failures="0" errors="0" time="%s.5">\n  <testsuite skipped="0">\n%s  </testsuite>\n</testsuites>\n' \
+        $tests $sum "$cases" >"$name.xml"
+}
+
 SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed() {
-    another_module slow-replaced 'result slow-replaced 3 0; sed -i "2s/time=\"0./time=\"20.5/" slow-replaced.xml' \
-        quick-replaced 'result quick-replaced 3 0; sed -i "2s/time=\"0./time=\"3.25/" quick-replaced.xml'
-    in_dev run_mutant "$WORK/build/mutants/bin" slow-replaced quick-replaced
+    local timed
+    timed=$(declare -f timed)
+    another_module long-replaced "$timed; timed long-replaced 7.25 13.0" mixed-replaced "$timed; timed mixed-replaced 0.01 3.25 0.02" \
+        quick-replaced "$timed; timed quick-replaced 0.1"
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'run_mutant "$BUILD/mutants/bin" {long,mixed,quick}-replaced; take_times {long,mixed,quick}-replaced; rm "$BUILD/run"
+        quickest_first {long,mixed,quick}-replaced; limit_of mixed-replaced; JOBS=1; run_mutant "$BUILD/mutants/bin" {quick,mixed,long}-replaced'
     [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 5 "$WORK/out")" || return
-    in_dev quickest_first slow-replaced quick-replaced
-    [ "$(xargs <"$WORK/out")" = "quick-replaced slow-replaced" ] || because "the order is: $(xargs <"$WORK/out")" || return
-    another_module slow-replaced 'result slow-replaced 3 0' bad-replaced 'result bad-replaced 3 1'
-    in_dev run_mutant "$WORK/build/mutants/bin" bad-replaced slow-replaced
+    [ "$(xargs <"$WORK/out")" = "quick-replaced mixed-replaced long-replaced 69" ] || because "the order and limit: $(xargs <"$WORK/out")" || return
+    # ctest chooses the order of those that may run side by side.
+    { head -n 3 "$WORK/build/run" | LC_ALL=C sort && tail -n +4 "$WORK/build/run"; } | xargs >"$WORK/order"
+    [ "$(<"$WORK/order")" = "mixed-replaced.Test1 mixed-replaced.Test3 quick-replaced.Test1 mixed-replaced.Test2 \
+long-replaced.Test1 long-replaced.Test2" ] || because "the tests ran as: $(<"$WORK/order")"
+}
+
+ASlowProgramRunsOnlyIfTheOnesBeforeItPass() {
+    another_module bad-replaced 'result bad-replaced 3 1' slow-replaced 'result slow-replaced 3 0'
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'SLOW[bad-replaced]=a SLOW[slow-replaced]=b QUICK[bad-replaced]=0 QUICK[slow-replaced]=0
+        run_mutant "$BUILD/mutants/bin" {bad,slow}-replaced'
     ends_with_an_error && says 'bad failed in 1 of 3 tests' || return
     [ ! -e "$WORK/build/test-results/slow-replaced.status" ] || because "the slow tests were run, too"
 }
 
-AChangeIsTriedWithTheTestsOfItsFolderUnderEachCodePage() {
+OnlyTheTestsOfItsFolderTryAChange() {
+    rm -rf "$WORK/build"
     mkdir -p "$WORK/build"
-    printf '%s\n' fc-load-tests health-tests firewall-tests firewall-fault-tests devkit-tests >"$WORK/build/test-programs.txt"
-    in_dev programs_of WindowsFirewall
-    [ "$(xargs <"$WORK/out")" = "firewall-tests firewall-tests-932 firewall-tests-65001 firewall-fault-tests" ] ||
-        because "the tests of the firewall are: $(xargs <"$WORK/out")" || return
-    in_dev programs_of common
-    [ "$(xargs <"$WORK/out")" = "fc-load-tests health-tests health-tests-932 health-tests-65001 firewall-tests \
-firewall-tests-932 firewall-tests-65001 firewall-fault-tests" ] || because "the tests of the module are: $(xargs <"$WORK/out")"
+    printf '%s\n' fc-tests removal-tests removal-hang-tests diagnostics-tests devkit-tests >"$WORK/build/test-programs.txt"
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'for folder in Diagnostics WindowsDriverInstaller common ""; do echo "$folder:" $(programs_of "$folder"); done'
+    local fc='fc-tests fc-tests-932 fc-tests-65001' diagnostics='diagnostics-tests diagnostics-tests-932 diagnostics-tests-65001'
+    says "Diagnostics: $diagnostics" && says 'WindowsDriverInstaller: removal-tests removal-hang-tests' &&
+        says "common: $fc removal-tests removal-hang-tests $diagnostics" &&
+        says ": $fc removal-tests removal-hang-tests $diagnostics"
 }
 
 TheModuleIsReplacedBesideLinksToAllElse() {
@@ -489,8 +520,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
-    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed AChangeIsTriedWithTheTestsOfItsFolderUnderEachCodePage \
-    TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
+    SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed ASlowProgramRunsOnlyIfTheOnesBeforeItPass \
+    OnlyTheTestsOfItsFolderTryAChange TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"
