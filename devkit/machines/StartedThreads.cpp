@@ -1,6 +1,7 @@
 #include "StartedThreads.h"
 
 #include <algorithm>
+#include <atomic>
 #include <vector>
 
 #include "Patience.h"
@@ -15,6 +16,42 @@ namespace {
 constexpr DWORD kPollMs = 100;
 /// Real milliseconds; a thread that takes longer is not about to end.
 constexpr DWORD kLastInstructionsMs = 10'000;
+
+/// How much of what the module has queued is not done.
+std::atomic<std::ptrdiff_t> queuedWork{0};
+
+struct Work {
+    LPTHREAD_START_ROUTINE function;
+    void *context;
+};
+
+Work TakeWork(void *address) {
+    const InsideSimulator inside;
+    const std::unique_ptr<Work> work(static_cast<Work *>(address));
+    return *work;
+}
+
+DWORD WINAPI DoWork(void *address) {
+    const Work work = TakeWork(address);
+    const DWORD result = work.function(work.context);
+    --queuedWork;
+    return result;
+}
+
+/// Not in the journal and the fault plans, since whether something is queued depends on the system's load.
+BOOL WINAPI QueueWork(LPTHREAD_START_ROUTINE function, void *context, ULONG flags) {
+    static const auto real = reinterpret_cast<decltype(&::QueueUserWorkItem)>(
+        reinterpret_cast<void *>(Simulator::FindRealFunction("KERNEL32.dll", "QueueUserWorkItem")));
+    const InsideSimulator inside;
+    auto work = std::make_unique<Work>(Work{function, context});
+    ++queuedWork;
+    if (!real(&DoWork, work.get(), flags)) {
+        --queuedWork;
+        return FALSE;
+    }
+    (void)work.release();
+    return TRUE;
+}
 
 bool HasEnded(HANDLE thread) {
     const InsideSimulator inside;
@@ -100,6 +137,7 @@ StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(st
             return thread;
         },
         Simulator::Depth::Watch);
+    functions.Add({"KERNEL32.dll", "QueueUserWorkItem", reinterpret_cast<void *>(&QueueWork)});
     functions.Put<Simulator::System::WaitForSingleObject>(
         [awaitEnd](const auto &next, HANDLE handle, DWORD ms) {
             const DWORD result = next(handle, ms);
@@ -121,5 +159,5 @@ StartedThreads::StartedThreads(Simulator::Simulation &simulation) : m_threads(st
 StartedThreads::~StartedThreads() = default;
 
 bool StartedThreads::AwaitEnds(DWORD realMs, std::ptrdiff_t living) {
-    return Await(realMs, [&] { return m_threads->Living() <= living; });
+    return Await(realMs, [&] { return m_threads->Living() <= living && queuedWork <= living; });
 }

@@ -1,5 +1,5 @@
-// The threads that the module starts. Whether the last instructions of a thread have run when others check it depends
-// on the system's load, and must not affect a test: they take no time.
+// The threads that the module starts, and the work that it queues. Whether the last instructions of a thread have run
+// when others check it depends on the system's load, and must not affect a test: they take no time.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,9 @@ public:
     StartedThreads &operator=(const StartedThreads &) = delete;
 
     /// Waits until all have really ended: a detached thread still releases its own resources when its object is gone.
-    /// @param living  how many may live on.
+    /// What was queued has been done then, too. It runs on a thread of the system, which a journal or a fault plan
+    /// would count if it began earlier.
+    /// @param living  how many may live on, with as much queued work that waits for them.
     /// @return false if one has not ended within so many real milliseconds.
     [[nodiscard]] bool AwaitEnds(DWORD realMs, std::ptrdiff_t living = 0);
 

@@ -186,9 +186,11 @@ void NetworkConfiguration::Boot() {
         state.lock.reset();
         state.arp.clear();
     });
-    for (const NetworkComponent &component : Read().components)
+    const NetworkState state = Read();
+    for (const NetworkComponent &component : state.components) {
         if (component.goesAtBoot)
             Remove(component.key);
+    }
 }
 
 NetworkState NetworkConfiguration::Read() const {

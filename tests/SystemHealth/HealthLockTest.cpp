@@ -68,7 +68,7 @@ protected:
 
     /// Runs `work` on another thread while this one holds the lock, and `meanwhile` here once it waits for the lock.
     void RunBehindTheLock(const std::function<void()> &work, const std::function<void()> &meanwhile) {
-        Hold(true);
+        EnterTheLock();
         Worker worker([&] {
             m_reader = GetCurrentThreadId();
             work();
@@ -76,7 +76,7 @@ protected:
         EXPECT_TRUE(m_readerAsks.Wait(kPatienceMs)) << "it does not take the lock";
         meanwhile();
         EXPECT_FALSE(m_readerEntered);
-        Hold(false);
+        LeaveTheLock();
         EXPECT_TRUE(worker.EndsWithin(kPatienceMs));
         EXPECT_TRUE(m_readerEntered);
     }
@@ -137,12 +137,13 @@ private:
         if (onPoint)
             onPoint(point);
     }
-    void Hold(bool isHeld) {
+    void EnterTheLock() {
         const Simulator::InsideSimulator inside;
-        if (isHeld)
-            ::EnterCriticalSection(m_lock);
-        else
-            LeaveCriticalSection(m_lock);
+        ::EnterCriticalSection(m_lock);
+    }
+    void LeaveTheLock() {
+        const Simulator::InsideSimulator inside;
+        LeaveCriticalSection(m_lock);
     }
     /// Asked on another thread, since its owner may enter it again.
     bool IsFree() {

@@ -59,11 +59,6 @@ SeenThread::SeenThread(DWORD id) {
     m_handle.reset(OpenThread(SYNCHRONIZE, FALSE, id));
 }
 
-void SeenThread::Close::operator()(HANDLE thread) const {
-    const InsideSimulator inside;
-    CloseHandle(thread);
-}
-
 bool SeenThread::AwaitEnd(DWORD realMs) const {
     const InsideSimulator inside;
     return m_handle && WaitForSingleObject(m_handle.get(), realMs) == WAIT_OBJECT_0;

@@ -4,9 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "Balance.h"
@@ -14,6 +12,7 @@
 #include "LogCollector.h"
 #include "Patience.h"
 #include "Simulation.h"
+#include "UniqueHandle.h"
 #include "WatcherClock.h"
 
 /// A thread, to wait for its end.
@@ -26,10 +25,7 @@ public:
     [[nodiscard]] bool AwaitEnd(DWORD realMs) const;
 
 private:
-    struct Close {
-        void operator()(HANDLE thread) const;
-    };
-    std::unique_ptr<std::remove_pointer_t<HANDLE>, Close> m_handle;
+    Simulator::UniqueHandle m_handle;
 };
 
 /// The outcome of a script's call, one of whose threads hung in a call of its own.

@@ -19,6 +19,7 @@ void HungRemoval::PutRight() {
 }
 
 Hang HungRemoval::HangIn(const std::string &function, unsigned nth, std::uint64_t deadlineMs, Fate fate) {
+    EXPECT_TRUE(threads.AwaitEnds(kPatienceMs));
     const Simulator::FaultPlanHandle sleep = simulation().GetFaults().HangNth("Sleep", 1, kCallerThread);
     const Simulator::FaultPlanHandle call = simulation().GetFaults().HangNth(function, nth, kRemovingThread);
     const int objects = VtaCore::Control::LiveObjects();

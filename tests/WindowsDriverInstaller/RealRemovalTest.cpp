@@ -7,7 +7,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include <windows.h>
@@ -19,6 +18,7 @@
 #include "ModuleFixture.h"
 #include "NativeKeys.h"
 #include "SecurityFunctions.h"
+#include "UniqueHandle.h"
 #include "WindowsDriverInstaller/cleanup/RegistryTree.h"
 #include "WindowsDriverInstaller/cleanup/TakeOwnership.h"
 #include "slb3_control.h"
@@ -153,15 +153,11 @@ std::wstring SidText(PSID sid) {
     return text;
 }
 
-struct CloseToken {
-    void operator()(HANDLE token) const { (void)CloseHandle(token); }
-};
-using Token = std::unique_ptr<std::remove_pointer_t<HANDLE>, CloseToken>;
-
-Token OpenToken(DWORD access) {
+Simulator::UniqueHandle OpenToken(DWORD access) {
+    const Simulator::InsideSimulator inside;
     HANDLE token = nullptr;
     EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), access, &token));
-    return Token(token);
+    return Simulator::UniqueHandle(token);
 }
 
 LUID TakeOwnershipPrivilege() {

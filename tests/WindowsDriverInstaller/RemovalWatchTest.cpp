@@ -111,6 +111,20 @@ TEST_F(RemovalWatch, DoesNotWaitForAWorkerThatIsDoneWithinTheFirst100Millisecond
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects);
 }
 
+TEST_F(RemovalWatch, ThreadsAreAwaitedWithTheWorkThatWasQueued) {
+    (void)simulation().Functions().Attach(GetModuleHandleW(nullptr), {"QueueUserWorkItem"});
+    Simulator::Event go;
+    const auto work = [](void *event) -> DWORD {
+        const Simulator::InsideSimulator inside;
+        static_cast<const Simulator::Event *>(event)->Wait(INFINITE);
+        return 0;
+    };
+    ASSERT_TRUE(QueueUserWorkItem(work, &go, WT_EXECUTELONGFUNCTION));
+    EXPECT_FALSE(threads.AwaitEnds(0));
+    go.Set();
+    EXPECT_TRUE(threads.AwaitEnds(kPatienceMs));
+}
+
 TEST_F(RemovalWatch, KillsTheWorkerWhenTheWaitFails) {
     simulation().GetFaults().FailNth("WaitForSingleObject", 1, ERROR_INVALID_HANDLE, kCallerThread);
     const CodedLog coded;

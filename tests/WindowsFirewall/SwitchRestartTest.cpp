@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@
 #include "FirewallFixture.h"
 #include "LogCollector.h"
 #include "Patience.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -33,19 +33,13 @@ public:
     }
 
 private:
-    struct Close {
-        void operator()(HANDLE thread) const {
-            const Simulator::InsideSimulator inside;
-            CloseHandle(thread);
-        }
-    };
     static DWORD WINAPI Run(void *self) {
         static_cast<EndedThread *>(self)->m_body();
         return 0;
     }
 
     std::function<void()> m_body;
-    std::unique_ptr<std::remove_pointer_t<HANDLE>, Close> m_thread;
+    Simulator::UniqueHandle m_thread;
 };
 
 class RestartedFirewall : public FirewallFixture {

@@ -3,39 +3,37 @@
 #include <cwchar>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <regex>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "UniqueHandle.h"
+
+using Simulator::UniqueHandle;
+
 namespace {
 
 constexpr DWORD kTimeoutMs = 180'000;
 
-struct CloseTheHandle {
-    void operator()(HANDLE handle) const { CloseHandle(handle); }
-};
-using OwnedHandle = std::unique_ptr<void, CloseTheHandle>;
-
 /// A file that the program inherits. Files rather than pipes: a pipe's reader would have to wait for every process that
 /// inherited it.
 /// @param disposition  see CreateFileW.
-OwnedHandle OpenInherited(const std::wstring &path, DWORD access, DWORD disposition) {
+UniqueHandle OpenInherited(const std::wstring &path, DWORD access, DWORD disposition) {
     SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-    OwnedHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                 &inherited, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+    UniqueHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  &inherited, disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.get() == INVALID_HANDLE_VALUE)
         ADD_FAILURE() << "CreateFile: " << GetLastError();
     return file;
 }
 
 /// Starts the program in the current folder. @param flags  see CreateProcessW. @return null on failure.
-OwnedHandle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
-                  DWORD flags = 0) {
-    const OwnedHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ, OPEN_ALWAYS);
-    const OwnedHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE, CREATE_NEW);
-    const OwnedHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE, CREATE_NEW);
+UniqueHandle Start(const std::filesystem::path &program, std::wstring commandLine, const TemporaryFolder &streams,
+                   DWORD flags = 0) {
+    const UniqueHandle in = OpenInherited(streams.At(L"in"), GENERIC_READ, OPEN_ALWAYS);
+    const UniqueHandle out = OpenInherited(streams.At(L"out"), GENERIC_WRITE, CREATE_NEW);
+    const UniqueHandle err = OpenInherited(streams.At(L"err"), GENERIC_WRITE, CREATE_NEW);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -53,7 +51,7 @@ OwnedHandle Start(const std::filesystem::path &program, std::wstring commandLine
         return nullptr;
     }
     CloseHandle(started.hThread);
-    return OwnedHandle(started.hProcess);
+    return UniqueHandle(started.hProcess);
 }
 
 /// Arguments in these tests contain no quotes and end in no backslash.
@@ -65,7 +63,7 @@ std::wstring CommandLine(const std::filesystem::path &program, const std::vector
 }
 
 /// Waits for the program to end, or terminates it.
-HostRun Await(const OwnedHandle &process, const TemporaryFolder &streams) {
+HostRun Await(const UniqueHandle &process, const TemporaryFolder &streams) {
     HostRun run;
     if (process == nullptr)
         return run;
@@ -128,7 +126,7 @@ void Interrupt(HANDLE process, unsigned times) {
     wchar_t program[MAX_PATH * 4] = L"";
     GetModuleFileNameW(nullptr, program, static_cast<DWORD>(std::size(program)));
     (void)SetEnvironmentVariableW(kInterruptVariable, request.c_str());
-    const OwnedHandle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
+    const UniqueHandle second = Start(program, CommandLine(program, {}), streams, DETACHED_PROCESS);
     (void)SetEnvironmentVariableW(kInterruptVariable, nullptr);
     DWORD status = 1;
     if (second != nullptr && WaitForSingleObject(second.get(), kTimeoutMs) == WAIT_OBJECT_0)
@@ -151,7 +149,7 @@ HostRun InterruptHost(const std::vector<std::wstring> &arguments, unsigned times
     (void)streams.Write(L"in", input);
     const std::filesystem::path program = BinaryFolder() / L"fc-host.exe";
     // In its own console, so that nobody else is interrupted.
-    const OwnedHandle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
+    const UniqueHandle process = Start(program, CommandLine(program, arguments), streams, CREATE_NO_WINDOW);
     if (process != nullptr && AwaitReady(process.get(), streams))
         Interrupt(process.get(), times);
     return Await(process, streams);

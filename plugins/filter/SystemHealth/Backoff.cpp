@@ -43,17 +43,17 @@ void clearBackoffState(Backoff &backoff, VtaCore::CDom &dom) {
     Trace(kEngineTrace, "clearBackoffState() cleared backoff state");
 }
 
-void StartBackoff(Backoff &backoff, const FailOpenInput &input, const TraceSite &site) {
+void StartBackoff(Backoff &backoff, const FailOpenInput &input) {
     backoff.backoff_wait = input.min_dur;
     backoff.last_check = input.now;
     saveBackoffState(backoff, input.dom);
-    Trace(site, "SysHealth initializing backoff, wait=%llu minutes", backoff.backoff_wait);
+    Trace(input.site, "SysHealth initializing backoff, wait=%llu minutes", backoff.backoff_wait);
 }
 
-void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount, const TraceSite &site) {
+void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount) {
     backoff.backoff_wait = std::min(backoff.backoff_wait * 2, input.max_dur);
     backoff.last_check = input.now;
     saveBackoffState(backoff, input.dom);
-    Trace(site, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
+    Trace(input.site, "SysHealth backoff increased, metrics over threshold = %d, next wait = %llu minutes", overCount,
           backoff.backoff_wait);
 }

@@ -7,7 +7,6 @@
 #include "vta_core.h"
 
 struct FailOpenInput;
-struct TraceSite;
 
 struct Backoff {
     std::uint64_t backoff_wait = 0;  ///< The current wait in minutes; 0 when the backoff has not started.
@@ -20,10 +19,10 @@ void saveBackoffState(const Backoff &backoff, VtaCore::CDom &dom);
 /// Both are 0 afterwards, and the settings say so.
 void clearBackoffState(Backoff &backoff, VtaCore::CDom &dom);
 
-// Both begin a wait and save it. `site` is that of the iteration, in whose name they are traced.
+// Both begin a wait and save it.
 
 /// The shortest wait, with which fail-open begins.
-void StartBackoff(Backoff &backoff, const FailOpenInput &input, const TraceSite &site);
+void StartBackoff(Backoff &backoff, const FailOpenInput &input);
 /// Twice the last wait, up to the longest.
 /// @param overCount  metrics that are past their limit.
-void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount, const TraceSite &site);
+void GrowBackoff(Backoff &backoff, const FailOpenInput &input, std::int32_t overCount);

@@ -104,14 +104,14 @@ void LogCheckHealth(const HealthState &health, const IterationTime &time, const 
 }
 
 FailOpenResult CheckHealthOfSample(HealthState &health, const HealthSample &sample, const IterationTime &time,
-                                   const FailOpenInput &input, const TraceSite &site) {
+                                   const FailOpenInput &input) {
     const wxCriticalSectionLocker lock(health.lock);
     if (sample.scan)
         RunScanRatePass(health.scan, *sample.scan, time.delta_t);
     ArmHealthMetrics(health.metrics, health.config);
     loadBackoffState(health.backoff, input.dom);
     calculateHealthMetrics(health.metrics, {sample.rqlen, sample.numCpus, time.delta_t, health.memory, health.scan});
-    return RunFailOpen(health, input, site);
+    return RunFailOpen(health, input);
 }
 
 Action RunCheckHealth(HealthState &health, lua_State *L, const IterationTime &time, const TraceSite &site) {
@@ -129,10 +129,13 @@ Action RunCheckHealth(HealthState &health, lua_State *L, const IterationTime &ti
     const HealthSample sample = TakeHealthSample(health, site);
     if (sample.failure != actionNormal)
         return sample.failure;
-    const FailOpenInput input{*arguments->dom, arguments->state, time.now,
+    const FailOpenInput input{*arguments->dom,
+                              arguments->state,
+                              time.now,
                               config.Minutes(SYS_CONF_MIN_ACT_DURATION, kDefaultMinMinutes),
-                              config.Minutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes)};
-    const FailOpenResult result = CheckHealthOfSample(health, sample, time, input, site);
+                              config.Minutes(SYS_CONF_MAX_ACT_DURATION, kDefaultMaxMinutes),
+                              site};
+    const FailOpenResult result = CheckHealthOfSample(health, sample, time, input);
     LogCheckHealth(health, time, input, result);
     return result.action;
 }

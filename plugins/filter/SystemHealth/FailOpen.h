@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <optional>
 
+#include "common/Trace.h"
 #include "vta_core.h"
 
 struct HealthState;
-struct TraceSite;
 
 /// What an iteration tells its caller. The numbers are part of the Lua interface; 3 and 4 are not in use.
 enum Action : std::int32_t {
@@ -31,6 +31,7 @@ struct FailOpenInput {
     std::uint64_t now;      ///< Microseconds since 1601.
     std::uint64_t min_dur;  ///< First wait, minutes.
     std::uint64_t max_dur;  ///< Upper limit for growth, minutes.
+    TraceSite site;         ///< Of the iteration, in whose name it is traced.
 };
 
 /// Its result.
@@ -44,5 +45,4 @@ struct FailOpenResult {
 
 /// One step from the state that the caller says to be in, by the metrics of this iteration. Under the
 /// state's lock.
-/// @param site  of the iteration, in whose name it is traced.
-FailOpenResult RunFailOpen(HealthState &health, const FailOpenInput &input, const TraceSite &site);
+FailOpenResult RunFailOpen(HealthState &health, const FailOpenInput &input);

@@ -15,8 +15,9 @@ constexpr DWORD kPauseMs = 1'000;
 
 /// The firewall's service, with the service manager that it was opened by.
 struct FirewallServiceHandles {
-    UniqueService manager;
-    UniqueService service;  ///< Closed first.
+    TraceSite site;  ///< Of the function in whose name its start or stop is traced.
+    UniqueService manager{};
+    UniqueService service{};  ///< Closed first.
 
     void CloseBoth() {
         service.reset();
@@ -45,12 +46,11 @@ enum class Opening { Opened, NoSuchService, Failed };
 
 /// @param access          to the service.
 /// @param withoutService  what is traced where there is no such service.
-Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const char *withoutService,
-                            const TraceSite &site) {
+Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const char *withoutService) {
     opened.manager.reset(OpenSCManagerW(nullptr, nullptr, STANDARD_RIGHTS_READ));
     if (!opened.manager) {
         const DWORD error = GetLastError();
-        Trace(site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
+        Trace(opened.site, "Error opening service control manager: %#08x", static_cast<unsigned>(error));
         return Opening::Failed;
     }
     opened.service.reset(OpenServiceW(opened.manager.get(), kService, access));
@@ -59,11 +59,11 @@ Opening OpenFirewallService(FirewallServiceHandles &opened, DWORD access, const 
     const DWORD error = GetLastError();
     opened.CloseBoth();
     if (error != ERROR_SERVICE_DOES_NOT_EXIST) {
-        TraceServiceError(site, "Error opening '%.64s' service: %#08x", error);
+        TraceServiceError(opened.site, "Error opening '%.64s' service: %#08x", error);
         return Opening::Failed;
     }
     // compat 149: a missing service is a success; where it was to be started, it counts as running
-    Trace(site, withoutService, kService);
+    Trace(opened.site, withoutService, kService);
     return Opening::NoSuchService;
 }
 
@@ -73,27 +73,27 @@ bool SetServiceStartType(const UniqueService &service, DWORD startType) {
 }
 
 /// compat 147: never leaves the service enabled; it runs on with its start type as found
-bool StartDisabledService(const UniqueService &service, const TraceSite &site) {
-    Trace(site, "Service '%.64s' is disabled - attempting to enable it.", kService);
-    if (!SetServiceStartType(service, SERVICE_DEMAND_START)) {
-        TraceServiceError(site, "Error enabling '%.64s' service: %#08x", GetLastError());
+bool StartDisabledService(const FirewallServiceHandles &opened) {
+    Trace(opened.site, "Service '%.64s' is disabled - attempting to enable it.", kService);
+    if (!SetServiceStartType(opened.service, SERVICE_DEMAND_START)) {
+        TraceServiceError(opened.site, "Error enabling '%.64s' service: %#08x", GetLastError());
         return false;
     }
-    const bool started = ::StartServiceW(service.get(), 0, nullptr) != 0;
+    const bool started = ::StartServiceW(opened.service.get(), 0, nullptr) != 0;
     const DWORD error = GetLastError();
-    (void)SetServiceStartType(service, SERVICE_DISABLED);
+    (void)SetServiceStartType(opened.service, SERVICE_DISABLED);
     if (!started)
-        TraceServiceError(site, "Error starting '%.64s' service after enabling it: %#08x", error);
+        TraceServiceError(opened.site, "Error starting '%.64s' service after enabling it: %#08x", error);
     return started;
 }
 
-bool StartStoppedService(const UniqueService &service, const TraceSite &site) {
-    if (::StartServiceW(service.get(), 0, nullptr) != 0)
+bool StartStoppedService(const FirewallServiceHandles &opened) {
+    if (::StartServiceW(opened.service.get(), 0, nullptr) != 0)
         return true;
     const DWORD error = GetLastError();
     if (error == ERROR_SERVICE_DISABLED)
-        return StartDisabledService(service, site);
-    TraceServiceError(site, "Error starting '%.64s' service: %#08x", error);
+        return StartDisabledService(opened);
+    TraceServiceError(opened.site, "Error starting '%.64s' service: %#08x", error);
     return false;
 }
 
@@ -110,14 +110,14 @@ struct AwaitedService {
 
 /// Polls the service until it runs, for ten minutes at most.
 /// @param start  start it, once, when it is seen stopped; otherwise it is left as it is, and that is a success.
-AwaitedService AwaitRunningService(FirewallServiceHandles &opened, bool start, const TraceSite &site) {
+AwaitedService AwaitRunningService(FirewallServiceHandles &opened, bool start) {
     AwaitedService result;
     bool attempted = false;
     for (int poll = 0; poll < kStartPolls; ++poll) {
         SERVICE_STATUS status = {};
         if (QueryServiceStatus(opened.service.get(), &status) == 0) {
             // compat 159: traced before it is closed, unlike the failures of a stop
-            TraceServiceError(site, kQueryFailed, GetLastError());
+            TraceServiceError(opened.site, kQueryFailed, GetLastError());
             return result;
         }
         if (status.dwCurrentState == SERVICE_RUNNING) {
@@ -136,24 +136,24 @@ AwaitedService AwaitRunningService(FirewallServiceHandles &opened, bool start, c
             return result;
         }
         if (attempted) {
-            TraceServiceExitCodes(status, site);
+            TraceServiceExitCodes(status, opened.site);
             return result;
         }
         attempted = true;
-        if (!StartStoppedService(opened.service, site))
+        if (!StartStoppedService(opened))
             return result;
     }
     opened.CloseBoth();
-    Trace(site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
+    Trace(opened.site, "Timed out waiting for service '%.64s' to enter the 'running' state", kService);
     return result;
 }
 
 /// Waits for a minute at most. @return false after a line in the trace.
-bool AwaitStoppedService(FirewallServiceHandles &opened, const TraceSite &site) {
+bool AwaitStoppedService(FirewallServiceHandles &opened) {
     for (int poll = 0; poll < kStopPolls; ++poll) {
         SERVICE_STATUS status = {};
         if (QueryServiceStatus(opened.service.get(), &status) == 0) {
-            CloseAndTraceLastError(opened, site, kQueryFailed);
+            CloseAndTraceLastError(opened, opened.site, kQueryFailed);
             return false;
         }
         if (status.dwCurrentState == SERVICE_STOPPED)
@@ -161,7 +161,7 @@ bool AwaitStoppedService(FirewallServiceHandles &opened, const TraceSite &site) 
         Sleep(kPauseMs);
     }
     opened.CloseBoth();
-    Trace(site, "Unable to stop '%.64s' service", kService);
+    Trace(opened.site, "Unable to stop '%.64s' service", kService);
     return false;
 }
 
@@ -196,31 +196,29 @@ void StopFirewallService(bool *wasRunning) {
 }
 
 bool StartServiceW(bool *running, bool start) {
-    const TraceSite site(kFirewallTrace);
-    Trace(site, "Starting '%.64s' service...", kService);
-    FirewallServiceHandles opened;
+    FirewallServiceHandles opened{kFirewallTrace};
+    Trace(opened.site, "Starting '%.64s' service...", kService);
     const Opening opening =
         OpenFirewallService(opened, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START,
-                            "Service '%.64s' doesn't exist. Continuing without trying to start it.", site);
+                            "Service '%.64s' doesn't exist. Continuing without trying to start it.");
     if (opening != Opening::Opened)
         return opening == Opening::NoSuchService;
-    const AwaitedService awaited = AwaitRunningService(opened, start, site);
+    const AwaitedService awaited = AwaitRunningService(opened, start);
     *running = awaited.wasRunning;
     return awaited.succeeded;
 }
 
 bool StopService(bool *wasRunning) {
-    const TraceSite site(kFirewallTrace);
-    Trace(site, "Stopping '%.64s' service...", kService);
+    FirewallServiceHandles opened{kFirewallTrace};
+    Trace(opened.site, "Stopping '%.64s' service...", kService);
     *wasRunning = false;
-    FirewallServiceHandles opened;
     const Opening opening = OpenFirewallService(opened, SERVICE_QUERY_STATUS | SERVICE_STOP,
-                                                "Service '%.64s' does not exist - no need to stop it.", site);
+                                                "Service '%.64s' does not exist - no need to stop it.");
     if (opening != Opening::Opened)
         return opening == Opening::NoSuchService;
     SERVICE_STATUS status = {};
     if (QueryServiceStatus(opened.service.get(), &status) == 0) {
-        CloseAndTraceLastError(opened, site, kQueryFailed);
+        CloseAndTraceLastError(opened, opened.site, kQueryFailed);
         return false;
     }
     if (status.dwCurrentState == SERVICE_STOPPED) {
@@ -230,10 +228,10 @@ bool StopService(bool *wasRunning) {
     *wasRunning = status.dwCurrentState == SERVICE_RUNNING;
     if (status.dwCurrentState != SERVICE_STOP_PENDING &&
         ControlService(opened.service.get(), SERVICE_CONTROL_STOP, &status) == 0) {
-        CloseAndTraceLastError(opened, site, "Error stopping '%.64s' service: %#08x");
+        CloseAndTraceLastError(opened, opened.site, "Error stopping '%.64s' service: %#08x");
         return false;
     }
-    return AwaitStoppedService(opened, site);
+    return AwaitStoppedService(opened);
 }
 
 }  // namespace WindowsFirewall
