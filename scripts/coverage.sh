@@ -21,14 +21,20 @@ replaced_entries() {
     printf '%s-replaced\n' "${names[@]}" | grep -v '^-'
 }
 
+# code_page_entries ENTRY...: those that run the same tests under other code pages.
+code_page_entries() {
+    ctest_entries | grep -xF "$(printf '%s\n' "${@/%-replaced/-932-replaced}" "${@/%-replaced/-65001-replaced}")"
+}
+
 # run_coverage [PROGRAM...]: with all test programs, or the named ones. Returns false if a test fails: then the figures mean little.
 run_coverage() {
     local profiles=$BUILD/profiles out=$OUT/coverage status=0 entries image=$BUILD/covered/fc.dll
+    CTEST+=(-C Replaced)
     mapfile -t entries < <(replaced_entries "$@")
+    mapfile -t -O ${#entries[@]} entries < <(code_page_entries "${entries[@]}")
     replace_module "${image%/*}"
     rm -rf "$profiles" "$out"
     mkdir -p "$profiles" "$out"
-    CTEST+=(-C Replaced)
     FC_PROFILES=Z:${profiles//\//\\} run_tests "${entries[@]}" || status=1
     [ -n "$(ls -A "$profiles")" ] || die "the tests left no profile in $profiles"
     quietly coverage.log "merging the profiles" llvm-profdata-19 merge --sparse -o "$out/fc.profdata" "$profiles"/*.profraw

@@ -1,5 +1,7 @@
 // The arguments of an iteration: the agent object, the state, the configuration.
 
+#include <cstring>
+
 #include "FailOpenFixture.h"
 #include "slb3_control.h"
 
@@ -31,6 +33,24 @@ TEST_F(FailOpen, AConstForeignOrForgottenDomIsABadArgumentWithoutAMessage) {
         EXPECT_EQ(ActionOf(value + ", 'Deactivated', ''"), "6") << value;
         EXPECT_EQ(EngineTraces(), (std::vector<std::string>{kSettingEnabled}));
     }
+    EXPECT_TRUE(log.Take().empty());
+}
+
+void *DomItself(void *object) {
+    return object;
+}
+
+TEST_F(FailOpen, ADomThatNoBaseLeadsToIsABadArgumentWithoutAMessage) {
+    const SLB3::SlbBaseEntry others[] = {{nullptr, 1, &DomItself}, {"SLB.Other", 1, &DomItself}, {nullptr, 0, nullptr}};
+    const SLB3::SlbBaseEntry unconvertible[] = {{"SLB.Dom", 1, nullptr}, {nullptr, 0, nullptr}};
+    for (const SLB3::SlbBaseEntry *bases : {others, unconvertible}) {
+        SLB3::Control::PushInstance(lua, "SLB.DerivedDom", &dom, false, bases);
+        lua_setglobal(lua, "derived");
+        EXPECT_EQ(ActionOf("derived, 'Deactivated', ''"), "6");
+    }
+    std::memset(lua_newuserdata(lua, sizeof(SLB3::SlbInstance)), 0, sizeof(SLB3::SlbInstance));
+    lua_setglobal(lua, "zeros");
+    EXPECT_EQ(ActionOf("zeros, 'Deactivated', ''"), "6");
     EXPECT_TRUE(log.Take().empty());
 }
 

@@ -6,12 +6,14 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "FcModule.h"
 #include "ImportTable.h"
+#include "SLB3.h"
 #include "TestData.h"
 #include "vta_core.h"
 #include "vti_control.h"
@@ -130,6 +132,49 @@ TEST_F(ModuleEntry, RegistersBoundFunctionsWithTheirFunctionAndItsSignature) {
         ASSERT_STREQ(lua_getupvalue(state, -2, 2), "") << name;
         EXPECT_EQ(lua_getupvalue(state, -3, 3), nullptr) << name;
         lua_pop(state, 3);
+    }
+}
+
+/// What the binder reads of a type.
+std::string DescribedType(const SLB3::BaseInfo *info) {
+    EXPECT_EQ(info->parameterCount(), -1);
+    EXPECT_EQ(info->returnType(), nullptr);
+    EXPECT_EQ(info->parameters(), nullptr);
+    return std::to_string(info->kind()) + " " + info->name();
+}
+
+/// The same of a function's type: its result, and its parameters.
+std::string DescribedSignature(const SLB3::BaseInfo *info) {
+    EXPECT_EQ(info->kind(), 4);
+    EXPECT_EQ(std::string(info->name()).find("SLB3::InfoCompilerName<"), 0U) << info->name();
+    std::string described = DescribedType(info->returnType()) + " of";
+    for (int i = 0; i < info->parameterCount(); ++i)
+        described += " [" + DescribedType(info->parameters()[i]) + "]";
+    return described;
+}
+
+TEST_F(ModuleEntry, TheSignaturesOfBoundFunctionsDescribeTheirResultsAndParameters) {
+    const std::string result = "0 SLB3::InfoCompilerName<bool>::Name of";
+    const std::string flag = " [0 SLB3::InfoCompilerName<bool>::Name]";
+    const std::string text = " [2 const char *]";
+    const std::string wide = " [0 SLB3::InfoCompilerName<class wxString const &>::Name]";
+    const std::vector<std::pair<std::string, std::string>> expected{
+        {"DisableNativeFirewall", "2 int of"},
+        {"StartWFPDriver", result + flag},
+        {"WindowsFirewallRemoveApp", result + text},
+        {"WindowsFirewallAddApp", result + text + text},
+        {"UninstallDriver", result + " [3 SLB.Dom &]" + wide + wide},
+    };
+    const LuaState state;
+    Open(state);
+    lua_getglobal(state, "SLB");
+    lua_getfield(state, -1, "filter");
+    for (const auto &[name, signature] : expected) {
+        lua_getfield(state, -1, name.c_str());
+        ASSERT_STREQ(lua_getupvalue(state, -1, 2), "") << name;
+        EXPECT_EQ(DescribedSignature(static_cast<const SLB3::BaseInfo *>(lua_touserdata(state, -1))), signature)
+            << name;
+        lua_pop(state, 2);
     }
 }
 

@@ -347,6 +347,13 @@ ACrashFailsTheCoverageThatIsTold() {
     fails crash-replaced 'ended with status 5 after its tests' 3 1 && mentions '100.0 %'
 }
 
+CoverageRunsTheTestsUnderTheOtherCodePagesToo() {
+    another_module good-replaced "$PROFILE result good-replaced 3 0" good-932-replaced 'result good-932-replaced 2 1' \
+        other-932-replaced 'result other-932-replaced 4 1'
+    covers good
+    fails good-932-replaced 'failed in 1 of 2 tests' 4 1
+}
+
 CoverageWithoutAProfileFails() {
     another_module good-replaced 'result good-replaced 3 0'
     covers good
@@ -521,7 +528,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
     SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed ASlowProgramRunsOnlyIfTheOnesBeforeItPass \
-    OnlyTheTestsOfItsFolderTryAChange TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold CoverageWithoutAProfileFails; do
+    OnlyTheTestsOfItsFolderTryAChange TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold \
+    CoverageRunsTheTestsUnderTheOtherCodePagesToo CoverageWithoutAProfileFails; do
     test_case "$name"
 done
 write_results runner-tests "$XML"

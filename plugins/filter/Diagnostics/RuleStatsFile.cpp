@@ -45,20 +45,23 @@ void WriteRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, wxOutputStream &ou
     ResetRuleStatsVariable(handle);
 }
 
+/// @return false if memory runs out: the stream would write to null.
+bool CollectRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, FileMemory &memory, const TraceSite &site) {
+    wxBufferedOutputStream out(memory);
+    if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
+        return false;
+    WriteRuleStats(dom, handle, out, site);
+    return true;
+}
+
 }  // namespace
 
 bool AddDriverRuleStats(VtaCore::CDom &dom, vti_handle_t *handle, VtaCore::CZipOutputStream &zip) {
     Trace(kDiagnosticsTrace, "AddDriverRuleStats()");
     // compat 60: does not ask whether the driver is open, and adds its file even if empty
     FileMemory memory;
-    {
-        wxBufferedOutputStream out(memory);
-        if (out.GetOutputStreamBuffer()->GetBufferStart() == nullptr)
-            return false;  // no memory: the stream would write to null
-        WriteRuleStats(dom, handle, out, kDiagnosticsTrace);
-    }
-    // not reached: clang counts nothing after a block with a return
-    return AddFileMemory(zip, memory, FileKind::Binary, "vta.tpf");
+    return CollectRuleStats(dom, handle, memory, kDiagnosticsTrace) &&
+           AddFileMemory(zip, memory, FileKind::Binary, "vta.tpf");
 }
 
 }  // namespace Filter::Diagnostics

@@ -113,8 +113,7 @@ void calculateHealthMetrics(HealthMetrics &metrics, const MetricSources &from) {
         Trace(kEngineTrace, "fremem pages=%llu phsymem MB=%llu fremem_pct=%f",
               from.memory.vmStats[vmstat_freemem].value, from.memory.vmStats[vmstat_phys_mem].value, freeMemory.value);
     }
-    if (interval.enabled != 0)
-        interval.value = from.delta_t;
+    interval.value = from.delta_t;  // always enabled
 }
 
 std::int32_t check_health_metric_thresholds(const HealthMetrics &metrics, double factor) {

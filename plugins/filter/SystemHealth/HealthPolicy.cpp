@@ -165,7 +165,7 @@ ParsedPolicy ParsePolicy(const char *json) {
     if (!parsed.root) {
         // The position is the whole process's: another thread may have parsed something else meanwhile.
         const char *const place = cJSON_GetErrorPtr();
-        if (place >= json && place <= json + std::strlen(json))
+        if (place >= json && place <= json + std::strlen(json))  // not reached: outside, without such a thread
             parsed.error = place;
     }
     return parsed;
@@ -178,7 +178,7 @@ std::int32_t readSystemHealthPolicy(HealthConfig &config, VtaCore::CDom &dom, st
     config.Reset();
     ParsedPolicy policy = ParsePolicy(json);
     if (!policy.root) {
-        if (policy.error != nullptr)
+        if (policy.error != nullptr)  // not reached: null, for the same reason
             Trace(kEngineTrace, "json parsing error [%s]", OutsideText{policy.error});
         // compat 25: not 0, so the iteration goes on with its interval alone; the agent's flag stays as it was
         return 1;

@@ -74,18 +74,21 @@ std::uint64_t InfScanLettersIn(const std::byte *block) {
     return bits(0) | bits(1) | bits(2) | bits(3);
 }
 
+/// Where in a block characters may begin: at 16 bits, on every other byte.
+template <typename Character>
+constexpr std::uint64_t kInfScanBeginnings = sizeof(Character) == 1 ? ~0ULL : 0x5555'5555'5555'5555ULL;
+
 template <typename Character>
 const wchar_t *CountInfScanNames(std::span<const std::byte> file) {
     constexpr std::size_t unseen = kUnseenCharacters * sizeof(Character);
     static_assert(unseen > kNameLength * sizeof(Character), "a name that is compared must end within the file");
-    // Where characters may begin: at 16 bits, on every other byte.
-    constexpr std::uint64_t beginnings = sizeof(Character) == 1 ? ~0ULL : 0x5555'5555'5555'5555ULL;
     const std::byte *const view = file.data();
     const std::size_t end = file.size() > unseen ? file.size() - unseen : 0;
     InfScanCounts<Character> counts;
     std::size_t at = 0;
     for (; end - at >= kBlockBytes; at += kBlockBytes)
-        for (std::uint64_t letters = InfScanLettersIn(view + at) & beginnings; letters != 0; letters &= letters - 1)
+        for (std::uint64_t letters = InfScanLettersIn(view + at) & kInfScanBeginnings<Character>; letters != 0;
+             letters &= letters - 1)
             if (const wchar_t *const driver = counts.CountAt(view + at + std::countr_zero(letters)))
                 return driver;
     for (; at < end; at += sizeof(Character))

@@ -67,14 +67,13 @@ bool DeleteRegistryTreeKey(HKEY parent, const std::wstring &name, int levels) {
     // Enough for a key without subkeys.
     if (DeleteRegistryTreeLeaf(parent, name))
         return true;
-    {
-        UniqueKey key;
-        const LSTATUS status = OpenRegistryTreeKey(parent, name, KEY_READ, key);
-        if (status != ERROR_SUCCESS)
-            return status == ERROR_FILE_NOT_FOUND;
-        if (levels > 1)
-            DeleteRegistrySubkeys(key, levels - 1);
-    }
+    UniqueKey key;
+    const LSTATUS status = OpenRegistryTreeKey(parent, name, KEY_READ, key);
+    if (status != ERROR_SUCCESS)
+        return status == ERROR_FILE_NOT_FOUND;
+    if (levels > 1)
+        DeleteRegistrySubkeys(key, levels - 1);
+    key.reset();
     return DeleteRegistryTreeLeaf(parent, name);
 }
 

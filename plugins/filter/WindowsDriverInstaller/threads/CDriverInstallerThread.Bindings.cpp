@@ -10,6 +10,7 @@
 namespace {
 
 bool CDriverInstallerThread::SetFilterBindings(bool enable, const TcpAdapterList *adapters, bool useIpState) {
+    // not reached: whoever binds has a list
     if (enable && adapters == nullptr)
         return false;
     const NetCfgSession netCfg(*this, NetCfgSession::Access::Write);

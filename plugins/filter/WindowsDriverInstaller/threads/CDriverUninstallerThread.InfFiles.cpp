@@ -38,6 +38,7 @@ HRESULT CDriverUninstallerThread::RemoveOemInfFiles(UninstallOemInf uninstallOem
                 isLeftToBoot = RemoveInfByHand(folders, found.cFileName) || isLeftToBoot;
         } while (FindNextFileW(search.get(), &found) != 0);
     }
+    // not reached: clang counts nothing after a block with a continue
     search.reset();  // in the step, whose limit is for this call, too
     EndStep(RemovingInfFiles);
     return isLeftToBoot ? NETCFG_S_REBOOT : status;  // compat 120: a file that can't be removed is no failure

@@ -24,7 +24,7 @@ void CDriverUninstallerThread::StartStep(std::uint32_t step, std::uint32_t limit
 void CDriverUninstallerThread::EndStep(std::uint32_t step) {
     {
         const wxCriticalSectionLocker lock(stepLock);
-        if (!stepStack.empty()) {
+        if (!stepStack.empty()) {  // not reached: empty, since each step that ends was begun
             const std::uint32_t top = stepStack.back()->step;
             if (top != step)  // compat 88: warns with the lock held, and still pops the top step
                 wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",

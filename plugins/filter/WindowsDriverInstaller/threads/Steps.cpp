@@ -41,7 +41,7 @@ constexpr std::array<Step, 22> kSteps{{
     {StoppingWfpCalloutDriver, L"StoppingWfpCalloutDriver", kNeverBegun},
 }};
 
-constexpr bool AreStepsInOrderOfIds() {
+consteval bool AreStepsInOrderOfIds() {
     for (std::uint32_t id = 0; id < kSteps.size(); ++id)
         if (kSteps[id].id != id)
             return false;
@@ -49,17 +49,22 @@ constexpr bool AreStepsInOrderOfIds() {
 }
 static_assert(AreStepsInOrderOfIds(), "an id is the place in the table");
 
+constexpr Step kUnknownStep{NoStep, L"<UnknownStep>", kNeverBegun};
+
+const Step &StepWithId(std::uint32_t id) {
+    return id < kSteps.size() ? kSteps[id] : kUnknownStep;
+}
+
 }  // namespace
 
 const wchar_t *StepName(std::uint32_t step) {
-    // cppcheck-suppress CastIntegerToAddressAtReturn; there is no integer
-    return step < kSteps.size() ? kSteps[step].name : L"<UnknownStep>";
+    return StepWithId(step).name;
 }
 
 std::uint32_t StepLimitSeconds(std::uint32_t step) {
-    return step < kSteps.size() ? kSteps[step].limitSeconds : kNeverBegun;
+    return StepWithId(step).limitSeconds;
 }
 
 bool IsSilentStep(std::uint32_t step) {
-    return step < kSteps.size() && !kSteps[step].isLogged;
+    return !StepWithId(step).isLogged;
 }
