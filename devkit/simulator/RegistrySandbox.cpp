@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <system_error>
 #include <utility>
 
 #include "ArgumentText.h"
 #include "CallScope.h"
+#include "UniqueHandle.h"
 
 namespace Simulator {
 
@@ -40,6 +42,23 @@ UniqueKey CreateRoot(HKEY software, const std::wstring &path) {
 UniqueKey Open(HKEY parent, const std::wstring &path) {
     HKEY key = nullptr;
     return UniqueKey(RegOpenKeyExW(parent, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS ? key : nullptr);
+}
+
+bool IsRunning(DWORD process) {
+    const UniqueHandle opened(OpenProcess(SYNCHRONIZE, FALSE, process));
+    return opened ? WaitForSingleObject(opened.get(), 0) != WAIT_OBJECT_0 : GetLastError() != ERROR_INVALID_PARAMETER;
+}
+
+/// Removes the trees of processes that were killed.
+void RemoveLeftTrees(HKEY software) {
+    const UniqueKey parent = OpenBelow(software, kParent, KEY_READ);
+    if (!parent)
+        return;
+    for (const std::wstring &name : SubkeyNames(parent.get())) {
+        const DWORD process = std::wcstoul(name.c_str(), nullptr, 10);
+        if (process != 0 && !IsRunning(process))
+            (void)DeleteBelow(parent.get(), name);
+    }
 }
 
 struct Value {
@@ -165,6 +184,7 @@ RegistrySandbox::RegistrySandbox() {
     HKEY software = nullptr;
     Check(RegOpenKeyExW(HKEY_CURRENT_USER, L"Software", 0, KEY_ALL_ACCESS, &software), "RegOpenKeyExW");
     m_software.reset(software);
+    RemoveLeftTrees(m_software.get());
     DeleteTree(m_software.get(), m_path);  // left by an earlier process with this id
     m_machineRoot = CreateRoot(m_software.get(), m_path + L"\\machine");
     m_userRoot = CreateRoot(m_software.get(), m_path + L"\\user");

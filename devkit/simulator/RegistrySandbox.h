@@ -13,8 +13,8 @@
 namespace Simulator {
 
 /// While it exists, HKEY_LOCAL_MACHINE and HKEY_CURRENT_USER of the whole process are two empty keys below the real
-/// HKEY_CURRENT_USER\Software\fc-devkit\<process id>-<number>. The destructor removes them. Keys that were opened
-/// before stay where they are. One at a time.
+/// HKEY_CURRENT_USER\Software\fc-devkit\<process id>-<number>. The destructor removes them; those of a killed process
+/// are removed when another sandbox is created. Keys that were opened before stay where they are. One at a time.
 ///
 /// `root` is one of the two. Paths have no backslash at either end; an empty one means the root itself. An empty name
 /// is a key's default value. The helpers are not recorded, counted or made to fail.

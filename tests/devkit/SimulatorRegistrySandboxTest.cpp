@@ -91,6 +91,23 @@ TEST(RegistrySandbox, LeavesNothingBehind) {
     EXPECT_EQ(StatusOfOpening(software.get(), path.c_str()), ERROR_FILE_NOT_FOUND);
 }
 
+TEST(RegistrySandbox, RemovesWhatKilledProcessesHaveLeftAndNoTreeOfOthers) {
+    const UniqueKey software = Open(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(software);
+    // Ids of processes are multiples of four.
+    const std::wstring left = L"fc-devkit\\4294967294-1";
+    const std::wstring others = L"fc-devkit\\" + std::to_wstring(GetCurrentProcessId()) + L"-other";
+    for (const std::wstring &path : {left + L"\\machine\\A", others}) {
+        HKEY key = nullptr;
+        ASSERT_EQ(RegCreateKeyW(software.get(), path.c_str(), &key), ERROR_SUCCESS);
+        RegCloseKey(key);
+    }
+    const auto sandbox = MakeSandbox();
+    EXPECT_EQ(StatusOfOpening(software.get(), left.c_str()), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(StatusOfOpening(software.get(), others.c_str()), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteKeyW(software.get(), others.c_str()), ERROR_SUCCESS);
+}
+
 TEST(RegistrySandbox, IsCreatedWhileOtherProcessesDeleteTheSharedParent) {
     const UniqueKey software = Open(HKEY_CURRENT_USER, L"Software");
     ASSERT_TRUE(software);

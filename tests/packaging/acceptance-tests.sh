@@ -43,8 +43,9 @@ machine() {
     end_wine -w
     (cd "$WINEPREFIX" && find drive_c -path "drive_c/a*" -prune -o -path '*/[Tt]emp/*' -prune -o -name status.txt -prune -o \
         -name run.cmd -prune -o -printf '%p %s %T@\n' | grep -v '^drive_c/users/[^ ]* \|^drive_c [0-9]' | LC_ALL=C sort)
-    # Without the times of the keys, and the lists of fonts and network cards, which Wine itself creates and removes.
-    awk '/^\[/ { skip = /Fonts|NetworkCards/; sub(/ [0-9]+$/, "") } NF && !skip && !/^#time/' \
+    # Without the times of the keys, and the lists of fonts, network cards, display adapters and monitors, which Wine itself creates
+    # and removes.
+    awk '/^\[/ { skip = /Fonts|NetworkCards|\{4[Dd]36[Ee]96[8Ee]-/; sub(/ [0-9]+$/, "") } NF && !skip && !/^#time/' \
         "$WINEPREFIX/system.reg" "$WINEPREFIX/user.reg"
 }
 
