@@ -414,6 +414,7 @@ TEST_F(Policy, MalformedTextInFailOpenLeavesItInForce) {
 TEST_F(Policy, AParsingErrorShowsTheTextAtItsPosition) {
     EXPECT_EQ(ReadPolicy(R"({"SYS_THR_RUNQ": x50})").EngineLines("json"), Messages{"json parsing error [x50}]"});
     EXPECT_EQ(ReadPolicy("nonsense").EngineLines("json"), Messages{"json parsing error [nonsense]"});
+    EXPECT_EQ(ReadPolicy("{\"a\\").EngineLines("json"), Messages{"json parsing error [a\\]"});
 }
 
 TEST_F(Policy, AParsingErrorShowsLongTextsInFullAndPercentSignsUnchanged) {

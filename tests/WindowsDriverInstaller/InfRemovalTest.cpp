@@ -7,11 +7,13 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
 #include <winioctl.h>
 
+#include "ImportTable.h"
 #include "RemovalFixture.h"
 #include "WindowsDriverInstaller/cleanup/ReadView.h"
 #include "WindowsFunctions.h"
@@ -421,6 +423,39 @@ INSTANTIATE_TEST_SUITE_P(Removal, InfOnABadSector, testing::Values(EXCEPTION_IN_
                              return tested.param == EXCEPTION_IN_PAGE_ERROR ? "InPageError" : "AccessViolation";
                          });
 
+/// What raises an exception instead of examining a file, until a handler of the process lets it continue.
+EXCEPTION_RECORD raisedInstead{};
+std::atomic<int> passedOn{0};
+
+BOOL WINAPI RaiseInstead(const void *, int, int *) {
+    RaiseException(raisedInstead.ExceptionCode, 0, raisedInstead.NumberParameters, raisedInstead.ExceptionInformation);
+    return FALSE;
+}
+
+LONG WINAPI ContinueAfterException(EXCEPTION_POINTERS *) {
+    ++passedOn;
+    return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+TEST_F(InfRemoval, PassesOnExceptionsThatDoNotComeFromTheFile) {
+    const Simulator::Redirection scan(GetModuleHandleW(L"fc.dll"), "IsTextUnicode",
+                                      reinterpret_cast<void *>(&RaiseInstead));
+    ASSERT_TRUE(scan.Found());
+    const LPTOP_LEVEL_EXCEPTION_FILTER before = SetUnhandledExceptionFilter(&ContinueAfterException);
+    for (const auto &[code, words] :
+         {std::pair{DWORD{0xE0000001}, DWORD{2}}, std::pair{DWORD{EXCEPTION_ACCESS_VIOLATION}, DWORD{1}},
+          std::pair{DWORD{EXCEPTION_ACCESS_VIOLATION}, DWORD{2}},
+          std::pair{DWORD{EXCEPTION_IN_PAGE_ERROR}, DWORD{2}}}) {
+        SCOPED_TRACE(std::to_string(code) + " with " + std::to_string(words) + " words");
+        raisedInstead.ExceptionCode = code;
+        raisedInstead.NumberParameters = words;
+        passedOn = 0;
+        EXPECT_TRUE(Goes(InfNaming("qbimvta", 10)));
+        EXPECT_GT(passedOn, 0);
+    }
+    (void)SetUnhandledExceptionFilter(before);
+}
+
 TEST(ViewReading, PassesOnExceptionsFromOtherAddresses) {
     constexpr std::size_t page = 4096;
     auto *const bad =
@@ -486,6 +521,11 @@ TEST_F(InfRemoval, IsCaseSensitiveOnlyForTheFirstLetter) {
     EXPECT_FALSE(Goes(InfNaming("Qbimvta", 10)));
     EXPECT_TRUE(Goes(InfNaming("qBIMVTA", 10)));
     EXPECT_TRUE(Goes(InfNaming("qbimWFP", 10)));
+}
+
+TEST_F(InfRemoval, ReadsOnAfterAWordThatBeginsLikeAName) {
+    EXPECT_TRUE(Goes(Repeat("quick ", 10) + InfNaming("qbimvta", 10)));
+    EXPECT_FALSE(Goes(Repeat("quick ", 10) + InfNaming("qbimvta", 9)));
 }
 
 TEST_F(InfRemoval, IgnoresANameInTheLastEightBytes) {

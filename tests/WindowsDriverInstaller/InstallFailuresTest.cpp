@@ -116,6 +116,26 @@ TEST_F(InstallFailures, AnInfSectionOfTheCalloutThatNeverReturnsIsAbandonedAfter
     EXPECT_EQ(CallsOf(kInstall), 0U);
 }
 
+TEST_F(InstallFailures, ASuccessWithoutTheObjectOrTextThatItPromisesChangesNoBinding) {
+    (void)Install();
+    dom.Set("vtp.filter.ForceDriverInstall", true);
+    network().Bind(kSecond, L"qbimvta", false);
+    EXPECT_TRUE(Install().result);
+    EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 1U) << "without a fault";
+    for (const char *function :
+         {"INetCfg::FindComponent", "INetCfg::EnumComponents", "IEnumNetCfgComponent::Next",
+          "INetCfgComponent::QueryInterface", "INetCfgComponent::GetPnpDevNodeId",
+          "INetCfgComponentBindings::EnumBindingPaths", "IEnumNetCfgBindingPath::Next",
+          "INetCfgBindingPath::EnumBindingInterfaces", "INetCfgBindingInterface::GetUpperComponent"}) {
+        SCOPED_TRACE(function);
+        const FaultPlan plan = faults().FailEvery(function, S_OK);
+        EXPECT_TRUE(Install().result);
+        EXPECT_TRUE(plan->Hit());
+        EXPECT_EQ(CallsOf("INetCfgBindingPath::Enable"), 0U);
+        faults().Clear();
+    }
+}
+
 // --- locks ---
 
 TEST_F(InstallFailures, ALockHeldByAnOpenPropertyPageIsNamedToTheUserAndEndsTheInstallation) {

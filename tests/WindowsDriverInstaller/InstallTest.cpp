@@ -3,6 +3,7 @@
 #include <chrono>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "InstallFixture.h"
@@ -85,6 +86,24 @@ TEST_F(DriverInstallation, ForcesADowngradeWithoutTheUpgradeEvent) {
     EXPECT_EQ(installation.EventTexts(1005), Lines{});
     EXPECT_EQ(installation.EventTexts(1007).size(), 1U);
     EXPECT_EQ(Installs(), 1U);
+}
+
+TEST_F(DriverInstallation, AsksAdaptersFor64BitCountersFromVersion51On) {
+    dom.Set("vtp.filter.ForceDriverInstall", true);
+    for (const auto &[major, minor, longer] :
+         {std::tuple{4UL, 9UL, false}, std::tuple{5UL, 0UL, false}, std::tuple{5UL, 1UL, true}}) {
+        SCOPED_TRACE(std::to_string(major) + "." + std::to_string(minor));
+        simulation().GetMachine().osMajor = major;
+        simulation().GetMachine().osMinor = minor;
+        EXPECT_TRUE(Install().result);
+        const Lines asked = Calls({"DeviceIoControl"});
+        EXPECT_NE(asked, Lines{});
+        EXPECT_EQ(std::any_of(asked.begin(), asked.end(),
+                              [](const std::string &call) {
+                                  return call.starts_with("DeviceIoControl(*, 1507330, *, 4, *, 8");
+                              }),
+                  longer);
+    }
 }
 
 TEST_F(DriverInstallation, KeepsTheBindingsOverAnUpgrade) {

@@ -359,6 +359,29 @@ TEST_F(InstallWatch, AWorkerThatIsNotKilledKeepsLoggingAfterTheOutcomeAndTheWatc
     EXPECT_EQ(WorkerLog(outcome).find("Attempt #1 at installing qbimvta"), std::string::npos);
 }
 
+TEST_F(InstallWatch, AWorkerThatWasLeftAloneAndEndsInAStepOfTheWatchdogWarnsOfThatStep) {
+    HeardLines &heard = HeardLines::Instance();
+    VtaCore::Control::SetThreadListener(&heard);
+    InstallOldDriver({1, 0, 0, 0});
+    const FaultPlan hang = faults().HangNth("ControlService", 1);
+    const FaultPlan reading = HangWatchdog(2);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
+        PassTime(3'600'000);
+        ASSERT_TRUE(reading->WaitUntilHit(kPatienceMs)) << "the check of the network";
+        (void)heard.Take();
+        hang->Release();
+        EXPECT_TRUE(threads.AwaitEnds(kPatienceMs, 1)) << "the worker";
+        reading->Release();
+        EXPECT_TRUE(AwaitReturn());
+    });
+    VtaCore::Control::SetThreadListener(nullptr);
+    EXPECT_TRUE(outcome.result);
+    EXPECT_TRUE(Has(heard.Take(),
+                    "Consistency check - we just completed ThreadRunning but GettingAdapterInfo was on top of the step "
+                    "stack."));
+}
+
 TEST_F(InstallWatch, DoesNotRestoreTheBindingsOfAFailedUpgrade) {
     InstallOldDriver({1, 0, 0, 0});
     network().Bind(kSecond, L"qbimvta", false);

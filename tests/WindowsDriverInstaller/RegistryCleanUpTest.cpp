@@ -164,6 +164,35 @@ TEST_F(RegistryCleanUp, FailsWhenTheKeyCannotBeOpenedForItsSubkeys) {
     EXPECT_TRUE(Has(Below(L"0001")));
 }
 
+/// The system tells subkeys that are gone when they are to be deleted.
+class EndlessSubkeys : public RegistryCleanUp {
+protected:
+    /// @param name  of the n-th answer, n from 0.
+    /// @return how many were asked for.
+    template <typename Name>
+    unsigned Asked(Name name) {
+        unsigned asked = 0;
+        simulation().Functions().Put<Simulator::System::RegEnumKeyExW>(
+            [&asked, name](const auto &, HKEY, DWORD, wchar_t *buffer, DWORD *length, auto...) -> LSTATUS {
+                const std::wstring told = name(asked++);
+                std::copy_n(told.c_str(), told.size() + 1, buffer);
+                *length = static_cast<DWORD>(told.size());
+                return ERROR_SUCCESS;
+            });
+        EXPECT_EQ(CleanUp(), (Lines{kScanning, kFound, kKept}));
+        EXPECT_TRUE(Has(Below(L"0001")));
+        return asked;
+    }
+};
+
+TEST_F(EndlessSubkeys, TheSameNameIsTriedElevenTimes) {
+    EXPECT_EQ(Asked([](unsigned) { return std::wstring(L"gone"); }), 11U);
+}
+
+TEST_F(EndlessSubkeys, AnEmptyNameEndsTheDeletion) {
+    EXPECT_EQ(Asked([](unsigned) { return std::wstring(); }), 1U);
+}
+
 TEST_F(RegistryCleanUp, TreatsAKeyThatVanishesAsDeleted) {
     simulation().GetSecurity().ForbidDeletion(kOrphanKey, ERROR_KEY_DELETED);
     const auto plan = simulation().GetFaults().FailNth("RegOpenKeyExW", 3, ERROR_FILE_NOT_FOUND);

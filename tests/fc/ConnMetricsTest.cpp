@@ -2,6 +2,7 @@
 
 #include "CodePage.h"
 #include "ConnMetricsFixture.h"
+#include "ImportTable.h"
 
 namespace {
 
@@ -229,6 +230,21 @@ TEST_F(ConnMetrics, TheContentOfATextAffectsNeitherTheOrderNorTheIdentityOfItsKe
     Fold();
     lua.Run("counts = {} for i, row in ipairs(f.GetConnMetrics()) do counts[i] = row.count end");
     EXPECT_EQ(lua.Eval("table.concat(counts, ' ')"), "3 7 1 3 3 3 7 7") << "'', a, aa, ab, abc, a+wide, b, wide";
+}
+
+/// Tells the length of a converted text, and then does not convert it.
+int WINAPI TellLengthAlone(UINT codePage, DWORD flags, const wchar_t *from, int length, char *to, int size,
+                           const char *other, BOOL *usedOther) {
+    return to == nullptr ? WideCharToMultiByte(codePage, flags, from, length, to, size, other, usedOther) : 0;
+}
+
+TEST_F(ConnMetrics, ATextThatCannotBeConvertedAfterAllIsEmpty) {
+    const std::string text = "'name\\t" + CharacterInCodePage().narrow + "'";
+    EXPECT_EQ(RowOf(text), "count=1 name=\"" + CharacterInCodePage().narrow + "\"");
+    const Simulator::Redirection conversion(GetModuleHandleW(L"" FC_WX_DLL), "WideCharToMultiByte",
+                                            reinterpret_cast<void *>(&TellLengthAlone));
+    ASSERT_TRUE(conversion.Found());
+    EXPECT_EQ(RowOf(text), "count=1 name=\"\"");
 }
 
 TEST_F(ConnMetrics, TheKeyIsNotReturnedToLua) {
