@@ -112,7 +112,8 @@ function makeDriverCharts(run) {
   const numbers = leftOut(run);
   const count = numbers.installation + numbers.removal;
   if (count)
-    byId('drivers').append(make('p', 'more', `${plural(count, 'earlier one was', 'earlier ones were')} left out of this page`));
+    byId('drivers').append(make('p', 'more',
+      `${plural(count, 'earlier one was', 'earlier ones were')} left out of this page`));
   for (const driverRun of run.driverRuns) {
     const kind = driverRun.kind === 'installation' ? 'Installation' : 'Removal';
     const rows = stepRows(driverRun);
