@@ -25,10 +25,12 @@ bool HasLine(const DriverRun &run, std::string_view part) {
                        [part](const LoggedLine &line) { return line.text.find(part) != line.text.npos; });
 }
 
-const DriverStep *KilledStep(const DriverRun &run) {
-    const auto found =
-        std::find_if(run.steps.begin(), run.steps.end(), [](const DriverStep &step) { return step.killed; });
-    return found == run.steps.end() ? nullptr : &*found;
+/// The step in which the worker was killed, or hangs if it could not be.
+const DriverStep *OverrunStep(const DriverRun &run) {
+    const auto found = std::find_if(run.steps.rbegin(), run.steps.rend(), [&run](const DriverStep &step) {
+        return run.outlivesKill ? !step.end.has_value() : step.killed;
+    });
+    return found == run.steps.rend() ? nullptr : &*found;
 }
 
 /// After a removal that Windows leaves to the next boot, the module does not apply the changes.
@@ -41,12 +43,11 @@ bool IsRemovalLeftToBoot(const DriverRun &run) {
     return false;
 }
 
-/// A removal does not tell that it needs a reboot.
+/// Of some requests nobody is told: all those of a removal, and those that an upgrade's removal of the old driver
+/// loses.
 bool NeedsReboot(const DriverRun &run) {
-    if (run.rebootAsked || run.kind == DriverRun::Kind::Installation)
-        return run.rebootAsked;
-    return IsRemovalLeftToBoot(run) || HasLine(run, "orphan scan needs reboot") ||
-           (run.state && run.state->isLeftToBoot);
+    return run.rebootAsked || run.outlivesKill || IsRemovalLeftToBoot(run) ||
+           HasLine(run, "orphan scan needs reboot") || (run.state && run.state->isLeftToBoot);
 }
 
 /// Of calls whose failure the module ignores.
@@ -100,10 +101,10 @@ double LatestStepTime(const DriverRun &run) {
 
 void SetFailure(const DriverRun &run, DriverOutcome &outcome) {
     if (run.killed) {
-        const DriverStep *const step = KilledStep(run);
+        const DriverStep *const step = OverrunStep(run);
         const double begin = step != nullptr ? step->begin : LatestStepTime(run);
         outcome.step = step != nullptr ? step->name : run.failedStep;
-        outcome.killedAfter = std::max(0.0, *run.killed - begin);
+        (run.outlivesKill ? outcome.notKilledAfter : outcome.killedAfter) = std::max(0.0, *run.killed - begin);
         return;
     }
     outcome.cause = CauseOf(run);
@@ -120,9 +121,12 @@ std::string FailureText(const DriverRun &run, const DriverOutcome &outcome) {
     std::string text = run.isUpgrade ? "upgrade from " + run.from + " to " + run.to + " failed" : "failed";
     if (!outcome.step.empty())
         text += " in " + outcome.step;
+    const std::string where = outcome.step.empty() ? " in a step that leaves no line in the log" : "";
     if (outcome.killedAfter)
-        return text + ", killed after " + SecondsText(*outcome.killedAfter) +
-               (outcome.step.empty() ? " in a step that leaves no line in the log" : "");
+        return text + ", killed after " + SecondsText(*outcome.killedAfter) + where;
+    if (outcome.notKilledAfter)
+        return text + ", given up after " + SecondsText(*outcome.notKilledAfter) + where +
+               "; its thread could not be ended";
     if (outcome.cause)
         return text + " with " + Code(outcome.cause->code) + " (" + outcome.cause->call + ")";
     if (run.isAtWork)
@@ -171,6 +175,13 @@ DriverOutcome OutcomeOf(const DriverRun &run) {
     if (outcome.HasFailed())
         SetFailure(run, outcome);
     return outcome;
+}
+
+void DriverTotals::Count(const DriverRun &run) {
+    const OutcomeKind what = OutcomeOf(run).what;
+    ++(run.kind == DriverRun::Kind::Installation ? installations : removals);
+    failed += what == OutcomeKind::Failed || what == OutcomeKind::Unfinished ? 1 : 0;
+    killed += run.killed && !run.outlivesKill ? 1 : 0;
 }
 
 const char *OutcomeName(DriverOutcome::What what) {

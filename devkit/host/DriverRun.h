@@ -56,11 +56,12 @@ struct DriverRun {
     std::string to{};                 ///< And the version that is to be installed.
     bool isUpgrade = false;           ///< Its event says so.
     bool rebootAsked = false;         ///< The user or the agent was told.
-    std::optional<double> killed{};   ///< When its worker was killed.
+    std::optional<double> killed{};   ///< When its worker was killed, or was to be.
     std::vector<DriverFailure> failures{};  ///< Of the worker.
     std::vector<LoggedLine> log{};          ///< Of all threads that work for it.
     std::string stack{};                    ///< Of a thread that hung; empty without verbose logging.
     std::optional<bool> result{};           ///< What the module's function returned.
     bool isAtWork = false;                  ///< Its thread still ran then.
+    bool outlivesKill = false;              ///< Its worker was to be killed, and still ran then.
     std::optional<DriverState> state{};     ///< Then.
 };

@@ -1,6 +1,7 @@
 #include "DriverRuns.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "DriverOutcome.h"
 #include "DriverTexts.h"
@@ -69,6 +70,26 @@ void NoteKilledStep(DriverRun &run, const std::string &name) {
     run.steps.push_back(std::move(silent));
 }
 
+/// A kill can fail, and takes effect later.
+Simulator::UniqueHandle OpenOverrun(DWORD thread) {
+    return Simulator::UniqueHandle(OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, thread));
+}
+
+bool IsAlive(const Simulator::UniqueHandle &thread) {
+    DWORD code = 0;
+    return thread != nullptr && GetExitCodeThread(thread.get(), &code) != 0 && code == STILL_ACTIVE;
+}
+
+/// What was noted as the end of its worker was none.
+void NoteThatWorkerLives(DriverRun &run) {
+    run.outlivesKill = true;
+    for (DriverStep &step : run.steps) {
+        step.killed = false;
+        if (step.end == run.killed)
+            step.end.reset();
+    }
+}
+
 void NoteFailedStep(DriverRun &run, const std::string &name) {
     DriverStep *const failed = LastStep(run, [&name](const DriverStep &step) { return step.name == name; });
     if (failed != nullptr)
@@ -121,8 +142,10 @@ void AddLine(DriverRun &run, LoggedLine line) {
 }  // namespace
 
 DriverRuns::Id DriverRuns::Add(DriverRun run) {
-    if (m_runs.size() >= kMaxRuns)
+    if (m_runs.size() >= kMaxRuns) {
+        m_forgotten.Count(m_runs.begin()->second);
         m_runs.erase(m_runs.begin());
+    }
     m_runs.emplace(m_next, std::move(run));
     return m_next++;
 }
@@ -155,6 +178,7 @@ void DriverRuns::BeginCall(DriverRun::Kind kind) {
         m_runs.erase(*m_call);
     m_call = Add({.kind = kind, .begin = WallClockSeconds()});
     m_hasBegun = false;
+    m_overrun.reset();
 }
 
 void DriverRuns::EndCall(bool result, std::optional<DriverState> state) {
@@ -168,6 +192,8 @@ void DriverRuns::EndCall(bool result, std::optional<DriverState> state) {
         run->state = std::move(state);
         run->isAtWork = std::any_of(m_owners.begin(), m_owners.end(),
                                     [this](DWORD owner) { return m_threads.at(owner) == *m_call; });
+        if (IsAlive(std::exchange(m_overrun, nullptr)))
+            NoteThatWorkerLives(*run);
         m_call.reset();
         EndRun(*run, WallClockSeconds(), news);
     }
@@ -199,6 +225,7 @@ void DriverRuns::OnThreadBegin(DWORD thread, const char *name) {
         const Lock lock(m_lock, kPatience);
         if (!lock.owns_lock())
             return;
+        m_owners.erase(thread);  // of one with the same number that was ended from outside
         if (isOwner) {
             const auto kind = name == kWatchdog ? DriverRun::Kind::Installation : DriverRun::Kind::Removal;
             const double now = WallClockSeconds();
@@ -267,10 +294,12 @@ void DriverRuns::OnThreadEnd(DWORD thread, bool killed) {
         if (run == nullptr)
             return;
         const double now = WallClockSeconds();
-        if (killed)
-            KillStep(*run, now, news);
         // A script's call ends later, and a run that was given up has ended before.
         const bool isOfCall = m_call && m_threads[thread] == *m_call;
+        if (killed)
+            KillStep(*run, now, news);
+        if (killed && isOfCall)
+            m_overrun = OpenOverrun(thread);
         if (m_owners.erase(thread) != 0 && !isOfCall && !run->end)
             EndRun(*run, now, news);
         m_threads.erase(thread);
@@ -315,6 +344,11 @@ std::vector<DriverRun> DriverRuns::All() const {
         if (id != m_call || m_hasBegun)
             all.push_back(run);
     return all;
+}
+
+DriverTotals DriverRuns::Forgotten() const {
+    const Lock lock(m_lock, kPatience);
+    return lock.owns_lock() ? m_forgotten : DriverTotals();
 }
 
 std::optional<DriverRun> DriverRuns::Current() const {

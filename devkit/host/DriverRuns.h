@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "DriverRun.h"
+#include "DriverOutcome.h"
+#include "UniqueHandle.h"
 #include "thread_log_control.h"
 
 /// An event of a run.
@@ -49,6 +50,8 @@ public:
     void OnRebootNotification();
 
     [[nodiscard]] std::vector<DriverRun> All() const;
+    /// Of those that are no longer kept.
+    [[nodiscard]] DriverTotals Forgotten() const;
     /// The latest run, if it has not ended.
     [[nodiscard]] std::optional<DriverRun> Current() const;
 
@@ -73,8 +76,10 @@ private:
     std::function<void(const DriverNews &)> m_tell;
     std::map<Id, DriverRun> m_runs;
     Id m_next = 0;
-    std::optional<Id> m_call;       ///< The run of the script's call that is under way.
-    bool m_hasBegun = false;        ///< A thread works for that.
-    std::map<DWORD, Id> m_threads;  ///< The runs that threads currently work for.
-    std::set<DWORD> m_owners;       ///< Those of them that end the run.
+    std::optional<Id> m_call;           ///< The run of the script's call that is under way.
+    bool m_hasBegun = false;            ///< A thread works for that.
+    std::map<DWORD, Id> m_threads;      ///< The runs that threads currently work for.
+    std::set<DWORD> m_owners;           ///< Those of them that end the run.
+    Simulator::UniqueHandle m_overrun;  ///< The worker of that call that was to be killed; null: none.
+    DriverTotals m_forgotten;
 };

@@ -143,6 +143,7 @@ void HealthHistory::AddNote(HealthNote::Kind kind, double time, std::string text
     else
         text = Shortened(text, kMaxNoteBytes);
     if (kind == HealthNote::Kind::Error) {
+        ++m_errors;
         const auto end = m_notes.rbegin() + static_cast<std::ptrdiff_t>(std::min(m_notes.size(), kErrorsInTurn));
         const auto same = std::find_if(m_notes.rbegin(), end,
                                        [&](const HealthNote &note) { return note.kind == kind && note.text == text; });
@@ -173,6 +174,11 @@ std::vector<HealthNote> HealthHistory::Notes() const {
 std::size_t HealthHistory::NotesLeftOut() const {
     const std::lock_guard<std::mutex> guard(m_lock);
     return m_notesLeftOut;
+}
+
+std::size_t HealthHistory::Errors() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_errors;
 }
 
 std::vector<HealthRow> ThinOut(const std::vector<HealthRow> &rows, std::size_t limit) {

@@ -38,12 +38,15 @@ public:
     std::vector<HealthNote> Notes() const;
     /// Notes that were dropped because there were too many.
     std::size_t NotesLeftOut() const;
+    /// All errors, repeated ones and those that were dropped included.
+    std::size_t Errors() const;
 
 private:
     mutable std::mutex m_lock;
     std::vector<HealthRow> m_rows;
     std::vector<HealthNote> m_notes;
     std::size_t m_notesLeftOut = 0;
+    std::size_t m_errors = 0;
     std::size_t m_longBytes = 0;  ///< Of long texts.
 };
 

@@ -82,6 +82,8 @@ void SetOutcome(lua_State *L, const DriverOutcome &outcome) {
     }
     if (outcome.killedAfter)
         SetNumber(L, "killed", *outcome.killedAfter);
+    if (outcome.notKilledAfter)
+        SetNumber(L, "not_killed", *outcome.notKilledAfter);
     SetFlag(L, "reboot", outcome.needsReboot);
     SetFlag(L, "callout_left", outcome.isCalloutLeft);
     SetFlag(L, "filter_left", outcome.isFilterLeft);

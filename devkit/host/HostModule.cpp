@@ -114,14 +114,17 @@ int Reboot(lua_State *L) {
     return 0;
 }
 
-/// Lua: host.restart_module(). Does to the module what a restart of the agent does: it is unloaded, and the next
-/// require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of
+/// Lua: host.restart_module(). Does to the module what a restart of the agent does: its threads end, it is unloaded,
+/// and the next require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of
 /// SLB.filter that the script has kept raise an error from then on: see KeptFunctions.h.
 int RestartModule(lua_State *L) {
+    HostState &host = HostOf(L);
     const bool isLoaded = GetModuleHandleW(kRestarted) != nullptr;
+    if (isLoaded)
+        host.system.EndProcess();
     UnloadOrRaise(L);
     if (isLoaded)
-        NoteRestart(HostOf(L), "The module was restarted");
+        NoteRestart(host, "The module was restarted");
     return 0;
 }
 

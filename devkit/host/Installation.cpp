@@ -172,6 +172,10 @@ void Installation::UnlockNetwork() {
     m_network.configuration->Unlock();
 }
 
+void Installation::EndProcess() {
+    m_network.configuration->EndProcess();
+}
+
 void Installation::Lack(const std::string &function) {
     m_setup.Lack(function);
 }

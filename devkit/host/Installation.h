@@ -66,6 +66,8 @@ public:
     void LockNetwork(const std::wstring &holder);
     /// Whoever holds it gives it back.
     void UnlockNetwork();
+    /// The module's process ends, and with it the hold that it has on that lock.
+    void EndProcess();
     /// @param function  see Simulator::SetupLibrary::Lack.
     void Lack(const std::string &function);
 

@@ -82,6 +82,16 @@ std::string NotesAsJson(const std::vector<HealthNote> &notes, double start) {
     return json;
 }
 
+/// Of all runs, also those that the page does not show.
+std::string TotalsAsJson(const ReportedRuns &runs) {
+    DriverTotals totals = runs.forgotten;
+    for (const DriverRun &run : runs.kept)
+        totals.Count(run);
+    return "{\"installations\":" + std::to_string(totals.installations) +
+           ",\"removals\":" + std::to_string(totals.removals) + ",\"failed\":" + std::to_string(totals.failed) +
+           ",\"killed\":" + std::to_string(totals.killed) + "}";
+}
+
 /// Of the first iteration; without one, of the first installation or removal, or else of the first note.
 double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> &runs,
                const std::vector<HealthNote> &notes) {
@@ -92,22 +102,23 @@ double StartOf(const std::vector<HealthRow> &rows, const std::vector<DriverRun> 
     return notes.empty() ? 0 : notes.front().time;
 }
 
-std::string RunAsJson(const HealthHistory &history, const std::vector<DriverRun> &runs, const ReportedScript &script) {
+std::string RunAsJson(const HealthHistory &history, const ReportedRuns &runs, const ReportedScript &script) {
     const std::vector<HealthRow> all = history.Rows();
     const std::vector<HealthRow> rows = ThinOut(all, kMaxRows);
     const std::vector<HealthNote> notes = history.Notes();
-    const double start = StartOf(rows, runs, notes);
+    const double start = StartOf(rows, runs.kept, notes);
     return "{\"script\":" + Quoted(script.name) + ",\n\"error\":" + Quoted(script.error) +
            ",\n\"status\":" + std::to_string(script.status) + ",\n\"start\":" + Number(start) +
            ",\n\"iterations\":" + std::to_string(all.size()) + ",\n" + RowsAsJson(rows, start) + ",\n\"metrics\":[" +
-           MetricsAsJson(rows) + "],\n\"driverRuns\":[" + DriverRunsAsJson(runs, start) +
-           "],\n\"notesLeftOut\":" + std::to_string(history.NotesLeftOut()) + ",\n\"notes\":[" +
+           MetricsAsJson(rows) + "],\n\"driverRuns\":[" + DriverRunsAsJson(runs.kept, start) +
+           "],\n\"driverTotals\":" + TotalsAsJson(runs) + ",\n\"errors\":" + std::to_string(history.Errors()) +
+           ",\n\"notesLeftOut\":" + std::to_string(history.NotesLeftOut()) + ",\n\"notes\":[" +
            NotesAsJson(notes, start) + "]}";
 }
 
 }  // namespace
 
-std::optional<std::string> MakeReportPage(const HealthHistory &history, const std::vector<DriverRun> &runs,
+std::optional<std::string> MakeReportPage(const HealthHistory &history, const ReportedRuns &runs,
                                           const ReportedScript &script, std::string &error) {
     std::string lacking;
     std::string page(Resource(L"REPORT_PAGE", lacking));

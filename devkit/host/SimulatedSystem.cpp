@@ -142,6 +142,12 @@ void SimulatedSystem::KillThreads() {
     m_parts->core->faults.KillHung();
 }
 
+void SimulatedSystem::EndProcess() {
+    KillThreads();
+    if (m_parts != nullptr && m_parts->installation)
+        m_parts->installation->EndProcess();
+}
+
 void SimulatedSystem::Reboot() {
     UseInstallation().Reboot();
     if (m_hasClock)

@@ -54,6 +54,8 @@ public:
     void Reboot();
     /// Kills the threads that hang in a call, and with a stepped clock all but the calling one.
     void KillThreads();
+    /// Does what the system does at the end of the module's process: KillThreads, and what the process held is free.
+    void EndProcess();
     /// The same for its faults, which affect Calls.
     Simulator::Faults &UseFaults();
     /// The calls that a simulated system has, whatever is simulated so far: functions, and methods such as

@@ -33,7 +33,7 @@ std::string NewsLine(const DriverNews &news) {
         case DriverNews::What::StepEnds:
             return line + Indented(news.step, '<') + " after " + took + (news.step.failed ? ", with a failure" : "");
         case DriverNews::What::StepKilled:
-            return line + Indented(news.step, '!') + " is killed after " + took + most;
+            return line + Indented(news.step, '!') + " is given up after " + took + most;
         case DriverNews::What::RunEnds:
             break;
     }

@@ -77,7 +77,8 @@ bool WriteReport(const HostState &host) {
     std::string error;
     const ReportedScript script{ToUtf8(host.options.script), ToUtf8(ToWide(host.scriptError)),
                                 host.scriptStatus != 0 ? host.scriptStatus : ExitStatus()};
-    const std::optional<std::string> page = MakeReportPage(*host.history, host.runs.All(), script, error);
+    const std::optional<std::string> page =
+        MakeReportPage(*host.history, {host.runs.All(), host.runs.Forgotten()}, script, error);
     return Succeeds(page && WriteWholeFile(host.options.reportFile, *page, error), error);
 }
 
@@ -89,8 +90,7 @@ bool CanWriteOutputs(const HostState &host) {
     for (const std::wstring &path : {options.eventsFile, options.reportFile, options.settingsFile})
         if (!path.empty() && !CanWriteFile(path, error))
             return Succeeds(false, error);
-    return host.history == nullptr ||
-           Succeeds(MakeReportPage(*host.history, host.runs.All(), {}, error).has_value(), error);
+    return host.history == nullptr || Succeeds(MakeReportPage(*host.history, {}, {}, error).has_value(), error);
 }
 
 /// Whether all settings were saved to their file.

@@ -181,6 +181,13 @@ void NetworkConfiguration::Unlock() {
     Use([](NetworkState &state) { state.lock.reset(); });
 }
 
+void NetworkConfiguration::EndProcess() {
+    Use([](NetworkState &state) {
+        if (state.lock && state.lock->inThisProcess)
+            state.lock.reset();
+    });
+}
+
 void NetworkConfiguration::Boot() {
     Use([](NetworkState &state) {
         state.lock.reset();

@@ -136,6 +136,8 @@ public:
     void LockFromElsewhere(const std::wstring &description);
     /// Whoever holds the lock gives it back.
     void Unlock();
+    /// What the end of this process does: a lock that it holds is free.
+    void EndProcess();
     /// What a boot does: nobody holds the lock, the ARP cache is empty, and components whose removal waited for it are
     /// gone.
     void Boot();

@@ -93,7 +93,7 @@ function host.check_config(text) end
 ---@return string output with its errors
 function host.run_script(path, ...) end
 
----Unloads the module, as a restart of the agent does; the next `require "fc"` loads it with fresh state.
+---Ends the module's threads and unloads it, as a restart of the agent does; the next `require "fc"` loads it with fresh state.
 function host.restart_module() end
 
 ---@param number integer
@@ -163,6 +163,7 @@ function host.set_verbose_log(wanted) end
 ---@field call? string of a failure
 ---@field code? integer of a failure
 ---@field killed? number seconds in its step after which the worker was killed
+---@field not_killed? number the same for a worker that could not be killed
 ---@field reboot boolean
 ---@field callout_left boolean
 ---@field filter_left boolean

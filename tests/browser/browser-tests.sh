@@ -183,6 +183,20 @@ TheEndOfALogIsShownAndExpandsToTheWhole() {
         shows outcomes '[00] '
 }
 
+ErrorsAndRunsThatThePageLeavesOutAreCounted() {
+    cat >"$WORK/many.lua" <<'LUA'
+require "fc"
+local function remove() SLB.filter.UninstallDriver(host.dom(), "", "") end
+for number = 1, 1000 do host.mark("mark " .. number) end
+host.machine.put_component { id = "qbimvta" }
+host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, fail = 0x80004005 }
+for _ = 1, 102 do remove() end
+LUA
+    report many "$WORK/many.lua" && inspect many 1000 && finds many 'errors: 0' && finds many 'tile: 102 removals' &&
+        finds many 'tile: 1 failed' && finds many 'tile: 2 errors: 1 in the log, 1 failed' &&
+        shows many '2 earlier ones were left out of this page' && shows many 'Removal 102: nothing to do'
+}
+
 TheErrorThatEndedTheScriptIsShown() {
     printf 'error("the script is over", 0)' >"$WORK/dead.lua"
     STATUS=1 report dead "$WORK/dead.lua" && inspect dead 1000 && finds dead 'script error: true' &&
@@ -203,7 +217,8 @@ if [ "$FAILED" -eq 0 ]; then
         TheDarkPageIsDrawnToo TheScreenshotIsNotBlank ARunWithoutIterationsSaysSo ARunOfOneIterationIsDrawn \
         TheStepsOfTheStoryAreDrawn TheStepsAreDrawnInANarrowWindow TheStepsAreDrawnOnADarkPage \
         ARemovalWithoutHealthIterationsIsDrawn EachOutcomeIsInItsTitleAndTheErrorsCountThem \
-        TheEndOfALogIsShownAndExpandsToTheWhole TheErrorThatEndedTheScriptIsShown NoOutcomeOverlapsInANarrowWindow; do
+        TheEndOfALogIsShownAndExpandsToTheWhole TheErrorThatEndedTheScriptIsShown NoOutcomeOverlapsInANarrowWindow \
+        ErrorsAndRunsThatThePageLeavesOutAreCounted; do
         test_case "$name"
     done
 fi

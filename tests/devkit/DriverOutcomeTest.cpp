@@ -4,6 +4,7 @@
 #include "DriverOutcome.h"
 #include "DriverRuns.h"
 #include "DriverTexts.h"
+#include "UniqueHandle.h"
 #include "WallClock.h"
 
 namespace {
@@ -29,6 +30,47 @@ TEST(DriverOutcome, OfACallThatEndsBeforeItsThreadTellsThatItWasGivenUp) {
     const std::optional<double> end = runs.All().at(0).end;
     runs.OnThreadEnd(1, false);
     EXPECT_EQ(runs.All().at(0).end, end);
+}
+
+/// A thread that waits until the object's end.
+class WaitingThread {
+public:
+    WaitingThread() { m_thread.reset(CreateThread(nullptr, 0, &Await, m_end.get(), 0, &m_id)); }
+    ~WaitingThread() {
+        SetEvent(m_end.get());
+        (void)WaitForSingleObject(m_thread.get(), INFINITE);
+    }
+    WaitingThread(const WaitingThread &) = delete;
+    WaitingThread &operator=(const WaitingThread &) = delete;
+    [[nodiscard]] DWORD Id() const { return m_id; }
+
+private:
+    static DWORD WINAPI Await(void *event) { return WaitForSingleObject(event, INFINITE); }
+
+    Simulator::UniqueHandle m_end{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    Simulator::UniqueHandle m_thread;
+    DWORD m_id = 0;
+};
+
+TEST(DriverOutcome, OfAThreadThatSurvivesItsKillIsThatItCouldNotBeEnded) {
+    DriverRuns runs;
+    const WaitingThread thread;
+    runs.BeginCall(DriverRun::Kind::Removal);
+    runs.OnThreadBegin(thread.Id(), "CDriverUninstallerThread");
+    runs.OnThreadLine({thread.Id(), wxLOG_Message, 1, ">Outer. 60s max"});
+    runs.OnThreadLine({thread.Id(), wxLOG_Message, 2, ">Inner. 5s max"});
+    runs.OnThreadEnd(thread.Id(), true);
+    runs.EndCall(false, std::nullopt);
+    const DriverRun run = runs.All().at(0);
+    for (const DriverStep &step : run.steps)
+        EXPECT_FALSE(step.killed || step.end) << step.name;
+    const DriverOutcome outcome = OutcomeOf(run);
+    EXPECT_TRUE(outcome.HasFailed() && outcome.needsReboot && outcome.notKilledAfter && !outcome.killedAfter);
+    EXPECT_EQ(outcome.step, "Inner");
+    DriverTotals totals;
+    totals.Count(run);
+    EXPECT_EQ(totals.killed, 0U);
+    EXPECT_EQ(totals.failed, 1U);
 }
 
 TEST(DriverOutcome, OfAnInstallationThatIsGivenUpAsAWholeHasTheStackOfTheEvent) {
@@ -67,6 +109,9 @@ TEST(DriverOutcome, IsKeptForTheLatestThousandRuns) {
     }
     EXPECT_EQ(runs.All().size(), 1000U);
     EXPECT_EQ(runs.All().back().result, true);
+    EXPECT_EQ(runs.Forgotten().removals, 2U);
+    EXPECT_EQ(runs.Forgotten().failed, 2U) << "which still count";
+    EXPECT_EQ(runs.Forgotten().installations, 0U);
 }
 
 TEST(DriverFailure, IsReadFromTheTextOfItsEvent) {

@@ -1,6 +1,7 @@
 // docs/failures.md: each row of its table is played on the simulated machine, as the page itself tells.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <sstream>
@@ -11,10 +12,25 @@
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
+/// Lines of a log, one below the other. Each text is a part of its line.
+struct LogPassage {
+    std::string text;  ///< As the page has it.
+    bool isAbsent = false;
+    bool isOfAgent = false;  ///< In the agent's log, and not in the event's.
+    bool isAtEnd = false;
+    Lines lines{};
+};
+
+/// What the log shows. All of it has to be there.
+using LogSign = std::vector<LogPassage>;
+
 /// A row of the table, with what is played for it. @see docs/failures.md
 struct FailureRow {
     std::string id;                     ///< "I1" for an installation, "U1" for an upgrade, "R1" for a removal.
     std::set<std::string> reported;     ///< What each play reports is one of these, and each of these is reported.
+    std::vector<LogSign> signs;         ///< Each play shows one of these, and each of these is shown.
     std::string state;                  ///< Driver, callout, lock and bindings, with bars between.
     std::vector<std::string> remedies;  ///< In their order.
     std::vector<std::string> plays;     ///< Lua.
@@ -40,14 +56,42 @@ std::vector<std::string> RowCells(const std::string &line) {
     return Split(line.substr(2, size - 4), " | ");
 }
 
+bool TakePrefix(std::string &text, const std::string &prefix) {
+    const bool isThere = text.starts_with(prefix);
+    if (isThere)
+        text.erase(0, prefix.size());
+    return isThere;
+}
+
+/// The text without the marks of code around it.
+std::string CodeIn(const std::string &text) {
+    EXPECT_TRUE(text.size() > 2 && text.front() == '`' && text.back() == '`') << text;
+    return text.size() > 2 ? text.substr(1, text.size() - 2) : text;
+}
+
+LogPassage ReadPassage(std::string text) {
+    LogPassage passage{.text = text};
+    passage.isOfAgent = TakePrefix(text, "agent's log: ");
+    passage.isAtEnd = TakePrefix(text, "ends with ");
+    passage.isAbsent = TakePrefix(text, "no ");
+    for (const std::string &line : Split(text, " then "))
+        passage.lines.push_back(CodeIn(line));
+    return passage;
+}
+
 FailureRow ReadRow(const std::vector<std::string> &cells) {
     FailureRow row;
     row.id = cells[0];
-    row.state = cells[3] + "|" + cells[4] + "|" + cells[5] + "|" + cells[6];
+    row.state = cells[4] + "|" + cells[5] + "|" + cells[6] + "|" + cells[7];
     for (const std::string &reported : Split(cells[2], " / "))
         row.reported.insert(reported);
-    if (cells[7] != "none needed")
-        row.remedies = Split(cells[7], ", ");
+    for (const std::string &sign : Split(cells[3], " / ")) {
+        row.signs.emplace_back();
+        for (const std::string &passage : Split(sign, " and "))
+            row.signs.back().push_back(ReadPassage(passage));
+    }
+    if (cells[8] != "none needed")
+        row.remedies = Split(cells[8], ", ");
     return row;
 }
 
@@ -58,10 +102,10 @@ std::vector<FailureRow> FailureRows() {
     std::map<std::string, std::vector<std::string>> plays;
     for (std::string line; std::getline(lines, line);) {
         const std::vector<std::string> cells = RowCells(line);
-        if (cells.size() == 8)
+        if (cells.size() == 9)
             rows.push_back(ReadRow(cells));
         else if (cells.size() == 2)
-            plays[cells[0]] = Split(cells[1].substr(1, cells[1].size() - 2), "`; `");
+            plays[cells[0]] = Split(CodeIn(cells[1]), "`; `");
         else
             EXPECT_TRUE(cells.empty()) << line;
     }
@@ -158,9 +202,9 @@ const std::string kState = R"(
         return false
     end
 
-    local function report(result)
+    local function report(result, events)
         local texts = {}
-        for _, event in ipairs(host.events()) do
+        for _, event in ipairs(events) do
             if event.number == 1004 then
                 texts[#texts + 1] = "1004 `" .. event.text:match("^[^|]*") .. "`"
             elseif event.kind == "event" and (event.number == 1006 or event.number == 1007) then
@@ -169,6 +213,36 @@ const std::string kState = R"(
         end
         if KIND == "R" or not result then texts[#texts + 1] = "`" .. tostring(result) .. "`" end
         return table.concat(texts, ", ")
+    end
+
+    -- The worker's log in event 1004 or 1007. A removal has no such event: its worker's log is in the agent's.
+    local function log_of_event(events)
+        for _, event in ipairs(events) do
+            if event.number == 1004 then return event.text:match("^[^|]*|(.*)$") end
+            if event.number == 1007 then return event.text:match("^[^|]*|[^|]*|(.*)$") end
+        end
+        return ""
+    end
+
+    local function log_of_agent()
+        local texts = {}
+        for _, line in ipairs(host.log()) do texts[#texts + 1] = line.text end
+        return table.concat(texts, "\n")
+    end
+
+    local function tell(name, text)
+        for line in text:gmatch("[^\r\n]+") do print(name .. "|" .. line) end
+    end
+
+    local function play()
+        host.events()
+        host.log()
+        local result = act()
+        local events, runs = host.events(), host.installations()
+        tell("reported", report(result, events))
+        tell("reboot", tostring(runs[#runs].reboot))
+        tell("agent", log_of_agent())
+        if KIND ~= "R" then tell("event", log_of_event(events)) end
     end
 
     local function driver_state()
@@ -226,10 +300,7 @@ const std::string kRemedies = R"(
             act_again()
             host.set_setting("vtp.filter.ForceDriverInstall", false)
         end,
-        ["restart the agent"] = function()
-            host.restart_module()
-            if machine.inventory().lock == AGENT then machine.unlock_network() end -- the process held it
-        end,
+        ["restart the agent"] = host.restart_module,
         ["reboot"] = reboot,
         ["start the callout"] = function() assert(SLB.filter.StartWFPDriver(true)) end,
         ["unbind again"] = function()
@@ -261,50 +332,138 @@ std::string QuotedList(const std::vector<std::string> &texts) {
     return list;
 }
 
-/// Plays it, then the remedies. @return two lines: what was reported with the state afterwards, and the complaint.
-std::vector<std::string> Play(char kind, const std::string &play, const std::vector<std::string> &remedies) {
+/// What a play and the remedies have told.
+struct Played {
+    std::map<std::string, Lines> told;
+
+    /// The only line of that name.
+    [[nodiscard]] std::string The(const std::string &name) const {
+        const auto found = told.find(name);
+        return found == told.end() || found->second.size() != 1 ? "not told" : found->second[0];
+    }
+    [[nodiscard]] Lines LogOf(const std::string &name) const {
+        const auto found = told.find(name);
+        return found == told.end() ? Lines() : found->second;
+    }
+    [[nodiscard]] std::string Text() const {
+        std::string text;
+        for (const auto &[name, lines] : told)
+            for (const std::string &line : lines)
+                text.append(name).append("|").append(line).append("\n");
+        return text;
+    }
+};
+
+/// Plays it, then the remedies.
+Played Play(char kind, const std::string &play, const std::vector<std::string> &remedies) {
     std::string machine = kMachine;
     machine.replace(machine.find("..."), 3, std::string("\"") + kind + "\"");
     const HostRun run = RunPassingScript(kScriptHelpers + machine + kState + kRemedies + R"(
         ready()
-        host.events()
         )" + play + R"(
-        host.events()
-        print(report(act()) .. "|" .. state())
+        play()
+        tell("state", state())
         remove_cause()
         for _, remedy in ipairs { )" + QuotedList(remedies) +
                                              R"( } do remedies[remedy]() end
-        print(complaint())
+        tell("complaint", complaint())
     )",
                                          {L"--quiet", L"--clock", L"steps"});
     std::string out = run.out;
     std::erase(out, '\r');
-    std::vector<std::string> lines = Split(out, "\n");
-    lines.resize(2);
-    return lines;
+    Played played;
+    for (const std::string &line : Split(out, "\n"))
+        if (const std::size_t bar = line.find('|'); bar != line.npos)
+            played.told[line.substr(0, bar)].push_back(line.substr(bar + 1));
+    return played;
 }
 
-void PlayRow(const FailureRow &row) {
+bool HasAt(const Lines &log, std::size_t place, const Lines &parts) {
+    for (std::size_t i = 0; i < parts.size(); ++i)
+        if (log[place + i].find(parts[i]) == std::string::npos)
+            return false;
+    return true;
+}
+
+bool Has(const Lines &log, const LogPassage &passage) {
+    if (log.size() < passage.lines.size())
+        return false;
+    const std::size_t last = log.size() - passage.lines.size();
+    for (std::size_t place = passage.isAtEnd ? last : 0; place <= last; ++place)
+        if (HasAt(log, place, passage.lines))
+            return true;
+    return false;
+}
+
+bool Shows(const Played &played, const LogSign &sign) {
+    const bool hasEvent = played.told.contains("event");
+    for (const LogPassage &passage : sign) {
+        const Lines log = played.LogOf(passage.isOfAgent || !hasEvent ? "agent" : "event");
+        if (Has(log, passage) == passage.isAbsent)
+            return false;
+    }
+    return true;
+}
+
+bool IsOfAgent(const LogSign &sign) {
+    return sign[0].isOfAgent;
+}
+
+/// The rows that a reader of the page finds: those that fit in the agent's log, or else those that fit in the event's.
+std::vector<const FailureRow *> RowsThatFit(const std::vector<FailureRow> &rows, char kind, const Played &played) {
+    std::vector<const FailureRow *> ofAgent;
+    std::vector<const FailureRow *> ofEvent;
+    for (const FailureRow &row : rows) {
+        if (row.id[0] != kind || !row.reported.contains(played.The("reported")))
+            continue;
+        for (const LogSign &sign : row.signs)
+            if (Shows(played, sign))
+                (IsOfAgent(sign) ? ofAgent : ofEvent).push_back(&row);
+    }
+    return ofAgent.empty() ? ofEvent : ofAgent;
+}
+
+/// Whoever looks up what was reported finds the row, and none that says something else.
+void ExpectToBeFound(const FailureRow &row, const std::vector<FailureRow> &rows, const Played &played) {
+    bool isFound = false;
+    for (const FailureRow *fitting : RowsThatFit(rows, row.id[0], played)) {
+        isFound = isFound || fitting == &row;
+        EXPECT_EQ(fitting->state, row.state) << "row " << fitting->id << " fits, too\n" << played.Text();
+        EXPECT_EQ(fitting->remedies, row.remedies) << "row " << fitting->id << " fits, too\n" << played.Text();
+    }
+    EXPECT_TRUE(isFound) << "the row does not fit\n" << played.Text();
+}
+
+void PlayRow(const FailureRow &row, const std::vector<FailureRow> &rows) {
     SCOPED_TRACE("row " + row.id);
     EXPECT_FALSE(row.plays.empty());
     std::set<std::string> reported;
+    std::set<const LogSign *> shown;
     for (const std::string &play : row.plays) {
         SCOPED_TRACE(play);
-        const std::vector<std::string> lines = Play(row.id[0], play, row.remedies);
-        const std::size_t bar = lines[0].find('|');
-        reported.insert(lines[0].substr(0, bar));
-        EXPECT_EQ(lines[0].substr(bar + 1), row.state);
-        EXPECT_EQ(lines[1], "well") << "the remedy does not help";
+        const Played played = Play(row.id[0], play, row.remedies);
+        reported.insert(played.The("reported"));
+        EXPECT_EQ(played.The("state"), row.state);
+        EXPECT_EQ(played.The("complaint"), "well") << "the remedy does not help";
+        const bool hasReboot = std::find(row.remedies.begin(), row.remedies.end(), "reboot") != row.remedies.end();
+        EXPECT_TRUE(hasReboot || played.The("reboot") == "false") << "host.installations() asks for a reboot";
+        ExpectToBeFound(row, rows, played);
+        for (const LogSign &sign : row.signs)
+            if (Shows(played, sign))
+                shown.insert(&sign);
     }
     EXPECT_EQ(reported, row.reported);
+    for (const LogSign &sign : row.signs)
+        EXPECT_TRUE(shown.contains(&sign)) << "no log shows: " << sign[0].text;
 }
 
 /// @return how many there were.
 std::size_t PlayRowsOf(char kind) {
     std::size_t count = 0;
-    for (const FailureRow &row : FailureRows()) {
+    const std::vector<FailureRow> rows = FailureRows();
+    for (const FailureRow &row : rows) {
         if (row.id[0] == kind) {
-            PlayRow(row);
+            PlayRow(row, rows);
             ++count;
         }
     }
@@ -327,12 +486,12 @@ TEST(FailureDocument, TellsTheStateAndTheRemedyAfterARemoval) {
 
 TEST(FailureDocument, RightlySaysThatAnotherInstallationIsNotEnoughAfterAFailedApply) {
     const std::string play = "host.fault { call = \"INetCfg::Apply\", fail = 0x80004005 }";
-    EXPECT_EQ(Play('I', play, {"install again"})[1], "nothing was done");
-    EXPECT_EQ(Play('U', play, {"install again", "unbind again"})[1], "nothing was done");
+    EXPECT_EQ(Play('I', play, {"install again"}).The("complaint"), "nothing was done");
+    EXPECT_EQ(Play('U', play, {"install again", "unbind again"}).The("complaint"), "nothing was done");
 }
 
 TEST(FailureDocument, RightlySaysThatAnotherAttemptIsNotEnoughWhileAKilledWorkerHoldsTheLock) {
     const std::string play = "host.fault { call = \"INetCfgClassSetup::DeInstall\", hang = true }";
-    EXPECT_EQ(Play('U', play, {"install again"})[1], "old|gone|agent|kept");
-    EXPECT_EQ(Play('R', play, {"remove again"})[1], "runs|gone|agent|kept");
+    EXPECT_EQ(Play('U', play, {"install again"}).The("complaint"), "old|gone|agent|kept");
+    EXPECT_EQ(Play('R', play, {"remove again"}).The("complaint"), "runs|gone|agent|kept");
 }

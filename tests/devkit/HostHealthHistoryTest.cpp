@@ -152,6 +152,20 @@ TEST(HealthHistory, KeepsAThousandNotesAndCountsTheRest) {
     EXPECT_EQ(history.NotesLeftOut(), 3U);
 }
 
+TEST(HealthHistory, CountsErrorsThatAreRepeatedOrLeftOut) {
+    HealthHistory history;
+    for (int i = 0; i < 1000; ++i)
+        history.AddNote(HealthNote::Kind::Mark, i, "mark");
+    EXPECT_EQ(history.Errors(), 0U);
+    for (int i = 0; i < 3; ++i)
+        history.AddNote(HealthNote::Kind::Error, i, "error " + std::to_string(i));
+    EXPECT_EQ(history.Errors(), 3U);
+    HealthHistory repeated;
+    for (int i = 0; i < 5; ++i)
+        repeated.AddNote(HealthNote::Kind::Error, i, "the same");
+    EXPECT_EQ(repeated.Errors(), 5U);
+}
+
 TEST(ThinOut, KeepsAFewRowsUnchanged) {
     EXPECT_EQ(ThinOut(Rows(1000), 1000).size(), 1000U);
     EXPECT_TRUE(ThinOut({}, 100).empty());
@@ -265,10 +279,31 @@ TEST(ReportPage, HasTheLatestHundredInstallationsAndNoEndForUnfinishedSteps) {
         runs[i].begin = 1.7e9 + static_cast<double>(i);
     runs.back().steps.push_back({.name = "<Step>", .begin = 1.7e9 + 100});
     std::string error;
-    const std::optional<std::string> page = MakeReportPage(HealthHistory(), runs, {.name = "script.lua"}, error);
+    const std::optional<std::string> page = MakeReportPage(HealthHistory(), {runs}, {.name = "script.lua"}, error);
     ASSERT_TRUE(page) << error;
     EXPECT_EQ(page->find(R"("installation","begin":0,)"), std::string::npos);
     EXPECT_NE(page->find(R"("installation","begin":1,"end":null,)"), std::string::npos);
     EXPECT_NE(page->find(R"("name":"\u003cStep\u003e","depth":0,"limit":0,"begin":100,"end":null,)"),
+              std::string::npos);
+}
+
+TEST(ReportPage, CountsAlsoTheErrorsAndTheFailedRunsThatItLeavesOut) {
+    HealthHistory history;
+    for (int i = 0; i < 1000; ++i)
+        history.AddNote(HealthNote::Kind::Mark, i, "mark");
+    for (int i = 0; i < 7; ++i)
+        history.AddNote(HealthNote::Kind::Error, i, "error " + std::to_string(i));
+    ReportedRuns runs{.kept = std::vector<DriverRun>(102), .forgotten = {.installations = 5, .failed = 4, .killed = 3}};
+    for (DriverRun &run : runs.kept) {
+        run.kind = DriverRun::Kind::Removal;
+        run.end = 1;
+        run.result = true;
+    }
+    runs.kept.front().result = false;  // beyond the hundred that the page shows
+    std::string error;
+    const std::optional<std::string> page = MakeReportPage(history, runs, {.name = "script.lua"}, error);
+    ASSERT_TRUE(page) << error;
+    EXPECT_NE(page->find("\"errors\":7,"), std::string::npos);
+    EXPECT_NE(page->find(R"("driverTotals":{"installations":5,"removals":102,"failed":5,"killed":3})"),
               std::string::npos);
 }

@@ -133,6 +133,37 @@ TEST(HostInstallations, TellThatARebootIsNeeded) {
     )");
 }
 
+// The module forgets the request when it removes the INF files, and tells nobody.
+TEST(HostInstallations, TellThatARebootIsNeededWhereAnUpgradeHasLostTheRequestOfTheRemoval) {
+    (void)RunInstallScript(kInstalled + R"(
+        assert(remove())
+        machine.put_component { id = "qbimvta", result = "reboot", stays = true }
+        host.driver.present, host.driver.version = true, "2.0.0.0"
+        ship "2.1.0.0"
+        local events, reboots = install()
+        assert(events[1007] and not events[1006] and reboots == 0)
+        is_like { outcome = "upgraded", reboot = true, text = "upgraded from 2.0.0.0 to 2.1.0.0; a reboot is needed" }
+        machine.reboot()
+        assert(#machine.inventory().components == 1, "the boot removes the filter")
+    )");
+}
+
+TEST(HostInstallations, DoNotSayOfAThreadThatCouldNotBeKilledThatItWas) {
+    (void)RunInstallScript(kInstalled + R"(
+        host.fault { call = "TerminateThread", fail = 5 }
+        host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = 601 }
+        assert(remove() == false)
+        local found = is_like { outcome = "failed", step = "UninstallingDriver", killed = NONE, reboot = true }
+        assert(found.not_killed >= 600, found.not_killed)
+        assert(found.text:find("^failed in UninstallingDriver, given up after %d+%.%d s; its thread could not be ended; a reboot "))
+        for _, step in ipairs(found.steps) do
+            assert(not step.killed, step.name)
+            assert((step.seconds == nil) == (step.name == "UninstallingDriver"), step.name)
+        end
+        host.clear_faults() -- the thread goes on
+    )");
+}
+
 TEST(HostInstallations, TellThatTheDriverIsInstalledOnlyAfterAReboot) {
     (void)RunInstallScript(R"(
         ready "2.0.0.0"

@@ -155,6 +155,30 @@ TEST(HostReboot, EndsWhatTheModuleHasUnderWay) {
     )");
 }
 
+TEST(HostModule, ARestartEndsWhatTheModuleHasUnderWayAndFreesItsLock) {
+    (void)RunRebootScript(R"(
+        machine.put_component { id = "qbimvta" }
+        host.fault { call = "TerminateThread", fail = 5 }
+        host.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true }
+        assert(not remove() and machine.inventory().lock)
+        host.restart_module() -- while the worker still hangs
+        assert(not machine.inventory().lock)
+        host.clear_faults()
+        host.sleep(10)
+        assert(#machine.inventory().components == 1)
+        assert(remove() and #machine.inventory().components == 0)
+    )");
+}
+
+TEST(HostModule, ARestartLeavesTheLockOfAnotherProgram) {
+    (void)RunRebootScript(R"(
+        require "fc"
+        machine.lock_network("Another installer")
+        host.restart_module()
+        assert(machine.inventory().lock == "Another installer")
+    )");
+}
+
 TEST(HostReboot, LoadsTheDriverThatWasInstalledAndNotTheOneThatCouldBe) {
     (void)RunRebootScript(R"(
         ready "2.0.0.0"

@@ -156,7 +156,7 @@ TEST(StepNews, HasALineForEach) {
     EXPECT_EQ(NewsLine({News::StepBegins, removal, 7, 7, step}), "step      >FindingComponent, 15 s at most");
     EXPECT_EQ(NewsLine({News::StepEnds, removal, 8.5, 7, step}), "step      <FindingComponent after 1.5 s");
     EXPECT_EQ(NewsLine({News::StepKilled, removal, 23, 7, step}),
-              "step      !FindingComponent is killed after 16.0 s of 15 s");
+              "step      !FindingComponent is given up after 16.0 s of 15 s");
     EXPECT_EQ(NewsLine({News::RunEnds, removal, 23, 5, {}}), "step    removal ends after 18.0 s");
     EXPECT_EQ(NewsLine({News::RunEnds, removal, 23, 5, {}, "removed"}), "step    removal ends after 18.0 s: removed");
 }
@@ -179,7 +179,7 @@ TEST(HostProgram, ShowsTheStepsOfAHangingRemovalWhileItRuns) {
     std::size_t at = 0;
     for (const std::string &line :
          std::vector<std::string>{"step    removal begins\n", "step     >UninstallingDriver, 600 s at most\n",
-                                  "step     !UninstallingDriver is killed after ", "step    removal ends after ",
+                                  "step     !UninstallingDriver is given up after ", "step    removal ends after ",
                                   "the call has returned\n"}) {
         at = run.err.find(line, at);
         ASSERT_NE(at, std::string::npos) << line << "is missing in\n" << run.err;

@@ -335,10 +335,10 @@ function healthTiles(run) {
   ];
 }
 
-// All that went wrong: in the log, of the drivers, and in the script.
+// All that went wrong: in the log, of the drivers, and in the script; also what the page does not list.
 function errorTile(run) {
-  const logged = run.notes.filter(note => note.kind === 'error').reduce((sum, note) => sum + note.count, 0);
-  const failed = run.driverRuns.filter(hasFailed).length;
+  const logged = run.errors;
+  const { failed } = run.driverTotals;
   const ofScript = run.error ? 1 : 0;
   const parts = [logged ? logged + ' in the log' : '', failed ? failed + ' failed' : '', ofScript ? 'the script' : ''];
   const errors = logged + failed + ofScript;

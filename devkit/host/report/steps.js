@@ -7,7 +7,6 @@ const SHORTEST = 5; // seconds that a chart shows
 
 const stepClass = step => (step.killed ? 'step step-killed' : step.failed ? 'step step-failed' :
   step.end === null ? 'step step-open' : 'step');
-const killedStep = driverRun => driverRun.steps.find(step => step.killed);
 const took = step => formatSeconds(step.end - step.begin);
 
 function formatSeconds(seconds) {
@@ -18,11 +17,9 @@ function formatSeconds(seconds) {
 const hasFailed = driverRun => driverRun.outcome === 'failed' || driverRun.outcome === 'unfinished';
 
 function driverTiles(run) {
-  const of = kind => run.driverRuns.filter(driverRun => driverRun.kind === kind).length;
-  const failed = run.driverRuns.filter(hasFailed).length;
-  const killed = run.driverRuns.filter(killedStep).length;
-  return [[of('installation'), of('installation') === 1 ? 'installation' : 'installations'],
-    [of('removal'), of('removal') === 1 ? 'removal' : 'removals'],
+  const { installations, removals, failed, killed } = run.driverTotals;
+  return [[installations, installations === 1 ? 'installation' : 'installations'],
+    [removals, removals === 1 ? 'removal' : 'removals'],
     [failed, 'failed', failed > 0],
     [killed, killed === 1 ? 'step killed' : 'steps killed', killed > 0]];
 }
@@ -103,9 +100,20 @@ function fillLog(parent, driverRun) {
     excerpt(frames, frames.slice(0, EXCERPT_LINES), 'The whole stack'));
 }
 
+// How many of each kind came before those that the page shows.
+function leftOut(run) {
+  const shown = kind => run.driverRuns.filter(driverRun => driverRun.kind === kind).length;
+  return { installation: run.driverTotals.installations - shown('installation'),
+    removal: run.driverTotals.removals - shown('removal') };
+}
+
 function makeDriverCharts(run) {
   const charts = [];
-  const numbers = { installation: 0, removal: 0 };
+  const numbers = leftOut(run);
+  const count = numbers.installation + numbers.removal;
+  if (count)
+    byId('drivers').append(make('p', 'more',
+      `${plural(count, 'earlier one was', 'earlier ones were')} left out of this page`));
   for (const driverRun of run.driverRuns) {
     const kind = driverRun.kind === 'installation' ? 'Installation' : 'Removal';
     const rows = stepRows(driverRun);
