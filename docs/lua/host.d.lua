@@ -93,7 +93,8 @@ function host.check_config(text) end
 ---@return string output with its errors
 function host.run_script(path, ...) end
 
----Ends the module's threads and unloads it, as a restart of the agent does; the next `require "fc"` loads it with fresh state.
+---Ends the module's threads and unloads it, as a restart of the agent does; the next `require "fc"` loads it with fresh
+---state.
 function host.restart_module() end
 
 ---@param number integer

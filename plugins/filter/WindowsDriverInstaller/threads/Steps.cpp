@@ -51,7 +51,7 @@ static_assert(AreStepsInOrderOfIds(), "an id is the place in the table");
 
 constexpr Step kUnknownStep{NoStep, L"<UnknownStep>", kNeverBegun};
 
-const Step &StepWithId(std::uint32_t id) {
+Step StepWithId(std::uint32_t id) {
     return id < kSteps.size() ? kSteps[id] : kUnknownStep;
 }
 
