@@ -39,9 +39,10 @@ protected:
 
     /// Makes a record of an agent object, without any storage of the binder behind it, a global.
     template <class Resolve>
-    void PutRecord(const char *name, Resolve resolve) {
-        new (lua_newuserdata(lua, sizeof(SLB3::SlbInstance))) SLB3::SlbInstance{0, "SLB.Dom", resolve, nullptr};
+    const SLB3::SlbInstance *PutRecord(const char *name, Resolve resolve) {
+        void *const block = lua_newuserdata(lua, sizeof(SLB3::SlbInstance));
         lua_setglobal(lua, name);
+        return new (block) SLB3::SlbInstance{0, "SLB.Dom", resolve, nullptr};
     }
 
     wxMemoryOutputStream memory;
@@ -111,16 +112,20 @@ TEST_F(DiagnosticArguments, ConstAndForgottenObjectsAreRejected) {
 }
 
 TEST_F(DiagnosticArguments, ARecordWithoutStorageOfTheBinderIsAnAgentObject) {
-    static void *object = nullptr;
-    object = &dom;
-    PutRecord("bare", [](const SLB3::SlbInstanceView *) { return object; });
+    static SLB3::SlbInstanceView seen;
+    const SLB3::SlbInstance *const record = PutRecord("bare", [](const SLB3::SlbInstanceView *view) -> void * {
+        seen = *view;
+        return &seen;
+    });
     EXPECT_EQ(ErrorWith("bare"), kHandleExpected);
+    EXPECT_EQ(seen.instance, record);
+    EXPECT_EQ(seen.payload, record + 1) << "where storage would begin";
 }
 
 TEST_F(DiagnosticArguments, WhatTheBinderLeavesOnTheStackIsNoArgument) {
     static lua_State *state = nullptr;
     state = lua;
-    PutRecord("untidy", [](const SLB3::SlbInstanceView *) -> void * {
+    (void)PutRecord("untidy", [](const SLB3::SlbInstanceView *) -> void * {
         lua_getglobal(state, "handle");
         return state;
     });

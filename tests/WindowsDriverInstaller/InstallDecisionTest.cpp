@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "InstallMachine.h"
+#include "WindowsFunctions.h"
 
 namespace {
 
@@ -73,6 +74,16 @@ TEST_F(InstallDecision, RemovesTheHealthCheckFilesEvenInALoadTest) {
     (void)Install();
     EXPECT_FALSE(exists(system / L"qbimvtaHC.dat"));
     EXPECT_FALSE(exists(system / L"qbimwfpHC.dat"));
+}
+
+TEST_F(InstallDecision, KeepsTheHealthCheckFilesOfASystemFolderWhoseNameIsTooLong) {
+    dom.Set("vta.mode.loadtest", true);
+    const std::filesystem::path file = simulation().GetFolders().System32() / L"qbimvtaHC.dat";
+    std::ofstream(file) << "health";
+    simulation().Functions().Put<Simulator::System::GetSystemDirectoryW>(
+        [](const auto &, wchar_t *, UINT size) -> UINT { return size + 1; });
+    EXPECT_TRUE(Install().result);
+    EXPECT_TRUE(exists(file));
 }
 
 TEST_F(InstallDecision, DoesNothingWithoutOurCopyEvenIfForced) {

@@ -99,6 +99,12 @@ TEST_F(InstallSteps, NameTheFirstStepThatFailedAndNotALaterOne) {
     EXPECT_EQ(FailedStep(outcome), "InstallingDriver");
 }
 
+TEST_F(InstallSteps, DoNotNameTheInstallationWhenALaterAttemptSucceeds) {
+    SetResults({E_FAIL});
+    faults().FailEvery("INetCfg::Apply", static_cast<DWORD>(E_UNEXPECTED));
+    EXPECT_EQ(FailedStep(Install()), "ApplyingInetCfgChanges");
+}
+
 TEST_F(InstallSteps, IgnoreAFailureToReleaseTheConfiguration) {
     const FaultPlan plan = faults().FailNth("INetCfgLock::ReleaseWriteLock", 3, static_cast<DWORD>(E_FAIL));
     const InstallOutcome outcome = Install();

@@ -1,6 +1,7 @@
 // The installation of the drivers through SLB.filter, on simulated machines.
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -104,6 +105,94 @@ TEST_F(DriverInstallation, AsksAdaptersFor64BitCountersFromVersion51On) {
                               }),
                   longer);
     }
+}
+
+constexpr wchar_t kVersionPath[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
+constexpr wchar_t kNdisPath[] = L"System\\CurrentControlSet\\Services\\NDIS\\Parameters";
+constexpr wchar_t kFairSharePath[] = L"System\\CurrentControlSet\\Services\\TSFairShare\\NetFS";
+constexpr wchar_t kBindMode[] = L"FilterBindLogicMode";
+constexpr wchar_t kFairShare[] = L"EnableFairShare";
+
+/// Installs whatever is installed. The first key has no values, the second has a 1.
+class InstallWorkaround : public DriverInstallation {
+protected:
+    using Number = std::optional<DWORD>;
+
+    InstallWorkaround() {
+        dom.Set("vtp.filter.ForceDriverInstall", true);
+        SetVersion(10, 0, 17763);
+        PutKeys();
+    }
+    void SetVersion(DWORD major, DWORD minor, DWORD build) {
+        simulation().GetMachine().osMajor = major;
+        simulation().GetMachine().osMinor = minor;
+        simulation().GetMachine().osBuild = build;
+    }
+    void PutKeys() {
+        registry().Remove(HKEY_LOCAL_MACHINE, kNdisPath);
+        registry().PutKey(HKEY_LOCAL_MACHINE, kNdisPath);
+        registry().PutDword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShare, 1);
+    }
+    /// @param fair  whether the fair share is turned off, which needs a reboot.
+    void ExpectAfterInstall(Number bindMode, bool fair) {
+        EXPECT_EQ(Install().AskedForReboot(), fair);
+        EXPECT_EQ(registry().Dword(HKEY_LOCAL_MACHINE, kNdisPath, kBindMode), bindMode);
+        EXPECT_EQ(registry().Dword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShare), Number(fair ? 0 : 1));
+    }
+    Simulator::RegistrySandbox &registry() { return simulation().GetRegistry(); }
+};
+
+TEST_F(InstallWorkaround, DependsOnTheVersion) {
+    struct Row {
+        DWORD major, minor, build;
+        bool bind, fair;
+    };
+    for (const Row &row : {Row{11, 0, 0, true, false}, Row{10, 0, 16298, false, false}, Row{10, 0, 16299, true, false},
+                           Row{10, 1, 0, true, false}, Row{10, 0, 17763, true, true}, Row{10, 0, 20348, true, false},
+                           Row{9, 9, 20000, false, false}}) {
+        SCOPED_TRACE(std::to_string(row.major) + "." + std::to_string(row.minor) + "." + std::to_string(row.build));
+        SetVersion(row.major, row.minor, row.build);
+        PutKeys();
+        ExpectAfterInstall(row.bind ? Number(1) : Number(), row.fair);
+    }
+}
+
+TEST_F(InstallWorkaround, ReadsTheVersionFromTheRegistryOnVersion62) {
+    SetVersion(6, 2, 9200);
+    ExpectAfterInstall(Number(), false);
+    registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentVersion", L"10.0");
+    ExpectAfterInstall(Number(), false);
+    registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentBuildNumber", L"17763");
+    ExpectAfterInstall(1, true);
+    PutKeys();
+    registry().PutText(HKEY_LOCAL_MACHINE, kVersionPath, L"CurrentVersion", L"10");
+    ExpectAfterInstall(Number(), false);
+}
+
+TEST_F(InstallWorkaround, KeepsABindModeThatIsSetOrCannotBeRead) {
+    SetVersion(10, 0, 16299);
+    for (const DWORD mode : {0UL, 1UL, 2UL}) {
+        registry().PutDword(HKEY_LOCAL_MACHINE, kNdisPath, kBindMode, mode);
+        ExpectAfterInstall(mode == 0 ? 1 : mode, false);
+    }
+    PutKeys();
+    registry().PutText(HKEY_LOCAL_MACHINE, kNdisPath, kBindMode, L"x");
+    (void)Install();
+    EXPECT_EQ(registry().Text(HKEY_LOCAL_MACHINE, kNdisPath, kBindMode), L"x");
+    registry().Remove(HKEY_LOCAL_MACHINE, kNdisPath);
+    (void)Install();
+    EXPECT_FALSE(registry().HasKey(HKEY_LOCAL_MACHINE, kNdisPath));
+}
+
+TEST_F(InstallWorkaround, KeepsAFairShareThatIsAbsentOrOff) {
+    registry().PutDword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShare, 0);
+    EXPECT_FALSE(Install().AskedForReboot());
+    registry().Remove(HKEY_LOCAL_MACHINE, kFairSharePath);
+    EXPECT_FALSE(Install().AskedForReboot());
+    EXPECT_FALSE(registry().HasKey(HKEY_LOCAL_MACHINE, kFairSharePath));
+    registry().PutKey(HKEY_LOCAL_MACHINE, kFairSharePath);
+    EXPECT_FALSE(Install().AskedForReboot());
+    EXPECT_EQ(registry().Dword(HKEY_LOCAL_MACHINE, kFairSharePath, kFairShare), Number());
 }
 
 TEST_F(DriverInstallation, KeepsTheBindingsOverAnUpgrade) {

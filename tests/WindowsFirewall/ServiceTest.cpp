@@ -269,6 +269,30 @@ TEST_F(FirewallService, IsClosedBeforeItsFailureToStopIsLogged) {
     EXPECT_EQ(saidBefore, kServiceOn + kRestored + Lines{kStopping});
 }
 
+TEST_F(FirewallService, IsClosedBeforeAnyFailedCallOfItsStopIsLogged) {
+    const struct {
+        const char *function;
+        unsigned nth;
+        const char *line;
+    } failures[] = {
+        {"OpenServiceW", 2, "Error opening 'SharedAccess' service: 0x000005"},
+        {"QueryServiceStatus", 3, "Error querying 'SharedAccess' service: 0x000005"},
+        {"ControlService", 1, "Error stopping 'SharedAccess' service: 0x000005"},
+        {"QueryServiceStatus", 4, "Error querying 'SharedAccess' service: 0x000005"},
+    };
+    simulation().Functions().Put<Simulator::System::CloseServiceHandle>([](const auto &next, SC_HANDLE handle) {
+        (void)TakeTracedLines();
+        return next(handle);
+    });
+    for (const auto &failure : failures) {
+        PutFlag(MaskFlag(1));
+        PutService({.status = kStopped});
+        (void)faults().FailNth(failure.function, failure.nth, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(TurnOn(), Lines{failure.line}) << failure.function << " " << failure.nth;
+        faults().Clear();
+    }
+}
+
 TEST_F(FirewallService, IsClosedAfterItsFailureToBeQueriedIsLogged) {
     PutService({.status = kStopped});
     Lines saidBefore;
