@@ -271,6 +271,11 @@ const std::string kCalls = R"lua(
         remove()
         real.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = 601 }
         remove()
+        machine.unlock_network()
+        real.fault { call = "TerminateThread", fail = 5 }
+        real.fault { call = "INetCfgClassSetup::DeInstall", nth = 1, hang = true, advance = 601 }
+        remove()
+        real.clear_faults() -- the thread that could not be ended goes on
         real.installations()
         machine.inventory()
         machine.adapters()
