@@ -114,12 +114,12 @@ protected:
         const InsideSimulator inside;
         if (m_core->journal.Wants(name))
             m_core->journal.Add(name, ArgumentText(arguments...));
-        const Verdict verdict = m_core->Enter(name, true);
+        const PlannedFailure failure = m_core->Enter(name, true);
         SetLastError(lastError);
         if (m_core->ended)
             return RPC_E_DISCONNECTED;
-        if (verdict.fails)
-            return static_cast<HRESULT>(verdict.code);
+        if (failure.fails)
+            return static_cast<HRESULT>(failure.code);
         return body();
     }
 

@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,7 +22,7 @@
 #include "FailureValues.h"
 #include "Faults.h"
 #include "Journal.h"
-#include "Lock.h"
+#include "Layers.h"
 
 namespace Simulator {
 
@@ -33,6 +32,12 @@ inline constexpr char kCRuntime[] = "ucrtbase.dll";
 inline constexpr char kCRuntime[] = "msvcrt.dll";
 #endif
 
+/// What the plans have for a call.
+struct PlannedFailure {
+    bool fails = false;
+    DWORD code = ERROR_SUCCESS;
+};
+
 /// What all calls share. Threads that are inside a call keep it alive.
 struct Core {
     Journal journal;
@@ -41,13 +46,10 @@ struct Core {
     std::atomic<bool> ended{false};
 
     /// Counts the call, hangs and delays it as planned. @return whether it should fail, and with what.
-    Verdict Enter(const std::string &function, bool canFail);
+    PlannedFailure Enter(const char *function, bool canFail);
     /// Releases all that hang or wait; from now on calls reach the real functions.
     void End();
 };
-
-/// The position of a layer: those that watch (count, for example) enclose those that simulate the machine.
-enum class Depth { Machine, Watch };
 
 template <std::size_t N>
 struct FixedText {
@@ -70,9 +72,6 @@ template <FixedText Name, FixedText Library, class FailureValue, class R, class.
 class Function<Name, Library, R(Args...), FailureValue> {
 public:
     using Failure = FailureValue;
-    using Call = std::function<R(Args...)>;
-    /// @param next  the layer below.
-    using Layer = std::function<R(const Call &next, Args...)>;
 
     static constexpr const char *name = Name.text.data();
     static constexpr const char *library = Library.text.data();
@@ -84,71 +83,41 @@ public:
     }
 
     static R WINAPI Replacement(Args... args) {
-        const std::shared_ptr<State> state = InsideSimulator::Here() ? nullptr : Current();
-        if (!state)
+        const std::shared_ptr<const Layers> layers = Holder().ForCall();
+        if (!layers)
             return CallReal(args...);
         const DWORD lastError = GetLastError();
         const InsideSimulator inside;
-        if (state->core->journal.Wants(name))
-            state->core->journal.Add(name, ArgumentText(args...));
-        const Verdict verdict = state->core->Enter(name, Failure::canFail);
+        if (layers->core->journal.Wants(name))
+            layers->core->journal.Add(name, ArgumentText(args...));
+        const PlannedFailure failure = layers->core->Enter(name, Failure::canFail);
         SetLastError(lastError);
-        if (state->core->ended)
+        if (layers->core->ended)
             return Real(args...);
-        if (verdict.fails)
-            return Failure::template Fail<R>(verdict.code);
-        return state->call(args...);
+        if (failure.fails)
+            return Failure::template Fail<R>(failure.code);
+        return Next<R(Args...)>(*layers, layers->stack.size(), &Real)(args...);
     }
 
     /// Used by FunctionSet.
     static void Begin(const std::shared_ptr<Core> &core) {
         (void)isListed;
-        auto state = std::make_shared<State>();
-        state->core = core;
-        state->call = &Real;
-        Exchange(std::move(state));
+        Holder().Begin(core);
     }
-    static void Add(Depth depth, Layer layer) {
-        auto state = std::make_shared<State>(*Current());
-        const auto deeper = [depth](const auto &other) { return other.first <= depth; };
-        const auto place = std::find_if_not(state->layers.begin(), state->layers.end(), deeper);
-        state->layers.insert(place, {depth, std::move(layer)});
-        state->call = &Real;
-        for (const auto &entry : state->layers) {
-            state->call = [layer = entry.second, next = state->call](Args... args) -> R {
-                return layer(next, args...);
-            };
-        }
-        Exchange(std::move(state));
+    template <class Body>
+    static void Add(Depth depth, Body body) {
+        Holder().Add(std::unique_ptr<AnyLayer>(new BodyLayer<R(Args...), Body>(depth, std::move(body))));
     }
-    static void End() { Exchange(nullptr); }
+    static void End() { Holder().End(); }
 
 private:
-    struct State {
-        std::shared_ptr<Core> core;
-        std::vector<std::pair<Depth, Layer>> layers;  ///< Innermost first.
-        Call call;
-    };
-    struct Slot {
-        Lock lock;
-        std::shared_ptr<State> state;
-    };
-
     /// Set before main, in every program that contains Begin.
     inline static const bool isListed = ReplaceableFunctions().emplace(name, Failure::canFail).second;
 
     /// Never destroyed: replacements may be called while the process ends.
-    static Slot &TheSlot() {
-        static Slot &slot = *new Slot;
-        return slot;
-    }
-    static std::shared_ptr<State> Current() {
-        const LockGuard guard(TheSlot().lock);
-        return TheSlot().state;
-    }
-    static void Exchange(std::shared_ptr<State> state) {
-        const LockGuard guard(TheSlot().lock);
-        TheSlot().state.swap(state);
+    static LayersHolder &Holder() {
+        static LayersHolder &holder = *new LayersHolder;
+        return holder;
     }
     static R CallReal(Args... args) {
         static std::atomic<FARPROC> real{nullptr};

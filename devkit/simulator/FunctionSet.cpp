@@ -81,13 +81,13 @@ std::map<std::string_view, bool> &ReplaceableFunctions() {
     return names;
 }
 
-Verdict Core::Enter(const std::string &function, bool canFail) {
-    Verdict verdict = faults.Ask(function, canFail);
+PlannedFailure Core::Enter(const char *function, bool canFail) {
+    const Verdict verdict = faults.Ask(function, canFail);
     if (verdict.delayMs != 0)
         clock.SleepFor(verdict.delayMs);
     for (const auto &hang : verdict.hangs)
         hang->Hang(clock);
-    return verdict;
+    return {verdict.fails, verdict.code};
 }
 
 void Core::End() {

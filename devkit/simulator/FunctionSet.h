@@ -49,10 +49,11 @@ public:
         Add({F::library, F::name, reinterpret_cast<void *>(&F::Replacement)}, &F::End);
     }
     /// Adds a layer to the function, around existing ones of the same depth.
-    /// @param layer  see Function::Layer; runs inside the simulator, its `next` outside. Must block only in `next` or
-    ///   by the clock; the simulation may have ended when a blocking `next` returns.
-    template <class F>
-    void Put(typename F::Layer layer, Depth depth = Depth::Machine) {
+    /// @param layer  is called with a `const Next &next` and the arguments, in any thread; runs inside the simulator,
+    ///   its `next` outside. Must block only in `next` or by the clock; the simulation may have ended when a blocking
+    ///   `next` returns.
+    template <class F, class Layer>
+    void Put(Layer layer, Depth depth = Depth::Machine) {
         PassThrough<F>();
         const InsideSimulator inside;
         F::Add(depth, std::move(layer));
