@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "CallScope.h"
+#include "Event.h"
 
 namespace Simulator {
 
@@ -251,6 +252,13 @@ DWORD Clock::Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DW
     const LockGuard guard(m_lock);
     m_waiting.erase(m_waiting.find(GetCurrentThreadId()));
     return result;
+}
+
+void Clock::WaitFor(const Event &event) {
+    if (m_turns.TakesPart())
+        (void)m_turns.Wait(std::nullopt, [&event] { return event.IsSet(); }, &event.Flag());
+    else
+        event.Wait(INFINITE);
 }
 
 std::size_t Clock::Waiting() const {

@@ -16,6 +16,7 @@
 
 namespace Simulator {
 
+class Event;
 class FunctionSet;
 struct Core;
 
@@ -76,6 +77,9 @@ public:
     /// @param timeoutMs  simulated milliseconds. 0 and INFINITE are passed to `real` unchanged.
     /// @param real       waits for some real milliseconds; WAIT_TIMEOUT if nothing else ended the wait.
     DWORD Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
+
+    /// Waits without an end until the event is set. A killed thread, too, must leave it alive.
+    void WaitFor(const Event &event);
 
     /// Is called once, when a wait on a fast clock has ended so late that the program must take the delay for one of
     /// its own: the real machine is too slow for that speed.

@@ -1,6 +1,8 @@
 // Owner of a system event that stays set until the owner is destroyed.
 #pragma once
 
+#include <atomic>
+
 #include <windows.h>
 
 #include "CallScope.h"
@@ -15,7 +17,9 @@ public:
     Event &operator=(const Event &) = delete;
 
     void Set();
-    [[nodiscard]] bool IsSet() const { return Wait(0); }
+    [[nodiscard]] bool IsSet() const { return m_isSet; }
+    /// Becomes true with the event, and lasts as long.
+    [[nodiscard]] const std::atomic<bool> &Flag() const { return m_isSet; }
     /// @param timeoutMs  real milliseconds, or INFINITE.
     bool Wait(DWORD timeoutMs) const;
     /// The same until either is set.
@@ -24,6 +28,7 @@ public:
 
 private:
     HANDLE m_event;
+    std::atomic<bool> m_isSet{false};
 };
 
 inline Event::Event() : m_event(nullptr) {
@@ -37,6 +42,7 @@ inline Event::~Event() {
 }
 
 inline void Event::Set() {
+    m_isSet = true;
     SetEvent(m_event);
 }
 

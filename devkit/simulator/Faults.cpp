@@ -74,8 +74,7 @@ void FaultPlan::Hang() {
 
 void FaultPlan::Hang(Clock &clock) {
     BeginHanging();
-    (void)clock.Wait(INFINITE, Clock::Purpose::Wait,
-                     [this](DWORD ms) { return m_released.Wait(ms) ? WAIT_OBJECT_0 : WAIT_TIMEOUT; });
+    clock.WaitFor(m_released);
 }
 
 void FaultPlan::Release() {

@@ -15,21 +15,27 @@ constexpr DWORD kLastInstructionsMs = 60'000;
 
 UniqueHandle Copy(HANDLE thread) {
     HANDLE copy = nullptr;
-    (void)DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &copy, SYNCHRONIZE | THREAD_TERMINATE,
-                          FALSE, 0);
+    (void)DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &copy,
+                          SYNCHRONIZE | THREAD_TERMINATE | THREAD_QUERY_INFORMATION, FALSE, 0);
     return UniqueHandle(copy);
 }
 
 }  // namespace
 
 struct Turns::Thread {
-    Thread(unsigned toNumber, HANDLE thread) : number(toNumber), handle(Copy(thread)) {}
+    Thread(unsigned toNumber, HANDLE thread) : number(toNumber), id(GetThreadId(thread)), handle(Copy(thread)) {}
 
-    [[nodiscard]] bool HasEnded() const { return WaitForSingleObject(handle.get(), 0) == WAIT_OBJECT_0; }
-    [[nodiscard]] bool WantsTurn() const { return suspensions == 0 && (isNew || (waits && hasProbe && !isProbed)); }
+    /// A wait of no time would do, too, but yields the processor, which is expensive on a busy machine.
+    [[nodiscard]] bool HasEnded() const {
+        DWORD code = STILL_ACTIVE;
+        return id != GetCurrentThreadId() && GetExitCodeThread(handle.get(), &code) && code != STILL_ACTIVE;
+    }
+    [[nodiscard]] bool WantsProbe() const { return waits && hasProbe && !isProbed && (sign == nullptr || *sign); }
+    [[nodiscard]] bool WantsTurn() const { return suspensions == 0 && (isNew || WantsProbe()); }
     [[nodiscard]] bool WaitsForTime() const { return suspensions == 0 && waits && until.has_value(); }
 
     const unsigned number;  ///< The youngest thread has the highest.
+    const DWORD id;
     const UniqueHandle handle;
     const UniqueHandle isReady{CreateEventW(nullptr, TRUE, FALSE, nullptr)};  ///< For its first turn.
     const UniqueHandle turn{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
@@ -38,6 +44,7 @@ struct Turns::Thread {
     bool waits = false;
     bool hasProbe = false;
     bool isProbed = false;  ///< Since another thread has run.
+    const std::atomic<bool> *sign = nullptr;
     bool isDue = false;
     std::optional<Interval> until;
 };
@@ -132,12 +139,13 @@ void Turns::Leave() {
         SetEvent(next->turn.get());
 }
 
-bool Turns::Wait(std::optional<Interval> until, const Probe &probe) {
+bool Turns::Wait(std::optional<Interval> until, const Probe &probe, const std::atomic<bool> *sign) {
     const InsideSimulator inside;
     const ThreadHandle self = Mine();
     ProbeAllAgain();
     self->until = until;
     self->hasProbe = probe != nullptr;
+    self->sign = sign;
     self->waits = true;
     bool isOver = false;
     while (!m_ended && !isOver) {
@@ -197,17 +205,33 @@ Turns::ThreadHandle Turns::FirstWhoseTimeComes() const {
     return first;
 }
 
+/// The next that gets the turn, if that is still alive. Only one is asked, since each question costs a system call.
+Turns::ThreadHandle Turns::PickAlive() {
+    for (;;) {
+        ThreadHandle next = YoungestThatWantsTurn();
+        const bool isDue = next == nullptr;
+        if (isDue)
+            next = FirstWhoseTimeComes();
+        if (next == nullptr)
+            return nullptr;
+        if (next->HasEnded()) {
+            ForgetEnded();
+            continue;
+        }
+        if (isDue) {
+            m_moveTime(*next->until);
+            next->isDue = true;
+        }
+        return next;
+    }
+}
+
 /// @return null when all threads have ended.
 Turns::ThreadHandle Turns::PickNext() {
     for (; !m_ended; ProbeAllAgain()) {
+        if (ThreadHandle next = PickAlive())
+            return next;
         ForgetEnded();
-        if (ThreadHandle next = YoungestThatWantsTurn())
-            return next;
-        if (ThreadHandle next = FirstWhoseTimeComes()) {
-            m_moveTime(*next->until);
-            next->isDue = true;
-            return next;
-        }
         if (IsEmpty())
             return nullptr;
         Sleep(1);  // only somebody who takes no part can end a wait

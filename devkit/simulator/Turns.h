@@ -52,8 +52,11 @@ public:
 
     /// @param until  nothing for a wait that only the probe ends.
     /// @param probe  empty if only the time ends it.
+    /// @param sign   spares the thread the turns for its probe until it is set; null for none. Must outlive the
+    /// thread's
+    ///   wait, also when the thread is killed.
     /// @return false when its time has come.
-    bool Wait(std::optional<Interval> until, const Probe &probe);
+    bool Wait(std::optional<Interval> until, const Probe &probe, const std::atomic<bool> *sign = nullptr);
 
     /// Kills the other threads that take part.
     void KillOthers();
@@ -70,6 +73,7 @@ private:
     void ProbeAllAgain();
     [[nodiscard]] ThreadHandle YoungestThatWantsTurn() const;
     [[nodiscard]] ThreadHandle FirstWhoseTimeComes() const;
+    [[nodiscard]] ThreadHandle PickAlive();
     [[nodiscard]] ThreadHandle PickNext();
     [[nodiscard]] bool IsEmpty() const;
     void AwaitTurn(HANDLE toSignal, const Thread &self);

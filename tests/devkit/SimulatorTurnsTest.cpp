@@ -1,5 +1,6 @@
 // Threads that take turns.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <list>
@@ -99,6 +100,26 @@ TEST_F(TakingTurns, EndAWaitWithoutTimePassingWhenAnotherHasEndedIt) {
     EXPECT_EQ(now, 3s);
     EXPECT_FALSE(turns.Wait(Interval(60s), [] { return false; }));
     EXPECT_EQ(now, 60s);
+}
+
+TEST_F(TakingTurns, AskAThreadThatAwaitsASignOnlyOnceThatIsSet) {
+    std::atomic<bool> isSet{false};
+    unsigned asked = 0;
+    Make([&] {
+        const auto isOver = [&] {
+            ++asked;
+            return isSet.load();
+        };
+        EXPECT_TRUE(turns.Wait(std::nullopt, isOver, &isSet));
+        Say("woken");
+    });
+    (void)Sleep(1s);
+    (void)Sleep(1s);
+    EXPECT_EQ(asked, 0U);
+    isSet = true;
+    (void)Sleep(1s);
+    EXPECT_EQ(asked, 1U);
+    EXPECT_EQ(said, "woken2 ");
 }
 
 TEST_F(TakingTurns, SeeAThreadEndedThatHasLeft) {
