@@ -35,9 +35,10 @@ const DriverStep *OverrunStep(const DriverRun &run) {
 
 /// After a removal that Windows leaves to the next boot, the module does not apply the changes.
 bool IsRemovalLeftToBoot(const DriverRun &run) {
-    for (std::size_t i = 0; i + 1 < run.steps.size(); ++i) {
+    for (std::size_t i = 0; i < run.steps.size(); ++i) {
         const DriverStep &step = run.steps[i];
-        if (step.name == kUninstalling && !step.failed && !step.killed && run.steps[i + 1].name != kApplying)
+        const bool isRemoved = step.name == kUninstalling && step.end && !step.failed && !step.killed;
+        if (isRemoved && (i + 1 == run.steps.size() || run.steps[i + 1].name != kApplying))
             return true;
     }
     return false;
@@ -47,7 +48,7 @@ bool IsRemovalLeftToBoot(const DriverRun &run) {
 /// loses.
 bool NeedsReboot(const DriverRun &run) {
     return run.rebootAsked || run.outlivesKill || IsRemovalLeftToBoot(run) ||
-           HasLine(run, "orphan scan needs reboot") || (run.state && run.state->isLeftToBoot);
+           HasLine(run, "orphan scan needs reboot") || (run.state && run.state->hasLeftToBoot);
 }
 
 /// Of calls whose failure the module ignores.

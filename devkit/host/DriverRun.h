@@ -40,7 +40,7 @@ struct DriverState {
     bool hasFilter = false;                ///< The filter is installed as a network component.
     std::optional<std::string> callout{};  ///< The state of the callout's service, if there is one.
     std::optional<std::string> lock{};     ///< Who holds the write lock of the network configuration.
-    bool isLeftToBoot = false;             ///< The next boot is to delete files.
+    bool hasLeftToBoot = false;            ///< The run has left files to the next boot; earlier ones do not count.
     std::vector<Adapter> adapters{};
 };
 

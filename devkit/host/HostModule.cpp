@@ -102,8 +102,8 @@ void NoteRestart(HostState &host, const char *text) {
         host.history->AddNote(HealthNote::Kind::Restart, WallClockSeconds(), text);
 }
 
-/// Lua: host.machine.reboot(). The module is unloaded, and the machine is as after a boot. What the module has under
-/// way ends with its threads. The agent's settings stay.
+/// Lua: host.machine.reboot(). The module is unloaded, and the machine is as after a boot. Threads end as by
+/// host.restart_module. The agent's settings stay.
 int Reboot(lua_State *L) {
     HostState &host = HostOf(L);
     host.system.KillThreads();
@@ -115,16 +115,20 @@ int Reboot(lua_State *L) {
 }
 
 /// Lua: host.restart_module(). Does to the module what a restart of the agent does: its threads end, it is unloaded,
-/// and the next require "fc" loads it with fresh state. The agent's settings and the driver stay. Functions of
-/// SLB.filter that the script has kept raise an error from then on: see KeptFunctions.h.
+/// what its process held is free, and the next require "fc" loads it with fresh state. With a clock other than the
+/// stepped one only the threads end that a planned fault hangs: the host does not know the others, and they must have
+/// ended before. The agent's settings and the driver stay. Functions of SLB.filter that the script has kept raise an
+/// error from then on: see KeptFunctions.h.
 int RestartModule(lua_State *L) {
     HostState &host = HostOf(L);
     const bool isLoaded = GetModuleHandleW(kRestarted) != nullptr;
     if (isLoaded)
-        host.system.EndProcess();
+        host.system.KillThreads();
     UnloadOrRaise(L);
-    if (isLoaded)
+    if (isLoaded) {
+        host.system.EndProcess();
         NoteRestart(host, "The module was restarted");
+    }
     return 0;
 }
 

@@ -367,3 +367,7 @@ Inventory Installation::Take() const {
         inventory.leftToBoot.push_back(ToUtf8(move.from));
     return inventory;
 }
+
+std::size_t Installation::CountLeftToBoot() const {
+    return m_filesInUse.LeftToBoot().size();
+}

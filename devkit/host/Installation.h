@@ -2,6 +2,7 @@
 // keys, and the firewall.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <optional>
@@ -96,6 +97,8 @@ public:
     Simulator::Firewall &GetFirewall() { return *m_firewall; }
     const Simulator::SystemFolders &Folders() const { return m_folders; }
     Inventory Take() const;
+    /// Each file as often as it was left to the next boot.
+    std::size_t CountLeftToBoot() const;
 
 private:
     void CheckAdapter(const std::wstring &node) const;

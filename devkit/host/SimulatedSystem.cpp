@@ -143,7 +143,6 @@ void SimulatedSystem::KillThreads() {
 }
 
 void SimulatedSystem::EndProcess() {
-    KillThreads();
     if (m_parts != nullptr && m_parts->installation)
         m_parts->installation->EndProcess();
 }

@@ -52,9 +52,9 @@ public:
     const Installation *FindInstallation() const;
     /// Boots the machine again. The module is not loaded then. Ticks begin at 0 if the clock is simulated.
     void Reboot();
-    /// Kills the threads that hang in a call, and with a stepped clock all but the calling one.
+    /// Kills the module's threads that hang in a call by a planned fault, and with a stepped clock all of its threads.
     void KillThreads();
-    /// Does what the system does at the end of the module's process: KillThreads, and what the process held is free.
+    /// What the module's process held is free, as at its end. For its threads see KillThreads.
     void EndProcess();
     /// The same for its faults, which affect Calls.
     Simulator::Faults &UseFaults();

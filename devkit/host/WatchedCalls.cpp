@@ -1,5 +1,6 @@
 #include "WatchedCalls.h"
 
+#include <cstddef>
 #include <exception>
 #include <mutex>
 #include <optional>
@@ -42,42 +43,48 @@ void ReadMachine(const Installation &installation, DriverState &state) {
         if (_stricmp(name.c_str(), kCallout) == 0)
             state.callout = StateName(service);
     state.lock = inventory.lock;
-    state.isLeftToBoot = !inventory.leftToBoot.empty();
     for (const AdapterState &adapter : installation.Adapters())
         state.adapters.push_back({adapter.node, adapter.name, Has(adapter.bound, kFilter)});
 }
 
+/// How many files are left to the next boot.
+std::size_t CountLeftToBoot(const SimulatedSystem &system) {
+    const Installation *const installation = system.FindInstallation();
+    return installation == nullptr ? 0 : installation->CountLeftToBoot();
+}
+
+/// @param leftBefore  the files that were left to the boot when the call began.
 /// @return nothing if the machine can't be read.
-std::optional<DriverState> ReadState(const SimulatedSystem &system) {
+std::optional<DriverState> ReadState(const SimulatedSystem &system, std::size_t leftBefore) {
     try {
         DriverState state{.driver = RunningDriver()};
         if (const Installation *const installation = system.FindInstallation())
             ReadMachine(*installation, state);
+        state.hasLeftToBoot = CountLeftToBoot(system) > leftBefore;
         return state;
     } catch (const std::exception &) {
         return std::nullopt;
     }
 }
 
-void EndCall(bool result) {
-    g_host->runs.EndCall(result, ReadState(g_host->system));
+/// Calls the module's function, which may raise an error: then the call does not end.
+int Watch(lua_State *L, DriverRun::Kind kind, lua_CFunction function) {
+    g_host->runs.BeginCall(kind);
+    const std::size_t leftBefore = CountLeftToBoot(g_host->system);
+    const int results = function(L);
+    g_host->runs.EndCall(lua_toboolean(L, -1) != 0, ReadState(g_host->system, leftBefore));
+    return results;
 }
 
 // The functions below run what they replace in their own frame and with its upvalues, so that errors name the
 // script's line and the function as they do without them.
 
 int WatchedInstall(lua_State *L) {
-    g_host->runs.BeginCall(DriverRun::Kind::Installation);
-    const int results = g_install(L);
-    EndCall(lua_toboolean(L, -1) != 0);
-    return results;
+    return Watch(L, DriverRun::Kind::Installation, g_install);
 }
 
 int WatchedRemove(lua_State *L) {
-    g_host->runs.BeginCall(DriverRun::Kind::Removal);
-    const int results = g_remove(L);
-    EndCall(lua_toboolean(L, -1) != 0);
-    return results;
+    return Watch(L, DriverRun::Kind::Removal, g_remove);
 }
 
 /// Puts the function in place of the C function in a field of the table on top of the stack.

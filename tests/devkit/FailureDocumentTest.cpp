@@ -152,6 +152,14 @@ const std::string kMachine = R"(
         machine.put_key(ORPHAN_KEY)
     end
 
+    -- Each copy of an INF file gets what Windows keeps for it.
+    local function complete_inf_files()
+        for _, name in ipairs(machine.inventory().inf_files) do
+            write(machine.folders().inf .. name:gsub("inf$", "pnf"), "compiled")
+            write(machine.folders().catalogs .. name:gsub("inf$", "cat"), "signed")
+        end
+    end
+
     local function install_old()
         require "fc"
         assert(SLB.filter.InstallOrUpdateDriver(host.dom(), folder, folder))

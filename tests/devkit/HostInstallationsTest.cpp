@@ -130,6 +130,12 @@ TEST(HostInstallations, TellThatARebootIsNeeded) {
         machine.put_component { id = "qbimvta", result = "reboot" }
         assert(remove())
         is_like { outcome = "removed", text = "removed; a reboot is needed", reboot = true }
+        machine.reboot()
+        require "fc"
+        machine.put_component { id = "QBIMVTA_MP", result = "reboot" }
+        machine.put_device { id = [[ROOT\QBIMVTA_MP\0000]], description = "Filter miniport", component = "QBIMVTA_MP" }
+        assert(remove())
+        is_like { outcome = "removed", text = "removed; a reboot is needed", reboot = true }
     )");
 }
 
@@ -145,6 +151,33 @@ TEST(HostInstallations, TellThatARebootIsNeededWhereAnUpgradeHasLostTheRequestOf
         is_like { outcome = "upgraded", reboot = true, text = "upgraded from 2.0.0.0 to 2.1.0.0; a reboot is needed" }
         machine.reboot()
         assert(#machine.inventory().components == 1, "the boot removes the filter")
+    )");
+}
+
+// Catalogues that are not there are left to the boot, too. The request is lost once the component is found gone.
+TEST(HostInstallations, TellThatARebootIsNeededOnlyWhereTheRunItselfHasLeftFilesToIt) {
+    (void)RunInstallScript(kInstalled + R"(
+        local function put_inf_file()
+            write(machine.folders().inf .. "oem7.inf", ("CopyFiles = qbimvta.sys\r\n"):rep(12))
+        end
+        machine.lack "SetupUninstallOEMInfW"
+        put_inf_file()
+        assert(remove())
+        is_like { outcome = "removed", reboot = true }
+        assert(remove())
+        local left = #machine.inventory().left_to_boot
+        is_like { kind = "removal", reboot = false }
+        local events, reboots = install()
+        assert(events[1007] and not events[1006] and reboots == 0)
+        assert(left > 0 and #machine.inventory().left_to_boot == left)
+        is_like { outcome = "installed", text = "installed 2.0.0.0", reboot = false }
+
+        put_inf_file()
+        ship "2.1.0.0"
+        events = install()
+        assert(events[1007] and not events[1006])
+        assert(#machine.inventory().left_to_boot > left)
+        is_like { outcome = "upgraded", reboot = true }
     )");
 }
 
