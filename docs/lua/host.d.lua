@@ -93,8 +93,8 @@ function host.check_config(text) end
 ---@return string output with its errors
 function host.run_script(path, ...) end
 
----Unloads the module, as a restart of the agent does; the next `require "fc"` loads it with fresh state. With `--clock steps`
----all its threads end, otherwise only those that a planned fault makes hang: no others may be at work.
+---Unloads the module, as a restart of the agent does; the next `require "fc"` loads it with fresh state. With
+---`--clock steps` all its threads end, otherwise only those that a planned fault makes hang: no others may be at work.
 function host.restart_module() end
 
 ---@param number integer
