@@ -77,6 +77,9 @@ protected:
             {"uninstalling the callout", [this] { return WithoutTheCalloutsInf(); }},
             {"opening the network configuration",
              [this] { return Failing("CoCreateInstance", 1, [this] { return HasFilter() && HasInf(L"oem1.inf"); }); }},
+            {"closing it, or releasing the lock", [this] { return FailingToReleaseTheLock(); }},
+            {"nothing, but `DeInstall` asks for a reboot", [this] { return AskingForAReboot(); }},
+            {"nothing, but the removal of an orphan asks for a reboot", [this] { return WithOrphan(NETCFG_S_REBOOT); }},
             {"`FindComponent`, `DeInstall`, `Apply` and similar calls",
              [this] {
                  return Failing("INetCfgClassSetup::DeInstall", 1,
@@ -130,6 +133,10 @@ protected:
 private:
     bool HasFilter() { return simulation().GetNetwork().Has(L"qbimvta"); }
     bool HasOrphan() { return simulation().GetDevices().Has(L"ROOT\\QBIMVTA_MP\\0001"); }
+    bool HasLock() { return simulation().GetNetwork().Read().lock.has_value(); }
+    void FreeLock() {
+        simulation().GetNetwork().Use([](Simulator::NetworkState &state) { state.lock.reset(); });
+    }
     bool HasEverything() { return HasFilter() && HasService() && HasInf(L"oem1.inf") && HasInf(L"oem2.inf"); }
 
     Survival Failing(const std::string &function, unsigned nth, const std::function<bool()> &isLeft) {
@@ -155,6 +162,20 @@ private:
         std::filesystem::remove(WfpFolder() + L"netqbimwfp.inf");
         return {Uninstall(), HasService()};
     }
+    Survival FailingToReleaseTheLock() {
+        Survival survival = Failing("INetCfgLock::ReleaseWriteLock", 1, [this] { return HasLock() && !HasFilter(); });
+        FreeLock();
+        return survival;
+    }
+    Survival AskingForAReboot() {
+        simulation().GetNetwork().Use([](Simulator::NetworkState &state) {
+            Simulator::NetworkComponent &filter = *Simulator::ComponentWithId(state, L"qbimvta");
+            filter.deInstallResult = NETCFG_S_REBOOT;
+            filter.deInstallsUntilGone = 0;
+        });
+        Removal removal = Uninstall();
+        return {std::move(removal), HasFilter()};
+    }
     Survival FailingTheCheck() {
         PutOrphan();
         return Failing("INetCfg::FindComponent", 2, [this] { return HasOrphan() && !HasFilter(); });
@@ -171,12 +192,11 @@ private:
         return {std::move(removal), HasOrphan() && hasKey == FAILED(deInstallResult)};
     }
     Survival Hanging(const std::string &function, std::uint64_t deadlineMs, Fate fate) {
-        simulation().GetNetwork().Use([](Simulator::NetworkState &state) { state.lock.reset(); });
+        FreeLock();
         const Hang hang = HangIn(function, 1, deadlineMs, fate);
         EXPECT_TRUE(hang.met);
         EXPECT_EQ(hang.killed, fate == Fate::Killed);
-        const bool isLocked = simulation().GetNetwork().Read().lock.has_value();
-        const bool isLeft = fate == Fate::Killed ? isLocked && hang.Stacks().size() == 1 : hang.Stacks().empty();
+        const bool isLeft = fate == Fate::Killed ? HasLock() && hang.Stacks().size() == 1 : hang.Stacks().empty();
         hung.ClearAway(hang.left);
         return {hang.removal, isLeft};
     }
