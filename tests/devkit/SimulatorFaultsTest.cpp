@@ -67,7 +67,7 @@ TEST(Faults, ReportsWhichThreadHangs) {
         id = GetCurrentThreadId();
         faults.Ask("f", true).hangs.at(0)->Hang();
     });
-    ASSERT_TRUE(plan->WaitUntilHit(SimulatorTest::kPatienceMs));
+    ASSERT_TRUE(plan->WaitUntilHit(kPatienceMs));
     EXPECT_TRUE(faults.Hangs(id));
     EXPECT_FALSE(faults.Hangs(GetCurrentThreadId()));
     plan->Release();
@@ -123,12 +123,12 @@ TEST(Faults, HangsUntilThePlanIsReleased) {
     EXPECT_FALSE(verdict.fails);
     EXPECT_FALSE(plan->Hit()) << "it does not hang yet";
     const SimulatorTest::TestThread thread([&verdict] { verdict.hangs[0]->Hang(); });
-    EXPECT_TRUE(plan->WaitUntilHit(SimulatorTest::kPatienceMs));
+    EXPECT_TRUE(plan->WaitUntilHit(kPatienceMs));
     EXPECT_TRUE(plan->Hit());
     EXPECT_EQ(plan->HitFunction(), "f");
     EXPECT_TRUE(thread.Runs());
     faults.ReleaseHung();
-    EXPECT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
     EXPECT_TRUE(faults.Ask("f", true).hangs.empty()) << "a released plan is over";
 }
 
@@ -139,7 +139,7 @@ TEST(Faults, WakesThoseWhoWaitForAHitWhenThePlanIsReleased) {
     const SimulatorTest::TestThread thread([&] { hit = plan->WaitUntilHit(INFINITE); });
     EXPECT_TRUE(thread.Runs());
     plan->Release();
-    ASSERT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
+    ASSERT_TRUE(thread.Join(kPatienceMs));
     EXPECT_FALSE(hit);
 }
 
@@ -157,7 +157,7 @@ TEST(Faults, ForgetsPlansButNotCountsWhenCleared) {
     (void)faults.FailEvery("f", 5);
     faults.Clear();
     const SimulatorTest::TestThread thread([&verdict] { verdict.hangs.at(0)->Hang(); });
-    EXPECT_TRUE(thread.Join(SimulatorTest::kPatienceMs));
+    EXPECT_TRUE(thread.Join(kPatienceMs));
     EXPECT_FALSE(faults.Ask("f", true).fails);
     EXPECT_EQ(faults.Calls("f"), 2U);
     EXPECT_EQ(faults.Calls("g"), 0U);

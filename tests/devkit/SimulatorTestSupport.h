@@ -11,20 +11,13 @@
 
 #include "CallScope.h"
 #include "ImportTable.h"
+#include "Patience.h"
 
 namespace SimulatorTest {
 
-/// A longer wait, in real milliseconds, fails the test. Long enough for a busy machine.
-inline constexpr DWORD kPatienceMs = 60'000;
-
 /// Polls every millisecond. @return whether the condition became true.
 inline bool Eventually(const std::function<bool()> &condition) {
-    const Simulator::InsideSimulator inside;
-    for (const ULONGLONG begin = GetTickCount64(); !condition(); Sleep(1)) {
-        if (GetTickCount64() - begin > kPatienceMs)
-            return false;
-    }
-    return true;
+    return Await(kPatienceMs, condition);
 }
 
 /// The processor time of the calling thread, in milliseconds, so that other load does not count.

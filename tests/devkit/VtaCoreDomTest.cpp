@@ -335,7 +335,7 @@ TEST(DomExit, EndsARunningWait) {
     ASSERT_EQ(functions.Attach(GetModuleHandleW(L"vta_core.dll"), {"WaitForSingleObject"}), 1U);
     bool wasAwaited = false;
     std::thread later([&] {
-        wasAwaited = begun.Wait(SimulatorTest::kPatienceMs);
+        wasAwaited = begun.Wait(kPatienceMs);
         Control::SetShouldExit(dom, true);
     });
     EXPECT_TRUE(dom.ShouldExit(INFINITE, nullptr));
