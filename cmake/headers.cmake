@@ -2,7 +2,7 @@
 # the driver threads' classes, so that none depends on what another includes before it.
 file(GLOB_RECURSE headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/*.h interfaces/*.h)
 file(GLOB bodies CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" plugins/filter/WindowsDriverInstaller/threads/*.cpp)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${headers})
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${headers} ${bodies})
 
 # take_files_that_include(OUT HEADER LIST): those that include the header, directly or through others of the list, go from
 # the list into OUT.
@@ -44,8 +44,8 @@ function(add_header_checks name)
     endif()
 endfunction()
 
-# Headers of others that take long are precompiled for those that include them, never for others, which would not have to
-# include what they use. vta_core.h includes most of the system's headers.
+# Large headers are precompiled for the files that include them, directly or not, and for no others, which would then not
+# have to include what they use. vta_core.h includes most of the system's headers.
 add_custom_target(header_checks)
 set(rest ${headers} ${bodies})
 take_files_that_include(files vta_core.h rest)

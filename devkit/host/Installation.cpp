@@ -369,5 +369,5 @@ Inventory Installation::Take() const {
 }
 
 std::size_t Installation::CountLeftToBoot() const {
-    return m_filesInUse.LeftToBoot().size();
+    return m_filesInUse.CountLeftToBoot();
 }

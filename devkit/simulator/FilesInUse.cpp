@@ -59,6 +59,11 @@ std::vector<MoveAtBoot> FilesInUse::LeftToBoot() const {
     return m_leftToBoot;
 }
 
+std::size_t FilesInUse::CountLeftToBoot() const {
+    const LockGuard guard(m_lock);
+    return m_leftToBoot.size();
+}
+
 void FilesInUse::Boot() {
     const InsideSimulator inside;
     std::vector<MoveAtBoot> moves;

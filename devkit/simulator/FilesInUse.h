@@ -1,6 +1,7 @@
 // Files that can't be deleted or moved, and files scheduled for the next boot.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -34,6 +35,7 @@ public:
     void LeaveToBoot(MoveAtBoot move);
     /// In the order of the calls.
     [[nodiscard]] std::vector<MoveAtBoot> LeftToBoot() const;
+    [[nodiscard]] std::size_t CountLeftToBoot() const;
     /// What a boot does: no file is in use, and what was left to it is done, as far as it can be done by then.
     void Boot();
 

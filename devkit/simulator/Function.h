@@ -10,11 +10,9 @@
 #include <cstddef>
 #include <map>
 #include <memory>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "ArgumentText.h"
 #include "CallScope.h"

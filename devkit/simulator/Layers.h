@@ -86,6 +86,8 @@ class Next<R(Args...)> {
 public:
     Next(const Layers &layers, std::size_t count, R (*real)(Args...))
         : m_layers(layers), m_count(count), m_real(real) {}
+    Next(const Next &) = delete;
+    Next &operator=(const Next &) = delete;
     R operator()(Args... args) const {
         if (m_count == 0)
             return m_real(args...);

@@ -25,7 +25,8 @@ UniqueHandle Copy(HANDLE thread) {
 struct Turns::Thread {
     Thread(unsigned toNumber, HANDLE thread) : number(toNumber), id(GetThreadId(thread)), handle(Copy(thread)) {}
 
-    /// A wait of no time would do, too, but yields the processor, which is expensive on a busy machine.
+    /// A wait of no time would do, too, but under Wine it yields the processor, which is expensive on a busy machine. A
+    /// thread must not end with STILL_ACTIVE (259) as its code.
     [[nodiscard]] bool HasEnded() const {
         DWORD code = STILL_ACTIVE;
         return id != GetCurrentThreadId() && GetExitCodeThread(handle.get(), &code) && code != STILL_ACTIVE;
@@ -205,7 +206,8 @@ Turns::ThreadHandle Turns::FirstWhoseTimeComes() const {
     return first;
 }
 
-/// The next that gets the turn, if that is still alive. Only one is asked, since each question costs a system call.
+/// Who gets the turn next; null if nobody wants it. Only the one that is picked is asked whether it is alive, since each
+/// question is a call of the system.
 Turns::ThreadHandle Turns::PickAlive() {
     for (;;) {
         ThreadHandle next = YoungestThatWantsTurn();

@@ -52,9 +52,8 @@ public:
 
     /// @param until  nothing for a wait that only the probe ends.
     /// @param probe  empty if only the time ends it.
-    /// @param sign   spares the thread the turns for its probe until it is set; null for none. Must outlive the
-    /// thread's
-    ///   wait, also when the thread is killed.
+    /// @param sign   spares the thread the turns for its probe until it is set; null for none. Must outlive the wait,
+    ///   also that of a thread that is killed.
     /// @return false when its time has come.
     bool Wait(std::optional<Interval> until, const Probe &probe, const std::atomic<bool> *sign = nullptr);
 
