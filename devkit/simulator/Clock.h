@@ -78,8 +78,8 @@ public:
     /// @param real       waits for some real milliseconds; WAIT_TIMEOUT if nothing else ended the wait.
     DWORD Wait(DWORD timeoutMs, Purpose purpose, const std::function<DWORD(DWORD)> &real);
 
-    /// Waits until the event is set, or until the clock ends if the thread takes turns. The event must outlive the wait,
-    /// also that of a thread that is killed.
+    /// Waits until the event is set, or until the clock ends if the thread takes turns. The event must outlive the
+    /// wait, also that of a thread that is killed.
     void WaitFor(const Event &event);
 
     /// Is called once, when a wait on a fast clock has ended so late that the program must take the delay for one of

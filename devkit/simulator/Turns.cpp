@@ -206,8 +206,8 @@ Turns::ThreadHandle Turns::FirstWhoseTimeComes() const {
     return first;
 }
 
-/// Who gets the turn next; null if nobody wants it. Only the one that is picked is asked whether it is alive, since each
-/// question is a call of the system.
+/// Who gets the turn next; null if nobody wants it. Only the one that is picked is asked whether it is alive, since
+/// each question is a call of the system.
 Turns::ThreadHandle Turns::PickAlive() {
     for (;;) {
         ThreadHandle next = YoungestThatWantsTurn();
