@@ -14,7 +14,12 @@ rm -f "$entry".{xml,log,status}
 FC_TEMPORARY=$(mktemp -d -t fc-test.XXXXXX) || exit 1
 export FC_TEMPORARY
 echo "$FC_TEMPORARY" >"$entry.temporary" # so that ./dev test can remove it if this script is killed
-timeout --kill-after=10 "$TEST_SECONDS" "$@" >"$entry.log" 2>&1
+in_lane=()
+if [[ ${CTEST_RESOURCE_GROUP_0_LANE:-} =~ ^id:([0-9]+), ]]; then # see scripts/lanes.sh
+    export WINEPREFIX=$WINEPREFIX-${BASH_REMATCH[1]}
+    in_lane=(taskset -c "${BASH_REMATCH[1]}")
+fi
+timeout --kill-after=10 "$TEST_SECONDS" "${in_lane[@]}" "$@" >"$entry.log" 2>&1
 echo $? >"$entry.status"
 rm -rf "$FC_TEMPORARY" "$entry.temporary"
 cat "$entry.log"

@@ -13,10 +13,13 @@ remove_left_temporaries() {
     done
 }
 
+# Not empty: the tests run without lanes, on all processors.
+ANYWHERE=''
+
 # run_tests [PROGRAM...]: all test programs, or the named ones. Their result files decide; ctest itself knows only what
 # scripts/run-apart.sh found in them.
 run_tests() {
-    local results=$BUILD/test-results filter=() status=0 entries known name
+    local results=$BUILD/test-results filter=() lanes=() status=0 entries known name
     mapfile -t known < <(ctest_entries)
     for name in "$@"; do
         printf '%s\n' "${known[@]}" | grep -qxF -- "$name" ||
@@ -31,9 +34,13 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
+    [ -n "$ANYWHERE" ] || {
+        prepare_lanes 3
+        lanes=(--resource-spec-file "$BUILD/lanes.json")
+    }
     # Three times as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
     # Ctrl-C.
-    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((3 * JOBS)) \
+    env --default-signal=INT,QUIT "${CTEST[@]}" "${lanes[@]}" --output-on-failure --no-tests=error -j $((3 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
@@ -49,7 +56,7 @@ tell_seeds() {
 }
 
 # run_under_load RUNS [PROGRAM...]: runs the tests that many times, in a different order each time and with more random
-# tries, beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a separate
+# tries, on all processors and beside six busy loops, so that tests that depend on which thread comes first fail. The loops have a separate
 # session, like another terminal's: Linux shares the processors between sessions, and in the tests' session they would
 # mostly starve Wine's server.
 run_under_load() {
@@ -59,6 +66,7 @@ run_under_load() {
     setsid bash -c 'for _ in {1..6}; do while [ -d "/proc/$0" ]; do for ((n = 0; n < 100000; n++)); do :; done; done & done; wait' $$ \
         7>&- 8>&- 9>&- &
     loops=$!
+    ANYWHERE=1
     export FC_THOROUGH=1 FC_TEST_SECONDS=${FC_TEST_SECONDS:-3600}
     TEST_SECONDS=$FC_TEST_SECONDS
     for ((i = 1; i <= runs; i++)); do

@@ -68,7 +68,7 @@ prepare_wine() {
 
 # Killed programs leave their temporary folders. While no other program runs, all of them are leftovers.
 remove_left_folders() {
-    ! flock -n --exclusive 8 || rm -rf "$WINEPREFIX"/drive_c/users/*/{,AppData/Local/}Temp/fc-*
+    ! flock -n --exclusive 8 || rm -rf "$WINEPREFIX"{,-[0-9]*}/drive_c/users/*/{,AppData/Local/}Temp/fc-*
     flock --shared 8
 }
 

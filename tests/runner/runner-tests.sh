@@ -13,7 +13,7 @@ REPOSITORY=$(cd "$HERE/../.." && pwd)
 . "$HERE/../support/shell-tests.sh" Runner
 
 # in_dev COMMAND...: runs it as ./dev would, with $WORK/build as the build folder. Leaves the output in $WORK/out, the
-# status in STATUS. RUNNER_WINE is used as Wine.
+# status in STATUS. RUNNER_WINE is used as Wine. Tests run without lanes unless IN_LANES is empty.
 in_dev() {
     STATUS=0
     # shellcheck disable=SC2016 # expanded by the inner shell
@@ -21,6 +21,7 @@ in_dev() {
         prefix=${WINEPREFIX:-} CALLER=$PWD
         . "$1/scripts/common.sh"
         . "$1/scripts/wine.sh"
+        . "$1/scripts/lanes.sh"
         . "$1/scripts/results.sh"
         . "$1/scripts/folders.sh"
         . "$1/scripts/sources.sh"
@@ -28,6 +29,7 @@ in_dev() {
         . "$1/scripts/coverage.sh"
         . "$1/scripts/mutate.sh"
         export WINEPREFIX=$prefix
+        ANYWHERE=${IN_LANES-1}
         wine=$2
         wine_program() { echo "$wine"; }
         "${@:3}"' in_dev "$REPOSITORY" "${RUNNER_WINE:-$WINE}" "$@" >"$WORK/out" 2>&1 </dev/null || STATUS=$?
@@ -181,6 +183,51 @@ result good 1 0'
     in_dev run_tests
     passes 1 || return
     [ ! -e "$(<"$WORK/build/folder")" ] || because "left: $(<"$WORK/build/folder")"
+}
+
+# in_lanes COMMAND...: runs it as in_dev does, with lanes, beside a prefix of which nobody has a copy.
+in_lanes() {
+    local prefix=$WORK/prefix
+    rm -rf "$prefix" "$prefix"-*
+    mkdir -p "$prefix"/{drive_c/windows/system32,dosdevices/z:}
+    echo text >"$prefix/drive_c/windows/system32/kernel32.dll"
+    for file in system user userdef; do echo "WINE REGISTRY Version 2" >"$prefix/$file.reg"; done
+    "$WINE" --version >"$prefix/ready"
+    IN_LANES='' WINEPREFIX=$prefix in_dev "$@"
+}
+
+# where_it_runs NAME: leaves its Wine prefix and its processors in NAME.where.
+where_it_runs() {
+    echo "${WINEPREFIX##*/} $(taskset -cp $$ | sed 's/.*: //')" >"$1.where"
+    result "$1" 1 0
+}
+
+ATestProgramStaysOnOneProcessorWithAPrefixOfItsOwn() {
+    local where processor
+    where=$(declare -f where_it_runs)
+    entries one "$where; where_it_runs one"
+    echo 'set_tests_properties(one PROPERTIES RESOURCE_GROUPS lane:1)' >>"$WORK/build/CTestTestfile.cmake"
+    in_lanes run_tests
+    passes 1 || return
+    read -r where processor <"$WORK/build/test-results/one.where"
+    [[ $processor =~ ^[0-9]+$ && $where = "prefix-$processor" ]] || because "it ran in $where on the processors $processor"
+}
+
+AProgramThatNeedsSeveralProcessorsHasAll() {
+    local where
+    where=$(declare -f where_it_runs)
+    entries one "$where; where_it_runs one"
+    in_lanes run_tests
+    passes 1 || return
+    [ "$(<"$WORK/build/test-results/one.where")" = "prefix $(taskset -cp $$ | sed 's/.*: //')" ] ||
+        because "it ran in $(<"$WORK/build/test-results/one.where")"
+}
+
+ACopyOfAPrefixHasARegistryOfItsOwn() {
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_lanes eval 'copy_prefix "$WINEPREFIX-copy"; (WINEPREFIX=$WINEPREFIX-copy && prefix_is_ready)'
+    [ "$STATUS" -eq 0 ] || because "the copy is incomplete: $(<"$WORK/out")" || return
+    [ "$(stat -c %h "$WORK/prefix-copy/system.reg")" = 1 ] || because "the registry is shared"
 }
 
 AnUnknownNameFails() {
@@ -519,7 +566,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     TruncatedResultsFail ResultsWithFewerTestsThanTheyClaimFail ARunWithoutTestsFails \
     AProgramThatFailsAfterItsTestsFails TheResultsOfAnotherEntryDoNotCount ResultsOfAnEarlierRunDoNotCount \
     AProgramThatIsNotRunFails TheOutputOfASlowProgramIsKept TheTemporaryFilesOfAProgramAreRemoved \
-    TheNextRunRemovesWhatAKilledOneLeft AnUnknownNameFails \
+    TheNextRunRemovesWhatAKilledOneLeft ATestProgramStaysOnOneProcessorWithAPrefixOfItsOwn \
+    AProgramThatNeedsSeveralProcessorsHasAll ACopyOfAPrefixHasARegistryOfItsOwn AnUnknownNameFails \
     AnUnknownNameBesideAKnownOneFails ANameIsNotAPattern RunsUnderLoadAreAddedUpAndPrintTheirSeeds \
     ACrashOfATestProgramIsNoticed AnOverrunBufferEndsTheProgram \
     TheCommandReturnsTheStatusOfItsProgram ACrashOfTheHostOrTheBenchmarksIsNoticed \

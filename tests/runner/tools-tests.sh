@@ -213,20 +213,24 @@ LeftoversOfInterruptedRunsInTheCacheAreRemoved() {
 }
 
 LeftoversOfProgramsAreRemovedWhileNoneRuns() {
-    local temporary host
+    local temporary lane host
     fresh
     touch "$FAKE_STATE/fc-host.exe.hangs"
     start -- host loop.lua
     host=$DEV
     eventually test -e "$FAKE_STATE/fc-host.exe.is-hanging" || return
     temporary=$BUILD/wine/drive_c/users/someone/Temp
-    mkdir -p "$temporary"/{fc-devkit-1-1,other}
+    lane=$BUILD/wine-77/drive_c/users/someone/Temp
+    mkdir -p "$temporary"/{fc-devkit-1-1,other} "$lane"/fc-devkit-1-1
     dev -- test && succeeds || return
     [ -d "$temporary/fc-devkit-1-1" ] || because "a folder of the program that runs is gone" || return
     rm "$FAKE_STATE/fc-host.exe.hangs"
     wait "$host"
     dev -- test && succeeds || return
-    [ "$(ls "$temporary")" = other ] || because "there are: $(ls "$temporary")"
+    [ "$(ls "$temporary" "$lane")" = "$lane:
+
+$temporary:
+other" ] || because "there are: $(ls "$temporary" "$lane")"
 }
 
 for name in APrefixIsMadeOnce AnotherWineGetsANewPrefix ADamagedPrefixIsMadeAgain AnIncompletePrefixIsAFailure \
