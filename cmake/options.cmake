@@ -14,7 +14,7 @@ else()
                         # Packages contain no path of the build machine.
                         -ffile-compilation-dir=.
                         "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build"
-                        "-ffile-prefix-map=${FC_LIBRARIES}=libraries")
+                        "-ffile-prefix-map=${FC_LIBRARIES}=libraries" "-ffile-prefix-map=${FC_HEADERS}=headers")
     add_link_options(-Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat)
     add_library(stack_guard STATIC "${CMAKE_CURRENT_LIST_DIR}/runtime/StackGuard.c")
     target_compile_options(stack_guard PRIVATE -fno-stack-protector)

@@ -165,9 +165,13 @@ TheDevkitHasNoDriver() {
     ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
 }
 
+# With either slash: PDB files have the names of objects with the other one.
 NoFileNamesAFolderOfThisMachine() {
-    local found
-    found=$(grep -rlF -e "$REPOSITORY/" -e "$BUILD/" -e "$LIBRARIES/" "$WORK/unpacked") || true
+    local found folder folders=()
+    for folder in "$REPOSITORY" "$BUILD" "$LIBRARIES" "${LIBRARIES%/libraries/*}" "$HEADERS"; do
+        folders+=(-e "$folder/" -e "${folder//\//\\}\\")
+    done
+    found=$(grep -rlF "${folders[@]}" "$WORK/unpacked") || true
     [ -z "$found" ] || because "they are in ${found//$WORK\/unpacked\//}"
 }
 
