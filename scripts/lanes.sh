@@ -10,8 +10,8 @@ processors() {
 # lane_prefix PROCESSOR: the prefix of its lane.
 lane_prefix() { echo "$WINEPREFIX-$1"; }
 
-# prepare_lanes SLOTS: a lane for each of at most $JOBS processors, for so many programs side by side. ctest chooses among them by
-# the file, which scripts/run-apart.sh gets from it as CTEST_RESOURCE_GROUP_0_LANE.
+# prepare_lanes SLOTS: a lane for each of at most $JOBS processors, for so many programs side by side. ctest chooses among them, and
+# tells scripts/run-apart.sh in CTEST_RESOURCE_GROUP_0_LANE.
 prepare_lanes() {
     local slots=$1 ids id separator=''
     mapfile -t ids < <(processors | head -n "$JOBS")
@@ -26,6 +26,7 @@ prepare_lanes() {
         done
         echo ']}]}'
     } >"$BUILD/lanes.json"
+    CTEST+=(--resource-spec-file "$BUILD/lanes.json")
 }
 
 # copy_prefix FOLDER: leaves a copy of the prefix there. The files are links, since Wine replaces its programs and never writes into

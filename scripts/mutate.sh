@@ -180,6 +180,7 @@ run_mutate() {
     mapfile -t entries < <(programs_of "${folder%%/*}")
     mapfile -t entries < <(replaced_entries "${entries[@]}")
     make_wine_of_mutants
+    prepare_lanes 1
     ninja -C "$BUILD" -t commands bin/fc.dll >"$MUTANTS/commands"
     say "testing the unchanged module: ${entries[*]%-replaced}"
     fault=$(run_mutant "$BUILD/bin" "${entries[@]}") || die "the tests fail with the unchanged module: $fault"

@@ -19,7 +19,7 @@ ANYWHERE=''
 # run_tests [PROGRAM...]: all test programs, or the named ones. Their result files decide; ctest itself knows only what
 # scripts/run-apart.sh found in them.
 run_tests() {
-    local results=$BUILD/test-results filter=() lanes=() status=0 entries known name
+    local results=$BUILD/test-results filter=() status=0 entries known name
     mapfile -t known < <(ctest_entries)
     for name in "$@"; do
         printf '%s\n' "${known[@]}" | grep -qxF -- "$name" ||
@@ -34,13 +34,10 @@ run_tests() {
     ))\$")
     mapfile -t entries < <(ctest_entries "${filter[@]}")
     say "testing"
-    [ -n "$ANYWHERE" ] || {
-        prepare_lanes 3
-        lanes=(--resource-spec-file "$BUILD/lanes.json")
-    }
+    [ -n "$ANYWHERE" ] || prepare_lanes 3
     # Three times as many as processors: most of them often wait for Wine's server. Without --default-signal no test could try
     # Ctrl-C.
-    env --default-signal=INT,QUIT "${CTEST[@]}" "${lanes[@]}" --output-on-failure --no-tests=error -j $((3 * JOBS)) \
+    env --default-signal=INT,QUIT "${CTEST[@]}" --output-on-failure --no-tests=error -j $((3 * JOBS)) \
         --timeout $((TEST_SECONDS + 60)) "${filter[@]}" &
     wait_telling $! "testing" || status=$?
     tell_results "$results" "${entries[@]}" || status=1
