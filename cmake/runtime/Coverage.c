@@ -6,7 +6,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <fcntl.h>
+#include <io.h>
 #include <process.h>
+#include <sys/stat.h>
 
 typedef void *IntPtrT;
 enum ValueKind {
@@ -36,19 +39,19 @@ static const PART(".lprfn$Z") char afterNames = 0;
 // The objects of the compiler refer to it, so that the linker searches a runtime.
 int INSTR_PROF_PROFILE_RUNTIME_VAR = 0;
 
+// By the C runtime's functions for descriptors: those for streams are the module's own, too, which tests replace.
+
 // Adds what the same process has counted before it unloaded the module for the last time.
-static void AddEarlierCounters(FILE *file, long offset, uint64_t *counters, size_t count) {
-    if (fseek(file, offset, SEEK_SET) != 0)
+static void AddEarlierCounters(int file, long offset, uint64_t *counters, size_t count) {
+    uint64_t earlier = 0;
+    if (_lseek(file, offset, SEEK_SET) == -1)
         return;
-    for (size_t i = 0; i < count; ++i) {
-        uint64_t earlier = 0;
-        if (fread(&earlier, sizeof(earlier), 1, file) == 1)
-            counters[i] += earlier;
-    }
+    for (size_t i = 0; i < count && _read(file, &earlier, sizeof(earlier)) == (int)sizeof(earlier); ++i)
+        counters[i] += earlier;
 }
 
-static bool Write(FILE *file, const void *bytes, size_t size) {
-    return fwrite(bytes, 1, size, file) == size;
+static bool Write(int file, const void *bytes, size_t size) {
+    return _write(file, bytes, (unsigned)size) == (int)size;
 }
 
 // In the folder that FC_PROFILES names, one file for each process.
@@ -74,15 +77,13 @@ __attribute__((destructor)) static void WriteProfile(void) {
         .NamesDelta = (uintptr_t)names,
         .ValueKindLast = IPVK_Last,
     };
-    FILE *file = fopen(path, "r+b");
-    if (file != NULL)
+    const int file = _open(path, _O_RDWR | _O_CREAT | _O_BINARY, _S_IREAD | _S_IWRITE);
+    if (file != -1)
         AddEarlierCounters(file, (long)(sizeof(header) + recordsSize), counters, header.NumCounters);
-    else
-        file = fopen(path, "wb");
     static const char padding[sizeof(uint64_t)] = {0};
-    const bool isWritten = file != NULL && fseek(file, 0, SEEK_SET) == 0 && Write(file, &header, sizeof(header)) &&
+    const bool isWritten = file != -1 && _lseek(file, 0, SEEK_SET) == 0 && Write(file, &header, sizeof(header)) &&
                            Write(file, records, recordsSize) && Write(file, counters, countersSize) &&
                            Write(file, names, namesSize) && Write(file, padding, (8 - namesSize % 8) % 8);
-    if (file == NULL || fclose(file) != 0 || !isWritten)
+    if (file == -1 || _close(file) != 0 || !isWritten)
         (void)fprintf(stderr, "error: no profile could be written to %s\n", path);
 }
