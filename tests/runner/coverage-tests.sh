@@ -81,10 +81,10 @@ AReportOfNothingFails() {
     ! "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" >/dev/null 2>&1 || because "no line of source is a success"
 }
 
-# draw SEED COUNT: changes of $WORK/y.cpp; `drawn` has what they are changed to.
+# draw SEED COUNT [OPTION...]: changes of $WORK/y.cpp; `drawn` has what they are changed to.
 draw() {
     rm -rf "$WORK/drawn"
-    (cd "$WORK" && "$SCRIPTS/mutations.py" --seed "$1" --count "$2" --to drawn y.cpp)
+    (cd "$WORK" && "$SCRIPTS/mutations.py" --seed "$1" --count "$2" --to drawn "${@:3}" y.cpp)
     : >"$WORK/out"
     for folder in "$WORK"/drawn/*/; do
         ! cmp -s "$folder/source" "$WORK/y.cpp" || because "a change changes nothing: $(<"$folder/what")" || return
@@ -101,6 +101,22 @@ EachKindOfChangeIsDrawn() {
     printf '%s\n' 'void f() {' '    if (a < 7 && b)' '        g("text");' '}' >"$WORK/y.cpp"
     draw 1 100
     has_drawn 'if (a <= 7 && b)' 'if (a < 8 && b)' 'if (a < 7 || b)' 'if (!(a < 7 && b))' 'g("~text");' ';'
+}
+
+NumbersWithAPointCharactersAndStatementsOfSeveralLinesAreDrawnToo() {
+    printf '%s\n' 'void f() {' '    if (a)' '        return;' '    g(0.01,' "      'c');" '}' >"$WORK/y.cpp"
+    draw 1 100
+    has_drawn 'if (!(a))' ';' ';' "g(1.01," "'~');"
+}
+
+AChangeWithoutEffectIsLeftOut() {
+    printf '%s\n' 'int a = 7;' 'int b = 5;' >"$WORK/y.cpp"
+    printf '%s\n' '# A comment.' '' 'y.cpp: int a = 7;' '    changed to: int a = 8;' '    nobody reads it' >"$WORK/list"
+    draw 1 100 --leave-out list
+    has_drawn 'int b = 6;' || return
+    sed -i '$d' "$WORK/list"
+    ! draw 1 100 --leave-out list 2>"$WORK/error" || because "a change without a reason is left out" || return
+    grep -q 'no change with a reason' "$WORK/error" || because "the error is: $(<"$WORK/error")"
 }
 
 CommentsAndDirectivesStayAsTheyAre() {
@@ -120,7 +136,8 @@ TheSeedDecides() {
 }
 
 for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne AReportOfNothingFails \
-    EachKindOfChangeIsDrawn CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
+    EachKindOfChangeIsDrawn NumbersWithAPointCharactersAndStatementsOfSeveralLinesAreDrawnToo AChangeWithoutEffectIsLeftOut \
+    CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
     test_case "$name"
 done
 write_results coverage-tests "$XML"

@@ -296,7 +296,7 @@ AChangeSurvivesOnlyWholeResults() {
     ends_with_an_error && says 'silent left no results (status 0)' || return
     another_module good-replaced 'result good-replaced 3 0'
     in_dev run_mutant "$WORK/build/mutants/bin" good-replaced nosuch-replaced
-    ends_with_an_error && says 'nosuch-replaced was not run'
+    ends_with_an_error && says 'nosuch was not run'
 }
 
 TheTestThatNoticesAChangeIsNamed() {
@@ -346,6 +346,70 @@ ASlowProgramRunsOnlyIfTheOnesBeforeItPass() {
         run_mutant "$BUILD/mutants/bin" {bad,slow}-replaced'
     ends_with_an_error && says 'bad failed in 1 of 3 tests' || return
     [ ! -e "$WORK/build/test-results/slow-replaced.status" ] || because "the slow tests were run, too"
+}
+
+# mutates TEST: all changes of a module of two lines, which a made-up compiler and linker copy. The shell code TEST is its only test; it
+# finds the module in $MODULE.
+mutates() {
+    local clone=$WORK/clone object=plugins/filter/CMakeFiles/fc_objects.dir/one/a.cpp.obj
+    another_module one-replaced "MODULE=\$(<../bin-replaced/fc.dll); $1"
+    rm -rf "$clone"
+    mkdir -p "$clone"/{plugins/filter/one,tests/one} "$WORK/build/${object%/*}"
+    ln -s "$REPOSITORY/scripts" "$clone/"
+    printf '%s\n' 'int a = 7;' 'int b = 5;' | tee "$WORK/build/$object" "$WORK/build/bin/fc.dll" >"$clone/plugins/filter/one/a.cpp"
+    touch "$WORK/build/bin/fc.pdb" "$WORK/build/mutants/bin/fc.pdb"
+    echo 'fc_add_tests(one a.cpp)' >"$clone/tests/one/CMakeLists.txt"
+    echo one >"$WORK/build/test-programs.txt"
+    printf '%s\n' "${WITHOUT_EFFECT:-}" >"$clone/tests/changes-without-effect.txt"
+    cat >"$WORK/compile" <<'TEXT'
+#!/bin/bash
+while [ "$1" != -o ]; do shift; done
+cp "$(sed -n 's/.*"external-contents": "\([^"]*\)".*/\1/p' mutants/overlay.json)" "$2"
+TEXT
+    cat >"$WORK/link" <<'TEXT'
+#!/bin/bash
+cp "$1" mutants/bin/fc.dll
+touch mutants/bin/fc.pdb
+TEXT
+    chmod +x "$WORK/compile" "$WORK/link"
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    in_dev eval 'ROOT=$BUILD/../clone JOBS=1
+        objects_with() { echo "'"$object"'"; }
+        code_of() { checksum "$1"; }
+        ninja() { echo "$BUILD/../compile -o '"$object"' "; echo "$BUILD/../link '"$object"' -o bin/fc.dll "; }
+        make_wine_of_mutants() { :; }
+        prepare_lanes() { :; }
+        run_mutate one 1 60'
+}
+
+ASurvivorFailsTheRunThatNamesIt() {
+    # shellcheck disable=SC2016 # expanded by the test
+    mutates '[[ $MODULE == *"a = 7"* ]] && result one-replaced 1 0 || result one-replaced 1 1'
+    ends_with_an_error && says 'caught by one failed in 1 of 1 tests' && says SURVIVED && says '1 of 2 changes were caught, 1 survived (seed 1)' || return
+    [ "$(tail -n 2 "$WORK/out")" = $'plugins/filter/one/a.cpp:2: int b = 5;\n    changed to: int b = 6;' ] ||
+        because "its end: $(tail -n 2 "$WORK/out")"
+}
+
+AChangeWithoutEffectIsNoSurvivor() {
+    # shellcheck disable=SC2016 # expanded by the test
+    WITHOUT_EFFECT=$'plugins/filter/one/a.cpp: int b = 5;\n    changed to: int b = 6;\n    nobody reads it' \
+        mutates '[[ $MODULE == *"a = 7"* ]] && result one-replaced 1 0 || result one-replaced 1 1'
+    [ "$STATUS" -eq 0 ] || because "the status is $STATUS, after: $(tail -n 5 "$WORK/out")" || return
+    says '1 of 1 changes were caught, 0 survived (seed 1)'
+}
+
+AWineThatFailsIsNoTestThatNotices() {
+    # shellcheck disable=SC2016 # expanded by the test
+    mutates '[[ $MODULE == *"a = 7"* ]] && result one-replaced 1 0 || echo "error: one.exe could not be run: Wine or fc-launch.exe failed"'
+    ends_with_an_error && mentions 'one could not be run: see' || return
+    ! grep -q 'changes were caught' "$WORK/out" || because "it counts what was caught"
+}
+
+TestsThatFailWithTheUnchangedModuleAtTheEndNoticeNothing() {
+    # shellcheck disable=SC2016 # expanded by the test
+    mutates '[ ! -e ../ran ] && result one-replaced 1 0 || result one-replaced 1 1; touch ../ran'
+    ends_with_an_error && mentions 'the tests fail with the unchanged module, too' || return
+    ! grep -q 'changes were caught' "$WORK/out" || because "it counts what was caught"
 }
 
 OnlyTheTestsOfItsFolderTryAChange() {
@@ -575,6 +639,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
     ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
+    ASurvivorFailsTheRunThatNamesIt AChangeWithoutEffectIsNoSurvivor AWineThatFailsIsNoTestThatNotices \
+    TestsThatFailWithTheUnchangedModuleAtTheEndNoticeNothing \
     SlowTestsTryOnlyWhatTheQuickOnesHaveNotNoticed ASlowProgramRunsOnlyIfTheOnesBeforeItPass \
     OnlyTheTestsOfItsFolderTryAChange TheModuleIsReplacedBesideLinksToAllElse ACrashFailsTheCoverageThatIsTold \
     CoverageRunsTheTestsUnderTheOtherCodePagesToo CoverageWithoutAProfileFails; do
