@@ -20,6 +20,7 @@ libraries_dir() {
         clang++-19 -dumpversion
         x86_64-w64-mingw32-g++-posix -dumpfullversion
         cat "$TOOLCHAIN" "$ROOT/cmake/libraries/CMakeLists.txt"
+        declare -f configure_build_install
     } | sha256sum | cut -c1-16)
     echo "$CACHE/libraries/$key"
 }
@@ -29,10 +30,11 @@ configure_build_install() {
     # No path of this machine goes into the PDB files.
     local flags="-ffile-compilation-dir=. \"-ffile-prefix-map=$CACHE=.\""
     shift 3
-    CFLAGS=$flags CXXFLAGS=$flags cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+    # wxWidgets keeps the prefix that it was configured for in its DLL.
+    CFLAGS=$flags CXXFLAGS=$flags cmake -G Ninja -S "$source" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/fc \
         -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" "$@"
     cmake --build "$build" -j "$JOBS"
-    cmake --install "$build"
+    cmake --install "$build" --prefix "$prefix"
 }
 
 # is_whole FOLDER: whether it still contains everything.

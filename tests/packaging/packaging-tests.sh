@@ -165,13 +165,16 @@ TheDevkitHasNoDriver() {
     ! find "$DEVKIT" -name '*.sys' | grep . || because "it has one"
 }
 
-# With either slash: PDB files have the names of objects with the other one.
+# bytes_of ENCODING TEXT: as a pattern.
+bytes_of() { printf %s "$2" | iconv -t "$1" | od -An -v -tx1 | tr -d '\n' | sed 's/ /\\x/g'; }
+
+# With either slash, since PDB files have the names of objects with the other one, and as wide characters.
 NoFileNamesAFolderOfThisMachine() {
     local found folder folders=()
     for folder in "$REPOSITORY" "$BUILD" "$LIBRARIES" "${LIBRARIES%/libraries/*}" "$HEADERS"; do
-        folders+=(-e "$folder/" -e "${folder//\//\\}\\")
+        folders+=("$(bytes_of UTF-8 "$folder/")" "$(bytes_of UTF-8 "${folder//\//\\}\\")" "$(bytes_of UTF-16LE "$folder/")")
     done
-    found=$(grep -rlF "${folders[@]}" "$WORK/unpacked") || true
+    found=$(LC_ALL=C grep -rlaP "$(IFS='|' && echo "${folders[*]}")" "$WORK/unpacked") || true
     [ -z "$found" ] || because "they are in ${found//$WORK\/unpacked\//}"
 }
 
