@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
+
+#include <gtest/gtest.h>
 
 #include "Patience.h"
 #include "WindowsFunctions.h"
@@ -39,6 +42,11 @@ public:
         m_waits = false;
         return true;
     }
+    std::string Describe(const Simulator::Clock &clock) const {
+        const Simulator::LockGuard guard(m_lock);
+        return "the watcher, thread " + std::to_string(m_watcher) + ", " + (m_waits ? "waits" : "does not wait") +
+               "; timed waits: " + std::to_string(clock.Waiting()) + "; tick " + std::to_string(clock.TickMs());
+    }
 
 private:
     mutable Simulator::Lock m_lock;
@@ -65,8 +73,10 @@ bool WatcherClock::AdvanceTo(std::uint64_t tick, std::uint64_t leapMs, const std
         const std::uint64_t next = now + std::min(tick - now, leapMs);
         bool advanced = false;
         (void)Await(kPatienceMs, [&] { return returned || (advanced = AdvanceWhileItWaits(next)); });
-        if (!advanced)
+        if (!advanced) {
+            EXPECT_TRUE(returned) << "the clock could not be moved: " << m_state->Describe(m_clock);
             return false;
+        }
     } while (m_clock.TickMs() < tick);
     return true;
 }
