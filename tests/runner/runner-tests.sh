@@ -605,6 +605,15 @@ ASignalEndsTheHostAndNoOtherProgramUnderWine() {
     done
 }
 
+# traps_of MODULE: its instructions that nothing but clang's traps uses.
+traps_of() { llvm-objdump-19 -d --no-show-raw-insn "$1" | grep -cE '[[:blank:]]ud1l?[[:blank:]]' || true; }
+
+OnlyTheTrappingModuleTrapsUndefinedBehaviour() {
+    local trapping shipped
+    trapping=$(traps_of "$BIN-trapping/fc.dll") shipped=$(traps_of "$BIN/fc.dll")
+    [[ $trapping -ge 500 && $shipped -eq 0 ]] || because "it has $trapping, and the one that ships has $shipped"
+}
+
 AMissingProgramFails() {
     runs_as fc-host.exe
     in_dev run_bench 0
@@ -637,7 +646,8 @@ for name in ProgramsThatPassEndWithZero AFailedTestCountsEvenIfItsProgramEndsWit
     TheCommandReturnsTheStatusOfItsProgram ACrashOfTheHostOrTheBenchmarksIsNoticed \
     AScriptThatCrashesTheHostIsNoticed AKilledProgramFailsEvenIfItsStatusIsZero \
     AWineThatDoesNothingFails AWineThatEndsBeforeTheProgramBeginsIsStartedAgain AWineThatEndsAfterTheProgramHasBegunFails \
-    ASignalEndsTheHostAndNoOtherProgramUnderWine AMissingProgramFails AShellTestThatEndsEarlyFails \
+    OnlyTheTrappingModuleTrapsUndefinedBehaviour ASignalEndsTheHostAndNoOtherProgramUnderWine \
+    AMissingProgramFails AShellTestThatEndsEarlyFails \
     AChangeThatCrashesTheTestsIsCaught AChangeSurvivesOnlyWholeResults TheTestThatNoticesAChangeIsNamed \
     ASurvivorFailsTheRunThatNamesIt AChangeWithoutEffectIsNoSurvivor AWineThatFailsIsNoTestThatNotices \
     TestsThatFailWithTheUnchangedModuleAtTheEndNoticeNothing \
