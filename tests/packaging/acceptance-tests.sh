@@ -16,7 +16,7 @@ end_wine() { "$(dirname "$WINE")/wineserver" "$1" 2>/dev/null || wineserver "$1"
 trap 'end_wine -k; rm -rf "$WORK"' EXIT
 
 # Some tests would change the user's own machine. Stack dumps are slow.
-PROGRAMS=(fc-load-tests installer-tests removal-tests)
+PROGRAMS=(fc-load-tests fc-tests firewall-tests diagnostics-tests installer-tests removal-tests)
 FEW='-StackDump*'
 PLACE="$WINEPREFIX/drive_c/a place with blanks"
 
