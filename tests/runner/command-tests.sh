@@ -32,9 +32,23 @@ AFolderWithOtherContentsIsNotCleaned() {
     [ -s "$WORK/thesis/thesis.tex" ] || because "the file is gone"
 }
 
+# With what makes other folders ours: the cache of a build folder, as `cmake .` leaves it in the clone, and the marker.
 TheCloneItselfIsNotCleaned() {
-    refuses "was not made by ./dev" FC_BUILD="$CLONE" -- clean || return
-    [ -x "$CLONE/dev" ] || because "the clone is gone"
+    local CLONE=$WORK/src/out folder # FC_OUT can name the folder around it
+    mkdir -p "$CLONE"
+    cp -r "$WORK/a clöne"/{dev,scripts} "$CLONE"
+    echo "CMAKE_HOME_DIRECTORY:INTERNAL=$CLONE" >"$CLONE/CMakeCache.txt"
+    ln -sfn src/out "$WORK/link"
+    for folder in "$CLONE" "$WORK/src" "$WORK/link"; do
+        refuses "was not made by ./dev" FC_BUILD="$folder" -- clean || return
+        refuses "FC_BUILD to a new or empty folder" FC_BUILD="$folder" -- run || return
+        refuses "FC_CACHE to a new or empty folder" FC_CACHE="$folder" -- run || return
+        refuses "was not made by ./dev" FC_BUILD="$WORK/nosuch" FC_OUT="$WORK/src" -- clean || return
+        refuses "FC_OUT to a new or empty folder" FC_OUT="$WORK/src" -- run || return
+        touch "$CLONE/.made-by-dev" "$WORK/src/.made-by-dev"
+    done
+    [ -x "$CLONE/dev" ] || because "the clone is gone" || return
+    rm -rf "$WORK/src" "$WORK/link"
 }
 
 AFolderWithOtherContentsIsNotUsed() {
