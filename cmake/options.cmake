@@ -10,15 +10,13 @@ if(MSVC)
     add_compile_definitions(_WINSOCK_DEPRECATED_NO_WARNINGS BUILD_WINDOWS)
 else()
     add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2
-                        -Wno-unknown-pragmas -fstack-protector-strong
+                        -Wno-unknown-pragmas
                         # Packages contain no path of the build machine.
                         -ffile-compilation-dir=.
                         "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build"
                         "-ffile-prefix-map=${FC_LIBRARIES}=libraries" "-ffile-prefix-map=${FC_HEADERS}=headers")
     add_link_options(-Wl,--dynamicbase -Wl,--high-entropy-va -Wl,--nxcompat)
-    add_library(stack_guard STATIC "${CMAKE_CURRENT_LIST_DIR}/runtime/StackGuard.c")
-    target_compile_options(stack_guard PRIVATE -fno-stack-protector)
-    link_libraries(stack_guard)
+    include("${CMAKE_CURRENT_LIST_DIR}/stack-guard.cmake")
 endif()
 
 add_compile_definitions(UNICODE _UNICODE _WIN32_WINNT=0x0A00 WINVER=0x0A00)

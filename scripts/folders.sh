@@ -12,8 +12,19 @@ is_default_folder() {
     return 1
 }
 
-# is_ours FOLDER: whether ./dev may fill and remove it.
+# holds_clone FOLDER: whether it is the clone, or one that contains it.
+holds_clone() {
+    local folder
+    folder=$(realpath "$ROOT")
+    until [ "$1" -ef "$folder" ]; do
+        [ "$folder" != / ] || return 1
+        folder=$(dirname "$folder")
+    done
+}
+
+# is_ours FOLDER: whether ./dev may fill and remove it. In the clone, `cmake .` leaves the cache of a build folder.
 is_ours() {
+    ! holds_clone "$1" || return 1
     [ -f "$1/$MARKER" ] || is_default_folder "$1" ||
         grep -qsxF "CMAKE_HOME_DIRECTORY:INTERNAL=$ROOT" "$1/CMakeCache.txt" # made before there was a marker
 }

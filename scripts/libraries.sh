@@ -12,6 +12,9 @@ WX_OPTIONS=(-DwxBUILD_SHARED=ON -DwxUSE_GUI=OFF -DwxUSE_STACKWALKER=ON -DwxUSE_D
     -DwxUSE_SOCKETS=OFF -DwxUSE_ZLIB=sys -DwxUSE_EXPAT=OFF -DwxUSE_LIBLZMA=OFF -DwxBUILD_TESTS=OFF
     -DwxBUILD_DEMOS=OFF -DwxBUILD_SAMPLES=OFF)
 
+# What decides how they are built, beside the pins and these options.
+LIBRARIES_RECIPE=("$TOOLCHAIN" "$ROOT"/cmake/{libraries/CMakeLists.txt,stack-guard.cmake,runtime/StackGuard.c})
+
 libraries_dir() {
     local key
     key=$({
@@ -19,7 +22,7 @@ libraries_dir() {
         echo "${WX_OPTIONS[@]}"
         clang++-19 -dumpversion
         x86_64-w64-mingw32-g++-posix -dumpfullversion
-        cat "$TOOLCHAIN" "$ROOT/cmake/libraries/CMakeLists.txt"
+        cat "${LIBRARIES_RECIPE[@]}"
         declare -f configure_build_install
     } | sha256sum | cut -c1-16)
     echo "$CACHE/libraries/$key"
@@ -81,7 +84,8 @@ build_libraries() {
         configure_build_install "$ROOT/cmake/libraries" "$work/small" "$prefix" \
         -DLUA_SOURCE="$CACHE/src/lua" -DCJSON_SOURCE="$CACHE/src/cjson"
     quietly libraries-wx.log "building wxWidgets base, about a minute" \
-        configure_build_install "$CACHE/src/wx" "$work/wx" "$prefix" "${WX_OPTIONS[@]}"
+        configure_build_install "$CACHE/src/wx" "$work/wx" "$prefix" "${WX_OPTIONS[@]}" \
+        -DCMAKE_PROJECT_wxWidgets_INCLUDE="$ROOT/cmake/stack-guard.cmake"
     cp "$work"/wx/lib/*/wxbase32u_*.pdb "$prefix"/lib/*_dll/
     # wxWidgets 3.2.8 does not install this header, which some of its own headers include.
     cp -n "$CACHE/src/wx/include/wx/msw/init.h" "$prefix/include/wx/msw/"

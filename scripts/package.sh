@@ -53,6 +53,12 @@ make_module_package() {
     write_checksums "$folder"
 }
 
+# Libraries as Debian's packages contain them. The others, and all programs, were linked here, each with a PDB file.
+is_prebuilt() { [[ $1 =~ ^(libstdc\+\+-6|libgcc_s_[a-z]+-1|libwinpthread-1|zlib1)\.dll$ ]]; }
+
+# copy_with_symbols FILE FOLDER
+copy_with_symbols() { cp "$1" "$2/" && { is_prebuilt "${1##*/}" || cp "${1%.*}.pdb" "$2/"; }; }
+
 test_programs() { cat "$BUILD/test-programs.txt"; }
 
 # The devkit's programs, with the libraries that they load and all PDB files. The tests' kernel driver stays out.
@@ -66,8 +72,7 @@ copy_binaries() {
         echo fc.dll # which nothing imports
     } >"$to/roots"
     while read -r file; do
-        cp "$bin/$file" "$to/" || die "$bin/$file is missing: build it with ./dev package"
-        [ ! -f "$bin/${file%.*}.pdb" ] || cp "$bin/${file%.*}.pdb" "$to/"
+        copy_with_symbols "$bin/$file" "$to" || die "$bin/$file or its PDB file is missing: build it with ./dev package"
     done < <(with_libraries "$bin" <"$to/roots")
     rm "$to/roots"
     cp "$bin/ConnMetricsPeer.lua" "$to/"

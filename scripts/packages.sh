@@ -1,20 +1,30 @@
 # shellcheck shell=bash
 # The Debian packages that the project needs, and their installation.
 
-# What building and running needs; then what only ./dev test, and only ./dev check need.
-PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-posix googletest libz-mingw-w64-dev lld-19
-    llvm-19 ninja-build unzip wine wine64 xz-utils zip)
-PACKAGES_TEST=(chromium fonts-dejavu-core git locales python3)
+# What building and running needs, with the packages whose licences are copied; then what ./dev package, ./dev test and
+# ./dev check need besides.
+PACKAGES_BUILD=(ca-certificates clang-19 cmake dpkg-dev g++-mingw-w64-x86-64-posix gcc-mingw-w64-base googletest libz-mingw-w64
+    libz-mingw-w64-dev lld-19 llvm-19 mingw-w64-common ninja-build unzip wine wine64 xz-utils zip)
+PACKAGES_PACK=(dpkg)
+PACKAGES_TEST=(chromium dpkg fonts-dejavu-core git locales python3)
 PACKAGES_CHECK=(clang-format-19 clang-tidy-19 cppcheck git lua-check shellcheck)
 
-# proof_of PACKAGE: a command or a file that shows that it is installed; most are named after their command.
+has_apt() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null; }
+
+# Apt has a program of its own to fetch files.
+has_apt || PACKAGES_BUILD+=(curl)
+
+# proof_of PACKAGE: the commands or files that show that it is installed, one per line; most packages are named after their
+# command.
 proof_of() {
     case $1 in
     ca-certificates) echo /etc/ssl/certs/ca-certificates.crt ;;
+    dpkg) echo dpkg-query ;;
     dpkg-dev) echo dpkg-source ;;
     fonts-dejavu-core) echo /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf ;;
     g++-mingw-w64-x86-64-posix) echo x86_64-w64-mingw32-g++-posix ;;
-    googletest) echo /usr/src/googletest/CMakeLists.txt ;;
+    gcc-mingw-w64-base | libz-mingw-w64 | mingw-w64-common) echo "/usr/share/doc/$1/copyright" ;;
+    googletest) printf '%s\n' /usr/src/googletest/CMakeLists.txt /usr/share/doc/googletest/copyright ;;
     libz-mingw-w64-dev) echo /usr/x86_64-w64-mingw32/include/zlib.h ;;
     llvm-*) echo "llvm-ar-${1#llvm-}" ;;
     locales) echo /usr/share/i18n/locales/ja_JP ;;
@@ -33,8 +43,6 @@ is_there() {
     esac
 }
 
-has_apt() { command -v apt-get >/dev/null && command -v dpkg-query >/dev/null; }
-
 missing_packages() {
     local package
     for package in "$@"; do
@@ -44,9 +52,11 @@ missing_packages() {
 
 # However they were installed.
 require_tools() {
-    local package missing=() packages=()
+    local package proof missing=() packages=()
     for package in "$@"; do
-        is_there "$(proof_of "$package")" || missing+=("$(proof_of "$package")") packages+=("$package")
+        while read -r proof; do
+            is_there "$proof" || missing+=("$proof") packages+=("$package")
+        done < <(proof_of "$package")
     done
     [ ${#missing[@]} -eq 0 ] ||
         die "missing: ${missing[*]}; install them by hand (on Debian: apt-get install --reinstall ${packages[*]})"

@@ -77,4 +77,7 @@ run_windows() { "$ROOT/scripts/run-windows.sh" "$(wine_program)" "$@"; }
 
 run_host() { run_windows "$BUILD/bin/fc-host.exe" "$@"; }
 
+# host_is_ready: whether it can run without a build or a new prefix.
+host_is_ready() { [ -x "$BUILD/bin/fc-host.exe" ] && prefix_is_ready; }
+
 run_bench() { run_windows "$BUILD/bin/fc-bench.exe" "$@"; }

@@ -1,9 +1,11 @@
 // fc-host: runs Lua scripts against fc.dll, as the agent would.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <system_error>
 
 #include <windows.h>
 #include <fcntl.h>
@@ -113,11 +115,21 @@ bool CloseZips(HostState &host) {
     return closed;
 }
 
+/// Why the standard output can't be written. The CRT has not kept the reason of an earlier failure: writes one more
+/// line end, to fail again.
+std::string WhyOutputFails() {
+    std::clearerr(stdout);
+    if (std::fputc('\n', stdout) == EOF || std::fflush(stdout) != 0)
+        return std::generic_category().message(errno);
+    return "an earlier part was lost";
+}
+
 /// Whether everything that the script printed was written, unless that is a pipe whose reader has closed it.
 bool IsOutputWritten() {
     const bool written = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
     return written || GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE ||
-           Succeeds(false, "cannot write all of the standard output");
+           Succeeds(false, "cannot write all of the standard output: " + WhyOutputFails() +
+                               "; check the disk or device to which it goes, and run this again");
 }
 
 /// Held for good by the thread that ends the program.

@@ -68,11 +68,47 @@ TheModulesPackageIsComplete() {
         xxHash.txt) >"$WORK/log" 2>&1 || because "$(grep cannot "$WORK/log")"
 }
 
-TheSymbolsMatchTheModule() {
-    local of_module of_symbols
-    of_module=$(llvm-readobj-19 --coff-debug-directory "$MODULE/fc.dll" | sed -n 's/.*PDBGUID: {\(.*\)}.*/\1/p')
-    of_symbols=$(llvm-pdbutil-19 dump --summary "$MODULE/fc.pdb" | sed -n 's/.*GUID: {\(.*\)}.*/\1/p')
-    [ "${of_module:-none}" = "$of_symbols" ] || because "the module has '$of_module', they have '$of_symbols'"
+# symbols_match IMAGE: the PDB file beside it.
+symbols_match() {
+    local of_image of_symbols
+    of_image=$(llvm-readobj-19 --coff-debug-directory "$1" | sed -n 's/.*PDBGUID: {\(.*\)}.*/\1/p')
+    of_symbols=$(llvm-pdbutil-19 dump --summary "${1%.*}.pdb" 2>&1 | sed -n 's/.*GUID: {\(.*\)}.*/\1/p')
+    [ "${of_image:-none}" = "$of_symbols" ] || because "${1##*/} has '$of_image', its PDB file '$of_symbols'"
+}
+
+TheSymbolsMatchTheModule() { symbols_match "$MODULE/fc.dll"; }
+
+# All but what Debian's packages contain as it is.
+EveryProgramAndLibraryOfTheDevkitHasItsSymbols() {
+    local image count=0
+    for image in "$DEVKIT"/bin/*.{exe,dll}; do
+        case ${image##*/} in libstdc++-6.dll | libgcc_s_*.dll | libwinpthread-1.dll | zlib1.dll) continue ;; esac
+        symbols_match "$image" || return
+        count=$((count + 1))
+    done
+    [ $count -ge 25 ] || because "it has only $count"
+}
+
+AMissingPdbFileIsAnError() {
+    local build=$WORK/incomplete
+    mkdir -p "$build"
+    cp -Rs "$BUILD/bin" "$build/"
+    ln -s "$BUILD"/{version,test-programs.txt} "$build/"
+    rm "$build/bin/lua52.pdb"
+    ! BUILD=$build packs "$WORK/third" 2>"$WORK/said" || because "it is packed" || return
+    grep -qF 'lua52.pdb' "$WORK/log" || because "it says: $(tail -n 3 "$WORK/log")"
+}
+
+# What is in a library of objects is linked only if something refers to it: the function that ends the process shows that
+# others check their stack.
+TheModuleAndTheLibrariesCheckTheirStack() {
+    local image
+    for image in "$DEVKIT"/bin/{fc,lua52,wxbase32u_*}.dll; do
+        llvm-pdbutil-19 dump --publics "${image%.*}.pdb" | grep '.__stack_chk_fail.' >/dev/null ||
+            because "${image##*/} does not" || return
+        ! llvm-readobj-19 --coff-imports "$image" | grep 'Name: libssp' || because "${image##*/} needs GCC's library for it" || return
+    done
+    llvm-nm-19 "$LIBRARIES/lib/libcjson.a" | grep ' U __stack_chk_fail$' >/dev/null || because "cJSON does not"
 }
 
 # With another program than the one that made the list.
@@ -179,7 +215,8 @@ NoFileNamesAFolderOfThisMachine() {
 }
 
 for name in TwoFoldersGiveTheSameBytes TheNamesContainTheCommit TheModuleIsTheOneThatTheTestsLoad \
-    TheModulesPackageIsComplete TheSymbolsMatchTheModule TheRequirementsMatchTheImportsOfTheModule \
+    TheModulesPackageIsComplete TheSymbolsMatchTheModule EveryProgramAndLibraryOfTheDevkitHasItsSymbols \
+    AMissingPdbFileIsAnError TheModuleAndTheLibrariesCheckTheirStack TheRequirementsMatchTheImportsOfTheModule \
     TheBillOfMaterialsHasEachPinnedFile TheChecksumsCoverAllFiles TheDevkitHasEachTestProgram \
     TheLinksOfTheDevkitsPagesLeadToItsFiles TheDevkitHasNoDriver \
     NoFileNamesAFolderOfThisMachine; do

@@ -32,9 +32,23 @@ AFolderWithOtherContentsIsNotCleaned() {
     [ -s "$WORK/thesis/thesis.tex" ] || because "the file is gone"
 }
 
+# With what makes other folders ours: the cache of a build folder, as `cmake .` leaves it in the clone, and the marker.
 TheCloneItselfIsNotCleaned() {
-    refuses "was not made by ./dev" FC_BUILD="$CLONE" -- clean || return
-    [ -x "$CLONE/dev" ] || because "the clone is gone"
+    local CLONE=$WORK/src/out folder # FC_OUT can name the folder around it
+    mkdir -p "$CLONE"
+    cp -r "$WORK/a clöne"/{dev,scripts} "$CLONE"
+    echo "CMAKE_HOME_DIRECTORY:INTERNAL=$CLONE" >"$CLONE/CMakeCache.txt"
+    ln -sfn src/out "$WORK/link"
+    for folder in "$CLONE" "$WORK/src" "$WORK/link"; do
+        refuses "was not made by ./dev" FC_BUILD="$folder" -- clean || return
+        refuses "FC_BUILD to a new or empty folder" FC_BUILD="$folder" -- run || return
+        refuses "FC_CACHE to a new or empty folder" FC_CACHE="$folder" -- run || return
+        refuses "was not made by ./dev" FC_BUILD="$WORK/nosuch" FC_OUT="$WORK/src" -- clean || return
+        refuses "FC_OUT to a new or empty folder" FC_OUT="$WORK/src" -- run || return
+        touch "$CLONE/.made-by-dev" "$WORK/src/.made-by-dev"
+    done
+    [ -x "$CLONE/dev" ] || because "the clone is gone" || return
+    rm -rf "$WORK/src" "$WORK/link"
 }
 
 AFolderWithOtherContentsIsNotUsed() {
@@ -67,23 +81,33 @@ TheUsualFolderIsCleaned() {
 AskingForHelpDoesNothingElse() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run test bench coverage mutate check package shell clean; do
+    for command in run test bench coverage mutate check package shell host clean; do
         dev FC_BUILD= -- "$command" --help
         succeeds && says "  $command " || return
     done
     [ "$(find "$CLONE/build")" = "$CLONE/build" ] || because "the build folder has changed"
 }
 
+TheHostAnswersForItsOwnOptionsOnceItIsBuilt() {
+    fresh
+    dev -- host --help && succeeds && called_not 'ninja|fc-host' || return # without a prefix
+    dev -- run
+    succeeds || return
+    echo >"$FAKE_STATE/calls"
+    dev -- host --help && succeeds && says '  host ARGS' && called '^fc-host.exe --help$' && called_not 'ninja'
+}
+
 AnUnknownArgumentIsRefused() {
     local command
     mkdir -p "$CLONE/build"
-    for command in run coverage mutate check package clean; do
+    for command in run test bench coverage mutate check package shell clean; do
         refuses "has no option '--al'" FC_BUILD= -- "$command" --al || return
-        [ "$command" = coverage ] || refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
+        [[ $command == @(test|bench|coverage) ]] || refuses "takes no argument 'c'" FC_BUILD= -- "$command" c c || return
     done
     refuses "takes no argument 'second'" FC_BUILD= -- run first second || return
+    refuses "has no option '--al'" FC_BUILD= -- bench --short --al || return
     refuses "there is no command 'nosuch'" FC_BUILD= -- nosuch || return
-    [ -d "$CLONE/build" ] || because "the build folder is gone"
+    [ "$(find "$CLONE/build")" = "$CLONE/build" ] || because "the build folder has changed"
 }
 
 AFolderOfAnotherUserIsNamed() {
@@ -181,6 +205,9 @@ AQuietHostIsQuietAboutItsBuilding() {
     dev -- host --fast 10 --quiet x.lua
     succeeds && called 'ninja' && called 'fc-host.exe --fast 10 --quiet x.lua' || return
     [ ! -s "$SAID" ] || because "it says: $(<"$SAID")" || return
+    dev -- shell --quiet
+    succeeds && called 'fc-host.exe -i --quiet$' || return
+    [ ! -s "$SAID" ] || because "it says: $(<"$SAID")" || return
     dev -- host x.lua
     says 'building' || return
     touch "$FAKE_STATE/ninja.fails"
@@ -190,7 +217,7 @@ AQuietHostIsQuietAboutItsBuilding() {
 
 for name in AFolderWithOtherContentsIsNotCleaned TheCloneItselfIsNotCleaned \
     AFolderWithOtherContentsIsNotUsed AFolderMadeForABuildIsCleaned TheUsualFolderIsCleaned \
-    AskingForHelpDoesNothingElse AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
+    AskingForHelpDoesNothingElse TheHostAnswersForItsOwnOptionsOnceItIsBuilt AnUnknownArgumentIsRefused AFolderOfAnotherUserIsNamed AReadOnlyCloneIsEnough OutAndDistCanBeElsewhere \
     PathsOfResultsAreRelativeToTheCaller AnOutFolderWithOtherContentsIsNotUsed ABenchmarkWithoutItsFileIsRefusedBeforeTheBuild \
     ChangesOfNothingAreRefused AQuietHostIsQuietAboutItsBuilding; do
     test_case "$name"

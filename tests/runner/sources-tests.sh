@@ -237,6 +237,22 @@ AnotherPinMakesOtherFolders() {
     [ "$(sort "$WORK/said" <(echo "$before") | uniq -d)" = '' ] || because "$before and $(cat "$WORK/said")"
 }
 
+AnotherWayToBuildThemMakesAnotherFolder() {
+    local file
+    fresh
+    cat "$HERE/../../scripts/libraries.pins" >"$PINS"
+    in_dev -- libraries_dir
+    works || return
+    cp "$WORK/said" "$WORK/known"
+    for file in clang-mingw64.cmake libraries/CMakeLists.txt stack-guard.cmake runtime/StackGuard.c; do
+        echo >>"$CLONE/cmake/$file"
+        in_dev -- libraries_dir
+        works || return
+        ! grep -qxF -f "$WORK/said" "$WORK/known" || because "the same after a change of $file" || return
+        cat "$WORK/said" >>"$WORK/known"
+    done
+}
+
 ADamagedFolderOfTheCacheIsRebuilt() {
     fresh
     in_dev FC_MIRROR="copy:$MIRROR" -- copy_headers
@@ -311,7 +327,8 @@ for name in TheHeadersAreFromThePinnedPackages TheMirrorsOfAptAreTriedOneAfterTh
     AnotherMirrorIsTriedWhenAContentIsWrong ADamagedFileInTheCacheIsFetchedAgain \
     WithoutANetworkOneLineSaysWhatToDo FilesInTheCacheNeedNoNetwork \
     AFileThatDebianHasReplacedIsFetchedFromItsArchive ASourceIsUnpacked APackageThatCannotBeUnpackedIsReportedInOneLine \
-    APackageWithoutPinsIsReportedInOneLine AnotherPinMakesOtherFolders ADamagedFolderOfTheCacheIsRebuilt \
+    APackageWithoutPinsIsReportedInOneLine AnotherPinMakesOtherFolders AnotherWayToBuildThemMakesAnotherFolder \
+    ADamagedFolderOfTheCacheIsRebuilt \
     RenewedPinsNameTheFilesOfTheNewestVersion AReleaseThatCannotBeReadKeepsThePins; do
     test_case "$name"
 done

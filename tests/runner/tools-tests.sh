@@ -82,18 +82,45 @@ AnOldWineIsRefused() {
     done
 }
 
+# without_apt NAME...: as on another distribution, where curl fetches files.
+without_apt() {
+    path_without apt-get dpkg-query dpkg sudo "$@"
+    program curl <<<''
+}
+
 WithoutAptInstalledToolsAreEnough() {
     fresh
-    path_without apt-get dpkg-query dpkg sudo
+    without_apt
     in_path run
     succeeds
 }
 
 WithoutAptAMissingToolIsNamed() {
     fresh
-    path_without apt-get dpkg-query dpkg sudo ninja x86_64-w64-mingw32-g++-posix
+    without_apt ninja x86_64-w64-mingw32-g++-posix
     in_path run
     fails_with 'missing: x86_64-w64-mingw32-g++-posix ninja; install them by hand (on Debian: apt-get install --reinstall g++-mingw-w64-x86-64-posix ninja-build)'
+}
+
+WithoutAptWhatFetchesAndPacksIsNamedBeforeTheBuild() {
+    fresh
+    without_apt
+    in_path package
+    fails_with 'missing: dpkg-query; install them by hand' && called_not 'ninja' || return
+    rm "$PATH_OF_TEST/curl"
+    in_path run
+    fails_with 'missing: curl; install them by hand' && called_not 'ninja'
+}
+
+ALicenceThatIsCopiedIsAskedForBeforeTheBuild() {
+    local licence count=0
+    # shellcheck disable=SC2016 # for the inner shell
+    bash -c '. "$1/scripts/packages.sh"; for package in "${PACKAGES_BUILD[@]}"; do proof_of "$package"; done' bash "$CLONE" >"$SAID"
+    while read -r licence; do
+        grep -qxF "$licence" "$SAID" || because "not $licence" || return
+        count=$((count + 1))
+    done < <(grep -hoE '^ *cp /usr/share/doc/[^ ]*/copyright' "$HERE"/../../scripts/{libraries,package}.sh | sed 's/^ *cp //')
+    [ $count -ge 4 ] || because "only $count are copied"
 }
 
 APackageWithoutItsCompilerIsNamed() {
@@ -200,6 +227,20 @@ ColoursAreOnlyForTerminals() {
     says $'\033[1;31merror:'
 }
 
+OnlyACheckTurnsWarningsIntoErrors() {
+    local tool
+    path_without
+    for tool in clang-format-19 clang-tidy-19 cppcheck luacheck shellcheck; do
+        program "$tool" <<<''
+    done
+    fresh
+    in_path run && succeeds && called '^cmake .*-DCMAKE_COMPILE_WARNING_AS_ERROR=OFF' || return
+    in_path check # ends after it, since the copy is no clone
+    called '^cmake .*-DCMAKE_COMPILE_WARNING_AS_ERROR=ON' || return
+    fresh
+    in_path test && succeeds && called '^cmake .*-DCMAKE_COMPILE_WARNING_AS_ERROR=OFF' && called_not 'AS_ERROR=ON'
+}
+
 LeftoversOfInterruptedRunsInTheCacheAreRemoved() {
     local left
     fresh
@@ -234,10 +275,11 @@ other" ] || because "there are: $(ls "$temporary" "$lane")"
 }
 
 for name in APrefixIsMadeOnce AnotherWineGetsANewPrefix ADamagedPrefixIsMadeAgain AnIncompletePrefixIsAFailure \
-    AnOldWineIsRefused WithoutAptInstalledToolsAreEnough WithoutAptAMissingToolIsNamed APackageWithoutItsCompilerIsNamed \
+    AnOldWineIsRefused WithoutAptInstalledToolsAreEnough WithoutAptAMissingToolIsNamed \
+    WithoutAptWhatFetchesAndPacksIsNamedBeforeTheBuild ALicenceThatIsCopiedIsAskedForBeforeTheBuild APackageWithoutItsCompilerIsNamed \
     EveryPackageIsRecognisedByWhatItInstalls WithoutRootTheMessageIsForAnAdministrator AUserWithoutSudoRightsGetsTheSameMessage \
     PackagesAreInstalledWithSudo AnUpdateThatFailsIsAnError AnInterruptedInstallationIsFinishedFirst AFullDiskIsReported \
-    AFailureWithFreeDiskSpaceDoesNotMentionIt LongWorkReportsThatItIsStillRunning ColoursAreOnlyForTerminals \
+    AFailureWithFreeDiskSpaceDoesNotMentionIt LongWorkReportsThatItIsStillRunning ColoursAreOnlyForTerminals OnlyACheckTurnsWarningsIntoErrors \
     LeftoversOfInterruptedRunsInTheCacheAreRemoved LeftoversOfProgramsAreRemovedWhileNoneRuns; do
     test_case "$name"
 done

@@ -39,10 +39,12 @@ FAKE
 printf '#!/bin/sh\necho installed\n' >"$WORK/bin/dpkg-query"
 chmod +x "$WORK"/bin/*
 
+BUILD="$CLONE/build"
+
 # try ARGS...: runs the copy of try-on, with $WORK/root as its root. Leaves its output in `said`, its status in STATUS.
 try() {
     STATUS=0
-    env -u FC_BUILD -u FC_CACHE -u FC_JOBS HOME="$WORK/home" FC_MIRROR=copy:/nosuch FC_TRY="$WORK/root" \
+    env -u FC_CACHE -u FC_JOBS FC_BUILD="$BUILD" HOME="$WORK/home" FC_MIRROR=copy:/nosuch FC_TRY="$WORK/root" \
         PATH="$WORK/bin:$PATH" "$CLONE/scripts/try-on" "$@" >"$WORK/said" 2>&1 </dev/null || STATUS=$?
 }
 
@@ -110,6 +112,25 @@ AnInterruptionLeavesNothing() {
     leaves_nothing
 }
 
+TheFolderOfItsLogsIsOneThatDevTakes() {
+    local BUILD="$WORK/a build"
+    try trixie run
+    ends_with 0 || return
+    [ -s "$BUILD/try-on/trixie/run.log" ] || because "the log is not there" || return
+    FC_BUILD=$BUILD bash -euc 'CALLER=$PWD; for script in common folders; do . "$1/scripts/$script.sh"; done
+        claim_folder "$BUILD" FC_BUILD' claim "$CLONE" >"$WORK/said" 2>&1 || because "$(cat "$WORK/said")"
+}
+
+AFolderWithOtherContentsIsNotUsedForLogs() {
+    local BUILD="$WORK/thesis"
+    mkdir -p "$BUILD"
+    echo text >"$BUILD/thesis.tex"
+    try trixie run
+    ends_with 1 && says 'set FC_BUILD to a new or empty folder' || return
+    [ "$(ls "$BUILD")" = thesis.tex ] || because "there are: $(ls "$BUILD")" || return
+    leaves_nothing
+}
+
 MissingNamespacesAreReported() {
     try trixie
     ends_with 1 && says 'error: (making a root of Debian needs root|no namespaces can be made here)' && leaves_nothing
@@ -128,7 +149,8 @@ names=(NamesAndOptionsAreChecked)
 # The namespaces need root, and more than root may do in most containers.
 if unshare --mount --pid --fork true 2>/dev/null; then
     names+=(BothCommandsAreTriedAndReported AFailedCommandIsReportedAndTheNextOneIsTried TheReportedCommitIsTheOneThatWasTried
-        AnUnknownReleaseIsReported ARootCanBeKept AnInterruptionLeavesNothing)
+        AnUnknownReleaseIsReported ARootCanBeKept AnInterruptionLeavesNothing TheFolderOfItsLogsIsOneThatDevTakes
+        AFolderWithOtherContentsIsNotUsedForLogs)
 else
     names+=(MissingNamespacesAreReported)
 fi

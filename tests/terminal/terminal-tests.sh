@@ -101,9 +101,18 @@ AnInterruptSignalEndsALoopWith130AndWritesItsEvents() {
     leaves_events "$status"
 }
 
+AFullOutputIsReportedWithItsReason() {
+    local status=0
+    echo 'print(("x"):rep(100000))' >"$WORK/print.lua"
+    timeout 120 "${WINE[@]}" "$BIN/fc-host.exe" --quiet "$WORK/print.lua" >/dev/full 2>"$WORK/shown" </dev/null || status=$?
+    [ "$status" -ne 0 ] || because "the status is 0" || return
+    grep -qF 'cannot write all of the standard output: No space left on device; check the disk' "$WORK/shown" ||
+        because "it says: $(head -c 300 "$WORK/shown")"
+}
+
 for name in TheCurrentStepIsShownInOneLineThatChanges TheScriptsNextOutputBeginsOnAnEmptyLine \
     NothingIsShownWhenTheHostIsQuiet CtrlCOnATerminalEndsALoopWith130AndWritesItsEvents \
-    AnInterruptSignalEndsALoopWith130AndWritesItsEvents; do
+    AnInterruptSignalEndsALoopWith130AndWritesItsEvents AFullOutputIsReportedWithItsReason; do
     test_case "$name"
 done
 write_results terminal-tests "$XML"
