@@ -41,12 +41,12 @@ Heard ConfigurationFixture::Iterate(const std::string &state, const std::string 
     Heard heard;
     heard.action = Check(state, policy);
     const std::string countText = "readSystemHealthConfig returning ";
-    for (const TracedLine &line : TakeTracedLines()) {
+    heard.traces = TakeTracedLines();
+    for (const TracedLine &line : heard.traces) {
         if (line.component == "SysHealth.conf" && line.message.starts_with(countText)) {
             EXPECT_FALSE(heard.count) << "the count is traced twice";
             heard.count = std::stoi(line.message.substr(countText.size()));
             EXPECT_EQ(line.message, countText + std::to_string(*heard.count));
-            heard.countedBy = line.function;
         } else if (line.component == "SysHealth.conf") {
             heard.configuration.push_back(line.message);
         } else if (line.component == "SysHealth.eng") {

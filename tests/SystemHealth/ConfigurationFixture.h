@@ -40,10 +40,10 @@ inline constexpr char kNothingWritten[] = "{\r\n}\r\n";
 struct Heard {
     int action = -1;
     std::optional<int> count;                ///< The count that the reader traced, if any.
-    std::string countedBy;                   ///< The function that traced it.
     std::vector<std::string> configuration;  ///< Traced on SysHealth.conf, without the count.
     std::vector<std::string> engine;         ///< Traced on SysHealth.eng.
     std::vector<std::string> errors;         ///< The error log.
+    std::vector<TracedLine> traces;          ///< All that was traced.
 
     /// The messages of the engine that begin with the text.
     [[nodiscard]] std::vector<std::string> EngineLines(const std::string &beginning) const;

@@ -4,6 +4,7 @@
 
 #include "ConfigurationFixture.h"
 #include "LocaleScope.h"
+#include "TracedPlaces.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ TEST_F(ConfigurationFile, IsWrittenInTheOrderOfTheSettingsWhateverItsOwnOrder) {
 TEST_F(ConfigurationFile, TheCountIsTracedByItsReader) {
     const Heard heard = ReadFile("SYSTEM_RUNQ_PCT_THRESHOLD=50\n");
     EXPECT_EQ(heard.count, 1);
-    EXPECT_NE(heard.countedBy.find("readSystemHealthConfig"), std::string::npos) << heard.countedBy;
+    ExpectTraced(heard.traces, {{"readSystemHealthConfig returning", "readSystemHealthConfig", "HealthConfig.cpp"}});
 }
 
 TEST_F(ConfigurationFile, ItsSwitchesAreTracedByItsReader) {
@@ -119,7 +120,8 @@ TEST_F(ConfigurationFile, ItsSwitchesAreTracedByItsReader) {
     ASSERT_EQ(Check(), kDisabled);
     ExpectTraced(TakeTracedLines(),
                  {{"Windows driver unload enabled for fail-open", "readSystemHealthConfig", "HealthConfig.cpp"},
-                  {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthConfig", "HealthConfig.cpp"}});
+                  {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthConfig", "HealthConfig.cpp",
+                   "IsDisabledByHealthConfig("}});
 }
 
 TEST_F(ConfigurationFile, IsClosedAtTheEnd) {

@@ -12,20 +12,6 @@ constexpr wchar_t kAgentFolder[] = L"Quillon/Vantry Agent";
 
 }  // namespace
 
-void ExpectTraced(const std::vector<TracedLine> &lines, const std::vector<TracePlace> &places) {
-    for (const auto &[message, function, file] : places) {
-        int found = 0;
-        for (const TracedLine &line : lines) {
-            if (!line.message.starts_with(message))
-                continue;
-            ++found;
-            EXPECT_EQ(line.function, function) << line.message;
-            EXPECT_EQ(line.file, file) << line.message;
-        }
-        EXPECT_GT(found, 0) << message;
-    }
-}
-
 HealthFixture::HealthFixture() : ModuleFixture({.registry = false}) {
     Vti::Reset();
     simulation().GetClock().Step(Simulator::Clock::AutoAdvance::Sleeps);

@@ -31,16 +31,6 @@ struct ReadOut {
     bool operator==(const ReadOut &) const = default;
 };
 
-/// Where lines that begin so are traced.
-struct TracePlace {
-    const char *message;
-    const char *function;
-    const char *file;
-};
-
-/// Expects that each of these messages was traced, and only there.
-void ExpectTraced(const std::vector<TracedLine> &lines, const std::vector<TracePlace> &places);
-
 /// The module with a machine whose sleeps take no real time (the clock advances all the same: 100 ms in each sample).
 /// All components are traced, the log's verbose flag is on. In Lua: `dom`, and `f` for SLB.filter.
 class HealthFixture : public ModuleFixture {

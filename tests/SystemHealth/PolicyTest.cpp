@@ -9,6 +9,7 @@
 
 #include "LocaleScope.h"
 #include "PolicyFixture.h"
+#include "TracedPlaces.h"
 #include "vta_core_control.h"
 
 namespace {
@@ -34,7 +35,7 @@ TEST_F(Policy, AllSettingsAreReadInOrderAndWritten) {
 TEST_F(Policy, TheCountIsTracedByItsReader) {
     const Heard heard = ReadPolicy(kGood);
     EXPECT_EQ(heard.count, 1);
-    EXPECT_NE(heard.countedBy.find("readSystemHealthPolicy"), std::string::npos) << heard.countedBy;
+    ExpectTraced(heard.traces, {{"readSystemHealthConfig returning", "readSystemHealthPolicy", "HealthPolicy.cpp"}});
 }
 
 TEST_F(Policy, TracesNameTheReaderAndTheirOwnLines) {
@@ -44,11 +45,13 @@ TEST_F(Policy, TracesNameTheReaderAndTheirOwnLines) {
         "SYS_CONF_DISABLE_FAIL_OPEN": 1})"),
               kDisabled);
     const std::vector<TracedLine> lines = TakeTracedLines();
-    ExpectTraced(lines, {{"stored ", "readSystemHealthPolicy", "HealthPolicy.cpp"},
-                         {" value out of boundary", "readSystemHealthPolicy", "HealthPolicy.cpp"},
-                         {"min_dur(0.000000) <= 0", "invalidateConfig", "HealthConfig.cpp"},
-                         {"Windows driver unload enabled", "readSystemHealthPolicy", "HealthPolicy.cpp"},
-                         {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthPolicy", "HealthPolicy.cpp"}});
+    ExpectTraced(lines,
+                 {{"stored ", "readSystemHealthPolicy", "HealthPolicy.cpp", "StoreValue("},
+                  {" value out of boundary", "readSystemHealthPolicy", "HealthPolicy.cpp", "TraceOutOfBoundary("},
+                  {"min_dur(0.000000) <= 0", "invalidateConfig", "HealthConfig.cpp", "invalidating to use default"},
+                  {"Windows driver unload enabled", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                  {"VTA_SYSHEALTH_DISABLE_FAIL_OPEN", "readSystemHealthPolicy", "HealthPolicy.cpp",
+                   "IsDisabledByHealthConfig("}});
     std::set<int> places;
     for (const TracedLine &line : lines)
         if (line.file == "HealthPolicy.cpp")

@@ -8,6 +8,7 @@
 #include "CallScope.h"
 #include "ImportTable.h"
 #include "IterationFixture.h"
+#include "TracedPlaces.h"
 
 namespace {
 
@@ -229,12 +230,14 @@ TEST_F(HealthReadOut, TheTracedFlagIsZeroWhenOff) {
                                                   "SysHealth.eng: GetSysHealthEnabled() returning 0"}));
 }
 
-TEST_F(HealthReadOut, TracesNameTheirFunction) {
-    for (const std::string function : {"GetSysHealthMetrics", "GetSysHealthEnabled", "GetScanMetricPort"}) {
-        lua.Run("f." + function + "()");
-        for (const TracedLine &line : TakeTracedLines())
-            EXPECT_NE(line.function.find(function), std::string::npos) << line.function;
-    }
+TEST_F(HealthReadOut, TracesNameTheirFunctionAndFile) {
+    lua.Run("f.GetSysHealthMetrics() f.GetSysHealthEnabled() f.GetScanMetricPort()");
+    ExpectTraced(TakeTracedLines(), {{"GetSysHealthMetrics() called", "GetSysHealthMetrics", "GetSysHealth.cpp"},
+                                     {"GetSysHealthMetrics() returning", "GetSysHealthMetrics", "GetSysHealth.cpp"},
+                                     {"GetSysHealthEnabled() called", "GetSysHealthEnabled", "GetSysHealth.cpp"},
+                                     {"GetSysHealthEnabled() returning", "GetSysHealthEnabled", "GetSysHealth.cpp"},
+                                     {"GetScanMetricPort() called", "GetScanMetricPort", "ScanMetrics.cpp"},
+                                     {"GetScanMetricPort() returning", "GetScanMetricPort", "ScanMetrics.cpp"}});
 }
 
 TEST_F(HealthReadOut, ArgumentsAreIgnored) {
@@ -246,7 +249,9 @@ TEST_F(HealthReadOut, ArgumentsAreIgnored) {
 TEST_F(HealthReadOut, LuaWithoutMemoryIsALuaErrorThatLeavesTheLockFree) {
     lua.Run("read = f.GetSysHealthMetrics");
     int failures = 0;
-    while (CallWithShortMemory(lua, "read", failures) != LUA_OK && failures < 1000) {
+    int status = LUA_OK;
+    while ((status = CallWithShortMemory(lua, "read", failures)) != LUA_OK && failures < 1000) {
+        EXPECT_EQ(status, LUA_ERRMEM);
         ExpectLockFree();
         EXPECT_STREQ(lua_tostring(lua, -1), "not enough memory");
         lua_settop(lua, 0);

@@ -1,7 +1,6 @@
 // The file to which the settings of a policy are written, and policies without memory.
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <cJSON.h>
 
 #include "PolicyFixture.h"
+#include "TracedPlaces.h"
 #include "WindowsFunctions.h"
 
 namespace {
@@ -36,6 +36,7 @@ protected:
         EXPECT_EQ(heard.action, kNormal);
         EXPECT_EQ(heard.count, 1);
         EXPECT_EQ(heard.EngineLines("Fail"), Messages{message});
+        ExpectTraced(heard.traces, {{message, "outputCloudConfig", "CloudConfig.cpp"}});
         EXPECT_EQ(heard.errors, Messages{"Failed to output cloud config"});
         EXPECT_EQ(balance().Take().Count(Simulator::Kind::kFile), 0u);
     }
@@ -162,9 +163,7 @@ private:
 };
 
 TEST_F(PolicyWithoutMemory, EachFailedAllocationAffectsOnlyItsPurpose) {
-    constexpr std::array expected{"json parsing error [", "Fail to cJSON_CreateObject for root",
-                                  "Fail to cJSON_CreateObject for object", "Fail to print JSON"};
-    std::array<bool, expected.size()> told{};
+    std::vector<TracedLine> traces;
     unsigned nth = 1;
     for (; nth < 1000; ++nth) {
         SCOPED_TRACE("without block " + std::to_string(nth));
@@ -175,12 +174,13 @@ TEST_F(PolicyWithoutMemory, EachFailedAllocationAffectsOnlyItsPurpose) {
         EXPECT_EQ(heard.EngineLines("json parsing error [").size(), heard.count ? 0u : 1u);
         ExpectOutputOf(heard);
         ASSERT_EQ(JsonMemory::Alive(), 0);
-        for (std::size_t i = 0; i < expected.size(); ++i)
-            told[i] = told[i] || !heard.EngineLines(expected[i]).empty();
+        traces.insert(traces.end(), heard.traces.begin(), heard.traces.end());
     }
     EXPECT_GT(nth, 60u) << "the policy alone has that many items";
-    for (std::size_t i = 0; i < expected.size(); ++i)
-        EXPECT_TRUE(told[i]) << expected[i];
+    ExpectTraced(traces, {{"json parsing error [", "readSystemHealthPolicy", "HealthPolicy.cpp"},
+                          {"Fail to cJSON_CreateObject for root", "outputCloudConfig", "CloudConfig.cpp"},
+                          {"Fail to cJSON_CreateObject for object", "outputCloudConfig", "CloudConfig.cpp"},
+                          {"Fail to print JSON", "outputCloudConfig", "CloudConfig.cpp"}});
 }
 
 TEST_F(PolicyWithoutMemory, TheNextIterationIsCompleteAgain) {

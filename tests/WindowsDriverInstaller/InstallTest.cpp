@@ -2,13 +2,11 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
-#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "InstallFixture.h"
-#include "Lock.h"
 #include "WatcherClock.h"
 
 namespace {
@@ -18,29 +16,6 @@ using Lines = std::vector<std::string>;
 bool Holds(const Lines &lines, const std::string &line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
-
-/// The functions that the trace lines name, while it exists.
-class TracingFunctions : public VtaCore::Control::Observer {
-public:
-    TracingFunctions() { VtaCore::Control::SetObserver(this); }
-    ~TracingFunctions() override { VtaCore::Control::SetObserver(nullptr); }
-    TracingFunctions(const TracingFunctions &) = delete;
-    TracingFunctions &operator=(const TracingFunctions &) = delete;
-
-    void OnTrace(const VtaCore::Control::TraceLine &line) override {
-        const Simulator::InsideSimulator inside;
-        const Simulator::LockGuard guard(m_lock);
-        m_names.insert(line.function);
-    }
-    [[nodiscard]] std::set<std::string> Names() const {
-        const Simulator::LockGuard guard(m_lock);
-        return m_names;
-    }
-
-private:
-    mutable Simulator::Lock m_lock;
-    std::set<std::string> m_names;
-};
 
 class DriverInstallation : public InstallFixture {
 protected:
@@ -203,18 +178,6 @@ TEST_F(DriverInstallation, KeepsTheBindingsOverAnUpgrade) {
     EXPECT_EQ(installation.EventTexts(1007).size(), 1U);
     EXPECT_TRUE(IsBound(kFirst));
     EXPECT_FALSE(IsBound(kSecond));
-}
-
-TEST_F(DriverInstallation, TracesThePlainNamesOfItsFunctions) {
-    const TracingFunctions functions;
-    InstallOldDriver({1, 2, 3, 4});
-    (void)Install();
-    EXPECT_EQ(
-        functions.Names(),
-        (std::set<std::string>{"AdaptorHealthChecker::operator()", "CDriverInstallerWatchdog::CheckNetworkHealth",
-                               "CDriverInstallerWatchdog::GenerateOutgoingTraffic",
-                               "CDriverInstallerWatchdog::GetBundledDriverVersion",
-                               "CDriverInstallerWatchdog::InstallOrUpdateDriver", "SetNetworkInterruptWorkaround"}));
 }
 
 TEST_F(DriverInstallation, DoesNothingInALoadTest) {
