@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Tells what the tests have reached, and what not.
 
-coverage.py ROOT LCOV JSON
+coverage.py [--whole] ROOT LCOV JSON
 
 LCOV and JSON are what `llvm-cov export` writes: the one has the lines, the other the outcomes of conditions with their columns, by
 which those of the instances of a template are brought together. Of the sources below ROOT it prints a line "FILE:LINE: WHAT" for
-each that is not fully reached, and a table. A comment in a source leaves out what no test can reach:
+each that is not fully reached, and a table. With --whole, when all test programs were run, it fails if less is reached than there must
+be. A comment in a source leaves out what no test can reach:
 
     code;  // not reached: REASON       that line
     // not reached: REASON              alone: the statement that follows
@@ -16,6 +17,7 @@ import pathlib
 import re
 import sys
 
+LEAST = {'lines': 100, 'branches': 97}  # percent
 COMMENT = re.compile(r'// not reached: .')
 
 
@@ -80,6 +82,13 @@ def show_row(name, row):
     print(f'{lines:6} {reached:6} {percent(reached, lines):6.1f} % {branches:6} {taken:6} {percent(taken, branches):6.1f} %  {name}')
 
 
+def shortage(lines, reached, branches, taken):
+    """What is missing in the sums of the table, as a line; None if nothing is."""
+    short = [f'{part} of {whole} {what}, at least {LEAST[what]} %'
+             for what, whole, part in (('lines', lines, reached), ('branches', branches, taken)) if percent(part, whole) < LEAST[what]]
+    return f'error: the tests reach too little: {"; ".join(short)}' if short else None
+
+
 def examine(path, name, lines, branches):
     """Prints what is not reached in a file, and returns its row of the table."""
     excused = excused_lines(path)
@@ -113,7 +122,9 @@ def examine(path, name, lines, branches):
 
 
 def main():
-    root, lcov, report = map(pathlib.Path, sys.argv[1:])
+    arguments = sys.argv[1:]
+    is_whole = arguments[:1] == ['--whole']
+    root, lcov, report = map(pathlib.Path, arguments[is_whole:])
     lines, branches = read_lines(lcov), read_branches(report)
     if not lines:
         sys.exit('error: the report has no sources')
@@ -124,7 +135,11 @@ def main():
     print(' lines reached        branches reached          file')
     for name, row in rows.items():
         show_row(name, row)
-    show_row('all', [sum(column) for column in zip(*rows.values())])
+    sums = [sum(column) for column in zip(*rows.values())]
+    show_row('all', sums)
+    if is_whole:
+        sys.stdout.flush()
+        sys.exit(shortage(*sums))
 
 
 if __name__ == '__main__':

@@ -26,9 +26,11 @@ code_page_entries() {
     ctest_entries | grep -xF "$(printf '%s\n' "${@/%-replaced/-932-replaced}" "${@/%-replaced/-65001-replaced}")"
 }
 
-# run_coverage [PROGRAM...]: with all test programs, or the named ones. Returns false if a test fails: then the figures mean little.
+# run_coverage [PROGRAM...]: with all test programs, or the named ones. Returns false if a test fails: then the figures mean little. Also
+# if all programs together reach too little.
 run_coverage() {
-    local profiles=$BUILD/profiles out=$OUT/coverage status=0 entries image=$BUILD/covered/fc.dll
+    local profiles=$BUILD/profiles out=$OUT/coverage status=0 entries image=$BUILD/covered/fc.dll whole=()
+    [ $# -gt 0 ] || whole=(--whole)
     CTEST+=(-C Replaced)
     mapfile -t entries < <(replaced_entries "$@")
     mapfile -t -O ${#entries[@]} entries < <(code_page_entries "${entries[@]}")
@@ -39,7 +41,7 @@ run_coverage() {
     [ -n "$(ls -A "$profiles")" ] || die "the tests left no profile in $profiles"
     quietly coverage.log "merging the profiles" llvm-profdata-19 merge --sparse -o "$out/fc.profdata" "$profiles"/*.profraw
     export_coverage "$image" "$out"
-    "$ROOT/scripts/coverage.py" "$ROOT" "$out/fc.lcov" "$out/fc.json"
+    "$ROOT/scripts/coverage.py" "${whole[@]}" "$ROOT" "$out/fc.lcov" "$out/fc.json" || status=1
     echo "The page is $(to_caller "$out/index.html")"
     return $status
 }

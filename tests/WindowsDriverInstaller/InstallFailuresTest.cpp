@@ -67,6 +67,41 @@ protected:
     }
 };
 
+// --- memory that runs out ---
+
+TEST_F(InstallFailures, AnInstallationWithoutMemoryForTheAdaptersGoesOnWithoutThem) {
+    // The watchdog's first allocation by hand after this call is IP Helper's buffer.
+    const FaultPlan before = faults().HangNth("INetCfg::Initialize", 1);
+    Simulator::AllocationFaultHandle memory;
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(before->WaitUntilHit(kPatienceMs));
+        memory = balance().FailAllocation(1, GetModuleHandleW(L"fc.dll"), 0, false);
+        before->Release();
+    });
+    ASSERT_TRUE(memory && memory->Hit());
+    EXPECT_TRUE(outcome.result);
+    EXPECT_TRUE(Has(outcome.Lines(wxLOG_Error), "GetInterfaces() - error allocating memory."));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{});
+    EXPECT_TRUE(IsBound(kFirst));
+}
+
+TEST_F(InstallFailures, AnInstallationWithoutMemoryForALongerListOfAdaptersGoesOnWithoutTheirAddresses) {
+    const FaultPlan tooShort = faults().FailNth("GetAdaptersInfo", 1, ERROR_BUFFER_OVERFLOW);
+    const FaultPlan hang = faults().HangNth("GetAdaptersInfo", 1);
+    Simulator::AllocationFaultHandle memory;
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(hang->WaitUntilHit(kPatienceMs));
+        memory = balance().FailAllocation(1, GetModuleHandleW(L"fc.dll"), 0, false);
+        hang->Release();
+    });
+    EXPECT_TRUE(tooShort->Hit());
+    ASSERT_TRUE(memory && memory->Hit());
+    EXPECT_TRUE(outcome.result);
+    EXPECT_TRUE(Has(outcome.Lines(wxLOG_Error), "GetInterfaces() - error allocating memory."));
+    EXPECT_EQ(outcome.EventTexts(3005), Lines{Report("GetAdaptersInfo()", ERROR_BUFFER_OVERFLOW)});
+    EXPECT_TRUE(IsBound(kFirst));
+}
+
 // --- calls that never return ---
 
 TEST_F(InstallFailures, AnInstallCallThatNeverReturnsIsAbandonedAfterTenMinutesAndTheNextInstallationWorks) {

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include <netcfgx.h>
+#include <dbghelp.h>
 
+#include "Event.h"
 #include "InstallMachine.h"
 #include "Lock.h"
 #include "WindowsFunctions.h"
@@ -15,6 +17,7 @@
 
 namespace {
 
+SIMULATOR_FUNCTION(StackWalk64, "dbghelp.dll", ReturnsZero);
 SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
 
 using Simulator::NetworkAdapter;
@@ -173,6 +176,27 @@ TEST_F(InstallWatch, GivesUpAMillisecondLaterWithTheWatchdogsStack) {
     EXPECT_EQ(Reboots(outcome), 1U);
     EXPECT_EQ(outcome.EventTexts(1006), Lines{});
     EXPECT_EQ(order, (Lines{"OverallInstall", "0.0.0.0"})) << "the watchdog continued, and succeeded";
+}
+
+TEST_F(InstallWatch, GivesUpWithoutAStackIfTheWatchdogHangsWhileItReadsAnother) {
+    simulation().Functions().PassThrough<StackWalk64>();
+    const FaultPlan step = faults().HangNth("INetCfgClassSetup::Install", 1);
+    const FaultPlan walk = faults().HangNth("StackWalk64", 1, kWatchdogThread);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(step->WaitUntilHit(kPatienceMs));
+        PassTime(600'000);
+        ASSERT_TRUE(walk->WaitUntilHit(kPatienceMs));
+        AdvanceMs(3'600'001);
+        EXPECT_TRUE(AwaitReturn());
+        walk->Release();
+        EXPECT_TRUE(threads.AwaitEnds(kPatienceMs)) << "the worker was killed";
+        step->Release();
+    });
+    EXPECT_FALSE(outcome.result);
+    const Lines reports = outcome.EventTexts(1004);
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0], "OverallInstall|");
+    EXPECT_TRUE(reports[1].starts_with("InstallingDriver|")) << reports[1];
 }
 
 TEST_F(InstallWatch, CompletesAndLeaksNothingAfterItWasGivenUp) {
@@ -357,6 +381,43 @@ TEST_F(InstallWatch, AWorkerThatIsNotKilledKeepsLoggingAfterTheOutcomeAndTheWatc
     const Lines later = heard.Take();
     EXPECT_TRUE(Has(later, " Attempt #1 at installing qbimvta"));
     EXPECT_EQ(WorkerLog(outcome).find("Attempt #1 at installing qbimvta"), std::string::npos);
+}
+
+/// Hangs the thread that logs the line.
+class HangingLine : public VtaCore::Control::ThreadListener {
+public:
+    explicit HangingLine(const char *text) : m_text(text) {}
+
+    void OnThreadBegin(DWORD, const char *) override {}
+    void OnThreadEnd(DWORD, bool) override {}
+    void OnThreadLine(const VtaCore::Control::ThreadLine &line) override {
+        if (line.text != m_text)
+            return;
+        reached.Set();
+        released.Wait(INFINITE);
+    }
+
+    Simulator::Event reached;
+    Simulator::Event released;
+
+private:
+    const wxString m_text;
+};
+
+TEST_F(InstallWatch, AFailureIsReportedWithoutTheLogOfAWorkerThatHangsWhileItLogs) {
+    // A listener lives as long as the process.
+    HangingLine &line = *new HangingLine(" UninstallDriver running.");
+    VtaCore::Control::SetThreadListener(&line);
+    const InstallOutcome outcome = InstallWhile([&] {
+        ASSERT_TRUE(line.reached.Wait(kPatienceMs));
+        PassTime(3'600'000);
+        EXPECT_TRUE(AwaitReturn());
+        line.released.Set();
+    });
+    VtaCore::Control::SetThreadListener(nullptr);
+    EXPECT_TRUE(outcome.result);
+    EXPECT_EQ(FailedStep(outcome), "<UnknownStep>");
+    EXPECT_EQ(WorkerLog(outcome), "\n");
 }
 
 TEST_F(InstallWatch, AWorkerThatWasLeftAloneAndEndsInAStepOfTheWatchdogWarnsOfThatStep) {

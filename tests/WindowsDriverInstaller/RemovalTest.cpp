@@ -57,6 +57,18 @@ bool HasLine(const Removal &removal, const std::string &line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
+TEST_F(DriverRemoval, ReportsALockThatStaysAfterTheConfigurationCouldNotBeOpened) {
+    (void)simulation().GetFaults().FailNth("INetCfg::Initialize", 1, static_cast<DWORD>(E_FAIL));
+    const auto plan =
+        simulation().GetFaults().FailNth("INetCfgLock::ReleaseWriteLock", 1, static_cast<DWORD>(E_ACCESSDENIED));
+    const Removal removal = Uninstall();
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_FALSE(removal.result);
+    ASSERT_GE(removal.events.size(), 2U);
+    EXPECT_TRUE(removal.events[0].starts_with("3005|INetCfg::Initialize|")) << removal.events[0];
+    EXPECT_TRUE(removal.events[1].starts_with("3005|INetCfgLock::ReleaseWriteLock|")) << removal.events[1];
+}
+
 TEST_F(DriverRemoval, RemovesEverythingThatBelongsToTheDriversAndNothingElse) {
     const Removal removal = Uninstall();
     EXPECT_TRUE(removal.result);

@@ -1,10 +1,14 @@
 // The watcher of a removal: how it ends when no step overruns, or when more than that fails.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <dbghelp.h>
 #include <wx/log.h>
 
 #include "HungRemoval.h"
@@ -13,7 +17,12 @@
 namespace {
 
 SIMULATOR_FUNCTION(EnterCriticalSection, "KERNEL32.dll", CannotFail);
+SIMULATOR_FUNCTION(GetModuleFileNameW, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(GetThreadContext, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(OpenThread, "KERNEL32.dll", ReturnsZero);
+SIMULATOR_FUNCTION(StackWalk64, "dbghelp.dll", ReturnsZero);
 SIMULATOR_FUNCTION(SuspendThread, "KERNEL32.dll", ReturnsMinusOne);
+SIMULATOR_FUNCTION(SymInitializeW, "dbghelp.dll", ReturnsZero);
 
 using Simulator::InsideSimulator;
 
@@ -81,6 +90,38 @@ protected:
         return static_cast<std::size_t>(std::count_if(calls.begin(), calls.end(), [&function](const auto &entry) {
             return entry.thread == GetCurrentThreadId() && entry.function == function;
         }));
+    }
+
+    /// While a step overruns. @return the stacks that were logged: of the killed worker, if all is well.
+    std::vector<std::string> StacksOfOverrun() {
+        const Hang hang = HangIn("INetCfg::Apply", 1, 300'000);
+        EXPECT_TRUE(hang.killed);
+        EXPECT_TRUE(hang.destroyed);
+        EXPECT_FALSE(hang.removal.result);
+        return hang.Stacks();
+    }
+    /// Calls it each time a worker was paused, for its stack.
+    void WhenPaused(const std::function<void()> &call) {
+        simulation().Functions().Put<SuspendThread>([call](const auto &next, HANDLE thread) {
+            const DWORD count = next(thread);
+            call();
+            return count;
+        });
+    }
+    /// Releases the worker's call, and waits until the worker has ended.
+    void EndWorkersCall() {
+        simulation().GetFaults().ReleaseHung();
+        EXPECT_TRUE(AwaitEndOfWorker());
+    }
+    /// The worker whose step was about to be taken for overrun has done its work.
+    void ExpectNoKill(const Hang &hang) {
+        EXPECT_TRUE(hang.met);
+        EXPECT_TRUE(hang.waitedToTheEnd);
+        EXPECT_TRUE(hang.removal.result);
+        EXPECT_EQ(hang.Stacks(), std::vector<std::string>{});
+        EXPECT_EQ(simulation().GetJournal().Count("TerminateThread"), 0U);
+        EXPECT_TRUE(hang.destroyed);
+        EXPECT_FALSE(HasService());
     }
 
     /// An orphan that stays although its component is de-installed, and each de-installation takes so long.
@@ -198,6 +239,122 @@ TEST_F(RemovalWatch, GivesTheNextStepOfAnOrphanTheRestOfTheTime) {
     EXPECT_TRUE(hang.killed);
 }
 
+// --- steps that end late ---
+
+TEST_F(RemovalWatch, DoesNotReadTheStackOfAWorkerWhoseStepEndsAsItIsTakenForOverrun) {
+    simulation().Functions().PassThrough<SuspendThread>();
+    const DWORD caller = GetCurrentThreadId();
+    const std::uint64_t deadline = simulation().GetClock().TickMs() + 300'000;
+    unsigned checks = 0;
+    simulation().Functions().Put<EnterCriticalSection>([&](const auto &next, CRITICAL_SECTION *section) {
+        // The watcher finds the step overrun, and finds it overrun again before it acts.
+        if (GetCurrentThreadId() == caller && simulation().GetClock().TickMs() >= deadline && ++checks == 2)
+            EndWorkersCall();
+        next(section);
+    });
+    ExpectNoKill(HangIn("INetCfg::Apply", 1, 300'000));
+    EXPECT_EQ(simulation().GetJournal().Count("SuspendThread"), 0U);
+}
+
+TEST_F(RemovalWatch, DoesNotKillAWorkerWhoseStepEndsWhileItsStackIsRead) {
+    simulation().Functions().PassThrough<SuspendThread>();
+    simulation().Functions().Put<SymInitializeW>([&](const auto &next, auto... arguments) {
+        EndWorkersCall();
+        return next(arguments...);
+    });
+    ExpectNoKill(HangIn("INetCfg::Apply", 1, 300'000));
+    EXPECT_EQ(simulation().GetJournal().Count("SuspendThread"), 1U);
+}
+
+// --- stacks ---
+
+TEST_F(RemovalWatch, LogsNoStackOfAWorkerThatCannotBeReadAndKillsIt) {
+    const std::vector<std::string> empty{"Stack trace:\n"};
+    simulation().Functions().PassThrough<OpenThread>();
+    simulation().Functions().PassThrough<GetThreadContext>();
+    simulation().Functions().PassThrough<SuspendThread>();
+    for (const char *function : {"SuspendThread", "OpenThread", "GetThreadContext"}) {
+        SCOPED_TRACE(function);
+        PutRight();
+        const auto plan = simulation().GetFaults().FailEvery(function, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(StacksOfOverrun(), empty);
+        EXPECT_TRUE(plan->Hit());
+    }
+}
+
+TEST_F(RemovalWatch, DoesNotPauseAWorkerWithoutTheEventsOfTheThreadThatResumesIt) {
+    simulation().Functions().PassThrough<SuspendThread>();
+    for (const unsigned nth : {2U, 3U}) {  // the first event is the worker's own
+        SCOPED_TRACE(nth);
+        PutRight();
+        const auto plan =
+            simulation().GetFaults().FailNth("CreateEventW", nth, ERROR_NO_SYSTEM_RESOURCES, kCallerThread);
+        EXPECT_EQ(StacksOfOverrun(), std::vector<std::string>{"Stack trace:\n"});
+        EXPECT_TRUE(plan->Hit());
+        EXPECT_EQ(simulation().GetJournal().Count("SuspendThread"), 0U);
+    }
+}
+
+TEST_F(RemovalWatch, LogsAddressesIfTheSymbolsCannotBeOpened) {
+    Simulator::FaultPlanHandle plan;
+    WhenPaused([&] { plan = simulation().GetFaults().FailNth("DuplicateHandle", 1, ERROR_ACCESS_DENIED); });
+    const std::vector<std::string> stacks = StacksOfOverrun();
+    ASSERT_TRUE(plan && plan->Hit());
+    ASSERT_EQ(stacks.size(), 1U);
+    EXPECT_TRUE(stacks[0].starts_with("Stack trace:\n[00] 0000")) << stacks[0];
+    EXPECT_EQ(stacks[0].find('+'), std::string::npos) << stacks[0];
+}
+
+TEST_F(RemovalWatch, SearchesForSymbolsInTheCurrentFolderIfTheModulesIsUnknown) {
+    simulation().Functions().PassThrough<GetModuleFileNameW>();
+    WhenPaused([&] { (void)simulation().GetFaults().FailNth("GetModuleFileNameW", 1, ERROR_NOT_ENOUGH_MEMORY); });
+    EXPECT_EQ(StacksOfOverrun().size(), 1U);
+    const std::vector<std::string> opens = Calls({"SymInitializeW"});
+    ASSERT_EQ(opens.size(), 1U);
+    EXPECT_NE(opens[0].find(", \".\", "), std::string::npos) << opens[0];
+}
+
+TEST_F(RemovalWatch, LogsTwoHundredFramesAtMost) {
+    simulation().Functions().Put<StackWalk64>([](const auto &next, auto... arguments) -> BOOL {
+        (void)next(arguments...);
+        return TRUE;
+    });
+    const std::vector<std::string> stacks = StacksOfOverrun();
+    ASSERT_EQ(stacks.size(), 1U);
+    EXPECT_NE(stacks[0].find("\n[199] "), std::string::npos) << stacks[0];
+    EXPECT_EQ(stacks[0].find("\n[200] "), std::string::npos) << stacks[0];
+}
+
+TEST_F(RemovalWatch, ResumesAWorkerAgainIfThatFailsAfterTheWalk) {
+    const auto plan = simulation().GetFaults().FailNth("ResumeThread", 2, ERROR_ACCESS_DENIED);  // after the start
+    EXPECT_EQ(StacksOfOverrun().size(), 1U);
+    EXPECT_TRUE(plan->Hit());
+    EXPECT_EQ(simulation().GetJournal().Count("ResumeThread"), 3U);
+}
+
+TEST_F(RemovalWatch, ResumesAWorkerAfterFiveSecondsIfTheWalkWaitsForALockOfIts) {
+    Simulator::FaultPlanHandle refused;
+    bool wasResumed = false;
+    bool isPaused = false;
+    WhenPaused([&] { isPaused = true; });
+    simulation().Functions().Put<StackWalk64>([&](const auto &next, auto... arguments) {
+        if (isPaused && !refused) {
+            refused = simulation().GetFaults().FailNth("ResumeThread", 1, ERROR_ACCESS_DENIED);
+            const unsigned before = simulation().GetFaults().Calls("ResumeThread");
+            simulation().GetClock().Advance(std::chrono::milliseconds(5'000));
+            wasResumed =
+                Await(kPatienceMs, [&] { return simulation().GetFaults().Calls("ResumeThread") >= before + 2; });
+        }
+        return next(arguments...);
+    });
+    const std::vector<std::string> stacks = StacksOfOverrun();
+    ASSERT_EQ(stacks.size(), 1U);
+    EXPECT_TRUE(stacks[0].starts_with("Stack trace:\n[00] ")) << stacks[0];
+    EXPECT_TRUE(wasResumed) << "again, since the first attempt was refused";
+    EXPECT_TRUE(refused && refused->Hit());
+    EXPECT_EQ(simulation().GetJournal().Count("ResumeThread"), 4U) << "for the start, twice late, and after the walk";
+}
+
 // --- kills ---
 
 TEST_F(RemovalWatch, KeepsTheObjectOfAWorkerThatCannotBeKilledUntilItHasEnded) {
@@ -227,6 +384,25 @@ TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerWhoseEndCannotBeDetected) {
     EXPECT_FALSE(hang.removal.result);
     EXPECT_TRUE(hang.killed);
     EXPECT_FALSE(hang.destroyed);
+    EXPECT_EQ(VtaCore::Control::LiveObjects(), objects + 1);
+}
+
+TEST_F(RemovalWatch, KeepsTheObjectOfAKilledWorkerWhoseEndCannotBeAwaited) {
+    const int objects = VtaCore::Control::LiveObjects();
+    std::atomic<bool> awaitedForGood{false};
+    simulation().Functions().Put<Simulator::System::WaitForSingleObject>(
+        [&awaitedForGood](const auto &next, HANDLE handle, DWORD ms) -> DWORD {
+            if (GetThreadId(handle) == 0)
+                return next(handle, ms);
+            awaitedForGood = awaitedForGood || ms == INFINITE;
+            SetLastError(ERROR_INVALID_HANDLE);
+            return WAIT_FAILED;
+        });
+    const Hang hang = HangIn("INetCfg::Apply", 1, 300'000, Fate::KilledButKept);
+    EXPECT_FALSE(hang.removal.result);
+    EXPECT_TRUE(hang.killed);
+    EXPECT_TRUE(Await(kPatienceMs, [&] { return awaitedForGood.load(); }));
+    EXPECT_TRUE(threads.AwaitEnds(kPatienceMs)) << "nothing waits any longer";
     EXPECT_EQ(VtaCore::Control::LiveObjects(), objects + 1);
 }
 

@@ -6,18 +6,15 @@ set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 XML=$1
-# shellcheck disable=SC2034 # for shell-tests.sh
-SUITE=Coverage
 SCRIPTS=$HERE/../../scripts
-WORK=$(mktemp -d -p "${FC_TEMPORARY:-}")
-trap 'rm -rf "$WORK"' EXIT
 # shellcheck source=tests/support/shell-tests.sh
-. "$HERE/../support/shell-tests.sh"
+. "$HERE/../support/shell-tests.sh" Coverage
 
-# counted LINES [BRANCH]...: what is told of $WORK/x.cpp; the table without its head and blanks. LINES are the counts of its lines, 0 or
-# more, or - where there is no code, a BRANCH is LINE,COLUMN,TRUE,FALSE.
+# counted [--whole] LINES [BRANCH]...: what is told of $WORK/x.cpp; the table without its head and blanks. False if that fails. LINES are
+# the counts of its lines, 0 or more, or - where there is no code, a BRANCH is LINE,COLUMN,TRUE,FALSE.
 counted() {
-    local count number=0 branches=()
+    local count number=0 branches=() whole=()
+    [ "$1" != --whole ] || { whole=(--whole) && shift; }
     {
         echo "SF:$WORK/x.cpp"
         for count in $1; do
@@ -34,7 +31,7 @@ counted() {
         IFS=,
         echo "{\"data\": [{\"files\": [{\"filename\": \"$WORK/x.cpp\", \"branches\": [${branches[*]}]}]}]}"
     ) >"$WORK/json"
-    "$SCRIPTS/coverage.py" "$WORK" "$WORK/lcov" "$WORK/json" | sed '/file$/d; s/  */ /g; s/^ //' >"$WORK/out"
+    "$SCRIPTS/coverage.py" "${whole[@]}" "$WORK" "$WORK/lcov" "$WORK/json" 2>"$WORK/error" | sed '/file$/d; s/  */ /g; s/^ //' >"$WORK/out"
 }
 
 # is_told LINE...: all that the last count told.
@@ -74,6 +71,30 @@ TheInstancesOfATemplateAreOne() {
     echo a >"$WORK/x.cpp"
     counted 1 1,5,1,0 1,5,0,1 1,9,1,0
     is_told 'x.cpp:1: never false' '1 1 100.0 % 4 3 75.0 % x.cpp' '1 1 100.0 % 4 3 75.0 % all'
+}
+
+# is_short WHAT: the last count failed in one line, which says so.
+is_short() {
+    [ "$(<"$WORK/error")" = "error: the tests reach too little: $1" ] || because "it says: $(<"$WORK/error")"
+}
+
+TheWholeFailsBelow100PercentOfLinesOr97OfBranches() {
+    local most=() all=() place
+    for place in {1..50}; do all+=("1,$place,1,1"); done
+    most=("${all[@]:3}" "1,51,1,0" "1,52,1,0" "1,53,1,0")
+    printf 'a\nb\n' >"$WORK/x.cpp"
+    counted --whole '1 1' "${most[@]}" || because "97 % of branches fail: $(<"$WORK/error")" || return
+    ! counted --whole '1 1' "${most[@]:1}" 1,54,0,1 || because "96 % of branches pass" || return
+    is_short '96 of 100 branches, at least 97 %' || return
+    ! counted --whole '1 0' "${all[@]}" || because "50 % of lines pass" || return
+    is_short '1 of 2 lines, at least 100 %' || return
+    ! counted --whole '1 0' 1,1,1,0 || because "half of both passes" || return
+    is_short '1 of 2 lines, at least 100 %; 1 of 2 branches, at least 97 %'
+}
+
+APartOfTheProgramsMayReachLess() {
+    printf 'a\nb\n' >"$WORK/x.cpp"
+    counted '1 0' 1,1,1,0 || because "it fails: $(<"$WORK/error")"
 }
 
 AReportOfNothingFails() {
@@ -135,9 +156,10 @@ TheSeedDecides() {
     ! cmp -s "$WORK/first" "$WORK/out" || because "another seed draws the same"
 }
 
-for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne AReportOfNothingFails \
-    EachKindOfChangeIsDrawn NumbersWithAPointCharactersAndStatementsOfSeveralLinesAreDrawnToo AChangeWithoutEffectIsLeftOut \
-    CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
+for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold \
+    TheInstancesOfATemplateAreOne TheWholeFailsBelow100PercentOfLinesOr97OfBranches APartOfTheProgramsMayReachLess \
+    AReportOfNothingFails EachKindOfChangeIsDrawn NumbersWithAPointCharactersAndStatementsOfSeveralLinesAreDrawnToo \
+    AChangeWithoutEffectIsLeftOut CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
     test_case "$name"
 done
 write_results coverage-tests "$XML"

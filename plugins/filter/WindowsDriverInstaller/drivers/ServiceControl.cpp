@@ -141,10 +141,12 @@ bool DeleteWfpService() {
     return true;
 }
 
+// not reached: nothing in the module calls it
 bool IsNdisServiceRunning() {
     return IsServiceRunning(kNdisService);
 }
 
+// not reached: the same
 bool IsWfpServiceRunning() {
     return IsServiceRunning(kWfpService);
 }

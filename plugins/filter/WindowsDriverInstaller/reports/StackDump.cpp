@@ -109,6 +109,7 @@ protected:
         if (!text.empty())
             text += '\n';
         text += wxString::Format("[%02u] ", static_cast<unsigned>(frame.GetLevel()));
+        // not reached: frames of a walk get a name and an offset, but no module
         if (!frame.GetModule().empty())
             text += frame.GetModule() + ":";
         if (frame.GetName().empty())

@@ -64,6 +64,7 @@ bool CDriverUninstallerThread::RemoveInfByHand(const InfFolders &folders, const 
 /// @return whether the file is left to the next boot.
 bool CDriverUninstallerThread::RemoveInfWithExtension(std::wstring path, const wchar_t *extension) {
     const std::size_t dot = path.rfind(L'.');
+    // not reached: the search was for oem*.inf, so the name has a dot
     if (dot == path.npos)
         return false;
     path.replace(dot, path.npos, extension);

@@ -24,7 +24,7 @@ void CDriverUninstallerThread::StartStep(std::uint32_t step, std::uint32_t limit
 void CDriverUninstallerThread::EndStep(std::uint32_t step) {
     {
         const wxCriticalSectionLocker lock(stepLock);
-        if (!stepStack.empty()) {  // not reached: empty, since each step that ends was begun
+        if (!stepStack.empty()) {
             const std::uint32_t top = stepStack.back()->step;
             if (top != step)  // compat 88: warns with the lock held, and still pops the top step
                 wxLogWarning("Consistency check - we just completed %s but %s was on top of the step stack.",
@@ -69,9 +69,9 @@ bool CDriverUninstallerThread::WaitForStepToFinish() {
             timeout = std::min(timeout, RestOfTopStep());
         }
         // A step that ends between the poll and the wait leaves the event set. Two ends may cause one wake-up.
-        switch (WaitForSingleObject(stepFinished.get(), timeout)) {
+        switch (WaitForSingleObject(stepFinished.get(), timeout)) {  // not reached: clang counts nothing after a return
             case WAIT_OBJECT_0:
-            case WAIT_ABANDONED:
+            case WAIT_ABANDONED:  // not reached: only a mutex is abandoned, and this is an event
                 return true;
             case WAIT_TIMEOUT:
                 if (HasTopStepOverrun())

@@ -44,6 +44,7 @@ Overrun KillIfOverrun(CDriverUninstallerThread &thread) {
         wxLogVerbose("Stack trace:\n%s", stack);
         thread.End().Kill(thread);
     }
+    // not reached: clang counts nothing after a block with a return
     (void)thread.End().HasEnded(thread, kEndOfThreadMs);
     return {.outcome = OverrunOutcome::IsKilled, .step = *overrun};
 }
