@@ -152,7 +152,17 @@ public:
         return Failing("INetCfgClassSetup::DeInstall", 1, [this] { return HasFilter() && HasInf(L"oem1.inf"); });
     }
     Survival FailingToRemoveAnInf() {
-        return Failing("SetupUninstallOEMInfW", 1, [this] { return HasInf(L"oem1.inf") && !HasInf(L"oem2.inf"); });
+        const auto isLeft = [this] { return HasInf(L"oem1.inf") && !HasInf(L"oem2.inf"); };
+        Survival survival = Failing("SetupUninstallOEMInfW", 1, isLeft);
+        simulation().GetFaults().Clear();
+        PutRight();
+        (void)simulation().GetFaults().FailNth("GetProcAddress", 1, ERROR_PROC_NOT_FOUND, kRemovingThread);
+        (void)simulation().GetFaults().FailNth("MoveFileExW", 1, ERROR_ACCESS_DENIED);
+        const Survival byHand = Failing("DeleteFileW", 2, isLeft);  // after the .pnf
+        survival.removal.log.insert(survival.removal.log.end(), byHand.removal.log.begin(), byHand.removal.log.end());
+        survival.removal.result = survival.removal.result && byHand.removal.result;
+        survival.isLeft = survival.isLeft && byHand.isLeft;
+        return survival;
     }
     Survival FailingTheCheck() {
         PutOrphan();
@@ -220,10 +230,10 @@ protected:
                    StacksIn(survival.removal.log).size() == 1;
         if (words == "the log ends outside of all other steps")
             return OpenSteps(survival.removal) == std::vector<std::string>{"ThreadRunning"};
-        if (words == ", or")
-            return std::any_of(spans.begin(), spans.end(), [&](const std::string &span) { return Has(text, span); });
         if (spans.empty())
             return false;
+        if (words == ", or")
+            return std::all_of(spans.begin(), spans.end(), [&](const std::string &span) { return Has(text, span); });
         if (words == "then")
             return Has(text, spans.front() + "..." + spans.back());
         if (words == "with a failure")
