@@ -140,7 +140,8 @@ TheSeedDecides() {
     ! cmp -s "$WORK/first" "$WORK/out" || because "another seed draws the same"
 }
 
-for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne TheWholeFailsBelow100PercentOfLinesOr97OfBranches APartOfTheProgramsMayReachLess AReportOfNothingFails \
+for name in LinesAndBranchesAreCounted WhatACommentGivesAReasonForIsLeftOut ACommentThatIsNoLongerTrueIsTold TheInstancesOfATemplateAreOne \
+    TheWholeFailsBelow100PercentOfLinesOr97OfBranches APartOfTheProgramsMayReachLess AReportOfNothingFails \
     EachKindOfChangeIsDrawn CommentsAndDirectivesStayAsTheyAre TheSeedDecides; do
     test_case "$name"
 done
