@@ -20,10 +20,12 @@ const char *FirstMissing(const std::string &text, std::initializer_list<const ch
     return nullptr;
 }
 
-/// Searches stacks for a frame with an address instead of a name. The innermost one, which waits in the system, has no
-/// name under some versions of Wine. @return empty for none.
+/// Searches stacks for a frame with an address instead of a name. The innermost one, which waits in the system, and the
+/// outermost ones, in which the system begins a thread, have no names under some versions of Wine.
+/// @return empty for none.
 std::string FirstNamelessFrame(const std::string &text) {
-    static const std::regex nameless(R"(\[(0[1-9]|[1-9][0-9]+)\] ([^: ]+:)?(0x)?[0-9A-Fa-f]{8,16}\b)");
+    static const std::regex nameless(
+        R"(\[(0[1-9]|[1-9][0-9]+)\] ([^: ]+:)?(0x)?[0-9A-Fa-f]{8,16}\b[^\\"]*\\n\[[0-9]+\] [A-Za-z_?])");
     std::smatch frame;
     return std::regex_search(text, frame, nameless) ? frame.str() : std::string();
 }

@@ -1,5 +1,6 @@
 // The agent's thread: its start, its waits, and all the ways in which it ends.
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -233,16 +234,23 @@ TEST_F(Runnable, NamesItsThread) {
 }
 
 TEST_F(Runnable, IsBoundToItsProcessor) {
+    // The test program may itself be bound to one.
+    DWORD_PTR ours = 0;
+    DWORD_PTR all = 0;
+    ASSERT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &ours, &all));
+    ASSERT_TRUE(SetProcessAffinityMask(GetCurrentProcess(), all));
+    const int processor = std::countr_zero(all);
     DWORD_PTR mask = 0;
     Worker worker(
         m_record,
-        [&mask](Worker &) {
-            mask = SetThreadAffinityMask(GetCurrentThread(), 1);  // returns the previous mask
+        [&](Worker &) {
+            mask = SetThreadAffinityMask(GetCurrentThread(), all);  // returns the previous mask
         },
-        false, false, 0);
+        false, false, processor);
     ASSERT_TRUE(worker.start(kNormalPriority, true, 0));
     worker.Wait();
-    EXPECT_EQ(mask, 1u);
+    EXPECT_EQ(mask, DWORD_PTR{1} << processor);
+    EXPECT_TRUE(SetProcessAffinityMask(GetCurrentProcess(), ours));
 }
 
 TEST_F(Runnable, ASuspendedThreadWaitsForAwaken) {
